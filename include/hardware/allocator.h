@@ -1,0 +1,44 @@
+// allocator.h: the one allocator configuration of the process, and the buffers of tensors. Internal.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include "dynamic_mem_pool.h"
+
+namespace ornik::device {
+
+/// Which pools there are. Built on first use and never destroyed: tensors with static storage duration give
+/// their buffers back after main has returned.
+class AllocatorConfig {
+  public:
+    static AllocatorConfig& Get();
+
+    void SetUseDynamicCPUMem(bool on) { use_dynamic_cpu_mem_.store(on, std::memory_order_relaxed); }
+    bool IfUseDynamicCPUMem() const { return use_dynamic_cpu_mem_.load(std::memory_order_relaxed); }
+
+    /// Makes sure that the CPU has its pool. Does nothing, and returns true, while the flag is off.
+    bool Init_allocator(std::int64_t device);
+    /// Null before the first allocation.
+    DynamicMemPool* cpu_pool() const { return cpu_pool_.load(std::memory_order_acquire); }
+
+  private:
+    AllocatorConfig() = default;
+
+    std::atomic<bool> use_dynamic_cpu_mem_{true};
+    std::atomic<DynamicMemPool*> cpu_pool_{nullptr};
+    std::mutex init_mutex_;
+};
+
+/// A buffer of count x item size bytes. Fails for GPU devices, while the dynamic-memory flag is off, for a
+/// size beyond 63 bits, and when memory runs out.
+void* AllocTensorBuffer(std::int64_t device, std::int64_t count, std::int64_t dtype);
+
+/// Gives a buffer back to the pool it came from, whatever the flag is by now. Null pointers and GPU devices
+/// are skipped; an address that the pool does not know is left alone.
+void FreeTensorBuffer(std::int64_t device, void* address) noexcept;
+
+}  // namespace ornik::device

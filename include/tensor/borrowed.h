@@ -1,0 +1,32 @@
+// borrowed.h: "the tensor as it is, or a temporary made from it". Internal.
+//
+// contiguous() and toDtype(dtype, false) return either the tensor they were called on or a new one that
+// the caller deletes. Code of the library goes through this class, which knows the difference.
+#pragma once
+
+#include <memory>
+
+#include "tensor.h"
+
+namespace ornik {
+
+class Borrowed {
+  public:
+    /// The tensor itself when it is contiguous, else a contiguous copy. Null gives null.
+    static Borrowed contiguous(Tensor* t) { return {t, t == nullptr ? nullptr : t->contiguous()}; }
+    /// The tensor itself when it has the dtype, else a converted copy.
+    static Borrowed of_dtype(Tensor* t, std::int64_t dtype) { return {t, t->toDtype(dtype, false)}; }
+
+    Tensor* get() const { return tensor_; }
+    Tensor* operator->() const { return tensor_; }
+    /// True when get() is a copy of its own.
+    bool is_copy() const { return copy_ != nullptr; }
+
+  private:
+    Borrowed(Tensor* original, Tensor* tensor) : tensor_(tensor), copy_(tensor == original ? nullptr : tensor) {}
+
+    Tensor* tensor_;
+    std::unique_ptr<Tensor> copy_;
+};
+
+}  // namespace ornik

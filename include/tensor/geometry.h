@@ -1,0 +1,38 @@
+// geometry.h: pure rules over shapes and strides, counted in elements.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "../export.h"
+#include "../utils/error.h"
+
+namespace ornik {
+
+/// Row-major strides of a shape: [12, 4, 1] for [2, 3, 4]; [] for [].
+ORNIK_API Dims shape2stride(const Dims& shape);
+
+/// Number of elements of a shape, 1 for []. A product beyond 64 bits is reported as an error of `at`.
+std::int64_t checked_numel(const Where& at, const Dims& shape);
+
+/// True when `strides` are exactly the row-major strides of `shape`, or when there are fewer than two
+/// elements. Axes of extent 1 are compared like any other.
+bool is_row_major(const Dims& shape, const Dims& strides, std::int64_t numel);
+
+/// Lowest and highest position, relative to element 0, that a strided tensor touches. Nothing when it
+/// has no elements.
+struct Span {
+    std::int64_t lowest = 0;
+    std::int64_t highest = 0;
+};
+
+/// The span of a shape under strides; nullopt when a position does not fit in 64 bits. A shape with a
+/// zero extent spans only position 0 and is to be tested by its element count first.
+std::optional<Span> element_span(const Dims& shape, const Dims& strides);
+
+/// Strides under which a tensor of (shape, strides, numel) shows the same elements, in the same order, as
+/// a tensor of shape `target`. Empty when no such view exists (also when `target` is empty). A tensor
+/// without axes gives zero strides for any target. `target` holds no -1.
+Dims view_strides(const Dims& shape, const Dims& strides, std::int64_t numel, const Dims& target);
+
+}  // namespace ornik

@@ -1,0 +1,371 @@
+// tensor.h: the n-dimensional strided array that every operation works on.
+//
+//     std::unique_ptr<ornik::Tensor> a(ornik::Tensor::ones({2, 3}, 0, ornik::dtype::float32));
+//     std::unique_ptr<ornik::Tensor> b(a->add_scalar(1.5F));
+//
+// Every operation that makes a tensor returns a new heap object that the caller deletes; views share the
+// storage of the tensor they were made from. Refused arguments raise std::runtime_error before anything
+// is allocated or written. The members stand in blocks by family; each block says which file of
+// src/tensor/ defines it.
+#pragma once
+
+#include <complex>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "../export.h"
+#include "../utils/complex_helper.h"
+#include "../utils/error.h"
+#include "dtype.h"
+#include "tensor_meta.h"
+#include "tensor_storage.h"
+
+namespace ornik {
+
+/// What a creation function needs to make a tensor like another one.
+struct TensorToptions {
+    std::int64_t dtype = 0;
+    std::int64_t device = 0;
+    Dims shape;
+    std::int64_t size = 0;
+    Dims stride;
+    std::int32_t ndim = 0;
+};
+
+/// The packed word of the creation functions: dtype code in the low 4 bits, device slot above (0 for
+/// device codes below 1000, else device - 999). Neither code is checked.
+ORNIK_API std::int32_t pack_dtype_and_device(std::int64_t dtype, std::int64_t device);
+
+class ORNIK_API Tensor {
+  public:
+    // ---- Construction and destruction (tensor.cpp) ----
+
+    /// No shape, no meta, no storage.
+    Tensor();
+    /// An uninitialised tensor; `packed` is the dtype-and-device word. Extents of 1 and above, at most 29
+    /// axes; an empty shape makes a scalar of one element. Sets the OpenMP team size of the calling
+    /// thread to the configured one (ConfigSetNumThreads).
+    Tensor(const Dims& shape, std::int32_t packed);
+    /// As above; when `data` is not null, size x item size bytes are copied from it. `ndarray_handle`
+    /// is kept for the caller.
+    Tensor(const Dims& shape, const void* data, std::int32_t packed, void* ndarray_handle);
+    /// The packed word is the low 32 bits of the other tensor's device code, not its dtype: for a CPU
+    /// tensor the result is an uninitialised bool tensor. See empty_like for a tensor of the same dtype.
+    Tensor(const Dims& shape, const Tensor* other);
+    /// An uninitialised bool CPU tensor of the shape; values and packed word are not used.
+    Tensor(const std::vector<float>& values, const Dims& shape, std::int32_t packed);
+    ~Tensor();
+    Tensor(const Tensor&) = delete;
+    Tensor& operator=(const Tensor&) = delete;
+
+    // ---- Queries ----
+
+    const Dims& Shape() const { return shape_; }
+    const Dims& Strides() const { return strides_; }
+    std::int64_t Size() const { return size_; }
+    std::int64_t Dtype() const { return dtype_; }
+    std::int64_t Device() const { return device_; }
+    std::int32_t ndim() const { return ndim_; }
+    /// Layout code (namespace layout); dense when there is no meta.
+    std::int64_t Layout() const { return meta_ ? meta_->Layout() : layout::dense; }
+    /// In elements; 0 when there is no meta.
+    std::int64_t StorageOffset() const { return meta_ ? meta_->GetStorageOffset() : 0; }
+    /// Bytes of one element.
+    std::int64_t itemsize() const { return dtype_item_size(dtype_); }
+    /// Address of element 0, storage offset included; null when there is no meta.
+    void* getRawData() const { return meta_ ? meta_->getRawData() : nullptr; }
+    /// The same address as a number.
+    std::intptr_t get_data_intptr() const { return reinterpret_cast<std::intptr_t>(getRawData()); }
+    std::shared_ptr<tensorT::Tensor_storage> getStorage() const { return meta_ ? meta_->getStorage() : nullptr; }
+    /// Replaces the storage that the meta holds; it must hold every element of this tensor.
+    void setStorage(const std::shared_ptr<tensorT::Tensor_storage>& storage);
+    const std::shared_ptr<tensorT::Tensor_Meta>& getMeta() const { return meta_; }
+    const std::shared_ptr<TensorToptions>& get_options() const { return options_; }
+    std::int64_t get_alloc_mem_size() const { return meta_ ? meta_->get_alloc_mem_size() : 0; }
+    /// True when there are fewer than two elements or the strides are exactly the row-major ones.
+    bool is_contiguous() const;
+
+    bool is_dense() const { return Layout() == layout::dense; }
+    bool is_csr() const { return Layout() == layout::csr; }
+    bool is_coo() const { return Layout() == layout::coo; }
+
+    bool isBool() const { return dtype_ == dtype::boolean; }
+    bool isBoolType() const { return isBool(); }
+    /// True for bool as well.
+    bool isInteger() const { return dtype_ < dtype::float32; }
+    /// True for bool as well, whatever the flag.
+    bool isIntegralType(bool /*include_bool*/) const { return isInteger(); }
+    bool isFloat() const { return is_dtype_class(dtype_, DtypeClass::floating); }
+    bool isFloatingType() const { return isFloat(); }
+    bool isComplexType() const { return is_dtype_class(dtype_, DtypeClass::complex); }
+    static bool sameDtype(const Tensor* a, const Tensor* b) { return a->dtype_ == b->dtype_; }
+
+    bool isCPU() const { return device_ == 0; }
+    bool isGPU() const { return getDeviceID(device_) == 1; }
+    /// -1 for a negative code, 0 (CPU) below 1000, 1 (GPU) below 10000, else 2.
+    static std::int64_t getDeviceID(std::int64_t code);
+    /// "CPU" for codes 0 .. 999, "GPU" for 1000 .. 9999, else "unknown".
+    std::string getDeviceName() const;
+    /// Device code - 1000.
+    std::int64_t getGPUIndex() const { return gpu_index_; }
+
+    /// Product of the extents of axes 0 .. k-1. This and the next two work in 32 bits and fail for
+    /// k > ndim - 1.
+    std::int32_t size_to_dim(std::int32_t k) const;
+    /// Product of the extents of axes k .. last.
+    std::int32_t size_from_dim(std::int32_t k) const;
+    /// Product of the extents of axes k+1 .. last.
+    std::int32_t size_out_dim(std::int32_t k) const;
+
+    /// Fails for 30 or more axes and for an extent whose low 32 bits are not a positive number.
+    static void JungleInlegalShape(const Dims& shape);
+
+    // ---- State of the language binding and of sparse tensors ----
+
+    std::int32_t get_storage_type() const { return storage_type_; }
+    void set_storage_type(std::int32_t type) { storage_type_ = type; }
+    void* get_ndarray_handles() const { return ndarray_handles_; }
+    void set_ndarray_handles(void* handle) { ndarray_handles_ = handle; }
+    bool get_if_not_delete_ndarray_handle() const { return if_not_delete_ndarray_handle_; }
+    void set_if_not_delete_ndarray_handle(bool flag) { if_not_delete_ndarray_handle_ = flag; }
+    bool get_if_scalar() const { return if_scalar_; }
+    void set_if_scalar(bool flag) { if_scalar_ = flag; }
+    /// The component tensors of a sparse tensor; this tensor deletes them.
+    const std::vector<Tensor*>& get_csr_members() const { return csr_members_; }
+    void set_csr_members(const std::vector<Tensor*>& members) { csr_members_ = members; }
+
+    // ---- Updates of the tensor's description; the data stays as it is (tensor_state.cpp) ----
+    // An update after which elements would lie outside the storage is refused.
+
+    /// New extents, each at least 1. The element count may change only while it is below 2.
+    void updateShape(const Dims& shape);
+    /// Row-major strides of the present shape.
+    void updateStrides();
+    void updateStrides(const Dims& strides);
+    /// Recomputes the element count from the shape.
+    void updateSize();
+    void updateDtype(std::int64_t dtype);
+    void updateDevice(std::int64_t device);
+    void updateOffset(std::int64_t offset);
+    void setSize(std::int64_t size);
+    /// Does nothing in this build: buffers go back when the last share of their storage does.
+    void FreeData() {}
+
+    // ---- Initialisers; each returns 0 (tensor_state.cpp) ----
+    // They accept extents of 0.
+
+    /// Sets dtype, device, shape, size and row-major strides. No meta, no storage.
+    int init_tensor_without_alloc_data(const Dims& shape, std::int64_t dtype, std::int64_t device, std::int64_t layout);
+    /// As above, with a meta and a newly taken storage.
+    int initialize_none_tensor(const Dims& shape, std::int64_t dtype, std::int64_t device, std::int64_t layout);
+    /// A view: a meta that shares `storage`, with the given strides and offset in elements. Fails when
+    /// an element would lie outside the storage.
+    int init_none_tensor_with_shared_storage(const Dims& shape, const Dims& strides, std::int64_t dtype,
+                                             std::int64_t device,
+                                             const std::shared_ptr<tensorT::Tensor_storage>& storage,
+                                             std::int64_t layout, std::int64_t offset);
+
+    // ---- Creation: shape, device code, dtype code (tensor_create.cpp) ----
+
+    static Tensor* empty(const Dims& shape, std::int64_t device, std::int64_t dtype);
+    static Tensor* empty_like(const Tensor* t);
+    static Tensor* empty_with_dtype_and_dev(const Dims& shape, std::int32_t packed);
+    /// `empty`, then the given strides replace the row-major ones; the storage keeps as many elements as
+    /// the shape has.
+    static Tensor* empty_strided(const Dims& shape, const Dims& strides, std::int32_t packed);
+    static Tensor* empty_using_tensor_options(const TensorToptions& options);
+    static Tensor* new_tensor(const Dims& shape, const Dims& strides, bool scalar_flag, std::int64_t device,
+                              std::int64_t dtype);
+    static Tensor* zeros(const Dims& shape, std::int64_t device, std::int64_t dtype);
+    static Tensor* zeros_like(const Tensor* t);
+    static Tensor* zeros_with_tensor_options(const TensorToptions& options);
+    static Tensor* ones(const Dims& shape, std::int64_t device, std::int64_t dtype);
+    /// T is one of the ten element types; the value is converted to the dtype. A complex value needs a
+    /// complex dtype.
+    template <typename T>
+    static Tensor* full(const Dims& shape, T value, std::int64_t device, std::int64_t dtype);
+    template <typename C>
+    static Tensor* full_std_complex_wrapper(const Dims& shape, C value, std::int64_t device, std::int64_t dtype);
+    /// An uninitialised tensor without axes, of one element.
+    static Tensor* scalar(std::int32_t packed);
+
+    // ---- Sequences and matrices (tensor_sequences.cpp) ----
+    // Elements are produced by a running sum in single precision: x = start; x = x + step.
+
+    /// ceil((end - start) / step) elements, end excluded. Real dtypes except bool.
+    static Tensor* arange(double start, double end, double step, std::int64_t device, std::int64_t dtype);
+    /// floor((end - start) / step) + 1 elements, end included when reached.
+    static Tensor* range(float start, float end, float step, std::int64_t device, std::int64_t dtype);
+    /// `num` values from start to end, both included.
+    static Tensor* linspace(float start, float end, std::int64_t num, std::int64_t device, std::int64_t dtype);
+    /// base to the power of the values of linspace.
+    static Tensor* logspace(float start, float end, std::int64_t num, float base, std::int64_t device,
+                            std::int64_t dtype);
+    /// rows x cols on the CPU: ones where column - row == offset, zeros elsewhere. -rows < offset < rows.
+    static Tensor* eye(std::int64_t rows, std::int64_t cols, std::int64_t offset, std::int64_t dtype);
+    /// Fails for start or end that is NaN or infinite.
+    static void CheckLegalArange(double start, double end, double step);
+    /// A new tensor: the elements of the last two axes with column - row <= k, zeros elsewhere.
+    Tensor* tril(std::int64_t k) const;
+    /// A new tensor: the elements of the last two axes with column - row >= k, zeros elsewhere.
+    Tensor* triu(std::int64_t k) const;
+    /// A view: axes dim1 and dim2 (different; negative ones count from the end) are dropped, and a last
+    /// axis walks the diagonal displaced by `offset` towards higher indices of dim2.
+    Tensor* diagonal(std::int64_t offset, int dim1, int dim2) const;
+
+    // ---- Fills; the value is converted to the tensor's dtype (tensor_create.cpp) ----
+
+    void fill_(double value);
+    template <typename T>
+    void fill_with_(T value);
+    template <typename C>
+    void fill_std_complex_pybind_(C value);
+
+    // ---- Conversion and copying (tensor_core.cpp) ----
+
+    /// A new tensor of the dtype; null for a tensor that is not on the CPU.
+    Tensor* astype(std::int64_t dtype) const;
+    /// As astype; when the tensor has the dtype already and `copy` is false, the tensor itself.
+    Tensor* toDtype(std::int64_t dtype, bool copy);
+    /// Writes the tensor's elements, converted to `dtype`, into `target`, which must be of that dtype.
+    /// With the tensor's own dtype and copy_flag, a plain copy_tensor comes first.
+    void CopyToTargetWithDtype(Tensor* target, std::int64_t dtype, bool copy_flag);
+    /// Copies src into this tensor, converting and broadcasting it.
+    void copy_from_(Tensor* src);
+    /// The tensor itself when it is contiguous, else a new row-major copy.
+    Tensor* contiguous();
+    Tensor* clone() const;
+    Tensor* copy() const { return clone(); }
+
+    // ---- Moves between devices (tensor_device.cpp) ----
+
+    /// A copy on the CPU; `device` must be 0.
+    Tensor* CPU(std::int64_t device);
+    /// Refused in this build.
+    Tensor* GPU(std::int64_t device);
+    void toCPU(std::int64_t device);
+    void toGPU(std::int64_t device);
+    void toDevice(std::int64_t device);
+
+    // ---- Broadcasting: stride-0 views (tensor_shape.cpp) ----
+
+    /// a and b under their common shape: two new views, in argument order.
+    static std::vector<Tensor*> broadcast(const Tensor* a, const Tensor* b);
+    static Tensor* broadcast_to(const Tensor* t, const Dims& shape);
+
+    // ---- Arithmetic (tensor_math/tensor_arithmetic.cpp, tensor_scalar_arithmetic.cpp) ----
+    // Both operands have the same shape: broadcast first. Result dtypes follow the promotion tables of
+    // tensor_math/promotion.h: sum, difference and product promote to the wider kind, a quotient is
+    // always floating or complex, and a scalar never widens a tensor of its own kind. Integers wrap.
+
+    Tensor* add_tensor(Tensor* other);
+    Tensor* sub_tensor(Tensor* other);
+    Tensor* mult_tensor(Tensor* other);
+    Tensor* div_tensor(Tensor* other);
+    /// The in-place forms keep this tensor's dtype; other is converted to it.
+    void add_tensor_inplace(Tensor* other);
+    void sub_tensor_inplace(Tensor* other);
+    void mult_tensor_inplace(Tensor* other);
+    void div_tensor_inplace(Tensor* other);
+    /// The sum of all, in the first tensor's dtype; the list must not be empty.
+    static Tensor* add_tensors_list(const std::vector<Tensor*>& tensors);
+
+    /// T: int, float, bool, int8, uint8, int16, double, int64, complex<float> or complex<double>.
+    template <typename T>
+    Tensor* add_scalar(T scalar);
+    template <typename T>
+    Tensor* sub_scalar(T scalar);
+    template <typename T>
+    Tensor* mult_scalar(T scalar);
+    template <typename T>
+    Tensor* div_scalar(T scalar);
+    template <typename T>
+    void add_scalar_inplace(T scalar);
+    template <typename T>
+    void sub_scalar_inplace(T scalar);
+    template <typename T>
+    void mult_scalar_inplace(T scalar);
+    template <typename T>
+    void div_scalar_inplace(T scalar);
+
+    /// C is std::complex<float> or std::complex<double>.
+    template <typename C>
+    Tensor* add_scalar_std_complex_wrapper(C scalar);
+    template <typename C>
+    Tensor* sub_scalar_std_complex_wrapper(C scalar);
+    template <typename C>
+    Tensor* mult_scalar_std_complex_wrapper(C scalar);
+    template <typename C>
+    Tensor* div_scalar_std_complex_wrapper(C scalar);
+    template <typename C>
+    void add_scalar_inplace_std_complex_wrapper(C scalar);
+    template <typename C>
+    void sub_scalar_inplace_std_complex_wrapper(C scalar);
+    template <typename C>
+    void mult_scalar_inplace_std_complex_wrapper(C scalar);
+    template <typename C>
+    void div_scalar_inplace_std_complex_wrapper(C scalar);
+    /// Called on the gradient of self * scalar: the gradient of self, that is this tensor times the
+    /// scalar's conjugate.
+    template <typename C>
+    Tensor* mult_scalar_std_complex_grad_wrapper(C scalar);
+
+    // ---- Matrix products into an existing C (tensor_math/tensor_math.cpp) ----
+    // op(X) is X when its flag is 0 and its transpose (never conjugated) when it is 1. All three tensors
+    // have one dtype. C may be strided (dot) and may alias an operand.
+
+    /// C = op(A) op(B), or C += with accumulate != 0. Two axes each.
+    static void dot(Tensor* A, int ta, Tensor* B, int tb, Tensor* C, int accumulate);
+    /// C[b] = op(A[b]) op(B[b]). Three axes each; C contiguous.
+    static void bmm(Tensor* A, int ta, Tensor* B, int tb, Tensor* C);
+    /// C[i, j] = op(A[i, j]) op(B[i, j]). Four axes each; not for bool.
+    static void matmul4D(Tensor* A, int ta, Tensor* B, int tb, Tensor* C);
+
+  private:
+    void construct(const Dims& shape, std::int32_t packed, const void* data, void* ndarray_handle);
+    void deleteData();
+    void refresh_options();
+    void check_inside(const Where& at, const Dims& shape, const Dims& strides, std::int64_t offset, std::int64_t dtype,
+                      const tensorT::Tensor_storage* storage) const;
+    int describe(const Where& at, const Dims& shape, std::int64_t dtype, std::int64_t device);
+
+    std::int32_t storage_type_ = 0;
+    void* ndarray_handles_ = nullptr;
+    bool if_not_delete_ndarray_handle_ = false;
+    bool if_scalar_ = false;
+    [[maybe_unused]] std::uint8_t reserved_byte_ = 0;
+    [[maybe_unused]] std::int64_t reserved_word_ = 0;
+    std::uint8_t first_guard_ = 0;
+    std::int64_t device_ = 0;
+    std::uint8_t second_guard_ = 0;
+    std::int32_t ndim_ = 0;
+    std::int64_t size_ = 0;
+    Dims shape_;
+    Dims strides_;
+    std::int64_t gpu_index_ = 0;
+    std::shared_ptr<tensorT::Tensor_Meta> meta_;
+    std::vector<Tensor*> csr_members_;
+    std::int64_t meta_sync_ = 0;
+    std::int64_t dtype_ = 0;
+    std::uint8_t options_pending_ = 1;
+    std::shared_ptr<TensorToptions> options_;
+};
+
+/// Copies A's elements, in row-major order, into B's; both of one dtype, or converted to B's. The same
+/// memory under the same view is left alone; a partial overlap is refused. A B without axes takes A's
+/// element count.
+ORNIK_API void copy_tensor(const Tensor* A, Tensor* B);
+
+/// A view over an existing storage; the device is the storage's. Offset in elements of `dtype`.
+ORNIK_API Tensor* share_storage_tensor(const std::shared_ptr<tensorT::Tensor_storage>& storage, const Dims& shape,
+                                       const Dims& strides, std::int64_t dtype, std::int64_t offset);
+/// The same with the device given.
+ORNIK_API Tensor* view_tensor(const std::shared_ptr<tensorT::Tensor_storage>& storage, const Dims& shape,
+                              const Dims& strides, std::int64_t device, std::int64_t dtype, std::int64_t offset);
+/// A view of `t` under another shape with the same elements in the same order; fails with "Can not view
+/// this tensor." when the strides admit none. No extent is inferred.
+ORNIK_API Tensor* view_tensor(const Tensor* t, const Dims& shape);
+
+}  // namespace ornik

@@ -1,0 +1,69 @@
+// cpu_copy.cpp: copies and conversions between tensors.
+#include <cstring>
+
+#include "descriptors/tensoriterator.h"
+#include "hardware/cpu/cpu_core.h"
+#include "hardware/cpu/dispatch.h"
+#include "hardware/cpu/element_convert.h"
+#include "hardware/parallel.h"
+#include "tensor/geometry.h"
+
+namespace ornik::device::cpu {
+
+namespace {
+
+// Copies move bytes: the dtypes of one item size share a kernel, and no byte pattern is interpreted.
+struct Bytes16 {
+    std::uint64_t half[2];
+};
+using ItemTypes = TypeList<std::uint8_t, std::uint16_t, std::uint32_t, std::uint64_t, Bytes16>;
+
+constexpr std::int64_t grain_bytes = 1 << 18;
+
+bool is_flat(const Tensor* t) {
+    return t->is_contiguous() && checked_numel(where("ornik::device::cpu::copy"), t->Shape()) == t->Size();
+}
+
+MultiTensorIterationHelper elements_of(const Tensor* in, Tensor* out) {
+    MultiTensorIterationHelper elements;
+    elements.add_input(in);
+    elements.add_output(out);
+    elements.build();
+    return elements;
+}
+
+template <typename... Items>
+void copy_items(TypeList<Items...> /*types*/, const Tensor* in, Tensor* out) {
+    const MultiTensorIterationHelper elements = elements_of(in, out);
+    const auto keep = [](auto item) { return item; };
+    const auto size = static_cast<std::size_t>(in->itemsize());
+    ((size == sizeof(Items) ? elements.run<TypeList<Items>, TypeList<Items>>(keep) : void()), ...);
+}
+
+}  // namespace
+
+void copy(const Tensor* in, Tensor* out) {
+    if (in->Dtype() != out->Dtype()) {
+        const MultiTensorIterationHelper elements = elements_of(in, out);
+        dispatch(AllTypes{}, in->Dtype(), [&]<typename From>() {
+            dispatch(AllTypes{}, out->Dtype(), [&]<typename To>() {
+                elements.run<TypeList<To>, TypeList<From>>([](From value) { return convert_element<To>(value); });
+            });
+        });
+        return;
+    }
+    // The plain block copy serves shapes the engine takes, and no others.
+    if (in->ndim() > OffsetCalculator_cpu<std::int64_t>::max_dims ||
+        out->ndim() > OffsetCalculator_cpu<std::int64_t>::max_dims || !is_flat(in) || !is_flat(out) ||
+        in->Size() > std::numeric_limits<std::int32_t>::max()) {
+        copy_items(ItemTypes{}, in, out);
+        return;
+    }
+    const char* source = static_cast<const char*>(in->getRawData());
+    char* target = static_cast<char*>(out->getRawData());
+    parallel_for(in->Size() * in->itemsize(), 64, grain_bytes, [&](std::int64_t begin, std::int64_t end) {
+        std::memcpy(target + begin, source + begin, static_cast<std::size_t>(end - begin));
+    });
+}
+
+}  // namespace ornik::device::cpu

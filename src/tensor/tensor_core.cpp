@@ -1,0 +1,135 @@
+// tensor_core.cpp: conversion between dtypes and copies between tensors.
+#include <cstdio>
+#include <cstring>
+
+#include "hardware/cpu/cpu_core.h"
+#include "tensor/borrowed.h"
+#include "tensor/broadcast.h"
+#include "tensor/geometry.h"
+#include "tensor/overlap.h"
+#include "tensor/tensor.h"
+
+namespace ornik {
+
+Dims just_if_broadcastable(const Dims& input, const Dims& reference) {
+    const Where at = where("ornik::just_if_broadcastable");
+    const std::size_t rank = reference.size();
+    if (rank < input.size()) {
+        fail(at, "reference shape's size should >= input shape's size in broadcast_to. input : ", input,
+             ", target: ", reference, " .");
+    }
+    for (std::size_t i = rank; i-- > 0;) {
+        const std::int64_t size = detail::aligned_entry(input, i, rank);
+        if (size != reference[i] && size != 1) {
+            fail(at, " The expanded size : ", reference, " must match the input shape: ", input,
+                 " at non-singleton dimension ", i, ".");
+        }
+    }
+    Dims padded(rank - input.size(), 1);
+    padded.insert(padded.end(), input.begin(), input.end());
+    return padded;
+}
+
+Tensor* Tensor::astype(std::int64_t dtype) const {
+    if (dtype == dtype_) {
+        return clone();
+    }
+    if (!isCPU()) {
+        return nullptr;
+    }
+    if (!is_valid_dtype(dtype)) {
+        fail(where("ornik::Tensor::astype"), "Not valid data type.");
+    }
+    std::unique_ptr<Tensor> result(empty(shape_, device_, dtype));
+    device::cpu::copy(this, result.get());
+    return result.release();
+}
+
+Tensor* Tensor::toDtype(std::int64_t dtype, bool copy) {
+    if (dtype == dtype_ && !copy) {
+        return this;
+    }
+    return astype(dtype);
+}
+
+void Tensor::CopyToTargetWithDtype(Tensor* target, std::int64_t dtype, bool copy_flag) {
+    const Where at = where("ornik::Tensor::CopyToTargetWithDtype");
+    if (!is_valid_dtype(dtype)) {
+        fail(at, "Not valid data type.");
+    }
+    if (target->dtype_ != dtype) {
+        fail(at, "Not same data type");
+    }
+    if (target->size_ != size_) {
+        fail(at, "Tensors with different size : A", shape_, "B:", target->shape_);
+    }
+    if (dtype == dtype_ && copy_flag) {
+        copy_tensor(this, target);
+    }
+    if (isCPU()) {
+        device::cpu::copy(this, target);
+    }
+}
+
+Tensor* Tensor::contiguous() { return is_contiguous() ? this : clone(); }
+
+Tensor* Tensor::clone() const {
+    std::unique_ptr<Tensor> result(empty(shape_, device_, dtype_));
+    copy_tensor(this, result.get());
+    return result.release();
+}
+
+void Tensor::copy_from_(Tensor* src) {
+    const Borrowed converted = Borrowed::of_dtype(src, dtype_);
+    if (converted->shape_ == shape_) {
+        copy_tensor(converted.get(), this);
+        return;
+    }
+    const std::unique_ptr<Tensor> expanded(broadcast_to(converted.get(), shape_));
+    copy_tensor(expanded.get(), this);
+}
+
+void copy_tensor(const Tensor* A, Tensor* B) {
+    const Where at = where("ornik::copy_tensor");
+    switch (memory_overlap(A, B)) {
+        case Overlap::same:
+            return;
+        case Overlap::partial:
+            fail(at, "copy tensors may have overlap mem.");
+        case Overlap::none:
+            break;
+    }
+    if (B->Shape().empty()) {
+        B->setSize(A->Size());
+    }
+    if (A->Size() != B->Size()) {
+        fail(at, "Tensors with different size : A", A->Shape(), "B:", B->Shape());
+    }
+    if (A->is_csr() && B->is_dense()) {
+        fail(at, "A->is_csr() && B->is_dense().");
+    }
+    if (!A->isCPU() || !B->isCPU()) {
+        std::printf("(%d %d)\n", static_cast<int>(A->Device()), static_cast<int>(B->Device()));
+        fail(at, "unsupported copy between devices");
+    }
+    device::cpu::copy(A, B);
+}
+
+void tensorT::Tensor_Meta::convert_dtype_and_copy_data(const void* src, std::int64_t src_dtype) {
+    const Where at = where("ornik::tensorT::Tensor_Meta::convert_dtype_and_copy_data");
+    if (!is_valid_dtype(src_dtype)) {
+        fail(at, "Not valid data type.");
+    }
+    if (!storage_) {
+        fail(at, "Tensor_Meta has no storage to fill.");
+    }
+    Tensor source;
+    source.initialize_none_tensor(shape_, src_dtype, device_, layout::dense);
+    std::memcpy(source.getRawData(), src, static_cast<std::size_t>(size_ * dtype_item_size(src_dtype)));
+    Tensor target;
+    target.init_none_tensor_with_shared_storage(shape_, stride_, dtype_, device_, storage_, layout::dense,
+                                                storage_offset_);
+    device::cpu::copy(&source, &target);
+}
+
+}  // namespace ornik

@@ -1,0 +1,68 @@
+// tensor_device.cpp: moves between devices. This build has the CPU alone.
+#include <stdexcept>
+
+#include "tensor/tensor.h"
+#include "utils/utils.h"
+
+namespace ornik {
+
+namespace {
+
+// A copy of `t` on `device`: a dense tensor, or a sparse one around copies of its members.
+std::unique_ptr<Tensor> copy_to_device(const Tensor* t, std::int64_t device) {
+    if (t->is_dense()) {
+        std::unique_ptr<Tensor> result(Tensor::empty(t->Shape(), device, t->Dtype()));
+        copy_tensor(t, result.get());
+        return result;
+    }
+    std::vector<std::unique_ptr<Tensor>> copies;
+    for (const Tensor* member : t->get_csr_members()) {
+        copies.push_back(member == nullptr ? nullptr : copy_to_device(member, device));
+    }
+    auto result = std::make_unique<Tensor>();
+    result->init_none_tensor_with_shared_storage(t->Shape(), t->Strides(), t->Dtype(), device, t->getStorage(),
+                                                 t->Layout(), t->StorageOffset());
+    result->set_storage_type(t->get_storage_type());
+    std::vector<Tensor*> members(copies.size());
+    for (std::size_t i = 0; i < copies.size(); ++i) {
+        members[i] = copies[i].release();
+    }
+    result->set_csr_members(members);
+    return result;
+}
+
+[[noreturn]] void refuse_gpu() { throw std::runtime_error("Not compiled for GPU, set device = 0 or device = None"); }
+
+}  // namespace
+
+Tensor* Tensor::CPU(std::int64_t device) {
+    if (device != device_cpu) {
+        fail(where("ornik::Tensor::CPU"), "CPU device should be 0.");
+    }
+    return copy_to_device(this, device).release();
+}
+
+Tensor* Tensor::GPU(std::int64_t device) {
+    if (device < device_first_gpu) {
+        fail(where("ornik::Tensor::GPU"), "GPU device should be integer not less than DEV_GPU .");
+    }
+    return copy_to_device(this, device).release();
+}
+
+void Tensor::toCPU(std::int64_t device) { CheckDev(device); }
+
+void Tensor::toGPU(std::int64_t /*device*/) { refuse_gpu(); }
+
+void Tensor::toDevice(std::int64_t device) {
+    switch (getDeviceID(device)) {
+        case 0:
+            CheckDev(device);
+            return;
+        case 1:
+            refuse_gpu();
+        default:
+            fail(where("ornik::Tensor::toDevice"), "dev ", device, "not support");
+    }
+}
+
+}  // namespace ornik
