@@ -1,0 +1,21 @@
+// ornik.h: the whole public interface of the library.
+#pragma once
+
+#include "apis/ornik.h"
+#include "export.h"
+#include "hardware/memory_config.h"
+#include "hardware/parallel.h"
+#include "layers/layer.h"
+#include "layers/layer_activation.h"
+#include "layers/layer_dense.h"
+#include "losses/loss.h"
+#include "losses/soft_cross_entropy.h"
+#include "optimizers/optimizers.h"
+#include "tensor/broadcast.h"
+#include "tensor/dtype.h"
+#include "tensor/tensor.h"
+#include "tensor/tensor_math/tensor_arithmetic.h"
+#include "utils/complex_helper.h"
+#include "utils/error.h"
+#include "utils/logging.h"
+#include "utils/utils.h"

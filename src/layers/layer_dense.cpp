@@ -1,0 +1,159 @@
+#include "layers/layer_dense.h"
+
+#include "hardware/cpu/cpu_math.h"
+#include "hardware/cpu/nn/cpu_rows.h"
+#include "tensor/borrowed.h"
+#include "tensor/tensor_math/tensor_arithmetic.h"
+
+namespace ornik {
+
+namespace {
+
+std::unique_ptr<Tensor> clone_or_null(const std::unique_ptr<Tensor>& t) {
+    return std::unique_ptr<Tensor>(t ? t->clone() : nullptr);
+}
+
+std::unique_ptr<Tensor> whole_view(const Tensor* t) {
+    return std::unique_ptr<Tensor>(
+        view_tensor(t->getStorage(), t->Shape(), t->Strides(), t->Device(), t->Dtype(), t->StorageOffset()));
+}
+
+// [..., n] of a contiguous tensor as [rows, n].
+std::unique_ptr<Tensor> as_matrix(const Tensor* t) {
+    const std::int64_t cols = t->Shape().back();
+    return std::unique_ptr<Tensor>(view_tensor(t, {t->Size() / cols, cols}));
+}
+
+Dims with_last(Dims shape, std::int64_t last) {
+    shape.back() = last;
+    return shape;
+}
+
+void check_arguments(const Where& at, const Tensor* weight, const Tensor* bias, const Tensor* input,
+                     std::int64_t out_features) {
+    if (weight == nullptr || input == nullptr) {
+        fail(at, "Dense layer needs a weight and an input.");
+    }
+    for (const Tensor* t : {weight, bias}) {
+        if (t != nullptr && t->Device() != input->Device()) {
+            fail(at, "Not same device for inputs of dense layer.");
+        }
+        if (t != nullptr && t->Dtype() != input->Dtype()) {
+            fail(at, "Not same data type for inputs of dense layer.");
+        }
+    }
+    if (input->Dtype() < dtype::float32) {
+        fail(at, "Dense layer only supports float or complex.");
+    }
+    if (input->ndim() < 1 || weight->Shape() != Dims{input->Shape().back(), out_features}) {
+        fail(at, "Dense layer with ", out_features, " outputs needs a weight [in, out] and an input [..., in]: weight ",
+             weight->Shape(), ", input ", input->Shape());
+    }
+    if (bias != nullptr && bias->Shape() != Dims{out_features} && bias->Shape() != Dims{1, out_features}) {
+        fail(at, "Dense layer with ", out_features, " outputs has a bias of another shape: ", bias->Shape());
+    }
+}
+
+// The tensor itself for real dtypes, its conjugate for complex ones.
+std::unique_ptr<Tensor> conjugate_or_null(const Tensor* t) {
+    if (!t->isComplexType()) {
+        return nullptr;
+    }
+    std::unique_ptr<Tensor> result(Tensor::empty_like(t));
+    device::cpu::conj(t, result.get());
+    return result;
+}
+
+std::unique_ptr<Tensor> input_gradient(Tensor* weight, const Tensor* input, Tensor* gradient) {
+    const std::unique_ptr<Tensor> conjugate = conjugate_or_null(weight);
+    std::unique_ptr<Tensor> result(Tensor::empty_like(input));
+    Tensor::dot(as_matrix(gradient).get(), 0, conjugate ? conjugate.get() : weight, 1, as_matrix(result.get()).get(),
+                0);
+    return result;
+}
+
+std::unique_ptr<Tensor> weight_gradient(const Tensor* weight, Tensor* input, Tensor* gradient) {
+    const std::unique_ptr<Tensor> conjugate = conjugate_or_null(input);
+    std::unique_ptr<Tensor> result(Tensor::empty_like(weight));
+    Tensor::dot(as_matrix(conjugate ? conjugate.get() : input).get(), 1, as_matrix(gradient).get(), 0, result.get(), 0);
+    return result;
+}
+
+std::unique_ptr<Tensor> bias_gradient(const Tensor* bias, const Tensor* gradient) {
+    const Dims shape = bias == nullptr ? Dims{gradient->Shape().back()} : bias->Shape();
+    std::unique_ptr<Tensor> result(Tensor::empty(shape, gradient->Device(), gradient->Dtype()));
+    device::cpu::sum_rows(as_matrix(gradient).get(), result.get());
+    return result;
+}
+
+}  // namespace
+
+LDense::LDense(int out_features, bool use_bias, std::string name, int first, int second)
+    : Layer(name.empty() ? "dense" : std::move(name), first, second), out_features_(out_features), use_bias_(use_bias) {
+    external_ownership_ = true;
+}
+
+LDense::LDense(const LDense& other)
+    : Layer(other),
+      out_features_(other.out_features_),
+      use_bias_(other.use_bias_),
+      weight_gradient_(clone_or_null(other.weight_gradient_)),
+      bias_gradient_(clone_or_null(other.bias_gradient_)) {}
+
+LDense& LDense::operator=(const LDense& other) {
+    if (this != &other) {
+        std::unique_ptr<Tensor> weight_copy = clone_or_null(other.weight_gradient_);
+        std::unique_ptr<Tensor> bias_copy = clone_or_null(other.bias_gradient_);
+        Layer::operator=(other);
+        out_features_ = other.out_features_;
+        use_bias_ = other.use_bias_;
+        weight_gradient_ = std::move(weight_copy);
+        bias_gradient_ = std::move(bias_copy);
+    }
+    return *this;
+}
+
+LDense::~LDense() = default;
+
+Tensor* LDense::forward_dyn(Tensor* weight, Tensor* bias, Tensor* input) {
+    check_arguments(where("ornik::LDense::forward_dyn"), weight, bias, input, out_features_);
+    const Borrowed x = Borrowed::contiguous(input);
+    std::unique_ptr<Tensor> output(
+        Tensor::empty(with_last(input->Shape(), out_features_), input->Device(), input->Dtype()));
+    const std::unique_ptr<Tensor> rows = as_matrix(output.get());
+    Tensor::dot(as_matrix(x.get()).get(), 0, weight, 0, rows.get(), 0);
+    if (bias != nullptr && use_bias_) {
+        const std::unique_ptr<Tensor> repeated(Tensor::broadcast_to(bias, rows->Shape()));
+        add(1.0F, rows.get(), 1.0F, repeated.get(), rows.get(), 0);
+    }
+    return output.release();
+}
+
+Tensor* LDense::backward_dyn(Tensor* weight, Tensor* bias, Tensor* input, Tensor* output_gradient, int node) {
+    const Where at = where("ornik::LDense::backward_dyn");
+    if (node < 0 || node > 2) {
+        fail(at, "NOT impl grad for this Node");
+    }
+    if ((node == 2 && !use_bias_) || (node != 0 && !_trainable)) {
+        return nullptr;
+    }
+    check_arguments(at, weight, bias, input, out_features_);
+    if (output_gradient == nullptr || output_gradient->Shape() != with_last(input->Shape(), out_features_)) {
+        fail(at, "Dense layer needs a gradient of its output's shape.");
+    }
+    if (output_gradient->Dtype() != input->Dtype()) {
+        fail(at, "Not same data type for inputs of dense layer.");
+    }
+    const Borrowed gradient = Borrowed::contiguous(output_gradient);
+    if (node == 0) {
+        return input_gradient(weight, input, gradient.get()).release();
+    }
+    std::unique_ptr<Tensor>& kept = node == 1 ? weight_gradient_ : bias_gradient_;
+    std::unique_ptr<Tensor> result = node == 1
+                                         ? weight_gradient(weight, Borrowed::contiguous(input).get(), gradient.get())
+                                         : bias_gradient(bias, gradient.get());
+    kept = whole_view(result.get());
+    return result.release();
+}
+
+}  // namespace ornik
