@@ -1,0 +1,44 @@
+# Install rules: the public headers, the shared library, a CMake package and a pkg-config file.
+include(CMakePackageConfigHelpers)
+
+# What a program may include. Everything else under include/ is internal.
+set(ORNIK_PUBLIC_HEADERS
+    apis/ornik.h
+    export.h
+    hardware/memory_config.h
+    hardware/parallel.h
+    layers/layer.h
+    layers/layer_activation.h
+    layers/layer_dense.h
+    losses/loss.h
+    losses/soft_cross_entropy.h
+    optimizers/optimizers.h
+    ornik.h
+    tensor/broadcast.h
+    tensor/dtype.h
+    tensor/tensor.h
+    tensor/tensor_math/tensor_arithmetic.h
+    tensor/tensor_meta.h
+    tensor/tensor_storage.h
+    utils/complex_helper.h
+    utils/error.h
+    utils/logging.h
+    utils/utils.h)
+
+foreach(header IN LISTS ORNIK_PUBLIC_HEADERS)
+  cmake_path(GET header PARENT_PATH folder)
+  install(FILES ${PROJECT_SOURCE_DIR}/include/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ornik/${folder})
+endforeach()
+
+install(TARGETS ornik EXPORT ornik-targets)
+install(EXPORT ornik-targets NAMESPACE ornik:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ornik)
+
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/ornik-config.cmake.in
+                              ${PROJECT_BINARY_DIR}/ornik-config.cmake
+                              INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ornik)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/ornik-config-version.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/ornik-config.cmake ${PROJECT_BINARY_DIR}/ornik-config-version.cmake
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ornik)
+
+configure_file(${PROJECT_SOURCE_DIR}/cmake/ornik.pc.in ${PROJECT_BINARY_DIR}/ornik.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/ornik.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,40 @@
+# common.sh: what demo.sh and test.sh share. Sourced, not run.
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+
+# install_missing COMMAND-DESCRIPTION... : Debian packages that are not there yet. On a system without
+# apt, says what is needed and goes on: the tools may have come another way.
+install_missing() {
+    if ! command -v apt-get >/dev/null 2>&1 || ! command -v dpkg-query >/dev/null 2>&1; then
+        echo "This system has no apt. Needed are CMake 3.25, Ninja, GCC 12 or Clang 16, Eigen 3.4, OpenMP, and what" \
+            "stands behind these Debian packages: $*" >&2
+        command -v cmake >/dev/null 2>&1 && command -v ninja >/dev/null 2>&1 || exit 1
+        return 0
+    fi
+    local missing=()
+    local package
+    for package in "$@"; do
+        dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing+=("$package")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    echo "Installing: ${missing[*]}"
+    local as_root=()
+    if [ "$(id -u)" -ne 0 ]; then
+        command -v sudo >/dev/null 2>&1 || { echo "Run as root, or install sudo: packages are missing." >&2; exit 1; }
+        as_root=(sudo)
+    fi
+    "${as_root[@]}" apt-get update -qq
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
+}
+
+# build PRESET [CMake arguments...]
+build() {
+    local preset=$1
+    shift
+    local launcher=()
+    command -v ccache >/dev/null 2>&1 && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+    (cd "$root" && cmake --preset "$preset" "${launcher[@]}" "$@" && cmake --build --preset "$preset")
+}
+
+build_packages=(g++ cmake ninja-build libeigen3-dev)
+example_packages=(zlib1g-dev libcli11-dev)

@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# test.sh: installs what is missing, builds and runs all tests.
+#
+#     scripts/test.sh              the release preset
+#     scripts/test.sh asan tsan    other presets
+#
+# With WERROR=ON in the environment warnings are errors.
+set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+presets=("$@")
+[ ${#presets[@]} -eq 0 ] && presets=(release)
+
+packages=("${build_packages[@]}" "${example_packages[@]}" libgtest-dev pkg-config dataset-fashion-mnist)
+for preset in "${presets[@]}"; do
+    [ "$preset" = tsan ] && packages+=(clang libomp-dev libclang-rt-14-dev)
+done
+install_missing "${packages[@]}"
+
+for preset in "${presets[@]}"; do
+    echo "== $preset"
+    build "$preset" -DORNIK_BUILD_TESTS=ON "-DORNIK_WERROR=${WERROR:-OFF}"
+    (cd "$root" && ctest --test-dir "build/$preset" --output-on-failure --no-tests=error -j "$(nproc)")
+done
