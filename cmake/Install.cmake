@@ -6,7 +6,7 @@ set(ORNIK_PUBLIC_HEADERS
     apis/ornik.h
     export.h
     hardware/memory_config.h
-    hardware/parallel.h
+    hardware/thread_config.h
     layers/layer.h
     layers/layer_activation.h
     layers/layer_dense.h

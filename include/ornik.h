@@ -4,7 +4,7 @@
 #include "apis/ornik.h"
 #include "export.h"
 #include "hardware/memory_config.h"
-#include "hardware/parallel.h"
+#include "hardware/thread_config.h"
 #include "layers/layer.h"
 #include "layers/layer_activation.h"
 #include "layers/layer_dense.h"

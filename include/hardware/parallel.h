@@ -1,4 +1,4 @@
-// parallel.h: all threading of the library.
+// parallel.h: all threading of the library. Internal.
 //
 // Work is cut into blocks, and blocks are run by workers:
 //
@@ -20,16 +20,7 @@
 #include <memory>
 #include <type_traits>
 
-#include "../export.h"
-
 namespace ornik {
-
-/// Sets the OpenMP team size that every CPU tensor construction applies on its thread, and applies it
-/// to the calling thread at once. `count` below 1 is an error. The default is 4.
-ORNIK_API void ConfigSetNumThreads(int count);
-
-/// The configured team size.
-ORNIK_API int ConfigGetNumThreads();
 
 /// Makes the configured team size the calling thread's (omp_get_max_threads()).
 void apply_team_size();

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "hardware/system_limits.h"
+#include "hardware/thread_config.h"
 #include "utils/error.h"
 
 namespace ornik {

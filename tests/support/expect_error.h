@@ -1,0 +1,43 @@
+// expect_error.h: compares a whole error text, location included; only the line number is left open.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <stdexcept>
+#include <string>
+
+namespace ornik::test {
+
+/// what() of the runtime error that `call` throws, with the digits behind "LINE: " replaced by "#".
+template <typename Call>
+std::string error_text(const Call& call) {
+    try {
+        call();
+    } catch (const std::runtime_error& error) {
+        std::string text = error.what();
+        const std::string label = "  LINE: ";
+        const std::size_t begin = text.rfind(label);
+        if (begin == std::string::npos) {
+            return text;
+        }
+        std::size_t end = begin + label.size();
+        while (end < text.size() && std::isdigit(static_cast<unsigned char>(text[end])) != 0) {
+            ++end;
+        }
+        return text.replace(begin + label.size(), end - begin - label.size(), "#");
+    }
+    return "(no error)";
+}
+
+/// The text of `message` reported by `function` in `file`.
+inline std::string located(const std::string& message, const std::string& function, const std::string& file) {
+    return message + " ( FILE: " + file + "  LINE: #  FUNC: " + function + "\n)";
+}
+
+template <typename Call>
+void expect_error(const Call& call, const std::string& message, const std::string& function, const std::string& file) {
+    EXPECT_EQ(error_text(call), located(message, function, file));
+}
+
+}  // namespace ornik::test
