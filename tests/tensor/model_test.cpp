@@ -1,0 +1,343 @@
+// The object model: construction, state, views and their limits.
+#include <limits>
+
+#include "support/expect_error.h"
+#include "support/tensors.h"
+#include "tensor/geometry.h"
+
+namespace ornik::test {
+namespace {
+
+constexpr const char* tensor_file = "src/tensor/tensor.cpp";
+constexpr const char* state_file = "src/tensor/tensor_state.cpp";
+constexpr std::int64_t max64 = std::numeric_limits<std::int64_t>::max();
+
+std::string misfit(const Dims& shape, const Dims& strides, std::int64_t offset, std::int64_t capacity) {
+    return "Tensor does not fit into its storage: shape " + shape_text(shape) + ", strides " + shape_text(strides) +
+           ", offset " + std::to_string(offset) + ", storage for " + std::to_string(capacity) + " elements.";
+}
+
+TEST(Construction, RefusesHostileArgumentsInOrder) {
+    struct Case {
+        Dims shape;
+        std::int32_t packed;
+        const char* message;
+        const char* function;
+        const char* file;
+    };
+    const char* const constructor = "ornik::Tensor::Tensor";
+    const char* const shape_check = "ornik::Tensor::JungleInlegalShape";
+    const char* const extents = "all elements in Tensor's shape must >= 0";
+    const std::int64_t two32 = std::int64_t{1} << 32;
+    const Case cases[] = {
+        {Dims(30, 0), 15, "shape.size() 30 not supported", shape_check, tensor_file},
+        {{2, 0}, 15, extents, shape_check, tensor_file},
+        {{-1}, 6, extents, shape_check, tensor_file},
+        {{two32}, 6, extents, shape_check, tensor_file},
+        {{std::int64_t{1} << 31}, 6, extents, shape_check, tensor_file},
+        {{2}, 15 | 10 << 4,
+         "Not exist device: 1009 , out of range!  set device = 0 for CPU, set device >= 1000 for GPU:0,...,GPU:8 .",
+         "CheckDev", "src/utils/utils.cpp"},
+        {{2}, -16,
+         "Not exist device: 998 , out of range!  set device = 0 for CPU, set device >= 1000 for GPU:0,...,GPU:8 .",
+         "CheckDev", "src/utils/utils.cpp"},
+        {{2}, 12 | 1 << 4, "Not valid data type.", constructor, tensor_file},
+        {{2}, 10, "Not valid data type.", constructor, tensor_file},
+        {Dims(3, (std::int64_t{1} << 31) - 1), 6,
+         "Too many elements for a tensor: shape ( 2147483647, 2147483647, 2147483647 ) .", constructor, tensor_file},
+    };
+    for (const Case& c : cases) {
+        expect_error([&] { Tensor(c.shape, c.packed); }, c.message, c.function, c.file);
+    }
+    for (const std::int32_t slot : {1, 9, 9001}) {
+        EXPECT_EQ(error_text([&] { Tensor({2}, 6 | slot << 4); }),
+                  "Not compiled for GPU, set device = 0 or device = None");
+    }
+    testing::internal::CaptureStdout();  // The pool's dump.
+    const std::string too_large = error_text([&] { Tensor({two32 + 1, 1000}, 6); });
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(too_large.substr(0, too_large.find('[')), "Memory not enough: alloc size");
+    EXPECT_NO_THROW(Tensor(Dims(29, 1), 0));
+}
+
+TEST(Construction, FillsEveryField) {
+    const float values[] = {1, 2, 3, 4, 5, 6};
+    int handle = 0;
+    const Tensor t({2, 3}, values, dtype::float32, &handle);
+    EXPECT_EQ(t.Shape(), (Dims{2, 3}));
+    EXPECT_EQ(t.Strides(), (Dims{3, 1}));
+    EXPECT_EQ(t.Size(), 6);
+    EXPECT_EQ(t.ndim(), 2);
+    EXPECT_EQ(t.getGPUIndex(), -1000);
+    EXPECT_EQ(t.getDeviceName(), "CPU");
+    EXPECT_TRUE(t.isCPU() && t.is_dense() && t.is_contiguous() && t.isFloat() && !t.get_if_scalar());
+    EXPECT_EQ(t.get_ndarray_handles(), &handle);
+    EXPECT_EQ(t.get_alloc_mem_size(), 24);
+    EXPECT_EQ(t.get_data_intptr(), reinterpret_cast<std::intptr_t>(t.getRawData()));
+    EXPECT_EQ(values_of<float>(&t), std::vector<float>(values, values + 6));
+    const TensorToptions& options = *t.get_options();
+    EXPECT_EQ(options.dtype, 6);
+    EXPECT_EQ(options.shape, t.Shape());
+    EXPECT_EQ(options.stride, t.Strides());
+    EXPECT_EQ(options.size, 6);
+    EXPECT_EQ(options.ndim, 2);
+
+    const Tensor nothing;
+    EXPECT_EQ(nothing.StorageOffset(), 0);
+    EXPECT_EQ(nothing.Layout(), 0);
+    EXPECT_EQ(nothing.getRawData(), nullptr);
+    EXPECT_EQ(nothing.getStorage(), nullptr);
+    EXPECT_EQ(nothing.get_options(), nullptr);
+}
+
+TEST(Construction, FromAnotherTensorOrFromFloatsGivesBool) {
+    const Tensor like({3}, dtype::float32);
+    EXPECT_EQ(Tensor({2, 2}, &like).Dtype(), dtype::boolean);
+    const Tensor from_values(std::vector<float>{1, 2}, Dims{4}, dtype::float64);
+    EXPECT_EQ(from_values.Dtype(), dtype::boolean);
+    EXPECT_EQ(from_values.Size(), 4);
+}
+
+TEST(Queries, CodesAndClasses) {
+    EXPECT_EQ(Tensor::getDeviceID(-1), -1);
+    EXPECT_EQ(Tensor::getDeviceID(999), 0);
+    EXPECT_EQ(Tensor::getDeviceID(1000), 1);
+    EXPECT_EQ(Tensor::getDeviceID(10000), 2);
+    const std::int64_t item_sizes[] = {1, 1, 1, 2, 4, 8, 4, 8, 8, 16};
+    const char* names[] = {"bool", "uint8", "int8", "int16", "int32", "int64", "float32", "float64", "complex64",
+                           "complex128"};
+    for (std::int64_t code = 0; code < dtype_count; ++code) {
+        const Tensor t({2}, static_cast<std::int32_t>(code));
+        const auto i = static_cast<std::size_t>(code);
+        EXPECT_EQ(t.itemsize(), item_sizes[i]);
+        EXPECT_EQ(t.getMeta()->element_size(), code == 2 ? -5 : item_sizes[i]);
+        EXPECT_EQ(static_cast<char*>(t.getStorage()->getRawData(1)) - static_cast<char*>(t.getRawData()),
+                  item_sizes[i]);
+        EXPECT_EQ(dtype_name(code), std::string("numpy.") + names[i]);
+        EXPECT_EQ(t.isInteger(), code < 6);
+        EXPECT_EQ(t.isIntegralType(false), code < 6);
+        EXPECT_EQ(t.isFloatingType(), code == 6 || code == 7);
+        EXPECT_EQ(t.isComplexType(), code >= 8);
+    }
+    Tensor t;
+    for (const auto& [device, name] : {std::pair{999, "CPU"}, {1000, "GPU"}, {10000, "unknown"}, {-1, "unknown"}}) {
+        t.updateDevice(device);
+        EXPECT_EQ(t.getDeviceName(), name);
+        EXPECT_EQ(t.getGPUIndex(), device - 1000);
+    }
+}
+
+TEST(Queries, AxisProducts) {
+    const Tensor t({2, 3, 4}, 0);
+    EXPECT_EQ(t.size_to_dim(0), 1);
+    EXPECT_EQ(t.size_to_dim(2), 6);
+    EXPECT_EQ(t.size_from_dim(1), 12);
+    EXPECT_EQ(t.size_out_dim(2), 1);
+    EXPECT_EQ(t.size_out_dim(0), 12);
+    const auto refused = [](const auto& call, const std::string& name) {
+        expect_error(call, "k > ndim - 1", "ornik::Tensor::" + name, tensor_file);
+    };
+    refused([&] { t.size_to_dim(3); }, "size_to_dim");
+    refused([&] { t.size_from_dim(3); }, "size_from_dim");
+    refused([&] { t.size_out_dim(3); }, "size_out_dim");
+    refused([] { Tensor(Dims{}, 0).size_to_dim(0); }, "size_to_dim");
+}
+
+TEST(Geometry, RowMajorStridesAndContiguity) {
+    EXPECT_EQ(shape2stride({2, 3, 4}), (Dims{12, 4, 1}));
+    EXPECT_EQ(shape2stride({}), Dims{});
+    const auto contiguous = [](const Dims& shape, const Dims& strides) {
+        return tensorT::Tensor_Meta(shape, strides, 6, 0, 0, 0, false).is_contiguous();
+    };
+    EXPECT_TRUE(contiguous({3, 1}, {1, 1}));
+    EXPECT_FALSE(contiguous({3, 1}, {1, 3}));
+    EXPECT_FALSE(contiguous({1, 3}, {1, 1}));
+    EXPECT_FALSE(contiguous({2, 3}, {3}));
+    EXPECT_TRUE(contiguous({1, 1}, {7, 9}));
+    EXPECT_EQ(tensorT::Tensor_Meta({}, {}, 6, 0, 0, 0, false).GetSize(), 1);
+}
+
+TEST(Geometry, ViewStrides) {
+    struct Case {
+        Dims shape, strides, target, expected;
+    };
+    const Case cases[] = {
+        {{2, 3, 4}, {12, 4, 1}, {6, 4}, {4, 1}},
+        {{2, 3, 4}, {12, 4, 1}, {24}, {1}},
+        {{2, 3, 4}, {12, 4, 1}, {2, 12}, {12, 1}},
+        {{2, 3}, {1, 2}, {6}, {}},
+        {{2, 3}, {1, 2}, {2, 3, 1}, {1, 2, 2}},
+        {{4, 3}, {6, 1}, {2, 2, 3}, {12, 6, 1}},
+        {{4, 3}, {0, 1}, {2, 2, 3}, {0, 0, 1}},
+        {{2, 3}, {3, 1}, {7}, {}},
+        {{2, 3}, {3, 1}, {}, {}},
+        {{}, {}, {2, 2}, {0, 0}},
+        {{0, 3}, {3, 1}, {0, 3}, {3, 1}},
+        {{0, 3}, {3, 1}, {3, 0, 2}, {2, 2, 1}},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(view_strides(c.shape, c.strides, numel_of(c.shape), c.target), c.expected)
+            << shape_text(c.shape) << shape_text(c.target);
+    }
+}
+
+TEST(State, UpdatesReachMetaAndOptions) {
+    Tensor t({2, 3}, dtype::float32);
+    t.updateShape({6});
+    t.updateStrides();
+    t.updateDtype(dtype::int32);
+    t.updateOffset(0);
+    EXPECT_EQ(t.getMeta()->GetShape(), Dims{6});
+    EXPECT_EQ(t.getMeta()->GetStride(), Dims{1});
+    EXPECT_EQ(t.getMeta()->GetDtype(), dtype::int32);
+    EXPECT_EQ(t.get_options()->shape, Dims{6});
+    EXPECT_EQ(t.get_options()->ndim, 1);
+    EXPECT_EQ(t.get_options()->dtype, dtype::int32);
+    t.setSize(4);
+    EXPECT_EQ(t.getMeta()->GetSize(), 4);
+    t.updateSize();
+    EXPECT_EQ(t.get_options()->size, 6);
+}
+
+TEST(State, RefusedUpdatesChangeNothing) {
+    Tensor t({2, 3}, dtype::float32);
+    const auto refused = [&](const auto& call, const std::string& message, const std::string& name) {
+        expect_error(call, message, "ornik::Tensor::" + name, state_file);
+        EXPECT_EQ(t.Shape(), (Dims{2, 3}));
+        EXPECT_EQ(t.Strides(), (Dims{3, 1}));
+        EXPECT_EQ(t.getMeta()->GetShape(), (Dims{2, 3}));
+        EXPECT_EQ(t.Dtype(), dtype::float32);
+        EXPECT_EQ(t.StorageOffset(), 0);
+    };
+    refused([&] { t.updateShape({7}); }, "( 2, 3 )  not same size for reshape: ( 7 ) ", "updateShape");
+    refused([&] { t.updateShape({0, 6}); }, "( 2, 3 )  not same size for reshape: ( 0, 6 ) ", "updateShape");
+    refused([&] { t.updateShape({-2, -3}); }, "Dim in shape should >0, however it equals -2", "updateShape");
+    refused([&] { t.updateStrides({3, 2}); }, misfit({2, 3}, {3, 2}, 0, 6), "updateStrides");
+    refused([&] { t.updateStrides({-3, 1}); }, misfit({2, 3}, {-3, 1}, 0, 6), "updateStrides");
+    refused([&] { t.updateStrides({1}); }, misfit({2, 3}, {1}, 0, 6), "updateStrides");
+    refused([&] { t.updateStrides({max64, max64}); }, misfit({2, 3}, {max64, max64}, 0, 6), "updateStrides");
+    refused([&] { t.updateOffset(1); }, misfit({2, 3}, {3, 1}, 1, 6), "updateOffset");
+    refused([&] { t.updateOffset(-1); }, misfit({2, 3}, {3, 1}, -1, 6), "updateOffset");
+    refused([&] { t.updateDtype(dtype::float64); }, misfit({2, 3}, {3, 1}, 0, 3), "updateDtype");
+    refused([&] { t.updateDtype(10); }, "Not valid data type.", "updateDtype");
+    Tensor one({1}, dtype::float32);
+    expect_error([&] { one.updateShape({5}); }, misfit({5}, {1}, 0, 1), "ornik::Tensor::updateShape", state_file);
+    Tensor unbound;
+    unbound.updateShape({5});
+    EXPECT_EQ(unbound.Shape(), Dims{5});
+}
+
+TEST(State, InitialisersAcceptZeroExtents) {
+    Tensor described;
+    EXPECT_EQ(described.init_tensor_without_alloc_data({}, dtype::int8, 0, 0), 0);
+    EXPECT_EQ(described.Size(), 1);
+    EXPECT_EQ(described.getMeta(), nullptr);
+    EXPECT_EQ(described.get_options()->dtype, dtype::int8);
+    Tensor empty;
+    EXPECT_EQ(empty.initialize_none_tensor({2, 0}, dtype::int16, 0, layout::coo), 0);
+    EXPECT_EQ(empty.Size(), 0);
+    EXPECT_TRUE(empty.is_coo());
+    const TensorPtr view(share_storage_tensor(empty.getStorage(), {0, 3}, {3, 1}, dtype::int16, 0));
+    EXPECT_EQ(view->Size(), 0);
+    expect_error([&] { described.init_tensor_without_alloc_data({2}, 16, 0, 0); }, "Not valid data type.",
+                 "ornik::Tensor::init_tensor_without_alloc_data", state_file);
+    EXPECT_EQ(described.Dtype(), dtype::int8);
+}
+
+TEST(Views, ArgumentsInTheirOrder) {
+    const TensorPtr whole = make<std::int32_t>({8}, counted<std::int32_t>(8));
+    const TensorPtr view(view_tensor(whole->getStorage(), {2, 2}, {3, 1}, 0, dtype::int32, 2));
+    EXPECT_EQ(view->Dtype(), dtype::int32);
+    EXPECT_EQ(view->StorageOffset(), 2);
+    EXPECT_TRUE(view->getMeta()->numel_offset());
+    EXPECT_FALSE(whole->getMeta()->numel_offset());
+    EXPECT_EQ(values_of<std::int32_t>(view), (std::vector<std::int32_t>{2, 3, 5, 6}));
+    const TensorPtr shared(share_storage_tensor(whole->getStorage(), {2}, {-4}, dtype::int32, 7));
+    EXPECT_EQ(values_of<std::int32_t>(shared), (std::vector<std::int32_t>{7, 3}));
+    const TensorPtr shaped(view_tensor(whole.get(), {2, 4}));
+    EXPECT_EQ(shaped->getStorage(), whole->getStorage());
+    EXPECT_EQ(shaped->Strides(), (Dims{4, 1}));
+    expect_error([&] { view_tensor(view.get(), {4}); }, "Can not view this tensor.", "ornik::view_tensor",
+                 "src/tensor/tensor_shape.cpp");
+}
+
+TEST(Views, NeverReachOutsideTheirStorage) {
+    const TensorPtr t(Tensor::empty({6}, 0, dtype::float32));
+    struct Case {
+        Dims shape, strides;
+        std::int64_t dtype, offset, capacity;
+    };
+    const Case cases[] = {
+        {{7}, {1}, 6, 0, 6},         {{6}, {1}, 6, 1, 6},      {{3}, {-1}, 6, 1, 6},
+        {{2}, {6}, 6, 0, 6},         {{3, 3}, {2, 1}, 6, 0, 6}, {{1}, {1}, 6, -1, 6},
+        {{1}, {1}, 6, 6, 6},         {{4}, {1}, 7, 0, 3},      {{2}, {max64}, 6, 3, 6},
+        {{2, 2}, {max64, max64}, 6, 0, 6}, {{2}, {1, 1}, 6, 0, 6},   {{-2, -3}, {1, 1}, 6, 0, 6},
+        {{0}, {1}, 6, 7, 6},         {{1}, {1}, 6, max64, 6},
+    };
+    for (const Case& c : cases) {
+        expect_error([&] { share_storage_tensor(t->getStorage(), c.shape, c.strides, c.dtype, c.offset); },
+                     misfit(c.shape, c.strides, c.offset, c.capacity),
+                     "ornik::Tensor::init_none_tensor_with_shared_storage", state_file);
+    }
+    expect_error([&] { share_storage_tensor(t->getStorage(), {1}, {1}, 16, 0); }, "Not valid data type.",
+                 "ornik::Tensor::init_none_tensor_with_shared_storage", state_file);
+    expect_error([] { share_storage_tensor(nullptr, {1}, {1}, 6, 0); }, "Tensor needs a storage to share.",
+                 "ornik::share_storage_tensor", state_file);
+}
+
+TEST(Views, KeepTheStorageAlive) {
+    TensorPtr owner = make<float>({3}, {1, 2, 3});
+    const TensorPtr view(view_tensor(owner.get(), {3, 1}));
+    static_cast<float*>(owner->getRawData())[1] = 7;
+    owner.reset();
+    EXPECT_EQ(values_of<float>(view), (std::vector<float>{1, 7, 3}));
+}
+
+TEST(Sparse, MembersDieWithTheirTensor) {
+    const auto shares = [](const TensorPtr& t) { return t->getStorage().use_count(); };
+    const TensorPtr kept = make<float>({2}, {1, 2});
+    const auto sparse_around = [&](void* handle, std::int64_t layout_code) {
+        auto sparse = std::make_unique<Tensor>();
+        sparse->initialize_none_tensor({2, 2}, dtype::float32, 0, layout_code);
+        sparse->set_ndarray_handles(handle);
+        sparse->set_csr_members({view_tensor(kept.get(), {2}), nullptr});
+        return sparse;
+    };
+    const auto before = shares(kept);
+    sparse_around(nullptr, layout::csr).reset();
+    EXPECT_EQ(shares(kept), before);
+    int handle = 0;
+    TensorPtr foreign = sparse_around(&handle, layout::csr);
+    const std::unique_ptr<Tensor> orphan(foreign->get_csr_members()[0]);
+    foreign.reset();
+    EXPECT_EQ(values_of<float>(orphan.get()), (std::vector<float>{1, 2}));
+
+    const TensorPtr sparse = sparse_around(nullptr, layout::csr);
+    const TensorPtr moved(sparse->CPU(0));
+    EXPECT_TRUE(moved->is_csr());
+    EXPECT_EQ(values_of<float>(moved->get_csr_members()[0]), (std::vector<float>{1, 2}));
+    EXPECT_NE(moved->get_csr_members()[0]->getStorage(), kept->getStorage());
+}
+
+TEST(Devices, Moves) {
+    Tensor t({2}, dtype::float32);
+    const auto refused = [](const auto& call, const std::string& message, const std::string& name) {
+        expect_error(call, message, "ornik::Tensor::" + name, "src/tensor/tensor_device.cpp");
+    };
+    refused([&] { t.CPU(1); }, "CPU device should be 0.", "CPU");
+    refused([&] { t.GPU(999); }, "GPU device should be integer not less than DEV_GPU .", "GPU");
+    refused([&] { t.toDevice(10000); }, "dev 10000not support", "toDevice");
+    refused([&] { t.toDevice(-1); }, "dev -1not support", "toDevice");
+    const std::string no_gpu = "Not compiled for GPU, set device = 0 or device = None";
+    EXPECT_EQ(error_text([&] { t.toDevice(1000); }), no_gpu);
+    EXPECT_EQ(error_text([&] { t.toGPU(1000); }), no_gpu);
+    EXPECT_EQ(error_text([&] { t.GPU(1003); }), no_gpu);
+    EXPECT_EQ(error_text([&] { t.toDevice(5); }), error_text([&] { t.toCPU(5); }));
+    EXPECT_NO_THROW(t.toCPU(1003));
+    EXPECT_NO_THROW(t.toDevice(0));
+    const TensorPtr copy(t.CPU(0));
+    EXPECT_NE(copy->getStorage(), t.getStorage());
+}
+
+}  // namespace
+}  // namespace ornik::test
