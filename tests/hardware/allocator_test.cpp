@@ -1,4 +1,6 @@
 // The allocator configuration, system memory, and threads.
+#include "hardware/allocator.h"
+
 #include <omp.h>
 
 #include <atomic>
@@ -6,7 +8,6 @@
 #include <random>
 #include <thread>
 
-#include "hardware/allocator.h"
 #include "hardware/cpu/cpu_memory_allocator.h"
 #include "hardware/memory_config.h"
 #include "hardware/parallel.h"
@@ -139,7 +140,8 @@ TEST_F(Threads, ErrorsReachTheCallerAndNestedRegionsStaySerial) {
     std::atomic<int> ranges{0};
 #pragma omp parallel num_threads(2)
     {
-        parallel_for(1000, 1, 1, [&](std::int64_t begin, std::int64_t end) { ranges += end - begin == 1000 ? 1 : 100; });
+        parallel_for(1000, 1, 1,
+                     [&](std::int64_t begin, std::int64_t end) { ranges += end - begin == 1000 ? 1 : 100; });
     }
     EXPECT_LE(ranges.load(), 2);
 }

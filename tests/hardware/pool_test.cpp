@@ -28,7 +28,7 @@ class TestPool : public DynamicMemPool {
         }
     }
 
-    std::uint64_t capacity = 1024 * MiB;    // what the device says it can give
+    std::uint64_t capacity = 1024 * MiB;       // what the device says it can give
     std::uint64_t largest_block = 1024 * MiB;  // larger requests are refused
     bool refuses_free = false;
     std::map<void*, std::uint64_t> blocks;
@@ -145,7 +145,8 @@ TEST(Pool, FallsBackToTheExactSizeThenToReleasedBlocks) {
 
     testing::internal::CaptureStdout();
     expect_error([&] { pool.AllocTensorMem(31 * MiB); },
-                 "Memory not enough: alloc size[0]MB is smaller than required size[31]MB.", "AllocTensorMem", pool_file);
+                 "Memory not enough: alloc size[0]MB is smaller than required size[31]MB.", "AllocTensorMem",
+                 pool_file);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "\n\n##########################################\n\n\n"
               "\n\nlarge pool total_used_mem memory 0MB.\n"

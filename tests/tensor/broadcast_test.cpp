@@ -21,8 +21,9 @@ TEST(Broadcast, PairwiseShape) {
     };
     refused({2}, {3}, "The size of tensor a (2) must match the size of tensor b (3) at non-singleton dimension 0");
     // Two mismatches: the rightmost is reported.
-    refused({4, 2}, {5, 1, 3}, "The size of tensor a (2) must match the size of tensor b (3) at non-singleton "
-                               "dimension 2");
+    refused({4, 2}, {5, 1, 3},
+            "The size of tensor a (2) must match the size of tensor b (3) at non-singleton "
+            "dimension 2");
 }
 
 TEST(Broadcast, Expansion) {
@@ -32,12 +33,16 @@ TEST(Broadcast, Expansion) {
     EXPECT_EQ(inferExpandGeometryImpl({3, 1}, {1, 1}, {-1, 4}), Geometry({3, 4}, {1, 0}));
     EXPECT_EQ(inferExpandGeometryImpl({}, {}, {2, -1}), Geometry({2, -1}, {0, 0}));
     const auto refused = [](const Dims& target, const std::string& message) {
-        expect_error([&] { inferExpandGeometryImpl({3, 1}, {1, 1}, target); }, message,
-                     "ornik::inferExpandGeometryImpl", "include/tensor/broadcast.h");
+        expect_error(
+            [&] {
+                inferExpandGeometryImpl({3, 1}, {1, 1}, target);
+            },
+            message, "ornik::inferExpandGeometryImpl", "include/tensor/broadcast.h");
     };
     refused({-1, 3, 1}, "The expanded size of the tensor (-1) isn't allowed in a leading, non-existing dimension 0");
-    refused({2, 4}, "The expanded size of the tensor (2) must match the existing size (3) at non-singleton dimension "
-                    "0. Target sizes: ( 2, 4 ) . Tensor sizes: ( 3, 1 ) ");
+    refused({2, 4},
+            "The expanded size of the tensor (2) must match the existing size (3) at non-singleton dimension "
+            "0. Target sizes: ( 2, 4 ) . Tensor sizes: ( 3, 1 ) ");
     refused({3}, "The expanded shape ( 3 ) has fewer axes than the tensor's shape ( 3, 1 ) .");
 }
 
@@ -68,12 +73,15 @@ TEST(Broadcast, Tensors) {
         expect_error([&] { Tensor::broadcast_to(a.get(), shape); }, message, "ornik::just_if_broadcastable",
                      "src/tensor/tensor_core.cpp");
     };
-    refused({3}, "reference shape's size should >= input shape's size in broadcast_to. input : ( 2, 3 ) , target: "
-                 "( 3 )  .");
-    refused({4, 3}, " The expanded size : ( 4, 3 )  must match the input shape: ( 2, 3 )  at non-singleton dimension "
-                    "0.");
-    refused({2, -1}, " The expanded size : ( 2, -1 )  must match the input shape: ( 2, 3 )  at non-singleton dimension "
-                     "1.");
+    refused({3},
+            "reference shape's size should >= input shape's size in broadcast_to. input : ( 2, 3 ) , target: "
+            "( 3 )  .");
+    refused({4, 3},
+            " The expanded size : ( 4, 3 )  must match the input shape: ( 2, 3 )  at non-singleton dimension "
+            "0.");
+    refused({2, -1},
+            " The expanded size : ( 2, -1 )  must match the input shape: ( 2, 3 )  at non-singleton dimension "
+            "1.");
     EXPECT_EQ(just_if_broadcastable({3}, {2, 4, 3}), (Dims{1, 1, 3}));
 }
 

@@ -147,8 +147,8 @@ TEST(Copy, ScalarsSizesAndBroadcast) {
     const TensorPtr halves = make<double>({2, 3}, {0.5, 1.5, -1.5, 4, 5, 6}, Layout::transposed);
     matrix->copy_from_(halves.get());
     EXPECT_EQ(values_of<std::int32_t>(matrix), (std::vector<std::int32_t>{0, 1, -1, 4, 5, 6}));
-    expect_error([&] { copy_tensor(row.get(), matrix.get()); },
-                 "Tensors with different size : A( 3 ) B:( 2, 3 ) ", "ornik::copy_tensor", core_file);
+    expect_error([&] { copy_tensor(row.get(), matrix.get()); }, "Tensors with different size : A( 3 ) B:( 2, 3 ) ",
+                 "ornik::copy_tensor", core_file);
     Tensor sparse;
     sparse.initialize_none_tensor({3}, dtype::float32, 0, layout::csr);
     expect_error([&] { copy_tensor(&sparse, row.get()); }, "A->is_csr() && B->is_dense().", "ornik::copy_tensor",
@@ -156,8 +156,8 @@ TEST(Copy, ScalarsSizesAndBroadcast) {
     const TensorPtr other(row->clone());
     other->updateDevice(1000);
     testing::internal::CaptureStdout();
-    expect_error([&] { copy_tensor(row.get(), other.get()); }, "unsupported copy between devices",
-                 "ornik::copy_tensor", core_file);
+    expect_error([&] { copy_tensor(row.get(), other.get()); }, "unsupported copy between devices", "ornik::copy_tensor",
+                 core_file);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "(0 1000)\n");
 }
 
@@ -174,8 +174,11 @@ TEST(Copy, OverlapIsExact) {
     const std::vector<std::int32_t> before = values_of<std::int32_t>(matrix);
     expect_error([&] { copy_tensor(view(matrix, {5}, {1}, 0).get(), view(matrix, {5}, {1}, 2).get()); },
                  "copy tensors may have overlap mem.", "ornik::copy_tensor", core_file);
-    expect_error([&] { copy_tensor(view(matrix, {4, 4}, {1, 4}, 0).get(), matrix.get()); },
-                 "copy tensors may have overlap mem.", "ornik::copy_tensor", core_file);
+    expect_error(
+        [&] {
+            copy_tensor(view(matrix, {4, 4}, {1, 4}, 0).get(), matrix.get());
+        },
+        "copy tensors may have overlap mem.", "ornik::copy_tensor", core_file);
     EXPECT_EQ(values_of<std::int32_t>(matrix), before);
 
     // Random views of one buffer against the sets of places they touch.

@@ -55,10 +55,13 @@ TEST(Creation, GivenStrides) {
     EXPECT_EQ(t->getStorage()->getSize(), 6);
     EXPECT_EQ(TensorPtr(Tensor::new_tensor({2, 2}, {0, 1}, false, 0, 6))->Strides(), (Dims{0, 1}));
     EXPECT_EQ(TensorPtr(Tensor::new_tensor({}, {}, true, 0, 6))->Size(), 1);
-    expect_error([] { Tensor::empty_strided({2, 3}, {3, 2}, 6); },
-                 "Tensor does not fit into its storage: shape ( 2, 3 ) , strides ( 3, 2 ) , offset 0, storage for 6 "
-                 "elements.",
-                 "ornik::Tensor::updateStrides", "src/tensor/tensor_state.cpp");
+    expect_error(
+        [] {
+            Tensor::empty_strided({2, 3}, {3, 2}, 6);
+        },
+        "Tensor does not fit into its storage: shape ( 2, 3 ) , strides ( 3, 2 ) , offset 0, storage for 6 "
+        "elements.",
+        "ornik::Tensor::updateStrides", "src/tensor/tensor_state.cpp");
 }
 
 TEST(Creation, RefusesWildCodes) {

@@ -35,12 +35,16 @@ TEST(Construction, RefusesHostileArgumentsInOrder) {
         {{-1}, 6, extents, shape_check, tensor_file},
         {{two32}, 6, extents, shape_check, tensor_file},
         {{std::int64_t{1} << 31}, 6, extents, shape_check, tensor_file},
-        {{2}, 15 | 10 << 4,
+        {{2},
+         15 | 10 << 4,
          "Not exist device: 1009 , out of range!  set device = 0 for CPU, set device >= 1000 for GPU:0,...,GPU:8 .",
-         "CheckDev", "src/utils/utils.cpp"},
-        {{2}, -16,
+         "CheckDev",
+         "src/utils/utils.cpp"},
+        {{2},
+         -16,
          "Not exist device: 998 , out of range!  set device = 0 for CPU, set device >= 1000 for GPU:0,...,GPU:8 .",
-         "CheckDev", "src/utils/utils.cpp"},
+         "CheckDev",
+         "src/utils/utils.cpp"},
         {{2}, 12 | 1 << 4, "Not valid data type.", constructor, tensor_file},
         {{2}, 10, "Not valid data type.", constructor, tensor_file},
         {Dims(3, (std::int64_t{1} << 31) - 1), 6,
@@ -104,8 +108,8 @@ TEST(Queries, CodesAndClasses) {
     EXPECT_EQ(Tensor::getDeviceID(1000), 1);
     EXPECT_EQ(Tensor::getDeviceID(10000), 2);
     const std::int64_t item_sizes[] = {1, 1, 1, 2, 4, 8, 4, 8, 8, 16};
-    const char* names[] = {"bool", "uint8", "int8", "int16", "int32", "int64", "float32", "float64", "complex64",
-                           "complex128"};
+    const char* names[] = {"bool",  "uint8",   "int8",    "int16",     "int32",
+                           "int64", "float32", "float64", "complex64", "complex128"};
     for (std::int64_t code = 0; code < dtype_count; ++code) {
         const Tensor t({2}, static_cast<std::int32_t>(code));
         const auto i = static_cast<std::size_t>(code);
@@ -268,11 +272,13 @@ TEST(Views, NeverReachOutsideTheirStorage) {
         std::int64_t dtype, offset, capacity;
     };
     const Case cases[] = {
-        {{7}, {1}, 6, 0, 6},         {{6}, {1}, 6, 1, 6},      {{3}, {-1}, 6, 1, 6},
-        {{2}, {6}, 6, 0, 6},         {{3, 3}, {2, 1}, 6, 0, 6}, {{1}, {1}, 6, -1, 6},
-        {{1}, {1}, 6, 6, 6},         {{4}, {1}, 7, 0, 3},      {{2}, {max64}, 6, 3, 6},
-        {{2, 2}, {max64, max64}, 6, 0, 6}, {{2}, {1, 1}, 6, 0, 6},   {{-2, -3}, {1, 1}, 6, 0, 6},
-        {{0}, {1}, 6, 7, 6},         {{1}, {1}, 6, max64, 6},
+        {{7}, {1}, 6, 0, 6},       {{6}, {1}, 6, 1, 6},
+        {{3}, {-1}, 6, 1, 6},      {{2}, {6}, 6, 0, 6},
+        {{3, 3}, {2, 1}, 6, 0, 6}, {{1}, {1}, 6, -1, 6},
+        {{1}, {1}, 6, 6, 6},       {{4}, {1}, 7, 0, 3},
+        {{2}, {max64}, 6, 3, 6},   {{2, 2}, {max64, max64}, 6, 0, 6},
+        {{2}, {1, 1}, 6, 0, 6},    {{-2, -3}, {1, 1}, 6, 0, 6},
+        {{0}, {1}, 6, 7, 6},       {{1}, {1}, 6, max64, 6},
     };
     for (const Case& c : cases) {
         expect_error([&] { share_storage_tensor(t->getStorage(), c.shape, c.strides, c.dtype, c.offset); },

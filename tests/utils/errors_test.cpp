@@ -22,11 +22,13 @@ TEST(Logging, ComposesMessageAndLocation) {
 TEST(Errors, JoinPiecesAndNameThePlaceInTheSourceTree) {
     const int line = __LINE__ + 1;
     const Where at = where("ornik::some::function");
-    EXPECT_EQ(location_text(at), " FILE: tests/utils/errors_test.cpp  LINE: " + std::to_string(line) +
-                                     "  FUNC: ornik::some::function\n");
-    expect_error([&] { fail(at, "a ", -3, Dims{2, 3}, "and ", Dims{}, std::uint64_t{1} << 63); },
-                 "a -3( 2, 3 ) and empty vector\n9223372036854775808", "ornik::some::function",
-                 "tests/utils/errors_test.cpp");
+    EXPECT_EQ(location_text(at),
+              " FILE: tests/utils/errors_test.cpp  LINE: " + std::to_string(line) + "  FUNC: ornik::some::function\n");
+    expect_error(
+        [&] {
+            fail(at, "a ", -3, Dims{2, 3}, "and ", Dims{}, std::uint64_t{1} << 63);
+        },
+        "a -3( 2, 3 ) and empty vector\n9223372036854775808", "ornik::some::function", "tests/utils/errors_test.cpp");
 }
 
 TEST(Devices, CheckDevAcceptsKnownCodes) {
