@@ -33,15 +33,18 @@
 
 namespace ornik {
 
-/// Snapshot of one operand's geometry.
+/// One operand and what the engine knows of it. Shape and strides stay the tensor's: a call is too short
+/// for copies to pay.
 struct TensorIterationHelper {
+    const Tensor* tensor = nullptr;
     bool is_contiguous = false;
-    Dims shape;
-    Dims strides;
     std::int32_t numel = 0;  // Product of the shape in 32 bits, wrapping.
     std::int64_t reserved = 0;
     std::int64_t device = 0;
     std::int64_t dtype = 0;
+
+    const Dims& shape() const { return tensor->Shape(); }
+    const Dims& strides() const { return tensor->Strides(); }
 };
 
 namespace detail {
@@ -168,6 +171,7 @@ struct ElementLoop<Function, TypeList<Outs...>, TypeList<Ins...>> {
 /// the tensors.
 class MultiTensorIterationHelper {
   public:
+    MultiTensorIterationHelper();
     void add_input(const Tensor* tensor);
     /// A tensor may be an input too: the function then reads the old value.
     void add_output(Tensor* tensor);
@@ -198,8 +202,6 @@ class MultiTensorIterationHelper {
 
     std::vector<TensorIterationHelper> input_helpers_;
     std::vector<TensorIterationHelper> output_helpers_;
-    std::vector<const Tensor*> _in_args;
-    std::vector<Tensor*> _out_args;
     std::int64_t numel_ = 0;
     bool all_contiguous_ = false;
 };

@@ -88,6 +88,7 @@ class DynamicMemPool {
     Totals totals_unlocked(PoolKind kind) const;
     DynamicMemBufPtr FindIdleMemBuf(PoolKind kind, std::uint64_t size);
     DynamicMemBufPtr AddMemBlockAndMemBuf(PoolKind kind, std::uint64_t block_size, std::uint64_t size);
+    static void MoveIdleEntry(Pool& pool, const DynamicMemBufPtr& from, const DynamicMemBufPtr& to, std::uint64_t size);
     void SplitMemBuf(const DynamicMemBufPtr& buf, std::uint64_t size);
     DynamicMemBlockPtr FindMemBlock(char* address);
     void CombineMemBuf(const DynamicMemBlockPtr& block, const DynamicMemBufPtr& buf);

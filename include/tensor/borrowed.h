@@ -6,6 +6,7 @@
 
 #include <memory>
 
+#include "../utils/utils.h"
 #include "tensor.h"
 
 namespace ornik {
@@ -14,8 +15,15 @@ class Borrowed {
   public:
     /// The tensor itself when it is contiguous, else a contiguous copy. Null gives null.
     static Borrowed contiguous(Tensor* t) { return {t, t == nullptr ? nullptr : t->contiguous()}; }
-    /// The tensor itself when it has the dtype, else a converted copy.
-    static Borrowed of_dtype(Tensor* t, std::int64_t dtype) { return {t, t->toDtype(dtype, false)}; }
+    /// The tensor itself when it has the dtype, else a converted copy. Fails away from the CPU, where
+    /// toDtype gives null.
+    static Borrowed of_dtype(Tensor* t, std::int64_t dtype) {
+        Tensor* converted = t->toDtype(dtype, false);
+        if (converted == nullptr) {
+            refuse_gpu();
+        }
+        return {t, converted};
+    }
 
     Tensor* get() const { return tensor_; }
     Tensor* operator->() const { return tensor_; }

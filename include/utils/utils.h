@@ -21,6 +21,10 @@ constexpr bool is_gpu_device(std::int64_t device) { return device >= device_firs
 /// Accepts 0, 1000 .. 1008 and 10000; any other code is an error.
 ORNIK_API void CheckDev(std::int64_t device);
 
+/// Throws what every request for a GPU ends in, in this build: "Not compiled for GPU, set device = 0 or
+/// device = None", without a location.
+[[noreturn]] ORNIK_API void refuse_gpu();
+
 namespace detail {
 [[noreturn]] ORNIK_API void refuse_axis(const Where& at, int rank);
 }  // namespace detail

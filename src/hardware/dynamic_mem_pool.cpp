@@ -88,16 +88,17 @@ DynamicMemBufPtr DynamicMemPool::FindIdleMemBuf(PoolKind kind, std::uint64_t siz
     }
     if (buf->size > size) {
         SplitMemBuf(buf, size);
+    } else {
+        pool.idle_bufs.erase(found);
     }
-    pool.idle_bufs.erase({buf->size, buf->device_addr});
     buf->status = BufStatus::used;
     pool.used += size;
     pool.idle -= size;
     return buf;
 }
 
-// Cuts an idle buf in two idle ones; `buf` keeps the first `size` bytes. All that can fail comes before the
-// first change.
+// Cuts an idle buf in two: `buf` keeps the first `size` bytes and leaves the idle map, the rest takes its
+// entry there. All that can fail comes before the first change.
 void DynamicMemPool::SplitMemBuf(const DynamicMemBufPtr& buf, std::uint64_t size) {
     const Where at = where("SplitMemBuf");
     check_not_null(buf.get(), at, "mem_buf == nullptr\n");
@@ -107,11 +108,21 @@ void DynamicMemPool::SplitMemBuf(const DynamicMemBufPtr& buf, std::uint64_t size
     const auto rest = std::make_shared<DynamicMemBuf>(
         DynamicMemBuf{buf->device_addr + size, BufStatus::idle, buf->kind, buf->size - size});
     block->bufs.emplace(rest->device_addr, rest);
-    pool.idle_bufs.emplace(IdleKey{rest->size, rest->device_addr}, rest);
-    auto node = pool.idle_bufs.extract({buf->size, buf->device_addr});
+    MoveIdleEntry(pool, buf, rest, rest->size);
     buf->size = size;
-    node.key().first = size;
-    pool.idle_bufs.insert(std::move(node));
+}
+
+// The idle entry of `from` becomes that of `to`, which has, or is about to have, `size` bytes. Allocates
+// nothing.
+void DynamicMemPool::MoveIdleEntry(Pool& pool, const DynamicMemBufPtr& from, const DynamicMemBufPtr& to,
+                                   std::uint64_t size) {
+    auto entry = pool.idle_bufs.extract({from->size, from->device_addr});
+    if (entry.empty()) {
+        fail(where("EraseIdleMemBuf"), "Can't find the size[", from->size, "] pointer in the idle mem_buf.");
+    }
+    entry.key() = {size, to->device_addr};
+    entry.mapped() = to;
+    pool.idle_bufs.insert(std::move(entry));
 }
 
 // A new block with one idle buf, of which `size` bytes are handed out; null when the device refuses.
@@ -190,39 +201,38 @@ DynamicMemBlockPtr DynamicMemPool::FindMemBlock(char* address) {
     return nullptr;
 }
 
-// Marks a used buf idle and merges it with its idle neighbours. Nothing is changed before the idle map has
-// its new entry.
+// Marks a used buf idle and merges it with its idle neighbours, whose entry in the idle map it takes over.
 void DynamicMemPool::CombineMemBuf(const DynamicMemBlockPtr& block, const DynamicMemBufPtr& buf) {
     const Where at = where("CombineMemBuf");
     check_not_null(block.get(), at, "mem_block == nullptr\n");
     check_not_null(buf.get(), at, "mem_buf == nullptr\n");
     Pool& pool = pool_of(buf->kind);
     const auto self = block->bufs.find(buf->device_addr);
-    DynamicMemBufPtr merged = buf;
-    std::uint64_t size = buf->size;
     const auto next = std::next(self);
     const bool joins_next = next != block->bufs.end() && next->second->status == BufStatus::idle;
     const bool joins_previous = self != block->bufs.begin() && std::prev(self)->second->status == BufStatus::idle;
-    if (joins_next) {
-        size += next->second->size;
-    }
+    const std::uint64_t size = buf->size + (joins_next ? next->second->size : 0);
     if (joins_previous) {
-        merged = std::prev(self)->second;
-        check_not_null(merged.get(), at, "prev_mem_buf == nullptr\n");
-        size += merged->size;
+        const DynamicMemBufPtr previous = std::prev(self)->second;
+        check_not_null(previous.get(), at, "prev_mem_buf == nullptr\n");
+        if (joins_next) {
+            EraseIdleMemBuf(next->second);
+            block->bufs.erase(next);
+        }
+        MoveIdleEntry(pool, previous, previous, previous->size + size);
+        previous->size += size;
+        block->bufs.erase(self);
+        return;
     }
-    pool.idle_bufs.emplace(IdleKey{size, merged->device_addr}, merged);
     if (joins_next) {
         check_not_null(next->second.get(), at, "next_mem_buf == nullptr\n");
-        EraseIdleMemBuf(next->second);
+        MoveIdleEntry(pool, next->second, buf, size);
         block->bufs.erase(next);
+    } else {
+        pool.idle_bufs.emplace(IdleKey{size, buf->device_addr}, buf);
     }
-    if (joins_previous) {
-        EraseIdleMemBuf(merged);
-        block->bufs.erase(self);
-    }
-    merged->status = BufStatus::idle;
-    merged->size = size;
+    buf->status = BufStatus::idle;
+    buf->size = size;
 }
 
 void DynamicMemPool::EraseIdleMemBuf(const DynamicMemBufPtr& buf) {

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <stdexcept>
 
 #include "hardware/parallel.h"
 #include "tensor/geometry.h"
@@ -44,17 +43,16 @@ void Tensor::construct(const Dims& shape, std::int32_t packed, const void* data,
         fail(at, "Not valid data type.");
     }
     if (slot != 0) {
-        throw std::runtime_error("Not compiled for GPU, set device = 0 or device = None");
+        refuse_gpu();
     }
     const std::int64_t numel = checked_numel(at, shape);
     dtype_ = dtype;
     ndarray_handles_ = ndarray_handle;
     device_ = device;
     gpu_index_ = device - device_first_gpu;
-    updateShape(shape);
+    updateShape(shape);  // Brings the row-major strides along.
     size_ = numel;
     if_scalar_ = shape.empty();
-    strides_ = shape2stride(shape);
     meta_ = std::make_shared<tensorT::Tensor_Meta>(shape_, strides_, dtype_, device_, layout::dense, 0, true);
     if (data != nullptr) {
         std::memcpy(meta_->getRawData(), data, static_cast<std::size_t>(size_ * itemsize()));

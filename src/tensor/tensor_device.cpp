@@ -1,6 +1,4 @@
 // tensor_device.cpp: moves between devices. This build has the CPU alone.
-#include <stdexcept>
-
 #include "tensor/tensor.h"
 #include "utils/utils.h"
 
@@ -30,8 +28,6 @@ std::unique_ptr<Tensor> copy_to_device(const Tensor* t, std::int64_t device) {
     result->set_csr_members(members);
     return result;
 }
-
-[[noreturn]] void refuse_gpu() { throw std::runtime_error("Not compiled for GPU, set device = 0 or device = None"); }
 
 }  // namespace
 

@@ -29,10 +29,11 @@ void Tensor::check_inside(const Where& at, const Dims& shape, const Dims& stride
     const std::int64_t capacity = storage->byte_size() / std::max<std::int64_t>(dtype_item_size(dtype), 1);
     // A tensor without elements touches nothing, but its address must still lie in (or just behind) the
     // storage.
-    const std::optional<Span> span = is_empty || is_constant ? Span{} : element_span(shape, strides);
+    const bool same_rank = shape.size() == strides.size();
+    const std::optional<Span> span = is_empty || is_constant || !same_rank ? Span{} : element_span(shape, strides);
     const std::int64_t last_start = is_empty ? capacity : capacity - 1;
-    if (shape.size() != strides.size() || (has_negative_extent && !is_constant) || !span || offset < 0 ||
-        offset + span->lowest < 0 || offset > last_start || span->highest > last_start - offset) {
+    if (!same_rank || (has_negative_extent && !is_constant) || !span || offset < 0 || offset + span->lowest < 0 ||
+        offset > last_start || span->highest > last_start - offset) {
         fail(at, "Tensor does not fit into its storage: shape ", shape, ", strides ", strides, ", offset ", offset,
              ", storage for ", capacity, " elements.");
     }
@@ -51,10 +52,10 @@ void Tensor::updateShape(const Dims& shape) {
         }
     }
     // Strides follow when the number of axes changes; the size follows in updateSize().
-    const Dims strides = strides_.size() == shape.size() ? strides_ : shape2stride(shape);
+    Dims strides = strides_.size() == shape.size() ? strides_ : shape2stride(shape);
     check_inside(at, shape, strides, StorageOffset(), dtype_, getStorage().get());
     shape_ = shape;
-    strides_ = strides;
+    strides_ = std::move(strides);
     ndim_ = static_cast<std::int32_t>(shape.size());
     if (meta_sync_ == 1 && meta_) {
         meta_->SetShape(shape_);

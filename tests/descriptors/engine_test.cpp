@@ -83,11 +83,13 @@ struct Operand {
 
     Operand(const View& view, unsigned seed) : storage(static_cast<std::size_t>(capacity_for(numel_of(view.shape)))) {
         std::uint64_t state = seed;
-        auto* bytes = reinterpret_cast<unsigned char*>(storage.data());
-        std::generate(bytes, bytes + storage.size() * sizeof(T), [&] {
+        std::vector<std::uint64_t> bits(storage.size() * sizeof(T) / sizeof(state) + 1);
+        std::generate(bits.begin(), bits.end(), [&] {
             state = state * 6364136223846793005U + 1442695040888963407U;
-            return static_cast<unsigned char>(state >> 56);
+            return state ^ state >> 29;
         });
+        const auto* bytes = reinterpret_cast<const unsigned char*>(bits.data());
+        std::copy_n(bytes, storage.size() * sizeof(T), reinterpret_cast<unsigned char*>(storage.data()));
         const TensorPtr whole(Tensor::empty({static_cast<std::int64_t>(storage.size())}, 0, dtype_code<T>));
         std::memcpy(whole->getRawData(), storage.data(), storage.size() * sizeof(T));
         tensor.reset(share_storage_tensor(whole->getStorage(), view.shape, view.strides, dtype_code<T>, view.offset));
@@ -160,10 +162,13 @@ TEST(Engine, SmallShapesInEveryLayout) {
 }
 
 TEST(Engine, SizesAroundTheTileAndTheGrain) {
-    for (const Dims& shape : std::vector<Dims>{{127, 8}, {8, 128}, {129, 17}, {17, 129}, {128, 257}, {257, 128},
-                                               {2, 127, 129}, {32767}, {32768}, {32769}}) {
+    for (const Dims& shape : {Dims{127, 8}, {8, 128}, {129, 17}, {17, 129}, {128, 257}, {257, 128}, {2, 127, 129}}) {
         const std::vector<View> views = views_of(shape);
-        for_types(SizedTypes{}, [&]<typename T>() { check_walks<T>(views, {views[0], views[6], views.back()}); });
+        for_types(SizedTypes{}, [&]<typename T>() { check_walks<T>(views, {views[0], views[6]}); });
+    }
+    for (const std::int64_t n : {32767, 32768, 32769}) {
+        const std::vector<View> views = views_of(Dims{n});
+        check_walks<std::int16_t>(views, {views[0], views[3], views[4]});
     }
     const std::vector<View> ragged = views_of(std::vector<Dims>{{257, 129}, {129, 257}, {257 * 129}});
     check_walks<std::int32_t>(ragged, {ragged[3], ragged[4], ragged[7]});
@@ -352,8 +357,8 @@ TEST(Engine, FlagsContiguousOperands) {
         const TensorIterationHelper& helper = it.output_helpers()[0];
         EXPECT_EQ(helper.is_contiguous, c.contiguous) << shape_text(c.strides);
         EXPECT_EQ(it.all_contiguous(), c.contiguous);
-        EXPECT_EQ(helper.shape, c.shape);
-        EXPECT_EQ(helper.strides, c.strides);
+        EXPECT_EQ(helper.shape(), c.shape);
+        EXPECT_EQ(helper.strides(), c.strides);
         EXPECT_EQ(helper.numel, numel_of(c.shape));
         EXPECT_EQ(helper.dtype, dtype::int16);
         EXPECT_EQ(helper.device, 0);

@@ -1,11 +1,9 @@
 // The steps that turn operands into an iteration plan.
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <tuple>
 
 #include "descriptors/iteration_plan.h"
-#include "descriptors/tile_transpose.h"
 #include "support/tensors.h"
 
 namespace ornik::test {
@@ -116,7 +114,8 @@ TEST(Plan, KnowsOutputsThatWriteAPlaceTwice) {
         {{2, 2, 2}, {12, 4, 8}, false},
     };
     for (const Case& c : cases) {
-        EXPECT_EQ(writes_each_place_once(c.sizes, c.strides, 4), c.once) << shape_text(c.sizes) << shape_text(c.strides);
+        EXPECT_EQ(writes_each_place_once(c.sizes, c.strides, 4), c.once)
+            << shape_text(c.sizes) << shape_text(c.strides);
     }
 }
 
@@ -153,35 +152,6 @@ TEST(Plan, WholePlans) {
         EXPECT_EQ(std::tie(plan.ragged, plan.serial, plan.tiled), std::tie(c.ragged, c.serial, c.tiled));
         if (!c.ragged) {
             EXPECT_EQ(plan.sizes, c.sizes);
-        }
-    }
-}
-
-TEST(Plan, TransposedTilesLeaveTheRestOfTheBufferAlone) {
-    constexpr std::int64_t row = 24;
-    for (const std::int64_t item : {1, 2, 4, 8, 16}) {
-        for (const auto& [n0, n1] : {std::pair<int, int>{1, 1}, {3, 9}, {8, 4}, {8, 8}, {17, 13}, {24, 24}}) {
-            const std::int64_t step = 25 * item;  // Rows of the source are not aligned.
-            std::vector<unsigned char> source(static_cast<std::size_t>(n0 * step));
-            for (std::size_t i = 0; i < source.size(); ++i) {
-                source[i] = static_cast<unsigned char>(i * 37 + i / 256);
-            }
-            struct alignas(64) Buffer {
-                unsigned char bytes[row * 24 * 16];
-            };
-            const auto buffer = std::make_unique<Buffer>();
-            const auto expected = std::make_unique<Buffer>();
-            std::fill(std::begin(buffer->bytes), std::end(buffer->bytes), 0xee);
-            *expected = *buffer;
-            for (std::int64_t i = 0; i < n0; ++i) {
-                for (std::int64_t j = 0; j < n1; ++j) {
-                    std::copy_n(&source[static_cast<std::size_t>(i * step + j * item)], item,
-                                expected->bytes + (j * row + i) * item);
-                }
-            }
-            transpose_tile(buffer->bytes, row, reinterpret_cast<const char*>(source.data()), step, item, n0, n1);
-            EXPECT_TRUE(std::equal(std::begin(buffer->bytes), std::end(buffer->bytes), expected->bytes))
-                << item << ": " << n0 << " x " << n1;
         }
     }
 }

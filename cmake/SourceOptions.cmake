@@ -1,0 +1,16 @@
+# Fused multiply-add: on in the matrix products, off everywhere else.
+#
+# The products live by it; their results are the same bits on every run of one build, whatever the team size.
+# Everywhere else a*b+c stays two roundings, on every machine. -ffp-contract=off says so, but GCC 12 still
+# fuses the multiply and add/subtract pairs of complex products that it vectorises (a test of complex
+# arithmetic compares bits and shows it), so its instructions are taken away as well.
+set(product_sources ${ornik_sources})
+list(FILTER product_sources INCLUDE REGEX "/cpu_product_[a-z]+\\.cpp$")
+set(other_sources ${ornik_sources})
+list(REMOVE_ITEM other_sources ${product_sources})
+
+set_source_files_properties(${product_sources} PROPERTIES
+  COMPILE_OPTIONS $<$<CXX_COMPILER_ID:GNU,Clang>:-ffp-contract=fast>)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
+  set_source_files_properties(${other_sources} PROPERTIES COMPILE_OPTIONS "-mno-fma;-mno-avx512f")
+endif()

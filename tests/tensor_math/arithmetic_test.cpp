@@ -1,0 +1,386 @@
+// Arithmetic of two tensors: new results, in place, the cores, gradients.
+#include <cmath>
+#include <complex>
+
+#include "elements.h"
+#include "support/expect_error.h"
+#include "tensor/tensor_math/tensor_arithmetic.h"
+
+namespace ornik::test {
+namespace {
+
+constexpr const char* file = "src/tensor/tensor_math/tensor_arithmetic.cpp";
+const Dims shape{3, 4, 5};
+constexpr std::int64_t numel = 60;
+
+using NewResult = Tensor* (Tensor::*)(Tensor*);
+using InPlace = void (Tensor::*)(Tensor*);
+constexpr NewResult new_results[] = {&Tensor::add_tensor, &Tensor::sub_tensor, &Tensor::mult_tensor,
+                                     &Tensor::div_tensor};
+constexpr InPlace in_places[] = {&Tensor::add_tensor_inplace, &Tensor::sub_tensor_inplace, &Tensor::mult_tensor_inplace,
+                                 &Tensor::div_tensor_inplace};
+TensorPtr compute(Op op, const TensorPtr& a, const TensorPtr& b) {
+    return TensorPtr((a.get()->*new_results[static_cast<int>(op)])(b.get()));
+}
+void compute_in_place(Op op, const TensorPtr& self, const TensorPtr& other) {
+    (self.get()->*in_places[static_cast<int>(op)])(other.get());
+}
+std::string method(Op op) { return "ornik::Tensor::" + name_of(op) + "_tensor"; }
+
+template <typename R, typename A, typename B>
+std::vector<R> expected_values(Op op, const std::vector<A>& a, const std::vector<B>& b) {
+    std::vector<R> result;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        result.push_back(combine<R>(op, to<R, A>(a[i]), to<R, B>(b[i])));
+    }
+    return result;
+}
+
+// Two tensors of every pair of types, in layouts that go round.
+template <typename Test>
+void for_type_pairs(const Test& test) {
+    int round = 0;
+    for_types(AllTypes{}, [&]<typename A>() {
+        for_types(AllTypes{}, [&]<typename B>() {
+            const std::vector<A> x = random_values<A>(numel, 1);
+            const std::vector<B> y = random_values<B>(numel, 2);
+            const Layout layout_a = all_layouts[round % 5];
+            const Layout layout_b = all_layouts[(round + round / 5) % 5];
+            ++round;
+            for (const Op op : all_ops) {
+                SCOPED_TRACE(name_of(op) + " " + dtype_name(dtype_code<A>) + " " + name_of(layout_a) + ", " +
+                             dtype_name(dtype_code<B>) + " " + name_of(layout_b));
+                test.template operator()<A, B>(op, x, y, make<A>(shape, x, layout_a), make<B>(shape, y, layout_b));
+            }
+        });
+    });
+}
+
+TEST(Arithmetic, EveryPairOfTypes) {
+    for_type_pairs([]<typename A, typename B>(Op op, const std::vector<A>& x, const std::vector<B>& y,
+                                              const TensorPtr& a, const TensorPtr& b) {
+        constexpr std::int64_t sum = sum_rule(dtype_code<A>, dtype_code<B>);
+        const int bools = int{a->isBool()} + int{b->isBool()};
+        if (op == Op::sub && bools > 0) {
+            expect_error([&] { compute(op, a, b); },
+                         std::string("Subtraction, the `-` operator, with ") +
+                             (bools == 2 ? "two bool tensors" : "one bool tensor") + " is not supported. ",
+                         method(op), file);
+        } else {
+            const auto check = [&]<typename R>() {
+                const TensorPtr result = compute(op, a, b);
+                ASSERT_EQ(result->Dtype(), dtype_code<R>);
+                EXPECT_EQ(result->Shape(), shape);
+                EXPECT_TRUE(result->is_contiguous());
+                EXPECT_TRUE(same(values_of<R>(result), expected_values<R>(op, x, y)));
+            };
+            op == Op::div ? check.template operator()<TypeAt<at_least_float(sum)>>()
+                          : check.template operator()<TypeAt<sum>>();
+        }
+        EXPECT_TRUE(same(values_of<A>(a), x) && same(values_of<B>(b), y)) << "an operand was changed";
+    });
+}
+
+TEST(Arithmetic, InPlaceEveryPairOfTypes) {
+    for_type_pairs([]<typename A, typename B>(Op op, const std::vector<A>& x, const std::vector<B>& y,
+                                              const TensorPtr& self, const TensorPtr& other) {
+        constexpr std::int64_t s = dtype_code<A>;
+        constexpr std::int64_t r = sum_rule(s, dtype_code<B>);
+        // Nothing leaves its kind; a quotient is kept by floating and complex tensors.
+        if (kind_of(r) == kind_of(s) && (op != Op::div || kind_of(s) >= 2)) {
+            compute_in_place(op, self, other);
+            EXPECT_EQ(self->Dtype(), s);
+            EXPECT_TRUE(same(values_of<A>(self), expected_values<A>(op, x, y)));
+        } else {
+            std::string message = "Not supported data type casting.";
+            if (op == Op::mult) {
+                message += " From " + dtype_name(r) + " to " + dtype_name(s);
+            } else if (op == Op::div) {
+                message = "Not supported data type of two operands for divide().";
+            }
+            expect_error([&] { compute_in_place(op, self, other); }, message, method(op) + "_inplace", file);
+            EXPECT_TRUE(same(values_of<A>(self), x)) << "a refusal changed self";
+        }
+        EXPECT_TRUE(same(values_of<B>(other), y));
+    });
+}
+
+TEST(Arithmetic, InPlaceOnItselfAndOnOverlappingViews) {
+    const auto view = [](const TensorPtr& t, const Dims& extents, const Dims& strides, std::int64_t offset) {
+        return TensorPtr(share_storage_tensor(t->getStorage(), extents, strides, dtype::int32, offset));
+    };
+    struct Case {
+        const char* name;
+        Dims extents, self, other;
+        std::int64_t self_offset, other_offset;
+    };
+    const Case cases[] = {
+        {"itself", {4, 4}, {4, 1}, {4, 1}, 0, 0},
+        {"itself, transposed", {4, 4}, {1, 4}, {1, 4}, 0, 0},
+        {"its transpose", {4, 4}, {4, 1}, {1, 4}, 0, 0},
+        {"transposed, its transpose", {4, 4}, {1, 4}, {4, 1}, 0, 0},
+        {"the next elements", {15}, {1}, {1}, 0, 1},
+        {"the elements before", {15}, {1}, {1}, 1, 0},
+        {"reversed", {16}, {1}, {-1}, 0, 15},
+        {"its first row", {4, 4}, {4, 1}, {0, 1}, 0, 0},
+        {"its last element", {4, 4}, {4, 1}, {0, 0}, 0, 15},
+        {"another column", {4}, {4}, {4}, 1, 2},
+        {"a row across a column", {4}, {4}, {1}, 1, 4},
+    };
+    for (const Case& c : cases) {
+        for (const Op op : {Op::add, Op::sub, Op::mult}) {
+            const std::vector<std::int32_t> values = counted<std::int32_t>(16, 3);
+            const TensorPtr whole(Tensor::empty({16}, 0, dtype::int32));
+            std::copy(values.begin(), values.end(), static_cast<std::int32_t*>(whole->getRawData()));
+            const TensorPtr self = view(whole, c.extents, c.self, c.self_offset);
+            const TensorPtr other = view(whole, c.extents, c.other, c.other_offset);
+            std::vector<std::int32_t> expected = values;
+            const std::vector<std::int32_t> sums =
+                expected_values<std::int32_t>(op, values_of<std::int32_t>(self), values_of<std::int32_t>(other));
+            std::size_t i = 0;
+            for_each_offset(c.extents, c.self, [&](std::int64_t at) {
+                expected[static_cast<std::size_t>(c.self_offset + at)] = sums[i++];
+            });
+            compute_in_place(op, self, other);
+            EXPECT_EQ(values_of<std::int32_t>(whole), expected) << name_of(op) << " " << c.name;
+        }
+    }
+}
+
+TEST(Arithmetic, RefusesOtherShapesDevicesAndExpandedOutputs) {
+    const std::vector<float> x = counted<float>(6, 1);
+    const TensorPtr a = make<float>({2, 3}, x);
+    const TensorPtr b = make<float>({3}, {1, 2, 3});
+    const TensorPtr flat = make<float>({6}, x);
+    const TensorPtr far = make<float>({2, 3}, x);
+    const TensorPtr far_double = make<double>({2, 3}, counted<double>(6, 1));
+    far->updateDevice(1000);
+    far_double->updateDevice(1000);
+    const TensorPtr expanded(Tensor::broadcast_to(b.get(), {2, 3}));
+    const std::string shapes[] = {"Incompatible shape: lhs has a shape of ( 2, 3 ) , rhs has a shape of ( 3 ) ",
+                                  "Incompatible shape", "Incompatible shape for mult(),   ",
+                                  "Incompatible dims for div(),   "};
+    for (const Op op : all_ops) {
+        const std::string core = op == Op::div ? "Tensor::div" : "ornik::" + name_of(op);
+        const std::string& message = shapes[static_cast<int>(op)];
+        expect_error([&] { compute(op, a, b); }, message, core, file);
+        expect_error([&] { compute_in_place(op, a, b); }, message, core, file);
+        if (op != Op::add) {
+            expect_error([&] { compute(op, a, flat); }, message, core, file);
+        }
+        expect_error([&] { compute(op, a, far_double); }, "Tensors in different devices", method(op), file);
+        expect_error([&] { compute(op, far, a); }, "Tensors in different devices", method(op), file);
+        expect_error([&] { compute_in_place(op, a, far); }, "Tensors in different devices", method(op) + "_inplace",
+                     file);
+        expect_error([&] { compute_in_place(op, expanded, a); },
+                     "Output can not be an expanded view: shape ( 2, 3 ) , strides ( 0, 1 ) ", method(op) + "_inplace",
+                     file);
+        // Conversions give null away from the CPU: that must end in an error too.
+        EXPECT_THROW(compute(op, far, far_double), std::runtime_error);
+        EXPECT_THROW(compute_in_place(op, far, far_double), std::runtime_error);
+        EXPECT_EQ(values_of<float>(a), x);
+        EXPECT_EQ(values_of<float>(far), x);
+        EXPECT_EQ(values_of<float>(b), (std::vector<float>{1, 2, 3}));
+    }
+}
+
+// ---- Cores ----
+
+void core(Op op, float alpha, const TensorPtr& a, float beta, const TensorPtr& b, const TensorPtr& out,
+          int accumulate) {
+    switch (op) {
+        case Op::add:
+            return add(alpha, a.get(), beta, b.get(), out.get(), accumulate);
+        case Op::sub:
+            return sub(alpha, a.get(), beta, b.get(), out.get(), accumulate);
+        case Op::mult:
+            return mult(a.get(), b.get(), out.get(), accumulate);
+        case Op::div:
+            return div(a.get(), b.get(), out.get(), accumulate);
+    }
+}
+
+TEST(Cores, CoefficientsAndAccumulation) {
+    struct Factors {
+        float alpha, beta;
+    };
+    for_types(AllTypes{}, [&]<typename T>() {
+        int round = 0;
+        for (const auto& [alpha, beta] : {Factors{1, 1}, {2, 3}, {0.5F, 2}, {1, 0.1F}, {0, 1.75F}}) {
+            for (const Op op : all_ops) {
+                for (const int accumulate : {0, 1}) {
+                    if (op == Op::div && kind_of(dtype_code<T>) < 2) {
+                        continue;
+                    }
+                    const std::vector<T> x = random_values<T>(numel, 3);
+                    const std::vector<T> y = random_values<T>(numel, 4);
+                    const std::vector<T> old = random_values<T>(numel, 5);
+                    const TensorPtr a = make<T>(shape, x, all_layouts[round % 5]);
+                    const TensorPtr b = make<T>(shape, y, all_layouts[(round + 2) % 5]);
+                    const TensorPtr out = make<T>(shape, old, all_layouts[(round + round / 5) % 5]);
+                    ++round;
+                    std::vector<T> expected;
+                    for (std::size_t i = 0; i < x.size(); ++i) {
+                        const auto scaled = [&](T value, float factor) -> T {
+                            if constexpr (is_complex<T>) {
+                                const auto f = static_cast<decltype(T::real)>(factor);
+                                return {f * value.real, f * value.imag};
+                            } else {
+                                return combine<T>(Op::mult, static_cast<T>(factor), value);
+                            }
+                        };
+                        const bool scales = op == Op::add || op == Op::sub;
+                        const T value = scales ? combine<T>(op, scaled(x[i], alpha), scaled(y[i], beta))
+                                               : combine<T>(op, x[i], y[i]);
+                        expected.push_back(accumulate != 0 ? combine<T>(Op::add, value, old[i]) : value);
+                    }
+                    core(op, alpha, a, beta, b, out, accumulate);
+                    EXPECT_TRUE(same(values_of<T>(out), expected))
+                        << name_of(op) << " " << dtype_name(dtype_code<T>) << " " << alpha << " " << accumulate;
+                }
+            }
+        }
+    });
+}
+
+TEST(Cores, RefusalsInTheirOrder) {
+    const auto fresh = [](const Dims& extents, bool is_float, std::int64_t device) {
+        TensorPtr t = is_float ? make<float>(extents, counted<float>(numel_of(extents), 1))
+                               : make<std::int32_t>(extents, counted<std::int32_t>(numel_of(extents), 1));
+        t->updateDevice(device);
+        return t;
+    };
+    const TensorPtr a = fresh({2, 3}, true, 0);
+    const TensorPtr integers = fresh({2, 3}, false, 0);
+    const TensorPtr wide_far = fresh({3, 2}, false, 1000);
+    const TensorPtr wide = fresh({3, 2}, false, 0);
+    const TensorPtr row = fresh({3}, true, 0);
+    const TensorPtr expanded(Tensor::broadcast_to(row.get(), {2, 3}));
+    const std::string result = "Incompatible shape: lhs has a shape of ( 2, 3 ) , result has a shape of ( 3, 2 ) ";
+    const std::string shapes[] = {result, "Incompatible shape", "Incompatible shape for mult(),   ",
+                                  "Incompatible dims for div(),   "};
+    const std::string expanded_text = "Output can not be an expanded view: shape ( 2, 3 ) , strides ( 0, 1 ) ";
+    for (const Op op : all_ops) {
+        const auto refused = [&](const TensorPtr& b, const TensorPtr& out, const std::string& message) {
+            expect_error([&] { core(op, 1, a, 1, b, out, 0); }, message,
+                         op == Op::div ? "Tensor::div" : "ornik::" + name_of(op), file);
+            EXPECT_EQ(values_of<float>(a), counted<float>(6, 1));
+            EXPECT_EQ(values_of<float>(row), counted<float>(3, 1));
+            EXPECT_EQ(values_of<std::int32_t>(wide), counted<std::int32_t>(6, 1));
+            EXPECT_EQ(values_of<std::int32_t>(integers), counted<std::int32_t>(6, 1));
+        };
+        refused(wide_far, a, "Tensors in different devices");
+        refused(a, wide_far, "Tensors in different devices");
+        refused(a, wide, shapes[static_cast<int>(op)]);
+        refused(integers, expanded, "Not same data type");
+        refused(a, integers, "Not same data type");
+        refused(a, expanded, expanded_text);
+    }
+    expect_error([&] { div(integers.get(), integers.get(), integers.get(), 0); }, "Not valid dtype for func.",
+                 "Tensor::div", file);
+    EXPECT_EQ(values_of<std::int32_t>(integers), counted<std::int32_t>(6, 1));
+}
+
+TEST(Arithmetic, SumOfAList) {
+    const TensorPtr a = make<std::int8_t>({2, 2}, {100, 2, 3, 4}, Layout::transposed);
+    const TensorPtr b = make<std::int64_t>({2, 2}, {100, 20, 30, 40});
+    const TensorPtr c = make<float>({2, 2}, {1, 2, 3, 4});
+    const auto sum = [](const std::vector<Tensor*>& list) { return TensorPtr(Tensor::add_tensors_list(list)); };
+    const TensorPtr total = sum({a.get(), b.get(), a.get()});
+    EXPECT_EQ(total->Dtype(), dtype::int8);
+    EXPECT_EQ(values_of<std::int8_t>(total), (std::vector<std::int8_t>{44, 24, 36, 48}));
+    const TensorPtr one = sum({a.get()});
+    EXPECT_EQ(values_of<std::int8_t>(one), values_of<std::int8_t>(a));
+    EXPECT_NE(one->getStorage(), a->getStorage());
+    expect_error(
+        [&] {
+            sum({a.get(), b.get(), c.get()});
+        },
+        "Not supported data type casting.", "ornik::Tensor::add_tensor_inplace", file);
+    expect_error([&] { sum({}); }, "add_tensors_list requires a minimum of one tensor",
+                 "ornik::Tensor::add_tensors_list", file);
+    EXPECT_EQ(values_of<std::int8_t>(a), (std::vector<std::int8_t>{100, 2, 3, 4}));
+}
+
+// ---- Gradients ----
+
+// The gradient at z of sum(Re(conj(g) f(z))), by central differences of both parts.
+template <typename T, typename Function>
+T central_difference(T g, T z, const Function& f) {
+    const auto loss = [&](T at) {
+        if constexpr (is_complex<T>) {
+            const T value = f(at);
+            return g.real * value.real + g.imag * value.imag;
+        } else {
+            return g * f(at);
+        }
+    };
+    constexpr double h = 1e-5;
+    if constexpr (is_complex<T>) {
+        return {(loss(z + T(h, 0)) - loss(z - T(h, 0))) / (2 * h), (loss(z + T(0, h)) - loss(z - T(0, h))) / (2 * h)};
+    } else {
+        return (loss(z + h) - loss(z - h)) / (2 * h);
+    }
+}
+
+template <typename T>
+void expect_near(const TensorPtr& got, const std::vector<T>& expected, const std::string& name) {
+    const std::vector<T> values = values_of<T>(got);
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        const auto a = to<Complex<double>>(values[i]);
+        const auto b = to<Complex<double>>(expected[i]);
+        EXPECT_LT(std::hypot(a.real - b.real, a.imag - b.imag), 1e-7 * (1 + std::hypot(b.real, b.imag))) << name;
+    }
+}
+
+TEST(Gradients, AgreeWithCentralDifferences) {
+    for_types(TypeList<double, Complex<double>>{}, []<typename T>() {
+        const std::vector<T> g = random_values<T>(6, 6);
+        const std::vector<T> x = random_values<T>(6, 7);
+        const std::vector<T> y = random_values<T>(6, 9);
+        const TensorPtr grad = make<T>({2, 3}, g);
+        const TensorPtr first = make<T>({2, 3}, x, Layout::transposed);
+        const TensorPtr second = make<T>({2, 3}, y, Layout::every_other);
+        std::vector<T> product, dx, dy, scaled;
+        const Complex<double> factor(1.5, -2.5);
+        for (std::size_t i = 0; i < g.size(); ++i) {
+            product.push_back(central_difference(g[i], x[i], [&](T z) { return combine(Op::mult, z, y[i]); }));
+            dx.push_back(central_difference(g[i], x[i], [&](T z) { return combine(Op::div, z, y[i]); }));
+            dy.push_back(central_difference(g[i], y[i], [&](T z) { return combine(Op::div, x[i], z); }));
+            scaled.push_back(central_difference(g[i], x[i], [&](T z) { return combine(Op::mult, z, to<T>(factor)); }));
+        }
+        expect_near<T>(TensorPtr(mult_grad_impl(grad.get(), second.get())), product, "product");
+        expect_near<T>(TensorPtr(div_dx_grad_impl(grad.get(), first.get(), second.get())), dx, "quotient, x");
+        expect_near<T>(TensorPtr(div_dy_grad_impl(grad.get(), first.get(), second.get())), dy, "quotient, y");
+        if constexpr (is_complex<T>) {
+            const std::complex<double> plain(factor.real, factor.imag);
+            expect_near<T>(TensorPtr(grad->mult_scalar_std_complex_grad_wrapper(plain)), scaled, "scalar");
+        }
+        EXPECT_TRUE(same(values_of<T>(second), y));
+    });
+}
+
+TEST(Gradients, TypesAndShapes) {
+    const TensorPtr grad = make<float>({2}, {1, 2});
+    const TensorPtr x = make<std::int32_t>({2}, {3, 4});
+    const TensorPtr y = make<std::int64_t>({2}, {2, 5});
+    const TensorPtr z = make<double>({2}, {2, 5});
+    const TensorPtr dx(div_dx_grad_impl(grad.get(), x.get(), y.get()));
+    EXPECT_EQ(dx->Dtype(), dtype::float32);
+    EXPECT_EQ(values_of<float>(dx), (std::vector<float>{0.5F, 0.4F}));
+    const TensorPtr dy(div_dy_grad_impl(grad.get(), x.get(), z.get()));
+    EXPECT_EQ(dy->Dtype(), dtype::float64);
+    EXPECT_EQ(values_of<double>(dy)[0], -0.75);
+    const TensorPtr product(mult_grad_impl(grad.get(), z.get()));
+    EXPECT_EQ(product->Dtype(), dtype::float64);
+    const TensorPtr three = make<float>({3}, {1, 2, 3});
+    expect_error([&] { div_dx_grad_impl(grad.get(), three.get(), y.get()); }, "Incompatible dims for div(),   ",
+                 "ornik::div_dx_grad_impl", file);
+    expect_error([&] { div_dy_grad_impl(grad.get(), three.get(), y.get()); }, "Incompatible dims for div(),   ",
+                 "Tensor::div", file);
+    expect_error([&] { mult_grad_impl(grad.get(), three.get()); }, "Incompatible shape for mult(),   ", "ornik::mult",
+                 file);
+}
+
+}  // namespace
+}  // namespace ornik::test

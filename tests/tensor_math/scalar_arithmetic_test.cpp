@@ -1,0 +1,156 @@
+// Arithmetic of a tensor and a scalar.
+#include <complex>
+
+#include "elements.h"
+#include "support/expect_error.h"
+
+namespace ornik::test {
+namespace {
+
+constexpr const char* file = "src/tensor/tensor_math/tensor_scalar_arithmetic.cpp";
+const Dims shape{3, 4, 5};
+
+template <typename S>
+TensorPtr compute(Op op, const TensorPtr& t, S scalar) {
+    switch (op) {
+        case Op::add:
+            return TensorPtr(t->add_scalar(scalar));
+        case Op::sub:
+            return TensorPtr(t->sub_scalar(scalar));
+        case Op::mult:
+            return TensorPtr(t->mult_scalar(scalar));
+        default:
+            return TensorPtr(t->div_scalar(scalar));
+    }
+}
+
+template <typename S>
+void compute_in_place(Op op, const TensorPtr& t, S scalar) {
+    switch (op) {
+        case Op::add:
+            return t->add_scalar_inplace(scalar);
+        case Op::sub:
+            return t->sub_scalar_inplace(scalar);
+        case Op::mult:
+            return t->mult_scalar_inplace(scalar);
+        default:
+            return t->div_scalar_inplace(scalar);
+    }
+}
+
+std::string method(Op op) { return "ornik::Tensor::" + name_of(op) + "_scalar"; }
+
+template <typename R, typename A, typename S>
+std::vector<R> expected_values(Op op, const std::vector<A>& values, S scalar) {
+    std::vector<R> result;
+    for (const A value : values) {
+        result.push_back(combine<R>(op, to<R, A>(value), to<R, S>(scalar)));
+    }
+    return result;
+}
+
+// What an operation in place answers; empty when it is allowed.
+std::string refusal(Op op, std::int64_t self, std::int64_t scalar) {
+    if (op != Op::div) {
+        return kind_of(scalar_rule(self, scalar)) == kind_of(self) ? "" : "Not supported data type casting.";
+    }
+    if (kind_of(self) < 2) {
+        return "Non-Float or Non-Complexdata divide in-place is not supported.";
+    }
+    return kind_of(self) == 2 && kind_of(scalar) == 3
+               ? "Non Complex  divides non-complex data in-place is not supported."
+               : "";
+}
+
+template <typename R, typename A, typename S>
+void check(Op op, Layout layout, S scalar) {
+    const std::vector<A> values = random_values<A>(numel_of(shape), 11);
+    const TensorPtr t = make<A>(shape, values, layout);
+    const TensorPtr result = compute(op, t, scalar);
+    ASSERT_EQ(result->Dtype(), dtype_code<R>);
+    EXPECT_EQ(result->Shape(), shape);
+    EXPECT_TRUE(same(values_of<R>(result), expected_values<R>(op, values, scalar)));
+    EXPECT_TRUE(same(values_of<A>(t), values)) << "the operand was changed";
+
+    const std::string message = refusal(op, dtype_code<A>, dtype_code<S>);
+    if (!message.empty()) {
+        expect_error([&] { compute_in_place(op, t, scalar); }, message, method(op) + "_inplace", file);
+        EXPECT_TRUE(same(values_of<A>(t), values)) << "a refusal changed self";
+        return;
+    }
+    compute_in_place(op, t, scalar);
+    EXPECT_EQ(t->Dtype(), dtype_code<A>);
+    std::vector<A> expected;
+    for (const R value : expected_values<R>(op, values, scalar)) {
+        expected.push_back(to<A, R>(value));
+    }
+    EXPECT_TRUE(same(values_of<A>(t), expected));
+}
+
+TEST(ScalarArithmetic, EveryPairOfTypes) {
+    int round = 0;
+    for_types(AllTypes{}, [&]<typename A>() {
+        for_types(AllTypes{}, [&]<typename S>() {
+            constexpr std::int64_t r = scalar_rule(dtype_code<A>, dtype_code<S>);
+            for (const S scalar : random_values<S>(3, 12)) {
+                const Layout layout = all_layouts[round++ % 5];
+                for (const Op op : all_ops) {
+                    SCOPED_TRACE(name_of(op) + " " + dtype_name(dtype_code<A>) + " " + name_of(layout) + ", " +
+                                 dtype_name(dtype_code<S>));
+                    if (op == Op::div) {
+                        check<TypeAt<at_least_float(dtype_code<A>)>, A>(op, layout, scalar);
+                    } else {
+                        check<TypeAt<r>, A>(op, layout, scalar);
+                    }
+                }
+            }
+        });
+    });
+}
+
+TEST(ScalarArithmetic, StandardComplexScalars) {
+    for_types(TypeList<float, double>{}, []<typename Part>() {
+        using C = Complex<Part>;
+        const std::complex<Part> scalar(1.5, -0.25);
+        const std::vector<C> values = random_values<C>(6, 13);
+        const auto fresh = [&] { return make<C>({2, 3}, values, Layout::transposed); };
+        const TensorPtr t = fresh();
+        const auto matches = [&](Op op, Tensor* result, void (Tensor::*in_place)(std::complex<Part>)) {
+            const TensorPtr owner(result);
+            const TensorPtr self = fresh();
+            (self.get()->*in_place)(scalar);
+            const std::vector<C> expected = expected_values<C>(op, values, C(scalar));
+            EXPECT_TRUE(same(values_of<C>(owner), expected)) << name_of(op);
+            EXPECT_TRUE(same(values_of<C>(self), expected)) << name_of(op) << " in place";
+        };
+        matches(Op::add, t->add_scalar_std_complex_wrapper(scalar), &Tensor::add_scalar_inplace_std_complex_wrapper);
+        matches(Op::sub, t->sub_scalar_std_complex_wrapper(scalar), &Tensor::sub_scalar_inplace_std_complex_wrapper);
+        matches(Op::mult, t->mult_scalar_std_complex_wrapper(scalar), &Tensor::mult_scalar_inplace_std_complex_wrapper);
+        matches(Op::div, t->div_scalar_std_complex_wrapper(scalar), &Tensor::div_scalar_inplace_std_complex_wrapper);
+        const TensorPtr gradient(t->mult_scalar_std_complex_grad_wrapper(scalar));
+        EXPECT_TRUE(same(values_of<C>(gradient), expected_values<C>(Op::mult, values, C(std::conj(scalar)))));
+        const TensorPtr real = make<float>({1}, {2});
+        const TensorPtr from_real(real->mult_scalar_std_complex_grad_wrapper(scalar));
+        EXPECT_EQ(values_of<C>(from_real), std::vector<C>{C(3, 0.5)});
+    });
+}
+
+TEST(ScalarArithmetic, RefusesOtherDevicesAndExpandedOutputs) {
+    const TensorPtr row = make<float>({3}, {1, 2, 3});
+    const TensorPtr expanded(Tensor::broadcast_to(row.get(), {2, 3}));
+    const TensorPtr far = make<float>({3}, {1, 2, 3});
+    far->updateDevice(1000);
+    for (const Op op : all_ops) {
+        expect_error([&] { compute_in_place(op, expanded, 2.0F); },
+                     "Output can not be an expanded view: shape ( 2, 3 ) , strides ( 0, 1 ) ", method(op) + "_inplace",
+                     file);
+        expect_error([&] { compute(op, far, 2.0F); }, "Tensors in different devices", method(op), file);
+        expect_error([&] { compute_in_place(op, far, 2.0F); }, "Tensors in different devices", method(op) + "_inplace",
+                     file);
+    }
+    EXPECT_EQ(values_of<float>(row), (std::vector<float>{1, 2, 3}));
+    EXPECT_EQ(values_of<float>(far), (std::vector<float>{1, 2, 3}));
+}
+
+}  // namespace
+}  // namespace ornik::test
