@@ -24,21 +24,25 @@ class GzipReader {
     }
 
     void read(std::uint8_t* target, std::size_t bytes) {
-        const int got = gzread(file_.get(), target, static_cast<unsigned>(bytes));
-        if (got < 0) {
-            refuse(path_, "is damaged, or is not a gzip file");
-        }
-        if (static_cast<std::size_t>(got) < bytes) {
+        if (read_some(target, bytes) < bytes) {
             refuse(path_, "ends too early, it is truncated");
         }
     }
 
     bool at_end() {
         std::uint8_t byte = 0;
-        return gzread(file_.get(), &byte, 1) == 0;
+        return read_some(&byte, 1) == 0;
     }
 
   private:
+    std::size_t read_some(std::uint8_t* target, std::size_t bytes) {
+        const int got = gzread(file_.get(), target, static_cast<unsigned>(bytes));
+        if (got < 0) {
+            refuse(path_, "is damaged, or is not a gzip file");
+        }
+        return static_cast<std::size_t>(got);
+    }
+
     std::string path_;
     std::unique_ptr<gzFile_s, int (*)(gzFile_s*)> file_;
 };
