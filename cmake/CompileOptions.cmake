@@ -22,6 +22,10 @@ elseif(ORNIK_SANITIZE STREQUAL "thread")
 elseif(ORNIK_SANITIZE)
   message(FATAL_ERROR "ORNIK_SANITIZE is 'address', 'thread' or empty, not '${ORNIK_SANITIZE}'")
 endif()
+if(ORNIK_SANITIZE AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # With sanitizers, GCC takes its own instrumentation for uses of uninitialised variables.
+  list(APPEND sanitize_flags -Wno-maybe-uninitialized)
+endif()
 target_compile_options(ornik_options INTERFACE ${sanitize_flags})
 target_link_options(ornik_options INTERFACE ${sanitize_flags})
 

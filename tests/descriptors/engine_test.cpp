@@ -162,9 +162,15 @@ TEST(Engine, SmallShapesInEveryLayout) {
 }
 
 TEST(Engine, SizesAroundTheTileAndTheGrain) {
-    for (const Dims& shape : {Dims{127, 8}, {8, 128}, {129, 17}, {17, 129}, {128, 257}, {257, 128}, {2, 127, 129}}) {
+    for (const Dims& shape : {Dims{127, 8}, {8, 128}, {129, 17}, {17, 129}}) {
         const std::vector<View> views = views_of(shape);
         for_types(SizedTypes{}, [&]<typename T>() { check_walks<T>(views, {views[0], views[6]}); });
+    }
+    for (const Dims& shape : {Dims{128, 257}, {257, 128}, {2, 127, 129}}) {
+        const std::vector<View> views = views_of(shape);
+        for_types(TypeList<std::uint8_t, std::int32_t>{}, [&]<typename T>() {
+            check_walks<T>(views, {views[0], views[6]});
+        });
     }
     for (const std::int64_t n : {32767, 32768, 32769}) {
         const std::vector<View> views = views_of(Dims{n});
@@ -205,7 +211,7 @@ TEST(Engine, SeveralOutputsAndAnOutputThatIsAnInput) {
     for (const Dims& shape : {Dims{2, 3}, Dims{128, 257}}) {
         const std::vector<View> views = views_of(shape);
         for (std::size_t i = 0; i < views.size(); ++i) {
-            for (std::size_t j = 0; j < views.size(); ++j) {
+            for (std::size_t j = i % 4; j < views.size(); j += 4) {
                 Operand<std::int32_t> narrow(views[i], 1);
                 Operand<std::int64_t> wide(views[j], 2);
                 Operand<std::uint8_t> in(views[(i + 2 * j) % views.size()], 3);

@@ -118,6 +118,31 @@ testing::AssertionResult same(const std::vector<T>& got, const std::vector<T>& e
     return testing::AssertionSuccess();
 }
 
+/// The tensor has the values' type, and the values.
+template <typename T>
+void expect_values(const TensorPtr& t, const std::vector<T>& expected) {
+    ASSERT_EQ(t->Dtype(), dtype_code<T>);
+    EXPECT_TRUE(same(values_of<T>(t), expected));
+}
+
+template <typename To, typename From>
+std::vector<To> converted(const std::vector<From>& values) {
+    std::vector<To> result;
+    for (const From value : values) {
+        result.push_back(to<To, From>(value));
+    }
+    return result;
+}
+
+template <typename T>
+std::vector<T> combined(Op op, const std::vector<T>& a, const std::vector<T>& b) {
+    std::vector<T> result;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        result.push_back(combine<T>(op, a[i], b[i]));
+    }
+    return result;
+}
+
 /// Integers over their whole range, fractions between -8 and 8.
 template <typename T>
 std::vector<T> random_values(std::int64_t n, unsigned seed) {
