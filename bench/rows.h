@@ -21,7 +21,7 @@ inline void row(const std::string& name, std::function<void()> operation, std::i
     benchmark::RegisterBenchmark(name.c_str(),
                                  [operation = std::move(operation), bytes, flops](benchmark::State& state) {
                                      operation();  // First use of memory is not what a row is about.
-        for (auto _ : state) {
+                                     for (auto _ : state) {
                                          operation();
                                      }
                                      state.counters["bytes"] = static_cast<double>(bytes);
