@@ -44,7 +44,8 @@ void detail::parallel_ranges(std::int64_t n, std::int64_t unit, std::int64_t gra
         run(context, 0, n);
         return;
     }
-    const std::int64_t blocks = omp_get_max_threads();
+    // A cap keeps block * units below within 64 bits; no machine has more threads.
+    const std::int64_t blocks = std::min(omp_get_max_threads(), 1 << 16);
     const std::int64_t units = n / unit;  // A part of a unit at the end belongs to the last block.
     const int workers = static_cast<int>(std::min<std::int64_t>({blocks, units, usable_processors()}));
     if (workers <= 1) {

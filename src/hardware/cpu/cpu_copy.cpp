@@ -52,10 +52,9 @@ void copy(const Tensor* in, Tensor* out) {
         });
         return;
     }
-    // The plain block copy serves shapes the engine takes, and no others.
-    if (in->ndim() > OffsetCalculator_cpu<std::int64_t>::max_dims ||
-        out->ndim() > OffsetCalculator_cpu<std::int64_t>::max_dims || !is_flat(in) || !is_flat(out) ||
-        in->Size() > std::numeric_limits<std::int32_t>::max()) {
+    // The block copy serves the ranks that the engine serves, and no others.
+    constexpr std::int32_t max_dims = OffsetCalculator_cpu<std::int64_t>::max_dims;
+    if (in->ndim() > max_dims || out->ndim() > max_dims || !is_flat(in) || !is_flat(out)) {
         copy_items(ItemTypes{}, in, out);
         return;
     }
