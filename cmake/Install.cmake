@@ -4,6 +4,8 @@ include(CMakePackageConfigHelpers)
 # What a program may include. Everything else under include/ is internal.
 set(ORNIK_PUBLIC_HEADERS
     apis/ornik.h
+    descriptors/selection.h
+    descriptors/tensor_descriptor.h
     export.h
     hardware/memory_config.h
     hardware/thread_config.h
@@ -19,10 +21,13 @@ set(ORNIK_PUBLIC_HEADERS
     tensor/tensor.h
     tensor/tensor_math/tensor_arithmetic.h
     tensor/tensor_meta.h
+    tensor/tensor_shape.h
     tensor/tensor_storage.h
     utils/complex_helper.h
     utils/error.h
     utils/logging.h
+    utils/selection.h
+    utils/shape_rules.h
     utils/utils.h)
 
 foreach(header IN LISTS ORNIK_PUBLIC_HEADERS)

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "apis/ornik.h"
+#include "descriptors/selection.h"
 #include "export.h"
 #include "hardware/memory_config.h"
 #include "hardware/thread_config.h"
@@ -15,7 +16,10 @@
 #include "tensor/dtype.h"
 #include "tensor/tensor.h"
 #include "tensor/tensor_math/tensor_arithmetic.h"
+#include "tensor/tensor_shape.h"
 #include "utils/complex_helper.h"
 #include "utils/error.h"
 #include "utils/logging.h"
+#include "utils/selection.h"
+#include "utils/shape_rules.h"
 #include "utils/utils.h"

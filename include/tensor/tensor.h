@@ -255,6 +255,81 @@ class ORNIK_API Tensor {
     static std::vector<Tensor*> broadcast(const Tensor* a, const Tensor* b);
     static Tensor* broadcast_to(const Tensor* t, const Dims& shape);
 
+    // ---- Views: new tensors on the same storage (tensor_shape.cpp) ----
+    // No element is touched. Writes through a view are seen through the tensor, and the other way round.
+
+    /// The same elements, in the same order, under another shape. One entry may be -1: it is inferred. Fails
+    /// when the strides admit no such view; nothing can be viewed without axes.
+    Tensor* view(const Dims& shape) const;
+    /// Axis i of the result is axis dims[i] of this tensor; every axis once, negative ones count from the end.
+    Tensor* permute(const std::vector<int>& dims) const;
+    Tensor* transpose(const std::vector<int>& dims) const { return permute(dims); }
+    /// All axes in reverse order; at least two.
+    Tensor* transpose() const;
+    /// Axes a and b, both in [0, ndim - 1], change places.
+    Tensor* swapaxis(int a, int b) const;
+    /// Without the axes of extent 1.
+    Tensor* squeeze() const;
+    /// Without the axis if its extent is 1; an axis of another extent stays. -1 names no axis: nothing is
+    /// dropped.
+    Tensor* squeeze(int axis) const;
+    /// Without the listed axes, each of extent 1; -1 names no axis.
+    Tensor* squeeze(const std::vector<int>& axes) const;
+    /// With an axis of extent 1 at position `axis`, 0 .. ndim. A contiguous tensor stays contiguous.
+    Tensor* unsqueeze(int axis) const;
+
+    // ---- Reshaping (tensor_shape.cpp) ----
+
+    /// As view; a contiguous copy where the strides admit no view.
+    Tensor* reshape(const Dims& shape) const;
+    /// In place, nothing inferred, extents of 1 and above. Where the strides admit no view the tensor moves to
+    /// a contiguous copy of its elements. A tensor of fewer than two elements takes any element count: all
+    /// elements of the new shape are then its one element, or 0 when it has none.
+    void reshape_(const Dims& shape);
+    /// A contiguous copy of another shape with as many elements; nothing inferred.
+    Tensor* reshape_copy(const Dims& shape) const;
+    /// Axes start .. end, both included, become one; as reshape.
+    Tensor* flatten(int start, int end) const;
+    /// reshape_({-1}): refused, as no extent is inferred in place. reshape_({Size()}) flattens.
+    void flatten_();
+    /// A copy with the elements in reverse order along every listed axis.
+    Tensor* flip(const std::vector<int>& dims) const;
+
+    // ---- Selection by text, one item per axis (tensor_select.cpp) ----
+    // The items' two grammars stand in utils/selection.h. Missing items count as ":". Nothing is allocated
+    // or written before all items have been parsed and checked.
+
+    /// A copy of the selected elements; legacy grammar. No axis is dropped.
+    Tensor* select(const std::vector<std::string>& items) const;
+    /// A copy of the selected elements. Axes of plain integer items are dropped; without any left, the result is
+    /// a scalar.
+    Tensor* select_ndim(const std::vector<std::string>& items) const;
+    /// The same selection as a view; integers and ranges with a positive step.
+    Tensor* select_ndim_without_copy(const std::vector<std::string>& items) const;
+    /// Gradient of this->select_ndim(items): a tensor of this shape and of grad's dtype that holds grad at the
+    /// selected positions and 0 elsewhere; a position selected several times gets the sum. grad has the
+    /// selection's shape, with or without the dropped axes.
+    Tensor* select_ndim_grad(const Tensor* grad, const std::vector<std::string>& items) const;
+    /// Writes value, converted to this dtype and broadcast, into the selected elements; legacy grammar.
+    void set_select_legacy(Tensor* value, const std::vector<std::string>& items);
+    /// Writes value, converted to this dtype and broadcast, into the selected elements. Of several values for
+    /// one position the last one stays.
+    void set_select_ndim(Tensor* value, const std::vector<std::string>& items);
+    /// Adds what select_ndim_grad gives to this tensor: collects the gradient of a tensor that several
+    /// selections were made from, without a tensor of zeros for each.
+    void set_select_ndim_grad(Tensor* grad, const std::vector<std::string>& items);
+
+    // ---- Printing to standard output (tensor_print.cpp) ----
+
+    /// Address, options and elements.
+    void Print() const;
+    /// The same; the arguments change nothing.
+    void print(int precision, bool suppress) const;
+    /// All fields, no elements. On a null tensor: "Tensor is nullptr!".
+    void info() const;
+    /// The same in short.
+    void info_debug() const;
+
     // ---- Arithmetic (tensor_math/tensor_arithmetic.cpp, tensor_scalar_arithmetic.cpp) ----
     // Both operands have the same shape: broadcast first. Result dtypes follow the promotion tables of
     // tensor_math/promotion.h: sum, difference and product promote to the wider kind, a quotient is
@@ -327,6 +402,9 @@ class ORNIK_API Tensor {
     void construct(const Dims& shape, std::int32_t packed, const void* data, void* ndarray_handle);
     void deleteData();
     void refresh_options();
+    void check_new_shape(const Dims& shape) const;
+    void set_geometry(const Dims& shape, const Dims& strides);
+    void adopt(const std::shared_ptr<tensorT::Tensor_storage>& storage, const Dims& shape);
     void check_inside(const Where& at, const Dims& shape, const Dims& strides, std::int64_t offset, std::int64_t dtype,
                       const tensorT::Tensor_storage* storage) const;
     int describe(const Where& at, const Dims& shape, std::int64_t dtype, std::int64_t device);

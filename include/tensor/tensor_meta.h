@@ -75,6 +75,9 @@ class ORNIK_API Tensor_Meta {
     /// axis of extent 1 with another stride makes the meta non-contiguous.
     bool is_contiguous() const;
 
+    /// Writes the elements to standard output, in row-major order.
+    void Print() const;
+
   private:
     Dims shape_;
     std::int64_t dtype_;

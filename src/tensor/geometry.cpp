@@ -111,7 +111,9 @@ Dims view_strides(const Dims& shape, const Dims& strides, std::int64_t numel, co
         }
         while (open > 0 && (view_numel < chunk_numel || target[open - 1] == 1)) {
             --open;
-            result[open] = view_numel * chunk_base;
+            // A target that does not fit may wrap here: its element count refuses it below.
+            result[open] = static_cast<std::int64_t>(static_cast<std::uint64_t>(view_numel) *
+                                                     static_cast<std::uint64_t>(chunk_base));
             if (multiply_overflows(view_numel, target[open], view_numel)) {
                 return {};
             }

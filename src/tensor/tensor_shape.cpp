@@ -1,10 +1,14 @@
-// tensor_shape.cpp: broadcasting, and views of a tensor under another shape.
+// tensor_shape.cpp: broadcasting, views of a tensor under another shape, and what copies when no view exists.
+#include "tensor/tensor_shape.h"
+
 #include <algorithm>
 #include <memory>
+#include <numeric>
 
+#include "hardware/cpu/cpu_indexing.h"
 #include "tensor/broadcast.h"
 #include "tensor/geometry.h"
-#include "tensor/tensor.h"
+#include "utils/shape_rules.h"
 #include "utils/utils.h"
 
 namespace ornik {
@@ -51,12 +55,302 @@ Tensor* Tensor::broadcast_to(const Tensor* t, const Dims& shape) {
     return expanded_view(t, shape).release();
 }
 
+namespace {
+
+// A view of t with another geometry; the offset moves by `start` elements.
+std::unique_ptr<Tensor> share(const Tensor* t, const Dims& shape, const Dims& strides, std::int64_t start = 0) {
+    return std::unique_ptr<Tensor>(
+        share_storage_tensor(t->getStorage(), shape, strides, t->Dtype(), t->StorageOffset() + start));
+}
+
+// Null when the strides admit no view.
+std::unique_ptr<Tensor> view_or_null(const Tensor* t, const Dims& shape) {
+    const Dims strides = view_strides(t->Shape(), t->Strides(), t->Size(), shape);
+    return strides.empty() ? nullptr : share(t, shape, strides);
+}
+
+// New contiguous elements for a tensor that goes to `shape`; see reshape_ for fewer than two elements.
+std::unique_ptr<Tensor> elements_for(const Tensor* t, const Dims& shape, std::int64_t numel) {
+    if (numel == t->Size()) {
+        return std::unique_ptr<Tensor>(t->clone());
+    }
+    if (t->Size() == 0) {
+        return std::unique_ptr<Tensor>(Tensor::zeros(shape, t->Device(), t->Dtype()));
+    }
+    std::unique_ptr<Tensor> result(Tensor::empty(shape, t->Device(), t->Dtype()));
+    copy_tensor(share(t, shape, Dims(shape.size(), 0)).get(), result.get());
+    return result;
+}
+
+}  // namespace
+
 Tensor* view_tensor(const Tensor* t, const Dims& shape) {
     const Dims strides = view_strides(t->Shape(), t->Strides(), t->Size(), shape);
     if (strides.empty()) {
         fail(where("ornik::view_tensor"), "Can not view this tensor.");
     }
     return view_tensor(t->getStorage(), shape, strides, t->Device(), t->Dtype(), t->StorageOffset());
+}
+
+Tensor* view(const Tensor* t, const Dims& shape) {
+    std::unique_ptr<Tensor> result = view_or_null(t, shape);
+    if (!result) {
+        fail(where("ornik::view"),
+             "Target view shape is not compatible with input tensor's size and stride (at least one dimension spans "
+             "across two contiguous subspaces). Use .reshape(...) instead.");
+    }
+    return result.release();
+}
+
+Tensor* reshape(const Tensor* t, const Dims& shape) {
+    std::unique_ptr<Tensor> result = view_or_null(t, shape);
+    if (!result) {
+        result.reset(t->clone());
+        result->reshape_(shape);
+    }
+    return result.release();
+}
+
+Tensor* reshape_copy(const Tensor* t, const Dims& shape) { return t->reshape_copy(shape); }
+
+Tensor* Tensor::view(const Dims& shape) const { return ornik::view(this, infer_final_reshape(shape, shape_, size_)); }
+
+Tensor* Tensor::reshape(const Dims& shape) const {
+    return ornik::reshape(this, infer_final_reshape(shape, shape_, size_));
+}
+
+// Takes over a contiguous storage that holds the elements of `shape`.
+void Tensor::adopt(const std::shared_ptr<tensorT::Tensor_storage>& storage, const Dims& shape) {
+    meta_->setStorage(storage);
+    meta_->SetOffset(0);
+    set_geometry(shape, shape2stride(shape));
+    updateSize();
+}
+
+void Tensor::reshape_(const Dims& shape) {
+    check_new_shape(shape);
+    const Dims strides = view_strides(shape_, strides_, size_, shape);
+    const std::int64_t numel = checked_numel(where("ornik::Tensor::reshape_"), shape);
+    if (!strides.empty() && (numel == size_ || shape_.empty())) {
+        set_geometry(shape, strides);
+        setSize(numel);
+        return;
+    }
+    adopt(elements_for(this, shape, numel)->getStorage(), shape);
+}
+
+Tensor* Tensor::reshape_copy(const Dims& shape) const {
+    check_new_shape(shape);
+    std::unique_ptr<Tensor> result =
+        elements_for(this, shape, checked_numel(where("ornik::Tensor::reshape_copy"), shape));
+    result->adopt(result->getStorage(), shape);
+    return result.release();
+}
+
+Tensor* Tensor::flatten(int start, int end) const {
+    const auto first = static_cast<std::size_t>(maybe_wrap_dim(start, ndim_));
+    const auto last = static_cast<std::size_t>(maybe_wrap_dim(end, ndim_));
+    if (first > last) {
+        fail(where("ornik::Tensor::flatten"), "Not correct dim for flatten.");
+    }
+    if (shape_.empty()) {
+        return reshape({1});
+    }
+    std::uint32_t joined = 1;  // The product of 32-bit values.
+    for (std::size_t i = first; i <= last; ++i) {
+        joined *= static_cast<std::uint32_t>(shape_[i]);
+    }
+    Dims shape(shape_.begin(), shape_.begin() + static_cast<std::ptrdiff_t>(first));
+    shape.push_back(static_cast<std::int32_t>(joined));
+    shape.insert(shape.end(), shape_.begin() + static_cast<std::ptrdiff_t>(last) + 1, shape_.end());
+    return reshape(shape);
+}
+
+void Tensor::flatten_() { reshape_({-1}); }
+
+Tensor* permute(const Tensor* t, const std::vector<int>& dims) {
+    const Where at = where("ornik::permute");
+    const auto rank = static_cast<std::size_t>(t->ndim());
+    if (dims.size() != rank) {
+        fail(at, "permute size ", dims.size(), " not equal to tensor shape ", rank);
+    }
+    std::vector<bool> taken(rank);
+    for (const int dim : dims) {
+        const auto axis = static_cast<std::size_t>(maybe_wrap_dim(dim, t->ndim()));
+        if (taken[axis]) {
+            fail(at, "dim ", dim, " is not valid ");
+        }
+        taken[axis] = true;
+    }
+    return share(t, gather_dims(t->Shape(), dims), gather_dims(t->Strides(), dims)).release();
+}
+
+Tensor* Tensor::permute(const std::vector<int>& dims) const { return ornik::permute(this, dims); }
+
+Tensor* Tensor::transpose() const {
+    if (ndim_ < 2) {
+        fail(where("ornik::Tensor::transpose"), "shape < 2, can not transpose.");
+    }
+    std::vector<int> order(shape_.size());
+    std::iota(order.rbegin(), order.rend(), 0);
+    return permute(order);
+}
+
+Tensor* Tensor::swapaxis(int a, int b) const {
+    const auto refuse = [] { fail(where("ornik::Tensor::swapaxis"), "Invalid axis,axis should >=0 "); };
+    if (a < -1 || b < -1) {
+        refuse();
+    }
+    std::vector<int> order(shape_.size());
+    std::iota(order.begin(), order.end(), 0);
+    if (a != b) {
+        if (std::min(a, b) < 0 || std::max(a, b) >= ndim_) {
+            refuse();
+        }
+        std::swap(order[static_cast<std::size_t>(a)], order[static_cast<std::size_t>(b)]);
+    }
+    return permute(order);
+}
+
+namespace {
+
+void check_squeeze_axis(const Where& at, int axis, int rank) {
+    if (axis > rank - 1) {
+        fail(at, "Number of dimensions exceeded (", axis, " >= ", rank, ").");
+    }
+    if (axis < -1) {
+        fail(at, "The axis must be greater or equal than zero; ");
+    }
+}
+
+std::unique_ptr<Tensor> without_axes(const Tensor* t, const std::vector<bool>& dropped) {
+    Dims shape;
+    Dims strides;
+    for (std::size_t i = 0; i < dropped.size(); ++i) {
+        if (!dropped[i]) {
+            shape.push_back(t->Shape()[i]);
+            strides.push_back(t->Strides()[i]);
+        }
+    }
+    return std::unique_ptr<Tensor>(
+        view_tensor(t->getStorage(), shape, strides, t->Device(), t->Dtype(), t->StorageOffset()));
+}
+
+}  // namespace
+
+Tensor* Tensor::squeeze() const {
+    std::vector<bool> dropped;
+    for (const std::int64_t extent : shape_) {
+        dropped.push_back(extent == 1);
+    }
+    return without_axes(this, dropped).release();
+}
+
+Tensor* Tensor::squeeze(int axis) const {
+    check_squeeze_axis(where("compute_squeeze"), axis, ndim_);
+    std::vector<bool> dropped(shape_.size());
+    if (axis >= 0) {
+        const auto index = static_cast<std::size_t>(axis);
+        dropped[index] = shape_[index] == 1;
+    }
+    return without_axes(this, dropped).release();
+}
+
+Tensor* Tensor::squeeze(const std::vector<int>& axes) const {
+    const Where at = where("compute_squeeze");
+    std::vector<bool> dropped(shape_.size());
+    for (const int axis : axes) {
+        check_squeeze_axis(at, axis, ndim_);
+        if (axis == -1) {
+            continue;
+        }
+        const auto index = static_cast<std::size_t>(axis);
+        if (shape_[index] != 1) {
+            fail(at, "The dimension of squeeze axis of input must be 1; ");
+        }
+        dropped[index] = true;
+    }
+    return without_axes(this, dropped).release();
+}
+
+Tensor* Tensor::unsqueeze(int axis) const {
+    const Where at = where("compute_unsqueeze");
+    if (axis > ndim_) {
+        fail(at, "Number of dimensions exceeded (", axis, " >= ", ndim_, ").");
+    }
+    if (axis < 0) {
+        fail(at, "The axis must be greater or equal than zero");
+    }
+    const auto index = static_cast<std::size_t>(axis);
+    Dims shape = shape_;
+    Dims strides = strides_;
+    // What the row-major stride of the new axis would be.
+    const std::int64_t step = index < shape_.size() ? shape_[index] * strides_[index] : 1;
+    shape.insert(shape.begin() + axis, 1);
+    strides.insert(strides.begin() + axis, step);
+    return view_tensor(getStorage(), shape, strides, device_, dtype_, StorageOffset());
+}
+
+Tensor* view_as_real(const Tensor* t) {
+    if (!t->isComplexType()) {
+        fail(where("ornik::view_as_real"), "'view_as_real' only supports complex.");
+    }
+    Dims shape = t->Shape();
+    Dims strides = t->Strides();
+    for (std::int64_t& stride : strides) {
+        stride *= 2;
+    }
+    shape.push_back(2);
+    strides.push_back(1);
+    const std::int64_t part = t->Dtype() == dtype::complex64 ? dtype::float32 : dtype::float64;
+    return share_storage_tensor(t->getStorage(), shape, strides, part, 2 * t->StorageOffset());
+}
+
+Tensor* view_as_complex(const Tensor* t) {
+    const Where at = where("ornik::view_as_complex");
+    if (!t->isFloatingType()) {
+        fail(at, "'view_as_complex' only supports float32 and float64.");
+    }
+    Dims shape = t->Shape();
+    Dims strides = t->Strides();
+    if (shape.empty() || shape.back() != 2 || strides.back() != 1) {
+        fail(at, "'view_as_complex' needs a last axis of 2 neighbouring elements: shape ", shape, ", strides ",
+             strides);
+    }
+    shape.pop_back();
+    strides.pop_back();
+    bool even = t->StorageOffset() % 2 == 0;
+    for (std::size_t i = 0; i < shape.size(); ++i) {
+        even = even && (shape[i] < 2 || strides[i] % 2 == 0);
+        strides[i] /= 2;
+    }
+    if (!even) {
+        fail(at, "'view_as_complex' needs even strides and an even offset: strides ", t->Strides(), ", offset ",
+             t->StorageOffset());
+    }
+    const std::int64_t whole = t->Dtype() == dtype::float32 ? dtype::complex64 : dtype::complex128;
+    return share_storage_tensor(t->getStorage(), shape, strides, whole, t->StorageOffset() / 2);
+}
+
+Tensor* Tensor::flip(const std::vector<int>& dims) const {
+    std::vector<bool> reversed(shape_.size());
+    for (const int dim : dims) {
+        const int axis = maybe_wrap_dim(dim, ndim_);
+        if (!shape_.empty()) {
+            reversed[static_cast<std::size_t>(axis)] = true;
+        }
+    }
+    std::unique_ptr<Tensor> result(empty(shape_, device_, dtype_));
+    Dims strides = strides_;
+    std::int64_t start = 0;
+    for (std::size_t i = 0; i < strides.size(); ++i) {
+        if (reversed[i]) {
+            start += (shape_[i] - 1) * strides[i];
+            strides[i] = -strides[i];
+        }
+    }
+    copy_tensor(share(this, shape_, strides, start).get(), result.get());
+    return result.release();
 }
 
 Tensor* Tensor::diagonal(std::int64_t offset, int dim1, int dim2) const {
@@ -86,6 +380,244 @@ Tensor* Tensor::diagonal(std::int64_t offset, int dim1, int dim2) const {
     shape.push_back(length);
     strides.push_back(strides_[first] + strides_[second]);
     return view_tensor(getStorage(), shape, strides, device_, dtype_, StorageOffset() + start);
+}
+
+namespace {
+
+void check_joinable(const Where& at, const std::vector<Tensor*>& tensors, int axis) {
+    const Tensor* first = tensors.front();
+    for (std::size_t i = 1; i < tensors.size(); ++i) {
+        const Tensor* t = tensors[i];
+        if (t->Device() != first->Device()) {
+            fail(at, "All tensors must be on the same device");
+        }
+        if (t->Dtype() != first->Dtype()) {
+            fail(at, "All tensors must be on the same data type");
+        }
+        if (t->ndim() != first->ndim()) {
+            fail(at, "The number of dimensions of all tensors must match (", first->ndim(), " != ", t->ndim(), ").");
+        }
+        const auto joined = static_cast<std::size_t>(maybe_wrap_dim(axis, first->ndim()));
+        for (std::size_t d = 0; d < first->Shape().size(); ++d) {
+            if (d != joined && t->Shape()[d] != first->Shape()[d]) {
+                fail(at, "The dimensions across of all tensors must match (", first->Shape()[d], " != ", t->Shape()[d],
+                     ").");
+            }
+        }
+    }
+}
+
+void check_no_null(const Where& at, const std::vector<Tensor*>& tensors) {
+    if (std::find(tensors.begin(), tensors.end(), nullptr) != tensors.end()) {
+        fail(at, "A tensor of the list is null.");
+    }
+}
+
+}  // namespace
+
+Tensor* concat(const std::vector<Tensor*>& tensors, unsigned axis) {
+    const Where at = where("ornik::concat");
+    if (tensors.empty()) {
+        fail(at, "Concat requires a minimum of one tensors");
+    }
+    check_no_null(at, tensors);
+    const Tensor* first = tensors.front();
+    if (tensors.size() == 1) {
+        return first->clone();
+    }
+    check_joinable(at, tensors, static_cast<int>(axis));
+    if (axis >= static_cast<unsigned>(first->ndim())) {
+        fail(at, "input axis: ", axis, " is larger than max dim ", first->ndim());
+    }
+    Dims shape = first->Shape();
+    shape[axis] = 0;
+    for (const Tensor* t : tensors) {
+        shape[axis] += t->Shape()[axis];
+    }
+    std::unique_ptr<Tensor> result(Tensor::empty(shape, first->Device(), first->Dtype()));
+    if (!result->is_contiguous()) {
+        fail(at, "concat output must be contiguous.");
+    }
+    std::int64_t start = 0;
+    for (const Tensor* t : tensors) {
+        if (t->Size() > 0) {
+            const std::unique_ptr<Tensor> slab = share(result.get(), t->Shape(), result->Strides(), start);
+            copy_tensor(t, slab.get());
+        }
+        start += t->Shape()[axis] * result->Strides()[axis];
+    }
+    return result.release();
+}
+
+Tensor* stack(const std::vector<Tensor*>& tensors, unsigned axis) {
+    const Where at = where("ornik::stack");
+    if (tensors.size() < 2) {
+        fail(at, "Stack requires a minimum of two tensors");
+    }
+    check_no_null(at, tensors);
+    const Tensor* first = tensors.front();
+    const int stacked_dim = first->ndim() + 1;
+    const int position = maybe_wrap_dim(static_cast<int>(axis), stacked_dim);
+    for (const Tensor* t : tensors) {
+        if (t->Shape() != first->Shape()) {
+            fail(at, "Inputs for stack() must have same shape");
+        }
+    }
+    std::vector<std::unique_ptr<Tensor>> views;
+    std::vector<Tensor*> widened;
+    for (const Tensor* t : tensors) {
+        views.emplace_back(t->unsqueeze(position));
+        widened.push_back(views.back().get());
+    }
+    check_joinable(at, widened, position);
+    if (position >= widened.front()->ndim()) {
+        fail(at, "The axis ", position, "must smaller than stacked tensor's dim ", widened.front()->ndim());
+    }
+    return concat(widened, static_cast<unsigned>(position));
+}
+
+namespace {
+
+// What tile and its gradient work on: each repeated axis of extent s as the two axes [repetitions, s].
+struct TileAxes {
+    Dims shape;    // of the result: [..., r, s, ...]
+    Dims strides;  // of the tensor that is repeated, 0 along the repetitions
+
+    TileAxes(const Dims& input_shape, const Dims& input_strides, const std::vector<int>& reps) {
+        const std::size_t rank = std::max(input_shape.size(), reps.size());
+        for (std::size_t i = 0; i < rank; ++i) {
+            const std::size_t back = rank - i;  // Both lists are aligned at their ends.
+            const std::int64_t times = back <= reps.size() ? reps[reps.size() - back] : 1;
+            if (times > 1) {
+                shape.push_back(times);
+                strides.push_back(0);
+            }
+            if (back <= input_shape.size()) {
+                shape.push_back(input_shape[input_shape.size() - back]);
+                strides.push_back(input_strides[input_shape.size() - back]);
+            }
+        }
+    }
+};
+
+// infer_tile_shape, with an error for an extent that does not fit into its 32-bit product.
+Dims checked_tile_shape(const Where& at, const Dims& shape, const std::vector<int>& reps) {
+    Dims result = infer_tile_shape(shape, reps);
+    for (std::size_t back = 1; back <= std::min(shape.size(), reps.size()); ++back) {
+        const std::int64_t extent = shape[shape.size() - back];
+        const std::int64_t times = reps[reps.size() - back];
+        if (result[result.size() - back] / times != extent || result[result.size() - back] % times != 0) {
+            fail(at, "Too many elements for a tensor: shape ", shape, " repeated ", times, " times.");
+        }
+    }
+    return result;
+}
+
+}  // namespace
+
+Tensor* tile(const Tensor* t, const std::vector<int>& reps) {
+    const Dims shape = checked_tile_shape(where("ornik::tile"), t->Shape(), reps);
+    std::unique_ptr<Tensor> result(Tensor::empty(shape, t->Device(), t->Dtype()));
+    const TileAxes axes(t->Shape(), t->Strides(), reps);
+    copy_tensor(share(t, axes.shape, axes.strides).get(),
+                share(result.get(), axes.shape, shape2stride(axes.shape)).get());
+    return result.release();
+}
+
+Tensor* TileGrad(const Tensor* grad, const Dims& input_shape, const std::vector<int>& reps) {
+    const Where at = where("ornik::TileGrad");
+    const Dims tiled = checked_tile_shape(at, input_shape, reps);
+    if (grad->Shape() != tiled) {
+        fail(at, "TileGrad needs a gradient of the tiled shape: gradient ", grad->Shape(), ", tiled ", tiled);
+    }
+    const TileAxes axes(input_shape, shape2stride(input_shape), reps);
+    std::unique_ptr<Tensor> sum(grad->clone());
+    std::int64_t outer = 1;
+    std::int64_t inner = sum->Size();
+    for (std::size_t i = 0; i < axes.shape.size(); ++i) {
+        inner /= axes.shape[i];
+        if (axes.strides[i] != 0) {
+            outer *= axes.shape[i];
+            continue;
+        }
+        std::unique_ptr<Tensor> folded(Tensor::empty({outer * inner}, grad->Device(), grad->Dtype()));
+        device::cpu::AxisGroups all{axes.shape[i], {0, axes.shape[i]}, Dims(static_cast<std::size_t>(axes.shape[i]))};
+        std::iota(all.members.begin(), all.members.end(), 0);
+        device::cpu::sum_groups(sum.get(), outer, all, inner, folded.get());
+        sum = std::move(folded);
+    }
+    sum->reshape_(input_shape);
+    return sum.release();
+}
+
+namespace {
+
+void check_rank(const Where& at, const Dims& shape, std::size_t rank) {
+    if (shape.size() != rank) {
+        fail(at, "Input should have ", rank, " dimensions, its shape is ", shape);
+    }
+}
+
+}  // namespace
+
+Tensor* permute_12_reshape_b_n_embed_dims(const Tensor* x) {
+    const Dims& shape = x->Shape();
+    check_rank(where("ornik::permute_12_reshape_b_n_embed_dims"), shape, 4);
+    const std::unique_ptr<Tensor> tokens_first(x->permute({0, 2, 1, 3}));
+    std::unique_ptr<Tensor> merged(tokens_first->clone());
+    merged->reshape_({shape[0], shape[2], shape[1] * shape[3]});
+    return merged.release();
+}
+
+Tensor* permute_12_reshape_b_n_embed_dims_grad(const Tensor* grad, const Dims& input_shape) {
+    const Where at = where("ornik::permute_12_reshape_b_n_embed_dims_grad");
+    check_rank(at, input_shape, 4);
+    const Dims merged{input_shape[0], input_shape[2], input_shape[1] * input_shape[3]};
+    if (grad->Shape() != merged) {
+        fail(at, "Gradient should have the shape ", merged, ", its shape is ", grad->Shape());
+    }
+    return reshape_permute_select(grad, static_cast<int>(input_shape[1]));
+}
+
+namespace {
+
+// The axes of a projection [b, n, parts, heads, d] with one part picked, in the order [b, heads, n, d].
+std::unique_ptr<Tensor> picked_heads(const Tensor* projection, int heads, int parts, int index) {
+    const Dims& shape = projection->Shape();
+    const std::int64_t depth = shape[2] / parts / heads;
+    const Dims& strides = projection->Strides();
+    return share(projection, {shape[0], heads, shape[1], depth},
+                 {strides[0], depth * strides[2], strides[1], strides[2]}, index * heads * depth * strides[2]);
+}
+
+void check_part(const Where& at, int parts, int index) {
+    if (parts < 1 || index < 0 || index >= parts) {
+        fail(at, "Part ", index, " of ", parts, " does not exist.");
+    }
+}
+
+}  // namespace
+
+Tensor* reshape_permute_select(const Tensor* x, int heads, int parts, int index) {
+    const Where at = where("ornik::reshape_permute_select");
+    check_rank(at, x->Shape(), 3);
+    check_part(at, parts, index);
+    if (heads < 1 || x->Shape()[2] % (std::int64_t{heads} * parts) != 0) {
+        fail(at, "The last axis of shape ", x->Shape(), "can not be cut into ", parts, " parts of ", heads, " heads.");
+    }
+    return picked_heads(x, heads, parts, index)->clone();
+}
+
+Tensor* reshape_permute_select_grad(const Tensor* grad, int parts, int index) {
+    const Where at = where("ornik::reshape_permute_select_grad");
+    const Dims& shape = grad->Shape();
+    check_rank(at, shape, 4);
+    check_part(at, parts, index);
+    const Dims projection{shape[0], shape[2], parts * shape[1] * shape[3]};
+    std::unique_ptr<Tensor> result(parts == 1 ? Tensor::empty(projection, grad->Device(), grad->Dtype())
+                                              : Tensor::zeros(projection, grad->Device(), grad->Dtype()));
+    copy_tensor(grad, picked_heads(result.get(), static_cast<int>(shape[1]), parts, index).get());
+    return result.release();
 }
 
 }  // namespace ornik

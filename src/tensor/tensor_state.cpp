@@ -39,7 +39,7 @@ void Tensor::check_inside(const Where& at, const Dims& shape, const Dims& stride
     }
 }
 
-void Tensor::updateShape(const Dims& shape) {
+void Tensor::check_new_shape(const Dims& shape) const {
     const Where at = where("ornik::Tensor::updateShape");
     const std::int64_t numel = checked_numel(at, shape);
     if (numel != size_ && size_ >= 2) {
@@ -51,17 +51,25 @@ void Tensor::updateShape(const Dims& shape) {
             fail(at, "Dim in shape should >0, however it equals ", low_bits);
         }
     }
-    // Strides follow when the number of axes changes; the size follows in updateSize().
-    Dims strides = strides_.size() == shape.size() ? strides_ : shape2stride(shape);
-    check_inside(at, shape, strides, StorageOffset(), dtype_, getStorage().get());
+}
+
+void Tensor::set_geometry(const Dims& shape, const Dims& strides) {
     shape_ = shape;
-    strides_ = std::move(strides);
+    strides_ = strides;
     ndim_ = static_cast<std::int32_t>(shape.size());
     if (meta_sync_ == 1 && meta_) {
         meta_->SetShape(shape_);
         meta_->SetStride(strides_);
     }
     refresh_options();
+}
+
+void Tensor::updateShape(const Dims& shape) {
+    check_new_shape(shape);
+    // Strides follow when the number of axes changes; the size follows in updateSize().
+    const Dims strides = strides_.size() == shape.size() ? strides_ : shape2stride(shape);
+    check_inside(where("ornik::Tensor::updateShape"), shape, strides, StorageOffset(), dtype_, getStorage().get());
+    set_geometry(shape, strides);
 }
 
 void Tensor::updateStrides() { updateStrides(shape2stride(shape_)); }

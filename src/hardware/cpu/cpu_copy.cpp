@@ -5,18 +5,13 @@
 #include "hardware/cpu/cpu_core.h"
 #include "hardware/cpu/dispatch.h"
 #include "hardware/cpu/element_convert.h"
+#include "hardware/cpu/item_bytes.h"
 #include "hardware/parallel.h"
 #include "tensor/geometry.h"
 
 namespace ornik::device::cpu {
 
 namespace {
-
-// Copies move bytes: the dtypes of one item size share a kernel, and no byte pattern is interpreted.
-struct Bytes16 {
-    std::uint64_t half[2];
-};
-using ItemTypes = TypeList<std::uint8_t, std::uint16_t, std::uint32_t, std::uint64_t, Bytes16>;
 
 constexpr std::int64_t grain_bytes = 1 << 18;
 
@@ -32,12 +27,11 @@ MultiTensorIterationHelper elements_of(const Tensor* in, Tensor* out) {
     return elements;
 }
 
-template <typename... Items>
-void copy_items(TypeList<Items...> /*types*/, const Tensor* in, Tensor* out) {
+void copy_items(const Tensor* in, Tensor* out) {
     const MultiTensorIterationHelper elements = elements_of(in, out);
-    const auto keep = [](auto item) { return item; };
-    const auto size = static_cast<std::size_t>(in->itemsize());
-    ((size == sizeof(Items) ? elements.run<TypeList<Items>, TypeList<Items>>(keep) : void()), ...);
+    dispatch_item_size(in->itemsize(), [&]<typename Item>() {
+        elements.run<TypeList<Item>, TypeList<Item>>([](Item item) { return item; });
+    });
 }
 
 }  // namespace
@@ -55,7 +49,7 @@ void copy(const Tensor* in, Tensor* out) {
     // The block copy serves the ranks that the engine serves, and no others.
     constexpr std::int32_t max_dims = OffsetCalculator_cpu<std::int64_t>::max_dims;
     if (in->ndim() > max_dims || out->ndim() > max_dims || !is_flat(in) || !is_flat(out)) {
-        copy_items(ItemTypes{}, in, out);
+        copy_items(in, out);
         return;
     }
     const char* source = static_cast<const char*>(in->getRawData());

@@ -1,0 +1,307 @@
+// Views and copies under another shape: the line between them, and every refusal.
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "support/expect_error.h"
+#include "support/tensors.h"
+#include "tensor/geometry.h"
+#include "tensor/tensor_shape.h"
+#include "utils/shape_rules.h"
+
+namespace ornik::test {
+namespace {
+
+constexpr const char* file = "src/tensor/tensor_shape.cpp";
+const std::string no_view =
+    "Target view shape is not compatible with input tensor's size and stride (at least one dimension spans across two "
+    "contiguous subspaces). Use .reshape(...) instead.";
+
+TensorPtr own(Tensor* t) { return TensorPtr(t); }
+
+TEST(Reshape, EveryRefusalIsNamedWhole) {
+    const TensorPtr a = make({2, 3}, counted<float>(6));
+    const TensorPtr b = make({1, 3}, counted<float>(3));
+    const TensorPtr scalar = own(Tensor::scalar(pack_dtype_and_device(dtype::float32, 0)));
+    const TensorPtr turned = own(a->transpose());
+    const TensorPtr doubles = make({2, 3}, counted<double>(6));
+    const TensorPtr complex = make({2}, counted<Complex<float>>(2));
+    const TensorPtr empty = own(Tensor::broadcast_to(b.get(), {0, 3}));
+    const TensorPtr flat = make({6}, counted<float>(6));
+    using Call = std::function<void()>;
+    struct Row {
+        Call call;
+        std::string message, function, source;
+    };
+    const std::string utils = "src/utils/utils.cpp";
+    const std::string state = "src/tensor/tensor_state.cpp";
+    const std::string inferred = "ornik::infer_final_reshape";
+    const Row rows[] = {
+        {[&] { turned->view({6}); }, no_view, "ornik::view", file},
+        {[&] { view(a.get(), {-1}); }, no_view, "ornik::view", file},
+        {[&] { view_tensor(turned.get(), {6}); }, "Can not view this tensor.", "ornik::view_tensor", file},
+        {[&] {
+             a->view({-2, 3});
+         },
+         "shape should not less than -1, in which case it'sinferred from the remaining dimensions and the number of "
+         "elements.",
+         inferred, utils},
+        {[&] {
+             a->reshape({-1, -1});
+         },
+         "Can only specify one unknown dimension, FILE: ", inferred, utils},
+        {[&] {
+             a->reshape({4, -1});
+         },
+         "Not compatible shapes, input ( 2, 3 )  ,                target ( 4, 1 ) ", inferred, utils},
+        {[&] {
+             a->view({1LL << 62, 4, -1});
+         },
+         "Not compatible shapes, input ( 2, 3 )  ,                target ( 4611686018427387904, 4, 0 ) ", inferred,
+         utils},
+        {[&] { a->reshape_({4}); }, "( 2, 3 )  not same size for reshape: ( 4 ) ", "ornik::Tensor::updateShape", state},
+        {[&] { a->flatten_(); }, "( 2, 3 )  not same size for reshape: ( -1 ) ", "ornik::Tensor::updateShape", state},
+        {[&] { scalar->flatten_(); }, "Dim in shape should >0, however it equals -1", "ornik::Tensor::updateShape",
+         state},
+        {[&] {
+             empty->reshape_({3, 0});
+         },
+         "Dim in shape should >0, however it equals 0", "ornik::Tensor::updateShape", state},
+        {[&] { a->reshape_copy({7}); }, "( 2, 3 )  not same size for reshape: ( 7 ) ", "ornik::Tensor::updateShape",
+         state},
+        {[&] { a->permute({0}); }, "permute size 1 not equal to tensor shape 2", "ornik::permute", file},
+        {[&] {
+             a->transpose({1, -1});
+         },
+         "dim -1 is not valid ", "ornik::permute", file},
+        {[&] {
+             gather_dims({1, 2}, {0});
+         },
+         "Dimensions do not match", "ornik::gather_dims", utils},
+        {[&] { flat->transpose(); }, "shape < 2, can not transpose.", "ornik::Tensor::transpose", file},
+        {[&] { a->swapaxis(-2, 0); }, "Invalid axis,axis should >=0 ", "ornik::Tensor::swapaxis", file},
+        {[&] { a->swapaxis(-1, 0); }, "Invalid axis,axis should >=0 ", "ornik::Tensor::swapaxis", file},
+        {[&] { a->squeeze(2); }, "Number of dimensions exceeded (2 >= 2).", "compute_squeeze", file},
+        {[&] { a->squeeze(-2); }, "The axis must be greater or equal than zero; ", "compute_squeeze", file},
+        {[&] { a->squeeze(std::vector<int>{1}); }, "The dimension of squeeze axis of input must be 1; ",
+         "compute_squeeze", file},
+        {[&] { a->unsqueeze(3); }, "Number of dimensions exceeded (3 >= 2).", "compute_unsqueeze", file},
+        {[&] { a->unsqueeze(-1); }, "The axis must be greater or equal than zero", "compute_unsqueeze", file},
+        {[&] { a->flatten(1, 0); }, "Not correct dim for flatten.", "ornik::Tensor::flatten", file},
+        {[&] {
+             tile(a.get(), {2, 0});
+         },
+         "repeat time for tile should be greater than 0. ", "ornik::infer_tile_shape", utils},
+        {[&] {
+             tile(a.get(), {1 << 30, 1 << 31 >> 1});
+         },
+         "repeat time for tile should be greater than 0. ", "ornik::infer_tile_shape", utils},
+        {[&] {
+             tile(a.get(), {1 << 30, 1 << 30});
+         },
+         "Too many elements for a tensor: shape ( 2, 3 )  repeated 1073741824 times.", "ornik::tile", file},
+        {[&] {
+             TileGrad(a.get(), {2, 3}, {2});
+         },
+         "TileGrad needs a gradient of the tiled shape: gradient ( 2, 3 ) , tiled ( 2, 6 ) ", "ornik::TileGrad", file},
+        {[&] { concat({}, 0); }, "Concat requires a minimum of one tensors", "ornik::concat", file},
+        {[&] {
+             concat({a.get(), nullptr}, 0);
+         },
+         "A tensor of the list is null.", "ornik::concat", file},
+        {[&] {
+             concat({a.get(), doubles.get()}, 9);
+         },
+         "All tensors must be on the same data type", "ornik::concat", file},
+        {[&] {
+             concat({a.get(), flat.get()}, 0);
+         },
+         "The number of dimensions of all tensors must match (2 != 1).", "ornik::concat", file},
+        {[&] {
+             concat({a.get(), b.get()}, 1);
+         },
+         "The dimensions across of all tensors must match (2 != 1).", "ornik::concat", file},
+        {[&] {
+             concat({a.get(), a.get()}, -1U);
+         },
+         "input axis: 4294967295 is larger than max dim 2", "ornik::concat", file},
+        {[&] { stack({a.get()}, 0); }, "Stack requires a minimum of two tensors", "ornik::stack", file},
+        {[&] {
+             stack({a.get(), b.get()}, 0);
+         },
+         "Inputs for stack() must have same shape", "ornik::stack", file},
+        {[&] { view_as_real(a.get()); }, "'view_as_real' only supports complex.", "ornik::view_as_real", file},
+        {[&] { view_as_complex(complex.get()); }, "'view_as_complex' only supports float32 and float64.",
+         "ornik::view_as_complex", file},
+        {[&] { view_as_complex(a.get()); },
+         "'view_as_complex' needs a last axis of 2 neighbouring elements: shape ( 2, 3 ) , strides ( 3, 1 ) ",
+         "ornik::view_as_complex", file},
+        {[&] { reshape_permute_select(empty.get(), 1); }, "Input should have 3 dimensions, its shape is ( 0, 3 ) ",
+         "ornik::reshape_permute_select", file},
+    };
+    for (const Row& row : rows) {
+        expect_error(row.call, row.message, row.function, row.source);
+    }
+    // An axis wrapped outside the shape, after the single-tensor rule: one tensor is copied whatever the axis.
+    const TensorPtr copied = own(concat({a.get()}, 77));
+    EXPECT_NE(copied->getRawData(), a->getRawData());
+    EXPECT_EQ(values_of<float>(copied), values_of<float>(a));
+    EXPECT_EQ(a->Shape(), (Dims{2, 3}));
+}
+
+TEST(Reshape, ViewsShareAndCopiesDoNot) {
+    const TensorPtr t = make({2, 3, 4}, counted<double>(24), Layout::offset);
+    struct Row {
+        TensorPtr result;
+        Dims shape, strides;
+        bool shares;
+    };
+    const TensorPtr turned = own(t->swapaxis(0, 1));
+    Row rows[] = {{own(t->view({6, -1})), {6, 4}, {4, 1}, true},
+                  {own(t->view({2, 1, 12})), {2, 1, 12}, {12, 12, 1}, true},
+                  {own(t->reshape({-1})), {24}, {1}, true},
+                  {own(t->flatten(0, -2)), {6, 4}, {4, 1}, true},
+                  {own(t->unsqueeze(1)), {2, 1, 3, 4}, {12, 12, 4, 1}, true},
+                  {own(t->unsqueeze(3)), {2, 3, 4, 1}, {12, 4, 1, 1}, true},
+                  {own(t->transpose()), {4, 3, 2}, {1, 4, 12}, true},
+                  {own(t->permute({-1, 0, 1})), {4, 2, 3}, {1, 12, 4}, true},
+                  {own(t->swapaxis(9, 9)), {2, 3, 4}, {12, 4, 1}, true},
+                  {own(turned->reshape({6, 4})), {6, 4}, {4, 1}, false},
+                  {own(turned->reshape({3, 2, 2, 2})), {3, 2, 2, 2}, {4, 12, 2, 1}, true},
+                  {own(t->reshape_copy({4, 6})), {4, 6}, {6, 1}, false},
+                  {own(t->flip({})), {2, 3, 4}, {12, 4, 1}, false}};
+    for (const Row& row : rows) {
+        EXPECT_EQ(row.result->Shape(), row.shape);
+        EXPECT_EQ(row.result->Strides(), row.strides) << shape_text(row.shape);
+        EXPECT_EQ(row.result->getStorage() == t->getStorage(), row.shares) << shape_text(row.shape);
+        EXPECT_EQ(row.result->getMeta()->GetShape(), row.shape);
+    }
+    static_cast<double*>(rows[0].result->getRawData())[0] = -7;
+    EXPECT_EQ(values_of<double>(t)[0], -7);
+
+    const TensorPtr thin = make({3, 1, 1}, counted<double>(3));
+    EXPECT_EQ(own(thin->squeeze())->Shape(), (Dims{3}));
+    EXPECT_EQ(own(thin->squeeze(-1))->Shape(), (Dims{3, 1, 1}));
+    EXPECT_EQ(own(thin->squeeze(0))->Shape(), (Dims{3, 1, 1}));
+    EXPECT_EQ(own(thin->squeeze(std::vector<int>{-1, 2}))->Shape(), (Dims{3, 1}));
+}
+
+TEST(Reshape, InPlaceMovesOnlyWhenNoViewExists) {
+    const TensorPtr t = make({2, 6}, counted<std::int16_t>(12));
+    const void* address = t->getRawData();
+    t->reshape_({3, 4});
+    EXPECT_EQ(t->getRawData(), address);
+    const TensorPtr turned = own(t->transpose());
+    const std::vector<std::int16_t> values = values_of<std::int16_t>(turned);
+    turned->reshape_({2, 6});
+    EXPECT_NE(turned->getRawData(), address);
+    EXPECT_EQ(turned->Strides(), (Dims{6, 1}));
+    EXPECT_EQ(values_of<std::int16_t>(turned), values);
+    EXPECT_EQ(turned->getMeta()->GetStride(), (Dims{6, 1}));
+
+    // Fewer than two elements take any count, in memory of their own.
+    const TensorPtr one = make({1, 1}, std::vector<std::int16_t>{5});
+    one->reshape_({2, 3});
+    EXPECT_EQ(values_of<std::int16_t>(one), std::vector<std::int16_t>(6, 5));
+    EXPECT_EQ(one->Size(), 6);
+    const TensorPtr row = own(Tensor::zeros({1, 3}, 0, dtype::int16));
+    const TensorPtr none = own(Tensor::broadcast_to(row.get(), {0, 3}));
+    EXPECT_EQ(own(none->view({0, 7, -1}))->Strides(), (Dims{7, 1, 1}));
+    none->reshape_({2});
+    EXPECT_EQ(values_of<std::int16_t>(none), std::vector<std::int16_t>(2, 0));
+    const TensorPtr scalar = own(Tensor::full<float>({}, 2.5F, 0, dtype::float32));
+    EXPECT_EQ(own(scalar->view({1, 1}))->Strides(), (Dims{0, 0}));
+    EXPECT_EQ(own(scalar->flatten(0, 0))->Shape(), (Dims{1}));
+    const TensorPtr broadcast = own(Tensor::broadcast_to(row.get(), {4, 3}));
+    broadcast->reshape_({12});
+    EXPECT_EQ(broadcast->Strides(), (Dims{1}));
+}
+
+// Joins and repetitions against their definition, element by element.
+TEST(Reshape, ConcatStackTileOfAllTypesAndLayouts) {
+    for_types(AllTypes{}, []<typename T>() {
+        for (const Layout layout : all_layouts) {
+            SCOPED_TRACE(name_of(layout) + "/" + dtype_name(dtype_code<T>));
+            const TensorPtr a = make({2, 3, 2}, counted<T>(12), layout);
+            const TensorPtr b = make({2, 1, 2}, counted<T>(4, 20), layout);
+            const TensorPtr joined = own(concat({a.get(), b.get(), a.get()}, 1));
+            EXPECT_EQ(joined->Shape(), (Dims{2, 7, 2}));
+            const std::vector<T> va = values_of<T>(a);
+            const std::vector<T> vb = values_of<T>(b);
+            std::vector<T> expected;
+            for (std::ptrdiff_t i = 0; i < 2; ++i) {
+                expected.insert(expected.end(), va.begin() + 6 * i, va.begin() + 6 * i + 6);
+                expected.insert(expected.end(), vb.begin() + 2 * i, vb.begin() + 2 * i + 2);
+                expected.insert(expected.end(), va.begin() + 6 * i, va.begin() + 6 * i + 6);
+            }
+            EXPECT_EQ(values_of<T>(joined), expected);
+
+            const TensorPtr stacked = own(stack({a.get(), a.get()}, -1U));
+            EXPECT_EQ(stacked->Shape(), (Dims{2, 3, 2, 2}));
+            const TensorPtr tiled = own(tile(b.get(), {3, 2, 2, 1}));
+            EXPECT_EQ(tiled->Shape(), (Dims{3, 4, 2, 2}));
+            const std::vector<T> vt = values_of<T>(tiled);
+            for (std::size_t i = 0; i < vt.size(); ++i) {
+                ASSERT_EQ(vt[i], vb[i % 2 + i / 4 % 2 * 2]) << i;
+            }
+            const TensorPtr both = own(tile(b.get(), {2, 3, 2}));
+            const TensorPtr gradient = own(TileGrad(both.get(), {2, 1, 2}, {2, 3, 2}));
+            const std::vector<T> vg = values_of<T>(gradient);
+            EXPECT_EQ(gradient->Shape(), b->Shape());
+            for (std::size_t i = 0; i < vg.size(); ++i) {
+                T sum{};
+                for (int k = 0; k < 12; ++k) {
+                    sum = static_cast<T>(sum + vb[i]);
+                }
+                EXPECT_EQ(vg[i], sum) << i;
+            }
+        }
+    });
+    const TensorPtr three = own(Tensor::full<float>({}, 3.0F, 0, dtype::float32));
+    const TensorPtr repeated = own(tile(three.get(), {2, 2}));
+    EXPECT_EQ(values_of<float>(repeated), std::vector<float>(4, 3.0F));
+    EXPECT_EQ(values_of<float>(own(TileGrad(repeated.get(), {}, {2, 2}))), std::vector<float>{12.0F});
+}
+
+TEST(Reshape, HeadsSplitAndMergeAreInverse) {
+    const TensorPtr fused = make({2, 3, 24}, counted<float>(144), Layout::every_other);
+    const std::vector<float> values = values_of<float>(fused);
+    for (int part = 0; part < 3; ++part) {
+        const TensorPtr heads = own(reshape_permute_select(fused.get(), 2, 3, part));
+        ASSERT_EQ(heads->Shape(), (Dims{2, 2, 3, 4}));
+        const std::vector<float> split = values_of<float>(heads);
+        for (std::size_t i = 0; i < split.size(); ++i) {
+            const std::size_t d = i % 4, n = i / 4 % 3, h = i / 12 % 2, b = i / 24;
+            ASSERT_EQ(split[i], values[(b * 3 + n) * 24 + (static_cast<std::size_t>(part) * 2 + h) * 4 + d]);
+        }
+        const TensorPtr merged = own(permute_12_reshape_b_n_embed_dims(heads.get()));
+        const TensorPtr back = own(permute_12_reshape_b_n_embed_dims_grad(merged.get(), heads->Shape()));
+        EXPECT_EQ(values_of<float>(back), split);
+        const TensorPtr gradient = own(reshape_permute_select_grad(heads.get(), 3, part));
+        const std::vector<float> spread = values_of<float>(gradient);
+        for (std::size_t i = 0; i < spread.size(); ++i) {
+            ASSERT_EQ(spread[i], static_cast<int>(i % 24 / 8) == part ? values[i] : 0.0F);
+        }
+    }
+}
+
+TEST(Reshape, ComplexAsReal) {
+    const TensorPtr z = make({2, 3}, counted<Complex<double>>(6), Layout::transposed);
+    const TensorPtr parts = own(view_as_real(z.get()));
+    EXPECT_EQ(parts->Shape(), (Dims{2, 3, 2}));
+    EXPECT_EQ(parts->Dtype(), dtype::float64);
+    std::vector<double> expected;
+    for (const Complex<double>& value : values_of<Complex<double>>(z)) {
+        expected.insert(expected.end(), {value.real, value.imag});
+    }
+    EXPECT_EQ(values_of<double>(parts), expected);
+    const TensorPtr back = own(view_as_complex(parts.get()));
+    EXPECT_EQ(back->getRawData(), z->getRawData());
+    EXPECT_EQ(back->Strides(), z->Strides());
+    const TensorPtr reals = make({3, 3}, counted<float>(9));
+    const TensorPtr odd = own(reals->select_ndim_without_copy({":", "0:2"}));
+    EXPECT_THROW(view_as_complex(odd.get()), std::runtime_error);
+}
+
+}  // namespace
+}  // namespace ornik::test
