@@ -67,6 +67,55 @@ void addition_rows() {
         "add/every_other", [=] { add_into(every_other, every_other, half_out); }, 6 * n * n);
 }
 
+void shape_rows() {
+    const std::int64_t n = bench::side;
+    const TensorPtr square = filled({n, n}, 1);
+    const TensorPtr quarter = filled({n, n / 4}, 1);
+    const auto select_row = [&](const std::string& name, const std::vector<std::string>& items) {
+        const std::int64_t bytes = 8 * TensorPtr(square->select_ndim(items))->Size();
+        bench::row(
+            "select/" + name, [=] { delete square->select_ndim(items); }, bytes);
+    };
+    select_row("slab", {"1000:3048"});
+    select_row("columns", {":", "1000:3048"});
+    select_row("every_other", {":", "0:4096:2"});
+    std::string list;
+    for (std::int64_t i = 0; i < n / 2; ++i) {
+        list += (i > 0 ? "," : "") + std::to_string(i * 1237 % n);
+    }
+    select_row("row_list", {list});
+    select_row("column_list", {":", list});
+    const TensorPtr selected = filled({n / 2, n}, 2);
+    bench::row(
+        "select/row_list_grad", [=] { delete square->select_ndim_grad(selected.get(), {list}); },
+        8 * n * n / 2 + 4 * n * n);
+    const std::vector<Tensor*> quarters(4, quarter.get());
+    for (const unsigned axis : {0U, 1U}) {
+        bench::row(
+            "concat/axis" + std::to_string(axis), [=] { (void)quarter, delete ornik::concat(quarters, axis); },
+            8 * n * n);
+        bench::row(
+            "flip/axis" + std::to_string(axis), [=] { delete square->flip({static_cast<int>(axis)}); }, 8 * n * n);
+    }
+    bench::row(
+        "stack/axis2", [=] { (void)quarter, delete ornik::stack(quarters, 2); }, 8 * n * n);
+    bench::row(
+        "tile/2x2",
+        [=] {
+            delete ornik::tile(quarter.get(), {2, 2});
+        },
+        5 * n * n);
+    const TensorPtr tiled = filled({2 * n, n / 2}, 1);
+    bench::row(
+        "tile/2x2_grad",
+        [=] {
+            delete ornik::TileGrad(tiled.get(), {n, n / 4}, {2, 2});
+        },
+        5 * n * n);
+    bench::row("view", [=] { delete square->view({n * n}); });
+    bench::row("permute", [=] { delete square->permute({1, 0}); });
+}
+
 void copy_rows() {
     const std::int64_t n = bench::large;
     const std::int64_t m = bench::side;
@@ -128,6 +177,7 @@ int main(int argc, char** argv) {
     creation_rows();
     addition_rows();
     copy_rows();
+    shape_rows();
     product_rows();
     step_rows();
     return bench::run(argc, argv);

@@ -41,6 +41,31 @@ void addition_rows() {
     bench::row("add/every_other", [=]() mutable { at::add_out(half_out, every_other, every_other); });
 }
 
+void shape_rows() {
+    const std::int64_t n = bench::side;
+    const at::Tensor square = filled({n, n}, 1);
+    const at::Tensor quarter = filled({n, n / 4}, 1);
+    bench::row("select/slab", [=] { square.slice(0, 1000, 3048).clone(); });
+    bench::row("select/columns", [=] { square.slice(1, 1000, 3048).contiguous(); });
+    bench::row("select/every_other", [=] { square.slice(1, 0, n, 2).contiguous(); });
+    const at::Tensor list = at::arange(n / 2, at::kLong).mul(1237).remainder(n);
+    bench::row("select/row_list", [=] { square.index_select(0, list); });
+    bench::row("select/column_list", [=] { square.index_select(1, list); });
+    const at::Tensor selected = filled({n / 2, n}, 2);
+    bench::row("select/row_list_grad", [=] { at::zeros({n, n}).index_add_(0, list, selected); });
+    const std::vector<at::Tensor> quarters(4, quarter);
+    for (const std::int64_t axis : {0, 1}) {
+        bench::row("concat/axis" + std::to_string(axis), [=] { at::cat(quarters, axis); });
+        bench::row("flip/axis" + std::to_string(axis), [=] { square.flip({axis}); });
+    }
+    bench::row("stack/axis2", [=] { at::stack(quarters, 2); });
+    bench::row("tile/2x2", [=] { quarter.tile({2, 2}); });
+    const at::Tensor tiled = filled({2 * n, n / 2}, 1);
+    bench::row("tile/2x2_grad", [=] { tiled.view({2, n, 2, n / 4}).sum(at::IntArrayRef{0, 2}); });
+    bench::row("view", [=] { square.view({n * n}); });
+    bench::row("permute", [=] { square.permute({1, 0}); });
+}
+
 void copy_rows() {
     const at::Tensor flat = filled({bench::large}, 1);
     at::Tensor flat_out = filled({bench::large}, 0);
@@ -96,6 +121,7 @@ int main(int argc, char** argv) {
     creation_rows();
     addition_rows();
     copy_rows();
+    shape_rows();
     product_rows();
     return bench::run(argc, argv);
 }

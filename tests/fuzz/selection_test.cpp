@@ -28,7 +28,7 @@ TEST(SelectionFuzz, MutatedCorpus) {
     const std::string alphabet = "0123456789,,:::--+ \n\tx";
     std::mt19937 engine(20240607);
     const auto below = [&engine](std::size_t n) { return engine() % n; };
-    for (int run = 0; run < 20000; ++run) {
+    for (int run = 0; run < 6000; ++run) {
         Bytes input = inputs[below(inputs.size())];
         for (std::size_t edits = below(4); edits-- > 0 && !input.empty();) {
             const auto at = static_cast<std::ptrdiff_t>(below(input.size()));
