@@ -40,6 +40,12 @@ auto average(float keep) {
     };
 }
 
+// The larger one; b when it is NaN.
+template <typename T>
+inline T larger(T a, T b) {
+    return a >= b ? a : b;
+}
+
 }  // namespace
 
 void sgd(Tensor* param, const Tensor* grad, float lr, Tensor* velocity, float momentum, bool nesterov) {
@@ -74,34 +80,43 @@ void rmsprop(Tensor* param, const Tensor* grad, float lr, float alpha, float eps
     });
 }
 
+namespace {
+
+template <typename T, bool Decays>
+void adam_pass(Tensor* param, const Tensor* grad, const AdamFactors& factors, Tensor* m, Tensor* v, Tensor* vmax) {
+    const auto first_average = average<T>(factors.beta1);
+    const auto second_average = average<T>(factors.beta2);
+    const T first = static_cast<T>(factors.first);
+    const T second = static_cast<T>(factors.second);
+    const T step = static_cast<T>(-factors.lr);
+    const T margin = static_cast<T>(factors.eps);
+    const T decay = static_cast<T>(-(factors.lr * factors.weight_decay));
+    const auto moved = [=](T p, T mean, T square) {
+        const T kept = Decays ? p + decay * p : p;
+        return step * (first * mean / (std::sqrt(second * square) + margin)) + kept;
+    };
+    if (vmax == nullptr) {
+        update<T>(grad, std::array{param, m, v}, [=](T g, T p, T old_mean, T old_square) {
+            const T mean = first_average(old_mean, g);
+            const T square = second_average(old_square, g * g);
+            return std::tuple{moved(p, mean, square), mean, square};
+        });
+    } else {
+        update<T>(grad, std::array{param, m, v, vmax}, [=](T g, T p, T old_mean, T old_square, T old_largest) {
+            const T mean = first_average(old_mean, g);
+            const T square = second_average(old_square, g * g);
+            const T largest = larger(old_largest, square);
+            return std::tuple{moved(p, mean, largest), mean, square, largest};
+        });
+    }
+}
+
+}  // namespace
+
 void adam(Tensor* param, const Tensor* grad, const AdamFactors& factors, Tensor* m, Tensor* v, Tensor* vmax) {
     dispatch(FloatTypes{}, param->Dtype(), [&]<typename T>() {
-        const auto first_average = average<T>(factors.beta1);
-        const auto second_average = average<T>(factors.beta2);
-        const T first = static_cast<T>(factors.first);
-        const T second = static_cast<T>(factors.second);
-        const T step = static_cast<T>(-factors.lr);
-        const T margin = static_cast<T>(factors.eps);
-        const T decay = static_cast<T>(-(factors.lr * factors.weight_decay));
-        const bool decays = factors.weight_decay != 0;
-        const auto moved = [=](T p, T mean, T square) {
-            const T decayed = decays ? p + decay * p : p;
-            return step * (first * mean / (std::sqrt(second * square) + margin)) + decayed;
-        };
-        if (vmax == nullptr) {
-            update<T>(grad, std::array{param, m, v}, [=](T g, T p, T old_mean, T old_square) {
-                const T mean = first_average(old_mean, g);
-                const T square = second_average(old_square, g * g);
-                return std::tuple{moved(p, mean, square), mean, square};
-            });
-        } else {
-            update<T>(grad, std::array{param, m, v, vmax}, [=](T g, T p, T old_mean, T old_square, T old_largest) {
-                const T mean = first_average(old_mean, g);
-                const T square = second_average(old_square, g * g);
-                const T largest = old_largest >= square ? old_largest : square;  // A NaN of the square stays.
-                return std::tuple{moved(p, mean, largest), mean, square, largest};
-            });
-        }
+        const auto pass = factors.weight_decay != 0 ? adam_pass<T, true> : adam_pass<T, false>;
+        pass(param, grad, factors, m, v, vmax);
     });
 }
 
@@ -116,7 +131,7 @@ void adamax(Tensor* param, const Tensor* grad, const AdamFactors& factors, Tenso
             const T mean = averaged(old_mean, g);
             const T kept = keep * old_norm;
             const T size = std::abs(g) + margin;
-            const T norm = kept >= size ? kept : size;
+            const T norm = larger(kept, size);
             return std::tuple{step * (first * mean / norm) + p, mean, norm};
         });
     });
