@@ -1,10 +1,10 @@
 // The engine and its seeding against the standard library's, and draws from several threads.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <set>
 #include <thread>
 
-#include "hardware/thread_config.h"
 #include "random/lease.h"
 #include "support/tensors.h"
 
@@ -66,55 +66,49 @@ TEST(Generators, SeedsAndSharing) {
     EXPECT_EQ(generator::next_random32(), std::mt19937(7)());
 }
 
-TEST(Generators, ThreadsShareOneSequence) {
-    constexpr int threads = 3, calls = 40;
-    constexpr std::int64_t n = 1000;
-    set_random_seed(11);
-    std::vector<std::vector<double>> firsts(threads);
+// Runs work(0), work(1) ... at once.
+void run_threads(int count, const std::function<void(int)>& work) {
     std::vector<std::thread> team;
-    for (std::vector<double>& mine : firsts) {
-        team.emplace_back([&mine] {
-            for (int i = 0; i < calls; ++i) {
-                mine.push_back(values_of<double>(TensorPtr(Tensor::randu({n}, 0, 1, 0, dtype::float64)))[0]);
-            }
-        });
+    for (int id = 0; id < count; ++id) {
+        team.emplace_back(work, id);
     }
     for (std::thread& t : team) {
         t.join();
     }
+}
+
+TEST(Generators, ThreadsShareOneSequence) {
+    constexpr std::int64_t n = 1000;
+    set_random_seed(11);
+    std::mutex mutex;
     std::multiset<double> drawn, expected;
+    run_threads(3, [&](int) {
+        for (int i = 0; i < 40; ++i) {
+            const TensorPtr t(Tensor::randu({n}, 0, 1, 0, dtype::float64));
+            const std::lock_guard lock(mutex);
+            drawn.insert(values_of<double>(t)[0]);
+        }
+    });
     std::mt19937_64 words = seeded(11);
-    for (const std::vector<double>& mine : firsts) {
-        drawn.insert(mine.begin(), mine.end());
-    }
-    for (int i = 0; i < threads * calls; ++i) {
+    for (int i = 0; i < 3 * 40; ++i, words.discard(n - 1)) {
         expected.insert(static_cast<double>(words() >> 11) * 0x1p-53);
-        words.discard(n - 1);
     }
     EXPECT_EQ(drawn, expected);
 }
 
 TEST(Generators, ThreadsDrawReseedAndDelete) {
-    std::vector<std::thread> team;
-    for (std::uint32_t id = 0; id < 4; ++id) {
-        team.emplace_back([id] {
-            for (std::uint32_t i = 0; i < 50; ++i) {
-                if (id < 2) {
-                    set_random_seed(100 * id + i);
-                    const Generator fresh(i), sharing(0);
-                    EXPECT_TRUE(fresh.engine() && sharing.engine());
-                } else {
-                    const TensorPtr t(Tensor::randn({40001}, 5, 0.5, 0, dtype::float32));
-                    for (const float x : values_of<float>(t)) {
-                        ASSERT_TRUE(x > 0 && x < 10);
-                    }
-                }
+    run_threads(4, [](int id) {
+        for (std::uint32_t i = 0; i < 50; ++i) {
+            if (id < 2) {
+                set_random_seed(i + (id == 0 ? 0 : 100));
+                const Generator fresh(i + 1), sharing(0);
+                EXPECT_NE(fresh.engine(), sharing.engine());
+            } else {
+                const std::vector<float> x = values_of<float>(TensorPtr(Tensor::randn({40001}, 5, 0.5, 0, 6)));
+                EXPECT_TRUE(std::all_of(x.begin(), x.end(), [](float v) { return v > 0 && v < 10; }));
             }
-        });
-    }
-    for (std::thread& t : team) {
-        t.join();
-    }
+        }
+    });
     EXPECT_EQ(generator::default_generator()->seed(), get_random_seed());
 }
 
