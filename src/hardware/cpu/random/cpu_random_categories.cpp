@@ -1,6 +1,7 @@
 // cpu_random_categories.cpp: draws of categories in proportion to weights.
 #include <cmath>
 #include <limits>
+#include <mutex>
 #include <numeric>
 #include <vector>
 
@@ -29,23 +30,36 @@ void for_rows(std::int64_t rows, std::int64_t cols, const Body& body) {
     });
 }
 
+// How many of n ascending numbers are at most x. The steps do not branch on the data: half of such branches would be
+// mispredicted.
+std::int64_t count_up_to(const double* numbers, std::int64_t n, double x) {
+    const double* begin = numbers;
+    while (n > 0) {
+        const std::int64_t half = (n + 1) / 2;
+        begin += begin[half - 1] <= x ? half : 0;
+        n -= half;
+    }
+    return begin - numbers;
+}
+
 // Independent draws: the place of a random share of the row's sum among its running sums.
 template <typename T>
 void draw_independent(generator::Lease& source, const T* weights, std::int64_t rows, std::int64_t cols, std::int64_t n,
                       std::int64_t* out) {
-    std::vector<double> sums(static_cast<std::size_t>(rows * cols));
+    const std::unique_ptr<Tensor> buffer(Tensor::empty({rows * cols}, 0, dtype::float64));
+    double* const sums = static_cast<double*>(buffer->getRawData());
     for_rows(rows, cols, [&](std::int64_t row) {
         double sum = 0;
         for (std::int64_t i = row * cols; i < (row + 1) * cols; ++i) {
             sum += static_cast<double>(weights[i]);
-            sums[static_cast<std::size_t>(i)] = sum;
+            sums[i] = sum;
         }
     });
     draw_words(source, rows * n, [&](const std::uint64_t* words, std::int64_t first, std::int64_t count) {
         for (std::int64_t i = 0; i < count; ++i) {
-            const double* const row = sums.data() + (first + i) / n * cols;
+            const double* const row = sums + (first + i) / n * cols;
             const double share = to_double(words[i] >> 11) * unit53 * row[cols - 1];
-            out[first + i] = std::upper_bound(row, row + cols - 1, share) - row;
+            out[first + i] = count_up_to(row, cols - 1, share);
         }
     });
 }
@@ -55,17 +69,18 @@ void draw_independent(generator::Lease& source, const T* weights, std::int64_t r
 template <typename T>
 void draw_distinct(generator::Lease& source, const T* weights, std::int64_t rows, std::int64_t cols, std::int64_t n,
                    std::int64_t* out) {
-    std::vector<double> times(static_cast<std::size_t>(rows * cols));
+    const std::unique_ptr<Tensor> buffer(Tensor::empty({rows * cols}, 0, dtype::float64));
+    double* const times = static_cast<double*>(buffer->getRawData());
     draw_words(source, rows * cols, [&](const std::uint64_t* words, std::int64_t first, std::int64_t count) {
         for (std::int64_t i = 0; i < count; ++i) {
             const double u = (to_double(words[i] >> 11) + 0.5) * unit53;
             const auto weight = static_cast<double>(weights[first + i]);
             const double time = std::fmin(-log_positive(u) / weight, std::numeric_limits<double>::max());
-            times[static_cast<std::size_t>(first + i)] = weight > 0 ? time : std::numeric_limits<double>::infinity();
+            times[first + i] = weight > 0 ? time : std::numeric_limits<double>::infinity();
         }
     });
     for_rows(rows, cols, [&](std::int64_t row) {
-        const double* const time = times.data() + row * cols;
+        const double* const time = times + row * cols;
         std::vector<std::int64_t> order(static_cast<std::size_t>(cols));
         std::iota(order.begin(), order.end(), std::int64_t{0});
         std::partial_sort(order.begin(), order.begin() + n, order.end(), [time](std::int64_t a, std::int64_t b) {
@@ -81,20 +96,24 @@ WeightSummary summarize_weights(const Tensor* weights, std::int64_t rows) {
     WeightSummary summary;
     const std::int64_t cols = weights->Size() / rows;
     summary.fewest_positive = cols;
+    std::mutex mutex;
     dispatch(FloatTypes{}, weights->Dtype(), [&]<typename T>() {
         const T* const data = static_cast<const T*>(weights->getRawData());
-        for (std::int64_t row = 0; row < rows; ++row) {
+        for_rows(rows, cols, [&](std::int64_t row) {
             double sum = 0;
             std::int64_t positive = 0;
+            bool valid = true;
             for (std::int64_t i = row * cols; i < (row + 1) * cols; ++i) {
                 const auto weight = static_cast<double>(data[i]);
-                summary.valid = summary.valid && weight >= 0 && std::isfinite(weight);
+                valid = valid && weight >= 0 && weight <= std::numeric_limits<double>::max();
                 positive += weight > 0 ? 1 : 0;
                 sum += weight;
             }
+            const std::lock_guard lock(mutex);
+            summary.valid = summary.valid && valid;
             summary.sums_positive = summary.sums_positive && sum > 0 && std::isfinite(sum);
             summary.fewest_positive = std::min(summary.fewest_positive, positive);
-        }
+        });
     });
     return summary;
 }

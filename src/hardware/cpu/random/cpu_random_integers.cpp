@@ -58,18 +58,19 @@ void fill_integers(generator::Lease& source, Tensor* out, std::int64_t low, std:
 
 void fill_permutation(generator::Lease& source, Tensor* out) {
     const std::int64_t n = out->Size();
-    std::vector<std::uint64_t> places(static_cast<std::size_t>(n));
+    const std::unique_ptr<Tensor> buffer(Tensor::empty({n}, 0, dtype::int64));
+    auto* const places = static_cast<std::int64_t*>(buffer->getRawData());
     random::draw_words(source, n - 1, [&](const std::uint64_t* words, std::int64_t first, std::int64_t count) {
         for (std::int64_t i = 0; i < count; ++i) {
             // What is exchanged with the last place of the n - (first + i) that are still open.
-            places[static_cast<std::size_t>(first + i)] = below(words[i], static_cast<std::uint64_t>(n - first - i));
+            places[first + i] = static_cast<std::int64_t>(below(words[i], static_cast<std::uint64_t>(n - first - i)));
         }
     });
     dispatch(IntegerTypes{}, out->Dtype(), [&]<typename T>() {
         T* const data = static_cast<T*>(out->getRawData());
         std::iota(data, data + n, T(0));
         for (std::int64_t i = 0; i < n - 1; ++i) {
-            std::swap(data[n - 1 - i], data[places[static_cast<std::size_t>(i)]]);
+            std::swap(data[n - 1 - i], data[places[i]]);
         }
     });
 }

@@ -44,40 +44,44 @@ inline double to_double(std::uint64_t value) {
 
 namespace detail {
 
-// The sum of Coefficients[k] z^k by Horner's rule.
-template <auto Coefficients, typename T, std::size_t... K>
+// The sum of Table::values[k] z^k by Horner's rule.
+template <typename Table, typename T, std::size_t... K>
 inline T series(T z, std::index_sequence<K...> /*terms*/) {
     T sum = 0;
-    ((sum = sum * z + Coefficients[sizeof...(K) - 1 - K]), ...);
+    ((sum = sum * z + Table::values[sizeof...(K) - 1 - K]), ...);
     return sum;
 }
-template <auto Coefficients, typename T>
+template <typename Table, typename T>
 inline T series(T z) {
-    return series<Coefficients>(z, std::make_index_sequence<Coefficients.size()>{});
+    return series<Table>(z, std::make_index_sequence<Table::values.size()>{});
 }
 
 // 2 / (2k + 1): 2 atanh(s) = s sum_k of these times s^2k.
 template <typename T, std::size_t Terms>
-inline constexpr auto area_tangent = [] {
-    std::array<T, Terms> list{};
-    for (std::size_t k = 0; k < Terms; ++k) {
-        list[k] = T(2) / static_cast<T>(2 * k + 1);
-    }
-    return list;
-}();
+struct AreaTangent {
+    static constexpr std::array<T, Terms> values = [] {
+        std::array<T, Terms> list{};
+        for (std::size_t k = 0; k < Terms; ++k) {
+            list[k] = T(2) / static_cast<T>(2 * k + 1);
+        }
+        return list;
+    }();
+};
 
 // (-1)^k / (first + 2k)!, of the sine for first = 1 and the cosine for first = 0.
 template <typename T, std::size_t Terms, std::size_t First>
-inline constexpr auto alternating = [] {
-    std::array<T, Terms> list{};
-    double value = 1;
-    for (std::size_t k = 0; k < Terms; ++k) {
-        list[k] = static_cast<T>(value);
-        const std::size_t last = First + 2 * k;
-        value /= -static_cast<double>((last + 1) * (last + 2));
-    }
-    return list;
-}();
+struct Alternating {
+    static constexpr std::array<T, Terms> values = [] {
+        std::array<T, Terms> list{};
+        double value = 1;
+        for (std::size_t k = 0; k < Terms; ++k) {
+            list[k] = static_cast<T>(value);
+            const std::size_t last = First + 2 * k;
+            value /= -static_cast<double>((last + 1) * (last + 2));
+        }
+        return list;
+    }();
+};
 
 }  // namespace detail
 
@@ -95,7 +99,7 @@ inline T log_positive(T x) {
     const T e = small_to_float<T>(biased) - T(Format::bias);
     const T s = (m - T(1)) / (m + T(1));
     constexpr std::size_t terms = sizeof(T) == 4 ? 5 : 12;
-    return e * T(0.69314718055994530942) + s * detail::series<detail::area_tangent<T, terms>>(s * s);
+    return e * T(0.69314718055994530942) + s * detail::series<detail::AreaTangent<T, terms>>(s * s);
 }
 
 template <typename T>
@@ -109,8 +113,8 @@ inline SineCosine<T> sine_cosine(typename FloatBits<T>::Bits quadrant, T f) {
     using Bits = typename FloatBits<T>::Bits;
     constexpr std::size_t terms = sizeof(T) == 4 ? 6 : 10;
     const T x = f * T(1.57079632679489661923);
-    const Bits s = std::bit_cast<Bits>(x * detail::series<detail::alternating<T, terms, 1>>(x * x));
-    const Bits c = std::bit_cast<Bits>(detail::series<detail::alternating<T, terms, 0>>(x * x));
+    const Bits s = std::bit_cast<Bits>(x * detail::series<detail::Alternating<T, terms, 1>>(x * x));
+    const Bits c = std::bit_cast<Bits>(detail::series<detail::Alternating<T, terms, 0>>(x * x));
     // A quarter turn takes (cos, sin) to (-sin, cos).
     const Bits swap = Bits{0} - (quadrant & 1);
     constexpr int sign = sizeof(Bits) * 8 - 1;
