@@ -1,6 +1,7 @@
 // The library's own rows, through its public interface.
 #include <ornik.h>
 
+#include <functional>
 #include <memory>
 
 #include "rows.h"
@@ -164,11 +165,47 @@ void product_rows() {
     }
 }
 
+void random_rows() {
+    const std::int64_t n = bench::large;
+    const TensorPtr single = filled({n}, 0);
+    const TensorPtr wide = filled({n}, 0, dtype::float64);
+    bench::row("random/normal", [=] { single->fill_rand_normal_inplace(0, 1, false); });
+    bench::row("random/uniform", [=] { single->fill_rand_uniform_inplace(1); });
+    bench::row("random/bernoulli", [=] { single->fill_rand_binary_inplace(0.3); });
+    bench::row("random/normal/float64", [=] { wide->fill_rand_normal_inplace(0, 1, false); });
+    bench::row("random/uniform/float64", [=] { wide->fill_rand_uniform_inplace(1); });
+    bench::row("random/normal/new/1000", [] { delete Tensor::randn({1000}, 0, 1, ornik::device_cpu, dtype::float32); });
+    bench::row("random/integers/new/1000000",
+               [] { delete Tensor::randint({1'000'000}, 0, 1000, ornik::device_cpu, dtype::int64); });
+    bench::row("random/permutation/1000000",
+               [] { delete Tensor::permutation(1'000'000, ornik::device_cpu, dtype::int64); });
+    const TensorPtr counts = filled({1'000'000}, 100);
+    const TensorPtr probs = filled({1'000'000}, 0.3);
+    bench::row("random/binomial/1000000", [=] { delete Tensor::binomial(counts.get(), probs.get()); });
+    const TensorPtr weights = filled({1000, 1000}, 1);
+    bench::row("random/multinomial/replaced", [=] { delete Tensor::multinomial(weights.get(), 100, true); });
+    bench::row("random/multinomial/distinct", [=] { delete Tensor::multinomial(weights.get(), 100, false); });
+}
+
 void step_rows() {
-    const TensorPtr p = filled({1'000'000}, 1);
-    const TensorPtr g = filled({1'000'000}, 1e-3);
-    const TensorPtr v = filled({1'000'000}, 0);
-    bench::row("sgd/1000000", [=] { ornik::sgd_step(p.get(), g.get(), 1e-3F, v.get(), 0.9F, false); });
+    const auto vector = [](double value) { return filled({1'000'000}, value); };
+    const TensorPtr p = vector(1), g = vector(1e-3), s = vector(0), t = vector(0), u = vector(0);
+    const auto row = [](const std::string& name, const std::function<void()>& step) {
+        bench::row(name + "/1000000", step);
+    };
+    row("sgd", [=] { ornik::sgd_step(p.get(), g.get(), 1e-3F, s.get(), 0.9F, false); });
+    row("rmsprop", [=] { ornik::rmsprop_step(p.get(), g.get(), 1e-3F, 0.9F, 1e-8F, s.get()); });
+    for (const bool amsgrad : {false, true}) {
+        row(amsgrad ? "adam/amsgrad" : "adam", [=] {
+            ornik::adam_step(p.get(), g.get(), 1e-3F, 0.9F, 0.999F, 1e-8F, 10, s.get(), t.get(), u.get(), amsgrad);
+        });
+    }
+    row("adamw", [=] {
+        ornik::adamw_step(p.get(), g.get(), 1e-3F, 0.9F, 0.999F, 1e-8F, 0.01F, 10, s.get(), t.get(), nullptr, false);
+    });
+    row("adamax", [=] { ornik::adam_max_step(p.get(), g.get(), 1e-3F, 0.9F, 0.999F, 1e-8F, 10, s.get(), t.get()); });
+    row("adagrad", [=] { ornik::adam_grad_step(p.get(), g.get(), 1e-3F, 1e-8F, s.get()); });
+    row("adadelta", [=] { ornik::adam_delta_step(p.get(), g.get(), 1e-3F, 0.9F, 1e-8F, s.get(), t.get()); });
 }
 
 }  // namespace
@@ -179,6 +216,7 @@ int main(int argc, char** argv) {
     copy_rows();
     shape_rows();
     product_rows();
+    random_rows();
     step_rows();
     return bench::run(argc, argv);
 }

@@ -104,13 +104,43 @@ void product_rows() {
     }
 }
 
-void step_rows() {
+void random_rows() {
+    at::Tensor single = filled({bench::large}, 0);
+    at::Tensor wide = filled({bench::large}, 0, at::kDouble);
+    bench::row("random/normal", [=]() mutable { single.normal_(); });
+    bench::row("random/uniform", [=]() mutable { single.uniform_(); });
+    bench::row("random/bernoulli", [=]() mutable { single.bernoulli_(0.3); });
+    bench::row("random/normal/float64", [=]() mutable { wide.normal_(); });
+    bench::row("random/uniform/float64", [=]() mutable { wide.uniform_(); });
+    bench::row("random/normal/new/1000", [] { at::randn({1000}); });
+    bench::row("random/integers/new/1000000", [] { at::randint(0, 1000, {1'000'000}); });
+    bench::row("random/permutation/1000000", [] { at::randperm(1'000'000); });
+    const at::Tensor counts = filled({1'000'000}, 100);
+    const at::Tensor probs = filled({1'000'000}, 0.3);
+    bench::row("random/binomial/1000000", [=] { at::binomial(counts, probs); });
+    const at::Tensor weights = filled({1000, 1000}, 1);
+    bench::row("random/multinomial/replaced", [=] { at::multinomial(weights, 100, true); });
+    bench::row("random/multinomial/distinct", [=] { at::multinomial(weights, 100, false); });
+}
+
+template <typename Optimizer, typename Options>
+void step_row(const std::string& name, const Options& options) {
     at::Tensor p = filled({1'000'000}, 1);
     p.set_requires_grad(true);
     p.mutable_grad() = filled({1'000'000}, 1e-3);
-    const auto optimizer =
-        std::make_shared<torch::optim::SGD>(std::vector<at::Tensor>{p}, torch::optim::SGDOptions(1e-3).momentum(0.9));
-    bench::row("sgd/1000000", [=] { optimizer->step(); });
+    const auto optimizer = std::make_shared<Optimizer>(std::vector<at::Tensor>{p}, options);
+    bench::row(name + "/1000000", [=] { optimizer->step(); });
+}
+
+// The peer has no Adamax and no Adadelta.
+void step_rows() {
+    using namespace torch::optim;
+    step_row<SGD>("sgd", SGDOptions(1e-3).momentum(0.9));
+    step_row<RMSprop>("rmsprop", RMSpropOptions(1e-3).alpha(0.9));
+    step_row<Adam>("adam", AdamOptions(1e-3));
+    step_row<Adam>("adam/amsgrad", AdamOptions(1e-3).amsgrad(true));
+    step_row<AdamW>("adamw", AdamWOptions(1e-3));
+    step_row<Adagrad>("adagrad", AdagradOptions(1e-3));
 }
 
 }  // namespace
@@ -123,5 +153,6 @@ int main(int argc, char** argv) {
     copy_rows();
     shape_rows();
     product_rows();
+    random_rows();
     return bench::run(argc, argv);
 }

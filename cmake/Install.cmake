@@ -16,6 +16,7 @@ set(ORNIK_PUBLIC_HEADERS
     losses/soft_cross_entropy.h
     optimizers/optimizers.h
     ornik.h
+    random/generator.h
     tensor/broadcast.h
     tensor/dtype.h
     tensor/tensor.h

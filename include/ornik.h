@@ -12,6 +12,7 @@
 #include "losses/loss.h"
 #include "losses/soft_cross_entropy.h"
 #include "optimizers/optimizers.h"
+#include "random/generator.h"
 #include "tensor/broadcast.h"
 #include "tensor/dtype.h"
 #include "tensor/tensor.h"

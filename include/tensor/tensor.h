@@ -223,6 +223,40 @@ class ORNIK_API Tensor {
     template <typename C>
     void fill_std_complex_pybind_(C value);
 
+    // ---- Random numbers of the default generator, see random/generator.h (tensor_random.cpp) ----
+    // Row-major order under any strides. Float or complex dtypes unless said otherwise; bounds and
+    // probabilities are checked first.
+
+    /// Normal deviates. Complex: variance std^2 in all, mean on the real part.
+    static Tensor* randn(const Dims& shape, double mean, double std, std::int64_t device, std::int64_t dtype);
+    /// Uniform in [low, high), complex parts each.
+    static Tensor* randu(const Dims& shape, double low, double high, std::int64_t device, std::int64_t dtype);
+    /// Whole numbers of [low, high), which the dtype (integer or floating) must hold exactly.
+    static Tensor* randint(const Dims& shape, std::int64_t low, std::int64_t high, std::int64_t device,
+                           std::int64_t dtype);
+    /// 0 .. n - 1 in random order; integer dtypes.
+    static Tensor* permutation(std::int64_t n, std::int64_t device, std::int64_t dtype);
+    /// 0 with probability p, else 1 / (1 - p): what a dropout layer multiplies by.
+    static Tensor* dropout_mask(const Dims& shape, double p, std::int64_t device, std::int64_t dtype);
+    /// 1 with the probability in each element of `probs` (floating), else 0; of probs' dtype.
+    static Tensor* bernoulli(Tensor* probs);
+    /// Successes in total_count trials of probability probs, element by element; both of one floating dtype.
+    static Tensor* binomial(Tensor* total_count, Tensor* probs);
+    /// int64: num_samples categories for each row of `probs` ([categories] or [rows, categories], floating
+    /// weights of any positive sum). Without replacement the categories of a row are distinct.
+    static Tensor* multinomial(Tensor* probs, std::int64_t num_samples, bool replacement = true);
+    /// As randn. Deviates are made in pairs: with use_cached, half a pair left over is kept for the next
+    /// such fill and used first, as randn does; without, it is dropped.
+    void fill_rand_normal_inplace(double mean, double std, bool use_cached);
+    /// Uniform in [0, scale).
+    void fill_rand_uniform_inplace(double scale);
+    /// Uniform in [-scale, scale).
+    void fill_rand_signed_uniform_inplace(double scale);
+    /// Uniform in [low, high).
+    void fill_rand_uniform_withbound_inplace(double low, double high);
+    /// 1 with probability p, else 0.
+    void fill_rand_binary_inplace(double p);
+
     // ---- Conversion and copying (tensor_core.cpp) ----
 
     /// A new tensor of the dtype; null for a tensor that is not on the CPU.

@@ -6,8 +6,9 @@
 namespace ornik {
 
 void check_step(const Where& at, const std::string& name, const Tensor* param, const Tensor* grad,
-                const std::vector<const Tensor*>& states) {
+                const std::vector<const Tensor*>& states, const std::vector<const Tensor*>& idle) {
     std::vector<const Tensor*> others = states;
+    others.insert(others.end(), idle.begin(), idle.end());
     others.push_back(grad);
     for (const Tensor* t : others) {
         if (t->Device() != param->Device()) {
@@ -39,6 +40,40 @@ void check_step(const Where& at, const std::string& name, const Tensor* param, c
             fail(at, "Inputs for '", name, "' overlap in memory.");
         }
     }
+}
+
+void check_step_count(const Where& at, const std::string& name, std::int32_t step) {
+    if (step < 1) {
+        fail(at, "Step count of '", name, "' should be >= 1, however it equals ", step);
+    }
+}
+
+double bias_correction(float beta, std::int32_t step) {
+    // Squaring instead of std::pow, whose last bit differs between platforms.
+    double power = 1;
+    double square = beta;
+    for (std::int32_t rest = step; rest > 0; rest /= 2) {
+        if (rest % 2 == 1) {
+            power *= square;
+        }
+        square *= square;
+    }
+    return 1 / (1 - power);
+}
+
+RealParts::RealParts(Tensor* t) : tensor_(t) {
+    if (!t->isComplexType()) {
+        return;
+    }
+    Dims shape = t->Shape();
+    shape.push_back(2);
+    Dims strides = t->Strides();
+    for (std::int64_t& stride : strides) {
+        stride *= 2;
+    }
+    strides.push_back(1);
+    const std::int64_t part = t->Dtype() == dtype::complex64 ? dtype::float32 : dtype::float64;
+    view_.reset(share_storage_tensor(t->getStorage(), shape, strides, part, 2 * t->StorageOffset()));
 }
 
 }  // namespace ornik

@@ -1,0 +1,61 @@
+// optim_adam.cpp: Adam and AdamW, one step with and without decay.
+#include "adam_step_with_grad.h"
+#include "optimizers/optimizers.h"
+#include "step_checks.h"
+
+namespace ornik {
+
+namespace {
+
+// Both steps speak of themselves as adam_step; `at` tells them apart.
+void check_and_step(const Where& at, Tensor* param, Tensor* grad, device::cpu::AdamFactors factors, std::int32_t step,
+                    Tensor* m, Tensor* v, Tensor* vmax, bool amsgrad) {
+    const char* const name = "adam_step";
+    if (amsgrad) {
+        if (vmax == nullptr) {
+            fail(at, "'", name, "' with amsgrad needs a tensor for the largest average.");
+        }
+        check_step(at, name, param, grad, {m, v, vmax});
+    } else if (vmax != nullptr) {
+        check_step(at, name, param, grad, {m, v}, {vmax});
+    } else {
+        check_step(at, name, param, grad, {m, v});
+    }
+    check_step_count(at, name, step);
+    factors.first = bias_correction(factors.beta1, step);
+    factors.second = bias_correction(factors.beta2, step);
+    const RealParts real_param(param);
+    const RealParts real_grad(grad);
+    const RealParts real_m(m);
+    const RealParts real_v(v);
+    if (amsgrad) {
+        adam_step_with_grad(real_param.get(), real_grad.get(), factors, real_m.get(), real_v.get(),
+                            RealParts(vmax).get());
+    } else {
+        adam_step_with_grad(real_param.get(), real_grad.get(), factors, real_m.get(), real_v.get(), nullptr);
+    }
+}
+
+}  // namespace
+
+void adam_step_with_grad(Tensor* param, const Tensor* grad, const device::cpu::AdamFactors& factors, Tensor* m,
+                         Tensor* v, Tensor* vmax) {
+    if (!param->isFloat()) {
+        fail(where("ornik::adam_step_with_grad"), "'adam_step_with_grad' only supports float.");
+    }
+    device::cpu::adam(param, grad, factors, m, v, vmax);
+}
+
+void adam_step(Tensor* param, Tensor* grad, float lr, float beta1, float beta2, float eps, std::int32_t step, Tensor* m,
+               Tensor* v, Tensor* vmax, bool amsgrad) {
+    check_and_step(where("ornik::adam_step"), param, grad, {lr, beta1, beta2, eps, 0.0F, 1.0, 1.0}, step, m, v, vmax,
+                   amsgrad);
+}
+
+void adamw_step(Tensor* param, Tensor* grad, float lr, float beta1, float beta2, float eps, float weight_decay,
+                std::int32_t step, Tensor* m, Tensor* v, Tensor* vmax, bool amsgrad) {
+    check_and_step(where("ornik::adamw_step"), param, grad, {lr, beta1, beta2, eps, weight_decay, 1.0, 1.0}, step, m, v,
+                   vmax, amsgrad);
+}
+
+}  // namespace ornik

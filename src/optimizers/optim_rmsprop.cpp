@@ -1,0 +1,12 @@
+#include "hardware/cpu/nn/cpu_optimizers.h"
+#include "optimizers/optimizers.h"
+#include "step_checks.h"
+
+namespace ornik {
+
+void rmsprop_step(Tensor* param, Tensor* grad, float lr, float alpha, float eps, Tensor* square_avg) {
+    check_step(where("ornik::rmsprop_step"), "rmsprop_step", param, grad, {square_avg});
+    device::cpu::rmsprop(RealParts(param).get(), RealParts(grad).get(), lr, alpha, eps, RealParts(square_avg).get());
+}
+
+}  // namespace ornik

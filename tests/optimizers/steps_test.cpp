@@ -1,0 +1,228 @@
+// Optimizer steps against scalar loops over 100 steps, and what every step refuses.
+#include <array>
+#include <cmath>
+#include <cstring>
+#include <random>
+
+#include "../src/optimizers/adam_step_with_grad.h"
+#include "hardware/thread_config.h"
+#include "optimizers/optimizers.h"
+#include "support/expect_error.h"
+#include "support/tensors.h"
+
+namespace ornik::test {
+namespace {
+
+constexpr float lr = 0.01F, b1 = 0.9F, b2 = 0.99F, eps = 1e-6F, decay = 0.1F;
+using States = Tensor* const*;
+
+template <typename T>
+T corrected(float beta, int t) {
+    return static_cast<T>(1 / (1 - std::pow(static_cast<double>(beta), t)));
+}
+
+template <typename T>
+void adam(T& p, T g, int t, T* s, bool decays, bool amsgrad) {
+    s[0] = T(b1) * s[0] + T(1.0F - b1) * g;
+    s[1] = T(b2) * s[1] + T(1.0F - b2) * (g * g);
+    s[2] = amsgrad ? std::max(s[2], s[1]) : s[2];
+    p = decays ? p + T(-(lr * decay)) * p : p;
+    p = T(-lr) * (corrected<T>(b1, t) * s[0] / (std::sqrt(corrected<T>(b2, t) * s[amsgrad ? 2 : 1]) + T(eps))) + p;
+}
+
+// Calls visit(name in messages, name, file, number of states, step, reference) for every step; the reference
+// updates one element in the arithmetic of its type.
+template <typename Visit>
+void for_each_step(const Visit& visit) {
+    using P = Tensor*;
+    visit(
+        "sgd_step", "sgd_step", "sgd", std::size_t{1},
+        [](P p, P g, int, States s) { sgd_step(p, g, lr, s[0], b1, true); },
+        []<typename T>(T& p, T g, int, T* s) {
+            s[0] = T(b1) * s[0] + T(-lr) * g;
+            p = p + (T(b1) * s[0] + T(-lr) * g);
+        });
+    visit(
+        "rmsprop_step", "rmsprop_step", "rmsprop", std::size_t{1},
+        [](P p, P g, int, States s) { rmsprop_step(p, g, lr, b1, eps, s[0]); },
+        []<typename T>(T& p, T g, int, T* s) {
+            s[0] = T(b1) * s[0] + T(1.0F - b1) * (g * g);
+            p = T(-lr) * (g / (std::sqrt(s[0]) + T(eps))) + p;
+        });
+    visit(
+        "adam_step", "adam_step", "adam", std::size_t{3},
+        [](P p, P g, int t, States s) { adam_step(p, g, lr, b1, b2, eps, t, s[0], s[1], s[2], false); },
+        []<typename T>(T& p, T g, int t, T* s) { adam(p, g, t, s, false, false); });
+    visit(
+        "adam_step", "adam_step", "adam", std::size_t{3},
+        [](P p, P g, int t, States s) { adam_step(p, g, lr, b1, b2, eps, t, s[0], s[1], s[2], true); },
+        []<typename T>(T& p, T g, int t, T* s) { adam(p, g, t, s, false, true); });
+    visit(
+        "adam_step", "adamw_step", "adam", std::size_t{3},
+        [](P p, P g, int t, States s) { adamw_step(p, g, lr, b1, b2, eps, decay, t, s[0], s[1], s[2], true); },
+        []<typename T>(T& p, T g, int t, T* s) { adam(p, g, t, s, true, true); });
+    visit(
+        "adam_max_step", "adam_max_step", "adamax", std::size_t{2},
+        [](P p, P g, int t, States s) { adam_max_step(p, g, lr, b1, b2, eps, t, s[0], s[1]); },
+        []<typename T>(T& p, T g, int t, T* s) {
+            s[0] = T(b1) * s[0] + T(1.0F - b1) * g;
+            s[1] = std::max(T(b2) * s[1], std::abs(g) + T(eps));
+            p = T(-lr) * (corrected<T>(b1, t) * s[0] / s[1]) + p;
+        });
+    visit(
+        "adam_grad_step", "adam_grad_step", "adagrad", std::size_t{1},
+        [](P p, P g, int, States s) { adam_grad_step(p, g, lr, eps, s[0]); },
+        []<typename T>(T& p, T g, int, T* s) {
+            s[0] = s[0] + g * g;
+            p = T(-lr) * (g / (std::sqrt(s[0]) + T(eps))) + p;
+        });
+    visit(
+        "adam_delta_step", "adam_delta_step", "adadelta", std::size_t{2},
+        [](P p, P g, int, States s) { adam_delta_step(p, g, 1.0F, b1, eps, s[0], s[1]); },
+        []<typename T>(T& p, T g, int, T* s) {
+            s[0] = T(b1) * s[0] + T(1.0F - b1) * (g * g);
+            const T d = std::sqrt(s[1] + T(eps)) / std::sqrt(s[0] + T(eps)) * g;
+            s[1] = T(b1) * s[1] + T(1.0F - b1) * (d * d);
+            p = -d + p;
+        });
+}
+
+// The parts of all elements, real numbers of type T.
+template <typename T>
+std::vector<T> parts_of(const Tensor* t) {
+    const TensorPtr dense(t->clone());
+    const T* data = static_cast<const T*>(dense->getRawData());
+    return {data, data + dense->Size() * (t->isComplexType() ? 2 : 1)};
+}
+
+template <typename T>
+void write_parts(Tensor* out, const std::vector<T>& parts) {
+    const TensorPtr dense(Tensor::empty(out->Shape(), 0, out->Dtype()));
+    std::memcpy(dense->getRawData(), parts.data(), parts.size() * sizeof(T));
+    copy_tensor(dense.get(), out);
+}
+
+// `count` steps on tensors of `rows` x 3 elements with parts of type T.
+template <typename T>
+void compare(std::int64_t dtype, Layout layout, std::int64_t rows, int count, const std::string& name,
+             std::size_t states, const auto& step, const auto& reference) {
+    const std::string label = name + " " + dtype_name(dtype) + " " + name_of(layout);
+    std::mt19937 random(17);
+    std::vector<TensorPtr> t;  // parameter, gradient, states
+    for (int i = 0; i < 5; ++i) {
+        t.push_back(make_empty({rows, 3}, dtype, i == 1 ? Layout::transposed : layout));
+        t.back()->fill_(0);
+    }
+    Tensor* const state[] = {t[2].get(), t[3].get(), t[4].get()};
+    const void* const addresses[] = {t[0]->getRawData(), t[2]->getRawData()};
+    std::vector<T> p(parts_of<T>(t[0].get())), g(p.size());
+    for (T& value : p) {
+        value = static_cast<T>(random() * 0x1p-31 - 1.0);
+    }
+    write_parts(t[0].get(), p);
+    std::vector<double> exact(p.begin(), p.end());
+    std::vector<std::array<T, 3>> s(p.size());
+    std::vector<std::array<double, 3>> exact_s(p.size());
+    for (int now = 1; now <= count; ++now) {
+        for (std::size_t i = 0; i < p.size(); ++i) {
+            g[i] = static_cast<T>((random() * 0x1p-31 - 1.0) * (i % 11 == 0 ? 0 : (i % 2 == 0 ? 3 : 1e-3)));
+            reference(p[i], g[i], now, s[i].data());
+            reference(exact[i], static_cast<double>(g[i]), now, exact_s[i].data());
+        }
+        write_parts(t[1].get(), g);
+        step(t[0].get(), t[1].get(), now, state);
+    }
+    EXPECT_TRUE(addresses[0] == t[0]->getRawData() && addresses[1] == t[2]->getRawData()) << label;
+    EXPECT_EQ(parts_of<T>(t[1].get()), g) << label;
+    // In single precision a bias correction is rounded from a double, so that bits can be compared.
+    constexpr bool same_bits = sizeof(T) == 4;
+    const std::vector<T> got = parts_of<T>(t[0].get());
+    for (std::size_t i = 0; i < p.size(); ++i) {
+        ASSERT_NEAR(got[i], p[i], same_bits ? 0 : 1e-14) << label << " at " << i;
+        ASSERT_NEAR(got[i], exact[i], same_bits ? 2e-5 : 1e-14) << label << " at " << i;
+    }
+    for (std::size_t k = 0; k < states; ++k) {
+        const std::vector<T> kept = parts_of<T>(state[k]);
+        for (std::size_t i = 0; i < p.size(); ++i) {
+            ASSERT_EQ(kept[i], s[i][k]) << label << " state " << k << " at " << i;
+        }
+    }
+}
+
+TEST(Steps, FollowScalarLoops) {
+    for_each_step([](auto, const char* name, auto, std::size_t states, const auto& step, const auto& reference) {
+        for (const Layout layout : all_layouts) {
+            compare<float>(dtype::float32, layout, 7, 100, name, states, step, reference);
+            compare<double>(dtype::complex128, layout, 7, 100, name, states, step, reference);
+        }
+        compare<double>(dtype::float64, Layout::every_other, 7, 100, name, states, step, reference);
+        compare<float>(dtype::complex64, Layout::reversed, 7, 100, name, states, step, reference);
+        for (const int team : {1, 4, 7}) {  // Above the grain.
+            ConfigSetNumThreads(team);
+            compare<float>(dtype::float32, Layout::contiguous, 20000, 3, name, states, step, reference);
+        }
+        ConfigSetNumThreads(4);
+    });
+}
+
+TEST(Steps, RefuseBeforeAnyWrite) {
+    for_each_step([](std::string said, std::string name, std::string file, std::size_t states, const auto& step, auto) {
+        std::vector<TensorPtr> good;
+        Tensor* args[5];  // parameter, gradient, states
+        for (int i = 0; i < 5; ++i) {
+            good.push_back(make<float>({2}, {1, 2}));
+        }
+        const auto refused = [&](const std::vector<std::pair<std::size_t, Tensor*>>& changes,
+                                 const std::string& message, int count = 1) {
+            for (std::size_t i = 0; i < 5; ++i) {
+                args[i] = good[i].get();
+            }
+            for (const auto& [place, t] : changes) {
+                args[place] = t;
+            }
+            expect_error([&] { step(args[0], args[1], count, args + 2); }, message, "ornik::" + name,
+                         "src/optimizers/optim_" + file + ".cpp");
+            for (const TensorPtr& t : good) {
+                EXPECT_EQ(values_of<float>(t), (std::vector<float>{1, 2})) << name;
+            }
+        };
+        const TensorPtr longer = make<float>({1, 2}, {5, 6});
+        const TensorPtr whole = make<std::int64_t>({2}, {5, 6});
+        const TensorPtr elsewhere = make<float>({2}, {5, 6});
+        elsewhere->updateDevice(1000);
+        const TensorPtr expanded(Tensor::broadcast_to(make<float>({1}, {1}).get(), {2}));
+        for (std::size_t place = 1; place < 2 + states; ++place) {
+            refused({{place, elsewhere.get()}}, "Not same device of inputs for '" + said + "'. ");
+            refused({{place, whole.get()}}, "Not same data type of inputs for '" + said + "'. ");
+            refused({{place, longer.get()}}, "Not same shape of inputs for '" + said + "'. ");
+        }
+        refused({{0, longer.get()}}, "Not same shape of inputs for '" + said + "'. ");
+        refused({{0, whole.get()}, {1, whole.get()}, {2, whole.get()}, {3, whole.get()}, {4, whole.get()}},
+                "'" + said + "' only supports float or complex.");
+        refused({{2, expanded.get()}}, "Output can not be an expanded view: shape ( 2 ) , strides ( 0 ) ");
+        refused({{2, good[1].get()}}, "Inputs for '" + said + "' overlap in memory.");
+        if (name == "adamw_step") {
+            refused({{4, nullptr}}, "'adam_step' with amsgrad needs a tensor for the largest average.");
+        }
+        if (file == "adam" || file == "adamax") {
+            refused({}, "Step count of '" + said + "' should be >= 1, however it equals 0", 0);
+        }
+    });
+    const TensorPtr z(Tensor::ones({2}, 0, dtype::complex64));
+    expect_error([&] { adam_step_with_grad(z.get(), z.get(), {}, z.get(), z.get(), nullptr); },
+                 "'adam_step_with_grad' only supports float.", "ornik::adam_step_with_grad",
+                 "src/optimizers/optim_adam.cpp");
+}
+
+TEST(Steps, IdleArgumentsAndZeroGradients) {
+    const TensorPtr p = make<float>({2}, {1, -2}), g = make<float>({2}, {0, 0});
+    const TensorPtr m(Tensor::zeros_like(p.get())), v(Tensor::zeros_like(p.get()));
+    adam_step(p.get(), g.get(), lr, b1, b2, eps, 1, m.get(), v.get(), nullptr, false);
+    adam_step(p.get(), g.get(), lr, b1, b2, eps, 2, m.get(), v.get(), v.get(), false);
+    rmsprop_step(p.get(), g.get(), lr, b1, eps, v.get());
+    EXPECT_EQ(values_of<float>(p), (std::vector<float>{1, -2}));
+    EXPECT_EQ(values_of<float>(v), (std::vector<float>{0, 0}));
+}
+
+}  // namespace
+}  // namespace ornik::test
