@@ -17,6 +17,7 @@ set(ORNIK_PUBLIC_HEADERS
     tensor/broadcast.h
     tensor/dtype.h
     tensor/tensor.h
+    tensor/tensor_math/linear_algebra.h
     tensor/tensor_math/tensor_arithmetic.h
     tensor/tensor_meta.h
     tensor/tensor_storage.h

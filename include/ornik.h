@@ -14,6 +14,7 @@
 #include "tensor/broadcast.h"
 #include "tensor/dtype.h"
 #include "tensor/tensor.h"
+#include "tensor/tensor_math/linear_algebra.h"
 #include "tensor/tensor_math/tensor_arithmetic.h"
 #include "utils/complex_helper.h"
 #include "utils/error.h"
