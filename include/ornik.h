@@ -16,6 +16,7 @@
 #include "tensor/tensor.h"
 #include "tensor/tensor_math/linear_algebra.h"
 #include "tensor/tensor_math/tensor_arithmetic.h"
+#include "tensor/tensor_sparse.h"
 #include "utils/complex_helper.h"
 #include "utils/error.h"
 #include "utils/logging.h"

@@ -1,6 +1,7 @@
 // tensor_utils.cpp: the strict axis rule, and the front ends of the eigen-decomposition.
 #include "hardware/cpu/cpu_eigh.h"
 #include "tensor/borrowed.h"
+#include "tensor/make_tensor.h"
 #include "tensor/tensor_math/linear_algebra.h"
 #include "utils/utils.h"
 
@@ -75,13 +76,6 @@ void check_gradient(const Where& at, const char* name, const Tensor* grad, std::
     }
 }
 
-// Other than Tensor::empty, this accepts a batch of no matrices.
-std::unique_ptr<Tensor> empty_result(const Dims& shape, std::int64_t dtype) {
-    auto result = std::make_unique<Tensor>();
-    result->initialize_none_tensor(shape, dtype, device_cpu, layout::dense);
-    return result;
-}
-
 struct Decomposition {
     std::unique_ptr<Tensor> vectors;
     std::unique_ptr<Tensor> values;
@@ -90,7 +84,7 @@ struct Decomposition {
 Decomposition decompose(const Where& at, const char* name, Tensor* x) {
     const Borrowed matrices = Borrowed::contiguous(x);
     check_finite(at, name, matrices.get());
-    Decomposition result{empty_result(x->Shape(), x->Dtype()), empty_result(values_shape(x), real_dtype(x->Dtype()))};
+    Decomposition result{make_tensor(x->Shape(), x->Dtype()), make_tensor(values_shape(x), real_dtype(x->Dtype()))};
     check_converged(at, name, device::cpu::cpu_eigh_impl(matrices.get(), result.vectors.get(), result.values.get()));
     return result;
 }
@@ -112,7 +106,7 @@ Tensor* eigvalsh(Tensor* x) {
     check_matrices(at, "eigvalsh", x);
     const Borrowed matrices = Borrowed::contiguous(x);
     check_finite(at, "eigvalsh", matrices.get());
-    std::unique_ptr<Tensor> values = empty_result(values_shape(x), real_dtype(x->Dtype()));
+    std::unique_ptr<Tensor> values = make_tensor(values_shape(x), real_dtype(x->Dtype()));
     check_converged(at, "eigvalsh", device::cpu::cpu_eigvalsh_impl(matrices.get(), values.get()));
     return values.release();
 }
@@ -124,9 +118,9 @@ Tensor* eigvalsh_grad(Tensor* grad, Tensor* x) {
     const Borrowed matrices = Borrowed::contiguous(x);
     check_finite(at, "eigvalsh", matrices.get());
     const Borrowed weights = Borrowed::contiguous(grad);
-    const std::unique_ptr<Tensor> vectors = empty_result(x->Shape(), x->Dtype());
+    const std::unique_ptr<Tensor> vectors = make_tensor(x->Shape(), x->Dtype());
     check_converged(at, "eigvalsh", device::cpu::cpu_eigvec(matrices.get(), vectors.get()));
-    std::unique_ptr<Tensor> result = empty_result(x->Shape(), x->Dtype());
+    std::unique_ptr<Tensor> result = make_tensor(x->Shape(), x->Dtype());
     device::cpu::cpu_eigh_grad(vectors.get(), nullptr, nullptr, weights.get(), result.get());
     return result.release();
 }
@@ -142,7 +136,7 @@ Tensor* eigh_grad(Tensor* grad_vectors, Tensor* grad_values, Tensor* x) {
     const Decomposition forward = decompose(at, "eigh", x);
     const Borrowed vectors_part = Borrowed::contiguous(grad_vectors);
     const Borrowed values_part = Borrowed::contiguous(grad_values);
-    std::unique_ptr<Tensor> result = empty_result(x->Shape(), x->Dtype());
+    std::unique_ptr<Tensor> result = make_tensor(x->Shape(), x->Dtype());
     device::cpu::cpu_eigh_grad(forward.vectors.get(), forward.values.get(), vectors_part.get(), values_part.get(),
                                result.get());
     return result.release();
