@@ -115,6 +115,19 @@ void product_rows() {
     }
 }
 
+void eigh_rows() {
+    for (const bench::Batch& batch : bench::eigh_batches) {
+        const TensorPtr x(Tensor::empty({batch.count, batch.n, batch.n}, ornik::device_cpu, dtype::float32));
+        bench::fill_symmetric(batch, static_cast<float*>(x->getRawData()));
+        bench::row(std::string("eigh/") + batch.name, [x] {
+            for (const Tensor* result : ornik::eigh(x.get())) {
+                delete result;
+            }
+        });
+        bench::row(std::string("eigvalsh/") + batch.name, [x] { delete ornik::eigvalsh(x.get()); });
+    }
+}
+
 void step_rows() {
     const TensorPtr p = filled({1'000'000}, 1);
     const TensorPtr g = filled({1'000'000}, 1e-3);
@@ -129,6 +142,7 @@ int main(int argc, char** argv) {
     addition_rows();
     copy_rows();
     product_rows();
+    eigh_rows();
     step_rows();
     return bench::run(argc, argv);
 }

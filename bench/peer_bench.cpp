@@ -79,6 +79,15 @@ void product_rows() {
     }
 }
 
+void eigh_rows() {
+    for (const bench::Batch& batch : bench::eigh_batches) {
+        const at::Tensor x = at::empty({batch.count, batch.n, batch.n});
+        bench::fill_symmetric(batch, x.data_ptr<float>());
+        bench::row(std::string("eigh/") + batch.name, [x] { at::linalg_eigh(x); });
+        bench::row(std::string("eigvalsh/") + batch.name, [x] { at::linalg_eigvalsh(x); });
+    }
+}
+
 void step_rows() {
     at::Tensor p = filled({1'000'000}, 1);
     p.set_requires_grad(true);
@@ -97,5 +106,6 @@ int main(int argc, char** argv) {
     addition_rows();
     copy_rows();
     product_rows();
+    eigh_rows();
     return bench::run(argc, argv);
 }
