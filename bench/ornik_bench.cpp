@@ -187,6 +187,19 @@ void random_rows() {
     bench::row("random/multinomial/distinct", [=] { delete Tensor::multinomial(weights.get(), 100, false); });
 }
 
+void eigh_rows() {
+    for (const bench::Batch& batch : bench::eigh_batches) {
+        const TensorPtr x(Tensor::empty({batch.count, batch.n, batch.n}, ornik::device_cpu, dtype::float32));
+        bench::fill_symmetric(batch, static_cast<float*>(x->getRawData()));
+        bench::row(std::string("eigh/") + batch.name, [x] {
+            for (const Tensor* result : ornik::eigh(x.get())) {
+                delete result;
+            }
+        });
+        bench::row(std::string("eigvalsh/") + batch.name, [x] { delete ornik::eigvalsh(x.get()); });
+    }
+}
+
 void step_rows() {
     const auto vector = [](double value) { return filled({1'000'000}, value); };
     const TensorPtr p = vector(1), g = vector(1e-3), s = vector(0), t = vector(0), u = vector(0);
@@ -217,6 +230,7 @@ int main(int argc, char** argv) {
     shape_rows();
     product_rows();
     random_rows();
+    eigh_rows();
     step_rows();
     return bench::run(argc, argv);
 }

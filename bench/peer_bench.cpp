@@ -123,6 +123,15 @@ void random_rows() {
     bench::row("random/multinomial/distinct", [=] { at::multinomial(weights, 100, false); });
 }
 
+void eigh_rows() {
+    for (const bench::Batch& batch : bench::eigh_batches) {
+        const at::Tensor x = at::empty({batch.count, batch.n, batch.n});
+        bench::fill_symmetric(batch, x.data_ptr<float>());
+        bench::row(std::string("eigh/") + batch.name, [x] { at::linalg_eigh(x); });
+        bench::row(std::string("eigvalsh/") + batch.name, [x] { at::linalg_eigvalsh(x); });
+    }
+}
+
 template <typename Optimizer, typename Options>
 void step_row(const std::string& name, const Options& options) {
     at::Tensor p = filled({1'000'000}, 1);
@@ -154,5 +163,6 @@ int main(int argc, char** argv) {
     shape_rows();
     product_rows();
     random_rows();
+    eigh_rows();
     return bench::run(argc, argv);
 }

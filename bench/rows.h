@@ -3,6 +3,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -13,6 +14,23 @@ inline constexpr std::int64_t large = 17'000'000;  // elements, far beyond every
 inline constexpr std::int64_t side = 4096;         // of square matrices
 inline constexpr std::int64_t sizes[] = {1, 1'000, 100'000, large};
 inline constexpr std::int64_t product_sizes[] = {64, 128, 256, 512, 1024, 2048};
+
+struct Batch {
+    const char* name;
+    std::int64_t count, n;
+};
+inline constexpr Batch eigh_batches[] = {{"64x16", 64, 16}, {"1x128", 1, 128}};
+
+/// Elements of symmetric matrices, count x n x n, scattered over [-0.5, 0.5).
+inline void fill_symmetric(const Batch& batch, float* element) {
+    for (std::int64_t row = 0; row < batch.count * batch.n; ++row) {
+        for (std::int64_t col = 0; col < batch.n; ++col) {
+            const std::int64_t other = row / batch.n * batch.n + col;
+            const std::int64_t mixed = std::max(row, other) * 7919 + std::min(row, other) * 104729;
+            *element++ = static_cast<float>(mixed % 1009) / 1009.0F - 0.5F;
+        }
+    }
+}
 
 /// A row: one call of `operation` per iteration. `bytes` moved or `flops` done per call tell compare.py how
 /// to rate it; 0 where a row is neither.

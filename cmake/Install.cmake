@@ -20,9 +20,11 @@ set(ORNIK_PUBLIC_HEADERS
     tensor/broadcast.h
     tensor/dtype.h
     tensor/tensor.h
+    tensor/tensor_math/linear_algebra.h
     tensor/tensor_math/tensor_arithmetic.h
     tensor/tensor_meta.h
     tensor/tensor_shape.h
+    tensor/tensor_sparse.h
     tensor/tensor_storage.h
     utils/complex_helper.h
     utils/error.h

@@ -1,11 +1,14 @@
-# Fused multiply-add: on in the matrix products, off everywhere else.
+# Fused multiply-add: on in the matrix products and decompositions, off everywhere else.
 #
 # The products live by it; their results are the same bits on every run of one build, whatever the team size.
 # Everywhere else a*b+c stays two roundings, on every machine. -ffp-contract=off says so, but GCC 12 still
 # fuses the multiply and add/subtract pairs of complex products that it vectorises (a test of complex
 # arithmetic compares bits and shows it), so its instructions are taken away as well.
+#
+# All files that include the matrix library belong to the first group: its inline functions are one symbol for
+# the whole library, and the linker keeps the code of whichever file it meets first.
 set(product_sources ${ornik_sources})
-list(FILTER product_sources INCLUDE REGEX "/cpu_product_[a-z]+\\.cpp$")
+list(FILTER product_sources INCLUDE REGEX "/cpu_(product_[a-z]+|eigh)\\.cpp$")
 set(other_sources ${ornik_sources})
 list(REMOVE_ITEM other_sources ${product_sources})
 

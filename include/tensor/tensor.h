@@ -84,7 +84,7 @@ class ORNIK_API Tensor {
     const std::shared_ptr<tensorT::Tensor_Meta>& getMeta() const { return meta_; }
     const std::shared_ptr<TensorToptions>& get_options() const { return options_; }
     std::int64_t get_alloc_mem_size() const { return meta_ ? meta_->get_alloc_mem_size() : 0; }
-    /// True when there are fewer than two elements or the strides are exactly the row-major ones.
+    /// True for a dense tensor with fewer than two elements or with exactly the row-major strides.
     bool is_contiguous() const;
 
     bool is_dense() const { return Layout() == layout::dense; }
@@ -132,7 +132,7 @@ class ORNIK_API Tensor {
     void set_if_not_delete_ndarray_handle(bool flag) { if_not_delete_ndarray_handle_ = flag; }
     bool get_if_scalar() const { return if_scalar_; }
     void set_if_scalar(bool flag) { if_scalar_ = flag; }
-    /// The component tensors of a sparse tensor; this tensor deletes them.
+    /// The component tensors of a sparse tensor (tensor_sparse.h says which); this tensor deletes them.
     const std::vector<Tensor*>& get_csr_members() const { return csr_members_; }
     void set_csr_members(const std::vector<Tensor*>& members) { csr_members_ = members; }
 
@@ -166,6 +166,10 @@ class ORNIK_API Tensor {
                                              std::int64_t device,
                                              const std::shared_ptr<tensorT::Tensor_storage>& storage,
                                              std::int64_t layout, std::int64_t offset);
+    /// A sparse matrix, that is one of layout CSR or COO: a meta without a storage. Takes over the members,
+    /// unchecked, when it succeeds.
+    int init_sparse_tensor(const Dims& shape, std::int64_t dtype, std::int64_t device, std::int64_t layout,
+                           std::vector<std::unique_ptr<Tensor>>&& members);
 
     // ---- Creation: shape, device code, dtype code (tensor_create.cpp) ----
 

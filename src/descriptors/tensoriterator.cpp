@@ -60,6 +60,13 @@ void MultiTensorIterationHelper::build() {
     }
     check_same(at, input_helpers_, output_helpers_, "Size", [](const Tensor* t) { return t->Size(); });
     check_same(at, input_helpers_, output_helpers_, "device", [](const Tensor* t) { return t->Device(); });
+    for (const auto* helpers : {&input_helpers_, &output_helpers_}) {
+        for (const TensorIterationHelper& helper : *helpers) {
+            if (!helper.tensor->is_dense()) {
+                fail(at, "Not dense layout of an operand for MultiTensorIterationHelper.");
+            }
+        }
+    }
     numel_ = (input_helpers_.empty() ? output_helpers_ : input_helpers_).front().tensor->Size();
     all_contiguous_ = true;
     for (auto* helpers : {&input_helpers_, &output_helpers_}) {

@@ -81,7 +81,7 @@ void Tensor::deleteData() {
     }
 }
 
-bool Tensor::is_contiguous() const { return is_row_major(shape_, strides_, size_); }
+bool Tensor::is_contiguous() const { return is_dense() && is_row_major(shape_, strides_, size_); }
 
 std::int64_t Tensor::getDeviceID(std::int64_t code) {
     if (code < 0) {

@@ -108,6 +108,9 @@ void copy_tensor(const Tensor* A, Tensor* B) {
     if (A->is_csr() && B->is_dense()) {
         fail(at, "A->is_csr() && B->is_dense().");
     }
+    if (A->is_coo() && B->is_dense()) {
+        fail(at, "A->is_coo() && B->is_dense().");
+    }
     if (!A->isCPU() || !B->isCPU()) {
         std::printf("(%d %d)\n", static_cast<int>(A->Device()), static_cast<int>(B->Device()));
         fail(at, "unsupported copy between devices");

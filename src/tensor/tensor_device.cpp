@@ -1,6 +1,5 @@
 // tensor_device.cpp: moves between devices. This build has the CPU alone.
-#include "tensor/tensor.h"
-#include "utils/utils.h"
+#include "tensor/make_tensor.h"
 
 namespace ornik {
 
@@ -13,19 +12,19 @@ std::unique_ptr<Tensor> copy_to_device(const Tensor* t, std::int64_t device) {
         copy_tensor(t, result.get());
         return result;
     }
-    std::vector<std::unique_ptr<Tensor>> copies;
+    CheckDev(device);
+    if (device != device_cpu) {
+        refuse_gpu();
+    }
+    std::vector<std::unique_ptr<Tensor>> members;
     for (const Tensor* member : t->get_csr_members()) {
-        copies.push_back(member == nullptr ? nullptr : copy_to_device(member, device));
+        members.push_back(member == nullptr ? nullptr : make_tensor(member->Shape(), member->Dtype()));
+        if (member != nullptr) {
+            copy_tensor(member, members.back().get());
+        }
     }
     auto result = std::make_unique<Tensor>();
-    result->init_none_tensor_with_shared_storage(t->Shape(), t->Strides(), t->Dtype(), device, t->getStorage(),
-                                                 t->Layout(), t->StorageOffset());
-    result->set_storage_type(t->get_storage_type());
-    std::vector<Tensor*> members(copies.size());
-    for (std::size_t i = 0; i < copies.size(); ++i) {
-        members[i] = copies[i].release();
-    }
-    result->set_csr_members(members);
+    result->init_sparse_tensor(t->Shape(), t->Dtype(), device, t->Layout(), std::move(members));
     return result;
 }
 

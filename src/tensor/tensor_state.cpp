@@ -184,6 +184,18 @@ int Tensor::init_none_tensor_with_shared_storage(const Dims& shape, const Dims& 
     return 0;
 }
 
+int Tensor::init_sparse_tensor(const Dims& shape, std::int64_t dtype, std::int64_t device, std::int64_t layout,
+                               std::vector<std::unique_ptr<Tensor>>&& members) {
+    describe(where("ornik::Tensor::init_sparse_tensor"), shape, dtype, device);
+    meta_ = std::make_shared<tensorT::Tensor_Meta>(shape_, strides_, dtype_, device_, layout, 0, false);
+    storage_type_ = static_cast<std::int32_t>(layout);
+    options_pending_ = 0;
+    refresh_options();
+    csr_members_.resize(members.size());
+    std::transform(members.begin(), members.end(), csr_members_.begin(), [](auto& member) { return member.release(); });
+    return 0;
+}
+
 Tensor* view_tensor(const std::shared_ptr<tensorT::Tensor_storage>& storage, const Dims& shape, const Dims& strides,
                     std::int64_t device, std::int64_t dtype, std::int64_t offset) {
     auto view = std::make_unique<Tensor>();

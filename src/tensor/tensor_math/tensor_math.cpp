@@ -1,10 +1,16 @@
-// tensor_math.cpp: front ends of the matrix products.
+// tensor_math.cpp: front ends of the matrix products and of the Kronecker product.
 #include <algorithm>
 
+#include "hardware/cpu/cpu_kron.h"
 #include "hardware/cpu/cpu_product.h"
 #include "tensor/borrowed.h"
 #include "tensor/checks.h"
+#include "tensor/geometry.h"
+#include "tensor/make_tensor.h"
 #include "tensor/overlap.h"
+#include "tensor/sparse_parts.h"
+#include "tensor/tensor_math/linear_algebra.h"
+#include "tensor/tensor_sparse.h"
 
 namespace ornik {
 
@@ -143,6 +149,115 @@ void Tensor::matmul4D(Tensor* A, int ta, Tensor* B, int tb, Tensor* C) {
     check_extents(at, A, ta, B, tb, C);
     check_not_expanded(at, C);
     multiply(A, ta, B, tb, C, false);
+}
+
+namespace {
+
+// The checks of `kron` and its gradients, where `name` is what messages call the operation. The first operand
+// decides what the others have to match.
+void check_kron(const Where& at, const char* name, const std::vector<const Tensor*>& operands) {
+    for (const Tensor* t : operands) {
+        if (t->Device() != operands.front()->Device()) {
+            fail(at, "Not same device for ", name);
+        }
+    }
+    for (const Tensor* t : operands) {
+        if (!Tensor::sameDtype(t, operands.front())) {
+            fail(at, "Not same data type for ", name);
+        }
+    }
+    for (const Tensor* t : operands) {
+        if (!t->is_dense() && !t->is_coo()) {
+            fail(at, name, " supports coo or dense layout.");
+        }
+    }
+    for (const Tensor* t : operands) {
+        if (t->ndim() != 2) {
+            fail(at, name, " supports 2-dim tensors, however a shape is ", t->Shape());
+        }
+    }
+    if (!operands.front()->isCPU()) {
+        refuse_gpu();
+    }
+}
+
+// A dense, contiguous tensor with the elements of a dense or COO one.
+class DenseOperand {
+  public:
+    DenseOperand(const Where& at, Tensor* t)
+        : converted_(t->is_dense() ? nullptr : dense_from_sparse(at, t)),
+          dense_(Borrowed::contiguous(converted_ ? converted_.get() : t)) {}
+    const Tensor* get() const { return dense_.get(); }
+
+  private:
+    std::unique_ptr<Tensor> converted_;
+    Borrowed dense_;
+};
+
+Dims kron_shape(const Where& at, const Tensor* a, const Tensor* b) {
+    checked_numel(at, {a->Shape()[0], a->Shape()[1], b->Shape()[0], b->Shape()[1]});
+    return {a->Shape()[0] * b->Shape()[0], a->Shape()[1] * b->Shape()[1]};
+}
+
+// The gradient for the operand `self`; Kernel adds up grad times the conjugate of `other`.
+template <typename Kernel>
+Tensor* kron_gradient(const Where& at, Tensor* grad, Tensor* a, Tensor* b, Tensor* self, Tensor* other,
+                      const Kernel& kernel) {
+    check_kron(at, "kron_grad()", {grad, a, b});
+    const Dims shape = kron_shape(at, a, b);
+    if (grad->Shape() != shape) {
+        fail(at, "kron_grad() needs a gradient of shape ", shape, ", however it is ", grad->Shape());
+    }
+    const DenseOperand factor(at, other);
+    std::unique_ptr<Tensor> result;
+    if (grad->is_dense()) {
+        const Borrowed gradient = Borrowed::contiguous(grad);
+        result = make_tensor(self->Shape(), self->Dtype());
+        kernel(gradient.get(), factor.get(), result.get());
+    } else {
+        const SparseParts gradient(at, grad);
+        result = make_tensor(self->Shape(), self->Dtype());
+        kernel(gradient.rows(), factor.get(), result.get());
+    }
+    return self->is_coo() ? to_coo(result.get()) : result.release();
+}
+
+}  // namespace
+
+Tensor* kron(Tensor* a, Tensor* b) {
+    const Where at = where("ornik::kron");
+    check_kron(at, "kron()", {a, b});
+    const Dims shape = kron_shape(at, a, b);
+    if (!a->is_coo() || !b->is_coo()) {
+        const DenseOperand left(at, a);
+        const DenseOperand right(at, b);
+        std::unique_ptr<Tensor> result = make_tensor(shape, a->Dtype());
+        device::cpu::kron(left.get(), right.get(), result.get());
+        return result.release();
+    }
+    const SparseParts left(at, a);
+    const SparseParts right(at, b);
+    std::vector<std::int64_t> offsets(static_cast<std::size_t>(shape[0] + 1));
+    device::cpu::kron_offsets(left.rows(), right.rows(), offsets.data());
+    std::unique_ptr<Tensor> columns = make_tensor({offsets.back()}, dtype::int64);
+    std::unique_ptr<Tensor> values = make_tensor({offsets.back()}, a->Dtype());
+    device::cpu::kron_entries(left.rows(), right.rows(), offsets.data(),
+                              static_cast<std::int64_t*>(columns->getRawData()), values.get());
+    return assemble_sparse(layout::coo, shape, offsets.data(), std::move(columns), std::move(values)).release();
+}
+
+Tensor* kron_grad_t1(Tensor* grad, Tensor* a, Tensor* b) {
+    return kron_gradient(where("ornik::kron_grad_t1"), grad, a, b, a, b,
+                         [](const auto& gradient, const Tensor* factor, Tensor* out) {
+                             device::cpu::kron_grad_t1(gradient, factor, out);
+                         });
+}
+
+Tensor* kron_grad_t2(Tensor* grad, Tensor* a, Tensor* b) {
+    return kron_gradient(where("ornik::kron_grad_t2"), grad, a, b, b, a,
+                         [](const auto& gradient, const Tensor* factor, Tensor* out) {
+                             device::cpu::kron_grad_t2(gradient, factor, out);
+                         });
 }
 
 }  // namespace ornik

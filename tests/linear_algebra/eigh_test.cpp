@@ -1,0 +1,227 @@
+// eigh and eigvalsh: the equations that eigenvectors obey, gradients against central differences, refusals.
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+#include "hardware/thread_config.h"
+#include "matrices.h"
+#include "support/expect_error.h"
+#include "tensor/tensor_math/linear_algebra.h"
+
+namespace ornik::test {
+namespace {
+
+using Number = std::complex<double>;
+
+template <typename T>
+std::vector<Number> numbers(const std::vector<T>& values) {
+    std::vector<Number> result;
+    for (const T value : values) {
+        const auto wide = to<Complex<double>>(value);
+        result.emplace_back(wide.real, wide.imag);
+    }
+    return result;
+}
+
+// Symmetric or Hermitian matrices of numbers in [-8, 8].
+template <typename T>
+std::vector<T> hermitian(std::int64_t batch, std::int64_t n) {
+    std::vector<T> values = random_values<T>(batch * n * n, 1);
+    for (std::int64_t row = 0; row < batch * n; ++row) {
+        for (std::int64_t j = 0; j <= row % n; ++j) {
+            const T lower = values[at(row, j, n)];
+            T& upper = values[at(row / n * n + j, row % n, n)];
+            upper = lower;
+            if constexpr (is_complex<T>) {
+                upper.imag = j == row % n ? 0 : -lower.imag;
+            }
+        }
+    }
+    return values;
+}
+
+struct Decomposition {
+    explicit Decomposition(const TensorPtr& x) : Decomposition(eigh(x.get())) {}
+    explicit Decomposition(const std::vector<Tensor*>& pair) : vectors(pair.at(0)), values(pair.at(1)) {}
+    TensorPtr vectors, values;
+};
+
+void expect_form(const Decomposition& found, const Dims& shape, std::int64_t vectors_dtype, std::int64_t values_dtype) {
+    ASSERT_EQ(found.vectors->Shape(), shape);
+    ASSERT_EQ(found.values->Shape(), Dims(shape.begin(), shape.end() - 1));
+    ASSERT_EQ(found.vectors->Dtype(), vectors_dtype);
+    ASSERT_EQ(found.values->Dtype(), values_dtype);
+}
+
+// The largest element of A V - V diag(values) and of V^H V - 1, for one matrix.
+double defect(const Number* a, const Number* v, const Number* values, std::int64_t n) {
+    double worst = 0;
+    for (std::int64_t i = 0; i < n; ++i) {
+        for (std::int64_t j = 0; j < n; ++j) {
+            Number residual = -v[at(i, j, n)] * values[j];
+            Number inner = i == j ? -1 : 0;
+            for (std::int64_t k = 0; k < n; ++k) {
+                residual += a[at(i, k, n)] * v[at(k, j, n)];
+                inner += std::conj(v[at(k, i, n)]) * v[at(k, j, n)];
+            }
+            worst = std::max({worst, std::abs(residual) / 8, std::abs(inner)});
+        }
+    }
+    return worst;
+}
+
+TEST(Eigh, VectorsAndValuesObeyTheirEquations) {
+    const auto check = []<typename T, typename Part>(const Dims& shape, Layout layout) {
+        SCOPED_TRACE(dtype_name(dtype_code<T>) + " " + name_of(layout) + " " + shape_text(shape));
+        const std::int64_t n = shape.back();
+        const std::int64_t rows = numel_of(shape) / n;
+        const std::vector<T> whole = hermitian<T>(rows / n, n);
+        std::vector<T> input = whole;
+        for (std::int64_t row = 0; row < rows; ++row) {  // What is not read.
+            std::fill(&input[at(row, row % n, n)] + 1, input.data() + (row + 1) * n, T(std::nanf("")));
+            if constexpr (is_complex<T>) {
+                input[at(row, row % n, n)].imag = 7;
+            }
+        }
+        const TensorPtr x = make<T>(shape, input, layout);
+        const Decomposition found(x);
+        const TensorPtr alone(eigvalsh(x.get()));
+        EXPECT_EQ(std::memcmp(values_of<T>(x).data(), input.data(), input.size() * sizeof(T)), 0);
+        expect_form(found, shape, dtype_code<T>, dtype_code<Part>);
+        ASSERT_EQ(alone->Shape(), found.values->Shape());
+        ASSERT_EQ(alone->Dtype(), dtype_code<Part>);
+        const std::vector<Number> a = numbers(whole);
+        const std::vector<Number> v = numbers(values_of<T>(found.vectors));
+        const std::vector<Number> values = numbers(values_of<Part>(found.values));
+        const std::vector<Number> single = numbers(values_of<Part>(alone));
+        const double bound = 4 * static_cast<double>(n) * std::numeric_limits<Part>::epsilon();
+        for (std::int64_t row = 0; row < rows; row += n) {
+            EXPECT_LE(defect(&a[at(row, 0, n)], &v[at(row, 0, n)], &values[at(row, 0, 1)], n), bound);
+            for (std::int64_t k = row; k < row + n; ++k) {
+                EXPECT_TRUE(k == row || values[at(k, -1, 1)].real() <= values[at(k, 0, 1)].real());
+                EXPECT_NEAR(single[at(k, 0, 1)].real(), values[at(k, 0, 1)].real(), 8 * bound);
+            }
+        }
+    };
+    for (const Dims& shape : {Dims{1, 1}, {2, 2}, {1, 7, 7}, {5, 16, 16}, {3, 1, 1}, {65, 65}}) {
+        for (const Layout layout : all_layouts) {
+            check.operator()<float, float>(shape, layout);
+            check.operator()<double, double>(shape, layout);
+            check.operator()<Complex<float>, float>(shape, layout);
+            check.operator()<Complex<double>, double>(shape, layout);
+        }
+    }
+    const TensorPtr some = make<double>({4}, {1, 2, 3, 4});
+    for (const Dims& shape : {Dims{0, 3, 3}, Dims{2, 0, 0}, Dims{0, 0}}) {
+        const Decomposition nothing(
+            TensorPtr(share_storage_tensor(some->getStorage(), shape, shape, dtype::float64, 0)));
+        expect_form(nothing, shape, dtype::float64, dtype::float64);
+    }
+}
+
+TEST(Eigh, SameBitsForEveryTeamSize) {
+    const TensorPtr x = make<float>({9, 20, 20}, hermitian<float>(9, 20));
+    const int before = ConfigGetNumThreads();
+    std::vector<std::vector<float>> vectors;
+    for (const int team : {1, 2, 4, 7}) {
+        ConfigSetNumThreads(team);
+        vectors.push_back(values_of<float>(Decomposition(x).vectors));
+        EXPECT_EQ(vectors.back(), vectors.front()) << team;
+    }
+    ConfigSetNumThreads(before);
+}
+
+TEST(Eigh, GradientsAgreeWithCentralDifferences) {
+    constexpr std::int64_t n = 4;
+    constexpr double h = 1e-5;
+    // The gradient of the sum over weight(k) value[k] + weight(i n + k) |v(i, k)|^2, which depends on no sign or phase.
+    const auto weight = [](std::size_t k) { return std::sin(3.0 * static_cast<double>(k) + 1); };
+    const auto check = [&]<typename T>() {
+        const TensorPtr x = make<T>({2, n, n}, hermitian<T>(2, n));
+        std::vector<T> grad_vectors = values_of<T>(Decomposition(x).vectors);
+        std::vector<double> grad_values;
+        for (std::size_t k = 0; k < grad_vectors.size(); ++k) {
+            grad_vectors[k] = combine(Op::mult, grad_vectors[k], T(2 * weight(k)));
+            grad_values.push_back(weight(k));
+        }
+        grad_values.resize(2 * n);
+        const auto sum_at = [&](T* element, T value) {
+            std::swap(*element, value);
+            const Decomposition found(x);
+            std::swap(*element, value);
+            double sum = 0;
+            for (std::size_t k = 0; k < grad_vectors.size(); ++k) {
+                sum += weight(k) * std::norm(numbers(values_of<T>(found.vectors))[k]);
+                sum += k < 2 * n ? weight(k) * values_of<double>(found.values)[k] : 0;
+            }
+            return sum;
+        };
+        const TensorPtr gv = make<T>({2, n, n}, grad_vectors, Layout::transposed);
+        const TensorPtr gl = make<double>({2, n}, grad_values, Layout::every_other);
+        const std::vector<Number> g = numbers(values_of<T>(TensorPtr(eigh_grad(gv.get(), gl.get(), x.get()))));
+        const std::vector<Number> of_values = numbers(values_of<T>(TensorPtr(eigvalsh_grad(gl.get(), x.get()))));
+        const std::vector<Number> of_vectors = numbers(values_of<T>(TensorPtr(eigh_grad(gv.get(), nullptr, x.get()))));
+        for (std::int64_t row = 0; row < 2 * n; ++row) {
+            for (std::int64_t j = 0; j <= row % n; ++j) {
+                const std::size_t here = at(row, j, n);
+                const double twice = j == row % n ? 1 : 2;  // The element above the diagonal moves along.
+                EXPECT_NEAR(std::abs(g[here] - of_values[here] - of_vectors[here]), 0, 1e-12);
+                EXPECT_NEAR(std::abs(g[here] - std::conj(g[at(row / n * n + j, row % n, n)])), 0, 1e-12);
+                T* element = static_cast<T*>(x->getRawData()) + here;
+                const auto slope = [&](T step) {
+                    return (sum_at(element, combine(Op::add, *element, step)) -
+                            sum_at(element, combine(Op::sub, *element, step))) /
+                           (2 * h);
+                };
+                EXPECT_NEAR(slope(T(h)), twice * g[here].real(), 1e-7);
+                if constexpr (is_complex<T>) {
+                    EXPECT_NEAR(slope(T(0, h)), j == row % n ? 0 : twice * g[here].imag(), 1e-7);
+                }
+            }
+        }
+    };
+    check.operator()<double>();
+    check.operator()<Complex<double>>();
+}
+
+TEST(Eigh, Refusals) {
+    const double nan = std::nan("");
+    const double huge = std::numeric_limits<double>::max();
+    const char* const file = "src/tensor/tensor_utils.cpp";
+    struct Case {
+        TensorPtr x;
+        std::string message;  // With the function's name as @.
+    };
+    const Case cases[] = {
+        {make_empty({3}, dtype::int32), "'@' only supports float or complex."},
+        {make_empty({3}, dtype::float32), "@ need input of 2-dim or 3-dim."},
+        {make_empty({1, 2, 3, 3}, dtype::complex64), "@ need input of 2-dim or 3-dim."},
+        {make_empty({2, 3}, dtype::float32), "@ need square matrices, however the input's shape is ( 2, 3 ) "},
+        {make<double>({2, 2, 2}, {1, 0, 0, 1, 1, 0, nan, 1}),
+         "@ need finite elements, however matrix 1 holds NaN or infinity."},
+        {make<Complex<double>>({1, 1}, {{1, -std::numeric_limits<double>::infinity()}}),
+         "@ need finite elements, however matrix 0 holds NaN or infinity."},
+        {make<double>({3, 2, 2}, {1, 0, 0, 1, huge, huge, huge, huge, huge, huge, huge, huge}),
+         "@ did not converge to finite eigenvalues for matrix 1."},
+    };
+    const auto refused = [&](const auto& call, std::string message, const std::string& name) {
+        message.replace(message.find('@'), 1, name.substr(0, name.find('_')));
+        expect_error(call, message, "ornik::" + name, file);
+    };
+    for (const Case& c : cases) {
+        refused([&] { eigh(c.x.get()); }, c.message, "eigh");
+        refused([&] { eigvalsh(c.x.get()); }, c.message, "eigvalsh");
+    }
+    const TensorPtr good = make<double>({2, 2}, {1, 0, 0, 1});
+    refused([&] { eigvalsh_grad(make_empty({2}, dtype::float32).get(), good.get()); },
+            "@ need a gradient of numpy.float64, however it is numpy.float32", "eigvalsh_grad");
+    refused([&] { eigh_grad(nullptr, make_empty({3}, dtype::float64).get(), good.get()); },
+            "@ need a gradient of shape ( 2 ) , however it is ( 3 ) ", "eigh_grad");
+    refused([&] { eigh_grad(nullptr, nullptr, good.get()); },
+            "@ need a gradient of the eigenvectors or of the eigenvalues.", "eigh_grad");
+    expect_error([&] { solver(good.get(), good.get(), "lu"); }, "solver() Not impl for CPU tensor.", "ornik::solver",
+                 file);
+}
+
+}  // namespace
+}  // namespace ornik::test
