@@ -4,9 +4,16 @@ include(CMakePackageConfigHelpers)
 # What a program may include. Everything else under include/ is internal.
 set(ORNIK_PUBLIC_HEADERS
     apis/ornik.h
+    descriptors/convol_fields.h
+    descriptors/descriptor_conv2D.h
+    descriptors/descriptor_convT2D.h
     export.h
     hardware/memory_config.h
     hardware/thread_config.h
+    layers/conv/layer_conv.h
+    layers/conv/layer_conv1D.h
+    layers/conv/layer_conv2D.h
+    layers/conv/layer_convT2D.h
     layers/layer.h
     layers/layer_activation.h
     layers/layer_dense.h
@@ -16,6 +23,7 @@ set(ORNIK_PUBLIC_HEADERS
     ornik.h
     tensor/broadcast.h
     tensor/dtype.h
+    tensor/nn/tensor_conv.h
     tensor/tensor.h
     tensor/tensor_math/tensor_arithmetic.h
     tensor/tensor_meta.h
