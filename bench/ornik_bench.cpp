@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <memory>
+#include <vector>
 
 #include "rows.h"
 
@@ -221,6 +222,34 @@ void step_rows() {
     row("adadelta", [=] { ornik::adam_delta_step(p.get(), g.get(), 1e-3F, 0.9F, 1e-8F, s.get(), t.get()); });
 }
 
+void convolution_rows() {
+    for (const bench::Conv& c : bench::convolutions) {
+        const std::vector<int> kernel(2, c.kernel), strides(2, c.stride), padding(2, c.padding), ones(2, 1),
+            zeros(2, 0);
+        const auto outputs = static_cast<int>(c.outputs);
+        const auto groups = static_cast<int>(c.groups);
+        const std::shared_ptr<ornik::Layer> layer(
+            c.transposed ? ornik::_ConvT2D(outputs, kernel, strides, padding, true, groups, ones, zeros, "")
+                         : ornik::_Conv2D(outputs, kernel, strides, padding, true, groups, ones, ""));
+        const TensorPtr x = filled({c.batch, c.inputs, c.side, c.side}, 1);
+        const TensorPtr w = filled({c.outputs, c.inputs / c.groups, c.kernel, c.kernel}, 2);
+        const TensorPtr b = filled({c.outputs}, 3);
+        const TensorPtr g(layer->forward_dyn(w.get(), b.get(), x.get()));
+        g->fill_(1);
+        bench::row(
+            std::string("conv/") + c.name + "/forward", [=] { delete layer->forward_dyn(w.get(), b.get(), x.get()); },
+            0, c.flops());
+        bench::row(
+            std::string("conv/") + c.name + "/gradients",
+            [=] {
+                for (const int node : {0, 1, 2}) {
+                    delete layer->backward_dyn(w.get(), b.get(), x.get(), g.get(), node);
+                }
+            },
+            0, 2 * c.flops());
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -231,6 +260,7 @@ int main(int argc, char** argv) {
     product_rows();
     random_rows();
     eigh_rows();
+    convolution_rows();
     step_rows();
     return bench::run(argc, argv);
 }

@@ -1,6 +1,7 @@
 // The same rows through libtorch, as a yardstick.
 #include <torch/torch.h>
 
+#include <string>
 #include <vector>
 
 #include "rows.h"
@@ -133,7 +134,28 @@ void eigh_rows() {
 }
 
 template <typename Optimizer, typename Options>
-void step_row(const std::string& name, const Options& options) {
+void step_row(const std::string& name, const Options& options) {}
+
+void convolution_rows() {
+    for (const bench::Conv& c : bench::convolutions) {
+        const at::Tensor x = filled({c.batch, c.inputs, c.side, c.side}, 1);
+        const at::Tensor w = c.transposed ? filled({c.inputs, c.outputs / c.groups, c.kernel, c.kernel}, 2)
+                                          : filled({c.outputs, c.inputs / c.groups, c.kernel, c.kernel}, 2);
+        const at::Tensor b = filled({c.outputs}, 3);
+        const std::vector<std::int64_t> stride(2, c.stride), padding(2, c.padding), ones(2, 1), zeros(2, 0);
+        const auto forward = [=] {
+            return at::convolution(x, w, b, stride, padding, ones, c.transposed, zeros, c.groups);
+        };
+        const at::Tensor g = at::ones_like(forward());
+        bench::row(std::string("conv/") + c.name + "/forward", forward);
+        bench::row(std::string("conv/") + c.name + "/gradients", [=] {
+            at::convolution_backward(g, x, w, c10::IntArrayRef(b.sizes()), stride, padding, ones, c.transposed, zeros,
+                                     c.groups, {true, true, true});
+        });
+    }
+}
+
+void step_rows() {
     at::Tensor p = filled({1'000'000}, 1);
     p.set_requires_grad(true);
     p.mutable_grad() = filled({1'000'000}, 1e-3);
@@ -164,5 +186,6 @@ int main(int argc, char** argv) {
     product_rows();
     random_rows();
     eigh_rows();
+    convolution_rows();
     return bench::run(argc, argv);
 }

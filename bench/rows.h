@@ -31,6 +31,29 @@ inline void fill_symmetric(const Batch& batch, float* element) {
         }
     }
 }
+/// A convolution layer of square planes: a forward row, and one of all three gradients.
+struct Conv {
+    const char* name;
+    std::int64_t batch, inputs, outputs, side;
+    int kernel, stride, padding;
+    std::int64_t groups;
+    bool transposed;
+    /// Multiplications and additions of the forward pass.
+    std::int64_t flops() const {
+        const std::int64_t out = (side + 2 * padding - kernel) / stride + 1;
+        const std::int64_t positions = transposed ? side * side : out * out;
+        return 2 * batch * positions * kernel * kernel * inputs / groups * outputs;
+    }
+};
+inline constexpr Conv convolutions[] = {
+    {"3x3/3_32", 32, 3, 32, 32, 3, 1, 1, 1, false},
+    {"3x3/64_64", 32, 64, 64, 32, 3, 1, 1, 1, false},
+    {"3x3/128_128", 8, 128, 128, 28, 3, 1, 1, 1, false},
+    {"1x1/64_64", 8, 64, 64, 56, 1, 1, 0, 1, false},
+    {"7x7_stride2/3_64", 8, 3, 64, 224, 7, 2, 3, 1, false},
+    {"depthwise/128", 8, 128, 128, 56, 3, 1, 1, 128, false},
+    {"transposed4x4_stride2/64_32", 8, 64, 32, 28, 4, 2, 1, 1, true},
+};
 
 /// A row: one call of `operation` per iteration. `bytes` moved or `flops` done per call tell compare.py how
 /// to rate it; 0 where a row is neither.

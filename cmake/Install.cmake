@@ -6,9 +6,16 @@ set(ORNIK_PUBLIC_HEADERS
     apis/ornik.h
     descriptors/selection.h
     descriptors/tensor_descriptor.h
+    descriptors/convol_fields.h
+    descriptors/descriptor_conv2D.h
+    descriptors/descriptor_convT2D.h
     export.h
     hardware/memory_config.h
     hardware/thread_config.h
+    layers/conv/layer_conv.h
+    layers/conv/layer_conv1D.h
+    layers/conv/layer_conv2D.h
+    layers/conv/layer_convT2D.h
     layers/layer.h
     layers/layer_activation.h
     layers/layer_dense.h
@@ -19,6 +26,7 @@ set(ORNIK_PUBLIC_HEADERS
     random/generator.h
     tensor/broadcast.h
     tensor/dtype.h
+    tensor/nn/tensor_conv.h
     tensor/tensor.h
     tensor/tensor_math/linear_algebra.h
     tensor/tensor_math/tensor_arithmetic.h

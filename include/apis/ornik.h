@@ -10,6 +10,32 @@
 
 namespace ornik {
 
+/// A one-dimensional convolution, see layers/conv/layer_conv1D.h. Kernel, strides, dilation and padding hold one
+/// number each. A second one, which a two-dimensional convolution of width 1 needs, is appended to the caller's
+/// vectors, also when the call fails: to kernel, strides and dilation first, then to the padding.
+ORNIK_API Layer* _Conv1D(int output_channels, std::vector<int>& kernel, std::vector<int>& strides,
+                         std::vector<int>& padding, bool use_bias, int groups, std::vector<int>& dilation,
+                         std::string name);
+/// With a named padding.
+ORNIK_API Layer* _Conv1D(int output_channels, std::vector<int>& kernel, std::vector<int>& strides, std::string padding,
+                         bool use_bias, int groups, std::vector<int>& dilation, std::string name);
+
+/// A two-dimensional convolution, see layers/conv/layer_conv2D.h. Vectors hold rows and columns.
+ORNIK_API Layer* _Conv2D(int output_channels, const std::vector<int>& kernel, const std::vector<int>& strides,
+                         const std::vector<int>& padding, bool use_bias, int groups, const std::vector<int>& dilation,
+                         std::string name);
+ORNIK_API Layer* _Conv2D(int output_channels, const std::vector<int>& kernel, const std::vector<int>& strides,
+                         std::string padding, bool use_bias, int groups, const std::vector<int>& dilation,
+                         std::string name);
+
+/// A transposed two-dimensional convolution, see layers/conv/layer_convT2D.h.
+ORNIK_API Layer* _ConvT2D(int output_channels, const std::vector<int>& kernel, const std::vector<int>& strides,
+                          const std::vector<int>& padding, bool use_bias, int groups, const std::vector<int>& dilation,
+                          const std::vector<int>& output_padding, std::string name);
+ORNIK_API Layer* _ConvT2D(int output_channels, const std::vector<int>& kernel, const std::vector<int>& strides,
+                          std::string padding, bool use_bias, int groups, const std::vector<int>& dilation,
+                          const std::vector<int>& output_padding, std::string name);
+
 /// A dense layer, see layers/layer_dense.h.
 ORNIK_API Layer* _Dense(int output_features, bool use_bias, std::string name);
 

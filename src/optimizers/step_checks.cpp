@@ -2,6 +2,7 @@
 
 #include "tensor/checks.h"
 #include "tensor/overlap.h"
+#include "tensor/tensor_shape.h"
 
 namespace ornik {
 
@@ -61,19 +62,6 @@ double bias_correction(float beta, std::int32_t step) {
     return 1 / (1 - power);
 }
 
-RealParts::RealParts(Tensor* t) : tensor_(t) {
-    if (!t->isComplexType()) {
-        return;
-    }
-    Dims shape = t->Shape();
-    shape.push_back(2);
-    Dims strides = t->Strides();
-    for (std::int64_t& stride : strides) {
-        stride *= 2;
-    }
-    strides.push_back(1);
-    const std::int64_t part = t->Dtype() == dtype::complex64 ? dtype::float32 : dtype::float64;
-    view_.reset(share_storage_tensor(t->getStorage(), shape, strides, part, 2 * t->StorageOffset()));
-}
+RealParts::RealParts(Tensor* t) : tensor_(t), view_(t->isComplexType() ? view_as_real(t) : nullptr) {}
 
 }  // namespace ornik

@@ -1,0 +1,269 @@
+// cpu_conv_sum.cpp: sums over taps and source channels, as products of packed operands.
+//
+// The weight is packed once per call. Then every tile of positions is computed on its own: its part of the
+// source is staged, written into the product's panels for a block of channels at a time, and multiplied into
+// the target planes where they lie. No column matrix exists beyond one block of one tile.
+#include <algorithm>
+
+#include "conv_panels.h"
+#include "cpu_conv_kernels.h"
+#include "hardware/cpu/cpu_taps.h"
+#include "hardware/parallel.h"
+
+namespace ornik::device::cpu {
+
+namespace {
+
+constexpr std::int64_t block_depth = 288;          // rows of the column matrix in one product
+constexpr std::int64_t most_positions = 384;       // of a tile
+constexpr std::int64_t left_bytes = 448 << 10;     // panels of one tile
+constexpr std::int64_t position_unit = 24;         // the widest panel of the common vector width
+constexpr std::int64_t plenty_of_tiles = 16;       // fewer are cut by target channels, too
+constexpr std::int64_t least_cut_channels = 32;    // a cut stages its source once more: not below this
+constexpr std::int64_t most_local_channels = 512;  // of results that are not computed in place
+constexpr std::int64_t direct_positions = 4096;    // of a tile of one channel
+
+template <typename T>
+T conjugate_if(bool conjugate, T value) {
+    if constexpr (std::is_floating_point_v<T>) {
+        return value;
+    } else {
+        return conjugate ? std::conj(value) : value;
+    }
+}
+
+template <typename T>
+void write_positions(const ConvPass& pass, const Tile& tile, const T* results, T* target) {
+    for (std::int64_t r = 0; r < tile.rows; ++r) {
+        T* row = target + (pass.rows.first + (tile.row + r) * pass.rows.stride) * pass.cols.target + pass.cols.first +
+                 tile.col * pass.cols.stride;
+        for (std::int64_t x = 0; x < tile.cols; ++x) {
+            row[x * pass.cols.stride] = results[r * tile.cols + x];
+        }
+    }
+}
+
+template <typename T>
+class ProductSum {
+  public:
+    ProductSum(const ConvPass& pass, const ConvSum& sum, const T* source, const T* bias, T* target)
+        : sum_(sum),
+          source_(source),
+          bias_(bias),
+          target_(target),
+          direct_(pass.is_pointwise() && pass.fills_target()),
+          in_place_(pass.fills_target()),
+          block_channels_(channels_per_block(sum.source_channels, pass.taps())),
+          plan_(direct_ ? pass.as_one_row() : pass, tile_for(direct_ ? pass.as_one_row() : pass)) {
+        const std::int64_t tiles = sum.batch * sum.groups * plan_.tiles();
+        cuts_ = (plenty_of_tiles + tiles - 1) / tiles;
+        cuts_ = std::min(cuts_, (sum.target_channels + least_cut_channels - 1) / least_cut_channels);
+        if (!in_place_) {
+            cuts_ = std::max(cuts_, (sum.target_channels + most_local_channels - 1) / most_local_channels);
+        }
+        // A packed operand can be cut at multiples of 4 columns.
+        cut_channels_ = ((sum.target_channels + cuts_ - 1) / cuts_ + 3) / 4 * 4;
+        cuts_ = (sum.target_channels + cut_channels_ - 1) / cut_channels_;
+    }
+
+    void run(const T* weight) {
+        const Scratch<T> packed(sum_.groups * sum_.source_channels * taps() * sum_.target_channels);
+        pack_weight(weight, packed.get());
+        const std::int64_t items = sum_.batch * sum_.groups * plan_.tiles() * cuts_;
+        const std::int64_t work = plan_.tile.rows * plan_.tile.cols * sum_.source_channels * taps() * cut_channels_;
+        const std::int64_t grain = std::max<std::int64_t>(2, conv_grain / std::max<std::int64_t>(1, work));
+        const std::int64_t positions = plan_.tile.rows * plan_.tile.cols;
+        parallel_for(items, 1, grain, [&](std::int64_t begin, std::int64_t end) {
+            const Scratch<T> slots(direct_ ? 0 : block_channels_ * plan_.plane);
+            const Scratch<T> left(positions * block_channels_ * taps());
+            const Scratch<T> local(in_place_ ? 0 : positions * cut_channels_);
+            PanelPieces<T> pieces;
+            for (std::int64_t item = begin; item < end; ++item) {
+                run_tile(item, packed.get(), slots.get(), left.get(), local.get(), pieces);
+            }
+        });
+    }
+
+  private:
+    std::int64_t taps() const { return static_cast<std::int64_t>(plan_.taps.size()); }
+
+    static std::int64_t channels_per_block(std::int64_t channels, std::int64_t taps) {
+        const std::int64_t most = std::max<std::int64_t>(1, block_depth / std::max<std::int64_t>(1, taps));
+        const std::int64_t blocks = std::max<std::int64_t>(1, (channels + most - 1) / most);
+        return (channels + blocks - 1) / blocks;
+    }
+
+    TileShape tile_for(const ConvPass& pass) const {
+        const std::int64_t depth = std::max<std::int64_t>(1, block_channels_ * pass.taps());
+        const std::int64_t fitting = left_bytes / static_cast<std::int64_t>(sizeof(T)) / depth;
+        return choose_tile(pass, std::clamp(fitting, 2 * position_unit, most_positions), position_unit);
+    }
+
+    // For every group and block of channels: depth (channel, tap) x target channels.
+    void pack_weight(const T* weight, T* packed) const {
+        if (sum_.source_channels == 0 || taps() == 0) {
+            return;
+        }
+        const std::int64_t blocks = (sum_.source_channels + block_channels_ - 1) / block_channels_;
+        parallel_for(sum_.groups * blocks, 1, 2, [&](std::int64_t begin, std::int64_t end) {
+            const Scratch<T> dense(block_channels_ * taps() * sum_.target_channels);
+            for (std::int64_t item = begin; item < end; ++item) {
+                const std::int64_t group = item / blocks;
+                const std::int64_t first = item % blocks * block_channels_;
+                const std::int64_t channels = std::min(block_channels_, sum_.source_channels - first);
+                T* element = dense.get();
+                for (std::int64_t o = 0; o < sum_.target_channels; ++o) {
+                    for (std::int64_t c = first; c < first + channels; ++c) {
+                        const T* kernel =
+                            weight + group * sum_.group_stride + o * sum_.target_stride + c * sum_.source_stride;
+                        for (const std::int64_t k : plan_.kernels) {
+                            *element++ = conjugate_if(sum_.conjugate, kernel[k]);
+                        }
+                    }
+                }
+                const std::int64_t depth = channels * taps();
+                kernel_.pack_right(dense.get(), 1, depth, depth, sum_.target_channels,
+                                   packed + (group * sum_.source_channels + first) * taps() * sum_.target_channels);
+            }
+        });
+    }
+
+    void run_tile(std::int64_t item, const T* packed, T* slots, T* left, T* local, PanelPieces<T>& pieces) const {
+        const std::int64_t cut = item % cuts_ * cut_channels_;
+        const Tile tile(plan_, item / cuts_ % plan_.tiles());
+        const std::int64_t part = item / cuts_ / plan_.tiles();  // sample and group
+        const std::int64_t group = part % sum_.groups;
+        const std::int64_t channels = std::min(cut_channels_, sum_.target_channels - cut);
+        const std::int64_t target_plane = plan_.pass.target_plane();
+        T* target = target_ + (part * sum_.target_channels + cut) * target_plane;
+        T* out = in_place_ ? target + tile.row * plan_.pass.cols.positions + tile.col : local;
+        const std::int64_t out_stride = in_place_ ? target_plane : tile.positions();
+
+        for (std::int64_t o = 0; o < channels; ++o) {
+            const T start = bias_ == nullptr ? T(0) : bias_[group * sum_.target_channels + cut + o];
+            std::fill_n(out + o * out_stride, tile.positions(), start);
+        }
+        for (std::int64_t first = 0; first < sum_.source_channels && taps() > 0; first += block_channels_) {
+            const std::int64_t block = std::min(block_channels_, sum_.source_channels - first);
+            const T* planes = source_ + (part * sum_.source_channels + first) * plan_.pass.source_plane();
+            const std::int64_t depth = block * taps();
+            if (direct_) {
+                pack_direct(planes + tile.col, block, tile.positions(), left);
+            } else {
+                stage_planes(plan_, tile, planes, block, slots);
+                pack_staged(tile, slots, block, left, pieces);
+            }
+            const T* right = packed + (group * sum_.source_channels + first) * taps() * sum_.target_channels;
+            kernel_.multiply(left, right + cut * depth, tile.positions(), depth, channels, out, out_stride);
+        }
+        for (std::int64_t o = 0; o < channels && !in_place_; ++o) {
+            write_positions(plan_.pass, tile, local + o * out_stride, target + o * target_plane);
+        }
+    }
+
+    void pack_staged(const Tile& tile, const T* slots, std::int64_t channels, T* left, PanelPieces<T>& pieces) const {
+        std::int64_t width = 0;
+        for (std::int64_t position = 0; position < tile.positions(); position += width) {
+            width = kernel_.next_panel(tile.positions() - position);
+            pieces.clear();
+            for (std::int64_t i = 0; i < width;) {
+                const std::int64_t row = (position + i) / tile.cols;
+                const std::int64_t col = (position + i) % tile.cols;
+                const std::int64_t count = std::min(width - i, tile.cols - col);
+                pieces.add(i, row * plan_.cols.count + col, count);
+                i += count;
+            }
+            left = pieces.copy_all(slots, plan_.plane, channels, plan_.taps, width, left);
+        }
+    }
+
+    // Straight from the source, which ends where it ends: exact copies.
+    void pack_direct(const T* planes, std::int64_t channels, std::int64_t positions, T* left) const {
+        const std::int64_t plane = plan_.pass.source_plane();
+        std::int64_t width = 0;
+        for (std::int64_t position = 0; position < positions; position += width) {
+            width = kernel_.next_panel(positions - position);
+            const std::int64_t whole = width / piece<T> * piece<T>;
+            for (std::int64_t c = 0; c < channels; ++c) {
+                const T* from = planes + c * plane + position;
+                for (std::int64_t i = 0; i < whole; i += piece<T>) {
+                    copy_piece(from + i, left + i);
+                }
+                for (std::int64_t i = whole; i < width; ++i) {
+                    left[i] = from[i];
+                }
+                left += width;
+            }
+        }
+    }
+
+    const PanelKernel<T>& kernel_ = panel_kernel<T>();
+    const ConvSum& sum_;
+    const T* source_;
+    const T* bias_;
+    T* target_;
+    bool direct_;
+    bool in_place_;
+    std::int64_t block_channels_;
+    StagePlan plan_;
+    std::int64_t cuts_ = 1;
+    std::int64_t cut_channels_ = 0;
+};
+
+// One source and one target channel per group: no product to speak of.
+template <typename T>
+void run_direct_sum(const ConvPass& pass, const ConvSum& sum, const T* source, const T* weight, const T* bias,
+                    T* target) {
+    const StagePlan plan(pass, choose_tile(pass, direct_positions, 1));
+    const auto taps = static_cast<std::int64_t>(plan.taps.size());
+    const bool in_place = pass.fills_target();
+    const std::int64_t items = sum.batch * sum.groups * plan.tiles();
+    const std::int64_t positions = plan.tile.rows * plan.tile.cols;
+    const std::int64_t grain = std::max<std::int64_t>(2, conv_grain / (positions * std::max<std::int64_t>(1, taps)));
+    parallel_for(items, 1, grain, [&](std::int64_t begin, std::int64_t end) {
+        const Scratch<T> slots(plan.plane);
+        const Scratch<T> local(in_place ? 0 : positions);
+        std::vector<T> kernel(plan.taps.size());
+        for (std::int64_t item = begin; item < end; ++item) {
+            const Tile tile(plan, item % plan.tiles());
+            const std::int64_t part = item / plan.tiles();
+            const std::int64_t group = part % sum.groups;
+            for (std::size_t t = 0; t < kernel.size(); ++t) {
+                kernel[t] = conjugate_if(sum.conjugate, weight[group * sum.group_stride + plan.kernels[t]]);
+            }
+            stage_planes(plan, tile, source + part * pass.source_plane(), 1, slots.get());
+            T* plane = target + part * pass.target_plane();
+            for (std::int64_t r = 0; r < tile.rows; ++r) {
+                T* out =
+                    in_place ? plane + (tile.row + r) * pass.cols.positions + tile.col : local.get() + r * tile.cols;
+                tap_sums(slots.get() + r * plan.cols.count, plan.taps.data(), kernel.data(), taps,
+                         bias == nullptr ? T(0) : bias[group], tile.cols, out);
+            }
+            if (!in_place) {
+                write_positions(pass, tile, local.get(), plane);
+            }
+        }
+    });
+}
+
+}  // namespace
+
+template <typename T>
+void run_conv_sum(const ConvPass& pass, const ConvSum& sum, const T* source, const T* weight, const T* bias,
+                  T* target) {
+    if (sum.source_channels == 1 && sum.target_channels == 1) {
+        run_direct_sum(pass, sum, source, weight, bias, target);
+    } else {
+        ProductSum<T>(pass, sum, source, bias, target).run(weight);
+    }
+}
+
+#define ORNIK_INSTANTIATE_CONV_SUM(T) \
+    template void run_conv_sum(const ConvPass&, const ConvSum&, const T*, const T*, const T*, T*)
+
+ORNIK_INSTANTIATE_CONV_SUM(float);
+ORNIK_INSTANTIATE_CONV_SUM(double);
+ORNIK_INSTANTIATE_CONV_SUM(std::complex<float>);
+ORNIK_INSTANTIATE_CONV_SUM(std::complex<double>);
+
+}  // namespace ornik::device::cpu
