@@ -133,9 +133,6 @@ void eigh_rows() {
     }
 }
 
-template <typename Optimizer, typename Options>
-void step_row(const std::string& name, const Options& options) {}
-
 void convolution_rows() {
     for (const bench::Conv& c : bench::convolutions) {
         const at::Tensor x = filled({c.batch, c.inputs, c.side, c.side}, 1);
@@ -155,7 +152,8 @@ void convolution_rows() {
     }
 }
 
-void step_rows() {
+template <typename Optimizer, typename Options>
+void step_row(const std::string& name, const Options& options) {
     at::Tensor p = filled({1'000'000}, 1);
     p.set_requires_grad(true);
     p.mutable_grad() = filled({1'000'000}, 1e-3);
