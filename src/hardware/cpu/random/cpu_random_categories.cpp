@@ -36,7 +36,7 @@ std::int64_t count_up_to(const double* numbers, std::int64_t n, double x) {
     const double* begin = numbers;
     while (n > 0) {
         const std::int64_t half = (n + 1) / 2;
-        begin += begin[half - 1] <= x ? half : 0;
+        begin += half & -static_cast<std::int64_t>(begin[half - 1] <= x);
         n -= half;
     }
     return begin - numbers;
@@ -102,15 +102,15 @@ WeightSummary summarize_weights(const Tensor* weights, std::int64_t rows) {
         for_rows(rows, cols, [&](std::int64_t row) {
             double sum = 0;
             std::int64_t positive = 0;
-            bool valid = true;
+            std::int64_t refused = 0;
             for (std::int64_t i = row * cols; i < (row + 1) * cols; ++i) {
                 const auto weight = static_cast<double>(data[i]);
-                valid = valid && weight >= 0 && weight <= std::numeric_limits<double>::max();
+                refused += weight >= 0 && weight <= std::numeric_limits<double>::max() ? 0 : 1;
                 positive += weight > 0 ? 1 : 0;
                 sum += weight;
             }
             const std::lock_guard lock(mutex);
-            summary.valid = summary.valid && valid;
+            summary.valid = summary.valid && refused == 0;
             summary.sums_positive = summary.sums_positive && sum > 0 && std::isfinite(sum);
             summary.fewest_positive = std::min(summary.fewest_positive, positive);
         });
