@@ -16,8 +16,10 @@ set(ORNIK_PUBLIC_HEADERS
     ornik.h
     tensor/broadcast.h
     tensor/dtype.h
+    tensor/scalar.h
     tensor/tensor.h
     tensor/tensor_math/tensor_arithmetic.h
+    tensor/tensor_math/tensor_element_math.h
     tensor/tensor_meta.h
     tensor/tensor_storage.h
     utils/complex_helper.h

@@ -107,9 +107,11 @@
     ORNIK_PART_OPERATIONS(ROW)     \
     ORNIK_ANGLE_OPERATIONS(ROW)
 
-// Two operands. Of the promoted dtype:
-#define ORNIK_ANY_PAIR_OPERATIONS(ROW) \
-    ROW(pow,           number,      same,     1,   1)   \
+// Two operands, of the promoted dtype.
+#define ORNIK_POWER_OPERATIONS(ROW) \
+    ROW(pow,           number,      same,     1,   1)
+
+#define ORNIK_EQUALITY_OPERATIONS(ROW) \
     ROW(equal,         any,         boolean,  0,   0)   \
     ROW(not_equal,     any,         boolean,  0,   0)   \
     ROW(logical_and,   any,         boolean,  0,   0)   \
@@ -120,7 +122,9 @@
     ROW(fmod,          real_number, same,     0,   0)   \
     ROW(remainder,     real_number, same,     0.5, 0.5) \
     ROW(maximum,       real_values, same,     0,   0)   \
-    ROW(minimum,       real_values, same,     0,   0)   \
+    ROW(minimum,       real_values, same,     0,   0)
+
+#define ORNIK_ORDER_OPERATIONS(ROW) \
     ROW(greater,       real_values, boolean,  0,   0)   \
     ROW(greater_equal, real_values, boolean,  0,   0)   \
     ROW(less,          real_values, boolean,  0,   0)   \
@@ -136,10 +140,16 @@
     ROW(left_shift,    whole,       same,     0,   0)   \
     ROW(right_shift,   whole,       same,     0,   0)
 
+// With gradients, name_dx_grad and name_dy_grad.
+#define ORNIK_ARITHMETIC_PAIR_OPERATIONS(ROW) \
+    ORNIK_POWER_OPERATIONS(ROW)     \
+    ORNIK_REAL_PAIR_OPERATIONS(ROW) \
+    ORNIK_FLOATING_PAIR_OPERATIONS(ROW)
+
 #define ORNIK_BINARY_OPERATIONS(ROW) \
-    ORNIK_ANY_PAIR_OPERATIONS(ROW)      \
-    ORNIK_REAL_PAIR_OPERATIONS(ROW)     \
-    ORNIK_FLOATING_PAIR_OPERATIONS(ROW) \
+    ORNIK_ARITHMETIC_PAIR_OPERATIONS(ROW) \
+    ORNIK_EQUALITY_OPERATIONS(ROW)        \
+    ORNIK_ORDER_OPERATIONS(ROW)           \
     ORNIK_BIT_PAIR_OPERATIONS(ROW)
 
 // clang-format on

@@ -12,7 +12,8 @@ using namespace pair_functions;
 #define FUNCTIONS functions
 
 namespace {
-ORNIK_ANY_PAIR_OPERATIONS(ORNIK_BINARY_FUNCTION)
+ORNIK_POWER_OPERATIONS(ORNIK_BINARY_FUNCTION)
+ORNIK_EQUALITY_OPERATIONS(ORNIK_BINARY_FUNCTION)
 }  // namespace
 
 ElementKernel complex_kernel(operations::Binary operation) {
@@ -20,7 +21,8 @@ ElementKernel complex_kernel(operations::Binary operation) {
 #define ORNIK_CASE(name, ...)      \
     case operations::Binary::name: \
         return binary_kernel<name##_function, ComplexTypes>;
-        ORNIK_ANY_PAIR_OPERATIONS(ORNIK_CASE)
+        ORNIK_POWER_OPERATIONS(ORNIK_CASE)
+        ORNIK_EQUALITY_OPERATIONS(ORNIK_CASE)
         default:
             return nullptr;
     }

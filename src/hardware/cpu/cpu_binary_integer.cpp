@@ -9,13 +9,19 @@ namespace functions {
 using namespace integer_functions;
 using namespace pair_functions;
 }  // namespace functions
+// clang-format off
+#define ORNIK_OPERATIONS_HERE(ROW)  \
+    ORNIK_POWER_OPERATIONS(ROW)     \
+    ORNIK_REAL_PAIR_OPERATIONS(ROW) \
+    ORNIK_EQUALITY_OPERATIONS(ROW)  \
+    ORNIK_ORDER_OPERATIONS(ROW)     \
+    ORNIK_BIT_PAIR_OPERATIONS(ROW)
 #define FUNCTIONS functions
+// clang-format on
 
 namespace {
 
-ORNIK_ANY_PAIR_OPERATIONS(ORNIK_BINARY_FUNCTION)
-ORNIK_REAL_PAIR_OPERATIONS(ORNIK_BINARY_FUNCTION)
-ORNIK_BIT_PAIR_OPERATIONS(ORNIK_BINARY_FUNCTION)
+ORNIK_OPERATIONS_HERE(ORNIK_BINARY_FUNCTION)
 
 using BitTypes = TypeList<bool, std::uint8_t, std::int8_t, std::int16_t, std::int32_t, std::int64_t>;
 
@@ -32,9 +38,7 @@ ElementKernel integer_kernel(operations::Binary operation) {
 #define ORNIK_CASE(name, accepts, ...) \
     case operations::Binary::name:     \
         return binary_kernel<name##_function, TypesOf<accepts>>;
-        ORNIK_ANY_PAIR_OPERATIONS(ORNIK_CASE)
-        ORNIK_REAL_PAIR_OPERATIONS(ORNIK_CASE)
-        ORNIK_BIT_PAIR_OPERATIONS(ORNIK_CASE)
+        ORNIK_OPERATIONS_HERE(ORNIK_CASE)
         default:
             return nullptr;
     }

@@ -12,9 +12,9 @@ using namespace pair_functions;
 
 // clang-format off
 #define ORNIK_OPERATIONS_HERE(ROW)  \
-    ORNIK_ANY_PAIR_OPERATIONS(ROW)  \
-    ORNIK_REAL_PAIR_OPERATIONS(ROW) \
-    ORNIK_FLOATING_PAIR_OPERATIONS(ROW)
+    ORNIK_ARITHMETIC_PAIR_OPERATIONS(ROW) \
+    ORNIK_EQUALITY_OPERATIONS(ROW) \
+    ORNIK_ORDER_OPERATIONS(ROW)
 #define FUNCTIONS functions
 // clang-format on
 
