@@ -12,15 +12,14 @@
 //                                                          float32   float64
 //   exp, log, erf, pow, atan2                             1         1
 //   exp2, expm1, log2, log1p, tan, asin, acos, atan       0.51      1
+//   rsqrt                                                 0.51      1.5
 //   log10, sinh, cosh, asinh, acosh, atanh, logsigmoid,
 //   softplus                                              0.51      2
+//   silu                                                  0.51      6
+//   gelu                                                  0.51      24
 //   sqrt, reciprocal, sqr, angle, remainder               0.5       0.5
-//   rsqrt                                                 0.51      1.1
-//   sin, cos                                              1.5       1
-//   tanh                                                  2.5       2
-//   sigmoid                                               2.5       2.5
-//   silu                                                  0.51      4
-//   gelu                                                  0.51      800
+//   sin, cos                                              1.6       1
+//   tanh, sigmoid                                         2.5       2.5
 //   all others                                            exact     exact
 //
 // Parts of complex results are within 4 units of the last place of the result's magnitude (2^-22 and 2^-51 of

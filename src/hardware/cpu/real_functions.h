@@ -127,8 +127,11 @@ ORNIK_IN_PLACE float silu(float x) {
     return static_cast<float>(d / (1.0 + elementary::exp(-d)));
 }
 ORNIK_IN_PLACE double silu(double x) {
+    // Two factors, so that none is subnormal before the result is.
     const double d = elementary::clamped(x, -800.0, HUGE_VAL);
-    return d * sigmoid(d);
+    const double half = exp(-0.5 * std::fabs(d));
+    const double below = 1.0 + half * half;
+    return d < 0.0 ? d * half / below * half : d / below;
 }
 /// x (1 + erf(x / sqrt(2))) / 2
 ORNIK_IN_PLACE float gelu(float x) {
@@ -136,9 +139,17 @@ ORNIK_IN_PLACE float gelu(float x) {
     const double tail = 0.5 * elementary::erfc_approx(std::fabs(d) * 0.70710678118654752);
     return static_cast<float>(d * (d < 0.0 ? tail : 1.0 - tail));
 }
-ORNIK_IN_PLACE double gelu(double x) {
+inline double gelu(double x) {
     const double d = elementary::clamped(x, -50.0, HUGE_VAL);
-    return 0.5 * d * std::erfc(d * -0.70710678118654752);
+    // erfc falls so steeply that the rounding of its argument z shows: put it right by the logarithmic slope,
+    // which is near z + sqrt(z^2 + 4 / pi).
+    constexpr double root_half = 0.70710678118654752;
+    constexpr double root_half_rest = -4.8336466567264567e-17;
+    const double z = d * -root_half;
+    const double rest = fused(d, -root_half, -z) - d * root_half_rest;
+    const double steep = d < -1.0 ? rest * (z + std::sqrt(z * z + 1.2732395447351628)) : 0.0;
+    const double tail = std::erfc(z);
+    return 0.5 * d * (tail - tail * steep);
 }
 /// Derivative of silu; its clamped argument keeps infinities from meeting zeros.
 template <std::floating_point T>
