@@ -316,6 +316,12 @@ TEST(Unary, AnOutputThatOverlapsItsInput) {
     EXPECT_EQ(values_of<float>(whole), (std::vector<float>{1, 1, 4, 9, 16, 25, 36, 49, 64}));
 }
 
+TEST(Unary, AnyByteThatIsNotZeroIsTrue) {
+    const TensorPtr bytes = make<std::uint8_t>({4}, {0, 1, 2, 255});
+    const TensorPtr truths(share_storage_tensor(bytes->getStorage(), {4}, {1}, dtype::boolean, bytes->StorageOffset()));
+    EXPECT_EQ(bytes_of(TensorPtr(truths->logical_not())), std::string("\1\0\0\0", 4));
+}
+
 TEST(Unary, ComplexValuesNearZeroAndFarOut) {
     using C = Complex<double>;
     const TensorPtr in = make<C>({4}, {{1e-20, 1e-19}, {-1e-20, 0}, {-800, 2}, {INFINITY, NAN}});

@@ -121,6 +121,13 @@ ORNIK_IN_PLACE double exp(double x) {
     return mantissa * power_of_two(half) * power_of_two(k - half);
 }
 
+/// 1 / (1 + e^-x) = 2^-30 / (2^-30 + 2^-30 e^-x): one factor then covers all exponents.
+ORNIK_IN_PLACE float sigmoid(float x) {
+    const auto [k, r] = by_ln2(clamped(-x, -25.0F, 104.0F));
+    const float mantissa = fused(r * r, exp_tail(r), r) + 1.0F;
+    return 0x1p-30F / fused(mantissa, power_of_two(k - 30), 0x1p-30F);
+}
+
 /// x in -86 .. 0 for float, -700 .. 700 for double.
 ORNIK_IN_PLACE float expm1_moderate(float x) {
     const auto [k, r] = by_ln2(x);

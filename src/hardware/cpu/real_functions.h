@@ -106,10 +106,10 @@ ORNIK_IN_PLACE double atanh(double x) { return std::atanh(x); }
 
 // ---- Functions of neural networks ----
 
-template <std::floating_point T>
-ORNIK_IN_PLACE T sigmoid(T x) {
-    const T e = exp(-std::fabs(x));
-    return (x < T(0) ? e : T(1)) / (T(1) + e);
+ORNIK_IN_PLACE float sigmoid(float x) { return elementary::sigmoid(x); }
+ORNIK_IN_PLACE double sigmoid(double x) {
+    const double e = exp(-std::fabs(x));
+    return (x < 0.0 ? e : 1.0) / (1.0 + e);
 }
 /// log(1 + e^x)
 ORNIK_IN_PLACE float softplus(float x) {
