@@ -20,6 +20,16 @@ TensorPtr filled(const Dims& shape, double value, std::int64_t type = dtype::flo
     return t;
 }
 
+// Positive values from 0.01 to 10.
+TensorPtr ramp(std::int64_t n) {
+    TensorPtr t(Tensor::empty({n}, ornik::device_cpu, dtype::float32));
+    float* data = static_cast<float*>(t->getRawData());
+    for (std::int64_t i = 0; i < n; ++i) {
+        data[i] = 0.01F * static_cast<float>(i % 1000 + 1);
+    }
+    return t;
+}
+
 TensorPtr view(const TensorPtr& t, const Dims& shape, const Dims& strides) {
     return TensorPtr(ornik::share_storage_tensor(t->getStorage(), shape, strides, t->Dtype(), 0));
 }
@@ -148,6 +158,42 @@ void copy_rows() {
     }
 }
 
+void element_rows() {
+    struct Function {
+        const char* name;
+        void (*into)(Tensor*, Tensor*);
+        Tensor* (Tensor::*fresh)();
+    };
+    for (const Function& f :
+         {Function{"exp", ornik::exp, &Tensor::exp}, Function{"log", ornik::log, &Tensor::log},
+          Function{"sin", ornik::sin, &Tensor::sin}, Function{"sqrt", ornik::sqrt, &Tensor::sqrt},
+          Function{"sigmoid", ornik::sigmoid, &Tensor::sigmoid}, Function{"tanh", ornik::tanh, &Tensor::tanh},
+          Function{"erf", ornik::erf, &Tensor::erf}, Function{"gelu", ornik::gelu, &Tensor::gelu}}) {
+        for (const std::int64_t n : {std::int64_t{1'000}, bench::large}) {
+            const TensorPtr in = ramp(n);
+            const TensorPtr out = filled({n}, 0);
+            const std::string size = std::to_string(n);
+            const std::int64_t bytes = n == bench::large ? 8 * n : 0;
+            bench::row(
+                std::string(f.name) + "/existing/" + size, [=] { f.into(in.get(), out.get()); }, bytes);
+            bench::row(
+                std::string(f.name) + "/new/" + size, [=] { delete (in.get()->*f.fresh)(); }, bytes);
+        }
+    }
+    const std::int64_t n = bench::large;
+    const TensorPtr a = ramp(n);
+    const TensorPtr b = filled({n}, 2);
+    const TensorPtr out = filled({n}, 0);
+    const TensorPtr truths = filled({n}, 0, dtype::boolean);
+    bench::row(
+        "maximum/existing", [=] { ornik::maximum(a.get(), b.get(), out.get()); }, 12 * n);
+    bench::row(
+        "greater/existing", [=] { ornik::greater(a.get(), b.get(), truths.get()); }, 9 * n);
+    bench::row(
+        "where/new", [=] { delete ornik::where(truths.get(), a.get(), b.get()); }, 13 * n);
+    bench::row("pow/scalar/new", [=] { delete a->pow_scalar(1.5F); });
+}
+
 void product_rows() {
     for (const std::int64_t n : bench::product_sizes) {
         const TensorPtr a = filled({n, n}, 1);
@@ -257,6 +303,7 @@ int main(int argc, char** argv) {
     addition_rows();
     copy_rows();
     shape_rows();
+    element_rows();
     product_rows();
     random_rows();
     eigh_rows();

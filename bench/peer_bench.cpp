@@ -89,6 +89,38 @@ void copy_rows() {
     }
 }
 
+void element_rows() {
+    struct Function {
+        const char* name;
+        at::Tensor& (*into)(at::Tensor&, const at::Tensor&);
+        at::Tensor (*fresh)(const at::Tensor&);
+    };
+    for (const Function& f :
+         {Function{"exp", at::exp_out, at::exp}, Function{"log", at::log_out, at::log},
+          Function{"sin", at::sin_out, at::sin}, Function{"sqrt", at::sqrt_out, at::sqrt},
+          Function{"sigmoid", at::sigmoid_out, at::sigmoid}, Function{"tanh", at::tanh_out, at::tanh},
+          Function{"erf", at::erf_out, at::erf},
+          Function{"gelu", [](at::Tensor&out, const at::Tensor&in) -> at::Tensor& { return at::gelu_out(out, in); },
+                   [](const at::Tensor&in) { return at::gelu(in); }}}) {
+        for (const std::int64_t n : {std::int64_t{1'000}, bench::large}) {
+            const at::Tensor in = at::arange(n).remainder(1000).add(1).mul(0.01).to(at::kFloat);
+            at::Tensor out = filled({n}, 0);
+            const std::string size = std::to_string(n);
+            bench::row(std::string(f.name) + "/existing/" + size, [=]() mutable { f.into(out, in); });
+            bench::row(std::string(f.name) + "/new/" + size, [=] { f.fresh(in); });
+        }
+    }
+    const std::int64_t n = bench::large;
+    const at::Tensor a = at::arange(n).remainder(1000).add(1).mul(0.01).to(at::kFloat);
+    const at::Tensor b = filled({n}, 2);
+    at::Tensor out = filled({n}, 0);
+    at::Tensor truths = filled({n}, 0, at::kBool);
+    bench::row("maximum/existing", [=]() mutable { at::maximum_out(out, a, b); });
+    bench::row("greater/existing", [=]() mutable { at::greater_out(truths, a, b); });
+    bench::row("where/new", [=] { at::where(truths, a, b); });
+    bench::row("pow/scalar/new", [=] { at::pow(a, 1.5); });
+}
+
 void product_rows() {
     for (const std::int64_t n : bench::product_sizes) {
         const at::Tensor a = filled({n, n}, 1);
@@ -181,6 +213,7 @@ int main(int argc, char** argv) {
     addition_rows();
     copy_rows();
     shape_rows();
+    element_rows();
     product_rows();
     random_rows();
     eigh_rows();

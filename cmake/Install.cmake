@@ -27,9 +27,11 @@ set(ORNIK_PUBLIC_HEADERS
     tensor/broadcast.h
     tensor/dtype.h
     tensor/nn/tensor_conv.h
+    tensor/scalar.h
     tensor/tensor.h
     tensor/tensor_math/linear_algebra.h
     tensor/tensor_math/tensor_arithmetic.h
+    tensor/tensor_math/tensor_element_math.h
     tensor/tensor_meta.h
     tensor/tensor_shape.h
     tensor/tensor_sparse.h

@@ -1,4 +1,5 @@
-# Fused multiply-add: on in the matrix products and decompositions, off everywhere else.
+# Fused multiply-add: on in the matrix products and decompositions, written out by hand in the row kernels of
+# mathematical functions, off everywhere else.
 #
 # The products live by it; their results are the same bits on every run of one build, whatever the team size.
 # Everywhere else a*b+c stays two roundings, on every machine. -ffp-contract=off says so, but GCC 12 still
@@ -9,8 +10,16 @@
 # the whole library, and the linker keeps the code of whichever file it meets first.
 set(product_sources ${ornik_sources})
 list(FILTER product_sources INCLUDE REGEX "/cpu_(product_[a-z]+|eigh)\\.cpp$")
+# Row kernels say fused() where one rounding is meant. Without the flags that errno and traps would need,
+# and with branches left to be turned into selections, their loops become vector code. No complex arithmetic
+# here.
+set(row_sources ${ornik_sources})
+list(FILTER row_sources INCLUDE REGEX "/cpu_(unary_real|unary_grad|binary_real)\\.cpp$")
+set_source_files_properties(${row_sources} PROPERTIES
+  COMPILE_OPTIONS "$<$<CXX_COMPILER_ID:GNU,Clang>:-fno-math-errno;-fno-trapping-math>;$<$<CXX_COMPILER_ID:GNU>:-fno-thread-jumps>")
+
 set(other_sources ${ornik_sources})
-list(REMOVE_ITEM other_sources ${product_sources})
+list(REMOVE_ITEM other_sources ${product_sources} ${row_sources})
 
 set_source_files_properties(${product_sources} PROPERTIES
   COMPILE_OPTIONS $<$<CXX_COMPILER_ID:GNU,Clang>:-ffp-contract=fast>)

@@ -9,7 +9,8 @@
 //
 // Operands may have any strides, stride 0 included, and need equal element counts, not equal shapes: each
 // is read in its own row-major order. The engine converts nothing: the kernel names the element types.
-// How operands are walked is decided in iteration_plan.h.
+// How operands are walked is decided in iteration_plan.h. Functions that are worth a loop of their own, made
+// for vector code, take whole rows (run_rows, row_loop.h).
 #pragma once
 
 #include <cstdint>
@@ -19,17 +20,9 @@
 
 #include "../tensor/dtype.h"
 #include "../tensor/tensor.h"
+#include "element_load.h"
 #include "iteration_plan.h"
-
-// Tells the compiler that iterations do not depend on each other: an output either is an input, at the
-// same places, or lies apart from it.
-#if defined(__clang__)
-#define ORNIK_INDEPENDENT_ITERATIONS _Pragma("clang loop vectorize(assume_safety)")
-#elif defined(__GNUC__)
-#define ORNIK_INDEPENDENT_ITERATIONS _Pragma("GCC ivdep")
-#else
-#define ORNIK_INDEPENDENT_ITERATIONS
-#endif
+#include "row_loop.h"
 
 namespace ornik {
 
@@ -48,16 +41,6 @@ struct TensorIterationHelper {
 };
 
 namespace detail {
-
-template <typename T>
-inline T load(const char* address) {
-    if constexpr (std::is_same_v<T, bool>) {
-        // Any non-zero byte is true: storage may hold bytes that are no valid bool.
-        return *reinterpret_cast<const unsigned char*>(address) != 0;
-    } else {
-        return *reinterpret_cast<const T*>(address);
-    }
-}
 
 template <typename Function, typename Outs, typename Ins>
 struct ElementLoop;
@@ -186,6 +169,16 @@ class MultiTensorIterationHelper {
     template <typename Outs, typename Ins, typename Function>
     void run(const Function& function) const {
         using Loop = detail::ElementLoop<Function, Outs, Ins>;
+        run_loop(where("ornik::MultiTensorIterationHelper::run", "include/descriptors/tensoriterator.h"), &Loop::run,
+                 &function, Loop::item_sizes, Loop::outputs, Loop::operands);
+    }
+
+    /// The row form: calls function(n, out..., in...) with pointers to n contiguous elements of every
+    /// operand until all elements are done. An output may be an input, at the same places; outputs that
+    /// write one place more than once keep no particular value.
+    template <typename Outs, typename Ins, typename Function>
+    void run_rows(const Function& function) const {
+        using Loop = detail::RowLoop<Function, Outs, Ins>;
         run_loop(where("ornik::MultiTensorIterationHelper::run", "include/descriptors/tensoriterator.h"), &Loop::run,
                  &function, Loop::item_sizes, Loop::outputs, Loop::operands);
     }

@@ -19,6 +19,7 @@
 #include "../utils/complex_helper.h"
 #include "../utils/error.h"
 #include "dtype.h"
+#include "scalar.h"
 #include "tensor_meta.h"
 #include "tensor_storage.h"
 
@@ -424,6 +425,239 @@ class ORNIK_API Tensor {
     /// scalar's conjugate.
     template <typename C>
     Tensor* mult_scalar_std_complex_grad_wrapper(C scalar);
+
+    // ---- Element-wise mathematics, comparisons and logic (tensor_math/tensor_element_math.cpp) ----
+    // New tensors of this one's shape; the forms in place need a result of this tensor's dtype. Errors,
+    // special values, accuracy, forms with a given output and gradients: tensor_math/tensor_element_math.h.
+
+    // Any dtype. float32 results for bool and the smaller integers, float64 for int64.
+
+    Tensor* exp();
+    void exp_inplace();
+    /// 2^x
+    Tensor* exp2();
+    void exp2_inplace();
+    /// e^x - 1
+    Tensor* expm1();
+    void expm1_inplace();
+    Tensor* log();
+    void log_inplace();
+    Tensor* log2();
+    void log2_inplace();
+    Tensor* log10();
+    void log10_inplace();
+    /// log(1 + x)
+    Tensor* log1p();
+    void log1p_inplace();
+    Tensor* sqrt();
+    void sqrt_inplace();
+    /// 1 / sqrt(x)
+    Tensor* rsqrt();
+    void rsqrt_inplace();
+    /// 1 / x
+    Tensor* reciprocal();
+    void reciprocal_inplace();
+    Tensor* sin();
+    void sin_inplace();
+    Tensor* cos();
+    void cos_inplace();
+    Tensor* tan();
+    void tan_inplace();
+    Tensor* asin();
+    void asin_inplace();
+    Tensor* acos();
+    void acos_inplace();
+    Tensor* atan();
+    void atan_inplace();
+    Tensor* sinh();
+    void sinh_inplace();
+    Tensor* cosh();
+    void cosh_inplace();
+    Tensor* tanh();
+    void tanh_inplace();
+    Tensor* asinh();
+    void asinh_inplace();
+    Tensor* acosh();
+    void acosh_inplace();
+    Tensor* atanh();
+    void atanh_inplace();
+    /// 1 / (1 + e^-x)
+    Tensor* sigmoid();
+    void sigmoid_inplace();
+
+    // Real dtypes; results as above.
+
+    /// log(sigmoid(x))
+    Tensor* logsigmoid();
+    void logsigmoid_inplace();
+    /// log(1 + e^x)
+    Tensor* softplus();
+    void softplus_inplace();
+    /// x sigmoid(x)
+    Tensor* silu();
+    void silu_inplace();
+    /// x (1 + erf(x / sqrt(2))) / 2
+    Tensor* gelu();
+    void gelu_inplace();
+    Tensor* erf();
+    void erf_inplace();
+
+    // Any dtype but, for neg, bool. The same dtype.
+
+    Tensor* neg();
+    void neg_inplace();
+    /// x x, wrapping for integers.
+    Tensor* sqr();
+    void sqr_inplace();
+
+    // Any dtype. Real results of the dtype of a complex tensor's parts.
+
+    /// The magnitude of a complex number.
+    Tensor* abs();
+    void abs_inplace();
+    Tensor* conj();
+    void conj_inplace();
+    /// A copy for real dtypes.
+    Tensor* real();
+    void real_inplace();
+    /// Zeros for real dtypes.
+    Tensor* imag();
+    void imag_inplace();
+
+    /// In (-pi, pi]; 0 or pi for real numbers.
+    Tensor* angle();
+    void angle_inplace();
+
+    // Any dtype; the same dtype.
+
+    /// -1, 0 or 1; z / |z| for complex numbers. NaN stays.
+    Tensor* sign();
+    void sign_inplace();
+
+    // Real dtypes; the same dtype, integers as they are.
+
+    Tensor* floor();
+    void floor_inplace();
+    Tensor* ceil();
+    void ceil_inplace();
+    /// Half to even.
+    Tensor* round();
+    void round_inplace();
+    Tensor* trunc();
+    void trunc_inplace();
+
+    // Any dtype; bool results.
+
+    /// Complex numbers: of either part, here and in is_inf; both parts are finite.
+    Tensor* is_nan();
+    Tensor* is_inf();
+    Tensor* is_finite();
+    /// True for zero.
+    Tensor* logical_not();
+
+    // bool and integers.
+
+    Tensor* bitwise_not();
+    void bitwise_not_inplace();
+
+    // Two tensors of one shape, or a tensor and a scalar. Dtypes promote as in arithmetic; in place, this
+    // tensor keeps its dtype.
+
+    /// Integers: a negative exponent gives the whole part of the result; 0 to it gives 0.
+    Tensor* pow(Tensor* other);
+    Tensor* pow_scalar(const Scalar& scalar);
+    void pow_inplace(Tensor* other);
+    void pow_scalar_inplace(const Scalar& scalar);
+
+    /// Of the dividend's sign; integers by 0 give 0.
+    Tensor* fmod(Tensor* other);
+    Tensor* fmod_scalar(const Scalar& scalar);
+    void fmod_inplace(Tensor* other);
+    void fmod_scalar_inplace(const Scalar& scalar);
+    /// Of the divisor's sign; integers by 0 give 0.
+    Tensor* remainder(Tensor* other);
+    Tensor* remainder_scalar(const Scalar& scalar);
+    void remainder_inplace(Tensor* other);
+    void remainder_scalar_inplace(const Scalar& scalar);
+    /// NaN of either operand wins, here and below.
+    Tensor* maximum(Tensor* other);
+    Tensor* maximum_scalar(const Scalar& scalar);
+    void maximum_inplace(Tensor* other);
+    void maximum_scalar_inplace(const Scalar& scalar);
+    Tensor* minimum(Tensor* other);
+    Tensor* minimum_scalar(const Scalar& scalar);
+    void minimum_inplace(Tensor* other);
+    void minimum_scalar_inplace(const Scalar& scalar);
+
+    /// The angle of the point (other, self).
+    Tensor* atan2(Tensor* other);
+    Tensor* atan2_scalar(const Scalar& scalar);
+    void atan2_inplace(Tensor* other);
+    void atan2_scalar_inplace(const Scalar& scalar);
+
+    // bool results. Both operands promote as two tensors do, scalars as well: a float32 tensor meets a double
+    // scalar in float64.
+
+    Tensor* equal(Tensor* other);
+    Tensor* equal_scalar(const Scalar& scalar);
+    Tensor* not_equal(Tensor* other);
+    Tensor* not_equal_scalar(const Scalar& scalar);
+    Tensor* logical_and(Tensor* other);
+    Tensor* logical_and_scalar(const Scalar& scalar);
+    Tensor* logical_or(Tensor* other);
+    Tensor* logical_or_scalar(const Scalar& scalar);
+    Tensor* logical_xor(Tensor* other);
+    Tensor* logical_xor_scalar(const Scalar& scalar);
+
+    // Real dtypes.
+
+    Tensor* greater(Tensor* other);
+    Tensor* greater_scalar(const Scalar& scalar);
+    Tensor* greater_equal(Tensor* other);
+    Tensor* greater_equal_scalar(const Scalar& scalar);
+    Tensor* less(Tensor* other);
+    Tensor* less_scalar(const Scalar& scalar);
+    Tensor* less_equal(Tensor* other);
+    Tensor* less_equal_scalar(const Scalar& scalar);
+
+    // bool (but for shifts) and integers.
+
+    Tensor* bitwise_and(Tensor* other);
+    Tensor* bitwise_and_scalar(const Scalar& scalar);
+    void bitwise_and_inplace(Tensor* other);
+    void bitwise_and_scalar_inplace(const Scalar& scalar);
+    Tensor* bitwise_or(Tensor* other);
+    Tensor* bitwise_or_scalar(const Scalar& scalar);
+    void bitwise_or_inplace(Tensor* other);
+    void bitwise_or_scalar_inplace(const Scalar& scalar);
+    Tensor* bitwise_xor(Tensor* other);
+    Tensor* bitwise_xor_scalar(const Scalar& scalar);
+    void bitwise_xor_inplace(Tensor* other);
+    void bitwise_xor_scalar_inplace(const Scalar& scalar);
+    /// Counts beyond the width, or negative, shift everything out, here and below.
+    Tensor* left_shift(Tensor* other);
+    Tensor* left_shift_scalar(const Scalar& scalar);
+    void left_shift_inplace(Tensor* other);
+    void left_shift_scalar_inplace(const Scalar& scalar);
+    Tensor* right_shift(Tensor* other);
+    Tensor* right_shift_scalar(const Scalar& scalar);
+    void right_shift_inplace(Tensor* other);
+    void right_shift_scalar_inplace(const Scalar& scalar);
+
+    /// minimum(maximum(x, min), max). Integers meet integer bounds beyond their range as the nearest number.
+    Tensor* clamp(const Scalar& min, const Scalar& max);
+    Tensor* clamp_min(const Scalar& min);
+    Tensor* clamp_max(const Scalar& max);
+    void clamp_inplace(const Scalar& min, const Scalar& max);
+    void clamp_min_inplace(const Scalar& min);
+    void clamp_max_inplace(const Scalar& max);
+    /// The value where the bool mask, of this tensor's shape, is true.
+    Tensor* masked_fill(Tensor* mask, const Scalar& value);
+    void masked_fill_inplace(Tensor* mask, const Scalar& value);
+    /// |self - other| <= atol + rtol |other|, in double; infinities only equal themselves.
+    Tensor* is_close(Tensor* other, double rtol = 1e-5, double atol = 1e-8, bool equal_nan = false);
+    /// True when every element is close.
+    bool all_close(Tensor* other, double rtol = 1e-5, double atol = 1e-8, bool equal_nan = false);
 
     // ---- Matrix products into an existing C (tensor_math/tensor_math.cpp) ----
     // op(X) is X when its flag is 0 and its transpose (never conjugated) when it is 1. All three tensors

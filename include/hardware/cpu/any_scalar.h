@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "../../tensor/scalar.h"
 #include "dispatch.h"
 #include "element_convert.h"
 
@@ -14,6 +15,10 @@ class AnyScalar {
     explicit AnyScalar(T value) : dtype_(dtype_code<T>) {
         static_assert(sizeof(T) <= sizeof(bytes_));
         std::memcpy(bytes_, &value, sizeof(T));
+    }
+
+    explicit AnyScalar(const Scalar& scalar) : dtype_(scalar.Dtype()) {
+        std::memcpy(bytes_, scalar.data(), sizeof(bytes_));
     }
 
     std::int64_t dtype() const { return dtype_; }

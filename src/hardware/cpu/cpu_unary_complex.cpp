@@ -1,0 +1,119 @@
+// cpu_unary_complex.cpp: unary operations on complex elements, and their gradients.
+#include "complex_functions.h"
+#include "row_kernels.h"
+#include "slopes.h"
+
+namespace ornik::device::cpu {
+
+// clang-format off
+#define ORNIK_WIDE_OPERATIONS(ROW) \
+    ORNIK_FLOATING_OPERATIONS(ROW) \
+    ORNIK_STEP_OPERATIONS(ROW)
+#define ORNIK_OPERATIONS_HERE(ROW) \
+    ORNIK_SIGN_OPERATIONS(ROW)     \
+    ORNIK_PART_OPERATIONS(ROW)     \
+    ORNIK_ANGLE_OPERATIONS(ROW)    \
+    ORNIK_TEST_OPERATIONS(ROW)
+#define FUNCTIONS complex_functions
+// clang-format on
+
+namespace {
+
+using complex_functions::narrow;
+using complex_functions::Own;
+using complex_functions::wide;
+using complex_functions::Wide;
+
+ORNIK_OPERATIONS_HERE(ORNIK_UNARY_FUNCTION)
+
+#define ORNIK_WIDE_FUNCTION(name, ...)                                          \
+    struct name##_function {                                                    \
+        template <typename T>                                                   \
+        Own<T> operator()(Own<T> z) const {                                     \
+            return narrow<T>(complex_functions::wide_functions::name(wide(z))); \
+        }                                                                       \
+    };
+ORNIK_WIDE_OPERATIONS(ORNIK_WIDE_FUNCTION)
+
+// ---- Gradients: (x, y, grad), the latter two real where the operation gives a part ----
+
+#define ORNIK_HOLOMORPHIC_GRAD(name, ...)                                             \
+    struct name##_grad {                                                              \
+        template <typename T>                                                         \
+        Own<T> operator()(Own<T> x, Own<T> y, Own<T> grad) const {                    \
+            return narrow<T>(wide(grad) * std::conj(slopes::name(wide(x), wide(y)))); \
+        }                                                                             \
+    };
+ORNIK_FLOATING_OPERATIONS(ORNIK_HOLOMORPHIC_GRAD)
+ORNIK_SIGN_OPERATIONS(ORNIK_HOLOMORPHIC_GRAD)
+
+struct abs_grad {
+    template <typename T>
+    Own<T> operator()(Own<T> x, T /*y*/, T grad) const {
+        return narrow<T>(complex_functions::wide_functions::sign(wide(x)) * static_cast<double>(grad));
+    }
+};
+struct real_grad {
+    template <typename T>
+    Own<T> operator()(Own<T> /*x*/, T /*y*/, T grad) const {
+        return {grad, T(0)};
+    }
+};
+struct imag_grad {
+    template <typename T>
+    Own<T> operator()(Own<T> /*x*/, T /*y*/, T grad) const {
+        return {T(0), grad};
+    }
+};
+struct angle_grad {
+    template <typename T>
+    Own<T> operator()(Own<T> x, T /*y*/, T grad) const {
+        const Wide z = wide(x);
+        return narrow<T>(Wide(-z.imag(), z.real()) * (static_cast<double>(grad) / std::norm(z)));
+    }
+};
+struct conj_grad {
+    template <typename T>
+    Own<T> operator()(Own<T> /*x*/, Own<T> /*y*/, Own<T> grad) const {
+        return conj(grad);
+    }
+};
+
+template <typename Grad>
+void grad_kernel(const MultiTensorIterationHelper& elements, std::int64_t dtype) {
+    dispatch(ComplexTypes{}, dtype, [&]<typename T>() {
+        using Part = decltype(T::real);
+        using Y = std::conditional_t<std::is_invocable_v<Grad, T, Part, Part>, Part, T>;
+        run_function_rows<Grad, T, T, Y, Y>(elements);
+    });
+}
+
+}  // namespace
+
+ElementKernel complex_kernel(operations::Unary operation) {
+    switch (operation) {
+#define ORNIK_CASE(name, ...)     \
+    case operations::Unary::name: \
+        return unary_kernel<name##_function, ComplexTypes>;
+        ORNIK_OPERATIONS_HERE(ORNIK_CASE)
+        ORNIK_WIDE_OPERATIONS(ORNIK_CASE)
+        default:
+            return nullptr;
+    }
+}
+
+ElementKernel complex_grad_kernel(operations::Unary operation) {
+    switch (operation) {
+#define ORNIK_GRAD_CASE(name, ...) \
+    case operations::Unary::name:  \
+        return grad_kernel<name##_grad>;
+        ORNIK_FLOATING_OPERATIONS(ORNIK_GRAD_CASE)
+        ORNIK_SIGN_OPERATIONS(ORNIK_GRAD_CASE)
+        ORNIK_PART_OPERATIONS(ORNIK_GRAD_CASE)
+        ORNIK_ANGLE_OPERATIONS(ORNIK_GRAD_CASE)
+        default:
+            return nullptr;
+    }
+}
+
+}  // namespace ornik::device::cpu

@@ -1,0 +1,47 @@
+// cpu_unary_grad.cpp: gradients of unary operations on floating elements.
+#include "row_kernels.h"
+#include "slopes.h"
+
+namespace ornik::device::cpu {
+
+namespace {
+
+#define ORNIK_GRAD(name, ...)                                 \
+    struct name##_grad {                                      \
+        template <typename T>                                 \
+        ORNIK_IN_PLACE T operator()(T x, T y, T grad) const { \
+            return grad * slopes::name(x, y);                 \
+        }                                                     \
+    };
+ORNIK_DIFFERENTIABLE_OPERATIONS(ORNIK_GRAD)
+
+template <typename Grad>
+void grad_kernel(const MultiTensorIterationHelper& elements, std::int64_t dtype) {
+    dispatch(FloatTypes{}, dtype, [&]<typename T>() { run_function_rows<Grad, T, T, T, T>(elements); });
+}
+
+}  // namespace
+
+template <>
+struct BeyondLimit<sin_grad, float> {
+    static constexpr bool needed = true;
+    static float value(float x, float /*y*/, float grad) { return grad * static_cast<float>(std::cos(double{x})); }
+};
+template <>
+struct BeyondLimit<cos_grad, float> {
+    static constexpr bool needed = true;
+    static float value(float x, float /*y*/, float grad) { return -grad * static_cast<float>(std::sin(double{x})); }
+};
+
+ElementKernel real_grad_kernel(operations::Unary operation) {
+    switch (operation) {
+#define ORNIK_CASE(name, ...)     \
+    case operations::Unary::name: \
+        return grad_kernel<name##_grad>;
+        ORNIK_DIFFERENTIABLE_OPERATIONS(ORNIK_CASE)
+        default:
+            return nullptr;
+    }
+}
+
+}  // namespace ornik::device::cpu

@@ -1,0 +1,51 @@
+// cpu_unary_real.cpp: unary operations on floating elements.
+#include "real_functions.h"
+#include "row_kernels.h"
+
+namespace ornik::device::cpu {
+
+// clang-format off
+#define ORNIK_OPERATIONS_HERE(ROW) \
+    ORNIK_FLOATING_OPERATIONS(ROW) \
+    ORNIK_NETWORK_OPERATIONS(ROW)  \
+    ORNIK_SIGN_OPERATIONS(ROW)     \
+    ORNIK_PART_OPERATIONS(ROW)     \
+    ORNIK_ANGLE_OPERATIONS(ROW)    \
+    ORNIK_STEP_OPERATIONS(ROW)     \
+    ORNIK_ROUNDING_OPERATIONS(ROW) \
+    ORNIK_TEST_OPERATIONS(ROW)
+#define FUNCTIONS real_functions
+// clang-format on
+
+namespace {
+ORNIK_OPERATIONS_HERE(ORNIK_UNARY_FUNCTION)
+}  // namespace
+
+template <>
+struct BeyondLimit<sin_function, float> {
+    static constexpr bool needed = true;
+    static float value(float x) { return static_cast<float>(std::sin(double{x})); }
+};
+template <>
+struct BeyondLimit<cos_function, float> {
+    static constexpr bool needed = true;
+    static float value(float x) { return static_cast<float>(std::cos(double{x})); }
+};
+template <>
+struct BeyondLimit<tan_function, float> {
+    static constexpr bool needed = true;
+    static float value(float x) { return static_cast<float>(std::tan(double{x})); }
+};
+
+ElementKernel real_kernel(operations::Unary operation) {
+    switch (operation) {
+#define ORNIK_CASE(name, ...)     \
+    case operations::Unary::name: \
+        return unary_kernel<name##_function, FloatTypes>;
+        ORNIK_OPERATIONS_HERE(ORNIK_CASE)
+        default:
+            return nullptr;
+    }
+}
+
+}  // namespace ornik::device::cpu

@@ -1,0 +1,289 @@
+// elementary.h: exponentials, logarithms and circular functions that a compiler turns into vector code.
+//
+// Straight-line code without branches, tables or calls: a loop over them vectorises. Every rounding is
+// written out (fused() where a product and a sum may round once; contraction is off), so a value gets the
+// same bits in a vector lane, in the last elements of a row and alone.
+//
+// Polynomials are minimax fits (interpolation at Chebyshev nodes in 40 digits) of the function named in the
+// comment; the error given is that of the fit. Single-precision functions that are not worth a fit of
+// their own run in double: the last rounding is then all their error.
+#pragma once
+
+#include <bit>
+#include <cmath>
+#include <cstdint>
+
+// A call that is not expanded would keep the loop around it from becoming vector code.
+#if defined(__GNUC__)
+#define ORNIK_IN_PLACE [[gnu::always_inline]] inline
+#else
+#define ORNIK_IN_PLACE inline
+#endif
+
+namespace ornik::elementary {
+
+template <typename T>
+ORNIK_IN_PLACE T fused(T a, T b, T c) {
+#if defined(__FMA__) || defined(__ARM_FEATURE_FMA) || defined(__AVX2__)
+    return std::fma(a, b, c);
+#else
+    if constexpr (sizeof(T) == sizeof(float)) {
+        return static_cast<float>(double{a} * double{b} + double{c});
+    } else {
+        return a * b + c;
+    }
+#endif
+}
+
+/// c0 + c1 x + c2 x^2 + ...
+template <typename T>
+ORNIK_IN_PLACE T polynomial(T /*x*/, T c) {
+    return c;
+}
+template <typename T, typename... Ts>
+ORNIK_IN_PLACE T polynomial(T x, T c0, Ts... rest) {
+    return fused(x, polynomial(x, rest...), c0);
+}
+
+/// NaN passes.
+template <typename T>
+ORNIK_IN_PLACE T clamped(T x, T low, T high) {
+    const T above = x < low ? low : x;
+    return above > high ? high : above;
+}
+
+/// 2^k for an integer k in the exponent range.
+ORNIK_IN_PLACE float power_of_two(std::int32_t k) { return std::bit_cast<float>((k + 127) << 23); }
+
+// Adding and subtracting this rounds to a whole number, which also appears in the low bits of the sum.
+inline constexpr float whole32 = 0x1.8p23F;
+inline constexpr double whole64 = 0x1.8p52;
+
+// ln 2 in two pieces; products of the first one with an exponent are exact.
+inline constexpr float ln2_high32 = 0x1.63p-1F;
+inline constexpr float ln2_low32 = -0x1.bd0106p-13F;
+inline constexpr double ln2_high64 = 0x1.62e42feep-1;
+inline constexpr double ln2_low64 = 0x1.a39ef35793c76p-33;
+
+// ---- Exponentials: x = k ln 2 + r, |r| <= ln 2 / 2 ----
+
+/// (e^r - 1 - r) / r^2; 2^-32.
+ORNIK_IN_PLACE float exp_tail(float r) {
+    return polynomial(r, 0.5F, 0.1666666668F, 0.04166646499F, 0.008333310933F, 0.001393364269F, 0.0001989098271F);
+}
+/// 2^-62.
+ORNIK_IN_PLACE double exp_tail(double r) {
+    return polynomial(r, 0.5, 0.16666666666666670987, 0.041666666666666669752, 0.0083333333333261398193,
+                      0.0013888888888883751656, 0.00019841269874804214781, 0.000024801587325536022311,
+                      2.7557255421023504491e-6, 2.7557273657975951331e-7, 2.5105208339987696806e-8,
+                      2.0914680780540265278e-9);
+}
+
+struct Reduced32 {
+    std::int32_t k;
+    float r;
+};
+ORNIK_IN_PLACE Reduced32 by_ln2(float x) {
+    const float shifted = fused(x, 1.44269504F, whole32);
+    const float k = shifted - whole32;
+    const float r = fused(-k, ln2_low32, fused(-k, ln2_high32, x));
+    return {std::bit_cast<std::int32_t>(shifted) - std::bit_cast<std::int32_t>(whole32), r};
+}
+
+struct Reduced64 {
+    double k;
+    double r;
+};
+ORNIK_IN_PLACE Reduced64 by_ln2(double x) {
+    const double k = fused(x, 1.4426950408889634, whole64) - whole64;
+    return {k, fused(-k, ln2_low64, fused(-k, ln2_high64, x))};
+}
+
+/// 2^k for a whole k in the exponent range.
+ORNIK_IN_PLACE double power_of_two(double k) {
+    const auto low_bits = std::bit_cast<std::uint64_t>(k + (whole64 + 1023.0));
+    return std::bit_cast<double>(low_bits << 52);
+}
+
+ORNIK_IN_PLACE float exp(float x) {
+    // Beyond the bounds the result is 0 or infinite; between them two factors reach the subnormal range.
+    const Reduced32 reduced = by_ln2(clamped(x, -104.0F, 89.0F));
+    const float r = reduced.r;
+    const float mantissa = fused(r * r, exp_tail(r), r) + 1.0F;
+    const std::int32_t half = reduced.k >> 1;
+    return mantissa * power_of_two(half) * power_of_two(reduced.k - half);
+}
+
+ORNIK_IN_PLACE double exp(double x) {
+    const auto [k, r] = by_ln2(clamped(x, -746.0, 710.0));
+    const double mantissa = fused(r * r, exp_tail(r), r) + 1.0;
+    const double half = fused(k, 0.5, whole64) - whole64;
+    return mantissa * power_of_two(half) * power_of_two(k - half);
+}
+
+/// 1 / (1 + e^-x) = 2^-30 / (2^-30 + 2^-30 e^-x): one factor then covers all exponents.
+ORNIK_IN_PLACE float sigmoid(float x) {
+    const auto [k, r] = by_ln2(clamped(-x, -25.0F, 104.0F));
+    const float mantissa = fused(r * r, exp_tail(r), r) + 1.0F;
+    return 0x1p-30F / fused(mantissa, power_of_two(k - 30), 0x1p-30F);
+}
+
+/// x in -86 .. 0 for float, -700 .. 700 for double.
+ORNIK_IN_PLACE float expm1_moderate(float x) {
+    const auto [k, r] = by_ln2(x);
+    const float scale = power_of_two(k);
+    return fused(scale, fused(r * r, exp_tail(r), r), scale - 1.0F);
+}
+ORNIK_IN_PLACE double expm1_moderate(double x) {
+    const auto [k, r] = by_ln2(x);
+    const double scale = power_of_two(k);
+    return fused(scale, fused(r * r, exp_tail(r), r), scale - 1.0);
+}
+
+// ---- Logarithms: x = 2^k m, sqrt(1/2) <= m < sqrt(2) ----
+
+ORNIK_IN_PLACE float log(float x) {
+    const bool tiny = x < 0x1p-126F;
+    const float normal = tiny ? x * 0x1p25F : x;
+    constexpr std::int32_t root_half = 0x3f3504f3;
+    const std::int32_t shifted = std::bit_cast<std::int32_t>(normal) - root_half;
+    const float k = static_cast<float>(shifted >> 23) - (tiny ? 25.0F : 0.0F);
+    const float f = std::bit_cast<float>((shifted & 0x007fffff) + root_half) - 1.0F;
+    // (log(1 + f) - f + f^2 / 2) / f^3; 2^-28.
+    const float tail = polynomial(f, 0.3333333118F, -0.2499999696F, 0.2000071575F, -0.1666780232F, 0.1424905765F,
+                                  -0.1242568733F, 0.1168541992F, -0.1147973385F, 0.06971611471F);
+    const float square = f * f;
+    const float small = fused(square * f, tail, fused(k, ln2_low32, -0.5F * square));
+    const float result = fused(k, ln2_high32, f + small);
+    const float positive = x < INFINITY ? result : x;
+    return x > 0.0F ? positive : (x == 0.0F ? -INFINITY : NAN);
+}
+
+ORNIK_IN_PLACE double log(double x) {
+    const bool tiny = x < 0x1p-1022;
+    const double normal = tiny ? x * 0x1p54 : x;
+    constexpr std::uint64_t root_half = 0x3fe6a09e667f3bcd;
+    constexpr std::uint64_t mantissa_bits = 0x000fffffffffffff;
+    // Biased by 1023 * 2^52, so that a logical shift does.
+    const std::uint64_t shifted = std::bit_cast<std::uint64_t>(normal) + (0x3ff0000000000000 - root_half);
+    const double biased = std::bit_cast<double>((shifted >> 52) | 0x4330000000000000) - 0x1p52;
+    const double k = biased - (tiny ? 1023.0 + 54.0 : 1023.0);
+    const double f = std::bit_cast<double>((shifted & mantissa_bits) + root_half) - 1.0;
+    const double s = f / (2.0 + f);
+    const double z = s * s;
+    // log((1 + s) / (1 - s)) = 2 s + s z tail(z); 2^-64.
+    const double tail = z * polynomial(z, 0.66666666666666666464, 0.40000000000000879686, 0.28571428570801956942,
+                                       0.22222222392089007998, 0.18181795600060787268, 0.15386241881938825606,
+                                       0.13268714792342885109, 0.13087236196706833707);
+    const double half_square = 0.5 * f * f;
+    const double small = half_square - fused(s, half_square + tail, k * ln2_low64);
+    const double result = fused(k, ln2_high64, f - small);
+    const double positive = x < HUGE_VAL ? result : x;
+    return x > 0.0 ? positive : (x == 0.0 ? -HUGE_VAL : NAN);
+}
+
+/// For x that a float or a product of two floats can hold.
+ORNIK_IN_PLACE double log1p(double x) {
+    const double sum = 1.0 + x;
+    const double lost = x - (sum - 1.0);
+    return log(sum) + (sum < HUGE_VAL && sum > 0.0 ? lost / sum : 0.0);
+}
+
+// ---- Circular functions of single-precision arguments up to circular_limit: x = k pi / 2 + r ----
+
+inline constexpr float circular_limit = 0x1p16F;
+
+ORNIK_IN_PLACE float negated_if(std::int32_t bit, float x) {
+    return std::bit_cast<float>(std::bit_cast<std::int32_t>(x) ^ (bit << 31));
+}
+
+/// sin(x + shift pi / 2) for a shift of 0 or 1.
+ORNIK_IN_PLACE float sin_shifted(float x, std::int32_t shift) {
+    const float shifted = fused(x, 0.636619772F, whole32);
+    const float k = shifted - whole32;
+    // pi / 2 in three pieces of 24 bits: the first step is exact, k being below 2^16.
+    const float r = fused(-k, -0x1.ee59dap-50F, fused(-k, -0x1.777a5cp-25F, fused(-k, 0x1.921fb6p+0F, x)));
+    const float z = r * r;
+    // (sin r / r - 1) / z, 2^-36, and (cos r - 1 + z / 2) / z^2, 2^-30.
+    const float s = fused(r * z, polynomial(z, -0.1666666667F, 0.008333331874F, -0.000198400865F, 2.72498953e-6F), r);
+    const float c =
+        fused(z * z, polynomial(z, 0.04166666459F, -0.001388828923F, 2.454497646e-5F), fused(z, -0.5F, 1.0F));
+    const std::int32_t quarter = std::bit_cast<std::int32_t>(shifted) + shift;
+    return negated_if((quarter >> 1) & 1, (quarter & 1) != 0 ? c : s);
+}
+
+ORNIK_IN_PLACE float sin(float x) { return std::copysign(1.0F, x) * sin_shifted(std::fabs(x), 0); }
+ORNIK_IN_PLACE float cos(float x) { return sin_shifted(x, 1); }
+
+struct Angle {
+    std::uint64_t quarter;  ///< Quarter turns, modulo 4 in the low bits.
+    double sin;             ///< Of what is left.
+    double cos;
+};
+
+ORNIK_IN_PLACE Angle quarter_turns(double x) {
+    const double shifted = fused(x, 0.63661977236758134, whole64);
+    const double k = shifted - whole64;
+    const double r = fused(-k, 0x1.0b4611a626331p-34, fused(-k, 0x1.921fb544p+0, x));
+    const double z = r * r;
+    // (sin r / r - 1) / z, 2^-36, and (cos r - 1 + z / 2) / z^2, 2^-40.
+    const double s =
+        polynomial(z, -0.16666666663854167, 0.0083333318742736971, -0.00019840086499588236, 2.7249895230115074e-6);
+    const double c =
+        polynomial(z, 0.04166666666432016, -0.0013888887671638701, 2.4800600175889818e-5, -2.7300933272849958e-7);
+    return {std::bit_cast<std::uint64_t>(shifted), r * fused(z, s, 1.0), fused(z * z, c, fused(z, -0.5, 1.0))};
+}
+
+ORNIK_IN_PLACE float tan(float x) {
+    const Angle a = quarter_turns(x);
+    const bool odd = (a.quarter & 1) != 0;
+    return static_cast<float>((odd ? -a.cos : a.sin) / (odd ? a.sin : a.cos));
+}
+
+/// To 2^-43, what a float result needs.
+ORNIK_IN_PLACE double atan_approx(double x) {
+    const double a = std::fabs(x);
+    // Turned by an eighth or a quarter so that |t| <= tan(pi / 8).
+    const bool far = a > 2.414213562373095;
+    const bool middle = a > 0.41421356237309503;
+    const double above = far ? -1.0 : (middle ? a - 1.0 : a);
+    const double below = far ? a : (middle ? a + 1.0 : 1.0);
+    const double start = far ? 1.5707963267948966 : (middle ? 0.78539816339744828 : 0.0);
+    const double t = above / below;
+    const double z = t * t;
+    const double tail =
+        polynomial(z, -0.3333333333326612, 0.19999999949803647, -0.14285708105033644, 0.11110819510960796,
+                   -0.090840981434893147, 0.076047651947904962, -0.060271479490779813, 0.0329539428974707);
+    return std::copysign(start + fused(t * z, tail, t), x);
+}
+
+// ---- The error function ----
+
+ORNIK_IN_PLACE float erf(float x) {
+    const float a = clamped(std::fabs(x), 0.0F, 4.0F);
+    const float z = a * a;
+    // erf(a) / a - 1 in z up to 1; 2^-35.
+    const float near = fused(a,
+                             polynomial(z, 0.1283791671F, -0.3761263847F, 0.112837825F, -0.02686543073F,
+                                        0.005221031808F, -0.0008484080405F, 0.0001126595902F, -9.667044567e-6F),
+                             a);
+    // -log(erfc(a)) in a from 1 to 4; 2^-31.
+    const float exponent = polynomial(a, -0.0003201380497F, 1.130233435F, 0.6318260516F, 0.1100800829F, -0.02642113601F,
+                                      0.004759596293F, -0.0005968056257F, 4.605804269e-5F, -1.637151415e-6F);
+    const float far = -expm1_moderate(-exponent);
+    return std::copysign(a < 1.0F ? near : far, x);
+}
+
+/// erfc(a) for a >= 0, to 2^-38 of its value.
+ORNIK_IN_PLACE double erfc_approx(double a) {
+    const double b = clamped(a, 0.0, 14.0);
+    const double t = (b - 3.0) / (b + 3.0);
+    const double scaled =
+        polynomial(t, 1.2530080582694319, -0.13562110618141531, -0.04756229435728183, 0.12964516202264058,
+                   -0.11927366077273763, 0.068307972137174653, -0.023770582721041554, 0.0025297737221205692,
+                   0.0018893188657483428, -0.00078098864621477121, -0.00010782098099724503, 0.000126078216363143,
+                   1.0160262641939745e-5, -1.8144023890688555e-5, -4.4313184138621135e-6);
+    return exp(-b * b) * scaled / fused(2.0, b, 1.0);
+}
+
+}  // namespace ornik::elementary

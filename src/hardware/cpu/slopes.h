@@ -1,0 +1,65 @@
+// slopes.h: derivatives of the differentiable operations at x, where they give y. Included by row kernels.
+//
+// T is float, double or, where the operation takes complex numbers, std::complex<double>.
+#pragma once
+
+#include "complex_functions.h"
+#include "real_functions.h"
+
+namespace ornik::slopes {
+
+namespace functions {
+using namespace real_functions;
+using namespace complex_functions::wide_functions;
+}  // namespace functions
+
+inline constexpr double ln2 = 0.69314718055994530942;
+inline constexpr double ln10 = 2.30258509299404568402;
+
+// clang-format off
+#define ORNIK_SLOPE(name, ...)                                                   \
+    template <typename T>                                                        \
+    ORNIK_IN_PLACE T name([[maybe_unused]] T x, [[maybe_unused]] T y) {          \
+        return __VA_ARGS__;                                                      \
+    }
+
+ORNIK_SLOPE(exp,        y)
+ORNIK_SLOPE(exp2,       y * T(ln2))
+ORNIK_SLOPE(expm1,      y + T(1))
+ORNIK_SLOPE(log,        T(1) / x)
+ORNIK_SLOPE(log2,       T(1) / (x * T(ln2)))
+ORNIK_SLOPE(log10,      T(1) / (x * T(ln10)))
+ORNIK_SLOPE(log1p,      T(1) / (T(1) + x))
+ORNIK_SLOPE(sqrt,       T(0.5) / y)
+ORNIK_SLOPE(rsqrt,      T(-0.5) * y * y * y)
+ORNIK_SLOPE(reciprocal, -y * y)
+ORNIK_SLOPE(sin,        functions::cos(x))
+ORNIK_SLOPE(cos,        -functions::sin(x))
+ORNIK_SLOPE(tan,        T(1) + y * y)
+ORNIK_SLOPE(asin,       T(1) / functions::sqrt((T(1) - x) * (T(1) + x)))
+ORNIK_SLOPE(acos,       T(-1) / functions::sqrt((T(1) - x) * (T(1) + x)))
+ORNIK_SLOPE(atan,       T(1) / (T(1) + x * x))
+ORNIK_SLOPE(sinh,       functions::cosh(x))
+ORNIK_SLOPE(cosh,       functions::sinh(x))
+ORNIK_SLOPE(tanh,       (T(1) - y) * (T(1) + y))
+ORNIK_SLOPE(asinh,      T(1) / functions::sqrt(T(1) + x * x))
+ORNIK_SLOPE(acosh,      T(1) / (functions::sqrt(x - T(1)) * functions::sqrt(x + T(1))))
+ORNIK_SLOPE(atanh,      T(1) / ((T(1) - x) * (T(1) + x)))
+ORNIK_SLOPE(sigmoid,    y * (T(1) - y))
+ORNIK_SLOPE(logsigmoid, functions::sigmoid(-x))
+ORNIK_SLOPE(softplus,   functions::sigmoid(x))
+ORNIK_SLOPE(silu,       functions::silu_slope(x))
+ORNIK_SLOPE(gelu,       functions::gelu_slope(x))
+ORNIK_SLOPE(erf,        T(1.12837916709551257390) * functions::exp(-x * x))
+ORNIK_SLOPE(neg,        T(-1))
+ORNIK_SLOPE(sqr,        x + x)
+// Of real numbers only: parts of complex ones have no complex derivative.
+ORNIK_SLOPE(abs,        functions::sign(x))
+ORNIK_SLOPE(conj,       T(1))
+ORNIK_SLOPE(real,       T(1))
+ORNIK_SLOPE(imag,       T(0))
+ORNIK_SLOPE(angle,      T(0))
+#undef ORNIK_SLOPE
+// clang-format on
+
+}  // namespace ornik::slopes
