@@ -17,6 +17,9 @@ set(ORNIK_PUBLIC_HEADERS
     tensor/broadcast.h
     tensor/dtype.h
     tensor/tensor.h
+    tensor/tensor_math/indexing.h
+    tensor/tensor_math/reductions.h
+    tensor/tensor_math/sorting.h
     tensor/tensor_math/tensor_arithmetic.h
     tensor/tensor_meta.h
     tensor/tensor_storage.h

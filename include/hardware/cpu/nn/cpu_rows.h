@@ -9,10 +9,4 @@ namespace ornik::device::cpu {
 /// are added in chunks of a fixed size, and the chunks in order: the bits do not depend on the team size.
 void sum_rows(const Tensor* in, Tensor* out);
 
-/// Softmax along `axis` of contiguous tensors: out = exp(in - max) / sum. float32 and float64.
-void softmax(const Tensor* in, Tensor* out, int axis);
-
-/// Gradient of softmax from its output y: out = y (g - sum(g y)).
-void softmax_grad(const Tensor* y, const Tensor* g, Tensor* out, int axis);
-
 }  // namespace ornik::device::cpu
