@@ -48,7 +48,19 @@ void take_slices(const SliceWalk& walk);
 /// Slices of indexed = other, or += it.
 void put_slices(const SliceWalk& walk, bool accumulate);
 
-/// Flat positions of the true elements of a row-major bool tensor, ascending.
-std::vector<std::int64_t> true_positions(const Tensor* mask);
+/// How many elements of a row-major bool tensor are true before each block of it, and in all.
+struct TrueRanks {
+    std::vector<std::int64_t> start{};
+    std::int64_t count() const { return start.back(); }
+};
+TrueRanks true_ranks(const Tensor* mask);
+
+// Further operands are row-major: flat positions, ascending (int64); selected elements of x, which has mask's
+// shape; and back.
+void true_positions(const Tensor* mask, const TrueRanks& ranks, Tensor* positions);
+/// columns[k, d]: the coordinate along axis d of flat position k in a row-major tensor of the shape.
+void coordinates(const Tensor* positions, const Dims& shape, Tensor* columns);
+void masked_take(const Tensor* x, const Tensor* mask, const TrueRanks& ranks, Tensor* out);
+void masked_put(const Tensor* values, const Tensor* mask, const TrueRanks& ranks, Tensor* x);
 
 }  // namespace ornik::device::cpu

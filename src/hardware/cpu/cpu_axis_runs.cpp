@@ -3,49 +3,35 @@
 #include <algorithm>
 #include <numeric>
 
+#include "cpu_item_size.h"
 #include "hardware/parallel.h"
 
 namespace ornik::device::cpu {
 
 namespace {
 
-constexpr std::int64_t max_batch = 16;            // runs staged together
-constexpr std::int64_t staged_bytes = 1 << 17;    // of one operand
+constexpr std::int64_t max_batch = 64;            // runs staged together
+constexpr std::int64_t staged_bytes = 1 << 20;    // of one operand
 constexpr std::int64_t grain_elements = 1 << 14;  // cheap ones, worth a second thread
 
-struct Item16 {
-    std::uint64_t half[2];
-};
-
-// Between `count` runs in place, at `places`, and as many staged ones.
+// Between `count` runs of n elements in place, at `places`, and as many staged ones, `row` elements apart. Runs in
+// place are neighbours: one cache line holds an element of each of several.
 template <typename Item>
-void stage(char* const* places, std::int64_t count, std::int64_t stride, Item* staged, std::int64_t n, bool back) {
+void stage(char* const* places, std::int64_t count, std::int64_t stride, Item* staged, std::int64_t row, std::int64_t n,
+           bool back) {
     for (std::int64_t i = 0; i < n; ++i) {
         for (std::int64_t r = 0; r < count; ++r) {
-            Item* place = reinterpret_cast<Item*>(places[r] + i * stride);
-            if (back) {
-                *place = staged[r * n + i];
-            } else {
-                staged[r * n + i] = *place;
-            }
+            Item& place = *reinterpret_cast<Item*>(places[r] + i * stride);
+            Item& copy = staged[r * row + i];
+            (back ? place : copy) = back ? copy : place;
         }
     }
 }
 
-void stage(char* const* places, std::int64_t count, std::int64_t stride, char* staged, std::int64_t n,
-           std::int64_t item_size, bool back) {
-    switch (item_size) {
-        case 1:
-            return stage(places, count, stride, as<std::uint8_t>(staged), n, back);
-        case 2:
-            return stage(places, count, stride, as<std::uint16_t>(staged), n, back);
-        case 4:
-            return stage(places, count, stride, as<std::uint32_t>(staged), n, back);
-        case 8:
-            return stage(places, count, stride, as<std::uint64_t>(staged), n, back);
-        default:
-            return stage(places, count, stride, as<Item16>(staged), n, back);
-    }
+// Elements from one staged run to the next: a cache line more than a run, so that runs do not compete for the
+// same places in the cache.
+std::int64_t staged_row(std::int64_t extent, std::int64_t item_size) {
+    return (extent * item_size / 64 + 2) * 64 / item_size;
 }
 
 }  // namespace
@@ -99,10 +85,11 @@ void AxisRuns::walk(std::int64_t cost, RunFunction run, const void* context) con
 void AxisRuns::walk_range(std::int64_t begin, std::int64_t end, std::int64_t batch,
                           const std::vector<std::size_t>& order, RunFunction run, const void* context) const {
     const std::size_t count = operands_.size();
+    const auto row_bytes = [](const Operand& o) { return staged_row(o.extent, o.item_size) * o.item_size; };
     std::vector<std::unique_ptr<char[]>> buffers(count);
     for (std::size_t k = 0; k < count; ++k) {
         if (operands_[k].is_staged()) {
-            buffers[k].reset(new char[static_cast<std::size_t>(batch * operands_[k].extent * operands_[k].item_size)]);
+            buffers[k].reset(new char[static_cast<std::size_t>(batch * row_bytes(operands_[k]))]);
         }
     }
     std::vector<std::int64_t> position(sizes_.size(), 0);
@@ -143,15 +130,18 @@ void AxisRuns::walk_range(std::int64_t begin, std::int64_t end, std::int64_t bat
             for (std::size_t k = 0; k < count; ++k) {
                 const Operand& o = operands_[k];
                 if (buffers[k] && o.use == use) {
-                    stage(&places[k * static_cast<std::size_t>(batch)], rows, o.axis_stride, buffers[k].get(), o.extent,
-                          o.item_size, use == Use::output);
+                    by_item_size(o.item_size, [&]<typename Item>() {
+                        stage(&places[k * static_cast<std::size_t>(batch)], rows, o.axis_stride,
+                              as<Item>(buffers[k].get()), staged_row(o.extent, o.item_size), o.extent,
+                              use == Use::output);
+                    });
                 }
             }
         };
         move_staged(Use::input);
         for (std::int64_t r = 0; r < rows; ++r) {
             for (std::size_t k = 0; k < count; ++k) {
-                runs[k] = buffers[k] ? buffers[k].get() + r * operands_[k].extent * operands_[k].item_size
+                runs[k] = buffers[k] ? buffers[k].get() + r * row_bytes(operands_[k])
                                      : places[k * static_cast<std::size_t>(batch) + static_cast<std::size_t>(r)];
             }
             run(context, runs.data());

@@ -1,7 +1,8 @@
-#include "cpu_exp.h"
+#include "hardware/cpu/cpu_exp.h"
 
 #include <Eigen/Core>
 #include <algorithm>
+#include <type_traits>
 
 namespace ornik::device::cpu {
 
@@ -26,13 +27,20 @@ void by_blocks(const T* in, T* out, std::int64_t n, const Block& block) {
 template <typename T>
 using Lanes = Eigen::Array<T, 64 / static_cast<int>(sizeof(T)), 1>;
 
+// The matrix library's exponential stops short of underflow: what it gives for a hugely negative number is not 0.
+template <typename T>
+void exp_lanes(const Lanes<T>& difference, T* out) {
+    constexpr T lowest = std::is_same_v<T, float> ? T(-87.3365447505531) : T(-708.3964185322641);
+    Eigen::Map<Lanes<T>> result(out);
+    result = (difference < lowest).select(T(0), difference.exp());
+}
+
 }  // namespace
 
 template <typename T>
 void exp_shifted(const T* in, T shift, T* out, std::int64_t n) {
     by_blocks(in, out, n, [shift](const T* source, std::int64_t, std::int64_t, T* target) {
-        Eigen::Map<Lanes<T>> result(target);
-        result = (Eigen::Map<const Lanes<T>>(source) - shift).exp();
+        exp_lanes<T>(Eigen::Map<const Lanes<T>>(source) - shift, target);
     });
 }
 
@@ -41,8 +49,7 @@ void exp_shifted(const T* in, const T* shifts, T* out, std::int64_t n) {
     by_blocks(in, out, n, [shifts](const T* source, std::int64_t at, std::int64_t count, T* target) {
         Lanes<T> shift = Lanes<T>::Zero();
         std::copy_n(shifts + at, count, shift.data());
-        Eigen::Map<Lanes<T>> result(target);
-        result = (Eigen::Map<const Lanes<T>>(source) - shift).exp();
+        exp_lanes<T>(Eigen::Map<const Lanes<T>>(source) - shift, target);
     });
 }
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "cpu_axis_runs.h"
+#include "cpu_item_size.h"
 #include "cpu_reduce_walk.h"
 #include "hardware/cpu/dispatch.h"
 #include "hardware/cpu/element_math.h"
@@ -17,28 +18,6 @@ namespace {
 
 constexpr std::int64_t place_cost = 4;
 constexpr std::int64_t grain_moves = 1 << 14;  // elements worth a second thread
-constexpr std::int64_t mask_block = 4096;
-
-struct Item16 {
-    std::uint64_t half[2];
-};
-
-// Moves look at sizes alone: function.operator()<Item>().
-template <typename Function>
-void by_item_size(std::int64_t item_size, const Function& function) {
-    switch (item_size) {
-        case 1:
-            return function.template operator()<std::uint8_t>();
-        case 2:
-            return function.template operator()<std::uint16_t>();
-        case 4:
-            return function.template operator()<std::uint32_t>();
-        case 8:
-            return function.template operator()<std::uint64_t>();
-        default:
-            return function.template operator()<Item16>();
-    }
-}
 
 // function.operator()<Item>(store): store writes an element, or adds it.
 template <typename Function>
@@ -67,17 +46,28 @@ std::int64_t axis_stride(const Tensor* t, int axis) { return t->Strides()[static
 
 std::int64_t extent(const Tensor* t, int axis) { return t->Shape()[static_cast<std::size_t>(axis)]; }
 
-// Every element of an index tensor in row-major order.
+// Calls visit(position, items, n, stride) for stretches of an index tensor in row-major order; returns when
+// visit gives false. Without `repeats`, expanded axes are visited once.
 template <typename Visit>
-void for_each_index(const Tensor* index, const Visit& visit) {
+void for_each_stretch(const Tensor* index, bool repeats, const Visit& visit) {
     std::vector<ReduceAxis> axes;
     for (std::size_t i = index->Shape().size(); i-- > 0;) {
-        axes.push_back({index->Shape()[i], index->Strides()[i], 0});
+        if (repeats || index->Strides()[i] != 0) {
+            axes.push_back({index->Shape()[i], index->Strides()[i], 0});
+        }
+    }
+    if (index->Size() == 0) {
+        return;
     }
     const auto* items = static_cast<const std::int64_t*>(index->getRawData());
-    ReduceWalk walk(axes, 0);
-    for (std::int64_t i = 0; i < index->Size(); ++i, walk.next()) {
-        if (!visit(i, items[walk.offset()])) {
+    std::int64_t stretches = 1;
+    for (std::size_t i = 1; i < axes.size(); ++i) {
+        stretches *= axes[i].size;
+    }
+    const ReduceAxis inner = axes.empty() ? ReduceAxis{1, 1, 0} : axes.front();
+    ReduceWalk walk(axes, 0, 1);
+    for (std::int64_t i = 0; i < stretches; ++i, walk.next()) {
+        if (!visit(i * inner.size, items + walk.offset(), inner.size, inner.stride)) {
             return;
         }
     }
@@ -87,11 +77,17 @@ void for_each_index(const Tensor* index, const Visit& visit) {
 
 std::optional<std::int64_t> first_outside(const Tensor* index, std::int64_t n) {
     std::optional<std::int64_t> outside;
-    for_each_index(index, [&](std::int64_t /*i*/, std::int64_t value) {
-        if (value < -n || value >= n) {
-            outside = value;
+    for_each_stretch(index, false, [&](std::int64_t, const std::int64_t* items, std::int64_t count, std::int64_t step) {
+        int found = 0;
+        for (std::int64_t i = 0; i < count; ++i) {
+            found |= static_cast<int>(items[i * step] < -n) | static_cast<int>(items[i * step] >= n);
         }
-        return !outside;
+        for (std::int64_t i = 0; found != 0 && !outside; ++i) {
+            if (items[i * step] < -n || items[i * step] >= n) {
+                outside = items[i * step];
+            }
+        }
+        return found == 0;
     });
     return outside;
 }
@@ -260,10 +256,13 @@ void move_slices(const SliceWalk& walk, bool share_table, const Move& move) {
 }  // namespace
 
 void add_offsets(const Tensor* index, std::int64_t n, std::int64_t stride, std::vector<std::int64_t>& offsets) {
-    for_each_index(index, [&](std::int64_t i, std::int64_t value) {
-        offsets[static_cast<std::size_t>(i)] += wrapped(value, n) * stride;
-        return true;
-    });
+    for_each_stretch(index, true,
+                     [&](std::int64_t at, const std::int64_t* items, std::int64_t count, std::int64_t step) {
+                         for (std::int64_t i = 0; i < count; ++i) {
+                             offsets[static_cast<std::size_t>(at + i)] += wrapped(items[i * step], n) * stride;
+                         }
+                         return true;
+                     });
 }
 
 void take_slices(const SliceWalk& walk) {
@@ -275,38 +274,6 @@ void take_slices(const SliceWalk& walk) {
 void put_slices(const SliceWalk& walk, bool accumulate) {
     with_store(walk.indexed, accumulate,
                [&]<typename Item>(const auto& store) { move_slices<Item>(walk, false, store); });
-}
-
-std::vector<std::int64_t> true_positions(const Tensor* mask) {
-    const auto* items = static_cast<const std::uint8_t*>(mask->getRawData());
-    const std::int64_t n = mask->Size();
-    const std::int64_t blocks = (n + mask_block - 1) / mask_block;
-    const auto end_of = [&](std::int64_t block) { return std::min(n, (block + 1) * mask_block); };
-    std::vector<std::int64_t> start(static_cast<std::size_t>(blocks) + 1, 0);
-    parallel_for(blocks, 1, 16, [&](std::int64_t begin, std::int64_t end) {
-        for (std::int64_t block = begin; block < end; ++block) {
-            std::int64_t count = 0;
-            for (std::int64_t i = block * mask_block; i < end_of(block); ++i) {
-                count += items[i] != 0 ? 1 : 0;
-            }
-            start[static_cast<std::size_t>(block) + 1] = count;
-        }
-    });
-    for (std::size_t block = 1; block < start.size(); ++block) {
-        start[block] += start[block - 1];
-    }
-    std::vector<std::int64_t> positions(static_cast<std::size_t>(start.back()));
-    parallel_for(blocks, 1, 16, [&](std::int64_t begin, std::int64_t end) {
-        for (std::int64_t block = begin; block < end; ++block) {
-            auto next = static_cast<std::size_t>(start[static_cast<std::size_t>(block)]);
-            for (std::int64_t i = block * mask_block; i < end_of(block); ++i) {
-                if (items[i] != 0) {
-                    positions[next++] = i;
-                }
-            }
-        }
-    });
-    return positions;
 }
 
 }  // namespace ornik::device::cpu

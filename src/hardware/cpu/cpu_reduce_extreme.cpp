@@ -54,7 +54,7 @@ struct Place {
     }
 
     static void columns(const Item* const* rows, std::int64_t n, std::int64_t cols, std::int64_t first, State* states) {
-        constexpr std::int64_t block = 64;
+        constexpr std::int64_t block = 1024;
         // Positions as wide as the items: values and positions then advance in registers of one width.
         using Position = std::conditional_t<sizeof(Item) == 8, std::int64_t, std::int32_t>;
         for (std::int64_t begin = 0; begin < cols; begin += block) {

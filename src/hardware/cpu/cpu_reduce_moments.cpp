@@ -2,8 +2,8 @@
 #include <cmath>
 #include <limits>
 
-#include "cpu_exp.h"
 #include "cpu_reduce_extreme.h"
+#include "hardware/cpu/cpu_exp.h"
 #include "hardware/cpu/cpu_reduce.h"
 #include "hardware/cpu/dispatch.h"
 
@@ -11,7 +11,7 @@ namespace ornik::device::cpu {
 
 namespace {
 
-constexpr std::int64_t column_block = 64;
+constexpr std::int64_t column_block = 512;
 
 // ---- Variance ----
 

@@ -36,29 +36,32 @@ device::cpu::SliceWalk slice_walk(const IndexedAxes& indexed, const Tensor* x, c
 
 namespace {
 
-TensorResult tensor_of(const std::vector<std::int64_t>& values, const Dims& shape) {
-    TensorResult result = new_result(shape, dtype::int64);
-    std::copy(values.begin(), values.end(), static_cast<std::int64_t*>(result->getRawData()));
-    return result;
-}
-
-std::vector<std::int64_t> true_positions_of(const Tensor* t) {
-    const TensorResult mask = new_result(t->Shape(), dtype::boolean);
+// A row-major mask: true where `t` is not zero.
+TensorResult truth_of(const Tensor* t) {
+    TensorResult mask = new_result(t->Shape(), dtype::boolean);
     device::cpu::copy(t, mask.get());
-    return device::cpu::true_positions(mask.get());
+    return mask;
 }
 
-// The coordinates along each axis of flat positions in a shape: [ndim] tensors of [count] elements.
-std::vector<TensorResult> coordinates(const std::vector<std::int64_t>& positions, const Dims& shape) {
-    std::vector<TensorResult> result;
-    const Dims strides = shape2stride(shape);
-    for (std::size_t d = 0; d < shape.size(); ++d) {
-        std::vector<std::int64_t> values(positions.size());
-        std::transform(positions.begin(), positions.end(), values.begin(),
-                       [&](std::int64_t at) { return at / strides[d] % shape[d]; });
-        result.push_back(tensor_of(values, {static_cast<std::int64_t>(values.size())}));
-    }
-    return result;
+TensorResult true_positions_of(const Tensor* t) {
+    const TensorResult mask = truth_of(t);
+    const device::cpu::TrueRanks ranks = device::cpu::true_ranks(mask.get());
+    TensorResult positions = new_result({ranks.count()}, dtype::int64);
+    device::cpu::true_positions(mask.get(), ranks, positions.get());
+    return positions;
+}
+
+// Column d of `columns` [count, ndim]: the coordinates along axis d of flat positions in a shape.
+TensorResult coordinates(const Tensor* positions, const Dims& shape) {
+    const auto rank = static_cast<std::int64_t>(shape.size());
+    TensorResult columns = new_result({positions->Size(), rank}, dtype::int64);
+    device::cpu::coordinates(positions, shape, columns.get());
+    return columns;
+}
+
+TensorResult column_of(const Tensor* columns, std::size_t d) {
+    const Dims& shape = columns->Shape();
+    return new_view(columns, {shape[0]}, {shape[1]}, shape[0] > 0 ? static_cast<std::int64_t>(d) : 0);
 }
 
 // Checked indices of a tensor of a shape: int64 views of one shape, and the shape of what they select.
@@ -116,8 +119,10 @@ class Indices {
                                                  shape.begin() + static_cast<std::ptrdiff_t>(axis))) {
             fail(at, "A mask of shape ", mask->Shape(), "does not fit axis ", axis, " of a shape of ", shape);
         }
-        std::vector<TensorResult> axes = coordinates(true_positions_of(mask), mask->Shape());
-        std::move(axes.begin(), axes.end(), positions.begin() + static_cast<std::ptrdiff_t>(axis));
+        const TensorResult columns = coordinates(true_positions_of(mask).get(), mask->Shape());
+        for (std::size_t d = 0; d < mask->Shape().size(); ++d) {
+            positions[axis + d] = column_of(columns.get(), d);
+        }
     }
 
     IndexedAxes indexed_;
@@ -174,20 +179,29 @@ Tensor* masked_select(Tensor* x, Tensor* mask) {
     check_cpu(x);
     check_mask(where("ornik::masked_select"), mask);
     const Dims shape = infer_size_impl(x->Shape(), mask->Shape());
-    const TensorResult whole_mask(Tensor::broadcast_to(mask, shape));
-    const TensorResult whole(Tensor::broadcast_to(x, shape));
-    const std::vector<std::int64_t> positions = true_positions_of(whole_mask.get());
-    return take(whole.get(), tensor_of(positions, {static_cast<std::int64_t>(positions.size())}).get());
+    const TensorResult whole_mask = truth_of(TensorResult(Tensor::broadcast_to(mask, shape)).get());
+    TensorResult whole(Tensor::broadcast_to(x, shape));
+    if (!whole->is_contiguous()) {
+        whole = row_major_copy(whole.get());
+    }
+    const device::cpu::TrueRanks ranks = device::cpu::true_ranks(whole_mask.get());
+    TensorResult result = new_result({ranks.count()}, x->Dtype());
+    device::cpu::masked_take(whole.get(), whole_mask.get(), ranks, result.get());
+    return result.release();
 }
 
 Tensor* masked_select_grad(Tensor* grad, const Dims& shape, Tensor* mask) {
     const Where at = where("ornik::masked_select_grad");
+    check_cpu(grad);
+    check_dtype(at, is_float_or_complex(grad));
     check_mask(at, mask);
     const Dims whole_shape = infer_size_impl(shape, mask->Shape());
-    const TensorResult whole_mask(Tensor::broadcast_to(mask, whole_shape));
-    const std::vector<std::int64_t> positions = true_positions_of(whole_mask.get());
-    const TensorResult index = tensor_of(positions, {static_cast<std::int64_t>(positions.size())});
-    TensorResult whole(take_grad(grad, whole_shape, index.get()));
+    const TensorResult whole_mask = truth_of(TensorResult(Tensor::broadcast_to(mask, whole_shape)).get());
+    const device::cpu::TrueRanks ranks = device::cpu::true_ranks(whole_mask.get());
+    check_source(at, grad, grad, {ranks.count()});
+    const TensorResult source = row_major_copy(grad);
+    TensorResult whole = filled_result(whole_shape, grad->Dtype(), 0.0F);
+    device::cpu::masked_put(source.get(), whole_mask.get(), ranks, whole.get());
     if (whole_shape == shape) {
         return whole.release();
     }
@@ -207,17 +221,7 @@ Tensor* masked_select_grad(Tensor* grad, const Dims& shape, Tensor* mask) {
 
 Tensor* nonzero(Tensor* x) {
     check_cpu(x);
-    const std::vector<std::int64_t> positions = true_positions_of(x);
-    const auto count = static_cast<std::int64_t>(positions.size());
-    const auto rank = static_cast<std::int64_t>(x->Shape().size());
-    TensorResult result = new_result({count, rank}, dtype::int64);
-    const std::vector<TensorResult> columns = coordinates(positions, x->Shape());
-    for (std::size_t d = 0; d < columns.size(); ++d) {
-        const TensorResult column =
-            new_view(result.get(), {count}, {rank}, count > 0 ? static_cast<std::int64_t>(d) : 0);
-        device::cpu::copy(columns[d].get(), column.get());
-    }
-    return result.release();
+    return coordinates(true_positions_of(x).get(), x->Shape()).release();
 }
 
 }  // namespace ornik

@@ -3,8 +3,8 @@
 #include <cmath>
 
 #include "../cpu_axis_runs.h"
-#include "../cpu_exp.h"
 #include "../cpu_reduce_extreme.h"
+#include "hardware/cpu/cpu_exp.h"
 #include "hardware/cpu/dispatch.h"
 
 namespace ornik::device::cpu {
@@ -29,7 +29,8 @@ T row_sum(const T* row, std::int64_t n) {
     return row_sum(row, half) + row_sum(row + half, n - half);
 }
 
-// Runs of `first` (n elements each) with those of the others; row(first, second, out, n).
+// Runs of `first` (n elements each) with those of the others; row(first, second, out, n). Without `second` the
+// first stands for it.
 template <typename Row>
 void for_each_row(const Tensor* first, const Tensor* second, Tensor* out, int axis, const Row& row) {
     const std::int64_t n = first->Shape()[static_cast<std::size_t>(axis)];
@@ -38,18 +39,22 @@ void for_each_row(const Tensor* first, const Tensor* second, Tensor* out, int ax
     }
     AxisRuns runs(axis);
     runs.add_input(first);
-    runs.add_input(second);
+    if (second != nullptr) {
+        runs.add_input(second);
+    }
     runs.add_output(out);
     dispatch(FloatTypes{}, first->Dtype(), [&]<typename T>() {
-        runs.for_each(exponential_cost,
-                      [&](char* const* run) { row(as<const T>(run[0]), as<const T>(run[1]), as<T>(run[2]), n); });
+        runs.for_each(exponential_cost, [&](char* const* run) {
+            char* const* others = second != nullptr ? run + 1 : run;
+            row(as<const T>(run[0]), as<const T>(others[0]), as<T>(others[1]), n);
+        });
     });
 }
 
 }  // namespace
 
 void softmax(const Tensor* in, Tensor* out, int axis) {
-    for_each_row(in, in, out, axis, []<typename T>(const T* x, const T*, T* y, std::int64_t n) {
+    for_each_row(in, nullptr, out, axis, []<typename T>(const T* x, const T*, T* y, std::int64_t n) {
         exp_shifted(x, ExtremeFold<T, true>::row(x, n), y, n);
         const T sum = row_sum(y, n);
         for (std::int64_t i = 0; i < n; ++i) {
@@ -71,7 +76,7 @@ void softmax_grad(const Tensor* y, const Tensor* g, Tensor* out, int axis) {
 }
 
 void log_softmax(const Tensor* in, Tensor* out, int axis) {
-    for_each_row(in, in, out, axis, []<typename T>(const T* x, const T*, T* y, std::int64_t n) {
+    for_each_row(in, nullptr, out, axis, []<typename T>(const T* x, const T*, T* y, std::int64_t n) {
         const T highest = ExtremeFold<T, true>::row(x, n);
         exp_shifted(x, highest, y, n);
         const T log_sum = std::log(row_sum(y, n));
