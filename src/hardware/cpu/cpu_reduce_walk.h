@@ -63,6 +63,15 @@ const Item* collect(const std::vector<ReduceAxis>& axes, const Item* base, std::
         return base;
     }
     const ReduceAxis& inner = axes.front();
+    if (axes.size() == 1) {  // The usual case, and rows may be short.
+        if (inner.stride == 1) {
+            return base + begin;
+        }
+        for (std::int64_t i = 0; i < n; ++i) {
+            buffer[i] = base[(begin + i) * inner.stride];
+        }
+        return buffer;
+    }
     std::int64_t column = begin % inner.size;
     ReduceWalk outer(axes, begin / inner.size, 1);
     if (inner.stride == 1 && column + n <= inner.size) {
