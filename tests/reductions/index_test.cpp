@@ -107,30 +107,15 @@ TEST(Indexing, SeveralAxes) {
             Dims shape;
             std::function<Index(const Index&)> place;
         };
+        // clang-format off
         const Case cases[] = {
-            {{rows.get(), cols.get()},
-             {2, 3, 5},
-             [&](const Index& p) {
-                 return Index{row_of(p), col_of(p[1], 4), p[2]};
-             }},
-            {{rows.get(), nullptr, cols.get()},
-             {2, 3, 4},
-             [&](const Index& p) {
-                 return Index{row_of(p), p[2], col_of(p[1], 5)};
-             }},
-            {{nullptr, nullptr, cols.get()},
-             {3, 4, 3},
-             [&](const Index& p) {
-                 return Index{p[0], p[1], col_of(p[2], 5)};
-             }},
-            {{mask.get()},
-             {3, 5},
-             [&](const Index& p) {
-                 const auto k = static_cast<std::size_t>(p[0]);
-                 return Index{true_rows[k], true_cols[k], p[1]};
-             }},
+            {{rows.get(), cols.get()}, {2, 3, 5}, [&](const Index& p) { return Index{row_of(p), col_of(p[1], 4), p[2]}; }},
+            {{rows.get(), nullptr, cols.get()}, {2, 3, 4}, [&](const Index& p) { return Index{row_of(p), p[2], col_of(p[1], 5)}; }},
+            {{nullptr, nullptr, cols.get()}, {3, 4, 3}, [&](const Index& p) { return Index{p[0], p[1], col_of(p[2], 5)}; }},
+            {{mask.get()}, {3, 5}, [&](const Index& p) { return Index{true_rows[std::size_t(p[0])], true_cols[std::size_t(p[0])], p[1]}; }},
             {{}, shape, [](const Index& p) { return p; }},
         };
+        // clang-format on
         for (const Case& c : cases) {
             const TensorPtr y(index_get(t.get(), c.indices));
             EXPECT_EQ(y->Shape(), c.shape);
@@ -190,34 +175,18 @@ TEST(Indexing, Gradients) {
         expect_central_differences(f, at, g, TensorPtr(gradient(g.get())), name);
     };
     const std::vector<Tensor*> axes{rows.get(), places.get()};
-    check(
-        "index_select", x, [&](Tensor* t) { return index_select(t, 1, index.get()); },
-        [&](Tensor* g) { return index_select_grad(g, shape, 1, index.get()); });
-    check(
-        "take", x, [&](Tensor* t) { return take(t, flat_index.get()); },
-        [&](Tensor* g) { return take_grad(g, shape, flat_index.get()); });
-    check(
-        "gather", x, [&](Tensor* t) { return gather(t, 1, places.get()); },
-        [&](Tensor* g) { return gather_grad(g, shape, 1, places.get()); });
-    check(
-        "scatter", x, [&](Tensor* t) { return scatter(t, 1, places.get(), source.get()); },
-        [&](Tensor* g) { return scatter_grad(g, 1, places.get()); });
-    check(
-        "scatter source", source, [&](Tensor* t) { return scatter(x.get(), 1, places.get(), t); },
-        [&](Tensor* g) { return scatter_source_grad(g, 1, places.get()); });
-    check(
-        "scatter_add source", source, [&](Tensor* t) { return scatter_add(x.get(), 1, places.get(), t); },
-        [&](Tensor* g) { return gather(g, 1, places.get()); });
-    check(
-        "index_get", x, [&](Tensor* t) { return index_get(t, axes); },
-        [&](Tensor* g) { return index_get_grad(g, shape, axes); });
-    check(
-        "masked_select", x, [&](Tensor* t) { return masked_select(t, mask.get()); },
-        [&](Tensor* g) { return masked_select_grad(g, shape, mask.get()); });
     const TensorPtr row = make<double>({4}, random_doubles(4, 6));
-    check(
-        "masked_select, broadcast", row, [&](Tensor* t) { return masked_select(t, column_mask.get()); },
-        [&](Tensor* g) { return masked_select_grad(g, {4}, column_mask.get()); });
+    // clang-format off
+    check("index_select", x, [&](Tensor* t) { return index_select(t, 1, index.get()); }, [&](Tensor* g) { return index_select_grad(g, shape, 1, index.get()); });
+    check("take", x, [&](Tensor* t) { return take(t, flat_index.get()); }, [&](Tensor* g) { return take_grad(g, shape, flat_index.get()); });
+    check("gather", x, [&](Tensor* t) { return gather(t, 1, places.get()); }, [&](Tensor* g) { return gather_grad(g, shape, 1, places.get()); });
+    check("scatter", x, [&](Tensor* t) { return scatter(t, 1, places.get(), source.get()); }, [&](Tensor* g) { return scatter_grad(g, 1, places.get()); });
+    check("scatter source", source, [&](Tensor* t) { return scatter(x.get(), 1, places.get(), t); }, [&](Tensor* g) { return scatter_source_grad(g, 1, places.get()); });
+    check("scatter_add source", source, [&](Tensor* t) { return scatter_add(x.get(), 1, places.get(), t); }, [&](Tensor* g) { return gather(g, 1, places.get()); });
+    check("index_get", x, [&](Tensor* t) { return index_get(t, axes); }, [&](Tensor* g) { return index_get_grad(g, shape, axes); });
+    check("masked_select", x, [&](Tensor* t) { return masked_select(t, mask.get()); }, [&](Tensor* g) { return masked_select_grad(g, shape, mask.get()); });
+    check("masked_select, broadcast", row, [&](Tensor* t) { return masked_select(t, column_mask.get()); }, [&](Tensor* g) { return masked_select_grad(g, {4}, column_mask.get()); });
+    // clang-format on
 }
 
 TEST(Indexing, LargeOnesAreTheSameUnderAnyTeam) {

@@ -123,12 +123,7 @@ TEST(Reductions, EveryOperationDtypeLayoutAndAxes) {
                 return;
             }
             for (const Case& c : cases) {
-                std::vector<T> x;
-                for (const double value :
-                     random_doubles(numel_of(c.shape), static_cast<unsigned>(++round), -2.4, 2.4)) {
-                    x.push_back(
-                        static_cast<T>(std::is_unsigned_v<T> ? std::round(std::abs(value)) : std::round(value)));
-                }
+                const std::vector<T> x = small_numbers<T>(numel_of(c.shape), static_cast<unsigned>(++round));
                 const Values wide(x.begin(), x.end());
                 for (const Layout layout : all_layouts) {
                     const TensorPtr t = make<T>(c.shape, x, layout);

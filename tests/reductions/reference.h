@@ -49,6 +49,16 @@ inline std::vector<double> random_doubles(std::int64_t n, unsigned seed, double 
     return values;
 }
 
+/// Whole numbers around 0 (from 0 for unsigned types), many of them equal.
+template <typename T>
+std::vector<T> small_numbers(std::int64_t n, unsigned seed) {
+    std::vector<T> values;
+    for (const double value : random_doubles(n, seed, -2.4, 2.4)) {
+        values.push_back(static_cast<T>(std::is_unsigned_v<T> ? std::round(std::abs(value)) : std::round(value)));
+    }
+    return values;
+}
+
 inline void expect_close(const std::vector<double>& got, const std::vector<double>& expected, double tolerance,
                          const std::string& name) {
     ASSERT_EQ(got.size(), expected.size()) << name;

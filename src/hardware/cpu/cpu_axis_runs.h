@@ -6,9 +6,8 @@
 //     runs.for_each(cost, [n](char* const* run) { sort_row(as<T>(run[0]), as<T>(run[1]), n); });
 //
 // Operands have the shape of the first one but for the axis, along which extents may differ; further ones may be
-// larger. The callable sees each run as
-// adjacent elements, inputs before outputs, whatever the strides: runs that do not lie so are staged, several
-// neighbours at a time so that whole cache lines are used.
+// larger. The callable sees each run as adjacent elements, inputs before outputs, whatever the strides: runs that
+// do not lie so are staged, several neighbours at a time so that whole cache lines are used.
 #pragma once
 
 #include <cstddef>
@@ -57,7 +56,7 @@ class AxisRuns {
                     RunFunction run, const void* context) const;
 
     std::size_t axis_;
-    std::vector<std::int64_t> sizes_;  // Of the other axes, outermost first.
+    std::vector<std::int64_t> sizes_;  // Of the other axes, in the first operand, outermost first.
     std::vector<Operand> operands_;
 };
 
