@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "rows.h"
@@ -296,6 +297,83 @@ void convolution_rows() {
     }
 }
 
+// Elements in no order.
+TensorPtr shuffled(const Dims& shape) {
+    const TensorPtr t = filled(shape, 0);
+    bench::shuffle(static_cast<float*>(t->getRawData()), t->Size());
+    return t;
+}
+
+void reduction_rows() {
+    const std::int64_t n = bench::large;
+    const std::int64_t m = bench::side;
+    const TensorPtr flat = shuffled({n});
+    const TensorPtr square = shuffled({m, m});
+    const TensorPtr transposed = view(square, {m, m}, {1, m});
+    const TensorPtr small = shuffled({1'000});
+    struct Reduction {
+        const char* name;
+        Tensor* (*reduce)(Tensor*, const std::vector<int>&, bool);
+    };
+    for (const auto& [name, reduce] :
+         {Reduction{"sum", ornik::sum}, {"mean", ornik::mean}, {"max", ornik::max}, {"argmax", ornik::argmax}}) {
+        const auto row = [reduce = reduce, name = std::string(name)](const std::string& suffix, const TensorPtr& t,
+                                                                     const std::vector<int>& axes, bool is_large) {
+            bench::row(
+                name + suffix, [=] { delete reduce(t.get(), axes, false); }, is_large ? 4 * t->Size() : 0);
+        };
+        row("/all/17000000", flat, {}, true);
+        row("/rows", square, {1}, true);
+        row("/columns", square, {0}, true);
+        row("/transposed_rows", transposed, {1}, true);
+        row("/all/1000", small, {}, false);
+    }
+    bench::row(
+        "var/rows", [=] { delete ornik::var(square.get(), {1}); }, 4 * m * m);
+    bench::row("logsumexp/rows", [=] { delete ornik::logsumexp(square.get(), {1}); });
+    bench::row(
+        "cumsum/17000000", [=] { delete ornik::cumsum(flat.get(), 0); }, 8 * n);
+    for (const int axis : {1, 0}) {
+        const std::string along = axis == 1 ? "/rows" : "/columns";
+        bench::row(
+            "cumsum" + along, [=] { delete ornik::cumsum(square.get(), axis); }, 8 * m * m);
+        bench::row(
+            "softmax" + along, [=] { delete ornik::softmax(square.get(), axis); }, 8 * m * m);
+        bench::row(
+            "log_softmax" + along, [=] { delete ornik::log_softmax(square.get(), axis); }, 8 * m * m);
+    }
+    bench::row("softmax/1000", [=] { delete ornik::softmax(small.get(), 0); });
+}
+
+void order_rows() {
+    const TensorPtr rows = shuffled({256, 4096});
+    const auto release = [](const std::vector<Tensor*>& tensors) {
+        for (const Tensor* t : tensors) {
+            delete t;
+        }
+    };
+    bench::row("sort/256x4096", [=] { release(ornik::sort(rows.get(), 1)); });
+    bench::row("topk/256x4096", [=] { release(ornik::topk(rows.get(), 32, 1)); });
+    bench::row("median/256x4096", [=] { delete ornik::median(rows.get(), {1}); });
+}
+
+void indexing_rows() {
+    const std::int64_t n = bench::side;
+    const TensorPtr x = shuffled({n, n});
+    const TensorPtr index(Tensor::empty({n}, ornik::device_cpu, dtype::int64));
+    for (std::int64_t i = 0; i < n; ++i) {
+        static_cast<std::int64_t*>(index->getRawData())[i] = i * 1031 % n;
+    }
+    const TensorPtr places(Tensor::broadcast_to(index.get(), {n, n}));
+    const TensorPtr mask(filled({n, n}, 1, dtype::boolean));
+    bench::row(
+        "index_select/rows", [=] { delete ornik::index_select(x.get(), 0, index.get()); }, 8 * n * n);
+    bench::row("index_select/columns", [=] { delete ornik::index_select(x.get(), 1, index.get()); });
+    bench::row("gather/rows", [=] { delete ornik::gather(x.get(), 1, places.get()); });
+    bench::row("index_add/rows", [=] { ornik::index_add_(x.get(), 0, index.get(), x.get()); });
+    bench::row("masked_select", [=] { delete ornik::masked_select(x.get(), mask.get()); });
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -309,5 +387,8 @@ int main(int argc, char** argv) {
     eigh_rows();
     convolution_rows();
     step_rows();
+    reduction_rows();
+    order_rows();
+    indexing_rows();
     return bench::run(argc, argv);
 }

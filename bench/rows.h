@@ -72,6 +72,15 @@ inline void row(const std::string& name, std::function<void()> operation, std::i
         ->Unit(benchmark::kMicrosecond);
 }
 
+/// Fractions in no order, the same ones in every program.
+inline void shuffle(float* values, std::int64_t n) {
+    std::uint32_t state = 1;
+    for (std::int64_t i = 0; i < n; ++i) {
+        state = state * 1664525U + 1013904223U;
+        values[i] = static_cast<float>(state >> 8) * 0x1p-24F;
+    }
+}
+
 inline int run(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();

@@ -30,6 +30,9 @@ set(ORNIK_PUBLIC_HEADERS
     tensor/scalar.h
     tensor/tensor.h
     tensor/tensor_math/linear_algebra.h
+    tensor/tensor_math/indexing.h
+    tensor/tensor_math/reductions.h
+    tensor/tensor_math/sorting.h
     tensor/tensor_math/tensor_arithmetic.h
     tensor/tensor_math/tensor_element_math.h
     tensor/tensor_meta.h

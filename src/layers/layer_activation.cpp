@@ -3,7 +3,7 @@
 #include <cmath>
 
 #include "hardware/cpu/nn/cpu_activation.h"
-#include "hardware/cpu/nn/cpu_rows.h"
+#include "hardware/cpu/nn/cpu_softmax.h"
 #include "tensor/borrowed.h"
 #include "utils/utils.h"
 

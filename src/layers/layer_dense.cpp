@@ -1,8 +1,8 @@
 #include "layers/layer_dense.h"
 
 #include "hardware/cpu/cpu_math.h"
-#include "hardware/cpu/nn/cpu_rows.h"
 #include "tensor/borrowed.h"
+#include "tensor/tensor_math/reductions.h"
 #include "tensor/tensor_math/tensor_arithmetic.h"
 
 namespace ornik {
@@ -81,9 +81,8 @@ std::unique_ptr<Tensor> weight_gradient(const Tensor* weight, Tensor* input, Ten
 
 std::unique_ptr<Tensor> bias_gradient(const Tensor* bias, const Tensor* gradient) {
     const Dims shape = bias == nullptr ? Dims{gradient->Shape().back()} : bias->Shape();
-    std::unique_ptr<Tensor> result(Tensor::empty(shape, gradient->Device(), gradient->Dtype()));
-    device::cpu::sum_rows(as_matrix(gradient).get(), result.get());
-    return result;
+    std::unique_ptr<Tensor> total(sum(as_matrix(gradient).get(), {0}));
+    return total->Shape() == shape ? std::move(total) : std::unique_ptr<Tensor>(view_tensor(total.get(), shape));
 }
 
 }  // namespace

@@ -1,0 +1,263 @@
+#include "reference.h"
+#include "tensor/tensor_math/indexing.h"
+
+namespace ornik::test {
+namespace {
+
+using Index = std::vector<std::int64_t>;
+const std::string file = "src/tensor/tensor_math/indexing.cpp";
+const std::string axes_file = "src/tensor/tensor_math/indexing_axes.cpp";
+
+TensorPtr index_of(const Dims& shape, const Index& values, Layout layout = Layout::contiguous) {
+    return make<std::int64_t>(shape, values, layout);
+}
+
+std::int64_t flat(const Dims& shape, const Index& position) {
+    std::int64_t at = 0;
+    for (std::size_t d = 0; d < shape.size(); ++d) {
+        at = at * shape[d] + position[d];
+    }
+    return at;
+}
+
+// Calls visit(position) for every position of a shape in row-major order.
+template <typename Visit>
+void for_each_position(const Dims& shape, const Visit& visit) {
+    Index position(shape.size(), 0);
+    for (std::int64_t i = 0; i < numel_of(shape); ++i) {
+        visit(position);
+        for (std::size_t d = shape.size(); d-- > 0 && ++position[d] == shape[d];) {
+            position[d] = 0;
+        }
+    }
+}
+
+// Values of `x` at what `place` makes of each position of `shape`.
+template <typename T, typename Place>
+std::vector<T> picked(const std::vector<T>& x, const Dims& x_shape, const Dims& shape, const Place& place) {
+    std::vector<T> result;
+    for_each_position(shape,
+                      [&](const Index& p) { result.push_back(x[static_cast<std::size_t>(flat(x_shape, place(p)))]); });
+    return result;
+}
+
+TEST(Indexing, SlicesOfEveryDtypeLayoutAndAxis) {
+    const Dims shape{3, 4, 5};
+    const Index choice{2, 0, -1, 2};
+    for_types(AllTypes{}, [&]<typename T>() {
+        const std::vector<T> x = counted<T>(60);
+        for (const int axis : {0, 1, 2}) {
+            const auto d = static_cast<std::size_t>(axis);
+            Dims picked_shape = shape;
+            picked_shape[d] = 4;
+            const auto place = [&](Index p) {
+                p[d] = (choice[static_cast<std::size_t>(p[d])] + shape[d]) % shape[d];
+                return p;
+            };
+            const std::vector<T> expected = picked(x, shape, picked_shape, place);
+            for (const Layout layout : all_layouts) {
+                const TensorPtr t = make<T>(shape, x, layout);
+                const TensorPtr index = index_of({4}, choice, layout);
+                const TensorPtr y(index_select(t.get(), axis - 3, index.get()));
+                EXPECT_EQ(y->Shape(), picked_shape);
+                EXPECT_EQ(values_of<T>(y), expected) << dtype_name(dtype_code<T>) << name_of(layout) << axis;
+                // gather with the same choice everywhere is the same.
+                Dims wide(3, 1);
+                wide[d] = 4;
+                const TensorPtr row(share_storage_tensor(index->getStorage(), wide, Dims(3, index->Strides()[0]),
+                                                         dtype::int64, index->StorageOffset()));
+                const TensorPtr places(Tensor::broadcast_to(row.get(), picked_shape));
+                EXPECT_EQ(values_of<T>(TensorPtr(gather(t.get(), axis, places.get()))), expected) << name_of(layout);
+                // Writing back what was read changes nothing; repeated writes agree here.
+                EXPECT_EQ(values_of<T>(TensorPtr(scatter(t.get(), axis, places.get(), y.get()))), x);
+                if constexpr (std::is_arithmetic_v<T> && !std::is_same_v<T, bool>) {
+                    std::vector<T> sums = x;
+                    std::size_t k = 0;
+                    for_each_position(picked_shape, [&](const Index& p) {
+                        T& sum = sums[static_cast<std::size_t>(flat(shape, place(p)))];
+                        sum = static_cast<T>(sum + expected[k++]);
+                    });
+                    EXPECT_EQ(values_of<T>(TensorPtr(index_add(t.get(), axis, index.get(), y.get()))), sums);
+                    scatter_add_(t.get(), axis, places.get(), y.get());
+                    EXPECT_EQ(values_of<T>(t), sums) << name_of(layout);
+                }
+            }
+        }
+    });
+    const TensorPtr x = make<float>({2, 3}, counted<float>(6), Layout::transposed);
+    const TensorPtr flat_index = make<std::int8_t>({2, 2}, {5, 0, -2, 3});
+    EXPECT_EQ(values_of<float>(TensorPtr(take(x.get(), flat_index.get()))), (std::vector<float>{5, 0, 4, 3}));
+}
+
+TEST(Indexing, SeveralAxes) {
+    const Dims shape{3, 4, 5};
+    const std::vector<float> x = counted<float>(60);
+    const TensorPtr rows = index_of({2, 1}, {2, -3});
+    const TensorPtr cols = index_of({3}, {1, 0, -1}, Layout::reversed);
+    const TensorPtr mask = make<bool>(
+        {3, 4}, {false, true, false, false, false, false, false, false, true, false, false, true}, Layout::transposed);
+    const auto row_of = [](const Index& p) { return p[0] == 0 ? std::int64_t{2} : 0; };
+    const auto col_of = [](std::int64_t k, std::int64_t n) { return k == 2 ? n - 1 : 1 - k; };
+    const Index true_rows{0, 2, 2};
+    const Index true_cols{1, 0, 3};
+    for (const Layout layout : all_layouts) {
+        const TensorPtr t = make<float>(shape, x, layout);
+        struct Case {
+            std::vector<Tensor*> indices;
+            Dims shape;
+            std::function<Index(const Index&)> place;
+        };
+        // clang-format off
+        const Case cases[] = {
+            {{rows.get(), cols.get()}, {2, 3, 5}, [&](const Index& p) { return Index{row_of(p), col_of(p[1], 4), p[2]}; }},
+            {{rows.get(), nullptr, cols.get()}, {2, 3, 4}, [&](const Index& p) { return Index{row_of(p), p[2], col_of(p[1], 5)}; }},
+            {{nullptr, nullptr, cols.get()}, {3, 4, 3}, [&](const Index& p) { return Index{p[0], p[1], col_of(p[2], 5)}; }},
+            {{mask.get()}, {3, 5}, [&](const Index& p) { return Index{true_rows[std::size_t(p[0])], true_cols[std::size_t(p[0])], p[1]}; }},
+            {{}, shape, [](const Index& p) { return p; }},
+        };
+        // clang-format on
+        for (const Case& c : cases) {
+            const TensorPtr y(index_get(t.get(), c.indices));
+            EXPECT_EQ(y->Shape(), c.shape);
+            EXPECT_EQ(values_of<float>(y), picked(x, shape, c.shape, c.place)) << name_of(layout);
+            std::vector<float> sums = x;
+            for_each_position(c.shape,
+                              [&](const Index& p) { sums[static_cast<std::size_t>(flat(shape, c.place(p)))] += 0.5F; });
+            const TensorPtr target = make<float>(shape, x, layout);
+            const TensorPtr half = make<float>({1}, {0.5F});
+            index_put_(target.get(), c.indices, half.get(), true);
+            EXPECT_EQ(values_of<float>(target), sums) << name_of(layout);
+        }
+    }
+    // The last of several writes stays; a source inside the target is read before it is written.
+    const TensorPtr line = make<float>({4}, {1, 2, 3, 4});
+    const TensorPtr twice = index_of({4}, {0, 1, 1, 0});
+    index_put_(line.get(), {twice.get()}, line.get());
+    EXPECT_EQ(values_of<float>(line), (std::vector<float>{4, 3, 3, 4}));
+}
+
+TEST(Indexing, Masks) {
+    const TensorPtr x = make<double>({2, 3}, {1, 0, not_a_number, 0, -2, 3}, Layout::transposed);
+    EXPECT_EQ(values_of<std::int64_t>(TensorPtr(nonzero(x.get()))), (Index{0, 0, 0, 2, 1, 1, 1, 2}));
+    const TensorPtr scalar(Tensor::ones({}, 0, dtype::int32));
+    EXPECT_EQ(TensorPtr(nonzero(scalar.get()))->Shape(), (Dims{1, 0}));
+    const TensorPtr row_mask = make<bool>({3}, {true, true, false});
+    EXPECT_EQ(values_of<double>(TensorPtr(masked_select(x.get(), row_mask.get()))), (std::vector<double>{1, 0, 0, -2}));
+    // Beyond a block of the mask; and nothing selected.
+    std::vector<bool> large(20000);
+    std::vector<float> kept;
+    for (std::size_t i = 0; i < large.size(); ++i) {
+        large[i] = i * i % 7 == 2;
+        if (large[i]) {
+            kept.push_back(static_cast<float>(i));
+        }
+    }
+    const TensorPtr mask = make<bool>({20000}, large, Layout::reversed);
+    const TensorPtr numbers = make<float>({20000}, counted<float>(20000), Layout::every_other);
+    EXPECT_EQ(values_of<float>(TensorPtr(masked_select(numbers.get(), mask.get()))), kept);
+    const TensorPtr none(Tensor::zeros({20000}, 0, dtype::boolean));
+    EXPECT_EQ(TensorPtr(masked_select(numbers.get(), none.get()))->Shape(), Dims{0});
+}
+
+TEST(Indexing, Gradients) {
+    const Dims shape{3, 4};
+    const TensorPtr index = index_of({5}, {1, -1, 1, 0, 2});
+    const TensorPtr places = index_of({2, 3}, {1, 2, 1, 0, -1, 3});
+    const TensorPtr flat_index = index_of({2, 2}, {11, 3, 3, -12});
+    const TensorPtr rows = index_of({2, 1}, {2, 0});
+    const TensorPtr mask = make<bool>({4}, {true, false, true, true});
+    const TensorPtr column_mask = make<bool>({2, 1}, {true, false});
+    const TensorPtr x = make<double>(shape, random_doubles(12, 1), Layout::transposed);
+    const TensorPtr source = make<double>({2, 3}, random_doubles(6, 2), Layout::every_other);
+    const auto check = [](const char* name, const TensorPtr& at, const auto& f, const auto& gradient) {
+        const Dims result = TensorPtr(f(at.get()))->Shape();
+        const TensorPtr g = make<double>(result, random_doubles(numel_of(result), 3), Layout::transposed);
+        expect_central_differences(f, at, g, TensorPtr(gradient(g.get())), name);
+    };
+    const std::vector<Tensor*> axes{rows.get(), places.get()};
+    const TensorPtr row = make<double>({4}, random_doubles(4, 6));
+    // clang-format off
+    check("index_select", x, [&](Tensor* t) { return index_select(t, 1, index.get()); }, [&](Tensor* g) { return index_select_grad(g, shape, 1, index.get()); });
+    check("take", x, [&](Tensor* t) { return take(t, flat_index.get()); }, [&](Tensor* g) { return take_grad(g, shape, flat_index.get()); });
+    check("gather", x, [&](Tensor* t) { return gather(t, 1, places.get()); }, [&](Tensor* g) { return gather_grad(g, shape, 1, places.get()); });
+    check("scatter", x, [&](Tensor* t) { return scatter(t, 1, places.get(), source.get()); }, [&](Tensor* g) { return scatter_grad(g, 1, places.get()); });
+    check("scatter source", source, [&](Tensor* t) { return scatter(x.get(), 1, places.get(), t); }, [&](Tensor* g) { return scatter_source_grad(g, 1, places.get()); });
+    check("scatter_add source", source, [&](Tensor* t) { return scatter_add(x.get(), 1, places.get(), t); }, [&](Tensor* g) { return gather(g, 1, places.get()); });
+    check("index_get", x, [&](Tensor* t) { return index_get(t, axes); }, [&](Tensor* g) { return index_get_grad(g, shape, axes); });
+    check("masked_select", x, [&](Tensor* t) { return masked_select(t, mask.get()); }, [&](Tensor* g) { return masked_select_grad(g, shape, mask.get()); });
+    check("masked_select, broadcast", row, [&](Tensor* t) { return masked_select(t, column_mask.get()); }, [&](Tensor* g) { return masked_select_grad(g, {4}, column_mask.get()); });
+    // clang-format on
+}
+
+TEST(Indexing, LargeOnesAreTheSameUnderAnyTeam) {
+    const Dims shape{300, 400};
+    const TensorPtr x = make<float>(shape, std::vector<float>(120000, 0.1F));
+    Index repeated;
+    std::vector<float> values;
+    for (std::int64_t i = 0; i < 2000; ++i) {
+        repeated.push_back(i * i % 300);
+        values.push_back(static_cast<float>(i) / 3);
+    }
+    const TensorPtr index = index_of({2000}, repeated);
+    const TensorPtr column = make<float>({2000, 1}, values);
+    const TensorPtr source(Tensor::broadcast_to(column.get(), {2000, 400}));
+    const TensorPtr wide_index = index_of({2000, 1}, repeated);
+    const TensorPtr places(Tensor::broadcast_to(wide_index.get(), {2000, 400}));
+    const TensorPtr added(index_add(x.get(), 0, index.get(), source.get()));
+    const TensorPtr scattered(scatter_add(x.get(), 0, places.get(), source.get()));
+    EXPECT_EQ(values_of<float>(added), values_of<float>(scattered));
+    expect_same_bits([&] { return index_add(x.get(), 0, index.get(), source.get()); }, "index_add");
+    expect_same_bits([&] { return scatter(x.get(), 0, places.get(), source.get()); }, "scatter");
+}
+
+TEST(Indexing, RefusalsBeforeAnythingIsWritten) {
+    const TensorPtr x = make<float>({2, 3}, counted<float>(6));
+    const TensorPtr beyond = index_of({3}, {0, 3, 1});
+    const TensorPtr below = index_of({1, 1}, {-3});
+    const TensorPtr source = make<float>({2, 3}, counted<float>(6, 10));
+    const TensorPtr small = make<float>({1, 1}, {5});
+    const TensorPtr wide = make<double>({1, 1}, {5});
+    const TensorPtr first = index_of({1, 1}, {0});
+    const TensorPtr row = make<float>({3}, {1, 2, 3});
+    const TensorPtr expanded(Tensor::broadcast_to(row.get(), {2, 3}));
+    const TensorPtr mask(Tensor::ones({3}, 0, dtype::boolean));
+    const std::string outside = "Index 3 is out of range for an axis of 3 elements";
+    expect_error([&] { index_select(x.get(), 1, beyond.get()); }, outside, "ornik::index_select", file);
+    expect_error([&] { index_add_(x.get(), 1, beyond.get(), source.get()); }, outside, "ornik::index_add_", file);
+    expect_error(
+        [&] {
+            index_put_(x.get(), {nullptr, beyond.get()}, small.get());
+        },
+        outside, "ornik::index_put_", axes_file);
+    expect_error([&] { scatter_(x.get(), 0, below.get(), small.get()); },
+                 "Index -3 is out of range for an axis of 2 elements", "ornik::scatter_", file);
+    expect_error([&] { take(x.get(), index_of({1}, {6}).get()); }, "Index 6 is out of range for an axis of 6 elements",
+                 "ornik::take", file);
+    expect_error([&] { scatter_(x.get(), 0, first.get(), wide.get()); }, "Not same data type", "ornik::scatter_", file);
+    expect_error([&] { scatter_(x.get(), 0, first.get(), source.get()); },
+                 "The source has a shape of ( 2, 3 ) , the indexed elements have a shape of ( 1, 1 ) ",
+                 "ornik::scatter_", file);
+    expect_error([&] { scatter_(expanded.get(), 0, first.get(), small.get()); },
+                 "Output can not be an expanded view: shape ( 2, 3 ) , strides ( 0, 1 ) ", "ornik::scatter_", file);
+    expect_error(
+        [&] {
+            gather(x.get(), 0, index_of({1, 4}, {0, 0, 0, 0}).get());
+        },
+        "Index has a shape of ( 1, 4 ) , which does not fit into ( 2, 3 ) ", "ornik::gather", file);
+    expect_error([&] { index_select(x.get(), 0, row.get()); }, "Index should be of an integer dtype",
+                 "ornik::index_select", file);
+    expect_error([&] { index_get(x.get(), {mask.get()}); },
+                 "A mask of shape ( 3 ) does not fit axis 0 of a shape of ( 2, 3 ) ", "ornik::index_get", axes_file);
+    expect_error(
+        [&] {
+            index_get(x.get(), {nullptr, nullptr, first.get()});
+        },
+        "Too many indices for a shape of ( 2, 3 ) ", "ornik::index_get", axes_file);
+    expect_error([&] { masked_select(x.get(), row.get()); }, "Mask should be a bool tensor", "ornik::masked_select",
+                 axes_file);
+    EXPECT_EQ(values_of<float>(x), counted<float>(6));
+    EXPECT_EQ(values_of<float>(row), (std::vector<float>{1, 2, 3}));
+}
+
+}  // namespace
+}  // namespace ornik::test
