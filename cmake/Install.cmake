@@ -12,7 +12,10 @@ set(ORNIK_PUBLIC_HEADERS
     layers/layer.h
     layers/layer_activation.h
     layers/layer_dense.h
+    losses/binary_cross_entropy.h
     losses/loss.h
+    losses/mean_squared_error.h
+    losses/nll_loss.h
     losses/soft_cross_entropy.h
     optimizers/optimizers.h
     ornik.h

@@ -21,3 +21,11 @@ if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
     COMPILE_OPTIONS -fno-delete-null-pointer-checks
                     $<IF:$<CXX_COMPILER_ID:GNU>,-Wno-nonnull-compare,-Wno-tautological-undefined-compare>)
 endif()
+
+# Rows of exponentials: GCC turns their loops into vectors only where comparisons need not raise floating-point
+# exceptions in order. No value depends on it.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  set_property(SOURCE ${PROJECT_SOURCE_DIR}/src/hardware/cpu/nn/cpu_attention.cpp
+                      ${PROJECT_SOURCE_DIR}/src/hardware/cpu/nn/cpu_class_losses.cpp
+               APPEND PROPERTY COMPILE_OPTIONS -fno-trapping-math)
+endif()
