@@ -21,6 +21,9 @@ set(ORNIK_PUBLIC_HEADERS
     ornik.h
     tensor/broadcast.h
     tensor/dtype.h
+    tensor/nn/attention.h
+    tensor/nn/interpolate.h
+    tensor/nn/packing.h
     tensor/tensor.h
     tensor/tensor_math/tensor_arithmetic.h
     tensor/tensor_meta.h
