@@ -115,6 +115,20 @@ void product_rows() {
     }
 }
 
+void loss_rows() {
+    const std::shared_ptr<ornik::Loss> loss(ornik::getLoss("softmax_cross_entropy"));
+    for (const auto& size : bench::class_sizes) {
+        const TensorPtr x = filled({size[0], size[1]}, 0.5);
+        const TensorPtr classes = filled({size[0]}, 1, dtype::int64);
+        bench::row("cross_entropy/forward/" + bench::by(size),
+                   [=] { delete loss->loss_forward(x.get(), classes.get()); });
+        bench::row("cross_entropy/forward_and_backward/" + bench::by(size), [=] {
+            delete loss->loss_forward(x.get(), classes.get());
+            delete loss->loss_backward(x.get(), classes.get());
+        });
+    }
+}
+
 void step_rows() {
     const TensorPtr p = filled({1'000'000}, 1);
     const TensorPtr g = filled({1'000'000}, 1e-3);
@@ -129,6 +143,7 @@ int main(int argc, char** argv) {
     addition_rows();
     copy_rows();
     product_rows();
+    loss_rows();
     step_rows();
     return bench::run(argc, argv);
 }

@@ -79,6 +79,19 @@ void product_rows() {
     }
 }
 
+void loss_rows() {
+    for (const auto& size : bench::class_sizes) {
+        const at::Tensor x = filled({size[0], size[1]}, 0.5);
+        const at::Tensor classes = filled({size[0]}, 1, at::kLong);
+        const at::Tensor leaf = x.detach().clone().set_requires_grad(true);
+        bench::row("cross_entropy/forward/" + bench::by(size), [=] { at::cross_entropy_loss(x, classes); });
+        bench::row("cross_entropy/forward_and_backward/" + bench::by(size), [=] {
+            const torch::AutoGradMode gradients(true);
+            torch::autograd::grad({at::cross_entropy_loss(leaf, classes)}, {leaf});
+        });
+    }
+}
+
 void step_rows() {
     at::Tensor p = filled({1'000'000}, 1);
     p.set_requires_grad(true);
@@ -97,5 +110,6 @@ int main(int argc, char** argv) {
     addition_rows();
     copy_rows();
     product_rows();
+    loss_rows();
     return bench::run(argc, argv);
 }
