@@ -2,12 +2,11 @@
 #include "tensor/nn/attention.h"
 
 #include <cmath>
-#include <cstring>
 #include <limits>
 
-#include "hardware/thread_config.h"
 #include "support/expect_error.h"
 #include "support/gradients.h"
+#include "support/same_bits.h"
 
 namespace ornik::test {
 namespace {
@@ -46,81 +45,88 @@ void expect_values(const Tensor* t, const Values& expected, double bound) {
     }
 }
 
-constexpr double hidden = -std::numeric_limits<double>::infinity();
-
 struct Mask {
-    const char* name;
+    std::string name;
     TensorPtr tensor;
-    Values bias;  // What it adds, for scores [2, 2, 3, 5].
+    Values bias;  // What it adds to scores [2, 2, 3, 5].
 };
 
 std::vector<Mask> masks() {
+    const auto triangle = [](std::int64_t k) {
+        return TensorPtr(TensorPtr(Tensor::ones({3, 5}, 0, dtype::boolean))->tril(k));
+    };
     std::vector<Mask> all;
-    all.push_back({"none", nullptr, Values(60, 0.0)});
-    // Position i sees the keys up to i; one row for all heads. Row 0 of the second sees nothing.
-    TensorPtr causal(TensorPtr(Tensor::ones({3, 5}, 0, dtype::boolean))->tril(0));
-    Values causal_bias;
+    all.push_back({"none", nullptr, {}});
+    all.push_back({"causal", triangle(0), {}});
+    all.push_back({"first position sees nothing", triangle(-1), {}});
+    all.push_back({"added", random_tensor({2, 1, 1, 5}, dtype::float64, 9, Layout::every_other), {}});
+    const Values added = values_of<double>(all[3].tensor);
     for (int i = 0; i < 60; ++i) {
-        causal_bias.push_back(i % 5 <= i / 5 % 3 ? 0 : hidden);
+        const int row = i / 5 % 3;
+        const int col = i % 5;
+        const double hidden = -std::numeric_limits<double>::infinity();
+        all[0].bias.push_back(0);
+        all[1].bias.push_back(col <= row ? 0 : hidden);
+        all[2].bias.push_back(col < row ? 0 : hidden);
+        all[3].bias.push_back(added[static_cast<std::size_t>(i / 30 * 5 + col)]);
     }
-    all.push_back({"causal", std::move(causal), causal_bias});
-    TensorPtr blind(TensorPtr(Tensor::ones({3, 5}, 0, dtype::boolean))->tril(-1));
-    Values blind_bias;
-    for (int i = 0; i < 60; ++i) {
-        blind_bias.push_back(i % 5 < i / 5 % 3 ? 0 : hidden);
-    }
-    all.push_back({"blind", std::move(blind), blind_bias});
-    TensorPtr added = random_tensor({2, 1, 1, 5}, dtype::float64, 9, Layout::every_other);
-    Values added_bias;
-    for (int i = 0; i < 60; ++i) {
-        added_bias.push_back(values_of<double>(added)[static_cast<std::size_t>(i / 30 * 5 + i % 5)]);
-    }
-    all.push_back({"added", std::move(added), added_bias});
     return all;
 }
 
+// Compares gradients[i] of run(inputs) for inputs[i] with differences.
+template <typename Run>
+void expect_gradients(const Run& run, const std::vector<TensorPtr>& inputs, const Tensor* weight,
+                      const std::vector<const Tensor*>& gradients) {
+    std::vector<Tensor*> all;
+    for (const TensorPtr& t : inputs) {
+        all.push_back(t.get());
+    }
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        SCOPED_TRACE("input " + std::to_string(i));
+        const auto function = [&](Tensor* t) {
+            std::vector<Tensor*> changed = all;
+            changed[i] = t;
+            return run(changed);
+        };
+        expect_gradient(function, all[i], weight, gradients[i]);
+    }
+}
+
+// The masks are tried through multi-head attention, below.
 TEST(Attention, DotProductAgainstLoops) {
-    const TensorPtr q = random_tensor({2, 2, 3, 4}, dtype::float64, 1, Layout::transposed);
-    const TensorPtr k = random_tensor({2, 2, 5, 4}, dtype::float64, 2, Layout::reversed);
-    const TensorPtr v = random_tensor({2, 2, 5, 6}, dtype::float64, 3, Layout::every_other);
     const TensorPtr g = random_tensor({2, 2, 3, 6}, dtype::float64, 4, Layout::transposed);
-    for (const Mask& mask : masks()) {
-        SCOPED_TRACE(mask.name);
+    for (const std::int64_t type : {dtype::float32, dtype::float64}) {
+        std::vector<TensorPtr> in;
+        std::vector<Values> wide;
+        for (const Dims& shape : {Dims{2, 2, 3, 4}, Dims{2, 2, 5, 4}, Dims{2, 2, 5, 6}}) {
+            in.push_back(random_tensor(shape, type, static_cast<unsigned>(in.size()), all_layouts[in.size() + 1]));
+            wide.push_back(values_of<double>(TensorPtr(in.back()->astype(dtype::float64))));
+        }
+        const Values no_bias(15, 0.0);
         Values expected(72);
         for (std::size_t b = 0; b < 4; ++b) {
-            attend(values_of<double>(q).data() + b * 12, values_of<double>(k).data() + b * 20,
-                   values_of<double>(v).data() + b * 30, mask.bias.data() + b * 15, expected.data() + b * 18, 3, 5, 4,
-                   6, 4, 6);
+            attend(&wide[0][b * 12], &wide[1][b * 20], &wide[2][b * 30], no_bias.data(), &expected[b * 18], 3, 5, 4, 6,
+                   4, 6);
         }
-        Tensor* m = mask.tensor.get();
         Tensor* kept = nullptr;
-        const TensorPtr out(scaled_dot_product_attention(q.get(), k.get(), v.get(), m, &kept));
-        const TensorPtr probabilities(kept);
-        EXPECT_EQ(out->Shape(), (Dims{2, 2, 3, 6}));
-        expect_values(out.get(), expected, 1e-14);
-        const bool single = m == nullptr || m->isBool();
-        const TensorPtr q32(q->astype(dtype::float32));
-        const TensorPtr k32(k->astype(dtype::float32));
-        const TensorPtr v32(v->astype(dtype::float32));
-        const TensorPtr m32(single ? nullptr : m->astype(dtype::float32));
-        expect_values(
-            TensorPtr(scaled_dot_product_attention(q32.get(), k32.get(), v32.get(), single ? m : m32.get())).get(),
-            expected, 1e-6);
-        const AttentionGradients gradients =
-            scaled_dot_product_attention_grad(q.get(), k.get(), v.get(), probabilities.get(), g.get());
-        const auto forward = [&](Tensor* a, Tensor* b, Tensor* c) {
-            return TensorPtr(scaled_dot_product_attention(a, b, c, m));
+        const auto run = [&](const auto& t, Tensor** probabilities) {
+            return TensorPtr(scaled_dot_product_attention(&*t[0], &*t[1], &*t[2], nullptr, probabilities));
         };
-        expect_gradient([&](Tensor* t) { return forward(t, k.get(), v.get()); }, q.get(), g.get(),
-                        gradients.query.get());
-        expect_gradient([&](Tensor* t) { return forward(q.get(), t, v.get()); }, k.get(), g.get(), gradients.key.get());
-        expect_gradient([&](Tensor* t) { return forward(q.get(), k.get(), t); }, v.get(), g.get(),
-                        gradients.value.get());
+        const TensorPtr out = run(in, &kept);
+        const TensorPtr probabilities(kept);
+        EXPECT_EQ(out->Shape(), g->Shape());
+        expect_values(out.get(), expected, type == dtype::float64 ? 1e-14 : 1e-6);
+        if (type == dtype::float64) {
+            const AttentionGradients r =
+                scaled_dot_product_attention_grad(in[0].get(), in[1].get(), in[2].get(), kept, g.get());
+            expect_gradients([&](const std::vector<Tensor*>& t) { return run(t, nullptr); }, in, g.get(),
+                             {r.query.get(), r.key.get(), r.value.get()});
+        }
     }
 }
 
 // x [rows, in] times w [in, out] plus b.
-Values dense(const Values& x, const Tensor* w, const Tensor* b) {
+Values dense(const Values& x, const TensorPtr& w, const TensorPtr& b) {
     const auto in = static_cast<std::size_t>(w->Shape()[0]);
     const auto out = static_cast<std::size_t>(w->Shape()[1]);
     Values y(x.size() / in * out);
@@ -134,122 +140,90 @@ Values dense(const Values& x, const Tensor* w, const Tensor* b) {
 }
 
 TEST(Attention, MultiHeadAgainstLoops) {
-    // Two heads of d = 3 and e = 2 over inputs of different widths.
-    const auto tensor = [](const Dims& shape, unsigned seed) {
-        return random_tensor(shape, dtype::float64, seed, Layout::transposed);
-    };
-    std::vector<TensorPtr> own;
+    // Two heads of d = 3 and e = 2 over inputs of different widths: three inputs; weights and biases of query and
+    // key; weight of value, which has no bias; weight and bias of output.
+    std::vector<TensorPtr> in;
     for (const Dims& shape : {Dims{2, 3, 4}, Dims{2, 5, 7}, Dims{2, 5, 3}, Dims{4, 6}, Dims{6}, Dims{7, 6}, Dims{1, 6},
                               Dims{3, 4}, Dims{4, 5}, Dims{5}}) {
-        own.push_back(tensor(shape, static_cast<unsigned>(own.size())));
+        in.push_back(random_tensor(shape, dtype::float64, static_cast<unsigned>(in.size()), Layout::transposed));
     }
-    // Positions: three inputs; weights and biases of query and key; weight of value, which has no bias; of output.
-    const auto run = [&](const std::vector<Tensor*>& t, Tensor* mask, MultiHeadState* state) {
-        return TensorPtr(multi_head_attention({{t[3], t[4]}, {t[5], t[6]}, {t[7], nullptr}, {t[8], t[9]}}, 2, t[0],
-                                              t[1], t[2], mask, state));
+    const auto parameters = [](const auto& t) {
+        return MultiHeadParameters{{&*t[3], &*t[4]}, {&*t[5], &*t[6]}, {&*t[7], nullptr}, {&*t[8], &*t[9]}};
     };
-    std::vector<Tensor*> all;
-    for (const TensorPtr& t : own) {
-        all.push_back(t.get());
-    }
-    const TensorPtr g = tensor({2, 3, 5}, 20);
+    const TensorPtr g = random_tensor({2, 3, 5}, dtype::float64, 20, Layout::transposed);
+    const TensorPtr none;
     for (const Mask& mask : masks()) {
         SCOPED_TRACE(mask.name);
-        const Values q = dense(values_of<double>(own[0]), all[3], all[4]);
-        const Values k = dense(values_of<double>(own[1]), all[5], all[6]);
-        const Values v = dense(values_of<double>(own[2]), all[7], nullptr);
+        const auto run = [&](const auto& t, MultiHeadState* state) {
+            return TensorPtr(multi_head_attention(parameters(t), 2, &*t[0], &*t[1], &*t[2], mask.tensor.get(), state));
+        };
+        const Values q = dense(values_of<double>(in[0]), in[3], in[4]);
+        const Values k = dense(values_of<double>(in[1]), in[5], in[6]);
+        const Values v = dense(values_of<double>(in[2]), in[7], none);
         Values merged(24);
         for (std::size_t b = 0; b < 2; ++b) {
             for (std::size_t h = 0; h < 2; ++h) {
-                attend(q.data() + b * 18 + h * 3, k.data() + b * 30 + h * 3, v.data() + b * 20 + h * 2,
-                       mask.bias.data() + (b * 2 + h) * 15, merged.data() + b * 12 + h * 2, 3, 5, 3, 2, 6, 4);
+                attend(&q[b * 18 + h * 3], &k[b * 30 + h * 3], &v[b * 20 + h * 2], &mask.bias[(b * 2 + h) * 15],
+                       &merged[b * 12 + h * 2], 3, 5, 3, 2, 6, 4);
             }
         }
         MultiHeadState state;
-        expect_values(run(all, mask.tensor.get(), &state).get(), dense(merged, all[8], all[9]), 1e-14);
+        expect_values(run(in, &state).get(), dense(merged, in[8], in[9]), 1e-14);
         const MultiHeadGradients r =
-            multi_head_attention_grad({{all[3], all[4]}, {all[5], all[6]}, {all[7], nullptr}, {all[8], all[9]}}, all[0],
-                                      all[1], all[2], state, g.get());
+            multi_head_attention_grad(parameters(in), in[0].get(), in[1].get(), in[2].get(), state, g.get());
         EXPECT_EQ(r.value.bias, nullptr);
-        const Tensor* gradients[] = {
-            r.inputs.query.get(), r.inputs.key.get(), r.inputs.value.get(), r.query.weight.get(),  r.query.bias.get(),
-            r.key.weight.get(),   r.key.bias.get(),   r.value.weight.get(), r.output.weight.get(), r.output.bias.get()};
-        for (std::size_t i = 0; i < all.size(); ++i) {
-            SCOPED_TRACE(i);
-            const auto function = [&](Tensor* t) {
-                std::vector<Tensor*> changed = all;
-                changed[i] = t;
-                return run(changed, mask.tensor.get(), nullptr);
-            };
-            expect_gradient(function, all[i], g.get(), gradients[i]);
-        }
+        expect_gradients(
+            [&](const std::vector<Tensor*>& t) { return run(t, nullptr); }, in, g.get(),
+            {r.inputs.query.get(), r.inputs.key.get(), r.inputs.value.get(), r.query.weight.get(), r.query.bias.get(),
+             r.key.weight.get(), r.key.bias.get(), r.value.weight.get(), r.output.weight.get(), r.output.bias.get()});
     }
 }
 
 TEST(Attention, SameBitsAtEveryTeamSize) {
     const TensorPtr x = random_tensor({4, 6, 70, 20}, dtype::float32, 1);
-    std::vector<float> first;
-    for (const int team : {1, 2, 4, 7}) {
-        ConfigSetNumThreads(team);
+    expect_same_bits([&] {
         Tensor* kept = nullptr;
-        const TensorPtr y(scaled_dot_product_attention(x.get(), x.get(), x.get(), nullptr, &kept));
-        const TensorPtr probabilities(kept);
-        const AttentionGradients g =
-            scaled_dot_product_attention_grad(x.get(), x.get(), x.get(), probabilities.get(), y.get());
-        std::vector<float> all = values_of<float>(y);
-        for (const Tensor* t : {g.query.get(), g.key.get(), g.value.get()}) {
-            const std::vector<float> values = values_of<float>(t);
-            all.insert(all.end(), values.begin(), values.end());
-        }
-        first = first.empty() ? all : first;
-        EXPECT_EQ(std::memcmp(all.data(), first.data(), all.size() * sizeof(float)), 0) << team;
-    }
-    ConfigSetNumThreads(4);
+        std::vector<TensorPtr> all;
+        all.emplace_back(scaled_dot_product_attention(x.get(), x.get(), x.get(), nullptr, &kept));
+        all.emplace_back(kept);
+        AttentionGradients g = scaled_dot_product_attention_grad(x.get(), x.get(), x.get(), kept, all[0].get());
+        all.push_back(std::move(g.query));
+        all.push_back(std::move(g.key));
+        all.push_back(std::move(g.value));
+        return all;
+    });
 }
 
 TEST(Attention, Refusals) {
-    const auto ones = [](const Dims& shape, std::int64_t type = dtype::float32) {
-        return TensorPtr(Tensor::ones(shape, 0, type));
-    };
-    const TensorPtr x = ones({1, 3, 4});
-    const auto dot = [&](const TensorPtr& key, const TensorPtr& mask, const std::string& message) {
-        expect_error([&] { scaled_dot_product_attention(x.get(), key.get(), x.get(), mask.get()); }, message,
+    const TensorPtr x(Tensor::ones({1, 3, 4}, 0, dtype::float32));
+    const TensorPtr longer(Tensor::ones({1, 5, 4}, 0, dtype::float32));
+    const TensorPtr wide(Tensor::ones({1, 3, 4}, 0, dtype::float64));
+    const TensorPtr w(Tensor::ones({4, 4}, 0, dtype::float32));
+    const auto dot = [&](Tensor* key, Tensor* mask, const std::string& message) {
+        expect_error([&] { scaled_dot_product_attention(x.get(), key, x.get(), mask); }, message,
                      "ornik::scaled_dot_product_attention", "src/tensor/nn/attention.cpp");
     };
     dot(nullptr, nullptr, "Attention needs all of its tensors but mask and biases.");
-    dot(ones({1, 3, 4}, dtype::float64), nullptr, "Not same data type for inputs of attention.");
-    dot(ones({1, 2, 4}), nullptr,
+    dot(wide.get(), nullptr, "Not same data type for inputs of attention.");
+    dot(longer.get(), nullptr,
         "Attention needs a query [..., n, d], a key [..., m, d] and a value [..., m, e]: query ( 1, 3, 4 ) , key "
-        "( 1, 2, 4 ) , value ( 1, 3, 4 ) ");
-    dot(x, ones({3, 3}, dtype::int64), "The mask of attention should be bool or of the inputs' data type.");
-    dot(x, ones({2, 3, 3}), "A mask of shape ( 2, 3, 3 ) does not broadcast to scores of shape ( 1, 3, 3 ) ");
-    expect_error([&] { scaled_dot_product_attention_grad(x.get(), x.get(), x.get(), x.get(), x.get()); },
-                 "Attention needs probabilities of shape ( 1, 3, 3 ) , their shape is ( 1, 3, 4 ) ",
-                 "ornik::scaled_dot_product_attention_grad", "src/tensor/nn/attention.cpp");
-    const TensorPtr w = ones({4, 4});
-    const auto heads = [&](const TensorPtr& key_weight, int count, const std::string& message) {
-        expect_error(
-            [&] {
-                multi_head_attention(
-                    {{w.get(), nullptr}, {key_weight.get(), nullptr}, {w.get(), nullptr}, {w.get(), nullptr}}, count,
-                    x.get(), x.get(), x.get());
-            },
-            message, "ornik::multi_head_attention", "src/tensor/nn/multi_head_attention.cpp");
-    };
-    heads(ones({4, 6}), 2, "Queries and keys should be equally wide, they are 4 and 6");
-    heads(ones({3, 4}), 2, "Multi-head attention needs a key weight [4, out], however it is ( 3, 4 ) ");
-    heads(w, 3, "Widths of 4 and 4 can not be cut into 3 heads.");
+        "( 1, 5, 4 ) , value ( 1, 3, 4 ) ");
+    dot(x.get(), wide.get(), "The mask of attention should be bool or of the inputs' data type.");
+    dot(x.get(), x.get(), "A mask of shape ( 1, 3, 4 ) does not broadcast to scores of shape ( 1, 3, 3 ) ");
+    const AttentionProjection map{w.get(), nullptr};
+    const std::string file = "src/tensor/nn/multi_head_attention.cpp";
     expect_error(
         [&] {
-            MultiHeadState state;
-            const MultiHeadParameters parameters{
-                {w.get(), nullptr}, {w.get(), nullptr}, {w.get(), nullptr}, {w.get(), nullptr}};
-            const TensorPtr longer = ones({1, 5, 4});
-            delete multi_head_attention(parameters, 2, longer.get(), x.get(), x.get(), nullptr, &state);
-            multi_head_attention_grad(parameters, x.get(), x.get(), x.get(), state, x.get());
+            multi_head_attention({map, map, map, map}, 3, x.get(), x.get(), x.get());
         },
-        "The state of multi-head attention is not of these inputs.", "ornik::multi_head_attention_grad",
-        "src/tensor/nn/multi_head_attention.cpp");
+        "Widths of 4 and 4 can not be cut into 3 heads.", "ornik::multi_head_attention", file);
+    MultiHeadState state;
+    const TensorPtr y(multi_head_attention({map, map, map, map}, 2, longer.get(), x.get(), x.get(), nullptr, &state));
+    expect_error(
+        [&] {
+            multi_head_attention_grad({map, map, map, map}, x.get(), x.get(), x.get(), state, x.get());
+        },
+        "The state of multi-head attention is not of these inputs.", "ornik::multi_head_attention_grad", file);
 }
 
 }  // namespace

@@ -1,17 +1,16 @@
 // Losses over elements and the negative log-likelihood: values against their definitions, gradients against
 // differences.
 #include <cmath>
-#include <cstring>
 #include <limits>
 
 #include "apis/ornik.h"
-#include "hardware/thread_config.h"
 #include "losses/binary_cross_entropy.h"
 #include "losses/mean_squared_error.h"
 #include "losses/nll_loss.h"
 #include "losses/soft_cross_entropy.h"
 #include "support/expect_error.h"
 #include "support/gradients.h"
+#include "support/same_bits.h"
 
 namespace ornik::test {
 namespace {
@@ -32,14 +31,17 @@ TensorPtr probabilities(const Dims& shape, std::int64_t dtype, unsigned seed, La
     return t;
 }
 
+template <typename L>
+void expect_class(const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+        EXPECT_NE(dynamic_cast<L*>(LossPtr(getLoss(name)).get()), nullptr) << name;
+    }
+}
+
 TEST(Losses, NamesMakeTheirClasses) {
-    for (const char* name : {"mse", "mean_squared_error"}) {
-        EXPECT_NE(dynamic_cast<LMeanSquaredError*>(LossPtr(getLoss(name)).get()), nullptr) << name;
-    }
-    for (const char* name : {"bce", "binary_cross_entropy"}) {
-        EXPECT_NE(dynamic_cast<LBinaryCrossEntropy*>(LossPtr(getLoss(name)).get()), nullptr) << name;
-    }
-    EXPECT_NE(dynamic_cast<LNLL_Loss*>(LossPtr(getLoss("nll_loss")).get()), nullptr);
+    expect_class<LMeanSquaredError>({"mse", "mean_squared_error"});
+    expect_class<LBinaryCrossEntropy>({"bce", "binary_cross_entropy"});
+    expect_class<LNLL_Loss>({"nll_loss"});
     for (const char* name : {"MSE", "nll", "BCE", " mse"}) {
         EXPECT_EQ(getLoss(name), nullptr) << name;
     }
@@ -114,18 +116,17 @@ TEST(Losses, CrossEntropyOfRowsOfAnyLength) {
     for (std::int64_t n = 1; n < 40; ++n) {
         const TensorPtr x = random_tensor({1, n}, dtype::float64, static_cast<unsigned>(n));
         static_cast<double*>(x->getRawData())[n / 2] = -1e4;
-        const std::vector<double> logits = values_of<double>(x);
+        std::vector<long double> p;
         long double total = 0;
-        const double last = logits.back();
-        for (const double value : logits) {
-            total += std::exp(static_cast<long double>(value) - last);
+        for (const double value : values_of<double>(x)) {
+            p.push_back(std::exp(static_cast<long double>(value)));
+            total += p.back();
         }
         const TensorPtr target = make<std::int64_t>({1}, {n - 1});
-        EXPECT_NEAR(value_of(loss, x, target), static_cast<double>(std::log(total)), 1e-14) << n;
+        EXPECT_NEAR(value_of(loss, x, target), static_cast<double>(std::log(total / p.back())), 1e-14) << n;
         const std::vector<double> gradient = values_of<double>(TensorPtr(loss->loss_backward(x.get(), target.get())));
-        for (std::size_t c = 0; c < gradient.size(); ++c) {
-            const long double p = std::exp(static_cast<long double>(logits[c]) - last) / total;
-            EXPECT_NEAR(gradient[c], static_cast<double>(p - (c + 1 == gradient.size() ? 1 : 0)), 1e-15) << n;
+        for (std::size_t c = 0; c < p.size(); ++c) {
+            EXPECT_NEAR(gradient[c], static_cast<double>(p[c] / total - (c + 1 == p.size() ? 1 : 0)), 1e-15) << n;
         }
     }
 }
@@ -134,54 +135,45 @@ TEST(Losses, SameBitsAtEveryTeamSize) {
     const TensorPtr x = probabilities({900, 101}, dtype::float32, 5);
     const TensorPtr t = probabilities({900, 101}, dtype::float32, 6);
     const TensorPtr classes(Tensor::ones({900}, 0, dtype::int64));
-    std::vector<float> first;
-    for (const int team : {1, 2, 4, 7}) {
-        ConfigSetNumThreads(team);
-        std::vector<float> all;
-        for (const char* name : {"mse", "bce", "sce", "nll_loss"}) {
-            const LossPtr loss(getLoss(name));
-            Tensor* target = name == std::string("nll_loss") ? classes.get() : t.get();
-            for (const TensorPtr& result :
-                 {TensorPtr(loss->loss_forward(x.get(), target)), TensorPtr(loss->loss_backward(x.get(), target))}) {
-                const std::vector<float> values = values_of<float>(result);
-                all.insert(all.end(), values.begin(), values.end());
-            }
+    expect_same_bits([&] {
+        std::vector<TensorPtr> all;
+        for (const std::string name : {"mse", "bce", "sce", "nll_loss"}) {
+            Tensor* target = name == "nll_loss" ? classes.get() : t.get();
+            all.emplace_back(LossPtr(getLoss(name))->loss_forward(x.get(), target));
+            all.emplace_back(LossPtr(getLoss(name))->loss_backward(x.get(), target));
         }
-        first = first.empty() ? all : first;
-        EXPECT_EQ(std::memcmp(all.data(), first.data(), all.size() * sizeof(float)), 0) << team;
-    }
-    ConfigSetNumThreads(4);
+        return all;
+    });
 }
 
 TEST(Losses, Refusals) {
     const TensorPtr x(Tensor::ones({2, 3}, 0, dtype::float32));
     const TensorPtr elsewhere(Tensor::ones({2, 3}, 0, dtype::float32));
     elsewhere->updateDevice(1000);
-    const auto refused = [](const std::string& name, const TensorPtr& prediction, const TensorPtr& target,
-                            const std::string& message) {
+    const auto refused = [](const std::string& name, const std::string& type, const TensorPtr& prediction,
+                            const TensorPtr& target, const std::string& message) {
         const LossPtr loss(getLoss(name));
-        const std::string type = name == "mse" ? "MeanSquaredError" : name == "bce" ? "BinaryCrossEntropy" : "NLL_Loss";
-        const std::string file = name == "mse"   ? "mean_squared_error"
-                                 : name == "bce" ? "binary_cross_entropy"
-                                                 : "nll_loss";
-        expect_error([&] { loss->loss_forward(prediction.get(), target.get()); }, message,
-                     "ornik::L" + type + "::loss_forward", "src/losses/" + file + ".cpp");
-        expect_error([&] { loss->loss_backward(prediction.get(), target.get()); }, message,
-                     "ornik::L" + type + "::loss_backward", "src/losses/" + file + ".cpp");
+        const std::string file = "src/losses/" + name + ".cpp";
+        const std::string place = "ornik::" + type;
+        expect_error([&] { loss->loss_forward(prediction.get(), target.get()); }, message, place + "::loss_forward",
+                     file);
+        expect_error([&] { loss->loss_backward(prediction.get(), target.get()); }, message, place + "::loss_backward",
+                     file);
     };
-    refused("mse", x, nullptr, "Mean squared error needs a prediction and a target.");
-    refused("mse", x, elsewhere, "Not same device for inputs of mean squared error.");
-    refused("mse", make<std::int32_t>({1}, {1}), x, "Not valid dtype for this function.");
-    refused("mse", x, TensorPtr(Tensor::ones({2, 3}, 0, dtype::float64)),
-            "Not same data type for inputs of mean squared error.");
-    refused("mse", x, TensorPtr(Tensor::ones({3}, 0, dtype::float32)),
-            "Target of shape ( 3 ) does not fit a prediction of shape ( 2, 3 ) ");
-    refused("mse", make<float>({0}, {}), x,
-            "Mean squared error needs at least one element, however the prediction is ( 0 ) ");
-    refused("bce", make<float>({2}, {0.5F, 1.001F}), make<float>({2}, {0, 1}),
+    const auto mse = [&](const TensorPtr& prediction, const TensorPtr& target, const std::string& message) {
+        refused("mean_squared_error", "LMeanSquaredError", prediction, target, message);
+    };
+    mse(x, nullptr, "Mean squared error needs a prediction and a target.");
+    mse(x, elsewhere, "Not same device for inputs of mean squared error.");
+    mse(make<std::int32_t>({1}, {1}), x, "Not valid dtype for this function.");
+    mse(x, make<double>({1}, {1}), "Not same data type for inputs of mean squared error.");
+    mse(x, make<float>({3}, {1, 1, 1}), "Target of shape ( 3 ) does not fit a prediction of shape ( 2, 3 ) ");
+    mse(make<float>({0}, {}), x, "Mean squared error needs at least one element, however the prediction is ( 0 ) ");
+    refused("binary_cross_entropy", "LBinaryCrossEntropy", make<float>({2}, {0.5F, 1.001F}), make<float>({2}, {0, 1}),
             "Binary cross entropy needs probabilities between 0 and 1.");
-    refused("nll_loss", x, x, "Negative log-likelihood needs class indices of an integer dtype.");
-    refused("nll_loss", x, make<std::int64_t>({2}, {-1, 0}), "Class index out of range, there are 3 classes.");
+    refused("nll_loss", "LNLL_Loss", x, x, "Negative log-likelihood needs class indices of an integer dtype.");
+    refused("nll_loss", "LNLL_Loss", x, make<std::int64_t>({2}, {-1, 0}),
+            "Class index out of range, there are 3 classes.");
 }
 
 }  // namespace

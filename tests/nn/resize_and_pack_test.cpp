@@ -3,9 +3,9 @@
 #include <cstring>
 #include <limits>
 
-#include "hardware/thread_config.h"
 #include "support/expect_error.h"
 #include "support/gradients.h"
+#include "support/same_bits.h"
 #include "tensor/nn/interpolate.h"
 #include "tensor/nn/packing.h"
 
@@ -75,34 +75,26 @@ TEST(Interpolate, InfinityStaysInItsPixelAndBitsInTheirTeam) {
     EXPECT_EQ(values_of<float>(TensorPtr(interpolate_grad(x.get(), {1, 1, 1, 3}, "bilinear", true))),
               (std::vector<float>{1, inf, 3}));
     const TensorPtr images = random_tensor({4, 8, 31, 33}, dtype::float32, 3);
-    std::vector<float> first;
-    for (const int team : {1, 2, 4, 7}) {
-        ConfigSetNumThreads(team);
-        const TensorPtr y(interpolate(images.get(), {64, 47}, "bilinear"));
-        std::vector<float> all = values_of<float>(y);
-        const std::vector<float> back =
-            values_of<float>(TensorPtr(interpolate_grad(y.get(), images->Shape(), "bilinear")));
-        all.insert(all.end(), back.begin(), back.end());
-        first = first.empty() ? all : first;
-        EXPECT_EQ(std::memcmp(all.data(), first.data(), all.size() * sizeof(float)), 0) << team;
-    }
-    ConfigSetNumThreads(4);
+    expect_same_bits([&] {
+        std::vector<TensorPtr> all;
+        all.emplace_back(interpolate(images.get(), {64, 47}, "bilinear"));
+        all.emplace_back(interpolate_grad(all[0].get(), images->Shape(), "bilinear"));
+        return all;
+    });
 }
 
 TEST(Interpolate, Refusals) {
     const TensorPtr x(Tensor::ones({1, 2, 3, 4}, 0, dtype::float32));
-    const auto refused = [&](Tensor* t, const Dims& size, const std::string& mode, bool corners,
-                             const std::string& message) {
-        expect_error([&] { interpolate(t, size, mode, corners); }, message, "ornik::interpolate",
+    const TensorPtr row = make<float>({3}, {1, 2, 3});
+    const auto refused = [](const TensorPtr& t, const Dims& size, const std::string& mode, const std::string& message) {
+        expect_error([&] { interpolate(t.get(), size, mode, mode == "nearest"); }, message, "ornik::interpolate",
                      "src/tensor/nn/interpolate.cpp");
     };
-    refused(make<float>({3}, {1, 2, 3}).get(), {1, 1}, "nearest", false,
+    refused(row, {1, 1}, "bilinear",
             "Interpolation needs images [batch, channels, rows, cols], however they are ( 3 ) ");
-    refused(x.get(), {1, 1}, "cubic", false, "Unknown interpolation: cubic");
-    refused(x.get(), {1, 1}, "nearest", true, "align_corners needs the interpolation bilinear.");
-    refused(x.get(), {4, 0}, "nearest", false, "Interpolation needs a size of rows and cols, however it is ( 4, 0 ) ");
-    refused(TensorPtr(Tensor::ones({1, 2, 3, 4}, 0, dtype::int32)).get(), {1, 1}, "nearest", false,
-            "Not valid dtype for this function.");
+    refused(x, {1, 1}, "cubic", "Unknown interpolation: cubic");
+    refused(x, {1, 1}, "nearest", "align_corners needs the interpolation bilinear.");
+    refused(x, {4, 0}, "bilinear", "Interpolation needs a size of rows and cols, however it is ( 4, 0 ) ");
     expect_error(
         [&] {
             interpolate_grad(x.get(), {1, 3, 3, 4}, "nearest");

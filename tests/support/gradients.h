@@ -1,4 +1,4 @@
-// gradients.h: analytical gradients against central differences in float64.
+// gradients.h: random tensors, and gradients compared with central differences.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,7 +10,8 @@
 
 namespace ornik::test {
 
-/// Entries in [-1, 1).
+using Function = std::function<TensorPtr(Tensor*)>;
+
 inline TensorPtr random_tensor(const Dims& shape, std::int64_t dtype, unsigned seed,
                                Layout layout = Layout::contiguous) {
     std::mt19937 random(seed);
@@ -32,7 +33,7 @@ inline TensorPtr random_tensor(const Dims& shape, std::int64_t dtype, unsigned s
     return result;
 }
 
-/// Real part of sum of conj(weight) * value: a number to take differences of.
+// Real part of sum of conj(weight) * value: a number to take differences of.
 inline double weighted_sum(const Tensor* value, const Tensor* weight) {
     double sum = 0;
     if (value->isComplexType()) {
@@ -51,10 +52,9 @@ inline double weighted_sum(const Tensor* value, const Tensor* weight) {
     return sum;
 }
 
-/// Compares `gradient` of weighted_sum(function(x), weight) with central differences in every real parameter
-/// of x, complex ones part by part.
-inline void expect_gradient(const std::function<TensorPtr(Tensor*)>& function, Tensor* x, const Tensor* weight,
-                            const Tensor* gradient) {
+// Compares `gradient` of weighted_sum(function(x), weight) with central differences in every real parameter
+// of x, complex ones part by part.
+inline void expect_gradient(const Function& function, Tensor* x, const Tensor* weight, const Tensor* gradient) {
     ASSERT_NE(gradient, nullptr);
     ASSERT_EQ(gradient->Shape(), x->Shape());
     const TensorPtr dense_gradient(gradient->clone());
