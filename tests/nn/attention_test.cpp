@@ -6,7 +6,6 @@
 
 #include "support/expect_error.h"
 #include "support/gradients.h"
-#include "support/same_bits.h"
 
 namespace ornik::test {
 namespace {
@@ -177,21 +176,6 @@ TEST(Attention, MultiHeadAgainstLoops) {
             {r.inputs.query.get(), r.inputs.key.get(), r.inputs.value.get(), r.query.weight.get(), r.query.bias.get(),
              r.key.weight.get(), r.key.bias.get(), r.value.weight.get(), r.output.weight.get(), r.output.bias.get()});
     }
-}
-
-TEST(Attention, SameBitsAtEveryTeamSize) {
-    const TensorPtr x = random_tensor({4, 6, 70, 20}, dtype::float32, 1);
-    expect_same_bits([&] {
-        Tensor* kept = nullptr;
-        std::vector<TensorPtr> all;
-        all.emplace_back(scaled_dot_product_attention(x.get(), x.get(), x.get(), nullptr, &kept));
-        all.emplace_back(kept);
-        AttentionGradients g = scaled_dot_product_attention_grad(x.get(), x.get(), x.get(), kept, all[0].get());
-        all.push_back(std::move(g.query));
-        all.push_back(std::move(g.key));
-        all.push_back(std::move(g.value));
-        return all;
-    });
 }
 
 TEST(Attention, Refusals) {

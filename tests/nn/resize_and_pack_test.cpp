@@ -5,7 +5,6 @@
 
 #include "support/expect_error.h"
 #include "support/gradients.h"
-#include "support/same_bits.h"
 #include "tensor/nn/interpolate.h"
 #include "tensor/nn/packing.h"
 
@@ -66,7 +65,7 @@ TEST(Interpolate, AgainstItsDefinitionAndDifferences) {
     }
 }
 
-TEST(Interpolate, InfinityStaysInItsPixelAndBitsInTheirTeam) {
+TEST(Interpolate, InfinityStaysInItsPixel) {
     const float inf = std::numeric_limits<float>::infinity();
     const TensorPtr x = make<float>({1, 1, 1, 3}, {1, inf, 3});
     EXPECT_EQ(values_of<float>(TensorPtr(interpolate(x.get(), {1, 6}, "nearest"))),
@@ -74,13 +73,6 @@ TEST(Interpolate, InfinityStaysInItsPixelAndBitsInTheirTeam) {
     EXPECT_EQ(values_of<float>(TensorPtr(interpolate(x.get(), {1, 3}, "bilinear"))), (std::vector<float>{1, inf, 3}));
     EXPECT_EQ(values_of<float>(TensorPtr(interpolate_grad(x.get(), {1, 1, 1, 3}, "bilinear", true))),
               (std::vector<float>{1, inf, 3}));
-    const TensorPtr images = random_tensor({4, 8, 31, 33}, dtype::float32, 3);
-    expect_same_bits([&] {
-        std::vector<TensorPtr> all;
-        all.emplace_back(interpolate(images.get(), {64, 47}, "bilinear"));
-        all.emplace_back(interpolate_grad(all[0].get(), images->Shape(), "bilinear"));
-        return all;
-    });
 }
 
 TEST(Interpolate, Refusals) {
