@@ -151,7 +151,7 @@ TEST(Losses, Refusals) {
     refused("binary_cross_entropy", "LBinaryCrossEntropy", make<float>({2}, {0.5F, 1.001F}), make<float>({2}, {0, 1}),
             "Binary cross entropy needs probabilities between 0 and 1.");
     refused("nll_loss", "LNLL_Loss", x, x, "Negative log-likelihood needs class indices of an integer dtype.");
-    refused("nll_loss", "LNLL_Loss", x, make<std::int64_t>({2}, {-1, 0}),
+    refused("nll_loss", "LNLL_Loss", x, make<std::int64_t>({2}, {0, 3}),
             "Class index out of range, there are 3 classes.");
 }
 
