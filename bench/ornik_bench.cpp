@@ -246,133 +246,148 @@ void eigh_rows() {
         });
         bench::row(std::string("eigvalsh/") + batch.name, [x] { delete ornik::eigvalsh(x.get()); });
     }
-}
 
-void step_rows() {
-    const auto vector = [](double value) { return filled({1'000'000}, value); };
-    const TensorPtr p = vector(1), g = vector(1e-3), s = vector(0), t = vector(0), u = vector(0);
-    const auto row = [](const std::string& name, const std::function<void()>& step) {
-        bench::row(name + "/1000000", step);
-    };
-    row("sgd", [=] { ornik::sgd_step(p.get(), g.get(), 1e-3F, s.get(), 0.9F, false); });
-    row("rmsprop", [=] { ornik::rmsprop_step(p.get(), g.get(), 1e-3F, 0.9F, 1e-8F, s.get()); });
-    for (const bool amsgrad : {false, true}) {
-        row(amsgrad ? "adam/amsgrad" : "adam", [=] {
-            ornik::adam_step(p.get(), g.get(), 1e-3F, 0.9F, 0.999F, 1e-8F, 10, s.get(), t.get(), u.get(), amsgrad);
-        });
-    }
-    row("adamw", [=] {
-        ornik::adamw_step(p.get(), g.get(), 1e-3F, 0.9F, 0.999F, 1e-8F, 0.01F, 10, s.get(), t.get(), nullptr, false);
-    });
-    row("adamax", [=] { ornik::adam_max_step(p.get(), g.get(), 1e-3F, 0.9F, 0.999F, 1e-8F, 10, s.get(), t.get()); });
-    row("adagrad", [=] { ornik::adam_grad_step(p.get(), g.get(), 1e-3F, 1e-8F, s.get()); });
-    row("adadelta", [=] { ornik::adam_delta_step(p.get(), g.get(), 1e-3F, 0.9F, 1e-8F, s.get(), t.get()); });
-}
-
-void convolution_rows() {
-    for (const bench::Conv& c : bench::convolutions) {
-        const std::vector<int> kernel(2, c.kernel), strides(2, c.stride), padding(2, c.padding), ones(2, 1),
-            zeros(2, 0);
-        const auto outputs = static_cast<int>(c.outputs);
-        const auto groups = static_cast<int>(c.groups);
-        const std::shared_ptr<ornik::Layer> layer(
-            c.transposed ? ornik::_ConvT2D(outputs, kernel, strides, padding, true, groups, ones, zeros, "")
-                         : ornik::_Conv2D(outputs, kernel, strides, padding, true, groups, ones, ""));
-        const TensorPtr x = filled({c.batch, c.inputs, c.side, c.side}, 1);
-        const TensorPtr w = filled({c.outputs, c.inputs / c.groups, c.kernel, c.kernel}, 2);
-        const TensorPtr b = filled({c.outputs}, 3);
-        const TensorPtr g(layer->forward_dyn(w.get(), b.get(), x.get()));
-        g->fill_(1);
-        bench::row(
-            std::string("conv/") + c.name + "/forward", [=] { delete layer->forward_dyn(w.get(), b.get(), x.get()); },
-            0, c.flops());
-        bench::row(
-            std::string("conv/") + c.name + "/gradients",
-            [=] {
-                for (const int node : {0, 1, 2}) {
-                    delete layer->backward_dyn(w.get(), b.get(), x.get(), g.get(), node);
-                }
-            },
-            0, 2 * c.flops());
-    }
-}
-
-// Elements in no order.
-TensorPtr shuffled(const Dims& shape) {
-    const TensorPtr t = filled(shape, 0);
-    bench::shuffle(static_cast<float*>(t->getRawData()), t->Size());
-    return t;
-}
-
-void reduction_rows() {
-    const std::int64_t n = bench::large;
-    const std::int64_t m = bench::side;
-    const TensorPtr flat = shuffled({n});
-    const TensorPtr square = shuffled({m, m});
-    const TensorPtr transposed = view(square, {m, m}, {1, m});
-    const TensorPtr small = shuffled({1'000});
-    struct Reduction {
-        const char* name;
-        Tensor* (*reduce)(Tensor*, const std::vector<int>&, bool);
-    };
-    for (const auto& [name, reduce] :
-         {Reduction{"sum", ornik::sum}, {"mean", ornik::mean}, {"max", ornik::max}, {"argmax", ornik::argmax}}) {
-        const auto row = [reduce = reduce, name = std::string(name)](const std::string& suffix, const TensorPtr& t,
-                                                                     const std::vector<int>& axes, bool is_large) {
-            bench::row(
-                name + suffix, [=] { delete reduce(t.get(), axes, false); }, is_large ? 4 * t->Size() : 0);
-        };
-        row("/all/17000000", flat, {}, true);
-        row("/rows", square, {1}, true);
-        row("/columns", square, {0}, true);
-        row("/transposed_rows", transposed, {1}, true);
-        row("/all/1000", small, {}, false);
-    }
-    bench::row(
-        "var/rows", [=] { delete ornik::var(square.get(), {1}); }, 4 * m * m);
-    bench::row("logsumexp/rows", [=] { delete ornik::logsumexp(square.get(), {1}); });
-    bench::row(
-        "cumsum/17000000", [=] { delete ornik::cumsum(flat.get(), 0); }, 8 * n);
-    for (const int axis : {1, 0}) {
-        const std::string along = axis == 1 ? "/rows" : "/columns";
-        bench::row(
-            "cumsum" + along, [=] { delete ornik::cumsum(square.get(), axis); }, 8 * m * m);
-        bench::row(
-            "softmax" + along, [=] { delete ornik::softmax(square.get(), axis); }, 8 * m * m);
-        bench::row(
-            "log_softmax" + along, [=] { delete ornik::log_softmax(square.get(), axis); }, 8 * m * m);
-    }
-    bench::row("softmax/1000", [=] { delete ornik::softmax(small.get(), 0); });
-}
-
-void order_rows() {
-    const TensorPtr rows = shuffled({256, 4096});
-    const auto release = [](const std::vector<Tensor*>& tensors) {
-        for (const Tensor* t : tensors) {
-            delete t;
+    void loss_rows() {
+        const std::shared_ptr<ornik::Loss> loss(ornik::getLoss("softmax_cross_entropy"));
+        for (const auto& size : bench::class_sizes) {
+            const TensorPtr x = filled({size[0], size[1]}, 0.5);
+            const TensorPtr classes = filled({size[0]}, 1, dtype::int64);
+            bench::row("cross_entropy/forward/" + bench::by(size),
+                       [=] { delete loss->loss_forward(x.get(), classes.get()); });
+            bench::row("cross_entropy/forward_and_backward/" + bench::by(size), [=] {
+                delete loss->loss_forward(x.get(), classes.get());
+                delete loss->loss_backward(x.get(), classes.get());
+            });
         }
-    };
-    bench::row("sort/256x4096", [=] { release(ornik::sort(rows.get(), 1)); });
-    bench::row("topk/256x4096", [=] { release(ornik::topk(rows.get(), 32, 1)); });
-    bench::row("median/256x4096", [=] { delete ornik::median(rows.get(), {1}); });
-}
-
-void indexing_rows() {
-    const std::int64_t n = bench::side;
-    const TensorPtr x = shuffled({n, n});
-    const TensorPtr index(Tensor::empty({n}, ornik::device_cpu, dtype::int64));
-    for (std::int64_t i = 0; i < n; ++i) {
-        static_cast<std::int64_t*>(index->getRawData())[i] = i * 1031 % n;
     }
-    const TensorPtr places(Tensor::broadcast_to(index.get(), {n, n}));
-    const TensorPtr mask(filled({n, n}, 1, dtype::boolean));
-    bench::row(
-        "index_select/rows", [=] { delete ornik::index_select(x.get(), 0, index.get()); }, 8 * n * n);
-    bench::row("index_select/columns", [=] { delete ornik::index_select(x.get(), 1, index.get()); });
-    bench::row("gather/rows", [=] { delete ornik::gather(x.get(), 1, places.get()); });
-    bench::row("index_add/rows", [=] { ornik::index_add_(x.get(), 0, index.get(), x.get()); });
-    bench::row("masked_select", [=] { delete ornik::masked_select(x.get(), mask.get()); });
-}
+
+    void step_rows() {
+        const auto vector = [](double value) { return filled({1'000'000}, value); };
+        const TensorPtr p = vector(1), g = vector(1e-3), s = vector(0), t = vector(0), u = vector(0);
+        const auto row = [](const std::string& name, const std::function<void()>& step) {
+            bench::row(name + "/1000000", step);
+        };
+        row("sgd", [=] { ornik::sgd_step(p.get(), g.get(), 1e-3F, s.get(), 0.9F, false); });
+        row("rmsprop", [=] { ornik::rmsprop_step(p.get(), g.get(), 1e-3F, 0.9F, 1e-8F, s.get()); });
+        for (const bool amsgrad : {false, true}) {
+            row(amsgrad ? "adam/amsgrad" : "adam", [=] {
+                ornik::adam_step(p.get(), g.get(), 1e-3F, 0.9F, 0.999F, 1e-8F, 10, s.get(), t.get(), u.get(), amsgrad);
+            });
+        }
+        row("adamw", [=] {
+            ornik::adamw_step(p.get(), g.get(), 1e-3F, 0.9F, 0.999F, 1e-8F, 0.01F, 10, s.get(), t.get(), nullptr,
+                              false);
+        });
+        row("adamax",
+            [=] { ornik::adam_max_step(p.get(), g.get(), 1e-3F, 0.9F, 0.999F, 1e-8F, 10, s.get(), t.get()); });
+        row("adagrad", [=] { ornik::adam_grad_step(p.get(), g.get(), 1e-3F, 1e-8F, s.get()); });
+        row("adadelta", [=] { ornik::adam_delta_step(p.get(), g.get(), 1e-3F, 0.9F, 1e-8F, s.get(), t.get()); });
+    }
+
+    void convolution_rows() {
+        for (const bench::Conv& c : bench::convolutions) {
+            const std::vector<int> kernel(2, c.kernel), strides(2, c.stride), padding(2, c.padding), ones(2, 1),
+                zeros(2, 0);
+            const auto outputs = static_cast<int>(c.outputs);
+            const auto groups = static_cast<int>(c.groups);
+            const std::shared_ptr<ornik::Layer> layer(
+                c.transposed ? ornik::_ConvT2D(outputs, kernel, strides, padding, true, groups, ones, zeros, "")
+                             : ornik::_Conv2D(outputs, kernel, strides, padding, true, groups, ones, ""));
+            const TensorPtr x = filled({c.batch, c.inputs, c.side, c.side}, 1);
+            const TensorPtr w = filled({c.outputs, c.inputs / c.groups, c.kernel, c.kernel}, 2);
+            const TensorPtr b = filled({c.outputs}, 3);
+            const TensorPtr g(layer->forward_dyn(w.get(), b.get(), x.get()));
+            g->fill_(1);
+            bench::row(
+                std::string("conv/") + c.name + "/forward",
+                [=] { delete layer->forward_dyn(w.get(), b.get(), x.get()); }, 0, c.flops());
+            bench::row(
+                std::string("conv/") + c.name + "/gradients",
+                [=] {
+                    for (const int node : {0, 1, 2}) {
+                        delete layer->backward_dyn(w.get(), b.get(), x.get(), g.get(), node);
+                    }
+                },
+                0, 2 * c.flops());
+        }
+    }
+
+    // Elements in no order.
+    TensorPtr shuffled(const Dims& shape) {
+        const TensorPtr t = filled(shape, 0);
+        bench::shuffle(static_cast<float*>(t->getRawData()), t->Size());
+        return t;
+    }
+
+    void reduction_rows() {
+        const std::int64_t n = bench::large;
+        const std::int64_t m = bench::side;
+        const TensorPtr flat = shuffled({n});
+        const TensorPtr square = shuffled({m, m});
+        const TensorPtr transposed = view(square, {m, m}, {1, m});
+        const TensorPtr small = shuffled({1'000});
+        struct Reduction {
+            const char* name;
+            Tensor* (*reduce)(Tensor*, const std::vector<int>&, bool);
+        };
+        for (const auto& [name, reduce] :
+             {Reduction{"sum", ornik::sum}, {"mean", ornik::mean}, {"max", ornik::max}, {"argmax", ornik::argmax}}) {
+            const auto row = [reduce = reduce, name = std::string(name)](const std::string& suffix, const TensorPtr& t,
+                                                                         const std::vector<int>& axes, bool is_large) {
+                bench::row(
+                    name + suffix, [=] { delete reduce(t.get(), axes, false); }, is_large ? 4 * t->Size() : 0);
+            };
+            row("/all/17000000", flat, {}, true);
+            row("/rows", square, {1}, true);
+            row("/columns", square, {0}, true);
+            row("/transposed_rows", transposed, {1}, true);
+            row("/all/1000", small, {}, false);
+        }
+        bench::row(
+            "var/rows", [=] { delete ornik::var(square.get(), {1}); }, 4 * m * m);
+        bench::row("logsumexp/rows", [=] { delete ornik::logsumexp(square.get(), {1}); });
+        bench::row(
+            "cumsum/17000000", [=] { delete ornik::cumsum(flat.get(), 0); }, 8 * n);
+        for (const int axis : {1, 0}) {
+            const std::string along = axis == 1 ? "/rows" : "/columns";
+            bench::row(
+                "cumsum" + along, [=] { delete ornik::cumsum(square.get(), axis); }, 8 * m * m);
+            bench::row(
+                "softmax" + along, [=] { delete ornik::softmax(square.get(), axis); }, 8 * m * m);
+            bench::row(
+                "log_softmax" + along, [=] { delete ornik::log_softmax(square.get(), axis); }, 8 * m * m);
+        }
+        bench::row("softmax/1000", [=] { delete ornik::softmax(small.get(), 0); });
+    }
+
+    void order_rows() {
+        const TensorPtr rows = shuffled({256, 4096});
+        const auto release = [](const std::vector<Tensor*>& tensors) {
+            for (const Tensor* t : tensors) {
+                delete t;
+            }
+        };
+        bench::row("sort/256x4096", [=] { release(ornik::sort(rows.get(), 1)); });
+        bench::row("topk/256x4096", [=] { release(ornik::topk(rows.get(), 32, 1)); });
+        bench::row("median/256x4096", [=] { delete ornik::median(rows.get(), {1}); });
+    }
+
+    void indexing_rows() {
+        const std::int64_t n = bench::side;
+        const TensorPtr x = shuffled({n, n});
+        const TensorPtr index(Tensor::empty({n}, ornik::device_cpu, dtype::int64));
+        for (std::int64_t i = 0; i < n; ++i) {
+            static_cast<std::int64_t*>(index->getRawData())[i] = i * 1031 % n;
+        }
+        const TensorPtr places(Tensor::broadcast_to(index.get(), {n, n}));
+        const TensorPtr mask(filled({n, n}, 1, dtype::boolean));
+        bench::row(
+            "index_select/rows", [=] { delete ornik::index_select(x.get(), 0, index.get()); }, 8 * n * n);
+        bench::row("index_select/columns", [=] { delete ornik::index_select(x.get(), 1, index.get()); });
+        bench::row("gather/rows", [=] { delete ornik::gather(x.get(), 1, places.get()); });
+        bench::row("index_add/rows", [=] { ornik::index_add_(x.get(), 0, index.get(), x.get()); });
+        bench::row("masked_select", [=] { delete ornik::masked_select(x.get(), mask.get()); });
+    }
 
 }  // namespace
 
@@ -386,6 +401,7 @@ int main(int argc, char** argv) {
     random_rows();
     eigh_rows();
     convolution_rows();
+    loss_rows();
     step_rows();
     reduction_rows();
     order_rows();

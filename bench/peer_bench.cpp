@@ -180,109 +180,126 @@ void convolution_rows() {
         bench::row(std::string("conv/") + c.name + "/gradients", [=] {
             at::convolution_backward(g, x, w, c10::IntArrayRef(b.sizes()), stride, padding, ones, c.transposed, zeros,
                                      c.groups, {true, true, true});
-        });
-    }
+}
+
+void loss_rows() {
+            for (const auto& size : bench::class_sizes) {
+                const at::Tensor x = filled({size[0], size[1]}, 0.5);
+                const at::Tensor classes = filled({size[0]}, 1, at::kLong);
+                const at::Tensor leaf = x.detach().clone().set_requires_grad(true);
+                bench::row("cross_entropy/forward/" + bench::by(size), [=] { at::cross_entropy_loss(x, classes); });
+                bench::row("cross_entropy/forward_and_backward/" + bench::by(size), [=] {
+                    const torch::AutoGradMode gradients(true);
+                    torch::autograd::grad({at::cross_entropy_loss(leaf, classes)}, {leaf});
+                });
+            }
 }
 
 template <typename Optimizer, typename Options>
 void step_row(const std::string& name, const Options& options) {
-    at::Tensor p = filled({1'000'000}, 1);
-    p.set_requires_grad(true);
-    p.mutable_grad() = filled({1'000'000}, 1e-3);
-    const auto optimizer = std::make_shared<Optimizer>(std::vector<at::Tensor>{p}, options);
-    bench::row(name + "/1000000", [=] { optimizer->step(); });
+}
+
+void step_rows() {
+            at::Tensor p = filled({1'000'000}, 1);
+            p.set_requires_grad(true);
+            p.mutable_grad() = filled({1'000'000}, 1e-3);
+            const auto optimizer = std::make_shared<Optimizer>(std::vector<at::Tensor>{p}, options);
+            bench::row(name + "/1000000", [=] { optimizer->step(); });
 }
 
 // The peer has no Adamax and no Adadelta.
 void step_rows() {
-    using namespace torch::optim;
-    step_row<SGD>("sgd", SGDOptions(1e-3).momentum(0.9));
-    step_row<RMSprop>("rmsprop", RMSpropOptions(1e-3).alpha(0.9));
-    step_row<Adam>("adam", AdamOptions(1e-3));
-    step_row<Adam>("adam/amsgrad", AdamOptions(1e-3).amsgrad(true));
-    step_row<AdamW>("adamw", AdamWOptions(1e-3));
-    step_row<Adagrad>("adagrad", AdagradOptions(1e-3));
+            using namespace torch::optim;
+            step_row<SGD>("sgd", SGDOptions(1e-3).momentum(0.9));
+            step_row<RMSprop>("rmsprop", RMSpropOptions(1e-3).alpha(0.9));
+            step_row<Adam>("adam", AdamOptions(1e-3));
+            step_row<Adam>("adam/amsgrad", AdamOptions(1e-3).amsgrad(true));
+            step_row<AdamW>("adamw", AdamWOptions(1e-3));
+            step_row<Adagrad>("adagrad", AdagradOptions(1e-3));
 }
 
 at::Tensor shuffled(at::IntArrayRef shape) {
-    at::Tensor t = filled(shape, 0);
-    bench::shuffle(t.data_ptr<float>(), t.numel());
-    return t;
+            at::Tensor t = filled(shape, 0);
+            bench::shuffle(t.data_ptr<float>(), t.numel());
+            return t;
 }
 
 void reduction_rows() {
-    const at::Tensor flat = shuffled({bench::large});
-    const at::Tensor square = shuffled({bench::side, bench::side});
-    const at::Tensor transposed = square.t();
-    const at::Tensor small = shuffled({1'000});
-    struct Reduction {
-        const char* name;
-        std::function<at::Tensor(const at::Tensor&, std::vector<std::int64_t>)> reduce;
-    };
-    for (const Reduction& reduction :
-         {Reduction{"sum", [](const at::Tensor&t, const std::vector<std::int64_t>&axes) { return at::sum(t, axes); }},
-          {"mean", [](const at::Tensor&t, const std::vector<std::int64_t>&axes) { return at::mean(t, axes); }},
-          {"max", [](const at::Tensor&t, const std::vector<std::int64_t>&axes) { return at::amax(t, axes); }},
-          {"argmax", [](const at::Tensor&t, const std::vector<std::int64_t>&axes) {
-               return axes.empty() ? at::argmax(t) : at::argmax(t, axes[0]);
-           }}}) {
-        const auto row = [&](const std::string& suffix, const at::Tensor& t, const std::vector<std::int64_t>& axes) {
-            bench::row(reduction.name + suffix, [=] { reduction.reduce(t, axes); });
-        };
-        row("/all/17000000", flat, {});
-        row("/rows", square, {1});
-        row("/columns", square, {0});
-        row("/transposed_rows", transposed, {1});
-        row("/all/1000", small, {});
-    }
-    bench::row("var/rows", [=] { at::var(square, 1); });
-    bench::row("logsumexp/rows", [=] { at::logsumexp(square, 1); });
-    bench::row("cumsum/17000000", [=] { at::cumsum(flat, 0); });
-    for (const int axis : {1, 0}) {
-        const std::string along = axis == 1 ? "/rows" : "/columns";
-        bench::row("cumsum" + along, [=] { at::cumsum(square, axis); });
-        bench::row("softmax" + along, [=] { at::softmax(square, axis); });
-        bench::row("log_softmax" + along, [=] { at::log_softmax(square, axis); });
-    }
-    bench::row("softmax/1000", [=] { at::softmax(small, 0); });
+            const at::Tensor flat = shuffled({bench::large});
+            const at::Tensor square = shuffled({bench::side, bench::side});
+            const at::Tensor transposed = square.t();
+            const at::Tensor small = shuffled({1'000});
+            struct Reduction {
+                const char* name;
+                std::function<at::Tensor(const at::Tensor&, std::vector<std::int64_t>)> reduce;
+            };
+            for (const Reduction& reduction :
+                 {Reduction{"sum",
+                            [](const at::Tensor&t, const std::vector<std::int64_t>&axes) { return at::sum(t, axes); }},
+                  {"mean", [](const at::Tensor&t, const std::vector<std::int64_t>&axes) { return at::mean(t, axes); }},
+                  {"max", [](const at::Tensor&t, const std::vector<std::int64_t>&axes) { return at::amax(t, axes); }},
+                  {"argmax", [](const at::Tensor&t, const std::vector<std::int64_t>&axes) {
+                       return axes.empty() ? at::argmax(t) : at::argmax(t, axes[0]);
+                   }}}) {
+                const auto row = [&](const std::string& suffix, const at::Tensor& t,
+                                     const std::vector<std::int64_t>& axes) {
+                    bench::row(reduction.name + suffix, [=] { reduction.reduce(t, axes); });
+                };
+                row("/all/17000000", flat, {});
+                row("/rows", square, {1});
+                row("/columns", square, {0});
+                row("/transposed_rows", transposed, {1});
+                row("/all/1000", small, {});
+            }
+            bench::row("var/rows", [=] { at::var(square, 1); });
+            bench::row("logsumexp/rows", [=] { at::logsumexp(square, 1); });
+            bench::row("cumsum/17000000", [=] { at::cumsum(flat, 0); });
+            for (const int axis : {1, 0}) {
+                const std::string along = axis == 1 ? "/rows" : "/columns";
+                bench::row("cumsum" + along, [=] { at::cumsum(square, axis); });
+                bench::row("softmax" + along, [=] { at::softmax(square, axis); });
+                bench::row("log_softmax" + along, [=] { at::log_softmax(square, axis); });
+            }
+            bench::row("softmax/1000", [=] { at::softmax(small, 0); });
 }
 
 void order_rows() {
-    const at::Tensor rows = shuffled({256, 4096});
-    bench::row("sort/256x4096", [=] { at::sort(rows, /*stable=*/true, 1); });
-    bench::row("topk/256x4096", [=] { at::topk(rows, 32, 1); });
-    bench::row("median/256x4096", [=] { at::median(rows, 1); });
+            const at::Tensor rows = shuffled({256, 4096});
+            bench::row("sort/256x4096", [=] { at::sort(rows, /*stable=*/true, 1); });
+            bench::row("topk/256x4096", [=] { at::topk(rows, 32, 1); });
+            bench::row("median/256x4096", [=] { at::median(rows, 1); });
 }
 
 void indexing_rows() {
-    const std::int64_t n = bench::side;
-    at::Tensor x = shuffled({n, n});
-    const at::Tensor index = at::arange(n, at::kLong).mul(1031).remainder(n);
-    const at::Tensor places = index.expand({n, n});
-    const at::Tensor mask = filled({n, n}, 1, at::kBool);
-    bench::row("index_select/rows", [=] { at::index_select(x, 0, index); });
-    bench::row("index_select/columns", [=] { at::index_select(x, 1, index); });
-    bench::row("gather/rows", [=] { at::gather(x, 1, places); });
-    bench::row("index_add/rows", [=]() mutable { x.index_add_(0, index, x.clone()); });
-    bench::row("masked_select", [=] { at::masked_select(x, mask); });
+            const std::int64_t n = bench::side;
+            at::Tensor x = shuffled({n, n});
+            const at::Tensor index = at::arange(n, at::kLong).mul(1031).remainder(n);
+            const at::Tensor places = index.expand({n, n});
+            const at::Tensor mask = filled({n, n}, 1, at::kBool);
+            bench::row("index_select/rows", [=] { at::index_select(x, 0, index); });
+            bench::row("index_select/columns", [=] { at::index_select(x, 1, index); });
+            bench::row("gather/rows", [=] { at::gather(x, 1, places); });
+            bench::row("index_add/rows", [=]() mutable { x.index_add_(0, index, x.clone()); });
+            bench::row("masked_select", [=] { at::masked_select(x, mask); });
 }
 
-}  // namespace
+    }  // namespace
 
-int main(int argc, char** argv) {
-    step_rows();
-    const torch::NoGradGuard no_gradients;
-    creation_rows();
-    addition_rows();
-    copy_rows();
-    shape_rows();
-    element_rows();
-    product_rows();
-    random_rows();
-    eigh_rows();
-    convolution_rows();
-    reduction_rows();
-    order_rows();
-    indexing_rows();
-    return bench::run(argc, argv);
-}
+    int main(int argc, char** argv) {
+        step_rows();
+        const torch::NoGradGuard no_gradients;
+        creation_rows();
+        addition_rows();
+        copy_rows();
+        shape_rows();
+        element_rows();
+        product_rows();
+        random_rows();
+        eigh_rows();
+        convolution_rows();
+        reduction_rows();
+        order_rows();
+        indexing_rows();
+        loss_rows();
+        return bench::run(argc, argv);
+    }

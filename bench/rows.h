@@ -14,6 +14,9 @@ inline constexpr std::int64_t large = 17'000'000;  // elements, far beyond every
 inline constexpr std::int64_t side = 4096;         // of square matrices
 inline constexpr std::int64_t sizes[] = {1, 1'000, 100'000, large};
 inline constexpr std::int64_t product_sizes[] = {64, 128, 256, 512, 1024, 2048};
+inline constexpr std::int64_t class_sizes[][2] = {{128, 10}, {4096, 1000}, {64, 50'000}};  // rows x classes
+
+inline std::string by(const std::int64_t (&size)[2]) { return std::to_string(size[0]) + "x" + std::to_string(size[1]); }
 
 struct Batch {
     const char* name;

@@ -19,7 +19,10 @@ set(ORNIK_PUBLIC_HEADERS
     layers/layer.h
     layers/layer_activation.h
     layers/layer_dense.h
+    losses/binary_cross_entropy.h
     losses/loss.h
+    losses/mean_squared_error.h
+    losses/nll_loss.h
     losses/soft_cross_entropy.h
     optimizers/optimizers.h
     ornik.h
@@ -28,6 +31,9 @@ set(ORNIK_PUBLIC_HEADERS
     tensor/dtype.h
     tensor/nn/tensor_conv.h
     tensor/scalar.h
+    tensor/nn/attention.h
+    tensor/nn/interpolate.h
+    tensor/nn/packing.h
     tensor/tensor.h
     tensor/tensor_math/linear_algebra.h
     tensor/tensor_math/indexing.h

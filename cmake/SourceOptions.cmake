@@ -27,6 +27,14 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_SYSTEM_PROCESSOR MATCHES "x86_
   set_source_files_properties(${other_sources} PROPERTIES COMPILE_OPTIONS "-mno-fma;-mno-avx512f")
 endif()
 
+# Rows of exponentials: GCC turns their loops into vectors only where comparisons need not raise floating-point
+# exceptions in order. No value depends on it.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  set_property(SOURCE ${PROJECT_SOURCE_DIR}/src/hardware/cpu/nn/cpu_attention.cpp
+                      ${PROJECT_SOURCE_DIR}/src/hardware/cpu/nn/cpu_class_losses.cpp
+               APPEND PROPERTY COMPILE_OPTIONS -fno-trapping-math)
+endif()
+
 # Printing works on a null tensor, too: its test of `this` must stay.
 if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
   set_property(SOURCE ${PROJECT_SOURCE_DIR}/src/tensor/tensor_print.cpp APPEND PROPERTY

@@ -47,7 +47,10 @@ ORNIK_API Layer* _Softmax(int axis, std::string name);
 
 /// A loss by its exact name; null for any other:
 ///
+///   "mean_squared_error", "mse"                            losses/mean_squared_error.h
+///   "binary_cross_entropy", "bce"                          losses/binary_cross_entropy.h
 ///   "soft_cross_entropy", "softmax_cross_entropy", "sce"   losses/soft_cross_entropy.h
+///   "nll_loss"                                             losses/nll_loss.h
 ///   "none"                                                 a Loss whose operations return null
 ORNIK_API Loss* getLoss(std::string name);
 

@@ -5,6 +5,9 @@
 
 #include "layers/layer_activation.h"
 #include "layers/layer_dense.h"
+#include "losses/binary_cross_entropy.h"
+#include "losses/mean_squared_error.h"
+#include "losses/nll_loss.h"
 #include "losses/soft_cross_entropy.h"
 
 namespace ornik {
@@ -25,8 +28,17 @@ Layer* _Softmax(int axis, std::string name) {
 }
 
 Loss* getLoss(std::string name) {
+    if (name == "mean_squared_error" || name == "mse") {
+        return new (std::nothrow) LMeanSquaredError;
+    }
+    if (name == "binary_cross_entropy" || name == "bce") {
+        return new (std::nothrow) LBinaryCrossEntropy;
+    }
     if (name == "soft_cross_entropy" || name == "softmax_cross_entropy" || name == "sce") {
         return new (std::nothrow) LSoftCrossEntropy;
+    }
+    if (name == "nll_loss") {
+        return new (std::nothrow) LNLL_Loss;
     }
     if (name == "none") {
         return new (std::nothrow) Loss("none");

@@ -1,9 +1,6 @@
 #include "layers/layer_dense.h"
 
-#include "hardware/cpu/cpu_math.h"
-#include "tensor/borrowed.h"
-#include "tensor/tensor_math/reductions.h"
-#include "tensor/tensor_math/tensor_arithmetic.h"
+#include "tensor/nn/linear.h"
 
 namespace ornik {
 
@@ -16,12 +13,6 @@ std::unique_ptr<Tensor> clone_or_null(const std::unique_ptr<Tensor>& t) {
 std::unique_ptr<Tensor> whole_view(const Tensor* t) {
     return std::unique_ptr<Tensor>(
         view_tensor(t->getStorage(), t->Shape(), t->Strides(), t->Device(), t->Dtype(), t->StorageOffset()));
-}
-
-// [..., n] of a contiguous tensor as [rows, n].
-std::unique_ptr<Tensor> as_matrix(const Tensor* t) {
-    const std::int64_t cols = t->Shape().back();
-    return std::unique_ptr<Tensor>(view_tensor(t, {t->Size() / cols, cols}));
 }
 
 Dims with_last(Dims shape, std::int64_t last) {
@@ -52,37 +43,6 @@ void check_arguments(const Where& at, const Tensor* weight, const Tensor* bias, 
     if (bias != nullptr && bias->Shape() != Dims{out_features} && bias->Shape() != Dims{1, out_features}) {
         fail(at, "Dense layer with ", out_features, " outputs has a bias of another shape: ", bias->Shape());
     }
-}
-
-// The tensor itself for real dtypes, its conjugate for complex ones.
-std::unique_ptr<Tensor> conjugate_or_null(const Tensor* t) {
-    if (!t->isComplexType()) {
-        return nullptr;
-    }
-    std::unique_ptr<Tensor> result(Tensor::empty_like(t));
-    device::cpu::conj(t, result.get());
-    return result;
-}
-
-std::unique_ptr<Tensor> input_gradient(Tensor* weight, const Tensor* input, Tensor* gradient) {
-    const std::unique_ptr<Tensor> conjugate = conjugate_or_null(weight);
-    std::unique_ptr<Tensor> result(Tensor::empty_like(input));
-    Tensor::dot(as_matrix(gradient).get(), 0, conjugate ? conjugate.get() : weight, 1, as_matrix(result.get()).get(),
-                0);
-    return result;
-}
-
-std::unique_ptr<Tensor> weight_gradient(const Tensor* weight, Tensor* input, Tensor* gradient) {
-    const std::unique_ptr<Tensor> conjugate = conjugate_or_null(input);
-    std::unique_ptr<Tensor> result(Tensor::empty_like(weight));
-    Tensor::dot(as_matrix(conjugate ? conjugate.get() : input).get(), 1, as_matrix(gradient).get(), 0, result.get(), 0);
-    return result;
-}
-
-std::unique_ptr<Tensor> bias_gradient(const Tensor* bias, const Tensor* gradient) {
-    const Dims shape = bias == nullptr ? Dims{gradient->Shape().back()} : bias->Shape();
-    std::unique_ptr<Tensor> total(sum(as_matrix(gradient).get(), {0}));
-    return total->Shape() == shape ? std::move(total) : std::unique_ptr<Tensor>(view_tensor(total.get(), shape));
 }
 
 }  // namespace
@@ -116,16 +76,7 @@ LDense::~LDense() = default;
 
 Tensor* LDense::forward_dyn(Tensor* weight, Tensor* bias, Tensor* input) {
     check_arguments(where("ornik::LDense::forward_dyn"), weight, bias, input, out_features_);
-    const Borrowed x = Borrowed::contiguous(input);
-    std::unique_ptr<Tensor> output(
-        Tensor::empty(with_last(input->Shape(), out_features_), input->Device(), input->Dtype()));
-    const std::unique_ptr<Tensor> rows = as_matrix(output.get());
-    Tensor::dot(as_matrix(x.get()).get(), 0, weight, 0, rows.get(), 0);
-    if (bias != nullptr && use_bias_) {
-        const std::unique_ptr<Tensor> repeated(Tensor::broadcast_to(bias, rows->Shape()));
-        add(1.0F, rows.get(), 1.0F, repeated.get(), rows.get(), 0);
-    }
-    return output.release();
+    return linear(weight, use_bias_ ? bias : nullptr, input).release();
 }
 
 Tensor* LDense::backward_dyn(Tensor* weight, Tensor* bias, Tensor* input, Tensor* output_gradient, int node) {
@@ -143,14 +94,12 @@ Tensor* LDense::backward_dyn(Tensor* weight, Tensor* bias, Tensor* input, Tensor
     if (output_gradient->Dtype() != input->Dtype()) {
         fail(at, "Not same data type for inputs of dense layer.");
     }
-    const Borrowed gradient = Borrowed::contiguous(output_gradient);
     if (node == 0) {
-        return input_gradient(weight, input, gradient.get()).release();
+        return linear_input_grad(weight, input, output_gradient).release();
     }
     std::unique_ptr<Tensor>& kept = node == 1 ? weight_gradient_ : bias_gradient_;
-    std::unique_ptr<Tensor> result = node == 1
-                                         ? weight_gradient(weight, Borrowed::contiguous(input).get(), gradient.get())
-                                         : bias_gradient(bias, gradient.get());
+    std::unique_ptr<Tensor> result =
+        node == 1 ? linear_weight_grad(weight, input, output_gradient) : linear_bias_grad(bias, output_gradient);
     kept = whole_view(result.get());
     return result.release();
 }

@@ -1,104 +1,86 @@
+// cpu_losses.cpp: losses over elements.
 #include "hardware/cpu/nn/cpu_losses.h"
 
-#include <algorithm>
 #include <cmath>
-#include <vector>
 
+#include "descriptors/tensoriterator.h"
 #include "hardware/cpu/dispatch.h"
-#include "hardware/parallel.h"
+#include "loss_sums.h"
 
 namespace ornik::device::cpu {
 
 namespace {
 
-constexpr std::int64_t grain_exponentials = 1 << 12;
+constexpr std::int64_t chunk_cheap = 1 << 14;       // terms of a few operations
+constexpr std::int64_t chunk_logarithms = 1 << 10;  // terms with logarithms
 
-template <typename Row>
-void for_each_row(std::int64_t rows, std::int64_t classes, const Row& row) {
-    const std::int64_t grain = std::max<std::int64_t>(2, grain_exponentials / classes);
-    parallel_for(rows, 1, grain, [&](std::int64_t begin, std::int64_t end) {
-        for (std::int64_t i = begin; i < end; ++i) {
-            row(i);
-        }
-    });
-}
+// log(0) counts as this much, so that a certain and wrong prediction costs much, but not infinitely much.
+constexpr double least_logarithm = -100;
+// Divisors of the gradient are at least this, for the same reason.
+constexpr double least_divisor = 1e-12;
 
-template <typename T>
-T log_sum_exp(const T* x, std::int64_t n, T highest) {
-    T sum = 0;
-    for (std::int64_t c = 0; c < n; ++c) {
-        sum += std::exp(x[c] - highest);
-    }
-    return highest + std::log(sum);
+template <typename T, typename Function>
+void for_each_pair(const Tensor* a, const Tensor* b, Tensor* out, const Function& function) {
+    MultiTensorIterationHelper it;
+    it.add_input(a);
+    it.add_input(b);
+    it.add_output(out);
+    it.build();
+    it.run<TypeList<T>, TypeList<T, T>>(function);
 }
 
 }  // namespace
 
-bool classes_in_range(const Tensor* indices, std::int64_t classes) {
-    const auto* index = static_cast<const std::int64_t*>(indices->getRawData());
-    return std::all_of(index, index + indices->Size(), [&](std::int64_t c) { return c >= 0 && c < classes; });
+bool in_unit_interval(const Tensor* probabilities) {
+    bool inside = true;
+    dispatch(FloatTypes{}, probabilities->Dtype(), [&]<typename T>() {
+        const T* p = data_of<T>(probabilities);
+        inside = sum_of_terms(probabilities->Size(), chunk_cheap,
+                              [&](std::int64_t i) { return p[i] < T(0) || p[i] > T(1) ? 1 : 0; }) == 0;
+    });
+    return inside;
 }
 
-void soft_cross_entropy(const Tensor* prediction, const Tensor* target, bool has_indices, Tensor* loss) {
-    const std::int64_t classes = prediction->Shape().back();
-    const std::int64_t rows = prediction->Size() / classes;
+void mean_squared_error(const Tensor* prediction, const Tensor* target, Tensor* loss) {
+    const std::int64_t n = prediction->Size();
     dispatch(FloatTypes{}, prediction->Dtype(), [&]<typename T>() {
-        const T* logits = static_cast<const T*>(prediction->getRawData());
-        std::vector<double> row_loss(static_cast<std::size_t>(rows));
-        for_each_row(rows, classes, [&](std::int64_t row) {
-            const T* x = logits + row * classes;
-            const T all = log_sum_exp(x, classes, *std::max_element(x, x + classes));
-            double sum = 0;
-            if (has_indices) {
-                sum = all - x[static_cast<const std::int64_t*>(target->getRawData())[row]];
-            } else {
-                const T* weight = static_cast<const T*>(target->getRawData()) + row * classes;
-                for (std::int64_t c = 0; c < classes; ++c) {
-                    // A class of no weight counts nothing, not 0 times infinity.
-                    sum += weight[c] == T(0) ? 0.0 : static_cast<double>(weight[c]) * (all - x[c]);
-                }
-            }
-            row_loss[static_cast<std::size_t>(row)] = sum;
+        const T* x = data_of<T>(prediction);
+        const T* t = data_of<T>(target);
+        const double sum = sum_of_terms(n, chunk_cheap, [&](std::int64_t i) {
+            const double difference = static_cast<double>(x[i]) - static_cast<double>(t[i]);
+            return difference * difference;
         });
-        double sum = 0;
-        for (const double value : row_loss) {
-            sum += value;
-        }
-        *static_cast<T*>(loss->getRawData()) = static_cast<T>(sum / static_cast<double>(rows));
+        *data_of<T>(loss) = static_cast<T>(sum / static_cast<double>(n));
     });
 }
 
-void soft_cross_entropy_grad(const Tensor* prediction, const Tensor* target, bool has_indices, Tensor* gradient) {
-    const std::int64_t classes = prediction->Shape().back();
-    const std::int64_t rows = prediction->Size() / classes;
+void mean_squared_error_grad(const Tensor* prediction, const Tensor* target, Tensor* gradient) {
     dispatch(FloatTypes{}, prediction->Dtype(), [&]<typename T>() {
-        const T* logits = static_cast<const T*>(prediction->getRawData());
-        T* result = static_cast<T*>(gradient->getRawData());
-        const T scale = T(1) / static_cast<T>(rows);
-        for_each_row(rows, classes, [&](std::int64_t row) {
-            const T* x = logits + row * classes;
-            T* g = result + row * classes;
-            const T highest = *std::max_element(x, x + classes);
-            T sum = 0;
-            for (std::int64_t c = 0; c < classes; ++c) {
-                g[c] = std::exp(x[c] - highest);
-                sum += g[c];
-            }
-            if (has_indices) {
-                for (std::int64_t c = 0; c < classes; ++c) {
-                    g[c] = g[c] / sum * scale;
-                }
-                g[static_cast<const std::int64_t*>(target->getRawData())[row]] -= scale;
-                return;
-            }
-            const T* weight = static_cast<const T*>(target->getRawData()) + row * classes;
-            T total = 0;
-            for (std::int64_t c = 0; c < classes; ++c) {
-                total += weight[c];
-            }
-            for (std::int64_t c = 0; c < classes; ++c) {
-                g[c] = (g[c] / sum * total - weight[c]) * scale;
-            }
+        const T scale = T(2) / static_cast<T>(prediction->Size());
+        for_each_pair<T>(prediction, target, gradient, [scale](T x, T t) { return scale * (x - t); });
+    });
+}
+
+void binary_cross_entropy(const Tensor* prediction, const Tensor* target, Tensor* loss) {
+    const std::int64_t n = prediction->Size();
+    dispatch(FloatTypes{}, prediction->Dtype(), [&]<typename T>() {
+        const T* p = data_of<T>(prediction);
+        const T* t = data_of<T>(target);
+        const double sum = sum_of_terms(n, chunk_logarithms, [&](std::int64_t i) {
+            const auto least = static_cast<T>(least_logarithm);
+            return (t[i] - T(1)) * std::max(std::log1p(-p[i]), least) - t[i] * std::max(std::log(p[i]), least);
+        });
+        *data_of<T>(loss) = static_cast<T>(sum / static_cast<double>(n));
+    });
+}
+
+void binary_cross_entropy_grad(const Tensor* prediction, const Tensor* target, Tensor* gradient) {
+    dispatch(FloatTypes{}, prediction->Dtype(), [&]<typename T>() {
+        const T scale = T(1) / static_cast<T>(prediction->Size());
+        // The two quotients apart: with p near 0 and t = 0, say, the one that is left is harmless.
+        for_each_pair<T>(prediction, target, gradient, [scale](T p, T t) {
+            const auto least = static_cast<T>(least_divisor);
+            return scale * ((T(1) - t) / std::max(T(1) - p, least) - t / std::max(p, least));
         });
     });
 }

@@ -1,0 +1,84 @@
+// attention.h: scaled dot-product and multi-head attention, forward and gradients. float32 and float64.
+//
+//     Tensor* probabilities = nullptr;  // kept for the backward pass
+//     Tensor* y = scaled_dot_product_attention(q, k, v, mask, &probabilities);
+//     AttentionGradients g = scaled_dot_product_attention_grad(q, k, v, probabilities, dy);
+//
+// All tensors of a call have one device and one dtype and may have any strides. A mask broadcasts to the scores:
+// bool (true: may be attended to) or of the inputs' dtype (added to the scaled scores). A position that may
+// attend to nothing gets zeros, and so do the gradients through it.
+#pragma once
+
+#include <memory>
+
+#include "../../export.h"
+#include "../tensor.h"
+
+namespace ornik {
+
+/// softmax(query key^T / sqrt(d) + mask) value. query [..., n, d], key [..., m, d], value [..., m, e], the same
+/// leading axes; the result is [..., n, e], a new tensor that the caller deletes. When `probabilities` is not
+/// null it receives the softmax [..., n, m], which the caller deletes, too.
+ORNIK_API Tensor* scaled_dot_product_attention(Tensor* query, Tensor* key, Tensor* value, Tensor* mask = nullptr,
+                                               Tensor** probabilities = nullptr);
+
+struct AttentionGradients {
+    std::unique_ptr<Tensor> query;
+    std::unique_ptr<Tensor> key;
+    std::unique_ptr<Tensor> value;
+};
+
+/// The gradients for query, key and value, from the probabilities of the forward pass, which carry the mask.
+ORNIK_API AttentionGradients scaled_dot_product_attention_grad(Tensor* query, Tensor* key, Tensor* value,
+                                                               Tensor* probabilities, Tensor* output_gradient);
+
+/// One dense map x W + b: weight [in, out], bias [out], [1, out] or null. Not owned.
+struct AttentionProjection {
+    Tensor* weight = nullptr;
+    Tensor* bias = nullptr;
+};
+
+/// The parameters of multi-head attention. The outputs of query and key are heads x d wide, that of value and
+/// the input of output heads x e.
+struct MultiHeadParameters {
+    AttentionProjection query;
+    AttentionProjection key;
+    AttentionProjection value;
+    AttentionProjection output;
+};
+
+/// What a forward pass leaves for the backward pass.
+struct MultiHeadState {
+    std::unique_ptr<Tensor> query;          ///< projected, [b, heads, n, d]
+    std::unique_ptr<Tensor> key;            ///< projected, [b, heads, m, d]
+    std::unique_ptr<Tensor> value;          ///< projected, [b, heads, m, e]
+    std::unique_ptr<Tensor> probabilities;  ///< [b, heads, n, m]
+    std::unique_ptr<Tensor> merged;         ///< input of the output map, [b, n, heads * e]
+};
+
+/// Projects query [b, n, *], key and value [b, m, *], attends in `heads` heads, and projects the merged heads:
+/// [b, n, out], a new tensor that the caller deletes. Self-attention passes one tensor three times. The mask
+/// broadcasts to [b, heads, n, m]. When `state` is not null it receives what the backward pass needs.
+ORNIK_API Tensor* multi_head_attention(const MultiHeadParameters& parameters, int heads, Tensor* query, Tensor* key,
+                                       Tensor* value, Tensor* mask = nullptr, MultiHeadState* state = nullptr);
+
+/// Of one dense map; the bias is null where the map has none.
+struct ProjectionGradients {
+    std::unique_ptr<Tensor> weight;
+    std::unique_ptr<Tensor> bias;
+};
+
+struct MultiHeadGradients {
+    AttentionGradients inputs;  ///< Where one tensor was passed several times, its gradient is their sum.
+    ProjectionGradients query;
+    ProjectionGradients key;
+    ProjectionGradients value;
+    ProjectionGradients output;
+};
+
+/// The gradients for inputs and parameters, from the state of a forward pass with the same arguments.
+ORNIK_API MultiHeadGradients multi_head_attention_grad(const MultiHeadParameters& parameters, Tensor* query,
+                                                       Tensor* key, Tensor* value, const MultiHeadState& state,
+                                                       Tensor* output_gradient);
+
+}  // namespace ornik

@@ -1,0 +1,69 @@
+#include "tensor/nn/linear.h"
+
+#include "hardware/cpu/cpu_math.h"
+#include "tensor/borrowed.h"
+#include "tensor/tensor_math/reductions.h"
+#include "tensor/tensor_math/tensor_arithmetic.h"
+
+namespace ornik {
+
+namespace {
+
+// [..., n] of a contiguous tensor as [rows, n].
+std::unique_ptr<Tensor> as_matrix(const Tensor* t) {
+    const std::int64_t cols = t->Shape().back();
+    return std::unique_ptr<Tensor>(view_tensor(t, {t->Size() / cols, cols}));
+}
+
+// Null for real dtypes, the conjugate for complex ones.
+std::unique_ptr<Tensor> conjugate_or_null(const Tensor* t) {
+    if (!t->isComplexType()) {
+        return nullptr;
+    }
+    std::unique_ptr<Tensor> result(Tensor::empty_like(t));
+    device::cpu::conj(t, result.get());
+    return result;
+}
+
+}  // namespace
+
+std::unique_ptr<Tensor> linear(Tensor* weight, Tensor* bias, Tensor* input) {
+    const Borrowed x = Borrowed::contiguous(input);
+    Dims shape = input->Shape();
+    shape.back() = weight->Shape()[1];
+    std::unique_ptr<Tensor> output(Tensor::empty(shape, input->Device(), input->Dtype()));
+    const std::unique_ptr<Tensor> rows = as_matrix(output.get());
+    Tensor::dot(as_matrix(x.get()).get(), 0, weight, 0, rows.get(), 0);
+    if (bias != nullptr) {
+        const std::unique_ptr<Tensor> repeated(Tensor::broadcast_to(bias, rows->Shape()));
+        add(1.0F, rows.get(), 1.0F, repeated.get(), rows.get(), 0);
+    }
+    return output;
+}
+
+std::unique_ptr<Tensor> linear_input_grad(Tensor* weight, const Tensor* input, Tensor* gradient) {
+    const Borrowed g = Borrowed::contiguous(gradient);
+    const std::unique_ptr<Tensor> conjugate = conjugate_or_null(weight);
+    std::unique_ptr<Tensor> result(Tensor::empty_like(input));
+    Tensor::dot(as_matrix(g.get()).get(), 0, conjugate ? conjugate.get() : weight, 1, as_matrix(result.get()).get(), 0);
+    return result;
+}
+
+std::unique_ptr<Tensor> linear_weight_grad(const Tensor* weight, Tensor* input, Tensor* gradient) {
+    const Borrowed g = Borrowed::contiguous(gradient);
+    const Borrowed x = Borrowed::contiguous(input);
+    const std::unique_ptr<Tensor> conjugate = conjugate_or_null(x.get());
+    std::unique_ptr<Tensor> result(Tensor::empty_like(weight));
+    Tensor::dot(as_matrix(conjugate ? conjugate.get() : x.get()).get(), 1, as_matrix(g.get()).get(), 0, result.get(),
+                0);
+    return result;
+}
+
+std::unique_ptr<Tensor> linear_bias_grad(const Tensor* bias, Tensor* gradient) {
+    const Borrowed g = Borrowed::contiguous(gradient);
+    const Dims shape = bias == nullptr ? Dims{gradient->Shape().back()} : bias->Shape();
+    std::unique_ptr<Tensor> total(sum(as_matrix(g.get()).get(), {0}));
+    return total->Shape() == shape ? std::move(total) : std::unique_ptr<Tensor>(view_tensor(total.get(), shape));
+}
+
+}  // namespace ornik

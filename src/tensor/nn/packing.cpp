@@ -1,0 +1,87 @@
+#include "tensor/nn/packing.h"
+
+#include <algorithm>
+#include <limits>
+#include <numeric>
+
+#include "hardware/cpu/nn/cpu_packing.h"
+#include "tensor/borrowed.h"
+
+namespace ornik {
+
+namespace {
+
+std::unique_ptr<Tensor> pack(const Where& at, Tensor* padded, const Packing& packing) {
+    const auto batch = static_cast<std::int64_t>(packing.lengths().size());
+    if (padded == nullptr || padded->ndim() < 2 || padded->Shape()[0] != batch ||
+        padded->Shape()[1] < packing.steps() || padded->Size() < 1) {
+        fail(at, "These sequences are padded to [", batch, ", ", packing.steps(), " or more, ...], however they are ",
+             padded == nullptr ? Dims{} : padded->Shape());
+    }
+    Dims shape(padded->Shape().begin() + 1, padded->Shape().end());
+    shape[0] = packing.entries();
+    std::unique_ptr<Tensor> packed(Tensor::empty(shape, padded->Device(), padded->Dtype()));
+    device::cpu::pack(Borrowed::contiguous(padded).get(), packing, packed.get());
+    return packed;
+}
+
+std::unique_ptr<Tensor> unpack(const Where& at, Tensor* packed, const Packing& packing, std::int64_t steps,
+                               double padding) {
+    if (packed == nullptr || packed->ndim() < 1 || packed->Shape()[0] != packing.entries() || packed->Size() < 1) {
+        fail(at, "These sequences are packed to [", packing.entries(), ", ...], however they are ",
+             packed == nullptr ? Dims{} : packed->Shape());
+    }
+    if (steps < packing.steps()) {
+        fail(at, "Sequences of up to ", packing.steps(), " steps do not fit into ", steps);
+    }
+    Dims shape = packed->Shape();
+    shape[0] = steps;
+    shape.insert(shape.begin(), static_cast<std::int64_t>(packing.lengths().size()));
+    std::unique_ptr<Tensor> padded(Tensor::empty(shape, packed->Device(), packed->Dtype()));
+    padded->fill_(padding);
+    device::cpu::unpack(Borrowed::contiguous(packed).get(), packing, padded.get());
+    return padded;
+}
+
+}  // namespace
+
+Packing::Packing(const Dims& lengths) : lengths_(lengths), order_(lengths.size()) {
+    const Where at = where("ornik::Packing::Packing");
+    for (const std::int64_t length : lengths_) {
+        if (length < 0 || length > std::numeric_limits<std::int64_t>::max() - entries_) {
+            fail(at, "Sequences have lengths from 0, however they are ", lengths_);
+        }
+        entries_ += length;
+    }
+    if (entries_ < 1) {
+        fail(at, "At least one sequence should have a step.");
+    }
+    std::iota(order_.begin(), order_.end(), 0);
+    const auto length_of = [&](std::int64_t i) { return lengths_[static_cast<std::size_t>(i)]; };
+    std::stable_sort(order_.begin(), order_.end(),
+                     [&](std::int64_t a, std::int64_t b) { return length_of(a) > length_of(b); });
+    // Sequence by sequence from the shortest, the steps that it is the last to reach.
+    for (std::size_t left = order_.size(); left > 0; --left) {
+        const auto reached = static_cast<std::size_t>(length_of(order_[left - 1]));
+        batch_sizes_.resize(std::max(batch_sizes_.size(), reached), static_cast<std::int64_t>(left));
+    }
+}
+
+Tensor* pack_sequences(Tensor* padded, const Packing& packing) {
+    return pack(where("ornik::pack_sequences"), padded, packing).release();
+}
+
+Tensor* pack_sequences_grad(Tensor* packed_gradient, const Packing& packing, std::int64_t steps) {
+    return unpack(where("ornik::pack_sequences_grad"), packed_gradient, packing, steps, 0.0).release();
+}
+
+Tensor* unpack_sequences(Tensor* packed, const Packing& packing, std::int64_t steps, double padding) {
+    return unpack(where("ornik::unpack_sequences"), packed, packing, steps == 0 ? packing.steps() : steps, padding)
+        .release();
+}
+
+Tensor* unpack_sequences_grad(Tensor* padded_gradient, const Packing& packing) {
+    return pack(where("ornik::unpack_sequences_grad"), padded_gradient, packing).release();
+}
+
+}  // namespace ornik

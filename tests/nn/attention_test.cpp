@@ -1,0 +1,214 @@
+// Attention: values against plain loops, gradients against differences.
+#include "tensor/nn/attention.h"
+
+#include <cmath>
+#include <limits>
+
+#include "support/expect_error.h"
+#include "support/gradients.h"
+
+namespace ornik::test {
+namespace {
+
+using Values = std::vector<double>;
+
+// softmax(q k^T / sqrt(d) + bias) v of one head; q [n, d], k [m, d], v [m, e] have rows `pitch` entries apart.
+void attend(const double* q, const double* k, const double* v, const double* bias, double* out, std::size_t n,
+            std::size_t m, std::size_t d, std::size_t e, std::size_t pitch_d, std::size_t pitch_e) {
+    for (std::size_t i = 0; i < n; ++i) {
+        Values p(m);
+        double sum = 0;
+        for (std::size_t j = 0; j < m; ++j) {
+            double score = 0;
+            for (std::size_t c = 0; c < d; ++c) {
+                score += q[i * pitch_d + c] * k[j * pitch_d + c];
+            }
+            p[j] = std::exp(score / std::sqrt(static_cast<double>(d)) + bias[i * m + j]);
+            sum += p[j];
+        }
+        for (std::size_t c = 0; c < e; ++c) {
+            out[i * pitch_e + c] = 0;
+            for (std::size_t j = 0; j < m && sum > 0; ++j) {
+                out[i * pitch_e + c] += p[j] / sum * v[j * pitch_e + c];
+            }
+        }
+    }
+}
+
+void expect_values(const Tensor* t, const Values& expected, double bound) {
+    const TensorPtr wide(t->astype(dtype::float64));
+    const Values values = values_of<double>(wide);
+    ASSERT_EQ(values.size(), expected.size());
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        EXPECT_NEAR(values[i], expected[i], bound) << "entry " << i;
+    }
+}
+
+struct Mask {
+    std::string name;
+    TensorPtr tensor;
+    Values bias;  // What it adds to scores [2, 2, 3, 5].
+};
+
+std::vector<Mask> masks() {
+    const auto triangle = [](std::int64_t k) {
+        return TensorPtr(TensorPtr(Tensor::ones({3, 5}, 0, dtype::boolean))->tril(k));
+    };
+    std::vector<Mask> all;
+    all.push_back({"none", nullptr, {}});
+    all.push_back({"causal", triangle(0), {}});
+    all.push_back({"first position sees nothing", triangle(-1), {}});
+    all.push_back({"added", random_tensor({2, 1, 1, 5}, dtype::float64, 9, Layout::every_other), {}});
+    const Values added = values_of<double>(all[3].tensor);
+    for (int i = 0; i < 60; ++i) {
+        const int row = i / 5 % 3;
+        const int col = i % 5;
+        const double hidden = -std::numeric_limits<double>::infinity();
+        all[0].bias.push_back(0);
+        all[1].bias.push_back(col <= row ? 0 : hidden);
+        all[2].bias.push_back(col < row ? 0 : hidden);
+        all[3].bias.push_back(added[static_cast<std::size_t>(i / 30 * 5 + col)]);
+    }
+    return all;
+}
+
+// Compares gradients[i] of run(inputs) for inputs[i] with differences.
+template <typename Run>
+void expect_gradients(const Run& run, const std::vector<TensorPtr>& inputs, const Tensor* weight,
+                      const std::vector<const Tensor*>& gradients) {
+    std::vector<Tensor*> all;
+    for (const TensorPtr& t : inputs) {
+        all.push_back(t.get());
+    }
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        SCOPED_TRACE("input " + std::to_string(i));
+        const auto function = [&](Tensor* t) {
+            std::vector<Tensor*> changed = all;
+            changed[i] = t;
+            return run(changed);
+        };
+        expect_gradient(function, all[i], weight, gradients[i]);
+    }
+}
+
+// The masks are tried through multi-head attention, below.
+TEST(Attention, DotProductAgainstLoops) {
+    const TensorPtr g = random_tensor({2, 2, 3, 6}, dtype::float64, 4, Layout::transposed);
+    for (const std::int64_t type : {dtype::float32, dtype::float64}) {
+        std::vector<TensorPtr> in;
+        std::vector<Values> wide;
+        for (const Dims& shape : {Dims{2, 2, 3, 4}, Dims{2, 2, 5, 4}, Dims{2, 2, 5, 6}}) {
+            in.push_back(random_tensor(shape, type, static_cast<unsigned>(in.size()), all_layouts[in.size() + 1]));
+            wide.push_back(values_of<double>(TensorPtr(in.back()->astype(dtype::float64))));
+        }
+        const Values no_bias(15, 0.0);
+        Values expected(72);
+        for (std::size_t b = 0; b < 4; ++b) {
+            attend(&wide[0][b * 12], &wide[1][b * 20], &wide[2][b * 30], no_bias.data(), &expected[b * 18], 3, 5, 4, 6,
+                   4, 6);
+        }
+        Tensor* kept = nullptr;
+        const auto run = [&](const auto& t, Tensor** probabilities) {
+            return TensorPtr(scaled_dot_product_attention(&*t[0], &*t[1], &*t[2], nullptr, probabilities));
+        };
+        const TensorPtr out = run(in, &kept);
+        const TensorPtr probabilities(kept);
+        EXPECT_EQ(out->Shape(), g->Shape());
+        expect_values(out.get(), expected, type == dtype::float64 ? 1e-14 : 1e-6);
+        if (type == dtype::float64) {
+            const AttentionGradients r =
+                scaled_dot_product_attention_grad(in[0].get(), in[1].get(), in[2].get(), kept, g.get());
+            expect_gradients([&](const std::vector<Tensor*>& t) { return run(t, nullptr); }, in, g.get(),
+                             {r.query.get(), r.key.get(), r.value.get()});
+        }
+    }
+}
+
+// x [rows, in] times w [in, out] plus b.
+Values dense(const Values& x, const TensorPtr& w, const TensorPtr& b) {
+    const auto in = static_cast<std::size_t>(w->Shape()[0]);
+    const auto out = static_cast<std::size_t>(w->Shape()[1]);
+    Values y(x.size() / in * out);
+    for (std::size_t i = 0; i < y.size(); ++i) {
+        y[i] = b == nullptr ? 0 : values_of<double>(b)[i % out];
+        for (std::size_t c = 0; c < in; ++c) {
+            y[i] += x[i / out * in + c] * values_of<double>(w)[c * out + i % out];
+        }
+    }
+    return y;
+}
+
+TEST(Attention, MultiHeadAgainstLoops) {
+    // Two heads of d = 3 and e = 2 over inputs of different widths: three inputs; weights and biases of query and
+    // key; weight of value, which has no bias; weight and bias of output.
+    std::vector<TensorPtr> in;
+    for (const Dims& shape : {Dims{2, 3, 4}, Dims{2, 5, 7}, Dims{2, 5, 3}, Dims{4, 6}, Dims{6}, Dims{7, 6}, Dims{1, 6},
+                              Dims{3, 4}, Dims{4, 5}, Dims{5}}) {
+        in.push_back(random_tensor(shape, dtype::float64, static_cast<unsigned>(in.size()), Layout::transposed));
+    }
+    const auto parameters = [](const auto& t) {
+        return MultiHeadParameters{{&*t[3], &*t[4]}, {&*t[5], &*t[6]}, {&*t[7], nullptr}, {&*t[8], &*t[9]}};
+    };
+    const TensorPtr g = random_tensor({2, 3, 5}, dtype::float64, 20, Layout::transposed);
+    const TensorPtr none;
+    for (const Mask& mask : masks()) {
+        SCOPED_TRACE(mask.name);
+        const auto run = [&](const auto& t, MultiHeadState* state) {
+            return TensorPtr(multi_head_attention(parameters(t), 2, &*t[0], &*t[1], &*t[2], mask.tensor.get(), state));
+        };
+        const Values q = dense(values_of<double>(in[0]), in[3], in[4]);
+        const Values k = dense(values_of<double>(in[1]), in[5], in[6]);
+        const Values v = dense(values_of<double>(in[2]), in[7], none);
+        Values merged(24);
+        for (std::size_t b = 0; b < 2; ++b) {
+            for (std::size_t h = 0; h < 2; ++h) {
+                attend(&q[b * 18 + h * 3], &k[b * 30 + h * 3], &v[b * 20 + h * 2], &mask.bias[(b * 2 + h) * 15],
+                       &merged[b * 12 + h * 2], 3, 5, 3, 2, 6, 4);
+            }
+        }
+        MultiHeadState state;
+        expect_values(run(in, &state).get(), dense(merged, in[8], in[9]), 1e-14);
+        const MultiHeadGradients r =
+            multi_head_attention_grad(parameters(in), in[0].get(), in[1].get(), in[2].get(), state, g.get());
+        EXPECT_EQ(r.value.bias, nullptr);
+        expect_gradients(
+            [&](const std::vector<Tensor*>& t) { return run(t, nullptr); }, in, g.get(),
+            {r.inputs.query.get(), r.inputs.key.get(), r.inputs.value.get(), r.query.weight.get(), r.query.bias.get(),
+             r.key.weight.get(), r.key.bias.get(), r.value.weight.get(), r.output.weight.get(), r.output.bias.get()});
+    }
+}
+
+TEST(Attention, Refusals) {
+    const TensorPtr x(Tensor::ones({1, 3, 4}, 0, dtype::float32));
+    const TensorPtr longer(Tensor::ones({1, 5, 4}, 0, dtype::float32));
+    const TensorPtr wide(Tensor::ones({1, 3, 4}, 0, dtype::float64));
+    const TensorPtr w(Tensor::ones({4, 4}, 0, dtype::float32));
+    const auto dot = [&](Tensor* key, Tensor* mask, const std::string& message) {
+        expect_error([&] { scaled_dot_product_attention(x.get(), key, x.get(), mask); }, message,
+                     "ornik::scaled_dot_product_attention", "src/tensor/nn/attention.cpp");
+    };
+    dot(nullptr, nullptr, "Attention needs all of its tensors but mask and biases.");
+    dot(wide.get(), nullptr, "Not same data type for inputs of attention.");
+    dot(longer.get(), nullptr,
+        "Attention needs a query [..., n, d], a key [..., m, d] and a value [..., m, e]: query ( 1, 3, 4 ) , key "
+        "( 1, 5, 4 ) , value ( 1, 3, 4 ) ");
+    dot(x.get(), wide.get(), "The mask of attention should be bool or of the inputs' data type.");
+    dot(x.get(), x.get(), "A mask of shape ( 1, 3, 4 ) does not broadcast to scores of shape ( 1, 3, 3 ) ");
+    const AttentionProjection map{w.get(), nullptr};
+    const std::string file = "src/tensor/nn/multi_head_attention.cpp";
+    expect_error(
+        [&] {
+            multi_head_attention({map, map, map, map}, 3, x.get(), x.get(), x.get());
+        },
+        "Widths of 4 and 4 can not be cut into 3 heads.", "ornik::multi_head_attention", file);
+    MultiHeadState state;
+    const TensorPtr y(multi_head_attention({map, map, map, map}, 2, longer.get(), x.get(), x.get(), nullptr, &state));
+    expect_error(
+        [&] {
+            multi_head_attention_grad({map, map, map, map}, x.get(), x.get(), x.get(), state, x.get());
+        },
+        "The state of multi-head attention is not of these inputs.", "ornik::multi_head_attention_grad", file);
+}
+
+}  // namespace
+}  // namespace ornik::test

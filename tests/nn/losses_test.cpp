@@ -1,0 +1,159 @@
+// Losses over elements and the negative log-likelihood: values against their definitions, gradients against
+// differences.
+#include <cmath>
+#include <limits>
+
+#include "apis/ornik.h"
+#include "losses/binary_cross_entropy.h"
+#include "losses/mean_squared_error.h"
+#include "losses/nll_loss.h"
+#include "losses/soft_cross_entropy.h"
+#include "support/expect_error.h"
+#include "support/gradients.h"
+
+namespace ornik::test {
+namespace {
+
+using LossPtr = std::unique_ptr<Loss>;
+
+double value_of(const LossPtr& loss, const TensorPtr& prediction, const TensorPtr& target) {
+    const TensorPtr value(loss->loss_forward(prediction.get(), target.get()));
+    EXPECT_EQ(value->Shape(), Dims{});
+    EXPECT_EQ(value->Dtype(), prediction->Dtype());
+    return values_of<double>(TensorPtr(value->astype(dtype::float64)))[0];
+}
+
+TensorPtr probabilities(const Dims& shape, std::int64_t dtype, unsigned seed, Layout layout = Layout::contiguous) {
+    TensorPtr t = random_tensor(shape, dtype, seed, layout);
+    t->mult_scalar_inplace(0.45F);
+    t->add_scalar_inplace(0.5F);
+    return t;
+}
+
+TEST(Losses, NamesMakeTheirClasses) {
+    const LossPtr losses[] = {LossPtr(getLoss("mse")), LossPtr(getLoss("mean_squared_error")), LossPtr(getLoss("bce")),
+                              LossPtr(getLoss("binary_cross_entropy")), LossPtr(getLoss("nll_loss"))};
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(dynamic_cast<LMeanSquaredError*>(losses[i].get()) != nullptr, i < 2);
+        EXPECT_EQ(dynamic_cast<LBinaryCrossEntropy*>(losses[i].get()) != nullptr, i == 2 || i == 3);
+        EXPECT_EQ(dynamic_cast<LNLL_Loss*>(losses[i].get()) != nullptr, i == 4);
+    }
+    EXPECT_EQ(getLoss("MSE"), nullptr);
+}
+
+TEST(Losses, OverElementsAgainstTheirDefinitions) {
+    const TensorPtr unit = make<double>({}, {1});
+    for (const std::string name : {"mse", "bce"}) {
+        const LossPtr loss(getLoss(name));
+        for (const Dims& shape : {Dims{}, Dims{7}, Dims{2, 3, 2, 3}}) {
+            const TensorPtr x = probabilities(shape, dtype::float64, 1, Layout::transposed);
+            const TensorPtr t = probabilities(shape, dtype::float64, 2, Layout::reversed);
+            const std::vector<double> p = values_of<double>(x);
+            const std::vector<double> w = values_of<double>(t);
+            double expected = 0;
+            for (std::size_t i = 0; i < p.size(); ++i) {
+                expected += name == "mse" ? (p[i] - w[i]) * (p[i] - w[i])
+                                          : -(w[i] * std::log(p[i]) + (1 - w[i]) * std::log(1 - p[i]));
+            }
+            expected /= static_cast<double>(p.size());
+            EXPECT_NEAR(value_of(loss, x, t), expected, 1e-14) << name;
+            EXPECT_NEAR(value_of(loss, TensorPtr(x->astype(dtype::float32)), TensorPtr(t->astype(dtype::float32))),
+                        expected, 1e-6)
+                << name;
+            expect_gradient([&](Tensor* v) { return TensorPtr(loss->loss_forward(v, t.get())); }, x.get(), unit.get(),
+                            TensorPtr(loss->loss_backward(x.get(), t.get())).get());
+        }
+    }
+}
+
+TEST(Losses, BinaryCrossEntropyNearItsEnds) {
+    const LossPtr loss(getLoss("bce"));
+    struct Case {
+        float p, t, value, gradient;
+    };
+    // 1 - p is exact, and log(1 - p) keeps the digits of a small p.
+    for (const Case& c : {Case{0, 0, 0, 1}, Case{1, 1, 0, -1}, Case{0, 1, 100, -1e12F}, Case{1, 0, 100, 1e12F},
+                          Case{1e-10F, 0, 1e-10F, 1}, Case{1e-10F, 1, 23.025851F, -1e10F},
+                          Case{1 - 0x1p-24F, 0, 16.635532F, 0x1p24F}}) {
+        const TensorPtr p = make<float>({1}, {c.p});
+        const TensorPtr t = make<float>({1}, {c.t});
+        EXPECT_FLOAT_EQ(values_of<float>(TensorPtr(loss->loss_forward(p.get(), t.get())))[0], c.value) << c.p << c.t;
+        EXPECT_FLOAT_EQ(values_of<float>(TensorPtr(loss->loss_backward(p.get(), t.get())))[0], c.gradient)
+            << c.p << c.t;
+    }
+    const TensorPtr nan = make<float>({1}, {std::numeric_limits<float>::quiet_NaN()});
+    EXPECT_TRUE(std::isnan(value_of(loss, nan, make<float>({1}, {1}))));
+}
+
+TEST(Losses, NegativeLogLikelihood) {
+    const LossPtr loss(getLoss("nll_loss"));
+    const TensorPtr unit = make<double>({}, {1});
+    const TensorPtr x = random_tensor({2, 3, 4}, dtype::float64, 11, Layout::transposed);
+    const std::vector<std::uint8_t> classes = {0, 3, 2, 2, 1, 0};
+    double expected = 0;
+    for (std::size_t row = 0; row < 6; ++row) {
+        expected -= values_of<double>(x)[row * 4 + classes[row]] / 6;
+    }
+    for (const TensorPtr& target :
+         {make<std::uint8_t>({2, 3}, classes, Layout::transposed), make<std::uint8_t>({2, 3, 1}, classes)}) {
+        EXPECT_NEAR(value_of(loss, x, target), expected, 1e-15);
+        expect_gradient([&](Tensor* v) { return TensorPtr(loss->loss_forward(v, target.get())); }, x.get(), unit.get(),
+                        TensorPtr(loss->loss_backward(x.get(), target.get())).get());
+    }
+    const TensorPtr one_member = make<float>({3}, {-1, -2, -3});
+    EXPECT_EQ(value_of(loss, one_member, make<std::int64_t>({}, {1})), 2.0);
+}
+
+// Rows of every length around a vector's, one entry far below the others.
+TEST(Losses, CrossEntropyOfRowsOfAnyLength) {
+    const LossPtr loss(getLoss("sce"));
+    for (std::int64_t n = 1; n < 40; ++n) {
+        const TensorPtr x = random_tensor({1, n}, dtype::float64, static_cast<unsigned>(n));
+        static_cast<double*>(x->getRawData())[n / 2] = -1e4;
+        std::vector<long double> p;
+        long double total = 0;
+        for (const double value : values_of<double>(x)) {
+            p.push_back(std::exp(static_cast<long double>(value)));
+            total += p.back();
+        }
+        const TensorPtr target = make<std::int64_t>({1}, {n - 1});
+        EXPECT_NEAR(value_of(loss, x, target), static_cast<double>(std::log(total / p.back())), 1e-14) << n;
+        const std::vector<double> gradient = values_of<double>(TensorPtr(loss->loss_backward(x.get(), target.get())));
+        for (std::size_t c = 0; c < p.size(); ++c) {
+            EXPECT_NEAR(gradient[c], static_cast<double>(p[c] / total - (c + 1 == p.size() ? 1 : 0)), 1e-15) << n;
+        }
+    }
+}
+
+TEST(Losses, Refusals) {
+    const TensorPtr x(Tensor::ones({2, 3}, 0, dtype::float32));
+    const TensorPtr elsewhere(Tensor::ones({2, 3}, 0, dtype::float32));
+    elsewhere->updateDevice(1000);
+    const auto refused = [](const std::string& name, const std::string& type, const TensorPtr& prediction,
+                            const TensorPtr& target, const std::string& message) {
+        const LossPtr loss(getLoss(name));
+        const std::string file = "src/losses/" + name + ".cpp";
+        const std::string place = "ornik::" + type;
+        expect_error([&] { loss->loss_forward(prediction.get(), target.get()); }, message, place + "::loss_forward",
+                     file);
+        expect_error([&] { loss->loss_backward(prediction.get(), target.get()); }, message, place + "::loss_backward",
+                     file);
+    };
+    const auto mse = [&](const TensorPtr& prediction, const TensorPtr& target, const std::string& message) {
+        refused("mean_squared_error", "LMeanSquaredError", prediction, target, message);
+    };
+    mse(x, nullptr, "Mean squared error needs a prediction and a target.");
+    mse(x, elsewhere, "Not same device for inputs of mean squared error.");
+    mse(make<std::int32_t>({1}, {1}), x, "Not valid dtype for this function.");
+    mse(x, make<double>({1}, {1}), "Not same data type for inputs of mean squared error.");
+    mse(x, make<float>({3}, {1, 1, 1}), "Target of shape ( 3 ) does not fit a prediction of shape ( 2, 3 ) ");
+    mse(make<float>({0}, {}), x, "Mean squared error needs at least one element, however the prediction is ( 0 ) ");
+    refused("binary_cross_entropy", "LBinaryCrossEntropy", make<float>({2}, {0.5F, 1.001F}), make<float>({2}, {0, 1}),
+            "Binary cross entropy needs probabilities between 0 and 1.");
+    refused("nll_loss", "LNLL_Loss", x, x, "Negative log-likelihood needs class indices of an integer dtype.");
+    refused("nll_loss", "LNLL_Loss", x, make<std::int64_t>({2}, {0, 3}),
+            "Class index out of range, there are 3 classes.");
+}
+
+}  // namespace
+}  // namespace ornik::test
