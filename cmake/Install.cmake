@@ -10,6 +10,12 @@ set(ORNIK_PUBLIC_HEADERS
     layers/layer.h
     layers/layer_activation.h
     layers/layer_dense.h
+    layers/layer_embedding.h
+    layers/layer_pixel_shuffle.h
+    layers/normalization/layer_batchnorm.h
+    layers/normalization/layer_groupnorm.h
+    layers/normalization/layer_layernorm.h
+    layers/pool/layer_pool.h
     losses/loss.h
     losses/soft_cross_entropy.h
     optimizers/optimizers.h
