@@ -388,6 +388,66 @@ void eigh_rows() {
         bench::row("index_add/rows", [=] { ornik::index_add_(x.get(), 0, index.get(), x.get()); });
         bench::row("masked_select", [=] { delete ornik::masked_select(x.get(), mask.get()); });
     }
+    using LayerPtr = std::shared_ptr<ornik::Layer>;
+
+    TensorPtr varied(const Dims& shape) {
+        TensorPtr t = filled(shape, 0);
+        auto* values = static_cast<float*>(t->getRawData());
+        for (std::int64_t i = 0; i < t->Size(); ++i) {
+            values[i] = static_cast<float>(i * 7919 % 1000) * 1e-3F - 0.5F;
+        }
+        return t;
+    }
+
+    // Forward, then all gradients, of a normalization.
+    void norm_rows(const std::string& name, const LayerPtr& layer, const Dims& shape, std::int64_t parameters,
+                   bool batch) {
+        const TensorPtr x = varied(shape);
+        const TensorPtr g = varied(shape);
+        const TensorPtr gamma = filled({parameters}, 1);
+        const TensorPtr beta = filled({parameters}, 0);
+        const TensorPtr mean = filled({parameters}, 0);
+        const TensorPtr variance = filled({parameters}, 1);
+        const auto forward = [=](bool training) {
+            delete (batch ? layer->forward_dyn(gamma.get(), beta.get(), x.get(), training, mean.get(), variance.get())
+                          : layer->forward_dyn(gamma.get(), beta.get(), x.get(), training));
+        };
+        bench::row(name + "/training", [=] { forward(true); });
+        if (batch) {
+            bench::row(name + "/inference", [=] { forward(false); });
+        }
+        forward(true);
+        bench::row(name + "/gradients", [=] {
+            std::vector<Tensor*> saved = layer->get_fwd_cache();
+            for (const int node : {0, 1, 2}) {
+                delete layer->backward_dyn(gamma.get(), beta.get(), x.get(), g.get(), saved, node);
+            }
+        });
+    }
+
+    void pool_rows(const std::string& name, const LayerPtr& layer, const Dims& shape) {
+        const TensorPtr x = varied(shape);
+        bench::row(name + "/forward", [=] { delete layer->forward_dyn(x.get()); });
+        const TensorPtr g(layer->forward_dyn(x.get()));
+        bench::row(name + "/gradient", [=] {
+            std::vector<Tensor*> saved = layer->get_fwd_cache();
+            delete layer->backward_dyn(x.get(), g.get(), saved);
+        });
+    }
+
+    void layer_rows() {
+        const Dims images(std::begin(bench::image_shape), std::end(bench::image_shape));
+        norm_rows("batch_norm", LayerPtr(ornik::_BatchNormalization(true, 0.1F, 1e-5F, "")), images, images[1], true);
+        norm_rows("group_norm", LayerPtr(ornik::_GroupNormalization(8, static_cast<int>(images[1]), true, 1e-5F, "")),
+                  images, images[1], false);
+        norm_rows("layer_norm", LayerPtr(ornik::_LayerNormalization(true, 1e-5F, "")),
+                  {bench::feature_rows, bench::features}, bench::features, false);
+        const std::vector<int> two{2, 2}, three{3, 3}, none{0, 0}, one{1, 1};
+        pool_rows("max_pool/2x2", LayerPtr(ornik::_MaxPool2D(two, two, none, "")), images);
+        pool_rows("max_pool/3x3", LayerPtr(ornik::_MaxPool2D(three, two, one, "")), images);
+        pool_rows("average_pool/2x2", LayerPtr(ornik::_AvgPool2D(two, two, none, "")), images);
+        pool_rows("average_pool/3x3", LayerPtr(ornik::_AvgPool2D(three, two, one, "")), images);
+    }
 
 }  // namespace
 
@@ -406,5 +466,6 @@ int main(int argc, char** argv) {
     reduction_rows();
     order_rows();
     indexing_rows();
+    layer_rows();
     return bench::run(argc, argv);
 }

@@ -218,69 +218,75 @@ void step_rows() {
             step_row<Adagrad>("adagrad", AdagradOptions(1e-3));
 }
 
-at::Tensor shuffled(at::IntArrayRef shape) {
+at::Tensor varied(at::IntArrayRef shape) {
             at::Tensor t = filled(shape, 0);
-            bench::shuffle(t.data_ptr<float>(), t.numel());
+            float* values = t.data_ptr<float>();
+            for (std::int64_t i = 0; i < t.numel(); ++i) {
+                values[i] = static_cast<float>(i * 7919 % 1000) * 1e-3F - 0.5F;
+            }
             return t;
 }
 
-void reduction_rows() {
-            const at::Tensor flat = shuffled({bench::large});
-            const at::Tensor square = shuffled({bench::side, bench::side});
-            const at::Tensor transposed = square.t();
-            const at::Tensor small = shuffled({1'000});
-            struct Reduction {
-                const char* name;
-                std::function<at::Tensor(const at::Tensor&, std::vector<std::int64_t>)> reduce;
-            };
-            for (const Reduction& reduction :
-                 {Reduction{"sum",
-                            [](const at::Tensor&t, const std::vector<std::int64_t>&axes) { return at::sum(t, axes); }},
-                  {"mean", [](const at::Tensor&t, const std::vector<std::int64_t>&axes) { return at::mean(t, axes); }},
-                  {"max", [](const at::Tensor&t, const std::vector<std::int64_t>&axes) { return at::amax(t, axes); }},
-                  {"argmax", [](const at::Tensor&t, const std::vector<std::int64_t>&axes) {
-                       return axes.empty() ? at::argmax(t) : at::argmax(t, axes[0]);
-                   }}}) {
-                const auto row = [&](const std::string& suffix, const at::Tensor& t,
-                                     const std::vector<std::int64_t>& axes) {
-                    bench::row(reduction.name + suffix, [=] { reduction.reduce(t, axes); });
-                };
-                row("/all/17000000", flat, {});
-                row("/rows", square, {1});
-                row("/columns", square, {0});
-                row("/transposed_rows", transposed, {1});
-                row("/all/1000", small, {});
+void norm_rows() {
+            const at::Tensor x = varied(bench::image_shape);
+            const at::Tensor g = varied(bench::image_shape);
+            const std::int64_t samples = bench::image_shape[0];
+            const std::int64_t channels = bench::image_shape[1];
+            const std::int64_t inner = bench::image_shape[2] * bench::image_shape[3];
+            const at::Tensor gamma = filled({channels}, 1);
+            const at::Tensor beta = filled({channels}, 0);
+            const at::Tensor mean = filled({channels}, 0);
+            const at::Tensor variance = filled({channels}, 1);
+            for (const bool training : {true, false}) {
+                bench::row(training ? "batch_norm/training" : "batch_norm/inference",
+                           [=] { at::native_batch_norm(x, gamma, beta, mean, variance, training, 0.1, 1e-5); });
             }
-            bench::row("var/rows", [=] { at::var(square, 1); });
-            bench::row("logsumexp/rows", [=] { at::logsumexp(square, 1); });
-            bench::row("cumsum/17000000", [=] { at::cumsum(flat, 0); });
-            for (const int axis : {1, 0}) {
-                const std::string along = axis == 1 ? "/rows" : "/columns";
-                bench::row("cumsum" + along, [=] { at::cumsum(square, axis); });
-                bench::row("softmax" + along, [=] { at::softmax(square, axis); });
-                bench::row("log_softmax" + along, [=] { at::log_softmax(square, axis); });
-            }
-            bench::row("softmax/1000", [=] { at::softmax(small, 0); });
+            const auto batch = at::native_batch_norm(x, gamma, beta, mean, variance, true, 0.1, 1e-5);
+            bench::row("batch_norm/gradients", [=] {
+                at::native_batch_norm_backward(g, x, gamma, mean, variance, std::get<1>(batch), std::get<2>(batch),
+                                               true, 1e-5, {true, true, true});
+            });
+            bench::row("group_norm/training",
+                       [=] { at::native_group_norm(x, gamma, beta, samples, channels, inner, 8, 1e-5); });
+            const auto group = at::native_group_norm(x, gamma, beta, samples, channels, inner, 8, 1e-5);
+            bench::row("group_norm/gradients", [=] {
+                at::native_group_norm_backward(g, x, std::get<1>(group), std::get<2>(group), gamma, samples, channels,
+                                               inner, 8, {true, true, true});
+            });
+            const at::Tensor rows = varied({bench::feature_rows, bench::features});
+            const at::Tensor rows_gradient = varied({bench::feature_rows, bench::features});
+            const at::Tensor scale = filled({bench::features}, 1);
+            const at::Tensor shift = filled({bench::features}, 0);
+            bench::row("layer_norm/training",
+                       [=] { at::native_layer_norm(rows, {bench::features}, scale, shift, 1e-5); });
+            const auto layer = at::native_layer_norm(rows, {bench::features}, scale, shift, 1e-5);
+            bench::row("layer_norm/gradients", [=] {
+                at::native_layer_norm_backward(rows_gradient, rows, {bench::features}, std::get<1>(layer),
+                                               std::get<2>(layer), scale, shift, {true, true, true});
+            });
 }
 
-void order_rows() {
-            const at::Tensor rows = shuffled({256, 4096});
-            bench::row("sort/256x4096", [=] { at::sort(rows, /*stable=*/true, 1); });
-            bench::row("topk/256x4096", [=] { at::topk(rows, 32, 1); });
-            bench::row("median/256x4096", [=] { at::median(rows, 1); });
-}
-
-void indexing_rows() {
-            const std::int64_t n = bench::side;
-            at::Tensor x = shuffled({n, n});
-            const at::Tensor index = at::arange(n, at::kLong).mul(1031).remainder(n);
-            const at::Tensor places = index.expand({n, n});
-            const at::Tensor mask = filled({n, n}, 1, at::kBool);
-            bench::row("index_select/rows", [=] { at::index_select(x, 0, index); });
-            bench::row("index_select/columns", [=] { at::index_select(x, 1, index); });
-            bench::row("gather/rows", [=] { at::gather(x, 1, places); });
-            bench::row("index_add/rows", [=]() mutable { x.index_add_(0, index, x.clone()); });
-            bench::row("masked_select", [=] { at::masked_select(x, mask); });
+void pool_rows() {
+            const at::Tensor x = varied(bench::image_shape);
+            for (const std::int64_t k : {2, 3}) {
+                const std::int64_t padding = k - 2;
+                const std::string size = std::to_string(k) + "x" + std::to_string(k);
+                bench::row("max_pool/" + size + "/forward", [=] {
+                    at::max_pool2d_with_indices(x, {k, k}, {2, 2}, {padding, padding});
+                });
+                const auto max = at::max_pool2d_with_indices(x, {k, k}, {2, 2}, {padding, padding});
+                bench::row("max_pool/" + size + "/gradient", [=] {
+                    at::max_pool2d_with_indices_backward(std::get<0>(max), x, {k, k}, {2, 2}, {padding, padding},
+                                                         {1, 1}, false, std::get<1>(max));
+                });
+                bench::row("average_pool/" + size + "/forward", [=] {
+                    at::avg_pool2d(x, {k, k}, {2, 2}, {padding, padding});
+                });
+                const at::Tensor average = at::avg_pool2d(x, {k, k}, {2, 2}, {padding, padding});
+                bench::row("average_pool/" + size + "/gradient", [=] {
+                    at::avg_pool2d_backward(average, x, {k, k}, {2, 2}, {padding, padding}, false, true, c10::nullopt);
+                });
+            }
 }
 
     }  // namespace
@@ -291,15 +297,94 @@ void indexing_rows() {
         creation_rows();
         addition_rows();
         copy_rows();
-        shape_rows();
-        element_rows();
         product_rows();
-        random_rows();
-        eigh_rows();
-        convolution_rows();
-        reduction_rows();
-        order_rows();
-        indexing_rows();
-        loss_rows();
+        norm_rows();
+        pool_rows();
         return bench::run(argc, argv);
     }
+
+    at::Tensor shuffled(at::IntArrayRef shape) {
+        at::Tensor t = filled(shape, 0);
+        bench::shuffle(t.data_ptr<float>(), t.numel());
+        return t;
+    }
+
+    void reduction_rows() {
+        const at::Tensor flat = shuffled({bench::large});
+        const at::Tensor square = shuffled({bench::side, bench::side});
+        const at::Tensor transposed = square.t();
+        const at::Tensor small = shuffled({1'000});
+        struct Reduction {
+            const char* name;
+            std::function<at::Tensor(const at::Tensor&, std::vector<std::int64_t>)> reduce;
+        };
+        for (const Reduction& reduction :
+             {Reduction{"sum",
+                        [](const at::Tensor&t, const std::vector<std::int64_t>&axes) { return at::sum(t, axes); }},
+              {"mean", [](const at::Tensor&t, const std::vector<std::int64_t>&axes) { return at::mean(t, axes); }},
+              {"max", [](const at::Tensor&t, const std::vector<std::int64_t>&axes) { return at::amax(t, axes); }},
+              {"argmax", [](const at::Tensor&t, const std::vector<std::int64_t>&axes) {
+                   return axes.empty() ? at::argmax(t) : at::argmax(t, axes[0]);
+               }}}) {
+            const auto row = [&](const std::string& suffix, const at::Tensor& t,
+                                 const std::vector<std::int64_t>& axes) {
+                bench::row(reduction.name + suffix, [=] { reduction.reduce(t, axes); });
+            };
+            row("/all/17000000", flat, {});
+            row("/rows", square, {1});
+            row("/columns", square, {0});
+            row("/transposed_rows", transposed, {1});
+            row("/all/1000", small, {});
+        }
+        bench::row("var/rows", [=] { at::var(square, 1); });
+        bench::row("logsumexp/rows", [=] { at::logsumexp(square, 1); });
+        bench::row("cumsum/17000000", [=] { at::cumsum(flat, 0); });
+        for (const int axis : {1, 0}) {
+            const std::string along = axis == 1 ? "/rows" : "/columns";
+            bench::row("cumsum" + along, [=] { at::cumsum(square, axis); });
+            bench::row("softmax" + along, [=] { at::softmax(square, axis); });
+            bench::row("log_softmax" + along, [=] { at::log_softmax(square, axis); });
+        }
+        bench::row("softmax/1000", [=] { at::softmax(small, 0); });
+    }
+
+    void order_rows() {
+        const at::Tensor rows = shuffled({256, 4096});
+        bench::row("sort/256x4096", [=] { at::sort(rows, /*stable=*/true, 1); });
+        bench::row("topk/256x4096", [=] { at::topk(rows, 32, 1); });
+        bench::row("median/256x4096", [=] { at::median(rows, 1); });
+    }
+
+    void indexing_rows() {
+        const std::int64_t n = bench::side;
+        at::Tensor x = shuffled({n, n});
+        const at::Tensor index = at::arange(n, at::kLong).mul(1031).remainder(n);
+        const at::Tensor places = index.expand({n, n});
+        const at::Tensor mask = filled({n, n}, 1, at::kBool);
+        bench::row("index_select/rows", [=] { at::index_select(x, 0, index); });
+        bench::row("index_select/columns", [=] { at::index_select(x, 1, index); });
+        bench::row("gather/rows", [=] { at::gather(x, 1, places); });
+        bench::row("index_add/rows", [=]() mutable { x.index_add_(0, index, x.clone()); });
+        bench::row("masked_select", [=] { at::masked_select(x, mask); });
+    }
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    step_rows();
+    const torch::NoGradGuard no_gradients;
+    creation_rows();
+    addition_rows();
+    copy_rows();
+    shape_rows();
+    element_rows();
+    product_rows();
+    random_rows();
+    eigh_rows();
+    convolution_rows();
+    reduction_rows();
+    order_rows();
+    indexing_rows();
+    loss_rows();
+    return bench::run(argc, argv);
+}

@@ -58,6 +58,11 @@ inline constexpr Conv convolutions[] = {
     {"transposed4x4_stride2/64_32", 8, 64, 32, 28, 4, 2, 1, 1, true},
 };
 
+/// Inputs of the layer rows: images [N, C, H, W], and rows of features.
+inline constexpr std::int64_t image_shape[] = {32, 64, 32, 32};
+inline constexpr std::int64_t feature_rows = 8192;
+inline constexpr std::int64_t features = 768;
+
 /// A row: one call of `operation` per iteration. `bytes` moved or `flops` done per call tell compare.py how
 /// to rate it; 0 where a row is neither.
 inline void row(const std::string& name, std::function<void()> operation, std::int64_t bytes = 0,

@@ -20,6 +20,12 @@ set(ORNIK_PUBLIC_HEADERS
     layers/layer_activation.h
     layers/layer_dense.h
     losses/binary_cross_entropy.h
+    layers/layer_embedding.h
+    layers/layer_pixel_shuffle.h
+    layers/normalization/layer_batchnorm.h
+    layers/normalization/layer_groupnorm.h
+    layers/normalization/layer_layernorm.h
+    layers/pool/layer_pool.h
     losses/loss.h
     losses/mean_squared_error.h
     losses/nll_loss.h

@@ -45,6 +45,32 @@ ORNIK_API Layer* _Activation(std::string activation, std::vector<float> paramete
 /// Softmax along an axis.
 ORNIK_API Layer* _Softmax(int axis, std::string name);
 
+/// A table of rows looked up by index, see layers/layer_embedding.h.
+ORNIK_API Layer* _Embedding(int vocabulary_size, int embedding_width, std::string name);
+
+/// Normalizations, see layers/normalization/. Without `affine`, gamma and beta are not used.
+ORNIK_API Layer* _BatchNormalization(bool affine, float momentum, float eps, std::string name);
+ORNIK_API Layer* _GroupNormalization(int groups, int channels, bool affine, float eps, std::string name);
+ORNIK_API Layer* _LayerNormalization(bool affine, float eps, std::string name);
+
+/// Pooling with a padding per axis or a padding type, see layers/pool/layer_pool.h.
+ORNIK_API Layer* _MaxPool1D(std::vector<int> kernel, std::vector<int> strides, std::vector<int> padding,
+                            std::string name);
+ORNIK_API Layer* _MaxPool1D(std::vector<int> kernel, std::vector<int> strides, std::string padding, std::string name);
+ORNIK_API Layer* _AvgPool1D(std::vector<int> kernel, std::vector<int> strides, std::vector<int> padding,
+                            std::string name);
+ORNIK_API Layer* _AvgPool1D(std::vector<int> kernel, std::vector<int> strides, std::string padding, std::string name);
+ORNIK_API Layer* _MaxPool2D(std::vector<int> kernel, std::vector<int> strides, std::vector<int> padding,
+                            std::string name);
+ORNIK_API Layer* _MaxPool2D(std::vector<int> kernel, std::vector<int> strides, std::string padding, std::string name);
+ORNIK_API Layer* _AvgPool2D(std::vector<int> kernel, std::vector<int> strides, std::vector<int> padding,
+                            std::string name);
+ORNIK_API Layer* _AvgPool2D(std::vector<int> kernel, std::vector<int> strides, std::string padding, std::string name);
+
+/// Channels become resolution, or back, see layers/layer_pixel_shuffle.h.
+ORNIK_API Layer* _PixelShuffle(int upscale_factor, std::string name);
+ORNIK_API Layer* _PixelUnshuffle(int downscale_factor, std::string name);
+
 /// A loss by its exact name; null for any other:
 ///
 ///   "mean_squared_error", "mse"                            losses/mean_squared_error.h

@@ -9,6 +9,7 @@
 // caller can probe for it. Results are new tensors that the caller deletes.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -61,6 +62,8 @@ class ORNIK_API Layer {
 
   protected:
     std::vector<Tensor*> forward_cache_;
+    /// Replaces what the forward cache holds; the tensors kept before are deleted.
+    void keep_for_backward(std::vector<std::unique_ptr<Tensor>> tensors);
 
   private:
     void release();

@@ -42,6 +42,18 @@ void Layer::release() {
     }
 }
 
+void Layer::keep_for_backward(std::vector<std::unique_ptr<Tensor>> tensors) {
+    std::vector<Tensor*> kept;
+    kept.reserve(tensors.size());
+    for (std::unique_ptr<Tensor>& t : tensors) {
+        kept.push_back(t.release());
+    }
+    forward_cache_.swap(kept);
+    for (const Tensor* old : kept) {
+        delete old;
+    }
+}
+
 void Layer::clone_from(const Layer& other) {
     std::vector<std::unique_ptr<Tensor>> clones;
     const auto add_clone = [&](const Tensor* t) { clones.emplace_back(t == nullptr ? nullptr : t->clone()); };

@@ -1,0 +1,324 @@
+// Batch and group normalization. The work runs over runs: the `inner` elements of one channel of one sample.
+#include <array>
+#include <cmath>
+
+#include "descriptors/tensoriterator.h"
+#include "hardware/cpu/dispatch.h"
+#include "hardware/cpu/nn/cpu_normalization.h"
+#include "row_sums.h"
+
+namespace ornik::device::cpu {
+
+namespace {
+
+constexpr std::int64_t shortest_run = 16;  // Shorter runs are worked on together, as columns.
+
+template <typename T>
+const T* data_of(const Tensor* t) {
+    return t == nullptr ? nullptr : static_cast<const T*>(t->getRawData());
+}
+
+template <typename T>
+T* data_of(Tensor* t) {
+    return static_cast<T*>(t->getRawData());
+}
+
+std::size_t at(std::int64_t i) { return static_cast<std::size_t>(i); }
+
+// Calls run(sample, channel) for every run, in parallel.
+template <typename Run>
+void for_each_run(const ChannelNorm& norm, const Run& run) {
+    parallel_for(norm.samples * norm.channels, 1, grain_of_items(norm.inner), [&](auto begin, auto end) {
+        for (std::int64_t i = begin; i < end; ++i) {
+            run(i / norm.channels, i % norm.channels);
+        }
+    });
+}
+
+// The pair of statistics that a run belongs to.
+std::int64_t statistic(const ChannelNorm& norm, std::int64_t sample, std::int64_t channel) {
+    return norm.groups == 0 ? channel : sample * norm.groups + channel / (norm.channels / norm.groups);
+}
+
+// Sums of columns [channels, inner] as one sum per channel.
+std::vector<double> fold_columns(const ChannelNorm& norm, const std::vector<double>& columns) {
+    std::vector<double> sums(at(norm.channels), 0.0);
+    for (std::size_t j = 0; j < columns.size(); ++j) {
+        sums[j / at(norm.inner)] += columns[j];
+    }
+    return sums;
+}
+
+// For every channel the sum over its elements of term(element index, statistic index).
+template <typename T, typename Term>
+std::vector<double> channel_sums(const ChannelNorm& norm, const Term& term) {
+    if (norm.inner < shortest_run && norm.groups == 0) {
+        const std::int64_t cols = norm.channels * norm.inner;
+        std::vector<std::int64_t> channel_of(at(cols));
+        for (std::int64_t j = 0; j < cols; ++j) {
+            channel_of[at(j)] = j / norm.inner;
+        }
+        return fold_columns(norm, column_sums<T>(norm.samples, cols, [&](std::int64_t sample) {
+                                return [&term, first = sample * cols, channel = channel_of.data()](std::int64_t j) {
+                                    return term(first + j, channel[j]);
+                                };
+                            }));
+    }
+    std::vector<double> runs(at(norm.samples * norm.channels));
+    for_each_run(norm, [&](std::int64_t sample, std::int64_t channel) {
+        const std::int64_t run = sample * norm.channels + channel;
+        const std::int64_t first = run * norm.inner;
+        const std::int64_t s = statistic(norm, sample, channel);
+        runs[at(run)] = row_sum<T>(norm.inner, [&, first, s](std::int64_t i) { return term(first + i, s); });
+    });
+    std::vector<double> sums(at(norm.channels), 0.0);
+    for (std::size_t run = 0; run < runs.size(); ++run) {
+        sums[run % at(norm.channels)] += runs[run];
+    }
+    return sums;
+}
+
+template <typename T>
+std::vector<Moments> channel_moments(const T* x, const ChannelNorm& norm) {
+    std::vector<Moments> result(at(norm.channels));
+    if (norm.inner < shortest_run) {
+        const auto count = static_cast<double>(norm.samples * norm.inner);
+        const std::vector<double> sums = channel_sums<T>(norm, [=](auto i, auto /*channel*/) { return x[i]; });
+        std::vector<T> centers(sums.size());
+        std::transform(sums.begin(), sums.end(), centers.begin(), [&](double s) { return static_cast<T>(s / count); });
+        const T* center = centers.data();
+        const std::vector<double> squares =
+            channel_sums<T>(norm, [=](auto i, auto c) { return (x[i] - center[c]) * (x[i] - center[c]); });
+        for (std::size_t c = 0; c < sums.size(); ++c) {
+            result[c] = {count, sums[c] / count, squares[c]};
+        }
+        return result;
+    }
+    std::vector<Moments> runs(at(norm.samples * norm.channels));
+    for_each_run(norm, [&](std::int64_t sample, std::int64_t channel) {
+        const std::int64_t run = sample * norm.channels + channel;
+        runs[at(run)] = row_moments(x + run * norm.inner, norm.inner);
+    });
+    for (std::size_t run = 0; run < runs.size(); ++run) {
+        Moments& channel = result[run % at(norm.channels)];
+        run < at(norm.channels) ? void(channel = runs[run]) : channel.merge(runs[run]);
+    }
+    return result;
+}
+
+// Coefficients of a channel, in the element type.
+template <typename T, std::size_t K>
+using Coefficients = std::array<T, K>;
+
+// out[i] = element(i, coefficients of the channel) everywhere.
+template <typename T, std::size_t K, typename Element>
+void apply_per_channel(const ChannelNorm& norm, const std::vector<Coefficients<T, K>>& channels, const Element& element,
+                       T* out) {
+    if (norm.inner >= shortest_run) {
+        for_each_run(norm, [&](std::int64_t sample, std::int64_t channel) {
+            const std::int64_t first = (sample * norm.channels + channel) * norm.inner;
+            const Coefficients<T, K> own = channels[at(channel)];
+            ORNIK_INDEPENDENT_ITERATIONS
+            for (std::int64_t i = first; i < first + norm.inner; ++i) {
+                out[i] = element(i, own);
+            }
+        });
+        return;
+    }
+    // Coefficients are laid out like the rows [channels, inner].
+    const std::int64_t cols = norm.channels * norm.inner;
+    std::array<std::vector<T>, K> wide;
+    const T* coefficients[K];
+    for (std::size_t k = 0; k < K; ++k) {
+        for (std::int64_t j = 0; j < cols; ++j) {
+            wide[k].push_back(channels[at(j / norm.inner)][k]);
+        }
+        coefficients[k] = wide[k].data();
+    }
+    parallel_for(norm.samples, 1, grain_of_items(cols), [&](std::int64_t begin, std::int64_t end) {
+        for (std::int64_t first = begin * cols; first < end * cols; first += cols) {
+            ORNIK_INDEPENDENT_ITERATIONS
+            for (std::int64_t j = 0; j < cols; ++j) {
+                Coefficients<T, K> own;
+                for (std::size_t k = 0; k < K; ++k) {
+                    own[k] = coefficients[k][j];
+                }
+                out[first + j] = element(first + j, own);
+            }
+        }
+    });
+}
+
+// (x - center) scale + shift; the coefficients are center, scale, shift.
+template <typename T>
+auto normalized(const T* x) {
+    return [x](std::int64_t i, const Coefficients<T, 3>& c) { return (x[i] - c[0]) * c[1] + c[2]; };
+}
+
+// direct g + slope (x - center) + constant, the input's gradient; the coefficients are direct, slope, center,
+// constant.
+template <typename T>
+auto gradient_of_input(const T* x, const T* g) {
+    return [x, g](std::int64_t i, const Coefficients<T, 4>& c) { return c[0] * g[i] + (c[1] * (x[i] - c[2]) + c[3]); };
+}
+
+// Its coefficients, from the sums over one set of `count` elements of gamma g, and of gamma g (x - mean).
+template <typename T>
+Coefficients<T, 4> gradient_step(double rstd, double gamma, T center, double sum, double product, double count) {
+    return {static_cast<T>(gamma * rstd), static_cast<T>(-rstd * rstd * rstd * product / count), center,
+            static_cast<T>(-rstd * sum / count)};
+}
+
+template <typename T>
+double reciprocal_deviation(const T* variance, std::int64_t i, double eps) {
+    return 1 / std::sqrt(static_cast<double>(variance[i]) + eps);
+}
+
+template <typename T>
+double value_or(const T* values, std::int64_t i, double otherwise) {
+    return values == nullptr ? otherwise : static_cast<double>(values[i]);
+}
+
+template <typename T>
+void store(const std::vector<double>& values, Tensor* out) {
+    std::transform(values.begin(), values.end(), data_of<T>(out), [](double v) { return static_cast<T>(v); });
+}
+
+}  // namespace
+
+void batch_statistics(const Tensor* input, const ChannelNorm& norm, Tensor* mean, Tensor* variance) {
+    dispatch(FloatTypes{}, input->Dtype(), [&]<typename T>() {
+        const std::vector<Moments> moments = channel_moments(data_of<T>(input), norm);
+        for (std::size_t c = 0; c < moments.size(); ++c) {
+            data_of<T>(mean)[c] = static_cast<T>(moments[c].mean);
+            data_of<T>(variance)[c] = static_cast<T>(moments[c].variance());
+        }
+    });
+}
+
+void batch_norm(const Tensor* input, const ChannelNorm& norm, const Tensor* mean, const Tensor* variance,
+                const Tensor* gamma, const Tensor* beta, Tensor* out) {
+    dispatch(FloatTypes{}, input->Dtype(), [&]<typename T>() {
+        std::vector<Coefficients<T, 3>> channels;
+        for (std::int64_t c = 0; c < norm.channels; ++c) {
+            const double rstd = reciprocal_deviation(data_of<T>(variance), c, norm.eps);
+            channels.push_back({data_of<T>(mean)[c], static_cast<T>(rstd * value_or(data_of<T>(gamma), c, 1)),
+                                static_cast<T>(value_or(data_of<T>(beta), c, 0))});
+        }
+        apply_per_channel(norm, channels, normalized(data_of<T>(input)), data_of<T>(out));
+    });
+}
+
+void batch_norm_grad(const NormGradient& from, const ChannelNorm& norm, bool fixed_statistics, Tensor* out) {
+    dispatch(FloatTypes{}, from.input->Dtype(), [&]<typename T>() {
+        const T* x = data_of<T>(from.input);
+        const T* g = data_of<T>(from.gradient);
+        const T* center = data_of<T>(from.mean);
+        std::vector<double> sums(at(norm.channels), 0.0);
+        std::vector<double> products = sums;
+        if (!fixed_statistics) {
+            sums = channel_sums<T>(norm, [=](auto i, auto /*channel*/) { return g[i]; });
+            products = channel_sums<T>(norm, [=](auto i, auto c) { return g[i] * (x[i] - center[c]); });
+        }
+        std::vector<Coefficients<T, 4>> channels;
+        const auto count = static_cast<double>(norm.samples * norm.inner);
+        for (std::int64_t c = 0; c < norm.channels; ++c) {
+            const double gamma = value_or(data_of<T>(from.gamma), c, 1);
+            channels.push_back(gradient_step(reciprocal_deviation(data_of<T>(from.variance), c, norm.eps), gamma,
+                                             center[c], gamma * sums[at(c)], gamma * products[at(c)], count));
+        }
+        apply_per_channel(norm, channels, gradient_of_input(x, g), data_of<T>(out));
+    });
+}
+
+void group_norm(const Tensor* input, const ChannelNorm& norm, const Tensor* gamma, const Tensor* beta, Tensor* mean,
+                Tensor* variance, Tensor* out) {
+    dispatch(FloatTypes{}, input->Dtype(), [&]<typename T>() {
+        const T* x = data_of<T>(input);
+        T* y = data_of<T>(out);
+        const auto element = normalized(x);
+        const std::int64_t width = norm.channels / norm.groups;
+        const std::int64_t size = width * norm.inner;
+        parallel_for(norm.samples * norm.groups, 1, grain_of_items(size), [&](std::int64_t begin, std::int64_t end) {
+            for (std::int64_t group = begin; group < end; ++group) {
+                const Moments moments = row_moments(x + group * size, size);
+                const T center = static_cast<T>(moments.mean);
+                const double rstd = 1 / std::sqrt(moments.variance() + norm.eps);
+                for (std::int64_t k = 0; k < width; ++k) {
+                    const std::int64_t channel = group % norm.groups * width + k;
+                    const Coefficients<T, 3> step{center,
+                                                  static_cast<T>(rstd * value_or(data_of<T>(gamma), channel, 1)),
+                                                  static_cast<T>(value_or(data_of<T>(beta), channel, 0))};
+                    const std::int64_t first = group * size + k * norm.inner;
+                    ORNIK_INDEPENDENT_ITERATIONS
+                    for (std::int64_t i = first; i < first + norm.inner; ++i) {
+                        y[i] = element(i, step);
+                    }
+                }
+                data_of<T>(mean)[group] = center;
+                data_of<T>(variance)[group] = static_cast<T>(moments.variance());
+            }
+        });
+    });
+}
+
+void group_norm_grad(const NormGradient& from, const ChannelNorm& norm, Tensor* out) {
+    dispatch(FloatTypes{}, from.input->Dtype(), [&]<typename T>() {
+        const T* x = data_of<T>(from.input);
+        const T* g = data_of<T>(from.gradient);
+        const T* gamma = data_of<T>(from.gamma);
+        const std::int64_t width = norm.channels / norm.groups;
+        const std::int64_t size = width * norm.inner;
+        parallel_for(norm.samples * norm.groups, 1, grain_of_items(size), [&](std::int64_t begin, std::int64_t end) {
+            for (std::int64_t group = begin; group < end; ++group) {
+                const T center = data_of<T>(from.mean)[group];
+                const double rstd = reciprocal_deviation(data_of<T>(from.variance), group, norm.eps);
+                const auto gamma_of = [&](std::int64_t k) {
+                    return value_or(gamma, group % norm.groups * width + k, 1);
+                };
+                double sum = 0;
+                double product = 0;
+                for (std::int64_t k = 0; k < width; ++k) {
+                    const T* x_run = x + group * size + k * norm.inner;
+                    const T* g_run = g + group * size + k * norm.inner;
+                    sum += gamma_of(k) * row_sum<T>(norm.inner, [=](std::int64_t i) { return g_run[i]; });
+                    product += gamma_of(k) *
+                               row_sum<T>(norm.inner, [=](std::int64_t i) { return g_run[i] * (x_run[i] - center); });
+                }
+                T* result = data_of<T>(out);
+                const auto element = gradient_of_input(x, g);
+                for (std::int64_t k = 0; k < width; ++k) {
+                    const auto step = gradient_step(rstd, gamma_of(k), center, sum, product, static_cast<double>(size));
+                    const std::int64_t first = group * size + k * norm.inner;
+                    ORNIK_INDEPENDENT_ITERATIONS
+                    for (std::int64_t i = first; i < first + norm.inner; ++i) {
+                        result[i] = element(i, step);
+                    }
+                }
+            }
+        });
+    });
+}
+
+void channel_gamma_grad(const NormGradient& from, const ChannelNorm& norm, Tensor* out) {
+    dispatch(FloatTypes{}, from.input->Dtype(), [&]<typename T>() {
+        const T* x = data_of<T>(from.input);
+        const T* g = data_of<T>(from.gradient);
+        const T* center = data_of<T>(from.mean);
+        std::vector<T> rstds;
+        for (std::int64_t s = 0; s < from.variance->Size(); ++s) {
+            rstds.push_back(static_cast<T>(reciprocal_deviation(data_of<T>(from.variance), s, norm.eps)));
+        }
+        const T* rstd = rstds.data();
+        store<T>(channel_sums<T>(norm, [=](auto i, auto s) { return g[i] * ((x[i] - center[s]) * rstd[s]); }), out);
+    });
+}
+
+void channel_beta_grad(const Tensor* gradient, const ChannelNorm& norm, Tensor* out) {
+    dispatch(FloatTypes{}, gradient->Dtype(), [&]<typename T>() {
+        const T* g = data_of<T>(gradient);
+        store<T>(channel_sums<T>(norm, [=](auto i, auto /*statistic*/) { return g[i]; }), out);
+    });
+}
+
+}  // namespace ornik::device::cpu

@@ -1,0 +1,135 @@
+#include "layers/normalization/layer_batchnorm.h"
+
+#include <iostream>
+#include <utility>
+
+#include "norm_arguments.h"
+#include "tensor/checks.h"
+#include "tensor/overlap.h"
+#include "tensor/tensor_math/tensor_arithmetic.h"
+
+namespace ornik {
+
+namespace {
+
+void check_input(const Where& at, const NormArguments& arguments) {
+    if (arguments.input == nullptr) {
+        fail(at, "batchnorm needs an input.");
+    }
+    const Dims& shape = arguments.input->Shape();
+    if (shape.size() < 2 || arguments.input->Size() < 1) {
+        fail(at, "batchnorm needs an input [N, C, ...], however it is ", shape);
+    }
+    arguments.check(at, {shape[1]});
+}
+
+// Both or neither, [C]; `written` when they are to be updated.
+void check_running(const Where& at, const NormArguments& arguments, Tensor* mean, Tensor* variance, bool written) {
+    if ((mean == nullptr) != (variance == nullptr) || (mean == nullptr && !written)) {
+        fail(at, "batchnorm needs running statistics for inference, both or neither in training.");
+    }
+    for (const Tensor* t : {mean, variance}) {
+        if (t == nullptr) {
+            return;
+        }
+        arguments.check_like_input(at, t);
+        if (t->Shape() != Dims{arguments.input->Shape()[1]}) {
+            fail(at, "The running statistics of batchnorm should have one value per channel, however the shape is ",
+                 t->Shape());
+        }
+        if (written) {
+            check_not_expanded(at, t);
+        }
+    }
+    if (written && memory_overlap(mean, variance) != Overlap::none) {
+        fail(at, "The running statistics of batchnorm overlap in memory.");
+    }
+}
+
+}  // namespace
+
+LBatchNorm::LBatchNorm(bool affine, float momentum, float eps, std::string name, int first, int second)
+    : Layer(std::move(name), first, second), affine_(affine), momentum_(momentum), eps_(eps) {
+    const Where at = where("ornik::LBatchNorm::LBatchNorm");
+    check_eps(at, eps);
+    if (!(momentum >= 0 && momentum <= 1)) {
+        fail(at, "The momentum of batchnorm should be in [0, 1]");
+    }
+}
+
+Tensor* LBatchNorm::forward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, bool training, Tensor* running_mean,
+                                Tensor* running_variance) {
+    const Where at = where("ornik::LBatchNorm::forward_dyn");
+    const NormArguments arguments{"batchnorm", affine_ ? gamma : nullptr, affine_ ? beta : nullptr, input};
+    check_input(at, arguments);
+    check_running(at, arguments, running_mean, running_variance, training);
+
+    const Borrowed x = Borrowed::contiguous(input);
+    const device::cpu::ChannelNorm norm = channel_norm(input, 0, eps_);
+    std::unique_ptr<Tensor> mean(Tensor::empty({norm.channels}, input->Device(), input->Dtype()));
+    std::unique_ptr<Tensor> variance(Tensor::empty_like(mean.get()));
+    std::unique_ptr<Tensor> output(Tensor::empty(input->Shape(), input->Device(), input->Dtype()));
+    if (training) {
+        device::cpu::batch_statistics(x.get(), norm, mean.get(), variance.get());
+    } else {
+        copy_tensor(running_mean, mean.get());
+        copy_tensor(running_variance, variance.get());
+    }
+    device::cpu::batch_norm(x.get(), norm, mean.get(), variance.get(), Borrowed::contiguous(arguments.gamma).get(),
+                            Borrowed::contiguous(arguments.beta).get(), output.get());
+    if (training && running_mean != nullptr) {
+        const auto count = static_cast<float>(norm.samples * norm.inner);
+        const float unbiased = count > 1 ? momentum_ * (count / (count - 1)) : momentum_;
+        add(1 - momentum_, running_mean, momentum_, mean.get(), running_mean, 0);
+        add(1 - momentum_, running_variance, unbiased, variance.get(), running_variance, 0);
+    }
+    std::vector<std::unique_ptr<Tensor>> saved;
+    saved.push_back(std::move(mean));
+    saved.push_back(std::move(variance));
+    keep_for_backward(std::move(saved));
+    training_ = training;
+    return output.release();
+}
+
+Tensor* LBatchNorm::backward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, Tensor* output_gradient, Tensor* mean,
+                                 Tensor* variance, int node) {
+    std::vector<Tensor*> saved;
+    if (mean != nullptr || variance != nullptr) {
+        saved = {mean, variance};
+    }
+    return backward_dyn(gamma, beta, input, output_gradient, saved, node);
+}
+
+Tensor* LBatchNorm::backward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, Tensor* output_gradient,
+                                 std::vector<Tensor*>& saved, int node) {
+    const Where at = where("ornik::LBatchNorm::backward_dyn");
+    if (node < 0 || node > 2) {
+        std::cout << "Node should be 0, 1, 2\n";
+        return nullptr;
+    }
+    if (node != 0 && (!affine_ || !_trainable)) {
+        return nullptr;
+    }
+    const NormArguments arguments{"batchnorm", affine_ ? gamma : nullptr, affine_ ? beta : nullptr, input};
+    check_input(at, arguments);
+    if (forward_cache_.empty()) {
+        fail(at, "The backward pass of batchnorm needs a forward pass before.");
+    }
+    const device::cpu::ChannelNorm norm = channel_norm(input, 0, eps_);
+    const NormBackward from(at, arguments, output_gradient, saved, forward_cache_, {norm.channels});
+    std::unique_ptr<Tensor> result = from.result(node == 0 ? input->Shape() : Dims{norm.channels});
+    if (node == 0) {
+        device::cpu::batch_norm_grad(from.operands(), norm, !training_, result.get());
+    } else if (node == 1) {
+        device::cpu::channel_gamma_grad(from.operands(), norm, result.get());
+    } else {
+        device::cpu::channel_beta_grad(from.gradient.get(), norm, result.get());
+    }
+    return result.release();
+}
+
+Tensor* LBatchNorm::get_saved_var() { return forward_cache_.empty() ? nullptr : forward_cache_[1]->clone(); }
+
+Tensor* LBatchNorm::get_saved_opa() { return forward_cache_.empty() ? nullptr : forward_cache_[0]->clone(); }
+
+}  // namespace ornik

@@ -1,0 +1,85 @@
+#include "layers/normalization/layer_layernorm.h"
+
+#include <utility>
+
+#include "norm_arguments.h"
+
+namespace ornik {
+
+namespace {
+
+// An input split into the axes that a statistic stands for and those before them.
+struct Split {
+    Dims leading;
+    Dims trailing;
+    std::int64_t cols = 1;
+};
+
+Split check_input(const Where& at, const NormArguments& arguments) {
+    if (arguments.input == nullptr) {
+        fail(at, "layer norm needs an input.");
+    }
+    const Dims& shape = arguments.input->Shape();
+    const Tensor* parameter = arguments.gamma != nullptr ? arguments.gamma : arguments.beta;
+    const std::size_t axes = parameter == nullptr ? 1 : parameter->Shape().size();
+    if (axes < 1 || shape.size() < axes || arguments.input->Size() < 1) {
+        fail(at, "layer norm needs an input with at least the axes of its parameters, however it is ", shape);
+    }
+    const auto middle = shape.end() - static_cast<std::ptrdiff_t>(axes);
+    Split split{Dims(shape.begin(), middle), Dims(middle, shape.end())};
+    for (const std::int64_t extent : split.trailing) {
+        split.cols *= extent;
+    }
+    arguments.check(at, split.trailing);
+    return split;
+}
+
+}  // namespace
+
+LLayerNorm::LLayerNorm(bool affine, float eps, std::string name, int first, int second)
+    : Layer(std::move(name), first, second), affine_(affine), eps_(eps) {
+    check_eps(where("ornik::LLayerNorm::LLayerNorm"), eps);
+}
+
+Tensor* LLayerNorm::forward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, bool /*training*/) {
+    const NormArguments arguments{"layer norm", gamma, beta, input};
+    const Split split = check_input(where("ornik::LLayerNorm::forward_dyn"), arguments);
+    const Borrowed x = Borrowed::contiguous(input);
+    const Borrowed scale = Borrowed::contiguous(affine_ ? gamma : nullptr);
+    const Borrowed shift = Borrowed::contiguous(affine_ ? beta : nullptr);
+    std::unique_ptr<Tensor> mean(Tensor::empty(split.leading, input->Device(), input->Dtype()));
+    std::unique_ptr<Tensor> variance(Tensor::empty_like(mean.get()));
+    std::unique_ptr<Tensor> output(Tensor::empty(input->Shape(), input->Device(), input->Dtype()));
+    device::cpu::layer_norm(x.get(), split.cols, static_cast<double>(eps_), scale.get(), shift.get(), mean.get(),
+                            variance.get(), output.get());
+    std::vector<std::unique_ptr<Tensor>> saved;
+    saved.push_back(std::move(mean));
+    saved.push_back(std::move(variance));
+    keep_for_backward(std::move(saved));
+    return output.release();
+}
+
+Tensor* LLayerNorm::backward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, Tensor* output_gradient,
+                                 std::vector<Tensor*>& saved, int node) {
+    const Where at = where("ornik::LLayerNorm::backward_dyn");
+    check_norm_node(at, node);
+    if (node != 0 && (!affine_ || !_trainable)) {
+        return nullptr;
+    }
+    NormArguments arguments{"layer norm", gamma, beta, input};
+    const Split split = check_input(at, arguments);
+    arguments.gamma = affine_ ? gamma : nullptr;
+    const NormBackward from(at, arguments, output_gradient, saved, forward_cache_, split.leading);
+    std::unique_ptr<Tensor> result = from.result(node == 0 ? input->Shape() : split.trailing);
+    const auto eps = static_cast<double>(eps_);
+    if (node == 0) {
+        device::cpu::layer_norm_grad(from.operands(), split.cols, eps, result.get());
+    } else if (node == 1) {
+        device::cpu::layer_norm_gamma_grad(from.operands(), split.cols, eps, result.get());
+    } else {
+        device::cpu::layer_norm_beta_grad(from.gradient.get(), split.cols, result.get());
+    }
+    return result.release();
+}
+
+}  // namespace ornik
