@@ -21,27 +21,6 @@ constexpr std::int64_t position_unit = 24;         // the widest panel of the co
 constexpr std::int64_t plenty_of_tiles = 16;       // fewer are cut by target channels, too
 constexpr std::int64_t least_cut_channels = 32;    // a cut stages its source once more: not below this
 constexpr std::int64_t most_local_channels = 512;  // of results that are not computed in place
-constexpr std::int64_t direct_positions = 4096;    // of a tile of one channel
-
-template <typename T>
-T conjugate_if(bool conjugate, T value) {
-    if constexpr (std::is_floating_point_v<T>) {
-        return value;
-    } else {
-        return conjugate ? std::conj(value) : value;
-    }
-}
-
-template <typename T>
-void write_positions(const ConvPass& pass, const Tile& tile, const T* results, T* target) {
-    for (std::int64_t r = 0; r < tile.rows; ++r) {
-        T* row = target + (pass.rows.first + (tile.row + r) * pass.rows.stride) * pass.cols.target + pass.cols.first +
-                 tile.col * pass.cols.stride;
-        for (std::int64_t x = 0; x < tile.cols; ++x) {
-            row[x * pass.cols.stride] = results[r * tile.cols + x];
-        }
-    }
-}
 
 template <typename T>
 class ProductSum {
@@ -173,26 +152,27 @@ class ProductSum {
                 pieces.add(i, row * plan_.cols.count + col, count);
                 i += count;
             }
-            left = pieces.copy_all(slots, plan_.plane, channels, plan_.taps, width, left);
+            left = pieces.copy_taps(slots, plan_.plane, channels, plan_.taps, width, left);
         }
     }
 
-    // Straight from the source, which ends where it ends: exact copies.
+    // Straight from the source, which ends where it ends: exact copies. Channel by channel, since a channel's
+    // positions lie side by side in memory far away.
     void pack_direct(const T* planes, std::int64_t channels, std::int64_t positions, T* left) const {
         const std::int64_t plane = plan_.pass.source_plane();
-        std::int64_t width = 0;
-        for (std::int64_t position = 0; position < positions; position += width) {
-            width = kernel_.next_panel(positions - position);
-            const std::int64_t whole = width / piece<T> * piece<T>;
-            for (std::int64_t c = 0; c < channels; ++c) {
-                const T* from = planes + c * plane + position;
+        for (std::int64_t c = 0; c < channels; ++c) {
+            const T* from = planes + c * plane;
+            std::int64_t width = 0;
+            for (std::int64_t position = 0; position < positions; position += width) {
+                width = kernel_.next_panel(positions - position);
+                T* to = left + position * channels + c * width;
+                const std::int64_t whole = width / piece<T> * piece<T>;
                 for (std::int64_t i = 0; i < whole; i += piece<T>) {
-                    copy_piece(from + i, left + i);
+                    copy_piece(from + position + i, to + i);
                 }
                 for (std::int64_t i = whole; i < width; ++i) {
-                    left[i] = from[i];
+                    to[i] = from[position + i];
                 }
-                left += width;
             }
         }
     }
@@ -210,48 +190,12 @@ class ProductSum {
     std::int64_t cut_channels_ = 0;
 };
 
-// One source and one target channel per group: no product to speak of.
-template <typename T>
-void run_direct_sum(const ConvPass& pass, const ConvSum& sum, const T* source, const T* weight, const T* bias,
-                    T* target) {
-    const StagePlan plan(pass, choose_tile(pass, direct_positions, 1));
-    const auto taps = static_cast<std::int64_t>(plan.taps.size());
-    const bool in_place = pass.fills_target();
-    const std::int64_t items = sum.batch * sum.groups * plan.tiles();
-    const std::int64_t positions = plan.tile.rows * plan.tile.cols;
-    const std::int64_t grain = std::max<std::int64_t>(2, conv_grain / (positions * std::max<std::int64_t>(1, taps)));
-    parallel_for(items, 1, grain, [&](std::int64_t begin, std::int64_t end) {
-        const Scratch<T> slots(plan.plane);
-        const Scratch<T> local(in_place ? 0 : positions);
-        std::vector<T> kernel(plan.taps.size());
-        for (std::int64_t item = begin; item < end; ++item) {
-            const Tile tile(plan, item % plan.tiles());
-            const std::int64_t part = item / plan.tiles();
-            const std::int64_t group = part % sum.groups;
-            for (std::size_t t = 0; t < kernel.size(); ++t) {
-                kernel[t] = conjugate_if(sum.conjugate, weight[group * sum.group_stride + plan.kernels[t]]);
-            }
-            stage_planes(plan, tile, source + part * pass.source_plane(), 1, slots.get());
-            T* plane = target + part * pass.target_plane();
-            for (std::int64_t r = 0; r < tile.rows; ++r) {
-                T* out =
-                    in_place ? plane + (tile.row + r) * pass.cols.positions + tile.col : local.get() + r * tile.cols;
-                tap_sums(slots.get() + r * plan.cols.count, plan.taps.data(), kernel.data(), taps,
-                         bias == nullptr ? T(0) : bias[group], tile.cols, out);
-            }
-            if (!in_place) {
-                write_positions(pass, tile, local.get(), plane);
-            }
-        }
-    });
-}
-
 }  // namespace
 
 template <typename T>
 void run_conv_sum(const ConvPass& pass, const ConvSum& sum, const T* source, const T* weight, const T* bias,
                   T* target) {
-    if (sum.source_channels == 1 && sum.target_channels == 1) {
+    if (sum.target_channels <= most_direct_targets) {
         run_direct_sum(pass, sum, source, weight, bias, target);
     } else {
         ProductSum<T>(pass, sum, source, bias, target).run(weight);
