@@ -8,11 +8,13 @@ namespace ornik::device::cpu {
 /// Most target channels that tap_sums computes at once.
 inline constexpr std::int64_t most_direct_targets = 4;
 
-/// out[o * out_stride + x] = start of o + sum over k < steps of weights[k * targets + o] * slots[step_slots[k] + x]
-/// for x < count and every target o. Without starts, what is in out is the start.
+/// out[o * out_stride + r * out_row + x] = start of o + sum over k < steps of weights[k * targets + o] *
+/// slots[step_slots[k] + r * slot_row + x] for r < rows, x < count and every target o. Without starts, what is in
+/// out is the start.
 template <typename T>
 struct TapSums {
     const T* slots;
+    std::int64_t slot_row;
     const std::int64_t* step_slots;
     const T* weights;
     std::int64_t steps;
@@ -20,6 +22,8 @@ struct TapSums {
     const T* starts;
     T* out;
     std::int64_t out_stride;
+    std::int64_t out_row;
+    std::int64_t rows;
     std::int64_t count;
 };
 

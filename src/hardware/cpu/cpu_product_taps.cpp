@@ -21,15 +21,15 @@ Block<T, N> load(const T* from) {
 template <typename T>
 constexpr int packet = 32 / static_cast<int>(sizeof(T));
 
-// Positions [x, x + Packets * packet) of Targets channels; the sums stay in registers.
+// Positions [x, x + Packets * packet) of one row of Targets channels; the sums stay in registers.
 template <typename T, int Targets, int Packets>
-void sum_block(const TapSums<T>& in, std::int64_t x) {
+void sum_block(const TapSums<T>& in, std::int64_t r, std::int64_t x) {
     using Packet = Block<T, packet<T>>;
     Packet sums[Targets][Packets];
     const std::int64_t count = std::min<std::int64_t>(in.count - x, Packets * packet<T>);
     const bool whole = count == Packets * packet<T>;
     for (int o = 0; o < Targets; ++o) {
-        const T* out = in.out + o * in.out_stride + x;
+        const T* out = in.out + o * in.out_stride + r * in.out_row + x;
         T copy[Packets * packet<T>];
         if (in.starts == nullptr && !whole) {
             std::fill(std::copy_n(out, count, copy), std::end(copy), T(0));
@@ -40,7 +40,7 @@ void sum_block(const TapSums<T>& in, std::int64_t x) {
         }
     }
     for (std::int64_t k = 0; k < in.steps; ++k) {
-        const T* from = in.slots + in.step_slots[k] + x;
+        const T* from = in.slots + in.step_slots[k] + r * in.slot_row + x;
         const T* weights = in.weights + k * Targets;
         for (int p = 0; p < Packets; ++p) {
             const Packet value = load<packet<T>>(from + p * packet<T>);
@@ -50,7 +50,7 @@ void sum_block(const TapSums<T>& in, std::int64_t x) {
         }
     }
     for (int o = 0; o < Targets; ++o) {
-        T* out = in.out + o * in.out_stride + x;
+        T* out = in.out + o * in.out_stride + r * in.out_row + x;
         for (int p = 0; p < Packets; ++p) {
             if (whole) {
                 Eigen::Map<Packet>(out + p * packet<T>) = sums[o][p];
@@ -66,11 +66,14 @@ void sum_block(const TapSums<T>& in, std::int64_t x) {
 // Whole blocks, then one of as many packets as are left.
 template <typename T, int Targets, int Packets>
 void sum_blocks(const TapSums<T>& in, std::int64_t x) {
-    for (; in.count - x > (Packets - 1) * packet<T>; x += Packets * packet<T>) {
-        sum_block<T, Targets, Packets>(in, x);
+    std::int64_t next = x;
+    for (; in.count - next > (Packets - 1) * packet<T>; next += Packets * packet<T>) {
+        for (std::int64_t r = 0; r < in.rows; ++r) {
+            sum_block<T, Targets, Packets>(in, r, next);
+        }
     }
     if constexpr (Packets > 1) {
-        sum_blocks<T, Targets, Packets - 1>(in, x);
+        sum_blocks<T, Targets, Packets - 1>(in, next);
     }
 }
 

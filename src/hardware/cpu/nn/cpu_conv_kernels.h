@@ -23,9 +23,10 @@ struct ConvSum {
     bool conjugate;
 };
 
-/// Computes the positions of the pass; bias may be null.
+/// Computes the positions of all passes; bias may be null.
 template <typename T>
-void run_conv_sum(const ConvPass& pass, const ConvSum& sum, const T* source, const T* weight, const T* bias, T* target);
+void run_conv_sum(const std::vector<ConvPass>& passes, const ConvSum& sum, const T* source, const T* weight,
+                  const T* bias, T* target);
 
 /// weight = sum over samples and positions of grid * conj(image); `pass` is the geometry's grid pass.
 template <typename T>
@@ -34,8 +35,8 @@ void run_conv_weight(const ConvPass& pass, const ConvGeometry& geometry, const T
 
 /// run_conv_sum for at most most_direct_targets target channels.
 template <typename T>
-void run_direct_sum(const ConvPass& pass, const ConvSum& sum, const T* source, const T* weight, const T* bias,
-                    T* target);
+void run_direct_sum(const std::vector<ConvPass>& passes, const ConvSum& sum, const T* source, const T* weight,
+                    const T* bias, T* target);
 
 /// run_conv_weight for one channel per group on either side.
 template <typename T>
