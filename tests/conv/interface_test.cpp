@@ -28,12 +28,9 @@ TEST(ConvolDescriptor, SizesAndPaddings) {
         std::int64_t rows, cols, pad_rows, pad_cols;
     };
     for (const Row& r : {Row{"same", 5, 3, 1, 0, 1, 5, 5, 1, 1}, Row{"zeros", 5, 3, 1, 0, 1, 5, 5, 1, 1},
-                         Row{"same", 8, 3, 3, 0, 1, 3, 3, 1, 1 - 0}, Row{"valid", 5, 3, 1, 0, 2, 1, 1, 0, 0},
+                         Row{"same", 9, 5, 3, 0, 1, 3, 3, 1, 1}, Row{"valid", 5, 3, 1, 0, 2, 1, 1, 0, 0},
                          Row{"none", 9, 3, 2, 0, 1, 4, 4, 0, 0}, Row{"same,none", 5, 3, 1, 0, 1, 5, 3, 1, 0},
                          Row{"none,same", 5, 3, 1, 0, 1, 3, 5, 0, 1}, Row{"custom", 5, 3, 2, 2, 1, 4, 4, 2, 2}}) {
-        if (std::string(r.type) == "same" && r.input == 8) {
-            continue;
-        }
         ConvolDescriptor d({2, r.kernel, r.kernel}, {r.stride, r.stride}, {r.padding, r.padding}, r.type,
                            {r.dilation, r.dilation}, 1);
         d.build_dynamic(ones({1, 1, r.input, r.input}).get(), ones({2, 1, r.kernel, r.kernel}).get());
@@ -200,7 +197,7 @@ TEST(Conv1D, ShapesAreTheArgumentsOwn) {
         const TensorPtr y(layer->forward_dyn(w.get(), b.get(), x.get()));
         EXPECT_EQ(y->Shape(), (Dims{2, 2, 3}));
         // Output (n, o, y) = 1 + sum over i of w[o, i] x[n, 2 y - 1 + i].
-        EXPECT_EQ(values_of<float>(y), (std::vector<float>{3, 9, 5, 6, 27, 26, 18, 24, 10, 51, 72, 61}));
+        EXPECT_EQ(values_of<float>(y), (std::vector<float>{3, 9, 5, 6, 27, 26, 18, 24, 10, 51, 87, 61}));
         EXPECT_EQ(x->Shape(), shape);
         EXPECT_EQ(x->Strides(), strides);
         const Tensor* arguments[] = {x.get(), w.get(), b.get()};
@@ -222,7 +219,7 @@ TEST(ConvolutionLayers, NodesBiasAndTrainable) {
     struct Row {
         LayerPtr with_bias, without_bias;
         Dims input, weight, output;
-        const char *function, *file, *node, *bias, *input_frozen, *bias_frozen;
+        const char *function, *file, *weight_function, *node, *bias, *input_frozen, *bias_frozen;
     };
     const auto one = [](bool bias) {
         Ints k{1}, s{1}, d{1};
@@ -240,6 +237,7 @@ TEST(ConvolutionLayers, NodesBiasAndTrainable) {
          {2, 3, 4},
          "ornik::LConv1D::float_backward",
          "src/layers/conv/layer_conv1D.cpp",
+         "ornik::Conv2D_w_grad",
          "ONLY backward weight input bias grad",
          "Invoke grad of bias function with use_bias==False in Conv1D.",
          nullptr,
@@ -251,6 +249,7 @@ TEST(ConvolutionLayers, NodesBiasAndTrainable) {
          {2, 3, 4, 1},
          "ornik::LConv2D::float_backward",
          "src/layers/conv/layer_conv2D.cpp",
+         "ornik::Conv2D_w_grad",
          "ONLY backward weight, input or bias's grad",
          "Invokes grad function of bias with use_bias == False in Conv2D.",
          "Invokes grad function of input with Conv2D is not _trainable.",
@@ -262,6 +261,7 @@ TEST(ConvolutionLayers, NodesBiasAndTrainable) {
          {2, 3, 4, 1},
          "ornik::LConvT2D::ConvT2D_float_backward",
          "src/layers/conv/layer_convT2D.cpp",
+         "ornik::ConvT2D_w_grad",
          "ONLY backward weight,input or bias's grad",
          "Invokes grad function of bias with use_bias == False in ConvT2D.",
          "Invokes grad function of input with ConvT2D is not _trainable.",
@@ -275,11 +275,9 @@ TEST(ConvolutionLayers, NodesBiasAndTrainable) {
         const auto refused = [&](const LayerPtr& layer, int node, const char* message) {
             expect_error([&] { backward(layer, node); }, message, r.function, r.file);
         };
-        EXPECT_EQ(
-            error_text([&] { backward(r.with_bias, 1); }),
-            located("Convolution needs a forward call before its gradients.",
-                    r.function[7] == 'L' && r.function[12] == 'T' ? "ornik::ConvT2D_w_grad" : "ornik::Conv2D_w_grad",
-                    "src/tensor/nn/tensor_conv.cpp"));
+        EXPECT_EQ(error_text([&] { backward(r.with_bias, 1); }),
+                  located("Convolution needs a forward call before its gradients.", r.weight_function,
+                          "src/tensor/nn/tensor_conv.cpp"));
         EXPECT_EQ(TensorPtr(r.with_bias->forward_dyn(w.get(), nullptr, x.get()))->Shape(), r.output);
         EXPECT_EQ(backward(r.with_bias, 2)->Shape(), (Dims{3}));
         EXPECT_EQ(r.with_bias->get_gx(), nullptr);
