@@ -5,11 +5,31 @@
 
 namespace ornik::device::cpu {
 
-/// out[x] = start + sum over t of weights[t] * slots[taps[t] + x], x < count. May read up to 128 bytes beyond
-/// what count asks for. float, double and their std::complex.
+/// Most target channels that tap_sums computes at once.
+inline constexpr std::int64_t most_direct_targets = 4;
+
+/// out[o * out_stride + r * out_row + x] = start of o + sum over k < steps of weights[k * targets + o] *
+/// slots[step_slots[k] + r * slot_row + x] for r < rows, x < count and every target o. Without starts, what is in
+/// out is the start.
 template <typename T>
-void tap_sums(const T* slots, const std::int64_t* taps, const T* weights, std::int64_t tap_count, T start,
-              std::int64_t count, T* out);
+struct TapSums {
+    const T* slots;
+    std::int64_t slot_row;
+    const std::int64_t* step_slots;
+    const T* weights;
+    std::int64_t steps;
+    std::int64_t targets;
+    const T* starts;
+    T* out;
+    std::int64_t out_stride;
+    std::int64_t out_row;
+    std::int64_t rows;
+    std::int64_t count;
+};
+
+/// May read up to 256 bytes of slots beyond what count asks for. float, double and their std::complex.
+template <typename T>
+void tap_sums(const TapSums<T>& sums);
 
 /// sums[t] += sum over r < rows, x < count of values[r * value_row + x] * slots[taps[t] + r * slot_row + x].
 template <typename T>

@@ -4,6 +4,7 @@
 // piece is overwritten by the next one, so every stretch costs whole vector moves only.
 #pragma once
 
+#include <algorithm>
 #include <vector>
 
 #include "conv_stage.h"
@@ -24,34 +25,30 @@ class PanelPieces {
         }
     }
 
-    /// One step of depth of the panel, at `to`.
-    void copy(const T* slots, T* to) const {
-        for (const Piece& p : pieces_) {
-            copy_piece(slots + p.slot, to + p.row);
-        }
+    /// Steps of depth for every (channel, tap), panels of `width` rows; returns the end.
+    T* copy_taps(const T* slots, std::int64_t channel_slots, std::int64_t channels,
+                 const std::vector<std::int64_t>& taps, std::int64_t width, T* to) const {
+        const auto copy = [&](const auto& panel) {
+            for (std::int64_t c = 0; c < channels; ++c) {
+                for (const std::int64_t tap : taps) {
+                    panel(slots + c * channel_slots + tap, to);
+                    to += width;
+                }
+            }
+        };
+        with_pieces(copy);
+        return to;
     }
 
-    /// A step for every (channel, tap), panels of `width` rows; returns the end.
-    T* copy_all(const T* slots, std::int64_t channel_slots, std::int64_t channels,
-                const std::vector<std::int64_t>& taps, std::int64_t width, T* to) const {
-        switch (pieces_.size()) {
-            case 1:
-                return copy_fixed<1>(slots, channel_slots, channels, taps, width, to);
-            case 2:
-                return copy_fixed<2>(slots, channel_slots, channels, taps, width, to);
-            case 3:
-                return copy_fixed<3>(slots, channel_slots, channels, taps, width, to);
-            case 4:
-                return copy_fixed<4>(slots, channel_slots, channels, taps, width, to);
-            default:
-                break;
-        }
-        for (std::int64_t c = 0; c < channels; ++c) {
-            for (const std::int64_t tap : taps) {
-                copy(slots + c * channel_slots + tap, to);
+    /// `count` steps of depth, taken `step` slots apart.
+    T* copy_steps(const T* slots, std::int64_t step, std::int64_t count, std::int64_t width, T* to) const {
+        const auto copy = [&](const auto& panel) {
+            for (std::int64_t i = 0; i < count; ++i) {
+                panel(slots + i * step, to);
                 to += width;
             }
-        }
+        };
+        with_pieces(copy);
         return to;
     }
 
@@ -61,22 +58,42 @@ class PanelPieces {
         std::int64_t slot;
     };
 
+    // Calls use(copy of one step), with the number of pieces known to the compiler where there are few.
+    template <typename Use>
+    void with_pieces(const Use& use) const {
+        switch (pieces_.size()) {
+            case 1:
+                return use(FewPieces<1>(pieces_));
+            case 2:
+                return use(FewPieces<2>(pieces_));
+            case 3:
+                return use(FewPieces<3>(pieces_));
+            case 4:
+                return use(FewPieces<4>(pieces_));
+            case 5:
+                return use(FewPieces<5>(pieces_));
+            case 8:
+                return use(FewPieces<8>(pieces_));
+            default:
+                break;
+        }
+        use([&](const T* slots, T* to) {
+            for (const Piece& p : pieces_) {
+                copy_piece(slots + p.slot, to + p.row);
+            }
+        });
+    }
+
     template <std::size_t Count>
-    T* copy_fixed(const T* slots, std::int64_t channel_slots, std::int64_t channels,
-                  const std::vector<std::int64_t>& taps, std::int64_t width, T* to) const {
-        Piece local[Count];
-        std::copy_n(pieces_.begin(), Count, local);
-        for (std::int64_t c = 0; c < channels; ++c) {
-            for (const std::int64_t tap : taps) {
-                const T* from = slots + c * channel_slots + tap;
-                for (std::size_t i = 0; i < Count; ++i) {
-                    copy_piece(from + local[i].slot, to + local[i].row);
-                }
-                to += width;
+    struct FewPieces {
+        explicit FewPieces(const std::vector<Piece>& all) { std::copy_n(all.begin(), Count, pieces); }
+        void operator()(const T* slots, T* to) const {
+            for (std::size_t i = 0; i < Count; ++i) {
+                copy_piece(slots + pieces[i].slot, to + pieces[i].row);
             }
         }
-        return to;
-    }
+        Piece pieces[Count];
+    };
 
     std::vector<Piece> pieces_;
 };

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "conv_pass.h"
+#include "descriptors/tile_transpose.h"
 #include "hardware/allocator.h"
 
 namespace ornik::device::cpu {
@@ -28,7 +29,7 @@ class Scratch {
   public:
     explicit Scratch(std::int64_t count)
         : buffer_(
-              AllocTensorBuffer(0, count * static_cast<std::int64_t>(sizeof(T)) + 64 + 8 * piece_bytes, dtype::uint8)) {
+              AllocTensorBuffer(0, count * static_cast<std::int64_t>(sizeof(T)) + 64 + 9 * piece_bytes, dtype::uint8)) {
         const auto address = reinterpret_cast<std::uintptr_t>(buffer_);
         data_ = reinterpret_cast<T*>(address + (64 - address % 64) % 64);
     }
@@ -133,16 +134,34 @@ void stage_channels_last(const StagePlan& plan, const Tile& tile, const T* sourc
         plan, tile,
         [&](std::int64_t slot, std::int64_t length, std::int64_t from, std::int64_t begin, std::int64_t count) {
             T* to = slots + slot * channels;
-            std::fill(to, to + begin * channels, T(0));
-            std::fill(to + (begin + count) * channels, to + length * channels, T(0));
+            T* place = to + begin * channels;
+            std::fill(to, place, T(0));
+            std::fill(place + count * channels, to + length * channels, T(0));
+            if (count > 0 && step == 1 && channels % 8 == 0) {
+                constexpr auto item = static_cast<std::int64_t>(sizeof(T));
+                transpose_tile(place, channels, reinterpret_cast<const char*>(source + from), source_plane * item, item,
+                               channels, count);
+                return;
+            }
             for (std::int64_t c = 0; count > 0 && c < channels; ++c) {
                 const T* first = source + c * source_plane + from;
-                T* place = to + begin * channels + c;
                 for (std::int64_t k = 0; k < count; ++k) {
-                    place[k * channels] = first[k * step];
+                    place[k * channels + c] = first[k * step];
                 }
             }
         });
+}
+
+/// Writes results, one per position of the tile, to their places in a target plane.
+template <typename T>
+void write_positions(const ConvPass& pass, const Tile& tile, const T* results, T* target) {
+    for (std::int64_t r = 0; r < tile.rows; ++r) {
+        T* row = target + (pass.rows.first + (tile.row + r) * pass.rows.stride) * pass.cols.target + pass.cols.first +
+                 tile.col * pass.cols.stride;
+        for (std::int64_t x = 0; x < tile.cols; ++x) {
+            row[x * pass.cols.stride] = results[r * tile.cols + x];
+        }
+    }
 }
 
 }  // namespace ornik::device::cpu

@@ -87,7 +87,7 @@ void conv_to_grid(const ConvGeometry& full, const Tensor* image, const Tensor* w
                       geometry.image_first ? geometry.grid_channels * kernel : kernel,
                       conjugate};
     with_compute_type(image, [&]<typename T>() {
-        run_conv_sum(grid_pass(geometry), sum, data<T>(image), data<T>(weight), data<T>(bias),
+        run_conv_sum({grid_pass(geometry)}, sum, data<T>(image), data<T>(weight), data<T>(bias),
                      static_cast<T*>(grid->getRawData()));
     });
 }
@@ -119,9 +119,7 @@ void conv_to_image(const ConvGeometry& full, const Tensor* grid, const Tensor* w
         if (computed < plane) {
             fill_planes(data<T>(bias), geometry.batch, geometry.groups * geometry.image_channels, plane, target);
         }
-        for (const ConvPass& pass : passes) {
-            run_conv_sum(pass, sum, data<T>(grid), data<T>(weight), data<T>(bias), target);
-        }
+        run_conv_sum(passes, sum, data<T>(grid), data<T>(weight), data<T>(bias), target);
     });
 }
 

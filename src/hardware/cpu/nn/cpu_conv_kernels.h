@@ -3,6 +3,9 @@
 // T is float, double or std::complex of either.
 #pragma once
 
+#include <complex>
+#include <type_traits>
+
 #include "conv_pass.h"
 
 namespace ornik::device::cpu {
@@ -20,14 +23,43 @@ struct ConvSum {
     bool conjugate;
 };
 
-/// Computes the positions of the pass; bias may be null.
+/// Computes the positions of all passes; bias may be null.
 template <typename T>
-void run_conv_sum(const ConvPass& pass, const ConvSum& sum, const T* source, const T* weight, const T* bias, T* target);
+void run_conv_sum(const std::vector<ConvPass>& passes, const ConvSum& sum, const T* source, const T* weight,
+                  const T* bias, T* target);
 
 /// weight = sum over samples and positions of grid * conj(image); `pass` is the geometry's grid pass.
 template <typename T>
 void run_conv_weight(const ConvPass& pass, const ConvGeometry& geometry, const T* image, const T* grid,
                      bool conjugate_grid, T* weight);
+
+/// run_conv_sum for at most most_direct_targets target channels.
+template <typename T>
+void run_direct_sum(const std::vector<ConvPass>& passes, const ConvSum& sum, const T* source, const T* weight,
+                    const T* bias, T* target);
+
+/// run_conv_weight for one channel per group on either side.
+template <typename T>
+void run_direct_weight(const ConvPass& pass, const ConvGeometry& geometry, const T* image, const T* grid,
+                       bool conjugate_grid, T* weight);
+
+template <typename T>
+T conjugate_if(bool conjugate, T value) {
+    if constexpr (std::is_floating_point_v<T>) {
+        return value;
+    } else {
+        return conjugate ? std::conj(value) : value;
+    }
+}
+
+template <typename T>
+void conjugate(T* values, std::int64_t count) {
+    if constexpr (!std::is_floating_point_v<T>) {
+        for (std::int64_t i = 0; i < count; ++i) {
+            values[i] = std::conj(values[i]);
+        }
+    }
+}
 
 /// Multiplications that are worth a second thread.
 inline constexpr std::int64_t conv_grain = 1 << 16;

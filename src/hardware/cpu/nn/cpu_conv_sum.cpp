@@ -4,11 +4,10 @@
 // source is staged, written into the product's panels for a block of channels at a time, and multiplied into
 // the target planes where they lie. No column matrix exists beyond one block of one tile.
 #include <algorithm>
+#include <memory>
 
-#include "conv_panels.h"
-#include "cpu_conv_kernels.h"
+#include "conv_workers.h"
 #include "hardware/cpu/cpu_taps.h"
-#include "hardware/parallel.h"
 
 namespace ornik::device::cpu {
 
@@ -21,32 +20,11 @@ constexpr std::int64_t position_unit = 24;         // the widest panel of the co
 constexpr std::int64_t plenty_of_tiles = 16;       // fewer are cut by target channels, too
 constexpr std::int64_t least_cut_channels = 32;    // a cut stages its source once more: not below this
 constexpr std::int64_t most_local_channels = 512;  // of results that are not computed in place
-constexpr std::int64_t direct_positions = 4096;    // of a tile of one channel
-
-template <typename T>
-T conjugate_if(bool conjugate, T value) {
-    if constexpr (std::is_floating_point_v<T>) {
-        return value;
-    } else {
-        return conjugate ? std::conj(value) : value;
-    }
-}
-
-template <typename T>
-void write_positions(const ConvPass& pass, const Tile& tile, const T* results, T* target) {
-    for (std::int64_t r = 0; r < tile.rows; ++r) {
-        T* row = target + (pass.rows.first + (tile.row + r) * pass.rows.stride) * pass.cols.target + pass.cols.first +
-                 tile.col * pass.cols.stride;
-        for (std::int64_t x = 0; x < tile.cols; ++x) {
-            row[x * pass.cols.stride] = results[r * tile.cols + x];
-        }
-    }
-}
 
 template <typename T>
 class ProductSum {
   public:
-    ProductSum(const ConvPass& pass, const ConvSum& sum, const T* source, const T* bias, T* target)
+    ProductSum(const ConvPass& pass, const ConvSum& sum, const T* source, const T* weight, const T* bias, T* target)
         : sum_(sum),
           source_(source),
           bias_(bias),
@@ -64,24 +42,50 @@ class ProductSum {
         // A packed operand can be cut at multiples of 4 columns.
         cut_channels_ = ((sum.target_channels + cuts_ - 1) / cuts_ + 3) / 4 * 4;
         cuts_ = (sum.target_channels + cut_channels_ - 1) / cut_channels_;
+        packed_ = std::make_unique<Scratch<T>>(sum.groups * sum.source_channels * taps() * sum.target_channels);
+        pack_weight(weight, packed_->get());
     }
 
-    void run(const T* weight) {
-        const Scratch<T> packed(sum_.groups * sum_.source_channels * taps() * sum_.target_channels);
-        pack_weight(weight, packed.get());
-        const std::int64_t items = sum_.batch * sum_.groups * plan_.tiles() * cuts_;
-        const std::int64_t work = plan_.tile.rows * plan_.tile.cols * sum_.source_channels * taps() * cut_channels_;
-        const std::int64_t grain = std::max<std::int64_t>(2, conv_grain / std::max<std::int64_t>(1, work));
+    std::int64_t tiles() const { return plan_.tiles(); }
+    std::int64_t cuts() const { return cuts_; }
+    WorkspaceSize size() const {
         const std::int64_t positions = plan_.tile.rows * plan_.tile.cols;
-        parallel_for(items, 1, grain, [&](std::int64_t begin, std::int64_t end) {
-            const Scratch<T> slots(direct_ ? 0 : block_channels_ * plan_.plane);
-            const Scratch<T> left(positions * block_channels_ * taps());
-            const Scratch<T> local(in_place_ ? 0 : positions * cut_channels_);
-            PanelPieces<T> pieces;
-            for (std::int64_t item = begin; item < end; ++item) {
-                run_tile(item, packed.get(), slots.get(), left.get(), local.get(), pieces);
+        return {direct_ ? 0 : block_channels_ * plan_.plane, positions * block_channels_ * taps(),
+                in_place_ ? 0 : positions * cut_channels_, positions * cut_channels_ * sum_.source_channels * taps()};
+    }
+
+    void run_tile(std::int64_t part, std::int64_t index, std::int64_t cut_index, Workspace<T>& workspace) const {
+        const Tile tile(plan_, index);
+        const std::int64_t cut = cut_index * cut_channels_;
+        const std::int64_t group = part % sum_.groups;
+        const std::int64_t channels = std::min(cut_channels_, sum_.target_channels - cut);
+        const std::int64_t target_plane = plan_.pass.target_plane();
+        T* target = target_ + (part * sum_.target_channels + cut) * target_plane;
+        T* out = in_place_ ? target + tile.row * plan_.pass.cols.positions + tile.col : workspace.local.get();
+        const std::int64_t out_stride = in_place_ ? target_plane : tile.positions();
+
+        for (std::int64_t o = 0; o < channels; ++o) {
+            const T start = bias_ == nullptr ? T(0) : bias_[group * sum_.target_channels + cut + o];
+            std::fill_n(out + o * out_stride, tile.positions(), start);
+        }
+        for (std::int64_t first = 0; first < sum_.source_channels && taps() > 0; first += block_channels_) {
+            const std::int64_t block = std::min(block_channels_, sum_.source_channels - first);
+            const T* planes = source_ + (part * sum_.source_channels + first) * plan_.pass.source_plane();
+            const std::int64_t depth = block * taps();
+            T* left = workspace.left.get();
+            if (direct_) {
+                pack_direct(planes + tile.col, block, tile.positions(), left);
+            } else {
+                stage_planes(plan_, tile, planes, block, workspace.slots.get());
+                pack_staged(tile, workspace.slots.get(), block, left, workspace.pieces);
             }
-        });
+            const T* right =
+                packed_->get() + (group * sum_.source_channels + first) * taps() * sum_.target_channels + cut * depth;
+            kernel_.multiply(left, right, tile.positions(), depth, channels, out, out_stride);
+        }
+        for (std::int64_t o = 0; o < channels && !in_place_; ++o) {
+            write_positions(plan_.pass, tile, out + o * out_stride, target + o * target_plane);
+        }
     }
 
   private:
@@ -128,39 +132,6 @@ class ProductSum {
         });
     }
 
-    void run_tile(std::int64_t item, const T* packed, T* slots, T* left, T* local, PanelPieces<T>& pieces) const {
-        const std::int64_t cut = item % cuts_ * cut_channels_;
-        const Tile tile(plan_, item / cuts_ % plan_.tiles());
-        const std::int64_t part = item / cuts_ / plan_.tiles();  // sample and group
-        const std::int64_t group = part % sum_.groups;
-        const std::int64_t channels = std::min(cut_channels_, sum_.target_channels - cut);
-        const std::int64_t target_plane = plan_.pass.target_plane();
-        T* target = target_ + (part * sum_.target_channels + cut) * target_plane;
-        T* out = in_place_ ? target + tile.row * plan_.pass.cols.positions + tile.col : local;
-        const std::int64_t out_stride = in_place_ ? target_plane : tile.positions();
-
-        for (std::int64_t o = 0; o < channels; ++o) {
-            const T start = bias_ == nullptr ? T(0) : bias_[group * sum_.target_channels + cut + o];
-            std::fill_n(out + o * out_stride, tile.positions(), start);
-        }
-        for (std::int64_t first = 0; first < sum_.source_channels && taps() > 0; first += block_channels_) {
-            const std::int64_t block = std::min(block_channels_, sum_.source_channels - first);
-            const T* planes = source_ + (part * sum_.source_channels + first) * plan_.pass.source_plane();
-            const std::int64_t depth = block * taps();
-            if (direct_) {
-                pack_direct(planes + tile.col, block, tile.positions(), left);
-            } else {
-                stage_planes(plan_, tile, planes, block, slots);
-                pack_staged(tile, slots, block, left, pieces);
-            }
-            const T* right = packed + (group * sum_.source_channels + first) * taps() * sum_.target_channels;
-            kernel_.multiply(left, right + cut * depth, tile.positions(), depth, channels, out, out_stride);
-        }
-        for (std::int64_t o = 0; o < channels && !in_place_; ++o) {
-            write_positions(plan_.pass, tile, local + o * out_stride, target + o * target_plane);
-        }
-    }
-
     void pack_staged(const Tile& tile, const T* slots, std::int64_t channels, T* left, PanelPieces<T>& pieces) const {
         std::int64_t width = 0;
         for (std::int64_t position = 0; position < tile.positions(); position += width) {
@@ -173,26 +144,27 @@ class ProductSum {
                 pieces.add(i, row * plan_.cols.count + col, count);
                 i += count;
             }
-            left = pieces.copy_all(slots, plan_.plane, channels, plan_.taps, width, left);
+            left = pieces.copy_taps(slots, plan_.plane, channels, plan_.taps, width, left);
         }
     }
 
-    // Straight from the source, which ends where it ends: exact copies.
+    // Straight from the source, which ends where it ends: exact copies. Channel by channel, since a channel's
+    // positions lie side by side in memory far away.
     void pack_direct(const T* planes, std::int64_t channels, std::int64_t positions, T* left) const {
         const std::int64_t plane = plan_.pass.source_plane();
-        std::int64_t width = 0;
-        for (std::int64_t position = 0; position < positions; position += width) {
-            width = kernel_.next_panel(positions - position);
-            const std::int64_t whole = width / piece<T> * piece<T>;
-            for (std::int64_t c = 0; c < channels; ++c) {
-                const T* from = planes + c * plane + position;
+        for (std::int64_t c = 0; c < channels; ++c) {
+            const T* from = planes + c * plane;
+            std::int64_t width = 0;
+            for (std::int64_t position = 0; position < positions; position += width) {
+                width = kernel_.next_panel(positions - position);
+                T* to = left + position * channels + c * width;
+                const std::int64_t whole = width / piece<T> * piece<T>;
                 for (std::int64_t i = 0; i < whole; i += piece<T>) {
-                    copy_piece(from + i, left + i);
+                    copy_piece(from + position + i, to + i);
                 }
                 for (std::int64_t i = whole; i < width; ++i) {
-                    left[i] = from[i];
+                    to[i] = from[position + i];
                 }
-                left += width;
             }
         }
     }
@@ -208,58 +180,27 @@ class ProductSum {
     StagePlan plan_;
     std::int64_t cuts_ = 1;
     std::int64_t cut_channels_ = 0;
+    std::unique_ptr<Scratch<T>> packed_;
 };
-
-// One source and one target channel per group: no product to speak of.
-template <typename T>
-void run_direct_sum(const ConvPass& pass, const ConvSum& sum, const T* source, const T* weight, const T* bias,
-                    T* target) {
-    const StagePlan plan(pass, choose_tile(pass, direct_positions, 1));
-    const auto taps = static_cast<std::int64_t>(plan.taps.size());
-    const bool in_place = pass.fills_target();
-    const std::int64_t items = sum.batch * sum.groups * plan.tiles();
-    const std::int64_t positions = plan.tile.rows * plan.tile.cols;
-    const std::int64_t grain = std::max<std::int64_t>(2, conv_grain / (positions * std::max<std::int64_t>(1, taps)));
-    parallel_for(items, 1, grain, [&](std::int64_t begin, std::int64_t end) {
-        const Scratch<T> slots(plan.plane);
-        const Scratch<T> local(in_place ? 0 : positions);
-        std::vector<T> kernel(plan.taps.size());
-        for (std::int64_t item = begin; item < end; ++item) {
-            const Tile tile(plan, item % plan.tiles());
-            const std::int64_t part = item / plan.tiles();
-            const std::int64_t group = part % sum.groups;
-            for (std::size_t t = 0; t < kernel.size(); ++t) {
-                kernel[t] = conjugate_if(sum.conjugate, weight[group * sum.group_stride + plan.kernels[t]]);
-            }
-            stage_planes(plan, tile, source + part * pass.source_plane(), 1, slots.get());
-            T* plane = target + part * pass.target_plane();
-            for (std::int64_t r = 0; r < tile.rows; ++r) {
-                T* out =
-                    in_place ? plane + (tile.row + r) * pass.cols.positions + tile.col : local.get() + r * tile.cols;
-                tap_sums(slots.get() + r * plan.cols.count, plan.taps.data(), kernel.data(), taps,
-                         bias == nullptr ? T(0) : bias[group], tile.cols, out);
-            }
-            if (!in_place) {
-                write_positions(pass, tile, local.get(), plane);
-            }
-        }
-    });
-}
 
 }  // namespace
 
 template <typename T>
-void run_conv_sum(const ConvPass& pass, const ConvSum& sum, const T* source, const T* weight, const T* bias,
-                  T* target) {
-    if (sum.source_channels == 1 && sum.target_channels == 1) {
-        run_direct_sum(pass, sum, source, weight, bias, target);
-    } else {
-        ProductSum<T>(pass, sum, source, bias, target).run(weight);
+void run_conv_sum(const std::vector<ConvPass>& passes, const ConvSum& sum, const T* source, const T* weight,
+                  const T* bias, T* target) {
+    if (sum.target_channels <= most_direct_targets) {
+        run_direct_sum(passes, sum, source, weight, bias, target);
+        return;
     }
+    std::vector<ProductSum<T>> sums;
+    for (const ConvPass& pass : passes) {
+        sums.emplace_back(pass, sum, source, weight, bias, target);
+    }
+    run_sums<T>(sum, sums);
 }
 
 #define ORNIK_INSTANTIATE_CONV_SUM(T) \
-    template void run_conv_sum(const ConvPass&, const ConvSum&, const T*, const T*, const T*, T*)
+    template void run_conv_sum(const std::vector<ConvPass>&, const ConvSum&, const T*, const T*, const T*, T*)
 
 ORNIK_INSTANTIATE_CONV_SUM(float);
 ORNIK_INSTANTIATE_CONV_SUM(double);

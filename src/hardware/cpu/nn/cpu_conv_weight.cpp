@@ -6,7 +6,6 @@
 
 #include "conv_panels.h"
 #include "cpu_conv_kernels.h"
-#include "hardware/cpu/cpu_taps.h"
 #include "hardware/parallel.h"
 
 namespace ornik::device::cpu {
@@ -18,16 +17,6 @@ constexpr std::int64_t most_positions = 256;                 // of a tile: the d
 constexpr std::int64_t position_unit = 8;                    // nothing but a round number
 constexpr std::int64_t enough_items = 16;                    // chunks are made for so many
 constexpr std::int64_t chunk_bytes = std::int64_t{4} << 20;  // of the sums of all chunks
-constexpr std::int64_t direct_positions = 4096;              // of a tile of one channel
-
-template <typename T>
-void conjugate(T* values, std::int64_t count) {
-    if constexpr (!std::is_floating_point_v<T>) {
-        for (std::int64_t i = 0; i < count; ++i) {
-            values[i] = std::conj(values[i]);
-        }
-    }
-}
 
 template <typename T>
 class ProductWeight {
@@ -95,7 +84,6 @@ class ProductWeight {
 
     // Row tap * channels + channel, a step of depth for every position.
     void pack_rows(const Tile& tile, std::int64_t channels, const T* slots, T* left) const {
-        const std::vector<std::int64_t> one_tap{0};
         PanelPieces<T> pieces;
         std::int64_t width = 0;
         for (std::int64_t row = 0; row < rows_; row += width) {
@@ -109,8 +97,7 @@ class ProductWeight {
                 i += count;
             }
             for (std::int64_t r = 0; r < tile.rows; ++r) {
-                left =
-                    pieces.copy_all(slots + r * plan_.cols.count * channels, channels, tile.cols, one_tap, width, left);
+                left = pieces.copy_steps(slots + r * plan_.cols.count * channels, channels, tile.cols, width, left);
             }
         }
     }
@@ -161,37 +148,6 @@ class ProductWeight {
     std::int64_t item_sums_ = 0;
     std::int64_t chunks_ = 0;
 };
-
-// One channel per group on either side.
-template <typename T>
-void run_direct_weight(const ConvPass& pass, const ConvGeometry& geometry, const T* image, const T* grid,
-                       bool conjugate_grid, T* weight) {
-    const StagePlan plan(pass, choose_tile(pass, direct_positions, 1));
-    const auto taps = static_cast<std::int64_t>(plan.taps.size());
-    parallel_for(geometry.groups, 1, 2, [&](std::int64_t begin, std::int64_t end) {
-        const Scratch<T> slots(plan.plane);
-        std::vector<T> sums(plan.taps.size());
-        for (std::int64_t group = begin; group < end; ++group) {
-            std::fill(sums.begin(), sums.end(), T(0));
-            for (std::int64_t unit = 0; unit < geometry.batch * plan.tiles(); ++unit) {
-                const Tile tile(plan, unit % plan.tiles());
-                const std::int64_t part = unit / plan.tiles() * geometry.groups + group;
-                stage_planes(plan, tile, image + part * pass.source_plane(), 1, slots.get());
-                conjugate(slots.get(), plan.plane);
-                const std::int64_t first = tile.row * pass.cols.positions + tile.col;
-                tap_dots(slots.get(), plan.cols.count, plan.taps.data(), taps,
-                         grid + part * pass.target_plane() + first, pass.cols.positions, tile.rows, tile.cols,
-                         sums.data());
-            }
-            if (conjugate_grid) {
-                conjugate(sums.data(), taps);
-            }
-            for (std::size_t t = 0; t < sums.size(); ++t) {
-                weight[group * taps + plan.kernels[t]] = sums[t];
-            }
-        }
-    });
-}
 
 }  // namespace
 

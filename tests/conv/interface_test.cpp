@@ -1,0 +1,313 @@
+// Convolution layers: sizes, paddings, messages, and what the factories do to their arguments.
+#include <iostream>
+
+#include "apis/ornik.h"
+#include "layers/conv/layer_conv1D.h"
+#include "layers/conv/layer_conv2D.h"
+#include "layers/conv/layer_convT2D.h"
+#include "support/expect_error.h"
+#include "support/tensors.h"
+#include "tensor/nn/tensor_conv.h"
+
+namespace ornik::test {
+namespace {
+
+using LayerPtr = std::unique_ptr<Layer>;
+using Ints = std::vector<int>;
+const Ints one_one{1, 1};
+
+TensorPtr ones(const Dims& shape, std::int64_t dtype = dtype::float32) {
+    return TensorPtr(Tensor::ones(shape, 0, dtype));
+}
+
+TEST(ConvolDescriptor, SizesAndPaddings) {
+    struct Row {
+        const char* type;
+        std::int64_t input;
+        int kernel, stride, padding, dilation;
+        std::int64_t rows, cols, pad_rows, pad_cols;
+    };
+    for (const Row& r : {Row{"same", 5, 3, 1, 0, 1, 5, 5, 1, 1}, Row{"zeros", 5, 3, 1, 0, 1, 5, 5, 1, 1},
+                         Row{"same", 9, 5, 3, 0, 1, 3, 3, 1, 1}, Row{"valid", 5, 3, 1, 0, 2, 1, 1, 0, 0},
+                         Row{"none", 9, 3, 2, 0, 1, 4, 4, 0, 0}, Row{"same,none", 5, 3, 1, 0, 1, 5, 3, 1, 0},
+                         Row{"none,same", 5, 3, 1, 0, 1, 3, 5, 0, 1}, Row{"custom", 5, 3, 2, 2, 1, 4, 4, 2, 2}}) {
+        ConvolDescriptor d({2, r.kernel, r.kernel}, {r.stride, r.stride}, {r.padding, r.padding}, r.type,
+                           {r.dilation, r.dilation}, 1);
+        d.build_dynamic(ones({1, 1, r.input, r.input}).get(), ones({2, 1, r.kernel, r.kernel}).get());
+        EXPECT_EQ(d.output_shape(), (Dims{1, 2, r.rows, r.cols})) << r.type;
+        EXPECT_EQ(d.padding_rows.begin, r.pad_rows) << r.type;
+        EXPECT_EQ(d.padding_cols.end, r.pad_cols) << r.type;
+    }
+    for (const Row& r : {Row{"same", 4, 3, 1, 0, 5, 4, 4, 1, 1}, Row{"valid", 4, 5, 2, 0, 3, 11, 11, 0, 0},
+                         Row{"custom", 4, 3, 2, 1, 2, 10, 10, 1, 1}}) {
+        ConvolDescriptorT2D d(2, {r.kernel, r.kernel}, {r.stride, r.stride}, {r.padding, r.padding}, r.type,
+                              {r.dilation, r.dilation}, one_one, 1);
+        d.build_dynamic(ones({1, 1, r.input, r.input}).get(), ones({2, 1, r.kernel, r.kernel}).get());
+        EXPECT_EQ(d.output_shape(), (Dims{1, 2, r.rows, r.cols})) << r.type;
+        EXPECT_EQ(d.padding_rows.begin, r.pad_rows) << r.type;
+    }
+    ConvolDescriptor d({4, 3, 1}, {2, 1}, {1, 0}, "custom", {2, 1}, 2);
+    d.build_dynamic(ones({3, 6, 9, 8}).get(), ones({4, 3, 3, 1}).get());
+    EXPECT_EQ(d.debug_dump(),
+              "_kernal_nums: 4\n_kernal_rows: 3\n_kernal_cols: 1\n_kernal_channels: 3\n_rows_strides: 2\n"
+              "_cols_strides: 1\n_input_num: 3\n_input_rows: 9\n_input_cols: 8\n_input_channel: 6\n_output_rows: 4\n"
+              "_output_cols: 8\n_output_channels: 4\npad rows: 1\npad cols: 0\n_dilation_rate rows: 2\n"
+              "_dilation_rate cols: 1\n_num_groups: 2\n");
+}
+
+// The text of a failed forward call, after what it printed.
+std::string forward_text(Layer& layer, const TensorPtr& weight, const TensorPtr& input) {
+    testing::internal::CaptureStdout();
+    const std::string text = error_text([&] { delete layer.forward_dyn(weight.get(), nullptr, input.get()); });
+    return testing::internal::GetCapturedStdout() + text;
+}
+
+TEST(ConvolDescriptor, Refusals) {
+    const std::string conv = "ornik::ConvolDescriptor::", convT = "ornik::ConvolDescriptorT2D::";
+    const std::string file = "src/descriptors/descriptor_conv2D.cpp", fileT = "src/descriptors/descriptor_convT2D.cpp";
+    const auto made = [&](const Ints& kernel, const Ints& strides, const std::string& type,
+                          const std::string& message) {
+        expect_error([&] { ConvolDescriptor(kernel, strides, {}, type, one_one, 1); }, message,
+                     conv + "ConvolDescriptor", file);
+    };
+    made({3, 3}, one_one, "odd", "Kernels must have 3 dimensions");
+    made({1, 3, 3}, {1}, "odd", "Strides must have 2 dimensions");
+    made({1, 3, 3}, one_one, "odd", "Incorrect padding type (odd");
+    made({1, 3, 3}, one_one, "custom", "Padding must have 2 dimensions");
+    made({1, 3, 0}, one_one, "same", "Kernel extents should be >= 1, however one equals 0");
+    made({0, 3, 3}, one_one, "same",
+         "Output channels should be a positive multiple of the groups, however there are 0 in 1 groups");
+    const auto madeT = [&](const Ints& kernel, const Ints& strides, const Ints& output, const std::string& message) {
+        expect_error([&] { ConvolDescriptorT2D(1, kernel, strides, {}, "same", one_one, output, 1); }, message,
+                     convT + "ConvolDescriptorT2D", fileT);
+    };
+    madeT({1, 3, 3}, one_one, one_one, "Kernels must have 2 dimensions");
+    madeT({3, 3}, {}, one_one, "Strides must have 2 dimensions");
+    madeT({3, 3}, one_one, {}, "Output padding must have 2 dimensions");
+
+    const TensorPtr x = ones({1, 2, 5, 5});
+    const auto layer = [](const Ints& kernel, const std::string& type, int dilation) {
+        return LayerPtr(_Conv2D(1, kernel, one_one, type, false, 1, {dilation, dilation}, ""));
+    };
+    const auto layerT = [](const Ints& kernel, const std::string& type) {
+        return LayerPtr(_ConvT2D(1, kernel, one_one, type, false, 1, one_one, {0, 0}, ""));
+    };
+    struct Row {
+        LayerPtr layer;
+        TensorPtr weight, input;
+        bool transposed;
+        std::string message;
+    };
+    Row rows[] = {
+        {layer({3, 3}, "same", 1), ones({1, 2, 3, 3}), ones({1, 2, 5, 5}, dtype::int32), false,
+         "Only Float or Complex type input is valid for Conv()."},
+        {layerT({3, 3}, "same"), ones({1, 2, 3, 3}), ones({1, 2, 5, 5}, dtype::int32), true,
+         "Only Float or Complex type input is valid for ConvT2D()."},
+        {layer({3, 3}, "same", 1), ones({1, 2, 3, 3}, dtype::float64), ones({1, 2, 5, 5}), false,
+         "Parameters and input should have same data type. Got input: numpy.float32 w: numpy.float64"},
+        {layer({3, 3}, "same", 1), ones({1, 2, 3, 3}), ones({2, 5, 5}), false,
+         "Tensors should be 4D for Conv2D, should be 3D for Conv1D."},
+        {layer({3, 3}, "same", 1), ones({1, 3, 3, 3}), ones({1, 2, 5, 5}), false,
+         "Convolution with 1 output channels in 1 groups and kernel ( 3, 3 ) does not fit: weight ( 1, 3, 3, 3 ) , "
+         "input ( 1, 2, 5, 5 ) "},
+        {layer({2, 2}, "same", 1), ones({1, 2, 2, 2}), ones({1, 2, 5, 5}), false,
+         "Not Support asymmetric padding.Please set equal padding scalar for Conv2D"},
+        {layerT({2, 2}, "same"), ones({1, 2, 2, 2}), ones({1, 2, 5, 5}), true,
+         "Not Support asymmetric padding.Please set equal padding value for ConvT2D"},
+    };
+    for (const Row& r : rows) {
+        EXPECT_EQ(forward_text(*r.layer, r.weight, r.input),
+                  located(r.message, (r.transposed ? convT : conv) + "build_dynamic", r.transposed ? fileT : file));
+    }
+    EXPECT_EQ(forward_text(*layer({3, 3}, "valid", 3), ones({1, 2, 3, 3}), x),
+              "'Rows' are reach 0 or less (-1)\n'Columns' are reach 0 or less (-1)\n" +
+                  located("Invalid output shape", conv + "build_dynamic", file));
+    EXPECT_EQ(forward_text(*layerT({3, 3}, "zeros"), ones({1, 2, 3, 3}), x),
+              "'Rows' are reach 0 or less (-1)\n'Columns' are reach 0 or less (-1)\n" +
+                  located("Invalid output shape", convT + "build_dynamic", fileT));
+    // A type that is spoilt after construction is printed and refused when the sizes are resolved.
+    ConvolDescriptor spoilt({1, 3, 3}, one_one, {}, "same", one_one, 1);
+    spoilt.padding_type = "odd";
+    testing::internal::CaptureStdout();
+    expect_error(
+        [&] {
+            spoilt.build_dynamic(x.get(), ones({1, 2, 3, 3}).get());
+        },
+        "Incorrect padding type", conv + "compute_output", file);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "odd\n");
+    expect_error(
+        [&] {
+            Conv2D_forward(x.get(), nullptr, ones({2, 2}).get(), spoilt);
+        },
+        "Tensors are not 4D", "ornik::Conv2D_forward", "src/tensor/nn/tensor_conv.cpp");
+}
+
+TEST(ConvolutionFactories, AppendFirstAndCheckThen) {
+    const std::string file = "src/apis/ornik_conv.cpp";
+    struct Row {
+        Ints kernel, strides, dilation, padding;
+        bool named;
+        const char* message;
+        std::size_t padding_size;
+    };
+    for (Row r : {Row{{}, {1}, {1}, {0}, false, "kernel_size for Conv1d should be integer.", 1},
+                  Row{{3, 3}, {1}, {1}, {0}, true, "kernel_size for Conv1d should be a single integer.", 1},
+                  Row{{3}, {}, {}, {0}, false, "strides for Conv1d should be integer.", 1},
+                  Row{{3}, {1}, {1, 1}, {0}, true, "dilation_rate for Conv1d should be integer.", 1},
+                  Row{{3}, {1}, {1}, {0, 0}, false, "padding for Conv1d should be integer.", 3}}) {
+        const std::size_t kernel_size = r.kernel.size(), strides_size = r.strides.size();
+        expect_error(
+            [&] {
+                r.named ? _Conv1D(1, r.kernel, r.strides, "same", true, 1, r.dilation, "")
+                        : _Conv1D(1, r.kernel, r.strides, r.padding, true, 1, r.dilation, "");
+            },
+            r.message, "ornik::_Conv1D", file);
+        EXPECT_EQ(r.kernel.size(), kernel_size + 1);
+        EXPECT_EQ(r.strides.size(), strides_size + 1);
+        EXPECT_EQ(r.padding.size(), r.padding_size);
+    }
+    const Ints three{1, 1, 1};
+    const auto refused = [&](const Ints& k, const Ints& s, const Ints& d, const Ints& p, const std::string& what) {
+        expect_error([&] { _Conv2D(1, k, s, p, true, 1, d, ""); }, what + " for Conv2d should contain two elements.",
+                     "ornik::_Conv2D", file);
+    };
+    refused(three, {}, {}, {}, "kernel_size");
+    refused(one_one, three, {}, {}, "strides");
+    refused(one_one, one_one, three, {}, "dilation_rate");
+    refused(one_one, one_one, one_one, three, "padding");
+    Ints k{3}, s{2}, p{1}, d{1};
+    EXPECT_EQ(LayerPtr(_Conv1D(4, k, s, p, true, 1, d, ""))->get_name(), "conv1d");
+    EXPECT_EQ(k, (Ints{3, 1}));
+    EXPECT_EQ(p, (Ints{1, 0}));
+    EXPECT_EQ(LayerPtr(_Conv2D(1, one_one, one_one, "none", true, 1, one_one, ""))->get_name(), "conv2d");
+    EXPECT_EQ(LayerPtr(_ConvT2D(1, one_one, one_one, "valid", true, 1, one_one, {0, 0}, ""))->get_name(), "convT2d");
+    EXPECT_EQ(LayerPtr(_Conv2D(1, one_one, one_one, "none", true, 1, one_one, "mine"))->get_name(), "mine");
+}
+
+TEST(Conv1D, ShapesAreTheArgumentsOwn) {
+    Ints k{3}, s{2}, p{1}, d{1};
+    const LayerPtr layer(_Conv1D(2, k, s, p, true, 1, d, ""));
+    const TensorPtr b = ones({1, 2, 1});
+    const TensorPtr g = ones({2, 2, 3});
+    for (const bool four : {false, true}) {
+        const TensorPtr x =
+            make<float>(four ? Dims{2, 1, 5, 1} : Dims{2, 1, 5}, counted<float>(10), Layout::transposed);
+        const TensorPtr w = make<float>(four ? Dims{2, 1, 3, 1} : Dims{2, 1, 3}, counted<float>(6));
+        const Dims shape = x->Shape(), strides = x->Strides();
+        const TensorPtr y(layer->forward_dyn(w.get(), b.get(), x.get()));
+        EXPECT_EQ(y->Shape(), (Dims{2, 2, 3}));
+        // Output (n, o, y) = 1 + sum over i of w[o, i] x[n, 2 y - 1 + i].
+        EXPECT_EQ(values_of<float>(y), (std::vector<float>{3, 9, 5, 6, 27, 26, 18, 24, 10, 51, 87, 61}));
+        EXPECT_EQ(x->Shape(), shape);
+        EXPECT_EQ(x->Strides(), strides);
+        const Tensor* arguments[] = {x.get(), w.get(), b.get()};
+        for (int node = 0; node < 3; ++node) {
+            const TensorPtr gradient(layer->backward_dyn(w.get(), b.get(), x.get(), g.get(), node));
+            EXPECT_EQ(gradient->Shape(), arguments[node]->Shape()) << node;
+        }
+        const TensorPtr integers(x->astype(dtype::int32));
+        EXPECT_NE(error_text([&] { layer->forward_dyn(w.get(), b.get(), integers.get()); }), "(no error)");
+        EXPECT_EQ(integers->Shape(), shape);
+    }
+    for (const Dims& shape : {Dims{2, 5}, Dims{2, 1, 5, 2}}) {
+        expect_error([&] { layer->forward_dyn(b.get(), nullptr, ones(shape).get()); }, "LConv1D only accept 3D input",
+                     "ornik::LConv1D::_forward_dyn", "src/layers/conv/layer_conv1D.cpp");
+    }
+}
+
+TEST(ConvolutionLayers, NodesBiasAndTrainable) {
+    struct Row {
+        LayerPtr with_bias, without_bias;
+        Dims input, weight, output;
+        const char *function, *file, *weight_function, *node, *bias, *input_frozen, *bias_frozen;
+    };
+    const auto one = [](bool bias) {
+        Ints k{1}, s{1}, d{1};
+        return LayerPtr(_Conv1D(3, k, s, "none", bias, 1, d, ""));
+    };
+    const auto two = [](bool bias) { return LayerPtr(_Conv2D(3, one_one, one_one, "none", bias, 1, one_one, "")); };
+    const auto back = [](bool bias) {
+        return LayerPtr(_ConvT2D(3, one_one, one_one, "valid", bias, 1, one_one, {0, 0}, ""));
+    };
+    const Row rows[] = {
+        {one(true),
+         one(false),
+         {2, 2, 4},
+         {3, 2, 1},
+         {2, 3, 4},
+         "ornik::LConv1D::float_backward",
+         "src/layers/conv/layer_conv1D.cpp",
+         "ornik::Conv2D_w_grad",
+         "ONLY backward weight input bias grad",
+         "Invoke grad of bias function with use_bias==False in Conv1D.",
+         nullptr,
+         nullptr},
+        {two(true),
+         two(false),
+         {2, 2, 4, 1},
+         {3, 2, 1, 1},
+         {2, 3, 4, 1},
+         "ornik::LConv2D::float_backward",
+         "src/layers/conv/layer_conv2D.cpp",
+         "ornik::Conv2D_w_grad",
+         "ONLY backward weight, input or bias's grad",
+         "Invokes grad function of bias with use_bias == False in Conv2D.",
+         "Invokes grad function of input with Conv2D is not _trainable.",
+         "Invokes grad function of bias with Conv2D is not _trainable."},
+        {back(true),
+         back(false),
+         {2, 2, 4, 1},
+         {3, 2, 1, 1},
+         {2, 3, 4, 1},
+         "ornik::LConvT2D::ConvT2D_float_backward",
+         "src/layers/conv/layer_convT2D.cpp",
+         "ornik::ConvT2D_w_grad",
+         "ONLY backward weight,input or bias's grad",
+         "Invokes grad function of bias with use_bias == False in ConvT2D.",
+         "Invokes grad function of input with ConvT2D is not _trainable.",
+         "Invokes grad function of bias with ConvT2D is not _trainable."},
+    };
+    for (const Row& r : rows) {
+        const TensorPtr x = ones(r.input), w = ones(r.weight), g = ones(r.output), b = ones({3});
+        const auto backward = [&](const LayerPtr& layer, int node) {
+            return TensorPtr(layer->backward_dyn(w.get(), nullptr, x.get(), g.get(), node));
+        };
+        const auto refused = [&](const LayerPtr& layer, int node, const char* message) {
+            expect_error([&] { backward(layer, node); }, message, r.function, r.file);
+        };
+        EXPECT_EQ(error_text([&] { backward(r.with_bias, 1); }),
+                  located("Convolution needs a forward call before its gradients.", r.weight_function,
+                          "src/tensor/nn/tensor_conv.cpp"));
+        EXPECT_EQ(TensorPtr(r.with_bias->forward_dyn(w.get(), nullptr, x.get()))->Shape(), r.output);
+        EXPECT_EQ(backward(r.with_bias, 2)->Shape(), (Dims{3}));
+        EXPECT_EQ(r.with_bias->get_gx(), nullptr);
+        EXPECT_EQ(r.with_bias->backward_dyn(x.get(), g.get()), nullptr);
+        refused(r.with_bias, 3, r.node);
+        refused(r.without_bias, 2, r.bias);
+        r.with_bias->_trainable = r.without_bias->_trainable = false;
+        refused(r.without_bias, 2, r.bias);
+        EXPECT_EQ(backward(r.with_bias, 1), nullptr);
+        if (r.input_frozen == nullptr) {
+            EXPECT_EQ(backward(r.with_bias, 0)->Shape(), r.input);
+            EXPECT_EQ(backward(r.with_bias, 2), nullptr);
+        } else {
+            refused(r.with_bias, 0, r.input_frozen);
+            refused(r.with_bias, 2, r.bias_frozen);
+        }
+    }
+    const TensorPtr x = ones({2, 2, 4, 1}), w = ones({3, 2, 1, 1}), b = ones({3});
+    expect_error([&] { back(false)->forward_dyn(w.get(), b.get(), x.get()); },
+                 "invoke add bias in convt2d with use_bias== False.", "ornik::ConvT2D_forward",
+                 "src/tensor/nn/tensor_conv.cpp");
+    EXPECT_EQ(values_of<float>(TensorPtr(two(false)->forward_dyn(w.get(), b.get(), x.get())))[0], 2.0F);
+    // A copy keeps the sizes of the latest forward call, and its own from then on.
+    const LayerPtr original = two(true);
+    TensorPtr(original->forward_dyn(w.get(), nullptr, x.get())).reset();
+    LConv2D copy(static_cast<const LConv2D&>(*original));
+    TensorPtr(original->forward_dyn(w.get(), nullptr, ones({1, 2, 7, 7}).get())).reset();
+    EXPECT_EQ(TensorPtr(copy.backward_dyn(w.get(), nullptr, x.get(), ones({2, 3, 4, 1}).get(), 0))->Shape(),
+              x->Shape());
+}
+
+}  // namespace
+}  // namespace ornik::test
