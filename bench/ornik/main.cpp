@@ -1,0 +1,9 @@
+// The library's own rows, through its public interface.
+#include "tensors.h"
+
+int main(int argc, char** argv) {
+    bench::tensor_rows();
+    bench::math_rows();
+    bench::network_rows();
+    return bench::run(argc, argv);
+}

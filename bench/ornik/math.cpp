@@ -1,0 +1,153 @@
+// math.cpp: rows of element-wise functions, products, decompositions, reductions and order.
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tensors.h"
+
+namespace bench {
+
+namespace {
+
+// Positive values from 0.01 to 10.
+TensorPtr ramp(std::int64_t n) {
+    TensorPtr t(Tensor::empty({n}, ornik::device_cpu, dtype::float32));
+    float* data = static_cast<float*>(t->getRawData());
+    for (std::int64_t i = 0; i < n; ++i) {
+        data[i] = 0.01F * static_cast<float>(i % 1000 + 1);
+    }
+    return t;
+}
+
+void element_rows() {
+    struct Function {
+        const char* name;
+        void (*into)(Tensor*, Tensor*);
+        Tensor* (Tensor::*fresh)();
+    };
+    for (const Function& f :
+         {Function{"exp", ornik::exp, &Tensor::exp}, Function{"log", ornik::log, &Tensor::log},
+          Function{"sin", ornik::sin, &Tensor::sin}, Function{"sqrt", ornik::sqrt, &Tensor::sqrt},
+          Function{"sigmoid", ornik::sigmoid, &Tensor::sigmoid}, Function{"tanh", ornik::tanh, &Tensor::tanh},
+          Function{"erf", ornik::erf, &Tensor::erf}, Function{"gelu", ornik::gelu, &Tensor::gelu}}) {
+        for (const std::int64_t n : {std::int64_t{1'000}, bench::large}) {
+            const TensorPtr in = ramp(n);
+            const TensorPtr out = filled({n}, 0);
+            const std::string size = std::to_string(n);
+            const std::int64_t bytes = n == bench::large ? 8 * n : 0;
+            bench::row(
+                std::string(f.name) + "/existing/" + size, [=] { f.into(in.get(), out.get()); }, bytes);
+            bench::row(
+                std::string(f.name) + "/new/" + size, [=] { delete (in.get()->*f.fresh)(); }, bytes);
+        }
+    }
+    const std::int64_t n = bench::large;
+    const TensorPtr a = ramp(n);
+    const TensorPtr b = filled({n}, 2);
+    const TensorPtr out = filled({n}, 0);
+    const TensorPtr truths = filled({n}, 0, dtype::boolean);
+    bench::row(
+        "maximum/existing", [=] { ornik::maximum(a.get(), b.get(), out.get()); }, 12 * n);
+    bench::row(
+        "greater/existing", [=] { ornik::greater(a.get(), b.get(), truths.get()); }, 9 * n);
+    bench::row(
+        "where/new", [=] { delete ornik::where(truths.get(), a.get(), b.get()); }, 13 * n);
+    bench::row("pow/scalar/new", [=] { delete a->pow_scalar(1.5F); });
+}
+
+void product_rows() {
+    for (const std::int64_t n : bench::product_sizes) {
+        const TensorPtr a = filled({n, n}, 1);
+        const TensorPtr b = filled({n, n}, 2);
+        const TensorPtr c = filled({n, n}, 0);
+        bench::row(
+            "dot/" + std::to_string(n), [=] { Tensor::dot(a.get(), 0, b.get(), 0, c.get(), 0); }, 0, 2 * n * n * n);
+    }
+    for (const auto& [batch, n] : {std::pair<std::int64_t, std::int64_t>{64, 64}, {8, 256}}) {
+        const TensorPtr a = filled({batch, n, n}, 1);
+        const TensorPtr b = filled({batch, n, n}, 2);
+        const TensorPtr c = filled({batch, n, n}, 0);
+        bench::row(
+            "bmm/" + std::to_string(batch) + "x" + std::to_string(n),
+            [a, b, c] { Tensor::bmm(a.get(), 0, b.get(), 0, c.get()); }, 0, 2 * batch * n * n * n);
+    }
+}
+
+void eigh_rows() {
+    for (const bench::Batch& batch : bench::eigh_batches) {
+        const TensorPtr x(Tensor::empty({batch.count, batch.n, batch.n}, ornik::device_cpu, dtype::float32));
+        bench::fill_symmetric(batch, static_cast<float*>(x->getRawData()));
+        bench::row(std::string("eigh/") + batch.name, [x] {
+            for (const Tensor* result : ornik::eigh(x.get())) {
+                delete result;
+            }
+        });
+        bench::row(std::string("eigvalsh/") + batch.name, [x] { delete ornik::eigvalsh(x.get()); });
+    }
+}
+
+void reduction_rows() {
+    const std::int64_t n = bench::large;
+    const std::int64_t m = bench::side;
+    const TensorPtr flat = shuffled({n});
+    const TensorPtr square = shuffled({m, m});
+    const TensorPtr transposed = view(square, {m, m}, {1, m});
+    const TensorPtr small = shuffled({1'000});
+    struct Reduction {
+        const char* name;
+        Tensor* (*reduce)(Tensor*, const std::vector<int>&, bool);
+    };
+    for (const auto& [name, reduce] :
+         {Reduction{"sum", ornik::sum}, {"mean", ornik::mean}, {"max", ornik::max}, {"argmax", ornik::argmax}}) {
+        const auto row = [reduce = reduce, name = std::string(name)](const std::string& suffix, const TensorPtr& t,
+                                                                     const std::vector<int>& axes, bool is_large) {
+            bench::row(
+                name + suffix, [=] { delete reduce(t.get(), axes, false); }, is_large ? 4 * t->Size() : 0);
+        };
+        row("/all/17000000", flat, {}, true);
+        row("/rows", square, {1}, true);
+        row("/columns", square, {0}, true);
+        row("/transposed_rows", transposed, {1}, true);
+        row("/all/1000", small, {}, false);
+    }
+    bench::row(
+        "var/rows", [=] { delete ornik::var(square.get(), {1}); }, 4 * m * m);
+    bench::row("logsumexp/rows", [=] { delete ornik::logsumexp(square.get(), {1}); });
+    bench::row(
+        "cumsum/17000000", [=] { delete ornik::cumsum(flat.get(), 0); }, 8 * n);
+    for (const int axis : {1, 0}) {
+        const std::string along = axis == 1 ? "/rows" : "/columns";
+        bench::row(
+            "cumsum" + along, [=] { delete ornik::cumsum(square.get(), axis); }, 8 * m * m);
+        bench::row(
+            "softmax" + along, [=] { delete ornik::softmax(square.get(), axis); }, 8 * m * m);
+        bench::row(
+            "log_softmax" + along, [=] { delete ornik::log_softmax(square.get(), axis); }, 8 * m * m);
+    }
+    bench::row("softmax/1000", [=] { delete ornik::softmax(small.get(), 0); });
+}
+
+void order_rows() {
+    const TensorPtr rows = shuffled({256, 4096});
+    const auto release = [](const std::vector<Tensor*>& tensors) {
+        for (const Tensor* t : tensors) {
+            delete t;
+        }
+    };
+    bench::row("sort/256x4096", [=] { release(ornik::sort(rows.get(), 1)); });
+    bench::row("topk/256x4096", [=] { release(ornik::topk(rows.get(), 32, 1)); });
+    bench::row("median/256x4096", [=] { delete ornik::median(rows.get(), {1}); });
+}
+
+}  // namespace
+
+void math_rows() {
+    element_rows();
+    product_rows();
+    eigh_rows();
+    reduction_rows();
+    order_rows();
+}
+
+}  // namespace bench
