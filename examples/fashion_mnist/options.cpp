@@ -4,7 +4,10 @@
 
 std::optional<Options> parse_options(int argc, char** argv, int& exit_code) {
     Options options;
-    CLI::App app("Trains a 784-128-10 perceptron on Fashion-MNIST and reports its accuracy.");
+    CLI::App app("Trains a classifier on Fashion-MNIST and reports its accuracy.");
+    app.add_option("--network", options.network, "convolutional, or perceptron: two dense layers, faster and weaker")
+        ->check(CLI::IsMember({"convolutional", "perceptron"}))
+        ->capture_default_str();
     app.add_option("--epochs", options.epochs, "Passes over the training images")
         ->check(CLI::Range(1, 10000))
         ->capture_default_str();

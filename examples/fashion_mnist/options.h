@@ -6,11 +6,12 @@
 #include <string>
 
 struct Options {
-    int epochs = 10;
+    std::string network = "convolutional";
+    int epochs = 5;
     int batch = 128;
     float learning_rate = 0.05F;
     float momentum = 0.9F;
-    std::uint64_t seed = 1;
+    std::uint32_t seed = 1;
     int threads = 0;  // 0: the library's default
     std::string data = "/usr/share/datasets/fashion-mnist";
 };

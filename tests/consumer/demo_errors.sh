@@ -18,7 +18,7 @@ good_files() {
 
 expect_failure() {
     local status=0 output
-    output=$("$program" --data "$work" 2>&1 >/dev/null) || status=$?
+    output=$("$program" --network perceptron --data "$work" 2>&1 >/dev/null) || status=$?
     if [ "$status" -ne 1 ] || [ "$output" != "fashion_mnist: $work/$1" ]; then
         echo "expected exit code 1 and: fashion_mnist: $work/$1"
         echo "got exit code $status and: $output"
@@ -28,7 +28,7 @@ expect_failure() {
 
 expect_failure "train-images-idx3-ubyte.gz: cannot be opened (on Debian the data set is the package dataset-fashion-mnist)"
 good_files
-"$program" --data "$work" --epochs 1 --batch 2 | grep -q 'overall'
+"$program" --network perceptron --data "$work" --epochs 1 --batch 2 | grep -q 'overall'
 idx '\0\0\010\003\0\0\0\002\0\0\0\001\0\0\0\002\001\002\003' t10k-images-idx3-ubyte.gz
 expect_failure "t10k-images-idx3-ubyte.gz: ends too early, it is truncated"
 idx '\0\0\010\003\0\0\0\002\0\0\0\001\0\0\0\002\001\002\003\004\005' t10k-images-idx3-ubyte.gz

@@ -1,0 +1,140 @@
+#include "module.h"
+
+namespace dtype = ornik::dtype;
+using ornik::Tensor;
+
+namespace {
+
+enum Node { input_node = 0, weight_node = 1, bias_node = 2 };
+
+TensorPtr own(Tensor* t) { return TensorPtr(t); }
+
+Parameter filled(std::int64_t size, float value) {
+    return {own(Tensor::full<float>({size}, value, ornik::device_cpu, dtype::float32)), nullptr};
+}
+
+}  // namespace
+
+TensorPtr Sequential::forward(const TensorPtr& input, bool training) {
+    TensorPtr x = input;
+    for (const auto& module : modules_) {
+        x = module->forward(x, training);
+    }
+    return x;
+}
+
+TensorPtr Sequential::backward(const TensorPtr& output_gradient) {
+    TensorPtr gradient = output_gradient;
+    for (auto module = modules_.rbegin(); module != modules_.rend(); ++module) {
+        gradient = (*module)->backward(gradient);
+    }
+    return gradient;
+}
+
+std::vector<Parameter*> Sequential::parameters() {
+    std::vector<Parameter*> all;
+    for (const auto& module : modules_) {
+        const std::vector<Parameter*> own_parameters = module->parameters();
+        all.insert(all.end(), own_parameters.begin(), own_parameters.end());
+    }
+    return all;
+}
+
+Weighted::Weighted(ornik::Layer* layer, TensorPtr weight, TensorPtr bias, bool needs_input_gradient)
+    : layer_(layer),
+      weight_{std::move(weight), nullptr},
+      bias_{std::move(bias), nullptr},
+      needs_input_gradient_(needs_input_gradient) {}
+
+TensorPtr Weighted::forward(const TensorPtr& input, bool /*training*/) {
+    input_ = input;
+    return own(layer_->forward_dyn(weight_.value.get(), bias_.value.get(), input.get()));
+}
+
+TensorPtr Weighted::backward(const TensorPtr& output_gradient) {
+    const auto gradient = [&](int node) {
+        return own(
+            layer_->backward_dyn(weight_.value.get(), bias_.value.get(), input_.get(), output_gradient.get(), node));
+    };
+    weight_.gradient = gradient(weight_node);
+    bias_.gradient = bias_.value ? gradient(bias_node) : nullptr;
+    return needs_input_gradient_ ? gradient(input_node) : nullptr;
+}
+
+std::vector<Parameter*> Weighted::parameters() {
+    return bias_.value ? std::vector<Parameter*>{&weight_, &bias_} : std::vector<Parameter*>{&weight_};
+}
+
+BatchNormalization::BatchNormalization(std::int64_t channels)
+    : layer_(ornik::_BatchNormalization(true, 0.1F, 1e-5F, "")),
+      gamma_(filled(channels, 1)),
+      beta_(filled(channels, 0)),
+      running_mean_(filled(channels, 0).value),
+      running_variance_(filled(channels, 1).value) {}
+
+TensorPtr BatchNormalization::forward(const TensorPtr& input, bool training) {
+    input_ = input;
+    return own(layer_->forward_dyn(gamma_.value.get(), beta_.value.get(), input.get(), training, running_mean_.get(),
+                                   running_variance_.get()));
+}
+
+TensorPtr BatchNormalization::backward(const TensorPtr& output_gradient) {
+    std::vector<Tensor*> saved = layer_->get_fwd_cache();
+    const auto gradient = [&](int node) {
+        return own(layer_->backward_dyn(gamma_.value.get(), beta_.value.get(), input_.get(), output_gradient.get(),
+                                        saved, node));
+    };
+    gamma_.gradient = gradient(weight_node);
+    beta_.gradient = gradient(bias_node);
+    return gradient(input_node);
+}
+
+LayerNormalization::LayerNormalization(std::int64_t width)
+    : layer_(ornik::_LayerNormalization(true, 1e-5F, "")), gamma_(filled(width, 1)), beta_(filled(width, 0)) {}
+
+TensorPtr LayerNormalization::forward(const TensorPtr& input, bool training) {
+    input_ = input;
+    return own(layer_->forward_dyn(gamma_.value.get(), beta_.value.get(), input.get(), training));
+}
+
+TensorPtr LayerNormalization::backward(const TensorPtr& output_gradient) {
+    std::vector<Tensor*> saved = layer_->get_fwd_cache();
+    const auto gradient = [&](int node) {
+        return own(layer_->backward_dyn(gamma_.value.get(), beta_.value.get(), input_.get(), output_gradient.get(),
+                                        saved, node));
+    };
+    gamma_.gradient = gradient(weight_node);
+    beta_.gradient = gradient(bias_node);
+    return gradient(input_node);
+}
+
+Activation::Activation(const std::string& name) : layer_(ornik::_Activation(name, {}, name)) {}
+
+TensorPtr Activation::forward(const TensorPtr& input, bool /*training*/) {
+    input_ = input;
+    output_ = own(layer_->forward_dyn(input.get()));
+    return output_;
+}
+
+TensorPtr Activation::backward(const TensorPtr& output_gradient) {
+    return own(layer_->backward_dyn(input_.get(), output_.get(), output_gradient.get()));
+}
+
+MaxPool::MaxPool() : layer_(ornik::_MaxPool2D({2, 2}, {2, 2}, std::vector<int>{0, 0}, "")) {}
+
+TensorPtr MaxPool::forward(const TensorPtr& input, bool /*training*/) {
+    input_ = input;
+    return own(layer_->forward_dyn(input.get()));
+}
+
+TensorPtr MaxPool::backward(const TensorPtr& output_gradient) {
+    std::vector<Tensor*> saved = layer_->get_fwd_cache();
+    return own(layer_->backward_dyn(input_.get(), output_gradient.get(), saved));
+}
+
+TensorPtr Flatten::forward(const TensorPtr& input, bool /*training*/) {
+    shape_ = input->Shape();
+    return own(input->reshape({shape_[0], -1}));
+}
+
+TensorPtr Flatten::backward(const TensorPtr& output_gradient) { return own(output_gradient->reshape(shape_)); }
