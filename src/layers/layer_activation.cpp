@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "hardware/cpu/cpu_elements.h"
 #include "hardware/cpu/nn/cpu_activation.h"
 #include "hardware/cpu/nn/cpu_softmax.h"
 #include "tensor/borrowed.h"
@@ -11,27 +12,95 @@ namespace ornik {
 
 namespace {
 
-// What an activation is: its kernels, and what it takes. A softmax runs along an axis; a relu has none.
-using Forward = void (*)(const Tensor* input, Tensor* output, int axis);
-using Backward = void (*)(const Tensor* input, const Tensor* output, const Tensor* gradient, Tensor* result, int axis);
+using operations::Unary;
+
+// What the kernels of one call get besides tensors: a softmax's axis, or the slope of an activation.
+struct Setting {
+    int axis = 0;
+    float slope = 0;
+};
+
+using Forward = void (*)(const Tensor* input, Tensor* output, const Setting& setting);
+using Backward = void (*)(const Tensor* input, const Tensor* output, const Tensor* gradient, Tensor* result,
+                          const Setting& setting);
+
+enum class Parameter { none, axis, slope };
 
 struct Activation {
     const char* name;
-    bool has_axis;
+    Parameter parameter;
+    float default_parameter;
     bool (*serves)(const Tensor* input);
     Forward forward;
     Backward backward;
 };
 
+bool is_real(const Tensor* t) { return !t->isComplexType(); }
+bool is_floating(const Tensor* t) { return t->isFloat(); }
+bool is_floating_or_complex(const Tensor* t) { return t->Dtype() >= dtype::float32; }
+
+// An operation of the table of element-wise mathematics.
+template <Unary operation>
+constexpr Activation from_table(const char* name, bool (*serves)(const Tensor*)) {
+    return {name,
+            Parameter::none,
+            0,
+            serves,
+            [](const Tensor* input, Tensor* output, const Setting& /*setting*/) {
+                device::cpu::unary(operation, input, output);
+            },
+            [](const Tensor* input, const Tensor* output, const Tensor* gradient, Tensor* result,
+               const Setting& /*setting*/) { device::cpu::unary_grad(operation, input, output, gradient, result); }};
+}
+
+// x above 0, and below it (scale) (slope) (exp(x) - 1), or a line.
+constexpr float selu_slope = 1.6732632423543772F;
+constexpr float selu_scale = 1.0507009873554805F;
+
 constexpr Activation activations[] = {
-    {"relu", false, [](const Tensor* t) { return !t->isComplexType(); },
-     [](const Tensor* input, Tensor* output, int /*axis*/) { device::cpu::relu(input, output); },
-     [](const Tensor* input, const Tensor* /*output*/, const Tensor* gradient, Tensor* result, int /*axis*/) {
-         device::cpu::relu_grad(input, gradient, result);
+    {"relu", Parameter::none, 0, is_real,
+     [](const Tensor* input, Tensor* output, const Setting& /*setting*/) { device::cpu::relu(input, output); },
+     [](const Tensor* input, const Tensor* /*output*/, const Tensor* gradient, Tensor* result,
+        const Setting& /*setting*/) { device::cpu::relu_grad(input, gradient, result); }},
+    {"leaky_relu", Parameter::slope, 0.01F, is_floating,
+     [](const Tensor* input, Tensor* output, const Setting& setting) {
+         device::cpu::leaky_relu(input, setting.slope, output);
+     },
+     [](const Tensor* input, const Tensor* /*output*/, const Tensor* gradient, Tensor* result, const Setting& setting) {
+         device::cpu::leaky_relu_grad(input, gradient, setting.slope, result);
      }},
-    {"softmax", true, [](const Tensor* t) { return t->isFloat(); }, device::cpu::softmax,
-     [](const Tensor* /*input*/, const Tensor* output, const Tensor* gradient, Tensor* result, int axis) {
-         device::cpu::softmax_grad(output, gradient, result, axis);
+    {"elu", Parameter::slope, 1, is_floating,
+     [](const Tensor* input, Tensor* output, const Setting& setting) {
+         device::cpu::elu(input, setting.slope, 1, output);
+     },
+     [](const Tensor* input, const Tensor* output, const Tensor* gradient, Tensor* result, const Setting& setting) {
+         device::cpu::elu_grad(input, output, gradient, setting.slope, 1, result);
+     }},
+    {"selu", Parameter::none, 0, is_floating,
+     [](const Tensor* input, Tensor* output, const Setting& /*setting*/) {
+         device::cpu::elu(input, selu_slope, selu_scale, output);
+     },
+     [](const Tensor* input, const Tensor* output, const Tensor* gradient, Tensor* result, const Setting& /*setting*/) {
+         device::cpu::elu_grad(input, output, gradient, selu_slope, selu_scale, result);
+     }},
+    from_table<Unary::gelu>("gelu", is_floating),
+    from_table<Unary::silu>("silu", is_floating),
+    from_table<Unary::sigmoid>("sigmoid", is_floating_or_complex),
+    from_table<Unary::tanh>("tanh", is_floating_or_complex),
+    from_table<Unary::softplus>("softplus", is_floating),
+    {"softmax", Parameter::axis, -1, is_floating,
+     [](const Tensor* input, Tensor* output, const Setting& setting) {
+         device::cpu::softmax(input, output, setting.axis);
+     },
+     [](const Tensor* /*input*/, const Tensor* output, const Tensor* gradient, Tensor* result, const Setting& setting) {
+         device::cpu::softmax_grad(output, gradient, result, setting.axis);
+     }},
+    {"log_softmax", Parameter::axis, -1, is_floating,
+     [](const Tensor* input, Tensor* output, const Setting& setting) {
+         device::cpu::log_softmax(input, output, setting.axis);
+     },
+     [](const Tensor* /*input*/, const Tensor* output, const Tensor* gradient, Tensor* result, const Setting& setting) {
+         device::cpu::log_softmax_grad(output, gradient, result, setting.axis);
      }},
 };
 
@@ -44,18 +113,19 @@ const Activation* find_activation(const std::string& name) {
     return nullptr;
 }
 
-// The axis of a softmax over `input`; 0 for activations without one.
-int run_axis(const Where& at, const Activation& activation, const std::vector<float>& parameters, const Tensor* input) {
+Setting setting_for(const Where& at, const Activation& activation, const std::vector<float>& parameters,
+                    const Tensor* input) {
     if (!activation.serves(input)) {
         fail(at, "Not valid dtype for this function.");
     }
-    if (!activation.has_axis) {
-        return 0;
+    const float parameter = parameters.empty() ? activation.default_parameter : parameters.front();
+    if (activation.parameter != Parameter::axis) {
+        return {0, parameter};
     }
     if (input->ndim() < 1) {
-        fail(at, "softmax needs at least one axis");
+        fail(at, activation.name, " needs at least one axis");
     }
-    return maybe_wrap_dim(parameters.empty() ? -1 : static_cast<int>(parameters.front()), input->ndim());
+    return {maybe_wrap_dim(static_cast<int>(parameter), input->ndim()), 0};
 }
 
 }  // namespace
@@ -67,22 +137,25 @@ LActivation::LActivation(std::string activation, std::vector<float> parameters, 
     if (known == nullptr) {
         fail(at, "Unknown activation: ", activation_);
     }
-    if (parameters_.size() > (known->has_axis ? 1U : 0U)) {
+    if (parameters_.size() > (known->parameter == Parameter::none ? 0U : 1U)) {
         fail(at, "Activation ", activation_, " takes fewer parameters than the ", parameters_.size(), " given");
     }
-    if (known->has_axis && !parameters_.empty() &&
+    if (known->parameter == Parameter::axis && !parameters_.empty() &&
         (parameters_.front() != std::floor(parameters_.front()) || std::abs(parameters_.front()) > 1000.0F)) {
-        fail(at, "The axis of softmax should be a whole number");
+        fail(at, "The axis of ", activation_, " should be a whole number");
+    }
+    if (known->parameter == Parameter::slope && !parameters_.empty() && !std::isfinite(parameters_.front())) {
+        fail(at, "The parameter of ", activation_, " should be finite");
     }
     external_ownership_ = true;
 }
 
 Tensor* LActivation::forward_dyn(Tensor* input) {
     const Activation& activation = *find_activation(activation_);
-    const int axis = run_axis(where("ornik::LActivation::forward_dyn"), activation, parameters_, input);
+    const Setting setting = setting_for(where("ornik::LActivation::forward_dyn"), activation, parameters_, input);
     const Borrowed x = Borrowed::contiguous(input);
     std::unique_ptr<Tensor> output(Tensor::empty_like(input));
-    activation.forward(x.get(), output.get(), axis);
+    activation.forward(x.get(), output.get(), setting);
     return output.release();
 }
 
@@ -100,12 +173,12 @@ Tensor* LActivation::backward_dyn(Tensor* input, Tensor* output, Tensor* output_
             fail(at, "Not same shape for inputs of activation.");
         }
     }
-    const int axis = run_axis(at, activation, parameters_, input);
+    const Setting setting = setting_for(at, activation, parameters_, input);
     const Borrowed x = Borrowed::contiguous(input);
     const Borrowed y = Borrowed::contiguous(output);
     const Borrowed g = Borrowed::contiguous(output_gradient);
     std::unique_ptr<Tensor> result(Tensor::empty_like(input));
-    activation.backward(x.get(), y.get(), g.get(), result.get(), axis);
+    activation.backward(x.get(), y.get(), g.get(), result.get(), setting);
     return result.release();
 }
 

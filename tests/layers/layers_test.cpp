@@ -175,6 +175,49 @@ TEST(Activation, Relu) {
               (std::vector<std::int8_t>{0, 0, 127}));
 }
 
+TEST(Activation, ValuesAndGradientsOfElementWiseOnes) {
+    struct Row {
+        const char* name;
+        std::vector<float> parameters;
+        double (*value)(double x);
+    };
+    const Row rows[] = {
+        {"leaky_relu", {}, [](double x) { return x > 0 ? x : double{0.01F} * x; }},
+        {"leaky_relu", {0.25F}, [](double x) { return x > 0 ? x : 0.25 * x; }},
+        {"elu", {}, [](double x) { return x > 0 ? x : std::expm1(x); }},
+        {"elu", {0.5F}, [](double x) { return x > 0 ? x : 0.5 * std::expm1(x); }},
+        {"selu",
+         {},
+         [](double x) {
+             return double{1.0507009873554805F} * (x > 0 ? x : double{1.6732632423543772F} * std::expm1(x));
+         }},
+        {"gelu", {}, [](double x) { return 0.5 * x * (1 + std::erf(x / std::sqrt(2.0))); }},
+        {"silu", {}, [](double x) { return x / (1 + std::exp(-x)); }},
+        {"sigmoid", {}, [](double x) { return 1 / (1 + std::exp(-x)); }},
+        {"tanh", {}, [](double x) { return std::tanh(x); }},
+        {"softplus", {}, [](double x) { return std::log1p(std::exp(x)); }},
+    };
+    const TensorPtr g = random_tensor({3, 4}, dtype::float64, 2);
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        const LayerPtr layer(_Activation(row.name, row.parameters, ""));
+        for (const Layout layout : all_layouts) {
+            const TensorPtr x = random_tensor({3, 4}, dtype::float64, 5, layout);
+            const TensorPtr single(x->astype(dtype::float32));
+            const TensorPtr y(layer->forward_dyn(x.get()));
+            const std::vector<double> in = values_of<double>(x);
+            const std::vector<double> out = values_of<double>(y);
+            const std::vector<float> low = values_of<float>(TensorPtr(layer->forward_dyn(single.get())));
+            for (std::size_t i = 0; i < in.size(); ++i) {
+                EXPECT_NEAR(out[i], row.value(in[i]), 1e-15) << in[i];
+                EXPECT_NEAR(low[i], row.value(in[i]), 1e-6) << in[i];
+            }
+            expect_gradient([&](Tensor* t) { return TensorPtr(layer->forward_dyn(t)); }, x.get(), g.get(),
+                            TensorPtr(layer->backward_dyn(x.get(), y.get(), g.get())).get());
+        }
+    }
+}
+
 TEST(Activation, SoftmaxAlongEveryAxis) {
     const TensorPtr x = random_tensor({3, 4, 5}, dtype::float64, 7, Layout::transposed);
     const TensorPtr g = random_tensor({3, 4, 5}, dtype::float64, 8);
@@ -209,7 +252,8 @@ TEST(Activation, Refusals) {
     };
     refused("swoosh", {}, "Unknown activation: swoosh");
     refused("relu", {1}, "Activation relu takes fewer parameters than the 1 given");
-    refused("softmax", {0.5F}, "The axis of softmax should be a whole number");
+    refused("log_softmax", {0.5F}, "The axis of log_softmax should be a whole number");
+    refused("elu", {INFINITY}, "The parameter of elu should be finite");
     const LayerPtr softmax(_Softmax(2, ""));
     const TensorPtr matrix(Tensor::ones({2, 2}, 0, dtype::float32));
     EXPECT_EQ(error_text([&] { softmax->forward_dyn(matrix.get()); }),
