@@ -25,7 +25,8 @@ TensorPtr Sequential::forward(const TensorPtr& input, bool training) {
 
 TensorPtr Sequential::backward(const TensorPtr& output_gradient) {
     TensorPtr gradient = output_gradient;
-    for (auto module = modules_.rbegin(); module != modules_.rend(); ++module) {
+    // Null: nobody needs what lies before.
+    for (auto module = modules_.rbegin(); module != modules_.rend() && gradient; ++module) {
         gradient = (*module)->backward(gradient);
     }
     return gradient;
