@@ -143,7 +143,7 @@ TEST(Reductions, EveryOperationDtypeLayoutAndAxes) {
 
 // Long enough for several chunks of every form, and for threads.
 const Case long_cases[] = {
-    {{70001}, {}}, {{3, 20011}, {1}}, {{1031, 67}, {0}}, {{5, 700, 19}, {1}}, {{300, 9, 40}, {2, 0}}};
+    {{40001}, {}}, {{3, 12011}, {1}}, {{1031, 67}, {0}}, {{5, 700, 19}, {1}}, {{100, 9, 40}, {2, 0}}};
 
 TEST(Reductions, LongOnesAreAccurateAndTheSameUnderAnyTeam) {
     for (const Row& row : rows) {

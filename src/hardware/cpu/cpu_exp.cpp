@@ -28,11 +28,14 @@ template <typename T>
 using Lanes = Eigen::Array<T, 64 / static_cast<int>(sizeof(T)), 1>;
 
 // The matrix library's exponential stops short of underflow: what it gives for a hugely negative number is not 0.
+// The choice is a loop of its own, because its conditional expressions do not vectorise.
 template <typename T>
 void exp_lanes(const Lanes<T>& difference, T* out) {
     constexpr T lowest = std::is_same_v<T, float> ? T(-87.3365447505531) : T(-708.3964185322641);
-    Eigen::Map<Lanes<T>> result(out);
-    result = (difference < lowest).select(T(0), difference.exp());
+    const Lanes<T> power = difference.exp();
+    for (int i = 0; i < static_cast<int>(power.size()); ++i) {
+        out[i] = difference[i] < lowest ? T(0) : power[i];
+    }
 }
 
 }  // namespace

@@ -97,6 +97,8 @@ void sort_entries(std::vector<Entry<K>>& entries, std::int64_t k) {
         for (auto i = entries.begin(); i != entries.end(); ++i) {
             std::rotate(std::upper_bound(entries.begin(), i, *i), i, i + 1);
         }
+    } else if (k <= n / 64) {
+        std::partial_sort(entries.begin(), entries.begin() + k, entries.end());
     } else if (k < n / 4) {
         std::nth_element(entries.begin(), entries.begin() + k, entries.end());
         std::sort(entries.begin(), entries.begin() + k);
