@@ -14,12 +14,12 @@ using Taps = std::vector<InterpolationTap>;
 
 constexpr std::int64_t grain = 1 << 14;  // output elements worth a second thread
 
-// Calls visit(plane) for every plane of `size` elements.
+// Calls visit(part) for every part of `size` elements: a plane or a line.
 template <typename Visit>
-void for_each_plane(std::int64_t planes, std::int64_t size, const Visit& visit) {
-    parallel_for(planes, 1, std::max<std::int64_t>(2, grain / size), [&](std::int64_t begin, std::int64_t end) {
-        for (std::int64_t plane = begin; plane < end; ++plane) {
-            visit(plane);
+void for_each_part(std::int64_t parts, std::int64_t size, const Visit& visit) {
+    parallel_for(parts, 1, std::max<std::int64_t>(2, grain / size), [&](std::int64_t begin, std::int64_t end) {
+        for (std::int64_t part = begin; part < end; ++part) {
+            visit(part);
         }
     });
 }
@@ -90,7 +90,7 @@ void interpolate(const Tensor* in, const Taps& rows, const Taps& cols, Tensor* o
         const T* source = static_cast<const T*>(in->getRawData());
         T* result = static_cast<T*>(out->getRawData());
         const auto height = static_cast<std::int64_t>(rows.size());
-        for_each_plane(in->Size() / in_plane * height, out_cols, [&](std::int64_t line) {
+        for_each_part(in->Size() / in_plane * height, out_cols, [&](std::int64_t line) {
             const InterpolationTap& row = rows[static_cast<std::size_t>(line % height)];
             const T* plane = source + line / height * in_plane;
             const T* upper = plane + row.first * in_cols;
@@ -111,7 +111,7 @@ void interpolate_grad(const Tensor* gradient, const Taps& rows, const Taps& cols
     const std::int64_t in_plane = in_gradient->Shape().end()[-2] * in_cols;
     const std::int64_t out_plane = static_cast<std::int64_t>(rows.size() * cols.size());
     dispatch(FloatTypes{}, gradient->Dtype(), [&]<typename T>() {
-        for_each_plane(in_gradient->Size() / in_plane, std::max(in_plane, out_plane), [&](std::int64_t plane) {
+        for_each_part(in_gradient->Size() / in_plane, std::max(in_plane, out_plane), [&](std::int64_t plane) {
             const T* g = static_cast<const T*>(gradient->getRawData()) + plane * out_plane;
             T* result = static_cast<T*>(in_gradient->getRawData()) + plane * in_plane;
             std::fill_n(result, in_plane, T(0));
