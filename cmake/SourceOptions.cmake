@@ -10,11 +10,11 @@
 # the whole library, and the linker keeps the code of whichever file it meets first.
 set(product_sources ${ornik_sources})
 list(FILTER product_sources INCLUDE REGEX "/cpu_(product_[a-z]+|eigh)\\.cpp$")
-# Row kernels say fused() where one rounding is meant. Without the flags that errno and traps would need,
-# and with branches left to be turned into selections, their loops become vector code. No complex arithmetic
-# here.
+# Row kernels, and the rows of exponentials in softmax and losses, say fused() where one rounding is meant. Without
+# the flags that errno and traps would need, and with branches left to be turned into selections, their loops
+# become vector code. No complex arithmetic here.
 set(row_sources ${ornik_sources})
-list(FILTER row_sources INCLUDE REGEX "/cpu_(unary_real|unary_grad|binary_real)\\.cpp$")
+list(FILTER row_sources INCLUDE REGEX "/cpu_(unary_real|unary_grad|binary_real|exp|attention|class_losses)\\.cpp$")
 set_source_files_properties(${row_sources} PROPERTIES
   COMPILE_OPTIONS "$<$<CXX_COMPILER_ID:GNU,Clang>:-fno-math-errno;-fno-trapping-math>;$<$<CXX_COMPILER_ID:GNU>:-fno-thread-jumps>")
 
@@ -25,14 +25,6 @@ set_source_files_properties(${product_sources} PROPERTIES
   COMPILE_OPTIONS $<$<CXX_COMPILER_ID:GNU,Clang>:-ffp-contract=fast>)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
   set_source_files_properties(${other_sources} PROPERTIES COMPILE_OPTIONS "-mno-fma;-mno-avx512f")
-endif()
-
-# Rows of exponentials: GCC turns their loops into vectors only where comparisons need not raise floating-point
-# exceptions in order. No value depends on it.
-if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  set_property(SOURCE ${PROJECT_SOURCE_DIR}/src/hardware/cpu/nn/cpu_attention.cpp
-                      ${PROJECT_SOURCE_DIR}/src/hardware/cpu/nn/cpu_class_losses.cpp
-               APPEND PROPERTY COMPILE_OPTIONS -fno-trapping-math)
 endif()
 
 # Printing works on a null tensor, too: its test of `this` must stay.

@@ -1,5 +1,4 @@
 // Binary operations: every row of the table, tensors with tensors and with scalars.
-#include "hardware/cpu/any_scalar.h"
 #include "references.h"
 #include "tensor_math/elements.h"
 
@@ -30,14 +29,7 @@ const Front& front_of(Binary operation) {
 }
 
 void for_each_operation(const std::function<void(Binary, const Row&, const BinaryReference&)>& visit) {
-    ASSERT_EQ(binary_references().size(), static_cast<std::size_t>(Binary::count));
-    for (int i = 0; i < static_cast<int>(Binary::count); ++i) {
-        const auto operation = static_cast<Binary>(i);
-        const Row& row = operations::row_of(operation);
-        SCOPED_TRACE(row.name);
-        ASSERT_TRUE(binary_references().contains(row.name));
-        visit(operation, row, binary_references().at(row.name));
-    }
+    for_each_row<Binary>(binary_references(), visit);
 }
 
 // The exact result of operands that have been converted to the computing dtype.
@@ -51,19 +43,13 @@ CLD evaluated(const BinaryReference& reference, CLD a, CLD b, std::int64_t dtype
     return static_cast<LD>(reference.whole(static_cast<std::int64_t>(a.real()), static_cast<std::int64_t>(b.real())));
 }
 
-std::vector<CLD> converted(std::int64_t dtype, const std::vector<CLD>& values) {
-    return wide_values(make_wide(dtype, {static_cast<std::int64_t>(values.size())}, values).get());
-}
-
 void expect_results(const Tensor* got, const std::vector<CLD>& a, const std::vector<CLD>& b, std::int64_t computing,
                     const Row& row, const BinaryReference& reference) {
     const std::vector<CLD> left = converted(computing, a);
     const std::vector<CLD> right = converted(computing, b);
     const std::vector<CLD> results = wide_values(got);
     for (std::size_t i = 0; i < results.size(); ++i) {
-        CLD exact = evaluated(reference, left[i], right[i], computing);
-        dispatch(AllTypes{}, got->Dtype(),
-                 [&]<typename T>() { exact = std::is_integral_v<T> ? widened(narrowed<T>(exact)) : exact; });
+        const CLD exact = held(evaluated(reference, left[i], right[i], computing), got->Dtype());
         ASSERT_TRUE(matches(results[i], exact, got->Dtype(), row, computing >= dtype::complex64))
             << left[i] << ", " << right[i] << " gives " << results[i];
     }
@@ -191,6 +177,26 @@ TEST(Binary, SpecialFloatingValues) {
     });
 }
 
+TEST(Binary, LongRowsInPiecesAndRowsThatRepeatAnElement) {
+    const Dims wide{3, 700};
+    const std::vector<float> values = counted<float>(2100, -900);
+    const TensorPtr column = make<float>({3, 1}, {-600, 200, 650});
+    const TensorPtr repeated(Tensor::broadcast_to(column.get(), wide));
+    for (const Layout layout : all_layouts) {
+        SCOPED_TRACE(name_of(layout));
+        const TensorPtr a = make<float>(wide, values, layout);
+        const TensorPtr out = make_empty(wide, dtype::float32, Layout::every_other);
+        maximum(repeated.get(), a.get(), out.get());
+        const TensorPtr above(a->greater(repeated.get()));
+        const TensorPtr chosen(where(above.get(), a.get(), repeated.get()));
+        EXPECT_EQ(bytes_of(chosen), bytes_of(out));
+        const std::vector<float> got = values_of<float>(out);
+        for (std::size_t i = 0; i < got.size(); ++i) {
+            ASSERT_EQ(got[i], std::max(values[i], i < 700 ? -600.0F : i < 1400 ? 200.0F : 650.0F)) << i;
+        }
+    }
+}
+
 TEST(Binary, IntegersAtTheirEnds) {
     const auto with = [](std::int8_t x, Tensor* (Tensor::*operation)(Tensor*), std::int8_t y) {
         const TensorPtr a = make<std::int8_t>({1}, {x});
@@ -239,21 +245,10 @@ TEST(Binary, GradientsAreThoseOfCentralDifferences) {
             const TensorPtr left = make_wide(dtype, shape, a, Layout::every_other);
             const TensorPtr right = make_wide(dtype, shape, b, Layout::transposed);
             const TensorPtr grad = make_wide(dtype, shape, g);
-            const std::vector<CLD> dx = wide_values(TensorPtr(c.dx(left.get(), right.get(), grad.get())).get());
-            const std::vector<CLD> dy = wide_values(TensorPtr(c.dy(left.get(), right.get(), grad.get())).get());
-            const LD h = 1e-5L;
-            for (std::size_t i = 0; i < a.size(); ++i) {
-                const auto along = [&](CLD step_a, CLD step_b) {
-                    const CLD difference = evaluated(reference, a[i] + step_a, b[i] + step_b, dtype) -
-                                           evaluated(reference, a[i] - step_a, b[i] - step_b, dtype);
-                    return (std::conj(g[i]) * difference).real() / (2 * h);
-                };
-                const CLD ih(0, h);
-                const CLD exact_dx(along(h, 0), complex ? along(ih, 0) : 0);
-                const CLD exact_dy(along(0, h), complex ? along(0, ih) : 0);
-                ASSERT_LE(std::abs(dx[i] - exact_dx), 1e-8L * (1 + std::abs(exact_dx))) << a[i] << b[i];
-                ASSERT_LE(std::abs(dy[i] - exact_dy), 1e-8L * (1 + std::abs(exact_dy))) << a[i] << b[i];
-            }
+            expect_gradient(TensorPtr(c.dx(left.get(), right.get(), grad.get())), g,
+                            [&](std::size_t i, CLD step) { return evaluated(reference, a[i] + step, b[i], dtype); });
+            expect_gradient(TensorPtr(c.dy(left.get(), right.get(), grad.get())), g,
+                            [&](std::size_t i, CLD step) { return evaluated(reference, a[i], b[i] + step, dtype); });
         }
     }
     const TensorPtr same = make<float>({2}, {3, NAN});

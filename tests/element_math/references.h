@@ -78,6 +78,14 @@ inline TensorPtr make_wide(std::int64_t dtype, const Dims& shape, const std::vec
     return t;
 }
 
+/// The values, rounded to the dtype.
+inline std::vector<CLD> converted(std::int64_t dtype, const std::vector<CLD>& values) {
+    return wide_values(make_wide(dtype, {static_cast<std::int64_t>(values.size())}, values).get());
+}
+
+/// The exact result as an integer dtype holds it; others hold it within their bounds.
+inline CLD held(CLD exact, std::int64_t dtype) { return dtype < dtype::float32 ? converted(dtype, {exact})[0] : exact; }
+
 /// The bytes of all elements in row-major order.
 inline std::string bytes_of(const Tensor* t) {
     std::string bytes;
@@ -255,6 +263,33 @@ inline const std::map<std::string, BinaryReference>& binary_references() {
 #undef WHOLE
 #undef ALL
     return rows;
+}
+
+/// Visits every row of the table; one without a reference is a failure.
+template <typename Operation, typename References, typename Visit>
+void for_each_row(const References& references, const Visit& visit) {
+    ASSERT_EQ(references.size(), static_cast<std::size_t>(Operation::count));
+    for (int i = 0; i < static_cast<int>(Operation::count); ++i) {
+        const Row& row = operations::row_of(static_cast<Operation>(i));
+        SCOPED_TRACE(row.name);
+        ASSERT_TRUE(references.contains(row.name));
+        visit(static_cast<Operation>(i), row, references.at(row.name));
+    }
+}
+
+/// Compares a gradient with central differences of function(i, step) along the real and imaginary axes.
+template <typename Function>
+void expect_gradient(const TensorPtr& result, const std::vector<CLD>& grad, const Function& function) {
+    const bool complex = result->Dtype() >= dtype::complex64;
+    const bool single = result->Dtype() == dtype::float32 || result->Dtype() == dtype::complex64;
+    const std::vector<CLD> got = wide_values(result.get());
+    for (std::size_t i = 0; i < got.size(); ++i) {
+        const auto along = [&](CLD step) {
+            return (std::conj(grad[i]) * (function(i, step) - function(i, -step))).real() / 2e-5L;
+        };
+        const CLD exact(along(1e-5L), complex ? along(CLD(0, 1e-5L)) : 0);
+        ASSERT_LE(std::abs(got[i] - exact), (single ? 2e-6L : 1e-8L) * (1 + std::abs(exact))) << "element " << i;
+    }
 }
 
 }  // namespace ornik::test

@@ -5,9 +5,8 @@
 
 namespace ornik::device::cpu {
 
-// float and double. Every element takes the same road, whatever its place in the row: equal inputs give
-// equal bits. `out` may be `in`. Results are at most 2 ULP from the exact exponential of the rounded difference;
-// one below the smallest normal number is 0.
+// float and double. Every element takes the same road, whatever its place in the row: equal inputs give equal
+// bits. `out` may be `in`. Results are at most 1 ULP from the exact exponential of the rounded difference.
 
 /// out = exp(in - shift)
 template <typename T>

@@ -8,7 +8,7 @@
 #include <limits>
 #include <type_traits>
 
-#include "elementary.h"
+#include "hardware/cpu/elementary.h"
 
 namespace ornik::real_functions {
 

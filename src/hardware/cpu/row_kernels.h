@@ -1,7 +1,7 @@
 // row_kernels.h: from a function object on elements to a kernel over whole operands.
 #pragma once
 
-#include "elementary.h"
+#include "hardware/cpu/elementary.h"
 #include "hardware/cpu/cpu_elements.h"
 #include "hardware/cpu/dispatch.h"
 

@@ -6,70 +6,17 @@
 #pragma once
 
 #include <algorithm>
-#include <bit>
 #include <cstdint>
 #include <limits>
 #include <type_traits>
+
+#include "../elementary.h"
 
 namespace ornik::device::cpu::row {
 
 /// Lanes of one 64-byte line.
 template <typename T>
 inline constexpr std::int64_t lanes = 64 / static_cast<std::int64_t>(sizeof(T));
-
-template <typename T>
-struct ExpConstants;
-template <>
-struct ExpConstants<float> {
-    using Bits = std::uint32_t;
-    static constexpr int fraction_bits = 23;
-    static constexpr Bits bias = 127;
-    static constexpr float rounder = 0x1.8p23F;      // Adding it rounds to a whole number, in the low bits.
-    static constexpr float ln2_high = 0.693359375F;  // Few bits: exact times any exponent.
-    static constexpr float ln2_low = -2.12194440e-4F;
-    static constexpr float lowest = -88.0F;  // Rounds to k = -bias.
-    static constexpr int degree = 7;
-};
-template <>
-struct ExpConstants<double> {
-    using Bits = std::uint64_t;
-    static constexpr int fraction_bits = 52;
-    static constexpr Bits bias = 1023;
-    static constexpr double rounder = 0x1.8p52;
-    static constexpr double ln2_high = 0x1.62e42fee00000p-1;
-    static constexpr double ln2_low = 0x1.a39ef35793c76p-33;
-    static constexpr double lowest = -709.0;
-    static constexpr int degree = 13;
-};
-
-constexpr double factorial(int n) { return n < 2 ? 1.0 : n * factorial(n - 1); }
-
-// The sum of r^(n - First) / n! from n = First to Degree.
-template <int Degree, typename T, int First = 0>
-inline T exp_series(T r) {
-    if constexpr (First == Degree) {
-        return static_cast<T>(1 / factorial(First));
-    } else {
-        return static_cast<T>(1 / factorial(First)) + r * exp_series<Degree, T, First + 1>(r);
-    }
-}
-
-/// exp(x) for x <= 0, within about one unit in the last place; 0 below the logarithm of the least normal number
-/// (-infinity included). NaN stays NaN.
-template <typename T>
-inline T exp_nonpositive(T x) {
-    using C = ExpConstants<T>;
-    // x = k ln 2 + r with |r| <= ln 2 / 2; exp(r) by its series, 2^k by its bits. At the lowest k those are 0.
-    x = C::lowest > x ? C::lowest : x;
-    const T shifted = x * T(1.4426950408889634) + C::rounder;
-    const T k = shifted - C::rounder;
-    const T r = (x - k * C::ln2_high) - k * C::ln2_low;
-    const T series = exp_series<C::degree>(r);
-    const typename C::Bits exponent =
-        std::bit_cast<typename C::Bits>(shifted) - std::bit_cast<typename C::Bits>(C::rounder) + C::bias;
-    const T power = std::bit_cast<T>(static_cast<typename C::Bits>(exponent << C::fraction_bits));
-    return series * power;
-}
 
 /// Calls block(first entry, entries) for the blocks of a row: whole ones of `lanes` entries, a number that the
 /// compiler knows, and the rest.
@@ -112,7 +59,7 @@ inline T sum_exp(const T* x, std::int64_t n, T shift) {
     T sum[lanes<T>] = {};
     for_each_block<T>(n, [&](std::int64_t first, auto count) {
         for (std::int64_t l = 0; l < count; ++l) {
-            sum[l] += exp_nonpositive(x[first + l] - shift);
+            sum[l] += elementary::exp(x[first + l] - shift);
         }
     });
     return sum_of_lanes(sum);
@@ -125,7 +72,7 @@ inline T exp_into(const T* x, std::int64_t n, T shift, T* out) {
     for_each_block<T>(n, [&](std::int64_t first, auto count) {
         T value[lanes<T>];
         for (std::int64_t l = 0; l < count; ++l) {
-            value[l] = exp_nonpositive(x[first + l] - shift);
+            value[l] = elementary::exp(x[first + l] - shift);
             sum[l] += value[l];
         }
         std::copy_n(value, std::int64_t{count}, out + first);

@@ -24,7 +24,7 @@ namespace ornik::elementary {
 
 template <typename T>
 ORNIK_IN_PLACE T fused(T a, T b, T c) {
-#if defined(__FMA__) || defined(__ARM_FEATURE_FMA) || defined(__AVX2__)
+#if defined(__FMA__) || defined(__ARM_FEATURE_FMA) || (defined(_MSC_VER) && defined(__AVX2__))
     return std::fma(a, b, c);
 #else
     if constexpr (sizeof(T) == sizeof(float)) {
@@ -53,7 +53,9 @@ ORNIK_IN_PLACE T clamped(T x, T low, T high) {
 }
 
 /// 2^k for an integer k in the exponent range.
-ORNIK_IN_PLACE float power_of_two(std::int32_t k) { return std::bit_cast<float>((k + 127) << 23); }
+ORNIK_IN_PLACE float power_of_two(std::int32_t k) {
+    return std::bit_cast<float>(static_cast<std::uint32_t>(k + 127) << 23);
+}
 
 // Adding and subtracting this rounds to a whole number, which also appears in the low bits of the sum.
 inline constexpr float whole32 = 0x1.8p23F;
@@ -145,9 +147,10 @@ ORNIK_IN_PLACE double expm1_moderate(double x) {
 ORNIK_IN_PLACE float log(float x) {
     const bool tiny = x < 0x1p-126F;
     const float normal = tiny ? x * 0x1p25F : x;
-    constexpr std::int32_t root_half = 0x3f3504f3;
-    const std::int32_t shifted = std::bit_cast<std::int32_t>(normal) - root_half;
-    const float k = static_cast<float>(shifted >> 23) - (tiny ? 25.0F : 0.0F);
+    constexpr std::uint32_t root_half = 0x3f3504f3;
+    // Biased by 127 * 2^23, as the exponent is.
+    const std::uint32_t shifted = std::bit_cast<std::uint32_t>(normal) + (0x3f800000 - root_half);
+    const float k = static_cast<float>(static_cast<std::int32_t>(shifted >> 23)) - (tiny ? 127.0F + 25.0F : 127.0F);
     const float f = std::bit_cast<float>((shifted & 0x007fffff) + root_half) - 1.0F;
     // (log(1 + f) - f + f^2 / 2) / f^3; 2^-28.
     const float tail = polynomial(f, 0.3333333118F, -0.2499999696F, 0.2000071575F, -0.1666780232F, 0.1424905765F,
@@ -193,12 +196,12 @@ ORNIK_IN_PLACE double log1p(double x) {
 
 inline constexpr float circular_limit = 0x1p16F;
 
-ORNIK_IN_PLACE float negated_if(std::int32_t bit, float x) {
-    return std::bit_cast<float>(std::bit_cast<std::int32_t>(x) ^ (bit << 31));
+ORNIK_IN_PLACE float negated_if(std::uint32_t bit, float x) {
+    return std::bit_cast<float>(std::bit_cast<std::uint32_t>(x) ^ (bit << 31));
 }
 
 /// sin(x + shift pi / 2) for a shift of 0 or 1.
-ORNIK_IN_PLACE float sin_shifted(float x, std::int32_t shift) {
+ORNIK_IN_PLACE float sin_shifted(float x, std::uint32_t shift) {
     const float shifted = fused(x, 0.636619772F, whole32);
     const float k = shifted - whole32;
     // pi / 2 in three pieces of 24 bits: the first step is exact, k being below 2^16.
@@ -208,7 +211,7 @@ ORNIK_IN_PLACE float sin_shifted(float x, std::int32_t shift) {
     const float s = fused(r * z, polynomial(z, -0.1666666667F, 0.008333331874F, -0.000198400865F, 2.72498953e-6F), r);
     const float c =
         fused(z * z, polynomial(z, 0.04166666459F, -0.001388828923F, 2.454497646e-5F), fused(z, -0.5F, 1.0F));
-    const std::int32_t quarter = std::bit_cast<std::int32_t>(shifted) + shift;
+    const std::uint32_t quarter = std::bit_cast<std::uint32_t>(shifted) + shift;
     return negated_if((quarter >> 1) & 1, (quarter & 1) != 0 ? c : s);
 }
 
