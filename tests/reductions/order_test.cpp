@@ -145,19 +145,20 @@ TEST(AlongAnAxis, SpecialValues) {
         "The gradient has a shape of ( 4 ) , the result has a shape of ( 5 ) ", "ornik::cumprod_grad", file);
 }
 
-TEST(AlongAnAxis, ExponentialsWithinTwoUlpOverTheWholeDomain) {
+TEST(AlongAnAxis, ExponentialsWithinOneUlpOverTheWholeDomain) {
     for_types(TypeList<float, double>{}, []<typename T>() {
         const T lowest = std::log(std::numeric_limits<T>::min());
         std::vector<T> x;
         for (int i = 0; i < 100003; ++i) {
-            x.push_back(lowest * T(1.01) * static_cast<T>(i) / T(100003));
+            x.push_back(lowest * T(1.2) * static_cast<T>(i) / T(100003));
         }
         std::vector<T> y(x.size());
         device::cpu::exp_shifted(x.data(), T(0), y.data(), std::ssize(x));
         for (std::size_t i = 0; i < x.size(); ++i) {
             const long double exact = std::exp(static_cast<long double>(x[i]));
-            const long double ulp = exact * static_cast<long double>(std::numeric_limits<T>::epsilon());
-            ASSERT_LE(std::abs(static_cast<long double>(y[i]) - (x[i] < lowest ? 0 : exact)), 2 * ulp) << x[i];
+            const long double ulp = std::max(exact * static_cast<long double>(std::numeric_limits<T>::epsilon()),
+                                             static_cast<long double>(std::numeric_limits<T>::denorm_min()));
+            ASSERT_LE(std::abs(static_cast<long double>(y[i]) - exact), ulp) << x[i];
         }
     });
 }
