@@ -3,6 +3,7 @@
 #include "hardware/cpu/nn/cpu_pool.h"
 
 #include <algorithm>
+#include <atomic>
 #include <limits>
 #include <type_traits>
 #include <vector>
@@ -141,23 +142,22 @@ void max_pool(const Tensor* in, const PoolPlan& plan, Tensor* positions, Tensor*
     });
 }
 
-bool positions_inside(const Tensor* positions, const PoolPlan& plan) {
-    const auto* at = static_cast<const std::int32_t*>(positions->getRawData());
-    const auto size = static_cast<std::uint32_t>(plan.rows.in * plan.cols.in);
-    std::uint32_t highest = 0;
-    for (std::int64_t i = 0; i < positions->Size(); ++i) {
-        highest = std::max(highest, static_cast<std::uint32_t>(at[i]));  // A negative one is a large number.
-    }
-    return highest < size;
-}
-
-void max_pool_grad(const Tensor* gradient, const Tensor* positions, const PoolPlan& plan, Tensor* out) {
+bool max_pool_grad(const Tensor* gradient, const Tensor* positions, const PoolPlan& plan, Tensor* out) {
     const std::int64_t in_size = plan.rows.in * plan.cols.in;
     const std::int64_t out_size = plan.rows.out * plan.cols.out;
+    std::atomic<bool> inside = true;
     dispatch(FloatTypes{}, gradient->Dtype(), [&]<typename T>() {
         for_each_row(plan.planes, 1, in_size + out_size, [&](std::int64_t plane, std::int64_t /*row*/) {
             const T* g = static_cast<const T*>(gradient->getRawData()) + plane * out_size;
             const auto* at = static_cast<const std::int32_t*>(positions->getRawData()) + plane * out_size;
+            std::uint32_t highest = 0;
+            for (std::int64_t i = 0; i < out_size; ++i) {
+                highest = std::max(highest, static_cast<std::uint32_t>(at[i]));  // Negative ones are large numbers.
+            }
+            if (highest >= static_cast<std::uint32_t>(in_size)) {
+                inside = false;
+                return;
+            }
             T* x = static_cast<T*>(out->getRawData()) + plane * in_size;
             std::fill_n(x, in_size, T(0));
             for (std::int64_t i = 0; i < out_size; ++i) {
@@ -165,6 +165,7 @@ void max_pool_grad(const Tensor* gradient, const Tensor* positions, const PoolPl
             }
         });
     });
+    return inside;
 }
 
 void average_pool(const Tensor* in, const PoolPlan& plan, Tensor* out) {
