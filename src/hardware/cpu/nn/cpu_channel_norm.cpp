@@ -47,13 +47,13 @@ using ChannelSums = std::vector<double>;
 template <typename T, typename Term>
 ChannelSums column_channel_sums(const ChannelNorm& norm, const Term& term) {
     const std::int64_t cols = norm.channels * norm.inner;
-    std::vector<std::int64_t> channel_of(at(cols));
+    std::vector<std::int64_t> statistic_of(at(cols));  // of the first sample
     for (std::int64_t j = 0; j < cols; ++j) {
-        channel_of[at(j)] = j / norm.inner;
+        statistic_of[at(j)] = statistic(norm, 0, j / norm.inner);
     }
     const std::vector<double> columns = column_sums<T>(norm.samples, cols, [&](std::int64_t sample) {
-        return [&term, first = sample * cols, channel = channel_of.data()](std::int64_t j) {
-            return term(first + j, channel[j]);
+        return [&term, first = sample * cols, shift = sample * norm.groups, of = statistic_of.data()](std::int64_t j) {
+            return term(first + j, shift + of[j]);
         };
     });
     ChannelSums sums(at(norm.channels), 0.0);
@@ -66,7 +66,7 @@ ChannelSums column_channel_sums(const ChannelNorm& norm, const Term& term) {
 // The same for several terms at once.
 template <typename T, typename... Terms>
 std::array<ChannelSums, sizeof...(Terms)> channel_sums(const ChannelNorm& norm, const Terms&... terms) {
-    if (norm.inner < shortest_run && norm.groups == 0) {
+    if (norm.inner < shortest_run) {
         return {column_channel_sums<T>(norm, terms)...};
     }
     std::vector<std::array<double, sizeof...(Terms)>> runs(at(norm.samples * norm.channels));
