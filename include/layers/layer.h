@@ -3,7 +3,8 @@
 // Layers are heap objects made by the factories of apis/ornik.h; the caller deletes them. Parameters belong
 // to the caller too and are passed to every call. forward_dyn computes an output, backward_dyn one gradient
 // per call; in layers with parameters the last argument, the node, names it: 0 the layer's input, 1 the
-// weight, 2 the bias. Arguments come in the order weight, bias, input, output gradient.
+// weight, 2 the bias. Arguments come in the order weight, bias, input, output gradient; in normalizations gamma
+// is the weight and beta the bias.
 //
 // Each overload that a layer does not serve returns null (or an empty list) and does nothing, so that a
 // caller can probe for it. Results are new tensors that the caller deletes.

@@ -214,7 +214,7 @@ TEST(Embedding, RowsAndTheirGradient) {
     EXPECT_EQ(layer->backward_dyn(weight.get(), nullptr, indices.get(), weight.get(), 1), nullptr);
 }
 
-TEST(Embedding, PoolSameBitsAtEveryTeamSize) {
+TEST(Determinism, EmbeddingAndPoolsAtEveryTeamSize) {
     const TensorPtr indices(Tensor::zeros({5000}, 0, dtype::int64));
     const TensorPtr g = random_tensor({5000, 100}, dtype::float32, 1);
     const TensorPtr weight(Tensor::zeros({3, 100}, 0, dtype::float32));

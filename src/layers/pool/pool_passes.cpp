@@ -58,11 +58,10 @@ Tensor* max_pool_backward(const Where& at, const PoolDescriptor2D& descriptor, T
     }
     const Borrowed gradient = Borrowed::contiguous(output_gradient);
     const Borrowed positions = Borrowed::contiguous(list[0]);
-    if (!device::cpu::positions_inside(positions.get(), plan)) {
+    std::unique_ptr<Tensor> result = empty(input->Shape(), input, input->Dtype());
+    if (!device::cpu::max_pool_grad(gradient.get(), positions.get(), plan, result.get())) {
         fail(at, "The saved positions of pooling are out of range.");
     }
-    std::unique_ptr<Tensor> result = empty(input->Shape(), input, input->Dtype());
-    device::cpu::max_pool_grad(gradient.get(), positions.get(), plan, result.get());
     return result.release();
 }
 

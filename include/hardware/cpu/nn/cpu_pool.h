@@ -8,10 +8,9 @@ namespace ornik::device::cpu {
 /// The largest element of each window and its position in the plane (int32): the first of equal ones in
 /// row-major order; a NaN counts as larger than all. float32 and float64.
 void max_pool(const Tensor* in, const PoolPlan& plan, Tensor* positions, Tensor* out);
-/// True when every position lies inside its plane.
-bool positions_inside(const Tensor* positions, const PoolPlan& plan);
-/// Adds every gradient at its position.
-void max_pool_grad(const Tensor* gradient, const Tensor* positions, const PoolPlan& plan, Tensor* out);
+/// Adds every gradient at its position. False, with an unfinished result, when a position lies outside its
+/// plane.
+bool max_pool_grad(const Tensor* gradient, const Tensor* positions, const PoolPlan& plan, Tensor* out);
 
 /// The sum of each window, padding counting as zeros, divided by the kernel's element count. Floating and
 /// complex.

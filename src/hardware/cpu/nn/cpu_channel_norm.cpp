@@ -40,40 +40,48 @@ std::int64_t statistic(const ChannelNorm& norm, std::int64_t sample, std::int64_
     return norm.groups == 0 ? channel : sample * norm.groups + channel / (norm.channels / norm.groups);
 }
 
-// Sums of columns [channels, inner] as one sum per channel.
-std::vector<double> fold_columns(const ChannelNorm& norm, const std::vector<double>& columns) {
-    std::vector<double> sums(at(norm.channels), 0.0);
+using ChannelSums = std::vector<double>;
+
+// For every channel the sum over its elements of term(element index, statistic index): short runs, as columns
+// [channels, inner].
+template <typename T, typename Term>
+ChannelSums column_channel_sums(const ChannelNorm& norm, const Term& term) {
+    const std::int64_t cols = norm.channels * norm.inner;
+    std::vector<std::int64_t> statistic_of(at(cols));  // of the first sample
+    for (std::int64_t j = 0; j < cols; ++j) {
+        statistic_of[at(j)] = statistic(norm, 0, j / norm.inner);
+    }
+    const std::vector<double> columns = column_sums<T>(norm.samples, cols, [&](std::int64_t sample) {
+        return [&term, first = sample * cols, shift = sample * norm.groups, of = statistic_of.data()](std::int64_t j) {
+            return term(first + j, shift + of[j]);
+        };
+    });
+    ChannelSums sums(at(norm.channels), 0.0);
     for (std::size_t j = 0; j < columns.size(); ++j) {
         sums[j / at(norm.inner)] += columns[j];
     }
     return sums;
 }
 
-// For every channel the sum over its elements of term(element index, statistic index).
-template <typename T, typename Term>
-std::vector<double> channel_sums(const ChannelNorm& norm, const Term& term) {
-    if (norm.inner < shortest_run && norm.groups == 0) {
-        const std::int64_t cols = norm.channels * norm.inner;
-        std::vector<std::int64_t> channel_of(at(cols));
-        for (std::int64_t j = 0; j < cols; ++j) {
-            channel_of[at(j)] = j / norm.inner;
-        }
-        return fold_columns(norm, column_sums<T>(norm.samples, cols, [&](std::int64_t sample) {
-                                return [&term, first = sample * cols, channel = channel_of.data()](std::int64_t j) {
-                                    return term(first + j, channel[j]);
-                                };
-                            }));
+// The same for several terms at once.
+template <typename T, typename... Terms>
+std::array<ChannelSums, sizeof...(Terms)> channel_sums(const ChannelNorm& norm, const Terms&... terms) {
+    if (norm.inner < shortest_run) {
+        return {column_channel_sums<T>(norm, terms)...};
     }
-    std::vector<double> runs(at(norm.samples * norm.channels));
+    std::vector<std::array<double, sizeof...(Terms)>> runs(at(norm.samples * norm.channels));
     for_each_run(norm, [&](std::int64_t sample, std::int64_t channel) {
         const std::int64_t run = sample * norm.channels + channel;
         const std::int64_t first = run * norm.inner;
         const std::int64_t s = statistic(norm, sample, channel);
-        runs[at(run)] = row_sum<T>(norm.inner, [&, first, s](std::int64_t i) { return term(first + i, s); });
+        runs[at(run)] = row_sums<T>(norm.inner, [&terms, first, s](std::int64_t i) { return terms(first + i, s); }...);
     });
-    std::vector<double> sums(at(norm.channels), 0.0);
-    for (std::size_t run = 0; run < runs.size(); ++run) {
-        sums[run % at(norm.channels)] += runs[run];
+    std::array<ChannelSums, sizeof...(Terms)> sums;
+    for (std::size_t k = 0; k < sums.size(); ++k) {
+        sums[k].resize(at(norm.channels));
+        for (std::size_t run = 0; run < runs.size(); ++run) {
+            sums[k][run % at(norm.channels)] += runs[run][k];
+        }
     }
     return sums;
 }
@@ -83,12 +91,12 @@ std::vector<Moments> channel_moments(const T* x, const ChannelNorm& norm) {
     std::vector<Moments> result(at(norm.channels));
     if (norm.inner < shortest_run) {
         const auto count = static_cast<double>(norm.samples * norm.inner);
-        const std::vector<double> sums = channel_sums<T>(norm, [=](auto i, auto /*channel*/) { return x[i]; });
+        const ChannelSums sums = column_channel_sums<T>(norm, [=](auto i, auto /*channel*/) { return x[i]; });
         std::vector<T> centers(sums.size());
         std::transform(sums.begin(), sums.end(), centers.begin(), [&](double s) { return static_cast<T>(s / count); });
         const T* center = centers.data();
-        const std::vector<double> squares =
-            channel_sums<T>(norm, [=](auto i, auto c) { return (x[i] - center[c]) * (x[i] - center[c]); });
+        const ChannelSums squares =
+            column_channel_sums<T>(norm, [=](auto i, auto c) { return (x[i] - center[c]) * (x[i] - center[c]); });
         for (std::size_t c = 0; c < sums.size(); ++c) {
             result[c] = {count, sums[c] / count, squares[c]};
         }
@@ -214,18 +222,18 @@ void batch_norm_grad(const NormGradient& from, const ChannelNorm& norm, bool fix
         const T* x = data_of<T>(from.input);
         const T* g = data_of<T>(from.gradient);
         const T* center = data_of<T>(from.mean);
-        std::vector<double> sums(at(norm.channels), 0.0);
-        std::vector<double> products = sums;
+        std::array<ChannelSums, 2> sums{ChannelSums(at(norm.channels)), ChannelSums(at(norm.channels))};
         if (!fixed_statistics) {
-            sums = channel_sums<T>(norm, [=](auto i, auto /*channel*/) { return g[i]; });
-            products = channel_sums<T>(norm, [=](auto i, auto c) { return g[i] * (x[i] - center[c]); });
+            sums = channel_sums<T>(
+                norm, [=](auto i, auto /*channel*/) { return g[i]; },
+                [=](auto i, auto c) { return g[i] * (x[i] - center[c]); });
         }
         std::vector<Coefficients<T, 4>> channels;
         const auto count = static_cast<double>(norm.samples * norm.inner);
         for (std::int64_t c = 0; c < norm.channels; ++c) {
             const double gamma = value_or(data_of<T>(from.gamma), c, 1);
             channels.push_back(gradient_step(reciprocal_deviation(data_of<T>(from.variance), c, norm.eps), gamma,
-                                             center[c], gamma * sums[at(c)], gamma * products[at(c)], count));
+                                             center[c], gamma * sums[0][at(c)], gamma * sums[1][at(c)], count));
         }
         apply_per_channel(norm, channels, gradient_of_input(x, g), data_of<T>(out));
     });
@@ -281,9 +289,11 @@ void group_norm_grad(const NormGradient& from, const ChannelNorm& norm, Tensor* 
                 for (std::int64_t k = 0; k < width; ++k) {
                     const T* x_run = x + group * size + k * norm.inner;
                     const T* g_run = g + group * size + k * norm.inner;
-                    sum += gamma_of(k) * row_sum<T>(norm.inner, [=](std::int64_t i) { return g_run[i]; });
-                    product += gamma_of(k) *
-                               row_sum<T>(norm.inner, [=](std::int64_t i) { return g_run[i] * (x_run[i] - center); });
+                    const auto run = row_sums<T>(
+                        norm.inner, [=](std::int64_t i) { return g_run[i]; },
+                        [=](std::int64_t i) { return g_run[i] * (x_run[i] - center); });
+                    sum += gamma_of(k) * run[0];
+                    product += gamma_of(k) * run[1];
                 }
                 T* result = data_of<T>(out);
                 const auto element = gradient_of_input(x, g);
@@ -310,14 +320,14 @@ void channel_gamma_grad(const NormGradient& from, const ChannelNorm& norm, Tenso
             rstds.push_back(static_cast<T>(reciprocal_deviation(data_of<T>(from.variance), s, norm.eps)));
         }
         const T* rstd = rstds.data();
-        store<T>(channel_sums<T>(norm, [=](auto i, auto s) { return g[i] * ((x[i] - center[s]) * rstd[s]); }), out);
+        store<T>(channel_sums<T>(norm, [=](auto i, auto s) { return g[i] * ((x[i] - center[s]) * rstd[s]); })[0], out);
     });
 }
 
 void channel_beta_grad(const Tensor* gradient, const ChannelNorm& norm, Tensor* out) {
     dispatch(FloatTypes{}, gradient->Dtype(), [&]<typename T>() {
         const T* g = data_of<T>(gradient);
-        store<T>(channel_sums<T>(norm, [=](auto i, auto /*statistic*/) { return g[i]; }), out);
+        store<T>(channel_sums<T>(norm, [=](auto i, auto /*statistic*/) { return g[i]; })[0], out);
     });
 }
 

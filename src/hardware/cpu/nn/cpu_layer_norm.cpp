@@ -70,8 +70,9 @@ void layer_norm_grad(const NormGradient& from, std::int64_t cols, double eps, Te
             const T* gamma = gammas.data;
             const T center = static_cast<const T*>(from.mean->getRawData())[i];
             const double deviation = reciprocal_deviation(static_cast<const T*>(from.variance->getRawData())[i], eps);
-            const double sum = row_sum<T>(cols, [=](std::int64_t j) { return gamma[j] * g[j]; });
-            const double product = row_sum<T>(cols, [=](std::int64_t j) { return gamma[j] * g[j] * (x[j] - center); });
+            const auto [sum, product] = row_sums<T>(
+                cols, [=](std::int64_t j) { return gamma[j] * g[j]; },
+                [=](std::int64_t j) { return gamma[j] * g[j] * (x[j] - center); });
             const auto count = static_cast<double>(cols);
             const T rstd = static_cast<T>(deviation);
             const T slope = static_cast<T>(-deviation * deviation * deviation * product / count);

@@ -3,6 +3,7 @@
 #include "hardware/cpu/nn/cpu_pool.h"
 
 #include <algorithm>
+#include <atomic>
 #include <limits>
 #include <type_traits>
 #include <vector>
@@ -25,6 +26,9 @@ struct Range {
 
 std::int64_t ceil_div(std::int64_t a, std::int64_t b) { return (a + b - 1) / b; }
 
+// What a window holds at most, inside the input.
+std::int64_t longest_window(const PoolAxis& axis) { return std::min(axis.kernel, axis.in); }
+
 // The window's positions that lie inside the input.
 Range taps_inside(const PoolAxis& axis, std::int64_t output) {
     const std::int64_t first = output * axis.stride - axis.begin;
@@ -37,6 +41,12 @@ Range outputs_inside(const PoolAxis& axis, std::int64_t tap) {
     const std::int64_t last = axis.in - 1 - offset;
     return {ceil_div(std::max<std::int64_t>(0, -offset), axis.stride),
             last < 0 ? 0 : std::min(axis.out, last / axis.stride + 1)};
+}
+
+// The taps that lie inside the input for any output.
+Range taps_used(const PoolAxis& axis) {
+    return {std::max<std::int64_t>(0, axis.begin - (axis.out - 1) * axis.stride),
+            std::min(axis.kernel, axis.in + axis.begin)};
 }
 
 // The outputs whose windows hold one input position.
@@ -75,13 +85,13 @@ bool beats(T value, T highest) {
 
 // One tap of a row of outputs: `values` points at the tap of output 0, which has that position.
 template <typename T, typename Stride>
-void max_tap(const T* values, std::int32_t position, Range outputs, Stride stride, T* highest, std::int32_t* at) {
+void max_tap(const T* values, std::uint32_t position, Range outputs, Stride stride, T* highest, std::int32_t* at) {
     ORNIK_INDEPENDENT_ITERATIONS
     for (std::int64_t o = outputs.begin; o < outputs.end; ++o) {
         const T value = values[o * stride];
         const bool better = beats(value, highest[o]);
         highest[o] = better ? value : highest[o];
-        at[o] = better ? position + static_cast<std::int32_t>(o * stride) : at[o];
+        at[o] = better ? static_cast<std::int32_t>(position + static_cast<std::uint32_t>(o * stride)) : at[o];
     }
 }
 
@@ -107,6 +117,7 @@ template <typename T, typename Stride>
 void max_row(const T* plane, const PoolPlan& plan, std::int64_t y, Range taps_y, Stride stride, T* highest,
              std::int32_t* at) {
     const PoolAxis& cols = plan.cols;
+    const Range used = taps_used(cols);
     const std::int64_t first_row = y * plan.rows.stride - plan.rows.begin;
     const auto row_start = static_cast<std::int32_t>((first_row + taps_y.begin) * cols.in);
     for (std::int64_t x = 0; x < cols.out; ++x) {
@@ -114,9 +125,9 @@ void max_row(const T* plane, const PoolPlan& plan, std::int64_t y, Range taps_y,
         at[x] = row_start + static_cast<std::int32_t>(std::max<std::int64_t>(0, x * stride - cols.begin));
     }
     for (std::int64_t i = taps_y.begin; i < taps_y.end; ++i) {
-        for (std::int64_t j = 0; j < cols.kernel; ++j) {
+        for (std::int64_t j = used.begin; j < used.end; ++j) {
             const std::int64_t start = (first_row + i) * cols.in + j - cols.begin;
-            max_tap(plane + start, static_cast<std::int32_t>(start), outputs_inside(cols, j), stride, highest, at);
+            max_tap(plane + start, static_cast<std::uint32_t>(start), outputs_inside(cols, j), stride, highest, at);
         }
     }
 }
@@ -124,7 +135,7 @@ void max_row(const T* plane, const PoolPlan& plan, std::int64_t y, Range taps_y,
 }  // namespace
 
 void max_pool(const Tensor* in, const PoolPlan& plan, Tensor* positions, Tensor* out) {
-    const std::int64_t taps = plan.rows.kernel * plan.cols.kernel * plan.cols.out;
+    const std::int64_t taps = longest_window(plan.rows) * longest_window(plan.cols) * plan.cols.out;
     dispatch(FloatTypes{}, in->Dtype(), [&]<typename T>() {
         for_each_row(plan.planes, plan.rows.out, taps, [&](std::int64_t plane, std::int64_t y) {
             const T* x = static_cast<const T*>(in->getRawData()) + plane * plan.rows.in * plan.cols.in;
@@ -141,23 +152,22 @@ void max_pool(const Tensor* in, const PoolPlan& plan, Tensor* positions, Tensor*
     });
 }
 
-bool positions_inside(const Tensor* positions, const PoolPlan& plan) {
-    const auto* at = static_cast<const std::int32_t*>(positions->getRawData());
-    const auto size = static_cast<std::uint32_t>(plan.rows.in * plan.cols.in);
-    std::uint32_t highest = 0;
-    for (std::int64_t i = 0; i < positions->Size(); ++i) {
-        highest = std::max(highest, static_cast<std::uint32_t>(at[i]));  // A negative one is a large number.
-    }
-    return highest < size;
-}
-
-void max_pool_grad(const Tensor* gradient, const Tensor* positions, const PoolPlan& plan, Tensor* out) {
+bool max_pool_grad(const Tensor* gradient, const Tensor* positions, const PoolPlan& plan, Tensor* out) {
     const std::int64_t in_size = plan.rows.in * plan.cols.in;
     const std::int64_t out_size = plan.rows.out * plan.cols.out;
+    std::atomic<bool> inside = true;
     dispatch(FloatTypes{}, gradient->Dtype(), [&]<typename T>() {
         for_each_row(plan.planes, 1, in_size + out_size, [&](std::int64_t plane, std::int64_t /*row*/) {
             const T* g = static_cast<const T*>(gradient->getRawData()) + plane * out_size;
             const auto* at = static_cast<const std::int32_t*>(positions->getRawData()) + plane * out_size;
+            std::uint32_t highest = 0;
+            for (std::int64_t i = 0; i < out_size; ++i) {
+                highest = std::max(highest, static_cast<std::uint32_t>(at[i]));  // Negative ones are large numbers.
+            }
+            if (highest >= static_cast<std::uint32_t>(in_size)) {
+                inside = false;
+                return;
+            }
             T* x = static_cast<T*>(out->getRawData()) + plane * in_size;
             std::fill_n(x, in_size, T(0));
             for (std::int64_t i = 0; i < out_size; ++i) {
@@ -165,12 +175,14 @@ void max_pool_grad(const Tensor* gradient, const Tensor* positions, const PoolPl
             }
         });
     });
+    return inside;
 }
 
 void average_pool(const Tensor* in, const PoolPlan& plan, Tensor* out) {
     const PoolAxis& rows = plan.rows;
     const PoolAxis& cols = plan.cols;
-    const std::int64_t taps = rows.kernel * cols.in + cols.kernel * cols.out;
+    const Range used = taps_used(cols);
+    const std::int64_t taps = longest_window(rows) * cols.in + longest_window(cols) * cols.out;
     dispatch(FloatOrComplexTypes{}, in->Dtype(), [&]<typename T>() {
         using Real = element::Coefficient<T>;
         const Real share = Real(1) / static_cast<Real>(rows.kernel * cols.kernel);
@@ -191,7 +203,7 @@ void average_pool(const Tensor* in, const PoolPlan& plan, Tensor* out) {
             }
             std::fill_n(result, cols.out, T(0));
             with_stride(cols.stride, [&](auto stride) {
-                for (std::int64_t j = 0; j < cols.kernel; ++j) {
+                for (std::int64_t j = used.begin; j < used.end; ++j) {
                     const Range outputs = outputs_inside(cols, j);
                     const std::int64_t offset = j - cols.begin;
                     ORNIK_INDEPENDENT_ITERATIONS
@@ -210,7 +222,8 @@ void average_pool(const Tensor* in, const PoolPlan& plan, Tensor* out) {
 void average_pool_grad(const Tensor* gradient, const PoolPlan& plan, Tensor* out) {
     const PoolAxis& rows = plan.rows;
     const PoolAxis& cols = plan.cols;
-    const std::int64_t taps = cols.in + (rows.kernel / rows.stride + 1 + cols.kernel) * cols.out;
+    const Range used = taps_used(cols);
+    const std::int64_t taps = cols.in + (rows.kernel / rows.stride + 1 + longest_window(cols)) * cols.out;
     dispatch(FloatOrComplexTypes{}, gradient->Dtype(), [&]<typename T>() {
         using Real = element::Coefficient<T>;
         const Real share = Real(1) / static_cast<Real>(rows.kernel * cols.kernel);
@@ -230,7 +243,7 @@ void average_pool_grad(const Tensor* gradient, const PoolPlan& plan, Tensor* out
             }
             std::fill_n(result, cols.in, T(0));
             with_stride(cols.stride, [&](auto stride) {
-                for (std::int64_t j = 0; j < cols.kernel; ++j) {
+                for (std::int64_t j = used.begin; j < used.end; ++j) {
                     const Range outputs = outputs_inside(cols, j);
                     const std::int64_t offset = j - cols.begin;
                     ORNIK_INDEPENDENT_ITERATIONS

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <vector>
 
@@ -13,7 +14,8 @@
 namespace ornik::device::cpu {
 
 inline constexpr std::int64_t row_chunk = 2048;          // elements of a row summed in the element type
-inline constexpr std::int64_t column_chunk = 256;        // rows of a column sum, and columns of a block
+inline constexpr std::int64_t column_chunk = 256;        // rows of a column summed in the element type
+inline constexpr std::int64_t column_block = 1024;       // columns worked on together
 inline constexpr std::int64_t elements_grain = 1 << 15;  // elements worth a second thread
 
 /// The grain of a loop over items of so many elements.
@@ -25,7 +27,10 @@ inline std::int64_t grain_of_items(std::int64_t elements) {
 template <typename T, typename Term>
 T lane_sum(std::int64_t begin, std::int64_t end, const Term& term) {
     constexpr std::int64_t lanes = 128 / sizeof(T);
-    T sums[lanes] = {};
+    T sums[lanes];
+    for (std::int64_t lane = 0; lane < lanes; ++lane) {
+        sums[lane] = 0;
+    }
     std::int64_t i = begin;
     for (; i + lanes <= end; i += lanes) {
         for (std::int64_t lane = 0; lane < lanes; ++lane) {
@@ -82,30 +87,41 @@ Moments row_moments(const T* x, std::int64_t n) {
     return moments;
 }
 
-/// The sum of term(0) ... term(n - 1).
-template <typename T, typename Term>
-double row_sum(std::int64_t n, const Term& term) {
-    double sum = 0;
+/// The sums of each term over 0 ... n - 1; chunks are in cache when the second term comes.
+template <typename T, typename... Terms>
+std::array<double, sizeof...(Terms)> row_sums(std::int64_t n, const Terms&... terms) {
+    std::array<double, sizeof...(Terms)> sums{};
     for (std::int64_t begin = 0; begin < n; begin += row_chunk) {
-        sum += static_cast<double>(lane_sum<T>(begin, std::min(n, begin + row_chunk), term));
+        const std::int64_t end = std::min(n, begin + row_chunk);
+        std::size_t k = 0;
+        ((sums[k++] += static_cast<double>(lane_sum<T>(begin, end, terms))), ...);
     }
-    return sum;
+    return sums;
 }
 
 /// For every column j the sum over the rows i of row(i)(j).
 template <typename T, typename Row>
 std::vector<double> column_sums(std::int64_t rows, std::int64_t cols, const Row& row) {
     const std::int64_t chunks = (rows + column_chunk - 1) / column_chunk;
-    const std::int64_t blocks = (cols + column_chunk - 1) / column_chunk;
+    const std::int64_t blocks = (cols + column_block - 1) / column_block;
     std::vector<double> partial(static_cast<std::size_t>(chunks * cols));
-    const std::int64_t grain = grain_of_items(std::min(rows, column_chunk) * std::min(cols, column_chunk));
+    const std::int64_t grain = grain_of_items(std::min(rows, column_chunk) * std::min(cols, column_block));
     parallel_for(chunks * blocks, 1, grain, [&](std::int64_t first, std::int64_t last) {
         for (std::int64_t item = first; item < last; ++item) {
-            const std::int64_t row_begin = item / blocks * column_chunk;
-            const std::int64_t col_begin = item % blocks * column_chunk;
-            const std::int64_t width = std::min(cols - col_begin, column_chunk);
-            T sums[column_chunk] = {};
-            for (std::int64_t i = row_begin; i < std::min(rows, row_begin + column_chunk); ++i) {
+            const std::int64_t row_end = std::min(rows, (item / blocks + 1) * column_chunk);
+            const std::int64_t col_begin = item % blocks * column_block;
+            const std::int64_t width = std::min(cols - col_begin, column_block);
+            T sums[column_block];
+            std::fill_n(sums, width, T(0));
+            std::int64_t i = item / blocks * column_chunk;
+            for (; i + 4 <= row_end; i += 4) {
+                const auto t0 = row(i), t1 = row(i + 1), t2 = row(i + 2), t3 = row(i + 3);
+                for (std::int64_t j = 0; j < width; ++j) {
+                    const std::int64_t col = col_begin + j;
+                    sums[j] += (t0(col) + t1(col)) + (t2(col) + t3(col));
+                }
+            }
+            for (; i < row_end; ++i) {
                 const auto term = row(i);
                 for (std::int64_t j = 0; j < width; ++j) {
                     sums[j] += term(col_begin + j);
