@@ -13,12 +13,12 @@ namespace ornik::device::cpu {
 
 namespace {
 
-constexpr std::int64_t block_depth = 288;          // rows of the column matrix in one product
-constexpr std::int64_t most_positions = 384;       // of a tile
-constexpr std::int64_t position_unit = 24;         // the widest panel of the common vector width
-constexpr std::int64_t plenty_of_tiles = 16;       // fewer are cut by target channels, too
-constexpr std::int64_t least_cut_channels = 32;    // a cut stages its source once more: not below this
-constexpr std::int64_t most_local_channels = 512;  // of results that are not computed in place
+constexpr std::int64_t block_depth = 288;        // rows of the column matrix in one product
+constexpr std::int64_t most_positions = 384;     // of a tile
+constexpr std::int64_t position_unit = 24;       // the widest panel of the common vector width
+constexpr std::int64_t plenty_of_tiles = 16;     // fewer are cut by target channels, too
+constexpr std::int64_t least_cut_channels = 32;  // a cut stages its source once more: not below this
+constexpr std::int64_t most_cut_channels = 256;  // whose weights stay in the second level of cache
 
 template <typename T>
 class ProductSum {
@@ -35,9 +35,7 @@ class ProductSum {
         const std::int64_t tiles = sum.batch * sum.groups * plan_.tiles();
         cuts_ = (plenty_of_tiles + tiles - 1) / tiles;
         cuts_ = std::min(cuts_, (sum.target_channels + least_cut_channels - 1) / least_cut_channels);
-        if (!in_place_) {
-            cuts_ = std::max(cuts_, (sum.target_channels + most_local_channels - 1) / most_local_channels);
-        }
+        cuts_ = std::max(cuts_, (sum.target_channels + most_cut_channels - 1) / most_cut_channels);
         // A packed operand can be cut at multiples of 4 columns.
         cut_channels_ = ((sum.target_channels + cuts_ - 1) / cuts_ + 3) / 4 * 4;
         cuts_ = (sum.target_channels + cut_channels_ - 1) / cut_channels_;
@@ -68,7 +66,7 @@ class ProductSum {
             const T start = bias_ == nullptr ? T(0) : bias_[group * sum_.target_channels + cut + o];
             std::fill_n(out + o * out_stride, tile.positions(), start);
         }
-        for (std::int64_t first = 0; first < sum_.source_channels && taps() > 0; first += block_channels_) {
+        for (std::int64_t first = 0; first < sum_.source_channels; first += block_channels_) {
             const std::int64_t block = std::min(block_channels_, sum_.source_channels - first);
             const T* planes = source_ + (part * sum_.source_channels + first) * plan_.pass.source_plane();
             const std::int64_t depth = block * taps();
@@ -98,7 +96,7 @@ class ProductSum {
     std::int64_t taps() const { return static_cast<std::int64_t>(plan_.taps.size()); }
 
     static std::int64_t channels_per_block(std::int64_t channels, std::int64_t taps) {
-        const std::int64_t most = std::max<std::int64_t>(1, block_depth / std::max<std::int64_t>(1, taps));
+        const std::int64_t most = std::max<std::int64_t>(1, block_depth / taps);
         const std::int64_t blocks = std::max<std::int64_t>(1, (channels + most - 1) / most);
         return (channels + blocks - 1) / blocks;
     }
@@ -113,7 +111,7 @@ class ProductSum {
 
     // For every group and block of channels: depth (channel, tap) x target channels.
     void pack_weight(const T* weight, T* packed) const {
-        if (sum_.source_channels == 0 || taps() == 0) {
+        if (sum_.source_channels == 0) {
             return;
         }
         const std::int64_t blocks = (sum_.source_channels + block_channels_ - 1) / block_channels_;
