@@ -8,10 +8,14 @@
 // (depth x cols) goes through `pack_right`.
 #pragma once
 
+#include <algorithm>
 #include <complex>
 #include <cstdint>
 
 namespace ornik::device::cpu {
+
+/// Bytes of panels that are read again and again from the nearest cache.
+inline constexpr std::int64_t near_bytes = 24 << 10;
 
 template <typename T>
 struct PanelKernel {
@@ -38,6 +42,16 @@ struct PanelKernel {
             ++width;
         }
         return *width;
+    }
+
+    /// Rows to pack and multiply at once, out of `rows` that are left: whole widest panels that stay near while
+    /// the right operand passes by, or all rows when there are fewer.
+    std::int64_t next_stretch(std::int64_t rows, std::int64_t depth) const {
+        const std::int64_t panel_bytes = widths[0] * depth * static_cast<std::int64_t>(sizeof(T));
+        if (panel_bytes == 0) {
+            return rows;
+        }
+        return std::min(rows, std::max<std::int64_t>(1, near_bytes / panel_bytes) * widths[0]);
     }
 };
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <algorithm>
+#include <utility>
 #include <vector>
 
 #include "conv_stage.h"
@@ -28,7 +29,7 @@ class PanelPieces {
     /// Steps of depth for every (channel, tap), panels of `width` rows; returns the end.
     T* copy_taps(const T* slots, std::int64_t channel_slots, std::int64_t channels,
                  const std::vector<std::int64_t>& taps, std::int64_t width, T* to) const {
-        const auto copy = [&](const auto& panel) {
+        const auto copy = [&](const auto panel) {  // By value: its places may stay in registers.
             for (std::int64_t c = 0; c < channels; ++c) {
                 for (const std::int64_t tap : taps) {
                     panel(slots + c * channel_slots + tap, to);
@@ -42,7 +43,7 @@ class PanelPieces {
 
     /// `count` steps of depth, taken `step` slots apart.
     T* copy_steps(const T* slots, std::int64_t step, std::int64_t count, std::int64_t width, T* to) const {
-        const auto copy = [&](const auto& panel) {
+        const auto copy = [&](const auto panel) {  // By value: its places may stay in registers.
             for (std::int64_t i = 0; i < count; ++i) {
                 panel(slots + i * step, to);
                 to += width;
@@ -88,9 +89,10 @@ class PanelPieces {
     struct FewPieces {
         explicit FewPieces(const std::vector<Piece>& all) { std::copy_n(all.begin(), Count, pieces); }
         void operator()(const T* slots, T* to) const {
-            for (std::size_t i = 0; i < Count; ++i) {
-                copy_piece(slots + pieces[i].slot, to + pieces[i].row);
+            [&]<std::size_t... I>(std::index_sequence<I...>) {
+                (copy_piece(slots + pieces[I].slot, to + pieces[I].row), ...);
             }
+            (std::make_index_sequence<Count>{});
         }
         Piece pieces[Count];
     };

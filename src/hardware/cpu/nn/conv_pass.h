@@ -26,7 +26,7 @@ struct PassAxis {
     std::int64_t step;
     std::int64_t first;
     std::int64_t stride;
-    std::vector<Tap> taps;
+    std::vector<Tap> taps;  // at least one
 };
 
 struct ConvPass {

@@ -28,8 +28,7 @@ class DirectSum {
           in_place_(pass.fills_target()),
           plan_(pass, tile_for(pass, sum.source_channels)),
           taps_(pass.taps()),
-          block_channels_(std::max<std::int64_t>(
-              1, std::min(sum.source_channels, block_slots / std::max<std::int64_t>(1, plan_.plane)))) {
+          block_channels_(std::max<std::int64_t>(1, std::min(sum.source_channels, block_slots / plan_.plane))) {
         for (std::int64_t c = 0; c < block_channels_; ++c) {
             for (const std::int64_t tap : plan_.taps) {
                 step_slots_.push_back(c * plan_.plane + tap);

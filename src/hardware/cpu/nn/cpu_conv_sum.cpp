@@ -13,13 +13,12 @@ namespace ornik::device::cpu {
 
 namespace {
 
-constexpr std::int64_t block_depth = 288;          // rows of the column matrix in one product
-constexpr std::int64_t most_positions = 384;       // of a tile
-constexpr std::int64_t left_bytes = 448 << 10;     // panels of one tile
-constexpr std::int64_t position_unit = 24;         // the widest panel of the common vector width
-constexpr std::int64_t plenty_of_tiles = 16;       // fewer are cut by target channels, too
-constexpr std::int64_t least_cut_channels = 32;    // a cut stages its source once more: not below this
-constexpr std::int64_t most_local_channels = 512;  // of results that are not computed in place
+constexpr std::int64_t block_depth = 288;        // rows of the column matrix in one product
+constexpr std::int64_t most_positions = 384;     // of a tile
+constexpr std::int64_t position_unit = 24;       // the widest panel of the common vector width
+constexpr std::int64_t plenty_of_tiles = 16;     // fewer are cut by target channels, too
+constexpr std::int64_t least_cut_channels = 32;  // a cut stages its source once more: not below this
+constexpr std::int64_t most_cut_channels = 256;  // whose weights stay in the second level of cache
 
 template <typename T>
 class ProductSum {
@@ -36,9 +35,7 @@ class ProductSum {
         const std::int64_t tiles = sum.batch * sum.groups * plan_.tiles();
         cuts_ = (plenty_of_tiles + tiles - 1) / tiles;
         cuts_ = std::min(cuts_, (sum.target_channels + least_cut_channels - 1) / least_cut_channels);
-        if (!in_place_) {
-            cuts_ = std::max(cuts_, (sum.target_channels + most_local_channels - 1) / most_local_channels);
-        }
+        cuts_ = std::max(cuts_, (sum.target_channels + most_cut_channels - 1) / most_cut_channels);
         // A packed operand can be cut at multiples of 4 columns.
         cut_channels_ = ((sum.target_channels + cuts_ - 1) / cuts_ + 3) / 4 * 4;
         cuts_ = (sum.target_channels + cut_channels_ - 1) / cut_channels_;
@@ -50,7 +47,8 @@ class ProductSum {
     std::int64_t cuts() const { return cuts_; }
     WorkspaceSize size() const {
         const std::int64_t positions = plan_.tile.rows * plan_.tile.cols;
-        return {direct_ ? 0 : block_channels_ * plan_.plane, positions * block_channels_ * taps(),
+        const std::int64_t depth = block_channels_ * taps();
+        return {direct_ ? 0 : block_channels_ * plan_.plane, next_rows(positions, depth) * depth,
                 in_place_ ? 0 : positions * cut_channels_, positions * cut_channels_ * sum_.source_channels * taps()};
     }
 
@@ -68,20 +66,26 @@ class ProductSum {
             const T start = bias_ == nullptr ? T(0) : bias_[group * sum_.target_channels + cut + o];
             std::fill_n(out + o * out_stride, tile.positions(), start);
         }
-        for (std::int64_t first = 0; first < sum_.source_channels && taps() > 0; first += block_channels_) {
+        for (std::int64_t first = 0; first < sum_.source_channels; first += block_channels_) {
             const std::int64_t block = std::min(block_channels_, sum_.source_channels - first);
             const T* planes = source_ + (part * sum_.source_channels + first) * plan_.pass.source_plane();
             const std::int64_t depth = block * taps();
-            T* left = workspace.left.get();
-            if (direct_) {
-                pack_direct(planes + tile.col, block, tile.positions(), left);
-            } else {
+            if (!direct_) {
                 stage_planes(plan_, tile, planes, block, workspace.slots.get());
-                pack_staged(tile, workspace.slots.get(), block, left, workspace.pieces);
             }
             const T* right =
                 packed_->get() + (group * sum_.source_channels + first) * taps() * sum_.target_channels + cut * depth;
-            kernel_.multiply(left, right, tile.positions(), depth, channels, out, out_stride);
+            T* left = workspace.left.get();
+            std::int64_t rows = 0;
+            for (std::int64_t row = 0; row < tile.positions(); row += rows) {
+                rows = next_rows(tile.positions() - row, depth);
+                if (direct_) {
+                    pack_direct(planes + tile.col + row, block, rows, left);
+                } else {
+                    pack_staged(tile, row, rows, workspace.slots.get(), block, left, workspace.pieces);
+                }
+                kernel_.multiply(left, right, rows, depth, channels, out + row, out_stride);
+            }
         }
         for (std::int64_t o = 0; o < channels && !in_place_; ++o) {
             write_positions(plan_.pass, tile, out + o * out_stride, target + o * target_plane);
@@ -92,20 +96,22 @@ class ProductSum {
     std::int64_t taps() const { return static_cast<std::int64_t>(plan_.taps.size()); }
 
     static std::int64_t channels_per_block(std::int64_t channels, std::int64_t taps) {
-        const std::int64_t most = std::max<std::int64_t>(1, block_depth / std::max<std::int64_t>(1, taps));
+        const std::int64_t most = std::max<std::int64_t>(1, block_depth / taps);
         const std::int64_t blocks = std::max<std::int64_t>(1, (channels + most - 1) / most);
         return (channels + blocks - 1) / blocks;
     }
 
-    TileShape tile_for(const ConvPass& pass) const {
-        const std::int64_t depth = std::max<std::int64_t>(1, block_channels_ * pass.taps());
-        const std::int64_t fitting = left_bytes / static_cast<std::int64_t>(sizeof(T)) / depth;
-        return choose_tile(pass, std::clamp(fitting, 2 * position_unit, most_positions), position_unit);
+    static TileShape tile_for(const ConvPass& pass) { return choose_tile(pass, most_positions, position_unit); }
+
+    // Positions to pack and multiply at once. Channels of a source that is read where it lies are far apart: the
+    // longer the stretches, the better.
+    std::int64_t next_rows(std::int64_t rows, std::int64_t depth) const {
+        return direct_ ? rows : kernel_.next_stretch(rows, depth);
     }
 
     // For every group and block of channels: depth (channel, tap) x target channels.
     void pack_weight(const T* weight, T* packed) const {
-        if (sum_.source_channels == 0 || taps() == 0) {
+        if (sum_.source_channels == 0) {
             return;
         }
         const std::int64_t blocks = (sum_.source_channels + block_channels_ - 1) / block_channels_;
@@ -132,10 +138,11 @@ class ProductSum {
         });
     }
 
-    void pack_staged(const Tile& tile, const T* slots, std::int64_t channels, T* left, PanelPieces<T>& pieces) const {
+    void pack_staged(const Tile& tile, std::int64_t first, std::int64_t rows, const T* slots, std::int64_t channels,
+                     T* left, PanelPieces<T>& pieces) const {
         std::int64_t width = 0;
-        for (std::int64_t position = 0; position < tile.positions(); position += width) {
-            width = kernel_.next_panel(tile.positions() - position);
+        for (std::int64_t position = first; position < first + rows; position += width) {
+            width = kernel_.next_panel(first + rows - position);
             pieces.clear();
             for (std::int64_t i = 0; i < width;) {
                 const std::int64_t row = (position + i) / tile.cols;

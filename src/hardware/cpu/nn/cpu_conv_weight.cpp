@@ -49,7 +49,7 @@ class ProductWeight {
         const std::int64_t grain = std::max<std::int64_t>(2, conv_grain / (units * positions * item_sums_));
         parallel_for(items, 1, grain, [&](std::int64_t begin, std::int64_t end) {
             const Scratch<T> slots(block_channels_ * plan_.plane);
-            const Scratch<T> left(rows_ * positions);
+            const Scratch<T> left(kernel_.next_stretch(rows_, positions) * positions);
             const Scratch<T> right(positions * geometry_.grid_channels);
             for (std::int64_t item = begin; item < end; ++item) {
                 run_item(item, slots.get(), left.get(), right.get(), sums.get() + item * item_sums_);
@@ -67,6 +67,7 @@ class ProductWeight {
         const std::int64_t channels = std::min(block_channels_, geometry_.image_channels - first);
         const std::int64_t grid_plane = plan_.pass.target_plane();
         const std::int64_t units = geometry_.batch * plan_.tiles();
+        const std::int64_t positions = plan_.tile.rows * plan_.tile.cols;
         std::fill_n(sums, item_sums_, T(0));
         for (std::int64_t unit = chunk * units / chunks_; unit < (chunk + 1) * units / chunks_; ++unit) {
             const Tile tile(plan_, unit % plan_.tiles());
@@ -74,20 +75,25 @@ class ProductWeight {
             const T* planes = image_ + (part * geometry_.image_channels + first) * plan_.pass.source_plane();
             stage_channels_last(plan_, tile, planes, channels, slots);
             conjugate(slots, channels * plan_.plane);
-            pack_rows(tile, channels, slots, left);
             const T* gradients =
                 grid_ + part * geometry_.grid_channels * grid_plane + tile.row * plan_.pass.cols.positions + tile.col;
             kernel_.pack_right(gradients, 1, grid_plane, tile.positions(), geometry_.grid_channels, right);
-            kernel_.multiply(left, right, rows_, tile.positions(), geometry_.grid_channels, sums, rows_);
+            std::int64_t rows = 0;
+            for (std::int64_t row = 0; row < rows_; row += rows) {
+                rows = kernel_.next_stretch(rows_ - row, positions);
+                pack_rows(tile, row, row + rows, channels, slots, left);
+                kernel_.multiply(left, right, rows, tile.positions(), geometry_.grid_channels, sums + row, rows_);
+            }
         }
     }
 
     // Row tap * channels + channel, a step of depth for every position.
-    void pack_rows(const Tile& tile, std::int64_t channels, const T* slots, T* left) const {
+    void pack_rows(const Tile& tile, std::int64_t begin, std::int64_t end, std::int64_t channels, const T* slots,
+                   T* left) const {
         PanelPieces<T> pieces;
         std::int64_t width = 0;
-        for (std::int64_t row = 0; row < rows_; row += width) {
-            width = kernel_.next_panel(rows_ - row);
+        for (std::int64_t row = begin; row < end; row += width) {
+            width = kernel_.next_panel(end - row);
             pieces.clear();
             for (std::int64_t i = 0; i < width && row + i < taps_ * channels;) {
                 const std::int64_t tap = (row + i) / channels;
