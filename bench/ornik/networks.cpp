@@ -66,10 +66,14 @@ void norm_rows(const std::string& name, const LayerPtr& layer, const Dims& shape
         bench::row(name + "/inference", [=] { forward(false); });
     }
     forward(true);
-    bench::row(name + "/gradients", [=] {
+    const auto gradient = [=](int node) {
         std::vector<Tensor*> saved = layer->get_fwd_cache();
+        delete layer->backward_dyn(gamma.get(), beta.get(), x.get(), g.get(), saved, node);
+    };
+    bench::row(name + "/input_gradient", [=] { gradient(0); });
+    bench::row(name + "/gradients", [=] {
         for (const int node : {0, 1, 2}) {
-            delete layer->backward_dyn(gamma.get(), beta.get(), x.get(), g.get(), saved, node);
+            gradient(node);
         }
     });
 }

@@ -53,27 +53,33 @@ void norm_rows() {
                    [=] { at::native_batch_norm(x, gamma, beta, mean, variance, training, 0.1, 1e-5); });
     }
     const auto batch = at::native_batch_norm(x, gamma, beta, mean, variance, true, 0.1, 1e-5);
-    bench::row("batch_norm/gradients", [=] {
-        at::native_batch_norm_backward(g, x, gamma, mean, variance, std::get<1>(batch), std::get<2>(batch), true, 1e-5,
-                                       {true, true, true});
-    });
+    for (const bool all : {false, true}) {
+        bench::row(all ? "batch_norm/gradients" : "batch_norm/input_gradient", [=] {
+            at::native_batch_norm_backward(g, x, gamma, mean, variance, std::get<1>(batch), std::get<2>(batch), true,
+                                           1e-5, {true, all, all});
+        });
+    }
     bench::row("group_norm/training",
                [=] { at::native_group_norm(x, gamma, beta, samples, channels, inner, 8, 1e-5); });
     const auto group = at::native_group_norm(x, gamma, beta, samples, channels, inner, 8, 1e-5);
-    bench::row("group_norm/gradients", [=] {
-        at::native_group_norm_backward(g, x, std::get<1>(group), std::get<2>(group), gamma, samples, channels, inner, 8,
-                                       {true, true, true});
-    });
+    for (const bool all : {false, true}) {
+        bench::row(all ? "group_norm/gradients" : "group_norm/input_gradient", [=] {
+            at::native_group_norm_backward(g, x, std::get<1>(group), std::get<2>(group), gamma, samples, channels,
+                                           inner, 8, {true, all, all});
+        });
+    }
     const at::Tensor rows = varied({bench::feature_rows, bench::features});
     const at::Tensor rows_gradient = varied({bench::feature_rows, bench::features});
     const at::Tensor scale = filled({bench::features}, 1);
     const at::Tensor shift = filled({bench::features}, 0);
     bench::row("layer_norm/training", [=] { at::native_layer_norm(rows, {bench::features}, scale, shift, 1e-5); });
     const auto layer = at::native_layer_norm(rows, {bench::features}, scale, shift, 1e-5);
-    bench::row("layer_norm/gradients", [=] {
-        at::native_layer_norm_backward(rows_gradient, rows, {bench::features}, std::get<1>(layer), std::get<2>(layer),
-                                       scale, shift, {true, true, true});
-    });
+    for (const bool all : {false, true}) {
+        bench::row(all ? "layer_norm/gradients" : "layer_norm/input_gradient", [=] {
+            at::native_layer_norm_backward(rows_gradient, rows, {bench::features}, std::get<1>(layer),
+                                           std::get<2>(layer), scale, shift, {true, all, all});
+        });
+    }
 }
 
 void pool_rows() {
