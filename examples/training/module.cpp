@@ -66,20 +66,19 @@ std::vector<Parameter*> Weighted::parameters() {
     return bias_.value ? std::vector<Parameter*>{&weight_, &bias_} : std::vector<Parameter*>{&weight_};
 }
 
-BatchNormalization::BatchNormalization(std::int64_t channels)
-    : layer_(ornik::_BatchNormalization(true, 0.1F, 1e-5F, "")),
-      gamma_(filled(channels, 1)),
-      beta_(filled(channels, 0)),
-      running_mean_(filled(channels, 0).value),
-      running_variance_(filled(channels, 1).value) {}
+Normalization::Normalization(ornik::Layer* layer, std::int64_t size)
+    : layer_(layer), gamma_(filled(size, 1)), beta_(filled(size, 0)) {}
 
-TensorPtr BatchNormalization::forward(const TensorPtr& input, bool training) {
+TensorPtr Normalization::forward(const TensorPtr& input, bool training) {
     input_ = input;
-    return own(layer_->forward_dyn(gamma_.value.get(), beta_.value.get(), input.get(), training, running_mean_.get(),
-                                   running_variance_.get()));
+    Tensor* const gamma = gamma_.value.get();
+    Tensor* const beta = beta_.value.get();
+    return own(running_mean_ ? layer_->forward_dyn(gamma, beta, input.get(), training, running_mean_.get(),
+                                                   running_variance_.get())
+                             : layer_->forward_dyn(gamma, beta, input.get(), training));
 }
 
-TensorPtr BatchNormalization::backward(const TensorPtr& output_gradient) {
+TensorPtr Normalization::backward(const TensorPtr& output_gradient) {
     std::vector<Tensor*> saved = layer_->get_fwd_cache();
     const auto gradient = [&](int node) {
         return own(layer_->backward_dyn(gamma_.value.get(), beta_.value.get(), input_.get(), output_gradient.get(),
@@ -88,26 +87,16 @@ TensorPtr BatchNormalization::backward(const TensorPtr& output_gradient) {
     gamma_.gradient = gradient(weight_node);
     beta_.gradient = gradient(bias_node);
     return gradient(input_node);
+}
+
+BatchNormalization::BatchNormalization(std::int64_t channels)
+    : Normalization(ornik::_BatchNormalization(true, 0.1F, 1e-5F, ""), channels) {
+    running_mean_ = filled(channels, 0).value;
+    running_variance_ = filled(channels, 1).value;
 }
 
 LayerNormalization::LayerNormalization(std::int64_t width)
-    : layer_(ornik::_LayerNormalization(true, 1e-5F, "")), gamma_(filled(width, 1)), beta_(filled(width, 0)) {}
-
-TensorPtr LayerNormalization::forward(const TensorPtr& input, bool training) {
-    input_ = input;
-    return own(layer_->forward_dyn(gamma_.value.get(), beta_.value.get(), input.get(), training));
-}
-
-TensorPtr LayerNormalization::backward(const TensorPtr& output_gradient) {
-    std::vector<Tensor*> saved = layer_->get_fwd_cache();
-    const auto gradient = [&](int node) {
-        return own(layer_->backward_dyn(gamma_.value.get(), beta_.value.get(), input_.get(), output_gradient.get(),
-                                        saved, node));
-    };
-    gamma_.gradient = gradient(weight_node);
-    beta_.gradient = gradient(bias_node);
-    return gradient(input_node);
-}
+    : Normalization(ornik::_LayerNormalization(true, 1e-5F, ""), width) {}
 
 Activation::Activation(const std::string& name) : layer_(ornik::_Activation(name, {}, name)) {}
 

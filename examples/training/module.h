@@ -58,36 +58,34 @@ class Weighted : public Module {
     TensorPtr input_;
 };
 
-/// Batch normalization of [N, channels, ...].
-class BatchNormalization : public Module {
+/// A normalization with a factor and a summand for each of `size` channels or features.
+class Normalization : public Module {
   public:
-    explicit BatchNormalization(std::int64_t channels);
     TensorPtr forward(const TensorPtr& input, bool training) override;
     TensorPtr backward(const TensorPtr& output_gradient) override;
     std::vector<Parameter*> parameters() override { return {&gamma_, &beta_}; }
 
-  private:
+  protected:
+    Normalization(ornik::Layer* layer, std::int64_t size);
+
     std::unique_ptr<ornik::Layer> layer_;
     Parameter gamma_;
     Parameter beta_;
-    TensorPtr running_mean_;
+    TensorPtr running_mean_;  // of batch normalization, else null
     TensorPtr running_variance_;
     TensorPtr input_;
 };
 
+/// Batch normalization of [N, channels, ...].
+class BatchNormalization : public Normalization {
+  public:
+    explicit BatchNormalization(std::int64_t channels);
+};
+
 /// Layer normalization of the last axis, [..., width].
-class LayerNormalization : public Module {
+class LayerNormalization : public Normalization {
   public:
     explicit LayerNormalization(std::int64_t width);
-    TensorPtr forward(const TensorPtr& input, bool training) override;
-    TensorPtr backward(const TensorPtr& output_gradient) override;
-    std::vector<Parameter*> parameters() override { return {&gamma_, &beta_}; }
-
-  private:
-    std::unique_ptr<ornik::Layer> layer_;
-    Parameter gamma_;
-    Parameter beta_;
-    TensorPtr input_;
 };
 
 /// An activation by name.

@@ -17,7 +17,7 @@ struct Extreme {
     }
     // No short-circuit: the conditions become masks.
     static Stored<T> join(Stored<T> a, Stored<T> b) {
-        return static_cast<Stored<T>>(((Largest ? a > b : a < b) | (a == b) | (a != a)) ? a : b);
+        return static_cast<Stored<T>>(((Largest ? a >= b : a <= b) | (a != a)) ? a : b);
     }
     static bool beyond(Stored<T> b, Stored<T> a) { return (Largest ? b > a : b < a) || (b != b && a == a); }
 };

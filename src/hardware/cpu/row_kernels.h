@@ -1,9 +1,9 @@
 // row_kernels.h: from a function object on elements to a kernel over whole operands.
 #pragma once
 
-#include "hardware/cpu/elementary.h"
 #include "hardware/cpu/cpu_elements.h"
 #include "hardware/cpu/dispatch.h"
+#include "hardware/cpu/elementary.h"
 
 namespace ornik::device::cpu {
 

@@ -20,7 +20,7 @@ inline constexpr std::int64_t piece = piece_bytes / static_cast<std::int64_t>(si
 
 template <typename T>
 void copy_piece(const T* from, T* to) {
-#if defined(__AVX__) && defined(__GNUC__)
+#if defined(__AVX__) && defined(__GNUC__) && !defined(__clang__)
     // GCC copies 32 bytes in halves.
     using Vector = float __attribute__((vector_size(32), aligned(4), may_alias));
     *reinterpret_cast<Vector*>(to) = *reinterpret_cast<const Vector*>(from);
