@@ -63,6 +63,9 @@ inline constexpr std::int64_t image_shape[] = {32, 64, 32, 32};
 inline constexpr std::int64_t feature_rows = 8192;
 inline constexpr std::int64_t features = 768;
 
+/// The training step of the demo's network: images [N, 1, 28, 28].
+inline constexpr std::int64_t training_batch = 128;
+
 /// A row: one call of `operation` per iteration. `bytes` moved or `flops` done per call tell compare.py how
 /// to rate it; 0 where a row is neither.
 inline void row(const std::string& name, std::function<void()> operation, std::int64_t bytes = 0,

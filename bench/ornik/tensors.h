@@ -33,5 +33,6 @@ inline TensorPtr shuffled(const Dims& shape) {
 void tensor_rows();
 void math_rows();
 void network_rows();
+void training_rows();
 
 }  // namespace bench
