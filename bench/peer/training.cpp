@@ -29,6 +29,7 @@ void training_rows() {
     const at::Tensor images = at::randn({training_batch, 1, 28, 28});
     const at::Tensor labels = at::randint(0, 10, {training_batch}, at::kLong);
     row("training_step/fashion_mnist", [=]() mutable {
+        const at::AutoGradMode gradients(true);
         optimizer->zero_grad();
         at::cross_entropy_loss(network->forward(images), labels).backward();
         optimizer->step();
