@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <atomic>
 #include <exception>
+#include <mutex>
+#include <utility>
 #include <vector>
 
 #include "hardware/system_limits.h"
@@ -16,6 +18,37 @@ namespace ornik {
 namespace {
 
 std::atomic<int> configured_team_size{4};
+
+// Pieces of one worker's share.
+constexpr std::int64_t most_pieces = 8;
+constexpr std::size_t cache_line = 64;
+
+// Pieces taken so far, by whomever. Each on a cache line of its own.
+struct alignas(cache_line) Share {
+    std::atomic<std::int64_t> taken{0};
+};
+
+// The error of the lowest range.
+class FirstError {
+  public:
+    void keep(std::int64_t begin, std::exception_ptr error) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (!error_ || begin < begin_) {
+            begin_ = begin;
+            error_ = std::move(error);
+        }
+    }
+    void rethrow() const {
+        if (error_) {
+            std::rethrow_exception(error_);
+        }
+    }
+
+  private:
+    std::mutex mutex_;
+    std::int64_t begin_ = 0;
+    std::exception_ptr error_;
+};
 
 }  // namespace
 
@@ -52,34 +85,38 @@ void detail::parallel_ranges(std::int64_t n, std::int64_t unit, std::int64_t gra
         run(context, 0, n);
         return;
     }
-    const auto block_begin = [&](std::int64_t block) { return block == blocks ? n : block * units / blocks * unit; };
-    const auto worker_begin = [&](std::int64_t worker) { return block_begin(worker * blocks / workers); };
-
-    std::vector<std::exception_ptr> errors(static_cast<std::size_t>(workers));
-    const auto run_worker = [&](int worker) {
-        const std::int64_t begin = worker_begin(worker);
-        const std::int64_t end = worker_begin(worker + 1);
+    const auto unit_begin = [&](std::int64_t worker) { return worker * blocks / workers * units / blocks; };
+    const std::int64_t pieces = std::clamp<std::int64_t>(n / workers / std::max(grain, unit), 1, most_pieces);
+    std::vector<Share> shares(static_cast<std::size_t>(workers));
+    FirstError error;
+    const auto run_piece = [&](int worker, std::int64_t piece) {
+        const std::int64_t first = unit_begin(worker);
+        const std::int64_t count = unit_begin(worker + 1) - first;
+        const std::int64_t begin = (first + piece * count / pieces) * unit;
+        const std::int64_t last = first + (piece + 1) * count / pieces;
+        const std::int64_t end = last == units ? n : last * unit;
         if (begin == end) {
             return;
         }
         try {
             run(context, begin, end);
         } catch (...) {
-            errors[static_cast<std::size_t>(worker)] = std::current_exception();
+            error.keep(begin, std::current_exception());
         }
     };
 #pragma omp parallel num_threads(workers)
     {
-        // The runtime may grant fewer threads than asked for: each then serves several shares.
-        for (int worker = omp_get_thread_num(); worker < workers; worker += omp_get_num_threads()) {
-            run_worker(worker);
+        // A worker's own share first. The runtime may grant fewer threads than asked for: their shares are what the
+        // others find.
+        for (int turn = 0; turn < workers; ++turn) {
+            const int worker = (omp_get_thread_num() + turn) % workers;
+            Share& share = shares[static_cast<std::size_t>(worker)];
+            for (std::int64_t piece = share.taken++; piece < pieces; piece = share.taken++) {
+                run_piece(worker, piece);
+            }
         }
     }
-    for (const std::exception_ptr& error : errors) {
-        if (error) {
-            std::rethrow_exception(error);
-        }
-    }
+    error.rethrow();
 }
 
 }  // namespace ornik
