@@ -8,7 +8,7 @@
 #include <random>
 
 #include "apis/ornik.h"
-#include "hardware/cpu/cpu_panels.h"
+#include "hardware/cpu/cpu_taps.h"
 #include "hardware/thread_config.h"
 #include "support/tensors.h"
 
@@ -299,48 +299,60 @@ TEST(Convolution, BitsDoNotDependOnTheTeam) {
     ConfigSetNumThreads(4);
 }
 
-// Both kernels on small whole numbers: exactly the product, and nothing written beside it.
+// Every number of targets and packets, whole and cut, on small whole numbers: exactly the sums, and nothing written
+// beside them.
 template <typename T>
-void check_panels(const device::cpu::PanelKernel<T>& kernel) {
+void check_tap_sums() {
     std::mt19937 random(3);
-    for (std::int64_t rows = 1; rows < 70; ++rows) {
-        const std::int64_t depth = 1 + rows % 11, cols = 1 + rows % 9, stride = rows + 3;
-        const auto number = [&] { return static_cast<T>(static_cast<int>(random() % 9) - 4); };
-        std::vector<T> a(static_cast<std::size_t>(rows * depth)), b(static_cast<std::size_t>(depth * cols));
-        for (std::vector<T>* v : {&a, &b}) {
+    const auto number = [&] { return static_cast<T>(static_cast<int>(random() % 9) - 4); };
+    const std::int64_t width = device::cpu::tap_packet<T>();
+    for (std::int64_t count = 1; count < 9 * 10; ++count) {
+        const std::int64_t targets = 1 + count % 9, packets = 1 + count / 9, steps = 1 + count % 7;
+        const std::int64_t out_stride = packets * (width + 1);
+        std::vector<T> slots(static_cast<std::size_t>(packets * width + steps * 3 + width));
+        std::vector<T> weights(static_cast<std::size_t>(targets * steps)), starts(static_cast<std::size_t>(targets));
+        for (std::vector<T>* v : {&slots, &weights, &starts}) {
             std::generate(v->begin(), v->end(), number);
         }
-        std::vector<T> packed(b.size()), out(static_cast<std::size_t>(cols * stride), T(7)), expected = out;
-        const auto left = std::make_unique<std::array<std::array<T, 64>, 64>>();
-        T* panel = reinterpret_cast<T*>((reinterpret_cast<std::uintptr_t>(left.get()) + 63) / 64 * 64);
-        T* to = panel;
-        for (std::int64_t row = 0, width = 0; row < rows; row += width) {
-            width = kernel.next_panel(rows - row);
-            for (std::int64_t k = 0; k < depth; ++k) {
-                for (std::int64_t i = row; i < row + width; ++i) {
-                    *to++ = a[static_cast<std::size_t>(i * depth + k)];
+        std::vector<device::cpu::TapPacket> places;
+        for (std::int64_t p = 0; p < packets; ++p) {
+            places.push_back(
+                {(packets - 1 - p) * width, p * (width + 1), (p + count) % 3 == 0 ? 1 + count % width : width});
+        }
+        std::vector<std::int64_t> step_slots, step_weights, target_weights;
+        for (std::int64_t k = 0; k < steps; ++k) {
+            step_slots.push_back(k * 5 % steps * 3);
+            step_weights.push_back(k * targets);
+        }
+        for (std::int64_t o = 0; o < targets; ++o) {
+            target_weights.push_back(targets - 1 - o);
+        }
+        for (const bool started : {false, true}) {
+            std::vector<T> out(static_cast<std::size_t>(targets * out_stride), T(7)), expected = out;
+            for (std::int64_t o = 0; o < targets; ++o) {
+                for (const device::cpu::TapPacket& place : places) {
+                    for (std::int64_t i = 0; i < place.count; ++i) {
+                        T& sum = expected[static_cast<std::size_t>(o * out_stride + place.out + i)];
+                        sum = started ? starts[static_cast<std::size_t>(o)] : sum;
+                        for (std::size_t k = 0; k < step_slots.size(); ++k) {
+                            sum += weights[static_cast<std::size_t>(target_weights[static_cast<std::size_t>(o)] +
+                                                                    step_weights[k])] *
+                                   slots[static_cast<std::size_t>(step_slots[k] + place.slot + i)];
+                        }
+                    }
                 }
             }
+            device::cpu::tap_sums<T>({slots.data(), step_slots.data(), weights.data(), step_weights.data(),
+                                      target_weights.data(), steps, targets, started ? starts.data() : nullptr,
+                                      places.data(), packets, out.data(), out_stride});
+            ASSERT_EQ(out, expected) << count;
         }
-        for (std::int64_t j = 0; j < cols; ++j) {
-            for (std::int64_t i = 0; i < rows; ++i) {
-                for (std::int64_t k = 0; k < depth; ++k) {
-                    expected[static_cast<std::size_t>(j * stride + i)] +=
-                        a[static_cast<std::size_t>(i * depth + k)] * b[static_cast<std::size_t>(k * cols + j)];
-                }
-            }
-        }
-        kernel.pack_right(b.data(), cols, 1, depth, cols, packed.data());
-        kernel.multiply(panel, packed.data(), rows, depth, cols, out.data(), stride);
-        ASSERT_EQ(out, expected) << rows;
     }
 }
 
-TEST(PanelKernels, AgreeWithLoops) {
-    check_panels(device::cpu::panel_kernel<float>());
-    check_panels(device::cpu::panel_kernel<double>());
-    check_panels(device::cpu::plain_panel_kernel<float>());
-    check_panels(device::cpu::plain_panel_kernel<double>());
+TEST(TapSums, AgreeWithLoops) {
+    check_tap_sums<float>();
+    check_tap_sums<double>();
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// cpu_product_taps.cpp: sums and dot products over the taps of one channel.
+// cpu_product_taps.cpp: sums and dot products over the taps of staged slots.
 #define EIGEN_DONT_PARALLELIZE
 #include <Eigen/Core>
 #include <algorithm>
@@ -18,62 +18,149 @@ Block<T, N> load(const T* from) {
     return Eigen::Map<const Block<T, N>>(from);
 }
 
-template <typename T>
-constexpr int packet = 32 / static_cast<int>(sizeof(T));
+#if defined(__AVX512F__)
+constexpr int vector_bytes = 64;
+#else
+constexpr int vector_bytes = 32;
+#endif
 
-// Positions [x, x + Packets * packet) of one row of Targets channels; the sums stay in registers.
+template <typename T>
+constexpr int packet = vector_bytes / static_cast<int>(sizeof(T));
+
+// The results' places arrive while the sums are made.
+template <typename T>
+void prefetch_for_writing([[maybe_unused]] T* to) {
+#if defined(__GNUC__)
+    __builtin_prefetch(to, 1);
+#endif
+}
+
+// Results of whole packets: target o's of packet p are at first + o * stride + packets[p].
+template <typename T, int Packets>
+struct Results {
+    T* first;
+    std::int64_t stride;
+    std::int64_t packets[Packets];
+
+    T* at(int o, int p) const { return first + o * stride + packets[p]; }
+};
+
+// Packets [first, first + Packets) of the targets [target, target + Targets). All sums stay in registers, and the
+// operands of one step with them: twelve sums, three packets and a weight where there are sixteen registers.
 template <typename T, int Targets, int Packets>
-void sum_block(const TapSums<T>& in, std::int64_t r, std::int64_t x) {
+void sum_whole(const TapSums<T>& in, std::int64_t target, std::int64_t first, const Results<T, Packets>& results) {
     using Packet = Block<T, packet<T>>;
+    const T* slots[Packets];
+    const T* weights[Targets];
     Packet sums[Targets][Packets];
-    const std::int64_t count = std::min<std::int64_t>(in.count - x, Packets * packet<T>);
-    const bool whole = count == Packets * packet<T>;
+    for (int p = 0; p < Packets; ++p) {
+        slots[p] = in.slots + in.packets[first + p].slot;
+    }
     for (int o = 0; o < Targets; ++o) {
-        const T* out = in.out + o * in.out_stride + r * in.out_row + x;
-        T copy[Packets * packet<T>];
-        if (in.starts == nullptr && !whole) {
-            std::fill(std::copy_n(out, count, copy), std::end(copy), T(0));
-            out = copy;
+        weights[o] = in.weights + in.target_weights[target + o];
+    }
+    if (in.starts == nullptr) {
+        for (int o = 0; o < Targets; ++o) {
+            for (int p = 0; p < Packets; ++p) {
+                sums[o][p] = load<packet<T>>(results.at(o, p));
+            }
         }
-        for (int p = 0; p < Packets; ++p) {
-            sums[o][p] = in.starts == nullptr ? load<packet<T>>(out + p * packet<T>) : Packet::Constant(in.starts[o]);
+    } else {
+        for (int o = 0; o < Targets; ++o) {
+            for (int p = 0; p < Packets; ++p) {
+                prefetch_for_writing(results.at(o, p));
+                sums[o][p] = Packet::Constant(in.starts[target + o]);
+            }
         }
     }
     for (std::int64_t k = 0; k < in.steps; ++k) {
-        const T* from = in.slots + in.step_slots[k] + r * in.slot_row + x;
-        const T* weights = in.weights + k * Targets;
+        const std::int64_t slot_step = in.step_slots[k];
+        const std::int64_t weight_step = in.step_weights[k];
+        Packet values[Packets];
         for (int p = 0; p < Packets; ++p) {
-            const Packet value = load<packet<T>>(from + p * packet<T>);
-            for (int o = 0; o < Targets; ++o) {
-                sums[o][p] += weights[o] * value;
+            values[p] = load<packet<T>>(slots[p] + slot_step);
+        }
+        for (int o = 0; o < Targets; ++o) {
+            const Packet weight = Packet::Constant(weights[o][weight_step]);
+            for (int p = 0; p < Packets; ++p) {
+                sums[o][p] += weight * values[p];
             }
         }
     }
     for (int o = 0; o < Targets; ++o) {
-        T* out = in.out + o * in.out_stride + r * in.out_row + x;
         for (int p = 0; p < Packets; ++p) {
-            if (whole) {
-                Eigen::Map<Packet>(out + p * packet<T>) = sums[o][p];
-            } else {
-                const Packet last = sums[o][p];
-                std::copy_n(last.data(), std::clamp<std::int64_t>(count - p * packet<T>, 0, packet<T>),
-                            out + p * packet<T>);
-            }
+            Eigen::Map<Packet>(results.at(o, p)) = sums[o][p];
         }
     }
 }
 
-// Whole blocks, then one of as many packets as are left.
 template <typename T, int Targets, int Packets>
-void sum_blocks(const TapSums<T>& in, std::int64_t x) {
-    std::int64_t next = x;
-    for (; in.count - next > (Packets - 1) * packet<T>; next += Packets * packet<T>) {
-        for (std::int64_t r = 0; r < in.rows; ++r) {
-            sum_block<T, Targets, Packets>(in, r, next);
+void sum_packets(const TapSums<T>& in, std::int64_t target, std::int64_t first) {
+    const TapPacket* packets = in.packets + first;
+    Results<T, Packets> results{in.out + target * in.out_stride, in.out_stride, {}};
+    bool whole = true;
+    for (int p = 0; p < Packets; ++p) {
+        results.packets[p] = packets[p].out;
+        whole = whole && packets[p].count == packet<T>;
+    }
+    if (whole) {
+        sum_whole<T, Targets, Packets>(in, target, first, results);
+        return;
+    }
+    // Cut packets are completed in a copy.
+    T copies[Targets][Packets * packet<T>] = {};
+    Results<T, Packets> copied{copies[0], Packets * packet<T>, {}};
+    for (int p = 0; p < Packets; ++p) {
+        copied.packets[p] = p * packet<T>;
+        for (int o = 0; o < Targets && in.starts == nullptr; ++o) {
+            std::copy_n(results.at(o, p), packets[p].count, copied.at(o, p));
+        }
+    }
+    sum_whole<T, Targets, Packets>(in, target, first, copied);
+    for (int p = 0; p < Packets; ++p) {
+        for (int o = 0; o < Targets; ++o) {
+            std::copy_n(copied.at(o, p), packets[p].count, results.at(o, p));
+        }
+    }
+}
+
+template <typename T, int Packets>
+void sum_targets(const TapSums<T>& in, std::int64_t target, std::int64_t first) {
+    switch (in.targets - target) {
+        case 1:
+            return sum_packets<T, 1, Packets>(in, target, first);
+        case 2:
+            return sum_packets<T, 2, Packets>(in, target, first);
+        case 3:
+            return sum_packets<T, 3, Packets>(in, target, first);
+        default:
+            return sum_packets<T, tap_targets, Packets>(in, target, first);
+    }
+}
+
+// A set's slots stay near for all targets. Sets of three, but no set of one if it can be helped: its few sums would
+// wait for each other.
+template <typename T, int Packets>
+void sum_sets(const TapSums<T>& in, std::int64_t first) {
+    std::int64_t left = in.packet_count - first;
+    for (; left >= Packets && (Packets != 3 || left != 4); left -= Packets, first += Packets) {
+        for (std::int64_t target = 0; target < in.targets; target += tap_targets) {
+            sum_targets<T, Packets>(in, target, first);
         }
     }
     if constexpr (Packets > 1) {
-        sum_blocks<T, Targets, Packets - 1>(in, next);
+        sum_sets<T, Packets - 1>(in, first);
+    }
+}
+
+// The same for one target, whose sets are larger.
+template <typename T, int Packets>
+void sum_single(const TapSums<T>& in, std::int64_t first) {
+    for (; in.packet_count - first >= Packets; first += Packets) {
+        sum_packets<T, 1, Packets>(in, 0, first);
+    }
+    if constexpr (Packets > 1) {
+        sum_single<T, Packets / 2>(in, first);
     }
 }
 
@@ -122,16 +209,16 @@ void dots(const DotRows<T>& in, const std::int64_t* taps, T* sums) {
 }  // namespace
 
 template <typename T>
+std::int64_t tap_packet() {
+    return packet<T>;
+}
+
+template <typename T>
 void tap_sums(const TapSums<T>& sums) {
-    switch (sums.targets) {
-        case 1:
-            return sum_blocks<T, 1, 8>(sums, 0);
-        case 2:
-            return sum_blocks<T, 2, 4>(sums, 0);
-        case 3:
-            return sum_blocks<T, 3, 4>(sums, 0);
-        default:
-            return sum_blocks<T, 4, 2>(sums, 0);
+    if (sums.targets == 1) {
+        sum_single<T, 8>(sums, 0);
+    } else {
+        sum_sets<T, 3>(sums, 0);
     }
 }
 
@@ -151,14 +238,18 @@ void tap_dots(const T* slots, std::int64_t slot_row, const std::int64_t* taps, s
     }
 }
 
-#define ORNIK_INSTANTIATE_TAPS(T)                                                                             \
-    template void tap_sums(const TapSums<T>&);                                                                \
+template std::int64_t tap_packet<float>();
+template std::int64_t tap_packet<double>();
+template void tap_sums(const TapSums<float>&);
+template void tap_sums(const TapSums<double>&);
+
+#define ORNIK_INSTANTIATE_DOTS(T)                                                                             \
     template void tap_dots(const T*, std::int64_t, const std::int64_t*, std::int64_t, const T*, std::int64_t, \
                            std::int64_t, std::int64_t, T*)
 
-ORNIK_INSTANTIATE_TAPS(float);
-ORNIK_INSTANTIATE_TAPS(double);
-ORNIK_INSTANTIATE_TAPS(std::complex<float>);
-ORNIK_INSTANTIATE_TAPS(std::complex<double>);
+ORNIK_INSTANTIATE_DOTS(float);
+ORNIK_INSTANTIATE_DOTS(double);
+ORNIK_INSTANTIATE_DOTS(std::complex<float>);
+ORNIK_INSTANTIATE_DOTS(std::complex<double>);
 
 }  // namespace ornik::device::cpu

@@ -91,7 +91,7 @@ std::vector<ConvPass> image_passes(const ConvGeometry& geometry) {
     return passes;
 }
 
-AxisSlots::AxisSlots(const PassAxis& axis, std::int64_t tile) : tap_slots(axis.taps.size()) {
+AxisSlots::AxisSlots(const PassAxis& axis, std::int64_t tile, bool apart) : tap_slots(axis.taps.size()) {
     // Taps with one remainder by the step share a run as long as their reaches meet.
     std::vector<std::size_t> order(axis.taps.size());
     for (std::size_t i = 0; i < order.size(); ++i) {
@@ -103,7 +103,7 @@ AxisSlots::AxisSlots(const PassAxis& axis, std::int64_t tile) : tap_slots(axis.t
     });
     for (const std::size_t tap : order) {
         const std::int64_t offset = axis.taps[tap].offset;
-        const bool continues = !runs.empty() && floor_mod(runs.back().source, axis.step) == phase(tap) &&
+        const bool continues = !apart && !runs.empty() && floor_mod(runs.back().source, axis.step) == phase(tap) &&
                                (offset - runs.back().source) / axis.step <= runs.back().count;
         if (!continues) {
             runs.push_back({count, 0, offset});

@@ -53,6 +53,7 @@ std::vector<ConvPass> image_passes(const ConvGeometry& geometry);
 
 /// Where a tile of `tile` consecutive positions finds its source along one axis after staging: copied into
 /// slots such that the slot of a tap at neighbouring positions is the neighbouring one, whatever the step.
+/// Taps share what they can share, or stay apart: then each has a run of `tile` slots of its own.
 struct AxisSlots {
     struct Run {
         std::int64_t slot;
@@ -64,7 +65,7 @@ struct AxisSlots {
     std::vector<std::int64_t> tap_slots;  // slot of position 0 of the tile, per tap
 
     AxisSlots() = default;
-    AxisSlots(const PassAxis& axis, std::int64_t tile);
+    AxisSlots(const PassAxis& axis, std::int64_t tile, bool apart);
 };
 
 /// How a pass is cut: tiles of `rows` x `cols` positions. Either cols is the pass's whole width, or rows is 1.

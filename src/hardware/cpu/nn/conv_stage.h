@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <complex>
 #include <cstring>
+#include <span>
 
 #include "conv_pass.h"
 #include "descriptors/tile_transpose.h"
@@ -49,113 +50,144 @@ class Scratch {
     T* data_;
 };
 
+/// How the slots of one channel lie: neighbouring taps of a row share slots, rows end with what the last taps
+/// reach; or every tap of a row has rows of its own, so that the positions of a tile follow each other without gaps.
+enum class SlotLayout { shared, linear };
+
+/// `length` slots in a row: `begin` of them lie before the source, `count` in it, from `source` on and a column
+/// step apart.
+struct StageSpan {
+    std::int64_t slot;
+    std::int64_t length;
+    std::int64_t source;
+    std::int64_t begin;
+    std::int64_t count;
+};
+
 /// Tiles of one pass with their slots.
-struct StagePlan {
-    StagePlan(const ConvPass& conv_pass, TileShape tile_shape);
+class StagePlan {
+  public:
+    StagePlan(const ConvPass& conv_pass, TileShape tile_shape, SlotLayout slot_layout);
 
     ConvPass pass;
     TileShape tile;
-    AxisSlots rows;
-    AxisSlots cols;
+    SlotLayout layout;
     std::int64_t row_tiles;
     std::int64_t col_tiles;
     std::int64_t plane;                 // slots of one channel
+    std::int64_t slot_row;              // slots from one row of positions to the next
     std::vector<std::int64_t> taps;     // slot of the tile's first position, per tap
     std::vector<std::int64_t> kernels;  // position in the kernel, per tap
 
     std::int64_t tiles() const { return row_tiles * col_tiles; }
+    /// The slots of a tile, in order.
+    std::span<const StageSpan> spans(std::int64_t index) const {
+        const auto tile_index = static_cast<std::size_t>(index);
+        return {spans_.data() + first_spans_[tile_index], spans_.data() + first_spans_[tile_index + 1]};
+    }
+
+  private:
+    void add_span(std::int64_t slot, std::int64_t length, std::int64_t row, std::int64_t col);
+
+    std::vector<StageSpan> spans_;
+    std::vector<std::size_t> first_spans_;  // per tile, and the end
 };
 
 /// The positions of one tile.
 struct Tile {
+    std::int64_t index;
     std::int64_t row;
     std::int64_t col;
     std::int64_t rows;
     std::int64_t cols;
-    Tile(const StagePlan& plan, std::int64_t index)
-        : row(index / plan.col_tiles * plan.tile.rows),
+    Tile(const StagePlan& plan, std::int64_t tile_index)
+        : index(tile_index),
+          row(index / plan.col_tiles * plan.tile.rows),
           col(index % plan.col_tiles * plan.tile.cols),
           rows(std::min(plan.tile.rows, plan.pass.rows.positions - row)),
           cols(std::min(plan.tile.cols, plan.pass.cols.positions - col)) {}
     std::int64_t positions() const { return rows * cols; }
 };
 
-/// Calls span(first slot of a run of columns, slots, source, slots before the source begins, slots with a
-/// source) for every row and run of one channel's slots; the source advances by the column step. Slots of
-/// rows outside the source have none.
-template <typename Span>
-void for_each_span(const StagePlan& plan, const Tile& tile, const Span& span) {
-    const PassAxis& rows = plan.pass.rows;
-    const PassAxis& cols = plan.pass.cols;
-    for (const AxisSlots::Run& row_run : plan.rows.runs) {
-        for (std::int64_t r = 0; r < row_run.count; ++r) {
-            const std::int64_t source_row = (tile.row + r) * rows.step + row_run.source;
-            const bool outside = source_row < 0 || source_row >= rows.source;
-            for (const AxisSlots::Run& run : plan.cols.runs) {
-                const std::int64_t slot = (row_run.slot + r) * plan.cols.count + run.slot;
-                const std::int64_t start = tile.col * cols.step + run.source;
-                const std::int64_t before = start >= 0 ? 0 : (-start + cols.step - 1) / cols.step;
-                const std::int64_t until = start >= cols.source ? 0 : (cols.source - 1 - start) / cols.step + 1;
-                const std::int64_t begin = std::min(before, run.count);
-                const std::int64_t count = outside ? 0 : std::max<std::int64_t>(0, std::min(until, run.count) - begin);
-                span(slot, run.count, source_row * cols.source + start + begin * cols.step, begin, count);
-            }
-        }
+/// Zeros in whole pieces: may write beyond the end.
+template <typename T>
+void zero_pieces(T* to, std::int64_t count) {
+    for (std::int64_t i = 0; i < count; i += piece<T>) {
+        std::memset(static_cast<void*>(to + i), 0, piece_bytes);
     }
+}
+
+/// Reads and writes no more than `count` elements; `ahead` elements on is what will be copied next.
+template <typename T>
+void copy_run(const T* from, std::int64_t count, [[maybe_unused]] std::int64_t ahead, T* to) {
+    if (count < piece<T>) {
+        for (std::int64_t i = 0; i < count; ++i) {
+            to[i] = from[i];
+        }
+        return;
+    }
+    for (std::int64_t i = 0; i + piece<T> <= count; i += piece<T>) {
+#if defined(__GNUC__)
+        __builtin_prefetch(from + i + ahead);
+#endif
+        copy_piece(from + i, to + i);
+    }
+    copy_piece(from + count - piece<T>, to + count - piece<T>);
 }
 
 /// slots[channel * plan.plane + slot] for `channels` source planes.
 template <typename T>
 void stage_planes(const StagePlan& plan, const Tile& tile, const T* source, std::int64_t channels, T* slots) {
     const std::int64_t step = plan.pass.cols.step;
-    const std::int64_t source_plane = plan.pass.source_plane();
-    for_each_span(
-        plan, tile,
-        [&](std::int64_t slot, std::int64_t length, std::int64_t from, std::int64_t begin, std::int64_t count) {
-            for (std::int64_t c = 0; c < channels; ++c) {
-                T* to = slots + c * plan.plane + slot;
-                std::fill(to, to + begin, T(0));
-                std::fill(to + begin + count, to + length, T(0));
-                if (count == 0) {
-                    continue;
-                }
-                const T* first = source + c * source_plane + from;
-                if (step == 1) {
-                    std::memcpy(static_cast<void*>(to + begin), first, static_cast<std::size_t>(count) * sizeof(T));
-                } else {
-                    for (std::int64_t k = 0; k < count; ++k) {
-                        to[begin + k] = first[k * step];
-                    }
+    const std::span<const StageSpan> spans = plan.spans(tile.index);
+    for (std::int64_t c = 0; c < channels; ++c) {
+        const T* plane = source + c * plan.pass.source_plane();
+        // In the order of the slots: zeros beyond the end of a span are written over by what follows.
+        for (const StageSpan& span : spans) {
+            T* to = slots + c * plan.plane + span.slot;
+            zero_pieces(to, span.begin);
+            const T* first = plane + span.source;
+            if (step == 1) {
+                copy_run(first, span.count, plan.pass.source_plane(), to + span.begin);
+            } else {
+                for (std::int64_t k = 0; k < span.count; ++k) {
+                    to[span.begin + k] = first[k * step];
                 }
             }
-        });
+            zero_pieces(to + span.begin + span.count, span.length - span.begin - span.count);
+        }
+    }
 }
 
-/// slots[slot * channels + channel]: the channels of one place side by side.
+/// to[k * lanes + channel] = from[channel * plane + k * step]: the channels of one place side by side. Rows of `lanes`
+/// elements are aligned to 32 bytes.
 template <typename T>
-void stage_channels_last(const StagePlan& plan, const Tile& tile, const T* source, std::int64_t channels, T* slots) {
-    const std::int64_t step = plan.pass.cols.step;
-    const std::int64_t source_plane = plan.pass.source_plane();
-    for_each_span(
-        plan, tile,
-        [&](std::int64_t slot, std::int64_t length, std::int64_t from, std::int64_t begin, std::int64_t count) {
-            T* to = slots + slot * channels;
-            T* place = to + begin * channels;
-            std::fill(to, place, T(0));
-            std::fill(place + count * channels, to + length * channels, T(0));
-            if (count > 0 && step == 1 && channels % 8 == 0) {
-                constexpr auto item = static_cast<std::int64_t>(sizeof(T));
-                transpose_tile(place, channels, reinterpret_cast<const char*>(source + from), source_plane * item, item,
-                               channels, count);
-                return;
-            }
-            for (std::int64_t c = 0; count > 0 && c < channels; ++c) {
-                const T* first = source + c * source_plane + from;
-                for (std::int64_t k = 0; k < count; ++k) {
-                    place[k * channels + c] = first[k * step];
-                }
-            }
-        });
+void channels_last(const T* from, std::int64_t plane, std::int64_t step, std::int64_t channels, std::int64_t count,
+                   std::int64_t lanes, T* to) {
+    if (step == 1) {
+        constexpr auto item = static_cast<std::int64_t>(sizeof(T));
+        transpose_tile(to, lanes, reinterpret_cast<const char*>(from), plane * item, item, channels, count);
+        return;
+    }
+    for (std::int64_t c = 0; c < channels; ++c) {
+        for (std::int64_t k = 0; k < count; ++k) {
+            to[k * lanes + c] = from[c * plane + k * step];
+        }
+    }
+}
+
+/// slots[slot * lanes + channel] for the channels of a block; what lies behind them in a row is left alone.
+template <typename T>
+void stage_channels_last(const StagePlan& plan, const Tile& tile, const T* source, std::int64_t channels,
+                         std::int64_t lanes, T* slots) {
+    for (const StageSpan& span : plan.spans(tile.index)) {
+        T* to = slots + span.slot * lanes;
+        T* place = to + span.begin * lanes;
+        std::fill(to, place, T(0));
+        std::fill(place + span.count * lanes, to + span.length * lanes, T(0));
+        channels_last(source + span.source, plan.pass.source_plane(), plan.pass.cols.step, channels, span.count, lanes,
+                      place);
+    }
 }
 
 /// Writes results, one per position of the tile, to their places in a target plane.

@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "conv_panels.h"
+#include "conv_stage.h"
 #include "cpu_conv_kernels.h"
 #include "hardware/parallel.h"
 
@@ -16,18 +16,15 @@ namespace ornik::device::cpu {
 /// Elements that a worker needs for one tile.
 struct WorkspaceSize {
     std::int64_t slots = 0;
-    std::int64_t left = 0;   // packed panels
     std::int64_t local = 0;  // results that are not computed in place
     std::int64_t work = 0;   // multiplications of a tile
 };
 
 template <typename T>
 struct Workspace {
-    explicit Workspace(const WorkspaceSize& size) : slots(size.slots), left(size.left), local(size.local) {}
+    explicit Workspace(const WorkspaceSize& size) : slots(size.slots), local(size.local) {}
     Scratch<T> slots;
-    Scratch<T> left;
     Scratch<T> local;
-    PanelPieces<T> pieces;
 };
 
 /// One element of `sums` per pass, with tiles(), cuts() (parts of the target channels), size() and
@@ -39,8 +36,7 @@ void run_sums(const ConvSum& sum, const std::vector<Sum>& sums) {
     WorkspaceSize size;
     for (const Sum& s : sums) {
         const WorkspaceSize own = s.size();
-        size = {std::max(size.slots, own.slots), std::max(size.left, own.left), std::max(size.local, own.local),
-                size.work + own.work};
+        size = {std::max(size.slots, own.slots), std::max(size.local, own.local), size.work + own.work};
         tiles = std::max(tiles, s.tiles());
         cuts = std::max(cuts, s.cuts());
     }

@@ -33,11 +33,6 @@ template <typename T>
 void run_conv_weight(const ConvPass& pass, const ConvGeometry& geometry, const T* image, const T* grid,
                      bool conjugate_grid, T* weight);
 
-/// run_conv_sum for at most most_direct_targets target channels.
-template <typename T>
-void run_direct_sum(const std::vector<ConvPass>& passes, const ConvSum& sum, const T* source, const T* weight,
-                    const T* bias, T* target);
-
 /// run_conv_weight for one channel per group on either side.
 template <typename T>
 void run_direct_weight(const ConvPass& pass, const ConvGeometry& geometry, const T* image, const T* grid,
