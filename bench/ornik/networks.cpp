@@ -2,6 +2,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "tensors.h"
@@ -49,29 +50,41 @@ TensorPtr varied(const Dims& shape) {
     return t;
 }
 
-// Forward, then all gradients, of a normalization.
-void norm_rows(const std::string& name, const LayerPtr& layer, const Dims& shape, std::int64_t parameters, bool batch) {
+// Forward, then the gradients of the training pass, of a normalization that `make` makes.
+template <typename Norm>
+void norm_rows(const std::string& name, const std::function<ornik::Layer*()>& make, const Dims& shape,
+               std::int64_t parameters) {
+    constexpr bool batch = std::is_same_v<Norm, ornik::LBatchNorm>;
     const TensorPtr x = varied(shape);
     const TensorPtr g = varied(shape);
     const TensorPtr gamma = filled({parameters}, 1);
     const TensorPtr beta = filled({parameters}, 0);
     const TensorPtr mean = filled({parameters}, 0);
     const TensorPtr variance = filled({parameters}, 1);
-    const auto forward = [=](bool training) {
-        delete (batch ? layer->forward_dyn(gamma.get(), beta.get(), x.get(), training, mean.get(), variance.get())
-                      : layer->forward_dyn(gamma.get(), beta.get(), x.get(), training));
+    const auto forward = [=](ornik::Layer& layer, bool training) {
+        delete (batch ? layer.forward_dyn(gamma.get(), beta.get(), x.get(), training, mean.get(), variance.get())
+                      : layer.forward_dyn(gamma.get(), beta.get(), x.get(), training));
     };
-    bench::row(name + "/training", [=] { forward(true); });
+    const LayerPtr layer(make());
+    bench::row(name + "/training", [=] { forward(*layer, true); });
     if (batch) {
-        bench::row(name + "/inference", [=] { forward(false); });
+        bench::row(name + "/inference", [=] { forward(*layer, false); });
     }
-    forward(true);
+    // Rows run after all of them have been listed: what the gradients go back through is a layer of their own.
+    const std::shared_ptr<Norm> trained(static_cast<Norm*>(make()));
+    forward(*trained, true);
     const auto gradient = [=](int node) {
-        std::vector<Tensor*> saved = layer->get_fwd_cache();
-        delete layer->backward_dyn(gamma.get(), beta.get(), x.get(), g.get(), saved, node);
+        std::vector<Tensor*> saved = trained->get_fwd_cache();
+        delete trained->backward_dyn(gamma.get(), beta.get(), x.get(), g.get(), saved, node);
     };
     bench::row(name + "/input_gradient", [=] { gradient(0); });
     bench::row(name + "/gradients", [=] {
+        std::vector<Tensor*> saved = trained->get_fwd_cache();
+        for (Tensor* one : trained->gradients(gamma.get(), beta.get(), x.get(), g.get(), saved)) {
+            delete one;
+        }
+    });
+    bench::row(name + "/gradients_one_by_one", [=] {
         for (const int node : {0, 1, 2}) {
             gradient(node);
         }
@@ -90,11 +103,14 @@ void pool_rows(const std::string& name, const LayerPtr& layer, const Dims& shape
 
 void layer_rows() {
     const Dims images(std::begin(bench::image_shape), std::end(bench::image_shape));
-    norm_rows("batch_norm", LayerPtr(ornik::_BatchNormalization(true, 0.1F, 1e-5F, "")), images, images[1], true);
-    norm_rows("group_norm", LayerPtr(ornik::_GroupNormalization(8, static_cast<int>(images[1]), true, 1e-5F, "")),
-              images, images[1], false);
-    norm_rows("layer_norm", LayerPtr(ornik::_LayerNormalization(true, 1e-5F, "")),
-              {bench::feature_rows, bench::features}, bench::features, false);
+    norm_rows<ornik::LBatchNorm>(
+        "batch_norm", [] { return ornik::_BatchNormalization(true, 0.1F, 1e-5F, ""); }, images, images[1]);
+    norm_rows<ornik::LGroupNorm>(
+        "group_norm", [&] { return ornik::_GroupNormalization(8, static_cast<int>(images[1]), true, 1e-5F, ""); },
+        images, images[1]);
+    norm_rows<ornik::LLayerNorm>(
+        "layer_norm", [] { return ornik::_LayerNormalization(true, 1e-5F, ""); },
+        {bench::feature_rows, bench::features}, bench::features);
     const std::vector<int> two{2, 2}, three{3, 3}, none{0, 0}, one{1, 1};
     pool_rows("max_pool/2x2", LayerPtr(ornik::_MaxPool2D(two, two, none, "")), images);
     pool_rows("max_pool/3x3", LayerPtr(ornik::_MaxPool2D(three, two, one, "")), images);

@@ -78,15 +78,18 @@ TensorPtr Normalization::forward(const TensorPtr& input, bool training) {
                              : layer_->forward_dyn(gamma, beta, input.get(), training));
 }
 
-TensorPtr Normalization::backward(const TensorPtr& output_gradient) {
+template <typename Norm>
+std::array<Tensor*, 3> Normalization::all_gradients(Tensor* output_gradient) {
     std::vector<Tensor*> saved = layer_->get_fwd_cache();
-    const auto gradient = [&](int node) {
-        return own(layer_->backward_dyn(gamma_.value.get(), beta_.value.get(), input_.get(), output_gradient.get(),
-                                        saved, node));
-    };
-    gamma_.gradient = gradient(weight_node);
-    beta_.gradient = gradient(bias_node);
-    return gradient(input_node);
+    return static_cast<Norm&>(*layer_).gradients(gamma_.value.get(), beta_.value.get(), input_.get(), output_gradient,
+                                                 saved);
+}
+
+TensorPtr Normalization::backward(const TensorPtr& output_gradient) {
+    const std::array<Tensor*, 3> by_node = gradients(output_gradient.get());
+    gamma_.gradient = own(by_node[weight_node]);
+    beta_.gradient = own(by_node[bias_node]);
+    return own(by_node[input_node]);
 }
 
 BatchNormalization::BatchNormalization(std::int64_t channels)
@@ -95,8 +98,16 @@ BatchNormalization::BatchNormalization(std::int64_t channels)
     running_variance_ = filled(channels, 1).value;
 }
 
+std::array<Tensor*, 3> BatchNormalization::gradients(Tensor* output_gradient) {
+    return all_gradients<ornik::LBatchNorm>(output_gradient);
+}
+
 LayerNormalization::LayerNormalization(std::int64_t width)
     : Normalization(ornik::_LayerNormalization(true, 1e-5F, ""), width) {}
+
+std::array<Tensor*, 3> LayerNormalization::gradients(Tensor* output_gradient) {
+    return all_gradients<ornik::LLayerNorm>(output_gradient);
+}
 
 Activation::Activation(const std::string& name) : layer_(ornik::_Activation(name, {}, name)) {}
 

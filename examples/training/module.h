@@ -7,6 +7,7 @@
 
 #include <ornik.h>
 
+#include <array>
 #include <memory>
 #include <string>
 #include <vector>
@@ -67,6 +68,11 @@ class Normalization : public Module {
 
   protected:
     Normalization(ornik::Layer* layer, std::int64_t size);
+    /// Those of the input, gamma and beta.
+    virtual std::array<ornik::Tensor*, 3> gradients(ornik::Tensor* output_gradient) = 0;
+    /// `Norm` is the class of the layer.
+    template <typename Norm>
+    std::array<ornik::Tensor*, 3> all_gradients(ornik::Tensor* output_gradient);
 
     std::unique_ptr<ornik::Layer> layer_;
     Parameter gamma_;
@@ -80,12 +86,18 @@ class Normalization : public Module {
 class BatchNormalization : public Normalization {
   public:
     explicit BatchNormalization(std::int64_t channels);
+
+  private:
+    std::array<ornik::Tensor*, 3> gradients(ornik::Tensor* output_gradient) override;
 };
 
 /// Layer normalization of the last axis, [..., width].
 class LayerNormalization : public Normalization {
   public:
     explicit LayerNormalization(std::int64_t width);
+
+  private:
+    std::array<ornik::Tensor*, 3> gradients(ornik::Tensor* output_gradient) override;
 };
 
 /// An activation by name.

@@ -1,4 +1,5 @@
 // Batch, group and layer normalization: values against sums in double, gradients against differences.
+#include <array>
 #include <cmath>
 #include <cstring>
 
@@ -116,6 +117,15 @@ TEST(Normalization, ValuesAndGradients) {
         EXPECT_EQ(c.backward(gamma.get(), beta.get(), x.get(), g.get(), 1), nullptr);
         EXPECT_NE(c.backward(gamma.get(), beta.get(), x.get(), g.get(), 0), nullptr);
     }
+    LGroupNorm fixed(1, 2, true, 1e-5F, "", 0, 0);
+    fixed._trainable = false;
+    const TensorPtr x(Tensor::ones({1, 2}, 0, dtype::float32));
+    TensorPtr(fixed.forward_dyn(nullptr, nullptr, x.get(), true));
+    std::vector<Tensor*> latest;
+    const std::array<Tensor*, 3> gradients = fixed.gradients(nullptr, nullptr, x.get(), x.get(), latest);
+    EXPECT_NE(TensorPtr(gradients[0]), nullptr);
+    EXPECT_EQ(gradients[1], nullptr);
+    EXPECT_EQ(gradients[2], nullptr);
 }
 
 TEST(Normalization, FarFromZeroAndSameBitsAtEveryTeamSize) {
@@ -138,13 +148,18 @@ TEST(Normalization, FarFromZeroAndSameBitsAtEveryTeamSize) {
             TensorPtr(group->forward_dyn(n, n, x.get(), true));
             TensorPtr(layer->forward_dyn(n, n, x.get(), true));
             std::vector<Tensor*> latest;
-            for (const LayerPtr* l : {&batch, &group, &layer}) {
+            const auto add_gradients = [&](auto& norm) {
+                const std::array<Tensor*, 3> at_once = norm.gradients(n, n, x.get(), g.get(), latest);
                 for (const int node : {0, 1, 2}) {
-                    const TensorPtr d((*l)->backward_dyn(n, n, x.get(), g.get(), latest, node));
+                    const TensorPtr d(norm.backward_dyn(n, n, x.get(), g.get(), latest, node));
                     const std::vector<float> values = values_of<float>(d);
+                    EXPECT_EQ(values, values_of<float>(TensorPtr(at_once[static_cast<std::size_t>(node)]))) << node;
                     all.insert(all.end(), values.begin(), values.end());
                 }
-            }
+            };
+            add_gradients(static_cast<LBatchNorm&>(*batch));
+            add_gradients(static_cast<LGroupNorm&>(*group));
+            add_gradients(static_cast<LLayerNorm&>(*layer));
             if (team == 1) {
                 first = all;
             }

@@ -53,19 +53,26 @@ Tensor* LGroupNorm::backward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, Ten
     if (node != 0 && (!affine_ || !_trainable)) {
         return nullptr;
     }
+    return compute(at, only_node(node), gamma, beta, input, output_gradient, saved)[static_cast<std::size_t>(node)];
+}
+
+std::array<Tensor*, 3> LGroupNorm::gradients(Tensor* gamma, Tensor* beta, Tensor* input, Tensor* output_gradient,
+                                             std::vector<Tensor*>& saved) {
+    const bool learns = affine_ && _trainable;
+    return compute(where("ornik::LGroupNorm::gradients"), {true, learns, learns}, gamma, beta, input, output_gradient,
+                   saved);
+}
+
+std::array<Tensor*, 3> LGroupNorm::compute(const Where& at, const std::array<bool, 3>& wanted, Tensor* gamma,
+                                           Tensor* beta, Tensor* input, Tensor* output_gradient,
+                                           const std::vector<Tensor*>& saved) {
     const NormArguments arguments{"group norm", affine_ ? gamma : nullptr, affine_ ? beta : nullptr, input};
     check_input(at, arguments, channels_);
     const device::cpu::ChannelNorm norm = channel_norm(input, groups_, eps_);
     const NormBackward from(at, arguments, output_gradient, saved, forward_cache_, {norm.samples, norm.groups});
-    std::unique_ptr<Tensor> result = from.result(node == 0 ? input->Shape() : Dims{norm.channels});
-    if (node == 0) {
-        device::cpu::group_norm_grad(from.operands(), norm, result.get());
-    } else if (node == 1) {
-        device::cpu::channel_gamma_grad(from.operands(), norm, result.get());
-    } else {
-        device::cpu::channel_beta_grad(from.gradient.get(), norm, result.get());
-    }
-    return result.release();
+    NodeGradients results(wanted, input, {norm.channels});
+    device::cpu::group_norm_grads(from.operands(), norm, results.input(), results.gamma(), results.beta());
+    return results.release();
 }
 
 }  // namespace ornik

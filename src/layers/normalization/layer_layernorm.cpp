@@ -66,20 +66,27 @@ Tensor* LLayerNorm::backward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, Ten
     if (node != 0 && (!affine_ || !_trainable)) {
         return nullptr;
     }
+    return compute(at, only_node(node), gamma, beta, input, output_gradient, saved)[static_cast<std::size_t>(node)];
+}
+
+std::array<Tensor*, 3> LLayerNorm::gradients(Tensor* gamma, Tensor* beta, Tensor* input, Tensor* output_gradient,
+                                             std::vector<Tensor*>& saved) {
+    const bool learns = affine_ && _trainable;
+    return compute(where("ornik::LLayerNorm::gradients"), {true, learns, learns}, gamma, beta, input, output_gradient,
+                   saved);
+}
+
+std::array<Tensor*, 3> LLayerNorm::compute(const Where& at, const std::array<bool, 3>& wanted, Tensor* gamma,
+                                           Tensor* beta, Tensor* input, Tensor* output_gradient,
+                                           const std::vector<Tensor*>& saved) {
     NormArguments arguments{"layer norm", gamma, beta, input};
     const Split split = check_input(at, arguments);
     arguments.gamma = affine_ ? gamma : nullptr;
     const NormBackward from(at, arguments, output_gradient, saved, forward_cache_, split.leading);
-    std::unique_ptr<Tensor> result = from.result(node == 0 ? input->Shape() : split.trailing);
-    const auto eps = static_cast<double>(eps_);
-    if (node == 0) {
-        device::cpu::layer_norm_grad(from.operands(), split.cols, eps, result.get());
-    } else if (node == 1) {
-        device::cpu::layer_norm_gamma_grad(from.operands(), split.cols, eps, result.get());
-    } else {
-        device::cpu::layer_norm_beta_grad(from.gradient.get(), split.cols, result.get());
-    }
-    return result.release();
+    NodeGradients results(wanted, input, split.trailing);
+    device::cpu::layer_norm_grads(from.operands(), split.cols, static_cast<double>(eps_), results.input(),
+                                  results.gamma(), results.beta());
+    return results.release();
 }
 
 }  // namespace ornik

@@ -66,6 +66,21 @@ NormBackward::NormBackward(Checked /*checked*/, const NormArguments& arguments, 
       mean(Borrowed::contiguous(statistics[0])),
       variance(Borrowed::contiguous(statistics[1])) {}
 
+NodeGradients::NodeGradients(const std::array<bool, 3>& wanted, const Tensor* input, const Dims& parameter_shape) {
+    for (std::size_t node = 0; node < wanted.size(); ++node) {
+        if (wanted[node]) {
+            tensors_[node].reset(
+                Tensor::empty(node == 0 ? input->Shape() : parameter_shape, input->Device(), input->Dtype()));
+        }
+    }
+}
+
+std::array<Tensor*, 3> NodeGradients::release() {
+    return {tensors_[0].release(), tensors_[1].release(), tensors_[2].release()};
+}
+
+std::array<bool, 3> only_node(int node) { return {node == 0, node == 1, node == 2}; }
+
 void check_norm_node(const Where& at, int node) {
     if (node < 0 || node > 2) {
         fail(at, "Node should be 0, 1, 2, however it equals ", node);

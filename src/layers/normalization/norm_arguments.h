@@ -1,7 +1,9 @@
 // norm_arguments.h: what the normalization layers check alike. Internal.
 #pragma once
 
+#include <array>
 #include <cmath>
+#include <memory>
 #include <vector>
 
 #include "hardware/cpu/nn/cpu_normalization.h"
@@ -31,11 +33,6 @@ struct NormBackward {
     device::cpu::NormGradient operands() const {
         return {input.get(), gradient.get(), mean.get(), variance.get(), gamma.get()};
     }
-    /// An uninitialised tensor of the input's dtype.
-    std::unique_ptr<Tensor> result(const Dims& shape) const {
-        return std::unique_ptr<Tensor>(Tensor::empty(shape, input->Device(), input->Dtype()));
-    }
-
     Borrowed gamma, input, gradient, mean, variance;
 
   private:
@@ -43,6 +40,24 @@ struct NormBackward {
     NormBackward(Checked checked, const NormArguments& arguments, Tensor* output_gradient,
                  const std::vector<Tensor*>& statistics);
 };
+
+/// Gradients by node: the input's, gamma's and beta's. Those that are not wanted are null.
+class NodeGradients {
+  public:
+    /// Uninitialised tensors; every wanted node is true.
+    NodeGradients(const std::array<bool, 3>& wanted, const Tensor* input, const Dims& parameter_shape);
+
+    Tensor* input() const { return tensors_[0].get(); }
+    Tensor* gamma() const { return tensors_[1].get(); }
+    Tensor* beta() const { return tensors_[2].get(); }
+    std::array<Tensor*, 3> release();
+
+  private:
+    std::array<std::unique_ptr<Tensor>, 3> tensors_;
+};
+
+/// A set of that one node.
+std::array<bool, 3> only_node(int node);
 
 /// Refuses a node that is not 0, 1 or 2.
 void check_norm_node(const Where& at, int node);

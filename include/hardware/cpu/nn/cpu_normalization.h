@@ -33,24 +33,21 @@ void batch_statistics(const Tensor* input, const ChannelNorm& norm, Tensor* mean
 /// out = (input - mean) / sqrt(variance + eps) * gamma + beta
 void batch_norm(const Tensor* input, const ChannelNorm& norm, const Tensor* mean, const Tensor* variance,
                 const Tensor* gamma, const Tensor* beta, Tensor* out);
-/// The input's gradient; statistics are those of the input itself, or fixed numbers.
-void batch_norm_grad(const NormGradient& from, const ChannelNorm& norm, bool fixed_statistics, Tensor* out);
+/// The gradients that are asked for, in as few passes as they need; null: not asked for. Statistics are those of the
+/// input itself, or fixed numbers.
+void batch_norm_grads(const NormGradient& from, const ChannelNorm& norm, bool fixed_statistics, Tensor* input_gradient,
+                      Tensor* gamma_gradient, Tensor* beta_gradient);
 
 /// Statistics and output in one pass.
 void group_norm(const Tensor* input, const ChannelNorm& norm, const Tensor* gamma, const Tensor* beta, Tensor* mean,
                 Tensor* variance, Tensor* out);
-void group_norm_grad(const NormGradient& from, const ChannelNorm& norm, Tensor* out);
-
-/// Gradient of gamma, of a batch or group normalization.
-void channel_gamma_grad(const NormGradient& from, const ChannelNorm& norm, Tensor* out);
-/// Gradient of beta.
-void channel_beta_grad(const Tensor* gradient, const ChannelNorm& norm, Tensor* out);
+void group_norm_grads(const NormGradient& from, const ChannelNorm& norm, Tensor* input_gradient, Tensor* gamma_gradient,
+                      Tensor* beta_gradient);
 
 /// Elements [rows, cols]; every row has its statistics, every column its gamma and beta.
 void layer_norm(const Tensor* input, std::int64_t cols, double eps, const Tensor* gamma, const Tensor* beta,
                 Tensor* mean, Tensor* variance, Tensor* out);
-void layer_norm_grad(const NormGradient& from, std::int64_t cols, double eps, Tensor* out);
-void layer_norm_gamma_grad(const NormGradient& from, std::int64_t cols, double eps, Tensor* out);
-void layer_norm_beta_grad(const Tensor* gradient, std::int64_t cols, Tensor* out);
+void layer_norm_grads(const NormGradient& from, std::int64_t cols, double eps, Tensor* input_gradient,
+                      Tensor* gamma_gradient, Tensor* beta_gradient);
 
 }  // namespace ornik::device::cpu

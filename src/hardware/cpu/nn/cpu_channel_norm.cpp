@@ -63,29 +63,6 @@ ChannelSums column_channel_sums(const ChannelNorm& norm, const Term& term) {
     return sums;
 }
 
-// The same for several terms at once.
-template <typename T, typename... Terms>
-std::array<ChannelSums, sizeof...(Terms)> channel_sums(const ChannelNorm& norm, const Terms&... terms) {
-    if (norm.inner < shortest_run) {
-        return {column_channel_sums<T>(norm, terms)...};
-    }
-    std::vector<std::array<double, sizeof...(Terms)>> runs(at(norm.samples * norm.channels));
-    for_each_run(norm, [&](std::int64_t sample, std::int64_t channel) {
-        const std::int64_t run = sample * norm.channels + channel;
-        const std::int64_t first = run * norm.inner;
-        const std::int64_t s = statistic(norm, sample, channel);
-        runs[at(run)] = row_sums<T>(norm.inner, [&terms, first, s](std::int64_t i) { return terms(first + i, s); }...);
-    });
-    std::array<ChannelSums, sizeof...(Terms)> sums;
-    for (std::size_t k = 0; k < sums.size(); ++k) {
-        sums[k].resize(at(norm.channels));
-        for (std::size_t run = 0; run < runs.size(); ++run) {
-            sums[k][run % at(norm.channels)] += runs[run][k];
-        }
-    }
-    return sums;
-}
-
 template <typename T>
 std::vector<Moments> channel_moments(const T* x, const ChannelNorm& norm) {
     std::vector<Moments> result(at(norm.channels));
@@ -170,10 +147,11 @@ auto gradient_of_input(const T* x, const T* g) {
     return [x, g](std::int64_t i, const Coefficients<T, 4>& c) { return c[0] * g[i] + (c[1] * (x[i] - c[2]) + c[3]); };
 }
 
-// Its coefficients, from the sums over one set of `count` elements of gamma g, and of gamma g (x - mean).
+// Its coefficients, from the sums over one set of `count` elements of gamma g, and of gamma g x^, where x^ is the
+// normalized x.
 template <typename T>
 Coefficients<T, 4> gradient_step(double rstd, double gamma, T center, double sum, double product, double count) {
-    return {static_cast<T>(gamma * rstd), static_cast<T>(-rstd * rstd * rstd * product / count), center,
+    return {static_cast<T>(gamma * rstd), static_cast<T>(-rstd * rstd * product / count), center,
             static_cast<T>(-rstd * sum / count)};
 }
 
@@ -187,9 +165,122 @@ double value_or(const T* values, std::int64_t i, double otherwise) {
     return values == nullptr ? otherwise : static_cast<double>(values[i]);
 }
 
+// What gradients are made of.
 template <typename T>
-void store(const std::vector<double>& values, Tensor* out) {
-    std::transform(values.begin(), values.end(), data_of<T>(out), [](double v) { return static_cast<T>(v); });
+struct Operands {
+    explicit Operands(const NormGradient& from, double epsilon)
+        : x(data_of<T>(from.input)),
+          g(data_of<T>(from.gradient)),
+          center(data_of<T>(from.mean)),
+          variance(data_of<T>(from.variance)),
+          gamma(data_of<T>(from.gamma)),
+          eps(epsilon) {}
+
+    double rstd(std::int64_t s) const { return reciprocal_deviation(variance, s, eps); }
+
+    const T* x;
+    const T* g;
+    const T* center;
+    const T* variance;
+    const T* gamma;
+    double eps;
+};
+
+// Of one run, or of one channel: the sum of g and, where it is asked for, of g x^.
+using GradientSums = std::array<double, 2>;
+
+template <typename T>
+GradientSums run_sums(const Operands<T>& of, const ChannelNorm& norm, std::int64_t run, bool products) {
+    const std::int64_t s = statistic(norm, run / norm.channels, run % norm.channels);
+    const T* x = of.x + run * norm.inner;
+    const T* g = of.g + run * norm.inner;
+    if (!products) {
+        return {row_sums<T>(norm.inner, [=](auto at) { return at(g); })[0], 0.0};
+    }
+    GradientSums sums = row_sums<T>(
+        norm.inner, [=](auto at) { return at(g); },
+        [=, center = of.center[s]](auto at) { return at(g) * (at(x) - center); });
+    sums[1] *= of.rstd(s);
+    return sums;
+}
+
+// The runs' sums of every channel.
+std::vector<GradientSums> join_runs(const ChannelNorm& norm, const std::vector<GradientSums>& runs) {
+    std::vector<GradientSums> sums(at(norm.channels));
+    for (std::size_t run = 0; run < runs.size(); ++run) {
+        sums[run % sums.size()][0] += runs[run][0];
+        sums[run % sums.size()][1] += runs[run][1];
+    }
+    return sums;
+}
+
+template <typename T>
+std::vector<GradientSums> channel_sums(const Operands<T>& of, const ChannelNorm& norm, bool products) {
+    if (norm.inner >= shortest_run) {
+        std::vector<GradientSums> runs(at(norm.samples * norm.channels));
+        for_each_run(norm, [&](std::int64_t sample, std::int64_t channel) {
+            const std::int64_t run = sample * norm.channels + channel;
+            runs[at(run)] = run_sums(of, norm, run, products);
+        });
+        return join_runs(norm, runs);
+    }
+    const ChannelSums sums = column_channel_sums<T>(norm, [&](auto i, auto /*statistic*/) { return of.g[i]; });
+    ChannelSums product_sums(at(norm.channels));
+    if (products) {
+        const std::int64_t statistics = norm.groups == 0 ? norm.channels : norm.samples * norm.groups;
+        std::vector<T> rstds;
+        for (std::int64_t s = 0; s < statistics; ++s) {
+            rstds.push_back(static_cast<T>(of.rstd(s)));
+        }
+        product_sums = column_channel_sums<T>(
+            norm, [&](auto i, auto s) { return of.g[i] * ((of.x[i] - of.center[s]) * rstds[at(s)]); });
+    }
+    std::vector<GradientSums> result(sums.size());
+    for (std::size_t c = 0; c < sums.size(); ++c) {
+        result[c] = {sums[c], product_sums[c]};
+    }
+    return result;
+}
+
+// gamma's gradients are the sums of g x^, beta's those of g.
+template <typename T>
+void store_parameters(const std::vector<GradientSums>& sums, Tensor* gamma, Tensor* beta) {
+    for (std::size_t c = 0; c < sums.size(); ++c) {
+        if (gamma != nullptr) {
+            data_of<T>(gamma)[c] = static_cast<T>(sums[c][1]);
+        }
+        if (beta != nullptr) {
+            data_of<T>(beta)[c] = static_cast<T>(sums[c][0]);
+        }
+    }
+}
+
+// The input's gradient in group number `group` of all samples. Keeps the sums of its runs, where `runs` has room.
+template <typename T>
+void write_group(const Operands<T>& of, const ChannelNorm& norm, std::int64_t group, std::vector<GradientSums>& runs,
+                 T* out) {
+    const std::int64_t width = norm.channels / norm.groups;
+    const std::int64_t first_run = group * width;
+    const auto gamma = [&](std::int64_t run) { return value_or(of.gamma, run % norm.channels, 1); };
+    double sum = 0;
+    double product = 0;
+    for (std::int64_t run = first_run; run < first_run + width; ++run) {
+        const GradientSums sums = run_sums(of, norm, run, true);
+        sum += gamma(run) * sums[0];
+        product += gamma(run) * sums[1];
+        if (!runs.empty()) {
+            runs[at(run)] = sums;
+        }
+    }
+    const auto element = gradient_of_input(of.x, of.g);
+    const auto count = static_cast<double>(width * norm.inner);
+    for (std::int64_t run = first_run; run < first_run + width; ++run) {
+        const auto step = gradient_step(of.rstd(group), gamma(run), of.center[group], sum, product, count);
+        ORNIK_INDEPENDENT_ITERATIONS
+        for (std::int64_t i = run * norm.inner; i < (run + 1) * norm.inner; ++i) {
+            out[i] = element(i, step);
+        }
+    }
 }
 
 }  // namespace
@@ -217,25 +308,27 @@ void batch_norm(const Tensor* input, const ChannelNorm& norm, const Tensor* mean
     });
 }
 
-void batch_norm_grad(const NormGradient& from, const ChannelNorm& norm, bool fixed_statistics, Tensor* out) {
+void batch_norm_grads(const NormGradient& from, const ChannelNorm& norm, bool fixed_statistics, Tensor* input_gradient,
+                      Tensor* gamma_gradient, Tensor* beta_gradient) {
     dispatch(FloatTypes{}, from.input->Dtype(), [&]<typename T>() {
-        const T* x = data_of<T>(from.input);
-        const T* g = data_of<T>(from.gradient);
-        const T* center = data_of<T>(from.mean);
-        std::array<ChannelSums, 2> sums{ChannelSums(at(norm.channels)), ChannelSums(at(norm.channels))};
-        if (!fixed_statistics) {
-            sums = channel_sums<T>(
-                norm, [=](auto i, auto /*channel*/) { return g[i]; },
-                [=](auto i, auto c) { return g[i] * (x[i] - center[c]); });
+        const Operands<T> of(from, norm.eps);
+        const bool through_statistics = input_gradient != nullptr && !fixed_statistics;
+        std::vector<GradientSums> sums(at(norm.channels));
+        if (through_statistics || gamma_gradient != nullptr || beta_gradient != nullptr) {
+            sums = channel_sums(of, norm, through_statistics || gamma_gradient != nullptr);
+        }
+        store_parameters<T>(sums, gamma_gradient, beta_gradient);
+        if (input_gradient == nullptr) {
+            return;
         }
         std::vector<Coefficients<T, 4>> channels;
         const auto count = static_cast<double>(norm.samples * norm.inner);
         for (std::int64_t c = 0; c < norm.channels; ++c) {
-            const double gamma = value_or(data_of<T>(from.gamma), c, 1);
-            channels.push_back(gradient_step(reciprocal_deviation(data_of<T>(from.variance), c, norm.eps), gamma,
-                                             center[c], gamma * sums[0][at(c)], gamma * sums[1][at(c)], count));
+            const double gamma = through_statistics ? value_or(of.gamma, c, 1) : 0;
+            channels.push_back(gradient_step(of.rstd(c), value_or(of.gamma, c, 1), of.center[c], gamma * sums[at(c)][0],
+                                             gamma * sums[at(c)][1], count));
         }
-        apply_per_channel(norm, channels, gradient_of_input(x, g), data_of<T>(out));
+        apply_per_channel(norm, channels, gradient_of_input(of.x, of.g), data_of<T>(input_gradient));
     });
 }
 
@@ -270,64 +363,25 @@ void group_norm(const Tensor* input, const ChannelNorm& norm, const Tensor* gamm
     });
 }
 
-void group_norm_grad(const NormGradient& from, const ChannelNorm& norm, Tensor* out) {
+void group_norm_grads(const NormGradient& from, const ChannelNorm& norm, Tensor* input_gradient, Tensor* gamma_gradient,
+                      Tensor* beta_gradient) {
     dispatch(FloatTypes{}, from.input->Dtype(), [&]<typename T>() {
-        const T* x = data_of<T>(from.input);
-        const T* g = data_of<T>(from.gradient);
-        const T* gamma = data_of<T>(from.gamma);
-        const std::int64_t width = norm.channels / norm.groups;
-        const std::int64_t size = width * norm.inner;
-        parallel_for(norm.samples * norm.groups, 1, grain_of_items(size), [&](std::int64_t begin, std::int64_t end) {
-            for (std::int64_t group = begin; group < end; ++group) {
-                const T center = data_of<T>(from.mean)[group];
-                const double rstd = reciprocal_deviation(data_of<T>(from.variance), group, norm.eps);
-                const auto gamma_of = [&](std::int64_t k) {
-                    return value_or(gamma, group % norm.groups * width + k, 1);
-                };
-                double sum = 0;
-                double product = 0;
-                for (std::int64_t k = 0; k < width; ++k) {
-                    const T* x_run = x + group * size + k * norm.inner;
-                    const T* g_run = g + group * size + k * norm.inner;
-                    const auto run = row_sums<T>(
-                        norm.inner, [=](std::int64_t i) { return g_run[i]; },
-                        [=](std::int64_t i) { return g_run[i] * (x_run[i] - center); });
-                    sum += gamma_of(k) * run[0];
-                    product += gamma_of(k) * run[1];
+        const Operands<T> of(from, norm.eps);
+        const bool parameters = gamma_gradient != nullptr || beta_gradient != nullptr;
+        const bool by_runs = input_gradient != nullptr && norm.inner >= shortest_run;
+        std::vector<GradientSums> runs(parameters && by_runs ? at(norm.samples * norm.channels) : 0);
+        if (input_gradient != nullptr) {
+            const std::int64_t size = norm.channels / norm.groups * norm.inner;
+            parallel_for(norm.samples * norm.groups, 1, grain_of_items(size), [&](auto begin, auto end) {
+                for (std::int64_t group = begin; group < end; ++group) {
+                    write_group(of, norm, group, runs, data_of<T>(input_gradient));
                 }
-                T* result = data_of<T>(out);
-                const auto element = gradient_of_input(x, g);
-                for (std::int64_t k = 0; k < width; ++k) {
-                    const auto step = gradient_step(rstd, gamma_of(k), center, sum, product, static_cast<double>(size));
-                    const std::int64_t first = group * size + k * norm.inner;
-                    ORNIK_INDEPENDENT_ITERATIONS
-                    for (std::int64_t i = first; i < first + norm.inner; ++i) {
-                        result[i] = element(i, step);
-                    }
-                }
-            }
-        });
-    });
-}
-
-void channel_gamma_grad(const NormGradient& from, const ChannelNorm& norm, Tensor* out) {
-    dispatch(FloatTypes{}, from.input->Dtype(), [&]<typename T>() {
-        const T* x = data_of<T>(from.input);
-        const T* g = data_of<T>(from.gradient);
-        const T* center = data_of<T>(from.mean);
-        std::vector<T> rstds;
-        for (std::int64_t s = 0; s < from.variance->Size(); ++s) {
-            rstds.push_back(static_cast<T>(reciprocal_deviation(data_of<T>(from.variance), s, norm.eps)));
+            });
         }
-        const T* rstd = rstds.data();
-        store<T>(channel_sums<T>(norm, [=](auto i, auto s) { return g[i] * ((x[i] - center[s]) * rstd[s]); })[0], out);
-    });
-}
-
-void channel_beta_grad(const Tensor* gradient, const ChannelNorm& norm, Tensor* out) {
-    dispatch(FloatTypes{}, gradient->Dtype(), [&]<typename T>() {
-        const T* g = data_of<T>(gradient);
-        store<T>(channel_sums<T>(norm, [=](auto i, auto /*statistic*/) { return g[i]; })[0], out);
+        if (parameters) {
+            store_parameters<T>(by_runs ? join_runs(norm, runs) : channel_sums(of, norm, gamma_gradient != nullptr),
+                                gamma_gradient, beta_gradient);
+        }
     });
 }
 
