@@ -27,7 +27,7 @@ constexpr int vector_bytes = 32;
 template <typename T>
 constexpr int packet = vector_bytes / static_cast<int>(sizeof(T));
 
-// The results' places arrive while the sums are made.
+// The places of the next group of targets arrive while the sums of this one are made.
 template <typename T>
 void prefetch_for_writing([[maybe_unused]] T* to) {
 #if defined(__GNUC__)
@@ -68,9 +68,13 @@ void sum_whole(const TapSums<T>& in, std::int64_t target, std::int64_t first, co
     } else {
         for (int o = 0; o < Targets; ++o) {
             for (int p = 0; p < Packets; ++p) {
-                prefetch_for_writing(results.at(o, p));
                 sums[o][p] = Packet::Constant(in.starts[target + o]);
             }
+        }
+    }
+    for (int o = 0; o < Targets; ++o) {
+        for (int p = 0; p < Packets; ++p) {
+            prefetch_for_writing(results.at(o + Targets, p));
         }
     }
     for (std::int64_t k = 0; k < in.steps; ++k) {

@@ -160,18 +160,15 @@ bool max_pool_grad(const Tensor* gradient, const Tensor* positions, const PoolPl
         for_each_row(plan.planes, 1, in_size + out_size, [&](std::int64_t plane, std::int64_t /*row*/) {
             const T* g = static_cast<const T*>(gradient->getRawData()) + plane * out_size;
             const auto* at = static_cast<const std::int32_t*>(positions->getRawData()) + plane * out_size;
-            std::uint32_t highest = 0;
-            for (std::int64_t i = 0; i < out_size; ++i) {
-                highest = std::max(highest, static_cast<std::uint32_t>(at[i]));  // Negative ones are large numbers.
-            }
-            if (highest >= static_cast<std::uint32_t>(in_size)) {
-                inside = false;
-                return;
-            }
             T* x = static_cast<T*>(out->getRawData()) + plane * in_size;
             std::fill_n(x, in_size, T(0));
             for (std::int64_t i = 0; i < out_size; ++i) {
-                x[at[i]] += g[i];
+                const auto position = static_cast<std::uint32_t>(at[i]);  // Negative ones are large numbers.
+                if (position >= static_cast<std::uint32_t>(in_size)) {
+                    inside = false;
+                    return;
+                }
+                x[position] += g[i];
             }
         });
     });
