@@ -38,6 +38,19 @@ struct PlanOperand {
 using InnerLoop = void (*)(const void* function, char* const* data, const std::int64_t* stride0,
                            const std::int64_t* stride1, std::int64_t n0, std::int64_t n1);
 
+/// An inner loop with the function it applies.
+struct BoundLoop {
+    InnerLoop loop;
+    const void* function;
+    /// A few operations per element, so that memory is the limit of large operands.
+    bool is_light;
+
+    void operator()(char* const* data, const std::int64_t* stride0, const std::int64_t* stride1, std::int64_t n0,
+                    std::int64_t n1) const {
+        loop(function, data, stride0, stride1, n0, n1);
+    }
+};
+
 struct IterationPlan {
     std::vector<PlanOperand> operands;
     /// Extents of the shared axes, innermost first; empty for one element.
@@ -76,11 +89,11 @@ bool writes_each_place_once(const std::vector<std::int64_t>& sizes, const std::v
 IterationPlan make_plan(std::vector<PlanOperand> operands, std::int64_t numel);
 
 /// Walks the whole plan, in parallel where it pays.
-void run_plan(const IterationPlan& plan, InnerLoop loop, const void* function);
+void run_plan(const IterationPlan& plan, const BoundLoop& loop);
 
-/// The short way for contiguous operands, without a plan. At most max_contiguous_operands of them.
+/// The short way for contiguous operands, without a plan. At most max_contiguous_operands of them, outputs first.
 inline constexpr std::size_t max_contiguous_operands = 16;
-void run_contiguous(InnerLoop loop, const void* function, char* const* data, const std::int64_t* item_sizes,
+void run_contiguous(const BoundLoop& loop, char* const* data, const std::int64_t* item_sizes, std::size_t outputs,
                     std::size_t operands, std::int64_t numel);
 
 }  // namespace ornik

@@ -165,22 +165,23 @@ class MultiTensorIterationHelper {
     /// Calls function(in...) for every element and stores what it returns: the output's value, or a
     /// std::tuple of values when there are several outputs. Outs and Ins name the element types in the
     /// order the operands were added. The low 32 bits of the element count, taken as a signed number,
-    /// are what is walked. Does nothing when the first input is not on the CPU.
+    /// are what is walked. Does nothing when the first input is not on the CPU. For light functions: a large
+    /// output that no input shares is written past the caches.
     template <typename Outs, typename Ins, typename Function>
     void run(const Function& function) const {
         using Loop = detail::ElementLoop<Function, Outs, Ins>;
-        run_loop(where("ornik::MultiTensorIterationHelper::run", "include/descriptors/tensoriterator.h"), &Loop::run,
-                 &function, Loop::item_sizes, Loop::outputs, Loop::operands);
+        run_loop(where("ornik::MultiTensorIterationHelper::run", "include/descriptors/tensoriterator.h"),
+                 {&Loop::run, &function, true}, Loop::item_sizes, Loop::outputs, Loop::operands);
     }
 
-    /// The row form: calls function(n, out..., in...) with pointers to n contiguous elements of every
-    /// operand until all elements are done. An output may be an input, at the same places; outputs that
-    /// write one place more than once keep no particular value.
+    /// The row form, for functions with much to compute: calls function(n, out..., in...) with pointers to n contiguous
+    /// elements of every operand until all elements are done. An output may be an input, at the same places; outputs
+    /// that write one place more than once keep no particular value.
     template <typename Outs, typename Ins, typename Function>
     void run_rows(const Function& function) const {
         using Loop = detail::RowLoop<Function, Outs, Ins>;
-        run_loop(where("ornik::MultiTensorIterationHelper::run", "include/descriptors/tensoriterator.h"), &Loop::run,
-                 &function, Loop::item_sizes, Loop::outputs, Loop::operands);
+        run_loop(where("ornik::MultiTensorIterationHelper::run", "include/descriptors/tensoriterator.h"),
+                 {&Loop::run, &function, false}, Loop::item_sizes, Loop::outputs, Loop::operands);
     }
 
     const std::vector<TensorIterationHelper>& input_helpers() const { return input_helpers_; }
@@ -190,8 +191,8 @@ class MultiTensorIterationHelper {
     bool all_contiguous() const { return all_contiguous_; }
 
   private:
-    void run_loop(const Where& at, InnerLoop loop, const void* function, const std::int64_t* item_sizes,
-                  std::size_t outputs, std::size_t operands) const;
+    void run_loop(const Where& at, const BoundLoop& loop, const std::int64_t* item_sizes, std::size_t outputs,
+                  std::size_t operands) const;
 
     std::vector<TensorIterationHelper> input_helpers_;
     std::vector<TensorIterationHelper> output_helpers_;

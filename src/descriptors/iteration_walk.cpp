@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "descriptors/iteration_plan.h"
+#include "descriptors/streamed_loop.h"
 #include "descriptors/tile_transpose.h"
 #include "hardware/parallel.h"
 
@@ -53,7 +54,17 @@ void place(const IterationPlan& plan, std::size_t first_axis, std::int64_t index
 
 // ---- Plain walk: rows of axis 0, stacked along axis 1, over the flat range [begin, end) ----
 
-void walk_rows(const IterationPlan& plan, InnerLoop loop, const void* function, std::int64_t begin, std::int64_t end) {
+void walk_rows(const IterationPlan& plan, const BoundLoop& loop, std::int64_t begin, std::int64_t end) {
+    StreamedLoop streamed(loop);
+    for (std::size_t i = 0; i < plan.operands.size(); ++i) {
+        const PlanOperand& output = plan.operands[i];
+        if (output.is_output && !plan.serial && !output.strides.empty() && output.strides[0] == output.item_size) {
+            const bool in_place = std::any_of(plan.operands.begin(), plan.operands.end(), [&](const PlanOperand& o) {
+                return !o.is_output && o.data == output.data;
+            });
+            streamed.add_output(i, output.item_size, plan.numel, plan.sizes[0], in_place);
+        }
+    }
     const std::int64_t n0 = axis_size(plan, 0);
     const std::int64_t n1 = axis_size(plan, 1);
     const Steps step0 = steps_of_axis(plan, 0);
@@ -65,20 +76,20 @@ void walk_rows(const IterationPlan& plan, InnerLoop loop, const void* function, 
         const std::int64_t row = begin / n0 % n1;
         const std::int64_t whole_rows = column == 0 ? std::min((end - begin) / n0, n1 - row) : 0;
         if (whole_rows > 0) {
-            loop(function, pointers.data(), step0.data(), step1.data(), n0, whole_rows);
+            streamed.run(pointers.data(), pointers.size(), step0.data(), step1.data(), n0, whole_rows);
             begin += whole_rows * n0;
         } else {
             const std::int64_t count = std::min(end - begin, n0 - column);
-            loop(function, pointers.data(), step0.data(), step1.data(), count, 1);
+            streamed.run(pointers.data(), pointers.size(), step0.data(), step1.data(), count, 1);
             begin += count;
         }
     }
+    streamed.finish();
 }
 
 // ---- Ragged walk: operands of different shapes ----
 
-void walk_ragged(const IterationPlan& plan, InnerLoop loop, const void* function, std::int64_t begin,
-                 std::int64_t end) {
+void walk_ragged(const IterationPlan& plan, const BoundLoop& loop, std::int64_t begin, std::int64_t end) {
     Steps steps;
     Steps runs;  // How far each operand goes in even steps.
     for (const PlanOperand& operand : plan.operands) {
@@ -96,7 +107,7 @@ void walk_ragged(const IterationPlan& plan, InnerLoop loop, const void* function
             count = std::min(count, runs[i] - begin % runs[i]);
             pointers[i] = operand.data + operand.calculator.offset(begin) * operand.item_size;
         }
-        loop(function, pointers.data(), steps.data(), no_rows.data(), count, 1);
+        loop(pointers.data(), steps.data(), no_rows.data(), count, 1);
         begin += count;
     }
 }
@@ -130,8 +141,8 @@ bool is_staged(const PlanOperand& operand) {
            operand.strides[0] != 0;
 }
 
-void walk_tiles(const IterationPlan& plan, const TileGrid& grid, InnerLoop loop, const void* function,
-                std::int64_t begin, std::int64_t end) {
+void walk_tiles(const IterationPlan& plan, const TileGrid& grid, const BoundLoop& loop, std::int64_t begin,
+                std::int64_t end) {
     const std::size_t count = plan.operands.size();
     Steps step0 = steps_of_axis(plan, 0);
     Steps step1 = steps_of_axis(plan, 1);
@@ -165,36 +176,42 @@ void walk_tiles(const IterationPlan& plan, const TileGrid& grid, InnerLoop loop,
             }
             pointers[i] = buffers[i] ? buffers[i]->bytes : corner;
         }
-        loop(function, pointers.data(), step0.data(), step1.data(), n0, n1);
+        loop(pointers.data(), step0.data(), step1.data(), n0, n1);
     }
 }
 
 }  // namespace
 
-void run_plan(const IterationPlan& plan, InnerLoop loop, const void* function) {
+void run_plan(const IterationPlan& plan, const BoundLoop& loop) {
     if (plan.tiled) {
         const TileGrid grid = tile_grid(plan);
         const std::int64_t tiles = grid.outer * grid.count0 * grid.count1;
         const std::int64_t grain = plan.numel < grain_elements ? tiles + 1 : 1;
         parallel_for(tiles, 1, grain,
-                     [&](std::int64_t begin, std::int64_t end) { walk_tiles(plan, grid, loop, function, begin, end); });
+                     [&](std::int64_t begin, std::int64_t end) { walk_tiles(plan, grid, loop, begin, end); });
         return;
     }
     const auto walk = plan.ragged ? walk_ragged : walk_rows;
     const std::int64_t grain = plan.serial ? plan.numel + 1 : grain_elements;
     parallel_for(plan.numel, block_unit, grain,
-                 [&](std::int64_t begin, std::int64_t end) { walk(plan, loop, function, begin, end); });
+                 [&](std::int64_t begin, std::int64_t end) { walk(plan, loop, begin, end); });
 }
 
-void run_contiguous(InnerLoop loop, const void* function, char* const* data, const std::int64_t* item_sizes,
+void run_contiguous(const BoundLoop& loop, char* const* data, const std::int64_t* item_sizes, std::size_t outputs,
                     std::size_t operands, std::int64_t numel) {
     const std::int64_t no_rows[max_contiguous_operands] = {};
+    StreamedLoop streamed(loop);
+    for (std::size_t i = 0; i < outputs; ++i) {
+        const bool in_place = std::find(data + outputs, data + operands, data[i]) != data + operands;
+        streamed.add_output(i, item_sizes[i], numel, numel, in_place);
+    }
     parallel_for(numel, block_unit, grain_elements, [&](std::int64_t begin, std::int64_t end) {
         char* pointers[max_contiguous_operands];
         for (std::size_t i = 0; i < operands; ++i) {
             pointers[i] = data[i] + begin * item_sizes[i];
         }
-        loop(function, pointers, item_sizes, no_rows, end - begin, 1);
+        streamed.run(pointers, operands, item_sizes, no_rows, end - begin, 1);
+        streamed.finish();
     });
 }
 

@@ -77,9 +77,8 @@ void MultiTensorIterationHelper::build() {
     }
 }
 
-void MultiTensorIterationHelper::run_loop(const Where& at, InnerLoop loop, const void* function,
-                                          const std::int64_t* item_sizes, std::size_t outputs,
-                                          std::size_t operands) const {
+void MultiTensorIterationHelper::run_loop(const Where& at, const BoundLoop& loop, const std::int64_t* item_sizes,
+                                          std::size_t outputs, std::size_t operands) const {
     if (output_helpers_.empty()) {
         fail(at, "_out_args.size() >= 1");
     }
@@ -107,7 +106,7 @@ void MultiTensorIterationHelper::run_loop(const Where& at, InnerLoop loop, const
         for (std::size_t i = 0; i < operands; ++i) {
             data[i] = static_cast<char*>(operand(i).tensor->getRawData());
         }
-        run_contiguous(loop, function, data, item_sizes, operands, count);
+        run_contiguous(loop, data, item_sizes, outputs, operands, count);
         return;
     }
     std::vector<PlanOperand> plan_operands;
@@ -117,7 +116,7 @@ void MultiTensorIterationHelper::run_loop(const Where& at, InnerLoop loop, const
                                    item_sizes[i], i < outputs);
     }
     if (has_elements) {
-        run_plan(make_plan(std::move(plan_operands), count), loop, function);
+        run_plan(make_plan(std::move(plan_operands), count), loop);
     }
 }
 

@@ -234,6 +234,52 @@ TEST(Engine, SeveralOutputsAndAnOutputThatIsAnInput) {
     }
 }
 
+// Outputs beyond the caches take another way to memory. Two of different sizes at odd places, whole, by rows and in
+// place, with guards around them; then copies of such blocks.
+TEST(Engine, LargeOutputsAtOddPlaces) {
+    const std::int64_t rows = 3001, cols = 3003, numel = rows * cols;
+    const auto storage = [](std::int64_t dtype) { return TensorPtr(Tensor::full({rows * cols + 7}, 7.0F, 0, dtype)); };
+    const auto view = [&](const TensorPtr& t, std::int64_t offset, const Dims& strides) {
+        return TensorPtr(share_storage_tensor(t->getStorage(), {rows, cols}, strides, t->Dtype(), offset));
+    };
+    const auto value = [](std::int64_t i) { return static_cast<float>(i % 100'003); };
+    const TensorPtr base = storage(dtype::float32);
+    for (std::int64_t i = 0; i < base->Size(); ++i) {
+        static_cast<float*>(base->getRawData())[i] = value(i);
+    }
+    const TensorPtr whole = view(base, 0, {cols, 1}), one_row = view(base, 1, {0, 1});
+    for (const TensorPtr* input : {&whole, &one_row}) {
+        const TensorPtr singles = storage(dtype::float32), doubles = storage(dtype::float64);
+        const TensorPtr sum = view(singles, 3, {cols, 1}), wide = view(doubles, 1, {cols, 1});
+        MultiTensorIterationHelper helper;
+        helper.add_output(sum.get());
+        helper.add_output(wide.get());
+        helper.add_input(whole.get());
+        helper.add_input(input->get());
+        helper.build();
+        helper.run<TypeList<float, double>, TypeList<float, float>>(
+            [](float a, float b) { return std::tuple<float, double>(a + b, static_cast<double>(a) - b); });
+        const auto* a = static_cast<const float*>(singles->getRawData());
+        const auto* b = static_cast<const double*>(doubles->getRawData());
+        std::int64_t wrong = 0;
+        for (std::int64_t i = 0; i < numel; ++i) {
+            const float other = input == &whole ? value(i) : value(1 + i % cols);
+            wrong += (a[3 + i] != value(i) + other) + (b[1 + i] != static_cast<double>(value(i)) - other);
+        }
+        EXPECT_EQ(wrong, 0);
+        EXPECT_EQ(std::count(a, a + 3, 7.0F) + std::count(a + 3 + numel, a + numel + 7, 7.0F), 7);
+        EXPECT_EQ(std::count(b, b + 1, 7.0) + std::count(b + 1 + numel, b + numel + 7, 7.0), 7);
+    }
+    const TensorPtr copied = storage(dtype::float32);
+    const TensorPtr from = view(base, 2, {cols, 1}), to = view(copied, 5, {cols, 1});
+    copy_tensor(from.get(), to.get());
+    const auto* c = static_cast<const float*>(copied->getRawData());
+    EXPECT_EQ(std::memcmp(c + 5, static_cast<const float*>(base->getRawData()) + 2,
+                          static_cast<std::size_t>(numel) * sizeof(float)),
+              0);
+    EXPECT_EQ(std::count(c, c + 5, 7.0F) + std::count(c + 5 + numel, c + numel + 7, 7.0F), 7);
+}
+
 TEST(Engine, OutputsOfOnePlaceKeepTheLastValue) {
     const TensorPtr rows = make<std::int32_t>({2, 3}, counted<std::int32_t>(6, 10), Layout::transposed);
     const TensorPtr columns = make<std::int32_t>({3, 2}, counted<std::int32_t>(6, 100));

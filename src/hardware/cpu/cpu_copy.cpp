@@ -1,7 +1,6 @@
 // cpu_copy.cpp: copies and conversions between tensors.
-#include <cstring>
-
 #include "descriptors/tensoriterator.h"
+#include "hardware/cpu/block_copy.h"
 #include "hardware/cpu/cpu_core.h"
 #include "hardware/cpu/dispatch.h"
 #include "hardware/cpu/element_convert.h"
@@ -54,8 +53,9 @@ void copy(const Tensor* in, Tensor* out) {
     }
     const char* source = static_cast<const char*>(in->getRawData());
     char* target = static_cast<char*>(out->getRawData());
-    parallel_for(in->Size() * in->itemsize(), 64, grain_bytes, [&](std::int64_t begin, std::int64_t end) {
-        std::memcpy(target + begin, source + begin, static_cast<std::size_t>(end - begin));
+    const std::int64_t total = in->Size() * in->itemsize();
+    parallel_for(total, 64, grain_bytes, [&](std::int64_t begin, std::int64_t end) {
+        copy_block(target + begin, source + begin, end - begin, total);
     });
 }
 

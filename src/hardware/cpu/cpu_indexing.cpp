@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "hardware/cpu/block_copy.h"
 #include "hardware/cpu/dispatch.h"
 #include "hardware/cpu/element_sum.h"
 #include "hardware/cpu/item_bytes.h"
@@ -88,14 +89,15 @@ void copy_items(const char* source, char* target, std::int64_t begin, std::int64
 }
 
 template <typename Item>
-void copy_run(const CopyAxis& axis, const char* source, char* target, std::int64_t begin, std::int64_t end) {
+void copy_run(const CopyAxis& axis, const char* source, char* target, std::int64_t begin, std::int64_t end,
+              std::int64_t total) {
     constexpr std::int64_t size = sizeof(Item);
     const Side from = axis.from;
     const Side to = axis.to;
     const auto regular = [](std::int64_t step) { return [step](std::int64_t i) { return i * step; }; };
     const auto listed = [](Side side) { return [side](std::int64_t i) { return side.positions[i] * side.step; }; };
     if (axis.is_regular() && from.step == size && to.step == size) {
-        std::memcpy(target + begin * size, source + begin * size, static_cast<std::size_t>((end - begin) * size));
+        copy_block(target + begin * size, source + begin * size, (end - begin) * size, total);
     } else if (axis.is_regular()) {
         copy_items<Item>(source, target, begin, end, regular(from.step), regular(to.step));
     } else if (to.positions == nullptr) {
@@ -117,6 +119,7 @@ void run_copy(const IndexedCopy& copy) {
     for (std::size_t k = 0; k < outer_axes; ++k) {
         rows *= copy.axes[k].count;
     }
+    const std::int64_t total = rows * last.count * copy.item_size;
     const std::int64_t run_bytes = std::min(last.count, run_length) * copy.item_size;
     parallel_for(rows * runs, 1, std::max<std::int64_t>(2, 2 * grain_bytes / run_bytes),
                  [&](std::int64_t begin, std::int64_t end) {
@@ -136,7 +139,7 @@ void run_copy(const IndexedCopy& copy) {
                          }
                          for (; run < runs && unit < end; ++run, ++unit) {
                              copy_run<Item>(last, source, target, run * run_length,
-                                            std::min(last.count, (run + 1) * run_length));
+                                            std::min(last.count, (run + 1) * run_length), total);
                          }
                          run = 0;
                          for (std::size_t k = outer_axes; k-- > 0 && ++index[k] == copy.axes[k].count;) {
