@@ -7,7 +7,7 @@ namespace ornik::device::cpu {
 
 /// Targets of so many bytes do not stay in the caches that all processors share: whatever is written past the caches
 /// does not have to be read first, which is a third of a copy's traffic.
-inline constexpr std::int64_t streaming_bytes = std::int64_t{32} << 20;
+inline constexpr std::int64_t streaming_bytes = std::int64_t{24} << 20;
 
 /// Copies `bytes` bytes between blocks that do not overlap. They are part of a target of `total` bytes.
 void copy_block(void* to, const void* from, std::int64_t bytes, std::int64_t total);

@@ -18,6 +18,7 @@ namespace {
 // slots.
 constexpr std::int64_t shared_steps = 288;
 constexpr std::int64_t linear_steps = 144;
+constexpr std::int64_t worthwhile_width = 16;    // positions of a row that make up for one unused
 constexpr std::int64_t most_positions = 384;     // of a tile
 constexpr std::int64_t packets_together = 3;     // that tap_sums takes at a time
 constexpr std::int64_t plenty_of_tiles = 16;     // fewer are cut by target channels, too
@@ -114,9 +115,11 @@ class SlotSum {
                     SlotLayout::shared};
         }
         const std::int64_t packet = tap_packet<Real<T>>() / parts<T>;
-        const std::int64_t in_last = pass.cols.positions % packet;
-        return {pass, choose_tile(pass, most_positions, packets_together * packet),
-                in_last == 0 || pass.cols.taps.size() == 1 ? SlotLayout::shared : SlotLayout::linear};
+        const std::int64_t width = pass.cols.positions;
+        const std::int64_t unused = (packet - width % packet) % packet;  // of a row's last packet
+        return {
+            pass, choose_tile(pass, most_positions, packets_together * packet),
+            unused * worthwhile_width <= width || pass.cols.taps.size() == 1 ? SlotLayout::shared : SlotLayout::linear};
     }
 
     std::int64_t channels_per_block() const {

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "descriptors/tensoriterator.h"
+#include "hardware/cpu/block_copy.h"
 #include "hardware/cpu/dispatch.h"
 #include "hardware/cpu/nn/cpu_normalization.h"
 #include "row_sums.h"
@@ -16,12 +17,44 @@ double reciprocal_deviation(T variance, double eps) {
     return 1 / std::sqrt(static_cast<double>(variance) + eps);
 }
 
-// Calls row(i) for every row, in parallel.
-template <typename Row>
-void for_each_row(const Tensor* t, std::int64_t cols, const Row& row) {
-    parallel_for(t->Size() / cols, 1, grain_of_items(cols), [&](std::int64_t begin, std::int64_t end) {
+// The rows of an output, for one thread. Those of one that no cache can hold are written past the caches.
+template <typename T>
+class RowWriter {
+  public:
+    RowWriter(Tensor* out, std::int64_t cols)
+        : data_(static_cast<T*>(out->getRawData())),
+          cols_(cols),
+          buffer_(out->Size() * out->itemsize() >= streaming_bytes ? static_cast<std::size_t>(cols) : 0) {}
+    ~RowWriter() {
+        if (!buffer_.empty()) {
+            finish_streams();
+        }
+    }
+    RowWriter(const RowWriter&) = delete;
+    RowWriter& operator=(const RowWriter&) = delete;
+
+    /// Where to put row i before done(i).
+    T* row(std::int64_t i) { return buffer_.empty() ? data_ + i * cols_ : buffer_.data(); }
+    void done(std::int64_t i) {
+        if (!buffer_.empty()) {
+            stream_block(data_ + i * cols_, buffer_.data(), cols_ * static_cast<std::int64_t>(sizeof(T)));
+        }
+    }
+
+  private:
+    T* data_;
+    std::int64_t cols_;
+    std::vector<T> buffer_;
+};
+
+// Calls row(i, place of row i in `out`) for every row, in parallel.
+template <typename T, typename Row>
+void for_each_row(Tensor* out, std::int64_t cols, const Row& row) {
+    parallel_for(out->Size() / cols, 1, grain_of_items(cols), [&](std::int64_t begin, std::int64_t end) {
+        RowWriter<T> writer(out, cols);
         for (std::int64_t i = begin; i < end; ++i) {
-            row(i);
+            row(i, writer.row(i));
+            writer.done(i);
         }
     });
 }
@@ -51,7 +84,7 @@ void store(const std::vector<double>& sums, Tensor* out) {
 template <typename T>
 class LayerNormGradients {
   public:
-    LayerNormGradients(const NormGradient& from, std::int64_t cols, double eps, Tensor* out)
+    LayerNormGradients(const NormGradient& from, std::int64_t cols, double eps)
         : cols_(cols),
           rows_(from.input->Size() / cols),
           eps_(eps),
@@ -59,16 +92,14 @@ class LayerNormGradients {
           input_(static_cast<const T*>(from.input->getRawData())),
           gradient_(static_cast<const T*>(from.gradient->getRawData())),
           mean_(static_cast<const T*>(from.mean->getRawData())),
-          variance_(static_cast<const T*>(from.variance->getRawData())),
-          out_(out == nullptr ? nullptr : static_cast<T*>(out->getRawData())) {}
+          variance_(static_cast<const T*>(from.variance->getRawData())) {}
 
     std::int64_t rows() const { return rows_; }
 
     // The input's gradient, of one row.
-    void write_row(std::int64_t i) const {
+    void write_row(std::int64_t i, T* y) const {
         const T* x = input_ + i * cols_;
         const T* g = gradient_ + i * cols_;
-        T* y = out_ + i * cols_;
         const T* gamma = gammas_.data;
         const T center = mean_[i];
         const double deviation = reciprocal_deviation(variance_[i], eps_);
@@ -99,11 +130,12 @@ class LayerNormGradients {
     }
 
     // All rows, and the sums for gamma and beta while a few rows are in cache.
-    std::array<std::vector<double>, 2> all() const {
+    std::array<std::vector<double>, 2> write_all(Tensor* out) const {
         const std::int64_t chunks = column_chunks(rows_);
         std::array<std::vector<double>, 2> partial;
         partial.fill(std::vector<double>(static_cast<std::size_t>(chunks * cols_)));
         parallel_for(chunks, 1, 2, [&](std::int64_t begin, std::int64_t end) {
+            RowWriter<T> writer(out, cols_);
             std::vector<T> gamma_sums(static_cast<std::size_t>(cols_)), beta_sums(gamma_sums.size());
             for (std::int64_t chunk = begin; chunk < end; ++chunk) {
                 std::fill(gamma_sums.begin(), gamma_sums.end(), T(0));
@@ -112,7 +144,8 @@ class LayerNormGradients {
                 for (std::int64_t i = chunk * column_chunk; i < last; i += 4) {
                     const std::int64_t few = std::min(last, i + 4);
                     for (std::int64_t row = i; row < few; ++row) {
-                        write_row(row);
+                        write_row(row, writer.row(row));
+                        writer.done(row);
                     }
                     add_rows(i, few, 0, cols_, gamma_terms(), gamma_sums.data());
                     add_rows(i, few, 0, cols_, beta_terms(), beta_sums.data());
@@ -133,7 +166,6 @@ class LayerNormGradients {
     const T* gradient_;
     const T* mean_;
     const T* variance_;
-    T* out_;
 };
 
 }  // namespace
@@ -143,9 +175,8 @@ void layer_norm(const Tensor* input, std::int64_t cols, double eps, const Tensor
     dispatch(FloatTypes{}, input->Dtype(), [&]<typename T>() {
         const Values<T> gammas(gamma, cols, T(1));
         const Values<T> betas(beta, cols, T(0));
-        for_each_row(input, cols, [&](std::int64_t i) {
+        for_each_row<T>(out, cols, [&](std::int64_t i, T* y) {
             const T* x = static_cast<const T*>(input->getRawData()) + i * cols;
-            T* y = static_cast<T*>(out->getRawData()) + i * cols;
             const Moments moments = row_moments(x, cols);
             const T center = static_cast<T>(moments.mean);
             const T rstd = static_cast<T>(1 / std::sqrt(moments.variance() + eps));
@@ -164,15 +195,15 @@ void layer_norm(const Tensor* input, std::int64_t cols, double eps, const Tensor
 void layer_norm_grads(const NormGradient& from, std::int64_t cols, double eps, Tensor* input_gradient,
                       Tensor* gamma_gradient, Tensor* beta_gradient) {
     dispatch(FloatTypes{}, from.input->Dtype(), [&]<typename T>() {
-        const LayerNormGradients<T> gradients(from, cols, eps, input_gradient);
+        const LayerNormGradients<T> gradients(from, cols, eps);
         std::array<std::vector<double>, 2> sums;
         // One pass over memory where there are enough chunks of rows for all workers; the same bits.
         if (input_gradient != nullptr && gamma_gradient != nullptr && beta_gradient != nullptr &&
             gradients.rows() >= least_chunks * column_chunk) {
-            sums = gradients.all();
+            sums = gradients.write_all(input_gradient);
         } else {
             if (input_gradient != nullptr) {
-                for_each_row(from.input, cols, [&](std::int64_t i) { gradients.write_row(i); });
+                for_each_row<T>(input_gradient, cols, [&](std::int64_t i, T* y) { gradients.write_row(i, y); });
             }
             if (gamma_gradient != nullptr) {
                 sums[0] = column_sums<T>(gradients.rows(), cols, gradients.gamma_terms());
