@@ -19,7 +19,7 @@ namespace {
 constexpr std::int64_t shared_steps = 288;
 constexpr std::int64_t linear_steps = 144;
 constexpr std::int64_t worthwhile_width = 16;    // positions of a row that make up for one unused
-constexpr std::int64_t most_positions = 384;     // of a tile
+constexpr std::int64_t most_positions = 400;     // of a tile
 constexpr std::int64_t packets_together = 3;     // that tap_sums takes at a time
 constexpr std::int64_t plenty_of_tiles = 16;     // fewer are cut by target channels, too
 constexpr std::int64_t least_cut_channels = 32;  // a cut stages its source once more: not below this
