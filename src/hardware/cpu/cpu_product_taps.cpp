@@ -18,6 +18,12 @@ Block<T, N> load(const T* from) {
     return Eigen::Map<const Block<T, N>>(from);
 }
 
+template <typename T, int N>
+void store(const Block<T, N>& values, T* to) {
+    Eigen::Map<Block<T, N>> place{to};
+    place = values;
+}
+
 #if defined(__AVX512F__)
 constexpr int vector_bytes = 64;
 #else
@@ -35,34 +41,38 @@ void prefetch_for_writing([[maybe_unused]] T* to) {
 #endif
 }
 
-// Results of whole packets: target o's of packet p are at first + o * stride + packets[p].
-template <typename T, int Packets>
-struct Results {
-    T* first;
-    std::int64_t stride;
-    std::int64_t packets[Packets];
+// Packets that are summed together.
+template <int Packets>
+struct TapSet {
+    std::int64_t slots[Packets];
+    std::int64_t outs[Packets];
+    std::int64_t counts[Packets];
 
-    T* at(int o, int p) const { return first + o * stride + packets[p]; }
+    explicit TapSet(const TapPacket* packets) {
+        for (int p = 0; p < Packets; ++p) {
+            slots[p] = packets[p].slot;
+            outs[p] = packets[p].out;
+            counts[p] = packets[p].count;
+        }
+    }
 };
 
-// Packets [first, first + Packets) of the targets [target, target + Targets). All sums stay in registers, and the
-// operands of one step with them: twelve sums, three packets and a weight where there are sixteen registers.
-template <typename T, int Targets, int Packets>
-void sum_whole(const TapSums<T>& in, std::int64_t target, std::int64_t first, const Results<T, Packets>& results) {
+// The targets [target, target + Targets) of whole packets; results of target o are at out + o * stride + outs[]. All
+// sums stay in registers, and the operands of one step with them: twelve sums, three packets and a weight where there
+// are sixteen registers. Inlined into the loops over sets it would share its registers with theirs.
+template <int Targets, int Packets, typename T>
+[[gnu::noinline]] void sum_whole(const TapSums<T>& in, std::int64_t target, const TapSet<Packets>& set,
+                                 const std::int64_t* outs, T* out, std::int64_t stride) {
     using Packet = Block<T, packet<T>>;
-    const T* slots[Packets];
     const T* weights[Targets];
     Packet sums[Targets][Packets];
-    for (int p = 0; p < Packets; ++p) {
-        slots[p] = in.slots + in.packets[first + p].slot;
-    }
     for (int o = 0; o < Targets; ++o) {
         weights[o] = in.weights + in.target_weights[target + o];
     }
     if (in.starts == nullptr) {
         for (int o = 0; o < Targets; ++o) {
             for (int p = 0; p < Packets; ++p) {
-                sums[o][p] = load<packet<T>>(results.at(o, p));
+                sums[o][p] = load<packet<T>>(out + o * stride + outs[p]);
             }
         }
     } else {
@@ -72,17 +82,17 @@ void sum_whole(const TapSums<T>& in, std::int64_t target, std::int64_t first, co
             }
         }
     }
-    for (int o = 0; o < Targets; ++o) {
+    for (int o = Targets; o < 2 * Targets; ++o) {
         for (int p = 0; p < Packets; ++p) {
-            prefetch_for_writing(results.at(o + Targets, p));
+            prefetch_for_writing(out + o * stride + outs[p]);
         }
     }
     for (std::int64_t k = 0; k < in.steps; ++k) {
-        const std::int64_t slot_step = in.step_slots[k];
+        const T* slots = in.slots + in.step_slots[k];
         const std::int64_t weight_step = in.step_weights[k];
         Packet values[Packets];
         for (int p = 0; p < Packets; ++p) {
-            values[p] = load<packet<T>>(slots[p] + slot_step);
+            values[p] = load<packet<T>>(slots + set.slots[p]);
         }
         for (int o = 0; o < Targets; ++o) {
             const Packet weight = Packet::Constant(weights[o][weight_step]);
@@ -93,78 +103,75 @@ void sum_whole(const TapSums<T>& in, std::int64_t target, std::int64_t first, co
     }
     for (int o = 0; o < Targets; ++o) {
         for (int p = 0; p < Packets; ++p) {
-            Eigen::Map<Packet>(results.at(o, p)) = sums[o][p];
+            store(sums[o][p], out + o * stride + outs[p]);
         }
     }
 }
 
-template <typename T, int Targets, int Packets>
-void sum_packets(const TapSums<T>& in, std::int64_t target, std::int64_t first) {
-    const TapPacket* packets = in.packets + first;
-    Results<T, Packets> results{in.out + target * in.out_stride, in.out_stride, {}};
-    bool whole = true;
-    for (int p = 0; p < Packets; ++p) {
-        results.packets[p] = packets[p].out;
-        whole = whole && packets[p].count == packet<T>;
-    }
-    if (whole) {
-        sum_whole<T, Targets, Packets>(in, target, first, results);
+template <int Targets, int Packets, typename T>
+void sum_set(const TapSums<T>& in, std::int64_t target, const TapSet<Packets>& set) {
+    T* out = in.out + target * in.out_stride;
+    if (std::all_of(set.counts, set.counts + Packets, [](std::int64_t count) { return count == packet<T>; })) {
+        sum_whole<Targets>(in, target, set, set.outs, out, in.out_stride);
         return;
     }
     // Cut packets are completed in a copy.
-    T copies[Targets][Packets * packet<T>] = {};
-    Results<T, Packets> copied{copies[0], Packets * packet<T>, {}};
+    constexpr std::int64_t copied_row = Packets * packet<T>;
+    T copies[Targets][copied_row] = {};
+    std::int64_t copied[Packets];
     for (int p = 0; p < Packets; ++p) {
-        copied.packets[p] = p * packet<T>;
+        copied[p] = p * packet<T>;
         for (int o = 0; o < Targets && in.starts == nullptr; ++o) {
-            std::copy_n(results.at(o, p), packets[p].count, copied.at(o, p));
+            std::copy_n(out + o * in.out_stride + set.outs[p], set.counts[p], copies[o] + copied[p]);
         }
     }
-    sum_whole<T, Targets, Packets>(in, target, first, copied);
+    sum_whole<Targets>(in, target, set, copied, copies[0], copied_row);
     for (int p = 0; p < Packets; ++p) {
         for (int o = 0; o < Targets; ++o) {
-            std::copy_n(copied.at(o, p), packets[p].count, results.at(o, p));
+            std::copy_n(copies[o] + copied[p], set.counts[p], out + o * in.out_stride + set.outs[p]);
         }
     }
 }
 
-template <typename T, int Packets>
-void sum_targets(const TapSums<T>& in, std::int64_t target, std::int64_t first) {
+// A set's slots stay near for all targets.
+template <int Packets, typename T>
+void sum_targets(const TapSums<T>& in, const TapSet<Packets>& set) {
+    std::int64_t target = 0;
+    for (; target + tap_targets <= in.targets; target += tap_targets) {
+        sum_set<tap_targets>(in, target, set);
+    }
     switch (in.targets - target) {
         case 1:
-            return sum_packets<T, 1, Packets>(in, target, first);
+            return sum_set<1>(in, target, set);
         case 2:
-            return sum_packets<T, 2, Packets>(in, target, first);
+            return sum_set<2>(in, target, set);
         case 3:
-            return sum_packets<T, 3, Packets>(in, target, first);
+            return sum_set<3>(in, target, set);
         default:
-            return sum_packets<T, tap_targets, Packets>(in, target, first);
+            return;
     }
 }
 
-// A set's slots stay near for all targets. Sets of three, but no set of one if it can be helped: its few sums would
-// wait for each other.
-template <typename T, int Packets>
+// Sets of three, but no set of one if it can be helped: its few sums would wait for each other.
+template <int Packets, typename T>
 void sum_sets(const TapSums<T>& in, std::int64_t first) {
     std::int64_t left = in.packet_count - first;
     for (; left >= Packets && (Packets != 3 || left != 4); left -= Packets, first += Packets) {
-        for (std::int64_t target = 0; target < in.targets; target += tap_targets) {
-            sum_targets<T, Packets>(in, target, first);
-        }
+        sum_targets(in, TapSet<Packets>(in.packets + first));
     }
     if constexpr (Packets > 1) {
-        sum_sets<T, Packets - 1>(in, first);
+        sum_sets<Packets - 1>(in, first);
     }
 }
 
 // The same for one target, whose sets are larger.
-template <typename T, int Packets>
+template <int Packets, typename T>
 void sum_single(const TapSums<T>& in, std::int64_t first) {
     for (; in.packet_count - first >= Packets; first += Packets) {
-        sum_packets<T, 1, Packets>(in, 0, first);
+        sum_set<1>(in, 0, TapSet<Packets>(in.packets + first));
     }
     if constexpr (Packets > 1) {
-        sum_single<T, Packets / 2>(in, first);
+        sum_single<Packets / 2>(in, first);
     }
 }
 
@@ -220,9 +227,9 @@ std::int64_t tap_packet() {
 template <typename T>
 void tap_sums(const TapSums<T>& sums) {
     if (sums.targets == 1) {
-        sum_single<T, 8>(sums, 0);
+        sum_single<8>(sums, 0);
     } else {
-        sum_sets<T, 3>(sums, 0);
+        sum_sets<3>(sums, 0);
     }
 }
 

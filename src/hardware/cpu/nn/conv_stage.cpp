@@ -2,10 +2,11 @@
 
 namespace ornik::device::cpu {
 
-StagePlan::StagePlan(const ConvPass& conv_pass, TileShape tile_shape, SlotLayout slot_layout)
+StagePlan::StagePlan(const ConvPass& conv_pass, TileShape tile_shape, SlotLayout slot_layout, std::int64_t rest_cols)
     : pass(conv_pass),
       tile(tile_shape),
       layout(slot_layout),
+      rest(rest_cols),
       row_tiles((pass.rows.positions + tile.rows - 1) / tile.rows),
       col_tiles((pass.cols.positions + tile.cols - 1) / tile.cols) {
     const bool linear = layout == SlotLayout::linear;
@@ -19,6 +20,19 @@ StagePlan::StagePlan(const ConvPass& conv_pass, TileShape tile_shape, SlotLayout
         for (std::size_t j = 0; j < pass.cols.taps.size(); ++j) {
             taps.push_back(rows.tap_slots[i] * slot_row + place(cols.tap_slots[j]));
             kernels.push_back(pass.rows.taps[i].kernel * pass.kernel_cols + pass.cols.taps[j].kernel);
+        }
+    }
+    if (rest > 0) {
+        for (const std::int64_t row : rows.tap_slots) {
+            for (std::size_t j = 0; j < cols.tap_slots.size(); ++j) {
+                rest_taps.push_back(plane + (static_cast<std::int64_t>(j) * rows.count + row) * rest);
+            }
+        }
+        for (const std::int64_t col : cols.tap_slots) {
+            for (std::int64_t row = 0; row < rows.count; ++row) {
+                rest_copies_.push_back({plane, row * slot_row + col + tile.cols - rest});
+                plane += rest;
+            }
         }
     }
     for (std::int64_t index = 0; index < tiles(); ++index) {

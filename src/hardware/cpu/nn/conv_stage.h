@@ -64,22 +64,34 @@ struct StageSpan {
     std::int64_t count;
 };
 
+/// A row of slots that is copied from others.
+struct RestCopy {
+    std::int64_t slot;
+    std::int64_t from;
+};
+
 /// Tiles of one pass with their slots.
 class StagePlan {
   public:
-    StagePlan(const ConvPass& conv_pass, TileShape tile_shape, SlotLayout slot_layout);
+    /// With shared slots, those of the last `rest_cols` columns of positions may be had without gaps, too: behind the
+    /// others, with rows of their own for every tap of a row.
+    StagePlan(const ConvPass& conv_pass, TileShape tile_shape, SlotLayout slot_layout, std::int64_t rest_cols = 0);
 
     ConvPass pass;
     TileShape tile;
     SlotLayout layout;
+    std::int64_t rest;
     std::int64_t row_tiles;
     std::int64_t col_tiles;
-    std::int64_t plane;                 // slots of one channel
-    std::int64_t slot_row;              // slots from one row of positions to the next
-    std::vector<std::int64_t> taps;     // slot of the tile's first position, per tap
-    std::vector<std::int64_t> kernels;  // position in the kernel, per tap
+    std::int64_t plane;                   // slots of one channel
+    std::int64_t slot_row;                // slots from one row of positions to the next
+    std::vector<std::int64_t> taps;       // slot of the tile's first position, per tap
+    std::vector<std::int64_t> rest_taps;  // the same for the first position of the rest
+    std::vector<std::int64_t> kernels;    // position in the kernel, per tap
 
     std::int64_t tiles() const { return row_tiles * col_tiles; }
+    /// Where the rows of the rest come from, in order.
+    const std::vector<RestCopy>& rest_copies() const { return rest_copies_; }
     /// The slots of a tile, in order.
     std::span<const StageSpan> spans(std::int64_t index) const {
         const auto tile_index = static_cast<std::size_t>(index);
@@ -89,6 +101,7 @@ class StagePlan {
   private:
     void add_span(std::int64_t slot, std::int64_t length, std::int64_t row, std::int64_t col);
 
+    std::vector<RestCopy> rest_copies_;
     std::vector<StageSpan> spans_;
     std::vector<std::size_t> first_spans_;  // per tile, and the end
 };
@@ -155,6 +168,12 @@ void stage_planes(const StagePlan& plan, const Tile& tile, const T* source, std:
                 }
             }
             zero_pieces(to + span.begin + span.count, span.length - span.begin - span.count);
+        }
+        // What is copied beyond the end of a row is written over by the next one.
+        for (const RestCopy& copy : plan.rest_copies()) {
+            for (std::int64_t i = 0; i < plan.rest; i += piece<T>) {
+                copy_piece(slots + c * plan.plane + copy.from + i, slots + c * plan.plane + copy.slot + i);
+            }
         }
     }
 }

@@ -19,6 +19,7 @@ namespace {
 constexpr std::int64_t shared_steps = 288;
 constexpr std::int64_t linear_steps = 144;
 constexpr std::int64_t worthwhile_width = 16;    // positions of a row that make up for one unused
+constexpr std::int64_t worthwhile_rest = 4;      // the same, of those behind the row's last whole packet
 constexpr std::int64_t most_positions = 400;     // of a tile
 constexpr std::int64_t packets_together = 3;     // that tap_sums takes at a time
 constexpr std::int64_t plenty_of_tiles = 16;     // fewer are cut by target channels, too
@@ -32,6 +33,13 @@ constexpr std::int64_t few_most_positions = 4096;
 constexpr std::int64_t few_tile_slots = 1 << 16;   // of all channels together
 constexpr std::int64_t few_block_slots = 1 << 14;  // of a block of channels
 
+// Positions of a tile that tap_sums() takes together.
+struct Positions {
+    std::vector<std::int64_t> step_slots;  // per (channel of a block, tap)
+    std::vector<TapPacket> packets;        // of a whole tile
+    std::vector<TapPacket> last_packets;
+};
+
 template <typename T>
 class SlotSum {
   public:
@@ -41,21 +49,28 @@ class SlotSum {
           bias_(bias),
           target_(target),
           in_place_(pass.fills_target() && parts<T> == 1),
-          plan_(plan_for(pass.is_pointwise() && pass.fills_target() ? pass.as_one_row() : pass, sum)),
+          plan_(plan_for(pass.is_pointwise() && pass.fills_target() ? pass.as_one_row() : pass, sum, in_place_)),
           block_channels_(channels_per_block()) {
         cut_targets();
         for (std::int64_t c = 0; c < block_channels_; ++c) {
             for (const std::int64_t tap : plan_.taps) {
-                step_slots_.push_back((c * plan_.plane + tap) * parts<T>);
+                whole_.step_slots.push_back((c * plan_.plane + tap) * parts<T>);
                 step_weights_.push_back(static_cast<std::int64_t>(step_weights_.size()) * tap_targets);
+            }
+            for (const std::int64_t tap : plan_.rest_taps) {
+                rest_.step_slots.push_back(c * plan_.plane + tap);
             }
         }
         for (std::int64_t o = 0; o < cut_channels_ * parts<T>; ++o) {
             target_weights_.push_back(o / tap_targets * block_channels_ * taps() * tap_targets + o % tap_targets);
         }
         zeros_.resize(static_cast<std::size_t>(cut_channels_ * parts<T>));
-        packets_ = packets_of(Tile(plan_, 0));
-        last_packets_ = packets_of(Tile(plan_, plan_.tiles() - 1));
+        const Tile first(plan_, 0);
+        const Tile last(plan_, plan_.tiles() - 1);
+        whole_.packets = packets_of(first);
+        whole_.last_packets = packets_of(last);
+        rest_.packets = rest_packets(first);
+        rest_.last_packets = rest_packets(last);
         blocks_ = (sum.source_channels + block_channels_ - 1) / block_channels_;
         weights_ = std::make_unique<Scratch<Real<T>>>(sum.groups * blocks_ * block_weights());
         gather_weights(weight);
@@ -65,7 +80,7 @@ class SlotSum {
     std::int64_t cuts() const { return cuts_; }
     WorkspaceSize size() const {
         const std::int64_t results = plan_.tile.rows * plan_.tile.cols * cut_channels_;
-        return {block_channels_ * plan_.plane, in_place_ ? 0 : results * parts<T>,
+        return {block_channels_ * plan_.plane, in_place_ ? cut_channels_ * rest_row() : results * parts<T>,
                 results * sum_.source_channels * taps()};
     }
 
@@ -76,7 +91,6 @@ class SlotSum {
         const std::int64_t group = part % sum_.groups;
         const std::int64_t channels = std::min(cut_channels_, sum_.target_channels - cut);
         const bool whole = tile.rows == plan_.tile.rows && tile.cols == plan_.tile.cols;
-        const std::vector<TapPacket>& packets = whole ? packets_ : last_packets_;
         T* target = target_ + (part * sum_.target_channels + cut) * pass.target_plane();
         T* out = in_place_ ? target + tile.row * pass.cols.positions + tile.col : workspace.local.get();
         const std::int64_t out_stride = in_place_ ? pass.target_plane() : tile.positions();
@@ -91,10 +105,22 @@ class SlotSum {
             const std::int64_t steps = block * taps();
             const Real<T>* weights = weights_->get() + (group * blocks_ + first / block_channels_) * block_weights() +
                                      cut * parts<T> * block_channels_ * taps();
-            tap_sums<Real<T>>({as_real(workspace.slots.get()), step_slots_.data(), weights, step_weights_.data(),
-                               target_weights_.data(), steps, channels * parts<T>, first == 0 ? starts : nullptr,
-                               packets.data(), static_cast<std::int64_t>(packets.size()), as_real(out),
-                               out_stride * parts<T>});
+            const auto add = [&](const Positions& positions, T* results, std::int64_t stride) {
+                const std::vector<TapPacket>& packets = whole ? positions.packets : positions.last_packets;
+                tap_sums<Real<T>>({as_real(workspace.slots.get()), positions.step_slots.data(), weights,
+                                   step_weights_.data(), target_weights_.data(), steps, channels * parts<T>,
+                                   first == 0 ? starts : nullptr, packets.data(),
+                                   static_cast<std::int64_t>(packets.size()), as_real(results), stride * parts<T>});
+            };
+            add(whole_, out, out_stride);
+            if (plan_.rest > 0) {
+                add(rest_, workspace.local.get(), rest_row());
+            }
+        }
+        if (plan_.rest > 0) {
+            for (std::int64_t o = 0; o < channels; ++o) {
+                write_rest(tile, workspace.local.get() + o * rest_row(), out + o * out_stride);
+            }
         }
         for (std::int64_t o = 0; o < channels && !in_place_; ++o) {
             T* results = out + o * parts<T> * out_stride;
@@ -108,18 +134,23 @@ class SlotSum {
   private:
     std::int64_t taps() const { return static_cast<std::int64_t>(plan_.taps.size()); }
 
-    static StagePlan plan_for(const ConvPass& pass, const ConvSum& sum) {
+    static StagePlan plan_for(const ConvPass& pass, const ConvSum& sum, bool in_place) {
         if (sum.target_channels * parts<T> <= few_targets) {
             const std::int64_t fitting = few_tile_slots / std::max<std::int64_t>(1, sum.source_channels);
             return {pass, choose_tile(pass, std::clamp(fitting, few_least_positions, few_most_positions), 1),
                     SlotLayout::shared};
         }
         const std::int64_t packet = tap_packet<Real<T>>() / parts<T>;
-        const std::int64_t width = pass.cols.positions;
-        const std::int64_t unused = (packet - width % packet) % packet;  // of a row's last packet
-        return {
-            pass, choose_tile(pass, most_positions, packets_together * packet),
-            unused * worthwhile_width <= width || pass.cols.taps.size() == 1 ? SlotLayout::shared : SlotLayout::linear};
+        const TileShape tile = choose_tile(pass, most_positions, packets_together * packet);
+        const std::int64_t rest = tile.cols % packet;
+        const std::int64_t unused = (packet - rest) % packet;
+        if (tile.rows == 1 || pass.cols.taps.size() == 1 || unused * worthwhile_rest <= rest) {
+            return {pass, tile, SlotLayout::shared};
+        }
+        if (in_place && rest < tile.cols) {
+            return {pass, tile, SlotLayout::shared, rest};
+        }
+        return {pass, tile, unused * worthwhile_width <= tile.cols ? SlotLayout::shared : SlotLayout::linear};
     }
 
     std::int64_t channels_per_block() const {
@@ -149,11 +180,33 @@ class SlotSum {
         const std::int64_t cols = (gapless ? tile.positions() : tile.cols) * parts<T>;
         std::vector<TapPacket> packets;
         for (std::int64_t r = 0; r < rows; ++r) {
-            for (std::int64_t x = 0; x < cols; x += packet) {
+            for (std::int64_t x = 0; x < cols - plan_.rest; x += packet) {
                 packets.push_back({r * plan_.slot_row * parts<T> + x, r * cols + x, std::min(packet, cols - x)});
             }
         }
         return packets;
+    }
+
+    // The rest's results lie by themselves, without gaps, in whole packets.
+    std::vector<TapPacket> rest_packets(const Tile& tile) const {
+        const std::int64_t packet = tap_packet<Real<T>>();
+        std::vector<TapPacket> packets;
+        for (std::int64_t x = 0; x < tile.rows * plan_.rest; x += packet) {
+            packets.push_back({x, x, packet});
+        }
+        return packets;
+    }
+
+    std::int64_t rest_row() const {
+        const std::int64_t packet = tap_packet<Real<T>>();
+        return (plan_.tile.rows * plan_.rest + packet - 1) / packet * packet;
+    }
+
+    // To the ends of a tile's rows.
+    void write_rest(const Tile& tile, const T* results, T* out) const {
+        for (std::int64_t r = 0; r < tile.rows; ++r) {
+            std::copy_n(results + r * plan_.rest, plan_.rest, out + (r + 1) * tile.cols - plan_.rest);
+        }
     }
 
     // Elements that the weights of one block of channels take, in whole groups of targets.
@@ -202,12 +255,11 @@ class SlotSum {
     std::int64_t blocks_ = 0;
     std::int64_t cuts_ = 1;
     std::int64_t cut_channels_ = 0;
-    std::vector<Real<T>> zeros_;            // per target of a cut
-    std::vector<std::int64_t> step_slots_;  // per (channel of a block, tap)
+    std::vector<Real<T>> zeros_;  // per target of a cut
     std::vector<std::int64_t> step_weights_;
     std::vector<std::int64_t> target_weights_;  // per target of a cut
-    std::vector<TapPacket> packets_;            // of a whole tile
-    std::vector<TapPacket> last_packets_;
+    Positions whole_;
+    Positions rest_;
     std::unique_ptr<Scratch<Real<T>>> weights_;
 };
 
