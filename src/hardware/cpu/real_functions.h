@@ -135,9 +135,10 @@ ORNIK_IN_PLACE double silu(double x) {
 }
 /// x (1 + erf(x / sqrt(2))) / 2
 ORNIK_IN_PLACE float gelu(float x) {
-    const double d = elementary::clamped<double>(x, -20, HUGE_VAL);
-    const double tail = 0.5 * elementary::erfc_approx(std::fabs(d) * 0.70710678118654752);
-    return static_cast<float>(d * (d < 0.0 ? tail : 1.0 - tail));
+    // max(x, 0) - |x| times the tail beyond |x|.
+    const double a = double{elementary::clamped(std::fabs(x), 0.0F, 15.0F)};
+    const double positive = double{x < 0.0F ? 0.0F : x};
+    return static_cast<float>(fused(-a, elementary::normal_tail(a).tail, positive));
 }
 inline double gelu(double x) {
     const double d = elementary::clamped(x, -50.0, HUGE_VAL);
@@ -159,9 +160,8 @@ ORNIK_IN_PLACE T silu_slope(T x) {
 }
 /// Derivative of gelu: the normal distribution and x times its density.
 ORNIK_IN_PLACE float gelu_slope(float x) {
-    const double d = elementary::clamped<double>(x, -50, 50);
-    const double tail = 0.5 * elementary::erfc_approx(std::fabs(d) * 0.70710678118654752);
-    const double density = 0.39894228040143268 * elementary::exp(-0.5 * d * d);
+    const double d = elementary::clamped<double>(x, -15, 15);
+    const auto [tail, density] = elementary::normal_tail(std::fabs(d));
     return static_cast<float>((d < 0.0 ? tail : 1.0 - tail) + d * density);
 }
 ORNIK_IN_PLACE double gelu_slope(double x) {
