@@ -153,7 +153,8 @@ void check_case(const Case& c, std::int64_t dtype, Layout layout, std::mt19937& 
 
 TEST(Convolution, MatchesLoops) {
     // Beyond one tile, block of channels, cut of output channels, panel; pointwise; one channel per group;
-    // strides beyond the kernel; planes of one column; a kernel beyond a block; a kernel larger than the input.
+    // strides beyond the kernel; planes of one column; a kernel beyond a block; a kernel larger than the input;
+    // several tiles of rows with ends; small planes of many channels, in one cut and several.
     std::vector<Case> cases = {
         {false, 2, 1, 70, 41, {5, 3, 1, 1, 1, 0}, {7, 3, 1, 1, 1, 0}},
         {false, 1, 1, 2, 3, {4, 3, 1, 1, 1, 0}, {900, 3, 1, 1, 1, 0}},
@@ -169,6 +170,10 @@ TEST(Convolution, MatchesLoops) {
         {true, 2, 2, 3, 5, {7, 2, 3, 0, 1, 2}, {6, 1, 4, 0, 1, 3}},
         {true, 2, 9, 1, 1, {8, 4, 2, 1, 1, 0}, {9, 3, 2, 1, 1, 1}},
         {true, 1, 1, 2, 3, {300, 4, 2, 1, 1, 0}, {1, 1, 1, 0, 1, 0}},
+        {false, 1, 1, 9, 6, {31, 3, 1, 1, 1, 0}, {28, 3, 1, 1, 1, 0}},
+        {false, 2, 2, 40, 47, {7, 3, 1, 1, 1, 0}, {9, 3, 1, 1, 1, 0}},
+        {false, 2, 1, 33, 300, {4, 2, 1, 0, 1, 0}, {5, 2, 1, 0, 1, 0}},
+        {false, 1, 1, 130, 24, {3, 1, 1, 0, 1, 0}, {3, 1, 1, 0, 1, 0}},
     };
     std::mt19937 random(20261);
     const auto below = [&](unsigned n) { return static_cast<int>(random() % n); };
@@ -177,8 +182,8 @@ TEST(Convolution, MatchesLoops) {
         const int dilation = 1 + below(2);
         return AxisCase{1 + below(14), 1 + below(4), stride, below(3), dilation, transposed ? below(stride) : 0};
     };
-    const std::size_t drawn = cases.size() + 400;
-    while (cases.size() < drawn) {
+    const std::size_t listed = cases.size();
+    while (cases.size() < listed + 400) {
         const bool transposed = below(3) == 0;
         const Case c{transposed,   1 + below(3),     1 + below(3),    1 + below(below(4) == 0 ? 40 : 4),
                      1 + below(9), axis(transposed), axis(transposed)};
@@ -186,12 +191,16 @@ TEST(Convolution, MatchesLoops) {
             cases.push_back(c);
         }
     }
-    for (std::size_t i = 0; i < cases.size(); ++i) {
-        const std::int64_t dtype = i < drawn - 400 ? dtype::float32 : dtype::float32 + below(4);
+    const auto check = [&](std::size_t i, std::int64_t dtype) {
         const Layout layout = all_layouts[i % std::size(all_layouts)];
         check_case(cases[i], dtype, layout, random);
-        if (testing::Test::HasFatalFailure()) {
-            FAIL() << cases[i] << " " << dtype_name(dtype) << " " << name_of(layout);
+        ASSERT_FALSE(testing::Test::HasFatalFailure())
+            << cases[i] << " " << dtype_name(dtype) << " " << name_of(layout);
+    };
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        check(i, i < listed ? dtype::float32 : dtype::float32 + below(4));
+        if (i < listed) {
+            check(i, dtype::float64);
         }
     }
 }
@@ -272,9 +281,9 @@ TEST(Convolution, TransposedIsTheAdjoint) {
 }
 
 TEST(Convolution, BitsDoNotDependOnTheTeam) {
-    const AxisCase three{29, 3, 1, 1, 1, 0}, two{29, 4, 2, 1, 1, 0};
+    const AxisCase three{29, 3, 1, 1, 1, 0}, two{29, 4, 2, 1, 1, 0}, seven{7, 3, 1, 1, 1, 0};
     for (const Case& c : {Case{false, 3, 1, 40, 36, three, three}, Case{false, 2, 33, 1, 1, three, two},
-                          Case{true, 2, 1, 20, 7, two, two}}) {
+                          Case{true, 2, 1, 20, 7, two, two}, Case{false, 2, 1, 64, 72, seven, seven}}) {
         std::vector<std::vector<float>> first;
         for (const int team : {1, 2, 4, 7}) {
             ConfigSetNumThreads(team);

@@ -20,6 +20,31 @@ struct WorkspaceSize {
     std::int64_t work = 0;   // multiplications of a tile
 };
 
+/// Channels of each of the fewest blocks of at most `most`.
+inline std::int64_t equal_blocks(std::int64_t channels, std::int64_t most) {
+    const std::int64_t blocks = std::max<std::int64_t>(1, (channels + most - 1) / most);
+    return std::max<std::int64_t>(1, (channels + blocks - 1) / blocks);
+}
+
+/// Parts of the target channels, each computed on its own.
+struct TargetCuts {
+    static constexpr std::int64_t plenty_of_tiles = 16;  // fewer are cut by target channels, too
+    static constexpr std::int64_t least_channels = 32;   // a cut stages its source once more: not below this
+    static constexpr std::int64_t most_channels = 256;   // whose weights stay in the second level of cache
+
+    std::int64_t cuts;
+    std::int64_t channels;  // of a cut: a multiple of `unit`
+
+    TargetCuts(const ConvSum& sum, std::int64_t tiles_per_part, std::int64_t unit) {
+        const std::int64_t tiles = sum.batch * sum.groups * tiles_per_part;
+        cuts = (plenty_of_tiles + tiles - 1) / tiles;
+        cuts = std::min(cuts, (sum.target_channels + least_channels - 1) / least_channels);
+        cuts = std::max(cuts, (sum.target_channels + most_channels - 1) / most_channels);
+        channels = ((sum.target_channels + cuts - 1) / cuts + unit - 1) / unit * unit;
+        cuts = (sum.target_channels + channels - 1) / channels;
+    }
+};
+
 template <typename T>
 struct Workspace {
     explicit Workspace(const WorkspaceSize& size) : slots(size.slots), local(size.local) {}

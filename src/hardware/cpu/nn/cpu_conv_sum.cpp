@@ -6,8 +6,7 @@
 #include <algorithm>
 #include <memory>
 
-#include "conv_parts.h"
-#include "conv_workers.h"
+#include "conv_lane_sum.h"
 #include "hardware/cpu/cpu_taps.h"
 
 namespace ornik::device::cpu {
@@ -18,13 +17,10 @@ namespace {
 // slots.
 constexpr std::int64_t shared_steps = 288;
 constexpr std::int64_t linear_steps = 144;
-constexpr std::int64_t worthwhile_width = 16;    // positions of a row that make up for one unused
-constexpr std::int64_t worthwhile_rest = 4;      // the same, of those behind the row's last whole packet
-constexpr std::int64_t most_positions = 400;     // of a tile
-constexpr std::int64_t packets_together = 3;     // that tap_sums takes at a time
-constexpr std::int64_t plenty_of_tiles = 16;     // fewer are cut by target channels, too
-constexpr std::int64_t least_cut_channels = 32;  // a cut stages its source once more: not below this
-constexpr std::int64_t most_cut_channels = 256;  // whose weights stay in the second level of cache
+constexpr std::int64_t worthwhile_width = 16;  // positions of a row that make up for one unused
+constexpr std::int64_t worthwhile_rest = 4;    // the same, of those behind the row's last whole packet
+constexpr std::int64_t most_positions = 400;   // of a tile
+constexpr std::int64_t packets_together = 3;   // that tap_sums takes at a time
 
 // With few targets, staging costs as much as the sums: large tiles, whose slots stay in the caches.
 constexpr std::int64_t few_targets = 4;
@@ -50,8 +46,9 @@ class SlotSum {
           target_(target),
           in_place_(pass.fills_target() && parts<T> == 1),
           plan_(plan_for(pass.is_pointwise() && pass.fills_target() ? pass.as_one_row() : pass, sum, in_place_)),
-          block_channels_(channels_per_block()) {
-        cut_targets();
+          block_channels_(channels_per_block()),
+          cuts_(sum, plan_.tiles(), tap_targets),
+          weights_(std::make_unique<WeightSets<T>>(sum, plan_.kernels, block_channels_, tap_targets, weight)) {
         for (std::int64_t c = 0; c < block_channels_; ++c) {
             for (const std::int64_t tap : plan_.taps) {
                 whole_.step_slots.push_back((c * plan_.plane + tap) * parts<T>);
@@ -61,35 +58,32 @@ class SlotSum {
                 rest_.step_slots.push_back(c * plan_.plane + tap);
             }
         }
-        for (std::int64_t o = 0; o < cut_channels_ * parts<T>; ++o) {
-            target_weights_.push_back(o / tap_targets * block_channels_ * taps() * tap_targets + o % tap_targets);
+        for (std::int64_t o = 0; o < cuts_.channels * parts<T>; ++o) {
+            target_weights_.push_back(weights_->target(o));
         }
-        zeros_.resize(static_cast<std::size_t>(cut_channels_ * parts<T>));
+        zeros_.resize(static_cast<std::size_t>(cuts_.channels * parts<T>));
         const Tile first(plan_, 0);
         const Tile last(plan_, plan_.tiles() - 1);
         whole_.packets = packets_of(first);
         whole_.last_packets = packets_of(last);
         rest_.packets = rest_packets(first);
         rest_.last_packets = rest_packets(last);
-        blocks_ = (sum.source_channels + block_channels_ - 1) / block_channels_;
-        weights_ = std::make_unique<Scratch<Real<T>>>(sum.groups * blocks_ * block_weights());
-        gather_weights(weight);
     }
 
     std::int64_t tiles() const { return plan_.tiles(); }
-    std::int64_t cuts() const { return cuts_; }
+    std::int64_t cuts() const { return cuts_.cuts; }
     WorkspaceSize size() const {
-        const std::int64_t results = plan_.tile.rows * plan_.tile.cols * cut_channels_;
-        return {block_channels_ * plan_.plane, in_place_ ? cut_channels_ * rest_row() : results * parts<T>,
+        const std::int64_t results = plan_.tile.rows * plan_.tile.cols * cuts_.channels;
+        return {block_channels_ * plan_.plane, in_place_ ? cuts_.channels * rest_row() : results * parts<T>,
                 results * sum_.source_channels * taps()};
     }
 
     void run_tile(std::int64_t part, std::int64_t index, std::int64_t cut_index, const Workspace<T>& workspace) const {
         const ConvPass& pass = plan_.pass;
         const Tile tile(plan_, index);
-        const std::int64_t cut = cut_index * cut_channels_;
+        const std::int64_t cut = cut_index * cuts_.channels;
         const std::int64_t group = part % sum_.groups;
-        const std::int64_t channels = std::min(cut_channels_, sum_.target_channels - cut);
+        const std::int64_t channels = std::min(cuts_.channels, sum_.target_channels - cut);
         const bool whole = tile.rows == plan_.tile.rows && tile.cols == plan_.tile.cols;
         T* target = target_ + (part * sum_.target_channels + cut) * pass.target_plane();
         T* out = in_place_ ? target + tile.row * pass.cols.positions + tile.col : workspace.local.get();
@@ -103,8 +97,7 @@ class SlotSum {
             const T* planes = source_ + (part * sum_.source_channels + first) * pass.source_plane();
             stage_planes(plan_, tile, planes, block, workspace.slots.get());
             const std::int64_t steps = block * taps();
-            const Real<T>* weights = weights_->get() + (group * blocks_ + first / block_channels_) * block_weights() +
-                                     cut * parts<T> * block_channels_ * taps();
+            const Real<T>* weights = weights_->block(group, first) + weights_->target(cut * parts<T>);
             const auto add = [&](const Positions& positions, T* results, std::int64_t stride) {
                 const std::vector<TapPacket>& packets = whole ? positions.packets : positions.last_packets;
                 tap_sums<Real<T>>({as_real(workspace.slots.get()), positions.step_slots.data(), weights,
@@ -158,19 +151,7 @@ class SlotSum {
             return std::max<std::int64_t>(1, std::min(sum_.source_channels, few_block_slots / plan_.plane));
         }
         const std::int64_t steps = plan_.layout == SlotLayout::shared ? shared_steps : linear_steps;
-        const std::int64_t most = std::max<std::int64_t>(1, steps / taps());
-        const std::int64_t blocks = std::max<std::int64_t>(1, (sum_.source_channels + most - 1) / most);
-        return std::max<std::int64_t>(1, (sum_.source_channels + blocks - 1) / blocks);
-    }
-
-    void cut_targets() {
-        const std::int64_t tiles = sum_.batch * sum_.groups * plan_.tiles();
-        cuts_ = (plenty_of_tiles + tiles - 1) / tiles;
-        cuts_ = std::min(cuts_, (sum_.target_channels + least_cut_channels - 1) / least_cut_channels);
-        cuts_ = std::max(cuts_, (sum_.target_channels + most_cut_channels - 1) / most_cut_channels);
-        // Weights lie in groups of so many targets.
-        cut_channels_ = ((sum_.target_channels + cuts_ - 1) / cuts_ + tap_targets - 1) / tap_targets * tap_targets;
-        cuts_ = (sum_.target_channels + cut_channels_ - 1) / cut_channels_;
+        return equal_blocks(sum_.source_channels, std::max<std::int64_t>(1, steps / taps()));
     }
 
     std::vector<TapPacket> packets_of(const Tile& tile) const {
@@ -209,42 +190,6 @@ class SlotSum {
         }
     }
 
-    // Elements that the weights of one block of channels take, in whole groups of targets.
-    std::int64_t block_weights() const {
-        const std::int64_t targets = sum_.target_channels * parts<T>;
-        return (targets + tap_targets - 1) / tap_targets * tap_targets * block_channels_ * taps();
-    }
-
-    // For every group and block of channels: groups of targets, a step (channel, tap) of the group side by side.
-    void gather_weights(const T* weight) const {
-        const std::int64_t grain = std::max<std::int64_t>(2, conv_grain / block_weights());
-        parallel_for(sum_.groups * blocks_, 1, grain, [&](std::int64_t begin, std::int64_t end) {
-            for (std::int64_t item = begin; item < end; ++item) {
-                const std::int64_t first = item % blocks_ * block_channels_;
-                const T* from = weight + item / blocks_ * sum_.group_stride + first * sum_.source_stride;
-                gather_block(from, std::min(block_channels_, sum_.source_channels - first),
-                             weights_->get() + item * block_weights());
-            }
-        });
-    }
-
-    void gather_block(const T* weight, std::int64_t channels, Real<T>* block) const {
-        for (std::int64_t o = 0; o < sum_.target_channels; ++o) {
-            for (std::int64_t part = 0; part < parts<T>; ++part) {
-                const std::int64_t row = o * parts<T> + part;
-                Real<T>* to = block + row / tap_targets * tap_targets * block_channels_ * taps() + row % tap_targets;
-                for (std::int64_t c = 0; c < channels; ++c) {
-                    const T* kernel = weight + o * sum_.target_stride + c * sum_.source_stride;
-                    for (const std::int64_t k : plan_.kernels) {
-                        const T element = conjugate_if(sum_.conjugate, kernel[k]);
-                        *to = as_real(&element)[part];
-                        to += tap_targets;
-                    }
-                }
-            }
-        }
-    }
-
     const ConvSum& sum_;
     const T* source_;
     const T* bias_;
@@ -252,15 +197,13 @@ class SlotSum {
     bool in_place_;
     StagePlan plan_;
     std::int64_t block_channels_;
-    std::int64_t blocks_ = 0;
-    std::int64_t cuts_ = 1;
-    std::int64_t cut_channels_ = 0;
+    TargetCuts cuts_;
+    std::unique_ptr<WeightSets<T>> weights_;
     std::vector<Real<T>> zeros_;  // per target of a cut
     std::vector<std::int64_t> step_weights_;
     std::vector<std::int64_t> target_weights_;  // per target of a cut
     Positions whole_;
     Positions rest_;
-    std::unique_ptr<Scratch<Real<T>>> weights_;
 };
 
 }  // namespace
@@ -268,6 +211,14 @@ class SlotSum {
 template <typename T>
 void run_conv_sum(const std::vector<ConvPass>& passes, const ConvSum& sum, const T* source, const T* weight,
                   const T* bias, T* target) {
+    if constexpr (parts<T> == 1) {
+        if (passes.size() == 1 && LaneSum<T>::suits(passes[0], sum)) {
+            std::vector<LaneSum<T>> sums;
+            sums.emplace_back(passes[0], sum, source, weight, bias, target);
+            run_sums<T>(sum, sums);
+            return;
+        }
+    }
     std::vector<SlotSum<T>> sums;
     for (const ConvPass& pass : passes) {
         sums.emplace_back(pass, sum, source, weight, bias, target);
