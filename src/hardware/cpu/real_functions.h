@@ -135,10 +135,9 @@ ORNIK_IN_PLACE double silu(double x) {
 }
 /// x (1 + erf(x / sqrt(2))) / 2
 ORNIK_IN_PLACE float gelu(float x) {
-    // max(x, 0) - |x| times the tail beyond |x|.
-    const double a = double{elementary::clamped(std::fabs(x), 0.0F, 15.0F)};
-    const double positive = double{x < 0.0F ? 0.0F : x};
-    return static_cast<float>(fused(-a, elementary::normal_tail(a).tail, positive));
+    const double d = double{elementary::clamped(x, -15.0F, INFINITY)};
+    const double tail = elementary::normal_tail(std::fabs(double{elementary::clamped(x, -15.0F, 15.0F)})).tail;
+    return static_cast<float>(d * (d < 0.0 ? tail : 1.0 - tail));
 }
 inline double gelu(double x) {
     const double d = elementary::clamped(x, -50.0, HUGE_VAL);
