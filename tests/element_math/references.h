@@ -86,18 +86,6 @@ inline std::vector<CLD> converted(std::int64_t dtype, const std::vector<CLD>& va
 /// The exact result as an integer dtype holds it; others hold it within their bounds.
 inline CLD held(CLD exact, std::int64_t dtype) { return dtype < dtype::float32 ? converted(dtype, {exact})[0] : exact; }
 
-/// The bytes of all elements in row-major order.
-inline std::string bytes_of(const Tensor* t) {
-    std::string bytes;
-    dispatch(AllTypes{}, t->Dtype(), [&]<typename T>() {
-        for (const T value : values_of<T>(t)) {
-            bytes.append(reinterpret_cast<const char*>(&value), sizeof(T));
-        }
-    });
-    return bytes;
-}
-inline std::string bytes_of(const TensorPtr& t) { return bytes_of(t.get()); }
-
 /// How far `got` lies from the exact value, in units of the last place of T; huge where one is no number,
 /// infinite or a zero of the other sign and the other is not.
 template <typename T>

@@ -4,14 +4,13 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "tensor/tensor.h"
+#include "support/tensors.h"
 #include "utils/selection.h"
 
 namespace ornik::test {
@@ -32,11 +31,8 @@ inline void demand(bool holds) {
     }
 }
 
-inline bool same_bytes(Tensor* a, Tensor* b) {
-    const std::unique_ptr<Tensor> x(a->clone());
-    const std::unique_ptr<Tensor> y(b->clone());
-    return x->Shape() == y->Shape() &&
-           std::memcmp(x->getRawData(), y->getRawData(), static_cast<std::size_t>(x->get_alloc_mem_size())) == 0;
+inline bool same_bytes(const Tensor* a, const Tensor* b) {
+    return a->Shape() == b->Shape() && bytes_of(a) == bytes_of(b);
 }
 
 inline void exercise_selection(const std::uint8_t* data, std::size_t size) {
@@ -57,11 +53,7 @@ inline void exercise_selection(const std::uint8_t* data, std::size_t size) {
         }
     }
     const std::unique_ptr<Tensor> row(Tensor::arange(1, 1 + 120, 1, 0, dtype::int32));
-    std::int64_t numel = 1;
-    for (const std::int64_t extent : shape) {
-        numel *= extent;
-    }
-    const std::unique_ptr<Tensor> t(row->select_ndim({":" + std::to_string(numel)}));
+    const std::unique_ptr<Tensor> t(row->select_ndim({":" + std::to_string(numel_of(shape))}));
     t->reshape_(shape);
 
     const std::unique_ptr<Tensor> legacy = accepted([&] { return t->select(items); });

@@ -1,18 +1,13 @@
-// The allocator configuration, system memory, and threads.
+// The allocator configuration, system memory, and tensors of many threads.
 #include "hardware/allocator.h"
-
-#include <omp.h>
 
 #include <atomic>
 #include <cstring>
-#include <random>
 #include <thread>
 
 #include "hardware/cpu/cpu_memory_allocator.h"
 #include "hardware/memory_config.h"
-#include "hardware/parallel.h"
 #include "hardware/system_limits.h"
-#include "hardware/thread_config.h"
 #include "support/expect_error.h"
 #include "support/tensors.h"
 
@@ -51,16 +46,17 @@ TEST(Allocator, ForeignPointersInAStorageAreLeftAlone) {
 }
 
 TEST(Allocator, GpuEntryPointsRefuse) {
-    const auto refused = [](const auto& call, const std::string& name) {
-        expect_error(call, "GPU not compile yet.", "ornik::" + name, "src/hardware/memory_config.cpp");
+    const std::string message = "GPU not compile yet.";
+    const Refusal refusals[] = {
+        {"ConfigSetUseDynamicGPUMem", [] { ConfigSetUseDynamicGPUMem(true); }, message},
+        {"ConfigIfUseDynamicGPUMem", [] { ConfigIfUseDynamicGPUMem(); }, message},
+        {"ConfigDumpGpuMemInfo", [] { ConfigDumpGpuMemInfo(1000); }, message},
+        {"GetGPUDeviceCount", [] { GetGPUDeviceCount(); }, message},
+        {"GetGPUFreeMemSize", [] { GetGPUFreeMemSize(1000); }, message},
     };
-    refused([] { ConfigSetUseDynamicGPUMem(true); }, "ConfigSetUseDynamicGPUMem");
-    refused([] { ConfigIfUseDynamicGPUMem(); }, "ConfigIfUseDynamicGPUMem");
-    refused([] { ConfigDumpGpuMemInfo(1000); }, "ConfigDumpGpuMemInfo");
-    refused([] { GetGPUDeviceCount(); }, "GetGPUDeviceCount");
-    refused([] { GetGPUFreeMemSize(1000); }, "GetGPUFreeMemSize");
-    expect_error([] { device::AllocTensorBuffer(1000, 1, 6); }, "GPU not compile yet.",
-                 "ornik::device::AllocTensorBuffer", "src/hardware/allocator.cpp");
+    expect_refusals(refusals, "ornik::", "src/hardware/memory_config.cpp");
+    expect_error([] { device::AllocTensorBuffer(1000, 1, 6); }, message, "ornik::device::AllocTensorBuffer",
+                 "src/hardware/allocator.cpp");
     EXPECT_FALSE(if_gpu_compiled() || if_mpi_compiled() || if_nccl_compiled() || maybe_set_cuda_lazy_init());
     char target = 1;
     const char source = 2;
@@ -98,63 +94,6 @@ TEST(Allocator, TensorsComeAndGoOnManyThreads) {
         thread.join();
     }
     EXPECT_EQ(wrong.load(), 0);
-}
-
-class Threads : public testing::Test {
-  protected:
-    ~Threads() override { ConfigSetNumThreads(4); }
-};
-
-TEST_F(Threads, EveryItemOnceAtMultiplesOfTheUnit) {
-    std::mt19937 random(1);
-    for (int round = 0; round < 300; ++round) {
-        ConfigSetNumThreads(static_cast<int>(random() % 9 + 1));
-        const std::int64_t n = random() % 2000;
-        const std::int64_t unit = random() % 70 + 1;
-        const std::int64_t grain = random() % 2 == 0 ? 1 : 1000;
-        std::vector<std::atomic<int>> visits(static_cast<std::size_t>(n));
-        std::atomic<int> misplaced{0};
-        parallel_for(n, unit, grain, [&](std::int64_t begin, std::int64_t end) {
-            misplaced += begin % unit != 0 || (end != n && end % unit != 0) ? 1 : 0;
-            for (std::int64_t i = begin; i < end; ++i) {
-                ++visits[static_cast<std::size_t>(i)];
-            }
-        });
-        EXPECT_EQ(misplaced.load(), 0) << n << " " << unit;
-        for (const auto& count : visits) {
-            ASSERT_EQ(count.load(), 1) << n << " " << unit;
-        }
-    }
-}
-
-TEST_F(Threads, ErrorsReachTheCallerAndNestedRegionsStaySerial) {
-    expect_error(
-        [] {
-            parallel_for(1000, 1, 1, [](std::int64_t, std::int64_t end) {
-                if (end == 1000) {
-                    fail(where("block"), "last");
-                }
-            });
-        },
-        "last", "block", "tests/hardware/allocator_test.cpp");
-    std::atomic<int> ranges{0};
-#pragma omp parallel num_threads(2)
-    {
-        parallel_for(1000, 1, 1,
-                     [&](std::int64_t begin, std::int64_t end) { ranges += end - begin == 1000 ? 1 : 100; });
-    }
-    EXPECT_LE(ranges.load(), 2);
-}
-
-TEST_F(Threads, ConstructionAppliesTheTeamSize) {
-    ConfigSetNumThreads(7);
-    EXPECT_EQ(ConfigGetNumThreads(), 7);
-    omp_set_num_threads(1);
-    const TensorPtr t(Tensor::empty({1}, 0, dtype::float32));
-    EXPECT_EQ(omp_get_max_threads(), 7);
-    expect_error([] { ConfigSetNumThreads(0); }, "Number of threads should be >= 1, however it equals 0",
-                 "ornik::ConfigSetNumThreads", "src/hardware/parallel.cpp");
-    EXPECT_EQ(ConfigGetNumThreads(), 7);
 }
 
 }  // namespace

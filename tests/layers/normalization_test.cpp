@@ -1,12 +1,11 @@
 // Batch, group and layer normalization: values against sums in double, gradients against differences.
 #include <array>
 #include <cmath>
-#include <cstring>
 
-#include "hardware/thread_config.h"
 #include "ornik.h"
 #include "support/expect_error.h"
 #include "support/gradients.h"
+#include "support/teams.h"
 
 namespace ornik::test {
 namespace {
@@ -39,24 +38,18 @@ std::vector<Case> cases() {
         Dims shape = {5, 6};
         shape.insert(shape.end(), tail.begin(), tail.end());
         const auto channel = [=](std::int64_t i) { return i / inner % 6; };
+        const auto pair = [=](std::int64_t i) { return i / inner / 2; };
         const std::string suffix = "/" + std::to_string(inner);
-        list.push_back(
-            {"batch" + suffix, LayerPtr(_BatchNormalization(true, 0.1F, eps, "")), shape, {6}, channel, channel, true});
-        list.push_back({"group" + suffix,
-                        LayerPtr(_GroupNormalization(3, 6, true, eps, "")),
-                        shape,
-                        {6},
-                        [=](std::int64_t i) { return i / inner / 2; },
-                        channel});
+        LayerPtr batch(_BatchNormalization(true, 0.1F, eps, "")), group(_GroupNormalization(3, 6, true, eps, ""));
+        list.push_back({"batch" + suffix, std::move(batch), shape, {6}, channel, channel, true});
+        list.push_back({"group" + suffix, std::move(group), shape, {6}, pair, channel});
     }
     for (const Dims& own : {Dims{50}, Dims{5, 50}}) {
         const std::int64_t size = numel_of(own);
-        list.push_back({"layer/" + std::to_string(size),
-                        LayerPtr(_LayerNormalization(true, eps, "")),
-                        {3, 5, 50},
-                        own,
-                        [=](std::int64_t i) { return i / size; },
-                        [=](std::int64_t i) { return i % size; }});
+        const auto outer = [=](std::int64_t i) { return i / size; };
+        const auto inner = [=](std::int64_t i) { return i % size; };
+        LayerPtr layer(_LayerNormalization(true, eps, ""));
+        list.push_back({"layer/" + std::to_string(size), std::move(layer), {3, 5, 50}, own, outer, inner});
     }
     return list;
 }
@@ -132,41 +125,36 @@ TEST(Normalization, FarFromZeroAndSameBitsAtEveryTeamSize) {
     for (const Dims& shape : {Dims{40, 5, 3000}, Dims{30000, 5}}) {
         const TensorPtr x(random_tensor(shape, dtype::float32, 5)->add_scalar(1000.0F));
         const TensorPtr g = random_tensor(shape, dtype::float32, 6);
-        std::vector<float> first;
-        for (const int team : {1, 2, 4, 7}) {
-            ConfigSetNumThreads(team);
+        expect_same_bits([&] {
             const LayerPtr batch(_BatchNormalization(true, 0.1F, 1e-5F, ""));
             const LayerPtr group(_GroupNormalization(5, 5, true, 1e-5F, ""));
             const LayerPtr layer(_LayerNormalization(true, 1e-5F, ""));
             Tensor* const n = nullptr;
-            std::vector<float> all = values_of<float>(TensorPtr(batch->forward_dyn(n, n, x.get(), true, n, n)));
+            std::vector<TensorPtr> all;
+            all.emplace_back(batch->forward_dyn(n, n, x.get(), true, n, n));
             double square = 0;
-            for (const float y : all) {
+            for (const float y : values_of<float>(all[0])) {
                 square += y * y;
             }
-            EXPECT_NEAR(square / static_cast<double>(all.size()), 1, 2e-3);
-            TensorPtr(group->forward_dyn(n, n, x.get(), true));
-            TensorPtr(layer->forward_dyn(n, n, x.get(), true));
+            EXPECT_NEAR(square / static_cast<double>(x->Size()), 1, 2e-3);
+            all.emplace_back(group->forward_dyn(n, n, x.get(), true));
+            all.emplace_back(layer->forward_dyn(n, n, x.get(), true));
             std::vector<Tensor*> latest;
             const auto add_gradients = [&](auto& norm) {
                 const std::array<Tensor*, 3> at_once = norm.gradients(n, n, x.get(), g.get(), latest);
                 for (const int node : {0, 1, 2}) {
-                    const TensorPtr d(norm.backward_dyn(n, n, x.get(), g.get(), latest, node));
-                    const std::vector<float> values = values_of<float>(d);
-                    EXPECT_EQ(values, values_of<float>(TensorPtr(at_once[static_cast<std::size_t>(node)]))) << node;
-                    all.insert(all.end(), values.begin(), values.end());
+                    all.emplace_back(norm.backward_dyn(n, n, x.get(), g.get(), latest, node));
+                    EXPECT_EQ(values_of<float>(all.back()),
+                              values_of<float>(TensorPtr(at_once[static_cast<std::size_t>(node)])))
+                        << node;
                 }
             };
             add_gradients(static_cast<LBatchNorm&>(*batch));
             add_gradients(static_cast<LGroupNorm&>(*group));
             add_gradients(static_cast<LLayerNorm&>(*layer));
-            if (team == 1) {
-                first = all;
-            }
-            EXPECT_EQ(std::memcmp(all.data(), first.data(), all.size() * sizeof(float)), 0) << team;
-        }
+            return all;
+        });
     }
-    ConfigSetNumThreads(4);
 }
 
 TEST(BatchNormalization, RunningStatistics) {
@@ -215,12 +203,6 @@ TEST(Normalization, Refusals) {
     const TensorPtr integers = ones({3, 4}, dtype::int32);
     const TensorPtr expanded(Tensor::broadcast_to(ones({1}).get(), {4}));
     Tensor* const n = nullptr;
-    const auto refused = [](const std::string& name, const std::string& message, const std::function<void()>& call) {
-        const std::string file = name == "LBatchNorm" ? "batchnorm" : name == "LGroupNorm" ? "groupnorm" : "layernorm";
-        const std::string text = error_text(call);
-        const std::string method = text.find("::forward_dyn") != std::string::npos ? "::forward_dyn" : "::backward_dyn";
-        EXPECT_EQ(text, located(message, "ornik::" + name + method, "src/layers/normalization/layer_" + file + ".cpp"));
-    };
     const auto forward = [&](Tensor* gamma, Tensor* in, bool training, Tensor* mean, Tensor* variance) {
         return [=, &batch] { batch->forward_dyn(gamma, nullptr, in, training, mean, variance); };
     };
@@ -230,41 +212,46 @@ TEST(Normalization, Refusals) {
             l->backward_dyn(nullptr, nullptr, x.get(), g, list, node);
         };
     };
-    const std::string latest = "The backward pass of ";
-    refused("LBatchNorm", "batchnorm needs an input [N, C, ...], however it is ( 3 ) ",
-            forward(n, three.get(), true, n, n));
-    refused("LBatchNorm", "Not same data type for inputs of batchnorm.", forward(wide.get(), x.get(), true, n, n));
-    refused("LBatchNorm", "batchnorm not impl for this data type, use float32 or float64.",
-            forward(n, integers.get(), true, n, n));
-    refused("LBatchNorm", "The parameters of batchnorm should have the shape ( 4 ) , however one has ( 3 ) ",
-            forward(three.get(), x.get(), true, n, n));
-    refused("LBatchNorm", "batchnorm needs running statistics for inference, both or neither in training.",
-            forward(n, x.get(), false, n, n));
-    refused("LBatchNorm",
-            "The running statistics of batchnorm should have one value per channel, however the shape is ( 3 ) ",
-            forward(n, x.get(), false, four.get(), three.get()));
-    refused("LBatchNorm", "The running statistics of batchnorm overlap in memory.",
-            forward(n, x.get(), true, four.get(), four.get()));
-    refused("LBatchNorm", "Output can not be an expanded view: shape ( 4 ) , strides ( 0 ) ",
-            forward(n, x.get(), true, four.get(), expanded.get()));
-    refused("LBatchNorm", latest + "batchnorm needs a forward pass before.", backward(batch, x.get(), {}, 0));
-    refused("LGroupNorm", latest + "group norm needs a forward pass before.", backward(group, x.get(), {}, 0));
-    refused("LGroupNorm", "Node should be 0, 1, 2, however it equals -1", backward(group, x.get(), {}, -1));
-    refused("LGroupNorm", "The saved statistics of group norm should be two tensors of shape ( 3, 2 ) ",
-            backward(group, x.get(), {four.get(), nullptr}, 0));
-    refused("LLayerNorm", "The gradient of layer norm should have its output's shape.",
-            backward(layer, four.get(), {}, 0));
-    refused("LGroupNorm", "group norm needs an input [N, 4, ...], however it is ( 4 ) ",
-            [&] { group->forward_dyn(n, n, four.get(), true); });
-    refused("LLayerNorm", "layer norm needs an input with at least the axes of its parameters, however it is ( 4 ) ",
-            [&] { layer->forward_dyn(x.get(), n, four.get(), true); });
-    expect_error([] { _GroupNormalization(3, 4, true, 1e-5F, ""); },
-                 "group norm can not divide 4 channels into 3 groups", "ornik::LGroupNorm::LGroupNorm",
-                 "src/layers/normalization/layer_groupnorm.cpp");
-    expect_error([] { _LayerNormalization(true, 0, ""); }, "eps should be a positive number",
-                 "ornik::LLayerNorm::LLayerNorm", "src/layers/normalization/layer_layernorm.cpp");
-    expect_error([] { _BatchNormalization(true, 1.5F, 1e-5F, ""); }, "The momentum of batchnorm should be in [0, 1]",
-                 "ornik::LBatchNorm::LBatchNorm", "src/layers/normalization/layer_batchnorm.cpp");
+    const std::string latest = "The backward pass of ", moving = "The running statistics of batchnorm ";
+    const Refusal of_batch[] = {
+        {"forward_dyn", forward(n, three.get(), true, n, n),
+         "batchnorm needs an input [N, C, ...], however it is ( 3 ) "},
+        {"forward_dyn", forward(wide.get(), x.get(), true, n, n), "Not same data type for inputs of batchnorm."},
+        {"forward_dyn", forward(n, integers.get(), true, n, n),
+         "batchnorm not impl for this data type, use float32 or float64."},
+        {"forward_dyn", forward(three.get(), x.get(), true, n, n),
+         "The parameters of batchnorm should have the shape ( 4 ) , however one has ( 3 ) "},
+        {"forward_dyn", forward(n, x.get(), false, n, n),
+         "batchnorm needs running statistics for inference, both or neither in training."},
+        {"forward_dyn", forward(n, x.get(), false, four.get(), three.get()),
+         moving + "should have one value per channel, however the shape is ( 3 ) "},
+        {"forward_dyn", forward(n, x.get(), true, four.get(), four.get()), moving + "overlap in memory."},
+        {"forward_dyn", forward(n, x.get(), true, four.get(), expanded.get()),
+         "Output can not be an expanded view: shape ( 4 ) , strides ( 0 ) "},
+        {"backward_dyn", backward(batch, x.get(), {}, 0), latest + "batchnorm needs a forward pass before."},
+        {"LBatchNorm", [] { _BatchNormalization(true, 1.5F, 1e-5F, ""); },
+         "The momentum of batchnorm should be in [0, 1]"},
+    };
+    expect_refusals(of_batch, "ornik::LBatchNorm::", "src/layers/normalization/layer_batchnorm.cpp");
+    const Refusal of_group[] = {
+        {"backward_dyn", backward(group, x.get(), {}, 0), latest + "group norm needs a forward pass before."},
+        {"backward_dyn", backward(group, x.get(), {}, -1), "Node should be 0, 1, 2, however it equals -1"},
+        {"backward_dyn", backward(group, x.get(), {four.get(), nullptr}, 0),
+         "The saved statistics of group norm should be two tensors of shape ( 3, 2 ) "},
+        {"forward_dyn", [&] { group->forward_dyn(n, n, four.get(), true); },
+         "group norm needs an input [N, 4, ...], however it is ( 4 ) "},
+        {"LGroupNorm", [] { _GroupNormalization(3, 4, true, 1e-5F, ""); },
+         "group norm can not divide 4 channels into 3 groups"},
+    };
+    expect_refusals(of_group, "ornik::LGroupNorm::", "src/layers/normalization/layer_groupnorm.cpp");
+    const Refusal of_layer[] = {
+        {"backward_dyn", backward(layer, four.get(), {}, 0),
+         "The gradient of layer norm should have its output's shape."},
+        {"forward_dyn", [&] { layer->forward_dyn(x.get(), n, four.get(), true); },
+         "layer norm needs an input with at least the axes of its parameters, however it is ( 4 ) "},
+        {"LLayerNorm", [] { _LayerNormalization(true, 0, ""); }, "eps should be a positive number"},
+    };
+    expect_refusals(of_layer, "ornik::LLayerNorm::", "src/layers/normalization/layer_layernorm.cpp");
 }
 
 }  // namespace

@@ -3,10 +3,10 @@
 #include <limits>
 #include <random>
 
-#include "hardware/thread_config.h"
 #include "ornik.h"
 #include "support/expect_error.h"
 #include "support/gradients.h"
+#include "support/teams.h"
 
 namespace ornik::test {
 namespace {
@@ -81,9 +81,8 @@ TEST(Pool, RandomSizesAgainstTheDefinition) {
                 const TensorPtr g = random_tensor(y->Shape(), dtype::float64, i + 1, all_layouts[i % 5]);
                 std::vector<Tensor*> saved = layer->get_fwd_cache();
                 EXPECT_EQ(saved.size(), maximum ? 1U : 0U);
-                const TensorPtr gradient(layer->backward_dyn(x.get(), g.get(), saved));
-                expect_gradient([&](Tensor* t) { return TensorPtr(layer->forward_dyn(t)); }, x.get(), g.get(),
-                                gradient.get());
+                expect_gradient([&](Tensor* t) { return layer->forward_dyn(t); }, x, g,
+                                layer->backward_dyn(x.get(), g.get(), saved));
             }
         }
     }
@@ -121,36 +120,26 @@ TEST(Pool, PaddingTypesTiesAndDtypes) {
     const LayerPtr average(_AvgPool2D({3, 2}, {2, 1}, "valid", "a"));
     const TensorPtr g = random_tensor({2, 1, 2, 4}, dtype::complex128, 4);
     std::vector<Tensor*> none;
-    expect_gradient([&](Tensor* t) { return TensorPtr(average->forward_dyn(t)); }, z.get(), g.get(),
-                    TensorPtr(average->backward_dyn(z.get(), g.get(), none)).get());
+    expect_gradient([&](Tensor* t) { return average->forward_dyn(t); }, z, g,
+                    average->backward_dyn(z.get(), g.get(), none));
 }
 
 TEST(Pool, Refusals) {
-    const auto at_construction = [](const std::function<void()>& call, const std::string& message, const char* base) {
-        expect_error(call, message, std::string("ornik::") + base + "::" + base, "src/layers/pool/layer_pool.cpp");
+    const Ints two{2, 2}, one_two{1, 2}, two_zero{2, 0};
+    const Refusal built[] = {
+        {"2D", [=] { _MaxPool2D({2}, two, "same", ""); }, "kernel_size for MaxPool2d should contain two elements."},
+        {"1D", [=] { _AvgPool1D({2}, two, "same", ""); }, "strides for AvgPool1d should be integer."},
+        {"2D", [=] { _MaxPool2D(two, two, Ints{1}, ""); }, "padding for MaxPool2d should contain two elements."},
+        {"2D", [=] { _MaxPool2D(two, two, one_two, ""); },
+         "padding for MaxPool2d should be at least 0 and less than kernel_size."},
+        {"2D", [=] { _MaxPool2D(two, two_zero, "same", ""); },
+         "kernel_size and strides for MaxPool2d should be at least 1."},
+        {"1D", [=] { _MaxPool1D({2}, {2}, "same,none", ""); }, "Incorrect padding type (same,none)"},
     };
-    at_construction(
-        [] {
-            _MaxPool2D({2}, {2, 2}, "same", "");
-        },
-        "kernel_size for MaxPool2d should contain two elements.", "LPool2D");
-    at_construction([] { _AvgPool1D({2}, {2, 2}, "same", ""); }, "strides for AvgPool1d should be integer.", "LPool1D");
-    at_construction(
-        [] {
-            _MaxPool2D({2, 2}, {2, 2}, Ints{1}, "");
-        },
-        "padding for MaxPool2d should contain two elements.", "LPool2D");
-    at_construction(
-        [] {
-            _MaxPool2D({2, 2}, {2, 2}, Ints{1, 2}, "");
-        },
-        "padding for MaxPool2d should be at least 0 and less than kernel_size.", "LPool2D");
-    at_construction(
-        [] {
-            _MaxPool2D({2, 2}, {2, 0}, "same", "");
-        },
-        "kernel_size and strides for MaxPool2d should be at least 1.", "LPool2D");
-    at_construction([] { _MaxPool1D({2}, {2}, "same,none", ""); }, "Incorrect padding type (same,none)", "LPool1D");
+    for (const Refusal& row : built) {
+        expect_error(row.call, row.message, "ornik::LPool" + row.function + "::LPool" + row.function,
+                     "src/layers/pool/layer_pool.cpp");
+    }
 
     const LayerPtr pool(_MaxPool2D({2, 2}, {2, 2}, "valid", ""));
     const TensorPtr x(Tensor::ones({1, 1, 4, 4}, 0, dtype::float32));
@@ -186,9 +175,8 @@ TEST(Embedding, RowsAndTheirGradient) {
     for (const std::int64_t dtype : {dtype::float64, dtype::complex128}) {
         const TensorPtr weight = random_tensor({7, 40}, dtype, 1, Layout::transposed);
         const TensorPtr g = random_tensor({2, 3, 40}, dtype, 2, Layout::reversed);
-        const auto look_up = [&](Tensor* w) { return TensorPtr(layer->forward_dyn(w, nullptr, indices.get())); };
-        const TensorPtr gradient(layer->backward_dyn(weight.get(), nullptr, indices.get(), g.get(), 1));
-        expect_gradient(look_up, weight.get(), g.get(), gradient.get());
+        expect_gradient([&](Tensor* w) { return layer->forward_dyn(w, nullptr, indices.get()); }, weight, g,
+                        layer->backward_dyn(weight.get(), nullptr, indices.get(), g.get(), 1));
         EXPECT_EQ(layer->backward_dyn(weight.get(), nullptr, indices.get(), g.get(), 0), nullptr);
     }
     const TensorPtr weight = make<float>({7, 40}, counted<float>(280));
@@ -196,44 +184,35 @@ TEST(Embedding, RowsAndTheirGradient) {
         values_of<float>(TensorPtr(layer->forward_dyn(weight.get(), nullptr, indices.get())));
     EXPECT_EQ(rows[3 * 40 + 5], 2 * 40 + 5);
     EXPECT_EQ(rows[5 * 40 + 39], 39);
-    const auto refused = [&](Tensor* table, const TensorPtr& input, const std::string& message) {
-        expect_error([&] { layer->forward_dyn(table, nullptr, input.get()); }, message,
-                     "ornik::LEmbedding::forward_dyn", "src/layers/layer_embedding.cpp");
+    const TensorPtr below = make<std::int8_t>({1}, {-1}), beyond = make<std::int8_t>({1}, {7});
+    const TensorPtr real = make<float>({1}, {1}), small(Tensor::ones({2, 2}, 0, dtype::float32));
+    Tensor* const n = nullptr;
+    const auto look_up = [&](Tensor* table, const TensorPtr& input) {
+        return [&layer, &input, table, n] { layer->forward_dyn(table, n, input.get()); };
     };
-    for (const std::int8_t outside : {-1, 7}) {
-        refused(weight.get(), make<std::int8_t>({1}, {outside}), "Embedding index out of range, there are 7 rows.");
-    }
-    refused(weight.get(), make<float>({1}, {1}), "Embedding needs integers as input.");
-    refused(indices.get(), indices, "Embedding only supports float or complex.");
-    refused(nullptr, indices, "Embedding needs a weight and an input.");
-    refused(make<float>({2, 2}, {1, 2, 3, 4}).get(), indices,
-            "Embedding needs a weight of shape ( 7, 40 ) , however it is ( 2, 2 ) ");
-    expect_error([&] { layer->backward_dyn(nullptr, nullptr, nullptr, nullptr, 3); }, "NOT impl grad for this Node",
-                 "ornik::LEmbedding::backward_dyn", "src/layers/layer_embedding.cpp");
+    const Refusal refusals[] = {
+        {"forward_dyn", look_up(weight.get(), below), "Embedding index out of range, there are 7 rows."},
+        {"forward_dyn", look_up(weight.get(), beyond), "Embedding index out of range, there are 7 rows."},
+        {"forward_dyn", look_up(weight.get(), real), "Embedding needs integers as input."},
+        {"forward_dyn", look_up(indices.get(), indices), "Embedding only supports float or complex."},
+        {"forward_dyn", look_up(n, indices), "Embedding needs a weight and an input."},
+        {"forward_dyn", look_up(small.get(), indices),
+         "Embedding needs a weight of shape ( 7, 40 ) , however it is ( 2, 2 ) "},
+        {"backward_dyn", [&] { layer->backward_dyn(n, n, n, n, 3); }, "NOT impl grad for this Node"},
+    };
+    expect_refusals(refusals, "ornik::LEmbedding::", "src/layers/layer_embedding.cpp");
     layer->_trainable = false;
     EXPECT_EQ(layer->backward_dyn(weight.get(), nullptr, indices.get(), weight.get(), 1), nullptr);
 }
 
 TEST(Determinism, EmbeddingAndPoolsAtEveryTeamSize) {
-    const TensorPtr indices(Tensor::zeros({5000}, 0, dtype::int64));
+    const TensorPtr indices(Tensor::zeros({5000}, 0, dtype::int64)), weight(Tensor::zeros({3, 100}, 0, dtype::float32));
     const TensorPtr g = random_tensor({5000, 100}, dtype::float32, 1);
-    const TensorPtr weight(Tensor::zeros({3, 100}, 0, dtype::float32));
     const TensorPtr x = random_tensor({4, 8, 50, 50}, dtype::float32, 2);
-    std::vector<float> first;
-    for (const int team : {1, 2, 4, 7}) {
-        ConfigSetNumThreads(team);
-        const LayerPtr layer(_Embedding(3, 100, ""));
-        const LayerPtr pool(_AvgPool2D({3, 3}, {2, 2}, "same", ""));
-        std::vector<float> all =
-            values_of<float>(TensorPtr(layer->backward_dyn(weight.get(), nullptr, indices.get(), g.get(), 1)));
-        const std::vector<float> pooled = values_of<float>(TensorPtr(pool->forward_dyn(x.get())));
-        all.insert(all.end(), pooled.begin(), pooled.end());
-        if (team == 1) {
-            first = all;
-        }
-        EXPECT_EQ(all, first) << team;
-    }
-    ConfigSetNumThreads(4);
+    const LayerPtr layer(_Embedding(3, 100, "")), pool(_AvgPool2D({3, 3}, {2, 2}, "same", ""));
+    expect_same_bits([&] { return layer->backward_dyn(weight.get(), nullptr, indices.get(), g.get(), 1); },
+                     "embedding");
+    expect_same_bits([&] { return pool->forward_dyn(x.get()); }, "pool");
 }
 
 TEST(PixelShuffle, PlacesEveryElementAndBack) {

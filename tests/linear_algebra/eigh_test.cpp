@@ -3,9 +3,10 @@
 #include <cstring>
 #include <limits>
 
-#include "hardware/thread_config.h"
 #include "matrices.h"
 #include "support/expect_error.h"
+#include "support/gradients.h"
+#include "support/teams.h"
 #include "tensor/tensor_math/linear_algebra.h"
 
 namespace ornik::test {
@@ -121,67 +122,56 @@ TEST(Eigh, VectorsAndValuesObeyTheirEquations) {
 
 TEST(Eigh, SameBitsForEveryTeamSize) {
     const TensorPtr x = make<float>({9, 20, 20}, hermitian<float>(9, 20));
-    const int before = ConfigGetNumThreads();
-    std::vector<std::vector<float>> vectors;
-    for (const int team : {1, 2, 4, 7}) {
-        ConfigSetNumThreads(team);
-        vectors.push_back(values_of<float>(Decomposition(x).vectors));
-        EXPECT_EQ(vectors.back(), vectors.front()) << team;
+    expect_same_bits([&] { return Decomposition(x).vectors.release(); });
+}
+
+// The matrices' mean with their conjugate transposes, which decomposes the same and whose gradient is Hermitian.
+template <typename T>
+TensorPtr hermitian_part(const Tensor* t) {
+    const std::vector<T> values = values_of<T>(t);
+    const std::int64_t n = t->Shape().back();
+    std::vector<T> part = values;
+    for (std::int64_t row = 0; row < std::ssize(values) / n; ++row) {
+        for (std::int64_t j = 0; j < n; ++j) {
+            T mirrored = values[at(row / n * n + j, row % n, n)];
+            if constexpr (is_complex<T>) {
+                mirrored.imag = -mirrored.imag;
+            }
+            T& element = part[at(row, j, n)];
+            element = combine(Op::mult, combine(Op::add, element, mirrored), T(0.5));
+        }
     }
-    ConfigSetNumThreads(before);
+    return make<T>(t->Shape(), part);
 }
 
 TEST(Eigh, GradientsAgreeWithCentralDifferences) {
-    constexpr std::int64_t n = 4;
-    constexpr double h = 1e-5;
-    // The gradient of the sum over weight(k) value[k] + weight(i n + k) |v(i, k)|^2, which depends on no sign or phase.
-    const auto weight = [](std::size_t k) { return std::sin(3.0 * static_cast<double>(k) + 1); };
-    const auto check = [&]<typename T>() {
-        const TensorPtr x = make<T>({2, n, n}, hermitian<T>(2, n));
-        std::vector<T> grad_vectors = values_of<T>(Decomposition(x).vectors);
-        std::vector<double> grad_values;
-        for (std::size_t k = 0; k < grad_vectors.size(); ++k) {
-            grad_vectors[k] = combine(Op::mult, grad_vectors[k], T(2 * weight(k)));
-            grad_values.push_back(weight(k));
-        }
-        grad_values.resize(2 * n);
-        const auto sum_at = [&](T* element, T value) {
-            std::swap(*element, value);
-            const Decomposition found(x);
-            std::swap(*element, value);
-            double sum = 0;
-            for (std::size_t k = 0; k < grad_vectors.size(); ++k) {
-                sum += weight(k) * std::norm(numbers(values_of<T>(found.vectors))[k]);
-                sum += k < 2 * n ? weight(k) * values_of<double>(found.values)[k] : 0;
+    // Of sums over weight value and over weight |v|^2, which depend on no sign or phase of the vectors v.
+    for_types(TypeList<double, Complex<double>>{}, []<typename T>() {
+        const TensorPtr x = make<T>({2, 4, 4}, hermitian<T>(2, 4));
+        const TensorPtr weight = random_tensor({2, 4, 4}, dtype::float64, 3);
+        const TensorPtr gl = random_tensor({2, 4}, dtype::float64, 4, Layout::every_other);
+        const auto squares = [](Tensor* t) {
+            std::vector<double> norms;
+            for (const Number v : numbers(values_of<T>(Decomposition(hermitian_part<T>(t)).vectors))) {
+                norms.push_back(std::norm(v));
             }
-            return sum;
+            return make<double>(t->Shape(), norms);
         };
-        const TensorPtr gv = make<T>({2, n, n}, grad_vectors, Layout::transposed);
-        const TensorPtr gl = make<double>({2, n}, grad_values, Layout::every_other);
-        const std::vector<Number> g = numbers(values_of<T>(TensorPtr(eigh_grad(gv.get(), gl.get(), x.get()))));
-        const std::vector<Number> of_values = numbers(values_of<T>(TensorPtr(eigvalsh_grad(gl.get(), x.get()))));
-        const std::vector<Number> of_vectors = numbers(values_of<T>(TensorPtr(eigh_grad(gv.get(), nullptr, x.get()))));
-        for (std::int64_t row = 0; row < 2 * n; ++row) {
-            for (std::int64_t j = 0; j <= row % n; ++j) {
-                const std::size_t here = at(row, j, n);
-                const double twice = j == row % n ? 1 : 2;  // The element above the diagonal moves along.
-                EXPECT_NEAR(std::abs(g[here] - of_values[here] - of_vectors[here]), 0, 1e-12);
-                EXPECT_NEAR(std::abs(g[here] - std::conj(g[at(row / n * n + j, row % n, n)])), 0, 1e-12);
-                T* element = static_cast<T*>(x->getRawData()) + here;
-                const auto slope = [&](T step) {
-                    return (sum_at(element, combine(Op::add, *element, step)) -
-                            sum_at(element, combine(Op::sub, *element, step))) /
-                           (2 * h);
-                };
-                EXPECT_NEAR(slope(T(h)), twice * g[here].real(), 1e-7);
-                if constexpr (is_complex<T>) {
-                    EXPECT_NEAR(slope(T(0, h)), j == row % n ? 0 : twice * g[here].imag(), 1e-7);
-                }
-            }
+        std::vector<T> grad_vectors = values_of<T>(Decomposition(x).vectors);
+        for (std::size_t k = 0; k < grad_vectors.size(); ++k) {
+            grad_vectors[k] = combine(Op::mult, grad_vectors[k], T(2 * values_of<double>(weight)[k]));
         }
-    };
-    check.operator()<double>();
-    check.operator()<Complex<double>>();
+        const TensorPtr gv = make<T>({2, 4, 4}, grad_vectors, Layout::transposed);
+        const TensorPtr of_vectors(eigh_grad(gv.get(), nullptr, x.get())), of_values(eigvalsh_grad(gl.get(), x.get()));
+        expect_gradient(squares, x.get(), weight.get(), of_vectors.get());
+        expect_gradient([](Tensor* t) { return TensorPtr(eigvalsh(hermitian_part<T>(t).get())); }, x.get(), gl.get(),
+                        of_values.get());
+        const std::vector<Number> both = numbers(values_of<T>(TensorPtr(eigh_grad(gv.get(), gl.get(), x.get()))));
+        for (std::size_t i = 0; i < both.size(); ++i) {
+            const Number sum = numbers(values_of<T>(of_vectors))[i] + numbers(values_of<T>(of_values))[i];
+            EXPECT_NEAR(std::abs(both[i] - sum), 0, 1e-12);
+        }
+    });
 }
 
 TEST(Eigh, Refusals) {

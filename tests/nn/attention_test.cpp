@@ -4,8 +4,11 @@
 #include <cmath>
 #include <limits>
 
+#include "apis/ornik.h"
 #include "support/expect_error.h"
 #include "support/gradients.h"
+#include "support/teams.h"
+#include "tensor/nn/interpolate.h"
 
 namespace ornik::test {
 namespace {
@@ -36,8 +39,7 @@ void attend(const double* q, const double* k, const double* v, const double* bia
 }
 
 void expect_values(const Tensor* t, const Values& expected, double bound) {
-    const TensorPtr wide(t->astype(dtype::float64));
-    const Values values = values_of<double>(wide);
+    const Values values = doubles_of(t);
     ASSERT_EQ(values.size(), expected.size());
     for (std::size_t i = 0; i < values.size(); ++i) {
         EXPECT_NEAR(values[i], expected[i], bound) << "entry " << i;
@@ -99,7 +101,7 @@ TEST(Attention, DotProductAgainstLoops) {
         std::vector<Values> wide;
         for (const Dims& shape : {Dims{2, 2, 3, 4}, Dims{2, 2, 5, 4}, Dims{2, 2, 5, 6}}) {
             in.push_back(random_tensor(shape, type, static_cast<unsigned>(in.size()), all_layouts[in.size() + 1]));
-            wide.push_back(values_of<double>(TensorPtr(in.back()->astype(dtype::float64))));
+            wide.push_back(doubles_of(in.back().get()));
         }
         const Values no_bias(15, 0.0);
         Values expected(72);
@@ -196,18 +198,39 @@ TEST(Attention, Refusals) {
     dot(x.get(), x.get(), "A mask of shape ( 1, 3, 4 ) does not broadcast to scores of shape ( 1, 3, 3 ) ");
     const AttentionProjection map{w.get(), nullptr};
     const std::string file = "src/tensor/nn/multi_head_attention.cpp";
-    expect_error(
-        [&] {
-            multi_head_attention({map, map, map, map}, 3, x.get(), x.get(), x.get());
-        },
-        "Widths of 4 and 4 can not be cut into 3 heads.", "ornik::multi_head_attention", file);
+    const MultiHeadParameters all{map, map, map, map};
+    expect_error([&] { multi_head_attention(all, 3, x.get(), x.get(), x.get()); },
+                 "Widths of 4 and 4 can not be cut into 3 heads.", "ornik::multi_head_attention", file);
     MultiHeadState state;
-    const TensorPtr y(multi_head_attention({map, map, map, map}, 2, longer.get(), x.get(), x.get(), nullptr, &state));
-    expect_error(
-        [&] {
-            multi_head_attention_grad({map, map, map, map}, x.get(), x.get(), x.get(), state, x.get());
-        },
-        "The state of multi-head attention is not of these inputs.", "ornik::multi_head_attention_grad", file);
+    const TensorPtr y(multi_head_attention(all, 2, longer.get(), x.get(), x.get(), nullptr, &state));
+    expect_error([&] { multi_head_attention_grad(all, x.get(), x.get(), x.get(), state, x.get()); },
+                 "The state of multi-head attention is not of these inputs.", "ornik::multi_head_attention_grad", file);
+}
+
+// Losses, attention and interpolation at every team size.
+TEST(Team, SameBitsAtEverySize) {
+    const TensorPtr x = random_tensor({4, 6, 70, 20}, dtype::float32, 1);
+    const TensorPtr p(TensorPtr(x->mult_tensor(x.get()))->reshape({336, 100}));
+    const TensorPtr classes(Tensor::ones({336}, 0, dtype::int64));
+    expect_same_bits([&] {
+        std::vector<TensorPtr> results;
+        for (const std::string name : {"mse", "bce", "sce", "nll_loss"}) {
+            const std::unique_ptr<Loss> loss(getLoss(name));
+            Tensor* target = name == "nll_loss" ? classes.get() : p.get();
+            results.emplace_back(loss->loss_forward(p.get(), target));
+            results.emplace_back(loss->loss_backward(p.get(), target));
+        }
+        Tensor* kept = nullptr;
+        const TensorPtr y(scaled_dot_product_attention(x.get(), x.get(), x.get(), nullptr, &kept));
+        results.emplace_back(y->clone());
+        results.emplace_back(kept);
+        AttentionGradients g = scaled_dot_product_attention_grad(x.get(), x.get(), x.get(), kept, y.get());
+        results.push_back(std::move(g.query));
+        results.push_back(std::move(g.key));
+        results.emplace_back(interpolate(x.get(), {90, 17}, "bilinear"));
+        results.emplace_back(interpolate_grad(results.back().get(), x->Shape(), "bilinear"));
+        return results;
+    });
 }
 
 }  // namespace

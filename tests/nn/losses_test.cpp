@@ -20,7 +20,7 @@ double value_of(const LossPtr& loss, const TensorPtr& prediction, const TensorPt
     const TensorPtr value(loss->loss_forward(prediction.get(), target.get()));
     EXPECT_EQ(value->Shape(), Dims{});
     EXPECT_EQ(value->Dtype(), prediction->Dtype());
-    return values_of<double>(TensorPtr(value->astype(dtype::float64)))[0];
+    return doubles_of(value.get())[0];
 }
 
 TensorPtr probabilities(const Dims& shape, std::int64_t dtype, unsigned seed, Layout layout = Layout::contiguous) {
@@ -31,14 +31,26 @@ TensorPtr probabilities(const Dims& shape, std::int64_t dtype, unsigned seed, La
 }
 
 TEST(Losses, NamesMakeTheirClasses) {
-    const LossPtr losses[] = {LossPtr(getLoss("mse")), LossPtr(getLoss("mean_squared_error")), LossPtr(getLoss("bce")),
-                              LossPtr(getLoss("binary_cross_entropy")), LossPtr(getLoss("nll_loss"))};
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_EQ(dynamic_cast<LMeanSquaredError*>(losses[i].get()) != nullptr, i < 2);
-        EXPECT_EQ(dynamic_cast<LBinaryCrossEntropy*>(losses[i].get()) != nullptr, i == 2 || i == 3);
-        EXPECT_EQ(dynamic_cast<LNLL_Loss*>(losses[i].get()) != nullptr, i == 4);
+    const auto made = []<typename Class>(const char* name) {
+        return dynamic_cast<Class*>(LossPtr(getLoss(name)).get()) != nullptr;
+    };
+    for (const char* name : {"mse", "mean_squared_error"}) {
+        EXPECT_TRUE(made.operator()<LMeanSquaredError>(name));
     }
-    EXPECT_EQ(getLoss("MSE"), nullptr);
+    for (const char* name : {"bce", "binary_cross_entropy"}) {
+        EXPECT_TRUE(made.operator()<LBinaryCrossEntropy>(name));
+    }
+    for (const char* name : {"soft_cross_entropy", "softmax_cross_entropy", "sce"}) {
+        EXPECT_TRUE(made.operator()<LSoftCrossEntropy>(name));
+    }
+    EXPECT_TRUE(made.operator()<LNLL_Loss>("nll_loss"));
+    for (const char* name : {"MSE", "SCE", "", "unknown"}) {
+        EXPECT_EQ(getLoss(name), nullptr) << name;
+    }
+    const LossPtr none(getLoss("none"));
+    EXPECT_EQ(none->get_name(), "none");
+    EXPECT_EQ(none->loss_forward(nullptr, nullptr), nullptr);
+    EXPECT_EQ(none->loss_backward(nullptr, nullptr), nullptr);
 }
 
 TEST(Losses, OverElementsAgainstTheirDefinitions) {
@@ -60,8 +72,8 @@ TEST(Losses, OverElementsAgainstTheirDefinitions) {
             EXPECT_NEAR(value_of(loss, TensorPtr(x->astype(dtype::float32)), TensorPtr(t->astype(dtype::float32))),
                         expected, 1e-6)
                 << name;
-            expect_gradient([&](Tensor* v) { return TensorPtr(loss->loss_forward(v, t.get())); }, x.get(), unit.get(),
-                            TensorPtr(loss->loss_backward(x.get(), t.get())).get());
+            expect_gradient([&](Tensor* v) { return loss->loss_forward(v, t.get()); }, x, unit,
+                            loss->loss_backward(x.get(), t.get()));
         }
     }
 }
@@ -85,23 +97,45 @@ TEST(Losses, BinaryCrossEntropyNearItsEnds) {
     EXPECT_TRUE(std::isnan(value_of(loss, nan, make<float>({1}, {1}))));
 }
 
-TEST(Losses, NegativeLogLikelihood) {
-    const LossPtr loss(getLoss("nll_loss"));
+TEST(Losses, ClassIndicesAndWeights) {
+    const LossPtr nll(getLoss("nll_loss")), cross_entropy(getLoss("sce"));
     const TensorPtr unit = make<double>({}, {1});
     const TensorPtr x = random_tensor({2, 3, 4}, dtype::float64, 11, Layout::transposed);
+    const std::vector<double> in = values_of<double>(x);
     const std::vector<std::uint8_t> classes = {0, 3, 2, 2, 1, 0};
-    double expected = 0;
+    std::vector<double> one_hot(24, 0.0);
+    double likelihood = 0;
     for (std::size_t row = 0; row < 6; ++row) {
-        expected -= values_of<double>(x)[row * 4 + classes[row]] / 6;
+        likelihood -= in[row * 4 + classes[row]] / 6;
+        one_hot[row * 4 + classes[row]] = 1;
     }
+    const auto entropy = [&](const std::vector<double>& weights) {
+        double total = 0;
+        for (std::size_t i = 0; i < 24; ++i) {
+            double sum = 0;
+            for (std::size_t c = 0; c < 4; ++c) {
+                sum += std::exp(in[i / 4 * 4 + c]);
+            }
+            total += weights[i] * (std::log(sum) - in[i]) / 6;
+        }
+        return total;
+    };
+    const auto check = [&](const LossPtr& loss, const TensorPtr& target, double expected, double bound) {
+        EXPECT_NEAR(value_of(loss, x, target), expected, bound);
+        expect_gradient([&](Tensor* v) { return loss->loss_forward(v, target.get()); }, x, unit,
+                        loss->loss_backward(x.get(), target.get()));
+    };
     for (const TensorPtr& target :
          {make<std::uint8_t>({2, 3}, classes, Layout::transposed), make<std::uint8_t>({2, 3, 1}, classes)}) {
-        EXPECT_NEAR(value_of(loss, x, target), expected, 1e-15);
-        expect_gradient([&](Tensor* v) { return TensorPtr(loss->loss_forward(v, target.get())); }, x.get(), unit.get(),
-                        TensorPtr(loss->loss_backward(x.get(), target.get())).get());
+        check(nll, target, likelihood, 1e-15);
+        check(cross_entropy, target, entropy(one_hot), 1e-14);
     }
+    check(cross_entropy, make<double>({2, 3, 4}, one_hot, Layout::reversed), entropy(one_hot), 1e-14);
+    const TensorPtr mixed = random_tensor({2, 3, 4}, dtype::float64, 12);
+    check(cross_entropy, mixed, entropy(values_of<double>(mixed)), 1e-14);
     const TensorPtr one_member = make<float>({3}, {-1, -2, -3});
-    EXPECT_EQ(value_of(loss, one_member, make<std::int64_t>({}, {1})), 2.0);
+    EXPECT_EQ(value_of(nll, one_member, make<std::int64_t>({}, {1})), 2.0);
+    EXPECT_EQ(value_of(cross_entropy, make<float>({1, 2}, {1000, -1000}), make<std::int64_t>({1}, {1})), 2000.0);
 }
 
 // Rows of every length around a vector's, one entry far below the others.
@@ -132,12 +166,11 @@ TEST(Losses, Refusals) {
     const auto refused = [](const std::string& name, const std::string& type, const TensorPtr& prediction,
                             const TensorPtr& target, const std::string& message) {
         const LossPtr loss(getLoss(name));
-        const std::string file = "src/losses/" + name + ".cpp";
-        const std::string place = "ornik::" + type;
-        expect_error([&] { loss->loss_forward(prediction.get(), target.get()); }, message, place + "::loss_forward",
-                     file);
-        expect_error([&] { loss->loss_backward(prediction.get(), target.get()); }, message, place + "::loss_backward",
-                     file);
+        const Refusal calls[] = {
+            {"loss_forward", [&] { loss->loss_forward(prediction.get(), target.get()); }, message},
+            {"loss_backward", [&] { loss->loss_backward(prediction.get(), target.get()); }, message},
+        };
+        expect_refusals(calls, "ornik::" + type + "::", "src/losses/" + name + ".cpp");
     };
     const auto mse = [&](const TensorPtr& prediction, const TensorPtr& target, const std::string& message) {
         refused("mean_squared_error", "LMeanSquaredError", prediction, target, message);
@@ -153,6 +186,18 @@ TEST(Losses, Refusals) {
     refused("nll_loss", "LNLL_Loss", x, x, "Negative log-likelihood needs class indices of an integer dtype.");
     refused("nll_loss", "LNLL_Loss", x, make<std::int64_t>({2}, {0, 3}),
             "Class index out of range, there are 3 classes.");
+    const auto sce = [&](const TensorPtr& prediction, const TensorPtr& target, const std::string& message) {
+        refused("soft_cross_entropy", "LSoftCrossEntropy", prediction, target, message);
+    };
+    sce(x, make<std::int64_t>({2}, {0, 3}), "Class index out of range, there are 3 classes.");
+    sce(x, make<std::int8_t>({2}, {0, -1}), "Class index out of range, there are 3 classes.");
+    sce(x, make<std::int64_t>({3}, {0, 1, 2}),
+        "Class indices of shape ( 3 ) do not fit a prediction of shape ( 2, 3 ) ");
+    sce(x, make<double>({1}, {1}), "Not same data type for inputs of cross entropy.");
+    sce(x, make<float>({3, 2}, counted<float>(6)),
+        "Target of shape ( 3, 2 ) does not fit a prediction of shape ( 2, 3 ) ");
+    sce(make<std::int32_t>({1}, {1}), x, "Not valid dtype for this function.");
+    sce(make<float>({}, {1}), x, "Cross entropy needs a prediction [..., classes], however it is empty vector\n");
 }
 
 }  // namespace

@@ -40,9 +40,9 @@ TEST(Interpolate, AgainstItsDefinitionAndDifferences) {
             const TensorPtr x = random_tensor({2, 2, r.in_rows, r.in_cols}, dtype::float64, 1, Layout::transposed);
             const TensorPtr g = random_tensor({2, 2, r.out_rows, r.out_cols}, dtype::float64, 2, Layout::reversed);
             const auto resize = [&](Tensor* t) {
-                return TensorPtr(interpolate(t, {r.out_rows, r.out_cols}, mode.name, mode.corners));
+                return interpolate(t, {r.out_rows, r.out_cols}, mode.name, mode.corners);
             };
-            const TensorPtr y = resize(x.get());
+            const TensorPtr y(resize(x.get()));
             ASSERT_EQ(y->Shape(), g->Shape());
             // Hat functions around the position: what every pixel of the image weighs.
             const std::vector<double> in = values_of<double>(x);
@@ -58,9 +58,7 @@ TEST(Interpolate, AgainstItsDefinitionAndDifferences) {
                 }
                 EXPECT_NEAR(out[static_cast<std::size_t>(i)], expected, 1e-14) << i;
             }
-            expect_gradient(
-                resize, x.get(), g.get(),
-                TensorPtr(interpolate_grad(g.get(), {2, 2, r.in_rows, r.in_cols}, mode.name, mode.corners)).get());
+            expect_gradient(resize, x, g, interpolate_grad(g.get(), x->Shape(), mode.name, mode.corners));
         }
     }
 }
@@ -87,12 +85,10 @@ TEST(Interpolate, Refusals) {
     refused(x, {1, 1}, "cubic", "Unknown interpolation: cubic");
     refused(x, {1, 1}, "nearest", "align_corners needs the interpolation bilinear.");
     refused(x, {4, 0}, "bilinear", "Interpolation needs a size of rows and cols, however it is ( 4, 0 ) ");
-    expect_error(
-        [&] {
-            interpolate_grad(x.get(), {1, 3, 3, 4}, "nearest");
-        },
-        "A gradient of shape ( 1, 2, 3, 4 ) does not fit images of shape ( 1, 3, 3, 4 ) ", "ornik::interpolate_grad",
-        "src/tensor/nn/interpolate.cpp");
+    const Dims images{1, 3, 3, 4};
+    expect_error([&] { interpolate_grad(x.get(), images, "nearest"); },
+                 "A gradient of shape ( 1, 2, 3, 4 ) does not fit images of shape ( 1, 3, 3, 4 ) ",
+                 "ornik::interpolate_grad", "src/tensor/nn/interpolate.cpp");
 }
 
 TEST(Packing, AWorkedBatch) {
@@ -121,25 +117,22 @@ TEST(Packing, GradientsAndRefusals) {
     const Packing packing({2, 3});
     const TensorPtr padded = random_tensor({2, 4, 2}, dtype::float64, 1, Layout::transposed);
     const TensorPtr packed = random_tensor({5, 2}, dtype::float64, 2, Layout::reversed);
-    expect_gradient([&](Tensor* t) { return TensorPtr(pack_sequences(t, packing)); }, padded.get(), packed.get(),
-                    TensorPtr(pack_sequences_grad(packed.get(), packing, 4)).get());
-    expect_gradient([&](Tensor* t) { return TensorPtr(unpack_sequences(t, packing, 4, 7)); }, packed.get(),
-                    padded.get(), TensorPtr(unpack_sequences_grad(padded.get(), packing)).get());
-    const std::string file = "src/tensor/nn/packing.cpp";
-    expect_error(
-        [] {
-            Packing({2, -1});
-        },
-        "Sequences have lengths from 0, however they are ( 2, -1 ) ", "ornik::Packing::Packing", file);
-    expect_error([] { Packing({0, 0}); }, "At least one sequence should have a step.", "ornik::Packing::Packing", file);
-    expect_error([&] { pack_sequences(packed.get(), packing); },
-                 "These sequences are padded to [2, 3 or more, ...], however they are ( 5, 2 ) ",
-                 "ornik::pack_sequences", file);
-    expect_error([&] { unpack_sequences(padded.get(), packing); },
-                 "These sequences are packed to [5, ...], however they are ( 2, 4, 2 ) ", "ornik::unpack_sequences",
-                 file);
-    expect_error([&] { pack_sequences_grad(packed.get(), packing, 2); }, "Sequences of up to 3 steps do not fit into 2",
-                 "ornik::pack_sequences_grad", file);
+    expect_gradient([&](Tensor* t) { return pack_sequences(t, packing); }, padded, packed,
+                    pack_sequences_grad(packed.get(), packing, 4));
+    expect_gradient([&](Tensor* t) { return unpack_sequences(t, packing, 4, 7); }, packed, padded,
+                    unpack_sequences_grad(padded.get(), packing));
+    const Refusal refusals[] = {
+        {"Packing::Packing", [] { Packing(dims(2, -1)); },
+         "Sequences have lengths from 0, however they are ( 2, -1 ) "},
+        {"Packing::Packing", [] { Packing(dims(0, 0)); }, "At least one sequence should have a step."},
+        {"pack_sequences", [&] { pack_sequences(packed.get(), packing); },
+         "These sequences are padded to [2, 3 or more, ...], however they are ( 5, 2 ) "},
+        {"unpack_sequences", [&] { unpack_sequences(padded.get(), packing); },
+         "These sequences are packed to [5, ...], however they are ( 2, 4, 2 ) "},
+        {"pack_sequences_grad", [&] { pack_sequences_grad(packed.get(), packing, 2); },
+         "Sequences of up to 3 steps do not fit into 2"},
+    };
+    expect_refusals(refusals, "ornik::", "src/tensor/nn/packing.cpp");
 }
 
 }  // namespace

@@ -30,6 +30,12 @@ void adam(T& p, T g, int t, T* s, bool decays, bool amsgrad) {
     p = T(-lr) * (corrected<T>(b1, t) * s[0] / (std::sqrt(corrected<T>(b2, t) * s[amsgrad ? 2 : 1]) + T(eps))) + p;
 }
 
+template <typename T>
+void sgd(T& p, T g, T* s, bool nesterov) {
+    s[0] = T(b1) * s[0] + T(-lr) * g;
+    p = nesterov ? p + (T(b1) * s[0] + T(-lr) * g) : p + s[0];
+}
+
 // Calls visit(name in messages, name, file, number of states, step, reference) for every step; the reference
 // updates one element in the arithmetic of its type.
 template <typename Visit>
@@ -38,10 +44,11 @@ void for_each_step(const Visit& visit) {
     visit(
         "sgd_step", "sgd_step", "sgd", std::size_t{1},
         [](P p, P g, int, States s) { sgd_step(p, g, lr, s[0], b1, true); },
-        []<typename T>(T& p, T g, int, T* s) {
-            s[0] = T(b1) * s[0] + T(-lr) * g;
-            p = p + (T(b1) * s[0] + T(-lr) * g);
-        });
+        []<typename T>(T& p, T g, int, T* s) { sgd(p, g, s, true); });
+    visit(
+        "sgd_step", "sgd_step", "sgd", std::size_t{1},
+        [](P p, P g, int, States s) { sgd_step(p, g, lr, s[0], b1, false); },
+        []<typename T>(T& p, T g, int, T* s) { sgd(p, g, s, false); });
     visit(
         "rmsprop_step", "rmsprop_step", "rmsprop", std::size_t{1},
         [](P p, P g, int, States s) { rmsprop_step(p, g, lr, b1, eps, s[0]); },
@@ -200,7 +207,9 @@ TEST(Steps, RefuseBeforeAnyWrite) {
         refused({{0, whole.get()}, {1, whole.get()}, {2, whole.get()}, {3, whole.get()}, {4, whole.get()}},
                 "'" + said + "' only supports float or complex.");
         refused({{2, expanded.get()}}, "Output can not be an expanded view: shape ( 2 ) , strides ( 0 ) ");
-        refused({{2, good[1].get()}}, "Inputs for '" + said + "' overlap in memory.");
+        for (const std::size_t shared : {0U, 1U}) {
+            refused({{2, good[shared].get()}}, "Inputs for '" + said + "' overlap in memory.");
+        }
         if (name == "adamw_step") {
             refused({{4, nullptr}}, "'adam_step' with amsgrad needs a tensor for the largest average.");
         }

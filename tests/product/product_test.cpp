@@ -6,15 +6,14 @@
 #include <random>
 
 #include "../src/hardware/cpu/cpu_product_kernels.h"
-#include "hardware/cpu/cpu_product.h"
-#include "hardware/thread_config.h"
-#include "support/tensors.h"
+#include "support/gradients.h"
+#include "support/products.h"
+#include "support/teams.h"
 
 namespace ornik::test {
 namespace {
 
 using device::cpu::product;
-using device::cpu::ProductPlan;
 
 // Small whole numbers, so that sums are exact in every dtype wide enough, and wrap the same way elsewhere.
 template <typename T>
@@ -30,38 +29,6 @@ std::vector<T> small_numbers(std::int64_t n, unsigned seed) {
         }
     }
     return values;
-}
-
-template <typename T>
-T multiply_add(T sum, T a, T b) {
-    if constexpr (std::is_same_v<T, bool>) {
-        return sum || (a && b);
-    } else if constexpr (std::is_integral_v<T>) {
-        return static_cast<T>(static_cast<std::uint64_t>(sum) +
-                              static_cast<std::uint64_t>(a) * static_cast<std::uint64_t>(b));
-    } else {
-        return sum + a * b;
-    }
-}
-
-template <typename T>
-std::vector<T> naive(const ProductPlan& p, const std::vector<T>& a, const std::vector<T>& b, std::vector<T> c) {
-    for (std::int64_t n = 0; n < p.batch; ++n) {
-        for (std::int64_t i = 0; i < p.rows; ++i) {
-            for (std::int64_t j = 0; j < p.cols; ++j) {
-                T sum = T(0);
-                for (std::int64_t k = 0; k < p.depth; ++k) {
-                    const std::int64_t at_a = p.transpose_a ? k * p.rows + i : i * p.depth + k;
-                    const std::int64_t at_b = p.transpose_b ? j * p.depth + k : k * p.cols + j;
-                    sum = multiply_add<T>(sum, a[static_cast<std::size_t>(n * p.rows * p.depth + at_a)],
-                                          b[static_cast<std::size_t>(n * p.depth * p.cols + at_b)]);
-                }
-                const auto at = static_cast<std::size_t>((n * p.rows + i) * p.cols + j);
-                c[at] = p.accumulate ? multiply_add<T>(c[at], T(1), sum) : sum;
-            }
-        }
-    }
-    return c;
 }
 
 // Runs the kernel on a C with guard elements around it.
@@ -112,20 +79,14 @@ TEST(Product, IntegersWrapAndBoolBytesAreNormalised) {
     EXPECT_EQ(c, 1);
 }
 
-template <typename T>
-std::vector<T> random_numbers(std::int64_t n, unsigned seed) {
-    std::mt19937 random(seed);
-    std::vector<T> values(static_cast<std::size_t>(n));
-    for (T& value : values) {
-        value = static_cast<T>(random() * 0x1p-31 - 1.0);
-    }
-    return values;
+std::vector<float> random_floats(std::int64_t n, unsigned seed) {
+    return values_of<float>(random_tensor({n}, dtype::float32, seed));
 }
 
 TEST(Product, ErrorStaysBelowTheBoundOfItsLength) {
     const ProductPlan plan{1, 61, 83, 1000, false, true, false};
-    const auto a = random_numbers<float>(61 * 1000, 5);
-    const auto b = random_numbers<float>(83 * 1000, 6);
+    const auto a = random_floats(61 * 1000, 5);
+    const auto b = random_floats(83 * 1000, 6);
     const auto c = run<float>(plan, a, b, std::vector<float>(61 * 83));
     const auto exact = naive<double>(plan, {a.begin(), a.end()}, {b.begin(), b.end()}, std::vector<double>(61 * 83));
     for (std::size_t i = 0; i < c.size(); ++i) {
@@ -133,42 +94,32 @@ TEST(Product, ErrorStaysBelowTheBoundOfItsLength) {
     }
 }
 
-class Bits : public testing::Test {
-  protected:
-    ~Bits() override { ConfigSetNumThreads(4); }
-};
-
-TEST_F(Bits, DoNotDependOnTheTeam) {
+TEST(Bits, DoNotDependOnTheTeam) {
     std::mt19937 random(17);
     constexpr std::int64_t awkward[] = {1, 2, 3, 4, 5, 23, 24, 25, 31, 33, 47, 48, 49, 64, 97, 193, 255, 257, 300, 700};
     const auto pick = [&] { return awkward[random() % std::size(awkward)]; };
-    for_types(TypeList<float, double, Complex<float>, Complex<double>>{}, [&]<typename T>() {
-        using Real = std::conditional_t<std::is_same_v<T, float> || std::is_same_v<T, Complex<float>>, float, double>;
-        constexpr std::int64_t parts = sizeof(T) / sizeof(Real);
+    for (const std::int64_t dtype : {dtype::float32, dtype::float64, dtype::complex64, dtype::complex128}) {
         for (int round = 0; round < 60; ++round) {
             const std::uint32_t flags = random();
             const ProductPlan plan{1, pick(), pick(), pick(), (flags & 1) != 0, (flags & 2) != 0, (flags & 4) != 0};
-            const auto a = random_numbers<Real>(plan.rows * plan.depth * parts, 1);
-            const auto b = random_numbers<Real>(plan.depth * plan.cols * parts, 2);
-            const auto old = random_numbers<Real>(plan.rows * plan.cols * parts, 3);
-            std::vector<Real> first;
-            for (const int team : {1, 2, 4, 7, 64}) {
-                ConfigSetNumThreads(team);
-                std::vector<Real> c = old;
-                product(dtype_code<T>, plan, a.data(), b.data(), c.data());
-                if (team == 1) {
-                    first = c;
-                }
-                ASSERT_EQ(std::memcmp(c.data(), first.data(), c.size() * sizeof(Real)), 0)
-                    << dtype_name(dtype_code<T>) << " " << plan.rows << "x" << plan.depth << "x" << plan.cols
-                    << " flags " << (flags & 7) << " team " << team;
-            }
+            const TensorPtr a = random_tensor({plan.rows, plan.depth}, dtype, 1);
+            const TensorPtr b = random_tensor({plan.depth, plan.cols}, dtype, 2);
+            const TensorPtr old = random_tensor({plan.rows, plan.cols}, dtype, 3);
+            const auto multiply = [&] {
+                TensorPtr c(old->clone());
+                product(dtype, plan, a->getRawData(), b->getRawData(), c->getRawData());
+                return c.release();
+            };
+            expect_same_bits(multiply,
+                             dtype_name(dtype) + shape_text({plan.rows, plan.depth, plan.cols}) + " flags " +
+                                 std::to_string(flags & 7),
+                             {1, 2, 4, 7, 64});
         }
-    });
+    }
 }
 
 // As many workers as a product can have, whatever this machine offers: the smallest pieces that are ever cut.
-TEST_F(Bits, DoNotDependOnTheCut) {
+TEST(Bits, DoNotDependOnTheCut) {
     const auto cuts = [](std::int64_t n, std::int64_t unit) {
         std::vector<std::pair<std::int64_t, std::int64_t>> ranges;
         for (std::int64_t begin = 0; begin < std::max(n / unit, std::int64_t{1}) * unit; begin += unit) {
@@ -183,8 +134,8 @@ TEST_F(Bits, DoNotDependOnTheCut) {
         const std::int64_t depth = random() % 600 + 1;
         const std::uint32_t flags = random();
         const ProductPlan plan{1, rows, cols, depth, (flags & 1) != 0, (flags & 2) != 0, false};
-        const auto a = random_numbers<float>(rows * depth, 1);
-        const auto b = random_numbers<float>(depth * cols, 2);
+        const auto a = random_floats(rows * depth, 1);
+        const auto b = random_floats(depth * cols, 2);
         std::vector<float> whole(static_cast<std::size_t>(rows * cols));
         std::vector<float> by_rows = whole;
         std::vector<float> by_cols = whole;
@@ -200,10 +151,10 @@ TEST_F(Bits, DoNotDependOnTheCut) {
     }
 }
 
-TEST_F(Bits, OfABatchAreThoseOfItsSlices) {
+TEST(Bits, OfABatchAreThoseOfItsSlices) {
     const std::int64_t n = 70;
-    const auto a = random_numbers<float>(9 * n * n, 1);
-    const auto b = random_numbers<float>(9 * n * n, 2);
+    const auto a = random_floats(9 * n * n, 1);
+    const auto b = random_floats(9 * n * n, 2);
     std::vector<float> batch(a.size());
     std::vector<float> slices(a.size());
     product(dtype::float32, {9, n, n, n, false, false, false}, a.data(), b.data(), batch.data());

@@ -318,12 +318,7 @@ TEST(Distributions, Refusals) {
     const std::string probability = "Probability should be in the range of [0, 1].";
     const std::string moments = "mean and std should be finite, std >= 0.";
     const std::string shared = "Output can not be an expanded view: shape ( 2 ) , strides ( 0 ) ";
-    struct Row {
-        const char* function;
-        std::function<void()> call;
-        std::string message;
-    };
-    const Row rows[] = {
+    const Refusal rows[] = {
         {"randu", [=] { T::randu({2}, 0, 1, 0, i); }, "randu only support float or complex as dtype."},
         {"randu", [=] { T::randu({2}, 2, 1, 0, f); }, range},
         {"randu", [=] { T::randu({2}, -3e38, 3e38, 0, f); }, range},
@@ -373,10 +368,7 @@ TEST(Distributions, Refusals) {
          "binary_dtype_cpu_impl only support Complex or float\n"},
         {"fill_rand_binary_inplace", [&] { expanded->fill_rand_binary_inplace(0.5); }, shared},
     };
-    for (const Row& row : rows) {
-        expect_error(row.call, row.message, "ornik::Tensor::" + std::string(row.function),
-                     "src/tensor/tensor_random.cpp");
-    }
+    expect_refusals(rows, "ornik::Tensor::", "src/tensor/tensor_random.cpp");
     const TensorPtr none(share_storage_tensor(p->getStorage(), {0, 3}, {3, 1}, f, 0));
     none->fill_rand_normal_inplace(0, 1, true);
     EXPECT_EQ(generator::default_generator()->counter(), 0U) << "nothing was drawn";

@@ -221,40 +221,33 @@ TEST(Indexing, RefusalsBeforeAnythingIsWritten) {
     const TensorPtr row = make<float>({3}, {1, 2, 3});
     const TensorPtr expanded(Tensor::broadcast_to(row.get(), {2, 3}));
     const TensorPtr mask(Tensor::ones({3}, 0, dtype::boolean));
+    const TensorPtr six = index_of({1}, {6}), long_row = index_of({1, 4}, {0, 0, 0, 0});
+    const std::vector<Tensor*> second{nullptr, beyond.get()}, third{nullptr, nullptr, first.get()};
     const std::string outside = "Index 3 is out of range for an axis of 3 elements";
-    expect_error([&] { index_select(x.get(), 1, beyond.get()); }, outside, "ornik::index_select", file);
-    expect_error([&] { index_add_(x.get(), 1, beyond.get(), source.get()); }, outside, "ornik::index_add_", file);
-    expect_error(
-        [&] {
-            index_put_(x.get(), {nullptr, beyond.get()}, small.get());
-        },
-        outside, "ornik::index_put_", axes_file);
-    expect_error([&] { scatter_(x.get(), 0, below.get(), small.get()); },
-                 "Index -3 is out of range for an axis of 2 elements", "ornik::scatter_", file);
-    expect_error([&] { take(x.get(), index_of({1}, {6}).get()); }, "Index 6 is out of range for an axis of 6 elements",
-                 "ornik::take", file);
-    expect_error([&] { scatter_(x.get(), 0, first.get(), wide.get()); }, "Not same data type", "ornik::scatter_", file);
-    expect_error([&] { scatter_(x.get(), 0, first.get(), source.get()); },
-                 "The source has a shape of ( 2, 3 ) , the indexed elements have a shape of ( 1, 1 ) ",
-                 "ornik::scatter_", file);
-    expect_error([&] { scatter_(expanded.get(), 0, first.get(), small.get()); },
-                 "Output can not be an expanded view: shape ( 2, 3 ) , strides ( 0, 1 ) ", "ornik::scatter_", file);
-    expect_error(
-        [&] {
-            gather(x.get(), 0, index_of({1, 4}, {0, 0, 0, 0}).get());
-        },
-        "Index has a shape of ( 1, 4 ) , which does not fit into ( 2, 3 ) ", "ornik::gather", file);
-    expect_error([&] { index_select(x.get(), 0, row.get()); }, "Index should be of an integer dtype",
-                 "ornik::index_select", file);
-    expect_error([&] { index_get(x.get(), {mask.get()}); },
-                 "A mask of shape ( 3 ) does not fit axis 0 of a shape of ( 2, 3 ) ", "ornik::index_get", axes_file);
-    expect_error(
-        [&] {
-            index_get(x.get(), {nullptr, nullptr, first.get()});
-        },
-        "Too many indices for a shape of ( 2, 3 ) ", "ornik::index_get", axes_file);
-    expect_error([&] { masked_select(x.get(), row.get()); }, "Mask should be a bool tensor", "ornik::masked_select",
-                 axes_file);
+    const Refusal rows[] = {
+        {"index_select", [&] { index_select(x.get(), 1, beyond.get()); }, outside},
+        {"index_select", [&] { index_select(x.get(), 0, row.get()); }, "Index should be of an integer dtype"},
+        {"index_add_", [&] { index_add_(x.get(), 1, beyond.get(), source.get()); }, outside},
+        {"scatter_", [&] { scatter_(x.get(), 0, below.get(), small.get()); },
+         "Index -3 is out of range for an axis of 2 elements"},
+        {"scatter_", [&] { scatter_(x.get(), 0, first.get(), wide.get()); }, "Not same data type"},
+        {"scatter_", [&] { scatter_(x.get(), 0, first.get(), source.get()); },
+         "The source has a shape of ( 2, 3 ) , the indexed elements have a shape of ( 1, 1 ) "},
+        {"scatter_", [&] { scatter_(expanded.get(), 0, first.get(), small.get()); },
+         "Output can not be an expanded view: shape ( 2, 3 ) , strides ( 0, 1 ) "},
+        {"take", [&] { take(x.get(), six.get()); }, "Index 6 is out of range for an axis of 6 elements"},
+        {"gather", [&] { gather(x.get(), 0, long_row.get()); },
+         "Index has a shape of ( 1, 4 ) , which does not fit into ( 2, 3 ) "},
+    };
+    expect_refusals(rows, "ornik::", file);
+    const Refusal of_axes[] = {
+        {"index_put_", [&] { index_put_(x.get(), second, small.get()); }, outside},
+        {"index_get", [&] { index_get(x.get(), {mask.get()}); },
+         "A mask of shape ( 3 ) does not fit axis 0 of a shape of ( 2, 3 ) "},
+        {"index_get", [&] { index_get(x.get(), third); }, "Too many indices for a shape of ( 2, 3 ) "},
+        {"masked_select", [&] { masked_select(x.get(), row.get()); }, "Mask should be a bool tensor"},
+    };
+    expect_refusals(of_axes, "ornik::", axes_file);
     EXPECT_EQ(values_of<float>(x), counted<float>(6));
     EXPECT_EQ(values_of<float>(row), (std::vector<float>{1, 2, 3}));
 }

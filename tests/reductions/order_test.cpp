@@ -9,9 +9,6 @@
 namespace ornik::test {
 namespace {
 
-using Values = std::vector<double>;
-using RealTypes = TypeList<bool, std::uint8_t, std::int8_t, std::int16_t, std::int32_t, std::int64_t, float, double>;
-
 // The runs of a tensor along an axis, each given to `change`, which returns what stands in its place.
 template <typename Change>
 Values by_runs(const Values& x, const Dims& shape, int axis, const Change& change) {
@@ -46,21 +43,18 @@ Values powers(const Values& v) {
     return y;
 }
 
+template <typename Operation>
+Values running(const Values& v) {
+    Values y(v.size());
+    std::partial_sum(v.begin(), v.end(), y.begin(), Operation());
+    return y;
+}
+
 const Row rows[] = {
-    {"cumsum", cumsum,
-     [](const Values& v) {
-         Values y(v.size());
-         std::partial_sum(v.begin(), v.end(), y.begin());
-         return y;
-     },
-     false, [](Tensor* g, Tensor*, Tensor*, int axis) { return cumsum_grad(g, axis); }},
-    {"cumprod", cumprod,
-     [](const Values& v) {
-         Values y(v.size());
-         std::partial_sum(v.begin(), v.end(), y.begin(), std::multiplies<>());
-         return y;
-     },
-     false, [](Tensor* g, Tensor* x, Tensor*, int axis) { return cumprod_grad(g, x, axis); }},
+    {"cumsum", cumsum, running<std::plus<>>, false,
+     [](Tensor* g, Tensor*, Tensor*, int axis) { return cumsum_grad(g, axis); }},
+    {"cumprod", cumprod, running<std::multiplies<>>, false,
+     [](Tensor* g, Tensor* x, Tensor*, int axis) { return cumprod_grad(g, x, axis); }},
     {"softmax", softmax, powers, true,
      [](Tensor* g, Tensor*, Tensor* y, int axis) { return softmax_grad(g, y, axis); }},
     {"log_softmax", log_softmax,
@@ -133,16 +127,14 @@ TEST(AlongAnAxis, SpecialValues) {
     for (const Row& row : {rows[2], rows[3]}) {
         expect_close(values_of<double>(TensorPtr(row.apply(undefined.get(), 0))), Values(3, not_a_number), 0, row.name);
     }
-    const std::string file = "src/tensor/tensor_math/running.cpp";
-    const TensorPtr integers(Tensor::ones({2}, 0, dtype::int32));
-    expect_error([&] { softmax(integers.get(), 0); }, "Not valid dtype for this function.", "ornik::softmax", file);
-    expect_error([&] { log_softmax_grad(t.get(), far.get(), 0); }, "Not same data type", "ornik::log_softmax_grad",
-                 file);
-    expect_error(
-        [&] {
-            cumprod_grad(make<double>({4}, {1, 2, 3, 4}).get(), t.get(), 0);
-        },
-        "The gradient has a shape of ( 4 ) , the result has a shape of ( 5 ) ", "ornik::cumprod_grad", file);
+    const TensorPtr integers(Tensor::ones({2}, 0, dtype::int32)), four(Tensor::ones({4}, 0, dtype::float64));
+    const Refusal refusals[] = {
+        {"softmax", [&] { softmax(integers.get(), 0); }, "Not valid dtype for this function."},
+        {"log_softmax_grad", [&] { log_softmax_grad(t.get(), far.get(), 0); }, "Not same data type"},
+        {"cumprod_grad", [&] { cumprod_grad(four.get(), t.get(), 0); },
+         "The gradient has a shape of ( 4 ) , the result has a shape of ( 5 ) "},
+    };
+    expect_refusals(refusals, "ornik::", "src/tensor/tensor_math/running.cpp");
 }
 
 TEST(AlongAnAxis, ExponentialsWithinOneUlpOverTheWholeDomain) {
@@ -208,21 +200,17 @@ TEST(Order, SortIsStableForEveryDtypeLayoutAndLength) {
                     const TensorPtr t = make<T>(shape, x, layout);
                     const Sorted got(sort(t.get(), 1, descending));
                     const std::string name = "sort/" + dtype_name(dtype_code<T>) + "/" + name_of(layout);
-                    const Values places = by_runs(wide, shape, 1, [&](const Values& v) {
-                        const auto order = places_in_order(v, descending);
-                        return Values(order.begin(), order.end());
-                    });
-                    expect_close(doubles_of(got.places.get()), places, 0, name);
-                    expect_close(doubles_of(got.values.get()),
-                                 by_runs(wide, shape, 1,
-                                         [&](const Values& v) {
-                                             Values result;
-                                             for (const std::size_t place : places_in_order(v, descending)) {
-                                                 result.push_back(v[place]);
-                                             }
-                                             return result;
-                                         }),
-                                 0, name);
+                    const auto in_order = [&](bool of_values) {
+                        return by_runs(wide, shape, 1, [&](const Values& v) {
+                            Values result;
+                            for (const std::size_t place : places_in_order(v, descending)) {
+                                result.push_back(of_values ? v[place] : static_cast<double>(place));
+                            }
+                            return result;
+                        });
+                    };
+                    expect_close(doubles_of(got.places.get()), in_order(false), 0, name);
+                    expect_close(doubles_of(got.values.get()), in_order(true), 0, name);
                     EXPECT_EQ(values_of<std::int64_t>(TensorPtr(argsort(t.get(), -2, descending))),
                               values_of<std::int64_t>(got.places));
                     for (const std::int64_t k : {std::int64_t{0}, std::int64_t{5}, shape[1]}) {
@@ -245,12 +233,10 @@ TEST(Order, SortGradientReturnsToItsPlaces) {
                                TensorPtr(sort_grad(g.get(), top.places.get(), {2, 5}, 1)), "topk");
     const std::vector<std::int64_t> places = values_of<std::int64_t>(top.places);
     const auto outside = std::find_if(places.begin(), places.end(), [](std::int64_t place) { return place > 1; });
-    expect_error(
-        [&] {
-            sort_grad(g.get(), top.places.get(), {2, 2}, 1);
-        },
-        "Index " + std::to_string(*outside) + " is out of range for an axis of 2 elements", "ornik::sort_grad",
-        "src/tensor/tensor_math/sorting.cpp");
+    const Dims narrow{2, 2};
+    expect_error([&] { sort_grad(g.get(), top.places.get(), narrow, 1); },
+                 "Index " + std::to_string(*outside) + " is out of range for an axis of 2 elements", "ornik::sort_grad",
+                 "src/tensor/tensor_math/sorting.cpp");
 }
 
 TEST(Order, Unique) {
@@ -267,23 +253,24 @@ TEST(Order, Unique) {
 }
 
 TEST(Order, SearchSorted) {
+    const float nan = std::numeric_limits<float>::quiet_NaN();
     const TensorPtr row = make<float>({4}, {1, 2, 2, 5}, Layout::every_other);
-    const TensorPtr values =
-        make<float>({2, 3}, {0, 2, 6, 5, 1, std::numeric_limits<float>::quiet_NaN()}, Layout::transposed);
-    EXPECT_EQ(values_of<std::int64_t>(TensorPtr(searchsorted(row.get(), values.get()))),
-              (std::vector<std::int64_t>{0, 1, 4, 3, 0, 4}));
-    EXPECT_EQ(values_of<std::int64_t>(TensorPtr(searchsorted(row.get(), values.get(), true))),
-              (std::vector<std::int64_t>{0, 3, 4, 4, 1, 4}));
     const TensorPtr square = make<float>({2, 2}, {1, 3, 0, 9}, Layout::transposed);
-    EXPECT_EQ(values_of<std::int64_t>(TensorPtr(searchsorted(square.get(), values.get()))),
-              (std::vector<std::int64_t>{0, 1, 2, 1, 1, 2}));
-    const std::string file = "src/tensor/tensor_math/sorting.cpp";
-    expect_error([&] { searchsorted(square.get(), row.get()); },
-                 "Incompatible shape: sorted has a shape of ( 2, 2 ) , values has a shape of ( 4 ) ",
-                 "ornik::searchsorted", file);
-    expect_error([&] { topk(row.get(), 5, 0); }, "k is 5, the axis has 4 elements", "ornik::topk", file);
+    const TensorPtr values = make<float>({2, 3}, {0, 2, 6, 5, 1, nan}, Layout::transposed);
+    const auto places = [&](const TensorPtr& sorted, bool right) {
+        return doubles_of(TensorPtr(searchsorted(sorted.get(), values.get(), right)).get());
+    };
+    EXPECT_EQ(places(row, false), (Values{0, 1, 4, 3, 0, 4}));
+    EXPECT_EQ(places(row, true), (Values{0, 3, 4, 4, 1, 4}));
+    EXPECT_EQ(places(square, false), (Values{0, 1, 2, 1, 1, 2}));
     const TensorPtr z(Tensor::ones({2}, 0, dtype::complex64));
-    expect_error([&] { sort(z.get()); }, "Not valid dtype for this function.", "ornik::sort", file);
+    const Refusal refusals[] = {
+        {"searchsorted", [&] { searchsorted(square.get(), row.get()); },
+         "Incompatible shape: sorted has a shape of ( 2, 2 ) , values has a shape of ( 4 ) "},
+        {"topk", [&] { topk(row.get(), 5, 0); }, "k is 5, the axis has 4 elements"},
+        {"sort", [&] { sort(z.get()); }, "Not valid dtype for this function."},
+    };
+    expect_refusals(refusals, "ornik::", "src/tensor/tensor_math/sorting.cpp");
 }
 
 }  // namespace

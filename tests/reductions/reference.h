@@ -8,9 +8,9 @@
 #include <limits>
 #include <random>
 
-#include "hardware/thread_config.h"
 #include "support/expect_error.h"
-#include "support/tensors.h"
+#include "support/gradients.h"
+#include "support/teams.h"
 
 namespace ornik::test {
 
@@ -35,12 +35,6 @@ inline std::vector<std::vector<std::size_t>> groups(const Dims& shape, const std
     return result;
 }
 
-/// Elements of any real tensor as doubles.
-inline std::vector<double> doubles_of(const Tensor* t) {
-    const TensorPtr wide(t->Size() > 0 ? t->astype(dtype::float64) : nullptr);
-    return wide ? values_of<double>(wide) : std::vector<double>{};
-}
-
 inline std::vector<double> random_doubles(std::int64_t n, unsigned seed, double low = -2, double high = 2) {
     std::mt19937_64 random(seed);
     std::uniform_real_distribution<double> distribution(low, high);
@@ -48,6 +42,9 @@ inline std::vector<double> random_doubles(std::int64_t n, unsigned seed, double 
     std::generate(values.begin(), values.end(), [&] { return distribution(random); });
     return values;
 }
+
+using Values = std::vector<double>;
+using RealTypes = TypeList<bool, std::uint8_t, std::int8_t, std::int16_t, std::int32_t, std::int64_t, float, double>;
 
 /// Whole numbers around 0 (from 0 for unsigned types), many of them equal.
 template <typename T>
@@ -69,49 +66,14 @@ inline void expect_close(const std::vector<double>& got, const std::vector<doubl
     }
 }
 
-/// The gradient of x by central differences of sum(g f(x)) against `gradient`; float64.
+/// The gradient of x against central differences of sum(g f(x)); float64, and not all zero.
 template <typename Function>
 void expect_central_differences(const Function& f, const TensorPtr& x, const TensorPtr& g, const TensorPtr& gradient,
                                 const std::string& name) {
-    const std::vector<double> weights = values_of<double>(g);
-    const auto loss = [&] {
-        const std::vector<double> y = values_of<double>(TensorPtr(f(x.get())));
-        EXPECT_EQ(y.size(), weights.size()) << name;
-        double total = 0;
-        for (std::size_t i = 0; i < y.size(); ++i) {
-            total += y[i] * weights[i];
-        }
-        return total;
-    };
-    constexpr double h = 1e-5;
-    std::vector<double> differences;
-    double* data = static_cast<double*>(x->getRawData());
-    for_each_offset(x->Shape(), x->Strides(), [&](std::int64_t at) {
-        const double value = data[at];
-        data[at] = value + h;
-        const double above = loss();
-        data[at] = value - h;
-        differences.push_back((above - loss()) / (2 * h));
-        data[at] = value;
-    });
-    EXPECT_EQ(gradient->Shape(), x->Shape()) << name;
-    expect_close(values_of<double>(gradient), differences, 1e-7, name);
-    EXPECT_TRUE(std::any_of(differences.begin(), differences.end(), [](double d) { return d != 0; })) << name;
-}
-
-/// compute() gives the same bytes under teams of 1, 2, 4 and 7.
-template <typename Compute>
-void expect_same_bits(const Compute& compute, const std::string& name) {
-    std::string first;
-    for (const int team : {1, 2, 4, 7}) {
-        ConfigSetNumThreads(team);
-        const TensorPtr result(compute());
-        const std::string bytes(static_cast<const char*>(result->getRawData()),
-                                static_cast<std::size_t>(result->Size() * result->itemsize()));
-        EXPECT_TRUE(first.empty() || first == bytes) << name << ", team of " << team;
-        first = bytes;
-    }
-    ConfigSetNumThreads(4);
+    SCOPED_TRACE(name);
+    expect_gradient([&](Tensor* t) { return TensorPtr(f(t)); }, x.get(), g.get(), gradient.get(), 1e-5, 1);
+    const std::vector<double> values = values_of<double>(gradient);
+    EXPECT_TRUE(std::any_of(values.begin(), values.end(), [](double d) { return d != 0; }));
 }
 
 }  // namespace ornik::test

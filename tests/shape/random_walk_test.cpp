@@ -82,20 +82,20 @@ class Walk {
         });
     }
 
-    // Element i of the result is element source(index) of `from`. The storage says whether cells are shared.
-    template <typename Source>
-    State mapped(const State& from, Tensor* result, const Dims& shape, const Source& source) {
-        State next;
-        next.t.reset(result);
-        next.shape = shape;
-        Dims index(shape.size(), 0);
-        for (std::int64_t i = 0, n = numel_of(shape); i < n; ++i) {
-            next.cell.push_back(from.cell[static_cast<std::size_t>(flat(source(index), from.shape))]);
-            for (std::size_t d = shape.size(); d-- > 0 && ++index[d] == shape[d];) {
-                index[d] = 0;
-            }
+    static Dims row_major(const Dims& shape) {
+        Dims strides(shape.size(), 1);
+        for (std::size_t d = shape.size(); d-- > 1;) {
+            strides[d - 1] = strides[d] * shape[d];
         }
-        next.cells = from.cells;
+        return strides;
+    }
+
+    // Element i of the result is element places[i] of `from`. The storage says whether cells are shared.
+    static State mapped(const State& from, Tensor* result, const Dims& shape, const std::vector<std::size_t>& places) {
+        State next{TensorPtr(result), shape, {}, from.cells};
+        for (const std::size_t place : places) {
+            next.cell.push_back(from.cell[place]);
+        }
         if (result->getStorage() != from.t->getStorage()) {
             next.cells = std::make_shared<Cells>(next.values());
             std::iota(next.cell.begin(), next.cell.end(), 0U);
@@ -103,21 +103,13 @@ class Walk {
         return next;
     }
 
-    static std::int64_t flat(const Dims& index, const Dims& shape) {
-        std::int64_t result = 0;
-        for (std::size_t d = 0; d < shape.size(); ++d) {
-            result = result * shape[d] + index[d];
-        }
-        return result;
-    }
-
-    static Dims unflat(std::int64_t position, const Dims& shape) {
-        Dims index(shape.size());
-        for (std::size_t d = shape.size(); d-- > 0;) {
-            index[d] = position % shape[d];
-            position /= shape[d];
-        }
-        return index;
+    // The same with places that lie the strides apart.
+    static State strided(const State& from, Tensor* result, const Dims& shape, const Dims& strides,
+                         std::int64_t first = 0) {
+        std::vector<std::size_t> places;
+        for_each_offset(shape, strides,
+                        [&](std::int64_t at) { places.push_back(static_cast<std::size_t>(first + at)); });
+        return mapped(from, result, shape, places);
     }
 
     Dims random_shape_of(std::int64_t numel) {
@@ -138,12 +130,12 @@ class Walk {
     State step(const State& state) {
         const int rank = static_cast<int>(state.shape.size());
         const Tensor* t = state.t.get();
+        Dims shape = state.shape, strides = row_major(shape);
         switch (below(8)) {
             case 0:
             case 1: {
-                Dims shape = random_shape_of(t->Size());
+                shape = random_shape_of(t->Size());
                 trace_ += "reshape" + shape_text(shape);
-                const auto same = [&](const Dims& index) { return unflat(flat(index, shape), state.shape); };
                 TensorPtr result(t->reshape(shape));
                 try {
                     TensorPtr viewed(t->view(shape));
@@ -152,71 +144,51 @@ class Walk {
                 } catch (const std::runtime_error&) {
                     EXPECT_NE(result->getStorage(), t->getStorage());
                 }
-                return mapped(state, result.release(), shape, same);
+                return strided(state, result.release(), shape, row_major(shape));
             }
             case 2: {
-                std::vector<int> order(static_cast<std::size_t>(rank));
+                std::vector<int> order(shape.size());
                 std::iota(order.begin(), order.end(), 0);
                 std::shuffle(order.begin(), order.end(), engine_);
-                Dims shape;
-                for (const int axis : order) {
-                    shape.push_back(state.shape[static_cast<std::size_t>(axis)]);
+                for (std::size_t d = 0; d < order.size(); ++d) {
+                    shape[d] = state.shape[static_cast<std::size_t>(order[d])];
+                    strides[d] = row_major(state.shape)[static_cast<std::size_t>(order[d])];
                 }
                 trace_ += "permute" + shape_text(shape);
-                return mapped(state, t->permute(order), shape, [&](const Dims& index) {
-                    Dims source(index.size());
-                    for (std::size_t d = 0; d < order.size(); ++d) {
-                        source[static_cast<std::size_t>(order[d])] = index[d];
-                    }
-                    return source;
-                });
+                return strided(state, t->permute(order), shape, strides);
             }
-            case 3: {
-                Dims shape;
-                std::copy_if(state.shape.begin(), state.shape.end(), std::back_inserter(shape),
-                             [](std::int64_t extent) { return extent != 1; });
+            case 3:
+                std::erase(shape, 1);
                 trace_ += "squeeze ";
-                return mapped(state, t->squeeze(), shape,
-                              [&](const Dims& index) { return unflat(flat(index, shape), state.shape); });
-            }
+                return strided(state, t->squeeze(), shape, row_major(shape));
             case 4: {
                 const int axis = below(rank + 1);
-                Dims shape = state.shape;
                 shape.insert(shape.begin() + axis, 1);
                 trace_ += "unsqueeze " + std::to_string(axis) + " ";
-                return mapped(state, t->unsqueeze(axis), shape,
-                              [&](const Dims& index) { return unflat(flat(index, shape), state.shape); });
+                return strided(state, t->unsqueeze(axis), shape, row_major(shape));
             }
-            case 5: {
-                Dims shape = state.shape;
-                for (std::int64_t& extent : shape) {
-                    extent = extent == 1 ? 1 + below(3) : extent;
+            case 5:
+                for (std::size_t d = 0; d < shape.size(); ++d) {
+                    strides[d] = shape[d] == 1 ? 0 : strides[d];
+                    shape[d] = shape[d] == 1 ? 1 + below(3) : shape[d];
                 }
                 shape.insert(shape.begin(), 1 + below(2));
+                strides.insert(strides.begin(), 0);
                 trace_ += "broadcast" + shape_text(shape);
-                return mapped(state, Tensor::broadcast_to(t, shape), shape, [&](Dims index) {
-                    index.erase(index.begin());
-                    for (std::size_t d = 0; d < index.size(); ++d) {
-                        index[d] = state.shape[d] == 1 ? 0 : index[d];
-                    }
-                    return index;
-                });
-            }
+                return strided(state, Tensor::broadcast_to(t, shape), shape, strides);
             case 6: {
-                std::vector<int> dims;
+                std::vector<int> axes;
+                std::int64_t first = 0;
                 for (int d = 0; d < rank; ++d) {
                     if (below(2) == 0) {
-                        dims.push_back(below(2) == 0 ? d : d - rank);
+                        std::int64_t& stride = strides[static_cast<std::size_t>(d)];
+                        axes.push_back(below(2) == 0 ? d : d - rank);
+                        first += stride * (shape[static_cast<std::size_t>(d)] - 1);
+                        stride = -stride;
                     }
                 }
                 trace_ += "flip ";
-                return mapped(state, t->flip(dims), state.shape, [&](Dims index) {
-                    for (const int dim : dims) {
-                        const auto d = static_cast<std::size_t>(dim < 0 ? dim + rank : dim);
-                        index[d] = state.shape[d] - 1 - index[d];
-                    }
-                    return index;
-                });
+                return strided(state, t->flip(axes), shape, strides, first);
             }
             default:
                 return select(state);
@@ -227,17 +199,16 @@ class Walk {
         std::vector<std::string> items;
         std::vector<Dims> lists;
         Dims shape;
-        std::vector<bool> kept;
         bool viewable = true;
         for (const std::int64_t extent : state.shape) {
             const int n = static_cast<int>(extent);
             const int a = below(n);
             Dims list{a};
             std::string item = std::to_string(below(2) == 0 ? a : a - n);
-            kept.push_back(true);
+            bool kept = true;
             switch (below(4)) {
                 case 0:
-                    kept.back() = false;
+                    kept = false;
                     break;
                 case 1: {
                     const int b = below(n);
@@ -261,20 +232,14 @@ class Walk {
             }
             items.push_back(item);
             lists.push_back(list);
-            if (kept.back()) {
+            if (kept) {
                 shape.push_back(static_cast<std::int64_t>(list.size()));
             }
             trace_ += "[" + item + "]";
         }
         Tensor* result =
             viewable && below(2) == 0 ? state.t->select_ndim_without_copy(items) : state.t->select_ndim(items);
-        return mapped(state, result, shape, [&](const Dims& index) {
-            Dims source;
-            for (std::size_t d = 0, i = 0; d < lists.size(); ++d) {
-                source.push_back(lists[d][kept[d] ? static_cast<std::size_t>(index[i++]) : 0]);
-            }
-            return source;
-        });
+        return mapped(state, result, shape, flat_positions(lists, state.shape));
     }
 
     std::mt19937 engine_;

@@ -76,105 +76,67 @@ TEST(SelectionGrammar, EveryRefusalIsNamedWhole) {
     const TensorPtr t = own(Tensor::zeros(shape, 0, dtype::float32));
     const TensorPtr wide = own(Tensor::broadcast_to(own(Tensor::zeros({1}, 0, dtype::float32)).get(), shape));
     const TensorPtr value = own(Tensor::zeros({3}, 0, dtype::float32));
-    const std::string utils = "src/utils/utils.cpp";
-    const std::string build = "ornik::SelDescriptorV2::build";
-    const std::string descriptors = "src/descriptors/selection.cpp";
-    const std::string select = "src/tensor/tensor_select.cpp";
+    const auto items = [](auto... list) { return Items{list...}; };
+    const Items whole_and_more(4, ":");
     const std::string too_many =
         "The number of dimensions of the indices cannot be greater                 than the shape of the tensor to "
         "match";
-    struct Row {
-        std::function<void()> call;
-        std::string message, function, source;
+    const Refusal grammar[] = {
+        {"parse_indices", [&] { t->select(whole_and_more); }, too_many},
+        {"parse_indicesv2", [&] { t->select_ndim(whole_and_more); }, too_many},
+        {"just_keep_dims", [&] { just_keep_dims(whole_and_more, shape); }, too_many},
+        {"just_keep_dims", [&] { kept_entries(dims(1, 2), {true}); }, "Incompatible dimensions with keep_dims"},
+        {"parse_indices", [&] { t->select(items(":", "-6")); },
+         "Invalid indices: '-6'. Indices must be greater than zero."},
+        {"parse_indices", [&] { t->select({"3 : 1"}); },
+         "Invalid indices: '3:1'. The last index of the range must be greater or equal than the first."},
+        {"parse_indices", [&] { t->select({"0:9"}); },
+         "Invalid indices: '0:9'. The last index of the range must fit in its dimension."},
+        {"parse_indicesv2", [&] { t->select_ndim(items("9", "2:2:0")); },
+         "max == min is not valid for Ornik tensor slice."},
+        {"parse_indicesv2", [&] { t->select_ndim({"0:4:0"}); }, "slice step cannot be zero"},
+        {"parse_indicesv2", [&] { t->select_ndim({"1:2:3:4"}); }, "Select string1:2:3:4not valid."},
+        {"parse_indicesv2", [&] { t->select_ndim(items(":", "0:4:-1")); }, "index: 0:4:-1 of axis: 1 is emtpy."},
+        {"parse_indicesv2", [&] { t->select_ndim({"7"}); }, "index: 7 exceeds max bounds of axis: 0 with size: 4"},
+        {"get_new_strides_for_select", [&] { t->select_ndim_without_copy({"0,2"}); },
+         "can not infer new stride for split indexing."},
+        {"get_indexing_storage_offset", [&] { t->select_ndim_without_copy({"3:0"}); },
+         "step must be greater than zero for slice operation"},
     };
-    const Row rows[] = {
-        {[&] { t->select(Items(4, ":")); }, too_many, "parse_indices", utils},
-        {[&] { t->select_ndim(Items(4, ":")); }, too_many, "parse_indicesv2", utils},
-        {[&] { just_keep_dims(Items(4, ":"), shape); }, too_many, "just_keep_dims", utils},
-        {[&] {
-             t->select({":", "-6"});
-         },
-         "Invalid indices: '-6'. Indices must be greater than zero.", "parse_indices", utils},
-        {[&] { t->select({"3 : 1"}); },
-         "Invalid indices: '3:1'. The last index of the range must be greater or equal than the first.",
-         "parse_indices", utils},
-        {[&] { t->select({"0:9"}); }, "Invalid indices: '0:9'. The last index of the range must fit in its dimension.",
-         "parse_indices", utils},
-        {[&] {
-             t->select_ndim({"9", "2:2:0"});
-         },
-         "max == min is not valid for Ornik tensor slice.", "parse_indicesv2", utils},
-        {[&] { t->select_ndim({"0:4:0"}); }, "slice step cannot be zero", "parse_indicesv2", utils},
-        {[&] { t->select_ndim({"1:2:3:4"}); }, "Select string1:2:3:4not valid.", "parse_indicesv2", utils},
-        {[&] {
-             t->select_ndim({":", "0:4:-1"});
-         },
-         "index: 0:4:-1 of axis: 1 is emtpy.", "parse_indicesv2", utils},
-        {[&] { t->select_ndim({"7"}); }, "index: 7 exceeds max bounds of axis: 0 with size: 4", "parse_indicesv2",
-         utils},
-        {[&] { t->select_ndim({"0,-9"}); }, "unsuppoted select", build, descriptors},
-        {[&] { t->select_ndim({"-2000000000:3"}); }, "unsuppoted select", build, descriptors},
-        {[&] { t->select_ndim_without_copy({"0,2"}); }, "can not infer new stride for split indexing.",
-         "get_new_strides_for_select", utils},
-        {[&] { t->select_ndim_without_copy({"3:0"}); }, "step must be greater than zero for slice operation",
-         "get_indexing_storage_offset", utils},
-        {[&] {
-             kept_entries({1, 2}, {true});
-         },
-         "Incompatible dimensions with keep_dims", "just_keep_dims", utils},
-        {[&] { t->set_select_ndim(value.get(), {"1"}); }, "Incompatible dims for select_index()",
-         "ornik::Tensor::set_select_ndim", select},
-        {[&] { t->set_select_legacy(value.get(), {"1"}); }, "Incompatible dims for select_index()",
-         "ornik::Tensor::set_select_legacy", select},
-        {[&] { t->select_ndim_grad(value.get(), {"1"}); }, "Incompatible Shape for select_index_grad(),", build,
-         descriptors},
-        {[&] { t->set_select_ndim_grad(value.get(), {"1"}); }, "Incompatible Shape for select_index_grad(),", build,
-         descriptors},
+    expect_refusals(grammar, "", "src/utils/utils.cpp");
+    const Refusal built[] = {
+        {"", [&] { t->select_ndim({"0,-9"}); }, "unsuppoted select"},
+        {"", [&] { t->select_ndim({"-2000000000:3"}); }, "unsuppoted select"},
+        {"", [&] { t->select_ndim_grad(value.get(), {"1"}); }, "Incompatible Shape for select_index_grad(),"},
+        {"", [&] { t->set_select_ndim_grad(value.get(), {"1"}); }, "Incompatible Shape for select_index_grad(),"},
     };
-    for (const Row& row : rows) {
-        expect_error(row.call, row.message, row.function, row.source);
-    }
-    EXPECT_THROW(wide->set_select_ndim(value.get(), {"1", "1", ":3"}), std::runtime_error);
-    value->updateDevice(1000);
-    expect_error(
-        [&] {
-            t->set_select_ndim(value.get(), {"1", "1", ":3"});
-        },
-        "set select ndim input tensor should on same device.", "ornik::Tensor::set_select_ndim", select);
-    value->updateDevice(0);
+    expect_refusals(built, "ornik::SelDescriptorV2::build", "src/descriptors/selection.cpp");
+    EXPECT_THROW(wide->set_select_ndim(value.get(), items("1", "1", ":3")), std::runtime_error);
+    const TensorPtr away = own(Tensor::zeros({3}, 0, dtype::float32));
+    away->updateDevice(1000);
+    const Refusal set[] = {
+        {"set_select_ndim", [&] { t->set_select_ndim(value.get(), {"1"}); }, "Incompatible dims for select_index()"},
+        {"set_select_legacy", [&] { t->set_select_legacy(value.get(), {"1"}); },
+         "Incompatible dims for select_index()"},
+        {"set_select_ndim", [&] { t->set_select_ndim(away.get(), items("1", "1", ":3")); },
+         "set select ndim input tensor should on same device."},
+    };
+    expect_refusals(set, "ornik::Tensor::", "src/tensor/tensor_select.cpp");
     // Text that is no number, or no 32-bit one, is reported as the conversion's own failure.
-    for (const char* item : {"", "x", "::2", "0::2", ":", "+-1", ",", "1,,2"}) {
-        if (std::string(item) != ":") {
-            EXPECT_THROW(t->select_ndim({item}), std::invalid_argument) << item;
+    for (const char* item : {"", "x", "::2", "0::2", "+-1", ",", "1,,2"}) {
+        EXPECT_THROW(t->select_ndim({item}), std::invalid_argument) << item;
+    }
+    const auto text = [&]<typename Error>(const auto& call) -> std::string {
+        try {
+            call();
+        } catch (const Error& error) {
+            return error.what();
         }
-    }
-    try {
-        t->select({"99999999999999999999"});
-        FAIL();
-    } catch (const std::out_of_range& error) {
-        EXPECT_STREQ(error.what(), "stoi argument out of range");
-    }
-    try {
-        t->select_ndim({"   "});
-        FAIL();
-    } catch (const std::invalid_argument& error) {
-        EXPECT_STREQ(error.what(), "invalid stoi argument");
-    }
-}
-
-// A selection written out: the flat positions of its elements in a row-major tensor of the shape.
-std::vector<std::size_t> flat_positions(const std::vector<Dims>& lists, const Dims& shape) {
-    std::vector<std::size_t> flat{0};
-    for (std::size_t k = 0; k < lists.size(); ++k) {
-        std::vector<std::size_t> next;
-        for (const std::size_t base : flat) {
-            for (const std::int64_t i : lists[k]) {
-                next.push_back(base * static_cast<std::size_t>(shape[k]) + static_cast<std::size_t>(i));
-            }
-        }
-        flat = next;
-    }
-    return flat;
+        return "";
+    };
+    EXPECT_EQ(text.operator()<std::out_of_range>([&] { t->select({"99999999999999999999"}); }),
+              "stoi argument out of range");
+    EXPECT_EQ(text.operator()<std::invalid_argument>([&] { t->select_ndim({"   "}); }), "invalid stoi argument");
 }
 
 TEST(Selection, OperationsOfAllTypesAndLayouts) {

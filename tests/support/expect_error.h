@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <functional>
+#include <span>
 #include <stdexcept>
 #include <string>
 
@@ -38,6 +40,20 @@ inline std::string located(const std::string& message, const std::string& functi
 template <typename Call>
 void expect_error(const Call& call, const std::string& message, const std::string& function, const std::string& file) {
     EXPECT_EQ(error_text(call), located(message, function, file));
+}
+
+/// A call of a function and the whole message it should answer with.
+struct Refusal {
+    std::string function;
+    std::function<void()> call;
+    std::string message;
+};
+
+/// The functions' names and the file follow `scope` and are those of the place that reports.
+inline void expect_refusals(std::span<const Refusal> rows, const std::string& scope, const std::string& file) {
+    for (const Refusal& row : rows) {
+        expect_error(row.call, row.message, scope + row.function, file);
+    }
 }
 
 }  // namespace ornik::test

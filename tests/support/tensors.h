@@ -31,6 +31,9 @@ inline std::int64_t numel_of(const Dims& shape) {
     return numel;
 }
 
+/// A list as a call, for lambdas: the formatter spreads those with a braced list over three lines.
+inline Dims dims(auto... extents) { return {static_cast<std::int64_t>(extents)...}; }
+
 /// Calls visit(element offset) in row-major order.
 inline void for_each_offset(const Dims& shape, const Dims& strides, const std::function<void(std::int64_t)>& visit) {
     Dims index(shape.size(), 0);
@@ -56,6 +59,38 @@ std::vector<T> values_of(const Tensor* t) {
 template <typename T>
 std::vector<T> values_of(const TensorPtr& t) {
     return values_of<T>(t.get());
+}
+
+/// The bytes of all elements in row-major order.
+inline std::string bytes_of(const Tensor* t) {
+    std::string bytes;
+    const char* data = static_cast<const char*>(t->getRawData());
+    for_each_offset(t->Shape(), t->Strides(), [&](std::int64_t at) {
+        bytes.append(data + at * t->itemsize(), static_cast<std::size_t>(t->itemsize()));
+    });
+    return bytes;
+}
+inline std::string bytes_of(const TensorPtr& t) { return bytes_of(t.get()); }
+
+/// Elements of any real tensor as doubles.
+inline std::vector<double> doubles_of(const Tensor* t) {
+    const TensorPtr wide(t->Size() > 0 ? t->astype(dtype::float64) : nullptr);
+    return wide ? values_of<double>(wide) : std::vector<double>{};
+}
+
+/// The row-major positions, in a tensor of the shape, of the elements that one list of indices per axis picks.
+inline std::vector<std::size_t> flat_positions(const std::vector<Dims>& lists, const Dims& shape) {
+    std::vector<std::size_t> flat{0};
+    for (std::size_t k = 0; k < lists.size(); ++k) {
+        std::vector<std::size_t> next;
+        for (const std::size_t base : flat) {
+            for (const std::int64_t i : lists[k]) {
+                next.push_back(base * static_cast<std::size_t>(shape[k]) + static_cast<std::size_t>(i));
+            }
+        }
+        flat = next;
+    }
+    return flat;
 }
 
 /// A tensor of the shape with undefined values, laid out as asked.

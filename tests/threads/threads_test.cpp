@@ -2,12 +2,12 @@
 #include <omp.h>
 
 #include <atomic>
-#include <functional>
+#include <random>
 
 #include "hardware/parallel.h"
 #include "hardware/thread_config.h"
 #include "support/expect_error.h"
-#include "support/tensors.h"
+#include "support/teams.h"
 
 namespace ornik::test {
 namespace {
@@ -16,12 +16,6 @@ class Teams : public testing::Test {
   protected:
     ~Teams() override { ConfigSetNumThreads(4); }
 };
-
-// Bytes of a new tensor.
-std::string bytes_of(Tensor* made) {
-    const TensorPtr t(made);
-    return {static_cast<const char*>(t->getRawData()), static_cast<std::size_t>(t->Size() * t->itemsize())};
-}
 
 TEST_F(Teams, SameBitsAtEverySize) {
     const Dims shape{211, 211};
@@ -34,25 +28,16 @@ TEST_F(Teams, SameBitsAtEverySize) {
     };
     const TensorPtr a = make<float>(shape, values(7.1));
     const TensorPtr b = make<float>(shape, values(-0.3), Layout::transposed);
-    const std::vector<std::function<Tensor*()>> operations = {
-        [&] { return a->add_tensor(b.get()); },
-        [&] { return b->div_tensor(a.get()); },
-        [&] { return b->mult_scalar(1.1); },
-        [&] { return b->astype(dtype::complex64); },
-        [&] {
-            TensorPtr c(Tensor::ones(shape, 0, dtype::float32));
-            Tensor::dot(a.get(), 0, b.get(), 1, c.get(), 1);
-            return c.release();
-        },
-    };
-    for (std::size_t i = 0; i < operations.size(); ++i) {
-        ConfigSetNumThreads(1);
-        const std::string expected = bytes_of(operations[i]());
-        for (const int team : {2, 4, 7}) {
-            ConfigSetNumThreads(team);
-            EXPECT_TRUE(bytes_of(operations[i]()) == expected) << "operation " << i << ", team of " << team;
-        }
-    }
+    expect_same_bits([&] {
+        std::vector<TensorPtr> all;
+        all.emplace_back(a->add_tensor(b.get()));
+        all.emplace_back(b->div_tensor(a.get()));
+        all.emplace_back(b->mult_scalar(1.1));
+        all.emplace_back(b->astype(dtype::complex64));
+        all.emplace_back(Tensor::ones(shape, 0, dtype::float32));
+        Tensor::dot(a.get(), 0, b.get(), 1, all.back().get(), 1);
+        return all;
+    });
 }
 
 TEST_F(Teams, TheLowestRangesErrorArrivesAfterAllRangesHaveEnded) {
@@ -85,6 +70,58 @@ TEST_F(Teams, SmallWorkRunsOnTheCallingThreadInOnePiece) {
     EXPECT_EQ(whole(-5, 1, -9), 0);
     ConfigSetNumThreads(1);
     EXPECT_EQ(whole(100000, 1, 1), 1) << "a team of one";
+}
+
+TEST_F(Teams, EveryItemOnceAtMultiplesOfTheUnit) {
+    std::mt19937 random(1);
+    for (int round = 0; round < 300; ++round) {
+        ConfigSetNumThreads(static_cast<int>(random() % 9 + 1));
+        const std::int64_t n = random() % 2000;
+        const std::int64_t unit = random() % 70 + 1;
+        const std::int64_t grain = random() % 2 == 0 ? 1 : 1000;
+        std::vector<std::atomic<int>> visits(static_cast<std::size_t>(n));
+        std::atomic<int> misplaced{0};
+        parallel_for(n, unit, grain, [&](std::int64_t begin, std::int64_t end) {
+            misplaced += begin % unit != 0 || (end != n && end % unit != 0) ? 1 : 0;
+            for (std::int64_t i = begin; i < end; ++i) {
+                ++visits[static_cast<std::size_t>(i)];
+            }
+        });
+        EXPECT_EQ(misplaced.load(), 0) << n << " " << unit;
+        for (const auto& count : visits) {
+            ASSERT_EQ(count.load(), 1) << n << " " << unit;
+        }
+    }
+}
+
+TEST_F(Teams, ErrorsReachTheCallerAndNestedRegionsStaySerial) {
+    expect_error(
+        [] {
+            parallel_for(1000, 1, 1, [](std::int64_t, std::int64_t end) {
+                if (end == 1000) {
+                    fail(where("block"), "last");
+                }
+            });
+        },
+        "last", "block", "tests/threads/threads_test.cpp");
+    std::atomic<int> ranges{0};
+#pragma omp parallel num_threads(2)
+    {
+        parallel_for(1000, 1, 1,
+                     [&](std::int64_t begin, std::int64_t end) { ranges += end - begin == 1000 ? 1 : 100; });
+    }
+    EXPECT_LE(ranges.load(), 2);
+}
+
+TEST_F(Teams, ConstructionAppliesTheTeamSize) {
+    ConfigSetNumThreads(7);
+    EXPECT_EQ(ConfigGetNumThreads(), 7);
+    omp_set_num_threads(1);
+    const TensorPtr t(Tensor::empty({1}, 0, dtype::float32));
+    EXPECT_EQ(omp_get_max_threads(), 7);
+    expect_error([] { ConfigSetNumThreads(0); }, "Number of threads should be >= 1, however it equals 0",
+                 "ornik::ConfigSetNumThreads", "src/hardware/parallel.cpp");
+    EXPECT_EQ(ConfigGetNumThreads(), 7);
 }
 
 }  // namespace

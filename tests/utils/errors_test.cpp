@@ -24,11 +24,10 @@ TEST(Errors, JoinPiecesAndNameThePlaceInTheSourceTree) {
     const Where at = where("ornik::some::function");
     EXPECT_EQ(location_text(at),
               " FILE: tests/utils/errors_test.cpp  LINE: " + std::to_string(line) + "  FUNC: ornik::some::function\n");
-    expect_error(
-        [&] {
-            fail(at, "a ", -3, Dims{2, 3}, "and ", Dims{}, std::uint64_t{1} << 63);
-        },
-        "a -3( 2, 3 ) and empty vector\n9223372036854775808", "ornik::some::function", "tests/utils/errors_test.cpp");
+    const Dims shape{2, 3};
+    expect_error([&] { fail(at, "a ", -3, shape, "and ", Dims{}, std::uint64_t{1} << 63); },
+                 "a -3( 2, 3 ) and empty vector\n9223372036854775808", "ornik::some::function",
+                 "tests/utils/errors_test.cpp");
 }
 
 TEST(Devices, CheckDevAcceptsKnownCodes) {
