@@ -2,7 +2,7 @@
 //
 // Everything else derives from it: the enumerations, the members of Tensor and the free functions
 // (tensor/tensor_math/), the kernels (hardware/cpu/), the result dtypes, and the tests, which loop over it.
-// A new operation is one row here, its functions in hardware/cpu/*_functions.h, and its declarations.
+// A new operation is one row here, its functions in hardware/cpu/elements/*_functions.h, and its declarations.
 //
 //   accepts   classes of dtypes that the operation is defined for
 //   result    same            the operand's dtype (binary: the promoted one)

@@ -16,7 +16,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "../hardware/cpu/cpu_offset_cal.h"
+#include "offset_calculator.h"
 
 namespace ornik {
 

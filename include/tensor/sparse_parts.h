@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "../hardware/cpu/cpu_sparse.h"
+#include "../hardware/cpu/linear_algebra/cpu_sparse.h"
 #include "borrowed.h"
 
 namespace ornik {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "hardware/cpu/block_copy.h"
+#include "hardware/block_copy.h"
 
 namespace ornik {
 

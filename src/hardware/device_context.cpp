@@ -1,6 +1,6 @@
 #include "hardware/device_context.h"
 
-#include "hardware/cpu/cpu_memory_allocator.h"
+#include "hardware/cpu_memory_allocator.h"
 #include "hardware/system_limits.h"
 
 namespace ornik::device {

@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "hardware/cpu/cpu_elements.h"
+#include "hardware/cpu/elements/cpu_elements.h"
 #include "hardware/cpu/nn/cpu_activation.h"
 #include "hardware/cpu/nn/cpu_softmax.h"
 #include "tensor/borrowed.h"

@@ -2,7 +2,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "hardware/cpu/cpu_core.h"
+#include "hardware/cpu/copy/cpu_core.h"
 #include "tensor/borrowed.h"
 #include "tensor/broadcast.h"
 #include "tensor/geometry.h"

@@ -1,8 +1,8 @@
 // tensor_create.cpp: empty and filled tensors.
 #include <complex>
 
-#include "hardware/cpu/cpu_core.h"
-#include "hardware/cpu/element_convert.h"
+#include "hardware/cpu/copy/cpu_core.h"
+#include "hardware/cpu/copy/element_convert.h"
 #include "tensor/tensor.h"
 #include "utils/utils.h"
 

@@ -7,8 +7,8 @@
 #include <string>
 
 #include "descriptors/tensoriterator.h"
+#include "hardware/cpu/copy/element_convert.h"
 #include "hardware/cpu/dispatch.h"
-#include "hardware/cpu/element_convert.h"
 #include "tensor/tensor.h"
 #include "utils/utils.h"
 

@@ -2,7 +2,7 @@
 #include <cmath>
 #include <limits>
 
-#include "hardware/cpu/cpu_random.h"
+#include "hardware/cpu/random/cpu_random.h"
 #include "tensor/borrowed.h"
 #include "tensor/checks.h"
 

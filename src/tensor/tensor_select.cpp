@@ -7,7 +7,7 @@
 #include <numeric>
 
 #include "descriptors/selection.h"
-#include "hardware/cpu/cpu_indexing.h"
+#include "hardware/cpu/index/cpu_indexing.h"
 #include "tensor/borrowed.h"
 #include "tensor/broadcast.h"
 #include "tensor/checks.h"

@@ -2,7 +2,7 @@
 #include <cmath>
 #include <memory>
 
-#include "hardware/cpu/cpu_core.h"
+#include "hardware/cpu/copy/cpu_core.h"
 #include "tensor/borrowed.h"
 #include "tensor/tensor.h"
 #include "utils/utils.h"

@@ -5,7 +5,7 @@
 #include <memory>
 #include <numeric>
 
-#include "hardware/cpu/cpu_indexing.h"
+#include "hardware/cpu/index/cpu_indexing.h"
 #include "tensor/broadcast.h"
 #include "tensor/geometry.h"
 #include "utils/shape_rules.h"

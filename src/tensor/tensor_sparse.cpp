@@ -1,7 +1,7 @@
 // tensor_sparse.cpp: making, converting and multiplying sparse matrices.
 #include "tensor/tensor_sparse.h"
 
-#include "hardware/cpu/cpu_core.h"
+#include "hardware/cpu/copy/cpu_core.h"
 #include "sparse_checks.h"
 #include "tensor/make_tensor.h"
 #include "tensor/sparse_parts.h"

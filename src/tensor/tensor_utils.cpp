@@ -1,5 +1,5 @@
 // tensor_utils.cpp: the strict axis rule, and the front ends of the eigen-decomposition.
-#include "hardware/cpu/cpu_eigh.h"
+#include "hardware/cpu/linear_algebra/cpu_eigh.h"
 #include "tensor/borrowed.h"
 #include "tensor/make_tensor.h"
 #include "tensor/tensor_math/linear_algebra.h"

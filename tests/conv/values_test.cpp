@@ -8,7 +8,7 @@
 #include <random>
 
 #include "apis/ornik.h"
-#include "hardware/cpu/cpu_taps.h"
+#include "hardware/cpu/product/cpu_taps.h"
 #include "hardware/thread_config.h"
 #include "support/tensors.h"
 

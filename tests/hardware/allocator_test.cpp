@@ -5,7 +5,7 @@
 #include <cstring>
 #include <thread>
 
-#include "hardware/cpu/cpu_memory_allocator.h"
+#include "hardware/cpu_memory_allocator.h"
 #include "hardware/memory_config.h"
 #include "hardware/system_limits.h"
 #include "support/expect_error.h"

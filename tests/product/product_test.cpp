@@ -5,7 +5,7 @@
 #include <cstring>
 #include <random>
 
-#include "../src/hardware/cpu/cpu_product_kernels.h"
+#include "../src/hardware/cpu/product/cpu_product_kernels.h"
 #include "support/gradients.h"
 #include "support/products.h"
 #include "support/teams.h"

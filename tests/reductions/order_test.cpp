@@ -1,7 +1,7 @@
 // Along one axis: running sums and products, softmax, and everything about sorted order.
 #include <numeric>
 
-#include "hardware/cpu/cpu_exp.h"
+#include "hardware/cpu/elements/cpu_exp.h"
 #include "reference.h"
 #include "tensor/tensor_math/reductions.h"
 #include "tensor/tensor_math/sorting.h"

@@ -1,7 +1,7 @@
 // products.h: products of matrices by plain loops.
 #pragma once
 
-#include "hardware/cpu/cpu_product.h"
+#include "hardware/cpu/product/cpu_product.h"
 #include "tensors.h"
 
 namespace ornik::test {

@@ -4,8 +4,8 @@
 #include <cstring>
 
 #include "../../tensor/scalar.h"
+#include "copy/element_convert.h"
 #include "dispatch.h"
-#include "element_convert.h"
 
 namespace ornik {
 

@@ -1,6 +1,6 @@
 #include "tensor/nn/linear.h"
 
-#include "hardware/cpu/cpu_math.h"
+#include "hardware/cpu/elements/cpu_math.h"
 #include "tensor/borrowed.h"
 #include "tensor/tensor_math/reductions.h"
 #include "tensor/tensor_math/tensor_arithmetic.h"

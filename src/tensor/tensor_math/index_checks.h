@@ -1,7 +1,7 @@
 // index_checks.h: what makes an index tensor usable.
 #pragma once
 
-#include "hardware/cpu/cpu_index.h"
+#include "hardware/cpu/index/cpu_index.h"
 #include "results.h"
 
 namespace ornik {

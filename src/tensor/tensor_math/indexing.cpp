@@ -1,7 +1,7 @@
 // indexing.cpp: slices and elements along one axis.
 #include "tensor/tensor_math/indexing.h"
 
-#include "hardware/cpu/cpu_index.h"
+#include "hardware/cpu/index/cpu_index.h"
 #include "index_checks.h"
 #include "results.h"
 #include "slices.h"

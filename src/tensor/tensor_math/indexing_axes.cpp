@@ -2,7 +2,7 @@
 #include <algorithm>
 
 #include "descriptors/reduce_descriptor.h"
-#include "hardware/cpu/cpu_index.h"
+#include "hardware/cpu/index/cpu_index.h"
 #include "index_checks.h"
 #include "results.h"
 #include "slices.h"

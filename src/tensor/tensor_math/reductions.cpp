@@ -3,8 +3,8 @@
 
 #include <limits>
 
-#include "hardware/cpu/cpu_reduce.h"
-#include "hardware/cpu/cpu_sort.h"
+#include "hardware/cpu/axis/cpu_sort.h"
+#include "hardware/cpu/reduce/cpu_reduce.h"
 #include "reduced_shape.h"
 #include "results.h"
 

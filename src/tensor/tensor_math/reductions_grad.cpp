@@ -1,8 +1,8 @@
 // reductions_grad.cpp: gradients of reductions.
 #include "descriptors/reduce_descriptor.h"
-#include "hardware/cpu/cpu_reduce_grad.h"
-#include "hardware/cpu/cpu_scan.h"
-#include "hardware/cpu/cpu_sort.h"
+#include "hardware/cpu/axis/cpu_scan.h"
+#include "hardware/cpu/axis/cpu_sort.h"
+#include "hardware/cpu/reduce/cpu_reduce_grad.h"
 #include "reduced_shape.h"
 #include "results.h"
 #include "tensor/tensor_math/reductions.h"

@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include "hardware/cpu/cpu_core.h"
+#include "hardware/cpu/copy/cpu_core.h"
 #include "tensor/geometry.h"
 #include "tensor/tensor.h"
 #include "utils/utils.h"

@@ -1,5 +1,5 @@
 // running.cpp: running sums and products, softmax.
-#include "hardware/cpu/cpu_scan.h"
+#include "hardware/cpu/axis/cpu_scan.h"
 #include "hardware/cpu/nn/cpu_softmax.h"
 #include "results.h"
 #include "tensor/tensor_math/reductions.h"

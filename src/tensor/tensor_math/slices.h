@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "hardware/cpu/cpu_index.h"
+#include "hardware/cpu/index/cpu_index.h"
 #include "results.h"
 #include "tensor/checks.h"
 

@@ -1,7 +1,7 @@
 #include "tensor/tensor_math/sorting.h"
 
-#include "hardware/cpu/cpu_index.h"
-#include "hardware/cpu/cpu_sort.h"
+#include "hardware/cpu/axis/cpu_sort.h"
+#include "hardware/cpu/index/cpu_index.h"
 #include "index_checks.h"
 #include "results.h"
 

@@ -1,7 +1,7 @@
 // tensor_arithmetic.cpp: arithmetic between two tensors.
 #include "tensor/tensor_math/tensor_arithmetic.h"
 
-#include "hardware/cpu/cpu_math.h"
+#include "hardware/cpu/elements/cpu_math.h"
 #include "in_place.h"
 #include "tensor/borrowed.h"
 #include "tensor/checks.h"

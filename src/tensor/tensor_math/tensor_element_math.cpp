@@ -3,7 +3,7 @@
 #include "tensor/tensor_math/tensor_element_math.h"
 
 #include "element_checks.h"
-#include "hardware/cpu/cpu_elements.h"
+#include "hardware/cpu/elements/cpu_elements.h"
 #include "in_place.h"
 #include "tensor/borrowed.h"
 #include "tensor/checks.h"

@@ -1,8 +1,8 @@
 // tensor_math.cpp: front ends of the matrix products and of the Kronecker product.
 #include <algorithm>
 
-#include "hardware/cpu/cpu_kron.h"
-#include "hardware/cpu/cpu_product.h"
+#include "hardware/cpu/product/cpu_kron.h"
+#include "hardware/cpu/product/cpu_product.h"
 #include "tensor/borrowed.h"
 #include "tensor/checks.h"
 #include "tensor/geometry.h"

@@ -1,7 +1,7 @@
 // tensor_scalar_arithmetic.cpp: arithmetic between a tensor and a scalar.
 //
 // The templates turn their scalar into an AnyScalar; everything else is written once.
-#include "hardware/cpu/cpu_math.h"
+#include "hardware/cpu/elements/cpu_math.h"
 #include "in_place.h"
 #include "tensor/borrowed.h"
 #include "tensor/checks.h"

@@ -1,6 +1,6 @@
 // tensor_select.cpp: choice by a condition, clamping and closeness.
 #include "element_checks.h"
-#include "hardware/cpu/cpu_elements.h"
+#include "hardware/cpu/elements/cpu_elements.h"
 #include "in_place.h"
 #include "tensor/borrowed.h"
 #include "tensor/checks.h"

@@ -10,7 +10,7 @@
 #include <limits>
 #include <type_traits>
 
-#include "../elementary.h"
+#include "../elements/elementary.h"
 
 namespace ornik::device::cpu::row {
 

@@ -11,7 +11,7 @@
 
 #include "conv_weight_sets.h"
 #include "conv_workers.h"
-#include "hardware/cpu/cpu_taps.h"
+#include "hardware/cpu/product/cpu_taps.h"
 
 namespace ornik::device::cpu {
 

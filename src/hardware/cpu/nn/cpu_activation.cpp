@@ -3,8 +3,8 @@
 #include <initializer_list>
 
 #include "descriptors/tensoriterator.h"
-#include "hardware/cpu/cpu_elements.h"
 #include "hardware/cpu/dispatch.h"
+#include "hardware/cpu/elements/cpu_elements.h"
 
 namespace ornik::device::cpu {
 

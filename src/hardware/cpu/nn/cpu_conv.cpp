@@ -5,9 +5,9 @@
 #include <complex>
 
 #include "cpu_conv_kernels.h"
-#include "hardware/cpu/cpu_core.h"
+#include "hardware/cpu/copy/cpu_core.h"
+#include "hardware/cpu/copy/element_convert.h"
 #include "hardware/cpu/dispatch.h"
-#include "hardware/cpu/element_convert.h"
 #include "hardware/parallel.h"
 
 namespace ornik::device::cpu {

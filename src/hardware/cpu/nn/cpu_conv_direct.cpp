@@ -3,7 +3,7 @@
 
 #include "conv_stage.h"
 #include "cpu_conv_kernels.h"
-#include "hardware/cpu/cpu_taps.h"
+#include "hardware/cpu/product/cpu_taps.h"
 #include "hardware/parallel.h"
 
 namespace ornik::device::cpu {

@@ -7,7 +7,7 @@
 #include <memory>
 
 #include "conv_lane_sum.h"
-#include "hardware/cpu/cpu_taps.h"
+#include "hardware/cpu/product/cpu_taps.h"
 
 namespace ornik::device::cpu {
 

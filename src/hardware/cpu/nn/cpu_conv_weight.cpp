@@ -9,7 +9,7 @@
 
 #include "conv_parts.h"
 #include "conv_stage.h"
-#include "hardware/cpu/cpu_taps.h"
+#include "hardware/cpu/product/cpu_taps.h"
 #include "hardware/parallel.h"
 
 namespace ornik::device::cpu {

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "descriptors/tensoriterator.h"
-#include "hardware/cpu/block_copy.h"
+#include "hardware/block_copy.h"
 #include "hardware/cpu/dispatch.h"
 #include "hardware/cpu/nn/cpu_normalization.h"
 #include "row_sums.h"

@@ -10,7 +10,7 @@
 
 #include "descriptors/tensoriterator.h"
 #include "hardware/cpu/dispatch.h"
-#include "hardware/cpu/element_math.h"
+#include "hardware/cpu/elements/element_math.h"
 #include "hardware/parallel.h"
 
 namespace ornik::device::cpu {

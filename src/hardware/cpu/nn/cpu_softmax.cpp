@@ -2,10 +2,10 @@
 
 #include <cmath>
 
-#include "../cpu_axis_runs.h"
-#include "../cpu_reduce_extreme.h"
-#include "hardware/cpu/cpu_exp.h"
+#include "../axis/cpu_axis_runs.h"
+#include "../reduce/cpu_reduce_extreme.h"
 #include "hardware/cpu/dispatch.h"
+#include "hardware/cpu/elements/cpu_exp.h"
 
 namespace ornik::device::cpu {
 

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "draw_blocks.h"
-#include "hardware/cpu/cpu_random.h"
 #include "hardware/cpu/dispatch.h"
+#include "hardware/cpu/random/cpu_random.h"
 #include "hardware/parallel.h"
 #include "random_math.h"
 

@@ -2,9 +2,9 @@
 #include <cmath>
 
 #include "draw_blocks.h"
-#include "hardware/cpu/cpu_random.h"
 #include "hardware/cpu/dispatch.h"
-#include "hardware/cpu/element_math.h"
+#include "hardware/cpu/elements/element_math.h"
+#include "hardware/cpu/random/cpu_random.h"
 #include "random_math.h"
 
 namespace ornik::device::cpu {

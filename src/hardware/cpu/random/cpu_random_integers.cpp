@@ -3,8 +3,8 @@
 #include <utility>
 
 #include "draw_blocks.h"
-#include "hardware/cpu/cpu_random.h"
 #include "hardware/cpu/dispatch.h"
+#include "hardware/cpu/random/cpu_random.h"
 #include "word_stream.h"
 
 namespace ornik::device::cpu {

@@ -2,8 +2,8 @@
 #include <cmath>
 
 #include "draw_blocks.h"
-#include "hardware/cpu/cpu_random.h"
 #include "hardware/cpu/dispatch.h"
+#include "hardware/cpu/random/cpu_random.h"
 #include "random_math.h"
 #include "word_stream.h"
 

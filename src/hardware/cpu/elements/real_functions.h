@@ -1,0 +1,267 @@
+// real_functions.h: every operation on one or two floating numbers. Included by row kernels only.
+//
+// Single precision runs the vectorisable code of elementary.h; double precision runs it for exp, log and
+// what they carry, and the standard library's functions elsewhere.
+#pragma once
+
+#include <concepts>
+#include <limits>
+#include <type_traits>
+
+#include "hardware/cpu/elements/elementary.h"
+
+namespace ornik::real_functions {
+
+using elementary::fused;
+
+// ---- Exponentials and logarithms ----
+
+ORNIK_IN_PLACE float exp(float x) { return elementary::exp(x); }
+ORNIK_IN_PLACE double exp(double x) { return elementary::exp(x); }
+ORNIK_IN_PLACE float exp2(float x) {
+    return static_cast<float>(elementary::exp(elementary::clamped<double>(x, -1000, 1000) * 0.69314718055994531));
+}
+ORNIK_IN_PLACE double exp2(double x) { return std::exp2(x); }
+ORNIK_IN_PLACE float expm1(float x) {
+    return std::copysign(static_cast<float>(elementary::expm1_moderate(elementary::clamped<double>(x, -100, 100))), x);
+}
+ORNIK_IN_PLACE double expm1(double x) { return std::expm1(x); }
+ORNIK_IN_PLACE float log(float x) { return elementary::log(x); }
+ORNIK_IN_PLACE double log(double x) { return elementary::log(x); }
+ORNIK_IN_PLACE float log2(float x) { return static_cast<float>(elementary::log(double{x}) * 1.4426950408889634); }
+ORNIK_IN_PLACE double log2(double x) { return std::log2(x); }
+ORNIK_IN_PLACE float log10(float x) { return static_cast<float>(elementary::log(double{x}) * 0.43429448190325183); }
+ORNIK_IN_PLACE double log10(double x) { return std::log10(x); }
+ORNIK_IN_PLACE float log1p(float x) { return std::copysign(static_cast<float>(elementary::log1p(x)), x); }
+ORNIK_IN_PLACE double log1p(double x) { return std::log1p(x); }
+
+// ---- Powers ----
+
+template <std::floating_point T>
+ORNIK_IN_PLACE T sqrt(T x) {
+    return std::sqrt(x);
+}
+ORNIK_IN_PLACE float rsqrt(float x) { return static_cast<float>(1.0 / std::sqrt(double{x})); }
+ORNIK_IN_PLACE double rsqrt(double x) { return 1.0 / std::sqrt(x); }
+template <std::floating_point T>
+ORNIK_IN_PLACE T reciprocal(T x) {
+    return T(1) / x;
+}
+
+// ---- Circular and hyperbolic functions ----
+
+ORNIK_IN_PLACE float sin(float x) { return elementary::sin(x); }
+ORNIK_IN_PLACE double sin(double x) { return std::sin(x); }
+ORNIK_IN_PLACE float cos(float x) { return elementary::cos(x); }
+ORNIK_IN_PLACE double cos(double x) { return std::cos(x); }
+ORNIK_IN_PLACE float tan(float x) { return elementary::tan(x); }
+ORNIK_IN_PLACE double tan(double x) { return std::tan(x); }
+
+ORNIK_IN_PLACE float asin(float x) {
+    const double d = x;
+    return static_cast<float>(elementary::atan_approx(d / std::sqrt((1.0 - d) * (1.0 + d))));
+}
+ORNIK_IN_PLACE double asin(double x) { return std::asin(x); }
+ORNIK_IN_PLACE float acos(float x) {
+    const double d = x;
+    return static_cast<float>(2.0 * elementary::atan_approx(std::sqrt((1.0 - d) / (1.0 + d))));
+}
+ORNIK_IN_PLACE double acos(double x) { return std::acos(x); }
+ORNIK_IN_PLACE float atan(float x) { return static_cast<float>(elementary::atan_approx(x)); }
+ORNIK_IN_PLACE double atan(double x) { return std::atan(x); }
+
+ORNIK_IN_PLACE float sinh(float x) {
+    const double e = elementary::expm1_moderate(elementary::clamped<double>(std::fabs(x), 0, 100));
+    return std::copysign(static_cast<float>(0.5 * (e + e / (e + 1.0))), x);
+}
+ORNIK_IN_PLACE double sinh(double x) { return std::sinh(x); }
+ORNIK_IN_PLACE float cosh(float x) {
+    const double e = elementary::exp(elementary::clamped<double>(x, -100, 100));
+    return static_cast<float>(0.5 * (e + 1.0 / e));
+}
+ORNIK_IN_PLACE double cosh(double x) { return std::cosh(x); }
+ORNIK_IN_PLACE float tanh(float x) {
+    const float e = elementary::expm1_moderate(-2.0F * elementary::clamped(std::fabs(x), 0.0F, 40.0F));
+    return std::copysign(e / (2.0F + e), x);
+}
+ORNIK_IN_PLACE double tanh(double x) { return std::tanh(x); }
+
+ORNIK_IN_PLACE float asinh(float x) {
+    const double a = std::fabs(double{x});
+    const double square = a * a;
+    const double growth = a + square / (1.0 + std::sqrt(square + 1.0));
+    return static_cast<float>(std::copysign(elementary::log1p(a < HUGE_VAL ? growth : a), double{x}));
+}
+ORNIK_IN_PLACE double asinh(double x) { return std::asinh(x); }
+ORNIK_IN_PLACE float acosh(float x) {
+    const double t = double{x} - 1.0;
+    return static_cast<float>(elementary::log1p(t + std::sqrt(t < 0.0 ? t : t * (t + 2.0))));
+}
+ORNIK_IN_PLACE double acosh(double x) { return std::acosh(x); }
+ORNIK_IN_PLACE float atanh(float x) {
+    const double a = std::fabs(double{x});
+    return static_cast<float>(std::copysign(0.5 * elementary::log1p(2.0 * a / (1.0 - a)), double{x}));
+}
+ORNIK_IN_PLACE double atanh(double x) { return std::atanh(x); }
+
+// ---- Functions of neural networks ----
+
+ORNIK_IN_PLACE float sigmoid(float x) { return elementary::sigmoid(x); }
+ORNIK_IN_PLACE double sigmoid(double x) {
+    const double e = exp(-std::fabs(x));
+    return (x < 0.0 ? e : 1.0) / (1.0 + e);
+}
+/// log(1 + e^x)
+ORNIK_IN_PLACE float softplus(float x) {
+    const double e = elementary::exp(-std::fabs(double{x}));
+    return static_cast<float>((x < 0.0F ? 0.0 : double{x}) + elementary::log1p(e));
+}
+ORNIK_IN_PLACE double softplus(double x) { return (x < 0.0 ? 0.0 : x) + std::log1p(exp(-std::fabs(x))); }
+template <std::floating_point T>
+ORNIK_IN_PLACE T logsigmoid(T x) {
+    return -softplus(-x);
+}
+/// x sigmoid(x)
+ORNIK_IN_PLACE float silu(float x) {
+    const double d = elementary::clamped<double>(x, -200, HUGE_VAL);
+    return static_cast<float>(d / (1.0 + elementary::exp(-d)));
+}
+ORNIK_IN_PLACE double silu(double x) {
+    // Two factors, so that none is subnormal before the result is.
+    const double d = elementary::clamped(x, -800.0, HUGE_VAL);
+    const double half = exp(-0.5 * std::fabs(d));
+    const double below = 1.0 + half * half;
+    return d < 0.0 ? d * half / below * half : d / below;
+}
+/// x (1 + erf(x / sqrt(2))) / 2
+ORNIK_IN_PLACE float gelu(float x) {
+    const double d = double{elementary::clamped(x, -15.0F, INFINITY)};
+    const double tail = elementary::normal_tail(std::fabs(double{elementary::clamped(x, -15.0F, 15.0F)})).tail;
+    return static_cast<float>(d * (d < 0.0 ? tail : 1.0 - tail));
+}
+inline double gelu(double x) {
+    const double d = elementary::clamped(x, -50.0, HUGE_VAL);
+    // erfc falls so steeply that the rounding of its argument z shows: put it right by the logarithmic slope,
+    // which is near z + sqrt(z^2 + 4 / pi).
+    constexpr double root_half = 0.70710678118654752;
+    constexpr double root_half_rest = -4.8336466567264567e-17;
+    const double z = d * -root_half;
+    const double rest = fused(d, -root_half, -z) - d * root_half_rest;
+    const double steep = d < -1.0 ? rest * (z + std::sqrt(z * z + 1.2732395447351628)) : 0.0;
+    const double tail = std::erfc(z);
+    return 0.5 * d * (tail - tail * steep);
+}
+/// Derivative of silu; its clamped argument keeps infinities from meeting zeros.
+template <std::floating_point T>
+ORNIK_IN_PLACE T silu_slope(T x) {
+    const T d = elementary::clamped(x, T(-800), T(800));
+    return sigmoid(d) * (T(1) + d * sigmoid(-d));
+}
+/// Derivative of gelu: the normal distribution and x times its density.
+ORNIK_IN_PLACE float gelu_slope(float x) {
+    const double d = elementary::clamped<double>(x, -15, 15);
+    const auto [tail, density] = elementary::normal_tail(std::fabs(d));
+    return static_cast<float>((d < 0.0 ? tail : 1.0 - tail) + d * density);
+}
+ORNIK_IN_PLACE double gelu_slope(double x) {
+    const double d = elementary::clamped(x, -50.0, 50.0);
+    return 0.5 * std::erfc(d * -0.70710678118654752) + 0.39894228040143268 * d * exp(-0.5 * d * d);
+}
+ORNIK_IN_PLACE float erf(float x) { return elementary::erf(x); }
+ORNIK_IN_PLACE double erf(double x) { return std::erf(x); }
+
+// ---- Signs, parts and tests ----
+
+template <std::floating_point T>
+ORNIK_IN_PLACE T abs(T x) {
+    return std::fabs(x);
+}
+template <std::floating_point T>
+ORNIK_IN_PLACE T neg(T x) {
+    return -x;
+}
+template <std::floating_point T>
+ORNIK_IN_PLACE T sqr(T x) {
+    return x * x;
+}
+/// NaN and zeros stay what they are.
+template <std::floating_point T>
+ORNIK_IN_PLACE T sign(T x) {
+    return x > T(0) ? T(1) : (x < T(0) ? T(-1) : x);
+}
+template <std::floating_point T>
+ORNIK_IN_PLACE T conj(T x) {
+    return x;
+}
+template <std::floating_point T>
+ORNIK_IN_PLACE T real(T x) {
+    return x;
+}
+template <std::floating_point T>
+ORNIK_IN_PLACE T imag(T /*x*/) {
+    return T(0);
+}
+/// 0, or pi with the sign bit.
+template <std::floating_point T>
+ORNIK_IN_PLACE T angle(T x) {
+    return x != x ? x : (std::copysign(T(1), x) < T(0) ? T(3.14159265358979323846L) : T(0));
+}
+template <std::floating_point T>
+ORNIK_IN_PLACE T floor(T x) {
+    return std::floor(x);
+}
+template <std::floating_point T>
+ORNIK_IN_PLACE T ceil(T x) {
+    return std::ceil(x);
+}
+/// Half to even.
+template <std::floating_point T>
+ORNIK_IN_PLACE T round(T x) {
+    return std::nearbyint(x);
+}
+template <std::floating_point T>
+ORNIK_IN_PLACE T trunc(T x) {
+    return std::trunc(x);
+}
+template <std::floating_point T>
+ORNIK_IN_PLACE bool is_nan(T x) {
+    return x != x;
+}
+template <std::floating_point T>
+ORNIK_IN_PLACE bool is_inf(T x) {
+    return std::fabs(x) == std::numeric_limits<T>::infinity();
+}
+template <std::floating_point T>
+ORNIK_IN_PLACE bool is_finite(T x) {
+    return std::fabs(x) < std::numeric_limits<T>::infinity();
+}
+template <std::floating_point T>
+ORNIK_IN_PLACE bool logical_not(T x) {
+    return x == T(0);
+}
+
+// ---- Two operands ----
+
+template <std::floating_point T>
+ORNIK_IN_PLACE T pow(T x, T y) {
+    return std::pow(x, y);
+}
+template <std::floating_point T>
+ORNIK_IN_PLACE T atan2(T y, T x) {
+    return std::atan2(y, x);
+}
+template <std::floating_point T>
+ORNIK_IN_PLACE T fmod(T x, T y) {
+    return std::fmod(x, y);
+}
+/// Of the divisor's sign.
+template <std::floating_point T>
+ORNIK_IN_PLACE T remainder(T x, T y) {
+    const T rest = std::fmod(x, y);
+    if (rest == T(0)) {
+        return std::copysign(rest, y);
+    }
+    return (rest < T(0)) != (y < T(0)) ? rest + y : rest;
+}
+
+}  // namespace ornik::real_functions

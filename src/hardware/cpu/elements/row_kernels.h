@@ -1,0 +1,72 @@
+// row_kernels.h: from a function object on elements to a kernel over whole operands.
+#pragma once
+
+#include "hardware/cpu/dispatch.h"
+#include "hardware/cpu/elements/cpu_elements.h"
+#include "hardware/cpu/elements/elementary.h"
+
+namespace ornik::device::cpu {
+
+/// Function objects whose vectorised code is good up to elementary::circular_limit only specialise this with
+/// a function `value` for the elements beyond.
+template <typename Function, typename T>
+struct BeyondLimit {
+    static constexpr bool needed = false;
+};
+
+/// out[i] = Function()(in[i]...). Function's call operator has to be ORNIK_IN_PLACE.
+template <typename Function, typename Out, typename First, typename... Rest>
+void run_function_rows(const MultiTensorIterationHelper& elements) {
+    using Beyond = BeyondLimit<Function, First>;
+    elements.run_rows<TypeList<Out>, TypeList<First, Rest...>>([](std::int64_t n, Out* out, const First* first,
+                                                                  const Rest*... rest) {
+        const Function function{};
+        if constexpr (Beyond::needed) {
+            const auto beyond = [](First x) { return std::fabs(x) > elementary::circular_limit; };
+            int any = 0;
+            for (std::int64_t i = 0; i < n; ++i) {
+                any |= static_cast<int>(beyond(first[i]));
+            }
+            if (any != 0) {
+                for (std::int64_t i = 0; i < n; ++i) {
+                    out[i] = beyond(first[i]) ? Beyond::value(first[i], rest[i]...) : function(first[i], rest[i]...);
+                }
+                return;
+            }
+        }
+        ORNIK_INDEPENDENT_ITERATIONS
+        for (std::int64_t i = 0; i < n; ++i) {
+            out[i] = function(first[i], rest[i]...);
+        }
+    });
+}
+
+template <typename Function, typename Types>
+void unary_kernel(const MultiTensorIterationHelper& elements, std::int64_t dtype) {
+    dispatch(Types{}, dtype,
+             [&]<typename T>() { run_function_rows<Function, decltype(Function{}(T{})), T>(elements); });
+}
+
+template <typename Function, typename Types>
+void binary_kernel(const MultiTensorIterationHelper& elements, std::int64_t dtype) {
+    dispatch(Types{}, dtype,
+             [&]<typename T>() { run_function_rows<Function, decltype(Function{}(T{}, T{})), T, T>(elements); });
+}
+
+}  // namespace ornik::device::cpu
+
+// Function objects and table rows of the operations in a list: functions stand in FUNCTIONS.
+#define ORNIK_UNARY_FUNCTION(name, ...)             \
+    struct name##_function {                        \
+        template <typename T>                       \
+        ORNIK_IN_PLACE auto operator()(T x) const { \
+            return FUNCTIONS::name(x);              \
+        }                                           \
+    };
+#define ORNIK_BINARY_FUNCTION(name, ...)                 \
+    struct name##_function {                             \
+        template <typename T>                            \
+        ORNIK_IN_PLACE auto operator()(T a, T b) const { \
+            return FUNCTIONS::name(a, b);                \
+        }                                                \
+    };
