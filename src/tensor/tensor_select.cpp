@@ -19,6 +19,9 @@ namespace ornik {
 
 namespace {
 
+// Everything about shapes and selections reports under one file name.
+constexpr const char* family = "src/tensor/tensor_shape.cpp";
+
 using Selection = std::vector<AxisSelection>;
 
 Dims shape_of(const Selection& selection) {
@@ -213,18 +216,19 @@ Tensor* Tensor::select_ndim_grad(const Tensor* grad, const std::vector<std::stri
 void Tensor::set_select_legacy(Tensor* value, const std::vector<std::string>& items) {
     SelDescriptor descriptor(items);
     descriptor.build(shape_);
-    set_selected(where("ornik::Tensor::set_select_legacy"), this, descriptor.selection(),
+    set_selected(where("ornik::Tensor::set_select_legacy", family), this, descriptor.selection(),
                  std::vector<bool>(shape_.size(), true), value);
 }
 
 void Tensor::set_select_ndim(Tensor* value, const std::vector<std::string>& items) {
     SelDescriptorV2 descriptor(items);
     descriptor.build(shape_);
-    set_selected(where("ornik::Tensor::set_select_ndim"), this, descriptor.selection(), descriptor.keep(), value);
+    set_selected(where("ornik::Tensor::set_select_ndim", family), this, descriptor.selection(), descriptor.keep(),
+                 value);
 }
 
 void Tensor::set_select_ndim_grad(Tensor* grad, const std::vector<std::string>& items) {
-    const Where at = where("ornik::Tensor::set_select_ndim_grad");
+    const Where at = where("ornik::Tensor::set_select_ndim_grad", family);
     SelDescriptorV2 descriptor(items);
     descriptor.build(shape_, grad->Shape());
     if (grad->Device() != device_) {

@@ -5,6 +5,7 @@
 #include <memory>
 #include <numeric>
 
+#include "descriptors/offset_calculator.h"
 #include "hardware/cpu/index/cpu_indexing.h"
 #include "tensor/broadcast.h"
 #include "tensor/geometry.h"
@@ -478,7 +479,8 @@ Tensor* stack(const std::vector<Tensor*>& tensors, unsigned axis) {
 
 namespace {
 
-// What tile and its gradient work on: each repeated axis of extent s as the two axes [repetitions, s].
+// What tile and its gradient work on: each repeated axis of extent s as the two axes [repetitions, s], without those
+// of extent 1.
 struct TileAxes {
     Dims shape;    // of the result: [..., r, s, ...]
     Dims strides;  // of the tensor that is repeated, 0 along the repetitions
@@ -492,13 +494,32 @@ struct TileAxes {
                 shape.push_back(times);
                 strides.push_back(0);
             }
-            if (back <= input_shape.size()) {
-                shape.push_back(input_shape[input_shape.size() - back]);
+            const std::int64_t extent = back <= input_shape.size() ? input_shape[input_shape.size() - back] : 1;
+            if (extent > 1) {
+                shape.push_back(extent);
                 strides.push_back(input_strides[input_shape.size() - back]);
             }
         }
     }
 };
+
+// tile for more axes than a copy can have: one repeated axis after the other, the last one first.
+std::unique_ptr<Tensor> tile_by_axis(const Tensor* t, const Dims& shape, const std::vector<int>& reps) {
+    std::unique_ptr<Tensor> tiled(t->clone());
+    std::int64_t inner = 1;  // Elements of the result from this axis on.
+    for (std::size_t back = 1; back <= shape.size(); ++back) {
+        inner *= shape[shape.size() - back];
+        const std::int64_t times = back <= reps.size() ? reps[reps.size() - back] : 1;
+        if (times > 1) {
+            const std::int64_t once = inner / times;
+            const Dims repeated{tiled->Size() / once, times, once};
+            std::unique_ptr<Tensor> result(Tensor::empty(repeated, t->Device(), t->Dtype()));
+            copy_tensor(share(tiled.get(), repeated, {once, 0, 1}).get(), result.get());
+            tiled = std::move(result);
+        }
+    }
+    return share(tiled.get(), shape, shape2stride(shape));
+}
 
 // infer_tile_shape, with an error for an extent that does not fit into its 32-bit product.
 Dims checked_tile_shape(const Where& at, const Dims& shape, const std::vector<int>& reps) {
@@ -517,8 +538,11 @@ Dims checked_tile_shape(const Where& at, const Dims& shape, const std::vector<in
 
 Tensor* tile(const Tensor* t, const std::vector<int>& reps) {
     const Dims shape = checked_tile_shape(where("ornik::tile"), t->Shape(), reps);
-    std::unique_ptr<Tensor> result(Tensor::empty(shape, t->Device(), t->Dtype()));
     const TileAxes axes(t->Shape(), t->Strides(), reps);
+    if (axes.shape.size() > OffsetCalculator_cpu<std::int64_t>::max_dims) {
+        return tile_by_axis(t, shape, reps).release();
+    }
+    std::unique_ptr<Tensor> result(Tensor::empty(shape, t->Device(), t->Dtype()));
     copy_tensor(share(t, axes.shape, axes.strides).get(),
                 share(result.get(), axes.shape, shape2stride(axes.shape)).get());
     return result.release();

@@ -6,7 +6,6 @@
 #include "norm_arguments.h"
 #include "tensor/checks.h"
 #include "tensor/overlap.h"
-#include "tensor/tensor_math/tensor_arithmetic.h"
 
 namespace ornik {
 
@@ -78,10 +77,10 @@ Tensor* LBatchNorm::forward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, bool
     device::cpu::batch_norm(x.get(), norm, mean.get(), variance.get(), Borrowed::contiguous(arguments.gamma).get(),
                             Borrowed::contiguous(arguments.beta).get(), output.get());
     if (training && running_mean != nullptr) {
-        const auto count = static_cast<float>(norm.samples * norm.inner);
-        const float unbiased = count > 1 ? momentum_ * (count / (count - 1)) : momentum_;
-        add(1 - momentum_, running_mean, momentum_, mean.get(), running_mean, 0);
-        add(1 - momentum_, running_variance, unbiased, variance.get(), running_variance, 0);
+        const auto count = static_cast<double>(norm.samples * norm.inner);
+        device::cpu::update_running(mean.get(), 1, static_cast<double>(momentum_), running_mean);
+        device::cpu::update_running(variance.get(), count > 1 ? count / (count - 1) : 1, static_cast<double>(momentum_),
+                                    running_variance);
     }
     std::vector<std::unique_ptr<Tensor>> saved;
     saved.push_back(std::move(mean));

@@ -30,6 +30,8 @@ struct NormGradient {
 
 /// Mean and variance of every channel over samples and inner positions.
 void batch_statistics(const Tensor* input, const ChannelNorm& norm, Tensor* mean, Tensor* variance);
+/// running = (1 - momentum) running + momentum factor batch, in double; what has arrived stays. Any strides.
+void update_running(const Tensor* batch, double factor, double momentum, Tensor* running);
 /// out = (input - mean) / sqrt(variance + eps) * gamma + beta
 void batch_norm(const Tensor* input, const ChannelNorm& norm, const Tensor* mean, const Tensor* variance,
                 const Tensor* gamma, const Tensor* beta, Tensor* out);

@@ -295,6 +295,21 @@ void batch_statistics(const Tensor* input, const ChannelNorm& norm, Tensor* mean
     });
 }
 
+void update_running(const Tensor* batch, double factor, double momentum, Tensor* running) {
+    MultiTensorIterationHelper elements;
+    elements.add_input(running);
+    elements.add_input(batch);
+    elements.add_output(running);
+    elements.build();
+    dispatch(FloatTypes{}, running->Dtype(), [&]<typename T>() {
+        elements.run<TypeList<T>, TypeList<T, T>>([factor, momentum](T old, T latest) {
+            const auto from = static_cast<double>(old);
+            const double to = factor * static_cast<double>(latest);
+            return from == to ? old : static_cast<T>((1 - momentum) * from + momentum * to);
+        });
+    });
+}
+
 void batch_norm(const Tensor* input, const ChannelNorm& norm, const Tensor* mean, const Tensor* variance,
                 const Tensor* gamma, const Tensor* beta, Tensor* out) {
     dispatch(FloatTypes{}, input->Dtype(), [&]<typename T>() {
