@@ -50,6 +50,7 @@ void check_fillable(const Where& at, const Tensor* self) {
         refuse_gpu();
     }
     check_not_expanded(at, self);
+    announce_write(at, self);
 }
 
 // Calls draw(source, contiguous tensor); elements are drawn in row-major order under any strides.
@@ -180,6 +181,7 @@ Tensor* Tensor::dropout_mask(const Dims& shape, double p, std::int64_t device, s
 
 Tensor* Tensor::bernoulli(Tensor* probs) {
     const Where at = where("ornik::Tensor::bernoulli", family);
+    check_operands(at, probs);
     if (!probs->isFloat()) {
         fail(at, "bernoulli's probs only support float as dtype.");
     }
@@ -196,6 +198,7 @@ Tensor* Tensor::bernoulli(Tensor* probs) {
 
 Tensor* Tensor::binomial(Tensor* total_count, Tensor* probs) {
     const Where at = where("ornik::Tensor::binomial", family);
+    check_operands(at, total_count, probs);
     if (probs->isGPU()) {
         fail(at, "binomial not compiled for gpu.");
     }
@@ -226,6 +229,7 @@ Tensor* Tensor::binomial(Tensor* total_count, Tensor* probs) {
 
 Tensor* Tensor::multinomial(Tensor* probs, std::int64_t num_samples, bool replacement) {
     const Where at = where("ornik::Tensor::multinomial", family);
+    check_operands(at, probs);
     if (probs->ndim_ != 1 && probs->ndim_ != 2) {
         fail(at, "Multinomial input should be 1 dim or 2 dim.");
     }

@@ -13,6 +13,8 @@ namespace ornik {
 
 namespace {
 
+constexpr std::int64_t norm_dtype(std::int64_t dtype) { return part_dtype(mean_dtype(dtype)); }
+
 constexpr double nan = std::numeric_limits<double>::quiet_NaN();
 
 using Kernel = void (*)(const ReduceDescriptor& plan, const Tensor* in, Tensor* out);
@@ -48,8 +50,15 @@ class Operand {
     TensorResult copy_;
 };
 
+/// The order of a reduction, by the operand's dtype.
+using OrderRule = ReduceOrder (*)(std::int64_t dtype);
+ReduceOrder any_order(std::int64_t /*dtype*/) { return ReduceOrder::any; }
+ReduceOrder row_major_order(std::int64_t /*dtype*/) { return ReduceOrder::row_major; }
+ReduceOrder fixed_order(std::int64_t /*dtype*/) { return ReduceOrder::fixed; }
 // Sums of floating elements are rounded, sums of integers are not.
-ReduceOrder order_of(const Tensor* x) { return x->Dtype() < dtype::float32 ? ReduceOrder::any : ReduceOrder::fixed; }
+ReduceOrder unless_integer(std::int64_t dtype) {
+    return dtype < ornik::dtype::float32 ? ReduceOrder::any : ReduceOrder::fixed;
+}
 
 // kernel(out) in a new tensor of `dtype`; `of_nothing` where no elements are reduced.
 template <typename T, typename Run>
@@ -69,26 +78,28 @@ void check_some(const Where& at, const ReduceDescriptor& plan) {
 }
 
 template <typename T>
-Tensor* reduce_to(const Where& at, const Tensor* x, const std::vector<int>& axes, bool keep_dims, std::int64_t dtype,
-                  T of_nothing, ReduceOrder order, Kernel kernel) {
-    check_cpu(x);
-    const Operand operand(x, reduce_axes(at, axes, x->ndim()), keep_dims, order);
-    return reduced(operand.plan(), dtype, of_nothing, [&](Tensor* out) { kernel(operand.plan(), operand.x(), out); });
+Tensor* reduce_to(const Where& at, const Tensor* x, const std::vector<int>& axes, bool keep_dims, DtypeRule dtype,
+                  T of_nothing, OrderRule order, Kernel kernel) {
+    check_cpu(at, x);
+    const Operand operand(x, reduce_axes(at, axes, x->ndim()), keep_dims, order(x->Dtype()));
+    return reduced(operand.plan(), dtype(x->Dtype()), of_nothing,
+                   [&](Tensor* out) { kernel(operand.plan(), operand.x(), out); });
 }
 
 // Reductions of real numbers that need at least one of them.
-Tensor* reduce_order(const Where& at, const Tensor* x, const std::vector<int>& axes, bool keep_dims, std::int64_t dtype,
-                     ReduceOrder order, Kernel kernel) {
-    check_cpu(x);
+Tensor* reduce_order(const Where& at, const Tensor* x, const std::vector<int>& axes, bool keep_dims, DtypeRule dtype,
+                     OrderRule order, Kernel kernel) {
+    check_cpu(at, x);
     check_dtype(at, is_real(x));
-    const Operand operand(x, reduce_axes(at, axes, x->ndim()), keep_dims, order);
+    const Operand operand(x, reduce_axes(at, axes, x->ndim()), keep_dims, order(x->Dtype()));
     check_some(at, operand.plan());
-    return reduced(operand.plan(), dtype, 0.0F, [&](Tensor* out) { kernel(operand.plan(), operand.x(), out); });
+    return reduced(operand.plan(), dtype(x->Dtype()), 0.0F,
+                   [&](Tensor* out) { kernel(operand.plan(), operand.x(), out); });
 }
 
 Tensor* variance(const Where& at, const Tensor* x, const std::vector<int>& axes, bool keep_dims, double correction,
                  bool root) {
-    check_cpu(x);
+    check_cpu(at, x);
     check_dtype(at, is_real(x));
     const Operand operand(x, reduce_axes(at, axes, x->ndim()), keep_dims, ReduceOrder::fixed);
     return reduced(operand.plan(), mean_dtype(x->Dtype()), nan, [&](Tensor* out) {
@@ -99,33 +110,31 @@ Tensor* variance(const Where& at, const Tensor* x, const std::vector<int>& axes,
 }  // namespace
 
 Tensor* sum(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce_to(where("ornik::sum"), x, axes, keep_dims, total_dtype(x->Dtype()), 0.0F, order_of(x),
+    return reduce_to(where("ornik::sum"), x, axes, keep_dims, total_dtype, 0.0F, unless_integer,
                      device::cpu::reduce_sum);
 }
 
 Tensor* prod(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce_to(where("ornik::prod"), x, axes, keep_dims, total_dtype(x->Dtype()), 1.0F, order_of(x),
+    return reduce_to(where("ornik::prod"), x, axes, keep_dims, total_dtype, 1.0F, unless_integer,
                      device::cpu::reduce_prod);
 }
 
 Tensor* mean(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce_to(where("ornik::mean"), x, axes, keep_dims, mean_dtype(x->Dtype()), nan, order_of(x),
+    return reduce_to(where("ornik::mean"), x, axes, keep_dims, mean_dtype, nan, unless_integer,
                      device::cpu::reduce_mean);
 }
 
 Tensor* l2_norm(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce_to(where("ornik::l2_norm"), x, axes, keep_dims, part_dtype(mean_dtype(x->Dtype())), 0.0F,
-                     ReduceOrder::fixed, device::cpu::reduce_l2_norm);
+    return reduce_to(where("ornik::l2_norm"), x, axes, keep_dims, norm_dtype, 0.0F, fixed_order,
+                     device::cpu::reduce_l2_norm);
 }
 
 Tensor* any(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce_to(where("ornik::any"), x, axes, keep_dims, dtype::boolean, false, ReduceOrder::any,
-                     device::cpu::reduce_any);
+    return reduce_to(where("ornik::any"), x, axes, keep_dims, bool_dtype, false, any_order, device::cpu::reduce_any);
 }
 
 Tensor* all(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce_to(where("ornik::all"), x, axes, keep_dims, dtype::boolean, true, ReduceOrder::any,
-                     device::cpu::reduce_all);
+    return reduce_to(where("ornik::all"), x, axes, keep_dims, bool_dtype, true, any_order, device::cpu::reduce_all);
 }
 
 Tensor* var(Tensor* x, const std::vector<int>& axes, bool keep_dims, double correction) {
@@ -142,38 +151,39 @@ Tensor* std(Tensor* x, const std::vector<int>& axes, bool keep_dims, double corr
 
 Tensor* logsumexp(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
     const Where at = where("ornik::logsumexp");
+    check_cpu(at, x);
     check_dtype(at, x->isFloat());
-    return reduce_to(at, x, axes, keep_dims, x->Dtype(), -std::numeric_limits<double>::infinity(), ReduceOrder::fixed,
+    return reduce_to(at, x, axes, keep_dims, same_dtype, -std::numeric_limits<double>::infinity(), fixed_order,
                      device::cpu::reduce_log_sum_exp);
 }
 
 Tensor* trace(Tensor* x, std::int64_t offset, int dim1, int dim2) {
-    check_cpu(x);
+    check_cpu(where("ornik::trace"), x);
     const TensorResult diagonal(x->diagonal(offset, dim1, dim2));
     return sum(diagonal.get(), {-1}, false);
 }
 
 Tensor* max(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce_order(where("ornik::max"), x, axes, keep_dims, x->Dtype(), order_of(x), device::cpu::reduce_max);
+    return reduce_order(where("ornik::max"), x, axes, keep_dims, same_dtype, unless_integer, device::cpu::reduce_max);
 }
 
 Tensor* min(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce_order(where("ornik::min"), x, axes, keep_dims, x->Dtype(), order_of(x), device::cpu::reduce_min);
+    return reduce_order(where("ornik::min"), x, axes, keep_dims, same_dtype, unless_integer, device::cpu::reduce_min);
 }
 
 Tensor* argmax(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce_order(where("ornik::argmax"), x, axes, keep_dims, dtype::int64, ReduceOrder::row_major,
+    return reduce_order(where("ornik::argmax"), x, axes, keep_dims, position_dtype, row_major_order,
                         device::cpu::reduce_argmax);
 }
 
 Tensor* argmin(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce_order(where("ornik::argmin"), x, axes, keep_dims, dtype::int64, ReduceOrder::row_major,
+    return reduce_order(where("ornik::argmin"), x, axes, keep_dims, position_dtype, row_major_order,
                         device::cpu::reduce_argmin);
 }
 
 Tensor* median(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
     const Where at = where("ornik::median");
-    check_cpu(x);
+    check_cpu(at, x);
     check_dtype(at, is_real(x));
     const std::vector<int> wrapped = reduce_axes(at, axes, x->ndim());
     const ReduceDescriptor plan =
