@@ -6,6 +6,7 @@
 #include "hardware/cpu/nn/cpu_activation.h"
 #include "hardware/cpu/nn/cpu_softmax.h"
 #include "tensor/borrowed.h"
+#include "tensor/make_tensor.h"
 #include "utils/utils.h"
 
 namespace ornik {
@@ -155,8 +156,10 @@ Tensor* LActivation::forward_dyn(Tensor* input) {
     const Activation& activation = *find_activation(activation_);
     const Setting setting = setting_for(where("ornik::LActivation::forward_dyn"), activation, parameters_, input);
     const Borrowed x = Borrowed::contiguous(input);
-    std::unique_ptr<Tensor> output(Tensor::empty_like(input));
-    activation.forward(x.get(), output.get(), setting);
+    std::unique_ptr<Tensor> output = make_output(input->Shape(), input);
+    if (output->Size() > 0) {
+        activation.forward(x.get(), output.get(), setting);
+    }
     return output.release();
 }
 
@@ -178,8 +181,10 @@ Tensor* LActivation::backward_dyn(Tensor* input, Tensor* output, Tensor* output_
     const Borrowed x = Borrowed::contiguous(input);
     const Borrowed y = Borrowed::contiguous(output);
     const Borrowed g = Borrowed::contiguous(output_gradient);
-    std::unique_ptr<Tensor> result(Tensor::empty_like(input));
-    activation.backward(x.get(), y.get(), g.get(), result.get(), setting);
+    std::unique_ptr<Tensor> result = make_output(input->Shape(), input);
+    if (result->Size() > 0) {
+        activation.backward(x.get(), y.get(), g.get(), result.get(), setting);
+    }
     return result.release();
 }
 

@@ -10,6 +10,7 @@
 #include "tensor/broadcast.h"
 #include "tensor/checks.h"
 #include "tensor/geometry.h"
+#include "tensor/make_tensor.h"
 #include "utils/shape_rules.h"
 #include "utils/utils.h"
 
@@ -591,6 +592,13 @@ Tensor* TileGrad(const Tensor* grad, const Dims& input_shape, const std::vector<
 
 namespace {
 
+// The elements in row-major order under another shape; there may be none.
+Tensor* row_major(const Tensor* t, const Dims& shape) {
+    std::unique_ptr<Tensor> result = make_output(shape, t);
+    copy_tensor(t, result.get());
+    return result.release();
+}
+
 void check_rank(const Where& at, const Dims& shape, std::size_t rank) {
     if (shape.size() != rank) {
         fail(at, "Input should have ", rank, " dimensions, its shape is ", shape);
@@ -605,9 +613,7 @@ Tensor* permute_12_reshape_b_n_embed_dims(const Tensor* x) {
     const Dims& shape = x->Shape();
     check_rank(at, shape, 4);
     const std::unique_ptr<Tensor> tokens_first(x->permute({0, 2, 1, 3}));
-    std::unique_ptr<Tensor> merged(tokens_first->clone());
-    merged->reshape_({shape[0], shape[2], shape[1] * shape[3]});
-    return merged.release();
+    return row_major(tokens_first.get(), {shape[0], shape[2], shape[1] * shape[3]});
 }
 
 Tensor* permute_12_reshape_b_n_embed_dims_grad(const Tensor* grad, const Dims& input_shape) {
@@ -648,7 +654,8 @@ Tensor* reshape_permute_select(const Tensor* x, int heads, int parts, int index)
     if (heads < 1 || x->Shape()[2] % (std::int64_t{heads} * parts) != 0) {
         fail(at, "The last axis of shape ", x->Shape(), "can not be cut into ", parts, " parts of ", heads, " heads.");
     }
-    return picked_heads(x, heads, parts, index)->clone();
+    const std::unique_ptr<Tensor> picked = picked_heads(x, heads, parts, index);
+    return row_major(picked.get(), picked->Shape());
 }
 
 Tensor* reshape_permute_select_grad(const Tensor* grad, int parts, int index) {
@@ -658,8 +665,10 @@ Tensor* reshape_permute_select_grad(const Tensor* grad, int parts, int index) {
     check_rank(at, shape, 4);
     check_part(at, parts, index);
     const Dims projection{shape[0], shape[2], parts * shape[1] * shape[3]};
-    std::unique_ptr<Tensor> result(parts == 1 ? Tensor::empty(projection, grad->Device(), grad->Dtype())
-                                              : Tensor::zeros(projection, grad->Device(), grad->Dtype()));
+    std::unique_ptr<Tensor> result = make_output(projection, grad);
+    if (parts > 1) {
+        result->fill_(0);
+    }
     copy_tensor(grad, picked_heads(result.get(), static_cast<int>(shape[1]), parts, index).get());
     return result.release();
 }

@@ -76,7 +76,7 @@ void multiply(const Where& at, Tensor* A, int ta, Tensor* B, int tb, Tensor* C, 
                         memory_overlap(b.get(), C) == Overlap::none;
     std::unique_ptr<Tensor> aside;
     if (!direct) {
-        aside.reset(accumulate ? C->clone() : Tensor::empty_like(C));
+        aside = accumulate ? std::unique_ptr<Tensor>(C->clone()) : make_output(C->Shape(), C);
     }
     Tensor* out = direct ? C : aside.get();
     device::cpu::ProductPlan plan{};

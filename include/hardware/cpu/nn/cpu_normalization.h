@@ -2,7 +2,8 @@
 // Internal.
 //
 // Statistics are means and (biased) variances, in the elements' dtype; gamma and beta may be null, for 1
-// and 0. Bits do not depend on the team size.
+// and 0. Bits do not depend on the team size. Of an input without elements, statistics and the gradients of gamma
+// and beta are 0.
 #pragma once
 
 #include "../../../tensor/tensor.h"
