@@ -35,6 +35,7 @@ set(ORNIK_PUBLIC_HEADERS
     random/generator.h
     tensor/broadcast.h
     tensor/dtype.h
+    tensor/joins.h
     tensor/nn/tensor_conv.h
     tensor/scalar.h
     tensor/nn/attention.h

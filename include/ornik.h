@@ -31,6 +31,7 @@
 #include "random/generator.h"
 #include "tensor/broadcast.h"
 #include "tensor/dtype.h"
+#include "tensor/joins.h"
 #include "tensor/nn/attention.h"
 #include "tensor/nn/interpolate.h"
 #include "tensor/nn/packing.h"

@@ -11,7 +11,7 @@
 namespace ornik::test {
 namespace {
 
-const std::string file = "src/tensor/tensor_slices.cpp";
+const std::string file = "src/tensor/tensor_math/tensor_slices.cpp";
 using Bound = std::optional<std::int64_t>;
 
 SliceItem slice(const Bound& begin, const Bound& end, std::int64_t step) {
@@ -221,7 +221,7 @@ TEST(Slices, Refusals) {
     expect_refusals(rows, "ornik::", file);
     EXPECT_EQ(error_text([&] { set_slices(expanded.get(), x.get(), {SliceItem::index(0)}); }),
               located("Output can not be an expanded view: shape ( 3, 2, 5 ) , strides ( 0, 5, 1 ) ",
-                      "ornik::set_slices", "src/tensor/tensor_slices.cpp"));
+                      "ornik::set_slices", "src/tensor/tensor_math/tensor_slices.cpp"));
 }
 
 }  // namespace

@@ -84,6 +84,18 @@ ORNIK_API Tensor* min_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes
 /// To the middle element, or half to each of the two; among equal ones, to those that a stable sort puts there.
 ORNIK_API Tensor* median_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
 
+// ---- Gradients that are given the result: y, shaped as grad, is what the function gave for x ----
+
+ORNIK_API Tensor* l2_norm_grad_from(Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes = {},
+                                    bool keep_dims = false);
+ORNIK_API Tensor* std_dev_grad_from(Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes = {},
+                                    double correction = 1, bool keep_dims = false);
+ORNIK_API Tensor* logsumexp_grad_from(Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes = {},
+                                      bool keep_dims = false);
+/// Of max and of min, and of any result that is an element of x.
+ORNIK_API Tensor* extreme_grad_from(Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes = {},
+                                    bool keep_dims = false);
+
 // ---- Along one axis; results have x's shape ----
 
 /// Running sums and products. bool and integers give int64; floating ones are added up in double.

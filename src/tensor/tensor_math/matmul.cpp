@@ -299,7 +299,7 @@ Dims product_shape(const Where& at, const Dims& a, const Dims& b, int ta, int tb
 
 void check_one_dtype(const Where& at, const Tensor* a, std::int64_t dtype) {
     if (a->Dtype() != dtype) {
-        fail(at, "Not same data type");
+        fail(ErrorKind::dtype, at, "Not same data type");
     }
 }
 

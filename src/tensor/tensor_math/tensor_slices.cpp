@@ -34,7 +34,7 @@ ItemAxis range_of(const Where& at, const SliceItem& item, std::int64_t source, s
 
 ItemAxis position_of(const Where& at, const SliceItem& item, std::int64_t source, std::int64_t extent) {
     if (item.begin < -extent || item.begin >= extent) {
-        fail(at, "Index ", item.begin, " is out of range for an axis of ", extent, " elements");
+        fail(ErrorKind::index, at, "Index ", item.begin, " is out of range for an axis of ", extent, " elements");
     }
     return {source, item.begin < 0 ? item.begin + extent : item.begin, 1, 1, true};
 }
@@ -70,7 +70,7 @@ std::vector<ItemAxis> resolve_items(const Where& at, const Dims& shape, const Sl
         fail(at, "An ellipsis can be used once.");
     }
     if (named > shape.size()) {
-        fail(at, "Too many indices for a shape of ", shape);
+        fail(ErrorKind::index, at, "Too many indices for a shape of ", shape);
     }
     std::vector<ItemAxis> axes;
     std::size_t source = 0;
@@ -78,6 +78,7 @@ std::vector<ItemAxis> resolve_items(const Where& at, const Dims& shape, const Sl
         for (std::size_t i = 0; i < count; ++i, ++source) {
             axes.push_back({static_cast<std::int64_t>(source), 0, 1, shape[source]});
             axes.back().tensor = i == 0 ? tensor : nullptr;
+            axes.back().is_covered = i > 0 && tensor != nullptr;
         }
     };
     for (const SliceItem& item : items) {
