@@ -139,6 +139,38 @@ TEST(AdvancedIndex, LastWritersOfIndexPut) {
     EXPECT_EQ(values_of<std::int64_t>(line), (Index{0, 1, 2, 3}));
 }
 
+TEST(AdvancedIndex, LastWritersOfSelectionsByText) {
+    const std::vector<double> values = counted<double>(12, 1);
+    const TensorPtr grad = make<double>({3, 4}, values, Layout::transposed);
+    for (const std::vector<std::string>& items :
+         {std::vector<std::string>{"0,2,0", "3,1,3"}, {"1", "0,0,2"}, {"2:0", "1:4:2"}, {"2", "1"}, {"1,1"}}) {
+        // What every position holds after a write of numbered values tells the writers.
+        const TensorPtr selected(grad->select_ndim(items));
+        TensorPtr numbers = make<double>(selected->Shape(), counted<double>(selected->Size(), 1));
+        const TensorPtr written(Tensor::zeros({3, 4}, 0, dtype::float64));
+        written->set_select_ndim(numbers.get(), items);
+        std::vector<double> to_value(static_cast<std::size_t>(selected->Size()));
+        std::vector<double> to_x = values;
+        const std::vector<double> writers = values_of<double>(written);
+        for (std::size_t i = 0; i < writers.size(); ++i) {
+            if (writers[i] > 0) {
+                to_value[static_cast<std::size_t>(writers[i]) - 1] = values[i];
+                to_x[i] = 0;
+            }
+        }
+        EXPECT_EQ(doubles_of(TensorPtr(set_select_ndim_grad(grad.get(), items)).get()), to_x) << items[0];
+        EXPECT_EQ(doubles_of(TensorPtr(set_select_ndim_value_grad(grad.get(), selected->Shape(), items)).get()),
+                  to_value)
+            << items[0];
+        EXPECT_EQ(doubles_of(TensorPtr(set_select_ndim_value_grad(grad.get(), {1, 1}, items)).get()),
+                  (std::vector<double>{std::accumulate(to_value.begin(), to_value.end(), 0.0)}))
+            << items[0];
+    }
+    // A value that kept an axis of a plain integer.
+    EXPECT_EQ(doubles_of(TensorPtr(set_select_ndim_value_grad(grad.get(), {2, 1}, {"0:2", "3"})).get()),
+              (std::vector<double>{4, 8}));
+}
+
 TEST(AdvancedIndex, RefusedBeforeAnythingIsWritten) {
     const TensorPtr x(Tensor::ones({2, 3}, 0, dtype::float32));
     const TensorPtr outside = index_of({2}, {0, 2});

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "../../export.h"
@@ -91,6 +92,15 @@ ORNIK_API Tensor* set_index_advanced_grad(const Tensor* grad, const SliceItems& 
 /// broadcast; without accumulate, 0 for an element that another one replaced.
 ORNIK_API Tensor* set_index_advanced_value_grad(const Tensor* grad, const Dims& value_shape, const SliceItems& items,
                                                 bool accumulate = false);
+
+// ---- Selections by text: gradients of Tensor::set_select_ndim ----
+
+/// For the tensor that was written: grad, but 0 at the selected positions. Any dtype, here and below.
+ORNIK_API Tensor* set_select_ndim_grad(const Tensor* grad, const std::vector<std::string>& items);
+/// For a value of `value_shape`: grad at the selected positions, summed where the value was broadcast; 0 for an
+/// element that another one replaced.
+ORNIK_API Tensor* set_select_ndim_value_grad(const Tensor* grad, const Dims& value_shape,
+                                             const std::vector<std::string>& items);
 
 // ---- Masks ----
 

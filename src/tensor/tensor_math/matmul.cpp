@@ -137,13 +137,19 @@ class Product {
         plan.transpose_a = a_.reads_columns();
         plan.transpose_b = b_.reads_columns();
         plan.accumulate = accumulate;
-        const std::vector<std::int64_t> starts_a = a_.starts();
-        const std::vector<std::int64_t> starts_b = b_.starts();
-        const std::vector<std::int64_t> starts_c = c_.starts();
-        plan.batch = static_cast<std::int64_t>(starts_c.size());
-        plan.place_a = {a_.stored_step(), starts_a.data()};
-        plan.place_b = {b_.stored_step(), starts_b.data()};
-        plan.place_c = {c_.rows.size <= 1 ? std::max<std::int64_t>(c_.cols.size, 1) : c_.rows.step, starts_c.data()};
+        plan.batch = 1;
+        plan.place_a.row_step = a_.stored_step();
+        plan.place_b.row_step = b_.stored_step();
+        plan.place_c.row_step = c_.rows.size <= 1 ? std::max<std::int64_t>(c_.cols.size, 1) : c_.rows.step;
+        std::vector<std::int64_t> starts[3];
+        if (!c_.batch.empty()) {
+            const Matrices* operands[] = {&a_, &b_, &c_};
+            std::transform(operands, operands + 3, starts, [](const Matrices* m) { return m->starts(); });
+            plan.batch = static_cast<std::int64_t>(starts[2].size());
+            plan.place_a.starts = starts[0].data();
+            plan.place_b.starts = starts[1].data();
+            plan.place_c.starts = starts[2].data();
+        }
         device::cpu::product(c_.tensor->Dtype(), plan, a_.tensor->getRawData(), b_.tensor->getRawData(), out);
     }
 
