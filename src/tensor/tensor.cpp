@@ -50,9 +50,8 @@ void Tensor::construct(const Dims& shape, std::int32_t packed, const void* data,
     ndarray_handles_ = ndarray_handle;
     device_ = device;
     gpu_index_ = device - device_first_gpu;
-    updateShape(shape);  // Brings the row-major strides along.
+    take_axes(Dims(shape), shape2stride(shape));
     size_ = numel;
-    if_scalar_ = shape.empty();
     meta_ = std::make_shared<tensorT::Tensor_Meta>(shape_, strides_, dtype_, device_, layout::dense, 0, true);
     if (data != nullptr) {
         std::memcpy(meta_->getRawData(), data, static_cast<std::size_t>(size_ * itemsize()));

@@ -30,6 +30,19 @@ Dims just_if_broadcastable(const Dims& input, const Dims& reference) {
     return padded;
 }
 
+namespace {
+
+// Null, or a view of all elements of the shape for a tensor that counts others (setSize, copy_tensor).
+std::unique_ptr<Tensor> counted_by_shape(const Where& at, const Tensor* t) {
+    if (t->Size() == checked_numel(at, t->Shape())) {
+        return nullptr;
+    }
+    return std::unique_ptr<Tensor>(
+        share_storage_tensor(t->getStorage(), t->Shape(), t->Strides(), t->Dtype(), t->StorageOffset()));
+}
+
+}  // namespace
+
 Tensor* Tensor::astype(std::int64_t dtype) const {
     if (dtype == dtype_) {
         return clone();
@@ -37,11 +50,13 @@ Tensor* Tensor::astype(std::int64_t dtype) const {
     if (!isCPU()) {
         return nullptr;
     }
+    const Where at = where("ornik::Tensor::astype");
     if (!is_valid_dtype(dtype)) {
-        fail(where("ornik::Tensor::astype"), "Not valid data type.");
+        fail(at, "Not valid data type.");
     }
+    const std::unique_ptr<Tensor> counted = counted_by_shape(at, this);
     std::unique_ptr<Tensor> result(empty(shape_, device_, dtype));
-    device::cpu::copy(this, result.get());
+    device::cpu::copy(counted ? counted.get() : this, result.get());
     return result.release();
 }
 
@@ -60,11 +75,11 @@ void Tensor::CopyToTargetWithDtype(Tensor* target, std::int64_t dtype, bool copy
     if (target->dtype_ != dtype) {
         fail(at, "Not same data type");
     }
-    if (target->size_ != size_) {
-        fail(at, "Tensors with different size : A", shape_, "B:", target->shape_);
-    }
     if (dtype == dtype_ && copy_flag) {
         copy_tensor(this, target);
+    }
+    if (target->size_ != size_) {
+        fail(at, "Tensors with different size : A", shape_, "B:", target->shape_);
     }
     if (isCPU()) {
         device::cpu::copy(this, target);
@@ -74,8 +89,9 @@ void Tensor::CopyToTargetWithDtype(Tensor* target, std::int64_t dtype, bool copy
 Tensor* Tensor::contiguous() { return is_contiguous() ? this : clone(); }
 
 Tensor* Tensor::clone() const {
+    const std::unique_ptr<Tensor> counted = counted_by_shape(where("ornik::Tensor::clone"), this);
     std::unique_ptr<Tensor> result(empty(shape_, device_, dtype_));
-    copy_tensor(this, result.get());
+    copy_tensor(counted ? counted.get() : this, result.get());
     return result.release();
 }
 
@@ -99,10 +115,7 @@ void copy_tensor(const Tensor* A, Tensor* B) {
         case Overlap::none:
             break;
     }
-    if (B->Shape().empty()) {
-        B->setSize(A->Size());
-    }
-    if (A->Size() != B->Size()) {
+    if (!B->Shape().empty() && A->Size() != B->Size()) {
         fail(at, "Tensors with different size : A", A->Shape(), "B:", B->Shape());
     }
     if (A->is_csr() && B->is_dense()) {
@@ -115,7 +128,16 @@ void copy_tensor(const Tensor* A, Tensor* B) {
         std::printf("(%d %d)\n", static_cast<int>(A->Device()), static_cast<int>(B->Device()));
         fail(at, "unsupported copy between devices");
     }
-    device::cpu::copy(A, B);
+    if (!B->Shape().empty() || A->Size() == B->Size()) {
+        device::cpu::copy(A, B);
+        return;
+    }
+    // B counts A's elements from now on, all in its one place; not before the copy is done.
+    Tensor repeated;
+    repeated.init_none_tensor_with_shared_storage({A->Size()}, {0}, B->Dtype(), B->Device(), B->getStorage(),
+                                                  B->Layout(), B->StorageOffset());
+    device::cpu::copy(A, &repeated);
+    B->setSize(A->Size());
 }
 
 void tensorT::Tensor_Meta::convert_dtype_and_copy_data(const void* src, std::int64_t src_dtype) {
@@ -128,10 +150,10 @@ void tensorT::Tensor_Meta::convert_dtype_and_copy_data(const void* src, std::int
     }
     Tensor source;
     source.initialize_none_tensor(shape_, src_dtype, device_, layout::dense);
-    std::memcpy(source.getRawData(), src, static_cast<std::size_t>(size_ * dtype_item_size(src_dtype)));
     Tensor target;
     target.init_none_tensor_with_shared_storage(shape_, stride_, dtype_, device_, storage_, layout::dense,
                                                 storage_offset_);
+    std::memcpy(source.getRawData(), src, static_cast<std::size_t>(source.Size() * source.itemsize()));
     device::cpu::copy(&source, &target);
 }
 

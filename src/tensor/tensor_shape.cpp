@@ -2,6 +2,7 @@
 #include "tensor/tensor_shape.h"
 
 #include <algorithm>
+#include <cassert>
 #include <memory>
 #include <numeric>
 
@@ -69,12 +70,14 @@ std::unique_ptr<Tensor> view_or_null(const Tensor* t, const Dims& shape) {
     return strides.empty() ? nullptr : share(t, shape, strides);
 }
 
-// New contiguous elements for a tensor that goes to `shape`; see reshape_ for fewer than two elements.
-std::unique_ptr<Tensor> elements_for(const Tensor* t, const Dims& shape, std::int64_t numel) {
-    if (numel == t->Size()) {
+// New contiguous elements for a tensor that goes to `shape`; see reshape_ for fewer than two elements. What is there
+// to copy is counted by t's shape.
+std::unique_ptr<Tensor> elements_for(const Where& at, const Tensor* t, const Dims& shape, std::int64_t numel) {
+    const std::int64_t present = checked_numel(at, t->Shape());
+    if (numel == present) {
         return std::unique_ptr<Tensor>(t->clone());
     }
-    if (t->Size() == 0) {
+    if (present == 0) {
         return std::unique_ptr<Tensor>(Tensor::zeros(shape, t->Device(), t->Dtype()));
     }
     std::unique_ptr<Tensor> result(Tensor::empty(shape, t->Device(), t->Dtype()));
@@ -121,28 +124,30 @@ Tensor* Tensor::reshape(const Dims& shape) const {
 
 // Takes over a contiguous storage that holds the elements of `shape`.
 void Tensor::adopt(const std::shared_ptr<tensorT::Tensor_storage>& storage, const Dims& shape) {
+    const std::int64_t numel = checked_numel(where("ornik::Tensor::adopt"), shape);
+    assert(numel <= storage->byte_size() / itemsize());
+    set_geometry(shape, shape2stride(shape), numel);
     meta_->setStorage(storage);
     meta_->SetOffset(0);
-    set_geometry(shape, shape2stride(shape));
-    updateSize();
 }
 
 void Tensor::reshape_(const Dims& shape) {
+    const Where at = where("ornik::Tensor::reshape_");
     check_new_shape(shape);
     const Dims strides = view_strides(shape_, strides_, size_, shape);
-    const std::int64_t numel = checked_numel(where("ornik::Tensor::reshape_"), shape);
+    const std::int64_t numel = checked_numel(at, shape);
     if (!strides.empty() && (numel == size_ || shape_.empty())) {
-        set_geometry(shape, strides);
-        setSize(numel);
+        check_inside(at, shape, strides, StorageOffset(), dtype_, getStorage().get());
+        set_geometry(shape, strides, numel);
         return;
     }
-    adopt(elements_for(this, shape, numel)->getStorage(), shape);
+    adopt(elements_for(at, this, shape, numel)->getStorage(), shape);
 }
 
 Tensor* Tensor::reshape_copy(const Dims& shape) const {
+    const Where at = where("ornik::Tensor::reshape_copy");
     check_new_shape(shape);
-    std::unique_ptr<Tensor> result =
-        elements_for(this, shape, checked_numel(where("ornik::Tensor::reshape_copy"), shape));
+    std::unique_ptr<Tensor> result = elements_for(at, this, shape, checked_numel(at, shape));
     result->adopt(result->getStorage(), shape);
     return result.release();
 }
@@ -344,7 +349,7 @@ Tensor* Tensor::flip(const std::vector<int>& dims) const {
     Dims strides = strides_;
     std::int64_t start = 0;
     for (std::size_t i = 0; i < strides.size(); ++i) {
-        if (reversed[i]) {
+        if (reversed[i] && shape_[i] > 1) {
             start += (shape_[i] - 1) * strides[i];
             strides[i] = -strides[i];
         }
@@ -358,6 +363,7 @@ Tensor* Tensor::diagonal(std::int64_t offset, int dim1, int dim2) const {
     if (ndim_ < 1) {
         fail(at, "input should be at least 1d\n");
     }
+    check_extents(at, shape_);
     const auto first = static_cast<std::size_t>(maybe_wrap_dim(dim1, ndim_));
     const auto second = static_cast<std::size_t>(maybe_wrap_dim(dim2, ndim_));
     if (first == second) {

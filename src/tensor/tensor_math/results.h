@@ -42,6 +42,7 @@ inline void check_cpu(const Tensor* t) {
     if (!t->isCPU()) {
         refuse_gpu();
     }
+    check_extents(where("ornik::check_cpu"), t->Shape());
 }
 
 inline void check_dtype(const Where& at, bool served) {
