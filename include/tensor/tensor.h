@@ -102,7 +102,7 @@ class ORNIK_API Tensor {
     bool isFloat() const { return is_dtype_class(dtype_, DtypeClass::floating); }
     bool isFloatingType() const { return isFloat(); }
     bool isComplexType() const { return is_dtype_class(dtype_, DtypeClass::complex); }
-    static bool sameDtype(const Tensor* a, const Tensor* b) { return a->dtype_ == b->dtype_; }
+    static bool sameDtype(const Tensor* a, const Tensor* b);
 
     bool isCPU() const { return device_ == 0; }
     bool isGPU() const { return getDeviceID(device_) == 1; }
@@ -380,7 +380,7 @@ class ORNIK_API Tensor {
     // ---- Arithmetic (tensor_math/tensor_arithmetic.cpp, tensor_scalar_arithmetic.cpp) ----
     // Both operands have the same shape: broadcast first. Result dtypes follow the promotion tables of
     // tensor_math/promotion.h: sum, difference and product promote to the wider kind, a quotient is
-    // always floating or complex, and a scalar never widens a tensor of its own kind. Integers wrap.
+    // always floating or complex, an integer scalar never widens an integer tensor. Integers wrap.
 
     Tensor* add_tensor(Tensor* other);
     Tensor* sub_tensor(Tensor* other);
@@ -568,8 +568,8 @@ class ORNIK_API Tensor {
     Tensor* bitwise_not();
     void bitwise_not_inplace();
 
-    // Two tensors of one shape, or a tensor and a scalar. Dtypes promote as in arithmetic; in place, this
-    // tensor keeps its dtype.
+    // Two tensors of one shape, or a tensor and a scalar. Dtypes promote as in arithmetic, but a scalar never
+    // widens a tensor of its kind (a double a float32 tensor); in place, this tensor keeps its dtype.
 
     /// Integers: a negative exponent gives the whole part of the result; 0 to it gives 0.
     Tensor* pow(Tensor* other);
