@@ -56,7 +56,9 @@ void Layer::keep_for_backward(std::vector<std::unique_ptr<Tensor>> tensors) {
 
 void Layer::clone_from(const Layer& other) {
     std::vector<std::unique_ptr<Tensor>> clones;
-    const auto add_clone = [&](const Tensor* t) { clones.emplace_back(t == nullptr ? nullptr : t->clone()); };
+    const auto add_clone = [&](const Tensor* t) {
+        clones.push_back(std::unique_ptr<Tensor>(t == nullptr ? nullptr : t->clone()));
+    };
     if (!other.external_ownership_) {
         for (const Tensor* result : other.results_) {
             add_clone(result);

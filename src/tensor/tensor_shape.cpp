@@ -472,7 +472,7 @@ Tensor* stack(const std::vector<Tensor*>& tensors, unsigned axis) {
     std::vector<std::unique_ptr<Tensor>> views;
     std::vector<Tensor*> widened;
     for (const Tensor* t : tensors) {
-        views.emplace_back(t->unsqueeze(position));
+        views.push_back(std::unique_ptr<Tensor>(t->unsqueeze(position)));
         widened.push_back(views.back().get());
     }
     check_joinable(at, widened, position);

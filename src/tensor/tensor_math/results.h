@@ -1,7 +1,9 @@
 // results.h: new results and checks that reductions, sorting and indexing share.
 #pragma once
 
+#include <concepts>
 #include <memory>
+#include <vector>
 
 #include "hardware/cpu/copy/cpu_core.h"
 #include "tensor/geometry.h"
@@ -17,6 +19,14 @@ inline TensorResult new_result(const Dims& shape, std::int64_t dtype) {
     TensorResult result = std::make_unique<Tensor>();
     result->initialize_none_tensor(shape, dtype, device_cpu, layout::dense);
     return result;
+}
+
+/// The results as their caller owns them. The list is made first: it may fail.
+std::vector<Tensor*> released(std::same_as<TensorResult> auto&... results) {
+    std::vector<Tensor*> list;
+    list.reserve(sizeof...(results));
+    (list.push_back(results.release()), ...);
+    return list;
 }
 
 template <typename T>
