@@ -12,6 +12,10 @@ set(ORNIK_PUBLIC_HEADERS
     export.h
     hardware/memory_config.h
     hardware/thread_config.h
+    io/named_tensors.h
+    io/npy.h
+    io/npz.h
+    io/safetensors.h
     layers/conv/layer_conv.h
     layers/conv/layer_conv1D.h
     layers/conv/layer_conv2D.h
