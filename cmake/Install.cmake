@@ -4,6 +4,7 @@ include(CMakePackageConfigHelpers)
 # What a program may include. Everything else under include/ is internal.
 set(ORNIK_PUBLIC_HEADERS
     apis/ornik.h
+    descriptors/packing.h
     descriptors/selection.h
     descriptors/tensor_descriptor.h
     descriptors/convol_fields.h
@@ -56,7 +57,8 @@ set(ORNIK_PUBLIC_HEADERS
     utils/logging.h
     utils/selection.h
     utils/shape_rules.h
-    utils/utils.h)
+    utils/utils.h
+    version.h)
 
 foreach(header IN LISTS ORNIK_PUBLIC_HEADERS)
   cmake_path(GET header PARENT_PATH folder)

@@ -9,7 +9,7 @@
 # All files that include the matrix library belong to the first group: its inline functions are one symbol for
 # the whole library, and the linker keeps the code of whichever file it meets first.
 set(product_sources ${ornik_sources})
-list(FILTER product_sources INCLUDE REGEX "/cpu_(product_[a-z]+|eigh)\\.cpp$")
+list(FILTER product_sources INCLUDE REGEX "/cpu_(product_[a-z]+|eigh_solver)\\.cpp$")
 # Row kernels, and the rows of exponentials in softmax and losses, say fused() where one rounding is meant. Without
 # the flags that errno and traps would need, and with branches left to be turned into selections, their loops
 # become vector code. No complex arithmetic here.
@@ -38,6 +38,6 @@ endif()
 # Checks of every pointer in every inlined expression of the decompositions cost minutes and gigabytes of compilation;
 # the other checks of undefined behaviour, and AddressSanitizer, stay on.
 if(ORNIK_SANITIZE STREQUAL "address")
-  set_property(SOURCE ${PROJECT_SOURCE_DIR}/src/hardware/cpu/cpu_eigh.cpp
+  set_property(SOURCE ${PROJECT_SOURCE_DIR}/src/hardware/cpu/linear_algebra/cpu_eigh_solver.cpp
                APPEND PROPERTY COMPILE_OPTIONS -fno-sanitize=null,alignment,object-size,pointer-overflow,vptr)
 endif()

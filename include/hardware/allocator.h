@@ -33,9 +33,9 @@ class AllocatorConfig {
     std::mutex init_mutex_;
 };
 
-/// A buffer of count x item size bytes. Fails for GPU devices, while the dynamic-memory flag is off, for a
-/// size beyond 63 bits, and when memory runs out.
-void* AllocTensorBuffer(std::int64_t device, std::int64_t count, std::int64_t dtype);
+/// A buffer of count x item_size bytes; an item size of 0 is that of no dtype. Fails for GPU devices, while the
+/// dynamic-memory flag is off, for a size beyond 63 bits, and when memory runs out.
+void* AllocTensorBuffer(std::int64_t device, std::int64_t count, std::int64_t item_size);
 
 /// Gives a buffer back to the pool it came from, whatever the flag is by now. Null pointers and GPU devices
 /// are skipped; an address that the pool does not know is left alone.

@@ -25,7 +25,9 @@ class ORNIK_API Tensor_storage {
     void setDevice(std::int64_t device) { device_ = device; }
     void setSize(std::int64_t size) { size_ = size; }
     void setDtype(std::int64_t dtype) { dtype_ = dtype; }
-    /// Replaces the pointer without releasing the old buffer.
+    /// Replaces the pointer. The old buffer is not released: it is the caller's from now on. The new one becomes the
+    /// storage's and goes back to the device's pool with the last share, so it must be a buffer of that pool, or
+    /// be taken out again before.
     void setRawData(void* data) { raw_data_ = data; }
 
     /// Address of element `offset`, counted in items of the storage's own dtype.

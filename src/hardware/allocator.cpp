@@ -4,7 +4,6 @@
 #include <limits>
 
 #include "hardware/device_context.h"
-#include "tensor/dtype.h"
 #include "utils/error.h"
 #include "utils/logging.h"
 #include "utils/utils.h"
@@ -46,7 +45,7 @@ bool AllocatorConfig::Init_allocator(std::int64_t /*device*/) {
     return true;
 }
 
-void* AllocTensorBuffer(std::int64_t device, std::int64_t count, std::int64_t dtype) {
+void* AllocTensorBuffer(std::int64_t device, std::int64_t count, std::int64_t item_size) {
     const Where at = where("ornik::device::AllocTensorBuffer");
     if (is_gpu_device(device)) {
         fail(at, "GPU not compile yet.");
@@ -55,8 +54,7 @@ void* AllocTensorBuffer(std::int64_t device, std::int64_t count, std::int64_t dt
     if (!config.IfUseDynamicCPUMem()) {
         fail(at, " SetUseDynamicCPUMem(True) is need.");
     }
-    const std::int64_t item_size = dtype_item_size(dtype);
-    if (item_size == 0) {
+    if (item_size < 1) {
         fail(at, "Not valid data type.");
     }
     if (count < 0 || count > std::numeric_limits<std::int64_t>::max() / item_size) {

@@ -23,10 +23,10 @@ ORNIK_API void div(Tensor* a, Tensor* b, Tensor* out, int accumulate);
 
 /// Gradient of a product for one factor: grad times the conjugate of the other factor. Dtype as
 /// mult_tensor's.
-ORNIK_API Tensor* mult_grad_impl(Tensor* grad, Tensor* other);
+[[nodiscard]] ORNIK_API Tensor* mult_grad_impl(Tensor* grad, Tensor* other);
 /// Gradient of x / y for x: grad / conj(y). Dtype as div_tensor's.
-ORNIK_API Tensor* div_dx_grad_impl(Tensor* grad, Tensor* x, Tensor* y);
+[[nodiscard]] ORNIK_API Tensor* div_dx_grad_impl(Tensor* grad, Tensor* x, Tensor* y);
 /// Gradient of x / y for y: -grad conj(x / y) / conj(y). Dtype as div_tensor's.
-ORNIK_API Tensor* div_dy_grad_impl(Tensor* grad, Tensor* x, Tensor* y);
+[[nodiscard]] ORNIK_API Tensor* div_dy_grad_impl(Tensor* grad, Tensor* x, Tensor* y);
 
 }  // namespace ornik
