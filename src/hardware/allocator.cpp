@@ -48,14 +48,14 @@ bool AllocatorConfig::Init_allocator(std::int64_t /*device*/) {
 void* AllocTensorBuffer(std::int64_t device, std::int64_t count, std::int64_t item_size) {
     const Where at = where("ornik::device::AllocTensorBuffer");
     if (is_gpu_device(device)) {
-        fail(at, "GPU not compile yet.");
+        fail(ErrorKind::device, at, "GPU not compile yet.");
     }
     AllocatorConfig& config = AllocatorConfig::Get();
     if (!config.IfUseDynamicCPUMem()) {
-        fail(at, " SetUseDynamicCPUMem(True) is need.");
+        fail(ErrorKind::state, at, " SetUseDynamicCPUMem(True) is need.");
     }
     if (item_size < 1) {
-        fail(at, "Not valid data type.");
+        fail(ErrorKind::dtype, at, "Not valid data type.");
     }
     if (count < 0 || count > std::numeric_limits<std::int64_t>::max() / item_size) {
         fail(at, "Too many elements for a buffer: ", count, ".");
