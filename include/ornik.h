@@ -49,6 +49,7 @@
 #include "tensor/tensor.h"
 #include "tensor/tensor_math/indexing.h"
 #include "tensor/tensor_math/linear_algebra.h"
+#include "tensor/tensor_math/promotion.h"
 #include "tensor/tensor_math/reductions.h"
 #include "tensor/tensor_math/sorting.h"
 #include "tensor/tensor_math/tensor_arithmetic.h"
