@@ -5,8 +5,16 @@
 //
 // Every operation that makes a tensor returns a new heap object that the caller deletes; views share the
 // storage of the tensor they were made from. Refused arguments raise ornik::Error before anything
-// is allocated or written. The members stand in blocks by family; each block says which file of
-// src/tensor/ defines it.
+// is allocated or written. The members stand in blocks by family; each block ("// ----") says which file of
+// src/tensor/ defines it:
+//
+//   what a tensor is     construction, queries, state, updates, initialisers
+//   where it comes from  creation, sequences and matrices, fills, random numbers
+//   the same elements    conversion and copying, devices, broadcasting, views, reshaping, selection, printing
+//   what is computed     arithmetic, element-wise mathematics, comparisons and logic, matrix products
+//
+// Reductions, sorting, indexing and linear algebra are free functions (tensor_math/), as are joins and attention's
+// reshapes (tensor_shape.h), sparse matrices (tensor_sparse.h) and what networks need (nn/).
 #pragma once
 
 #include <complex>

@@ -45,5 +45,12 @@ namespace ornik {
 [[nodiscard]] ORNIK_API Tensor* sparse_dot_grad_sparse(Tensor* grad, Tensor* sparse, Tensor* dense);
 /// Gradient of sparse_dot for the dense factor: sparse^H grad, [k, n].
 [[nodiscard]] ORNIK_API Tensor* sparse_dot_grad_dense(Tensor* grad, Tensor* sparse);
+/// The same under the names of all operations with two operands.
+[[nodiscard]] inline Tensor* sparse_dot_dx_grad(Tensor* sparse, Tensor* dense, Tensor* grad) {
+    return sparse_dot_grad_sparse(grad, sparse, dense);
+}
+[[nodiscard]] inline Tensor* sparse_dot_dy_grad(Tensor* sparse, Tensor* /*dense*/, Tensor* grad) {
+    return sparse_dot_grad_dense(grad, sparse);
+}
 
 }  // namespace ornik

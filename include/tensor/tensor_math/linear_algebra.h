@@ -22,6 +22,9 @@ namespace ornik {
 /// Gradient of kron(a, b) for b: [p, q], the sum over (i, j) of grad(i p + k, j q + l) conj(a(i, j)). In b's
 /// layout.
 [[nodiscard]] ORNIK_API Tensor* kron_grad_t2(Tensor* grad, Tensor* a, Tensor* b);
+/// The same under the names of all operations with two operands.
+[[nodiscard]] inline Tensor* kron_dx_grad(Tensor* a, Tensor* b, Tensor* grad) { return kron_grad_t1(grad, a, b); }
+[[nodiscard]] inline Tensor* kron_dy_grad(Tensor* a, Tensor* b, Tensor* grad) { return kron_grad_t2(grad, a, b); }
 
 // Decompositions take one matrix [n, n] or a batch [b, n, n] of float32, float64, complex64 or complex128, and
 // read the lower triangle of each matrix and the real part of its diagonal: x stands for the symmetric or

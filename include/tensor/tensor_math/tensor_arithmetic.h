@@ -29,4 +29,11 @@ ORNIK_API void div(Tensor* a, Tensor* b, Tensor* out, int accumulate);
 /// Gradient of x / y for y: -grad conj(x / y) / conj(y). Dtype as div_tensor's.
 [[nodiscard]] ORNIK_API Tensor* div_dy_grad_impl(Tensor* grad, Tensor* x, Tensor* y);
 
+// The same under the names of all operations with two operands: name_dx_grad(a, b, grad) for the first one.
+
+[[nodiscard]] inline Tensor* mult_dx_grad(Tensor* /*a*/, Tensor* b, Tensor* grad) { return mult_grad_impl(grad, b); }
+[[nodiscard]] inline Tensor* mult_dy_grad(Tensor* a, Tensor* /*b*/, Tensor* grad) { return mult_grad_impl(grad, a); }
+[[nodiscard]] inline Tensor* div_dx_grad(Tensor* a, Tensor* b, Tensor* grad) { return div_dx_grad_impl(grad, a, b); }
+[[nodiscard]] inline Tensor* div_dy_grad(Tensor* a, Tensor* b, Tensor* grad) { return div_dy_grad_impl(grad, a, b); }
+
 }  // namespace ornik
