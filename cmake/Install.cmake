@@ -13,6 +13,10 @@ set(ORNIK_PUBLIC_HEADERS
     export.h
     hardware/memory_config.h
     hardware/thread_config.h
+    io/named_tensors.h
+    io/npy.h
+    io/npz.h
+    io/safetensors.h
     layers/conv/layer_conv.h
     layers/conv/layer_conv1D.h
     layers/conv/layer_conv2D.h
@@ -89,6 +93,9 @@ endforeach()
 if(NOT ORNIK_SHARED)
   set(pc_flags " -DORNIK_STATIC")
   set(pc_libs " ${OpenMP_CXX_FLAGS}")
+  if(ornik_zlib)
+    string(APPEND pc_libs " -lz")
+  endif()
 endif()
 configure_file(${PROJECT_SOURCE_DIR}/cmake/ornik.pc.in ${PROJECT_BINARY_DIR}/ornik.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/ornik.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
