@@ -27,6 +27,16 @@ void detail::refuse_axis(const Where& at, int rank) {
     fail(at, "axis should in range of [", -rank, ",", rank - 1, "]");
 }
 
+Dims shape2stride(const Dims& shape) {
+    Dims strides(shape.size());
+    std::uint64_t step = 1;  // Unsigned: an absurd shape wraps here and is refused by its element count.
+    for (std::size_t i = shape.size(); i-- > 0;) {
+        strides[i] = static_cast<std::int64_t>(step);
+        step *= static_cast<std::uint64_t>(shape[i]);
+    }
+    return strides;
+}
+
 Dims infer_final_reshape(const Dims& shape, const Dims& input_shape, std::int64_t numel) {
     const Where at = where("ornik::infer_final_reshape");
     constexpr std::int64_t max = std::numeric_limits<std::int64_t>::max();
