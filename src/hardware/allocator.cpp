@@ -3,7 +3,6 @@
 #include <limits>
 
 #include "hardware/fork.h"
-#include "tensor/dtype.h"
 #include "utils/error.h"
 #include "utils/logging.h"
 #include "utils/utils.h"
@@ -68,7 +67,7 @@ bool AllocatorConfig::Init_allocator(std::int64_t /*device*/) {
     return true;
 }
 
-DynamicMemBuf* AllocTensorBuffer(std::int64_t device, std::int64_t count, std::int64_t dtype) {
+DynamicMemBuf* AllocTensorBuffer(std::int64_t device, std::int64_t count, std::int64_t item_size) {
     const Where at = where("ornik::device::AllocTensorBuffer");
     if (is_gpu_device(device)) {
         fail(ErrorKind::device, at, "GPU not compile yet.");
@@ -77,8 +76,7 @@ DynamicMemBuf* AllocTensorBuffer(std::int64_t device, std::int64_t count, std::i
     if (!config.IfUseDynamicCPUMem()) {
         fail(ErrorKind::state, at, " SetUseDynamicCPUMem(True) is need.");
     }
-    const std::int64_t item_size = dtype_item_size(dtype);
-    if (item_size == 0) {
+    if (item_size < 1) {
         fail(ErrorKind::dtype, at, "Not valid data type.");
     }
     if (count < 0 || count > std::numeric_limits<std::int64_t>::max() / item_size) {

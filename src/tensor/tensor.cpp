@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "hardware/parallel.h"
+#include "tensor/checks.h"
 #include "tensor/geometry.h"
 #include "utils/object_cache.h"
 #include "utils/utils.h"
@@ -26,6 +27,7 @@ Tensor::Tensor(const Dims& shape, const void* data, std::int32_t packed, void* n
 }
 
 Tensor::Tensor(const Dims& shape, const Tensor* other) {
+    check_given(where("ornik::Tensor::Tensor"), other);
     construct(shape, static_cast<std::int32_t>(other->device_), nullptr, nullptr);
 }
 
@@ -134,6 +136,11 @@ void Tensor::give_meta_axes() const {
 }
 
 bool Tensor::is_contiguous() const { return is_dense() && is_row_major(shape_, strides_, size_); }
+
+bool Tensor::sameDtype(const Tensor* a, const Tensor* b) {
+    check_given(where("ornik::Tensor::sameDtype"), a, b);
+    return a->dtype_ == b->dtype_;
+}
 
 std::int64_t Tensor::getDeviceID(std::int64_t code) {
     if (code < 0) {
