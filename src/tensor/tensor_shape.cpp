@@ -148,7 +148,7 @@ void Tensor::reshape_(const Dims& shape) {
     const Dims strides = view_strides(shape_, strides_, size_, shape);
     const std::int64_t numel = checked_numel(at, shape);
     if (!strides.empty() && (numel == size_ || shape_.empty())) {
-        check_inside(at, shape, strides, StorageOffset(), dtype_, getStorage().get());
+        check_inside(at, shape, strides, StorageOffset(), dtype_, borrow_storage());
         set_geometry(shape, strides, numel);
         return;
     }

@@ -120,8 +120,8 @@ Dims Tensor::strides_for(const Where& at, const Dims& shape) const {
     if (strides_.size() == shape.size()) {
         choices.insert(is_contiguous() ? choices.end() : choices.begin(), strides_);
     }
-    const std::shared_ptr<tensorT::Tensor_storage> storage = getStorage();
-    if (storage) {
+    const tensorT::Tensor_storage* const storage = borrow_storage();
+    if (storage != nullptr) {
         if (checked_numel(at, shape) == size_) {
             choices.push_back(view_strides(shape_, strides_, size_, shape));
         }
@@ -131,7 +131,7 @@ Dims Tensor::strides_for(const Where& at, const Dims& shape) const {
             }
         }
     }
-    check_inside(at, shape, choices.front(), StorageOffset(), dtype_, storage.get());
+    check_inside(at, shape, choices.front(), StorageOffset(), dtype_, storage);
     return choices.front();
 }
 
@@ -144,7 +144,7 @@ void Tensor::updateShape(const Dims& shape) {
 void Tensor::updateStrides() { updateStrides(shape2stride(shape_)); }
 
 void Tensor::updateStrides(const Dims& strides) {
-    check_inside(where("ornik::Tensor::updateStrides"), shape_, strides, StorageOffset(), dtype_, getStorage().get());
+    check_inside(where("ornik::Tensor::updateStrides"), shape_, strides, StorageOffset(), dtype_, borrow_storage());
     set_geometry(shape_, strides, size_);
 }
 
@@ -161,7 +161,7 @@ void Tensor::setSize(std::int64_t size) {
 void Tensor::updateDtype(std::int64_t dtype) {
     const Where at = where("ornik::Tensor::updateDtype");
     check_dtype_code(at, dtype);
-    check_inside(at, shape_, strides_, StorageOffset(), dtype, getStorage().get());
+    check_inside(at, shape_, strides_, StorageOffset(), dtype, borrow_storage());
     dtype_ = dtype;
     if (meta_sync_ == 1 && meta_) {
         meta_->SetDtype(dtype_);
@@ -179,7 +179,7 @@ void Tensor::updateDevice(std::int64_t device) {
 }
 
 void Tensor::updateOffset(std::int64_t offset) {
-    check_inside(where("ornik::Tensor::updateOffset"), shape_, strides_, offset, dtype_, getStorage().get());
+    check_inside(where("ornik::Tensor::updateOffset"), shape_, strides_, offset, dtype_, borrow_storage());
     if (meta_) {
         meta_->SetOffset(offset);
     }
