@@ -12,6 +12,9 @@ Packing::Packing(const Dims& lengths) : lengths_(lengths), order_(lengths.size()
         if (length < 0 || length > std::numeric_limits<std::int64_t>::max() - entries_) {
             fail(at, "Sequences have lengths from 0, however they are ", lengths_);
         }
+        if (length > std::numeric_limits<std::int32_t>::max()) {
+            fail(at, "Sequences have fewer than 2^31 steps, however their lengths are ", lengths_);
+        }
         entries_ += length;
     }
     if (entries_ < 1) {

@@ -4,6 +4,7 @@
 
 #include "hardware/cpu/nn/cpu_embedding.h"
 #include "tensor/borrowed.h"
+#include "tensor/checks.h"
 #include "tensor/make_tensor.h"
 
 namespace ornik {
@@ -15,6 +16,7 @@ Borrowed checked_indices(const Where& at, const Tensor* weight, Tensor* input, c
     if (weight == nullptr || input == nullptr) {
         fail(at, "Embedding needs a weight and an input.");
     }
+    check_operands(at, weight, input);
     if (weight->Device() != input->Device()) {
         fail(at, "Not same device for inputs of embedding.");
     }

@@ -293,7 +293,8 @@ std::vector<Dims> parse_indicesv2(const std::vector<std::string>& items, const D
     for (std::size_t k = 0; k < shape.size(); ++k) {
         // A range of more positions than its axis has reaches below 0, and no operation takes it. One of
         // billions is not written out.
-        if (selection[k].list.empty() && selection[k].count > shape[k] + (1 << 20)) {
+        constexpr std::int64_t most = std::numeric_limits<std::int32_t>::max();
+        if (selection[k].list.empty() && selection[k].count > std::min(shape[k], most) + (1 << 20)) {
             fail(where("parse_indicesv2"), "unsuppoted select");
         }
     }
@@ -325,8 +326,19 @@ Dims kept_entries(const Dims& values, const std::vector<bool>& keep) {
     return result;
 }
 
+namespace {
+
+void check_one_per_axis(const Where& at, const std::vector<AxisSelection>& selection, const Dims& strides) {
+    if (selection.size() != strides.size()) {
+        fail(at, "A selection of ", selection.size(), " axes does not fit strides ", strides);
+    }
+}
+
+}  // namespace
+
 Dims get_new_strides_for_select(const std::vector<std::string>& items, const std::vector<AxisSelection>& selection,
                                 const Dims& strides) {
+    check_one_per_axis(where("get_new_strides_for_select"), selection, strides);
     Dims result;
     for (std::size_t k = 0; k < strides.size(); ++k) {
         if (k < items.size() && is_list_item(items[k])) {
@@ -338,6 +350,7 @@ Dims get_new_strides_for_select(const std::vector<std::string>& items, const std
 }
 
 std::int64_t get_indexing_storage_offset(const std::vector<AxisSelection>& selection, const Dims& strides) {
+    check_one_per_axis(where("get_indexing_storage_offset"), selection, strides);
     std::int64_t offset = 0;
     for (std::size_t k = 0; k < strides.size(); ++k) {
         if (selection[k].step <= 0) {

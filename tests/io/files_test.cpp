@@ -225,6 +225,7 @@ TEST(Files, BigEndianOfEveryDtype) {
     for_types(AllTypes{}, [&]<typename T>() {
         const TensorPtr t = make<T>({5}, counted<T>(5, -2));
         std::string file = as_text(npy_to_bytes(t.get()));
+        EXPECT_NE(file.find("'fortran_order': False, 'shape': (5,), }"), std::string::npos);
         std::size_t part = sizeof(T);
         if constexpr (requires(T z) { z.imag; }) {
             part /= 2;
@@ -261,6 +262,9 @@ TEST(Files, AreSharedAndNeverWrittenTo) {
         const TensorPtr first = load.run(nullptr);
         const TensorPtr second = load.run(nullptr);
         ASSERT_TRUE(first->getStorage()->is_foreign()) << load.name;
+#if defined(__linux__)
+        EXPECT_NE(read_file("/proc/self/maps").find(path.string()), std::string::npos) << load.name;
+#endif
         first->fill_(-1);
         EXPECT_EQ(values_of<double>(second), counted<double>(6)) << load.name;
         EXPECT_EQ(read_file(path), file) << load.name;
@@ -300,16 +304,20 @@ TEST(Files, AFailedSaveLeavesTheOldFile) {
     const auto path = folder / "old";
     const std::string quoted = "'" + path.string() + "'";
     const TensorPtr big = make<double>({5000}, counted<double>(5000));
-    const std::vector<std::pair<std::string, std::function<void(const Tensor*)>>> saves{
-        {"ornik::save_npy", [&](const Tensor* t) { save_npy(path, t); }},
-        {"ornik::save_npz",
-         [&](const Tensor* t) {
-             save_npz(path, {{"t", t}});
-         }},
-        {"ornik::save_safetensors", [&](const Tensor* t) {
-             save_safetensors(path, {{"t", t}});
-         }}};
-    for (const auto& [function, save] : saves) {
+    struct Save {
+        std::string function;
+        std::function<void(const Tensor*)> run;
+    };
+    const Save saves[] = {{"ornik::save_npy", [&](const Tensor* t) { save_npy(path, t); }},
+                          {"ornik::save_npz",
+                           [&](const Tensor* t) {
+                               save_npz(path, {{"t", t}});
+                           }},
+                          {"ornik::save_safetensors", [&](const Tensor* t) {
+                               save_safetensors(path, {{"t", t}});
+                           }}};
+    for (const Save& save : saves) {
+        const std::string& function = save.function;
         write_file(path, "as it was");
         fs::permissions(path, fs::perms::owner_read | fs::perms::owner_write | fs::perms::others_read);
         // A disk that is full after 20 000 bytes.
@@ -318,13 +326,13 @@ TEST(Files, AFailedSaveLeavesTheOldFile) {
         const auto old_handler = std::signal(SIGXFSZ, SIG_IGN);
         const rlimit small{20'000, before.rlim_max};
         setrlimit(RLIMIT_FSIZE, &small);
-        const std::string text = error_text([&] { save(big.get()); });
+        const std::string text = error_text([&] { save.run(big.get()); });
         setrlimit(RLIMIT_FSIZE, &before);
         std::signal(SIGXFSZ, old_handler);
         EXPECT_EQ(text, located("Can not write " + quoted + ": File too large.", function, "src/io/output.cpp"));
         EXPECT_EQ(read_file(path), "as it was") << function;
         const std::string entry = function == "ornik::save_npy" ? "" : ", entry 't'";
-        expect_error([&] { save(nullptr); }, "Can not write " + quoted + entry + ": there is no tensor.", function,
+        expect_error([&] { save.run(nullptr); }, "Can not write " + quoted + entry + ": there is no tensor.", function,
                      "src/io/elements.cpp");
         EXPECT_EQ(read_file(path), "as it was") << function;
         EXPECT_EQ(folder.entries(), 1U) << function;

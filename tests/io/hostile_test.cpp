@@ -270,6 +270,12 @@ TEST(HostileFiles, Npz) {
     add(patched(accent, accent.find("PK\1\2") + 9, std::string(1, '\0')),
         ", entry 'é.npy': the name is no UTF-8, or is not marked as such.");
 
+    // A record that would begin in the last one's name, and end behind the directory.
+    const std::string short_of = zip_of({{"a.npy", npy}, {"PK\1\2" + std::string(20, 'n'), npy}});
+    const std::size_t name_at = short_of.rfind("PK\1\2");
+    add(patched(short_of, short_of.find("PK\1\2", first) + 32, little_endian(46, 2)),
+        ": record 1 of the directory is broken, at " + text(name_at) + ".");
+
     // An entry inside another one's bytes.
     const std::string inner = zip_of({{"b.npy", npy}});
     const std::string outer = zip_of({{"a.npy", inner}, {"b.npy", npy}});

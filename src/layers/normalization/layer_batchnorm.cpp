@@ -38,6 +38,7 @@ void check_running(const Where& at, const NormArguments& arguments, Tensor* mean
         }
         if (written) {
             check_not_expanded(at, t);
+            check_writable(at, t);
         }
     }
     if (written && memory_overlap(mean, variance) != Overlap::none) {
