@@ -4,6 +4,7 @@
 
 #include "hardware/cpu/nn/cpu_embedding.h"
 #include "tensor/borrowed.h"
+#include "tensor/make_tensor.h"
 
 namespace ornik {
 
@@ -54,8 +55,7 @@ Tensor* LEmbedding::forward_dyn(Tensor* weight, Tensor* /*bias*/, Tensor* input)
     const Borrowed indices =
         checked_indices(where("ornik::LEmbedding::forward_dyn"), weight, input, {vocabulary_, width_});
     const Borrowed table = Borrowed::contiguous(weight);
-    std::unique_ptr<Tensor> output(
-        Tensor::empty(with_width(input->Shape(), width_), weight->Device(), weight->Dtype()));
+    std::unique_ptr<Tensor> output = make_output(with_width(input->Shape(), width_), weight);
     device::cpu::take_rows(table.get(), indices.get(), output.get());
     return output.release();
 }

@@ -1,6 +1,7 @@
 // tensor_utils.cpp: the strict axis rule, and the front ends of the eigen-decomposition.
 #include "hardware/cpu/linear_algebra/cpu_eigh.h"
 #include "tensor/borrowed.h"
+#include "tensor/checks.h"
 #include "tensor/make_tensor.h"
 #include "tensor/tensor_math/linear_algebra.h"
 #include "utils/utils.h"
@@ -28,6 +29,7 @@ Dims values_shape(const Tensor* x) { return {x->Shape().begin(), x->Shape().end(
 
 // Everything that can be refused without looking at elements.
 void check_matrices(const Where& at, const char* name, const Tensor* x) {
+    check_given(at, x);
     if (x->Dtype() < dtype::float32) {
         fail(at, "'", name, "' only supports float or complex.");
     }
@@ -156,6 +158,7 @@ Tensor* eigh_grad(Tensor* grad_vectors, Tensor* grad_values, Tensor* x) {
 Tensor* eigh_grad_from(Tensor* grad_vectors, Tensor* grad_values, Tensor* vectors, Tensor* values) {
     const Where at = where("ornik::eigh_grad_from");
     check_matrices(at, "eigh", vectors);
+    check_operands(at, vectors, values);
     check_gradients(at, grad_vectors, grad_values, vectors);
     if (values->Dtype() != real_dtype(vectors->Dtype())) {
         fail(ErrorKind::dtype, at, "Not same data type");

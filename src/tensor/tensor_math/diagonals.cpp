@@ -5,7 +5,7 @@ namespace ornik {
 
 Tensor* diagonal_grad(const Tensor* grad, const Dims& shape, std::int64_t offset, int dim1, int dim2) {
     const Where at = where("ornik::diagonal_grad");
-    check_cpu(grad);
+    check_cpu(at, grad);
     TensorResult result = filled_result(shape, grad->Dtype(), 0.0F);
     const TensorResult diagonal(result->diagonal(offset, dim1, dim2));
     check_gradient_shape(at, grad, diagonal->Shape());
@@ -15,7 +15,7 @@ Tensor* diagonal_grad(const Tensor* grad, const Dims& shape, std::int64_t offset
 
 Tensor* diag_embed(const Tensor* t, std::int64_t offset, int dim1, int dim2) {
     const Where at = where("ornik::diag_embed");
-    check_cpu(t);
+    check_cpu(at, t);
     if (t->Shape().empty()) {
         fail(at, "diag_embed() needs at least one axis");
     }
@@ -45,7 +45,7 @@ void check_diag(const Where& at, const Dims& shape) {
 }
 
 Tensor* triangle(const Where& at, const Tensor* t, std::int64_t k, bool lower) {
-    check_cpu(t);
+    check_cpu(at, t);
     if (t->Shape().size() < 2) {
         fail(at, "A triangle needs at least two axes, the shape is ", t->Shape());
     }
@@ -60,12 +60,15 @@ Tensor* triangle(const Where& at, const Tensor* t, std::int64_t k, bool lower) {
 }  // namespace
 
 Tensor* diag(const Tensor* t, std::int64_t offset) {
-    check_diag(where("ornik::diag"), t->Shape());
+    const Where at = where("ornik::diag");
+    check_operands(at, t);
+    check_diag(at, t->Shape());
     return t->Shape().size() == 1 ? diag_embed(t, offset, 0, 1) : t->diagonal(offset, 0, 1);
 }
 
 Tensor* diag_grad(const Tensor* grad, const Dims& shape, std::int64_t offset) {
     const Where at = where("ornik::diag_grad");
+    check_operands(at, grad);
     check_diag(at, shape);
     if (shape.size() == 2) {
         return diagonal_grad(grad, shape, offset, 0, 1);

@@ -16,7 +16,7 @@ class ItemSelection {
         const bool has_tensors = std::any_of(axes_.begin(), axes_.end(), [](const ItemAxis& a) { return a.tensor; });
         for (ItemAxis& axis : axes_) {
             if (axis.tensor != nullptr) {
-                add(axis);
+                add(at, axis);
             } else if (axis.is_dropped && has_tensors) {
                 // A position takes part in broadcasting: position 0 of what is left of its axis.
                 axis.is_dropped = false;
@@ -38,12 +38,12 @@ class ItemSelection {
         list_.push_back(owned_.back().get());
     }
 
-    void add(const ItemAxis& axis) {
+    void add(const Where& at, const ItemAxis& axis) {
         if (axis.source != ItemAxis::none) {
             list_.push_back(axis.tensor);
             return;
         }
-        check_cpu(axis.tensor);
+        check_cpu(at, axis.tensor);
         own(filled_result({*static_cast<const bool*>(axis.tensor->getRawData()) ? 1 : 0}, dtype::int64, 0.0F));
     }
 
@@ -56,23 +56,27 @@ class ItemSelection {
 }  // namespace
 
 Tensor* index_advanced(const Tensor* x, const SliceItems& items) {
-    check_cpu(x);
-    const ItemSelection selection(where("ornik::index_advanced"), x->Shape(), items);
+    const Where at = where("ornik::index_advanced");
+    check_cpu(at, x);
+    const ItemSelection selection(at, x->Shape(), items);
     return selection.indices().taken(selection.view(x).get()).release();
 }
 
 void set_index_advanced(Tensor* x, const Tensor* value, const SliceItems& items, bool accumulate) {
     const Where at = where("ornik::set_index_advanced");
-    check_cpu(x);
+    check_cpu(at, x);
     check_not_expanded(at, x);
     const ItemSelection selection(at, x->Shape(), items);
     const TensorResult source = row_major_copy(value_for(at, x, value, selection.shape()).get());
-    device::cpu::put_slices(selection.indices().walk(selection.view(x).get(), source.get()), accumulate);
+    const TensorResult view = selection.view(x);
+    const device::cpu::SliceWalk walk = selection.indices().walk(view.get(), source.get());
+    announce_write(at, x);
+    device::cpu::put_slices(walk, accumulate);
 }
 
 Tensor* index_advanced_grad(const Tensor* grad, const Dims& shape, const SliceItems& items) {
     const Where at = where("ornik::index_advanced_grad");
-    check_cpu(grad);
+    check_cpu(at, grad);
     const ItemSelection selection(at, shape, items);
     check_gradient_shape(at, grad, selection.shape());
     TensorResult result = filled_result(shape, grad->Dtype(), 0.0F);
@@ -82,8 +86,9 @@ Tensor* index_advanced_grad(const Tensor* grad, const Dims& shape, const SliceIt
 }
 
 Tensor* set_index_advanced_grad(const Tensor* grad, const SliceItems& items) {
-    check_cpu(grad);
-    const ItemSelection selection(where("ornik::set_index_advanced_grad"), grad->Shape(), items);
+    const Where at = where("ornik::set_index_advanced_grad");
+    check_cpu(at, grad);
+    const ItemSelection selection(at, grad->Shape(), items);
     TensorResult result = row_major_copy(grad);
     selection.indices().clear(selection.view(result.get()).get());
     return result.release();
@@ -92,7 +97,7 @@ Tensor* set_index_advanced_grad(const Tensor* grad, const SliceItems& items) {
 Tensor* set_index_advanced_value_grad(const Tensor* grad, const Dims& value_shape, const SliceItems& items,
                                       bool accumulate) {
     const Where at = where("ornik::set_index_advanced_value_grad");
-    check_cpu(grad);
+    check_cpu(at, grad);
     const ItemSelection selection(at, grad->Shape(), items);
     const TensorResult taken = selection.indices().taken(selection.view(grad).get(), !accumulate);
     return gradient_of_value(at, taken.get(), value_shape).release();

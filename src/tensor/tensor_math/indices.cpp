@@ -100,7 +100,7 @@ Indices::Indices(const Where& at, const Dims& shape, const std::vector<const Ten
 }
 
 void Indices::add_mask(const Where& at, const Tensor* mask, std::size_t axis) {
-    check_cpu(mask);
+    check_cpu(at, mask);
     if (mask->Shape().empty() ||
         !std::equal(mask->Shape().begin(), mask->Shape().end(), shape_.begin() + static_cast<std::ptrdiff_t>(axis))) {
         fail(at, "A mask of shape ", mask->Shape(), "does not fit axis ", axis, " of a shape of ", shape_);

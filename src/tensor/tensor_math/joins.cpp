@@ -40,7 +40,7 @@ void check_list(const Where& at, const char* name, const std::vector<Tensor*>& t
         if (t == nullptr) {
             fail(at, "A tensor of the list is null.");
         }
-        check_cpu(t);
+        check_cpu(at, t);
     }
 }
 
@@ -103,6 +103,7 @@ Tensor* stack_along(const std::vector<Tensor*>& tensors, int axis) {
 
 std::vector<Tensor*> split(const Tensor* t, const Dims& extents, int axis) {
     const Where at = where("ornik::split");
+    check_operands(at, t);
     const std::size_t parted = checked_axis(t, axis);
     std::int64_t left = t->Shape()[parted];
     bool fits = true;
@@ -124,6 +125,7 @@ std::vector<Tensor*> split(const Tensor* t, const Dims& extents, int axis) {
 
 std::vector<Tensor*> chunk(const Tensor* t, std::int64_t parts, int axis) {
     const Where at = where("ornik::chunk");
+    check_operands(at, t);
     const std::size_t parted = checked_axis(t, axis);
     if (parts < 1) {
         fail(at, "chunk() needs at least one part, however it is ", parts);
@@ -138,6 +140,7 @@ std::vector<Tensor*> chunk(const Tensor* t, std::int64_t parts, int axis) {
 }
 
 std::vector<Tensor*> unbind(const Tensor* t, int axis) {
+    check_operands(where("ornik::unbind"), t);
     const std::size_t parted = checked_axis(t, axis);
     std::vector<TensorResult> slices;
     for (std::int64_t i = 0; i < t->Shape()[parted]; ++i) {
@@ -155,6 +158,7 @@ std::vector<Tensor*> unbind(const Tensor* t, int axis) {
 
 Tensor* moveaxis(const Tensor* t, const std::vector<int>& from, const std::vector<int>& to) {
     const Where at = where("ornik::moveaxis");
+    check_operands(at, t);
     if (from.size() != to.size()) {
         fail(at, "moveaxis() needs as many axes as positions: ", from.size(), " and ", to.size());
     }
@@ -182,13 +186,16 @@ Tensor* moveaxis(const Tensor* t, const std::vector<int>& from, const std::vecto
 }
 
 Tensor* expand_dims(const Tensor* t, int axis) {
+    check_operands(where("ornik::expand_dims"), t);
     return t->unsqueeze(maybe_warp_dim(axis, static_cast<int>(t->Shape().size()) + 1));
 }
 
 Tensor* flip_view(const Tensor* t, const std::vector<int>& axes) {
+    const Where at = where("ornik::flip_view");
+    check_operands(at, t);
     Dims strides = t->Strides();
     std::int64_t offset = 0;
-    for (const int axis : reduce_axes(where("ornik::flip_view"), axes, t->ndim())) {
+    for (const int axis : reduce_axes(at, axes, t->ndim())) {
         const auto i = static_cast<std::size_t>(axis);
         offset += (t->Shape()[i] - 1) * strides[i];
         strides[i] = -strides[i];
@@ -242,12 +249,14 @@ TensorResult window_view(const Where& at, const Tensor* t, std::size_t axis, std
 }  // namespace
 
 Tensor* windows(const Tensor* t, int axis, std::int64_t size, std::int64_t step) {
-    return window_view(where("ornik::windows"), t, checked_axis(t, axis), size, step).release();
+    const Where at = where("ornik::windows");
+    check_operands(at, t);
+    return window_view(at, t, checked_axis(t, axis), size, step).release();
 }
 
 Tensor* windows_grad(const Tensor* grad, const Dims& shape, int axis, std::int64_t size, std::int64_t step) {
     const Where at = where("ornik::windows_grad");
-    check_cpu(grad);
+    check_cpu(at, grad);
     const auto walked = static_cast<std::size_t>(maybe_warp_dim(axis, static_cast<int>(shape.size())));
     Dims expected = shape;
     expected[walked] = window_count(at, shape[walked], size, step);

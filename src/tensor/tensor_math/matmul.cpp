@@ -329,8 +329,7 @@ struct Gradient {
     std::int64_t dtype() const { return promotion::of_tensors(grad->Dtype(), other->Dtype()); }
 
     void check() const {
-        check_cpu(grad);
-        check_cpu(other);
+        check_cpu(at, grad, other);
         const Dims& a = for_a ? shape : other->Shape();
         const Dims& b = for_a ? other->Shape() : shape;
         check_shape(at, "Gradient", grad, product_shape(at, a, b, ta, tb));
@@ -361,10 +360,10 @@ struct Gradient {
     }
 
     void add_to(Tensor* target) const {
-        check_cpu(target);
         check();
         check_one_dtype(at, target, dtype());
         check_not_expanded(at, target);
+        announce_write(at, target);
         into(target, true);
     }
 };
@@ -376,9 +375,9 @@ Dims matmul_shape(const Dims& a, const Dims& b, int ta, int tb) {
 }
 
 Tensor* matmul(const Tensor* a, const Tensor* b, int ta, int tb) {
-    check_cpu(a);
-    check_cpu(b);
-    const Dims shape = product_shape(where("ornik::matmul"), a->Shape(), b->Shape(), ta, tb);
+    const Where at = where("ornik::matmul");
+    check_cpu(at, a, b);
+    const Dims shape = product_shape(at, a->Shape(), b->Shape(), ta, tb);
     const std::int64_t dtype = promotion::of_tensors(a->Dtype(), b->Dtype());
     const Converted left(a, dtype);
     const Converted right(b, dtype);
@@ -393,13 +392,12 @@ Tensor* matmul(const Tensor* a, const Tensor* b, int ta, int tb) {
 
 void matmul_into(const Tensor* A, int ta, const Tensor* B, int tb, Tensor* C, bool accumulate) {
     const Where at = where("ornik::matmul_into");
-    check_cpu(A);
-    check_cpu(B);
-    check_cpu(C);
+    check_cpu(at, A, B, C);
     check_shape(at, "Output", C, product_shape(at, A->Shape(), B->Shape(), ta, tb));
     check_one_dtype(at, A, C->Dtype());
     check_one_dtype(at, B, C->Dtype());
     check_not_expanded(at, C);
+    announce_write(at, C);
     multiply(left_operand(A).flagged(ta), right_operand(B).flagged(tb), C, accumulate,
              [A, B](const Tensor* t) { return matrices_of(t, is_vector(A->Shape()), is_vector(B->Shape())); });
 }
@@ -413,11 +411,15 @@ Tensor* matmul_grad_b(const Tensor* grad, const Tensor* a, const Dims& b_shape, 
 }
 
 void add_matmul_grad_a(Tensor* into, const Tensor* grad, const Tensor* b, int ta, int tb) {
-    Gradient{where("ornik::add_matmul_grad_a"), grad, b, into->Shape(), true, ta, tb}.add_to(into);
+    const Where at = where("ornik::add_matmul_grad_a");
+    check_cpu(at, into);
+    Gradient{at, grad, b, into->Shape(), true, ta, tb}.add_to(into);
 }
 
 void add_matmul_grad_b(Tensor* into, const Tensor* grad, const Tensor* a, int ta, int tb) {
-    Gradient{where("ornik::add_matmul_grad_b"), grad, a, into->Shape(), false, ta, tb}.add_to(into);
+    const Where at = where("ornik::add_matmul_grad_b");
+    check_cpu(at, into);
+    Gradient{at, grad, a, into->Shape(), false, ta, tb}.add_to(into);
 }
 
 }  // namespace ornik

@@ -39,7 +39,7 @@ struct Repetition {
     }
 
     Tensor* gradient(const Where& at, const Tensor* grad, const Dims& shape) const {
-        check_cpu(grad);
+        check_cpu(at, grad);
         check_gradient_shape(at, grad, whole);
         const Dims strides = view_strides(whole, grad->Strides(), grad->Size(), parted);
         Dims summed = parted;
@@ -133,8 +133,9 @@ TensorResult summed_slices(const Tensor* grad, const Dims& shape, std::size_t ax
 }  // namespace
 
 Tensor* repeat(const Tensor* t, const Dims& reps) {
-    check_cpu(t);
-    return repetition(where("ornik::repeat"), t->Shape(), reps).of(t).release();
+    const Where at = where("ornik::repeat");
+    check_cpu(at, t);
+    return repetition(at, t->Shape(), reps).of(t).release();
 }
 
 Tensor* repeat_grad(const Tensor* grad, const Dims& shape, const Dims& reps) {
@@ -143,8 +144,9 @@ Tensor* repeat_grad(const Tensor* grad, const Dims& shape, const Dims& reps) {
 }
 
 Tensor* repeat_interleave(const Tensor* t, std::int64_t times, int axis) {
-    check_cpu(t);
-    return interleaved(where("ornik::repeat_interleave"), t->Shape(), times, axis).of(t).release();
+    const Where at = where("ornik::repeat_interleave");
+    check_cpu(at, t);
+    return interleaved(at, t->Shape(), times, axis).of(t).release();
 }
 
 Tensor* repeat_interleave_grad(const Tensor* grad, const Dims& shape, std::int64_t times, int axis) {
@@ -153,15 +155,16 @@ Tensor* repeat_interleave_grad(const Tensor* grad, const Dims& shape, std::int64
 }
 
 Tensor* repeat_by_counts(const Tensor* t, const Tensor* counts, int axis) {
-    check_cpu(t);
+    const Where at = where("ornik::repeat_by_counts");
+    check_cpu(at, t);
     const std::size_t chosen = checked_axis(t, axis);
-    const TensorResult positions = counted_positions(where("ornik::repeat_by_counts"), counts, t->Shape()[chosen]);
+    const TensorResult positions = counted_positions(at, counts, t->Shape()[chosen]);
     return index_select(whole_view(t).get(), static_cast<int>(chosen), positions.get());
 }
 
 Tensor* repeat_by_counts_grad(const Tensor* grad, const Dims& shape, const Tensor* counts, int axis) {
     const Where at = where("ornik::repeat_by_counts_grad");
-    check_cpu(grad);
+    check_cpu(at, grad);
     const std::size_t chosen = axis_in(shape, axis);
     const TensorResult positions = counted_positions(at, counts, shape[chosen]);
     Dims expected = shape;
@@ -212,7 +215,7 @@ TensorResult rolled(const Tensor* t, const Dims& by_axis) {
 
 Tensor* roll(const Tensor* t, const Dims& shifts, const std::vector<int>& axes) {
     const Where at = where("ornik::roll");
-    check_cpu(t);
+    check_cpu(at, t);
     if (shifts.size() != (axes.empty() ? 1 : axes.size())) {
         fail(at, "roll() needs as many shifts as axes: ", shifts.size(), " and ", axes.size());
     }
@@ -311,7 +314,7 @@ void fill_with(Tensor* t, const Scalar& value) {
 
 Tensor* pad(const Tensor* t, const std::vector<PadWidth>& widths, PadMode mode, const Scalar& value) {
     const Where at = where("ornik::pad");
-    check_cpu(t);
+    check_cpu(at, t);
     const Dims shape = padded_shape(at, t->Shape(), widths, mode);
     if (mode == PadMode::constant && is_dtype_class(value.Dtype(), DtypeClass::complex) && !t->isComplexType()) {
         fail(ErrorKind::dtype, at, "Fill non-complex tensor with complex value is not valid.");
@@ -337,7 +340,7 @@ Tensor* pad(const Tensor* t, const std::vector<PadWidth>& widths, PadMode mode, 
 
 Tensor* pad_grad(const Tensor* grad, const Dims& shape, const std::vector<PadWidth>& widths, PadMode mode) {
     const Where at = where("ornik::pad_grad");
-    check_cpu(grad);
+    check_cpu(at, grad);
     check_gradient_shape(at, grad, padded_shape(at, shape, widths, mode));
     if (mode == PadMode::constant) {
         TensorResult result = filled_result(shape, grad->Dtype(), 0.0F);
