@@ -23,7 +23,7 @@ list(REMOVE_ITEM other_sources ${product_sources} ${row_sources})
 
 # GCC 12 takes the deliberately undefined registers of its own AVX-512 headers for uninitialised variables.
 set_source_files_properties(${product_sources} PROPERTIES
-  COMPILE_OPTIONS "$<$<CXX_COMPILER_ID:GNU,Clang>:-ffp-contract=fast>;$<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>")
+  COMPILE_OPTIONS "$<$<CXX_COMPILER_ID:GNU,Clang>:-ffp-contract=fast>;$<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized$<SEMICOLON>-Wno-uninitialized>")
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
   set_source_files_properties(${other_sources} PROPERTIES COMPILE_OPTIONS "-mno-fma;-mno-avx512f")
 endif()
