@@ -58,4 +58,14 @@ void adamw_step(Tensor* param, Tensor* grad, float lr, float beta1, float beta2,
                    vmax, amsgrad);
 }
 
+namespace nn {
+
+void adam_step(Tensor* param, Tensor* grad, Tensor* m, Tensor* v, Tensor* vmax, const AdamParameters& p) {
+    check_and_step(where("ornik::nn::adam_step"), param, grad,
+                   {p.lr, p.beta1, p.beta2, p.eps, 0.0F, 1.0, 1.0, p.weight_decay}, p.step, m, v, vmax,
+                   vmax != nullptr);
+}
+
+}  // namespace nn
+
 }  // namespace ornik

@@ -378,5 +378,89 @@ TEST(DropoutFunctions, WholeChannelsAndRefusals) {
     expect_refusals(rows, "ornik::nn::", "src/layers/functional/dropout.cpp");
 }
 
+TEST(LinearFunctions, ValuesAndGradients) {
+    for (const std::int64_t dtype : {dtype::float64, dtype::complex128}) {
+        for (const Layout layout : all_layouts) {
+            const TensorPtr x = random_tensor({2, 3, 4}, dtype, 1, layout), w = random_tensor({5, 4}, dtype, 2, layout);
+            const TensorPtr b = random_tensor({5}, dtype, 3, layout), g = random_tensor({2, 3, 5}, dtype, 4, layout);
+            const TensorPtr y = nn::linear(x.get(), w.get(), b.get());
+            // The dense layer has the transposed weight.
+            const TensorPtr turned(w->permute({1, 0}));
+            const LayerPtr dense(_Dense(5, true, ""));
+            EXPECT_TRUE(y->all_close(TensorPtr(dense->forward_dyn(turned.get(), b.get(), x.get())).get(), 0, 1e-14));
+            const auto grads = nn::linear_grad(g.get(), x.get(), w.get());
+            expect_gradient([&](Tensor* t) { return nn::linear(t, w.get(), b.get()); }, x.get(), g.get(),
+                            grads.input.get());
+            expect_gradient([&](Tensor* t) { return nn::linear(x.get(), t, b.get()); }, w.get(), g.get(),
+                            grads.weight.get());
+            expect_gradient([&](Tensor* t) { return nn::linear(x.get(), w.get(), t); }, b.get(), g.get(),
+                            grads.bias.get());
+            const auto some = nn::linear_grad(g.get(), x.get(), w.get(), {false, true, false});
+            EXPECT_TRUE(some.input == nullptr && some.bias == nullptr);
+            EXPECT_EQ(bytes_of(some.weight), bytes_of(grads.weight));
+        }
+    }
+    const TensorPtr none = nothing({0, 4}), w = random_tensor({5, 4}, dtype::float64, 2), row = nothing({0, 5});
+    EXPECT_EQ(nn::linear(none.get(), w.get(), nullptr)->Shape(), row->Shape());
+    const auto grads = nn::linear_grad(row.get(), none.get(), w.get());
+    EXPECT_EQ(grads.input->Shape(), none->Shape());
+    EXPECT_EQ(doubles_of(grads.weight.get()), std::vector<double>(20));
+    EXPECT_EQ(doubles_of(grads.bias.get()), std::vector<double>(5));
+    const TensorPtr single = make_empty({2, 4}, dtype::float32), whole = make_empty({2, 4}, dtype::int32);
+    const TensorPtr x = make_empty({2, 4}, dtype::float64), scalar = make_empty({}, dtype::float64);
+    const Refusal rows[] = {
+        {"linear", [&] { nn::linear(nullptr, w.get(), nullptr); },
+         "linear needs an input, a weight and, for its gradients, that of the output."},
+        {"linear", [&] { nn::linear(whole.get(), w.get(), nullptr); }, "Not valid dtype for this function."},
+        {"linear", [&] { nn::linear(single.get(), w.get(), nullptr); }, "Not same data type for inputs of linear."},
+        {"linear", [&] { nn::linear(row.get(), w.get(), nullptr); },
+         "linear needs an input [..., in] and a weight [out, in], however they are ( 0, 5 ) and ( 5, 4 ) "},
+        {"linear", [&] { nn::linear(x.get(), w.get(), x.get()); },
+         "The bias of linear with 5 outputs has the shape ( 2, 4 ) "},
+        {"linear_input_grad", [&] { nn::linear_input_grad(x.get(), w.get()); },
+         "linear needs an output gradient [..., out] and a weight [out, in], however they are ( 2, 4 ) and ( 5, 4 ) "},
+        {"linear_weight_grad", [&] { nn::linear_weight_grad(w.get(), x.get()); },
+         "linear needs an output gradient [..., out] and an input [..., in], however they are ( 5, 4 ) and ( 2, 4 ) "},
+        {"linear_bias_grad", [&] { nn::linear_bias_grad(scalar.get()); },
+         "linear needs an output gradient [..., out], however it is empty vector\n"},
+    };
+    expect_refusals(rows, "ornik::nn::", "src/layers/functional/linear.cpp");
+}
+
+TEST(EmbeddingFunctions, RowsPaddingAndRefusals) {
+    for (const Layout layout : all_layouts) {
+        const TensorPtr w = random_tensor({6, 3}, dtype::complex128, 1, layout);
+        const TensorPtr at = make<std::int32_t>({2, 4}, {5, 0, 2, 2, 1, 5, 5, 0}, layout);
+        const TensorPtr g = random_tensor({2, 4, 3}, dtype::complex128, 2, layout);
+        const TensorPtr y = nn::embedding(at.get(), w.get());
+        const LayerPtr layer(_Embedding(6, 3, ""));
+        EXPECT_EQ(bytes_of(y), bytes_of(TensorPtr(layer->forward_dyn(w.get(), nullptr, at.get()))));
+        const TensorPtr grad = nn::embedding_grad(g.get(), at.get(), 6);
+        EXPECT_EQ(bytes_of(grad), bytes_of(TensorPtr(layer->backward_dyn(w.get(), nullptr, at.get(), g.get(), 1))));
+        const auto values = values_of<Complex<double>>(grad);
+        const auto padded = values_of<Complex<double>>(nn::embedding_grad(g.get(), at.get(), 6, 5));
+        for (std::size_t i = 0; i < values.size(); ++i) {
+            EXPECT_EQ(padded[i].real, i < 15 ? values[i].real : 0);
+        }
+    }
+    const TensorPtr w = random_tensor({6, 3}, dtype::float64, 1), none = nothing({0, 2}, dtype::int64);
+    EXPECT_EQ(nn::embedding(none.get(), w.get())->Shape(), (Dims{0, 2, 3}));
+    EXPECT_EQ(doubles_of(nn::embedding_grad(nothing({0, 2, 3}).get(), none.get(), 6).get()), std::vector<double>(18));
+    const TensorPtr far = make<std::int64_t>({1}, {6}), g = make_empty({1, 3}, dtype::float64);
+    const Refusal rows[] = {
+        {"embedding", [&] { nn::embedding(nullptr, w.get()); }, "Embedding needs a weight and an input."},
+        {"embedding", [&] { nn::embedding(w.get(), w.get()); }, "Embedding needs integers as input."},
+        {"embedding", [&] { nn::embedding(far.get(), far.get()); }, "Embedding only supports float or complex."},
+        {"embedding", [&] { nn::embedding(far.get(), TensorPtr(w->flatten(0, 1)).get()); },
+         "Embedding needs a weight [rows, width], however it is ( 18 ) "},
+        {"embedding", [&] { nn::embedding(far.get(), w.get()); }, "Embedding index out of range, there are 6 rows."},
+        {"embedding_grad", [&] { nn::embedding_grad(w.get(), far.get(), 6); },
+         "Embedding needs a gradient of its output's shape."},
+        {"embedding_grad", [&] { nn::embedding_grad(g.get(), far.get(), 7, 7); },
+         "Embedding needs a padding index inside its rows, of which there are 7"},
+    };
+    expect_refusals(rows, "ornik::nn::", "src/layers/functional/embedding.cpp");
+}
+
 }  // namespace
 }  // namespace ornik::test
