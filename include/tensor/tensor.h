@@ -85,7 +85,8 @@ class ORNIK_API Tensor {
     const std::shared_ptr<tensorT::Tensor_Meta>& getMeta() const { return meta_; }
     const std::shared_ptr<TensorToptions>& get_options() const { return options_; }
     std::int64_t get_alloc_mem_size() const { return meta_ ? meta_->get_alloc_mem_size() : 0; }
-    /// True for a dense tensor with fewer than two elements or with exactly the row-major strides.
+    /// True for a dense tensor with fewer than two elements or with exactly the row-major strides. A tensor whose
+    /// Size() is not its shape's count (see setSize, copy_tensor) is not contiguous.
     bool is_contiguous() const;
 
     bool is_dense() const { return Layout() == layout::dense; }
@@ -101,7 +102,7 @@ class ORNIK_API Tensor {
     bool isFloat() const { return is_dtype_class(dtype_, DtypeClass::floating); }
     bool isFloatingType() const { return isFloat(); }
     bool isComplexType() const { return is_dtype_class(dtype_, DtypeClass::complex); }
-    static bool sameDtype(const Tensor* a, const Tensor* b) { return a->dtype_ == b->dtype_; }
+    static bool sameDtype(const Tensor* a, const Tensor* b);
 
     bool isCPU() const { return device_ == 0; }
     bool isGPU() const { return getDeviceID(device_) == 1; }
@@ -109,7 +110,7 @@ class ORNIK_API Tensor {
     static std::int64_t getDeviceID(std::int64_t code);
     /// "CPU" for codes 0 .. 999, "GPU" for 1000 .. 9999, else "unknown".
     std::string getDeviceName() const;
-    /// Device code - 1000.
+    /// Device code - 1000, wrapping.
     std::int64_t getGPUIndex() const { return gpu_index_; }
 
     /// Product of the extents of axes 0 .. k-1. This and the next two work in 32 bits and fail for
@@ -131,6 +132,7 @@ class ORNIK_API Tensor {
     void set_ndarray_handles(void* handle) { ndarray_handles_ = handle; }
     bool get_if_not_delete_ndarray_handle() const { return if_not_delete_ndarray_handle_; }
     void set_if_not_delete_ndarray_handle(bool flag) { if_not_delete_ndarray_handle_ = flag; }
+    /// Whether the last thing that set the shape gave it no axes, unless set otherwise; false after Tensor().
     bool get_if_scalar() const { return if_scalar_; }
     void set_if_scalar(bool flag) { if_scalar_ = flag; }
     /// The component tensors of a sparse tensor (tensor_sparse.h says which); this tensor deletes them.
@@ -138,9 +140,11 @@ class ORNIK_API Tensor {
     void set_csr_members(const std::vector<Tensor*>& members) { csr_members_ = members; }
 
     // ---- Updates of the tensor's description; the data stays as it is (tensor_state.cpp) ----
-    // An update after which elements would lie outside the storage is refused.
+    // An update after which elements would lie outside the storage is refused. One that fails changes nothing.
 
-    /// New extents, each at least 1. The element count may change only while it is below 2.
+    /// New extents, each at least 1. The element count may change only while it is below 2. A contiguous tensor gets
+    /// row-major strides, another keeps its strides if the number of axes stays. Where these would leave the storage,
+    /// strides that show the same elements in the same order serve, if there are such.
     void updateShape(const Dims& shape);
     /// Row-major strides of the present shape.
     void updateStrides();
@@ -150,19 +154,23 @@ class ORNIK_API Tensor {
     void updateDtype(std::int64_t dtype);
     void updateDevice(std::int64_t device);
     void updateOffset(std::int64_t offset);
+    /// At least 0 and at most the shape's count; any count without axes, where all indices mean the one element.
+    /// Copies of a tensor with another Size() than its shape's count are by the shape.
     void setSize(std::int64_t size);
     /// Does nothing in this build: buffers go back when the last share of their storage does.
     void FreeData() {}
 
     // ---- Initialisers; each returns 0 (tensor_state.cpp) ----
-    // They accept extents of 0.
+    // They accept extents of 0. One that fails leaves the tensor as it was; one that succeeds leaves nothing of what
+    // the tensor held before.
 
     /// Sets dtype, device, shape, size and row-major strides. No meta, no storage.
     int init_tensor_without_alloc_data(const Dims& shape, std::int64_t dtype, std::int64_t device, std::int64_t layout);
     /// As above, with a meta and a newly taken storage.
     int initialize_none_tensor(const Dims& shape, std::int64_t dtype, std::int64_t device, std::int64_t layout);
     /// A view: a meta that shares `storage`, with the given strides and offset in elements. Fails when
-    /// an element would lie outside the storage.
+    /// an element would lie outside the storage. Negative extents are accepted where all strides are 0; reductions
+    /// and indexing refuse such a view.
     int init_none_tensor_with_shared_storage(const Dims& shape, const Dims& strides, std::int64_t dtype,
                                              std::int64_t device,
                                              const std::shared_ptr<tensorT::Tensor_storage>& storage,
@@ -372,7 +380,7 @@ class ORNIK_API Tensor {
     // ---- Arithmetic (tensor_math/tensor_arithmetic.cpp, tensor_scalar_arithmetic.cpp) ----
     // Both operands have the same shape: broadcast first. Result dtypes follow the promotion tables of
     // tensor_math/promotion.h: sum, difference and product promote to the wider kind, a quotient is
-    // always floating or complex, and a scalar never widens a tensor of its own kind. Integers wrap.
+    // always floating or complex, an integer scalar never widens an integer tensor. Integers wrap.
 
     Tensor* add_tensor(Tensor* other);
     Tensor* sub_tensor(Tensor* other);
@@ -560,8 +568,8 @@ class ORNIK_API Tensor {
     Tensor* bitwise_not();
     void bitwise_not_inplace();
 
-    // Two tensors of one shape, or a tensor and a scalar. Dtypes promote as in arithmetic; in place, this
-    // tensor keeps its dtype.
+    // Two tensors of one shape, or a tensor and a scalar. Dtypes promote as in arithmetic, but a scalar never
+    // widens a tensor of its kind (a double a float32 tensor); in place, this tensor keeps its dtype.
 
     /// Integers: a negative exponent gives the whole part of the result; 0 to it gives 0.
     Tensor* pow(Tensor* other);
@@ -674,12 +682,19 @@ class ORNIK_API Tensor {
     void construct(const Dims& shape, std::int32_t packed, const void* data, void* ndarray_handle);
     void deleteData();
     void refresh_options();
+    std::shared_ptr<TensorToptions> options_with(const Dims& shape, const Dims& strides, std::int64_t size,
+                                                 std::int64_t dtype, std::int64_t device) const;
+    void take_options(std::shared_ptr<TensorToptions>&& options) noexcept;
+    void take_axes(Dims&& shape, Dims&& strides) noexcept;
     void check_new_shape(const Dims& shape) const;
-    void set_geometry(const Dims& shape, const Dims& strides);
+    Dims strides_for(const Where& at, const Dims& shape) const;
+    void set_geometry(const Dims& shape, const Dims& strides, std::int64_t size);
+    void assign_size(std::int64_t size);
     void adopt(const std::shared_ptr<tensorT::Tensor_storage>& storage, const Dims& shape);
     void check_inside(const Where& at, const Dims& shape, const Dims& strides, std::int64_t offset, std::int64_t dtype,
                       const tensorT::Tensor_storage* storage) const;
-    int describe(const Where& at, const Dims& shape, std::int64_t dtype, std::int64_t device);
+    void become(const Dims& shape, const Dims& strides, std::int64_t size, std::int64_t dtype, std::int64_t device,
+                std::shared_ptr<tensorT::Tensor_Meta>&& meta);
 
     std::int32_t storage_type_ = 0;
     void* ndarray_handles_ = nullptr;
@@ -705,7 +720,7 @@ class ORNIK_API Tensor {
 
 /// Copies A's elements, in row-major order, into B's; both of one dtype, or converted to B's. The same
 /// memory under the same view is left alone; a partial overlap is refused. A B without axes takes A's
-/// element count.
+/// element count, and its one element the last of A's.
 ORNIK_API void copy_tensor(const Tensor* A, Tensor* B);
 
 /// A view over an existing storage; the device is the storage's. Offset in elements of `dtype`.

@@ -22,6 +22,7 @@ void check_and_step(const Where& at, Tensor* param, Tensor* grad, device::cpu::A
         check_step(at, name, param, grad, {m, v});
     }
     check_step_count(at, name, step);
+    announce_step(at, {param, m, v, amsgrad ? vmax : nullptr});
     factors.first = bias_correction(factors.beta1, step);
     factors.second = bias_correction(factors.beta2, step);
     const RealParts real_param(param);

@@ -10,6 +10,7 @@ void check_and_step(const Where& at, const char* name, Tensor* param, Tensor* gr
                     std::int32_t step, Tensor* m, Tensor* u) {
     check_step(at, name, param, grad, {m, u});
     check_step_count(at, name, step);
+    announce_step(at, {param, m, u});
     factors.first = bias_correction(factors.beta1, step);
     device::cpu::adamax(RealParts(param).get(), RealParts(grad).get(), factors, RealParts(m).get(), RealParts(u).get());
 }

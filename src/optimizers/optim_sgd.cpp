@@ -5,7 +5,9 @@
 namespace ornik {
 
 void sgd_step(Tensor* param, Tensor* grad, float lr, Tensor* velocity, float momentum, bool nesterov) {
-    check_step(where("ornik::sgd_step"), "sgd_step", param, grad, {velocity});
+    const Where at = where("ornik::sgd_step");
+    check_step(at, "sgd_step", param, grad, {velocity});
+    announce_step(at, {param, velocity});
     device::cpu::sgd(param, grad, lr, velocity, momentum, nesterov);
 }
 
@@ -20,6 +22,7 @@ void sgd_step(Tensor* param, Tensor* grad, Tensor* buffer, const SgdParameters& 
         fail(at, "'sgd_step' by Nesterov needs momentum and no dampening.");
     }
     check_step(at, "sgd_step", param, grad, present({buffer}));
+    announce_step(at, {param, buffer});
     device::cpu::sgd_with_buffer(RealParts(param).get(), RealParts(grad).get(), RealParts(buffer).get(), parameters);
 }
 

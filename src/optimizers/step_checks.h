@@ -19,6 +19,9 @@ void check_step(const Where& at, const std::string& name, const Tensor* param, c
 /// Those that are not null.
 std::vector<const Tensor*> present(std::initializer_list<const Tensor*> states);
 
+/// Counts a write of each that is not null; comes last before the kernel.
+void announce_step(const Where& at, std::initializer_list<const Tensor*> written);
+
 /// Refuses a step count below 1.
 void check_step_count(const Where& at, const std::string& name, std::int32_t step);
 

@@ -51,9 +51,16 @@ std::int64_t checked_numel(const Where& at, const Dims& shape) {
     return numel;
 }
 
+void check_extents(const Where& at, const Dims& shape) {
+    if (std::any_of(shape.begin(), shape.end(), [](std::int64_t extent) { return extent < 0; })) {
+        fail(at, "Extents can not be negative: shape ", shape);
+    }
+}
+
 bool is_row_major(const Dims& shape, const Dims& strides, std::int64_t numel) {
     if (numel < 2) {
-        return true;
+        return numel >= 0 && (std::find(shape.begin(), shape.end(), 0) != shape.end() ||
+                              std::all_of(shape.begin(), shape.end(), [](std::int64_t extent) { return extent == 1; }));
     }
     if (shape.size() != strides.size()) {
         return false;
@@ -65,7 +72,7 @@ bool is_row_major(const Dims& shape, const Dims& strides, std::int64_t numel) {
         }
         step *= shape[i];
     }
-    return true;
+    return step == numel;
 }
 
 std::optional<Span> element_span(const Dims& shape, const Dims& strides) {

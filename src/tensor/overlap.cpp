@@ -19,9 +19,9 @@ struct Term {
 std::int64_t add_terms(const Tensor* t, std::vector<Term>& terms) {
     std::int64_t below = 0;
     for (std::size_t i = 0; i < t->Shape().size(); ++i) {
-        const std::int64_t step = t->Strides()[i] * t->itemsize();
         const std::int64_t count = t->Shape()[i] - 1;
-        if (count > 0 && step != 0) {
+        const std::int64_t step = count > 0 ? t->Strides()[i] * t->itemsize() : 0;
+        if (step != 0) {
             terms.push_back({std::abs(step), count});
             below += step < 0 ? -step * count : 0;
         }

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "hardware/parallel.h"
+#include "tensor/checks.h"
 #include "tensor/geometry.h"
 #include "utils/utils.h"
 
@@ -24,6 +25,7 @@ Tensor::Tensor(const Dims& shape, const void* data, std::int32_t packed, void* n
 }
 
 Tensor::Tensor(const Dims& shape, const Tensor* other) {
+    check_given(where("ornik::Tensor::Tensor"), other);
     construct(shape, static_cast<std::int32_t>(other->device_), nullptr, nullptr);
 }
 
@@ -50,9 +52,8 @@ void Tensor::construct(const Dims& shape, std::int32_t packed, const void* data,
     ndarray_handles_ = ndarray_handle;
     device_ = device;
     gpu_index_ = device - device_first_gpu;
-    updateShape(shape);  // Brings the row-major strides along.
+    take_axes(Dims(shape), shape2stride(shape));
     size_ = numel;
-    if_scalar_ = shape.empty();
     meta_ = std::make_shared<tensorT::Tensor_Meta>(shape_, strides_, dtype_, device_, layout::dense, 0, true);
     if (data != nullptr) {
         std::memcpy(meta_->getRawData(), data, static_cast<std::size_t>(size_ * itemsize()));
@@ -82,6 +83,11 @@ void Tensor::deleteData() {
 }
 
 bool Tensor::is_contiguous() const { return is_dense() && is_row_major(shape_, strides_, size_); }
+
+bool Tensor::sameDtype(const Tensor* a, const Tensor* b) {
+    check_given(where("ornik::Tensor::sameDtype"), a, b);
+    return a->dtype_ == b->dtype_;
+}
 
 std::int64_t Tensor::getDeviceID(std::int64_t code) {
     if (code < 0) {

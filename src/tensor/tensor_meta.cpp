@@ -14,6 +14,7 @@ Tensor_Meta::Tensor_Meta(const Dims& shape, const Dims& stride, std::int64_t dty
       storage_offset_(storage_offset),
       stride_(stride) {
     if (alloc) {
+        check_extents(where("ornik::tensorT::Tensor_Meta::Tensor_Meta"), shape);
         allocateDtypeData();
     }
 }

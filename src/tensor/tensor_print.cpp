@@ -58,12 +58,14 @@ void tensorT::Tensor_Meta::Print() const {
         line("#######End###### ");
         return;
     }
-    if (!is_contiguous()) {
+    Tensor elements;  // Refused when they lie outside the storage.
+    if (storage_) {
+        elements.init_none_tensor_with_shared_storage(shape_, stride_, dtype_, device_, storage_, layout_,
+                                                      storage_offset_);
+    }
+    if (storage_ && !is_contiguous()) {
         line("CHANGE TO contiguous;");
-        Tensor strided;
-        strided.init_none_tensor_with_shared_storage(shape_, stride_, dtype_, device_, storage_, layout_,
-                                                     storage_offset_);
-        const std::unique_ptr<Tensor> flat(strided.clone());
+        const std::unique_ptr<Tensor> flat(elements.clone());
         flat->getMeta()->Print();
         return;
     }

@@ -199,11 +199,11 @@ TEST(NormFunctions, RunningStatistics) {
     const TensorPtr mean = make<double>({2}, {1, 2}), variance = make<double>({2}, {3, 4});
     nn::update_running_statistics(mean.get(), variance.get(), batch.mean.get(), batch.variance.get(), 0, 0.5F);
     EXPECT_EQ(values_of<double>(mean), (std::vector<double>{1, 2}));
-    nn::update_running_statistics(mean.get(), variance.get(), batch.mean.get(), batch.variance.get(), 12, 0.25F);
+    nn::update_running_statistics(mean.get(), variance.get(), batch.mean.get(), batch.variance.get(), 12, 0.25);
     for (std::size_t c = 0; c < 2; ++c) {
         const double m = values_of<double>(batch.mean)[c], v = values_of<double>(batch.variance)[c];
-        EXPECT_NEAR(values_of<double>(mean)[c], 0.75 * static_cast<double>(1 + c) + 0.25 * m, 1e-7);
-        EXPECT_NEAR(values_of<double>(variance)[c], 0.75 * static_cast<double>(3 + c) + 0.25 * v * 12 / 11, 1e-7);
+        EXPECT_NEAR(values_of<double>(mean)[c], 0.75 * static_cast<double>(1 + c) + 0.25 * m, 1e-14);
+        EXPECT_NEAR(values_of<double>(variance)[c], 0.75 * static_cast<double>(3 + c) + 0.25 * v * 12 / 11, 1e-14);
     }
     // By fixed statistics the gradient does not pass through them.
     const auto by = [&](Tensor* t) { return nn::batch_norm_by(t, mean.get(), variance.get(), w.get(), nullptr); };
@@ -221,7 +221,7 @@ TEST(NormFunctions, RunningStatistics) {
          "batchnorm needs running statistics for inference, both or neither in training."},
         {"update_running_statistics", [=] { nn::update_running_statistics(m, m, m, v, 2, 0.1F); },
          "The running statistics of batchnorm overlap in memory."},
-        {"update_running_statistics", [=] { nn::update_running_statistics(m, v, m, v, 2, 1.5F); },
+        {"update_running_statistics", [=] { nn::update_running_statistics(m, v, m, v, 2, 1.5); },
          "The momentum of batchnorm should be in [0, 1]"},
         {"update_running_statistics", [&] { nn::update_running_statistics(m, v, single.get(), v, 2, 0.1F); },
          "Not same data type for inputs of batchnorm."},
@@ -246,20 +246,18 @@ struct Activation {
 };
 
 double cut(double x, double low, double high) { return std::min(std::max(x, low), high); }
-// Single-precision numbers, as all parameters of activations.
-constexpr double selu_above = 1.0507009873554805F;
-constexpr double selu_below = selu_above * 1.6732632423543772F;
+constexpr double selu_above = 1.05070098735548049342;
+constexpr double selu_below = selu_above * 1.67326324235437728482;
 
 const Activation activations[] = {
     {"relu", [](double x) { return std::max(x, 0.0); }, nn::relu, nn::relu_inplace, nn::relu_grad, nn::relu_grad},
-    {"leaky_relu", [](double x) { return x > 0 ? x : 0.25 * x; }, [](auto* x) { return nn::leaky_relu(x, 0.25F); },
-     [](auto* x) { nn::leaky_relu_inplace(x, 0.25F); },
-     [](auto* x, auto* g) { return nn::leaky_relu_grad(x, g, 0.25F); },
-     [](auto* y, auto* g) { return nn::leaky_relu_grad(y, g, 0.25F); }},
-    {"elu", [](double x) { return x > 0 ? x : 1.5 * std::expm1(x); }, [](auto* x) { return nn::elu(x, 1.5F); },
-     [](auto* x) { nn::elu_inplace(x, 1.5F); },
-     [](auto* x, auto* g) { return nn::elu_grad(x, nn::elu(x, 1.5F).get(), g, 1.5F); },
-     [](auto* y, auto* g) { return nn::elu_grad(y, y, g, 1.5F); }},
+    {"leaky_relu", [](double x) { return x > 0 ? x : 0.25 * x; }, [](auto* x) { return nn::leaky_relu(x, 0.25); },
+     [](auto* x) { nn::leaky_relu_inplace(x, 0.25); }, [](auto* x, auto* g) { return nn::leaky_relu_grad(x, g, 0.25); },
+     [](auto* y, auto* g) { return nn::leaky_relu_grad(y, g, 0.25); }},
+    {"elu", [](double x) { return x > 0 ? x : 1.5 * std::expm1(x); }, [](auto* x) { return nn::elu(x, 1.5); },
+     [](auto* x) { nn::elu_inplace(x, 1.5); },
+     [](auto* x, auto* g) { return nn::elu_grad(x, nn::elu(x, 1.5).get(), g, 1.5); },
+     [](auto* y, auto* g) { return nn::elu_grad(y, y, g, 1.5); }},
     {"selu", [](double x) { return x > 0 ? selu_above * x : selu_below * std::expm1(x); }, nn::selu, nn::selu_inplace,
      [](auto* x, auto* g) { return nn::selu_grad(nn::selu(x).get(), g); }, nn::selu_grad},
     {"hardtanh", [](double x) { return cut(x, -1, 2); }, [](auto* x) { return nn::hardtanh(x, -1, 2); },

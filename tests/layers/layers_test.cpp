@@ -158,9 +158,9 @@ TEST(Activation, ValuesAndGradientsOfElementWiseOnes) {
         std::vector<float> parameters;
         double (*value)(double x);
     };
-    static constexpr double scale = 1.0507009873554805F, alpha = 1.6732632423543772F;
+    static constexpr double scale = 1.0507009873554804934193349852946, alpha = 1.6732632423543772848170429916717;
     const Row rows[] = {
-        {"leaky_relu", {}, [](double x) { return x > 0 ? x : double{0.01F} * x; }},
+        {"leaky_relu", {}, [](double x) { return x > 0 ? x : 0.01 * x; }},
         {"leaky_relu", {0.25F}, [](double x) { return x > 0 ? x : 0.25 * x; }},
         {"elu", {}, [](double x) { return x > 0 ? x : std::expm1(x); }},
         {"elu", {0.5F}, [](double x) { return x > 0 ? x : 0.5 * std::expm1(x); }},

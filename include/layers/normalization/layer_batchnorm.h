@@ -13,8 +13,8 @@ struct Where;
 /// any strides. gamma, beta and the running statistics are [C]. One dtype throughout: float32 or float64.
 ///
 /// In training, mean and (biased) variance are those of the batch, and the running statistics, unless null,
-/// move towards them: running = (1 - momentum) running + momentum batch, with the unbiased variance. In
-/// inference the running statistics are used.
+/// move towards them: running = (1 - momentum) running + momentum batch, in double, with the unbiased variance;
+/// a batch without elements leaves them. In inference the running statistics are used.
 class ORNIK_API LBatchNorm : public Layer {
   public:
     /// Without `affine`, gamma and beta are not used. eps must be positive and finite, momentum in [0, 1].

@@ -49,7 +49,7 @@ struct Attended {
     std::unique_ptr<Tensor> kept;           ///< bool, what dropout kept; null without
 };
 
-/// As scaled_dot_product_attention, in which no elements are an error: here they give zeros or an empty result.
+/// As scaled_dot_product_attention.
 ORNIK_API Attended attention(Tensor* query, Tensor* key, Tensor* value, const AttentionOptions& options = {});
 
 struct AttentionGradients {

@@ -1,7 +1,7 @@
 // linear.h: y = x W + b and its gradients, without checks. Internal.
 //
 // x [..., in], W [in, out], or [out, in] when it is `transposed`, b [out] or [1, out] or null, y and its gradient
-// [..., out]; one floating or complex dtype, at least one row. Complex gradients use the conjugate of the other factor.
+// [..., out]; one floating or complex dtype. Complex gradients use the conjugate of the other factor.
 #pragma once
 
 #include <memory>

@@ -5,8 +5,9 @@
 // `axes` may be negative and come in any order; none means all. Reduced axes stay as extent 1 with keep_dims, and
 // disappear without. Tensors may have any strides. Every result is a new row-major tensor that the caller deletes;
 // arguments are checked before anything is allocated. Results have the same bits on every run, whatever the
-// number of threads: floating sums go by chunks of a fixed size that are added pairwise, so that their error
-// grows with the logarithm of the length.
+// number of threads and however x lies in memory: floating sums go in the order of a row-major tensor, by chunks of
+// a fixed size that are added pairwise, so that their error grows with the logarithm of the length. Where elements
+// of one result lie far apart, such as over all axes of a transposed view, a row-major copy of x is made first.
 //
 // Errors: an axis out of range (maybe_warp_dim; a tensor without axes has none to name), an axis given twice, a
 // dtype that the function does not serve ("Not valid dtype for this function."), and no elements to reduce
@@ -17,7 +18,9 @@
 // ones where said.
 #pragma once
 
+#include <concepts>
 #include <cstdint>
+#include <type_traits>
 #include <vector>
 
 #include "../../export.h"
@@ -38,9 +41,10 @@ ORNIK_API Tensor* mean(Tensor* x, const std::vector<int>& axes = {}, bool keep_d
 ORNIK_API Tensor* l2_norm(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
 /// Squared deviations from the mean, over (count - correction): 0 for a population, 1 for a sample. NaN where
 /// the divisor is not above 0. Real dtypes; bool and integers give float32.
-ORNIK_API Tensor* var(Tensor* x, const std::vector<int>& axes = {}, double correction = 1, bool keep_dims = false);
-/// The square root of var.
-ORNIK_API Tensor* std_dev(Tensor* x, const std::vector<int>& axes = {}, double correction = 1, bool keep_dims = false);
+ORNIK_API Tensor* var(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false, double correction = 1);
+/// The square root of var, under two names.
+ORNIK_API Tensor* std_dev(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false, double correction = 1);
+ORNIK_API Tensor* std(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false, double correction = 1);
 /// log(sum(exp(x))) without overflow; no elements give -infinity. float32 and float64.
 ORNIK_API Tensor* logsumexp(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
 /// The sum along the diagonal of two axes (see Tensor::diagonal), over all other positions.
@@ -52,13 +56,27 @@ ORNIK_API Tensor* prod_grad(Tensor* grad, Tensor* x, const std::vector<int>& axe
 ORNIK_API Tensor* mean_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
 /// 0 where the norm is 0. Complex too.
 ORNIK_API Tensor* l2_norm_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
-ORNIK_API Tensor* var_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {}, double correction = 1,
-                           bool keep_dims = false);
+ORNIK_API Tensor* var_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false,
+                           double correction = 1);
 /// 0 where the deviation is 0.
-ORNIK_API Tensor* std_dev_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {}, double correction = 1,
-                               bool keep_dims = false);
+ORNIK_API Tensor* std_dev_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false,
+                               double correction = 1);
+ORNIK_API Tensor* std_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false,
+                           double correction = 1);
+/// exp(x - logsumexp(x)); NaN for an element that is +infinity, 0 where the result is -infinity.
 ORNIK_API Tensor* logsumexp_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
 ORNIK_API Tensor* trace_grad(Tensor* grad, Tensor* x, std::int64_t offset = 0, int dim1 = 0, int dim2 = 1);
+
+// The correction comes last: a number in the place of keep_dims does not compile.
+template <typename T>
+concept NotAFlag = !std::same_as<T, bool> && std::is_arithmetic_v<T>;
+Tensor* var(Tensor*, const std::vector<int>&, NotAFlag auto correction, bool keep_dims = false) = delete;
+Tensor* std_dev(Tensor*, const std::vector<int>&, NotAFlag auto correction, bool keep_dims = false) = delete;
+Tensor* std(Tensor*, const std::vector<int>&, NotAFlag auto correction, bool keep_dims = false) = delete;
+Tensor* var_grad(Tensor*, Tensor*, const std::vector<int>&, NotAFlag auto correction, bool keep_dims = false) = delete;
+Tensor* std_dev_grad(Tensor*, Tensor*, const std::vector<int>&, NotAFlag auto correction,
+                     bool keep_dims = false) = delete;
+Tensor* std_grad(Tensor*, Tensor*, const std::vector<int>&, NotAFlag auto correction, bool keep_dims = false) = delete;
 
 // ---- Extremes and order; real dtypes. NaN wins: a result is NaN when an element is. ----
 

@@ -2,11 +2,13 @@
 
 #include "embedding_passes.h"
 #include "hardware/cpu/nn/cpu_embedding.h"
+#include "tensor/checks.h"
 #include "tensor/make_tensor.h"
 
 namespace ornik {
 
 void check_embedding_indices(const Where& at, const Tensor* indices) {
+    check_operands(at, indices);
     if (!indices->isInteger() || indices->isBool()) {
         fail(at, "Embedding needs integers as input.");
     }
@@ -26,7 +28,7 @@ std::unique_ptr<Tensor> embedding_lookup(Tensor* weight, const Borrowed& indices
     const Borrowed table = Borrowed::contiguous(weight);
     Dims output_shape = shape;
     output_shape.push_back(weight->Shape()[1]);
-    std::unique_ptr<Tensor> output = make_tensor(output_shape, weight->Dtype());
+    std::unique_ptr<Tensor> output = make_output(output_shape, weight);
     device::cpu::take_rows(table.get(), indices.get(), output.get());
     return output;
 }
@@ -46,6 +48,7 @@ void check_numbers(const Where& at, const Tensor* t, const Tensor* indices) {
     if (t->Device() != indices->Device()) {
         fail(at, "Not same device for inputs of embedding.");
     }
+    check_operands(at, t);
     check_embedding_indices(at, indices);
     if (!t->isFloat() && !t->isComplexType()) {
         fail(at, "Embedding only supports float or complex.");

@@ -78,6 +78,7 @@ Plan plan_of(const Where& at, const Kind& kind, const Tensor* input, const Tenso
     if (input == nullptr || weights.input == nullptr || weights.hidden == nullptr) {
         fail(at, kind.name, " needs an input and two weights.");
     }
+    check_operands(at, input);
     if (!input->isFloat()) {
         fail(at, "Not valid dtype for this function.");
     }

@@ -20,15 +20,15 @@ Tensor* LBatchNorm::forward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, bool
                                 Tensor* running_variance) {
     const Where at = where("ornik::LBatchNorm::forward_dyn");
     const NormArguments arguments{"batchnorm", affine_ ? gamma : nullptr, affine_ ? beta : nullptr, input};
-    check_batch_norm(at, arguments, false);
+    check_batch_norm(at, arguments);
     check_running_statistics(at, arguments, running_mean, running_variance, training);
 
     const auto eps = static_cast<double>(eps_);
     nn::Normalized result;
     if (training) {
         result = batch_norm_pass(arguments, eps);
-        if (running_mean != nullptr) {
-            update_statistics(running_mean, running_variance, result.mean.get(), result.variance.get(),
+        if (running_mean != nullptr && input->Size() > 0) {
+            update_statistics(at, running_mean, running_variance, result.mean.get(), result.variance.get(),
                               input->Size() / input->Shape()[1], momentum_);
         }
     } else {
@@ -76,7 +76,7 @@ std::array<Tensor*, 3> LBatchNorm::compute(const Where& at, const std::array<boo
                                            Tensor* beta, Tensor* input, Tensor* output_gradient,
                                            const std::vector<Tensor*>& saved) {
     const NormArguments arguments{"batchnorm", affine_ ? gamma : nullptr, affine_ ? beta : nullptr, input};
-    check_batch_norm(at, arguments, false);
+    check_batch_norm(at, arguments);
     if (forward_cache_.empty()) {
         fail(at, "The backward pass of batchnorm needs a forward pass before.");
     }

@@ -2,6 +2,8 @@
 #include "tensor/nn/attention.h"
 
 #include <cmath>
+#include <functional>
+#include <numeric>
 
 #include "attention_checks.h"
 #include "hardware/cpu/nn/cpu_attention.h"
@@ -29,11 +31,12 @@ struct Extents {
         return shape;
     }
     double scale(const nn::AttentionOptions& options) const {
-        return options.scale != 0 ? options.scale : 1 / std::sqrt(static_cast<double>(d));
+        // Scores without features are 0 whatever their scale.
+        return options.scale != 0 ? options.scale : d == 0 ? 1 : 1 / std::sqrt(static_cast<double>(d));
     }
 };
 
-Extents check(const Where& at, const Tensor* query, const Tensor* key, const Tensor* value, bool may_be_empty) {
+Extents check(const Where& at, const Tensor* query, const Tensor* key, const Tensor* value) {
     const Dims& q = query->Shape();
     const Dims& k = key->Shape();
     const Dims& v = value->Shape();
@@ -44,27 +47,20 @@ Extents check(const Where& at, const Tensor* query, const Tensor* key, const Ten
         fail(at, "Attention needs a query [..., n, d], a key [..., m, d] and a value [..., m, e]: query ", q, ", key ",
              k, ", value ", v);
     }
-    if (!may_be_empty && (query->Size() < 1 || key->Size() < 1 || value->Size() < 1)) {
-        fail(at, "Attention needs at least one element: query ", q, ", key ", k, ", value ", v);
-    }
     return {leading(q), q.end()[-2], k.end()[-2], q.back(), v.back()};
 }
 
 // [..., rows, cols] of a contiguous tensor as [batch, rows, cols].
 std::unique_ptr<Tensor> as_batch(const Tensor* t) {
-    const std::int64_t rows = t->Shape().end()[-2];
-    const std::int64_t cols = t->Shape().back();
-    return std::unique_ptr<Tensor>(view_tensor(t, {t->Size() / (rows * cols), rows, cols}));
+    const Dims& shape = t->Shape();
+    const std::int64_t batch = std::accumulate(shape.begin(), shape.end() - 2, std::int64_t{1}, std::multiplies<>());
+    return std::unique_ptr<Tensor>(view_tensor(t, {batch, shape.end()[-2], shape.back()}));
 }
 
-// op(a) op(b), matrix by matrix; both contiguous. Sums over nothing are zeros.
+// op(a) op(b), matrix by matrix; both contiguous.
 std::unique_ptr<Tensor> products(const Tensor* a, int ta, const Tensor* b, int tb, const Dims& shape) {
-    std::unique_ptr<Tensor> result = make_tensor(shape, a->Dtype());
-    if (result->Size() > 0 && a->Size() > 0) {
-        Tensor::bmm(as_batch(a).get(), ta, as_batch(b).get(), tb, as_batch(result.get()).get());
-    } else if (result->Size() > 0) {
-        result->fill_(0);
-    }
+    std::unique_ptr<Tensor> result = make_output(shape, a);
+    Tensor::bmm(as_batch(a).get(), ta, as_batch(b).get(), tb, as_batch(result.get()).get());
     return result;
 }
 
@@ -86,19 +82,16 @@ class Met {
 };
 
 nn::Attended attend(const Where& at, Tensor* query, Tensor* key, Tensor* value, const nn::AttentionOptions& options,
-                    bool may_be_empty) {
+                    bool) {
     check_attention_operands(at, {query, key, value});
-    const Extents extents = check(at, query, key, value, may_be_empty);
+    const Extents extents = check(at, query, key, value);
     const Dims shape = extents.with(extents.n, extents.m);
     check_attention_mask(at, options.mask, query->Dtype(), query->Device(), shape);
     nn::Attended result;
     result.probabilities = products(Borrowed::contiguous(query).get(), 0, Borrowed::contiguous(key).get(), 1, shape);
-    if (result.probabilities->Size() > 0) {
-        const std::unique_ptr<Tensor> expanded(options.mask == nullptr ? nullptr
-                                                                       : Tensor::broadcast_to(options.mask, shape));
-        device::cpu::attention_softmax(result.probabilities.get(), extents.scale(options), expanded.get(),
-                                       options.causal);
-    }
+    const std::unique_ptr<Tensor> expanded(options.mask == nullptr ? nullptr
+                                                                   : Tensor::broadcast_to(options.mask, shape));
+    device::cpu::attention_softmax(result.probabilities.get(), extents.scale(options), expanded.get(), options.causal);
     if (options.dropout > 0) {
         result.kept = make_tensor(shape, dtype::boolean);
         if (result.kept->Size() > 0) {
@@ -135,9 +128,9 @@ std::unique_ptr<Tensor> sum_to_mask(Tensor* scores, const Dims& mask) {
 }
 
 nn::AttentionGradients attend_grad(const Where& at, const Saved& from, const nn::AttentionOptions& options,
-                                   const std::array<bool, 4>& wanted, bool may_be_empty) {
+                                   const std::array<bool, 4>& wanted) {
     check_attention_operands(at, {from.query, from.key, from.value, from.probabilities, from.gradient});
-    const Extents extents = check(at, from.query, from.key, from.value, may_be_empty);
+    const Extents extents = check(at, from.query, from.key, from.value);
     const Dims shape = extents.with(extents.n, extents.m);
     if (from.probabilities->Shape() != shape) {
         fail(at, "Attention needs probabilities of shape ", shape, ", their shape is ", from.probabilities->Shape());
@@ -204,8 +197,7 @@ void check_options(const Where& at, const nn::AttentionOptions& options) {
 }  // namespace
 
 Tensor* scaled_dot_product_attention(Tensor* query, Tensor* key, Tensor* value, Tensor* mask, Tensor** probabilities) {
-    nn::Attended result =
-        attend(where("ornik::scaled_dot_product_attention"), query, key, value, {.mask = mask}, false);
+    nn::Attended result = attend(where("ornik::scaled_dot_product_attention"), query, key, value, {.mask = mask});
     if (probabilities != nullptr) {
         *probabilities = result.probabilities.release();
     }
@@ -216,7 +208,7 @@ AttentionGradients scaled_dot_product_attention_grad(Tensor* query, Tensor* key,
                                                      Tensor* output_gradient) {
     nn::AttentionGradients result =
         attend_grad(where("ornik::scaled_dot_product_attention_grad"),
-                    {query, key, value, probabilities, nullptr, output_gradient}, {}, {true, true, true, false}, false);
+                    {query, key, value, probabilities, nullptr, output_gradient}, {}, {true, true, true, false});
     return {std::move(result.query), std::move(result.key), std::move(result.value)};
 }
 
@@ -225,7 +217,7 @@ namespace nn {
 Attended attention(Tensor* query, Tensor* key, Tensor* value, const AttentionOptions& options) {
     const Where at = where("ornik::nn::attention");
     check_options(at, options);
-    return attend(at, query, key, value, options, true);
+    return attend(at, query, key, value, options);
 }
 
 AttentionGradients attention_grad(Tensor* output_gradient, Tensor* query, Tensor* key, Tensor* value,
@@ -233,7 +225,7 @@ AttentionGradients attention_grad(Tensor* output_gradient, Tensor* query, Tensor
                                   const std::array<bool, 4>& wanted) {
     const Where at = where("ornik::nn::attention_grad");
     check_options(at, options);
-    return attend_grad(at, {query, key, value, probabilities, kept, output_gradient}, options, wanted, true);
+    return attend_grad(at, {query, key, value, probabilities, kept, output_gradient}, options, wanted);
 }
 
 }  // namespace nn

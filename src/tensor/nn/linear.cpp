@@ -1,7 +1,11 @@
 #include "tensor/nn/linear.h"
 
+#include <functional>
+#include <numeric>
+
 #include "hardware/cpu/elements/cpu_math.h"
 #include "tensor/borrowed.h"
+#include "tensor/make_tensor.h"
 #include "tensor/tensor_math/reductions.h"
 #include "tensor/tensor_math/tensor_arithmetic.h"
 
@@ -11,15 +15,16 @@ namespace {
 
 // [..., n] of a contiguous tensor as [rows, n].
 std::unique_ptr<Tensor> as_matrix(const Tensor* t) {
-    const std::int64_t cols = t->Shape().back();
-    return std::unique_ptr<Tensor>(view_tensor(t, {t->Size() / cols, cols}));
+    const Dims& shape = t->Shape();
+    const std::int64_t rows = std::accumulate(shape.begin(), shape.end() - 1, std::int64_t{1}, std::multiplies<>());
+    return std::unique_ptr<Tensor>(view_tensor(t, {rows, shape.back()}));
 }
 
 // A new tensor of t's leading axes and dtype.
 std::unique_ptr<Tensor> make_like(const Tensor* t, std::int64_t last) {
     Dims shape = t->Shape();
     shape.back() = last;
-    return std::unique_ptr<Tensor>(Tensor::empty(shape, t->Device(), t->Dtype()));
+    return make_output(shape, t);
 }
 
 // Null for real dtypes, the conjugate for complex ones.
@@ -27,7 +32,7 @@ std::unique_ptr<Tensor> conjugate_or_null(const Tensor* t) {
     if (!t->isComplexType()) {
         return nullptr;
     }
-    std::unique_ptr<Tensor> result(Tensor::empty_like(t));
+    std::unique_ptr<Tensor> result = make_output(t->Shape(), t);
     device::cpu::conj(t, result.get());
     return result;
 }
@@ -63,8 +68,7 @@ std::unique_ptr<Tensor> linear_weight_grad(Tensor* input, Tensor* gradient, bool
     const std::unique_ptr<Tensor> gradients = as_matrix(g.get());
     Tensor* const first = transposed ? gradients.get() : inputs.get();
     Tensor* const second = transposed ? inputs.get() : gradients.get();
-    std::unique_ptr<Tensor> result(
-        Tensor::empty({first->Shape()[1], second->Shape()[1]}, input->Device(), input->Dtype()));
+    std::unique_ptr<Tensor> result = make_output({first->Shape()[1], second->Shape()[1]}, input);
     Tensor::dot(first, 1, second, 0, result.get(), 0);
     return result;
 }

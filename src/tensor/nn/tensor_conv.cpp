@@ -1,5 +1,6 @@
 #include "tensor/nn/tensor_conv.h"
 
+#include "tensor/checks.h"
 #include "tensor/make_tensor.h"
 #include "tensor/nn/conv_passes.h"
 
@@ -43,6 +44,7 @@ void check_fits(const Where& at, const ConvolFields& descriptor, const Tensor* t
         fail(at, "Convolution needs tensors that fit its latest forward call: one should be of shape ", shape, "and ",
              dtype_name(descriptor.dtype));
     }
+    check_operands(at, t);
 }
 
 void check_bias(const Where& at, const ConvolFields& descriptor, const Tensor* bias) {

@@ -11,6 +11,9 @@ namespace ornik {
 
 namespace {
 
+// Arithmetic with tensors and with scalars reports under one file name.
+constexpr const char* family = "src/tensor/tensor_math/tensor_arithmetic.cpp";
+
 using ScalarKernel = void (*)(const Tensor* a, const AnyScalar& scalar, Tensor* out);
 
 // A complex tensor never becomes real and a floating one never an integer.
@@ -23,6 +26,7 @@ void check_casting(const Where& at, const Tensor* self, std::int64_t r) {
 }
 
 Tensor* compute(const Where& at, Tensor* self, const AnyScalar& scalar, std::int64_t r, ScalarKernel kernel) {
+    check_operands(at, self);
     if (!self->isCPU()) {
         fail(at, "Tensors in different devices");
     }
@@ -34,8 +38,10 @@ Tensor* compute(const Where& at, Tensor* self, const AnyScalar& scalar, std::int
 
 // Computes in dtype r, then converts into self.
 void compute_in_place(const Where& at, Tensor* self, const AnyScalar& scalar, std::int64_t r, ScalarKernel kernel) {
+    check_writable(at, self);
     check_not_expanded(at, self);
     if (r == self->Dtype() && self->isCPU() && writes_safely(self, self)) {
+        announce_write(at, self);
         kernel(self, scalar, self);
         return;
     }
@@ -77,43 +83,43 @@ complex_scalar::complex<Part> own_complex(const std::complex<Part>& value) {
 
 template <typename T>
 Tensor* Tensor::add_scalar(T scalar) {
-    return new_result(where("ornik::Tensor::add_scalar"), this, AnyScalar(scalar), device::cpu::add_scalar);
+    return new_result(where("ornik::Tensor::add_scalar", family), this, AnyScalar(scalar), device::cpu::add_scalar);
 }
 
 template <typename T>
 Tensor* Tensor::sub_scalar(T scalar) {
-    return new_result(where("ornik::Tensor::sub_scalar"), this, AnyScalar(scalar), device::cpu::sub_scalar);
+    return new_result(where("ornik::Tensor::sub_scalar", family), this, AnyScalar(scalar), device::cpu::sub_scalar);
 }
 
 template <typename T>
 Tensor* Tensor::mult_scalar(T scalar) {
-    return new_result(where("ornik::Tensor::mult_scalar"), this, AnyScalar(scalar), device::cpu::mult_scalar);
+    return new_result(where("ornik::Tensor::mult_scalar", family), this, AnyScalar(scalar), device::cpu::mult_scalar);
 }
 
 template <typename T>
 Tensor* Tensor::div_scalar(T scalar) {
-    return compute(where("ornik::Tensor::div_scalar"), this, AnyScalar(scalar), promotion::quotient_with_scalar(dtype_),
-                   device::cpu::div_scalar);
+    return compute(where("ornik::Tensor::div_scalar", family), this, AnyScalar(scalar),
+                   promotion::quotient_with_scalar(dtype_), device::cpu::div_scalar);
 }
 
 template <typename T>
 void Tensor::add_scalar_inplace(T scalar) {
-    in_place(where("ornik::Tensor::add_scalar_inplace"), this, AnyScalar(scalar), device::cpu::add_scalar);
+    in_place(where("ornik::Tensor::add_scalar_inplace", family), this, AnyScalar(scalar), device::cpu::add_scalar);
 }
 
 template <typename T>
 void Tensor::sub_scalar_inplace(T scalar) {
-    in_place(where("ornik::Tensor::sub_scalar_inplace"), this, AnyScalar(scalar), device::cpu::sub_scalar);
+    in_place(where("ornik::Tensor::sub_scalar_inplace", family), this, AnyScalar(scalar), device::cpu::sub_scalar);
 }
 
 template <typename T>
 void Tensor::mult_scalar_inplace(T scalar) {
-    in_place(where("ornik::Tensor::mult_scalar_inplace"), this, AnyScalar(scalar), device::cpu::mult_scalar);
+    in_place(where("ornik::Tensor::mult_scalar_inplace", family), this, AnyScalar(scalar), device::cpu::mult_scalar);
 }
 
 template <typename T>
 void Tensor::div_scalar_inplace(T scalar) {
-    divide_in_place(where("ornik::Tensor::div_scalar_inplace"), this, AnyScalar(scalar));
+    divide_in_place(where("ornik::Tensor::div_scalar_inplace", family), this, AnyScalar(scalar));
 }
 
 template <typename C>

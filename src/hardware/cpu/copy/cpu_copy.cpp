@@ -6,17 +6,12 @@
 #include "hardware/cpu/copy/item_bytes.h"
 #include "hardware/cpu/dispatch.h"
 #include "hardware/parallel.h"
-#include "tensor/geometry.h"
 
 namespace ornik::device::cpu {
 
 namespace {
 
 constexpr std::int64_t grain_bytes = 1 << 18;
-
-bool is_flat(const Tensor* t) {
-    return t->is_contiguous() && checked_numel(where("ornik::device::cpu::copy"), t->Shape()) == t->Size();
-}
 
 MultiTensorIterationHelper elements_of(const Tensor* in, Tensor* out) {
     MultiTensorIterationHelper elements;
@@ -47,7 +42,7 @@ void copy(const Tensor* in, Tensor* out) {
     }
     // The block copy serves the ranks that the engine serves, and no others.
     constexpr std::int32_t max_dims = OffsetCalculator_cpu<std::int64_t>::max_dims;
-    if (in->ndim() > max_dims || out->ndim() > max_dims || !is_flat(in) || !is_flat(out)) {
+    if (in->ndim() > max_dims || out->ndim() > max_dims || !in->is_contiguous() || !out->is_contiguous()) {
         copy_items(in, out);
         return;
     }
