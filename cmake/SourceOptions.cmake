@@ -10,15 +10,12 @@
 # All files that include the matrix library belong to the products: its inline functions are one symbol for
 # the whole library, and the linker keeps the code of whichever file it meets first.
 set(product_sources ${ornik_sources})
-list(FILTER product_sources INCLUDE REGEX "/cpu_(product_[a-z]+|eigh)\\.cpp$")
-# Row kernels, and the rows of exponentials in softmax, losses and layers, say fused() where one rounding is meant. Without
-# the flags that errno and traps would need, and with branches left to be turned into selections, their loops
+list(FILTER product_sources INCLUDE REGEX "/cpu_(product_[a-z]+|eigh_solver)\\.cpp$")
+# Row kernels, and the rows of exponentials in softmax, losses and layers, say fused() where one rounding is meant.
+# Without the flags that errno and traps would need, and with branches left to be turned into selections, their loops
 # become vector code. No complex arithmetic here.
 set(row_sources ${ornik_sources})
 list(FILTER row_sources INCLUDE REGEX "/cpu_(unary_real|unary_grad|binary_real|exp|attention|class_losses|losses|activation|recurrent)\\.cpp$")
-set_source_files_properties(${row_sources} PROPERTIES
-  COMPILE_OPTIONS "$<$<CXX_COMPILER_ID:GNU,Clang>:-fno-math-errno;-fno-trapping-math>;$<$<CXX_COMPILER_ID:GNU>:-fno-thread-jumps>")
-
 set(other_sources ${ornik_sources})
 list(REMOVE_ITEM other_sources ${product_sources} ${row_sources})
 

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "functional/embedding_passes.h"
+#include "tensor/checks.h"
 
 namespace ornik {
 
