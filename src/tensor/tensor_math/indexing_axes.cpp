@@ -73,7 +73,7 @@ class Indices {
         for (const Tensor* index : indices) {
             const std::size_t wide = index != nullptr && index->isBool() ? index->Shape().size() : 1;
             if (axis + wide > shape.size()) {
-                fail(at, "Too many indices for a shape of ", shape);
+                fail(ErrorKind::index, at, "Too many indices for a shape of ", shape);
             }
             if (index != nullptr && index->isBool()) {
                 add_mask(at, shape, index, axis, positions);
@@ -135,7 +135,7 @@ class Indices {
 void check_mask(const Where& at, const Tensor* mask) {
     check_cpu(at, mask);
     if (!mask->isBool()) {
-        fail(at, "Mask should be a bool tensor");
+        fail(ErrorKind::dtype, at, "Mask should be a bool tensor");
     }
 }
 
@@ -156,7 +156,7 @@ void index_put_(Tensor* x, const std::vector<Tensor*>& indices, Tensor* values, 
     check_not_expanded(at, x);
     const Indices checked(at, x->Shape(), indices);
     if (!Tensor::sameDtype(x, values)) {
-        fail(at, "Not same data type");
+        fail(ErrorKind::dtype, at, "Not same data type");
     }
     const TensorResult expanded(Tensor::broadcast_to(values, checked.selected_shape()));
     const TensorResult source = row_major_copy(expanded.get());

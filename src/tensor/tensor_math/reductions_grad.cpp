@@ -20,7 +20,7 @@ class Gradient {
         check_cpu(at, grad, x);
         check_dtype(at, serves_complex ? is_float_or_complex(x) : x->isFloat());
         if (grad->Dtype() != grad_dtype(x->Dtype())) {
-            fail(at, "Not same data type");
+            fail(ErrorKind::dtype, at, "Not same data type");
         }
         axes_ = reduce_axes(at, axes, x->ndim());
         grad_ = expanded_over(at, grad, x->Shape(), axes_, keep_dims);
