@@ -284,6 +284,11 @@ TEST(State, RefusedUpdatesChangeNothing) {
     Tensor unbound;
     unbound.updateShape({5});
     EXPECT_EQ(unbound.Shape(), Dims{5});
+    expect_error(
+        [&] {
+            unbound.updateStrides({2, 1});
+        },
+        "Strides ( 2, 1 ) do not fit shape ( 5 ) ", "ornik::Tensor::updateStrides", state_file);
 }
 
 TEST(State, InitialisersAcceptZeroExtents) {
