@@ -102,7 +102,7 @@ class ORNIK_API Tensor {
     bool isFloat() const { return is_dtype_class(dtype_, DtypeClass::floating); }
     bool isFloatingType() const { return isFloat(); }
     bool isComplexType() const { return is_dtype_class(dtype_, DtypeClass::complex); }
-    static bool sameDtype(const Tensor* a, const Tensor* b) { return a->dtype_ == b->dtype_; }
+    static bool sameDtype(const Tensor* a, const Tensor* b);
 
     bool isCPU() const { return device_ == 0; }
     bool isGPU() const { return getDeviceID(device_) == 1; }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cassert>
 
+#include "tensor/checks.h"
 #include "tensor/geometry.h"
 
 namespace ornik {
@@ -10,6 +11,7 @@ namespace ornik {
 namespace {
 
 TensorIterationHelper describe(const Tensor* tensor) {
+    check_given(where("ornik::MultiTensorIterationHelper"), tensor);
     TensorIterationHelper helper;
     helper.tensor = tensor;
     std::uint32_t numel = 1;
@@ -65,6 +67,7 @@ void MultiTensorIterationHelper::build() {
             if (!helper.tensor->is_dense()) {
                 fail(at, "Not dense layout of an operand for MultiTensorIterationHelper.");
             }
+            check_operands(at, helper.tensor);
         }
     }
     numel_ = (input_helpers_.empty() ? output_helpers_ : input_helpers_).front().tensor->Size();

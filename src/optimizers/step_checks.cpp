@@ -11,6 +11,10 @@ void check_step(const Where& at, const std::string& name, const Tensor* param, c
     std::vector<const Tensor*> others = states;
     others.insert(others.end(), idle.begin(), idle.end());
     others.push_back(grad);
+    check_operands(at, param);
+    for (const Tensor* t : others) {
+        check_operands(at, t);
+    }
     for (const Tensor* t : others) {
         if (t->Device() != param->Device()) {
             fail(at, "Not same device of inputs for '", name, "'. ");
@@ -33,6 +37,7 @@ void check_step(const Where& at, const std::string& name, const Tensor* param, c
     written.push_back(param);
     for (std::size_t i = 0; i < written.size(); ++i) {
         check_not_expanded(at, written[i]);
+        check_writable(at, written[i]);
         bool overlaps = memory_overlap(written[i], grad) != Overlap::none;
         for (std::size_t j = 0; j < i; ++j) {
             overlaps = overlaps || memory_overlap(written[i], written[j]) != Overlap::none;

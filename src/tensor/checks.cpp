@@ -2,6 +2,24 @@
 
 namespace ornik {
 
+void detail::refuse_operand(const Where& at, const Tensor* t) {
+    if (t == nullptr) {
+        fail(at, "An operand is null, a tensor is needed.");
+    }
+    if (!t->is_dense()) {
+        fail(at, "An operand of shape ", t->Shape(), "is not dense (layout code ", t->Layout(),
+             "), a dense tensor is needed.");
+    }
+    fail(at, "An operand of shape ", t->Shape(), "has no storage, a tensor with elements is needed.");
+}
+
+void detail::refuse_output(const Where& at, const Tensor* t) {
+    if (!has_elements(t)) {
+        refuse_operand(at, t);
+    }
+    fail(at, "A tensor of shape ", t->Shape(), "is to be written, but its storage is read-only.");
+}
+
 void check_not_expanded(const Where& at, const Tensor* out) {
     for (std::size_t i = 0; i < out->Shape().size(); ++i) {
         if (out->Shape()[i] > 1 && out->Strides()[i] == 0) {

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "hardware/parallel.h"
+#include "tensor/checks.h"
 #include "tensor/geometry.h"
 #include "utils/utils.h"
 
@@ -24,6 +25,7 @@ Tensor::Tensor(const Dims& shape, const void* data, std::int32_t packed, void* n
 }
 
 Tensor::Tensor(const Dims& shape, const Tensor* other) {
+    check_given(where("ornik::Tensor::Tensor"), other);
     construct(shape, static_cast<std::int32_t>(other->device_), nullptr, nullptr);
 }
 
@@ -81,6 +83,11 @@ void Tensor::deleteData() {
 }
 
 bool Tensor::is_contiguous() const { return is_dense() && is_row_major(shape_, strides_, size_); }
+
+bool Tensor::sameDtype(const Tensor* a, const Tensor* b) {
+    check_given(where("ornik::Tensor::sameDtype"), a, b);
+    return a->dtype_ == b->dtype_;
+}
 
 std::int64_t Tensor::getDeviceID(std::int64_t code) {
     if (code < 0) {

@@ -1,10 +1,11 @@
 // tensor_core.cpp: conversion between dtypes and copies between tensors.
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
 
 #include "hardware/cpu/copy/cpu_core.h"
 #include "tensor/borrowed.h"
 #include "tensor/broadcast.h"
+#include "tensor/checks.h"
 #include "tensor/geometry.h"
 #include "tensor/overlap.h"
 #include "tensor/tensor.h"
@@ -69,6 +70,7 @@ Tensor* Tensor::toDtype(std::int64_t dtype, bool copy) {
 
 void Tensor::CopyToTargetWithDtype(Tensor* target, std::int64_t dtype, bool copy_flag) {
     const Where at = where("ornik::Tensor::CopyToTargetWithDtype");
+    check_given(at, target);
     if (!is_valid_dtype(dtype)) {
         fail(at, "Not valid data type.");
     }
@@ -82,6 +84,8 @@ void Tensor::CopyToTargetWithDtype(Tensor* target, std::int64_t dtype, bool copy
         fail(at, "Tensors with different size : A", shape_, "B:", target->shape_);
     }
     if (isCPU()) {
+        check_operands(at, this);
+        announce_write(at, target);
         device::cpu::copy(this, target);
     }
 }
@@ -96,6 +100,9 @@ Tensor* Tensor::clone() const {
 }
 
 void Tensor::copy_from_(Tensor* src) {
+    const Where at = where("ornik::Tensor::copy_from_");
+    check_operands(at, src);
+    check_writable(at, this);
     const Borrowed converted = Borrowed::of_dtype(src, dtype_);
     if (converted->shape_ == shape_) {
         copy_tensor(converted.get(), this);
@@ -107,6 +114,7 @@ void Tensor::copy_from_(Tensor* src) {
 
 void copy_tensor(const Tensor* A, Tensor* B) {
     const Where at = where("ornik::copy_tensor");
+    check_given(at, A, B);
     switch (memory_overlap(A, B)) {
         case Overlap::same:
             return;
@@ -128,6 +136,8 @@ void copy_tensor(const Tensor* A, Tensor* B) {
         std::printf("(%d %d)\n", static_cast<int>(A->Device()), static_cast<int>(B->Device()));
         fail(at, "unsupported copy between devices");
     }
+    check_operands(at, A);
+    announce_write(at, B);
     if (!B->Shape().empty() || A->Size() == B->Size()) {
         device::cpu::copy(A, B);
         return;
@@ -150,10 +160,15 @@ void tensorT::Tensor_Meta::convert_dtype_and_copy_data(const void* src, std::int
     }
     Tensor source;
     source.initialize_none_tensor(shape_, src_dtype, device_, layout::dense);
+    if (src == nullptr && source.Size() != 0) {
+        fail(at, "Tensor_Meta needs elements to copy.");
+    }
     Tensor target;
     target.init_none_tensor_with_shared_storage(shape_, stride_, dtype_, device_, storage_, layout::dense,
                                                 storage_offset_);
-    std::memcpy(source.getRawData(), src, static_cast<std::size_t>(source.Size() * source.itemsize()));
+    announce_write(at, &target);
+    std::copy_n(static_cast<const char*>(src), source.Size() * source.itemsize(),
+                static_cast<char*>(source.getRawData()));
     device::cpu::copy(&source, &target);
 }
 

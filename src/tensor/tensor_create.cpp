@@ -3,6 +3,7 @@
 
 #include "hardware/cpu/copy/cpu_core.h"
 #include "hardware/cpu/copy/element_convert.h"
+#include "tensor/checks.h"
 #include "tensor/tensor.h"
 #include "utils/utils.h"
 
@@ -50,7 +51,9 @@ Tensor* Tensor::empty(const Dims& shape, std::int64_t device, std::int64_t dtype
 }
 
 Tensor* Tensor::empty_like(const Tensor* t) {
-    return make(where("ornik::Tensor::empty_like"), t->shape_, t->device_, t->dtype_).release();
+    const Where at = where("ornik::Tensor::empty_like");
+    check_given(at, t);
+    return make(at, t->shape_, t->device_, t->dtype_).release();
 }
 
 Tensor* Tensor::empty_with_dtype_and_dev(const Dims& shape, std::int32_t packed) { return new Tensor(shape, packed); }
@@ -81,7 +84,9 @@ Tensor* Tensor::zeros(const Dims& shape, std::int64_t device, std::int64_t dtype
 }
 
 Tensor* Tensor::zeros_like(const Tensor* t) {
-    return make_filled(where("ornik::Tensor::zeros_like"), t->shape_, 0.0F, t->device_, t->dtype_).release();
+    const Where at = where("ornik::Tensor::zeros_like");
+    check_given(at, t);
+    return make_filled(at, t->shape_, 0.0F, t->device_, t->dtype_).release();
 }
 
 Tensor* Tensor::zeros_with_tensor_options(const TensorToptions& options) {
@@ -115,7 +120,9 @@ void Tensor::fill_(double value) { fill_with_(value); }
 
 template <typename T>
 void Tensor::fill_with_(T value) {
-    check_fill_value<T>(where("ornik::Tensor::fill_with_"), dtype_);
+    const Where at = where("ornik::Tensor::fill_with_");
+    check_fill_value<T>(at, dtype_);
+    announce_write(at, this);
     device::cpu::fill(this, value);
 }
 

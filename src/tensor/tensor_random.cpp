@@ -47,6 +47,7 @@ void check_fillable(const Where& at, const Tensor* self) {
         refuse_gpu();
     }
     check_not_expanded(at, self);
+    announce_write(at, self);
 }
 
 // Calls draw(source, contiguous tensor); elements are drawn in row-major order under any strides.
@@ -177,6 +178,7 @@ Tensor* Tensor::dropout_mask(const Dims& shape, double p, std::int64_t device, s
 
 Tensor* Tensor::bernoulli(Tensor* probs) {
     const Where at = where("ornik::Tensor::bernoulli");
+    check_operands(at, probs);
     if (!probs->isFloat()) {
         fail(at, "bernoulli's probs only support float as dtype.");
     }
@@ -193,6 +195,7 @@ Tensor* Tensor::bernoulli(Tensor* probs) {
 
 Tensor* Tensor::binomial(Tensor* total_count, Tensor* probs) {
     const Where at = where("ornik::Tensor::binomial");
+    check_operands(at, total_count, probs);
     if (probs->isGPU()) {
         fail(at, "binomial not compiled for gpu.");
     }
@@ -223,6 +226,7 @@ Tensor* Tensor::binomial(Tensor* total_count, Tensor* probs) {
 
 Tensor* Tensor::multinomial(Tensor* probs, std::int64_t num_samples, bool replacement) {
     const Where at = where("ornik::Tensor::multinomial");
+    check_operands(at, probs);
     if (probs->ndim_ != 1 && probs->ndim_ != 2) {
         fail(at, "Multinomial input should be 1 dim or 2 dim.");
     }

@@ -86,7 +86,7 @@ AxisSelection list_of(Dims positions) {
 }
 
 // Writes `value`, of the selection's shape, into the selected elements of t.
-void write_selected(Tensor* t, const Selection& selection, const Tensor* value) {
+void write_selected(const Where& at, Tensor* t, const Selection& selection, const Tensor* value) {
     if (is_regular(selection)) {
         copy_tensor(value, selected_view(t, selection).get());
         return;
@@ -106,6 +106,7 @@ void write_selected(Tensor* t, const Selection& selection, const Tensor* value) 
         from.back() = list_of(std::move(last_places));
         axis = list_of(unique.positions);
     }
+    announce_write(at, t);
     device::cpu::scatter_positions(value, from, to, t);
 }
 
@@ -113,6 +114,7 @@ void write_selected(Tensor* t, const Selection& selection, const Tensor* value) 
 // leaves out have extent 1 in the selection and may be missing in the value.
 void set_selected(const Where& at, Tensor* t, const Selection& selection, const std::vector<bool>& keep,
                   Tensor* value) {
+    check_operands(at, t, value);
     if (value->Device() != t->Device()) {
         fail(at, "set select ndim input tensor should on same device.");
     }
@@ -132,6 +134,7 @@ void set_selected(const Where& at, Tensor* t, const Selection& selection, const 
     if (!fits_kept && !fits(whole)) {
         fail(at, "Incompatible dims for select_index()");
     }
+    check_writable(at, t);
     const Borrowed converted = Borrowed::of_dtype(value, t->Dtype());
     std::unique_ptr<Tensor> apart;
     if (memory_overlap(converted.get(), t) != Overlap::none) {
@@ -140,7 +143,7 @@ void set_selected(const Where& at, Tensor* t, const Selection& selection, const 
     const std::unique_ptr<Tensor> spread(
         Tensor::broadcast_to(apart ? apart.get() : converted.get(), fits_kept ? kept : whole));
     if (!fits_kept) {
-        write_selected(t, selection, spread.get());
+        write_selected(at, t, selection, spread.get());
         return;
     }
     Dims strides;
@@ -149,7 +152,7 @@ void set_selected(const Where& at, Tensor* t, const Selection& selection, const 
     }
     const std::unique_ptr<Tensor> aligned(
         share_storage_tensor(spread->getStorage(), whole, strides, spread->Dtype(), spread->StorageOffset()));
-    write_selected(t, selection, aligned.get());
+    write_selected(at, t, selection, aligned.get());
 }
 
 // The gradient of a selection as a contiguous tensor of the selection's shape, and the selection without repeated
@@ -175,12 +178,14 @@ std::unique_ptr<Tensor> fold_repeats(const Tensor* grad, Selection& selection) {
 }  // namespace
 
 Tensor* Tensor::select(const std::vector<std::string>& items) const {
+    check_operands(where("ornik::Tensor::select"), this);
     SelDescriptor descriptor(items);
     descriptor.build(shape_);
     return gathered(this, descriptor.selection()).release();
 }
 
 Tensor* Tensor::select_ndim(const std::vector<std::string>& items) const {
+    check_operands(where("ornik::Tensor::select_ndim"), this);
     SelDescriptorV2 descriptor(items);
     descriptor.build(shape_);
     std::unique_ptr<Tensor> result = gathered(this, descriptor.selection());
@@ -201,6 +206,7 @@ Tensor* Tensor::select_ndim_without_copy(const std::vector<std::string>& items) 
 }
 
 Tensor* Tensor::select_ndim_grad(const Tensor* grad, const std::vector<std::string>& items) const {
+    check_operands(where("ornik::Tensor::select_ndim_grad"), grad);
     SelDescriptorV2 descriptor(items);
     descriptor.build(shape_, grad->Shape());
     Selection selection = descriptor.selection();
@@ -225,17 +231,20 @@ void Tensor::set_select_ndim(Tensor* value, const std::vector<std::string>& item
 
 void Tensor::set_select_ndim_grad(Tensor* grad, const std::vector<std::string>& items) {
     const Where at = where("ornik::Tensor::set_select_ndim_grad");
+    check_operands(at, this, grad);
     SelDescriptorV2 descriptor(items);
     descriptor.build(shape_, grad->Shape());
     if (grad->Device() != device_) {
         fail(at, "set select ndim input tensor should on same device.");
     }
     check_not_expanded(at, this);
+    check_writable(at, this);
     Selection selection = descriptor.selection();
     const Borrowed converted = Borrowed::of_dtype(grad, dtype_);
     const std::unique_ptr<Tensor> folded = fold_repeats(converted.get(), selection);
     const std::unique_ptr<Tensor> old = gathered(this, selection);
     old->add_tensor_inplace(folded.get());
+    announce_write(at, this);
     device::cpu::cpu_select_ndim_backward(old.get(), selection, this);
 }
 

@@ -4,6 +4,7 @@
 
 #include "hardware/cpu/copy/cpu_core.h"
 #include "tensor/borrowed.h"
+#include "tensor/checks.h"
 #include "tensor/tensor.h"
 #include "utils/utils.h"
 
@@ -60,6 +61,7 @@ std::unique_ptr<Tensor> build_linspace(const Where& at, float start, float end, 
 }
 
 std::unique_ptr<Tensor> build_triangle(const Where& at, const Tensor* t, std::int64_t k, bool lower) {
+    check_operands(at, t);
     if (t->ndim() < 2) {
         fail(at, "input should be at least 2d");
     }

@@ -8,6 +8,7 @@
 
 #include "hardware/cpu/index/cpu_indexing.h"
 #include "tensor/broadcast.h"
+#include "tensor/checks.h"
 #include "tensor/geometry.h"
 #include "utils/shape_rules.h"
 #include "utils/utils.h"
@@ -42,6 +43,7 @@ std::unique_ptr<Tensor> expanded_view(const Tensor* t, const Dims& shape) {
 }  // namespace
 
 std::vector<Tensor*> Tensor::broadcast(const Tensor* a, const Tensor* b) {
+    check_given(where("ornik::Tensor::broadcast"), a, b);
     const Dims shape = infer_size_impl(a->Shape(), b->Shape());
     std::unique_ptr<Tensor> view_a = expanded_view(a, shape);
     std::unique_ptr<Tensor> view_b = expanded_view(b, shape);
@@ -52,6 +54,7 @@ std::vector<Tensor*> Tensor::broadcast(const Tensor* a, const Tensor* b) {
 }
 
 Tensor* Tensor::broadcast_to(const Tensor* t, const Dims& shape) {
+    check_given(where("ornik::Tensor::broadcast_to"), t);
     just_if_broadcastable(t->Shape(), shape);
     return expanded_view(t, shape).release();
 }
@@ -88,6 +91,7 @@ std::unique_ptr<Tensor> elements_for(const Where& at, const Tensor* t, const Dim
 }  // namespace
 
 Tensor* view_tensor(const Tensor* t, const Dims& shape) {
+    check_given(where("ornik::view_tensor"), t);
     const Dims strides = view_strides(t->Shape(), t->Strides(), t->Size(), shape);
     if (strides.empty()) {
         fail(where("ornik::view_tensor"), "Can not view this tensor.");
@@ -96,6 +100,7 @@ Tensor* view_tensor(const Tensor* t, const Dims& shape) {
 }
 
 Tensor* view(const Tensor* t, const Dims& shape) {
+    check_given(where("ornik::view"), t);
     std::unique_ptr<Tensor> result = view_or_null(t, shape);
     if (!result) {
         fail(where("ornik::view"),
@@ -106,6 +111,7 @@ Tensor* view(const Tensor* t, const Dims& shape) {
 }
 
 Tensor* reshape(const Tensor* t, const Dims& shape) {
+    check_given(where("ornik::reshape"), t);
     std::unique_ptr<Tensor> result = view_or_null(t, shape);
     if (!result) {
         result.reset(t->clone());
@@ -114,7 +120,10 @@ Tensor* reshape(const Tensor* t, const Dims& shape) {
     return result.release();
 }
 
-Tensor* reshape_copy(const Tensor* t, const Dims& shape) { return t->reshape_copy(shape); }
+Tensor* reshape_copy(const Tensor* t, const Dims& shape) {
+    check_given(where("ornik::reshape_copy"), t);
+    return t->reshape_copy(shape);
+}
 
 Tensor* Tensor::view(const Dims& shape) const { return ornik::view(this, infer_final_reshape(shape, shape_, size_)); }
 
@@ -175,6 +184,7 @@ void Tensor::flatten_() { reshape_({-1}); }
 
 Tensor* permute(const Tensor* t, const std::vector<int>& dims) {
     const Where at = where("ornik::permute");
+    check_given(at, t);
     const auto rank = static_cast<std::size_t>(t->ndim());
     if (dims.size() != rank) {
         fail(at, "permute size ", dims.size(), " not equal to tensor shape ", rank);
@@ -297,6 +307,7 @@ Tensor* Tensor::unsqueeze(int axis) const {
 }
 
 Tensor* view_as_real(const Tensor* t) {
+    check_given(where("ornik::view_as_real"), t);
     if (!t->isComplexType()) {
         fail(where("ornik::view_as_real"), "'view_as_real' only supports complex.");
     }
@@ -313,6 +324,7 @@ Tensor* view_as_real(const Tensor* t) {
 
 Tensor* view_as_complex(const Tensor* t) {
     const Where at = where("ornik::view_as_complex");
+    check_given(at, t);
     if (!t->isFloatingType()) {
         fail(at, "'view_as_complex' only supports float32 and float64.");
     }
@@ -522,7 +534,9 @@ Dims checked_tile_shape(const Where& at, const Dims& shape, const std::vector<in
 }  // namespace
 
 Tensor* tile(const Tensor* t, const std::vector<int>& reps) {
-    const Dims shape = checked_tile_shape(where("ornik::tile"), t->Shape(), reps);
+    const Where at = where("ornik::tile");
+    check_operands(at, t);
+    const Dims shape = checked_tile_shape(at, t->Shape(), reps);
     std::unique_ptr<Tensor> result(Tensor::empty(shape, t->Device(), t->Dtype()));
     const TileAxes axes(t->Shape(), t->Strides(), reps);
     copy_tensor(share(t, axes.shape, axes.strides).get(),
@@ -532,6 +546,7 @@ Tensor* tile(const Tensor* t, const std::vector<int>& reps) {
 
 Tensor* TileGrad(const Tensor* grad, const Dims& input_shape, const std::vector<int>& reps) {
     const Where at = where("ornik::TileGrad");
+    check_operands(at, grad);
     const Dims tiled = checked_tile_shape(at, input_shape, reps);
     if (grad->Shape() != tiled) {
         fail(at, "TileGrad needs a gradient of the tiled shape: gradient ", grad->Shape(), ", tiled ", tiled);
@@ -567,8 +582,10 @@ void check_rank(const Where& at, const Dims& shape, std::size_t rank) {
 }  // namespace
 
 Tensor* permute_12_reshape_b_n_embed_dims(const Tensor* x) {
+    const Where at = where("ornik::permute_12_reshape_b_n_embed_dims");
+    check_operands(at, x);
     const Dims& shape = x->Shape();
-    check_rank(where("ornik::permute_12_reshape_b_n_embed_dims"), shape, 4);
+    check_rank(at, shape, 4);
     const std::unique_ptr<Tensor> tokens_first(x->permute({0, 2, 1, 3}));
     std::unique_ptr<Tensor> merged(tokens_first->clone());
     merged->reshape_({shape[0], shape[2], shape[1] * shape[3]});
@@ -577,6 +594,7 @@ Tensor* permute_12_reshape_b_n_embed_dims(const Tensor* x) {
 
 Tensor* permute_12_reshape_b_n_embed_dims_grad(const Tensor* grad, const Dims& input_shape) {
     const Where at = where("ornik::permute_12_reshape_b_n_embed_dims_grad");
+    check_operands(at, grad);
     check_rank(at, input_shape, 4);
     const Dims merged{input_shape[0], input_shape[2], input_shape[1] * input_shape[3]};
     if (grad->Shape() != merged) {
@@ -606,6 +624,7 @@ void check_part(const Where& at, int parts, int index) {
 
 Tensor* reshape_permute_select(const Tensor* x, int heads, int parts, int index) {
     const Where at = where("ornik::reshape_permute_select");
+    check_operands(at, x);
     check_rank(at, x->Shape(), 3);
     check_part(at, parts, index);
     if (heads < 1 || x->Shape()[2] % (std::int64_t{heads} * parts) != 0) {
@@ -616,6 +635,7 @@ Tensor* reshape_permute_select(const Tensor* x, int heads, int parts, int index)
 
 Tensor* reshape_permute_select_grad(const Tensor* grad, int parts, int index) {
     const Where at = where("ornik::reshape_permute_select_grad");
+    check_operands(at, grad);
     const Dims& shape = grad->Shape();
     check_rank(at, shape, 4);
     check_part(at, parts, index);

@@ -1,6 +1,7 @@
 // tensor_utils.cpp: the strict axis rule, and the front ends of the eigen-decomposition.
 #include "hardware/cpu/linear_algebra/cpu_eigh.h"
 #include "tensor/borrowed.h"
+#include "tensor/checks.h"
 #include "tensor/make_tensor.h"
 #include "tensor/tensor_math/linear_algebra.h"
 #include "utils/utils.h"
@@ -28,6 +29,7 @@ Dims values_shape(const Tensor* x) { return {x->Shape().begin(), x->Shape().end(
 
 // Everything that can be refused without looking at elements.
 void check_matrices(const Where& at, const char* name, const Tensor* x) {
+    check_given(at, x);
     if (x->Dtype() < dtype::float32) {
         fail(at, "'", name, "' only supports float or complex.");
     }

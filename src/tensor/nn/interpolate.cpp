@@ -2,6 +2,7 @@
 
 #include "hardware/cpu/nn/cpu_interpolate.h"
 #include "tensor/borrowed.h"
+#include "tensor/checks.h"
 
 namespace ornik {
 
@@ -12,6 +13,7 @@ void check_images(const Where& at, const Tensor* images) {
         fail(at, "Interpolation needs images [batch, channels, rows, cols], however they are ",
              images == nullptr ? Dims{} : images->Shape());
     }
+    check_operands(at, images);
     if (!images->isFloat()) {
         fail(at, "Not valid dtype for this function.");
     }

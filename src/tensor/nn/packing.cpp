@@ -6,6 +6,7 @@
 
 #include "hardware/cpu/nn/cpu_packing.h"
 #include "tensor/borrowed.h"
+#include "tensor/checks.h"
 
 namespace ornik {
 
@@ -18,6 +19,7 @@ std::unique_ptr<Tensor> pack(const Where& at, Tensor* padded, const Packing& pac
         fail(at, "These sequences are padded to [", batch, ", ", packing.steps(), " or more, ...], however they are ",
              padded == nullptr ? Dims{} : padded->Shape());
     }
+    check_operands(at, padded);
     Dims shape(padded->Shape().begin() + 1, padded->Shape().end());
     shape[0] = packing.entries();
     std::unique_ptr<Tensor> packed(Tensor::empty(shape, padded->Device(), padded->Dtype()));
@@ -31,6 +33,7 @@ std::unique_ptr<Tensor> unpack(const Where& at, Tensor* packed, const Packing& p
         fail(at, "These sequences are packed to [", packing.entries(), ", ...], however they are ",
              packed == nullptr ? Dims{} : packed->Shape());
     }
+    check_operands(at, packed);
     if (steps < packing.steps()) {
         fail(at, "Sequences of up to ", packing.steps(), " steps do not fit into ", steps);
     }

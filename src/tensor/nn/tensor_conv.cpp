@@ -2,6 +2,7 @@
 
 #include "hardware/cpu/nn/cpu_conv.h"
 #include "tensor/borrowed.h"
+#include "tensor/checks.h"
 
 namespace ornik {
 
@@ -49,6 +50,7 @@ void check_fits(const Where& at, const ConvolFields& descriptor, const Tensor* t
         fail(at, "Convolution needs tensors that fit its latest forward call: one should be of shape ", shape, "and ",
              dtype_name(descriptor.dtype));
     }
+    check_operands(at, t);
 }
 
 void check_bias(const Where& at, const ConvolFields& descriptor, const Tensor* bias) {

@@ -114,7 +114,7 @@ class Indices {
   private:
     static void add_mask(const Where& at, const Dims& shape, const Tensor* mask, std::size_t axis,
                          std::vector<TensorResult>& positions) {
-        check_cpu(mask);
+        check_cpu(at, mask);
         if (mask->Shape().empty() || !std::equal(mask->Shape().begin(), mask->Shape().end(),
                                                  shape.begin() + static_cast<std::ptrdiff_t>(axis))) {
             fail(at, "A mask of shape ", mask->Shape(), "does not fit axis ", axis, " of a shape of ", shape);
@@ -133,7 +133,7 @@ class Indices {
 };
 
 void check_mask(const Where& at, const Tensor* mask) {
-    check_cpu(mask);
+    check_cpu(at, mask);
     if (!mask->isBool()) {
         fail(at, "Mask should be a bool tensor");
     }
@@ -142,8 +142,9 @@ void check_mask(const Where& at, const Tensor* mask) {
 }  // namespace
 
 Tensor* index_get(Tensor* x, const std::vector<Tensor*>& indices) {
-    check_cpu(x);
-    const Indices checked(where("ornik::index_get"), x->Shape(), indices);
+    const Where at = where("ornik::index_get");
+    check_cpu(at, x);
+    const Indices checked(at, x->Shape(), indices);
     TensorResult result = new_result(checked.selected_shape(), x->Dtype());
     device::cpu::take_slices(checked.walk(x, result.get()));
     return result.release();
@@ -151,8 +152,7 @@ Tensor* index_get(Tensor* x, const std::vector<Tensor*>& indices) {
 
 void index_put_(Tensor* x, const std::vector<Tensor*>& indices, Tensor* values, bool accumulate) {
     const Where at = where("ornik::index_put_");
-    check_cpu(x);
-    check_cpu(values);
+    check_cpu(at, x, values);
     check_not_expanded(at, x);
     const Indices checked(at, x->Shape(), indices);
     if (!Tensor::sameDtype(x, values)) {
@@ -160,12 +160,14 @@ void index_put_(Tensor* x, const std::vector<Tensor*>& indices, Tensor* values, 
     }
     const TensorResult expanded(Tensor::broadcast_to(values, checked.selected_shape()));
     const TensorResult source = row_major_copy(expanded.get());
-    device::cpu::put_slices(checked.walk(x, source.get()), accumulate);
+    const device::cpu::SliceWalk walk = checked.walk(x, source.get());
+    announce_write(at, x);
+    device::cpu::put_slices(walk, accumulate);
 }
 
 Tensor* index_get_grad(Tensor* grad, const Dims& shape, const std::vector<Tensor*>& indices) {
     const Where at = where("ornik::index_get_grad");
-    check_cpu(grad);
+    check_cpu(at, grad);
     check_dtype(at, is_float_or_complex(grad));
     const Indices checked(at, shape, indices);
     check_source(at, grad, grad, checked.selected_shape());
@@ -176,8 +178,9 @@ Tensor* index_get_grad(Tensor* grad, const Dims& shape, const std::vector<Tensor
 }
 
 Tensor* masked_select(Tensor* x, Tensor* mask) {
-    check_cpu(x);
-    check_mask(where("ornik::masked_select"), mask);
+    const Where at = where("ornik::masked_select");
+    check_cpu(at, x);
+    check_mask(at, mask);
     const Dims shape = infer_size_impl(x->Shape(), mask->Shape());
     const TensorResult whole_mask = truth_of(TensorResult(Tensor::broadcast_to(mask, shape)).get());
     TensorResult whole(Tensor::broadcast_to(x, shape));
@@ -192,7 +195,7 @@ Tensor* masked_select(Tensor* x, Tensor* mask) {
 
 Tensor* masked_select_grad(Tensor* grad, const Dims& shape, Tensor* mask) {
     const Where at = where("ornik::masked_select_grad");
-    check_cpu(grad);
+    check_cpu(at, grad);
     check_dtype(at, is_float_or_complex(grad));
     check_mask(at, mask);
     const Dims whole_shape = infer_size_impl(shape, mask->Shape());
@@ -220,7 +223,7 @@ Tensor* masked_select_grad(Tensor* grad, const Dims& shape, Tensor* mask) {
 }
 
 Tensor* nonzero(Tensor* x) {
-    check_cpu(x);
+    check_cpu(where("ornik::nonzero"), x);
     return coordinates(true_positions_of(x).get(), x->Shape()).release();
 }
 

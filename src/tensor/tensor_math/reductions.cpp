@@ -12,6 +12,8 @@ namespace ornik {
 
 namespace {
 
+constexpr std::int64_t norm_dtype(std::int64_t dtype) { return part_dtype(mean_dtype(dtype)); }
+
 constexpr double nan = std::numeric_limits<double>::quiet_NaN();
 
 using Kernel = void (*)(const ReduceDescriptor& plan, const Tensor* in, Tensor* out);
@@ -39,26 +41,26 @@ void check_some(const Where& at, const ReduceDescriptor& plan) {
 }
 
 template <typename T>
-Tensor* reduce_to(const Where& at, const Tensor* x, const std::vector<int>& axes, bool keep_dims, std::int64_t dtype,
+Tensor* reduce_to(const Where& at, const Tensor* x, const std::vector<int>& axes, bool keep_dims, DtypeRule dtype,
                   T of_nothing, Kernel kernel) {
-    check_cpu(x);
+    check_cpu(at, x);
     const ReduceDescriptor plan = plan_of(x, reduce_axes(at, axes, x->ndim()), keep_dims);
-    return reduced(plan, dtype, of_nothing, [&](Tensor* out) { kernel(plan, x, out); });
+    return reduced(plan, dtype(x->Dtype()), of_nothing, [&](Tensor* out) { kernel(plan, x, out); });
 }
 
 // Reductions of real numbers that need at least one of them.
-Tensor* reduce_order(const Where& at, const Tensor* x, const std::vector<int>& axes, bool keep_dims, std::int64_t dtype,
+Tensor* reduce_order(const Where& at, const Tensor* x, const std::vector<int>& axes, bool keep_dims, DtypeRule dtype,
                      ReduceOrder order, Kernel kernel) {
-    check_cpu(x);
+    check_cpu(at, x);
     check_dtype(at, is_real(x));
     const ReduceDescriptor plan = plan_of(x, reduce_axes(at, axes, x->ndim()), keep_dims, order);
     check_some(at, plan);
-    return reduced(plan, dtype, 0.0F, [&](Tensor* out) { kernel(plan, x, out); });
+    return reduced(plan, dtype(x->Dtype()), 0.0F, [&](Tensor* out) { kernel(plan, x, out); });
 }
 
 Tensor* variance(const Where& at, const Tensor* x, const std::vector<int>& axes, double correction, bool keep_dims,
                  bool root) {
-    check_cpu(x);
+    check_cpu(at, x);
     check_dtype(at, is_real(x));
     const ReduceDescriptor plan = plan_of(x, reduce_axes(at, axes, x->ndim()), keep_dims);
     return reduced(plan, mean_dtype(x->Dtype()), nan,
@@ -68,28 +70,28 @@ Tensor* variance(const Where& at, const Tensor* x, const std::vector<int>& axes,
 }  // namespace
 
 Tensor* sum(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce_to(where("ornik::sum"), x, axes, keep_dims, total_dtype(x->Dtype()), 0.0F, device::cpu::reduce_sum);
+    return reduce_to(where("ornik::sum"), x, axes, keep_dims, total_dtype, 0.0F, device::cpu::reduce_sum);
 }
 
 Tensor* prod(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce_to(where("ornik::prod"), x, axes, keep_dims, total_dtype(x->Dtype()), 1.0F, device::cpu::reduce_prod);
+    return reduce_to(where("ornik::prod"), x, axes, keep_dims, total_dtype, 1.0F, device::cpu::reduce_prod);
 }
 
 Tensor* mean(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce_to(where("ornik::mean"), x, axes, keep_dims, mean_dtype(x->Dtype()), nan, device::cpu::reduce_mean);
+    return reduce_to(where("ornik::mean"), x, axes, keep_dims, mean_dtype, nan, device::cpu::reduce_mean);
 }
 
 Tensor* l2_norm(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce_to(where("ornik::l2_norm"), x, axes, keep_dims, part_dtype(mean_dtype(x->Dtype())), 0.0F,
+    return reduce_to(where("ornik::l2_norm"), x, axes, keep_dims, norm_dtype, 0.0F,
                      device::cpu::reduce_l2_norm);
 }
 
 Tensor* any(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce_to(where("ornik::any"), x, axes, keep_dims, dtype::boolean, false, device::cpu::reduce_any);
+    return reduce_to(where("ornik::any"), x, axes, keep_dims, bool_dtype, false, device::cpu::reduce_any);
 }
 
 Tensor* all(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce_to(where("ornik::all"), x, axes, keep_dims, dtype::boolean, true, device::cpu::reduce_all);
+    return reduce_to(where("ornik::all"), x, axes, keep_dims, bool_dtype, true, device::cpu::reduce_all);
 }
 
 Tensor* var(Tensor* x, const std::vector<int>& axes, double correction, bool keep_dims) {
@@ -102,38 +104,39 @@ Tensor* std_dev(Tensor* x, const std::vector<int>& axes, double correction, bool
 
 Tensor* logsumexp(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
     const Where at = where("ornik::logsumexp");
+    check_cpu(at, x);
     check_dtype(at, x->isFloat());
-    return reduce_to(at, x, axes, keep_dims, x->Dtype(), -std::numeric_limits<double>::infinity(),
+    return reduce_to(at, x, axes, keep_dims, same_dtype, -std::numeric_limits<double>::infinity(),
                      device::cpu::reduce_log_sum_exp);
 }
 
 Tensor* trace(Tensor* x, std::int64_t offset, int dim1, int dim2) {
-    check_cpu(x);
+    check_cpu(where("ornik::trace"), x);
     const TensorResult diagonal(x->diagonal(offset, dim1, dim2));
     return sum(diagonal.get(), {-1}, false);
 }
 
 Tensor* max(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce_order(where("ornik::max"), x, axes, keep_dims, x->Dtype(), ReduceOrder::any, device::cpu::reduce_max);
+    return reduce_order(where("ornik::max"), x, axes, keep_dims, same_dtype, ReduceOrder::any, device::cpu::reduce_max);
 }
 
 Tensor* min(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce_order(where("ornik::min"), x, axes, keep_dims, x->Dtype(), ReduceOrder::any, device::cpu::reduce_min);
+    return reduce_order(where("ornik::min"), x, axes, keep_dims, same_dtype, ReduceOrder::any, device::cpu::reduce_min);
 }
 
 Tensor* argmax(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce_order(where("ornik::argmax"), x, axes, keep_dims, dtype::int64, ReduceOrder::row_major,
+    return reduce_order(where("ornik::argmax"), x, axes, keep_dims, position_dtype, ReduceOrder::row_major,
                         device::cpu::reduce_argmax);
 }
 
 Tensor* argmin(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce_order(where("ornik::argmin"), x, axes, keep_dims, dtype::int64, ReduceOrder::row_major,
+    return reduce_order(where("ornik::argmin"), x, axes, keep_dims, position_dtype, ReduceOrder::row_major,
                         device::cpu::reduce_argmin);
 }
 
 Tensor* median(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
     const Where at = where("ornik::median");
-    check_cpu(x);
+    check_cpu(at, x);
     check_dtype(at, is_real(x));
     const std::vector<int> wrapped = reduce_axes(at, axes, x->ndim());
     const ReduceDescriptor plan = plan_of(x, wrapped, keep_dims);

@@ -15,12 +15,11 @@ namespace {
 class Gradient {
   public:
     Gradient(const Where& at, const Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims,
-             bool serves_complex, std::int64_t grad_dtype)
+             bool serves_complex, DtypeRule grad_dtype = same_dtype)
         : x_(x) {
-        check_cpu(grad);
-        check_cpu(x);
+        check_cpu(at, grad, x);
         check_dtype(at, serves_complex ? is_float_or_complex(x) : x->isFloat());
-        if (grad->Dtype() != grad_dtype) {
+        if (grad->Dtype() != grad_dtype(x->Dtype())) {
             fail(at, "Not same data type");
         }
         axes_ = reduce_axes(at, axes, x->ndim());
@@ -73,16 +72,11 @@ class Gradient {
     std::vector<TensorResult> views_;
 };
 
-Gradient gradient_of(const Where& at, Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims,
-                     bool serves_complex) {
-    return {at, grad, x, axes, keep_dims, serves_complex, x->Dtype()};
-}
-
 using Reduction = Tensor* (*)(Tensor*, const std::vector<int>&, bool);
 
 Tensor* extreme_grad(const Where& at, Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims,
                      Reduction extreme) {
-    Gradient g = gradient_of(at, grad, x, axes, keep_dims, false);
+    Gradient g(at, grad, x, axes, keep_dims, false);
     return g.result([&](Tensor* out) {
         const TensorResult mark = new_result(x->Shape(), x->Dtype());
         device::cpu::mark_equal(x, g.of_x([&](Tensor* t) { return extreme(t, g.axes(), true); }), mark.get());
@@ -94,17 +88,17 @@ Tensor* extreme_grad(const Where& at, Tensor* grad, Tensor* x, const std::vector
 }  // namespace
 
 Tensor* sum_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    Gradient g = gradient_of(where("ornik::sum_grad"), grad, x, axes, keep_dims, true);
+    Gradient g(where("ornik::sum_grad"), grad, x, axes, keep_dims, true);
     return g.result([&](Tensor* out) { device::cpu::copy(g.grad(), out); });
 }
 
 Tensor* mean_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    Gradient g = gradient_of(where("ornik::mean_grad"), grad, x, axes, keep_dims, true);
+    Gradient g(where("ornik::mean_grad"), grad, x, axes, keep_dims, true);
     return g.result([&](Tensor* out) { device::cpu::scaled(g.grad(), 1.0 / static_cast<double>(g.count()), out); });
 }
 
 Tensor* prod_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    Gradient g = gradient_of(where("ornik::prod_grad"), grad, x, axes, keep_dims, true);
+    Gradient g(where("ornik::prod_grad"), grad, x, axes, keep_dims, true);
     return g.result([&](Tensor* out) {
         const TensorResult rows = reduced_axis_last(x, g.axes());
         const std::int64_t kept = rows->Shape()[0];
@@ -117,7 +111,7 @@ Tensor* prod_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool ke
 }
 
 Tensor* median_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    Gradient g = gradient_of(where("ornik::median_grad"), grad, x, axes, keep_dims, false);
+    Gradient g(where("ornik::median_grad"), grad, x, axes, keep_dims, false);
     return g.result([&](Tensor* out) {
         const TensorResult rows = reduced_axis_last(x, g.axes());
         const TensorResult gradients = row_major_copy(grad);
@@ -128,14 +122,14 @@ Tensor* median_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool 
 }
 
 Tensor* l2_norm_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    Gradient g(where("ornik::l2_norm_grad"), grad, x, axes, keep_dims, true, part_dtype(x->Dtype()));
+    Gradient g(where("ornik::l2_norm_grad"), grad, x, axes, keep_dims, true, part_dtype);
     return g.result([&](Tensor* out) {
         device::cpu::l2_norm_grad(g.grad(), x, g.of_x([&](Tensor* t) { return l2_norm(t, g.axes(), true); }), out);
     });
 }
 
 Tensor* var_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, double correction, bool keep_dims) {
-    Gradient g = gradient_of(where("ornik::var_grad"), grad, x, axes, keep_dims, false);
+    Gradient g(where("ornik::var_grad"), grad, x, axes, keep_dims, false);
     return g.result([&](Tensor* out) {
         const Tensor* middle = g.of_x([&](Tensor* t) { return mean(t, g.axes(), true); });
         device::cpu::var_grad(g.grad(), x, middle, 2.0 / (static_cast<double>(g.count()) - correction), out);
@@ -143,7 +137,7 @@ Tensor* var_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, double c
 }
 
 Tensor* std_dev_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, double correction, bool keep_dims) {
-    Gradient g = gradient_of(where("ornik::std_dev_grad"), grad, x, axes, keep_dims, false);
+    Gradient g(where("ornik::std_dev_grad"), grad, x, axes, keep_dims, false);
     return g.result([&](Tensor* out) {
         const Tensor* middle = g.of_x([&](Tensor* t) { return mean(t, g.axes(), true); });
         const Tensor* spread = g.of_x([&](Tensor* t) { return std_dev(t, g.axes(), correction, true); });
@@ -153,7 +147,7 @@ Tensor* std_dev_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, doub
 }
 
 Tensor* logsumexp_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    Gradient g = gradient_of(where("ornik::logsumexp_grad"), grad, x, axes, keep_dims, false);
+    Gradient g(where("ornik::logsumexp_grad"), grad, x, axes, keep_dims, false);
     return g.result([&](Tensor* out) {
         const Tensor* y = g.of_x([&](Tensor* t) { return logsumexp(t, g.axes(), true); });
         device::cpu::log_sum_exp_grad(g.grad(), x, y, out);
@@ -170,9 +164,9 @@ Tensor* min_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool kee
 
 Tensor* trace_grad(Tensor* grad, Tensor* x, std::int64_t offset, int dim1, int dim2) {
     const Where at = where("ornik::trace_grad");
-    check_cpu(x);
+    check_cpu(at, grad, x);
     const TensorResult source(x->diagonal(offset, dim1, dim2));
-    const Gradient g = gradient_of(at, grad, source.get(), {-1}, false, true);
+    const Gradient g(at, grad, source.get(), {-1}, false, true);
     TensorResult result = filled_result(x->Shape(), x->Dtype(), 0.0F);
     const TensorResult diagonal(result->diagonal(offset, dim1, dim2));
     device::cpu::copy(g.grad(), diagonal.get());

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "hardware/cpu/copy/cpu_core.h"
+#include "tensor/checks.h"
 #include "tensor/geometry.h"
 #include "tensor/tensor.h"
 #include "utils/utils.h"
@@ -38,11 +39,13 @@ inline TensorResult new_view(const Tensor* t, const Dims& shape, const Dims& str
     return TensorResult(share_storage_tensor(t->getStorage(), shape, strides, t->Dtype(), t->StorageOffset() + offset));
 }
 
-inline void check_cpu(const Tensor* t) {
-    if (!t->isCPU()) {
-        refuse_gpu();
-    }
-    check_extents(where("ornik::check_cpu"), t->Shape());
+/// Refuses an operand that the kernels of the CPU can not walk. Views of a tensor without axes may have negative
+/// extents, which no walk over axes makes sense of.
+template <typename... Tensors>
+void check_cpu(const Where& at, const Tensors*... tensors) {
+    check_operands(at, tensors...);
+    ((tensors->isCPU() ? void() : refuse_gpu()), ...);
+    (check_extents(at, tensors->Shape()), ...);
 }
 
 inline void check_dtype(const Where& at, bool served) {
@@ -54,6 +57,11 @@ inline void check_dtype(const Where& at, bool served) {
 inline bool is_real(const Tensor* t) { return !t->isComplexType(); }
 inline bool is_float_or_complex(const Tensor* t) { return t->isFloat() || t->isComplexType(); }
 
+/// The dtype of a result, by that of the operand.
+using DtypeRule = std::int64_t (*)(std::int64_t dtype);
+constexpr std::int64_t same_dtype(std::int64_t dtype) { return dtype; }
+constexpr std::int64_t bool_dtype(std::int64_t /*dtype*/) { return dtype::boolean; }
+constexpr std::int64_t position_dtype(std::int64_t /*dtype*/) { return dtype::int64; }
 /// What sums of a dtype are: int64 for bool and integers.
 constexpr std::int64_t total_dtype(std::int64_t dtype) { return dtype < dtype::float32 ? dtype::int64 : dtype; }
 /// What means of a dtype are: float32 for bool and integers.

@@ -23,6 +23,7 @@ void check_casting(const Where& at, const Tensor* self, std::int64_t r) {
 }
 
 Tensor* compute(const Where& at, Tensor* self, const AnyScalar& scalar, std::int64_t r, ScalarKernel kernel) {
+    check_operands(at, self);
     if (!self->isCPU()) {
         fail(at, "Tensors in different devices");
     }
@@ -34,8 +35,10 @@ Tensor* compute(const Where& at, Tensor* self, const AnyScalar& scalar, std::int
 
 // Computes in dtype r, then converts into self.
 void compute_in_place(const Where& at, Tensor* self, const AnyScalar& scalar, std::int64_t r, ScalarKernel kernel) {
+    check_writable(at, self);
     check_not_expanded(at, self);
     if (r == self->Dtype() && self->isCPU() && writes_safely(self, self)) {
+        announce_write(at, self);
         kernel(self, scalar, self);
         return;
     }

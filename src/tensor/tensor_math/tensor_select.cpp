@@ -23,6 +23,7 @@ Tensor* choose(Tensor* condition, Tensor* a, Tensor* b, std::int64_t dtype) {
 }
 
 void check_condition(const Where& at, const Tensor* condition, const Tensor* operand) {
+    check_operands(at, condition, operand);
     if (!condition->isBool()) {
         fail(at, "The condition should be a bool tensor.");
     }
@@ -74,6 +75,7 @@ void Tensor::masked_fill_inplace(Tensor* mask, const Scalar& value) {
         fail(at, "Not supported data type casting.");
     }
     check_not_expanded(at, this);
+    check_writable(at, this);
     const auto repeated = repeated_scalar(value, dtype_, shape_, false);
     const std::unique_ptr<Tensor> result(choose(mask, repeated.get(), this, dtype_));
     if (size_ != 0) {
