@@ -174,14 +174,16 @@ class MultiTensorIterationHelper {
                  {&Loop::run, &function, true}, Loop::item_sizes, Loop::outputs, Loop::operands);
     }
 
-    /// The row form, for functions with much to compute: calls function(n, out..., in...) with pointers to n contiguous
-    /// elements of every operand until all elements are done. An output may be an input, at the same places; outputs
-    /// that write one place more than once keep no particular value.
+    /// The row form, for functions with much to compute and for those that compile too often: calls function(n, out...,
+    /// in...) with pointers to n contiguous elements of every operand until all elements are done. An output may be an
+    /// input, at the same places; outputs that write one place more than once keep no particular value. Light functions
+    /// say so.
     template <typename Outs, typename Ins, typename Function>
-    void run_rows(const Function& function) const {
+    void run_rows(const Function& function, bool is_light = false) const {
         using Loop = detail::RowLoop<Function, Outs, Ins>;
+        const detail::BoundRows rows = Loop::bind(function);
         run_loop(where("ornik::MultiTensorIterationHelper::run", "include/descriptors/tensoriterator.h"),
-                 {&Loop::run, &function, false}, Loop::item_sizes, Loop::outputs, Loop::operands);
+                 {&detail::run_row_loop, &rows, is_light}, Loop::item_sizes, Loop::outputs, Loop::operands);
     }
 
     const std::vector<TensorIterationHelper>& input_helpers() const { return input_helpers_; }

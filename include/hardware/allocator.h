@@ -26,19 +26,21 @@ class AllocatorConfig {
     DynamicMemPool* cpu_pool() const { return cpu_pool_.load(std::memory_order_acquire); }
 
   private:
-    AllocatorConfig() = default;
+    AllocatorConfig();
 
     std::atomic<bool> use_dynamic_cpu_mem_{true};
     std::atomic<DynamicMemPool*> cpu_pool_{nullptr};
     std::mutex init_mutex_;
 };
 
-/// A buffer of count x item size bytes. Fails for GPU devices, while the dynamic-memory flag is off, for a
-/// size beyond 63 bits, and when memory runs out.
-void* AllocTensorBuffer(std::int64_t device, std::int64_t count, std::int64_t dtype);
+/// A buffer of count x item_size bytes, which starts at the record's device_addr; an item size of 0 is that of no
+/// dtype. Fails for GPU devices, while the dynamic-memory flag is off, for a size beyond 63 bits, and when memory runs
+/// out.
+DynamicMemBuf* AllocTensorBuffer(std::int64_t device, std::int64_t count, std::int64_t item_size);
 
-/// Gives a buffer back to the pool it came from, whatever the flag is by now. Null pointers and GPU devices
-/// are skipped; an address that the pool does not know is left alone.
-void FreeTensorBuffer(std::int64_t device, void* address) noexcept;
+/// Gives a buffer back to the pool it came from, whatever the flag is by now. `buf` is what AllocTensorBuffer
+/// returned, or null when only the address is known. Null addresses and GPU devices are skipped; an address
+/// that the pool does not know is left alone.
+void FreeTensorBuffer(std::int64_t device, void* address, DynamicMemBuf* buf = nullptr) noexcept;
 
 }  // namespace ornik::device

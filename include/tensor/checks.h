@@ -67,7 +67,7 @@ void announce_write(const Where& at, const Tensors*... tensors) {
 }
 
 /// Refuses an output whose elements share places (an expanded, stride-0 view): what it would hold depends
-/// on who writes last.
+/// on who writes last. Tensors without elements pass.
 void check_not_expanded(const Where& at, const Tensor* out);
 
 }  // namespace ornik

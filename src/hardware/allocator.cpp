@@ -1,10 +1,9 @@
 #include "hardware/allocator.h"
 
-#include <exception>
 #include <limits>
 
 #include "hardware/device_context.h"
-#include "tensor/dtype.h"
+#include "hardware/fork.h"
 #include "utils/error.h"
 #include "utils/logging.h"
 #include "utils/utils.h"
@@ -31,6 +30,23 @@ AllocatorConfig& AllocatorConfig::Get() {
     return *config;
 }
 
+AllocatorConfig::AllocatorConfig() {
+    hold_over_fork(
+        ForkLock::memory,
+        [] {
+            Get().init_mutex_.lock();
+            if (const DynamicMemPool* pool = Get().cpu_pool()) {
+                pool->lock();
+            }
+        },
+        [] {
+            if (const DynamicMemPool* pool = Get().cpu_pool()) {
+                pool->unlock();
+            }
+            Get().init_mutex_.unlock();
+        });
+}
+
 bool AllocatorConfig::Init_allocator(std::int64_t /*device*/) {
     if (!IfUseDynamicCPUMem()) {
         DebugMsg("Please compile for GPU and SetUseDynamicCPUMem() first", "Init_allocator");
@@ -46,7 +62,7 @@ bool AllocatorConfig::Init_allocator(std::int64_t /*device*/) {
     return true;
 }
 
-void* AllocTensorBuffer(std::int64_t device, std::int64_t count, std::int64_t dtype) {
+DynamicMemBuf* AllocTensorBuffer(std::int64_t device, std::int64_t count, std::int64_t item_size) {
     const Where at = where("ornik::device::AllocTensorBuffer");
     if (is_gpu_device(device)) {
         fail(ErrorKind::device, at, "GPU not compile yet.");
@@ -55,26 +71,20 @@ void* AllocTensorBuffer(std::int64_t device, std::int64_t count, std::int64_t dt
     if (!config.IfUseDynamicCPUMem()) {
         fail(ErrorKind::state, at, " SetUseDynamicCPUMem(True) is need.");
     }
-    const std::int64_t item_size = dtype_item_size(dtype);
-    if (item_size == 0) {
+    if (item_size < 1) {
         fail(ErrorKind::dtype, at, "Not valid data type.");
     }
     if (count < 0 || count > std::numeric_limits<std::int64_t>::max() / item_size) {
         fail(at, "Too many elements for a buffer: ", count, ".");
     }
     config.Init_allocator(device);
-    return config.cpu_pool()->AllocTensorMem(static_cast<std::uint64_t>(count * item_size));
+    return config.cpu_pool()->TakeBuf(static_cast<std::uint64_t>(count * item_size));
 }
 
-void FreeTensorBuffer(std::int64_t device, void* address) noexcept {
+void FreeTensorBuffer(std::int64_t device, void* address, DynamicMemBuf* buf) noexcept {
     DynamicMemPool* pool = AllocatorConfig::Get().cpu_pool();
-    if (address == nullptr || is_gpu_device(device) || pool == nullptr) {
-        return;
-    }
-    try {
-        pool->FreeTensorMem(address);
-    } catch (const std::exception& error) {
-        WarningMsg(error.what(), "");  // Destructors end here: nothing may escape.
+    if (pool != nullptr && !is_gpu_device(device)) {
+        pool->GiveBack(address, buf);
     }
 }
 

@@ -4,6 +4,8 @@
 
 #include "hardware/cpu/nn/cpu_embedding.h"
 #include "tensor/borrowed.h"
+#include "tensor/checks.h"
+#include "tensor/make_tensor.h"
 
 namespace ornik {
 
@@ -14,6 +16,7 @@ Borrowed checked_indices(const Where& at, const Tensor* weight, Tensor* input, c
     if (weight == nullptr || input == nullptr) {
         fail(at, "Embedding needs a weight and an input.");
     }
+    check_operands(at, weight, input);
     if (weight->Device() != input->Device()) {
         fail(at, "Not same device for inputs of embedding.");
     }
@@ -54,8 +57,7 @@ Tensor* LEmbedding::forward_dyn(Tensor* weight, Tensor* /*bias*/, Tensor* input)
     const Borrowed indices =
         checked_indices(where("ornik::LEmbedding::forward_dyn"), weight, input, {vocabulary_, width_});
     const Borrowed table = Borrowed::contiguous(weight);
-    std::unique_ptr<Tensor> output(
-        Tensor::empty(with_width(input->Shape(), width_), weight->Device(), weight->Dtype()));
+    std::unique_ptr<Tensor> output = make_output(with_width(input->Shape(), width_), weight);
     device::cpu::take_rows(table.get(), indices.get(), output.get());
     return output.release();
 }

@@ -1,6 +1,7 @@
 #include "loss_operands.h"
 
 #include "hardware/cpu/nn/cpu_losses.h"
+#include "tensor/checks.h"
 
 namespace ornik {
 
@@ -11,6 +12,7 @@ void check_prediction(const Where& at, std::string_view name, std::string_view t
     if (prediction == nullptr || target == nullptr) {
         fail(at, title, " needs a prediction and a target.");
     }
+    check_operands(at, prediction, target);
     if (prediction->Device() != target->Device()) {
         fail(at, "Not same device for inputs of ", name, ".");
     }

@@ -6,7 +6,9 @@ namespace ornik {
 
 void adam_delta_step(Tensor* param, Tensor* grad, float lr, float rho, float eps, Tensor* square_avg,
                      Tensor* acc_delta) {
-    check_step(where("ornik::adam_delta_step"), "adam_delta_step", param, grad, {square_avg, acc_delta});
+    const Where at = where("ornik::adam_delta_step");
+    check_step(at, "adam_delta_step", param, grad, {square_avg, acc_delta});
+    announce_write(at, param, square_avg, acc_delta);
     device::cpu::adadelta(RealParts(param).get(), RealParts(grad).get(), lr, rho, eps, RealParts(square_avg).get(),
                           RealParts(acc_delta).get());
 }

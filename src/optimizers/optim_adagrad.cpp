@@ -5,7 +5,9 @@
 namespace ornik {
 
 void adam_grad_step(Tensor* param, Tensor* grad, float lr, float eps, Tensor* sum) {
-    check_step(where("ornik::adam_grad_step"), "adam_grad_step", param, grad, {sum});
+    const Where at = where("ornik::adam_grad_step");
+    check_step(at, "adam_grad_step", param, grad, {sum});
+    announce_write(at, param, sum);
     device::cpu::adagrad(RealParts(param).get(), RealParts(grad).get(), lr, eps, RealParts(sum).get());
 }
 

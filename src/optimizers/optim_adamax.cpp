@@ -15,6 +15,7 @@ void adam_max_step(Tensor* param, Tensor* grad, float lr, float beta1, float bet
     factors.beta2 = beta2;
     factors.eps = eps;
     factors.first = bias_correction(beta1, step);
+    announce_write(at, param, m, u);
     device::cpu::adamax(RealParts(param).get(), RealParts(grad).get(), factors, RealParts(m).get(), RealParts(u).get());
 }
 

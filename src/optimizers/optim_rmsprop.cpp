@@ -5,7 +5,9 @@
 namespace ornik {
 
 void rmsprop_step(Tensor* param, Tensor* grad, float lr, float alpha, float eps, Tensor* square_avg) {
-    check_step(where("ornik::rmsprop_step"), "rmsprop_step", param, grad, {square_avg});
+    const Where at = where("ornik::rmsprop_step");
+    check_step(at, "rmsprop_step", param, grad, {square_avg});
+    announce_write(at, param, square_avg);
     device::cpu::rmsprop(RealParts(param).get(), RealParts(grad).get(), lr, alpha, eps, RealParts(square_avg).get());
 }
 

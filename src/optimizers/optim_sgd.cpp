@@ -5,7 +5,9 @@
 namespace ornik {
 
 void sgd_step(Tensor* param, Tensor* grad, float lr, Tensor* velocity, float momentum, bool nesterov) {
-    check_step(where("ornik::sgd_step"), "sgd_step", param, grad, {velocity});
+    const Where at = where("ornik::sgd_step");
+    check_step(at, "sgd_step", param, grad, {velocity});
+    announce_write(at, param, velocity);
     device::cpu::sgd(param, grad, lr, velocity, momentum, nesterov);
 }
 

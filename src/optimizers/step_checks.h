@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tensor/tensor.h"
+#include "tensor/checks.h"
 
 namespace ornik {
 

@@ -2,6 +2,7 @@
 
 #include <random>
 
+#include "hardware/fork.h"
 #include "random/lease.h"
 
 namespace ornik {
@@ -16,11 +17,21 @@ struct SharedSeed {
 
 SharedSeed& shared_seed() {
     static SharedSeed instance;
+    [[maybe_unused]] static const bool held = [] {
+        hold_over_fork(
+            ForkLock::seed, [] { instance.mutex.lock(); }, [] { instance.mutex.unlock(); });
+        return true;
+    }();
     return instance;
 }
 
 std::shared_ptr<generator::MersenneTwister64> fresh_engine(std::uint64_t seed) {
     static std::mutex mutex;
+    [[maybe_unused]] static const bool held = [] {
+        hold_over_fork(
+            ForkLock::engine, [] { mutex.lock(); }, [] { mutex.unlock(); });
+        return true;
+    }();
     const std::lock_guard lock(mutex);
     return std::make_shared<generator::MersenneTwister64>(seed);
 }
@@ -100,6 +111,12 @@ std::shared_ptr<Generator> make_default_generator() {
 
 std::shared_ptr<Generator> default_generator() {
     static const std::shared_ptr<Generator> instance = make_default_generator();
+    static std::optional<Lease> over_fork;
+    [[maybe_unused]] static const bool held = [] {
+        hold_over_fork(
+            ForkLock::generator, [] { over_fork.emplace(instance); }, [] { over_fork.reset(); });
+        return true;
+    }();
     return instance;
 }
 

@@ -28,16 +28,6 @@ bool add_overflows(std::int64_t a, std::int64_t b, std::int64_t& result) {
 
 }  // namespace
 
-Dims shape2stride(const Dims& shape) {
-    Dims strides(shape.size());
-    std::uint64_t step = 1;  // Unsigned: an absurd shape wraps here and is refused by its element count.
-    for (std::size_t i = shape.size(); i-- > 0;) {
-        strides[i] = static_cast<std::int64_t>(step);
-        step *= static_cast<std::uint64_t>(shape[i]);
-    }
-    return strides;
-}
-
 std::int64_t checked_numel(const Where& at, const Dims& shape) {
     std::int64_t numel = 1;
     if (std::find(shape.begin(), shape.end(), 0) != shape.end()) {

@@ -19,6 +19,9 @@ namespace ornik {
 
 namespace {
 
+// Everything about shapes and selections reports under one file name.
+constexpr const char* family = "src/tensor/tensor_shape.cpp";
+
 using Selection = std::vector<AxisSelection>;
 
 Dims shape_of(const Selection& selection) {
@@ -178,14 +181,14 @@ std::unique_ptr<Tensor> fold_repeats(const Tensor* grad, Selection& selection) {
 }  // namespace
 
 Tensor* Tensor::select(const std::vector<std::string>& items) const {
-    check_operands(where("ornik::Tensor::select"), this);
+    check_operands(where("ornik::Tensor::select", family), this);
     SelDescriptor descriptor(items);
     descriptor.build(shape_);
     return gathered(this, descriptor.selection()).release();
 }
 
 Tensor* Tensor::select_ndim(const std::vector<std::string>& items) const {
-    check_operands(where("ornik::Tensor::select_ndim"), this);
+    check_operands(where("ornik::Tensor::select_ndim", family), this);
     SelDescriptorV2 descriptor(items);
     descriptor.build(shape_);
     std::unique_ptr<Tensor> result = gathered(this, descriptor.selection());
@@ -206,7 +209,7 @@ Tensor* Tensor::select_ndim_without_copy(const std::vector<std::string>& items) 
 }
 
 Tensor* Tensor::select_ndim_grad(const Tensor* grad, const std::vector<std::string>& items) const {
-    check_operands(where("ornik::Tensor::select_ndim_grad"), grad);
+    check_operands(where("ornik::Tensor::select_ndim_grad", family), grad);
     SelDescriptorV2 descriptor(items);
     descriptor.build(shape_, grad->Shape());
     Selection selection = descriptor.selection();
@@ -219,18 +222,19 @@ Tensor* Tensor::select_ndim_grad(const Tensor* grad, const std::vector<std::stri
 void Tensor::set_select_legacy(Tensor* value, const std::vector<std::string>& items) {
     SelDescriptor descriptor(items);
     descriptor.build(shape_);
-    set_selected(where("ornik::Tensor::set_select_legacy"), this, descriptor.selection(),
+    set_selected(where("ornik::Tensor::set_select_legacy", family), this, descriptor.selection(),
                  std::vector<bool>(shape_.size(), true), value);
 }
 
 void Tensor::set_select_ndim(Tensor* value, const std::vector<std::string>& items) {
     SelDescriptorV2 descriptor(items);
     descriptor.build(shape_);
-    set_selected(where("ornik::Tensor::set_select_ndim"), this, descriptor.selection(), descriptor.keep(), value);
+    set_selected(where("ornik::Tensor::set_select_ndim", family), this, descriptor.selection(), descriptor.keep(),
+                 value);
 }
 
 void Tensor::set_select_ndim_grad(Tensor* grad, const std::vector<std::string>& items) {
-    const Where at = where("ornik::Tensor::set_select_ndim_grad");
+    const Where at = where("ornik::Tensor::set_select_ndim_grad", family);
     check_operands(at, this, grad);
     SelDescriptorV2 descriptor(items);
     descriptor.build(shape_, grad->Shape());

@@ -6,10 +6,12 @@
 #include <memory>
 #include <numeric>
 
+#include "descriptors/offset_calculator.h"
 #include "hardware/cpu/index/cpu_indexing.h"
 #include "tensor/broadcast.h"
 #include "tensor/checks.h"
 #include "tensor/geometry.h"
+#include "tensor/make_tensor.h"
 #include "utils/shape_rules.h"
 #include "utils/utils.h"
 
@@ -496,7 +498,8 @@ Tensor* stack(const std::vector<Tensor*>& tensors, unsigned axis) {
 
 namespace {
 
-// What tile and its gradient work on: each repeated axis of extent s as the two axes [repetitions, s].
+// What tile and its gradient work on: each repeated axis of extent s as the two axes [repetitions, s], without those
+// of extent 1.
 struct TileAxes {
     Dims shape;    // of the result: [..., r, s, ...]
     Dims strides;  // of the tensor that is repeated, 0 along the repetitions
@@ -510,13 +513,32 @@ struct TileAxes {
                 shape.push_back(times);
                 strides.push_back(0);
             }
-            if (back <= input_shape.size()) {
-                shape.push_back(input_shape[input_shape.size() - back]);
+            const std::int64_t extent = back <= input_shape.size() ? input_shape[input_shape.size() - back] : 1;
+            if (extent > 1) {
+                shape.push_back(extent);
                 strides.push_back(input_strides[input_shape.size() - back]);
             }
         }
     }
 };
+
+// tile for more axes than a copy can have: one repeated axis after the other, the last one first.
+std::unique_ptr<Tensor> tile_by_axis(const Tensor* t, const Dims& shape, const std::vector<int>& reps) {
+    std::unique_ptr<Tensor> tiled(t->clone());
+    std::int64_t inner = 1;  // Elements of the result from this axis on.
+    for (std::size_t back = 1; back <= shape.size(); ++back) {
+        inner *= shape[shape.size() - back];
+        const std::int64_t times = back <= reps.size() ? reps[reps.size() - back] : 1;
+        if (times > 1) {
+            const std::int64_t once = inner / times;
+            const Dims repeated{tiled->Size() / once, times, once};
+            std::unique_ptr<Tensor> result(Tensor::empty(repeated, t->Device(), t->Dtype()));
+            copy_tensor(share(tiled.get(), repeated, {once, 0, 1}).get(), result.get());
+            tiled = std::move(result);
+        }
+    }
+    return share(tiled.get(), shape, shape2stride(shape));
+}
 
 // infer_tile_shape, with an error for an extent that does not fit into its 32-bit product.
 Dims checked_tile_shape(const Where& at, const Dims& shape, const std::vector<int>& reps) {
@@ -537,8 +559,11 @@ Tensor* tile(const Tensor* t, const std::vector<int>& reps) {
     const Where at = where("ornik::tile");
     check_operands(at, t);
     const Dims shape = checked_tile_shape(at, t->Shape(), reps);
-    std::unique_ptr<Tensor> result(Tensor::empty(shape, t->Device(), t->Dtype()));
     const TileAxes axes(t->Shape(), t->Strides(), reps);
+    if (axes.shape.size() > OffsetCalculator_cpu<std::int64_t>::max_dims) {
+        return tile_by_axis(t, shape, reps).release();
+    }
+    std::unique_ptr<Tensor> result(Tensor::empty(shape, t->Device(), t->Dtype()));
     copy_tensor(share(t, axes.shape, axes.strides).get(),
                 share(result.get(), axes.shape, shape2stride(axes.shape)).get());
     return result.release();
@@ -573,6 +598,13 @@ Tensor* TileGrad(const Tensor* grad, const Dims& input_shape, const std::vector<
 
 namespace {
 
+// The elements in row-major order under another shape; there may be none.
+Tensor* row_major(const Tensor* t, const Dims& shape) {
+    std::unique_ptr<Tensor> result = make_output(shape, t);
+    copy_tensor(t, result.get());
+    return result.release();
+}
+
 void check_rank(const Where& at, const Dims& shape, std::size_t rank) {
     if (shape.size() != rank) {
         fail(at, "Input should have ", rank, " dimensions, its shape is ", shape);
@@ -587,9 +619,7 @@ Tensor* permute_12_reshape_b_n_embed_dims(const Tensor* x) {
     const Dims& shape = x->Shape();
     check_rank(at, shape, 4);
     const std::unique_ptr<Tensor> tokens_first(x->permute({0, 2, 1, 3}));
-    std::unique_ptr<Tensor> merged(tokens_first->clone());
-    merged->reshape_({shape[0], shape[2], shape[1] * shape[3]});
-    return merged.release();
+    return row_major(tokens_first.get(), {shape[0], shape[2], shape[1] * shape[3]});
 }
 
 Tensor* permute_12_reshape_b_n_embed_dims_grad(const Tensor* grad, const Dims& input_shape) {
@@ -630,7 +660,8 @@ Tensor* reshape_permute_select(const Tensor* x, int heads, int parts, int index)
     if (heads < 1 || x->Shape()[2] % (std::int64_t{heads} * parts) != 0) {
         fail(at, "The last axis of shape ", x->Shape(), "can not be cut into ", parts, " parts of ", heads, " heads.");
     }
-    return picked_heads(x, heads, parts, index)->clone();
+    const std::unique_ptr<Tensor> picked = picked_heads(x, heads, parts, index);
+    return row_major(picked.get(), picked->Shape());
 }
 
 Tensor* reshape_permute_select_grad(const Tensor* grad, int parts, int index) {
@@ -640,8 +671,10 @@ Tensor* reshape_permute_select_grad(const Tensor* grad, int parts, int index) {
     check_rank(at, shape, 4);
     check_part(at, parts, index);
     const Dims projection{shape[0], shape[2], parts * shape[1] * shape[3]};
-    std::unique_ptr<Tensor> result(parts == 1 ? Tensor::empty(projection, grad->Device(), grad->Dtype())
-                                              : Tensor::zeros(projection, grad->Device(), grad->Dtype()));
+    std::unique_ptr<Tensor> result = make_output(projection, grad);
+    if (parts > 1) {
+        result->fill_(0);
+    }
     copy_tensor(grad, picked_heads(result.get(), static_cast<int>(shape[1]), parts, index).get());
     return result.release();
 }

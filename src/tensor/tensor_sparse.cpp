@@ -109,6 +109,7 @@ Tensor* to_dense(Tensor* t) {
         refuse_gpu();
     }
     if (t->is_dense()) {
+        check_operands(at, t);
         return copy_of(t, t->Dtype()).release();
     }
     return dense_from_sparse(at, t).release();

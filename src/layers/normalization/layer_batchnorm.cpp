@@ -6,7 +6,6 @@
 #include "norm_arguments.h"
 #include "tensor/checks.h"
 #include "tensor/overlap.h"
-#include "tensor/tensor_math/tensor_arithmetic.h"
 
 namespace ornik {
 
@@ -17,7 +16,7 @@ void check_input(const Where& at, const NormArguments& arguments) {
         fail(at, "batchnorm needs an input.");
     }
     const Dims& shape = arguments.input->Shape();
-    if (shape.size() < 2 || arguments.input->Size() < 1) {
+    if (shape.size() < 2) {
         fail(at, "batchnorm needs an input [N, C, ...], however it is ", shape);
     }
     arguments.check(at, {shape[1]});
@@ -39,6 +38,7 @@ void check_running(const Where& at, const NormArguments& arguments, Tensor* mean
         }
         if (written) {
             check_not_expanded(at, t);
+            check_writable(at, t);
         }
     }
     if (written && memory_overlap(mean, variance) != Overlap::none) {
@@ -66,9 +66,9 @@ Tensor* LBatchNorm::forward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, bool
 
     const Borrowed x = Borrowed::contiguous(input);
     const device::cpu::ChannelNorm norm = channel_norm(input, 0, eps_);
-    std::unique_ptr<Tensor> mean(Tensor::empty({norm.channels}, input->Device(), input->Dtype()));
-    std::unique_ptr<Tensor> variance(Tensor::empty_like(mean.get()));
-    std::unique_ptr<Tensor> output(Tensor::empty(input->Shape(), input->Device(), input->Dtype()));
+    std::unique_ptr<Tensor> mean = make_output({norm.channels}, input);
+    std::unique_ptr<Tensor> variance = make_output({norm.channels}, input);
+    std::unique_ptr<Tensor> output = make_output(input->Shape(), input);
     if (training) {
         device::cpu::batch_statistics(x.get(), norm, mean.get(), variance.get());
     } else {
@@ -77,11 +77,11 @@ Tensor* LBatchNorm::forward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, bool
     }
     device::cpu::batch_norm(x.get(), norm, mean.get(), variance.get(), Borrowed::contiguous(arguments.gamma).get(),
                             Borrowed::contiguous(arguments.beta).get(), output.get());
-    if (training && running_mean != nullptr) {
-        const auto count = static_cast<float>(norm.samples * norm.inner);
-        const float unbiased = count > 1 ? momentum_ * (count / (count - 1)) : momentum_;
-        add(1 - momentum_, running_mean, momentum_, mean.get(), running_mean, 0);
-        add(1 - momentum_, running_variance, unbiased, variance.get(), running_variance, 0);
+    if (training && running_mean != nullptr && input->Size() > 0) {
+        const auto count = static_cast<double>(norm.samples * norm.inner);
+        device::cpu::update_running(mean.get(), 1, static_cast<double>(momentum_), running_mean);
+        device::cpu::update_running(variance.get(), count > 1 ? count / (count - 1) : 1, static_cast<double>(momentum_),
+                                    running_variance);
     }
     std::vector<std::unique_ptr<Tensor>> saved;
     saved.push_back(std::move(mean));

@@ -13,7 +13,7 @@ void check_input(const Where& at, const NormArguments& arguments, std::int64_t c
         fail(at, "group norm needs an input.");
     }
     const Dims& shape = arguments.input->Shape();
-    if (shape.size() < 2 || shape[1] != channels || arguments.input->Size() < 1) {
+    if (shape.size() < 2 || shape[1] != channels) {
         fail(at, "group norm needs an input [N, ", channels, ", ...], however it is ", shape);
     }
     arguments.check(at, {channels});
@@ -34,9 +34,9 @@ Tensor* LGroupNorm::forward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, bool
     const NormArguments arguments{"group norm", affine_ ? gamma : nullptr, affine_ ? beta : nullptr, input};
     check_input(where("ornik::LGroupNorm::forward_dyn"), arguments, channels_);
     const Borrowed x = Borrowed::contiguous(input);
-    std::unique_ptr<Tensor> mean(Tensor::empty({input->Shape()[0], groups_}, input->Device(), input->Dtype()));
-    std::unique_ptr<Tensor> variance(Tensor::empty_like(mean.get()));
-    std::unique_ptr<Tensor> output(Tensor::empty(input->Shape(), input->Device(), input->Dtype()));
+    std::unique_ptr<Tensor> mean = make_output({input->Shape()[0], groups_}, input);
+    std::unique_ptr<Tensor> variance = make_output(mean->Shape(), input);
+    std::unique_ptr<Tensor> output = make_output(input->Shape(), input);
     device::cpu::group_norm(x.get(), channel_norm(input, groups_, eps_), Borrowed::contiguous(arguments.gamma).get(),
                             Borrowed::contiguous(arguments.beta).get(), mean.get(), variance.get(), output.get());
     std::vector<std::unique_ptr<Tensor>> saved;

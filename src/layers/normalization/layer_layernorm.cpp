@@ -22,7 +22,7 @@ Split check_input(const Where& at, const NormArguments& arguments) {
     const Dims& shape = arguments.input->Shape();
     const Tensor* parameter = arguments.gamma != nullptr ? arguments.gamma : arguments.beta;
     const std::size_t axes = parameter == nullptr ? 1 : parameter->Shape().size();
-    if (axes < 1 || shape.size() < axes || arguments.input->Size() < 1) {
+    if (axes < 1 || shape.size() < axes) {
         fail(at, "layer norm needs an input with at least the axes of its parameters, however it is ", shape);
     }
     const auto middle = shape.end() - static_cast<std::ptrdiff_t>(axes);
@@ -47,9 +47,9 @@ Tensor* LLayerNorm::forward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, bool
     const Borrowed x = Borrowed::contiguous(input);
     const Borrowed scale = Borrowed::contiguous(affine_ ? gamma : nullptr);
     const Borrowed shift = Borrowed::contiguous(affine_ ? beta : nullptr);
-    std::unique_ptr<Tensor> mean(Tensor::empty(split.leading, input->Device(), input->Dtype()));
-    std::unique_ptr<Tensor> variance(Tensor::empty_like(mean.get()));
-    std::unique_ptr<Tensor> output(Tensor::empty(input->Shape(), input->Device(), input->Dtype()));
+    std::unique_ptr<Tensor> mean = make_output(split.leading, input);
+    std::unique_ptr<Tensor> variance = make_output(split.leading, input);
+    std::unique_ptr<Tensor> output = make_output(input->Shape(), input);
     device::cpu::layer_norm(x.get(), split.cols, static_cast<double>(eps_), scale.get(), shift.get(), mean.get(),
                             variance.get(), output.get());
     std::vector<std::unique_ptr<Tensor>> saved;

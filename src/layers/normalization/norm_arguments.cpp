@@ -1,5 +1,8 @@
 #include "norm_arguments.h"
 
+#include <functional>
+#include <numeric>
+
 namespace ornik {
 
 namespace {
@@ -69,8 +72,7 @@ NormBackward::NormBackward(Checked /*checked*/, const NormArguments& arguments, 
 NodeGradients::NodeGradients(const std::array<bool, 3>& wanted, const Tensor* input, const Dims& parameter_shape) {
     for (std::size_t node = 0; node < wanted.size(); ++node) {
         if (wanted[node]) {
-            tensors_[node].reset(
-                Tensor::empty(node == 0 ? input->Shape() : parameter_shape, input->Device(), input->Dtype()));
+            tensors_[node] = make_output(node == 0 ? input->Shape() : parameter_shape, input);
         }
     }
 }
@@ -94,9 +96,9 @@ void check_eps(const Where& at, float eps) {
 }
 
 device::cpu::ChannelNorm channel_norm(const Tensor* input, std::int64_t groups, float eps) {
-    const std::int64_t samples = input->Shape()[0];
-    const std::int64_t channels = input->Shape()[1];
-    return {samples, channels, input->Size() / (samples * channels), groups, static_cast<double>(eps)};
+    const Dims& shape = input->Shape();
+    const std::int64_t inner = std::accumulate(shape.begin() + 2, shape.end(), std::int64_t{1}, std::multiplies<>());
+    return {shape[0], shape[1], inner, groups, static_cast<double>(eps)};
 }
 
 }  // namespace ornik

@@ -8,6 +8,7 @@
 
 #include "hardware/cpu/nn/cpu_normalization.h"
 #include "tensor/borrowed.h"
+#include "tensor/make_tensor.h"
 
 namespace ornik {
 

@@ -1,7 +1,10 @@
 #include "pool_passes.h"
 
+#include <algorithm>
+
 #include "hardware/cpu/nn/cpu_pool.h"
 #include "tensor/borrowed.h"
+#include "tensor/make_tensor.h"
 
 namespace ornik {
 
@@ -29,7 +32,9 @@ PoolPlan checked_plan(const Where& at, const PoolDescriptor2D& descriptor, const
 }
 
 std::unique_ptr<Tensor> empty(const Dims& shape, const Tensor* like, std::int64_t dtype) {
-    return std::unique_ptr<Tensor>(Tensor::empty(shape, like->Device(), dtype));
+    return std::find(shape.begin(), shape.end(), 0) != shape.end()
+               ? make_tensor(shape, dtype)
+               : std::unique_ptr<Tensor>(Tensor::empty(shape, like->Device(), dtype));
 }
 
 }  // namespace

@@ -2,10 +2,13 @@
 #include "tensor/nn/attention.h"
 
 #include <cmath>
+#include <functional>
+#include <numeric>
 
 #include "attention_checks.h"
 #include "hardware/cpu/nn/cpu_attention.h"
 #include "tensor/borrowed.h"
+#include "tensor/make_tensor.h"
 
 namespace ornik {
 
@@ -24,7 +27,8 @@ struct Extents {
         shape.insert(shape.end(), {rows, cols});
         return shape;
     }
-    double scale() const { return 1 / std::sqrt(static_cast<double>(d)); }
+    // Scores without features are 0 whatever their scale.
+    double scale() const { return d == 0 ? 1 : 1 / std::sqrt(static_cast<double>(d)); }
 };
 
 Extents check(const Where& at, const Tensor* query, const Tensor* key, const Tensor* value) {
@@ -38,22 +42,19 @@ Extents check(const Where& at, const Tensor* query, const Tensor* key, const Ten
         fail(at, "Attention needs a query [..., n, d], a key [..., m, d] and a value [..., m, e]: query ", q, ", key ",
              k, ", value ", v);
     }
-    if (query->Size() < 1 || key->Size() < 1 || value->Size() < 1) {
-        fail(at, "Attention needs at least one element: query ", q, ", key ", k, ", value ", v);
-    }
     return {leading(q), q.end()[-2], k.end()[-2], q.back(), v.back()};
 }
 
 // [..., rows, cols] of a contiguous tensor as [batch, rows, cols].
 std::unique_ptr<Tensor> as_batch(const Tensor* t) {
-    const std::int64_t rows = t->Shape().end()[-2];
-    const std::int64_t cols = t->Shape().back();
-    return std::unique_ptr<Tensor>(view_tensor(t, {t->Size() / (rows * cols), rows, cols}));
+    const Dims& shape = t->Shape();
+    const std::int64_t batch = std::accumulate(shape.begin(), shape.end() - 2, std::int64_t{1}, std::multiplies<>());
+    return std::unique_ptr<Tensor>(view_tensor(t, {batch, shape.end()[-2], shape.back()}));
 }
 
 // op(a) op(b), matrix by matrix; both contiguous.
 std::unique_ptr<Tensor> products(const Tensor* a, int ta, const Tensor* b, int tb, const Dims& shape) {
-    std::unique_ptr<Tensor> result(Tensor::empty(shape, a->Device(), a->Dtype()));
+    std::unique_ptr<Tensor> result = make_output(shape, a);
     Tensor::bmm(as_batch(a).get(), ta, as_batch(b).get(), tb, as_batch(result.get()).get());
     return result;
 }

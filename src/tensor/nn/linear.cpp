@@ -1,7 +1,11 @@
 #include "tensor/nn/linear.h"
 
+#include <functional>
+#include <numeric>
+
 #include "hardware/cpu/elements/cpu_math.h"
 #include "tensor/borrowed.h"
+#include "tensor/make_tensor.h"
 #include "tensor/tensor_math/reductions.h"
 #include "tensor/tensor_math/tensor_arithmetic.h"
 
@@ -11,8 +15,9 @@ namespace {
 
 // [..., n] of a contiguous tensor as [rows, n].
 std::unique_ptr<Tensor> as_matrix(const Tensor* t) {
-    const std::int64_t cols = t->Shape().back();
-    return std::unique_ptr<Tensor>(view_tensor(t, {t->Size() / cols, cols}));
+    const Dims& shape = t->Shape();
+    const std::int64_t rows = std::accumulate(shape.begin(), shape.end() - 1, std::int64_t{1}, std::multiplies<>());
+    return std::unique_ptr<Tensor>(view_tensor(t, {rows, shape.back()}));
 }
 
 // Null for real dtypes, the conjugate for complex ones.
@@ -20,7 +25,7 @@ std::unique_ptr<Tensor> conjugate_or_null(const Tensor* t) {
     if (!t->isComplexType()) {
         return nullptr;
     }
-    std::unique_ptr<Tensor> result(Tensor::empty_like(t));
+    std::unique_ptr<Tensor> result = make_output(t->Shape(), t);
     device::cpu::conj(t, result.get());
     return result;
 }
@@ -31,7 +36,7 @@ std::unique_ptr<Tensor> linear(Tensor* weight, Tensor* bias, Tensor* input) {
     const Borrowed x = Borrowed::contiguous(input);
     Dims shape = input->Shape();
     shape.back() = weight->Shape()[1];
-    std::unique_ptr<Tensor> output(Tensor::empty(shape, input->Device(), input->Dtype()));
+    std::unique_ptr<Tensor> output = make_output(shape, input);
     const std::unique_ptr<Tensor> rows = as_matrix(output.get());
     Tensor::dot(as_matrix(x.get()).get(), 0, weight, 0, rows.get(), 0);
     if (bias != nullptr) {
@@ -44,7 +49,7 @@ std::unique_ptr<Tensor> linear(Tensor* weight, Tensor* bias, Tensor* input) {
 std::unique_ptr<Tensor> linear_input_grad(Tensor* weight, const Tensor* input, Tensor* gradient) {
     const Borrowed g = Borrowed::contiguous(gradient);
     const std::unique_ptr<Tensor> conjugate = conjugate_or_null(weight);
-    std::unique_ptr<Tensor> result(Tensor::empty_like(input));
+    std::unique_ptr<Tensor> result = make_output(input->Shape(), input);
     Tensor::dot(as_matrix(g.get()).get(), 0, conjugate ? conjugate.get() : weight, 1, as_matrix(result.get()).get(), 0);
     return result;
 }
@@ -53,7 +58,7 @@ std::unique_ptr<Tensor> linear_weight_grad(const Tensor* weight, Tensor* input, 
     const Borrowed g = Borrowed::contiguous(gradient);
     const Borrowed x = Borrowed::contiguous(input);
     const std::unique_ptr<Tensor> conjugate = conjugate_or_null(x.get());
-    std::unique_ptr<Tensor> result(Tensor::empty_like(weight));
+    std::unique_ptr<Tensor> result = make_output(weight->Shape(), weight);
     Tensor::dot(as_matrix(conjugate ? conjugate.get() : x.get()).get(), 1, as_matrix(g.get()).get(), 0, result.get(),
                 0);
     return result;

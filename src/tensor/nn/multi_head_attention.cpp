@@ -8,7 +8,7 @@ namespace ornik {
 namespace {
 
 void check_input(const Where& at, const char* name, const Tensor* t) {
-    if (t->ndim() != 3 || t->Size() < 1) {
+    if (t->ndim() != 3) {
         fail(at, "Multi-head attention needs a ", name, " [batch, positions, features], however it is ", t->Shape());
     }
 }

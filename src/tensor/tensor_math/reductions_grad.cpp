@@ -128,7 +128,7 @@ Tensor* l2_norm_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool
     });
 }
 
-Tensor* var_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, double correction, bool keep_dims) {
+Tensor* var_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims, double correction) {
     Gradient g(where("ornik::var_grad"), grad, x, axes, keep_dims, false);
     return g.result([&](Tensor* out) {
         const Tensor* middle = g.of_x([&](Tensor* t) { return mean(t, g.axes(), true); });
@@ -136,14 +136,27 @@ Tensor* var_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, double c
     });
 }
 
-Tensor* std_dev_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, double correction, bool keep_dims) {
-    Gradient g(where("ornik::std_dev_grad"), grad, x, axes, keep_dims, false);
+namespace {
+
+Tensor* deviation_grad(const Where& at, Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims,
+                       double correction) {
+    Gradient g(at, grad, x, axes, keep_dims, false);
     return g.result([&](Tensor* out) {
         const Tensor* middle = g.of_x([&](Tensor* t) { return mean(t, g.axes(), true); });
-        const Tensor* spread = g.of_x([&](Tensor* t) { return std_dev(t, g.axes(), correction, true); });
+        const Tensor* spread = g.of_x([&](Tensor* t) { return std_dev(t, g.axes(), true, correction); });
         const double factor = 1.0 / (static_cast<double>(g.count()) - correction);
         device::cpu::std_dev_grad(g.grad(), x, middle, spread, factor, out);
     });
+}
+
+}  // namespace
+
+Tensor* std_dev_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims, double correction) {
+    return deviation_grad(where("ornik::std_dev_grad"), grad, x, axes, keep_dims, correction);
+}
+
+Tensor* std_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims, double correction) {
+    return deviation_grad(where("ornik::std_grad"), grad, x, axes, keep_dims, correction);
 }
 
 Tensor* logsumexp_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims) {

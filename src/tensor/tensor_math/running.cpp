@@ -68,14 +68,16 @@ Tensor* log_softmax(Tensor* x, int axis) {
 }
 
 Tensor* cumsum_grad(Tensor* grad, int axis) {
-    return along_axis(where("ornik::cumsum_grad"), grad, axis, same_dtype, is_float_or_complex, [](const Tensor* g, Tensor* out, int wrapped) {
-        const TensorResult out_view = reversed(out, wrapped);
-        device::cpu::cumsum(reversed(g, wrapped).get(), out_view.get(), wrapped);
-    });
+    return along_axis(where("ornik::cumsum_grad"), grad, axis, same_dtype, is_float_or_complex,
+                      [](const Tensor* g, Tensor* out, int wrapped) {
+                          const TensorResult out_view = reversed(out, wrapped);
+                          device::cpu::cumsum(reversed(g, wrapped).get(), out_view.get(), wrapped);
+                      });
 }
 
 Tensor* cumprod_grad(Tensor* grad, Tensor* x, int axis) {
-    return gradient_along_axis(where("ornik::cumprod_grad"), grad, x, axis, is_float_or_complex, device::cpu::cumprod_grad);
+    return gradient_along_axis(where("ornik::cumprod_grad"), grad, x, axis, is_float_or_complex,
+                               device::cpu::cumprod_grad);
 }
 
 Tensor* softmax_grad(Tensor* grad, Tensor* y, int axis) {
@@ -83,7 +85,8 @@ Tensor* softmax_grad(Tensor* grad, Tensor* y, int axis) {
 }
 
 Tensor* log_softmax_grad(Tensor* grad, Tensor* y, int axis) {
-    return gradient_along_axis(where("ornik::log_softmax_grad"), grad, y, axis, is_floating, device::cpu::log_softmax_grad);
+    return gradient_along_axis(where("ornik::log_softmax_grad"), grad, y, axis, is_floating,
+                               device::cpu::log_softmax_grad);
 }
 
 }  // namespace ornik

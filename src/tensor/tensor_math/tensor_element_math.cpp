@@ -224,7 +224,7 @@ void binary_in_place(Binary operation, Tensor* self, Tensor* other) {
 // Comparisons look at the exact scalar; elsewhere it follows the tensor's kind.
 std::int64_t promoted_with(const Row& row, const Tensor* self, const Scalar& scalar) {
     return row.result == Result::boolean ? promotion::of_tensors(self->Dtype(), scalar.Dtype())
-                                         : promotion::with_scalar(self->Dtype(), scalar.Dtype());
+                                         : promotion::of_kind_with_scalar(self->Dtype(), scalar.Dtype());
 }
 
 bool saturates(Binary operation) { return operation == Binary::maximum || operation == Binary::minimum; }

@@ -37,15 +37,19 @@ void check_rank(const Where& at, const Tensor* t, char name, std::size_t rank) {
     }
 }
 
+void check_inner_extents(const Where& at, const Matrix& a, const Matrix& b) {
+    if (a.cols != b.rows) {
+        fail(at, "Incompatible dims, input A shape[", a.col_axis, "] ", a.cols, " should equal to input B shape[",
+             b.row_axis, "] ", b.rows);
+    }
+}
+
 // The extents of one product: the inner ones, then those of the output.
 void check_extents(const Where& at, const Tensor* A, int ta, const Tensor* B, int tb, const Tensor* C) {
     const Matrix a = matrix_of(A, ta);
     const Matrix b = matrix_of(B, tb);
     const Matrix c = matrix_of(C, 0);
-    if (a.cols != b.rows) {
-        fail(at, "Incompatible dims, input A shape[", a.col_axis, "] ", a.cols, " should equal to input B shape[",
-             b.row_axis, "] ", b.rows);
-    }
+    check_inner_extents(at, a, b);
     if (a.rows != c.rows || b.cols != c.cols) {
         fail(at, "Incompatible dims,input A shape[1] ", A->Shape().back(), " : output should have a shape of ",
              Dims{a.rows, b.cols}, ", however it has ", Dims{c.rows, c.cols});
@@ -72,7 +76,7 @@ void multiply(const Where& at, Tensor* A, int ta, Tensor* B, int tb, Tensor* C, 
                         memory_overlap(b.get(), C) == Overlap::none;
     std::unique_ptr<Tensor> aside;
     if (!direct) {
-        aside.reset(accumulate ? C->clone() : Tensor::empty_like(C));
+        aside = accumulate ? std::unique_ptr<Tensor>(C->clone()) : make_output(C->Shape(), C);
     }
     Tensor* out = direct ? C : aside.get();
     device::cpu::ProductPlan plan{};
@@ -104,8 +108,13 @@ void Tensor::dot(Tensor* A, int ta, Tensor* B, int tb, Tensor* C, int accumulate
     if (A->shape_.size() != 2 || B->shape_.size() != 2) {
         fail(at, "Only 2D tensors");
     }
-    check_rank(at, C, 'C', 2);
-    check_extents(at, A, ta, B, tb, C);
+    const Matrix a = matrix_of(A, ta);
+    const Matrix b = matrix_of(B, tb);
+    check_inner_extents(at, a, b);
+    if (C->shape_ != Dims{a.rows, b.cols}) {
+        fail(at, "Incompatible dims,input A shape[1] ", A->shape_[1], " should equal to input B shape[", b.row_axis,
+             "] ", b.rows);
+    }
     check_one_dtype(at, A, B, C);
     check_not_expanded(at, C);
     multiply(at, A, ta, B, tb, C, accumulate != 0);

@@ -16,6 +16,9 @@ constexpr std::int64_t grain = 1 << 12;  // exponentials worth a second thread
 template <typename Row>
 void for_each_row(const Tensor* t, const Row& visit) {
     const std::int64_t n = t->Shape().back();
+    if (t->Size() == 0) {
+        return;
+    }
     parallel_for(t->Size() / n, 1, std::max<std::int64_t>(2, grain / n), [&](std::int64_t begin, std::int64_t end) {
         for (std::int64_t i = begin; i < end; ++i) {
             visit(i, n);

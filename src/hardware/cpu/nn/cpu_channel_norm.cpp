@@ -286,6 +286,9 @@ void write_group(const Operands<T>& of, const ChannelNorm& norm, std::int64_t gr
 }  // namespace
 
 void batch_statistics(const Tensor* input, const ChannelNorm& norm, Tensor* mean, Tensor* variance) {
+    if (is_without_elements(input, {mean, variance})) {
+        return;
+    }
     dispatch(FloatTypes{}, input->Dtype(), [&]<typename T>() {
         const std::vector<Moments> moments = channel_moments(data_of<T>(input), norm);
         for (std::size_t c = 0; c < moments.size(); ++c) {
@@ -295,8 +298,26 @@ void batch_statistics(const Tensor* input, const ChannelNorm& norm, Tensor* mean
     });
 }
 
+void update_running(const Tensor* batch, double factor, double momentum, Tensor* running) {
+    MultiTensorIterationHelper elements;
+    elements.add_input(running);
+    elements.add_input(batch);
+    elements.add_output(running);
+    elements.build();
+    dispatch(FloatTypes{}, running->Dtype(), [&]<typename T>() {
+        elements.run<TypeList<T>, TypeList<T, T>>([factor, momentum](T old, T latest) {
+            const auto from = static_cast<double>(old);
+            const double to = factor * static_cast<double>(latest);
+            return from == to ? old : static_cast<T>((1 - momentum) * from + momentum * to);
+        });
+    });
+}
+
 void batch_norm(const Tensor* input, const ChannelNorm& norm, const Tensor* mean, const Tensor* variance,
                 const Tensor* gamma, const Tensor* beta, Tensor* out) {
+    if (is_without_elements(input, {})) {
+        return;
+    }
     dispatch(FloatTypes{}, input->Dtype(), [&]<typename T>() {
         std::vector<Coefficients<T, 3>> channels;
         for (std::int64_t c = 0; c < norm.channels; ++c) {
@@ -310,6 +331,9 @@ void batch_norm(const Tensor* input, const ChannelNorm& norm, const Tensor* mean
 
 void batch_norm_grads(const NormGradient& from, const ChannelNorm& norm, bool fixed_statistics, Tensor* input_gradient,
                       Tensor* gamma_gradient, Tensor* beta_gradient) {
+    if (is_without_elements(from.input, {gamma_gradient, beta_gradient})) {
+        return;
+    }
     dispatch(FloatTypes{}, from.input->Dtype(), [&]<typename T>() {
         const Operands<T> of(from, norm.eps);
         const bool through_statistics = input_gradient != nullptr && !fixed_statistics;
@@ -334,6 +358,9 @@ void batch_norm_grads(const NormGradient& from, const ChannelNorm& norm, bool fi
 
 void group_norm(const Tensor* input, const ChannelNorm& norm, const Tensor* gamma, const Tensor* beta, Tensor* mean,
                 Tensor* variance, Tensor* out) {
+    if (is_without_elements(input, {mean, variance})) {
+        return;
+    }
     dispatch(FloatTypes{}, input->Dtype(), [&]<typename T>() {
         const T* x = data_of<T>(input);
         T* y = data_of<T>(out);
@@ -365,6 +392,9 @@ void group_norm(const Tensor* input, const ChannelNorm& norm, const Tensor* gamm
 
 void group_norm_grads(const NormGradient& from, const ChannelNorm& norm, Tensor* input_gradient, Tensor* gamma_gradient,
                       Tensor* beta_gradient) {
+    if (is_without_elements(from.input, {gamma_gradient, beta_gradient})) {
+        return;
+    }
     dispatch(FloatTypes{}, from.input->Dtype(), [&]<typename T>() {
         const Operands<T> of(from, norm.eps);
         const bool parameters = gamma_gradient != nullptr || beta_gradient != nullptr;

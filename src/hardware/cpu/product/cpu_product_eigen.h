@@ -5,6 +5,7 @@
 
 #define EIGEN_DONT_PARALLELIZE
 #include <Eigen/Core>
+#include <vector>
 
 #include "cpu_product_kernels.h"
 
@@ -28,30 +29,29 @@ void with_operand(const T* x, bool transposed, std::int64_t width, std::int64_t 
 
 template <typename T>
 void product_piece(const ProductPlan& plan, const ProductPiece& piece, const T* a, const T* b, T* c) {
-    using Matrix = Eigen::Matrix<T, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
+    using Result =
+        Eigen::Map<Eigen::Matrix<T, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>, 0, Eigen::OuterStride<>>;
     const std::int64_t rows = piece.row_end - piece.row_begin;
     const std::int64_t cols = piece.col_end - piece.col_begin;
-    Eigen::Map<Matrix, 0, Eigen::OuterStride<>> out(c + piece.row_begin * plan.cols + piece.col_begin, rows, cols,
-                                                    Eigen::OuterStride<>(plan.cols));
+    Result out(c + piece.row_begin * plan.cols + piece.col_begin, rows, cols, Eigen::OuterStride<>(plan.cols));
     if (plan.depth == 0) {
         if (!plan.accumulate) {
             out.setZero();
         }
         return;
     }
+    // The finished product is added, not each of its terms: it goes to a buffer first.
+    std::vector<T> buffer(static_cast<std::size_t>(plan.accumulate ? rows * cols : 0));
+    Result product = plan.accumulate ? Result(buffer.data(), rows, cols, Eigen::OuterStride<>(cols)) : out;
     const std::int64_t width_a = plan.transpose_a ? plan.rows : plan.depth;
     const std::int64_t width_b = plan.transpose_b ? plan.depth : plan.cols;
     with_operand(a, plan.transpose_a, width_a, piece.row_begin, rows, 0, plan.depth, [&](const auto& left) {
-        with_operand(b, plan.transpose_b, width_b, 0, plan.depth, piece.col_begin, cols, [&](const auto& right) {
-            if (plan.accumulate) {
-                Matrix finished(rows, cols);
-                finished.noalias() = left * right;
-                out += finished;
-            } else {
-                out.noalias() = left * right;
-            }
-        });
+        with_operand(b, plan.transpose_b, width_b, 0, plan.depth, piece.col_begin, cols,
+                     [&](const auto& right) { product.noalias() = left * right; });
     });
+    if (plan.accumulate) {
+        out += product;
+    }
 }
 
 }  // namespace ornik::device::cpu

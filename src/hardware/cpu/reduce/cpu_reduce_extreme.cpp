@@ -24,6 +24,7 @@ template <typename T, bool Largest>
 struct Place {
     using Item = Stored<T>;
     using Rule = Extreme<T, Largest>;
+    static constexpr bool exact = true;
     struct State {
         Item value;
         std::int64_t position;

@@ -15,6 +15,13 @@
 //                  State* states) const;
 //         // the same for `cols` results at once: item [i, j] is rows[i][j]
 //     void combine(State& a, const State& b) const;    // b follows a
+//
+// and, optionally,
+//
+//     void across(const Item* const* rows, std::int64_t n, std::int64_t cols, State* states) const;
+//         // for each of at most reduce_across columns the bits that row() would give
+//     static constexpr bool exact = true;
+//         // results do not depend on how elements are grouped, as those with an integer for their state
 #pragma once
 
 #include <algorithm>
@@ -30,6 +37,8 @@ namespace ornik::device::cpu {
 inline constexpr std::int64_t reduce_chunk = 2048;    // items of a row
 inline constexpr std::int64_t reduce_rows = 128;      // rows of a chunk of columns
 inline constexpr std::int64_t reduce_columns = 4096;  // results that advance together
+inline constexpr std::int64_t reduce_across = 256;    // the same, where each has several partial results
+inline constexpr std::int64_t reduce_staged = 32;     // the same, where elements are collected first
 inline constexpr std::int64_t reduce_grain = 32768;   // items worth a second thread
 
 /// How elements lie in memory: any byte may stand for a bool.
@@ -126,16 +135,43 @@ void reduce_by_rows(const ReduceDescriptor& plan, const typename Kernel::Item* i
     });
 }
 
-template <typename Kernel, typename Out, typename Finish>
-void reduce_by_columns(const ReduceDescriptor& plan, const typename Kernel::Item* in, Out* out, const Kernel& kernel,
-                       const Finish& finish) {
+// across() of the kernel, or row() of elements that are collected for several columns at a time.
+template <typename Kernel>
+void across(const Kernel& kernel, const typename Kernel::Item* const* rows, std::int64_t n, std::int64_t cols,
+            typename Kernel::State* states) {
+    if constexpr (requires { kernel.across(rows, n, cols, states); }) {
+        kernel.across(rows, n, cols, states);
+    } else {
+        using Item = typename Kernel::Item;
+        constexpr std::int64_t together = 16;
+        constexpr std::int64_t row_items = reduce_chunk + 64 / sizeof(Item);  // Rows apart in the cache's sets.
+        std::vector<Item> buffer(static_cast<std::size_t>(together * row_items));
+        for (std::int64_t begin = 0; begin < cols; begin += together) {
+            const std::int64_t width = std::min(together, cols - begin);
+            for (std::int64_t i = 0; i < n; ++i) {
+                for (std::int64_t j = 0; j < width; ++j) {
+                    buffer[static_cast<std::size_t>(j * row_items + i)] = rows[i][begin + j];
+                }
+            }
+            for (std::int64_t j = 0; j < width; ++j) {
+                states[begin + j] = kernel.row(buffer.data() + j * row_items, n, 0);
+            }
+        }
+    }
+}
+
+// Tiles of at most `tile` adjacent results, whose elements are taken ChunkRows at a time: advance(rows, n, cols, first,
+// states) makes their states.
+template <std::int64_t ChunkRows, typename Kernel, typename Out, typename Finish, typename Advance>
+void reduce_tiles(const ReduceDescriptor& plan, std::int64_t tile, const typename Kernel::Item* in, Out* out,
+                  const Kernel& kernel, const Finish& finish, const Advance& advance) {
     using State = typename Kernel::State;
     const ReduceAxis& column_axis = plan.kept.front();
-    const std::int64_t tiles = parts(column_axis.size, reduce_columns);
-    const std::int64_t width = std::min(column_axis.size, reduce_columns);
-    const std::int64_t chunks = parts(plan.count, reduce_rows);
+    const std::int64_t tiles = parts(column_axis.size, tile);
+    const std::int64_t width = std::min(column_axis.size, tile);
+    const std::int64_t chunks = parts(plan.count, ChunkRows);
     const std::int64_t groups = plan.outputs / column_axis.size * tiles;  // Of results that advance together.
-    const auto tile_cols = [&](std::int64_t tile) { return std::min(width, column_axis.size - tile * width); };
+    const auto tile_cols = [&](std::int64_t index) { return std::min(width, column_axis.size - index * width); };
     const auto store = [&](const State* states, std::int64_t cols, Out* target) {
         for (std::int64_t j = 0; j < cols; ++j) {
             target[j * column_axis.result_stride] = finish(states[j]);
@@ -146,22 +182,22 @@ void reduce_by_columns(const ReduceDescriptor& plan, const typename Kernel::Item
                group % tiles * width * column_axis.result_stride;
     };
     std::vector<State> states(static_cast<std::size_t>(chunks > 1 ? groups * chunks * width : 0));
-    const std::int64_t unit_items = std::min(plan.count, reduce_rows) * width;
+    const std::int64_t unit_items = std::min(plan.count, ChunkRows) * width;
     parallel_for(groups * chunks, 1, grain(unit_items), [&](std::int64_t begin, std::int64_t end) {
         std::vector<State> own(static_cast<std::size_t>(chunks > 1 ? 0 : width));
         for (std::int64_t unit = begin; unit < end; ++unit) {
             const std::int64_t group = unit / chunks;
-            const std::int64_t first = unit % chunks * reduce_rows;
-            const std::int64_t n = std::min(reduce_rows, plan.count - first);
+            const std::int64_t first = unit % chunks * ChunkRows;
+            const std::int64_t n = std::min(ChunkRows, plan.count - first);
             const std::int64_t cols = tile_cols(group % tiles);
             const auto* base = in + ReduceWalk(plan.kept, group / tiles, 1).offset() + group % tiles * width;
-            const typename Kernel::Item* rows[reduce_rows];
+            const typename Kernel::Item* rows[ChunkRows];
             ReduceWalk walk(plan.reduced, first);
             for (std::int64_t i = 0; i < n; ++i, walk.next()) {
                 rows[i] = base + walk.offset();
             }
             State* target = chunks > 1 ? states.data() + unit * width : own.data();
-            kernel.columns(rows, n, cols, first, target);
+            advance(rows, n, cols, first, target);
             if (chunks == 1) {
                 store(target, cols, target_of(group));
             }
@@ -179,6 +215,57 @@ void reduce_by_columns(const ReduceDescriptor& plan, const typename Kernel::Item
     });
 }
 
+// The arithmetic of columns() for results whose elements lie anyhow.
+template <typename Kernel, typename Out, typename Finish>
+void reduce_staged_columns(const ReduceDescriptor& plan, const typename Kernel::Item* in, Out* out,
+                           const Kernel& kernel, const Finish& finish) {
+    using Item = typename Kernel::Item;
+    using State = typename Kernel::State;
+    const std::int64_t chunks = parts(plan.count, reduce_rows);
+    const std::int64_t width = std::min(plan.outputs, reduce_staged);
+    const std::int64_t groups = parts(plan.outputs, width);
+    const std::int64_t depth = std::min(plan.count, reduce_rows);
+    std::vector<State> states(static_cast<std::size_t>(groups * chunks * width));
+    parallel_for(groups * chunks, 1, grain(depth * width), [&](std::int64_t begin, std::int64_t end) {
+        std::vector<Item> staged(static_cast<std::size_t>(depth * width));
+        const Item* rows[reduce_rows];
+        for (std::int64_t i = 0; i < depth; ++i) {
+            rows[i] = staged.data() + i * width;
+        }
+        for (std::int64_t unit = begin; unit < end; ++unit) {
+            const std::int64_t first_output = unit / chunks * width;
+            const std::int64_t cols = std::min(width, plan.outputs - first_output);
+            const std::int64_t first = unit % chunks * reduce_rows;
+            const std::int64_t n = std::min(reduce_rows, plan.count - first);
+            ReduceWalk kept(plan.kept, first_output);
+            for (std::int64_t j = 0; j < cols; ++j, kept.next()) {
+                Item buffer[reduce_rows];
+                const Item* items = collect(plan.reduced, in + kept.offset(), first, n, buffer);
+                for (std::int64_t i = 0; i < n; ++i) {
+                    staged[static_cast<std::size_t>(i * width + j)] = items[i];
+                }
+            }
+            kernel.columns(rows, n, cols, first, states.data() + unit * width);
+        }
+    });
+    parallel_for(groups, 1, grain(chunks * width), [&](std::int64_t begin, std::int64_t end) {
+        for (std::int64_t group = begin; group < end; ++group) {
+            State* all = states.data() + group * chunks * width;
+            combine_tree(kernel, all, chunks, width);
+            ReduceWalk kept(plan.kept, group * width);
+            for (std::int64_t j = 0; j < std::min(width, plan.outputs - group * width); ++j, kept.next()) {
+                out[kept.result_offset()] = finish(all[j]);
+            }
+        }
+    });
+}
+
+// Whether results are the same however elements are grouped.
+template <typename Kernel>
+constexpr bool is_exact() {
+    return std::is_integral_v<typename Kernel::State> || requires { Kernel::exact; };
+}
+
 }  // namespace reduce_detail
 
 /// out[...] = finish(state of all reduced items). count >= 1.
@@ -188,11 +275,28 @@ void reduce(const ReduceDescriptor& plan, const void* in, Out* out, const Kernel
     if (plan.outputs == 0) {
         return;
     }
-    if (plan.form == ReduceDescriptor::Form::columns) {
-        reduce_detail::reduce_by_columns(plan, items, out, kernel, finish);
-    } else {
-        reduce_detail::reduce_by_rows(plan, items, out, kernel, finish);
+    using Form = ReduceDescriptor::Form;
+    if (plan.form == Form::columns) {
+        reduce_detail::reduce_tiles<reduce_rows>(plan, reduce_columns, items, out, kernel, finish,
+                                                 [&](auto rows, auto n, auto cols, auto first, auto states) {
+                                                     kernel.columns(rows, n, cols, first, states);
+                                                 });
+        return;
     }
+    if constexpr (!reduce_detail::is_exact<Kernel>()) {
+        if (plan.form == Form::across) {
+            reduce_detail::reduce_tiles<reduce_chunk>(plan, reduce_across, items, out, kernel, finish,
+                                                      [&](auto rows, auto n, auto cols, auto /*first*/, auto states) {
+                                                          reduce_detail::across(kernel, rows, n, cols, states);
+                                                      });
+            return;
+        }
+        if (plan.form == Form::staged) {
+            reduce_detail::reduce_staged_columns(plan, items, out, kernel, finish);
+            return;
+        }
+    }
+    reduce_detail::reduce_by_rows(plan, items, out, kernel, finish);
 }
 
 /// A kernel whose state is one number: Rule::lift makes it from an item, Rule::join combines two.
@@ -243,6 +347,29 @@ struct Fold {
                 states[j] = Rule::join(states[j], Rule::lift(row[j]));
             }
         }
+    }
+
+    static void across(const Item* const* rows, std::int64_t n, std::int64_t cols, State* states) {
+        if (n < lanes) {
+            columns(rows, n, cols, 0, states);
+            return;
+        }
+        State lane[lanes][reduce_across];
+        for (std::int64_t i = 0; i < n; ++i) {
+            const Item* row = rows[i];
+            State* sums = lane[i % lanes];
+            for (std::int64_t j = 0; j < cols; ++j) {
+                sums[j] = i < lanes ? Rule::lift(row[j]) : Rule::join(sums[j], Rule::lift(row[j]));
+            }
+        }
+        for (std::int64_t width = lanes / 2; width > 0; width /= 2) {
+            for (std::int64_t i = 0; i < width; ++i) {
+                for (std::int64_t j = 0; j < cols; ++j) {
+                    lane[i][j] = Rule::join(lane[i][j], lane[i + width][j]);
+                }
+            }
+        }
+        std::copy_n(lane[0], cols, states);
     }
 
     static void combine(State& a, const State& b) { a = Rule::join(a, b); }
