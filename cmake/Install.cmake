@@ -40,14 +40,17 @@ set(ORNIK_PUBLIC_HEADERS
     random/generator.h
     tensor/broadcast.h
     tensor/dtype.h
+    tensor/joins.h
     tensor/nn/tensor_conv.h
     tensor/scalar.h
     tensor/nn/attention.h
     tensor/nn/interpolate.h
     tensor/nn/packing.h
+    tensor/slices.h
     tensor/tensor.h
     tensor/tensor_math/linear_algebra.h
     tensor/tensor_math/indexing.h
+    tensor/tensor_math/matmul.h
     tensor/tensor_math/promotion.h
     tensor/tensor_math/reductions.h
     tensor/tensor_math/sorting.h

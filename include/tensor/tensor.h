@@ -17,6 +17,7 @@
 // reshapes (tensor_shape.h), sparse matrices (tensor_sparse.h) and what networks need (nn/).
 #pragma once
 
+#include <atomic>
 #include <complex>
 #include <cstdint>
 #include <memory>
@@ -68,6 +69,8 @@ class ORNIK_API Tensor {
     ~Tensor();
     Tensor(const Tensor&) = delete;
     Tensor& operator=(const Tensor&) = delete;
+    static void* operator new(std::size_t bytes);
+    static void operator delete(void* memory, std::size_t bytes) noexcept;
 
     // ---- Queries ----
 
@@ -90,8 +93,17 @@ class ORNIK_API Tensor {
     std::shared_ptr<tensorT::Tensor_storage> getStorage() const { return meta_ ? meta_->getStorage() : nullptr; }
     /// Replaces the storage that the meta holds; it must hold every element of this tensor.
     void setStorage(const std::shared_ptr<tensorT::Tensor_storage>& storage);
-    const std::shared_ptr<tensorT::Tensor_Meta>& getMeta() const { return meta_; }
-    const std::shared_ptr<TensorToptions>& get_options() const { return options_; }
+    /// Null without a storage. The tensor's share is not passed on: for whoever holds the tensor.
+    tensorT::Tensor_storage* borrow_storage() const { return meta_ ? meta_->getStorage().get() : nullptr; }
+    /// From the first call on, updates of the tensor reach the meta at once.
+    const std::shared_ptr<tensorT::Tensor_Meta>& getMeta() const {
+        if (meta_axes_.load(std::memory_order_acquire) != Record::current) {
+            give_meta_axes();
+        }
+        return meta_;
+    }
+    /// The record of the tensor's present description, made when it is asked for; null after Tensor().
+    const std::shared_ptr<TensorToptions>& get_options() const;
     std::int64_t get_alloc_mem_size() const { return meta_ ? meta_->get_alloc_mem_size() : 0; }
     /// True for a dense tensor with fewer than two elements or with exactly the row-major strides. A tensor whose
     /// Size() is not its shape's count (see setSize, copy_tensor) is not contiguous.
@@ -744,10 +756,15 @@ class ORNIK_API Tensor {
   private:
     void construct(const Dims& shape, std::int32_t packed, const void* data, void* ndarray_handle);
     void deleteData();
-    void refresh_options();
-    std::shared_ptr<TensorToptions> options_with(const Dims& shape, const Dims& strides, std::int64_t size,
-                                                 std::int64_t dtype, std::int64_t device) const;
-    void take_options(std::shared_ptr<TensorToptions>&& options) noexcept;
+    // Parts of a tensor that few ask for are made when somebody does; all others are spared the memory. Threads may
+    // ask at once: one makes the part, the others wait.
+    enum class Record : std::uint8_t { current, stale, in_the_making };
+    template <typename Make>
+    static void make_current(std::atomic<Record>& record, const Make& make);
+    void give_meta_axes() const;
+    void refresh_options() noexcept;
+    std::shared_ptr<tensorT::Tensor_Meta> new_meta(std::int64_t size, std::int64_t dtype, std::int64_t device,
+                                                   std::int64_t layout, std::int64_t offset) const;
     void take_axes(Dims&& shape, Dims&& strides) noexcept;
     void check_new_shape(const Dims& shape) const;
     Dims strides_for(const Where& at, const Dims& shape) const;
@@ -756,8 +773,8 @@ class ORNIK_API Tensor {
     void adopt(const std::shared_ptr<tensorT::Tensor_storage>& storage, const Dims& shape);
     void check_inside(const Where& at, const Dims& shape, const Dims& strides, std::int64_t offset, std::int64_t dtype,
                       const tensorT::Tensor_storage* storage) const;
-    void become(const Dims& shape, const Dims& strides, std::int64_t size, std::int64_t dtype, std::int64_t device,
-                std::shared_ptr<tensorT::Tensor_Meta>&& meta);
+    void become(Dims&& shape, Dims&& strides, std::int64_t size, std::int64_t dtype, std::int64_t device,
+                std::shared_ptr<tensorT::Tensor_Meta>&& meta) noexcept;
 
     std::int32_t storage_type_ = 0;
     void* ndarray_handles_ = nullptr;
@@ -773,12 +790,14 @@ class ORNIK_API Tensor {
     Dims shape_;
     Dims strides_;
     std::int64_t gpu_index_ = 0;
+    mutable std::atomic<Record> meta_axes_{Record::current};
     std::shared_ptr<tensorT::Tensor_Meta> meta_;
     std::vector<Tensor*> csr_members_;
     std::int64_t meta_sync_ = 0;
     std::int64_t dtype_ = 0;
     std::uint8_t options_pending_ = 1;
-    std::shared_ptr<TensorToptions> options_;
+    mutable std::atomic<Record> options_state_{Record::current};
+    mutable std::shared_ptr<TensorToptions> options_;
 };
 
 /// Copies A's elements, in row-major order, into B's; both of one dtype, or converted to B's. The same

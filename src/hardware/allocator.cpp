@@ -2,7 +2,6 @@
 
 #include <limits>
 
-#include "hardware/device_context.h"
 #include "hardware/fork.h"
 #include "utils/error.h"
 #include "utils/logging.h"
@@ -12,15 +11,15 @@ namespace ornik::device {
 
 namespace {
 
-// The pool over the machine's own memory.
+// The pool over the configured device.
 class CPUMemPool : public DynamicMemPool {
   protected:
-    void* AllocDeviceMem(std::uint64_t bytes) override { return context_.Allocate(bytes); }
-    bool FreeDeviceMem(void* address, std::uint64_t bytes) override { return context_.Free(address, bytes); }
-    std::uint64_t FreeDeviceMemSize() const override { return context_.FreeMemory(); }
+    void* AllocDeviceMem(std::uint64_t bytes) override { return device().Allocate(bytes); }
+    bool FreeDeviceMem(void* address, std::uint64_t bytes) override { return device().Free(address, bytes); }
+    std::uint64_t FreeDeviceMemSize() const override { return device().FreeMemory(); }
 
   private:
-    CPUDeviceContext context_;
+    static DeviceContext& device() { return AllocatorConfig::Get().cpu_device(); }
 };
 
 }  // namespace
@@ -45,6 +44,12 @@ AllocatorConfig::AllocatorConfig() {
             }
             Get().init_mutex_.unlock();
         });
+}
+
+DeviceContext& AllocatorConfig::cpu_device() const {
+    static CPUDeviceContext machine;
+    DeviceContext* const device = cpu_device_.load(std::memory_order_acquire);
+    return device == nullptr ? machine : *device;
 }
 
 bool AllocatorConfig::Init_allocator(std::int64_t /*device*/) {

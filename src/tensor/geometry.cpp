@@ -9,6 +9,10 @@ namespace {
 
 // Portable overflow tests; true when the result does not fit.
 bool multiply_overflows(std::int64_t a, std::int64_t b, std::int64_t& result) {
+    if (((a | b) >> 31) == 0) {  // Small and not negative: the common case, without divisions.
+        result = a * b;
+        return false;
+    }
     constexpr std::int64_t max = std::numeric_limits<std::int64_t>::max();
     constexpr std::int64_t min = std::numeric_limits<std::int64_t>::min();
     if (a > 0 ? (b > max / a || b < min / a) : (a < -1 ? (b > min / a || b < max / a) : (a == -1 && b == min))) {

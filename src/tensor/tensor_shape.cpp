@@ -148,7 +148,7 @@ void Tensor::reshape_(const Dims& shape) {
     const Dims strides = view_strides(shape_, strides_, size_, shape);
     const std::int64_t numel = checked_numel(at, shape);
     if (!strides.empty() && (numel == size_ || shape_.empty())) {
-        check_inside(at, shape, strides, StorageOffset(), dtype_, getStorage().get());
+        check_inside(at, shape, strides, StorageOffset(), dtype_, borrow_storage());
         set_geometry(shape, strides, numel);
         return;
     }
@@ -486,7 +486,7 @@ Tensor* stack(const std::vector<Tensor*>& tensors, unsigned axis) {
     std::vector<std::unique_ptr<Tensor>> views;
     std::vector<Tensor*> widened;
     for (const Tensor* t : tensors) {
-        views.emplace_back(t->unsqueeze(position));
+        views.push_back(std::unique_ptr<Tensor>(t->unsqueeze(position)));
         widened.push_back(views.back().get());
     }
     check_joinable(at, widened, position);

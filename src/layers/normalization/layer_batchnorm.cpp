@@ -77,15 +77,17 @@ Tensor* LBatchNorm::forward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, bool
     }
     device::cpu::batch_norm(x.get(), norm, mean.get(), variance.get(), Borrowed::contiguous(arguments.gamma).get(),
                             Borrowed::contiguous(arguments.beta).get(), output.get());
+    std::vector<std::unique_ptr<Tensor>> saved(2);
+    forward_cache_.reserve(saved.size());
+    // Nothing fails from here on: the running statistics move once in each successful call.
     if (training && running_mean != nullptr && input->Size() > 0) {
         const auto count = static_cast<double>(norm.samples * norm.inner);
         device::cpu::update_running(mean.get(), 1, static_cast<double>(momentum_), running_mean);
         device::cpu::update_running(variance.get(), count > 1 ? count / (count - 1) : 1, static_cast<double>(momentum_),
                                     running_variance);
     }
-    std::vector<std::unique_ptr<Tensor>> saved;
-    saved.push_back(std::move(mean));
-    saved.push_back(std::move(variance));
+    saved[0] = std::move(mean);
+    saved[1] = std::move(variance);
     keep_for_backward(std::move(saved));
     training_ = training;
     return output.release();
