@@ -4,7 +4,7 @@
 //     std::unique_ptr<ornik::Tensor> b(a->add_scalar(1.5F));
 //
 // Every operation that makes a tensor returns a new heap object that the caller deletes; views share the
-// storage of the tensor they were made from. Refused arguments raise std::runtime_error before anything
+// storage of the tensor they were made from. Refused arguments raise ornik::Error before anything
 // is allocated or written. The members stand in blocks by family; each block says which file of
 // src/tensor/ defines it.
 #pragma once

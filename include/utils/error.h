@@ -5,11 +5,13 @@
 //     }
 //
 // `where` captures the reporting line; `fail` joins the pieces (texts, whole numbers, shapes) and
-// throws through ErrorMsg. Pieces are turned into text only when the check has failed.
+// throws an Error. Pieces are turned into text only when the check has failed.
 #pragma once
 
 #include <concepts>
+#include <cstddef>
 #include <cstdint>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,6 +22,35 @@ namespace ornik {
 
 /// Extents, strides or indices of a tensor, outermost first, counted in elements.
 using Dims = std::vector<std::int64_t>;
+
+/// What a refused call is about. Bindings to other languages raise their own exceptions by it.
+enum class ErrorKind : std::uint8_t {
+    argument,         // a value, shape or layout that the operation does not take
+    index,            // a position or axis outside its range
+    dtype,            // an element type that the operation does not take
+    device,           // a device that is unknown, absent, or not that of the other operands
+    memory,           // memory ran out, or was given back wrongly
+    state,            // an object is not in the state that the call needs
+    not_implemented,  // a case that this build does not serve
+};
+
+/// The exception of every refused call. what() is "message (location)", or the message alone when there is no
+/// location.
+class ORNIK_API Error : public std::runtime_error {
+  public:
+    Error(ErrorKind kind, const std::string& message, const std::string& location);
+    ~Error() override;
+
+    ErrorKind kind() const noexcept { return kind_; }
+    /// Both live as long as the exception.
+    std::string_view message() const noexcept;
+    std::string_view location() const noexcept;
+
+  private:
+    ErrorKind kind_;
+    std::size_t message_size_;
+    std::size_t location_size_;
+};
 
 /// The place a message comes from: qualified function name, source path from the root of the
 /// source tree, line.
@@ -46,17 +77,25 @@ inline void append_piece(std::string& text, std::string_view piece) { text += pi
 inline void append_piece(std::string& text, const Dims& shape) { text += shape_text(shape); }
 inline void append_piece(std::string& text, std::integral auto number) { text += std::to_string(number); }
 
-/// Throws through ErrorMsg with the location of `at`.
-[[noreturn]] ORNIK_API void throw_error(const Where& at, const std::string& message);
+/// The message alone without a location, else "message (location)".
+std::string composed_text(const std::string& message, const std::string& location);
+
+[[noreturn]] ORNIK_API void throw_error(ErrorKind kind, const Where& at, const std::string& message);
 
 }  // namespace detail
 
-/// Throws std::runtime_error with the joined pieces and the location of `at`.
+/// Throws an Error with the joined pieces and the location of `at`.
 template <typename... Pieces>
-[[noreturn]] void fail(const Where& at, const Pieces&... pieces) {
+[[noreturn]] void fail(ErrorKind kind, const Where& at, const Pieces&... pieces) {
     std::string message;
     (detail::append_piece(message, pieces), ...);
-    detail::throw_error(at, message);
+    detail::throw_error(kind, at, message);
+}
+
+/// The same for ErrorKind::argument.
+template <typename... Pieces>
+[[noreturn]] void fail(const Where& at, const Pieces&... pieces) {
+    fail(ErrorKind::argument, at, pieces...);
 }
 
 }  // namespace ornik

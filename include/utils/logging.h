@@ -8,7 +8,7 @@
 
 #include "../export.h"
 
-/// Throws std::runtime_error whose what() is the composed text. `flag` is accepted and has no
+/// Throws an ornik::Error, a std::runtime_error, whose what() is the composed text. `flag` is accepted and has no
 /// effect. Never returns.
 [[noreturn]] ORNIK_API void ErrorMsg(const std::string& message, const std::string& location, bool flag);
 

@@ -49,15 +49,15 @@ bool AllocatorConfig::Init_allocator(std::int64_t /*device*/) {
 void* AllocTensorBuffer(std::int64_t device, std::int64_t count, std::int64_t dtype) {
     const Where at = where("ornik::device::AllocTensorBuffer");
     if (is_gpu_device(device)) {
-        fail(at, "GPU not compile yet.");
+        fail(ErrorKind::device, at, "GPU not compile yet.");
     }
     AllocatorConfig& config = AllocatorConfig::Get();
     if (!config.IfUseDynamicCPUMem()) {
-        fail(at, " SetUseDynamicCPUMem(True) is need.");
+        fail(ErrorKind::state, at, " SetUseDynamicCPUMem(True) is need.");
     }
     const std::int64_t item_size = dtype_item_size(dtype);
     if (item_size == 0) {
-        fail(at, "Not valid data type.");
+        fail(ErrorKind::dtype, at, "Not valid data type.");
     }
     if (count < 0 || count > std::numeric_limits<std::int64_t>::max() / item_size) {
         fail(at, "Too many elements for a buffer: ", count, ".");

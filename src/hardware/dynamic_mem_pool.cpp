@@ -30,7 +30,7 @@ std::uint64_t block_size_for(std::uint64_t size) {
 
 void check_not_null(const void* pointer, const Where& at, const char* text) {
     if (pointer == nullptr) {
-        fail(at, text);
+        fail(ErrorKind::memory, at, text);
     }
 }
 
@@ -44,7 +44,8 @@ void* DynamicMemPool::AllocTensorMem(std::uint64_t bytes) {
     const Where at = where("AllocTensorMem");
     constexpr std::uint64_t largest_request = std::uint64_t{1} << 62;
     if (bytes > largest_request) {
-        fail(at, "Memory not enough: alloc size[0]MB is smaller than required size[", bytes >> 20, "]MB.");
+        fail(ErrorKind::memory, at, "Memory not enough: alloc size[0]MB is smaller than required size[", bytes >> 20,
+             "]MB.");
     }
     const std::uint64_t size = AlignMemorySize(bytes);
     const PoolKind kind = size <= largest_small_request ? PoolKind::small : PoolKind::large;
@@ -67,7 +68,8 @@ void* DynamicMemPool::AllocTensorMem(std::uint64_t bytes) {
     }
     if (!buf) {
         DumpUnlocked();
-        fail(at, "Memory not enough: alloc size[0]MB is smaller than required size[", size >> 20, "]MB.");
+        fail(ErrorKind::memory, at, "Memory not enough: alloc size[0]MB is smaller than required size[", size >> 20,
+             "]MB.");
     }
     unpoison_memory(buf->device_addr, bytes);
     return buf->device_addr;
@@ -84,7 +86,8 @@ DynamicMemBufPtr DynamicMemPool::FindIdleMemBuf(PoolKind kind, std::uint64_t siz
     const DynamicMemBufPtr buf = found->second;
     check_not_null(buf.get(), at, "mem_buf == nullptr\n");
     if (buf->status != BufStatus::idle) {
-        fail(at, "Find the mem_buf is not idle, alloc_size[", size, "] mem_buf_size[", buf->size, "].");
+        fail(ErrorKind::memory, at, "Find the mem_buf is not idle, alloc_size[", size, "] mem_buf_size[", buf->size,
+             "].");
     }
     if (buf->size > size) {
         SplitMemBuf(buf, size);
@@ -118,7 +121,8 @@ void DynamicMemPool::MoveIdleEntry(Pool& pool, const DynamicMemBufPtr& from, con
                                    std::uint64_t size) {
     auto entry = pool.idle_bufs.extract({from->size, from->device_addr});
     if (entry.empty()) {
-        fail(where("EraseIdleMemBuf"), "Can't find the size[", from->size, "] pointer in the idle mem_buf.");
+        fail(ErrorKind::memory, where("EraseIdleMemBuf"), "Can't find the size[", from->size,
+             "] pointer in the idle mem_buf.");
     }
     entry.key() = {size, to->device_addr};
     entry.mapped() = to;
@@ -142,7 +146,7 @@ DynamicMemBufPtr DynamicMemPool::AddMemBlockAndMemBuf(PoolKind kind, std::uint64
     Pool& pool = pool_of(kind);
     block->bufs.emplace(address, buf);
     if (!pool.blocks.emplace(address, block).second) {
-        fail(at, "diter.first->second == nullptr\n");
+        fail(ErrorKind::memory, at, "diter.first->second == nullptr\n");
     }
     pool.idle_bufs.emplace(IdleKey{block_size, address}, buf);
     pool.total += block_size;
@@ -171,11 +175,11 @@ void DynamicMemPool::FreeTensorMem(void* address) {
     check_not_null(block.get(), at, "Can't find the device address .");
     const auto found = block->bufs.find(device_addr);
     if (found == block->bufs.end()) {
-        fail(at, "Can't find the device address .");
+        fail(ErrorKind::memory, at, "Can't find the device address .");
     }
     const DynamicMemBufPtr buf = found->second;
     if (buf->status != BufStatus::used) {
-        fail(at, "Find the mem_buf is not used.");
+        fail(ErrorKind::memory, at, "Find the mem_buf is not used.");
     }
     Pool& pool = pool_of(buf->kind);
     const std::uint64_t size = buf->size;
@@ -239,7 +243,7 @@ void DynamicMemPool::EraseIdleMemBuf(const DynamicMemBufPtr& buf) {
     const Where at = where("EraseIdleMemBuf");
     check_not_null(buf.get(), at, "mem_buf == nullptr\n");
     if (pool_of(buf->kind).idle_bufs.erase({buf->size, buf->device_addr}) == 0) {
-        fail(at, "Can't find the size[", buf->size, "] pointer in the idle mem_buf.");
+        fail(ErrorKind::memory, at, "Can't find the size[", buf->size, "] pointer in the idle mem_buf.");
     }
 }
 
@@ -262,7 +266,7 @@ void DynamicMemPool::ReleaseIdleBlocks() {
             unpoison_memory(block->device_addr, block->size);
             if (!FreeDeviceMem(block->device_addr, block->size)) {
                 poison_memory(block->device_addr, block->size);
-                fail(at, "Free device memory error.");
+                fail(ErrorKind::memory, at, "Free device memory error.");
             }
             EraseIdleMemBuf(first);
             pool->total -= block->size;

@@ -8,7 +8,7 @@ namespace ornik {
 
 namespace {
 
-[[noreturn]] void refuse_gpu(const Where& at) { fail(at, "GPU not compile yet."); }
+[[noreturn]] void refuse_gpu(const Where& at) { fail(ErrorKind::device, at, "GPU not compile yet."); }
 
 }  // namespace
 

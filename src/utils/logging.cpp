@@ -1,27 +1,19 @@
 #include "utils/logging.h"
 
 #include <iostream>
-#include <stdexcept>
 
-namespace {
+#include "utils/error.h"
 
-std::string compose(const std::string& message, const std::string& location) {
-    if (location.empty()) {
-        return message;
-    }
-    return message + " (" + location + ")";
-}
-
-}  // namespace
+using ornik::detail::composed_text;
 
 void ErrorMsg(const std::string& message, const std::string& location, bool /*flag*/) {
-    throw std::runtime_error(compose(message, location));
+    throw ornik::Error(ornik::ErrorKind::argument, message, location);
 }
 
 void InfoMsg(const std::string& message, const std::string& location) {
-    std::cout << compose(message, location) << "\n";
+    std::cout << composed_text(message, location) << "\n";
 }
 
-void WarningMsg(const std::string& message, const std::string& location) { compose(message, location); }
+void WarningMsg(const std::string& message, const std::string& location) { composed_text(message, location); }
 
-void DebugMsg(const std::string& message, const std::string& location) { compose(message, location); }
+void DebugMsg(const std::string& message, const std::string& location) { composed_text(message, location); }
