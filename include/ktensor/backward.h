@@ -2,8 +2,7 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
-#include <vector>
+#include <span>
 
 #include "node.h"
 
@@ -12,7 +11,7 @@ namespace ornik::autograd {
 /// One node's turn in a backward pass.
 class Backward {
   public:
-    Backward(Run& run, Node& node, std::vector<KTensor>& gradients, bool recorded)
+    Backward(Run& run, Node& node, std::span<KTensor> gradients, bool recorded)
         : run_(run), node_(node), gradients_(gradients), recorded_(recorded) {}
 
     /// The pass is recorded: gradients have to be made of recorded operations.
@@ -27,7 +26,9 @@ class Backward {
 
     /// Saved value k, undefined if it was not kept. In a recorded pass it has its past.
     KTensor saved(std::size_t k) const;
-    Tensor* saved_raw(std::size_t k) const { return node_.saved()[k].data ? node_.saved()[k].data->tensor.get() : nullptr; }
+    Tensor* saved_raw(std::size_t k) const {
+        return node_.saved()[k].data ? node_.saved()[k].data->tensor.get() : nullptr;
+    }
     Dims operand_shape(std::size_t i) const { return node_.edges()[i].shape.dims(); }
     std::int64_t operand_dtype(std::size_t i) const { return node_.edges()[i].dtype; }
     std::size_t operand_count() const { return node_.edge_count; }
@@ -40,7 +41,7 @@ class Backward {
   private:
     Run& run_;
     Node& node_;
-    std::vector<KTensor>& gradients_;
+    std::span<KTensor> gradients_;
     bool recorded_;
 };
 

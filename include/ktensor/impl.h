@@ -22,7 +22,8 @@
 namespace ornik::autograd {
 
 struct Node;
-void destroy(Node* node) noexcept;
+void add_count(Node* node) noexcept;
+void drop_count(Node* node) noexcept;
 
 struct Data {
     explicit Data(std::unique_ptr<Tensor> t) : tensor(std::move(t)) {}
@@ -81,6 +82,11 @@ inline std::uint32_t recorded_version_of(const Tensor& tensor) {
 
 /// Nobody else holds the elements, and every one has a place of its own in row-major order: they may be changed.
 bool is_sole_owner(const KTensor& tensor);
+
+/// An uninitialised row-major tensor, of any number of elements.
+std::unique_ptr<Tensor> empty_tensor(const Dims& shape, std::int64_t dtype);
+/// A row-major copy, of any number of elements.
+std::unique_ptr<Tensor> copy_of(const Tensor& tensor);
 
 /// "[2, 3] float32"
 std::string describe(const KTensor& tensor);

@@ -22,6 +22,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "../export.h"
@@ -62,6 +63,14 @@ class ORNIK_API KTensor {
 
     /// Takes over a tensor of the floors below, which nobody else may delete. Null gives an undefined KTensor.
     explicit KTensor(std::unique_ptr<Tensor> tensor);
+
+    // ---- Creation (creation.cpp): extents of 0 are fine ----
+
+    /// Elements of any value.
+    [[nodiscard]] static KTensor empty(const Dims& shape, std::int64_t dtype = dtype::float32);
+    [[nodiscard]] static KTensor zeros(const Dims& shape, std::int64_t dtype = dtype::float32);
+    [[nodiscard]] static KTensor ones(const Dims& shape, std::int64_t dtype = dtype::float32);
+    [[nodiscard]] static KTensor full(const Dims& shape, const Scalar& value, std::int64_t dtype = dtype::float32);
 
     [[nodiscard]] bool defined() const noexcept { return impl_ != nullptr; }
     /// True when both handles name the same tensor.
@@ -106,7 +115,8 @@ class ORNIK_API KTensor {
     /// Adds the gradients of every leaf that this tensor was computed from to their grad(). `seed`, of this tensor's
     /// shape and dtype, is the gradient of this tensor; it may be left out for a single real element, and counts as 1.
     /// Saved values are released unless `retain_graph`. With `create_graph` the pass itself is recorded.
-    void backward(const KTensor& seed = KTensor(), bool retain_graph = false, bool create_graph = false) const;
+    void backward(const KTensor& seed, bool retain_graph = false, bool create_graph = false) const;
+    void backward() const { backward(KTensor()); }
     /// The same elements, without a past: shares the storage.
     [[nodiscard]] KTensor detach() const;
     /// Calls `hook` with the whole gradient of this tensor before it goes further; what the hook returns, if defined,

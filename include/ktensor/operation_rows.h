@@ -20,7 +20,11 @@
     ROW(div,              twice) \
     ROW(add_scalar,       twice) \
     ROW(mul_scalar,       twice) \
-    ROW(scalar_div,       twice)
+    ROW(div_scalar,       twice) \
+    ROW(where,            twice) \
+    ROW(clamp,            twice) \
+    ROW(clamp_min,        twice) \
+    ROW(clamp_max,        twice)
 
 #define ORNIK_SHAPE_ROWS(ROW) \
     ROW(astype,           twice) \
@@ -35,11 +39,8 @@ namespace ornik::autograd {
 #define ORNIK_ELEMENT_ROW(name, accepts, result, error32, error64) name,
 #define ORNIK_OPERATION_ROW(name, times) name,
 enum class Op : std::uint16_t {
-    ORNIK_DIFFERENTIABLE_OPERATIONS(ORNIK_ELEMENT_ROW)
-    ORNIK_ARITHMETIC_PAIR_OPERATIONS(ORNIK_ELEMENT_ROW)
-    ORNIK_ARITHMETIC_ROWS(ORNIK_OPERATION_ROW)
-    ORNIK_SHAPE_ROWS(ORNIK_OPERATION_ROW)
-    custom,
+    ORNIK_DIFFERENTIABLE_OPERATIONS(ORNIK_ELEMENT_ROW) ORNIK_ARITHMETIC_PAIR_OPERATIONS(ORNIK_ELEMENT_ROW)
+        ORNIK_ARITHMETIC_ROWS(ORNIK_OPERATION_ROW) ORNIK_SHAPE_ROWS(ORNIK_OPERATION_ROW) custom,
     count
 };
 #undef ORNIK_ELEMENT_ROW
@@ -56,11 +57,8 @@ inline constexpr bool twice = true;
 #define ORNIK_ELEMENT_ROW(name, accepts, result, error32, error64) {#name, twice},
 #define ORNIK_OPERATION_ROW(name, times) {#name, times},
 inline constexpr OpInfo operation_table[] = {
-    ORNIK_DIFFERENTIABLE_OPERATIONS(ORNIK_ELEMENT_ROW)
-    ORNIK_ARITHMETIC_PAIR_OPERATIONS(ORNIK_ELEMENT_ROW)
-    ORNIK_ARITHMETIC_ROWS(ORNIK_OPERATION_ROW)
-    ORNIK_SHAPE_ROWS(ORNIK_OPERATION_ROW)
-    {"custom", twice},
+    ORNIK_DIFFERENTIABLE_OPERATIONS(ORNIK_ELEMENT_ROW) ORNIK_ARITHMETIC_PAIR_OPERATIONS(ORNIK_ELEMENT_ROW)
+        ORNIK_ARITHMETIC_ROWS(ORNIK_OPERATION_ROW) ORNIK_SHAPE_ROWS(ORNIK_OPERATION_ROW){"custom", twice},
 };
 #undef ORNIK_ELEMENT_ROW
 #undef ORNIK_OPERATION_ROW

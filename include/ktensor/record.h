@@ -61,24 +61,13 @@ class Recorder {
     template <typename Function>
     void finish(std::span<KTensor* const> outputs, std::span<const Keep> kept, Function&& function) const {
         using Plain = std::decay_t<Function>;
-        connect(NodeOf<Plain>::make(op_, operands_.size(), kept.size(), outputs.size(), Plain(std::move(function))), outputs,
-                kept);
+        connect(NodeOf<Plain>::make(op_, operands_.size(), kept.size(), outputs.size(), Plain(std::move(function))),
+                outputs, kept);
     }
-
-    /// For an operation in place on operand 0, after the write: the node's result takes the operand's place.
-    template <typename Function>
-    void finish_in_place(std::initializer_list<Keep> kept, Function&& function) const {
-        using Plain = std::decay_t<Function>;
-        connect_in_place(NodeOf<Plain>::make(op_, operands_.size(), kept.size(), 1, Plain(std::move(function))),
-                         std::span<const Keep>(kept.begin(), kept.size()));
-    }
-    /// Before the write: refuses leaves that ask for gradients.
-    void check_in_place() const;
 
   private:
     void check(std::size_t i);
     void connect(Ref<Node> node, std::span<KTensor* const> outputs, std::span<const Keep> kept) const;
-    void connect_in_place(Ref<Node> node, std::span<const Keep> kept) const;
     void fill(Node& node, std::span<const Keep> kept) const;
 
     static constexpr std::size_t near_operands = 6;
@@ -88,6 +77,15 @@ class Recorder {
     std::vector<const KTensor*> far_;
     std::span<const KTensor* const> operands_;
 };
+
+/// An operation in place on `target`, recorded: the result y of the operation on old_value(target) is copied into the
+/// target's storage, and its past becomes the target's. Outside recording nobody calls this.
+void take_over(KTensor& target, const KTensor& y);
+/// Before an operation in place: refuses leaves that ask for gradients, and targets that can not have any where one of
+/// the operands has.
+void check_in_place(const char* operation, const KTensor& target, bool recorded);
+/// A copy of the elements with the past of `target`: what an operation may save although its target is overwritten.
+KTensor old_value(const KTensor& target);
 
 /// Refuses an undefined tensor by the operation's name.
 void check_defined(const char* operation, const KTensor& tensor, std::size_t operand);

@@ -7,7 +7,19 @@
 
 namespace ornik::autograd {
 
-/// T has an atomic member `references`, 1 when it is made, and a function destroy(T*) beside it.
+/// How objects are counted: they have an atomic member `references`, 1 when they are made, and a function destroy(T*)
+/// beside them. Types that are incomplete where they are pointed to have overloads of their own.
+template <typename T>
+void add_count(T* object) noexcept {
+    object->references.fetch_add(1, std::memory_order_relaxed);
+}
+template <typename T>
+void drop_count(T* object) noexcept {
+    if (object->references.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        destroy(object);
+    }
+}
+
 template <typename T>
 class Ref {
   public:
@@ -43,15 +55,15 @@ class Ref {
     T* release() noexcept { return std::exchange(object_, nullptr); }
 
     static void drop(T* object) noexcept {
-        if (object != nullptr && object->references.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-            destroy(object);
+        if (object != nullptr) {
+            drop_count(object);
         }
     }
 
   private:
     void count() const noexcept {
         if (object_ != nullptr) {
-            object_->references.fetch_add(1, std::memory_order_relaxed);
+            add_count(object_);
         }
     }
 
