@@ -28,9 +28,44 @@
 
 #define ORNIK_SHAPE_ROWS(ROW) \
     ROW(astype,           twice) \
+    ROW(clone,            twice) \
     ROW(broadcast_to,     twice) \
     ROW(sum_to_shape,     twice) \
-    ROW(view,             twice)
+    ROW(reshape,          twice) \
+    ROW(permute,          twice) \
+    ROW(squeeze,          twice) \
+    ROW(unsqueeze,        twice) \
+    ROW(flip,             twice)
+
+#define ORNIK_REDUCTION_ROWS(ROW) \
+    ROW(sum,              twice) \
+    ROW(mean,             twice) \
+    ROW(prod,             twice) \
+    ROW(l2_norm,          twice) \
+    ROW(var,              twice) \
+    ROW(std_dev,          twice) \
+    ROW(logsumexp,        twice) \
+    ROW(trace,            once)  \
+    ROW(max,              twice) \
+    ROW(min,              twice) \
+    ROW(median,           twice) \
+    ROW(cumsum,           twice) \
+    ROW(cumprod,          once)  \
+    ROW(softmax,          twice) \
+    ROW(log_softmax,      twice) \
+    ROW(sort,             twice) \
+    ROW(topk,             twice)
+
+#define ORNIK_INDEX_ROWS(ROW) \
+    ROW(gather,           twice) \
+    ROW(scatter_add,      twice)
+
+// Every list but those of element-wise mathematics.
+#define ORNIK_OPERATION_ROWS(ROW) \
+    ORNIK_ARITHMETIC_ROWS(ROW) \
+    ORNIK_SHAPE_ROWS(ROW)      \
+    ORNIK_REDUCTION_ROWS(ROW)  \
+    ORNIK_INDEX_ROWS(ROW)
 
 // clang-format on
 
@@ -40,7 +75,7 @@ namespace ornik::autograd {
 #define ORNIK_OPERATION_ROW(name, times) name,
 enum class Op : std::uint16_t {
     ORNIK_DIFFERENTIABLE_OPERATIONS(ORNIK_ELEMENT_ROW) ORNIK_ARITHMETIC_PAIR_OPERATIONS(ORNIK_ELEMENT_ROW)
-        ORNIK_ARITHMETIC_ROWS(ORNIK_OPERATION_ROW) ORNIK_SHAPE_ROWS(ORNIK_OPERATION_ROW) custom,
+        ORNIK_OPERATION_ROWS(ORNIK_OPERATION_ROW) custom,
     count
 };
 #undef ORNIK_ELEMENT_ROW
@@ -58,7 +93,7 @@ inline constexpr bool twice = true;
 #define ORNIK_OPERATION_ROW(name, times) {#name, times},
 inline constexpr OpInfo operation_table[] = {
     ORNIK_DIFFERENTIABLE_OPERATIONS(ORNIK_ELEMENT_ROW) ORNIK_ARITHMETIC_PAIR_OPERATIONS(ORNIK_ELEMENT_ROW)
-        ORNIK_ARITHMETIC_ROWS(ORNIK_OPERATION_ROW) ORNIK_SHAPE_ROWS(ORNIK_OPERATION_ROW){"custom", twice},
+        ORNIK_OPERATION_ROWS(ORNIK_OPERATION_ROW){"custom", twice},
 };
 #undef ORNIK_ELEMENT_ROW
 #undef ORNIK_OPERATION_ROW
