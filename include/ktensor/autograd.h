@@ -58,4 +58,32 @@ ORNIK_API std::vector<KTensor> grad(const std::vector<KTensor>& outputs, const s
 ORNIK_API void backward(const std::vector<KTensor>& outputs, const std::vector<KTensor>& seeds = {},
                         bool retain_graph = false, bool create_graph = false);
 
+// ---- Operations of a program's own ----
+
+/// What a forward function gives: the results, and what its backward function needs.
+struct CustomResult {
+    std::vector<KTensor> outputs;
+    std::vector<KTensor> kept;
+};
+/// From the operands; nothing is recorded inside.
+using CustomForward = std::function<CustomResult(const std::vector<KTensor>& operands)>;
+/// From what was kept and the gradients of the outputs (undefined where none came): a gradient for every operand,
+/// undefined for none. Gradients of a broadcast shape or a wider dtype are brought to the operand's.
+using CustomBackward =
+    std::function<std::vector<KTensor>(const std::vector<KTensor>& kept, const std::vector<KTensor>& gradients)>;
+
+/// Runs `forward` and records it as one operation under `name`. Changed values among those kept are noticed as ever.
+/// Has second derivatives when `backward` is made of operations that have.
+ORNIK_API std::vector<KTensor> custom(const std::string& name, const std::vector<KTensor>& operands,
+                                      const CustomForward& forward, CustomBackward backward);
+
+/// A function whose inner results are not kept: backward() runs it once more. It has to do the same again; random
+/// numbers are drawn as the first time. Tensors that it uses without their being operands get their gradients, too.
+/// First derivatives only.
+using Segment = std::function<std::vector<KTensor>(const std::vector<KTensor>& operands)>;
+ORNIK_API std::vector<KTensor> checkpoint(Segment segment, const std::vector<KTensor>& operands);
+/// True while backward() runs a checkpointed function again: what happens once in a forward pass, such as moving the
+/// statistics of a normalization, is not to be done again.
+ORNIK_API bool is_recomputing() noexcept;
+
 }  // namespace ornik

@@ -86,6 +86,8 @@ struct Node {
 
     /// Gives the gradients of the operands that are wanted.
     virtual void backward(Backward& context) = 0;
+    /// The operation's, for messages.
+    const char* name() const { return label != nullptr ? label : info_of(op).name; }
     /// Drops what only the gradient needed.
     void release_saved();
     std::span<Edge> edges() const { return {edges_, edge_count}; }
@@ -93,15 +95,16 @@ struct Node {
 
     std::atomic<std::uint32_t> references{1};
     Op op;
+    const char* label = nullptr;  // of a program's own operation; lives in its function
     bool released = false;
     std::uint32_t edge_count;
     std::uint32_t saved_count;
     std::uint32_t output_count;
-    std::uint64_t sequence = 0;         // larger than that of every node it leads to
-    std::atomic<Run*> run{nullptr};     // the pass that walks it now
-    std::size_t position = 0;           // in that pass
-    Node* next = nullptr;               // in the list of nodes to be destroyed
-    Edge* edges_ = nullptr;             // behind the object
+    std::uint64_t sequence = 0;      // larger than that of every node it leads to
+    std::atomic<Run*> run{nullptr};  // the pass that walks it now
+    std::size_t position = 0;        // in that pass
+    Node* next = nullptr;            // in the list of nodes to be destroyed
+    Edge* edges_ = nullptr;          // behind the object
     Saved* saved_ = nullptr;
     std::unique_ptr<std::vector<NodeHook>> hooks;
 };
@@ -117,8 +120,8 @@ struct NodeOf final : Node {
     static Ref<Node> make(Op operation, std::size_t edges_made, std::size_t saved_made, std::size_t outputs,
                           Function&& f) {
         static_assert(alignof(NodeOf) <= alignof(std::max_align_t) && sizeof(NodeOf) % alignof(Edge) == 0);
-        char* memory = static_cast<char*>(
-            ::operator new(sizeof(NodeOf) + edges_made * sizeof(Edge) + saved_made * sizeof(Saved)));
+        char* memory =
+            static_cast<char*>(::operator new(sizeof(NodeOf) + edges_made * sizeof(Edge) + saved_made * sizeof(Saved)));
         auto* node = new (memory) NodeOf(operation, edges_made, saved_made, outputs, std::move(f));
         node->edges_ = reinterpret_cast<Edge*>(memory + sizeof(NodeOf));
         node->saved_ = reinterpret_cast<Saved*>(memory + sizeof(NodeOf) + edges_made * sizeof(Edge));

@@ -65,7 +65,8 @@
     ORNIK_ARITHMETIC_ROWS(ROW) \
     ORNIK_SHAPE_ROWS(ROW)      \
     ORNIK_REDUCTION_ROWS(ROW)  \
-    ORNIK_INDEX_ROWS(ROW)
+    ORNIK_INDEX_ROWS(ROW)      \
+    ROW(checkpoint,       once)
 
 // clang-format on
 

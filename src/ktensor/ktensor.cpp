@@ -59,7 +59,7 @@ KTensor& KTensor::requires_grad(bool wanted) & {
     if (impl_->node) {
         if (!wanted) {
             fail(ErrorKind::state, where("ornik::KTensor::requires_grad"),
-                 "requires_grad(false): this tensor is the result of ", info_of(impl_->node->op).name,
+                 "requires_grad(false): this tensor is the result of ", impl_->node->name(),
                  "(); detach() gives one without a past.");
         }
         return *this;

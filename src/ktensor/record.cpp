@@ -1,7 +1,10 @@
 // record.cpp: from an operation to a node.
 #include "ktensor/record.h"
 
+#include <algorithm>
+
 #include "ktensor/autograd.h"
+#include "ktensor/touched.h"
 #include "utils/error.h"
 
 namespace ornik {
@@ -9,8 +12,20 @@ namespace ornik {
 namespace {
 
 thread_local bool enabled = true;
+thread_local autograd::Touched* touched = nullptr;
 
 }  // namespace
+
+autograd::Touched::Touched() noexcept : before_(touched) { touched = this; }
+
+autograd::Touched::~Touched() { touched = before_; }
+
+void autograd::Touched::add(const KTensor& tensor) {
+    const auto is_known = [&](const KTensor& t) { return t.is(tensor); };
+    if (tensor.wants_grad() && std::none_of(tensors_.begin(), tensors_.end(), is_known)) {
+        tensors_.push_back(tensor);
+    }
+}
 
 bool grad_enabled() noexcept { return enabled; }
 
@@ -54,6 +69,9 @@ void Recorder::check(std::size_t i) {
     const KTensor& operand = *operands_[i];
     check_defined(info_of(op_).name, operand, i);
     if (!enabled) {
+        if (touched != nullptr) {
+            touched->add(operand);
+        }
         return;
     }
     const Impl& impl = *operand.impl();

@@ -76,7 +76,7 @@ void Run::claim(const Ref<Node>& node) {
     Run* free = nullptr;
     if (!node->run.compare_exchange_strong(free, this, std::memory_order_acq_rel)) {
         visits_.pop_back();
-        fail(ErrorKind::state, where("ornik::backward"), caller_, "(): ", info_of(node->op).name,
+        fail(ErrorKind::state, where("ornik::backward"), caller_, "(): ", node->name(),
              "() is part of a graph that another thread, or a pass around this one, is walking.");
     }
 }
@@ -84,32 +84,43 @@ void Run::claim(const Ref<Node>& node) {
 void Run::check(const Node& node) const {
     const OpInfo& info = info_of(node.op);
     if (node.released) {
-        fail(ErrorKind::state, where("ornik::backward"), caller_, "(): the backward pass of ", info.name,
+        fail(ErrorKind::state, where("ornik::backward"), caller_, "(): the backward pass of ", node.name(),
              "() has run already, and what it had saved is released. Ask the first pass to retain the graph.");
     }
     if (create_graph_ && !info.twice) {
-        fail(ErrorKind::not_implemented, where("ornik::backward"), caller_, "(): second derivatives of ", info.name,
+        fail(ErrorKind::not_implemented, where("ornik::backward"), caller_, "(): second derivatives of ", node.name(),
              "() are not available.");
     }
     for (const Saved& saved : node.saved()) {
         if (saved.data && version_of(*saved.data->tensor) != saved.version) {
             fail(ErrorKind::state, where("ornik::backward"), caller_,
-                 "(): ", describe(saved.data->tensor->Shape(), saved.data->tensor->Dtype()), ", saved by ", info.name,
+                 "(): ", describe(saved.data->tensor->Shape(), saved.data->tensor->Dtype()), ", saved by ", node.name(),
                  "(), was changed in place since: its version is ", version_of(*saved.data->tensor), ", not ",
                  saved.version, ".");
         }
     }
 }
 
-bool Run::is_wanted(const Node& node) const {
-    const Visit& visit = visits_[node.position];
+const Run::Input* Run::outside_input(const Edge& edge) const {
+    const auto place = std::find_if(inputs_.begin(), inputs_.end(), [&](const Input& input) {
+        return input.is_node && input.impl->node.get() == edge.node.get() && input.impl->output == edge.output;
+    });
+    return place == inputs_.end() ? nullptr : &*place;
+}
+
+// Of an edge to a node.
+bool Run::is_wanted(const Edge& edge) const {
+    if (is_outside(*edge.node)) {
+        return outside_input(edge) != nullptr;
+    }
+    const Visit& visit = visits_[edge.node->position];
     return visit.needed || visit.is_input;
 }
 
 void Run::find_nodes() {
     for (const auto& [root, seed] : roots_) {
         const Ref<Node>& node = root.impl()->node;
-        if (node && node->run.load(std::memory_order_acquire) != this) {
+        if (node && !is_outside(*node) && node->run.load(std::memory_order_acquire) != this) {
             claim(node);
         }
     }
@@ -121,7 +132,7 @@ void Run::find_nodes() {
         Node* node = open.back();
         open.pop_back();
         for (const Edge& edge : node->edges()) {
-            if (edge.node && edge.node->run.load(std::memory_order_acquire) != this) {
+            if (edge.node && !is_outside(*edge.node) && edge.node->run.load(std::memory_order_acquire) != this) {
                 claim(edge.node);
                 open.push_back(edge.node.get());
             }
@@ -162,7 +173,7 @@ void Run::find_leaves() {
     for (std::size_t i = visits_.size(); i-- > 0;) {
         for (const Edge& edge : visits_[i].node->edges()) {
             if (edge.node) {
-                visits_[i].needed = visits_[i].needed || is_wanted(*edge.node);
+                visits_[i].needed = visits_[i].needed || is_wanted(edge);
             } else if (edge.leaf) {
                 if (Leaf* leaf = leaf_of(edge.leaf)) {
                     ++leaf->edges_left;
@@ -191,7 +202,7 @@ void Run::collect() {
 }
 
 bool Run::wants(const Edge& edge) const {
-    return edge.node ? is_wanted(*edge.node) : edge.leaf && leaf_positions_.contains(edge.leaf.get());
+    return edge.node ? is_wanted(edge) : edge.leaf && leaf_positions_.contains(edge.leaf.get());
 }
 
 void Run::add(KTensor& sum, KTensor gradient) const {
@@ -211,6 +222,10 @@ void Run::add(KTensor& sum, KTensor gradient) const {
 }
 
 void Run::accumulate(const Edge& edge, KTensor gradient) {
+    if (edge.node && is_outside(*edge.node)) {
+        add(inputs_[static_cast<std::size_t>(outside_input(edge) - inputs_.data())].gradient, std::move(gradient));
+        return;
+    }
     if (edge.node) {
         add(visits_[edge.node->position].gradients()[edge.output], std::move(gradient));
         return;

@@ -26,6 +26,8 @@ class Run {
     void add_root(const KTensor& root, const KTensor& seed);
     /// A tensor whose gradient is asked for; without any, all leaves'. Before collect().
     void add_input(const KTensor& input);
+    /// Nodes made before this time of the graph's clock are not walked: they stand there as inputs or not at all.
+    void set_boundary(std::uint64_t sequence) { boundary_ = sequence; }
     void collect();
     void walk();
     /// Adds the sums to the leaves' gradients.
@@ -68,12 +70,15 @@ class Run {
     void run_node(Visit& visit);
     KTensor run_hooks(const std::vector<NodeHook>& hooks, std::uint32_t output, KTensor gradient) const;
     void finish_leaf(Leaf& leaf);
-    bool is_wanted(const Node& node) const;
+    bool is_wanted(const Edge& edge) const;
+    bool is_outside(const Node& node) const { return node.sequence <= boundary_; }
+    const Input* outside_input(const Edge& edge) const;
     void add(KTensor& sum, KTensor gradient) const;
 
     const char* caller_;
     bool retain_graph_;
     bool create_graph_;
+    std::uint64_t boundary_ = 0;
     std::vector<std::pair<KTensor, KTensor>> roots_;
     std::vector<Visit> visits_;
     std::vector<Leaf> leaves_;
