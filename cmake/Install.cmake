@@ -40,9 +40,11 @@ set(ORNIK_PUBLIC_HEADERS
     tensor/nn/attention.h
     tensor/nn/interpolate.h
     tensor/nn/packing.h
+    tensor/slices.h
     tensor/tensor.h
     tensor/tensor_math/linear_algebra.h
     tensor/tensor_math/indexing.h
+    tensor/tensor_math/matmul.h
     tensor/tensor_math/reductions.h
     tensor/tensor_math/sorting.h
     tensor/tensor_math/tensor_arithmetic.h

@@ -46,6 +46,10 @@ ORNIK_API Tensor* logsumexp(Tensor* x, const std::vector<int>& axes = {}, bool k
 /// The sum along the diagonal of two axes (see Tensor::diagonal), over all other positions.
 ORNIK_API Tensor* trace(Tensor* x, std::int64_t offset = 0, int dim1 = 0, int dim2 = 1);
 
+/// t summed over the axes along which `shape` was broadcast to t's shape: the gradient of broadcasting. Any dtype,
+/// which stays; integers wrap, bool is the or. A view when nothing is to be summed.
+ORNIK_API Tensor* sum_to_shape(const Tensor* t, const Dims& shape);
+
 /// Complex too, as prod_grad, mean_grad and trace_grad.
 ORNIK_API Tensor* sum_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
 ORNIK_API Tensor* prod_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);

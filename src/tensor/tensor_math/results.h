@@ -38,6 +38,23 @@ inline TensorResult new_view(const Tensor* t, const Dims& shape, const Dims& str
     return TensorResult(share_storage_tensor(t->getStorage(), shape, strides, t->Dtype(), t->StorageOffset() + offset));
 }
 
+/// The tensor itself, or a copy of it in another dtype; extents may be 0.
+class Converted {
+  public:
+    Converted(const Tensor* t, std::int64_t dtype) : tensor_(t) {
+        if (t->Dtype() != dtype) {
+            copy_ = new_result(t->Shape(), dtype);
+            device::cpu::copy(t, copy_.get());
+            tensor_ = copy_.get();
+        }
+    }
+    const Tensor* get() const { return tensor_; }
+
+  private:
+    const Tensor* tensor_;
+    TensorResult copy_;
+};
+
 inline void check_cpu(const Tensor* t) {
     if (!t->isCPU()) {
         refuse_gpu();
