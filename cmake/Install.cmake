@@ -16,6 +16,11 @@ set(ORNIK_PUBLIC_HEADERS
     layers/conv/layer_conv1D.h
     layers/conv/layer_conv2D.h
     layers/conv/layer_convT2D.h
+    layers/functional/activation.h
+    layers/functional/conv.h
+    layers/functional/dropout.h
+    layers/functional/normalization.h
+    layers/functional/pool.h
     layers/layer.h
     layers/layer_activation.h
     layers/layer_dense.h

@@ -3,50 +3,9 @@
 #include <iostream>
 #include <utility>
 
-#include "norm_arguments.h"
-#include "tensor/checks.h"
-#include "tensor/overlap.h"
-#include "tensor/tensor_math/tensor_arithmetic.h"
+#include "../functional/norm_passes.h"
 
 namespace ornik {
-
-namespace {
-
-void check_input(const Where& at, const NormArguments& arguments) {
-    if (arguments.input == nullptr) {
-        fail(at, "batchnorm needs an input.");
-    }
-    const Dims& shape = arguments.input->Shape();
-    if (shape.size() < 2 || arguments.input->Size() < 1) {
-        fail(at, "batchnorm needs an input [N, C, ...], however it is ", shape);
-    }
-    arguments.check(at, {shape[1]});
-}
-
-// Both or neither, [C]; `written` when they are to be updated.
-void check_running(const Where& at, const NormArguments& arguments, Tensor* mean, Tensor* variance, bool written) {
-    if ((mean == nullptr) != (variance == nullptr) || (mean == nullptr && !written)) {
-        fail(at, "batchnorm needs running statistics for inference, both or neither in training.");
-    }
-    for (const Tensor* t : {mean, variance}) {
-        if (t == nullptr) {
-            return;
-        }
-        arguments.check_like_input(at, t);
-        if (t->Shape() != Dims{arguments.input->Shape()[1]}) {
-            fail(at, "The running statistics of batchnorm should have one value per channel, however the shape is ",
-                 t->Shape());
-        }
-        if (written) {
-            check_not_expanded(at, t);
-        }
-    }
-    if (written && memory_overlap(mean, variance) != Overlap::none) {
-        fail(at, "The running statistics of batchnorm overlap in memory.");
-    }
-}
-
-}  // namespace
 
 LBatchNorm::LBatchNorm(bool affine, float momentum, float eps, std::string name, int first, int second)
     : Layer(std::move(name), first, second), affine_(affine), momentum_(momentum), eps_(eps) {
@@ -61,34 +20,27 @@ Tensor* LBatchNorm::forward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, bool
                                 Tensor* running_variance) {
     const Where at = where("ornik::LBatchNorm::forward_dyn");
     const NormArguments arguments{"batchnorm", affine_ ? gamma : nullptr, affine_ ? beta : nullptr, input};
-    check_input(at, arguments);
-    check_running(at, arguments, running_mean, running_variance, training);
+    check_batch_norm(at, arguments, false);
+    check_running_statistics(at, arguments, running_mean, running_variance, training);
 
-    const Borrowed x = Borrowed::contiguous(input);
-    const device::cpu::ChannelNorm norm = channel_norm(input, 0, eps_);
-    std::unique_ptr<Tensor> mean(Tensor::empty({norm.channels}, input->Device(), input->Dtype()));
-    std::unique_ptr<Tensor> variance(Tensor::empty_like(mean.get()));
-    std::unique_ptr<Tensor> output(Tensor::empty(input->Shape(), input->Device(), input->Dtype()));
+    const auto eps = static_cast<double>(eps_);
+    nn::Normalized result;
     if (training) {
-        device::cpu::batch_statistics(x.get(), norm, mean.get(), variance.get());
+        result = batch_norm_pass(arguments, eps);
+        if (running_mean != nullptr) {
+            update_statistics(running_mean, running_variance, result.mean.get(), result.variance.get(),
+                              input->Size() / input->Shape()[1], momentum_);
+        }
     } else {
-        copy_tensor(running_mean, mean.get());
-        copy_tensor(running_variance, variance.get());
-    }
-    device::cpu::batch_norm(x.get(), norm, mean.get(), variance.get(), Borrowed::contiguous(arguments.gamma).get(),
-                            Borrowed::contiguous(arguments.beta).get(), output.get());
-    if (training && running_mean != nullptr) {
-        const auto count = static_cast<float>(norm.samples * norm.inner);
-        const float unbiased = count > 1 ? momentum_ * (count / (count - 1)) : momentum_;
-        add(1 - momentum_, running_mean, momentum_, mean.get(), running_mean, 0);
-        add(1 - momentum_, running_variance, unbiased, variance.get(), running_variance, 0);
+        result = {batch_norm_pass(arguments, running_mean, running_variance, eps),
+                  std::unique_ptr<Tensor>(running_mean->clone()), std::unique_ptr<Tensor>(running_variance->clone())};
     }
     std::vector<std::unique_ptr<Tensor>> saved;
-    saved.push_back(std::move(mean));
-    saved.push_back(std::move(variance));
+    saved.push_back(std::move(result.mean));
+    saved.push_back(std::move(result.variance));
     keep_for_backward(std::move(saved));
     training_ = training;
-    return output.release();
+    return result.output.release();
 }
 
 Tensor* LBatchNorm::backward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, Tensor* output_gradient, Tensor* mean,
@@ -124,15 +76,12 @@ std::array<Tensor*, 3> LBatchNorm::compute(const Where& at, const std::array<boo
                                            Tensor* beta, Tensor* input, Tensor* output_gradient,
                                            const std::vector<Tensor*>& saved) {
     const NormArguments arguments{"batchnorm", affine_ ? gamma : nullptr, affine_ ? beta : nullptr, input};
-    check_input(at, arguments);
+    check_batch_norm(at, arguments, false);
     if (forward_cache_.empty()) {
         fail(at, "The backward pass of batchnorm needs a forward pass before.");
     }
-    const device::cpu::ChannelNorm norm = channel_norm(input, 0, eps_);
-    const NormBackward from(at, arguments, output_gradient, saved, forward_cache_, {norm.channels});
-    NodeGradients results(wanted, input, {norm.channels});
-    device::cpu::batch_norm_grads(from.operands(), norm, !training_, results.input(), results.gamma(), results.beta());
-    return results.release();
+    const NormSaved from = norm_saved(at, arguments, output_gradient, saved, forward_cache_, static_cast<double>(eps_));
+    return release_by_node(batch_norm_grads(at, arguments, from, !training_, wanted));
 }
 
 Tensor* LBatchNorm::get_saved_var() { return forward_cache_.empty() ? nullptr : forward_cache_[1]->clone(); }
