@@ -60,12 +60,38 @@
     ROW(gather,           twice) \
     ROW(scatter_add,      twice)
 
+#define ORNIK_PRODUCT_ROWS(ROW) \
+    ROW(matmul,           twice) \
+    ROW(kron,             twice) \
+    ROW(eigh,             once)  \
+    ROW(eigvalsh,         once)
+
+#define ORNIK_LAYER_ROWS(ROW) \
+    ROW(relu,             twice) \
+    ROW(leaky_relu,       once)  \
+    ROW(elu,              once)  \
+    ROW(selu,             once)  \
+    ROW(hardtanh,         once)  \
+    ROW(hardsigmoid,      once)  \
+    ROW(hardswish,        once)  \
+    ROW(mish,             once)  \
+    ROW(dropout,          twice) \
+    ROW(convolution,      once)  \
+    ROW(max_pool,         once)  \
+    ROW(average_pool,     once)  \
+    ROW(adaptive_average_pool, once) \
+    ROW(batch_norm,       once)  \
+    ROW(layer_norm,       once)  \
+    ROW(group_norm,       once)
+
 // Every list but those of element-wise mathematics.
 #define ORNIK_OPERATION_ROWS(ROW) \
     ORNIK_ARITHMETIC_ROWS(ROW) \
     ORNIK_SHAPE_ROWS(ROW)      \
     ORNIK_REDUCTION_ROWS(ROW)  \
     ORNIK_INDEX_ROWS(ROW)      \
+    ORNIK_PRODUCT_ROWS(ROW)    \
+    ORNIK_LAYER_ROWS(ROW)      \
     ROW(checkpoint,       once)
 
 // clang-format on

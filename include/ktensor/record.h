@@ -15,6 +15,7 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
 #include <initializer_list>
 #include <span>
 #include <type_traits>
@@ -33,7 +34,8 @@ struct Keep {
 
 class Recorder {
   public:
-    Recorder(Op op, std::initializer_list<const KTensor*> operands);
+    /// Operands from `required` on may be undefined.
+    Recorder(Op op, std::initializer_list<const KTensor*> operands, std::size_t required = SIZE_MAX);
     Recorder(Op op, const std::vector<KTensor>& operands);
     Recorder(const Recorder&) = delete;
     Recorder& operator=(const Recorder&) = delete;
@@ -66,7 +68,8 @@ class Recorder {
     }
 
   private:
-    void check(std::size_t i);
+    void check(std::size_t required);
+    void check_operand(std::size_t i);
     void connect(Ref<Node> node, std::span<KTensor* const> outputs, std::span<const Keep> kept) const;
     void fill(Node& node, std::span<const Keep> kept) const;
 

@@ -41,7 +41,7 @@ void check_defined(const char* operation, const KTensor& tensor, std::size_t ope
     }
 }
 
-Recorder::Recorder(Op op, std::initializer_list<const KTensor*> operands) : op_(op) {
+Recorder::Recorder(Op op, std::initializer_list<const KTensor*> operands, std::size_t required) : op_(op) {
     if (operands.size() <= near_operands) {
         std::copy(operands.begin(), operands.end(), near_.begin());
         operands_ = {near_.data(), operands.size()};
@@ -49,9 +49,7 @@ Recorder::Recorder(Op op, std::initializer_list<const KTensor*> operands) : op_(
         far_ = operands;
         operands_ = far_;
     }
-    for (std::size_t i = 0; i < operands_.size(); ++i) {
-        check(i);
-    }
+    check(required);
 }
 
 Recorder::Recorder(Op op, const std::vector<KTensor>& operands) : op_(op) {
@@ -60,12 +58,18 @@ Recorder::Recorder(Op op, const std::vector<KTensor>& operands) : op_(op) {
         far_.push_back(&operand);
     }
     operands_ = far_;
+    check(operands_.size());
+}
+
+void Recorder::check(std::size_t required) {
     for (std::size_t i = 0; i < operands_.size(); ++i) {
-        check(i);
+        if (i < required || operands_[i]->defined()) {
+            check_operand(i);
+        }
     }
 }
 
-void Recorder::check(std::size_t i) {
+void Recorder::check_operand(std::size_t i) {
     const KTensor& operand = *operands_[i];
     check_defined(info_of(op_).name, operand, i);
     if (!enabled) {
@@ -88,6 +92,9 @@ void Recorder::fill(Node& node, std::span<const Keep> kept) const {
     std::uint64_t least = 0;
     for (std::size_t i = 0; i < operands_.size(); ++i) {
         const KTensor& operand = *operands_[i];
+        if (!operand.defined()) {
+            continue;
+        }
         Impl* impl = operand.impl();
         Edge& edge = node.edges_[i];
         edge.dtype = operand.dtype();
