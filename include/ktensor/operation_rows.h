@@ -82,7 +82,21 @@
     ROW(adaptive_average_pool, once) \
     ROW(batch_norm,       once)  \
     ROW(layer_norm,       once)  \
-    ROW(group_norm,       once)
+    ROW(group_norm,       once)  \
+    ROW(linear,           twice) \
+    ROW(embedding,        once)  \
+    ROW(scaled_dot_product_attention, once) \
+    ROW(lstm,             once)  \
+    ROW(gru,              once)  \
+    ROW(cross_entropy,    once)  \
+    ROW(nll_loss,         once)  \
+    ROW(mse_loss,         once)  \
+    ROW(l1_loss,          once)  \
+    ROW(smooth_l1_loss,   once)  \
+    ROW(huber_loss,       once)  \
+    ROW(binary_cross_entropy, once) \
+    ROW(binary_cross_entropy_with_logits, once) \
+    ROW(kl_div,           once)
 
 // Every list but those of element-wise mathematics.
 #define ORNIK_OPERATION_ROWS(ROW) \

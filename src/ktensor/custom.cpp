@@ -4,6 +4,7 @@
 #include "ktensor/autograd.h"
 #include "ktensor/record.h"
 #include "ktensor/touched.h"
+#include "random/generator.h"
 #include "run.h"
 #include "utils/error.h"
 
@@ -126,6 +127,7 @@ struct SegmentGradient {
     Segment segment;
     std::vector<KTensor> outside;  // used by the segment without being operands
     std::size_t operands;
+    generator::GeneratorState random;  // before the first run
     std::vector<std::pair<autograd::ShapeNote, std::int64_t>> outputs;
 
     void operator()(Backward& pass) const {
@@ -161,6 +163,7 @@ struct SegmentGradient {
 
     std::vector<KTensor> run_again(const std::vector<KTensor>& leaves) const {
         const Recomputing now;
+        const generator::GeneratorScope same_numbers(std::make_shared<generator::Generator>(random));
         const GradMode recorded(true);
         std::vector<KTensor> results = segment(leaves);
         bool same = results.size() == outputs.size();
@@ -185,6 +188,7 @@ std::vector<KTensor> checkpoint(Segment segment, const std::vector<KTensor>& ope
     }
     std::vector<KTensor> all = operands;
     std::vector<KTensor> outputs;
+    const generator::GeneratorState random = generator::default_generator()->state();
     {
         const NoGrad unrecorded;
         const autograd::Touched touched;
