@@ -2,13 +2,19 @@
 //
 // The axes of a tensor fall into two groups: reduced axes, whose elements become one, and kept axes, one
 // result for each of their positions. A descriptor is made from shape and strides alone: axes of extent 1
-// are dropped, the others sorted by stride and joined where neighbours lie in memory like one axis. The sum
-// of a contiguous [8, 4, 16, 16] tensor over axes 0, 2 and 3 reduces axes [256, 8] for each of 4 positions.
-// What is left decides the form of the walk:
+// are dropped, and neighbours joined that lie in memory like one axis. Kept axes are sorted by stride first;
+// reduced axes stay in row-major order, unless order does not matter. The sum of a contiguous [8, 4, 16, 16]
+// tensor over axes 0, 2 and 3 reduces axes [256, 8] for each of 4 positions.
 //
-//   rows     the fastest reduced axis is contiguous: stretches of it are reduced as they lie
-//   columns  the fastest kept axis is contiguous: whole rows of results advance together
-//   general  neither: elements are collected first
+// Rounding depends on how elements are grouped, so that of ReduceOrder::fixed follows from the shape alone:
+// by rows, where the last axis is reduced (or hardly anything is kept behind the reduced axes), else by columns.
+// What lies in memory decides between two walks for each, which give the same bits:
+//
+//   rows         a result at a time: stretches of its elements as they lie, or collected
+//   across       the same arithmetic for neighbouring results at once, whose elements are adjacent
+//   columns      whole rows of adjacent results advance together
+//   staged       the same arithmetic on elements that are collected into such rows
+//   scattered    as rows, but elements of one result lie far apart: worth a row-major copy
 #pragma once
 
 #include <cstdint>
@@ -28,7 +34,7 @@ struct ReduceAxis {
 };
 
 struct ReduceDescriptor {
-    enum class Form { rows, columns, general };
+    enum class Form { rows, across, columns, staged, scattered };
 
     /// Row-major shape of the result: reduced axes are 1 or left out.
     Dims result_shape;
@@ -38,12 +44,12 @@ struct ReduceDescriptor {
     /// Positions of the kept axes, and of the reduced ones.
     std::int64_t outputs = 1;
     std::int64_t count = 1;
-    Form form = Form::general;
+    Form form = Form::rows;
 };
 
-/// Whether the order in which reduced elements are met may be chosen for speed, or is row-major because
-/// positions are counted.
-enum class ReduceOrder { any, row_major };
+/// Whether the order in which reduced elements are met may be chosen for speed, is row-major because positions
+/// are counted, or is, with the grouping, that of a row-major tensor, because results are rounded.
+enum class ReduceOrder { any, row_major, fixed };
 
 /// Axes as sorted indices in [0, ndim): negative ones are wrapped by maybe_warp_dim, none means all. An axis
 /// given twice is an error of `at`.

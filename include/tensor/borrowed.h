@@ -7,17 +7,27 @@
 #include <memory>
 
 #include "../utils/utils.h"
+#include "checks.h"
+#include "make_tensor.h"
 #include "tensor.h"
 
 namespace ornik {
 
 class Borrowed {
   public:
-    /// The tensor itself when it is contiguous, else a contiguous copy. Null gives null.
-    static Borrowed contiguous(Tensor* t) { return {t, t == nullptr ? nullptr : t->contiguous()}; }
-    /// The tensor itself when it has the dtype, else a converted copy. Fails away from the CPU, where
-    /// toDtype gives null.
+    /// The tensor itself when it is contiguous, else a contiguous copy. Null gives null; what has no elements
+    /// to read is refused.
+    static Borrowed contiguous(Tensor* t) {
+        check_optional(where("ornik::Borrowed::contiguous"), t);
+        return {t, t == nullptr ? nullptr : t->contiguous()};
+    }
+    /// The tensor itself when it has the dtype, else a converted copy, also of no elements. Fails away from the CPU,
+    /// where toDtype gives null.
     static Borrowed of_dtype(Tensor* t, std::int64_t dtype) {
+        check_operands(where("ornik::Borrowed::of_dtype"), t);
+        if (t->Size() == 0 && t->isCPU() && t->Dtype() != dtype) {
+            return {t, make_tensor(t->Shape(), dtype).release()};
+        }
         Tensor* converted = t->toDtype(dtype, false);
         if (converted == nullptr) {
             refuse_gpu();

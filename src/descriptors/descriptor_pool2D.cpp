@@ -101,7 +101,7 @@ PoolPlan PoolDescriptor2D::plan(const Where& at, const Tensor* input) const {
     if (shape.size() != axes + 2) {
         fail(at, layer_, " only accepts ", axes + 2, "D input, however it is ", shape);
     }
-    if (input->Size() < 1) {
+    if (std::find(shape.begin() + 2, shape.end(), 0) != shape.end()) {
         fail(at, layer_, " needs an input with elements, however it is ", shape);
     }
     PoolPlan plan;

@@ -13,6 +13,8 @@ namespace {
 
 // Rows of results shorter than this are not worth advancing together.
 constexpr std::int64_t min_columns = 4;
+// Elements a step away from each other share cache lines, or nearly so.
+constexpr std::int64_t short_step = 16;
 
 void sort_axes(std::vector<ReduceAxis>& axes) {
     std::stable_sort(axes.begin(), axes.end(),
@@ -30,6 +32,35 @@ void join_axes(std::vector<ReduceAxis>& axes) {
         }
     }
     axes.resize(std::min(axes.size(), last + 1));
+}
+
+// Whether a row-major tensor of that shape is reduced by columns.
+bool goes_by_columns(const Dims& shape, const std::vector<bool>& is_reduced) {
+    std::int64_t behind = 1;  // Results whose elements are adjacent.
+    for (std::size_t i = shape.size(); i-- > 0;) {
+        if (shape[i] != 1 && is_reduced[i]) {
+            break;
+        }
+        behind *= shape[i];
+    }
+    return behind >= min_columns;
+}
+
+ReduceDescriptor::Form form_of(const ReduceDescriptor& plan, bool by_columns, ReduceOrder order) {
+    using Form = ReduceDescriptor::Form;
+    const bool adjacent_results =
+        !plan.kept.empty() && plan.kept.front().stride == 1 && plan.kept.front().size >= min_columns;
+    const std::int64_t step = plan.reduced.empty() ? 0 : std::abs(plan.reduced.front().stride);
+    if (order != ReduceOrder::fixed) {
+        return step != 1 && adjacent_results ? Form::columns : Form::rows;
+    }
+    if (by_columns) {
+        return adjacent_results ? Form::columns : Form::staged;
+    }
+    if (step <= short_step) {
+        return Form::rows;
+    }
+    return adjacent_results ? Form::across : Form::scattered;
 }
 
 }  // namespace
@@ -79,11 +110,7 @@ ReduceDescriptor make_reduce_descriptor(const Dims& shape, const Dims& strides, 
         sort_axes(plan.reduced);
     }
     join_axes(plan.reduced);
-    if (!plan.reduced.empty() && plan.reduced.front().stride == 1) {
-        plan.form = ReduceDescriptor::Form::rows;
-    } else if (!plan.kept.empty() && plan.kept.front().stride == 1 && plan.kept.front().size >= min_columns) {
-        plan.form = ReduceDescriptor::Form::columns;
-    }
+    plan.form = form_of(plan, goes_by_columns(shape, is_reduced), order);
     return plan;
 }
 

@@ -6,6 +6,9 @@ namespace ornik {
 
 namespace {
 
+// Everything about shapes and selections reports under one file name.
+constexpr const char* family = "src/tensor/tensor_shape.cpp";
+
 Dims counts_of(const std::vector<AxisSelection>& selection) {
     Dims counts;
     for (const AxisSelection& axis : selection) {
@@ -30,7 +33,7 @@ void SelDescriptorV2::build(const Dims& input_shape) {
     std::vector<AxisSelection> selection = parse_selection(items_, input_shape);
     for (const AxisSelection& axis : selection) {
         if (axis.lowest() < 0) {
-            fail(where("ornik::SelDescriptorV2::build"), "unsuppoted select");
+            fail(where("ornik::SelDescriptorV2::build", family), "unsuppoted select");
         }
     }
     keep_ = just_keep_dims(items_, input_shape);
@@ -44,7 +47,7 @@ void SelDescriptorV2::build(const Dims& input_shape, const Dims& selected_shape)
     SelDescriptorV2 built(items_);
     built.build(input_shape);
     if (selected_shape != built.output_shape_ && selected_shape != built.kept_shape()) {
-        fail(where("ornik::SelDescriptorV2::build"), "Incompatible Shape for select_index_grad(),");
+        fail(where("ornik::SelDescriptorV2::build", family), "Incompatible Shape for select_index_grad(),");
     }
     *this = built;
 }

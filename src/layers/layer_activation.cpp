@@ -6,6 +6,8 @@
 #include "hardware/cpu/nn/cpu_activation.h"
 #include "hardware/cpu/nn/cpu_softmax.h"
 #include "tensor/borrowed.h"
+#include "tensor/checks.h"
+#include "tensor/make_tensor.h"
 #include "utils/utils.h"
 
 namespace ornik {
@@ -17,7 +19,7 @@ using operations::Unary;
 // What the kernels of one call get besides tensors: a softmax's axis, or the slope of an activation.
 struct Setting {
     int axis = 0;
-    float slope = 0;
+    double slope = 0;
 };
 
 using Forward = void (*)(const Tensor* input, Tensor* output, const Setting& setting);
@@ -29,7 +31,7 @@ enum class Parameter { none, axis, slope };
 struct Activation {
     const char* name;
     Parameter parameter;
-    float default_parameter;
+    double default_parameter;
     bool (*serves)(const Tensor* input);
     Forward forward;
     Backward backward;
@@ -58,7 +60,7 @@ constexpr Activation activations[] = {
      [](const Tensor* input, Tensor* output, const Setting& /*setting*/) { device::cpu::relu(input, output); },
      [](const Tensor* input, const Tensor* /*output*/, const Tensor* gradient, Tensor* result,
         const Setting& /*setting*/) { device::cpu::relu_grad(input, gradient, result); }},
-    {"leaky_relu", Parameter::slope, 0.01F, is_floating,
+    {"leaky_relu", Parameter::slope, 0.01, is_floating,
      [](const Tensor* input, Tensor* output, const Setting& setting) {
          device::cpu::leaky_relu(input, setting.slope, output);
      },
@@ -114,7 +116,8 @@ Setting setting_for(const Where& at, const Activation& activation, const std::ve
     if (!activation.serves(input)) {
         fail(at, "Not valid dtype for this function.");
     }
-    const float parameter = parameters.empty() ? activation.default_parameter : parameters.front();
+    const double parameter =
+        parameters.empty() ? activation.default_parameter : static_cast<double>(parameters.front());
     if (activation.parameter != Parameter::axis) {
         return {0, parameter};
     }
@@ -148,16 +151,21 @@ LActivation::LActivation(std::string activation, std::vector<float> parameters, 
 
 Tensor* LActivation::forward_dyn(Tensor* input) {
     const Activation& activation = *find_activation(activation_);
-    const Setting setting = setting_for(where("ornik::LActivation::forward_dyn"), activation, parameters_, input);
+    const Where at = where("ornik::LActivation::forward_dyn");
+    check_operands(at, input);
+    const Setting setting = setting_for(at, activation, parameters_, input);
     const Borrowed x = Borrowed::contiguous(input);
-    std::unique_ptr<Tensor> output(Tensor::empty_like(input));
-    activation.forward(x.get(), output.get(), setting);
+    std::unique_ptr<Tensor> output = make_output(input->Shape(), input);
+    if (output->Size() > 0) {
+        activation.forward(x.get(), output.get(), setting);
+    }
     return output.release();
 }
 
 Tensor* LActivation::backward_dyn(Tensor* input, Tensor* output, Tensor* output_gradient) {
     const Where at = where("ornik::LActivation::backward_dyn");
     const Activation& activation = *find_activation(activation_);
+    check_operands(at, input, output, output_gradient);
     for (const Tensor* t : {output, output_gradient}) {
         if (t->Device() != input->Device()) {
             fail(at, "Not same device for inputs of activation.");
@@ -173,8 +181,10 @@ Tensor* LActivation::backward_dyn(Tensor* input, Tensor* output, Tensor* output_
     const Borrowed x = Borrowed::contiguous(input);
     const Borrowed y = Borrowed::contiguous(output);
     const Borrowed g = Borrowed::contiguous(output_gradient);
-    std::unique_ptr<Tensor> result(Tensor::empty_like(input));
-    activation.backward(x.get(), y.get(), g.get(), result.get(), setting);
+    std::unique_ptr<Tensor> result = make_output(input->Shape(), input);
+    if (result->Size() > 0) {
+        activation.backward(x.get(), y.get(), g.get(), result.get(), setting);
+    }
     return result.release();
 }
 

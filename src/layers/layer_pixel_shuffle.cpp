@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "tensor/make_tensor.h"
+
 namespace ornik {
 
 namespace {
@@ -26,7 +28,7 @@ std::unique_ptr<Tensor> as_unshuffled(const Tensor* t, std::int64_t r) {
 }
 
 void check_input(const Where& at, const Tensor* input) {
-    if (input == nullptr || input->ndim() != 4 || input->Size() < 1) {
+    if (input == nullptr || input->ndim() != 4) {
         fail(at, "A pixel shuffle needs a tensor [N, C, H, W]",
              input == nullptr ? std::string() : ", however it is " + shape_text(input->Shape()));
     }
@@ -38,8 +40,7 @@ Tensor* shuffle(const Where& at, const Tensor* input, std::int64_t r) {
     if (shape[1] % (r * r) != 0) {
         fail(at, "A pixel shuffle by ", r, " can not divide the channels of ", shape);
     }
-    std::unique_ptr<Tensor> result(
-        Tensor::empty({shape[0], shape[1] / (r * r), shape[2] * r, shape[3] * r}, input->Device(), input->Dtype()));
+    std::unique_ptr<Tensor> result = make_output({shape[0], shape[1] / (r * r), shape[2] * r, shape[3] * r}, input);
     copy_tensor(input, as_unshuffled(result.get(), r).get());
     return result.release();
 }
@@ -50,8 +51,7 @@ Tensor* unshuffle(const Where& at, const Tensor* input, std::int64_t r) {
     if (shape[2] % r != 0 || shape[3] % r != 0) {
         fail(at, "A pixel unshuffle by ", r, " can not divide the rows and columns of ", shape);
     }
-    std::unique_ptr<Tensor> result(
-        Tensor::empty({shape[0], shape[1] * r * r, shape[2] / r, shape[3] / r}, input->Device(), input->Dtype()));
+    std::unique_ptr<Tensor> result = make_output({shape[0], shape[1] * r * r, shape[2] / r, shape[3] / r}, input);
     copy_tensor(as_unshuffled(input, r).get(), result.get());
     return result.release();
 }

@@ -1,5 +1,8 @@
 #include "step_checks.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "tensor/checks.h"
 #include "tensor/overlap.h"
 #include "tensor/tensor_shape.h"
@@ -11,6 +14,10 @@ void check_step(const Where& at, const std::string& name, const Tensor* param, c
     std::vector<const Tensor*> others = states;
     others.insert(others.end(), idle.begin(), idle.end());
     others.push_back(grad);
+    check_operands(at, param);
+    for (const Tensor* t : others) {
+        check_operands(at, t);
+    }
     for (const Tensor* t : others) {
         if (t->Device() != param->Device()) {
             fail(at, "Not same device of inputs for '", name, "'. ");
@@ -33,6 +40,7 @@ void check_step(const Where& at, const std::string& name, const Tensor* param, c
     written.push_back(param);
     for (std::size_t i = 0; i < written.size(); ++i) {
         check_not_expanded(at, written[i]);
+        check_writable(at, written[i]);
         bool overlaps = memory_overlap(written[i], grad) != Overlap::none;
         for (std::size_t j = 0; j < i; ++j) {
             overlaps = overlaps || memory_overlap(written[i], written[j]) != Overlap::none;
@@ -40,6 +48,19 @@ void check_step(const Where& at, const std::string& name, const Tensor* param, c
         if (overlaps) {
             fail(at, "Inputs for '", name, "' overlap in memory.");
         }
+    }
+}
+
+std::vector<const Tensor*> present(std::initializer_list<const Tensor*> states) {
+    std::vector<const Tensor*> result;
+    std::copy_if(states.begin(), states.end(), std::back_inserter(result),
+                 [](const Tensor* t) { return t != nullptr; });
+    return result;
+}
+
+void announce_step(const Where& at, std::initializer_list<const Tensor*> written) {
+    for (const Tensor* t : present(written)) {
+        announce_write(at, t);
     }
 }
 
@@ -62,6 +83,6 @@ double bias_correction(float beta, std::int32_t step) {
     return 1 / (1 - power);
 }
 
-RealParts::RealParts(Tensor* t) : tensor_(t), view_(t->isComplexType() ? view_as_real(t) : nullptr) {}
+RealParts::RealParts(Tensor* t) : tensor_(t), view_(t != nullptr && t->isComplexType() ? view_as_real(t) : nullptr) {}
 
 }  // namespace ornik

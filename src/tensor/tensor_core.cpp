@@ -5,6 +5,7 @@
 #include "hardware/cpu/copy/cpu_core.h"
 #include "tensor/borrowed.h"
 #include "tensor/broadcast.h"
+#include "tensor/checks.h"
 #include "tensor/geometry.h"
 #include "tensor/overlap.h"
 #include "tensor/tensor.h"
@@ -30,6 +31,19 @@ Dims just_if_broadcastable(const Dims& input, const Dims& reference) {
     return padded;
 }
 
+namespace {
+
+// Null, or a view of all elements of the shape for a tensor that counts others (setSize, copy_tensor).
+std::unique_ptr<Tensor> counted_by_shape(const Where& at, const Tensor* t) {
+    if (t->Size() == checked_numel(at, t->Shape())) {
+        return nullptr;
+    }
+    return std::unique_ptr<Tensor>(
+        share_storage_tensor(t->getStorage(), t->Shape(), t->Strides(), t->Dtype(), t->StorageOffset()));
+}
+
+}  // namespace
+
 Tensor* Tensor::astype(std::int64_t dtype) const {
     if (dtype == dtype_) {
         return clone();
@@ -37,11 +51,13 @@ Tensor* Tensor::astype(std::int64_t dtype) const {
     if (!isCPU()) {
         return nullptr;
     }
+    const Where at = where("ornik::Tensor::astype");
     if (!is_valid_dtype(dtype)) {
-        fail(where("ornik::Tensor::astype"), "Not valid data type.");
+        fail(at, "Not valid data type.");
     }
+    const std::unique_ptr<Tensor> counted = counted_by_shape(at, this);
     std::unique_ptr<Tensor> result(empty(shape_, device_, dtype));
-    device::cpu::copy(this, result.get());
+    device::cpu::copy(counted ? counted.get() : this, result.get());
     return result.release();
 }
 
@@ -54,19 +70,22 @@ Tensor* Tensor::toDtype(std::int64_t dtype, bool copy) {
 
 void Tensor::CopyToTargetWithDtype(Tensor* target, std::int64_t dtype, bool copy_flag) {
     const Where at = where("ornik::Tensor::CopyToTargetWithDtype");
+    check_given(at, target);
     if (!is_valid_dtype(dtype)) {
         fail(at, "Not valid data type.");
     }
     if (target->dtype_ != dtype) {
         fail(at, "Not same data type");
     }
-    if (target->size_ != size_) {
-        fail(at, "Tensors with different size : A", shape_, "B:", target->shape_);
-    }
     if (dtype == dtype_ && copy_flag) {
         copy_tensor(this, target);
     }
+    if (target->size_ != size_) {
+        fail(at, "Tensors with different size : A", shape_, "B:", target->shape_);
+    }
     if (isCPU()) {
+        check_operands(at, this);
+        announce_write(at, target);
         device::cpu::copy(this, target);
     }
 }
@@ -74,12 +93,16 @@ void Tensor::CopyToTargetWithDtype(Tensor* target, std::int64_t dtype, bool copy
 Tensor* Tensor::contiguous() { return is_contiguous() ? this : clone(); }
 
 Tensor* Tensor::clone() const {
+    const std::unique_ptr<Tensor> counted = counted_by_shape(where("ornik::Tensor::clone"), this);
     std::unique_ptr<Tensor> result(empty(shape_, device_, dtype_));
-    copy_tensor(this, result.get());
+    copy_tensor(counted ? counted.get() : this, result.get());
     return result.release();
 }
 
 void Tensor::copy_from_(Tensor* src) {
+    const Where at = where("ornik::Tensor::copy_from_");
+    check_operands(at, src);
+    check_writable(at, this);
     const Borrowed converted = Borrowed::of_dtype(src, dtype_);
     if (converted->shape_ == shape_) {
         copy_tensor(converted.get(), this);
@@ -91,6 +114,7 @@ void Tensor::copy_from_(Tensor* src) {
 
 void copy_tensor(const Tensor* A, Tensor* B) {
     const Where at = where("ornik::copy_tensor");
+    check_given(at, A, B);
     switch (memory_overlap(A, B)) {
         case Overlap::same:
             return;
@@ -99,10 +123,7 @@ void copy_tensor(const Tensor* A, Tensor* B) {
         case Overlap::none:
             break;
     }
-    if (B->Shape().empty()) {
-        B->setSize(A->Size());
-    }
-    if (A->Size() != B->Size()) {
+    if (!B->Shape().empty() && A->Size() != B->Size()) {
         fail(at, "Tensors with different size : A", A->Shape(), "B:", B->Shape());
     }
     if (A->is_csr() && B->is_dense()) {
@@ -115,7 +136,18 @@ void copy_tensor(const Tensor* A, Tensor* B) {
         std::printf("(%d %d)\n", static_cast<int>(A->Device()), static_cast<int>(B->Device()));
         fail(at, "unsupported copy between devices");
     }
-    device::cpu::copy(A, B);
+    check_operands(at, A);
+    announce_write(at, B);
+    if (!B->Shape().empty() || A->Size() == B->Size()) {
+        device::cpu::copy(A, B);
+        return;
+    }
+    // B counts A's elements from now on, all in its one place; not before the copy is done.
+    Tensor repeated;
+    repeated.init_none_tensor_with_shared_storage({A->Size()}, {0}, B->Dtype(), B->Device(), B->getStorage(),
+                                                  B->Layout(), B->StorageOffset());
+    device::cpu::copy(A, &repeated);
+    B->setSize(A->Size());
 }
 
 void tensorT::Tensor_Meta::convert_dtype_and_copy_data(const void* src, std::int64_t src_dtype) {
@@ -126,12 +158,16 @@ void tensorT::Tensor_Meta::convert_dtype_and_copy_data(const void* src, std::int
     if (!storage_) {
         fail(at, "Tensor_Meta has no storage to fill.");
     }
+    if (src == nullptr && size_ != 0) {
+        fail(at, "Tensor_Meta needs elements to copy.");
+    }
     Tensor source;
     source.initialize_none_tensor(shape_, src_dtype, device_, layout::dense);
-    std::memcpy(source.getRawData(), src, static_cast<std::size_t>(size_ * dtype_item_size(src_dtype)));
     Tensor target;
     target.init_none_tensor_with_shared_storage(shape_, stride_, dtype_, device_, storage_, layout::dense,
                                                 storage_offset_);
+    announce_write(at, &target);
+    std::memcpy(source.getRawData(), src, static_cast<std::size_t>(source.Size() * source.itemsize()));
     device::cpu::copy(&source, &target);
 }
 

@@ -10,6 +10,9 @@ namespace ornik {
 
 namespace {
 
+// Everything that creates and fills tensors reports under one file name.
+constexpr const char* family = "src/tensor/tensor_create.cpp";
+
 using generator::Lease;
 
 bool is_float_or_complex(std::int64_t dtype) {
@@ -47,6 +50,7 @@ void check_fillable(const Where& at, const Tensor* self) {
         refuse_gpu();
     }
     check_not_expanded(at, self);
+    announce_write(at, self);
 }
 
 // Calls draw(source, contiguous tensor); elements are drawn in row-major order under any strides.
@@ -112,7 +116,7 @@ WholeRange whole_range(std::int64_t dtype) {
 }  // namespace
 
 Tensor* Tensor::randn(const Dims& shape, double mean, double std, std::int64_t device, std::int64_t dtype) {
-    const Where at = where("ornik::Tensor::randn");
+    const Where at = where("ornik::Tensor::randn", family);
     if (!is_float_or_complex(dtype)) {
         fail(at, "randn only support float or complex as dtype.");
     }
@@ -123,7 +127,7 @@ Tensor* Tensor::randn(const Dims& shape, double mean, double std, std::int64_t d
 }
 
 Tensor* Tensor::randu(const Dims& shape, double low, double high, std::int64_t device, std::int64_t dtype) {
-    const Where at = where("ornik::Tensor::randu");
+    const Where at = where("ornik::Tensor::randu", family);
     if (!is_float_or_complex(dtype)) {
         fail(at, "randu only support float or complex as dtype.");
     }
@@ -134,7 +138,7 @@ Tensor* Tensor::randu(const Dims& shape, double low, double high, std::int64_t d
 
 Tensor* Tensor::randint(const Dims& shape, std::int64_t low, std::int64_t high, std::int64_t device,
                         std::int64_t dtype) {
-    const Where at = where("ornik::Tensor::randint");
+    const Where at = where("ornik::Tensor::randint", family);
     if (!is_dtype_class(dtype, DtypeClass::integral) && !is_dtype_class(dtype, DtypeClass::floating)) {
         fail(at, "randint only support integer or float as dtype.");
     }
@@ -150,7 +154,7 @@ Tensor* Tensor::randint(const Dims& shape, std::int64_t low, std::int64_t high, 
 }
 
 Tensor* Tensor::permutation(std::int64_t n, std::int64_t device, std::int64_t dtype) {
-    const Where at = where("ornik::Tensor::permutation");
+    const Where at = where("ornik::Tensor::permutation", family);
     if (!is_dtype_class(dtype, DtypeClass::integral)) {
         fail(at, "permutation only support integer as dtype.");
     }
@@ -165,7 +169,7 @@ Tensor* Tensor::permutation(std::int64_t n, std::int64_t device, std::int64_t dt
 }
 
 Tensor* Tensor::dropout_mask(const Dims& shape, double p, std::int64_t device, std::int64_t dtype) {
-    const Where at = where("ornik::Tensor::dropout_mask");
+    const Where at = where("ornik::Tensor::dropout_mask", family);
     if (!is_float_or_complex(dtype)) {
         fail(at, "dropout_mask only support float or complex as dtype.");
     }
@@ -176,7 +180,8 @@ Tensor* Tensor::dropout_mask(const Dims& shape, double p, std::int64_t device, s
 }
 
 Tensor* Tensor::bernoulli(Tensor* probs) {
-    const Where at = where("ornik::Tensor::bernoulli");
+    const Where at = where("ornik::Tensor::bernoulli", family);
+    check_operands(at, probs);
     if (!probs->isFloat()) {
         fail(at, "bernoulli's probs only support float as dtype.");
     }
@@ -192,7 +197,8 @@ Tensor* Tensor::bernoulli(Tensor* probs) {
 }
 
 Tensor* Tensor::binomial(Tensor* total_count, Tensor* probs) {
-    const Where at = where("ornik::Tensor::binomial");
+    const Where at = where("ornik::Tensor::binomial", family);
+    check_operands(at, total_count, probs);
     if (probs->isGPU()) {
         fail(at, "binomial not compiled for gpu.");
     }
@@ -222,7 +228,8 @@ Tensor* Tensor::binomial(Tensor* total_count, Tensor* probs) {
 }
 
 Tensor* Tensor::multinomial(Tensor* probs, std::int64_t num_samples, bool replacement) {
-    const Where at = where("ornik::Tensor::multinomial");
+    const Where at = where("ornik::Tensor::multinomial", family);
+    check_operands(at, probs);
     if (probs->ndim_ != 1 && probs->ndim_ != 2) {
         fail(at, "Multinomial input should be 1 dim or 2 dim.");
     }
@@ -258,7 +265,7 @@ Tensor* Tensor::multinomial(Tensor* probs, std::int64_t num_samples, bool replac
 }
 
 void Tensor::fill_rand_normal_inplace(double mean, double std, bool use_cached) {
-    const Where at = where("ornik::Tensor::fill_rand_normal_inplace");
+    const Where at = where("ornik::Tensor::fill_rand_normal_inplace", family);
     if (!is_float_or_complex(dtype_)) {
         fail(at, "cpu_normal_impl not support dtype\n");
     }
@@ -270,19 +277,19 @@ void Tensor::fill_rand_normal_inplace(double mean, double std, bool use_cached) 
 }
 
 void Tensor::fill_rand_uniform_inplace(double scale) {
-    fill_uniform(where("ornik::Tensor::fill_rand_uniform_inplace"), this, 0, scale);
+    fill_uniform(where("ornik::Tensor::fill_rand_uniform_inplace", family), this, 0, scale);
 }
 
 void Tensor::fill_rand_signed_uniform_inplace(double scale) {
-    fill_uniform(where("ornik::Tensor::fill_rand_signed_uniform_inplace"), this, -scale, scale);
+    fill_uniform(where("ornik::Tensor::fill_rand_signed_uniform_inplace", family), this, -scale, scale);
 }
 
 void Tensor::fill_rand_uniform_withbound_inplace(double low, double high) {
-    fill_uniform(where("ornik::Tensor::fill_rand_uniform_withbound_inplace"), this, low, high);
+    fill_uniform(where("ornik::Tensor::fill_rand_uniform_withbound_inplace", family), this, low, high);
 }
 
 void Tensor::fill_rand_binary_inplace(double p) {
-    const Where at = where("ornik::Tensor::fill_rand_binary_inplace");
+    const Where at = where("ornik::Tensor::fill_rand_binary_inplace", family);
     if (!is_float_or_complex(dtype_)) {
         fail(at, "binary_dtype_cpu_impl only support Complex or float\n");
     }

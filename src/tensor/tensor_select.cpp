@@ -14,10 +14,15 @@
 #include "tensor/geometry.h"
 #include "tensor/overlap.h"
 #include "tensor/tensor.h"
+#include "tensor/tensor_math/indexing.h"
+#include "tensor_math/slice_items.h"
 
 namespace ornik {
 
 namespace {
+
+// Everything about shapes and selections reports under one file name.
+constexpr const char* family = "src/tensor/tensor_shape.cpp";
 
 using Selection = std::vector<AxisSelection>;
 
@@ -86,7 +91,7 @@ AxisSelection list_of(Dims positions) {
 }
 
 // Writes `value`, of the selection's shape, into the selected elements of t.
-void write_selected(Tensor* t, const Selection& selection, const Tensor* value) {
+void write_selected(const Where& at, Tensor* t, const Selection& selection, const Tensor* value) {
     if (is_regular(selection)) {
         copy_tensor(value, selected_view(t, selection).get());
         return;
@@ -106,6 +111,7 @@ void write_selected(Tensor* t, const Selection& selection, const Tensor* value) 
         from.back() = list_of(std::move(last_places));
         axis = list_of(unique.positions);
     }
+    announce_write(at, t);
     device::cpu::scatter_positions(value, from, to, t);
 }
 
@@ -113,6 +119,7 @@ void write_selected(Tensor* t, const Selection& selection, const Tensor* value) 
 // leaves out have extent 1 in the selection and may be missing in the value.
 void set_selected(const Where& at, Tensor* t, const Selection& selection, const std::vector<bool>& keep,
                   Tensor* value) {
+    check_operands(at, t, value);
     if (value->Device() != t->Device()) {
         fail(at, "set select ndim input tensor should on same device.");
     }
@@ -132,6 +139,7 @@ void set_selected(const Where& at, Tensor* t, const Selection& selection, const 
     if (!fits_kept && !fits(whole)) {
         fail(at, "Incompatible dims for select_index()");
     }
+    check_writable(at, t);
     const Borrowed converted = Borrowed::of_dtype(value, t->Dtype());
     std::unique_ptr<Tensor> apart;
     if (memory_overlap(converted.get(), t) != Overlap::none) {
@@ -140,7 +148,7 @@ void set_selected(const Where& at, Tensor* t, const Selection& selection, const 
     const std::unique_ptr<Tensor> spread(
         Tensor::broadcast_to(apart ? apart.get() : converted.get(), fits_kept ? kept : whole));
     if (!fits_kept) {
-        write_selected(t, selection, spread.get());
+        write_selected(at, t, selection, spread.get());
         return;
     }
     Dims strides;
@@ -149,7 +157,7 @@ void set_selected(const Where& at, Tensor* t, const Selection& selection, const 
     }
     const std::unique_ptr<Tensor> aligned(
         share_storage_tensor(spread->getStorage(), whole, strides, spread->Dtype(), spread->StorageOffset()));
-    write_selected(t, selection, aligned.get());
+    write_selected(at, t, selection, aligned.get());
 }
 
 // The gradient of a selection as a contiguous tensor of the selection's shape, and the selection without repeated
@@ -175,12 +183,14 @@ std::unique_ptr<Tensor> fold_repeats(const Tensor* grad, Selection& selection) {
 }  // namespace
 
 Tensor* Tensor::select(const std::vector<std::string>& items) const {
+    check_operands(where("ornik::Tensor::select", family), this);
     SelDescriptor descriptor(items);
     descriptor.build(shape_);
     return gathered(this, descriptor.selection()).release();
 }
 
 Tensor* Tensor::select_ndim(const std::vector<std::string>& items) const {
+    check_operands(where("ornik::Tensor::select_ndim", family), this);
     SelDescriptorV2 descriptor(items);
     descriptor.build(shape_);
     std::unique_ptr<Tensor> result = gathered(this, descriptor.selection());
@@ -201,6 +211,7 @@ Tensor* Tensor::select_ndim_without_copy(const std::vector<std::string>& items) 
 }
 
 Tensor* Tensor::select_ndim_grad(const Tensor* grad, const std::vector<std::string>& items) const {
+    check_operands(where("ornik::Tensor::select_ndim_grad", family), grad);
     SelDescriptorV2 descriptor(items);
     descriptor.build(shape_, grad->Shape());
     Selection selection = descriptor.selection();
@@ -213,30 +224,72 @@ Tensor* Tensor::select_ndim_grad(const Tensor* grad, const std::vector<std::stri
 void Tensor::set_select_legacy(Tensor* value, const std::vector<std::string>& items) {
     SelDescriptor descriptor(items);
     descriptor.build(shape_);
-    set_selected(where("ornik::Tensor::set_select_legacy"), this, descriptor.selection(),
+    set_selected(where("ornik::Tensor::set_select_legacy", family), this, descriptor.selection(),
                  std::vector<bool>(shape_.size(), true), value);
 }
 
 void Tensor::set_select_ndim(Tensor* value, const std::vector<std::string>& items) {
     SelDescriptorV2 descriptor(items);
     descriptor.build(shape_);
-    set_selected(where("ornik::Tensor::set_select_ndim"), this, descriptor.selection(), descriptor.keep(), value);
+    set_selected(where("ornik::Tensor::set_select_ndim", family), this, descriptor.selection(), descriptor.keep(),
+                 value);
 }
 
 void Tensor::set_select_ndim_grad(Tensor* grad, const std::vector<std::string>& items) {
-    const Where at = where("ornik::Tensor::set_select_ndim_grad");
+    const Where at = where("ornik::Tensor::set_select_ndim_grad", family);
+    check_operands(at, this, grad);
     SelDescriptorV2 descriptor(items);
     descriptor.build(shape_, grad->Shape());
     if (grad->Device() != device_) {
         fail(at, "set select ndim input tensor should on same device.");
     }
     check_not_expanded(at, this);
+    check_writable(at, this);
     Selection selection = descriptor.selection();
     const Borrowed converted = Borrowed::of_dtype(grad, dtype_);
     const std::unique_ptr<Tensor> folded = fold_repeats(converted.get(), selection);
     const std::unique_ptr<Tensor> old = gathered(this, selection);
     old->add_tensor_inplace(folded.get());
+    announce_write(at, this);
     device::cpu::cpu_select_ndim_backward(old.get(), selection, this);
+}
+
+// ---- Gradients of set_select_ndim ----
+
+Tensor* set_select_ndim_grad(const Tensor* grad, const std::vector<std::string>& items) {
+    check_operands(where("ornik::set_select_ndim_grad"), grad);
+    std::unique_ptr<Tensor> result(grad->clone());
+    const std::unique_ptr<Tensor> zero(Tensor::zeros({}, grad->Device(), grad->Dtype()));
+    result->set_select_ndim(zero.get(), items);
+    return result.release();
+}
+
+Tensor* set_select_ndim_value_grad(const Tensor* grad, const Dims& value_shape, const std::vector<std::string>& items) {
+    const Where at = where("ornik::set_select_ndim_value_grad");
+    check_operands(at, grad);
+    SelDescriptorV2 descriptor(items);
+    descriptor.build(grad->Shape());
+    const Selection& selection = descriptor.selection();
+    std::unique_ptr<Tensor> taken = gathered(grad, selection);
+    for (std::size_t k = 0; k < selection.size(); ++k) {
+        const UniquePositions unique(selection[k].list);
+        Selection replaced = selection;
+        for (std::size_t i = 0; i < replaced.size(); ++i) {
+            replaced[i] = {0, 1, selection[i].count};
+        }
+        for (std::size_t g = 1; unique.has_repeats() && g < unique.groups.starts.size(); ++g) {
+            for (std::int64_t i = unique.groups.starts[g - 1]; i + 1 < unique.groups.starts[g]; ++i) {
+                replaced[k] = {unique.groups.members[static_cast<std::size_t>(i)], 1, 1};
+                selected_view(taken.get(), replaced)->fill_(0);
+            }
+        }
+    }
+    // The value may have had the selection's axes of extent 1, or not.
+    const Dims kept = descriptor.kept_shape();
+    if (value_shape.size() <= kept.size() && kept != taken->Shape()) {
+        taken->reshape_(kept);
+    }
+    return gradient_of_value(at, taken.get(), value_shape).release();
 }
 
 }  // namespace ornik

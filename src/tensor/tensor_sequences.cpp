@@ -4,12 +4,16 @@
 
 #include "hardware/cpu/copy/cpu_core.h"
 #include "tensor/borrowed.h"
+#include "tensor/checks.h"
 #include "tensor/tensor.h"
 #include "utils/utils.h"
 
 namespace ornik {
 
 namespace {
+
+// Everything that creates and fills tensors reports under one file name.
+constexpr const char* family = "src/tensor/tensor_create.cpp";
 
 void check_bounds(const Where& at, double start, double end) {
     if (std::isnan(start) || std::isnan(end)) {
@@ -33,9 +37,7 @@ void check_count(const Where& at, std::int64_t count) {
     }
 }
 
-// The builder behind arange, range and linspace.
-std::unique_ptr<Tensor> build_sequence(const Where& at, float start, float step, std::int64_t count,
-                                       std::int64_t device, std::int64_t dtype, bool close) {
+void check_kind(const Where& at, std::int64_t device, std::int64_t dtype) {
     CheckDev(device);
     if (!is_valid_dtype(dtype)) {
         fail(at, "Not valid data type.");
@@ -43,6 +45,12 @@ std::unique_ptr<Tensor> build_sequence(const Where& at, float start, float step,
     if (dtype == dtype::boolean || is_dtype_class(dtype, DtypeClass::complex)) {
         fail(at, "range() not impl for bool , complex64 or complex128.");
     }
+}
+
+// The builder behind arange, range and linspace.
+std::unique_ptr<Tensor> build_sequence(const Where& at, float start, float step, std::int64_t count,
+                                       std::int64_t device, std::int64_t dtype, bool close) {
+    check_kind(at, device, dtype);
     std::unique_ptr<Tensor> result(Tensor::empty({count < 0 ? -count : count}, device, dtype));
     const float last = start + static_cast<float>(count - 1) * step;
     device::cpu::sequence(result.get(), start, step, close && count >= 2 ? &last : nullptr);
@@ -60,6 +68,7 @@ std::unique_ptr<Tensor> build_linspace(const Where& at, float start, float end, 
 }
 
 std::unique_ptr<Tensor> build_triangle(const Where& at, const Tensor* t, std::int64_t k, bool lower) {
+    check_operands(at, t);
     if (t->ndim() < 2) {
         fail(at, "input should be at least 2d");
     }
@@ -75,11 +84,11 @@ std::unique_ptr<Tensor> build_triangle(const Where& at, const Tensor* t, std::in
 }  // namespace
 
 void Tensor::CheckLegalArange(double start, double end, double /*step*/) {
-    check_bounds(where("ornik::Tensor::CheckLegalArange"), start, end);
+    check_bounds(where("ornik::Tensor::CheckLegalArange", family), start, end);
 }
 
 Tensor* Tensor::arange(double start, double end, double step, std::int64_t device, std::int64_t dtype) {
-    const Where at = where("ornik::Tensor::arange");
+    const Where at = where("ornik::Tensor::arange", family);
     if (step == 0) {
         fail(at, "step should be non zero");
     }
@@ -91,7 +100,7 @@ Tensor* Tensor::arange(double start, double end, double step, std::int64_t devic
 }
 
 Tensor* Tensor::range(float start, float end, float step, std::int64_t device, std::int64_t dtype) {
-    const Where at = where("ornik::Tensor::range");
+    const Where at = where("ornik::Tensor::range", family);
     if (step == 0) {
         fail(at, "step should be non zero");
     }
@@ -102,21 +111,22 @@ Tensor* Tensor::range(float start, float end, float step, std::int64_t device, s
 }
 
 Tensor* Tensor::linspace(float start, float end, std::int64_t num, std::int64_t device, std::int64_t dtype) {
-    return build_linspace(where("ornik::Tensor::linspace"), start, end, num, device, dtype).release();
+    return build_linspace(where("ornik::Tensor::linspace", family), start, end, num, device, dtype).release();
 }
 
 Tensor* Tensor::logspace(float start, float end, std::int64_t num, float base, std::int64_t device,
                          std::int64_t dtype) {
-    const Where at = where("ornik::Tensor::logspace");
+    const Where at = where("ornik::Tensor::logspace", family);
     if (num <= 0) {
         fail(at, "num should >=0 ");
     }
     if (base == 0) {
         fail(at, "base should !=0");
     }
-    // The exponents keep their fractions whatever the result's dtype is.
+    check_kind(at, device, dtype);
+    // The exponents keep their fractions whatever the result's dtype is. All memory is there before any is filled.
     const bool is_double = dtype == dtype::float64;
-    std::unique_ptr<Tensor> result = build_linspace(at, start, end, num, device, dtype);
+    std::unique_ptr<Tensor> result(Tensor::empty({num}, device, dtype));
     const std::unique_ptr<Tensor> exponents =
         build_linspace(at, start, end, num, device, is_double ? dtype::float64 : dtype::float32);
     device::cpu::power_of(base, exponents.get(), result.get());
@@ -124,7 +134,7 @@ Tensor* Tensor::logspace(float start, float end, std::int64_t num, float base, s
 }
 
 Tensor* Tensor::eye(std::int64_t rows, std::int64_t cols, std::int64_t offset, std::int64_t dtype) {
-    const Where at = where("ornik::Tensor::eye");
+    const Where at = where("ornik::Tensor::eye", family);
     if (rows < 1 || cols < 1 || offset <= -rows) {
         fail(at, "Illegal of rows or offset");
     }
@@ -137,11 +147,11 @@ Tensor* Tensor::eye(std::int64_t rows, std::int64_t cols, std::int64_t offset, s
 }
 
 Tensor* Tensor::tril(std::int64_t k) const {
-    return build_triangle(where("ornik::Tensor::tril"), this, k, true).release();
+    return build_triangle(where("ornik::Tensor::tril", family), this, k, true).release();
 }
 
 Tensor* Tensor::triu(std::int64_t k) const {
-    return build_triangle(where("ornik::Tensor::triu"), this, k, false).release();
+    return build_triangle(where("ornik::Tensor::triu", family), this, k, false).release();
 }
 
 }  // namespace ornik

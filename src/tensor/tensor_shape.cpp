@@ -2,12 +2,16 @@
 #include "tensor/tensor_shape.h"
 
 #include <algorithm>
+#include <cassert>
 #include <memory>
 #include <numeric>
 
+#include "descriptors/offset_calculator.h"
 #include "hardware/cpu/index/cpu_indexing.h"
 #include "tensor/broadcast.h"
+#include "tensor/checks.h"
 #include "tensor/geometry.h"
+#include "tensor/make_tensor.h"
 #include "utils/shape_rules.h"
 #include "utils/utils.h"
 
@@ -41,6 +45,7 @@ std::unique_ptr<Tensor> expanded_view(const Tensor* t, const Dims& shape) {
 }  // namespace
 
 std::vector<Tensor*> Tensor::broadcast(const Tensor* a, const Tensor* b) {
+    check_given(where("ornik::Tensor::broadcast"), a, b);
     const Dims shape = infer_size_impl(a->Shape(), b->Shape());
     std::unique_ptr<Tensor> view_a = expanded_view(a, shape);
     std::unique_ptr<Tensor> view_b = expanded_view(b, shape);
@@ -51,6 +56,7 @@ std::vector<Tensor*> Tensor::broadcast(const Tensor* a, const Tensor* b) {
 }
 
 Tensor* Tensor::broadcast_to(const Tensor* t, const Dims& shape) {
+    check_given(where("ornik::Tensor::broadcast_to"), t);
     just_if_broadcastable(t->Shape(), shape);
     return expanded_view(t, shape).release();
 }
@@ -69,12 +75,14 @@ std::unique_ptr<Tensor> view_or_null(const Tensor* t, const Dims& shape) {
     return strides.empty() ? nullptr : share(t, shape, strides);
 }
 
-// New contiguous elements for a tensor that goes to `shape`; see reshape_ for fewer than two elements.
-std::unique_ptr<Tensor> elements_for(const Tensor* t, const Dims& shape, std::int64_t numel) {
-    if (numel == t->Size()) {
+// New contiguous elements for a tensor that goes to `shape`; see reshape_ for fewer than two elements. What is there
+// to copy is counted by t's shape.
+std::unique_ptr<Tensor> elements_for(const Where& at, const Tensor* t, const Dims& shape, std::int64_t numel) {
+    const std::int64_t present = checked_numel(at, t->Shape());
+    if (numel == present) {
         return std::unique_ptr<Tensor>(t->clone());
     }
-    if (t->Size() == 0) {
+    if (present == 0) {
         return std::unique_ptr<Tensor>(Tensor::zeros(shape, t->Device(), t->Dtype()));
     }
     std::unique_ptr<Tensor> result(Tensor::empty(shape, t->Device(), t->Dtype()));
@@ -85,6 +93,7 @@ std::unique_ptr<Tensor> elements_for(const Tensor* t, const Dims& shape, std::in
 }  // namespace
 
 Tensor* view_tensor(const Tensor* t, const Dims& shape) {
+    check_given(where("ornik::view_tensor"), t);
     const Dims strides = view_strides(t->Shape(), t->Strides(), t->Size(), shape);
     if (strides.empty()) {
         fail(where("ornik::view_tensor"), "Can not view this tensor.");
@@ -93,6 +102,7 @@ Tensor* view_tensor(const Tensor* t, const Dims& shape) {
 }
 
 Tensor* view(const Tensor* t, const Dims& shape) {
+    check_given(where("ornik::view"), t);
     std::unique_ptr<Tensor> result = view_or_null(t, shape);
     if (!result) {
         fail(where("ornik::view"),
@@ -103,6 +113,7 @@ Tensor* view(const Tensor* t, const Dims& shape) {
 }
 
 Tensor* reshape(const Tensor* t, const Dims& shape) {
+    check_given(where("ornik::reshape"), t);
     std::unique_ptr<Tensor> result = view_or_null(t, shape);
     if (!result) {
         result.reset(t->clone());
@@ -111,7 +122,10 @@ Tensor* reshape(const Tensor* t, const Dims& shape) {
     return result.release();
 }
 
-Tensor* reshape_copy(const Tensor* t, const Dims& shape) { return t->reshape_copy(shape); }
+Tensor* reshape_copy(const Tensor* t, const Dims& shape) {
+    check_given(where("ornik::reshape_copy"), t);
+    return t->reshape_copy(shape);
+}
 
 Tensor* Tensor::view(const Dims& shape) const { return ornik::view(this, infer_final_reshape(shape, shape_, size_)); }
 
@@ -121,28 +135,30 @@ Tensor* Tensor::reshape(const Dims& shape) const {
 
 // Takes over a contiguous storage that holds the elements of `shape`.
 void Tensor::adopt(const std::shared_ptr<tensorT::Tensor_storage>& storage, const Dims& shape) {
+    const std::int64_t numel = checked_numel(where("ornik::Tensor::adopt"), shape);
+    assert(numel <= storage->byte_size() / itemsize());
+    set_geometry(shape, shape2stride(shape), numel);
     meta_->setStorage(storage);
     meta_->SetOffset(0);
-    set_geometry(shape, shape2stride(shape));
-    updateSize();
 }
 
 void Tensor::reshape_(const Dims& shape) {
+    const Where at = where("ornik::Tensor::reshape_");
     check_new_shape(shape);
     const Dims strides = view_strides(shape_, strides_, size_, shape);
-    const std::int64_t numel = checked_numel(where("ornik::Tensor::reshape_"), shape);
+    const std::int64_t numel = checked_numel(at, shape);
     if (!strides.empty() && (numel == size_ || shape_.empty())) {
-        set_geometry(shape, strides);
-        setSize(numel);
+        check_inside(at, shape, strides, StorageOffset(), dtype_, borrow_storage());
+        set_geometry(shape, strides, numel);
         return;
     }
-    adopt(elements_for(this, shape, numel)->getStorage(), shape);
+    adopt(elements_for(at, this, shape, numel)->getStorage(), shape);
 }
 
 Tensor* Tensor::reshape_copy(const Dims& shape) const {
+    const Where at = where("ornik::Tensor::reshape_copy");
     check_new_shape(shape);
-    std::unique_ptr<Tensor> result =
-        elements_for(this, shape, checked_numel(where("ornik::Tensor::reshape_copy"), shape));
+    std::unique_ptr<Tensor> result = elements_for(at, this, shape, checked_numel(at, shape));
     result->adopt(result->getStorage(), shape);
     return result.release();
 }
@@ -170,6 +186,7 @@ void Tensor::flatten_() { reshape_({-1}); }
 
 Tensor* permute(const Tensor* t, const std::vector<int>& dims) {
     const Where at = where("ornik::permute");
+    check_given(at, t);
     const auto rank = static_cast<std::size_t>(t->ndim());
     if (dims.size() != rank) {
         fail(at, "permute size ", dims.size(), " not equal to tensor shape ", rank);
@@ -292,6 +309,7 @@ Tensor* Tensor::unsqueeze(int axis) const {
 }
 
 Tensor* view_as_real(const Tensor* t) {
+    check_given(where("ornik::view_as_real"), t);
     if (!t->isComplexType()) {
         fail(where("ornik::view_as_real"), "'view_as_real' only supports complex.");
     }
@@ -308,6 +326,7 @@ Tensor* view_as_real(const Tensor* t) {
 
 Tensor* view_as_complex(const Tensor* t) {
     const Where at = where("ornik::view_as_complex");
+    check_given(at, t);
     if (!t->isFloatingType()) {
         fail(at, "'view_as_complex' only supports float32 and float64.");
     }
@@ -344,7 +363,7 @@ Tensor* Tensor::flip(const std::vector<int>& dims) const {
     Dims strides = strides_;
     std::int64_t start = 0;
     for (std::size_t i = 0; i < strides.size(); ++i) {
-        if (reversed[i]) {
+        if (reversed[i] && shape_[i] > 1) {
             start += (shape_[i] - 1) * strides[i];
             strides[i] = -strides[i];
         }
@@ -358,6 +377,7 @@ Tensor* Tensor::diagonal(std::int64_t offset, int dim1, int dim2) const {
     if (ndim_ < 1) {
         fail(at, "input should be at least 1d\n");
     }
+    check_extents(at, shape_);
     const auto first = static_cast<std::size_t>(maybe_wrap_dim(dim1, ndim_));
     const auto second = static_cast<std::size_t>(maybe_wrap_dim(dim2, ndim_));
     if (first == second) {
@@ -466,7 +486,7 @@ Tensor* stack(const std::vector<Tensor*>& tensors, unsigned axis) {
     std::vector<std::unique_ptr<Tensor>> views;
     std::vector<Tensor*> widened;
     for (const Tensor* t : tensors) {
-        views.emplace_back(t->unsqueeze(position));
+        views.push_back(std::unique_ptr<Tensor>(t->unsqueeze(position)));
         widened.push_back(views.back().get());
     }
     check_joinable(at, widened, position);
@@ -478,7 +498,8 @@ Tensor* stack(const std::vector<Tensor*>& tensors, unsigned axis) {
 
 namespace {
 
-// What tile and its gradient work on: each repeated axis of extent s as the two axes [repetitions, s].
+// What tile and its gradient work on: each repeated axis of extent s as the two axes [repetitions, s], without those
+// of extent 1.
 struct TileAxes {
     Dims shape;    // of the result: [..., r, s, ...]
     Dims strides;  // of the tensor that is repeated, 0 along the repetitions
@@ -492,13 +513,32 @@ struct TileAxes {
                 shape.push_back(times);
                 strides.push_back(0);
             }
-            if (back <= input_shape.size()) {
-                shape.push_back(input_shape[input_shape.size() - back]);
+            const std::int64_t extent = back <= input_shape.size() ? input_shape[input_shape.size() - back] : 1;
+            if (extent > 1) {
+                shape.push_back(extent);
                 strides.push_back(input_strides[input_shape.size() - back]);
             }
         }
     }
 };
+
+// tile for more axes than a copy can have: one repeated axis after the other, the last one first.
+std::unique_ptr<Tensor> tile_by_axis(const Tensor* t, const Dims& shape, const std::vector<int>& reps) {
+    std::unique_ptr<Tensor> tiled(t->clone());
+    std::int64_t inner = 1;  // Elements of the result from this axis on.
+    for (std::size_t back = 1; back <= shape.size(); ++back) {
+        inner *= shape[shape.size() - back];
+        const std::int64_t times = back <= reps.size() ? reps[reps.size() - back] : 1;
+        if (times > 1) {
+            const std::int64_t once = inner / times;
+            const Dims repeated{tiled->Size() / once, times, once};
+            std::unique_ptr<Tensor> result(Tensor::empty(repeated, t->Device(), t->Dtype()));
+            copy_tensor(share(tiled.get(), repeated, {once, 0, 1}).get(), result.get());
+            tiled = std::move(result);
+        }
+    }
+    return share(tiled.get(), shape, shape2stride(shape));
+}
 
 // infer_tile_shape, with an error for an extent that does not fit into its 32-bit product.
 Dims checked_tile_shape(const Where& at, const Dims& shape, const std::vector<int>& reps) {
@@ -516,9 +556,14 @@ Dims checked_tile_shape(const Where& at, const Dims& shape, const std::vector<in
 }  // namespace
 
 Tensor* tile(const Tensor* t, const std::vector<int>& reps) {
-    const Dims shape = checked_tile_shape(where("ornik::tile"), t->Shape(), reps);
-    std::unique_ptr<Tensor> result(Tensor::empty(shape, t->Device(), t->Dtype()));
+    const Where at = where("ornik::tile");
+    check_operands(at, t);
+    const Dims shape = checked_tile_shape(at, t->Shape(), reps);
     const TileAxes axes(t->Shape(), t->Strides(), reps);
+    if (axes.shape.size() > OffsetCalculator_cpu<std::int64_t>::max_dims) {
+        return tile_by_axis(t, shape, reps).release();
+    }
+    std::unique_ptr<Tensor> result(Tensor::empty(shape, t->Device(), t->Dtype()));
     copy_tensor(share(t, axes.shape, axes.strides).get(),
                 share(result.get(), axes.shape, shape2stride(axes.shape)).get());
     return result.release();
@@ -526,6 +571,7 @@ Tensor* tile(const Tensor* t, const std::vector<int>& reps) {
 
 Tensor* TileGrad(const Tensor* grad, const Dims& input_shape, const std::vector<int>& reps) {
     const Where at = where("ornik::TileGrad");
+    check_operands(at, grad);
     const Dims tiled = checked_tile_shape(at, input_shape, reps);
     if (grad->Shape() != tiled) {
         fail(at, "TileGrad needs a gradient of the tiled shape: gradient ", grad->Shape(), ", tiled ", tiled);
@@ -552,6 +598,13 @@ Tensor* TileGrad(const Tensor* grad, const Dims& input_shape, const std::vector<
 
 namespace {
 
+// The elements in row-major order under another shape; there may be none.
+Tensor* row_major(const Tensor* t, const Dims& shape) {
+    std::unique_ptr<Tensor> result = make_output(shape, t);
+    copy_tensor(t, result.get());
+    return result.release();
+}
+
 void check_rank(const Where& at, const Dims& shape, std::size_t rank) {
     if (shape.size() != rank) {
         fail(at, "Input should have ", rank, " dimensions, its shape is ", shape);
@@ -561,16 +614,17 @@ void check_rank(const Where& at, const Dims& shape, std::size_t rank) {
 }  // namespace
 
 Tensor* permute_12_reshape_b_n_embed_dims(const Tensor* x) {
+    const Where at = where("ornik::permute_12_reshape_b_n_embed_dims");
+    check_operands(at, x);
     const Dims& shape = x->Shape();
-    check_rank(where("ornik::permute_12_reshape_b_n_embed_dims"), shape, 4);
+    check_rank(at, shape, 4);
     const std::unique_ptr<Tensor> tokens_first(x->permute({0, 2, 1, 3}));
-    std::unique_ptr<Tensor> merged(tokens_first->clone());
-    merged->reshape_({shape[0], shape[2], shape[1] * shape[3]});
-    return merged.release();
+    return row_major(tokens_first.get(), {shape[0], shape[2], shape[1] * shape[3]});
 }
 
 Tensor* permute_12_reshape_b_n_embed_dims_grad(const Tensor* grad, const Dims& input_shape) {
     const Where at = where("ornik::permute_12_reshape_b_n_embed_dims_grad");
+    check_operands(at, grad);
     check_rank(at, input_shape, 4);
     const Dims merged{input_shape[0], input_shape[2], input_shape[1] * input_shape[3]};
     if (grad->Shape() != merged) {
@@ -600,22 +654,27 @@ void check_part(const Where& at, int parts, int index) {
 
 Tensor* reshape_permute_select(const Tensor* x, int heads, int parts, int index) {
     const Where at = where("ornik::reshape_permute_select");
+    check_operands(at, x);
     check_rank(at, x->Shape(), 3);
     check_part(at, parts, index);
     if (heads < 1 || x->Shape()[2] % (std::int64_t{heads} * parts) != 0) {
         fail(at, "The last axis of shape ", x->Shape(), "can not be cut into ", parts, " parts of ", heads, " heads.");
     }
-    return picked_heads(x, heads, parts, index)->clone();
+    const std::unique_ptr<Tensor> picked = picked_heads(x, heads, parts, index);
+    return row_major(picked.get(), picked->Shape());
 }
 
 Tensor* reshape_permute_select_grad(const Tensor* grad, int parts, int index) {
     const Where at = where("ornik::reshape_permute_select_grad");
+    check_operands(at, grad);
     const Dims& shape = grad->Shape();
     check_rank(at, shape, 4);
     check_part(at, parts, index);
     const Dims projection{shape[0], shape[2], parts * shape[1] * shape[3]};
-    std::unique_ptr<Tensor> result(parts == 1 ? Tensor::empty(projection, grad->Device(), grad->Dtype())
-                                              : Tensor::zeros(projection, grad->Device(), grad->Dtype()));
+    std::unique_ptr<Tensor> result = make_output(projection, grad);
+    if (parts > 1) {
+        result->fill_(0);
+    }
     copy_tensor(grad, picked_heads(result.get(), static_cast<int>(shape[1]), parts, index).get());
     return result.release();
 }

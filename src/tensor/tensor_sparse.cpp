@@ -3,6 +3,7 @@
 
 #include "hardware/cpu/copy/cpu_core.h"
 #include "sparse_checks.h"
+#include "tensor/checks.h"
 #include "tensor/make_tensor.h"
 #include "tensor/sparse_parts.h"
 
@@ -37,6 +38,7 @@ Tensor* from_components(const Where& at, std::int64_t layout, Tensor* index, Ten
 
 // The elements of `t` as a sparse matrix of the layout.
 std::unique_ptr<Tensor> to_sparse(const Where& at, Tensor* t, std::int64_t layout) {
+    check_given(at, t);
     if (!t->isCPU()) {
         refuse_gpu();
     }
@@ -60,6 +62,7 @@ std::unique_ptr<Tensor> to_sparse(const Where& at, Tensor* t, std::int64_t layou
 
 // What a sparse factor and a dense one, or a gradient, have in common.
 void check_product(const Where& at, const Tensor* sparse, const Tensor* dense) {
+    check_given(at, sparse, dense);
     if (dense->Device() != sparse->Device()) {
         fail(at, "Not same device for sparse_dot()");
     }
@@ -100,13 +103,16 @@ Tensor* to_coo(Tensor* t) { return to_sparse(where("ornik::to_coo"), t, layout::
 Tensor* to_csr(Tensor* t) { return to_sparse(where("ornik::to_csr"), t, layout::csr).release(); }
 
 Tensor* to_dense(Tensor* t) {
+    const Where at = where("ornik::to_dense");
+    check_given(at, t);
     if (!t->isCPU()) {
         refuse_gpu();
     }
     if (t->is_dense()) {
+        check_operands(at, t);
         return copy_of(t, t->Dtype()).release();
     }
-    return dense_from_sparse(where("ornik::to_dense"), t).release();
+    return dense_from_sparse(at, t).release();
 }
 
 Tensor* sparse_dot(Tensor* sparse, Tensor* dense) {

@@ -117,6 +117,11 @@ TEST(Binary, EveryPairOfDtypes) {
     });
 }
 
+// As in arithmetic, but a scalar never widens a tensor of its kind.
+std::int64_t of_kind_rule(std::int64_t tensor, std::int64_t scalar) {
+    return kind_of(tensor) == kind_of(scalar) ? tensor : scalar_rule(tensor, scalar);
+}
+
 TEST(Binary, EveryPairOfATensorAndAScalar) {
     for_each_operation([&](Binary operation, const Row& row, const BinaryReference& reference) {
         const Front& front = front_of(operation);
@@ -129,7 +134,7 @@ TEST(Binary, EveryPairOfATensorAndAScalar) {
                 const TensorPtr left = make_wide(first, shape, a, Layout::transposed);
                 const std::int64_t promoted = row.result == operations::Result::boolean
                                                   ? sum_rule(first, dtype_code<S>)
-                                                  : scalar_rule(first, dtype_code<S>);
+                                                  : of_kind_rule(first, dtype_code<S>);
                 if (!operations::accepts(row, promoted)) {
                     expect_error([&] { (left.get()->*front.with_scalar)(scalar); },
                                  std::string(row.name) + "_scalar() is not supported for " + name_of_dtype(promoted) +
@@ -139,6 +144,7 @@ TEST(Binary, EveryPairOfATensorAndAScalar) {
                 }
                 const std::int64_t computing = computing_rule(row, promoted);
                 const TensorPtr fresh((left.get()->*front.with_scalar)(scalar));
+                ASSERT_EQ(fresh->Dtype(), row.result == operations::Result::boolean ? dtype::boolean : computing);
                 expect_results(fresh.get(), a, b, computing, row, reference);
                 if (front.scalar_in_place != nullptr && kind_of(fresh->Dtype()) == kind_of(first)) {
                     (left.get()->*front.scalar_in_place)(scalar);
@@ -251,6 +257,25 @@ TEST(Binary, GradientsAreThoseOfCentralDifferences) {
                             [&](std::size_t i, CLD step) { return evaluated(reference, a[i], b[i] + step, dtype); });
         }
     }
+    // The divisor's part counts whole quotients, those of infinite divisors and of quotients that round up too.
+    const double below = std::nextafter(3e15, 0);
+    const struct {
+        double a, b, floor, trunc;
+    } quotients[] = {{5, INFINITY, 0, 0},
+                     {-5, INFINITY, -1, 0},
+                     {5, -INFINITY, -1, 0},
+                     {-5, -INFINITY, 0, 0},
+                     {7, 2, 3, 3},
+                     {-7, 2, -4, -3},
+                     {6, -3, -2, -2},
+                     {0, INFINITY, 0, 0},
+                     {below, 3, 999999999999999, 999999999999999},
+                     {-below, 3, -1000000000000000, -999999999999999}};
+    for (const auto& q : quotients) {
+        const TensorPtr a = make<double>({1}, {q.a}), b = make<double>({1}, {q.b}), g = make<double>({1}, {2});
+        EXPECT_EQ(values_of<double>(TensorPtr(remainder_dy_grad(a.get(), b.get(), g.get())))[0], -2 * q.floor) << q.a;
+        EXPECT_EQ(values_of<double>(TensorPtr(fmod_dy_grad(a.get(), b.get(), g.get())))[0], -2 * q.trunc) << q.a;
+    }
     const TensorPtr same = make<float>({2}, {3, NAN});
     const TensorPtr one = make<float>({2}, {1, 1});
     const TensorPtr shared(maximum_dx_grad(same.get(), same.get(), one.get()));
@@ -308,6 +333,8 @@ TEST(Select, MaskedFill) {
                   (std::vector<float>{0.5F, 2, 3, 0.5F}));
         expect_error([&] { t->masked_fill_inplace(mask.get(), 0.5F); }, "Not supported data type casting.",
                      "ornik::Tensor::masked_fill_inplace", "src/tensor/tensor_math/tensor_select.cpp");
+        EXPECT_EQ(values_of<float>(TensorPtr(TensorPtr(t->astype(dtype::float32))->masked_fill(mask.get(), -1e9))),
+                  (std::vector<float>{-1e9F, 2, 3, -1e9F}));
         t->masked_fill_inplace(mask.get(), std::int64_t{-9});
         EXPECT_EQ(values_of<std::int16_t>(t), (std::vector<std::int16_t>{-9, 2, 3, -9}));
         EXPECT_EQ(values_of<std::int16_t>(TensorPtr(masked_fill_grad(mask.get(), t.get()))),
@@ -323,6 +350,10 @@ TEST(Select, ClampsToBounds) {
     const TensorPtr grad = make<float>({5}, {1, 2, 3, 4, 5});
     EXPECT_EQ(values_of<float>(TensorPtr(clamp_grad(t.get(), -1.0F, 0.5F, grad.get()))),
               (std::vector<float>{0, 2, 3, 0, 0}));
+    // A bound counts as rounded to the tensor's dtype, here 0.7 down to 0.699999988.
+    const TensorPtr edge = make<float>({1}, {0.7F});
+    EXPECT_EQ(values_of<float>(TensorPtr(edge->clamp(0.7, 1.0))), (std::vector<float>{0.7F}));
+    EXPECT_EQ(values_of<float>(TensorPtr(clamp_grad(edge.get(), 0.7, 1.0, edge.get()))), (std::vector<float>{0.7F}));
     EXPECT_EQ(values_of<float>(TensorPtr(t->clamp_min(-1.0F)))[0], -1);
     EXPECT_EQ(values_of<float>(TensorPtr(t->clamp_max(1.0F)))[3], 1);
     t->clamp_inplace(-1.0F, 1.0F);

@@ -170,7 +170,12 @@ TEST(Unary, EveryDtypeInEveryLayoutAndForm) {
             }
             Tensor nothing;
             nothing.initialize_none_tensor({2, 0}, dtype, 0, layout::dense);
-            EXPECT_EQ(TensorPtr((nothing.*front.fresh)())->Shape(), (Dims{2, 0}));
+            const TensorPtr none((nothing.*front.fresh)());
+            EXPECT_EQ(none->Shape(), (Dims{2, 0}));
+            front.into(&nothing, none.get());
+            if (front.in_place != nullptr && none->Dtype() == dtype) {
+                (nothing.*front.in_place)();
+            }
             const TensorPtr one = make_wide(dtype, {}, {x[0]});
             EXPECT_EQ(bytes_of(TensorPtr((one.get()->*front.fresh)())),
                       bytes_of(expected).substr(0, static_cast<std::size_t>(expected->itemsize())));
@@ -243,6 +248,32 @@ TEST(Unary, GradientsAreThoseOfCentralDifferences) {
                      row.name + std::string("_grad() is not supported for int32 tensor."),
                      "ornik::" + std::string(row.name) + "_grad", front_file);
     });
+}
+
+// A slope may be out of range where its product with the gradient is not.
+TEST(Unary, GradientsOfTinyNumbers) {
+    struct Case {
+        Tensor* (*gradient)(Tensor*, Tensor*, Tensor*);
+        LD (*slope)(LD x);
+        LD x32, x64, seed32, seed64;
+    };
+    const Case cases[] = {
+        {log_grad, [](LD x) { return 1 / x; }, 1e-42L, 3e-320L, 1e-6L, 1e-14L},
+        {log2_grad, [](LD x) { return 1 / (x * std::log(2.0L)); }, 1e-42L, 3e-320L, 1e-6L, 1e-14L},
+        {log10_grad, [](LD x) { return 1 / (x * std::log(10.0L)); }, 1e-42L, 3e-320L, 1e-6L, 1e-14L},
+        {reciprocal_grad, [](LD x) { return -1 / (x * x); }, 1e-20L, 1e-155L, 1e-6L, 1e-6L},
+        {rsqrt_grad, [](LD x) { return -0.5L / (x * std::sqrt(x)); }, 1e-30L, 1e-210L, 1e-12L, 1e-12L},
+    };
+    for (const Case& c : cases) {
+        for (const std::int64_t dtype : {dtype::float32, dtype::float64, dtype::complex64, dtype::complex128}) {
+            const bool narrow = dtype == dtype::float32 || dtype == dtype::complex64;
+            const TensorPtr x = make_wide(dtype, {1}, {CLD(narrow ? c.x32 : c.x64)});
+            const TensorPtr seed = make_wide(dtype, {1}, {CLD(narrow ? c.seed32 : c.seed64)});
+            const CLD exact = c.slope(wide_values(x.get())[0].real()) * wide_values(seed.get())[0];
+            const CLD got = wide_values(TensorPtr(c.gradient(x.get(), nullptr, seed.get())).get())[0];
+            EXPECT_LT(std::abs(got / exact - CLD(1)), narrow ? 4e-7L : 1e-15L) << name_of_dtype(dtype) << got << exact;
+        }
+    }
 }
 
 // ---- Refusals, overlaps, special complex values ----

@@ -199,11 +199,11 @@ TEST(NormFunctions, RunningStatistics) {
     const TensorPtr mean = make<double>({2}, {1, 2}), variance = make<double>({2}, {3, 4});
     nn::update_running_statistics(mean.get(), variance.get(), batch.mean.get(), batch.variance.get(), 0, 0.5F);
     EXPECT_EQ(values_of<double>(mean), (std::vector<double>{1, 2}));
-    nn::update_running_statistics(mean.get(), variance.get(), batch.mean.get(), batch.variance.get(), 12, 0.25F);
+    nn::update_running_statistics(mean.get(), variance.get(), batch.mean.get(), batch.variance.get(), 12, 0.25);
     for (std::size_t c = 0; c < 2; ++c) {
         const double m = values_of<double>(batch.mean)[c], v = values_of<double>(batch.variance)[c];
-        EXPECT_NEAR(values_of<double>(mean)[c], 0.75 * static_cast<double>(1 + c) + 0.25 * m, 1e-7);
-        EXPECT_NEAR(values_of<double>(variance)[c], 0.75 * static_cast<double>(3 + c) + 0.25 * v * 12 / 11, 1e-7);
+        EXPECT_NEAR(values_of<double>(mean)[c], 0.75 * static_cast<double>(1 + c) + 0.25 * m, 1e-14);
+        EXPECT_NEAR(values_of<double>(variance)[c], 0.75 * static_cast<double>(3 + c) + 0.25 * v * 12 / 11, 1e-14);
     }
     // By fixed statistics the gradient does not pass through them.
     const auto by = [&](Tensor* t) { return nn::batch_norm_by(t, mean.get(), variance.get(), w.get(), nullptr); };
@@ -219,11 +219,11 @@ TEST(NormFunctions, RunningStatistics) {
          "batchnorm needs an input [N, C, ...], however it is ( 2 ) "},
         {"batch_norm_by", [&] { nn::batch_norm_by(x.get(), nullptr, nullptr, nullptr, nullptr); },
          "batchnorm needs running statistics for inference, both or neither in training."},
-        {"update_running_statistics", [=] { nn::update_running_statistics(m, m, m, v, 2, 0.1F); },
+        {"update_running_statistics", [=] { nn::update_running_statistics(m, m, m, v, 2, 0.1); },
          "The running statistics of batchnorm overlap in memory."},
-        {"update_running_statistics", [=] { nn::update_running_statistics(m, v, m, v, 2, 1.5F); },
+        {"update_running_statistics", [=] { nn::update_running_statistics(m, v, m, v, 2, 1.5); },
          "The momentum of batchnorm should be in [0, 1]"},
-        {"update_running_statistics", [&] { nn::update_running_statistics(m, v, single.get(), v, 2, 0.1F); },
+        {"update_running_statistics", [&] { nn::update_running_statistics(m, v, single.get(), v, 2, 0.1); },
          "Not same data type for inputs of batchnorm."},
         {"layer_norm", [&] { nn::layer_norm(x.get(), 0, nullptr, nullptr); },
          "layer norm needs an input with at least the axes of its parameters, however it is ( 3, 2, 4 ) "},
@@ -246,20 +246,18 @@ struct Activation {
 };
 
 double cut(double x, double low, double high) { return std::min(std::max(x, low), high); }
-// Single-precision numbers, as all parameters of activations.
-constexpr double selu_above = 1.0507009873554805F;
-constexpr double selu_below = selu_above * 1.6732632423543772F;
+constexpr double selu_above = 1.05070098735548049342;
+constexpr double selu_below = selu_above * 1.67326324235437728482;
 
 const Activation activations[] = {
     {"relu", [](double x) { return std::max(x, 0.0); }, nn::relu, nn::relu_inplace, nn::relu_grad, nn::relu_grad},
-    {"leaky_relu", [](double x) { return x > 0 ? x : 0.25 * x; }, [](auto* x) { return nn::leaky_relu(x, 0.25F); },
-     [](auto* x) { nn::leaky_relu_inplace(x, 0.25F); },
-     [](auto* x, auto* g) { return nn::leaky_relu_grad(x, g, 0.25F); },
-     [](auto* y, auto* g) { return nn::leaky_relu_grad(y, g, 0.25F); }},
-    {"elu", [](double x) { return x > 0 ? x : 1.5 * std::expm1(x); }, [](auto* x) { return nn::elu(x, 1.5F); },
-     [](auto* x) { nn::elu_inplace(x, 1.5F); },
-     [](auto* x, auto* g) { return nn::elu_grad(x, nn::elu(x, 1.5F).get(), g, 1.5F); },
-     [](auto* y, auto* g) { return nn::elu_grad(y, y, g, 1.5F); }},
+    {"leaky_relu", [](double x) { return x > 0 ? x : 0.25 * x; }, [](auto* x) { return nn::leaky_relu(x, 0.25); },
+     [](auto* x) { nn::leaky_relu_inplace(x, 0.25); }, [](auto* x, auto* g) { return nn::leaky_relu_grad(x, g, 0.25); },
+     [](auto* y, auto* g) { return nn::leaky_relu_grad(y, g, 0.25); }},
+    {"elu", [](double x) { return x > 0 ? x : 1.5 * std::expm1(x); }, [](auto* x) { return nn::elu(x, 1.5); },
+     [](auto* x) { nn::elu_inplace(x, 1.5); },
+     [](auto* x, auto* g) { return nn::elu_grad(x, nn::elu(x, 1.5).get(), g, 1.5); },
+     [](auto* y, auto* g) { return nn::elu_grad(y, y, g, 1.5); }},
     {"selu", [](double x) { return x > 0 ? selu_above * x : selu_below * std::expm1(x); }, nn::selu, nn::selu_inplace,
      [](auto* x, auto* g) { return nn::selu_grad(nn::selu(x).get(), g); }, nn::selu_grad},
     {"hardtanh", [](double x) { return cut(x, -1, 2); }, [](auto* x) { return nn::hardtanh(x, -1, 2); },
@@ -376,6 +374,90 @@ TEST(DropoutFunctions, WholeChannelsAndRefusals) {
          "dropout needs a bool mask of the leading axes of ( 3 ) "},
     };
     expect_refusals(rows, "ornik::nn::", "src/layers/functional/dropout.cpp");
+}
+
+TEST(LinearFunctions, ValuesAndGradients) {
+    for (const std::int64_t dtype : {dtype::float64, dtype::complex128}) {
+        for (const Layout layout : all_layouts) {
+            const TensorPtr x = random_tensor({2, 3, 4}, dtype, 1, layout), w = random_tensor({5, 4}, dtype, 2, layout);
+            const TensorPtr b = random_tensor({5}, dtype, 3, layout), g = random_tensor({2, 3, 5}, dtype, 4, layout);
+            const TensorPtr y = nn::linear(x.get(), w.get(), b.get());
+            // The dense layer has the transposed weight.
+            const TensorPtr turned(w->permute({1, 0}));
+            const LayerPtr dense(_Dense(5, true, ""));
+            EXPECT_TRUE(y->all_close(TensorPtr(dense->forward_dyn(turned.get(), b.get(), x.get())).get(), 0, 1e-14));
+            const auto grads = nn::linear_grad(g.get(), x.get(), w.get());
+            expect_gradient([&](Tensor* t) { return nn::linear(t, w.get(), b.get()); }, x.get(), g.get(),
+                            grads.input.get());
+            expect_gradient([&](Tensor* t) { return nn::linear(x.get(), t, b.get()); }, w.get(), g.get(),
+                            grads.weight.get());
+            expect_gradient([&](Tensor* t) { return nn::linear(x.get(), w.get(), t); }, b.get(), g.get(),
+                            grads.bias.get());
+            const auto some = nn::linear_grad(g.get(), x.get(), w.get(), {false, true, false});
+            EXPECT_TRUE(some.input == nullptr && some.bias == nullptr);
+            EXPECT_EQ(bytes_of(some.weight), bytes_of(grads.weight));
+        }
+    }
+    const TensorPtr none = nothing({0, 4}), w = random_tensor({5, 4}, dtype::float64, 2), row = nothing({0, 5});
+    EXPECT_EQ(nn::linear(none.get(), w.get(), nullptr)->Shape(), row->Shape());
+    const auto grads = nn::linear_grad(row.get(), none.get(), w.get());
+    EXPECT_EQ(grads.input->Shape(), none->Shape());
+    EXPECT_EQ(doubles_of(grads.weight.get()), std::vector<double>(20));
+    EXPECT_EQ(doubles_of(grads.bias.get()), std::vector<double>(5));
+    const TensorPtr single = make_empty({2, 4}, dtype::float32), whole = make_empty({2, 4}, dtype::int32);
+    const TensorPtr x = make_empty({2, 4}, dtype::float64), scalar = make_empty({}, dtype::float64);
+    const Refusal rows[] = {
+        {"linear", [&] { nn::linear(nullptr, w.get(), nullptr); },
+         "linear needs an input, a weight and, for its gradients, that of the output."},
+        {"linear", [&] { nn::linear(whole.get(), w.get(), nullptr); }, "Not valid dtype for this function."},
+        {"linear", [&] { nn::linear(single.get(), w.get(), nullptr); }, "Not same data type for inputs of linear."},
+        {"linear", [&] { nn::linear(row.get(), w.get(), nullptr); },
+         "linear needs an input [..., in] and a weight [out, in], however they are ( 0, 5 ) and ( 5, 4 ) "},
+        {"linear", [&] { nn::linear(x.get(), w.get(), x.get()); },
+         "The bias of linear with 5 outputs has the shape ( 2, 4 ) "},
+        {"linear_input_grad", [&] { nn::linear_input_grad(x.get(), w.get()); },
+         "linear needs an output gradient [..., out] and a weight [out, in], however they are ( 2, 4 ) and ( 5, 4 ) "},
+        {"linear_weight_grad", [&] { nn::linear_weight_grad(w.get(), x.get()); },
+         "linear needs an output gradient [..., out] and an input [..., in], however they are ( 5, 4 ) and ( 2, 4 ) "},
+        {"linear_bias_grad", [&] { nn::linear_bias_grad(scalar.get()); },
+         "linear needs an output gradient [..., out], however it is empty vector\n"},
+    };
+    expect_refusals(rows, "ornik::nn::", "src/layers/functional/linear.cpp");
+}
+
+TEST(EmbeddingFunctions, RowsPaddingAndRefusals) {
+    for (const Layout layout : all_layouts) {
+        const TensorPtr w = random_tensor({6, 3}, dtype::complex128, 1, layout);
+        const TensorPtr at = make<std::int32_t>({2, 4}, {5, 0, 2, 2, 1, 5, 5, 0}, layout);
+        const TensorPtr g = random_tensor({2, 4, 3}, dtype::complex128, 2, layout);
+        const TensorPtr y = nn::embedding(at.get(), w.get());
+        const LayerPtr layer(_Embedding(6, 3, ""));
+        EXPECT_EQ(bytes_of(y), bytes_of(TensorPtr(layer->forward_dyn(w.get(), nullptr, at.get()))));
+        const TensorPtr grad = nn::embedding_grad(g.get(), at.get(), 6);
+        EXPECT_EQ(bytes_of(grad), bytes_of(TensorPtr(layer->backward_dyn(w.get(), nullptr, at.get(), g.get(), 1))));
+        const auto values = values_of<Complex<double>>(grad);
+        const auto padded = values_of<Complex<double>>(nn::embedding_grad(g.get(), at.get(), 6, 5));
+        for (std::size_t i = 0; i < values.size(); ++i) {
+            EXPECT_EQ(padded[i].real, i < 15 ? values[i].real : 0);
+        }
+    }
+    const TensorPtr w = random_tensor({6, 3}, dtype::float64, 1), none = nothing({0, 2}, dtype::int64);
+    EXPECT_EQ(nn::embedding(none.get(), w.get())->Shape(), (Dims{0, 2, 3}));
+    EXPECT_EQ(doubles_of(nn::embedding_grad(nothing({0, 2, 3}).get(), none.get(), 6).get()), std::vector<double>(18));
+    const TensorPtr far = make<std::int64_t>({1}, {6}), g = make_empty({1, 3}, dtype::float64);
+    const Refusal rows[] = {
+        {"embedding", [&] { nn::embedding(nullptr, w.get()); }, "Embedding needs a weight and an input."},
+        {"embedding", [&] { nn::embedding(w.get(), w.get()); }, "Embedding needs integers as input."},
+        {"embedding", [&] { nn::embedding(far.get(), far.get()); }, "Embedding only supports float or complex."},
+        {"embedding", [&] { nn::embedding(far.get(), TensorPtr(w->flatten(0, 1)).get()); },
+         "Embedding needs a weight [rows, width], however it is ( 18 ) "},
+        {"embedding", [&] { nn::embedding(far.get(), w.get()); }, "Embedding index out of range, there are 6 rows."},
+        {"embedding_grad", [&] { nn::embedding_grad(w.get(), far.get(), 6); },
+         "Embedding needs a gradient of its output's shape."},
+        {"embedding_grad", [&] { nn::embedding_grad(g.get(), far.get(), 7, 7); },
+         "Embedding needs a padding index inside its rows, of which there are 7"},
+    };
+    expect_refusals(rows, "ornik::nn::", "src/layers/functional/embedding.cpp");
 }
 
 }  // namespace

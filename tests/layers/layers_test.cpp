@@ -38,8 +38,12 @@ TEST(LayerBase, UnservedOverloadsGiveNull) {
 // A layer that keeps tensors for its backward pass, as the base class owns them.
 class CachingLayer : public Layer {
   public:
-    CachingLayer() : Layer("caching", 0, 0) { forward_cache_ = {Tensor::ones({2}, 0, 6), nullptr}; }
+    CachingLayer() : Layer("caching", 0, 0) {
+        forward_cache_ = {Tensor::ones({2}, 0, 6), nullptr};
+        results_[3] = Tensor::full({2}, 2.0F, 0, 6);
+    }
     std::vector<Tensor*> get_fwd_cache() override { return forward_cache_; }
+    const Tensor* result(int slot) const { return results_[slot]; }
 };
 
 TEST(LayerBase, CopiesOwnClones) {
@@ -52,6 +56,8 @@ TEST(LayerBase, CopiesOwnClones) {
     for (CachingLayer* layer : {&copy, &assigned}) {
         EXPECT_EQ(values_of<float>(layer->get_fwd_cache()[0]), (std::vector<float>{1, 1}));
         EXPECT_EQ(layer->get_fwd_cache()[1], nullptr);
+        EXPECT_EQ(layer->result(0), nullptr);
+        EXPECT_EQ(values_of<float>(layer->result(3)), (std::vector<float>{2, 2}));
     }
 }
 
@@ -158,9 +164,9 @@ TEST(Activation, ValuesAndGradientsOfElementWiseOnes) {
         std::vector<float> parameters;
         double (*value)(double x);
     };
-    static constexpr double scale = 1.0507009873554805F, alpha = 1.6732632423543772F;
+    static constexpr double scale = 1.0507009873554804934193349852946, alpha = 1.6732632423543772848170429916717;
     const Row rows[] = {
-        {"leaky_relu", {}, [](double x) { return x > 0 ? x : double{0.01F} * x; }},
+        {"leaky_relu", {}, [](double x) { return x > 0 ? x : 0.01 * x; }},
         {"leaky_relu", {0.25F}, [](double x) { return x > 0 ? x : 0.25 * x; }},
         {"elu", {}, [](double x) { return x > 0 ? x : std::expm1(x); }},
         {"elu", {0.5F}, [](double x) { return x > 0 ? x : 0.5 * std::expm1(x); }},

@@ -1,6 +1,7 @@
 // Batch, group and layer normalization: values against sums in double, gradients against differences.
 #include <array>
 #include <cmath>
+#include <limits>
 
 #include "ornik.h"
 #include "support/expect_error.h"
@@ -168,8 +169,22 @@ TEST(BatchNormalization, RunningStatistics) {
     EXPECT_EQ(values_of<double>(TensorPtr(layer->get_saved_opa())), (std::vector<double>{3, 12}));
     EXPECT_EQ(values_of<double>(TensorPtr(layer->get_saved_var())), (std::vector<double>{3.5, 4}));
     EXPECT_EQ(values_of<double>(mean), (std::vector<double>{6.75, 3}));
-    EXPECT_NEAR(values_of<double>(variance)[0], 0.75 * 2 + 0.25 * 14 / 3, 1e-6);
-    EXPECT_NEAR(values_of<double>(variance)[1], 0.75 * 4 + 0.25 * 16 / 3, 1e-6);
+    EXPECT_NEAR(values_of<double>(variance)[0], 0.75 * 2 + 0.25 * 14 / 3, 1e-15);
+    EXPECT_NEAR(values_of<double>(variance)[1], 0.75 * 4 + 0.25 * 16 / 3, 1e-15);
+
+    // A mean of 1 is reached and kept, exactly, whatever the momentum and the dtype.
+    for_types(TypeList<float, double>{}, []<typename T>() {
+        const TensorPtr ones(Tensor::ones({8, 2}, 0, dtype_code<T>));
+        for (const float momentum : {0.1F, 0.3F, 1.0F}) {
+            const LayerPtr moving(_BatchNormalization(false, momentum, 1e-5F, ""));
+            const TensorPtr from = make<T>({2}, {1, 0}), spread(Tensor::zeros({2}, 0, dtype_code<T>));
+            for (int i = 0; i < 500; ++i) {
+                TensorPtr(moving->forward_dyn(nullptr, nullptr, ones.get(), true, from.get(), spread.get()));
+            }
+            EXPECT_EQ(values_of<T>(from)[0], T(1)) << momentum;
+            EXPECT_NEAR(values_of<T>(from)[1], T(1), 8 * std::numeric_limits<T>::epsilon()) << momentum;
+        }
+    });
 
     // In inference they are fixed numbers, for the gradient as well.
     const TensorPtr g = random_tensor({4, 2}, dtype::float64, 7);

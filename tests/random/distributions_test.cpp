@@ -368,7 +368,7 @@ TEST(Distributions, Refusals) {
          "binary_dtype_cpu_impl only support Complex or float\n"},
         {"fill_rand_binary_inplace", [&] { expanded->fill_rand_binary_inplace(0.5); }, shared},
     };
-    expect_refusals(rows, "ornik::Tensor::", "src/tensor/tensor_random.cpp");
+    expect_refusals(rows, "ornik::Tensor::", "src/tensor/tensor_create.cpp");
     const TensorPtr none(share_storage_tensor(p->getStorage(), {0, 3}, {3, 1}, f, 0));
     none->fill_rand_normal_inplace(0, 1, true);
     EXPECT_EQ(generator::default_generator()->counter(), 0U) << "nothing was drawn";

@@ -100,6 +100,11 @@ TEST(AlongAnAxis, LongRunsAreAccurateAndTheSameUnderAnyTeam) {
             expect_close(doubles_of(TensorPtr(row.apply(t.get(), axis)).get()),
                          by_runs(Values(x.begin(), x.end()), shape, axis, row.reference), 1e-6, name);
             expect_same_bits([&] { return row.apply(t.get(), axis); }, name);
+            for (const Layout layout : all_layouts) {
+                EXPECT_EQ(bytes_of(TensorPtr(row.apply(make<float>(shape, x, layout).get(), axis))),
+                          bytes_of(TensorPtr(row.apply(t.get(), axis))))
+                    << name << name_of(layout);
+            }
         }
     }
 }

@@ -50,12 +50,15 @@ const Row rows[] = {
     {"l2_norm", l2_norm,
      [](const Values& v) { return std::sqrt(std::inner_product(v.begin(), v.end(), v.begin(), 0.0)); }, Kind::floating,
      false, l2_norm_grad},
-    {"var", [](Tensor* x, const Axes& axes, bool keep) { return var(x, axes, correction, keep); },
+    {"var", [](Tensor* x, const Axes& axes, bool keep) { return var(x, axes, keep, correction); },
      [](const Values& v) { return var_of(v, correction); }, Kind::floating, false,
-     [](Tensor* g, Tensor* x, const Axes& axes, bool keep) { return var_grad(g, x, axes, correction, keep); }},
-    {"std_dev", [](Tensor* x, const Axes& axes, bool keep) { return std_dev(x, axes, correction, keep); },
+     [](Tensor* g, Tensor* x, const Axes& axes, bool keep) { return var_grad(g, x, axes, keep, correction); }},
+    {"std_dev", [](Tensor* x, const Axes& axes, bool keep) { return std_dev(x, axes, keep, correction); },
      [](const Values& v) { return std::sqrt(var_of(v, correction)); }, Kind::floating, false,
-     [](Tensor* g, Tensor* x, const Axes& axes, bool keep) { return std_dev_grad(g, x, axes, correction, keep); }},
+     [](Tensor* g, Tensor* x, const Axes& axes, bool keep) { return std_dev_grad(g, x, axes, keep, correction); }},
+    {"std", [](Tensor* x, const Axes& axes, bool keep) { return ornik::std(x, axes, keep, correction); },
+     [](const Values& v) { return std::sqrt(var_of(v, correction)); }, Kind::floating, false,
+     [](Tensor* g, Tensor* x, const Axes& axes, bool keep) { return std_grad(g, x, axes, keep, correction); }},
     {"logsumexp", logsumexp,
      [](const Values& v) {
          return std::log(std::accumulate(v.begin(), v.end(), 0.0, [](double s, double x) { return s + std::exp(x); }));
@@ -152,15 +155,74 @@ TEST(Reductions, LongOnesAreAccurateAndTheSameUnderAnyTeam) {
             const std::vector<float> narrow(x.begin(), x.end());
             x.assign(narrow.begin(), narrow.end());
             const Values expected = reference(row, x, c.shape, c.axes);
-            for (const Layout layout : {Layout::contiguous, Layout::every_other, Layout::transposed}) {
-                const TensorPtr t = make<float>(c.shape, narrow, layout);
-                const TensorPtr y(row.reduce(t.get(), c.axes, false));
-                expect_close(doubles_of(y.get()), expected, product ? 3e-5 : 1e-6, name);
-                expect_same_bits([&] { return row.reduce(t.get(), c.axes, false); }, name);
+            const TensorPtr t = make<float>(c.shape, narrow);
+            const TensorPtr y(row.reduce(t.get(), c.axes, false));
+            expect_close(doubles_of(y.get()), expected, product ? 3e-5 : 1e-6, name);
+            for (const Layout layout : all_layouts) {
+                const TensorPtr laid = make<float>(c.shape, narrow, layout);
+                EXPECT_EQ(bytes_of(TensorPtr(row.reduce(laid.get(), c.axes, false))), bytes_of(y))
+                    << name << name_of(layout);
+                expect_same_bits([&] { return row.reduce(laid.get(), c.axes, false); }, name, {1, 7});
             }
         }
     }
 }
+
+// Every order of axes in memory, with gaps and repeated elements, reduced over every set of axes.
+TEST(Reductions, BitsDependOnTheElementsAlone) {
+    const Dims shapes[] = {{5, 3, 1, 301}, {130, 9, 2, 4}, {2, 2200, 3, 2}};
+    for_types(TypeList<float, double, Complex<float>, std::int8_t>{}, [&]<typename T>() {
+        for (const Dims& shape : shapes) {
+            std::vector<int> order{0, 1, 2, 3};
+            do {
+                Dims memory;
+                for (const int axis : order) {
+                    memory.push_back(2 * shape[static_cast<std::size_t>(axis)]);  // Every other element of each axis.
+                }
+                const TensorPtr whole = random_tensor(memory, dtype_code<T>, 7);
+                Dims strides(4);
+                for (std::size_t i = 0; i < 4; ++i) {
+                    strides[static_cast<std::size_t>(order[i])] = 2 * whole->Strides()[i];
+                }
+                strides[1] = order[0] == 1 ? 0 : strides[1];
+                const TensorPtr t(share_storage_tensor(whole->getStorage(), shape, strides, dtype_code<T>, 0));
+                const TensorPtr dense(t->clone());
+                for (unsigned set = 1; set < 16; set += order[3] == 3 ? 1 : 5) {
+                    Axes axes;
+                    for (int axis = 0; axis < 4; ++axis) {
+                        if ((set >> axis & 1U) != 0) {
+                            axes.push_back(axis);
+                        }
+                    }
+                    for (const Row& row : rows) {
+                        const bool real = !t->isComplexType();
+                        if ((row.float_only && !t->isFloat()) || (!real && row.kind != Kind::total) ||
+                            row.reduce == static_cast<Reduction>(median)) {
+                            continue;
+                        }
+                        ASSERT_EQ(bytes_of(TensorPtr(row.reduce(t.get(), axes, false))),
+                                  bytes_of(TensorPtr(row.reduce(dense.get(), axes, false))))
+                            << row.name << " " << dtype_name(dtype_code<T>) << shape_text(shape) << shape_text(strides)
+                            << set;
+                    }
+                }
+            } while (std::next_permutation(order.begin(), order.end()));
+        }
+    });
+    // Large enough to be copied first.
+    const TensorPtr large = random_tensor({300, 90}, dtype::float32, 8, Layout::transposed);
+    EXPECT_EQ(bytes_of(TensorPtr(sum(large.get()))), bytes_of(TensorPtr(sum(TensorPtr(large->clone()).get()))));
+}
+
+// The correction comes last, and a number in the place of keep_dims does not compile.
+template <typename Third>
+constexpr bool takes = requires(Tensor* x, Third third) {
+    var(x, {0}, third);
+    std_dev(x, {0}, third);
+    ornik::std(x, {0}, third);
+    var_grad(x, x, {0}, third);
+};
+static_assert(takes<bool> && !takes<double> && !takes<int>);
 
 TEST(Reductions, ErrorOfASumGrowsSlowly) {
     const std::int64_t n = 3'000'000;  // About 2 to the power 22: as many roundings of half a unit.
@@ -169,7 +231,7 @@ TEST(Reductions, ErrorOfASumGrowsSlowly) {
     EXPECT_NEAR(doubles_of(TensorPtr(sum(t.get())).get())[0], exact, exact * 22 * 0x1p-24);
     EXPECT_NEAR(doubles_of(TensorPtr(cumsum(t.get(), 0)).get())[static_cast<std::size_t>(n - 1)], exact, exact * 6e-8);
     const TensorPtr shifted = make<float>({4}, {1e4F + 1, 1e4F + 2, 1e4F + 3, 1e4F + 4});
-    EXPECT_EQ(values_of<float>(TensorPtr(var(shifted.get(), {}, 0)))[0], 1.25F);
+    EXPECT_EQ(values_of<float>(TensorPtr(var(shifted.get(), {}, false, 0)))[0], 1.25F);
 }
 
 TEST(Reductions, IntegersAddUpInWideTypesAndComplexNumbersByParts) {
@@ -209,6 +271,22 @@ TEST(Reductions, SpecialValues) {
     EXPECT_EQ(one(logsumexp(make<double>({2}, {1000, 1000}).get())), 1000 + std::log(2.0));
     EXPECT_EQ(one(logsumexp(make<double>({2}, {-inf, -inf}).get())), -inf);
     EXPECT_EQ(one(logsumexp(make<float>({2}, {float(inf), 0}).get())), inf);
+    const TensorPtr unit = make<double>({}, {1});
+    const TensorPtr endless = make<double>({4}, {1, 2, inf, 0});
+    expect_close(values_of<double>(TensorPtr(logsumexp_grad(unit.get(), endless.get()))), {0, 0, not_a_number, 0}, 0,
+                 "logsumexp_grad");
+    EXPECT_EQ(values_of<double>(TensorPtr(logsumexp_grad(unit.get(), make<double>({2}, {-inf, -inf}).get()))),
+              (Values{0, 0}));
+    // Means of integers do not wrap.
+    constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max(), least = -most - 1;
+    EXPECT_EQ(one(mean(make<std::int64_t>({3}, {most, most, 2}).get())), double{0x1p64F / 3});
+    EXPECT_EQ(one(mean(make<std::int64_t>({4}, {most, 9, -most, -1}).get())), 2);
+    for (const Axes& axes : {Axes{0}, Axes{1}}) {
+        const TensorPtr low(mean(TensorPtr(Tensor::full<std::int64_t>({5000, 7}, least, 0, dtype::int64)).get(), axes));
+        for (const float value : values_of<float>(low)) {
+            EXPECT_EQ(value, -0x1p63F);
+        }
+    }
     EXPECT_EQ(one(max(make<double>({2}, {-inf, -inf}).get())), -inf);
     EXPECT_TRUE(std::isnan(one(var(make<double>({1}, {3}).get()))));
     EXPECT_EQ(one(sum(TensorPtr(Tensor::broadcast_to(make<float>({1}, {2}).get(), {3, 50})).get())), 300);
@@ -217,7 +295,7 @@ TEST(Reductions, SpecialValues) {
 TEST(Reductions, NoElements) {
     const TensorPtr one = make<float>({1}, {1});
     const TensorPtr none(share_storage_tensor(one->getStorage(), {2, 0}, {1, 1}, dtype::float32, 0));
-    const double of_nothing[] = {0, 1, not_a_number, 0, not_a_number, not_a_number, -inf};
+    const double of_nothing[] = {0, 1, not_a_number, 0, not_a_number, not_a_number, not_a_number, -inf};
     for (std::size_t i = 0; i < std::size(rows); ++i) {
         const TensorPtr empty(rows[i].reduce(none.get(), {0}, false));
         EXPECT_EQ(empty->Shape(), Dims{0}) << rows[i].name;
@@ -256,6 +334,10 @@ TEST(Reductions, Refusals) {
     expect_error([&] { sum_grad(x.get(), x.get(), {0}, true); },
                  "The gradient has a shape of ( 2, 3 ) , the result has a shape of ( 1, 3 ) ", "ornik::sum_grad",
                  "src/tensor/tensor_math/reductions_grad.cpp");
+    const TensorPtr number(Tensor::ones({}, 0, x->Dtype()));
+    expect_error([&] { logsumexp_grad_from(number.get(), x.get(), x.get()); },
+                 "The gradient has a shape of ( 2, 3 ) , the result has a shape of empty vector\n",
+                 "ornik::logsumexp_grad_from", "src/tensor/tensor_math/reductions_grad.cpp");
 }
 
 TEST(Reductions, Gradients) {
@@ -272,6 +354,38 @@ TEST(Reductions, Gradients) {
                 const TensorPtr g = make<double>(y->Shape(), random_doubles(y->Size(), 9), layout);
                 expect_central_differences([&](Tensor* t) { return row.reduce(t, axes, keep); }, x, g,
                                            TensorPtr(row.gradient(g.get(), x.get(), axes, keep)), row.name);
+            }
+        }
+    }
+    // The same bits from a result that was kept.
+    const TensorPtr x = make<double>(shape, random_doubles(24, 8), Layout::every_other);
+    struct Kept {
+        Reduction reduce;
+        Gradient gradient;
+        std::function<Tensor*(Tensor*, Tensor*, const Tensor*, const Axes&, bool)> from;
+    };
+    const auto std_grad_from = [](Tensor* g, Tensor* t, const Tensor* y, const Axes& axes, bool keep) {
+        return std_dev_grad_from(g, t, y, axes, keep, 1);
+    };
+    for (const Kept& row :
+         {Kept{l2_norm, l2_norm_grad, l2_norm_grad_from},
+          {logsumexp, logsumexp_grad, logsumexp_grad_from},
+          {[](Tensor*t, const Axes&axes, bool keep) { return std_dev(t, axes, keep, 1); },
+           [](Tensor*g, Tensor*t, const Axes&axes, bool keep) { return std_dev_grad(g, t, axes, keep, 1); },
+           std_grad_from},
+          {max, max_grad, extreme_grad_from},
+          {min, min_grad, extreme_grad_from}}) {
+        for (const Axes& axes : {Axes{}, Axes{1}, Axes{0, 2}}) {
+            for (const bool keep : {false, true}) {
+                const TensorPtr y(row.reduce(x.get(), axes, keep));
+                const TensorPtr g = make<double>(y->Shape(), random_doubles(y->Size(), 9), Layout::reversed);
+                const TensorPtr kept = make<double>(y->Shape(), values_of<double>(y), Layout::transposed);
+                EXPECT_EQ(bytes_of(TensorPtr(row.from(g.get(), x.get(), kept.get(), axes, keep))),
+                          bytes_of(TensorPtr(row.gradient(g.get(), x.get(), axes, keep))));
+                // It is the kept one that counts.
+                kept->add_scalar_inplace(1.0);
+                EXPECT_NE(bytes_of(TensorPtr(row.from(g.get(), x.get(), kept.get(), axes, keep))),
+                          bytes_of(TensorPtr(row.gradient(g.get(), x.get(), axes, keep))));
             }
         }
     }

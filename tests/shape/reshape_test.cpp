@@ -210,6 +210,20 @@ TEST(Reshape, ConcatStackTileOfAllTypesAndLayouts) {
             }
         }
     });
+    // As many axes repeated as the result has, of any extent.
+    const TensorPtr deep = own(Tensor::full<std::uint8_t>(Dims(13, 1), 7, 0, dtype::uint8));
+    EXPECT_EQ(values_of<std::uint8_t>(own(tile(deep.get(), std::vector<int>(13, 2)))),
+              std::vector<std::uint8_t>(1 << 13, 7));
+    const std::vector<std::uint8_t> bits = counted<std::uint8_t>(1 << 13);
+    const TensorPtr many = own(tile(make<std::uint8_t>(Dims(13, 2), bits).get(), std::vector<int>(13, 2)));
+    EXPECT_EQ(many->Shape(), Dims(13, 4));
+    for (std::size_t i = 0; i < 1U << 26U; i += 4091) {
+        std::size_t source = 0;
+        for (unsigned axis = 0; axis < 13; ++axis) {
+            source |= (i >> 2 * axis & 1U) << axis;
+        }
+        ASSERT_EQ(static_cast<const std::uint8_t*>(many->getRawData())[i], bits[source]) << i;
+    }
     const TensorPtr three = own(Tensor::full<float>({}, 3.0F, 0, dtype::float32));
     const TensorPtr repeated = own(tile(three.get(), {2, 2}));
     EXPECT_EQ(values_of<float>(repeated), std::vector<float>(4, 3.0F));

@@ -110,7 +110,7 @@ TEST(SelectionGrammar, EveryRefusalIsNamedWhole) {
         {"", [&] { t->select_ndim_grad(value.get(), {"1"}); }, "Incompatible Shape for select_index_grad(),"},
         {"", [&] { t->set_select_ndim_grad(value.get(), {"1"}); }, "Incompatible Shape for select_index_grad(),"},
     };
-    expect_refusals(built, "ornik::SelDescriptorV2::build", "src/descriptors/selection.cpp");
+    expect_refusals(built, "ornik::SelDescriptorV2::build", "src/tensor/tensor_shape.cpp");
     EXPECT_THROW(wide->set_select_ndim(value.get(), items("1", "1", ":3")), std::runtime_error);
     const TensorPtr away = own(Tensor::zeros({3}, 0, dtype::float32));
     away->updateDevice(1000);
@@ -121,7 +121,7 @@ TEST(SelectionGrammar, EveryRefusalIsNamedWhole) {
         {"set_select_ndim", [&] { t->set_select_ndim(away.get(), items("1", "1", ":3")); },
          "set select ndim input tensor should on same device."},
     };
-    expect_refusals(set, "ornik::Tensor::", "src/tensor/tensor_select.cpp");
+    expect_refusals(set, "ornik::Tensor::", "src/tensor/tensor_shape.cpp");
     // Text that is no number, or no 32-bit one, is reported as the conversion's own failure.
     for (const char* item : {"", "x", "::2", "0::2", "+-1", ",", "1,,2"}) {
         EXPECT_THROW(t->select_ndim({item}), std::invalid_argument) << item;

@@ -7,11 +7,13 @@
 
 #include "support/expect_error.h"
 #include "support/tensors.h"
+#include "tensor/tensor_math/indexing.h"
+#include "tensor/tensor_math/matmul.h"
 
 namespace ornik::test {
 namespace {
 
-const std::string file = "src/tensor/tensor_slices.cpp";
+const std::string file = "src/tensor/tensor_math/tensor_slices.cpp";
 using Bound = std::optional<std::int64_t>;
 
 SliceItem slice(const Bound& begin, const Bound& end, std::int64_t step) {
@@ -188,6 +190,32 @@ TEST(Slices, ValuesAreReadBeforeTheyAreOverwritten) {
     EXPECT_TRUE(TensorPtr(select_slices(m.get(), {SliceItem::new_axis(), SliceItem::all()}))->is_contiguous());
 }
 
+TEST(Slices, WritesAreAnnouncedAndRefusedWhereNothingMayBeWritten) {
+    const TensorPtr x(Tensor::ones({2, 2}, 0, dtype::float32));
+    const TensorPtr one(Tensor::ones({2, 2}, 0, dtype::float32));
+    const TensorPtr index = make<std::int64_t>({2}, {1, 0});
+    Tensor* const a = one.get();
+    const SliceItems rows = {SliceItem::positions(index.get())};
+    const std::function<void()> writers[] = {
+        [&] { set_slices(x.get(), a, {}); },           [&] { add_select_slices_grad(x.get(), a, {}); },
+        [&] { set_index_advanced(x.get(), a, rows); }, [&] { matmul_into(a, 0, a, 0, x.get()); },
+        [&] { add_matmul_grad_a(x.get(), a, a); },     [&] { add_matmul_grad_b(x.get(), a, a); },
+    };
+    for (const auto& write : writers) {
+        const std::uint32_t before = x->getStorage()->version();
+        write();
+        EXPECT_EQ(x->getStorage()->version(), before + 1);
+        x->fill_(5);
+        x->getStorage()->set_read_only(true);
+        EXPECT_EQ(error_text(write).substr(0, 75),
+                  "A tensor of shape ( 2, 2 ) is to be written, but its storage is read-only. ");
+        x->getStorage()->set_read_only(false);
+        EXPECT_EQ(values_of<float>(x), std::vector<float>(4, 5));
+    }
+    EXPECT_EQ(one->getStorage()->version(),
+              TensorPtr(Tensor::ones({2, 2}, 0, dtype::float32))->getStorage()->version());
+}
+
 TEST(Slices, Refusals) {
     const TensorPtr x(Tensor::ones({2, 5}, 0, dtype::float32));
     const TensorPtr expanded(Tensor::broadcast_to(x.get(), {3, 2, 5}));
@@ -221,7 +249,7 @@ TEST(Slices, Refusals) {
     expect_refusals(rows, "ornik::", file);
     EXPECT_EQ(error_text([&] { set_slices(expanded.get(), x.get(), {SliceItem::index(0)}); }),
               located("Output can not be an expanded view: shape ( 3, 2, 5 ) , strides ( 0, 5, 1 ) ",
-                      "ornik::set_slices", "src/tensor/tensor_slices.cpp"));
+                      "ornik::set_slices", "src/tensor/tensor_math/tensor_slices.cpp"));
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 namespace ornik::test {
 namespace {
 
-constexpr const char* sequence_file = "src/tensor/tensor_sequences.cpp";
+constexpr const char* sequence_file = "src/tensor/tensor_create.cpp";
 
 TEST(Creation, EveryDtypeAndForm) {
     for_types(AllTypes{}, []<typename T>() {

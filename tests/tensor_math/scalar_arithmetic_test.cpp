@@ -8,7 +8,7 @@
 namespace ornik::test {
 namespace {
 
-constexpr const char* file = "src/tensor/tensor_math/tensor_scalar_arithmetic.cpp";
+constexpr const char* file = "src/tensor/tensor_math/tensor_arithmetic.cpp";
 const Dims shape{3, 4, 5};
 
 template <typename S>

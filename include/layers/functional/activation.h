@@ -24,15 +24,15 @@ ORNIK_API void relu_inplace(Tensor* x);
 ORNIK_API std::unique_ptr<Tensor> relu_grad(Tensor* saved, Tensor* output_gradient);
 
 /// x above 0, slope x else. `saved`: the input or, with a slope above 0, the output.
-ORNIK_API std::unique_ptr<Tensor> leaky_relu(Tensor* x, float slope = 0.01F);
-ORNIK_API void leaky_relu_inplace(Tensor* x, float slope = 0.01F);
-ORNIK_API std::unique_ptr<Tensor> leaky_relu_grad(Tensor* saved, Tensor* output_gradient, float slope = 0.01F);
+ORNIK_API std::unique_ptr<Tensor> leaky_relu(Tensor* x, double slope = 0.01);
+ORNIK_API void leaky_relu_inplace(Tensor* x, double slope = 0.01);
+ORNIK_API std::unique_ptr<Tensor> leaky_relu_grad(Tensor* saved, Tensor* output_gradient, double slope = 0.01);
 
 /// x above 0, alpha (exp(x) - 1) else. The gradient takes input and output; with alpha above 0 the output can stand
 /// for both.
-ORNIK_API std::unique_ptr<Tensor> elu(Tensor* x, float alpha = 1);
-ORNIK_API void elu_inplace(Tensor* x, float alpha = 1);
-ORNIK_API std::unique_ptr<Tensor> elu_grad(Tensor* input, Tensor* output, Tensor* output_gradient, float alpha = 1);
+ORNIK_API std::unique_ptr<Tensor> elu(Tensor* x, double alpha = 1);
+ORNIK_API void elu_inplace(Tensor* x, double alpha = 1);
+ORNIK_API std::unique_ptr<Tensor> elu_grad(Tensor* input, Tensor* output, Tensor* output_gradient, double alpha = 1);
 
 /// 1.0507 x above 0, 1.0507 * 1.67326 (exp(x) - 1) else (Klambauer and others, 2017). `saved`: the output.
 ORNIK_API std::unique_ptr<Tensor> selu(Tensor* x);

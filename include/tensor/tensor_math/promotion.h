@@ -1,7 +1,8 @@
-// promotion.h: result dtypes of arithmetic. Internal.
+// promotion.h: result dtypes of arithmetic.
 //
 // All tables are indexed by dtype codes. Scalars and tensors follow different rules on purpose: an integer
-// scalar never widens an integer tensor, and a float64 tensor with a complex64 scalar gives complex64.
+// scalar never widens an integer tensor, and a float64 tensor with a complex64 scalar gives complex64. Sums,
+// differences and products of a float32 tensor and a double are float64; all else keeps the tensor's dtype there.
 #pragma once
 
 #include <cstdint>
@@ -61,6 +62,15 @@ constexpr std::int64_t of_quotient(std::int64_t a, std::int64_t b) {
 /// Sum, difference and product of a tensor and a scalar.
 constexpr std::int64_t with_scalar(std::int64_t tensor, std::int64_t scalar) {
     return detail::scalar_table[tensor][scalar];
+}
+
+/// Every other operation on a tensor and a scalar, comparisons aside: as with_scalar, but a scalar of the tensor's
+/// kind never widens it: float32 with a double stays float32, complex64 with a complex128 stays complex64.
+constexpr std::int64_t of_kind_with_scalar(std::int64_t tensor, std::int64_t scalar) {
+    const bool one_kind =
+        (is_dtype_class(tensor, DtypeClass::floating) && is_dtype_class(scalar, DtypeClass::floating)) ||
+        (is_dtype_class(tensor, DtypeClass::complex) && is_dtype_class(scalar, DtypeClass::complex));
+    return one_kind ? tensor : with_scalar(tensor, scalar);
 }
 
 /// Quotient of a tensor and a scalar: the tensor alone decides.

@@ -21,6 +21,7 @@ void check(const Where& at, const Tensor* t, Serves serves) {
     if (t == nullptr) {
         fail(at, "An activation needs its input.");
     }
+    check_operands(at, t);
     if (!serves(t)) {
         fail(at, "Not valid dtype for this function.");
     }
@@ -44,6 +45,7 @@ template <typename Run>
 void inplace(const Where& at, Tensor* x, Serves serves, const Run& run) {
     check(at, x, serves);
     check_not_expanded(at, x);
+    announce_write(at, x);
     if (x->Size() > 0) {
         run(x, x);
     }
@@ -74,12 +76,12 @@ std::unique_ptr<Tensor> backward(const Where& at, Tensor* saved, Tensor* gradien
 }
 
 // The exponential kernel writes what it still reads, so that in place it needs a second tensor.
-void elu_over(Tensor* x, float slope, float scale) {
+void elu_over(Tensor* x, double slope, double scale) {
     const std::unique_ptr<Tensor> old(x->clone());
     kernels::elu(old.get(), slope, scale, x);
 }
 
-void check_finite(const Where& at, float parameter) {
+void check_finite(const Where& at, double parameter) {
     if (!std::isfinite(parameter)) {
         fail(at, "The parameter of an activation should be finite");
     }
@@ -99,17 +101,17 @@ std::unique_ptr<Tensor> relu_grad(Tensor* saved, Tensor* output_gradient) {
     return backward(where("ornik::nn::relu_grad"), saved, output_gradient, is_real, kernels::relu_grad);
 }
 
-std::unique_ptr<Tensor> leaky_relu(Tensor* x, float slope) {
+std::unique_ptr<Tensor> leaky_relu(Tensor* x, double slope) {
     const Where at = where("ornik::nn::leaky_relu");
     check_finite(at, slope);
     return forward(at, x, is_floating, [=](const Tensor* in, Tensor* out) { kernels::leaky_relu(in, slope, out); });
 }
-void leaky_relu_inplace(Tensor* x, float slope) {
+void leaky_relu_inplace(Tensor* x, double slope) {
     const Where at = where("ornik::nn::leaky_relu_inplace");
     check_finite(at, slope);
     inplace(at, x, is_floating, [=](const Tensor* in, Tensor* out) { kernels::leaky_relu(in, slope, out); });
 }
-std::unique_ptr<Tensor> leaky_relu_grad(Tensor* saved, Tensor* output_gradient, float slope) {
+std::unique_ptr<Tensor> leaky_relu_grad(Tensor* saved, Tensor* output_gradient, double slope) {
     const Where at = where("ornik::nn::leaky_relu_grad");
     check_finite(at, slope);
     return backward(at, saved, output_gradient, is_floating, [=](const Tensor* in, const Tensor* g, Tensor* out) {
@@ -117,17 +119,17 @@ std::unique_ptr<Tensor> leaky_relu_grad(Tensor* saved, Tensor* output_gradient, 
     });
 }
 
-std::unique_ptr<Tensor> elu(Tensor* x, float alpha) {
+std::unique_ptr<Tensor> elu(Tensor* x, double alpha) {
     const Where at = where("ornik::nn::elu");
     check_finite(at, alpha);
     return forward(at, x, is_floating, [=](const Tensor* in, Tensor* out) { kernels::elu(in, alpha, 1, out); });
 }
-void elu_inplace(Tensor* x, float alpha) {
+void elu_inplace(Tensor* x, double alpha) {
     const Where at = where("ornik::nn::elu_inplace");
     check_finite(at, alpha);
     inplace(at, x, is_floating, [=](const Tensor* /*in*/, Tensor* out) { elu_over(out, alpha, 1); });
 }
-std::unique_ptr<Tensor> elu_grad(Tensor* input, Tensor* output, Tensor* output_gradient, float alpha) {
+std::unique_ptr<Tensor> elu_grad(Tensor* input, Tensor* output, Tensor* output_gradient, double alpha) {
     const Where at = where("ornik::nn::elu_grad");
     check_finite(at, alpha);
     return backward(at, input, output, output_gradient, is_floating,

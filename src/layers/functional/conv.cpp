@@ -80,6 +80,7 @@ Plan plan_of(const Where& at, const Dims& input, const Dims& weight, const ConvP
 }
 
 void check_dtype(const Where& at, const Tensor* t) {
+    check_operands(at, t);
     if (!t->isFloat() && !t->isComplexType()) {
         fail(at, "A convolution takes floating or complex tensors, not ", dtype_name(t->Dtype()));
     }

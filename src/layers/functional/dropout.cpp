@@ -2,6 +2,7 @@
 
 #include "hardware/cpu/nn/cpu_dropout.h"
 #include "hardware/cpu/random/cpu_random.h"
+#include "tensor/checks.h"
 #include "tensor/make_tensor.h"
 
 namespace ornik::nn {
@@ -12,6 +13,7 @@ void check(const Where& at, const Tensor* x, double p) {
     if (x == nullptr) {
         fail(at, "dropout needs a tensor.");
     }
+    check_operands(at, x);
     if (!x->isFloat() && !x->isComplexType()) {
         fail(at, "dropout only support float or complex as dtype.");
     }
@@ -74,6 +76,7 @@ std::unique_ptr<Tensor> dropout_grad(Tensor* output_gradient, Tensor* kept, doub
     const Where at = where("ornik::nn::dropout_grad");
     check(at, output_gradient, p);
     const Dims& shape = output_gradient->Shape();
+    check_optional(at, kept);
     if (kept == nullptr || !kept->isBool() || kept->Device() != output_gradient->Device() ||
         kept->Shape().size() > shape.size() || !std::equal(kept->Shape().begin(), kept->Shape().end(), shape.begin())) {
         fail(at, "dropout needs a bool mask of the leading axes of ", shape);

@@ -1,12 +1,13 @@
 #include "norm_passes.h"
 
 #include <cmath>
+#include <functional>
+#include <numeric>
 
 #include "hardware/cpu/nn/cpu_normalization.h"
 #include "tensor/checks.h"
 #include "tensor/make_tensor.h"
 #include "tensor/overlap.h"
-#include "tensor/tensor_math/tensor_arithmetic.h"
 
 namespace ornik {
 
@@ -16,22 +17,9 @@ using device::cpu::ChannelNorm;
 
 // [samples, channels, ...] as [samples, channels, inner].
 ChannelNorm channel_norm(const Tensor* input, std::int64_t groups, double eps) {
-    const std::int64_t samples = input->Shape()[0];
-    const std::int64_t channels = input->Shape()[1];
-    return {samples, channels, input->Size() / (samples * channels), groups, eps};
-}
-
-std::unique_ptr<Tensor> zeros(const Dims& shape, const Tensor* like) {
-    std::unique_ptr<Tensor> result = make_tensor(shape, like->Dtype());
-    if (result->Size() > 0) {
-        result->fill_(0);
-    }
-    return result;
-}
-
-// Where the input has no elements.
-nn::Normalized nothing_normalized(const Tensor* input, const Dims& statistics) {
-    return {make_tensor(input->Shape(), input->Dtype()), zeros(statistics, input), zeros(statistics, input)};
+    const Dims& shape = input->Shape();
+    const std::int64_t inner = std::accumulate(shape.begin() + 2, shape.end(), std::int64_t{1}, std::multiplies<>());
+    return {shape[0], shape[1], inner, groups, eps};
 }
 
 // Contiguous operands of a gradient, and the tensors for those that are wanted.
@@ -42,17 +30,13 @@ class Backward {
         : Backward(check(at, arguments, saved, statistics_shape), arguments, saved) {
         const Tensor* input = arguments.input;
         const auto make = [&](bool is_wanted, const Dims& shape) {
-            if (!is_wanted) {
-                return std::unique_ptr<Tensor>();
-            }
-            return input->Size() > 0 ? make_tensor(shape, input->Dtype()) : zeros(shape, input);
+            return is_wanted ? make_output(shape, input) : nullptr;
         };
         results.input = make(wanted[0], input->Shape());
         results.gamma = make(wanted[1], parameter_shape);
         results.beta = make(wanted[2], parameter_shape);
     }
 
-    bool is_empty() const { return input_->Size() == 0; }
     device::cpu::NormGradient operands() const {
         return {input_.get(), gradient_.get(), mean_.get(), variance_.get(), gamma_.get()};
     }
@@ -90,6 +74,7 @@ class Backward {
 void NormArguments::check_like_input(const Where& at, const Tensor* t) const { check_alike(at, name, t, input); }
 
 void NormArguments::check(const Where& at, const Dims& parameter_shape) const {
+    check_operands(at, input);
     for (const Tensor* t : {gamma, beta}) {
         if (t != nullptr) {
             check_like_input(at, t);
@@ -118,43 +103,40 @@ void check_norm_node(const Where& at, int node) {
     }
 }
 
-void check_batch_norm(const Where& at, const NormArguments& arguments, bool may_be_empty) {
+void check_batch_norm(const Where& at, const NormArguments& arguments) {
     if (arguments.input == nullptr) {
         fail(at, "batchnorm needs an input.");
     }
     const Dims& shape = arguments.input->Shape();
-    if (shape.size() < 2 || shape[1] < 1 || (arguments.input->Size() < 1 && !may_be_empty)) {
+    if (shape.size() < 2) {
         fail(at, "batchnorm needs an input [N, C, ...], however it is ", shape);
     }
     arguments.check(at, {shape[1]});
 }
 
-void check_group_norm(const Where& at, const NormArguments& arguments, std::int64_t channels, bool may_be_empty) {
+void check_group_norm(const Where& at, const NormArguments& arguments, std::int64_t channels) {
     if (arguments.input == nullptr) {
         fail(at, "group norm needs an input.");
     }
     const Dims& shape = arguments.input->Shape();
-    if (shape.size() < 2 || shape[1] != channels || (arguments.input->Size() < 1 && !may_be_empty)) {
+    if (shape.size() < 2 || shape[1] != channels) {
         fail(at, "group norm needs an input [N, ", channels, ", ...], however it is ", shape);
     }
     arguments.check(at, {channels});
 }
 
-NormSplit check_layer_norm(const Where& at, const NormArguments& arguments, std::size_t axes, bool may_be_empty) {
+NormSplit check_layer_norm(const Where& at, const NormArguments& arguments, std::size_t axes) {
     if (arguments.input == nullptr) {
         fail(at, "layer norm needs an input.");
     }
     const Dims& shape = arguments.input->Shape();
-    NormSplit split;
-    if (axes >= 1 && shape.size() >= axes) {
-        const auto middle = shape.end() - static_cast<std::ptrdiff_t>(axes);
-        split = {Dims(shape.begin(), middle), Dims(middle, shape.end())};
-        for (const std::int64_t extent : split.trailing) {
-            split.cols *= extent;
-        }
-    }
-    if (split.trailing.empty() || split.cols < 1 || (arguments.input->Size() < 1 && !may_be_empty)) {
+    if (axes < 1 || shape.size() < axes) {
         fail(at, "layer norm needs an input with at least the axes of its parameters, however it is ", shape);
+    }
+    const auto middle = shape.end() - static_cast<std::ptrdiff_t>(axes);
+    NormSplit split{Dims(shape.begin(), middle), Dims(middle, shape.end())};
+    for (const std::int64_t extent : split.trailing) {
+        split.cols *= extent;
     }
     arguments.check(at, split.trailing);
     return split;
@@ -181,6 +163,7 @@ void check_running_statistics(const Where& at, const NormArguments& arguments, T
 }
 
 void check_written_statistics(const Where& at, const Tensor* mean, const Tensor* variance) {
+    check_writable(at, mean, variance);
     check_not_expanded(at, mean);
     check_not_expanded(at, variance);
     if (memory_overlap(mean, variance) != Overlap::none) {
@@ -191,12 +174,9 @@ void check_written_statistics(const Where& at, const Tensor* mean, const Tensor*
 nn::Normalized batch_norm_pass(const NormArguments& arguments, double eps) {
     Tensor* const input = arguments.input;
     const Dims channels{input->Shape()[1]};
-    if (input->Size() == 0) {
-        return nothing_normalized(input, channels);
-    }
     const Borrowed x = Borrowed::contiguous(input);
     const ChannelNorm norm = channel_norm(input, 0, eps);
-    nn::Normalized result{nullptr, make_tensor(channels, input->Dtype()), make_tensor(channels, input->Dtype())};
+    nn::Normalized result{nullptr, make_output(channels, input), make_output(channels, input)};
     device::cpu::batch_statistics(x.get(), norm, result.mean.get(), result.variance.get());
     const NormArguments contiguous{arguments.name, arguments.gamma, arguments.beta, x.get()};
     result.output = batch_norm_pass(contiguous, result.mean.get(), result.variance.get(), eps);
@@ -205,30 +185,25 @@ nn::Normalized batch_norm_pass(const NormArguments& arguments, double eps) {
 
 std::unique_ptr<Tensor> batch_norm_pass(const NormArguments& arguments, Tensor* mean, Tensor* variance, double eps) {
     Tensor* const input = arguments.input;
-    std::unique_ptr<Tensor> output = make_tensor(input->Shape(), input->Dtype());
-    if (input->Size() > 0) {
-        device::cpu::batch_norm(Borrowed::contiguous(input).get(), channel_norm(input, 0, eps),
-                                Borrowed::contiguous(mean).get(), Borrowed::contiguous(variance).get(),
-                                Borrowed::contiguous(arguments.gamma).get(), Borrowed::contiguous(arguments.beta).get(),
-                                output.get());
-    }
+    std::unique_ptr<Tensor> output = make_output(input->Shape(), input);
+    device::cpu::batch_norm(Borrowed::contiguous(input).get(), channel_norm(input, 0, eps),
+                            Borrowed::contiguous(mean).get(), Borrowed::contiguous(variance).get(),
+                            Borrowed::contiguous(arguments.gamma).get(), Borrowed::contiguous(arguments.beta).get(),
+                            output.get());
     return output;
 }
 
-void update_statistics(Tensor* running_mean, Tensor* running_variance, Tensor* mean, Tensor* variance,
-                       std::int64_t count, float momentum) {
-    const auto values = static_cast<float>(count);
-    const float unbiased = values > 1 ? momentum * (values / (values - 1)) : momentum;
-    add(1 - momentum, running_mean, momentum, mean, running_mean, 0);
-    add(1 - momentum, running_variance, unbiased, variance, running_variance, 0);
+void update_statistics(const Where& at, Tensor* running_mean, Tensor* running_variance, const Tensor* mean,
+                       const Tensor* variance, std::int64_t count, double momentum) {
+    announce_write(at, running_mean, running_variance);
+    const auto values = static_cast<double>(count);
+    device::cpu::update_running(mean, 1, momentum, running_mean);
+    device::cpu::update_running(variance, count > 1 ? values / (values - 1) : 1, momentum, running_variance);
 }
 
 nn::Normalized layer_norm_pass(const NormArguments& arguments, const NormSplit& split, double eps) {
     Tensor* const input = arguments.input;
-    if (input->Size() == 0) {
-        return nothing_normalized(input, split.leading);
-    }
-    const auto make = [&](const Dims& shape) { return make_tensor(shape, input->Dtype()); };
+    const auto make = [&](const Dims& shape) { return make_output(shape, input); };
     nn::Normalized result{make(input->Shape()), make(split.leading), make(split.leading)};
     device::cpu::layer_norm(Borrowed::contiguous(input).get(), split.cols, eps,
                             Borrowed::contiguous(arguments.gamma).get(), Borrowed::contiguous(arguments.beta).get(),
@@ -239,10 +214,7 @@ nn::Normalized layer_norm_pass(const NormArguments& arguments, const NormSplit& 
 nn::Normalized group_norm_pass(const NormArguments& arguments, std::int64_t groups, double eps) {
     Tensor* const input = arguments.input;
     const Dims statistics{input->Shape()[0], groups};
-    if (input->Size() == 0) {
-        return nothing_normalized(input, statistics);
-    }
-    const auto make = [&](const Dims& shape) { return make_tensor(shape, input->Dtype()); };
+    const auto make = [&](const Dims& shape) { return make_output(shape, input); };
     nn::Normalized result{make(input->Shape()), make(statistics), make(statistics)};
     device::cpu::group_norm(Borrowed::contiguous(input).get(), channel_norm(input, groups, eps),
                             Borrowed::contiguous(arguments.gamma).get(), Borrowed::contiguous(arguments.beta).get(),
@@ -267,10 +239,8 @@ nn::NormGradients batch_norm_grads(const Where& at, const NormArguments& argumen
     const Dims channels{arguments.input->Shape()[1]};
     Backward from(at, arguments, saved, channels, channels, wanted);
     nn::NormGradients& results = from.results;
-    if (!from.is_empty()) {
-        device::cpu::batch_norm_grads(from.operands(), channel_norm(arguments.input, 0, saved.eps), fixed_statistics,
-                                      results.input.get(), results.gamma.get(), results.beta.get());
-    }
+    device::cpu::batch_norm_grads(from.operands(), channel_norm(arguments.input, 0, saved.eps), fixed_statistics,
+                                  results.input.get(), results.gamma.get(), results.beta.get());
     return std::move(results);
 }
 
@@ -278,10 +248,8 @@ nn::NormGradients layer_norm_grads(const Where& at, const NormArguments& argumen
                                    const NormSplit& split, const std::array<bool, 3>& wanted) {
     Backward from(at, arguments, saved, split.leading, split.trailing, wanted);
     nn::NormGradients& results = from.results;
-    if (!from.is_empty()) {
-        device::cpu::layer_norm_grads(from.operands(), split.cols, saved.eps, results.input.get(), results.gamma.get(),
-                                      results.beta.get());
-    }
+    device::cpu::layer_norm_grads(from.operands(), split.cols, saved.eps, results.input.get(), results.gamma.get(),
+                                  results.beta.get());
     return std::move(results);
 }
 
@@ -290,10 +258,8 @@ nn::NormGradients group_norm_grads(const Where& at, const NormArguments& argumen
     const Dims& shape = arguments.input->Shape();
     Backward from(at, arguments, saved, {shape[0], groups}, {shape[1]}, wanted);
     nn::NormGradients& results = from.results;
-    if (!from.is_empty()) {
-        device::cpu::group_norm_grads(from.operands(), channel_norm(arguments.input, groups, saved.eps),
-                                      results.input.get(), results.gamma.get(), results.beta.get());
-    }
+    device::cpu::group_norm_grads(from.operands(), channel_norm(arguments.input, groups, saved.eps),
+                                  results.input.get(), results.gamma.get(), results.beta.get());
     return std::move(results);
 }
 

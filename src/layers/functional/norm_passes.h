@@ -28,10 +28,10 @@ void check_eps(const Where& at, double eps);
 /// Refuses a node that is not 0, 1 or 2.
 void check_norm_node(const Where& at, int node);
 
-// Whether the input fits; layers refuse one without elements.
+// Whether the input fits.
 
-void check_batch_norm(const Where& at, const NormArguments& arguments, bool may_be_empty);
-void check_group_norm(const Where& at, const NormArguments& arguments, std::int64_t channels, bool may_be_empty);
+void check_batch_norm(const Where& at, const NormArguments& arguments);
+void check_group_norm(const Where& at, const NormArguments& arguments, std::int64_t channels);
 /// Both or neither, [C]; `written` when they are to be updated.
 void check_running_statistics(const Where& at, const NormArguments& arguments, Tensor* mean, Tensor* variance,
                               bool written);
@@ -44,14 +44,14 @@ struct NormSplit {
     Dims trailing;
     std::int64_t cols = 1;
 };
-NormSplit check_layer_norm(const Where& at, const NormArguments& arguments, std::size_t axes, bool may_be_empty);
+NormSplit check_layer_norm(const Where& at, const NormArguments& arguments, std::size_t axes);
 
 // The passes, over checked arguments.
 
 nn::Normalized batch_norm_pass(const NormArguments& arguments, double eps);
 std::unique_ptr<Tensor> batch_norm_pass(const NormArguments& arguments, Tensor* mean, Tensor* variance, double eps);
-void update_statistics(Tensor* running_mean, Tensor* running_variance, Tensor* mean, Tensor* variance,
-                       std::int64_t count, float momentum);
+void update_statistics(const Where& at, Tensor* running_mean, Tensor* running_variance, const Tensor* mean,
+                       const Tensor* variance, std::int64_t count, double momentum);
 nn::Normalized layer_norm_pass(const NormArguments& arguments, const NormSplit& split, double eps);
 nn::Normalized group_norm_pass(const NormArguments& arguments, std::int64_t groups, double eps);
 

@@ -10,7 +10,7 @@ namespace {
 NormArguments checked_batch(const Where& at, Tensor* input, Tensor* gamma, Tensor* beta, double eps) {
     check_eps(at, eps);
     const NormArguments arguments{"batchnorm", gamma, beta, input};
-    check_batch_norm(at, arguments, true);
+    check_batch_norm(at, arguments);
     return arguments;
 }
 
@@ -18,11 +18,11 @@ NormArguments checked_group(const Where& at, Tensor* input, std::int64_t groups,
                             double eps) {
     check_eps(at, eps);
     const NormArguments arguments{"group norm", gamma, beta, input};
-    const std::int64_t channels = input == nullptr || input->ndim() < 2 ? 1 : input->Shape()[1];
+    const std::int64_t channels = input == nullptr || input->ndim() < 2 ? groups : input->Shape()[1];
     if (groups < 1 || channels < 1 || channels % groups != 0) {
         fail(at, "group norm can not divide ", channels, " channels into ", groups, " groups");
     }
-    check_group_norm(at, arguments, channels, true);
+    check_group_norm(at, arguments, channels);
     return arguments;
 }
 
@@ -48,7 +48,7 @@ NormGradients batch_norm_grad(Tensor* output_gradient, Tensor* input, Tensor* ga
 }
 
 void update_running_statistics(Tensor* running_mean, Tensor* running_variance, Tensor* mean, Tensor* variance,
-                               std::int64_t count, float momentum) {
+                               std::int64_t count, double momentum) {
     const Where at = where("ornik::nn::update_running_statistics");
     for (const Tensor* t : {running_mean, running_variance, mean, variance}) {
         if (t == nullptr) {
@@ -65,7 +65,7 @@ void update_running_statistics(Tensor* running_mean, Tensor* running_variance, T
     }
     check_written_statistics(at, running_mean, running_variance);
     if (count > 0) {
-        update_statistics(running_mean, running_variance, mean, variance, count, momentum);
+        update_statistics(at, running_mean, running_variance, mean, variance, count, momentum);
     }
 }
 
@@ -73,8 +73,8 @@ Normalized layer_norm(Tensor* input, int axes, Tensor* gamma, Tensor* beta, doub
     const Where at = where("ornik::nn::layer_norm");
     check_eps(at, eps);
     const NormArguments arguments{"layer norm", gamma, beta, input};
-    return layer_norm_pass(arguments,
-                           check_layer_norm(at, arguments, static_cast<std::size_t>(std::max(axes, 0)), true), eps);
+    return layer_norm_pass(arguments, check_layer_norm(at, arguments, static_cast<std::size_t>(std::max(axes, 0))),
+                           eps);
 }
 
 NormGradients layer_norm_grad(Tensor* output_gradient, Tensor* input, int axes, Tensor* gamma, Tensor* mean,
@@ -82,7 +82,7 @@ NormGradients layer_norm_grad(Tensor* output_gradient, Tensor* input, int axes, 
     const Where at = where("ornik::nn::layer_norm_grad");
     check_eps(at, eps);
     const NormArguments arguments{"layer norm", gamma, nullptr, input};
-    const NormSplit split = check_layer_norm(at, arguments, static_cast<std::size_t>(std::max(axes, 0)), true);
+    const NormSplit split = check_layer_norm(at, arguments, static_cast<std::size_t>(std::max(axes, 0)));
     return layer_norm_grads(at, arguments, {output_gradient, mean, variance, eps}, split, wanted);
 }
 

@@ -2,11 +2,13 @@
 
 #include "hardware/cpu/nn/cpu_pool.h"
 #include "tensor/borrowed.h"
+#include "tensor/checks.h"
 #include "tensor/make_tensor.h"
 
 namespace ornik {
 
 void check_pool_dtype(const Where& at, const Tensor* t, bool serves_complex) {
+    check_operands(at, t);
     if (!t->isFloat() && !(serves_complex && t->isComplexType())) {
         fail(at, "Not valid dtype for this function.");
     }
@@ -14,7 +16,7 @@ void check_pool_dtype(const Where& at, const Tensor* t, bool serves_complex) {
 
 nn::MaxPool max_pool_forward(const PoolPlan& plan, Tensor* input) {
     const Dims shape = pooled_shape(input->Shape(), plan);
-    nn::MaxPool result{make_tensor(shape, input->Dtype()), make_tensor(shape, dtype::int32)};
+    nn::MaxPool result{make_output(shape, input), make_tensor(shape, dtype::int32)};
     if (plan.planes > 0) {
         device::cpu::max_pool(Borrowed::contiguous(input).get(), plan, result.positions.get(), result.output.get());
     }
@@ -27,6 +29,7 @@ std::unique_ptr<Tensor> max_pool_backward(const Where& at, const PoolPlan& plan,
         positions->Device() != gradient->Device()) {
         fail(at, "The saved positions of pooling should be one int32 tensor of its output's shape.");
     }
+    check_operands(at, positions);
     const Borrowed g = Borrowed::contiguous(gradient);
     const Borrowed p = Borrowed::contiguous(positions);
     std::unique_ptr<Tensor> result = make_tensor(input_shape, gradient->Dtype());

@@ -20,22 +20,25 @@ Tensor* LBatchNorm::forward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, bool
                                 Tensor* running_variance) {
     const Where at = where("ornik::LBatchNorm::forward_dyn");
     const NormArguments arguments{"batchnorm", affine_ ? gamma : nullptr, affine_ ? beta : nullptr, input};
-    check_batch_norm(at, arguments, false);
+    check_batch_norm(at, arguments);
     check_running_statistics(at, arguments, running_mean, running_variance, training);
 
     const auto eps = static_cast<double>(eps_);
+    std::vector<std::unique_ptr<Tensor>> saved;
+    saved.reserve(2);
+    forward_cache_.reserve(2);
     nn::Normalized result;
     if (training) {
         result = batch_norm_pass(arguments, eps);
-        if (running_mean != nullptr) {
-            update_statistics(running_mean, running_variance, result.mean.get(), result.variance.get(),
-                              input->Size() / input->Shape()[1], momentum_);
+        // Nothing but the update fails from here on: the running statistics move once in each successful call.
+        if (running_mean != nullptr && input->Size() > 0) {
+            update_statistics(at, running_mean, running_variance, result.mean.get(), result.variance.get(),
+                              input->Size() / input->Shape()[1], static_cast<double>(momentum_));
         }
     } else {
         result = {batch_norm_pass(arguments, running_mean, running_variance, eps),
                   std::unique_ptr<Tensor>(running_mean->clone()), std::unique_ptr<Tensor>(running_variance->clone())};
     }
-    std::vector<std::unique_ptr<Tensor>> saved;
     saved.push_back(std::move(result.mean));
     saved.push_back(std::move(result.variance));
     keep_for_backward(std::move(saved));
@@ -76,7 +79,7 @@ std::array<Tensor*, 3> LBatchNorm::compute(const Where& at, const std::array<boo
                                            Tensor* beta, Tensor* input, Tensor* output_gradient,
                                            const std::vector<Tensor*>& saved) {
     const NormArguments arguments{"batchnorm", affine_ ? gamma : nullptr, affine_ ? beta : nullptr, input};
-    check_batch_norm(at, arguments, false);
+    check_batch_norm(at, arguments);
     if (forward_cache_.empty()) {
         fail(at, "The backward pass of batchnorm needs a forward pass before.");
     }

@@ -17,7 +17,7 @@ LGroupNorm::LGroupNorm(int groups, int channels, bool affine, float eps, std::st
 
 Tensor* LGroupNorm::forward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, bool /*training*/) {
     const NormArguments arguments{"group norm", affine_ ? gamma : nullptr, affine_ ? beta : nullptr, input};
-    check_group_norm(where("ornik::LGroupNorm::forward_dyn"), arguments, channels_, false);
+    check_group_norm(where("ornik::LGroupNorm::forward_dyn"), arguments, channels_);
     nn::Normalized result = group_norm_pass(arguments, groups_, static_cast<double>(eps_));
     std::vector<std::unique_ptr<Tensor>> saved;
     saved.push_back(std::move(result.mean));
@@ -47,7 +47,7 @@ std::array<Tensor*, 3> LGroupNorm::compute(const Where& at, const std::array<boo
                                            Tensor* beta, Tensor* input, Tensor* output_gradient,
                                            const std::vector<Tensor*>& saved) {
     const NormArguments arguments{"group norm", affine_ ? gamma : nullptr, affine_ ? beta : nullptr, input};
-    check_group_norm(at, arguments, channels_, false);
+    check_group_norm(at, arguments, channels_);
     const NormSaved from = norm_saved(at, arguments, output_gradient, saved, forward_cache_, static_cast<double>(eps_));
     return release_by_node(group_norm_grads(at, arguments, from, groups_, wanted));
 }

@@ -11,7 +11,7 @@ namespace {
 // The axes that the statistics stand for are those of the parameters.
 NormSplit check_input(const Where& at, const NormArguments& arguments) {
     const Tensor* parameter = arguments.gamma != nullptr ? arguments.gamma : arguments.beta;
-    return check_layer_norm(at, arguments, parameter == nullptr ? 1 : parameter->Shape().size(), false);
+    return check_layer_norm(at, arguments, parameter == nullptr ? 1 : parameter->Shape().size());
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "attention_checks.h"
 
+#include "tensor/checks.h"
+
 namespace ornik {
 
 void check_attention_operands(const Where& at, std::initializer_list<const Tensor*> tensors) {
@@ -8,6 +10,7 @@ void check_attention_operands(const Where& at, std::initializer_list<const Tenso
         if (t == nullptr) {
             fail(at, "Attention needs all of its tensors but mask and biases.");
         }
+        check_operands(at, t);
         if (t->Device() != first->Device()) {
             fail(at, "Not same device for inputs of attention.");
         }
@@ -25,6 +28,7 @@ void check_attention_mask(const Where& at, const Tensor* mask, std::int64_t dtyp
     if (mask == nullptr) {
         return;
     }
+    check_operands(at, mask);
     if (mask->Device() != device) {
         fail(at, "Not same device for inputs of attention.");
     }

@@ -2,16 +2,19 @@
 
 #include "hardware/cpu/nn/cpu_interpolate.h"
 #include "tensor/borrowed.h"
+#include "tensor/checks.h"
+#include "tensor/make_tensor.h"
 
 namespace ornik {
 
 namespace {
 
 void check_images(const Where& at, const Tensor* images) {
-    if (images == nullptr || images->ndim() != 4 || images->Size() < 1) {
+    if (images == nullptr || images->ndim() != 4 || images->Shape()[2] < 1 || images->Shape()[3] < 1) {
         fail(at, "Interpolation needs images [batch, channels, rows, cols], however they are ",
              images == nullptr ? Dims{} : images->Shape());
     }
+    check_operands(at, images);
     if (!images->isFloat()) {
         fail(at, "Not valid dtype for this function.");
     }
@@ -42,8 +45,7 @@ Tensor* interpolate(Tensor* input, const Dims& size, const std::string& mode, bo
     }
     const Dims& shape = input->Shape();
     const Borrowed images = Borrowed::contiguous(input);
-    std::unique_ptr<Tensor> output(
-        Tensor::empty({shape[0], shape[1], size[0], size[1]}, input->Device(), input->Dtype()));
+    std::unique_ptr<Tensor> output = make_output({shape[0], shape[1], size[0], size[1]}, input);
     device::cpu::interpolate(images.get(), taps_of(shape[2], size[0], mode, align_corners),
                              taps_of(shape[3], size[1], mode, align_corners), output.get());
     return output.release();
@@ -60,7 +62,7 @@ Tensor* interpolate_grad(Tensor* output_gradient, const Dims& input_shape, const
         fail(at, "A gradient of shape ", shape, "does not fit images of shape ", input_shape);
     }
     const Borrowed gradient = Borrowed::contiguous(output_gradient);
-    std::unique_ptr<Tensor> result(Tensor::empty(input_shape, output_gradient->Device(), output_gradient->Dtype()));
+    std::unique_ptr<Tensor> result = make_output(input_shape, output_gradient);
     device::cpu::interpolate_grad(gradient.get(), taps_of(input_shape[2], shape[2], mode, align_corners),
                                   taps_of(input_shape[3], shape[3], mode, align_corners), result.get());
     return result.release();

@@ -1,5 +1,6 @@
 #include "tensor/nn/tensor_conv.h"
 
+#include "tensor/checks.h"
 #include "tensor/make_tensor.h"
 #include "tensor/nn/conv_passes.h"
 
@@ -43,12 +44,14 @@ void check_fits(const Where& at, const ConvolFields& descriptor, const Tensor* t
         fail(at, "Convolution needs tensors that fit its latest forward call: one should be of shape ", shape, "and ",
              dtype_name(descriptor.dtype));
     }
+    check_operands(at, t);
 }
 
 void check_bias(const Where& at, const ConvolFields& descriptor, const Tensor* bias) {
     if (bias != nullptr && (bias->Dtype() != descriptor.dtype || bias->Size() != descriptor._output_channels)) {
         fail(at, "Convolution needs a bias of one value per output channel, of ", dtype_name(descriptor.dtype));
     }
+    check_optional(at, bias);
 }
 
 std::unique_ptr<Tensor> forward(const Where& at, Tensor* weight, Tensor* bias, Tensor* input, ConvolFields& descriptor,

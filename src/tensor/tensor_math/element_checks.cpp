@@ -23,6 +23,7 @@ void refuse_dtype(const Where& at, const std::string& name, std::int64_t dtype) 
 }
 
 void check_pair(const Where& at, const Tensor* a, const Tensor* b) {
+    check_operands(at, a, b);
     if (!a->isCPU() || !b->isCPU()) {
         fail(at, "Tensors in different devices");
     }
@@ -32,6 +33,7 @@ void check_pair(const Where& at, const Tensor* a, const Tensor* b) {
 }
 
 void check_output(const Where& at, const Dims& shape, std::int64_t dtype, const Tensor* out) {
+    check_operands(at, out);
     if (!out->isCPU()) {
         fail(at, "Tensors in different devices");
     }
@@ -42,6 +44,7 @@ void check_output(const Where& at, const Dims& shape, std::int64_t dtype, const 
         fail(at, "Not same data type");
     }
     check_not_expanded(at, out);
+    check_writable(at, out);
 }
 
 namespace {

@@ -15,7 +15,7 @@ inline void check_positions(const Where& at, const Tensor* index, std::int64_t n
 
 /// An index tensor as int64: a view of it, or a converted copy. Integer dtypes except bool.
 inline TensorResult as_positions(const Where& at, const Tensor* index) {
-    check_cpu(index);
+    check_cpu(at, index);
     if (!index->isInteger() || index->isBool()) {
         fail(at, "Index should be of an integer dtype");
     }

@@ -42,8 +42,7 @@ void add_checked(const Selection& selection, Tensor* x, const Tensor* source) {
 }
 
 Selection check_index_add(const Where& at, const Tensor* x, int axis, const Tensor* index, const Tensor* source) {
-    check_cpu(x);
-    check_cpu(source);
+    check_cpu(at, x, source);
     Selection selection = select_axis(at, x->Shape(), axis, index);
     check_source(at, x, source, selection.shape);
     return selection;
@@ -70,8 +69,7 @@ Places check_places(const Where& at, const Dims& shape, int axis, const Tensor* 
 }
 
 Places check_scatter(const Where& at, const Tensor* x, int axis, const Tensor* index, const Tensor* source) {
-    check_cpu(x);
-    check_cpu(source);
+    check_cpu(at, x, source);
     Places places = check_places(at, x->Shape(), axis, index);
     check_source(at, x, source, index->Shape());
     return places;
@@ -90,13 +88,13 @@ void scatter_into(const Where& at, Tensor* x, int axis, const Tensor* index, con
     check_not_expanded(at, x);
     const TensorResult apart_positions = apart_from(places.positions.get(), x);
     const TensorResult apart_source = apart_from(source, x);
+    announce_write(at, x);
     device::cpu::scatter(apart_positions.get(), apart_source.get(), x, places.axis, accumulate);
 }
 
-Places check_gradient(const Where& at, const Tensor* grad, const Dims& shape, int axis, const Tensor* index) {
-    check_cpu(grad);
+void check_gradient(const Where& at, const Tensor* grad) {
+    check_cpu(at, grad);
     check_dtype(at, is_float_or_complex(grad));
-    return check_places(at, shape, axis, index);
 }
 
 }  // namespace
@@ -115,8 +113,9 @@ TensorResult apart_from(const Tensor* t, const Tensor* x) {
 }
 
 Tensor* index_select(Tensor* x, int axis, Tensor* index) {
-    check_cpu(x);
-    const Selection selection = select_axis(where("ornik::index_select"), x->Shape(), axis, index);
+    const Where at = where("ornik::index_select");
+    check_cpu(at, x);
+    const Selection selection = select_axis(at, x->Shape(), axis, index);
     TensorResult result = new_result(selection.shape, x->Dtype());
     device::cpu::take_slices(walk_of(selection, x, result.get()));
     return result.release();
@@ -133,13 +132,14 @@ void index_add_(Tensor* x, int axis, Tensor* index, Tensor* source) {
     const Where at = where("ornik::index_add_");
     const Selection selection = check_index_add(at, x, axis, index, source);
     check_not_expanded(at, x);
-    add_checked(selection, x, apart_from(source, x).get());
+    const TensorResult apart_source = apart_from(source, x);
+    announce_write(at, x);
+    add_checked(selection, x, apart_source.get());
 }
 
 Tensor* index_select_grad(Tensor* grad, const Dims& shape, int axis, Tensor* index) {
     const Where at = where("ornik::index_select_grad");
-    check_cpu(grad);
-    check_dtype(at, is_float_or_complex(grad));
+    check_gradient(at, grad);
     const Selection selection = select_axis(at, shape, axis, index);
     check_source(at, grad, grad, selection.shape);
     TensorResult result = filled_result(shape, grad->Dtype(), 0.0F);
@@ -149,7 +149,7 @@ Tensor* index_select_grad(Tensor* grad, const Dims& shape, int axis, Tensor* ind
 
 Tensor* take(Tensor* x, Tensor* index) {
     const Where at = where("ornik::take");
-    check_cpu(x);
+    check_cpu(at, x);
     const TensorResult positions = as_positions(at, index);
     check_positions(at, positions.get(), x->Size());
     const TensorResult copy = x->is_contiguous() ? nullptr : row_major_copy(x);
@@ -163,8 +163,7 @@ Tensor* take(Tensor* x, Tensor* index) {
 
 Tensor* take_grad(Tensor* grad, const Dims& shape, Tensor* index) {
     const Where at = where("ornik::take_grad");
-    check_cpu(grad);
-    check_dtype(at, is_float_or_complex(grad));
+    check_gradient(at, grad);
     const std::int64_t numel = checked_numel(at, shape);
     const TensorResult positions = as_positions(at, index);
     check_positions(at, positions.get(), numel);
@@ -179,8 +178,9 @@ Tensor* take_grad(Tensor* grad, const Dims& shape, Tensor* index) {
 }
 
 Tensor* gather(Tensor* x, int axis, Tensor* index) {
-    check_cpu(x);
-    const Places places = check_places(where("ornik::gather"), x->Shape(), axis, index);
+    const Where at = where("ornik::gather");
+    check_cpu(at, x);
+    const Places places = check_places(at, x->Shape(), axis, index);
     TensorResult result = new_result(index->Shape(), x->Dtype());
     device::cpu::gather(x, places.positions.get(), result.get(), places.axis);
     return result.release();
@@ -204,7 +204,8 @@ void scatter_add_(Tensor* x, int axis, Tensor* index, Tensor* source) {
 
 Tensor* gather_grad(Tensor* grad, const Dims& shape, int axis, Tensor* index) {
     const Where at = where("ornik::gather_grad");
-    const Places places = check_gradient(at, grad, shape, axis, index);
+    check_gradient(at, grad);
+    const Places places = check_places(at, shape, axis, index);
     check_source(at, grad, grad, index->Shape());
     TensorResult result = filled_result(shape, grad->Dtype(), 0.0F);
     device::cpu::scatter(places.positions.get(), grad, result.get(), places.axis, true);
@@ -212,7 +213,9 @@ Tensor* gather_grad(Tensor* grad, const Dims& shape, int axis, Tensor* index) {
 }
 
 Tensor* scatter_grad(Tensor* grad, int axis, Tensor* index) {
-    const Places places = check_gradient(where("ornik::scatter_grad"), grad, grad->Shape(), axis, index);
+    const Where at = where("ornik::scatter_grad");
+    check_gradient(at, grad);
+    const Places places = check_places(at, grad->Shape(), axis, index);
     TensorResult result = row_major_copy(grad);
     const TensorResult zero = filled_result({}, grad->Dtype(), 0.0F);
     const TensorResult zeros = new_view(zero.get(), index->Shape(), Dims(index->Shape().size(), 0));
@@ -221,7 +224,9 @@ Tensor* scatter_grad(Tensor* grad, int axis, Tensor* index) {
 }
 
 Tensor* scatter_source_grad(Tensor* grad, int axis, Tensor* index) {
-    const Places places = check_gradient(where("ornik::scatter_source_grad"), grad, grad->Shape(), axis, index);
+    const Where at = where("ornik::scatter_source_grad");
+    check_gradient(at, grad);
+    const Places places = check_places(at, grad->Shape(), axis, index);
     TensorResult result = new_result(index->Shape(), grad->Dtype());
     device::cpu::scatter_source_grad(grad, places.positions.get(), result.get(), places.axis);
     return result.release();

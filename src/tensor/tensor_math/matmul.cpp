@@ -137,13 +137,19 @@ class Product {
         plan.transpose_a = a_.reads_columns();
         plan.transpose_b = b_.reads_columns();
         plan.accumulate = accumulate;
-        const std::vector<std::int64_t> starts_a = a_.starts();
-        const std::vector<std::int64_t> starts_b = b_.starts();
-        const std::vector<std::int64_t> starts_c = c_.starts();
-        plan.batch = static_cast<std::int64_t>(starts_c.size());
-        plan.place_a = {a_.stored_step(), starts_a.data()};
-        plan.place_b = {b_.stored_step(), starts_b.data()};
-        plan.place_c = {c_.rows.size <= 1 ? std::max<std::int64_t>(c_.cols.size, 1) : c_.rows.step, starts_c.data()};
+        plan.batch = 1;
+        plan.place_a.row_step = a_.stored_step();
+        plan.place_b.row_step = b_.stored_step();
+        plan.place_c.row_step = c_.rows.size <= 1 ? std::max<std::int64_t>(c_.cols.size, 1) : c_.rows.step;
+        std::vector<std::int64_t> starts[3];
+        if (!c_.batch.empty()) {
+            const Matrices* operands[] = {&a_, &b_, &c_};
+            std::transform(operands, operands + 3, starts, [](const Matrices* m) { return m->starts(); });
+            plan.batch = static_cast<std::int64_t>(starts[2].size());
+            plan.place_a.starts = starts[0].data();
+            plan.place_b.starts = starts[1].data();
+            plan.place_c.starts = starts[2].data();
+        }
         device::cpu::product(c_.tensor->Dtype(), plan, a_.tensor->getRawData(), b_.tensor->getRawData(), out);
     }
 
@@ -299,7 +305,7 @@ Dims product_shape(const Where& at, const Dims& a, const Dims& b, int ta, int tb
 
 void check_one_dtype(const Where& at, const Tensor* a, std::int64_t dtype) {
     if (a->Dtype() != dtype) {
-        fail(at, "Not same data type");
+        fail(ErrorKind::dtype, at, "Not same data type");
     }
 }
 
@@ -323,8 +329,7 @@ struct Gradient {
     std::int64_t dtype() const { return promotion::of_tensors(grad->Dtype(), other->Dtype()); }
 
     void check() const {
-        check_cpu(grad);
-        check_cpu(other);
+        check_cpu(at, grad, other);
         const Dims& a = for_a ? shape : other->Shape();
         const Dims& b = for_a ? other->Shape() : shape;
         check_shape(at, "Gradient", grad, product_shape(at, a, b, ta, tb));
@@ -355,10 +360,10 @@ struct Gradient {
     }
 
     void add_to(Tensor* target) const {
-        check_cpu(target);
         check();
         check_one_dtype(at, target, dtype());
         check_not_expanded(at, target);
+        announce_write(at, target);
         into(target, true);
     }
 };
@@ -370,9 +375,9 @@ Dims matmul_shape(const Dims& a, const Dims& b, int ta, int tb) {
 }
 
 Tensor* matmul(const Tensor* a, const Tensor* b, int ta, int tb) {
-    check_cpu(a);
-    check_cpu(b);
-    const Dims shape = product_shape(where("ornik::matmul"), a->Shape(), b->Shape(), ta, tb);
+    const Where at = where("ornik::matmul");
+    check_cpu(at, a, b);
+    const Dims shape = product_shape(at, a->Shape(), b->Shape(), ta, tb);
     const std::int64_t dtype = promotion::of_tensors(a->Dtype(), b->Dtype());
     const Converted left(a, dtype);
     const Converted right(b, dtype);
@@ -387,13 +392,12 @@ Tensor* matmul(const Tensor* a, const Tensor* b, int ta, int tb) {
 
 void matmul_into(const Tensor* A, int ta, const Tensor* B, int tb, Tensor* C, bool accumulate) {
     const Where at = where("ornik::matmul_into");
-    check_cpu(A);
-    check_cpu(B);
-    check_cpu(C);
+    check_cpu(at, A, B, C);
     check_shape(at, "Output", C, product_shape(at, A->Shape(), B->Shape(), ta, tb));
     check_one_dtype(at, A, C->Dtype());
     check_one_dtype(at, B, C->Dtype());
     check_not_expanded(at, C);
+    announce_write(at, C);
     multiply(left_operand(A).flagged(ta), right_operand(B).flagged(tb), C, accumulate,
              [A, B](const Tensor* t) { return matrices_of(t, is_vector(A->Shape()), is_vector(B->Shape())); });
 }
@@ -407,11 +411,15 @@ Tensor* matmul_grad_b(const Tensor* grad, const Tensor* a, const Dims& b_shape, 
 }
 
 void add_matmul_grad_a(Tensor* into, const Tensor* grad, const Tensor* b, int ta, int tb) {
-    Gradient{where("ornik::add_matmul_grad_a"), grad, b, into->Shape(), true, ta, tb}.add_to(into);
+    const Where at = where("ornik::add_matmul_grad_a");
+    check_cpu(at, into);
+    Gradient{at, grad, b, into->Shape(), true, ta, tb}.add_to(into);
 }
 
 void add_matmul_grad_b(Tensor* into, const Tensor* grad, const Tensor* a, int ta, int tb) {
-    Gradient{where("ornik::add_matmul_grad_b"), grad, a, into->Shape(), false, ta, tb}.add_to(into);
+    const Where at = where("ornik::add_matmul_grad_b");
+    check_cpu(at, into);
+    Gradient{at, grad, a, into->Shape(), false, ta, tb}.add_to(into);
 }
 
 }  // namespace ornik

@@ -15,14 +15,15 @@ namespace {
 class Gradient {
   public:
     Gradient(const Where& at, const Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims,
-             bool serves_complex, std::int64_t grad_dtype)
+             bool serves_complex, DtypeRule grad_dtype = same_dtype)
         : x_(x) {
-        check_cpu(grad);
-        check_cpu(x);
+        check_cpu(at, grad, x);
         check_dtype(at, serves_complex ? is_float_or_complex(x) : x->isFloat());
-        if (grad->Dtype() != grad_dtype) {
+        if (grad->Dtype() != grad_dtype(x->Dtype())) {
             fail(at, "Not same data type");
         }
+        at_ = at;
+        keep_dims_ = keep_dims;
         axes_ = reduce_axes(at, axes, x->ndim());
         grad_ = expanded_over(at, grad, x->Shape(), axes_, keep_dims);
         for (const int axis : axes_) {
@@ -47,6 +48,16 @@ class Gradient {
         return views_.back().get();
     }
 
+    // A view, under x's shape, of the result as the caller kept it.
+    const Tensor* kept(const Tensor* y, std::int64_t dtype) {
+        check_cpu(at_, y);
+        if (y->Dtype() != dtype) {
+            fail(ErrorKind::dtype, at_, "Not same data type");
+        }
+        views_.push_back(expanded_over(at_, y, x_->Shape(), axes_, keep_dims_));
+        return views_.back().get();
+    }
+
     // kernel(out) in a new tensor of x's shape and dtype; nothing is computed for no elements.
     template <typename Kernel>
     Tensor* result(const Kernel& kernel) {
@@ -67,25 +78,25 @@ class Gradient {
     }
 
     Tensor* x_;
+    Where at_{};
+    bool keep_dims_ = false;
     std::vector<int> axes_;
     std::int64_t count_ = 1;
     TensorResult grad_;
     std::vector<TensorResult> views_;
 };
 
-Gradient gradient_of(const Where& at, Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims,
-                     bool serves_complex) {
-    return {at, grad, x, axes, keep_dims, serves_complex, x->Dtype()};
-}
-
 using Reduction = Tensor* (*)(Tensor*, const std::vector<int>&, bool);
 
-Tensor* extreme_grad(const Where& at, Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims,
-                     Reduction extreme) {
-    Gradient g = gradient_of(at, grad, x, axes, keep_dims, false);
+// `y` is the result, or null to compute it by `extreme`.
+Tensor* extreme_grad(const Where& at, Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes,
+                     bool keep_dims, Reduction extreme) {
+    Gradient g(at, grad, x, axes, keep_dims, false);
+    const Tensor* kept = y != nullptr ? g.kept(y, x->Dtype()) : nullptr;
     return g.result([&](Tensor* out) {
         const TensorResult mark = new_result(x->Shape(), x->Dtype());
-        device::cpu::mark_equal(x, g.of_x([&](Tensor* t) { return extreme(t, g.axes(), true); }), mark.get());
+        const Tensor* value = kept != nullptr ? kept : g.of_x([&](Tensor* t) { return extreme(t, g.axes(), true); });
+        device::cpu::mark_equal(x, value, mark.get());
         const Tensor* count = g.expanded(mark.get(), [&](Tensor* t) { return sum(t, g.axes(), true); });
         device::cpu::shared_grad(g.grad(), mark.get(), count, out);
     });
@@ -94,17 +105,17 @@ Tensor* extreme_grad(const Where& at, Tensor* grad, Tensor* x, const std::vector
 }  // namespace
 
 Tensor* sum_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    Gradient g = gradient_of(where("ornik::sum_grad"), grad, x, axes, keep_dims, true);
+    Gradient g(where("ornik::sum_grad"), grad, x, axes, keep_dims, true);
     return g.result([&](Tensor* out) { device::cpu::copy(g.grad(), out); });
 }
 
 Tensor* mean_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    Gradient g = gradient_of(where("ornik::mean_grad"), grad, x, axes, keep_dims, true);
+    Gradient g(where("ornik::mean_grad"), grad, x, axes, keep_dims, true);
     return g.result([&](Tensor* out) { device::cpu::scaled(g.grad(), 1.0 / static_cast<double>(g.count()), out); });
 }
 
 Tensor* prod_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    Gradient g = gradient_of(where("ornik::prod_grad"), grad, x, axes, keep_dims, true);
+    Gradient g(where("ornik::prod_grad"), grad, x, axes, keep_dims, true);
     return g.result([&](Tensor* out) {
         const TensorResult rows = reduced_axis_last(x, g.axes());
         const std::int64_t kept = rows->Shape()[0];
@@ -117,7 +128,7 @@ Tensor* prod_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool ke
 }
 
 Tensor* median_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    Gradient g = gradient_of(where("ornik::median_grad"), grad, x, axes, keep_dims, false);
+    Gradient g(where("ornik::median_grad"), grad, x, axes, keep_dims, false);
     return g.result([&](Tensor* out) {
         const TensorResult rows = reduced_axis_last(x, g.axes());
         const TensorResult gradients = row_major_copy(grad);
@@ -128,51 +139,92 @@ Tensor* median_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool 
 }
 
 Tensor* l2_norm_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    Gradient g(where("ornik::l2_norm_grad"), grad, x, axes, keep_dims, true, part_dtype(x->Dtype()));
+    Gradient g(where("ornik::l2_norm_grad"), grad, x, axes, keep_dims, true, part_dtype);
     return g.result([&](Tensor* out) {
         device::cpu::l2_norm_grad(g.grad(), x, g.of_x([&](Tensor* t) { return l2_norm(t, g.axes(), true); }), out);
     });
 }
 
-Tensor* var_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, double correction, bool keep_dims) {
-    Gradient g = gradient_of(where("ornik::var_grad"), grad, x, axes, keep_dims, false);
+Tensor* l2_norm_grad_from(Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes, bool keep_dims) {
+    Gradient g(where("ornik::l2_norm_grad_from"), grad, x, axes, keep_dims, true, part_dtype);
+    const Tensor* norm = g.kept(y, grad->Dtype());
+    return g.result([&](Tensor* out) { device::cpu::l2_norm_grad(g.grad(), x, norm, out); });
+}
+
+Tensor* var_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims, double correction) {
+    Gradient g(where("ornik::var_grad"), grad, x, axes, keep_dims, false);
     return g.result([&](Tensor* out) {
         const Tensor* middle = g.of_x([&](Tensor* t) { return mean(t, g.axes(), true); });
         device::cpu::var_grad(g.grad(), x, middle, 2.0 / (static_cast<double>(g.count()) - correction), out);
     });
 }
 
-Tensor* std_dev_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, double correction, bool keep_dims) {
-    Gradient g = gradient_of(where("ornik::std_dev_grad"), grad, x, axes, keep_dims, false);
+namespace {
+
+// `y` is the deviation, or null to compute it.
+Tensor* deviation_grad(const Where& at, Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes,
+                       bool keep_dims, double correction) {
+    Gradient g(at, grad, x, axes, keep_dims, false);
+    const Tensor* kept = y != nullptr ? g.kept(y, x->Dtype()) : nullptr;
     return g.result([&](Tensor* out) {
         const Tensor* middle = g.of_x([&](Tensor* t) { return mean(t, g.axes(), true); });
-        const Tensor* spread = g.of_x([&](Tensor* t) { return std_dev(t, g.axes(), correction, true); });
+        const Tensor* spread =
+            kept != nullptr ? kept : g.of_x([&](Tensor* t) { return std_dev(t, g.axes(), true, correction); });
         const double factor = 1.0 / (static_cast<double>(g.count()) - correction);
         device::cpu::std_dev_grad(g.grad(), x, middle, spread, factor, out);
     });
 }
 
+}  // namespace
+
+Tensor* std_dev_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims, double correction) {
+    return deviation_grad(where("ornik::std_dev_grad"), grad, x, nullptr, axes, keep_dims, correction);
+}
+
+Tensor* std_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims, double correction) {
+    return deviation_grad(where("ornik::std_grad"), grad, x, nullptr, axes, keep_dims, correction);
+}
+
+Tensor* std_dev_grad_from(Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes, bool keep_dims,
+                          double correction) {
+    const Where at = where("ornik::std_dev_grad_from");
+    check_given(at, y);
+    return deviation_grad(at, grad, x, y, axes, keep_dims, correction);
+}
+
 Tensor* logsumexp_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    Gradient g = gradient_of(where("ornik::logsumexp_grad"), grad, x, axes, keep_dims, false);
+    Gradient g(where("ornik::logsumexp_grad"), grad, x, axes, keep_dims, false);
     return g.result([&](Tensor* out) {
         const Tensor* y = g.of_x([&](Tensor* t) { return logsumexp(t, g.axes(), true); });
         device::cpu::log_sum_exp_grad(g.grad(), x, y, out);
     });
 }
 
+Tensor* logsumexp_grad_from(Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes, bool keep_dims) {
+    Gradient g(where("ornik::logsumexp_grad_from"), grad, x, axes, keep_dims, false);
+    const Tensor* log_sum = g.kept(y, x->Dtype());
+    return g.result([&](Tensor* out) { device::cpu::log_sum_exp_grad(g.grad(), x, log_sum, out); });
+}
+
 Tensor* max_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return extreme_grad(where("ornik::max_grad"), grad, x, axes, keep_dims, max);
+    return extreme_grad(where("ornik::max_grad"), grad, x, nullptr, axes, keep_dims, max);
 }
 
 Tensor* min_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return extreme_grad(where("ornik::min_grad"), grad, x, axes, keep_dims, min);
+    return extreme_grad(where("ornik::min_grad"), grad, x, nullptr, axes, keep_dims, min);
+}
+
+Tensor* extreme_grad_from(Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes, bool keep_dims) {
+    const Where at = where("ornik::extreme_grad_from");
+    check_given(at, y);
+    return extreme_grad(at, grad, x, y, axes, keep_dims, nullptr);
 }
 
 Tensor* trace_grad(Tensor* grad, Tensor* x, std::int64_t offset, int dim1, int dim2) {
     const Where at = where("ornik::trace_grad");
-    check_cpu(x);
+    check_cpu(at, grad, x);
     const TensorResult source(x->diagonal(offset, dim1, dim2));
-    const Gradient g = gradient_of(at, grad, source.get(), {-1}, false, true);
+    const Gradient g(at, grad, source.get(), {-1}, false, true);
     TensorResult result = filled_result(x->Shape(), x->Dtype(), 0.0F);
     const TensorResult diagonal(result->diagonal(offset, dim1, dim2));
     device::cpu::copy(g.grad(), diagonal.get());

@@ -1,9 +1,12 @@
 // results.h: new results and checks that reductions, sorting and indexing share.
 #pragma once
 
+#include <concepts>
 #include <memory>
+#include <vector>
 
 #include "hardware/cpu/copy/cpu_core.h"
+#include "tensor/checks.h"
 #include "tensor/geometry.h"
 #include "tensor/tensor.h"
 #include "utils/utils.h"
@@ -17,6 +20,14 @@ inline TensorResult new_result(const Dims& shape, std::int64_t dtype) {
     TensorResult result = std::make_unique<Tensor>();
     result->initialize_none_tensor(shape, dtype, device_cpu, layout::dense);
     return result;
+}
+
+/// The results as their caller owns them. The list is made first: it may fail.
+std::vector<Tensor*> released(std::same_as<TensorResult> auto&... results) {
+    std::vector<Tensor*> list;
+    list.reserve(sizeof...(results));
+    (list.push_back(results.release()), ...);
+    return list;
 }
 
 template <typename T>
@@ -55,10 +66,12 @@ class Converted {
     TensorResult copy_;
 };
 
-inline void check_cpu(const Tensor* t) {
-    if (!t->isCPU()) {
-        refuse_gpu();
-    }
+/// Refuses an operand that the kernels of the CPU can not walk.
+template <typename... Tensors>
+void check_cpu(const Where& at, const Tensors*... tensors) {
+    check_operands(at, tensors...);
+    ((tensors->isCPU() ? void() : refuse_gpu()), ...);
+    (check_extents(at, tensors->Shape()), ...);
 }
 
 inline void check_dtype(const Where& at, bool served) {
@@ -70,6 +83,11 @@ inline void check_dtype(const Where& at, bool served) {
 inline bool is_real(const Tensor* t) { return !t->isComplexType(); }
 inline bool is_float_or_complex(const Tensor* t) { return t->isFloat() || t->isComplexType(); }
 
+/// The dtype of a result, by that of the operand.
+using DtypeRule = std::int64_t (*)(std::int64_t dtype);
+constexpr std::int64_t same_dtype(std::int64_t dtype) { return dtype; }
+constexpr std::int64_t bool_dtype(std::int64_t /*dtype*/) { return dtype::boolean; }
+constexpr std::int64_t position_dtype(std::int64_t /*dtype*/) { return dtype::int64; }
 /// What sums of a dtype are: int64 for bool and integers.
 constexpr std::int64_t total_dtype(std::int64_t dtype) { return dtype < dtype::float32 ? dtype::int64 : dtype; }
 /// What means of a dtype are: float32 for bool and integers.

@@ -11,7 +11,7 @@ namespace {
 
 // Checks what sorting needs; returns the wrapped axis.
 int check_sortable(const Where& at, const Tensor* x, int axis) {
-    check_cpu(x);
+    check_cpu(at, x);
     check_dtype(at, is_real(x));
     const int wrapped = maybe_warp_dim(axis, x->ndim());
     const std::int64_t extent = x->Shape()[static_cast<std::size_t>(wrapped)];
@@ -27,7 +27,7 @@ std::vector<Tensor*> first_in_order(const Tensor* x, int axis, std::int64_t k, b
     TensorResult values = new_result(shape, x->Dtype());
     TensorResult positions = new_result(shape, dtype::int64);
     device::cpu::sort(x, values.get(), positions.get(), axis, descending);
-    return {values.release(), positions.release()};
+    return released(values, positions);
 }
 
 Dims as_rows(const Tensor* t) {
@@ -61,8 +61,7 @@ std::vector<Tensor*> topk(Tensor* x, std::int64_t k, int axis, bool largest) {
 
 Tensor* sort_grad(Tensor* grad, Tensor* positions, const Dims& shape, int axis) {
     const Where at = where("ornik::sort_grad");
-    check_cpu(grad);
-    check_cpu(positions);
+    check_cpu(at, grad, positions);
     check_dtype(at, is_float_or_complex(grad) && positions->Dtype() == dtype::int64);
     const int wrapped = maybe_warp_dim(axis, static_cast<int>(shape.size()));
     Dims expected = shape;
@@ -81,7 +80,7 @@ Tensor* sort_grad(Tensor* grad, Tensor* positions, const Dims& shape, int axis) 
 
 std::vector<Tensor*> unique(Tensor* x) {
     const Where at = where("ornik::unique");
-    check_cpu(x);
+    check_cpu(at, x);
     check_dtype(at, is_real(x));
     const TensorResult copy = row_major_copy(x);
     const TensorResult flat = new_view(copy.get(), {x->Size()}, {1});
@@ -94,13 +93,12 @@ std::vector<Tensor*> unique(Tensor* x) {
     TensorResult inverse = new_result(x->Shape(), dtype::int64);
     TensorResult counts = new_result({count}, dtype::int64);
     device::cpu::collect_different(sorted.get(), places.get(), values.get(), inverse.get(), counts.get());
-    return {values.release(), inverse.release(), counts.release()};
+    return released(values, inverse, counts);
 }
 
 Tensor* searchsorted(Tensor* sorted, Tensor* values, bool right) {
     const Where at = where("ornik::searchsorted");
-    check_cpu(sorted);
-    check_cpu(values);
+    check_cpu(at, sorted, values);
     check_dtype(at, is_real(sorted));
     if (!Tensor::sameDtype(sorted, values)) {
         fail(at, "Not same data type");

@@ -14,6 +14,7 @@ namespace {
 // ---- Cores ----
 
 void check_one_device(const Where& at, const Tensor* a, const Tensor* b, const Tensor* out) {
+    check_operands(at, a, b, out);
     if (a->Device() != b->Device() || a->Device() != out->Device()) {
         fail(at, "Tensors in different devices");
     }
@@ -44,6 +45,7 @@ void add(float alpha, Tensor* a, float beta, Tensor* b, Tensor* out, int accumul
     }
     check_kernel_operands(at, a, b, out);
     if (a->isCPU()) {
+        announce_write(at, out);
         device::cpu::add(alpha, a, beta, b, out, accumulate != 0);
     }
 }
@@ -56,6 +58,7 @@ void sub(float alpha, Tensor* a, float beta, Tensor* b, Tensor* out, int accumul
     }
     check_kernel_operands(at, a, b, out);
     if (a->isCPU()) {
+        announce_write(at, out);
         device::cpu::sub(alpha, a, beta, b, out, accumulate != 0);
     }
 }
@@ -68,6 +71,7 @@ void mult(Tensor* a, Tensor* b, Tensor* out, int accumulate) {
     }
     check_kernel_operands(at, a, b, out);
     if (a->isCPU()) {
+        announce_write(at, out);
         device::cpu::mult(a, b, out, accumulate != 0);
     }
 }
@@ -83,6 +87,7 @@ void div(Tensor* a, Tensor* b, Tensor* out, int accumulate) {
         fail(at, "Not valid dtype for func.");
     }
     if (a->isCPU()) {
+        announce_write(at, out);
         device::cpu::div(a, b, out, accumulate != 0);
     }
 }
@@ -105,6 +110,14 @@ void check_operand_devices(const Where& at, const Tensor* a, const Tensor* b) {
     }
 }
 
+using Promotion = std::int64_t (*)(std::int64_t a, std::int64_t b);
+
+// The dtype that two operands promote to.
+std::int64_t promoted(const Where& at, const Tensor* a, const Tensor* b, Promotion promotion) {
+    check_operands(at, a, b);
+    return promotion(a->Dtype(), b->Dtype());
+}
+
 // core(a, b) in a new tensor of dtype r, with the shape and device of `like`.
 Tensor* new_result(const Where& at, Tensor* a, Tensor* b, std::int64_t r, const Tensor* like, Core core) {
     check_operand_devices(at, a, b);
@@ -119,6 +132,7 @@ Tensor* new_result(const Where& at, Tensor* a, Tensor* b, std::int64_t r, const 
 void in_place(const Where& at, Tensor* self, Tensor* other, Core core) {
     check_operand_devices(at, self, other);
     check_not_expanded(at, self);
+    check_writable(at, self);
     const Borrowed converted = Borrowed::of_dtype(other, self->Dtype());
     if (writes_safely(self, converted.get())) {
         core(self, converted.get(), self);
@@ -132,13 +146,13 @@ void in_place(const Where& at, Tensor* self, Tensor* other, Core core) {
 }  // namespace
 
 Tensor* Tensor::add_tensor(Tensor* other) {
-    return new_result(where("ornik::Tensor::add_tensor"), this, other, promotion::of_tensors(dtype_, other->dtype_),
-                      this, add_core);
+    const Where at = where("ornik::Tensor::add_tensor");
+    return new_result(at, this, other, promoted(at, this, other, promotion::of_tensors), this, add_core);
 }
 
 Tensor* Tensor::sub_tensor(Tensor* other) {
     const Where at = where("ornik::Tensor::sub_tensor");
-    const std::int64_t r = promotion::of_tensors(dtype_, other->dtype_);
+    const std::int64_t r = promoted(at, this, other, promotion::of_tensors);
     if (isBool() && other->isBool()) {
         fail(at, "Subtraction, the `-` operator, with two bool tensors is not supported. ");
     }
@@ -149,20 +163,20 @@ Tensor* Tensor::sub_tensor(Tensor* other) {
 }
 
 Tensor* Tensor::mult_tensor(Tensor* other) {
-    return new_result(where("ornik::Tensor::mult_tensor"), this, other, promotion::of_tensors(dtype_, other->dtype_),
-                      this, mult_core);
+    const Where at = where("ornik::Tensor::mult_tensor");
+    return new_result(at, this, other, promoted(at, this, other, promotion::of_tensors), this, mult_core);
 }
 
 Tensor* Tensor::div_tensor(Tensor* other) {
-    return new_result(where("ornik::Tensor::div_tensor"), this, other, promotion::of_quotient(dtype_, other->dtype_),
-                      this, div_core);
+    const Where at = where("ornik::Tensor::div_tensor");
+    return new_result(at, this, other, promoted(at, this, other, promotion::of_quotient), this, div_core);
 }
 
 // ---- In place ----
 
 void Tensor::add_tensor_inplace(Tensor* other) {
     const Where at = where("ornik::Tensor::add_tensor_inplace");
-    if (!keeps_dtype(dtype_, promotion::of_tensors(dtype_, other->dtype_))) {
+    if (!keeps_dtype(dtype_, promoted(at, this, other, promotion::of_tensors))) {
         fail(at, "Not supported data type casting.");
     }
     in_place(at, this, other, add_core);
@@ -170,7 +184,7 @@ void Tensor::add_tensor_inplace(Tensor* other) {
 
 void Tensor::sub_tensor_inplace(Tensor* other) {
     const Where at = where("ornik::Tensor::sub_tensor_inplace");
-    if (!keeps_dtype(dtype_, promotion::of_tensors(dtype_, other->dtype_))) {
+    if (!keeps_dtype(dtype_, promoted(at, this, other, promotion::of_tensors))) {
         fail(at, "Not supported data type casting.");
     }
     in_place(at, this, other, sub_core);
@@ -178,7 +192,7 @@ void Tensor::sub_tensor_inplace(Tensor* other) {
 
 void Tensor::mult_tensor_inplace(Tensor* other) {
     const Where at = where("ornik::Tensor::mult_tensor_inplace");
-    const std::int64_t r = promotion::of_tensors(dtype_, other->dtype_);
+    const std::int64_t r = promoted(at, this, other, promotion::of_tensors);
     if (!keeps_dtype(dtype_, r)) {
         fail(at, "Not supported data type casting. From ", dtype_name(r), " to ", dtype_name(dtype_));
     }
@@ -187,7 +201,7 @@ void Tensor::mult_tensor_inplace(Tensor* other) {
 
 void Tensor::div_tensor_inplace(Tensor* other) {
     const Where at = where("ornik::Tensor::div_tensor_inplace");
-    std::int64_t r = promotion::of_quotient(dtype_, other->dtype_);
+    std::int64_t r = promoted(at, this, other, promotion::of_quotient);
     const bool narrower_float = dtype_ == dtype::float32 && other->dtype_ == dtype::float64;
     const bool narrower_complex =
         dtype_ == dtype::complex64 && (other->dtype_ == dtype::float64 || other->dtype_ == dtype::complex128);
@@ -201,9 +215,11 @@ void Tensor::div_tensor_inplace(Tensor* other) {
 }
 
 Tensor* Tensor::add_tensors_list(const std::vector<Tensor*>& tensors) {
+    const Where at = where("ornik::Tensor::add_tensors_list");
     if (tensors.empty()) {
-        fail(where("ornik::Tensor::add_tensors_list"), "add_tensors_list requires a minimum of one tensor");
+        fail(at, "add_tensors_list requires a minimum of one tensor");
     }
+    check_operands(at, tensors.front());
     std::unique_ptr<Tensor> sum(tensors.front()->clone());
     for (std::size_t i = 1; i < tensors.size(); ++i) {
         sum->add_tensor_inplace(tensors[i]);
@@ -224,6 +240,7 @@ std::unique_ptr<Tensor> conjugate(Tensor* t) {
 }  // namespace
 
 Tensor* mult_grad_impl(Tensor* grad, Tensor* other) {
+    check_operands(where("ornik::mult_grad_impl"), grad, other);
     if (!other->isComplexType()) {
         return grad->mult_tensor(other);
     }
@@ -231,8 +248,10 @@ Tensor* mult_grad_impl(Tensor* grad, Tensor* other) {
 }
 
 Tensor* div_dx_grad_impl(Tensor* grad, Tensor* x, Tensor* y) {
+    const Where at = where("ornik::div_dx_grad_impl");
+    check_operands(at, grad, x, y);
     if (x->Shape() != y->Shape()) {
-        fail(where("ornik::div_dx_grad_impl"), "Incompatible dims for div(),   ");
+        fail(at, "Incompatible dims for div(),   ");
     }
     if (!y->isComplexType()) {
         return grad->div_tensor(y);
@@ -241,6 +260,7 @@ Tensor* div_dx_grad_impl(Tensor* grad, Tensor* x, Tensor* y) {
 }
 
 Tensor* div_dy_grad_impl(Tensor* grad, Tensor* x, Tensor* y) {
+    check_operands(where("ornik::div_dy_grad_impl"), grad, x, y);
     const std::unique_ptr<Tensor> quotient(x->div_tensor(y));
     const std::unique_ptr<Tensor> product(mult_grad_impl(grad, quotient.get()));
     const std::unique_ptr<Tensor> gradient(div_dx_grad_impl(product.get(), x, y));

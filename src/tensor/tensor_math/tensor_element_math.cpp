@@ -51,6 +51,27 @@ void checked(const Called& called, const Check& check) {
     check(where(function.c_str()));
 }
 
+// Names are put together for an operand that is refused, and for no other.
+void check_walkable(const Called& called, const Tensor* t) {
+    if (!detail::has_elements(t)) {
+        checked(called, [&](const Where& at) { check_operands(at, t); });
+    }
+}
+
+void announce(const Called& called, const Tensor* out) {
+    if (!detail::is_writable(out)) {
+        checked(called, [&](const Where& at) { check_writable(at, out); });
+    }
+    announce_write(where(called.row.name), out);
+}
+
+void check_output_of(const Called& called, const Tensor* out) {
+    checked(called, [&](const Where& at) {
+        check_writable(at, out);
+        check_not_expanded(at, out);
+    });
+}
+
 // ---- One operand ----
 
 void check_operand(const Called& called, const Tensor* t, std::int64_t dtype) {
@@ -64,8 +85,9 @@ void check_operand(const Called& called, const Tensor* t, std::int64_t dtype) {
 
 // Computes into `out`, through a temporary where writing would spoil what is still to be read.
 template <typename Compute>
-void write_result(Tensor* out, bool direct, const Compute& compute) {
+void write_result(const Called& called, Tensor* out, bool direct, const Compute& compute) {
     if (direct) {
+        announce(called, out);
         compute(out);
         return;
     }
@@ -82,7 +104,9 @@ void compute_unary(Unary operation, Tensor* in, Tensor* out) {
 }
 
 Tensor* unary_new(Unary operation, Tensor* self) {
-    check_operand(member(operation), self, self->Dtype());
+    const Called called = member(operation);
+    check_walkable(called, self);
+    check_operand(called, self, self->Dtype());
     std::unique_ptr<Tensor> out =
         make_result(self->Shape(), operations::result_dtype(row_of(operation), self->Dtype()));
     compute_unary(operation, self, out.get());
@@ -91,26 +115,30 @@ Tensor* unary_new(Unary operation, Tensor* self) {
 
 void unary_in_place(Unary operation, Tensor* self) {
     const Called called = member(operation, "_inplace");
+    check_walkable(called, self);
     check_operand(called, self, self->Dtype());
     if (operations::result_dtype(called.row, self->Dtype()) != self->Dtype()) {
         refuse(called, "Not supported data type casting.");
     }
-    checked(called, [&](const Where& at) { check_not_expanded(at, self); });
-    write_result(self, writes_safely(self, self), [&](Tensor* out) { compute_unary(operation, self, out); });
+    check_output_of(called, self);
+    write_result(called, self, writes_safely(self, self), [&](Tensor* out) { compute_unary(operation, self, out); });
 }
 
 void unary_into(Unary operation, Tensor* input, Tensor* out) {
     const Called called = free_function(operation);
+    check_walkable(called, input);
     check_operand(called, input, input->Dtype());
     checked(called, [&](const Where& at) {
         check_output(at, input->Shape(), operations::result_dtype(called.row, input->Dtype()), out);
     });
-    write_result(out, memory_overlap(input, out) != Overlap::partial,
+    write_result(called, out, memory_overlap(input, out) != Overlap::partial,
                  [&](Tensor* result) { compute_unary(operation, input, result); });
 }
 
 Tensor* unary_grad(Unary operation, Tensor* input, Tensor* output, Tensor* grad) {
     const Called called = free_function(operation, "_grad");
+    check_walkable(called, input);
+    check_walkable(called, grad);
     check_operand(called, input, input->Dtype());
     if (input->isInteger()) {
         refuse_dtype(where(called.function().c_str()), called.name(), input->Dtype());
@@ -148,6 +176,8 @@ void compute_binary(Binary operation, std::int64_t dtype, Tensor* a, Tensor* b, 
 
 // The operands' promoted dtype, after the checks of both.
 std::int64_t check_operands(const Called& called, const Tensor* a, const Tensor* b) {
+    check_walkable(called, a);
+    check_walkable(called, b);
     const std::int64_t dtype = promotion::of_tensors(a->Dtype(), b->Dtype());
     check_operand(called, a, dtype);
     checked(called, [&](const Where& at) { check_pair(at, a, b); });
@@ -168,7 +198,7 @@ void binary_into(Binary operation, Tensor* a, Tensor* b, Tensor* out) {
     checked(called,
             [&](const Where& at) { check_output(at, a->Shape(), operations::result_dtype(called.row, dtype), out); });
     const bool direct = memory_overlap(a, out) != Overlap::partial && memory_overlap(b, out) != Overlap::partial;
-    write_result(out, direct, [&](Tensor* result) {
+    write_result(called, out, direct, [&](Tensor* result) {
         compute_binary(operation, operations::computing_dtype(called.row, dtype), a, b, result);
     });
 }
@@ -178,8 +208,8 @@ void binary_in_place(const Called& called, Binary operation, Tensor* self, Tenso
     if (!keeps_dtype(self->Dtype(), operations::result_dtype(called.row, promoted))) {
         refuse(called, "Not supported data type casting.");
     }
-    checked(called, [&](const Where& at) { check_not_expanded(at, self); });
-    write_result(self, writes_safely(self, other),
+    check_output_of(called, self);
+    write_result(called, self, writes_safely(self, other),
                  [&](Tensor* out) { compute_binary(operation, self->Dtype(), self, other, out); });
 }
 
@@ -194,13 +224,14 @@ void binary_in_place(Binary operation, Tensor* self, Tensor* other) {
 // Comparisons look at the exact scalar; elsewhere it follows the tensor's kind.
 std::int64_t promoted_with(const Row& row, const Tensor* self, const Scalar& scalar) {
     return row.result == Result::boolean ? promotion::of_tensors(self->Dtype(), scalar.Dtype())
-                                         : promotion::with_scalar(self->Dtype(), scalar.Dtype());
+                                         : promotion::of_kind_with_scalar(self->Dtype(), scalar.Dtype());
 }
 
 bool saturates(Binary operation) { return operation == Binary::maximum || operation == Binary::minimum; }
 
 Tensor* scalar_new(Binary operation, Tensor* self, const Scalar& scalar) {
     const Called called = member(operation, "_scalar");
+    check_walkable(called, self);
     const std::int64_t dtype = promoted_with(called.row, self, scalar);
     check_operand(called, self, dtype);
     const std::int64_t computing = operations::computing_dtype(called.row, dtype);
@@ -212,6 +243,7 @@ Tensor* scalar_new(Binary operation, Tensor* self, const Scalar& scalar) {
 
 void scalar_in_place(Binary operation, Tensor* self, const Scalar& scalar) {
     const Called called = member(operation, "_scalar_inplace");
+    check_walkable(called, self);
     const std::int64_t dtype = promoted_with(called.row, self, scalar);
     check_operand(called, self, dtype);
     const auto repeated = repeated_scalar(scalar, self->Dtype(), self->Shape(), saturates(operation));

@@ -37,15 +37,19 @@ void check_rank(const Where& at, const Tensor* t, char name, std::size_t rank) {
     }
 }
 
+void check_inner_extents(const Where& at, const Matrix& a, const Matrix& b) {
+    if (a.cols != b.rows) {
+        fail(at, "Incompatible dims, input A shape[", a.col_axis, "] ", a.cols, " should equal to input B shape[",
+             b.row_axis, "] ", b.rows);
+    }
+}
+
 // The extents of one product: the inner ones, then those of the output.
 void check_extents(const Where& at, const Tensor* A, int ta, const Tensor* B, int tb, const Tensor* C) {
     const Matrix a = matrix_of(A, ta);
     const Matrix b = matrix_of(B, tb);
     const Matrix c = matrix_of(C, 0);
-    if (a.cols != b.rows) {
-        fail(at, "Incompatible dims, input A shape[", a.col_axis, "] ", a.cols, " should equal to input B shape[",
-             b.row_axis, "] ", b.rows);
-    }
+    check_inner_extents(at, a, b);
     if (a.rows != c.rows || b.cols != c.cols) {
         fail(at, "Incompatible dims,input A shape[1] ", A->Shape().back(), " : output should have a shape of ",
              Dims{a.rows, b.cols}, ", however it has ", Dims{c.rows, c.cols});
@@ -64,14 +68,15 @@ bool same_device(const Tensor* A, const Tensor* B, const Tensor* C) {
 
 // The product of every pair of matrices; all checks are done. Operands that are not contiguous are copied.
 // A C that is not contiguous, or that shares memory with an operand, gets its values from a temporary.
-void multiply(Tensor* A, int ta, Tensor* B, int tb, Tensor* C, bool accumulate) {
+void multiply(const Where& at, Tensor* A, int ta, Tensor* B, int tb, Tensor* C, bool accumulate) {
+    check_writable(at, C);
     const Borrowed a = Borrowed::contiguous(A);
     const Borrowed b = Borrowed::contiguous(B);
     const bool direct = C->is_contiguous() && memory_overlap(a.get(), C) == Overlap::none &&
                         memory_overlap(b.get(), C) == Overlap::none;
     std::unique_ptr<Tensor> aside;
     if (!direct) {
-        aside.reset(accumulate ? C->clone() : Tensor::empty_like(C));
+        aside = accumulate ? std::unique_ptr<Tensor>(C->clone()) : make_output(C->Shape(), C);
     }
     Tensor* out = direct ? C : aside.get();
     device::cpu::ProductPlan plan{};
@@ -85,6 +90,7 @@ void multiply(Tensor* A, int ta, Tensor* B, int tb, Tensor* C, bool accumulate) 
     plan.transpose_a = ta != 0;
     plan.transpose_b = tb != 0;
     plan.accumulate = accumulate;
+    announce_write(at, out);
     device::cpu::product(C->Dtype(), plan, a->getRawData(), b->getRawData(), out->getRawData());
     if (!direct) {
         copy_tensor(out, C);
@@ -95,21 +101,28 @@ void multiply(Tensor* A, int ta, Tensor* B, int tb, Tensor* C, bool accumulate) 
 
 void Tensor::dot(Tensor* A, int ta, Tensor* B, int tb, Tensor* C, int accumulate) {
     const Where at = where("ornik::dot");
+    check_operands(at, A, B, C);
     if (!same_device(A, B, C)) {
         fail(at, "Incompatible device for dot(),  A: ", A->device_, ", B: ", B->device_, ", C: ", C->device_);
     }
     if (A->shape_.size() != 2 || B->shape_.size() != 2) {
         fail(at, "Only 2D tensors");
     }
-    check_rank(at, C, 'C', 2);
-    check_extents(at, A, ta, B, tb, C);
+    const Matrix a = matrix_of(A, ta);
+    const Matrix b = matrix_of(B, tb);
+    check_inner_extents(at, a, b);
+    if (C->shape_ != Dims{a.rows, b.cols}) {
+        fail(at, "Incompatible dims,input A shape[1] ", A->shape_[1], " should equal to input B shape[", b.row_axis,
+             "] ", b.rows);
+    }
     check_one_dtype(at, A, B, C);
     check_not_expanded(at, C);
-    multiply(A, ta, B, tb, C, accumulate != 0);
+    multiply(at, A, ta, B, tb, C, accumulate != 0);
 }
 
 void Tensor::bmm(Tensor* A, int ta, Tensor* B, int tb, Tensor* C) {
     const Where at = where("ornik::Tensor::bmm");
+    check_operands(at, A, B, C);
     if (!same_device(A, B, C)) {
         fail(at, "Tensors in different devices");
     }
@@ -124,11 +137,12 @@ void Tensor::bmm(Tensor* A, int ta, Tensor* B, int tb, Tensor* C) {
         fail(at, "Output for bmm should be contiguous.");
     }
     check_one_dtype(at, A, B, C);
-    multiply(A, ta, B, tb, C, false);
+    multiply(at, A, ta, B, tb, C, false);
 }
 
 void Tensor::matmul4D(Tensor* A, int ta, Tensor* B, int tb, Tensor* C) {
     const Where at = where("ornik::Tensor::matmul4D");
+    check_operands(at, A, B, C);
     if (!sameDtype(A, B) || !sameDtype(A, C)) {
         fail(at, "matmul() is not supported for different data type tensor.");
     }
@@ -148,7 +162,7 @@ void Tensor::matmul4D(Tensor* A, int ta, Tensor* B, int tb, Tensor* C) {
     }
     check_extents(at, A, ta, B, tb, C);
     check_not_expanded(at, C);
-    multiply(A, ta, B, tb, C, false);
+    multiply(at, A, ta, B, tb, C, false);
 }
 
 namespace {
@@ -157,6 +171,7 @@ namespace {
 // decides what the others have to match.
 void check_kron(const Where& at, const char* name, const std::vector<const Tensor*>& operands) {
     for (const Tensor* t : operands) {
+        check_given(at, t);
         if (t->Device() != operands.front()->Device()) {
             fail(at, "Not same device for ", name);
         }
@@ -172,6 +187,9 @@ void check_kron(const Where& at, const char* name, const std::vector<const Tenso
         }
     }
     for (const Tensor* t : operands) {
+        if (t->is_dense()) {
+            check_operands(at, t);
+        }
         if (t->ndim() != 2) {
             fail(at, name, " supports 2-dim tensors, however a shape is ", t->Shape());
         }

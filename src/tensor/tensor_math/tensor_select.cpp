@@ -1,5 +1,6 @@
 // tensor_select.cpp: choice by a condition, clamping and closeness.
 #include "element_checks.h"
+#include "hardware/cpu/any_scalar.h"
 #include "hardware/cpu/elements/cpu_elements.h"
 #include "in_place.h"
 #include "tensor/borrowed.h"
@@ -23,6 +24,7 @@ Tensor* choose(Tensor* condition, Tensor* a, Tensor* b, std::int64_t dtype) {
 }
 
 void check_condition(const Where& at, const Tensor* condition, const Tensor* operand) {
+    check_operands(at, condition, operand);
     if (!condition->isBool()) {
         fail(at, "The condition should be a bool tensor.");
     }
@@ -62,7 +64,7 @@ Tensor* masked_fill_grad(Tensor* mask, Tensor* grad) {
 
 Tensor* Tensor::masked_fill(Tensor* mask, const Scalar& value) {
     check_condition(where("ornik::Tensor::masked_fill"), mask, this);
-    const std::int64_t dtype = promotion::with_scalar(dtype_, value.Dtype());
+    const std::int64_t dtype = promotion::of_kind_with_scalar(dtype_, value.Dtype());
     const auto repeated = repeated_scalar(value, dtype, shape_, false);
     return choose(mask, repeated.get(), this, dtype);
 }
@@ -70,10 +72,11 @@ Tensor* Tensor::masked_fill(Tensor* mask, const Scalar& value) {
 void Tensor::masked_fill_inplace(Tensor* mask, const Scalar& value) {
     const Where at = where("ornik::Tensor::masked_fill_inplace");
     check_condition(at, mask, this);
-    if (!keeps_dtype(dtype_, promotion::with_scalar(dtype_, value.Dtype()))) {
+    if (!keeps_dtype(dtype_, promotion::of_kind_with_scalar(dtype_, value.Dtype()))) {
         fail(at, "Not supported data type casting.");
     }
     check_not_expanded(at, this);
+    check_writable(at, this);
     const auto repeated = repeated_scalar(value, dtype_, shape_, false);
     const std::unique_ptr<Tensor> result(choose(mask, repeated.get(), this, dtype_));
     if (size_ != 0) {
@@ -94,7 +97,7 @@ Tensor* Tensor::clamp_max(const Scalar& max) { return minimum_scalar(max); }
 
 void Tensor::clamp_inplace(const Scalar& min, const Scalar& max) {
     // Checked before the first bound is applied: self changes by both or by none.
-    if (!keeps_dtype(dtype_, promotion::with_scalar(dtype_, max.Dtype()))) {
+    if (!keeps_dtype(dtype_, promotion::of_kind_with_scalar(dtype_, max.Dtype()))) {
         fail(where("ornik::Tensor::clamp_inplace"), "Not supported data type casting.");
     }
     maximum_scalar_inplace(min);
@@ -105,10 +108,23 @@ void Tensor::clamp_min_inplace(const Scalar& min) { maximum_scalar_inplace(min);
 
 void Tensor::clamp_max_inplace(const Scalar& max) { minimum_scalar_inplace(max); }
 
+namespace {
+
+// The bound as clamp takes it: a floating one in the precision of a floating input.
+Scalar as_taken(const Tensor* input, const Scalar& bound) {
+    if (!input->isFloat() || !is_dtype_class(bound.Dtype(), DtypeClass::floating)) {
+        return bound;
+    }
+    return input->Dtype() == dtype::float32 ? Scalar(AnyScalar(bound).as<float>())
+                                            : Scalar(AnyScalar(bound).as<double>());
+}
+
+}  // namespace
+
 Tensor* clamp_grad(Tensor* input, const Scalar& min, const Scalar& max, Tensor* grad) {
     check_pair(where("ornik::clamp_grad"), input, grad);
-    const std::unique_ptr<Tensor> above(input->greater_equal_scalar(min));
-    const std::unique_ptr<Tensor> below(input->less_equal_scalar(max));
+    const std::unique_ptr<Tensor> above(input->greater_equal_scalar(as_taken(input, min)));
+    const std::unique_ptr<Tensor> below(input->less_equal_scalar(as_taken(input, max)));
     above->bitwise_and_inplace(below.get());
     return masked(above.get(), grad, true);
 }

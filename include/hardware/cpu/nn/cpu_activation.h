@@ -13,17 +13,17 @@ void relu(const Tensor* in, Tensor* out);
 void relu_grad(const Tensor* in, const Tensor* gradient, Tensor* out);
 
 /// out = in above 0, slope in else. float32 and float64.
-void leaky_relu(const Tensor* in, float slope, Tensor* out);
-void leaky_relu_grad(const Tensor* in, const Tensor* gradient, float slope, Tensor* out);
+void leaky_relu(const Tensor* in, double slope, Tensor* out);
+void leaky_relu_grad(const Tensor* in, const Tensor* gradient, double slope, Tensor* out);
 
 /// The slope and scale of an elu that is known as selu.
-inline constexpr float selu_slope = 1.6732632423543772F;
-inline constexpr float selu_scale = 1.0507009873554805F;
+inline constexpr double selu_slope = 1.67326324235437728482;
+inline constexpr double selu_scale = 1.05070098735548049342;
 
 /// out = scale in above 0, scale slope (exp(in) - 1) else. float32 and float64; out shares no memory with in.
-void elu(const Tensor* in, float slope, float scale, Tensor* out);
+void elu(const Tensor* in, double slope, double scale, Tensor* out);
 /// From the input and the output y.
-void elu_grad(const Tensor* in, const Tensor* y, const Tensor* gradient, float slope, float scale, Tensor* out);
+void elu_grad(const Tensor* in, const Tensor* y, const Tensor* gradient, double slope, double scale, Tensor* out);
 
 /// out = in inside (low, high), the nearer bound else; NaN stays. Real dtypes.
 void hardtanh(const Tensor* in, double low, double high, Tensor* out);

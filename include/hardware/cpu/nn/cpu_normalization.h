@@ -2,7 +2,8 @@
 // Internal.
 //
 // Statistics are means and (biased) variances, in the elements' dtype; gamma and beta may be null, for 1
-// and 0. Bits do not depend on the team size.
+// and 0. Bits do not depend on the team size. Of an input without elements, statistics and the gradients of gamma
+// and beta are 0.
 #pragma once
 
 #include "../../../tensor/tensor.h"
@@ -30,6 +31,8 @@ struct NormGradient {
 
 /// Mean and variance of every channel over samples and inner positions.
 void batch_statistics(const Tensor* input, const ChannelNorm& norm, Tensor* mean, Tensor* variance);
+/// running = (1 - momentum) running + momentum factor batch, in double; what has arrived stays. Any strides.
+void update_running(const Tensor* batch, double factor, double momentum, Tensor* running);
 /// out = (input - mean) / sqrt(variance + eps) * gamma + beta
 void batch_norm(const Tensor* input, const ChannelNorm& norm, const Tensor* mean, const Tensor* variance,
                 const Tensor* gamma, const Tensor* beta, Tensor* out);

@@ -17,7 +17,7 @@ void var_grad(const Tensor* g, const Tensor* x, const Tensor* mean, double facto
 /// out = factor g (x - mean) / deviation, 0 where the deviation is 0.
 void std_dev_grad(const Tensor* g, const Tensor* x, const Tensor* mean, const Tensor* deviation, double factor,
                   Tensor* out);
-/// out = g exp(x - y), y the log of the sum; g exp(x) where y is infinite.
+/// out = g exp(x - y), y the log of the sum; 0 where y is -infinity.
 void log_sum_exp_grad(const Tensor* g, const Tensor* x, const Tensor* y, Tensor* out);
 
 /// out = 1 where x equals y or both are NaN, else 0.

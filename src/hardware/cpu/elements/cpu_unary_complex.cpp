@@ -37,12 +37,19 @@ ORNIK_WIDE_OPERATIONS(ORNIK_WIDE_FUNCTION)
 
 // ---- Gradients: (x, y, grad), the latter two real where the operation gives a part ----
 
-#define ORNIK_HOLOMORPHIC_GRAD(name, ...)                                             \
-    struct name##_grad {                                                              \
-        template <typename T>                                                         \
-        Own<T> operator()(Own<T> x, Own<T> y, Own<T> grad) const {                    \
-            return narrow<T>(wide(grad) * std::conj(slopes::name(wide(x), wide(y)))); \
-        }                                                                             \
+#define ORNIK_HOLOMORPHIC_GRAD(name, ...)                                                              \
+    struct name##_grad {                                                                               \
+        template <typename T>                                                                          \
+        Own<T> operator()(Own<T> x, Own<T> y, Own<T> grad) const {                                     \
+            const Wide slope = slopes::name(wide(x), wide(y));                                         \
+            if constexpr (requires(Own<T> z) { slopes::name(wide(z), wide(z), wide(z)); }) {           \
+                const Wide product = slopes::name(std::conj(wide(x)), std::conj(wide(y)), wide(grad)); \
+                if (!slopes::is_finite(slope) && slopes::is_finite(product)) {                         \
+                    return narrow<T>(product);                                                         \
+                }                                                                                      \
+            }                                                                                          \
+            return narrow<T>(wide(grad) * std::conj(slope));                                           \
+        }                                                                                              \
     };
 ORNIK_FLOATING_OPERATIONS(ORNIK_HOLOMORPHIC_GRAD)
 ORNIK_SIGN_OPERATIONS(ORNIK_HOLOMORPHIC_GRAD)

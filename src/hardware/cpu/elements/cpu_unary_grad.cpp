@@ -6,12 +6,17 @@ namespace ornik::device::cpu {
 
 namespace {
 
-#define ORNIK_GRAD(name, ...)                                 \
-    struct name##_grad {                                      \
-        template <typename T>                                 \
-        ORNIK_IN_PLACE T operator()(T x, T y, T grad) const { \
-            return grad * slopes::name(x, y);                 \
-        }                                                     \
+#define ORNIK_GRAD(name, ...)                                             \
+    struct name##_grad {                                                  \
+        template <typename T>                                             \
+        ORNIK_IN_PLACE T operator()(T x, T y, T grad) const {             \
+            const T slope = slopes::name(x, y);                           \
+            if constexpr (requires { slopes::name(x, y, grad); }) {       \
+                const T product = slopes::name(x, y, grad);               \
+                return slopes::is_finite(slope) ? grad * slope : product; \
+            }                                                             \
+            return grad * slope;                                          \
+        }                                                                 \
     };
 ORNIK_DIFFERENTIABLE_OPERATIONS(ORNIK_GRAD)
 

@@ -60,6 +60,29 @@ ORNIK_SLOPE(real,       T(1))
 ORNIK_SLOPE(imag,       T(0))
 ORNIK_SLOPE(angle,      T(0))
 #undef ORNIK_SLOPE
+
+// The same times grad, for slopes that overflow where the product does not.
+#define ORNIK_STEEP_SLOPE(name, ...)                                                     \
+    template <typename T>                                                                \
+    ORNIK_IN_PLACE T name([[maybe_unused]] T x, [[maybe_unused]] T y, T grad) {          \
+        return __VA_ARGS__;                                                              \
+    }
+
+ORNIK_STEEP_SLOPE(log,        grad / x)
+ORNIK_STEEP_SLOPE(log2,       grad * T(1 / ln2) / x)
+ORNIK_STEEP_SLOPE(log10,      grad * T(1 / ln10) / x)
+ORNIK_STEEP_SLOPE(rsqrt,      T(-0.5) * grad * y * y * y)
+ORNIK_STEEP_SLOPE(reciprocal, -(grad * y) * y)
+#undef ORNIK_STEEP_SLOPE
 // clang-format on
+
+template <std::floating_point T>
+ORNIK_IN_PLACE bool is_finite(T slope) {
+    return std::fabs(slope) < std::numeric_limits<T>::infinity();
+}
+template <typename T>
+bool is_finite(const std::complex<T>& slope) {
+    return std::isfinite(slope.real()) && std::isfinite(slope.imag());
+}
 
 }  // namespace ornik::slopes

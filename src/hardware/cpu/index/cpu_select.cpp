@@ -74,6 +74,14 @@ struct atan2_dy_grad {
         return static_cast<T>(-as_wide(grad) * a / (as_wide(a) * a + as_wide(b) * b));
     }
 };
+// `rounded`, the quotient a / b as a whole number, unless rounding the quotient took it past the one that goes with
+// the remainder; `exact` is that one before its own rounding. Beyond 2^50 or so both are as good.
+template <typename T>
+T whole_quotient(T rounded, T exact) {
+    const T whole = std::nearbyint(exact);
+    const bool beyond = !(std::fabs(rounded) < T(0.25) / std::numeric_limits<T>::epsilon());
+    return beyond || whole != whole || whole == rounded ? rounded : whole;
+}
 struct fmod_dx_grad {
     template <typename T>
     T operator()(T /*a*/, T /*b*/, T grad) const {
@@ -83,14 +91,16 @@ struct fmod_dx_grad {
 struct fmod_dy_grad {
     template <typename T>
     T operator()(T a, T b, T grad) const {
-        return -grad * std::trunc(a / b);
+        return -grad * whole_quotient(std::trunc(a / b), (a - std::fmod(a, b)) / b);
     }
 };
 using remainder_dx_grad = fmod_dx_grad;
 struct remainder_dy_grad {
     template <typename T>
     T operator()(T a, T b, T grad) const {
-        return -grad * std::floor(a / b);
+        const T rest = std::fmod(a, b);
+        const T below = rest != T(0) && (rest < T(0)) != (b < T(0)) ? T(1) : T(0);
+        return -grad * whole_quotient(std::floor(a / b), (a - rest) / b - below);
     }
 };
 // The operand that was taken gets the gradient, half each when both are equal; one that is no number was.

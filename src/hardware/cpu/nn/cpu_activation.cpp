@@ -67,7 +67,7 @@ void relu_grad(const Tensor* in, const Tensor* gradient, Tensor* out) {
     });
 }
 
-void leaky_relu(const Tensor* in, float slope, Tensor* out) {
+void leaky_relu(const Tensor* in, double slope, Tensor* out) {
     const MultiTensorIterationHelper elements = elements_of({in}, out);
     dispatch(FloatTypes{}, in->Dtype(), [&]<typename T>() {
         const T below = static_cast<T>(slope);
@@ -75,7 +75,7 @@ void leaky_relu(const Tensor* in, float slope, Tensor* out) {
     });
 }
 
-void leaky_relu_grad(const Tensor* in, const Tensor* gradient, float slope, Tensor* out) {
+void leaky_relu_grad(const Tensor* in, const Tensor* gradient, double slope, Tensor* out) {
     const MultiTensorIterationHelper elements = elements_of({in, gradient}, out);
     dispatch(FloatTypes{}, in->Dtype(), [&]<typename T>() {
         const T below = static_cast<T>(slope);
@@ -83,7 +83,7 @@ void leaky_relu_grad(const Tensor* in, const Tensor* gradient, float slope, Tens
     });
 }
 
-void elu(const Tensor* in, float slope, float scale, Tensor* out) {
+void elu(const Tensor* in, double slope, double scale, Tensor* out) {
     unary(operations::Unary::expm1, in, out);
     const MultiTensorIterationHelper elements = elements_of({in, out}, out);
     dispatch(FloatTypes{}, in->Dtype(), [&]<typename T>() {
@@ -94,7 +94,7 @@ void elu(const Tensor* in, float slope, float scale, Tensor* out) {
     });
 }
 
-void elu_grad(const Tensor* in, const Tensor* y, const Tensor* gradient, float slope, float scale, Tensor* out) {
+void elu_grad(const Tensor* in, const Tensor* y, const Tensor* gradient, double slope, double scale, Tensor* out) {
     const MultiTensorIterationHelper elements = elements_of({in, y, gradient}, out);
     dispatch(FloatTypes{}, in->Dtype(), [&]<typename T>() {
         const T above = static_cast<T>(scale);

@@ -286,6 +286,9 @@ void write_group(const Operands<T>& of, const ChannelNorm& norm, std::int64_t gr
 }  // namespace
 
 void batch_statistics(const Tensor* input, const ChannelNorm& norm, Tensor* mean, Tensor* variance) {
+    if (is_without_elements(input, {mean, variance})) {
+        return;
+    }
     dispatch(FloatTypes{}, input->Dtype(), [&]<typename T>() {
         const std::vector<Moments> moments = channel_moments(data_of<T>(input), norm);
         for (std::size_t c = 0; c < moments.size(); ++c) {
@@ -295,8 +298,25 @@ void batch_statistics(const Tensor* input, const ChannelNorm& norm, Tensor* mean
     });
 }
 
+void update_running(const Tensor* batch, double factor, double momentum, Tensor* running) {
+    // A loop of its own: it needs no memory, so that mean and variance move together or not at all.
+    dispatch(FloatTypes{}, running->Dtype(), [&]<typename T>() {
+        const std::int64_t step = running->Strides()[0];
+        const std::int64_t batch_step = batch->Strides()[0];
+        for (std::int64_t c = 0; c < running->Size(); ++c) {
+            T& value = data_of<T>(running)[c * step];
+            const auto from = static_cast<double>(value);
+            const double to = factor * static_cast<double>(data_of<T>(batch)[c * batch_step]);
+            value = from == to ? value : static_cast<T>((1 - momentum) * from + momentum * to);
+        }
+    });
+}
+
 void batch_norm(const Tensor* input, const ChannelNorm& norm, const Tensor* mean, const Tensor* variance,
                 const Tensor* gamma, const Tensor* beta, Tensor* out) {
+    if (is_without_elements(input, {})) {
+        return;
+    }
     dispatch(FloatTypes{}, input->Dtype(), [&]<typename T>() {
         std::vector<Coefficients<T, 3>> channels;
         for (std::int64_t c = 0; c < norm.channels; ++c) {
@@ -310,6 +330,9 @@ void batch_norm(const Tensor* input, const ChannelNorm& norm, const Tensor* mean
 
 void batch_norm_grads(const NormGradient& from, const ChannelNorm& norm, bool fixed_statistics, Tensor* input_gradient,
                       Tensor* gamma_gradient, Tensor* beta_gradient) {
+    if (is_without_elements(from.input, {gamma_gradient, beta_gradient})) {
+        return;
+    }
     dispatch(FloatTypes{}, from.input->Dtype(), [&]<typename T>() {
         const Operands<T> of(from, norm.eps);
         const bool through_statistics = input_gradient != nullptr && !fixed_statistics;
@@ -334,6 +357,9 @@ void batch_norm_grads(const NormGradient& from, const ChannelNorm& norm, bool fi
 
 void group_norm(const Tensor* input, const ChannelNorm& norm, const Tensor* gamma, const Tensor* beta, Tensor* mean,
                 Tensor* variance, Tensor* out) {
+    if (is_without_elements(input, {mean, variance})) {
+        return;
+    }
     dispatch(FloatTypes{}, input->Dtype(), [&]<typename T>() {
         const T* x = data_of<T>(input);
         T* y = data_of<T>(out);
@@ -365,6 +391,9 @@ void group_norm(const Tensor* input, const ChannelNorm& norm, const Tensor* gamm
 
 void group_norm_grads(const NormGradient& from, const ChannelNorm& norm, Tensor* input_gradient, Tensor* gamma_gradient,
                       Tensor* beta_gradient) {
+    if (is_without_elements(from.input, {gamma_gradient, beta_gradient})) {
+        return;
+    }
     dispatch(FloatTypes{}, from.input->Dtype(), [&]<typename T>() {
         const Operands<T> of(from, norm.eps);
         const bool parameters = gamma_gradient != nullptr || beta_gradient != nullptr;

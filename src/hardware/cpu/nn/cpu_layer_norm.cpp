@@ -172,6 +172,9 @@ class LayerNormGradients {
 
 void layer_norm(const Tensor* input, std::int64_t cols, double eps, const Tensor* gamma, const Tensor* beta,
                 Tensor* mean, Tensor* variance, Tensor* out) {
+    if (is_without_elements(input, {mean, variance})) {
+        return;
+    }
     dispatch(FloatTypes{}, input->Dtype(), [&]<typename T>() {
         const Values<T> gammas(gamma, cols, T(1));
         const Values<T> betas(beta, cols, T(0));
@@ -194,6 +197,9 @@ void layer_norm(const Tensor* input, std::int64_t cols, double eps, const Tensor
 
 void layer_norm_grads(const NormGradient& from, std::int64_t cols, double eps, Tensor* input_gradient,
                       Tensor* gamma_gradient, Tensor* beta_gradient) {
+    if (is_without_elements(from.input, {gamma_gradient, beta_gradient})) {
+        return;
+    }
     dispatch(FloatTypes{}, from.input->Dtype(), [&]<typename T>() {
         const LayerNormGradients<T> gradients(from, cols, eps);
         std::array<std::vector<double>, 2> sums;

@@ -8,10 +8,12 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <utility>
 #include <vector>
 
 #include "descriptors/element_load.h"
+#include "hardware/cpu/copy/cpu_core.h"
 #include "hardware/parallel.h"
 
 namespace ornik::device::cpu {
@@ -24,6 +26,19 @@ inline constexpr std::int64_t elements_grain = 1 << 15;  // elements worth a sec
 /// The grain of a loop over items of so many elements.
 inline std::int64_t grain_of_items(std::int64_t elements) {
     return std::max<std::int64_t>(2, elements_grain / std::max<std::int64_t>(1, elements));
+}
+
+/// True when there are no elements to work on: then what is reduced from them, null left out, becomes 0.
+inline bool is_without_elements(const Tensor* input, std::initializer_list<Tensor*> reduced) {
+    if (input->Size() != 0) {
+        return false;
+    }
+    for (Tensor* result : reduced) {
+        if (result != nullptr) {
+            fill(result, 0.0F);
+        }
+    }
+    return true;
 }
 
 /// A few elements side by side, as the processor takes them: arithmetic applies to each.

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <initializer_list>
+#include <limits>
 
 #include "descriptors/tensoriterator.h"
 #include "hardware/cpu/dispatch.h"
@@ -65,7 +66,7 @@ void log_sum_exp_grad(const Tensor* g, const Tensor* x, const Tensor* y, Tensor*
     const MultiTensorIterationHelper elements = elements_of({g, x, y}, out);
     dispatch(FloatTypes{}, out->Dtype(), [&]<typename T>() {
         elements.run<TypeList<T>, TypeList<T, T, T>>([](T gradient, T value, T log_sum) {
-            return gradient * std::exp(std::isinf(log_sum) ? value : value - log_sum);
+            return gradient * std::exp(log_sum == -std::numeric_limits<T>::infinity() ? value : value - log_sum);
         });
     });
 }

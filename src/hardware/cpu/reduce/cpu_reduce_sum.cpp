@@ -35,6 +35,32 @@ struct Times {
     static Total<T> join(Total<T> a, Total<T> b) { return element::mult(a, b); }
 };
 
+// A sum of 64-bit numbers that does not wrap: high 2^32 + low, each the sum of one half of the numbers.
+struct WideTotal {
+    std::int64_t high = 0;
+    std::int64_t low = 0;
+
+    void carry() {
+        high += low >> 32;
+        low &= 0xffffffff;
+    }
+    double value() const { return static_cast<double>(high) * 0x1p32 + static_cast<double>(low); }
+};
+
+struct PlusWide {
+    static WideTotal lift(std::int64_t item) { return {item >> 32, item & 0xffffffff}; }
+    static WideTotal join(WideTotal a, WideTotal b) { return {a.high + b.high, a.low + b.low}; }
+};
+
+struct FoldWide : Fold<std::int64_t, WideTotal, PlusWide> {
+    static constexpr bool exact = true;
+    // Halves of chunks fit; what the lower ones carry goes up in time.
+    static void combine(WideTotal& a, const WideTotal& b) {
+        a = PlusWide::join(a, b);
+        a.carry();
+    }
+};
+
 template <typename T>
 struct PlusSquares {
     static double lift(Stored<T> item) {
@@ -87,14 +113,17 @@ void reduce_mean(const ReduceDescriptor& plan, const Tensor* in, Tensor* out) {
     const auto count = static_cast<double>(plan.count);
     dispatch(AllTypes{}, in->Dtype(), [&]<typename T>() {
         using Result = FloatResult<T>;
-        reduce(plan, in->getRawData(), static_cast<Result*>(out->getRawData()), Fold<Stored<T>, Total<T>, Plus<T>>{},
-               [count](const Total<T>& sum) {
-                   if constexpr (std::is_integral_v<T>) {
-                       return static_cast<float>(static_cast<double>(sum) / count);
-                   } else {
-                       return divided(sum, count);
-                   }
-               });
+        using Adds = std::conditional_t<std::is_same_v<T, std::int64_t>, FoldWide, Fold<Stored<T>, Total<T>, Plus<T>>>;
+        reduce(plan, in->getRawData(), static_cast<Result*>(out->getRawData()), Adds{}, [count](auto sum) {
+            if constexpr (std::is_same_v<T, std::int64_t>) {
+                sum.carry();
+                return static_cast<float>(sum.value() / count);
+            } else if constexpr (std::is_integral_v<T>) {
+                return static_cast<float>(static_cast<double>(sum) / count);
+            } else {
+                return divided(sum, count);
+            }
+        });
     });
 }
 

@@ -34,7 +34,7 @@ ItemAxis range_of(const Where& at, const SliceItem& item, std::int64_t source, s
 
 ItemAxis position_of(const Where& at, const SliceItem& item, std::int64_t source, std::int64_t extent) {
     if (item.begin < -extent || item.begin >= extent) {
-        fail(at, "Index ", item.begin, " is out of range for an axis of ", extent, " elements");
+        fail(ErrorKind::index, at, "Index ", item.begin, " is out of range for an axis of ", extent, " elements");
     }
     return {source, item.begin < 0 ? item.begin + extent : item.begin, 1, 1, true};
 }
@@ -70,7 +70,7 @@ std::vector<ItemAxis> resolve_items(const Where& at, const Dims& shape, const Sl
         fail(at, "An ellipsis can be used once.");
     }
     if (named > shape.size()) {
-        fail(at, "Too many indices for a shape of ", shape);
+        fail(ErrorKind::index, at, "Too many indices for a shape of ", shape);
     }
     std::vector<ItemAxis> axes;
     std::size_t source = 0;
@@ -78,6 +78,7 @@ std::vector<ItemAxis> resolve_items(const Where& at, const Dims& shape, const Sl
         for (std::size_t i = 0; i < count; ++i, ++source) {
             axes.push_back({static_cast<std::int64_t>(source), 0, 1, shape[source]});
             axes.back().tensor = i == 0 ? tensor : nullptr;
+            axes.back().is_covered = i > 0 && tensor != nullptr;
         }
     };
     for (const SliceItem& item : items) {
@@ -140,7 +141,7 @@ TensorResult view_of(const Tensor* t, const std::vector<ItemAxis>& axes) {
 }
 
 TensorResult value_for(const Where& at, const Tensor* x, const Tensor* value, const Dims& shape) {
-    check_cpu(value);
+    check_cpu(at, value);
     const std::size_t rank = value->Shape().size();
     const std::size_t surplus = rank - std::min(rank, shape.size());
     Dims strides(shape.size(), 0);
@@ -202,21 +203,24 @@ Dims slices_shape(const Dims& shape, const SliceItems& items) {
 }
 
 Tensor* select_slices(const Tensor* x, const SliceItems& items) {
-    return view_of(x, resolve_items(where("ornik::select_slices"), x->Shape(), items)).release();
+    const Where at = where("ornik::select_slices");
+    check_operands(at, x);
+    return view_of(x, resolve_items(at, x->Shape(), items)).release();
 }
 
 void set_slices(Tensor* x, const Tensor* value, const SliceItems& items) {
     const Where at = where("ornik::set_slices");
-    check_cpu(x);
+    check_cpu(at, x);
     check_not_expanded(at, x);
     const TensorResult target = view_of(x, resolve_items(at, x->Shape(), items));
     const TensorResult source = value_for(at, x, value, target->Shape());
+    announce_write(at, x);
     device::cpu::copy(source.get(), target.get());
 }
 
 Tensor* select_slices_grad(const Tensor* grad, const Dims& shape, const SliceItems& items) {
     const Where at = where("ornik::select_slices_grad");
-    check_cpu(grad);
+    check_cpu(at, grad);
     const std::vector<ItemAxis> axes = resolve_items(at, shape, items);
     check_gradient_shape(at, grad, shape_of(axes));
     TensorResult result = new_result(shape, grad->Dtype());
@@ -229,17 +233,18 @@ Tensor* select_slices_grad(const Tensor* grad, const Dims& shape, const SliceIte
 
 void add_select_slices_grad(Tensor* into, const Tensor* grad, const SliceItems& items) {
     const Where at = where("ornik::add_select_slices_grad");
-    check_cpu(into);
+    check_cpu(at, into, grad);
     check_not_expanded(at, into);
     const TensorResult target = view_of(into, resolve_items(at, into->Shape(), items));
     check_gradient_shape(at, grad, target->Shape());
     const TensorResult source = value_for(at, into, grad, target->Shape());
+    announce_write(at, into);
     device::cpu::add(1.0F, target.get(), 1.0F, source.get(), target.get(), false);
 }
 
 Tensor* set_slices_grad(const Tensor* grad, const SliceItems& items) {
     const Where at = where("ornik::set_slices_grad");
-    check_cpu(grad);
+    check_cpu(at, grad);
     const std::vector<ItemAxis> axes = resolve_items(at, grad->Shape(), items);
     TensorResult result = row_major_copy(grad);
     device::cpu::fill(view_of(result.get(), axes).get(), 0.0F);
@@ -248,6 +253,7 @@ Tensor* set_slices_grad(const Tensor* grad, const SliceItems& items) {
 
 Tensor* set_slices_value_grad(const Tensor* grad, const Dims& value_shape, const SliceItems& items) {
     const Where at = where("ornik::set_slices_value_grad");
+    check_cpu(at, grad);
     const TensorResult selected = view_of(grad, resolve_items(at, grad->Shape(), items));
     return gradient_of_value(at, selected.get(), value_shape).release();
 }

@@ -1,8 +1,8 @@
 // slice_items.h: what numeric items mean for a shape. Internal.
 #pragma once
 
+#include "results.h"
 #include "tensor/slices.h"
-#include "tensor_math/results.h"
 
 namespace ornik {
 
@@ -16,6 +16,7 @@ struct ItemAxis {
     std::int64_t count = 1;
     bool is_dropped = false;         // A position.
     const Tensor* tensor = nullptr;  // The index tensor that begins here; the axis itself is whole.
+    bool is_covered = false;         // By a mask that began at an earlier axis.
 };
 
 /// Checked items, the ellipsis written out. Index tensors are allowed with `tensors`.
