@@ -20,11 +20,11 @@ namespace ornik {
 /// Square root of the sum of squared magnitudes. Where it is 0 its gradient counts as 0.
 [[nodiscard]] ORNIK_API KTensor l2_norm(const KTensor& x, const std::vector<int>& axes = {}, bool keep_dims = false);
 /// Squared deviations from the mean over (count - correction). Real dtypes.
-[[nodiscard]] ORNIK_API KTensor var(const KTensor& x, const std::vector<int>& axes = {}, double correction = 1,
-                                    bool keep_dims = false);
+[[nodiscard]] ORNIK_API KTensor var(const KTensor& x, const std::vector<int>& axes = {}, bool keep_dims = false,
+                                    double correction = 1);
 /// Its square root. Where that is 0 its gradient counts as 0.
-[[nodiscard]] ORNIK_API KTensor std_dev(const KTensor& x, const std::vector<int>& axes = {}, double correction = 1,
-                                        bool keep_dims = false);
+[[nodiscard]] ORNIK_API KTensor std_dev(const KTensor& x, const std::vector<int>& axes = {}, bool keep_dims = false,
+                                        double correction = 1);
 /// log(sum(exp(x))) without overflow. Floating dtypes.
 [[nodiscard]] ORNIK_API KTensor logsumexp(const KTensor& x, const std::vector<int>& axes = {}, bool keep_dims = false);
 /// The sum along the diagonal of two axes, displaced by `offset` towards higher indices of axis2.

@@ -188,9 +188,9 @@ std::vector<Row> reduction_rows() {
     add_row(Op::min, static_cast<KTensor (*)(const KTensor&, const std::vector<int>&, bool)>(min), false);
     add_row(Op::median, static_cast<KTensor (*)(const KTensor&, const std::vector<int>&, bool)>(median), false);
     add_row(
-        Op::var, [](const KTensor& x, const auto& axes, bool keep) { return var(x, axes, 1, keep); }, false);
+        Op::var, [](const KTensor& x, const auto& axes, bool keep) { return var(x, axes, keep, 1); }, false);
     add_row(
-        Op::std_dev, [](const KTensor& x, const auto& axes, bool keep) { return std_dev(x, axes, 0, keep); }, false);
+        Op::std_dev, [](const KTensor& x, const auto& axes, bool keep) { return std_dev(x, axes, keep, 0); }, false);
     rows.push_back({Op::trace, {{2, 3, 2}}, [](const Tensors& x) { return trace(x[0], 1, 0, 1); }, true});
     rows.push_back({Op::cumsum, {{2, 4}}, [](const Tensors& x) { return cumsum(x[0], -1); }, true});
     rows.push_back({Op::cumprod, {{2, 4}}, [](const Tensors& x) { return cumprod(x[0], 1); }, true});

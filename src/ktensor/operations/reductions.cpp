@@ -174,14 +174,14 @@ KTensor variance_slope(const KTensor& x, const Reduced& how, double correction) 
 
 }  // namespace
 
-KTensor var(const KTensor& x, const std::vector<int>& axes, double correction, bool keep_dims) {
+KTensor var(const KTensor& x, const std::vector<int>& axes, bool keep_dims, double correction) {
     const Recorder record(Op::var, {&x});
     autograd::wrap_axes("var", x, axes);
-    KTensor y = make_ktensor(ornik::var(x.tensor(), axes, correction, keep_dims));
+    KTensor y = make_ktensor(ornik::var(x.tensor(), axes, keep_dims, correction));
     if (record.active()) {
         record.finish(y, {record.operand(0)}, [how = Reduced{axes, keep_dims}, correction](Backward& pass) {
             if (!pass.recorded()) {
-                pass.give(0, var_grad(pass.grad().tensor(), pass.saved_raw(0), how.axes, correction, how.keep_dims));
+                pass.give(0, var_grad(pass.grad().tensor(), pass.saved_raw(0), how.axes, how.keep_dims, correction));
                 return;
             }
             const KTensor kept = pass.saved(0);
@@ -191,16 +191,16 @@ KTensor var(const KTensor& x, const std::vector<int>& axes, double correction, b
     return y;
 }
 
-KTensor std_dev(const KTensor& x, const std::vector<int>& axes, double correction, bool keep_dims) {
+KTensor std_dev(const KTensor& x, const std::vector<int>& axes, bool keep_dims, double correction) {
     const Recorder record(Op::std_dev, {&x});
     autograd::wrap_axes("std_dev", x, axes);
-    KTensor y = make_ktensor(ornik::std_dev(x.tensor(), axes, correction, keep_dims));
+    KTensor y = make_ktensor(ornik::std_dev(x.tensor(), axes, keep_dims, correction));
     if (record.active()) {
         record.finish(
             y, {record.operand(0), Recorder::output(y)}, [how = Reduced{axes, keep_dims}, correction](Backward& pass) {
                 if (!pass.recorded()) {
                     pass.give(
-                        0, std_dev_grad(pass.grad().tensor(), pass.saved_raw(0), how.axes, correction, how.keep_dims));
+                        0, std_dev_grad(pass.grad().tensor(), pass.saved_raw(0), how.axes, how.keep_dims, correction));
                     return;
                 }
                 const KTensor kept = pass.saved(0);
