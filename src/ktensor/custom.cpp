@@ -206,6 +206,7 @@ std::vector<KTensor> checkpoint(Segment segment, const std::vector<KTensor>& ope
     SegmentGradient gradient{std::move(segment),
                              {all.begin() + static_cast<std::ptrdiff_t>(operands.size()), all.end()},
                              operands.size(),
+                             random,
                              {}};
     outputs = fresh(outputs);
     for (const KTensor& output : outputs) {
