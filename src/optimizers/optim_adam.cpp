@@ -44,7 +44,7 @@ void check_and_step(const Where& at, Tensor* param, Tensor* grad, device::cpu::A
 void adam_step_with_grad(Tensor* param, const Tensor* grad, const device::cpu::AdamFactors& factors, Tensor* m,
                          Tensor* v, Tensor* vmax) {
     if (!param->isFloat()) {
-        fail(where("ornik::adam_step_with_grad"), "'adam_step_with_grad' only supports float.");
+        fail(ErrorKind::dtype, where("ornik::adam_step_with_grad"), "'adam_step_with_grad' only supports float.");
     }
     device::cpu::adam(param, grad, factors, m, v, vmax);
 }

@@ -12,7 +12,7 @@ namespace {
 std::int32_t checked_word(const Where& at, std::int64_t device, std::int64_t dtype) {
     CheckDev(device);
     if (!is_valid_dtype(dtype)) {
-        fail(at, "Not valid data type.");
+        fail(ErrorKind::dtype, at, "Not valid data type.");
     }
     return pack_dtype_and_device(dtype, device);
 }
@@ -30,7 +30,7 @@ std::unique_ptr<Tensor> make_filled(const Where& at, const Dims& shape, const Sc
 
 void check_fill_value(const Where& at, const Scalar& value, std::int64_t dtype) {
     if (is_dtype_class(value.Dtype(), DtypeClass::complex) && !is_dtype_class(dtype, DtypeClass::complex)) {
-        fail(at, "Fill non-complex tensor with complex value is not valid.");
+        fail(ErrorKind::dtype, at, "Fill non-complex tensor with complex value is not valid.");
     }
 }
 

@@ -34,7 +34,7 @@ bool lies_inside(const Dims& shape, const Dims& strides, std::int64_t offset, st
 
 void check_dtype_code(const Where& at, std::int64_t dtype) {
     if (!is_valid_dtype(dtype)) {
-        fail(at, "Not valid data type.");
+        fail(ErrorKind::dtype, at, "Not valid data type.");
     }
 }
 

@@ -24,7 +24,7 @@ void CheckDev(std::int64_t device) {
 void refuse_gpu() { throw Error(ErrorKind::device, "Not compiled for GPU, set device = 0 or device = None", ""); }
 
 void detail::refuse_axis(const Where& at, int rank) {
-    fail(at, "axis should in range of [", -rank, ",", rank - 1, "]");
+    fail(ErrorKind::index, at, "axis should in range of [", -rank, ",", rank - 1, "]");
 }
 
 Dims shape2stride(const Dims& shape) {
@@ -188,7 +188,7 @@ std::vector<Dims> parse_indices(const std::vector<std::string>& items, const Dim
         if (reason != nullptr) {
             DebugMsg("str_indices " + joined(texts), "");
             DebugMsg("shape  " + shape_text(shape), "");
-            fail(at, "Invalid indices: '", texts[k], "'. ", reason);
+            fail(ErrorKind::index, at, "Invalid indices: '", texts[k], "'. ", reason);
         }
     }
     return ranges;
@@ -282,7 +282,8 @@ std::vector<AxisSelection> parse_selection(const std::vector<std::string>& items
             fail(at, "index: ", texts[k], " of axis: ", k, " is emtpy.");
         }
         if (selection[k].highest() >= shape[k]) {
-            fail(at, "index: ", texts[k], " exceeds max bounds of axis: ", k, " with size: ", shape[k]);
+            fail(ErrorKind::index, at, "index: ", texts[k], " exceeds max bounds of axis: ", k,
+                 " with size: ", shape[k]);
         }
     }
     return selection;
@@ -295,7 +296,7 @@ std::vector<Dims> parse_indicesv2(const std::vector<std::string>& items, const D
         // billions is not written out.
         constexpr std::int64_t most = std::numeric_limits<std::int32_t>::max();
         if (selection[k].list.empty() && selection[k].count > std::min(shape[k], most) + (1 << 20)) {
-            fail(where("parse_indicesv2"), "unsuppoted select");
+            fail(ErrorKind::not_implemented, where("parse_indicesv2"), "unsuppoted select");
         }
     }
     std::vector<Dims> positions;
