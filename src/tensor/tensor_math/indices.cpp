@@ -66,7 +66,7 @@ Indices::Indices(const Where& at, const Dims& shape, const std::vector<const Ten
     for (const Tensor* index : indices) {
         const std::size_t wide = index != nullptr && index->isBool() ? index->Shape().size() : 1;
         if (axis + wide > shape.size()) {
-            fail(at, "Too many indices for a shape of ", shape);
+            fail(ErrorKind::index, at, "Too many indices for a shape of ", shape);
         }
         if (index != nullptr && index->isBool()) {
             add_mask(at, index, axis);

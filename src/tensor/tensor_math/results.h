@@ -66,7 +66,8 @@ class Converted {
     TensorResult copy_;
 };
 
-/// Refuses an operand that the kernels of the CPU can not walk.
+/// Refuses an operand that the kernels of the CPU can not walk. Views of a tensor without axes may have negative
+/// extents, which no walk over axes makes sense of.
 template <typename... Tensors>
 void check_cpu(const Where& at, const Tensors*... tensors) {
     check_operands(at, tensors...);
