@@ -14,7 +14,7 @@ using nn::Reduction;
 /// Prediction [..., classes]; target: class indices of the leading axes, or probabilities of the prediction's shape.
 struct ClassLossArguments {
     Reduction reduction = Reduction::mean;
-    KTensor weight;                    ///< [classes]
+    KTensor weight{};                  ///< [classes]
     std::int64_t ignore_index = -100;  ///< members of this class do not count
     double label_smoothing = 0;        ///< of cross_entropy alone
 };

@@ -16,7 +16,7 @@ namespace ornik {
                                           std::optional<std::int64_t> padding_index = std::nullopt);
 
 struct AttentionArguments {
-    KTensor mask;         ///< bool, true may be attended to, or floating, added to the scores; broadcasts to them
+    KTensor mask{};       ///< bool, true may be attended to, or floating, added to the scores; broadcasts to them
     bool causal = false;  ///< position i attends to the first i + 1 alone
     double scale = 0;     ///< of the scores; 0 stands for 1 / sqrt(width)
     double dropout = 0;   ///< of the probabilities
@@ -32,16 +32,16 @@ struct AttentionArguments {
 
 /// Weights of one layer and direction: [gates H, in], [gates H, H], and biases [gates H] or undefined.
 struct RecurrentParameters {
-    KTensor input_weight;
-    KTensor hidden_weight;
-    KTensor input_bias;
-    KTensor hidden_bias;
+    KTensor input_weight{};
+    KTensor hidden_weight{};
+    KTensor input_bias{};
+    KTensor hidden_bias{};
 };
 
 struct RecurrentResult {
-    KTensor output;  ///< [steps, N, H], or packed [entries, H]
-    KTensor hidden;  ///< [N, H] after each sequence's last step
-    KTensor cell;    ///< the same of an LSTM
+    KTensor output{};  ///< [steps, N, H], or packed [entries, H]
+    KTensor hidden{};  ///< [N, H] after each sequence's last step
+    KTensor cell{};    ///< the same of an LSTM
 };
 
 /// One layer and direction over all steps of x [steps, N, in], or packed [entries, in] with the batch sizes of each

@@ -116,14 +116,15 @@ class Check {
         }
     }
 
-    // The gradient that one operand gets does not depend on who else asks.
+    // The gradient that one operand gets does not depend on who else asks (but for the last bit, where a factor is
+    // taken earlier or later for the others' sake).
     void each_alone(const Tensors& analytic) {
         for (std::size_t i = 0; leaves_.size() > 1 && i < leaves_.size(); ++i) {
             Tensors leaves;
             for (std::size_t j = 0; j < leaves_.size(); ++j) {
                 leaves.push_back(j == i ? leaves_[j] : leaves_[j].detach());
             }
-            expect_equal(grad({call(leaves)}, {leaves[i]}, {seed_})[0], analytic[i], 0);
+            expect_equal(grad({call(leaves)}, {leaves[i]}, {seed_})[0], analytic[i], 1e-15);
         }
     }
 

@@ -24,6 +24,8 @@ std::string message_of(const std::function<void()>& call) {
     return "(no error)";
 }
 
+void expect_message(const std::function<void()>& call, const std::string& text) { EXPECT_EQ(message_of(call), text); }
+
 KTensor leaf(const Floats& numbers) { return KTensor::from(numbers).requires_grad(); }
 
 TEST(Graph, ProductRule) {
@@ -153,20 +155,19 @@ TEST(InPlace, RefusalsAreWhole) {
     const KTensor whole = KTensor::from(Floats{1, 2, 3, 4});
     KTensor plain = clone(whole);
     const KTensor part = reshape(plain, {2, 2});
-    EXPECT_EQ(message_of([&] { add_(x, Scalar(1.0F)); }),
-              "add_(): a leaf that asks for gradients, [2] float32, can be changed in place only inside NoGrad.");
+    expect_message([&] { add_(x, Scalar(1.0F)); },
+                   "add_(): a leaf that asks for gradients, [2] float32, can be changed in place only inside NoGrad.");
     copy_(plain, KTensor::from(Floats{1, 1, 1, 1}) * sum(x));
-    EXPECT_EQ(message_of([&] { (void)(part + 1.0F); }),
-              "add_scalar(): the memory of operand 0, [2, 2] float32, was changed in place through another tensor "
-              "while that was recorded: its gradient would be wrong. Make the view again after the change.");
+    expect_message([&] { (void)(part + 1.0F); },
+                   "add_scalar(): the memory of operand 0, [2, 2] float32, was changed in place through another tensor "
+                   "while that was recorded: its gradient would be wrong. Make the view again after the change.");
     KTensor numbers = KTensor({1, 2});
-    EXPECT_EQ(message_of([&] { add_(numbers, x); }),
-              "add_(): [2] int64 can not hold a result that gradients go through.");
+    expect_message([&] { add_(numbers, x); }, "add_(): [2] int64 can not hold a result that gradients go through.");
     const KTensor y = exp(x);
     KTensor alias = y.detach();
     mul_(alias, Scalar(2.0F));
-    EXPECT_EQ(message_of([&] { y.backward(KTensor::ones({2})); }),
-              "backward(): [2] float32, saved by exp(), was changed in place since: its version is 2, not 1.");
+    expect_message([&] { y.backward(KTensor::ones({2})); },
+                   "backward(): [2] float32, saved by exp(), was changed in place since: its version is 1, not 0.");
     EXPECT_FALSE(x.grad().defined());
 }
 
@@ -176,29 +177,39 @@ TEST(Refusals, AreWhole) {
     KTensor x = leaf({1, 2});
     KTensor ints({1, 2});
     const KTensor y = x * x;
-    EXPECT_EQ(message_of([&] { (void)(x + KTensor()); }), "add(): operand 1 is an undefined KTensor.");
-    EXPECT_EQ(message_of([&] { (void)(x * KTensor::ones({3})); }),
-              "mul(): [2] float32 and [3] float32 do not broadcast: axis 0 of the common shape has 2 and 3 elements.");
-    EXPECT_EQ(message_of([&] { ints.requires_grad(); }),
-              "requires_grad(): floating and complex tensors have gradients, not [2] int64.");
-    EXPECT_EQ(message_of([&] { y.backward(); }),
-              "backward(): without a seed it needs a single real element to start from, not [2] float32.");
-    EXPECT_EQ(message_of([&] { y.backward(KTensor::ones({2}, dtype::float64)); }),
-              "backward(): the seed for [2] float32 is no [2] float64.");
-    EXPECT_EQ(message_of([&] { ints.backward(); }),
-              "backward(): [2] int64 was not computed from anything that asks for gradients.");
+    expect_message([&] { (void)(x + KTensor()); }, "add(): operand 1 is an undefined KTensor.");
+    expect_message(
+        ([&] { (void)(x * KTensor::ones({3})); }),
+        "mul(): [2] float32 and [3] float32 do not broadcast: axis 0 of the common shape has 2 and 3 elements.");
+    expect_message([&] { ints.requires_grad(); },
+                   "requires_grad(): floating and complex tensors have gradients, not [2] int64.");
+    expect_message([&] { y.backward(); },
+                   "backward(): without a seed it needs a single real element to start from, not [2] float32.");
+    expect_message([&] { y.backward(KTensor::ones({2}, dtype::float64)); },
+                   "backward(): the seed for [2] float32 is no [2] float64.");
+    expect_message([&] { ints.backward(); },
+                   "backward(): [2] int64 was not computed from anything that asks for gradients.");
     const KTensor total = sum(y);
     total.backward();
     EXPECT_EQ(
         message_of([&] { total.backward(); }),
         "backward(): the backward pass of sum() has run already, and what it had saved is released. Ask the first pass "
         "to retain the graph.");
-    EXPECT_EQ(message_of([&] { (void)grad({sum(x * x)}, {leaf({1})}), "grad(): no output depends on input 0, [1] float32."); });
-    EXPECT_EQ(message_of([&] { (void)grad({sum(cumprod(x, 0))}, {x}, {}, {.create_graph = true}), "grad(): second derivatives of cumprod() are not available."); });
-    EXPECT_EQ(message_of([&] {
-        (void)matmul(x, KTensor::ones({3, 2})); }), "matmul(): there is no product of [2] float32 and [3, 2] float32.");
-    EXPECT_EQ(message_of([&] { (void)reshape(x, {3, -1}), "reshape(): [2] float32 has 2 elements, which do not make [3, -1] float32."); });
-    EXPECT_EQ(message_of([&] { (void)sum(x, {1}), "sum(): [2] float32 has no axis 1."); });
+    expect_message([&] { (void)grad({sum(x * x)}, {leaf({1})}); },
+                   "grad(): no output depends on input 0, [1] float32.");
+    expect_message([&] { (void)grad({sum(cumprod(x, 0))}, {x}, {}, {.create_graph = true}); },
+                   "grad(): second derivatives of cumprod() are not available.");
+    expect_message(
+        [&] {
+            (void)matmul(x, KTensor::ones({3, 2}));
+        },
+        "matmul(): there is no product of [2] float32 and [3, 2] float32.");
+    expect_message(
+        [&] {
+            (void)reshape(x, {3, -1});
+        },
+        "reshape(): [2] float32 has 2 elements, which do not make [3, -1] float32.");
+    expect_message([&] { (void)sum(x, {1}); }, "sum(): [2] float32 has no axis 1.");
 }
 
 // ---- Operations of a program's own, and checkpoints ----
@@ -215,17 +226,13 @@ KTensor cube(const KTensor& x, float error = 1) {
 }
 
 TEST(Custom, HasFirstAndSecondDerivatives) {
-    gradcheck::check({gradcheck::Op::custom, {{2, 3}}, [](const gradcheck::Tensors& x) { return cube(x[0]); }, true});
+    gradcheck::check({gradcheck::Op::custom, {{2, 3}}, [](const gradcheck::Tensors& x) { return cube(x[0]); }});
 }
 
 TEST(Custom, AWrongGradientIsFound) {
-    EXPECT_NONFATAL_FAILURE(gradcheck::check({gradcheck::Op::custom,
-                                              {{1}},
-                                              [](const gradcheck::Tensors& x) { return cube(x[0], 1.01F); },
-                                              false,
-                                              1,
-                                              1.5}),
-                            "gradient of operand 0");
+    static const gradcheck::Row row{
+        gradcheck::Op::custom, {{1}}, [](const gradcheck::Tensors& x) { return cube(x[0], 1.01F); }, false, 1, 1.5};
+    EXPECT_NONFATAL_FAILURE(gradcheck::Check(row, false, false).run(), "gradient of operand 0");
 }
 
 TEST(Checkpoint, SameBitsWithDropoutAndOutsideTensors) {
