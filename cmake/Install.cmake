@@ -9,6 +9,8 @@ set(ORNIK_PUBLIC_HEADERS
     descriptors/descriptor_convT2D.h
     descriptors/packing.h
     descriptors/selection.h
+    descriptors/step_parameters.h
+    descriptors/loss_terms.h
     descriptors/tensor_descriptor.h
     export.h
     hardware/memory_config.h
