@@ -21,6 +21,14 @@ set(ORNIK_PUBLIC_HEADERS
     layers/conv/layer_conv1D.h
     layers/conv/layer_conv2D.h
     layers/conv/layer_convT2D.h
+    layers/functional/activation.h
+    layers/functional/conv.h
+    layers/functional/dropout.h
+    layers/functional/embedding.h
+    layers/functional/linear.h
+    layers/functional/normalization.h
+    layers/functional/pool.h
+    layers/functional/recurrent.h
     layers/layer.h
     layers/layer_activation.h
     layers/layer_dense.h
@@ -31,23 +39,28 @@ set(ORNIK_PUBLIC_HEADERS
     layers/normalization/layer_groupnorm.h
     layers/normalization/layer_layernorm.h
     layers/pool/layer_pool.h
+    losses/functions.h
     losses/loss.h
     losses/mean_squared_error.h
     losses/nll_loss.h
     losses/soft_cross_entropy.h
     optimizers/optimizers.h
+    optimizers/steps.h
     ornik.h
     random/generator.h
     tensor/broadcast.h
     tensor/dtype.h
+    tensor/joins.h
     tensor/nn/tensor_conv.h
     tensor/scalar.h
     tensor/nn/attention.h
     tensor/nn/interpolate.h
     tensor/nn/packing.h
+    tensor/slices.h
     tensor/tensor.h
     tensor/tensor_math/linear_algebra.h
     tensor/tensor_math/indexing.h
+    tensor/tensor_math/matmul.h
     tensor/tensor_math/promotion.h
     tensor/tensor_math/reductions.h
     tensor/tensor_math/sorting.h

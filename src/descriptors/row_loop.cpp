@@ -1,7 +1,8 @@
 #include "descriptors/row_loop.h"
 
 #include <algorithm>
-#include <cstring>
+
+#include "descriptors/item_moves.h"
 
 namespace ornik::detail {
 
@@ -10,31 +11,6 @@ namespace {
 // Longest piece a function gets: several inputs and outputs of it stay in the first cache.
 constexpr std::int64_t longest = 1024;
 constexpr std::int64_t staged = 256;
-constexpr std::int64_t widest_item = 16;
-
-// to[k] = from[k], with the strides given in bytes.
-template <std::int64_t Size>
-void move_items(char* to, std::int64_t to_stride, const char* from, std::int64_t from_stride, std::int64_t n) {
-    for (std::int64_t k = 0; k < n; ++k) {
-        std::memcpy(to + k * to_stride, from + k * from_stride, Size);
-    }
-}
-
-void move_items(std::int64_t size, char* to, std::int64_t to_stride, const char* from, std::int64_t from_stride,
-                std::int64_t n) {
-    switch (size) {
-        case 1:
-            return move_items<1>(to, to_stride, from, from_stride, n);
-        case 2:
-            return move_items<2>(to, to_stride, from, from_stride, n);
-        case 4:
-            return move_items<4>(to, to_stride, from, from_stride, n);
-        case 8:
-            return move_items<8>(to, to_stride, from, from_stride, n);
-        default:
-            return move_items<widest_item>(to, to_stride, from, from_stride, n);
-    }
-}
 
 // Storage may hold bytes that are no valid bool: any but zero is true.
 void read_bools(char* to, const char* from, std::int64_t from_stride, std::int64_t n) {
@@ -45,7 +21,7 @@ void read_bools(char* to, const char* from, std::int64_t from_stride, std::int64
 
 // Not initialised: only what was gathered is read.
 struct Buffers {
-    alignas(64) char bytes[most_row_operands * staged * widest_item];
+    alignas(64) char bytes[most_row_operands * staged * largest_item];
     Buffers() {}
 };
 
@@ -78,13 +54,13 @@ void run_row_loop(const void* bound_rows, char* const* data, const std::int64_t*
                 if (rows.is_bool_input[i]) {
                     read_bools(places[i], sources[i], stride0[i], n);
                 } else {
-                    move_items(rows.item_sizes[i], places[i], rows.item_sizes[i], sources[i], stride0[i], n);
+                    item_mover(rows.item_sizes[i])(places[i], rows.item_sizes[i], sources[i], stride0[i], n);
                 }
             }
             rows.call(rows.function, n, places);
             for (std::size_t i = 0; i < rows.outputs; ++i) {
                 if (is_staged[i]) {
-                    move_items(rows.item_sizes[i], sources[i], stride0[i], places[i], rows.item_sizes[i], n);
+                    item_mover(rows.item_sizes[i])(sources[i], stride0[i], places[i], rows.item_sizes[i], n);
                 }
             }
         }

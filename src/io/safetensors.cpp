@@ -223,7 +223,7 @@ void check_entries(const FilePlace& file, const std::vector<TensorEntry>& entrie
         if (name == metadata_name || !names.insert(name).second) {
             fail(place.at(), place.text(), name == metadata_name ? "the name is taken." : "the name comes twice.");
         }
-        check_writable(place, t);
+        check_saveable(place, t);
         const bool is_complex = t->Dtype() == dtype::complex128;
         if (is_complex && t->Shape().size() == most_axes) {
             fail(place.at(), place.text(), "a tensor of dtype complex128 may have ", most_axes - 1, " axes.");

@@ -1,5 +1,8 @@
 #include "step_checks.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "tensor/checks.h"
 #include "tensor/overlap.h"
 #include "tensor/tensor_shape.h"
@@ -48,6 +51,19 @@ void check_step(const Where& at, const std::string& name, const Tensor* param, c
     }
 }
 
+std::vector<const Tensor*> present(std::initializer_list<const Tensor*> states) {
+    std::vector<const Tensor*> result;
+    std::copy_if(states.begin(), states.end(), std::back_inserter(result),
+                 [](const Tensor* t) { return t != nullptr; });
+    return result;
+}
+
+void announce_step(const Where& at, std::initializer_list<const Tensor*> written) {
+    for (const Tensor* t : present(written)) {
+        announce_write(at, t);
+    }
+}
+
 void check_step_count(const Where& at, const std::string& name, std::int32_t step) {
     if (step < 1) {
         fail(at, "Step count of '", name, "' should be >= 1, however it equals ", step);
@@ -67,6 +83,6 @@ double bias_correction(float beta, std::int32_t step) {
     return 1 / (1 - power);
 }
 
-RealParts::RealParts(Tensor* t) : tensor_(t), view_(t->isComplexType() ? view_as_real(t) : nullptr) {}
+RealParts::RealParts(Tensor* t) : tensor_(t), view_(t != nullptr && t->isComplexType() ? view_as_real(t) : nullptr) {}
 
 }  // namespace ornik

@@ -33,4 +33,25 @@ void check_not_expanded(const Where& at, const Tensor* out) {
     }
 }
 
+void check_alike(const Where& at, std::string_view name, const Tensor* t, const Tensor* like) {
+    check_operands(at, t);
+    if (t->Device() != like->Device()) {
+        fail(at, "Not same device for inputs of ", name, ".");
+    }
+    if (t->Dtype() != like->Dtype()) {
+        fail(at, "Not same data type for inputs of ", name, ".");
+    }
+}
+
+void check_output_gradient(const Where& at, std::string_view name, const Tensor* gradient, const Tensor* like,
+                           const Dims& shape) {
+    if (gradient == nullptr) {
+        fail(at, "The gradient of ", name, " needs its output's gradient.");
+    }
+    check_alike(at, name, gradient, like);
+    if (gradient->Shape() != shape) {
+        fail(at, "The output of ", name, " has the shape ", shape, "but its gradient the shape ", gradient->Shape());
+    }
+}
+
 }  // namespace ornik

@@ -1,6 +1,6 @@
 // tensor_core.cpp: conversion between dtypes and copies between tensors.
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
 
 #include "hardware/cpu/copy/cpu_core.h"
 #include "tensor/borrowed.h"
@@ -158,16 +158,17 @@ void tensorT::Tensor_Meta::convert_dtype_and_copy_data(const void* src, std::int
     if (!storage_) {
         fail(at, "Tensor_Meta has no storage to fill.");
     }
-    if (src == nullptr && size_ != 0) {
-        fail(at, "Tensor_Meta needs elements to copy.");
-    }
     Tensor source;
     source.initialize_none_tensor(shape_, src_dtype, device_, layout::dense);
+    if (src == nullptr && source.Size() != 0) {
+        fail(at, "Tensor_Meta needs elements to copy.");
+    }
     Tensor target;
     target.init_none_tensor_with_shared_storage(shape_, stride_, dtype_, device_, storage_, layout::dense,
                                                 storage_offset_);
     announce_write(at, &target);
-    std::memcpy(source.getRawData(), src, static_cast<std::size_t>(source.Size() * source.itemsize()));
+    std::copy_n(static_cast<const char*>(src), source.Size() * source.itemsize(),
+                static_cast<char*>(source.getRawData()));
     device::cpu::copy(&source, &target);
 }
 

@@ -144,7 +144,11 @@ void Tensor::updateShape(const Dims& shape) {
 void Tensor::updateStrides() { updateStrides(shape2stride(shape_)); }
 
 void Tensor::updateStrides(const Dims& strides) {
-    check_inside(where("ornik::Tensor::updateStrides"), shape_, strides, StorageOffset(), dtype_, borrow_storage());
+    const Where at = where("ornik::Tensor::updateStrides");
+    check_inside(at, shape_, strides, StorageOffset(), dtype_, borrow_storage());
+    if (strides.size() != shape_.size()) {
+        fail(at, "Strides ", strides, "do not fit shape ", shape_);
+    }
     set_geometry(shape_, strides, size_);
 }
 

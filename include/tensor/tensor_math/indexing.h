@@ -14,9 +14,11 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "../../export.h"
+#include "../slices.h"
 #include "../tensor.h"
 
 namespace ornik {
@@ -63,6 +65,42 @@ ORNIK_API void scatter_add_(Tensor* x, int axis, Tensor* index, Tensor* source);
 /// `values` are broadcast to the shape of index_get.
 ORNIK_API void index_put_(Tensor* x, const std::vector<Tensor*>& indices, Tensor* values, bool accumulate = false);
 [[nodiscard]] ORNIK_API Tensor* index_get_grad(Tensor* grad, const Dims& shape, const std::vector<Tensor*>& indices);
+/// Of index_put_ for x, without accumulate: grad, 0 where an element was written. Any dtype, here and below.
+[[nodiscard]] ORNIK_API Tensor* index_put_grad(Tensor* grad, const std::vector<Tensor*>& indices);
+/// Of index_put_ for values of `values_shape`: grad at their places, summed where values were broadcast; 0 for an
+/// element that another one replaced.
+[[nodiscard]] ORNIK_API Tensor* index_put_values_grad(Tensor* grad, const Dims& values_shape,
+                                                      const std::vector<Tensor*>& indices, bool accumulate = false);
+
+// ---- Several axes at once, mixed with the items of slices.h ----
+//
+// As in the field's array languages: ranges, new axes and the ellipsis first, then index tensors and masks, together
+// with positions, are broadcast to one shape. It takes the place of their axes where these are neighbours, and comes
+// first otherwise. A bool without axes selects all or nothing of a new axis. Any dtype.
+
+/// A new tensor of the selected elements.
+[[nodiscard]] ORNIK_API Tensor* index_advanced(const Tensor* x, const SliceItems& items);
+/// The value, converted to x's dtype and broadcast, in place of the selected elements, or added to them: every one
+/// of a position that repeats is; of those that replace, the last one stays.
+ORNIK_API void set_index_advanced(Tensor* x, const Tensor* value, const SliceItems& items, bool accumulate = false);
+/// Of index_advanced for x, which has `shape`: positions that repeat add up. Added to a tensor in place it is
+/// set_index_advanced(into, grad, items, true).
+[[nodiscard]] ORNIK_API Tensor* index_advanced_grad(const Tensor* grad, const Dims& shape, const SliceItems& items);
+/// Of set_index_advanced for x, without accumulate: grad, but 0 at the selected positions.
+[[nodiscard]] ORNIK_API Tensor* set_index_advanced_grad(const Tensor* grad, const SliceItems& items);
+/// Of set_index_advanced for a value of `value_shape`: grad at the selected positions, summed where the value was
+/// broadcast; without accumulate, 0 for an element that another one replaced.
+[[nodiscard]] ORNIK_API Tensor* set_index_advanced_value_grad(const Tensor* grad, const Dims& value_shape,
+                                                              const SliceItems& items, bool accumulate = false);
+
+// ---- Selections by text: gradients of Tensor::set_select_ndim ----
+
+/// For the tensor that was written: grad, but 0 at the selected positions. Any dtype, here and below.
+[[nodiscard]] ORNIK_API Tensor* set_select_ndim_grad(const Tensor* grad, const std::vector<std::string>& items);
+/// For a value of `value_shape`: grad at the selected positions, summed where the value was broadcast; 0 for an
+/// element that another one replaced.
+[[nodiscard]] ORNIK_API Tensor* set_select_ndim_value_grad(const Tensor* grad, const Dims& value_shape,
+                                                           const std::vector<std::string>& items);
 
 // ---- Masks ----
 

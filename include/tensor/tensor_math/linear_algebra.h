@@ -44,6 +44,9 @@ namespace ornik {
 /// Meaningful for a function of the eigenvectors that does not depend on their signs or phases. Either
 /// gradient may be null and then counts as zero, not both.
 [[nodiscard]] ORNIK_API Tensor* eigh_grad(Tensor* grad_vectors, Tensor* grad_values, Tensor* x);
+/// The same from what eigh(x) gave.
+[[nodiscard]] ORNIK_API Tensor* eigh_grad_from(Tensor* grad_vectors, Tensor* grad_values, Tensor* vectors,
+                                               Tensor* values);
 
 /// Refused in this build: linear solving is not available on the CPU.
 [[noreturn]] ORNIK_API Tensor* solver(Tensor* a, Tensor* b, std::string method);

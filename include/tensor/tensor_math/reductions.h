@@ -53,6 +53,10 @@ namespace ornik {
 /// The sum along the diagonal of two axes (see Tensor::diagonal), over all other positions.
 [[nodiscard]] ORNIK_API Tensor* trace(Tensor* x, std::int64_t offset = 0, int dim1 = 0, int dim2 = 1);
 
+/// t summed over the axes along which `shape` was broadcast to t's shape: the gradient of broadcasting. Any dtype,
+/// which stays; integers wrap, bool is the or. A view when nothing is to be summed.
+ORNIK_API Tensor* sum_to_shape(const Tensor* t, const Dims& shape);
+
 /// Complex too, as prod_grad, mean_grad and trace_grad.
 [[nodiscard]] ORNIK_API Tensor* sum_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {},
                                          bool keep_dims = false);
@@ -110,6 +114,18 @@ Tensor* std_grad(Tensor*, Tensor*, const std::vector<int>&, NotAFlag auto correc
 /// To the middle element, or half to each of the two; among equal ones, to those that a stable sort puts there.
 [[nodiscard]] ORNIK_API Tensor* median_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {},
                                             bool keep_dims = false);
+
+// ---- Gradients that are given the result: y, shaped as grad, is what the function gave for x ----
+
+ORNIK_API Tensor* l2_norm_grad_from(Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes = {},
+                                    bool keep_dims = false);
+ORNIK_API Tensor* std_dev_grad_from(Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes = {},
+                                    bool keep_dims = false, double correction = 1);
+ORNIK_API Tensor* logsumexp_grad_from(Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes = {},
+                                      bool keep_dims = false);
+/// Of max and of min, and of any result that is an element of x.
+ORNIK_API Tensor* extreme_grad_from(Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes = {},
+                                    bool keep_dims = false);
 
 // ---- Along one axis; results have x's shape ----
 

@@ -49,7 +49,25 @@ inline TensorResult new_view(const Tensor* t, const Dims& shape, const Dims& str
     return TensorResult(share_storage_tensor(t->getStorage(), shape, strides, t->Dtype(), t->StorageOffset() + offset));
 }
 
-/// Refuses an operand that the kernels of the CPU can not walk.
+/// The tensor itself, or a copy of it in another dtype; extents may be 0.
+class Converted {
+  public:
+    Converted(const Tensor* t, std::int64_t dtype) : tensor_(t) {
+        if (t->Dtype() != dtype) {
+            copy_ = new_result(t->Shape(), dtype);
+            device::cpu::copy(t, copy_.get());
+            tensor_ = copy_.get();
+        }
+    }
+    const Tensor* get() const { return tensor_; }
+
+  private:
+    const Tensor* tensor_;
+    TensorResult copy_;
+};
+
+/// Refuses an operand that the kernels of the CPU can not walk. Views of a tensor without axes may have negative
+/// extents, which no walk over axes makes sense of.
 template <typename... Tensors>
 void check_cpu(const Where& at, const Tensors*... tensors) {
     check_operands(at, tensors...);
