@@ -23,6 +23,11 @@
 #include "tensor/tensor_shape.h"
 #include "tensor/tensor_sparse.h"
 
+#if defined(__GNUC__) && !defined(__clang__)
+// Once a pair is inlined, the compiler takes malloc's memory for that of its own operator new.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+
 namespace {
 
 void* heap_memory(std::size_t bytes, std::size_t alignment) noexcept {
