@@ -24,6 +24,7 @@ set(ORNIK_PUBLIC_HEADERS
     ktensor/autograd.h
     ktensor/convolutions.h
     ktensor/elements.h
+    ktensor/files.h
     ktensor/indexing.h
     ktensor/ktensor.h
     ktensor/losses.h

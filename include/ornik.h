@@ -30,6 +30,7 @@
 #include "ktensor/autograd.h"
 #include "ktensor/convolutions.h"
 #include "ktensor/elements.h"
+#include "ktensor/files.h"
 #include "ktensor/indexing.h"
 #include "ktensor/ktensor.h"
 #include "ktensor/losses.h"

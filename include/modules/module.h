@@ -18,11 +18,10 @@
 #include <utility>
 #include <vector>
 
+#include "../ktensor/files.h"
 #include "../ktensor/ktensor.h"
 
 namespace ornik {
-
-using NamedTensors = std::vector<std::pair<std::string, KTensor>>;
 
 /// A part of a module, called like a function; the module and its Part name the same object.
 template <typename M>
