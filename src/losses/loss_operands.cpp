@@ -1,6 +1,7 @@
 #include "loss_operands.h"
 
 #include "hardware/cpu/nn/cpu_losses.h"
+#include "tensor/checks.h"
 
 namespace ornik {
 
@@ -19,10 +20,8 @@ void check_prediction(const Where& at, std::string_view name, std::string_view t
     }
 }
 
-void check_alike(const Where& at, std::string_view name, const Tensor* prediction, const Tensor* target) {
-    if (target->Dtype() != prediction->Dtype()) {
-        fail(at, "Not same data type for inputs of ", name, ".");
-    }
+void check_fits(const Where& at, std::string_view name, const Tensor* prediction, const Tensor* target) {
+    check_alike(at, name, target, prediction);
     if (target->Shape() != prediction->Shape()) {
         fail(at, "Target of shape ", target->Shape(), "does not fit a prediction of shape ", prediction->Shape());
     }
@@ -52,7 +51,7 @@ void check_loss_pair(const Where& at, std::string_view name, std::string_view ti
     if (prediction->Size() < 1 && !may_be_empty) {
         fail(at, title, " needs at least one element, however the prediction is ", prediction->Shape());
     }
-    check_alike(at, name, prediction, target);
+    check_fits(at, name, prediction, target);
 }
 
 LossOperands check_class_loss(const Where& at, std::string_view name, std::string_view title, Tensor* prediction,
@@ -70,7 +69,7 @@ LossOperands check_class_loss(const Where& at, std::string_view name, std::strin
     if (!weights_too) {
         fail(at, title, " needs class indices of an integer dtype.");
     }
-    check_alike(at, name, prediction, target);
+    check_fits(at, name, prediction, target);
     return {Borrowed::contiguous(prediction), Borrowed::contiguous(target), false};
 }
 

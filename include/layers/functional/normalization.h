@@ -42,7 +42,7 @@ ORNIK_API NormGradients batch_norm_grad(Tensor* output_gradient, Tensor* input, 
 /// values per channel (with none, nothing changes). Apart from batch_norm, so that a pass can be run again without
 /// it. The cumulative average of n batches, this one included, has the momentum 1 / n.
 ORNIK_API void update_running_statistics(Tensor* running_mean, Tensor* running_variance, Tensor* mean, Tensor* variance,
-                                         std::int64_t count, float momentum);
+                                         std::int64_t count, double momentum);
 
 /// By the statistics of the last `axes` axes, which gamma and beta have.
 ORNIK_API Normalized layer_norm(Tensor* input, int axes, Tensor* gamma, Tensor* beta, double eps = 1e-5);

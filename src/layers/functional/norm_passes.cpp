@@ -194,12 +194,11 @@ std::unique_ptr<Tensor> batch_norm_pass(const NormArguments& arguments, Tensor* 
 }
 
 void update_statistics(const Where& at, Tensor* running_mean, Tensor* running_variance, const Tensor* mean,
-                       const Tensor* variance, std::int64_t count, float momentum) {
+                       const Tensor* variance, std::int64_t count, double momentum) {
     announce_write(at, running_mean, running_variance);
     const auto values = static_cast<double>(count);
-    const auto share = static_cast<double>(momentum);
-    device::cpu::update_running(mean, 1, share, running_mean);
-    device::cpu::update_running(variance, count > 1 ? values / (values - 1) : 1, share, running_variance);
+    device::cpu::update_running(mean, 1, momentum, running_mean);
+    device::cpu::update_running(variance, count > 1 ? values / (values - 1) : 1, momentum, running_variance);
 }
 
 nn::Normalized layer_norm_pass(const NormArguments& arguments, const NormSplit& split, double eps) {

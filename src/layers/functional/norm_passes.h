@@ -51,7 +51,7 @@ NormSplit check_layer_norm(const Where& at, const NormArguments& arguments, std:
 nn::Normalized batch_norm_pass(const NormArguments& arguments, double eps);
 std::unique_ptr<Tensor> batch_norm_pass(const NormArguments& arguments, Tensor* mean, Tensor* variance, double eps);
 void update_statistics(const Where& at, Tensor* running_mean, Tensor* running_variance, const Tensor* mean,
-                       const Tensor* variance, std::int64_t count, float momentum);
+                       const Tensor* variance, std::int64_t count, double momentum);
 nn::Normalized layer_norm_pass(const NormArguments& arguments, const NormSplit& split, double eps);
 nn::Normalized group_norm_pass(const NormArguments& arguments, std::int64_t groups, double eps);
 

@@ -48,7 +48,7 @@ NormGradients batch_norm_grad(Tensor* output_gradient, Tensor* input, Tensor* ga
 }
 
 void update_running_statistics(Tensor* running_mean, Tensor* running_variance, Tensor* mean, Tensor* variance,
-                               std::int64_t count, float momentum) {
+                               std::int64_t count, double momentum) {
     const Where at = where("ornik::nn::update_running_statistics");
     for (const Tensor* t : {running_mean, running_variance, mean, variance}) {
         if (t == nullptr) {

@@ -29,7 +29,7 @@ Tensor* LBatchNorm::forward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, bool
         result = batch_norm_pass(arguments, eps);
         if (running_mean != nullptr && input->Size() > 0) {
             update_statistics(at, running_mean, running_variance, result.mean.get(), result.variance.get(),
-                              input->Size() / input->Shape()[1], momentum_);
+                              input->Size() / input->Shape()[1], static_cast<double>(momentum_));
         }
     } else {
         result = {batch_norm_pass(arguments, running_mean, running_variance, eps),

@@ -81,8 +81,7 @@ class Met {
     std::unique_ptr<Tensor> made_;
 };
 
-nn::Attended attend(const Where& at, Tensor* query, Tensor* key, Tensor* value, const nn::AttentionOptions& options,
-                    bool) {
+nn::Attended attend(const Where& at, Tensor* query, Tensor* key, Tensor* value, const nn::AttentionOptions& options) {
     check_attention_operands(at, {query, key, value});
     const Extents extents = check(at, query, key, value);
     const Dims shape = extents.with(extents.n, extents.m);
