@@ -22,13 +22,11 @@ inline bool has_elements(const Tensor* t) {
     if (t == nullptr) {
         return false;
     }
-    const tensorT::Tensor_Meta* meta = t->getMeta().get();
-    const tensorT::Tensor_storage* storage = meta == nullptr ? nullptr : meta->getStorage().get();
-    return storage != nullptr && meta->Layout() == layout::dense &&
-           (storage->getRawData() != nullptr || t->Size() == 0);
+    const tensorT::Tensor_storage* storage = t->borrow_storage();
+    return storage != nullptr && t->is_dense() && (storage->getRawData() != nullptr || t->Size() == 0);
 }
 
-inline bool is_writable(const Tensor* t) { return has_elements(t) && !t->getMeta()->getStorage()->read_only(); }
+inline bool is_writable(const Tensor* t) { return has_elements(t) && !t->borrow_storage()->read_only(); }
 
 /// Says which of the faults above the tensor has.
 [[noreturn]] void refuse_operand(const Where& at, const Tensor* t);
@@ -65,7 +63,7 @@ void check_writable(const Where& at, const Tensors*... tensors) {
 template <typename... Tensors>
 void announce_write(const Where& at, const Tensors*... tensors) {
     check_writable(at, tensors...);
-    (tensors->getMeta()->getStorage()->note_write(), ...);
+    (tensors->borrow_storage()->note_write(), ...);
 }
 
 /// Refuses an output whose elements share places (an expanded, stride-0 view): what it would hold depends

@@ -6,6 +6,7 @@
 #include "hardware/cpu/nn/cpu_activation.h"
 #include "hardware/cpu/nn/cpu_softmax.h"
 #include "tensor/borrowed.h"
+#include "tensor/checks.h"
 #include "tensor/make_tensor.h"
 #include "utils/utils.h"
 
@@ -150,7 +151,9 @@ LActivation::LActivation(std::string activation, std::vector<float> parameters, 
 
 Tensor* LActivation::forward_dyn(Tensor* input) {
     const Activation& activation = *find_activation(activation_);
-    const Setting setting = setting_for(where("ornik::LActivation::forward_dyn"), activation, parameters_, input);
+    const Where at = where("ornik::LActivation::forward_dyn");
+    check_operands(at, input);
+    const Setting setting = setting_for(at, activation, parameters_, input);
     const Borrowed x = Borrowed::contiguous(input);
     std::unique_ptr<Tensor> output = make_output(input->Shape(), input);
     if (output->Size() > 0) {
@@ -162,6 +165,7 @@ Tensor* LActivation::forward_dyn(Tensor* input) {
 Tensor* LActivation::backward_dyn(Tensor* input, Tensor* output, Tensor* output_gradient) {
     const Where at = where("ornik::LActivation::backward_dyn");
     const Activation& activation = *find_activation(activation_);
+    check_operands(at, input, output, output_gradient);
     for (const Tensor* t : {output, output_gradient}) {
         if (t->Device() != input->Device()) {
             fail(at, "Not same device for inputs of activation.");

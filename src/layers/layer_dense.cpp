@@ -1,5 +1,6 @@
 #include "layers/layer_dense.h"
 
+#include "tensor/checks.h"
 #include "tensor/nn/linear.h"
 
 namespace ornik {
@@ -25,6 +26,8 @@ void check_arguments(const Where& at, const Tensor* weight, const Tensor* bias, 
     if (weight == nullptr || input == nullptr) {
         fail(at, "Dense layer needs a weight and an input.");
     }
+    check_operands(at, weight, input);
+    check_optional(at, bias);
     for (const Tensor* t : {weight, bias}) {
         if (t != nullptr && t->Device() != input->Device()) {
             fail(at, "Not same device for inputs of dense layer.");
@@ -91,6 +94,7 @@ Tensor* LDense::backward_dyn(Tensor* weight, Tensor* bias, Tensor* input, Tensor
     if (output_gradient == nullptr || output_gradient->Shape() != with_last(input->Shape(), out_features_)) {
         fail(at, "Dense layer needs a gradient of its output's shape.");
     }
+    check_operands(at, output_gradient);
     if (output_gradient->Dtype() != input->Dtype()) {
         fail(at, "Not same data type for inputs of dense layer.");
     }

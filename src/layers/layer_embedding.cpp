@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "functional/embedding_passes.h"
+#include "tensor/checks.h"
 
 namespace ornik {
 
@@ -13,6 +14,7 @@ Borrowed checked_indices(const Where& at, const Tensor* weight, Tensor* input, c
     if (weight == nullptr || input == nullptr) {
         fail(at, "Embedding needs a weight and an input.");
     }
+    check_operands(at, weight, input);
     if (weight->Device() != input->Device()) {
         fail(at, "Not same device for inputs of embedding.");
     }

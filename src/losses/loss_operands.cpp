@@ -12,6 +12,7 @@ void check_prediction(const Where& at, std::string_view name, std::string_view t
     if (prediction == nullptr || target == nullptr) {
         fail(at, title, " needs a prediction and a target.");
     }
+    check_operands(at, prediction, target);
     if (prediction->Device() != target->Device()) {
         fail(at, "Not same device for inputs of ", name, ".");
     }
@@ -20,8 +21,10 @@ void check_prediction(const Where& at, std::string_view name, std::string_view t
     }
 }
 
-void check_fits(const Where& at, std::string_view name, const Tensor* prediction, const Tensor* target) {
-    check_alike(at, name, target, prediction);
+void check_target(const Where& at, std::string_view name, const Tensor* prediction, const Tensor* target) {
+    if (target->Dtype() != prediction->Dtype()) {
+        fail(at, "Not same data type for inputs of ", name, ".");
+    }
     if (target->Shape() != prediction->Shape()) {
         fail(at, "Target of shape ", target->Shape(), "does not fit a prediction of shape ", prediction->Shape());
     }
@@ -51,7 +54,7 @@ void check_loss_pair(const Where& at, std::string_view name, std::string_view ti
     if (prediction->Size() < 1 && !may_be_empty) {
         fail(at, title, " needs at least one element, however the prediction is ", prediction->Shape());
     }
-    check_fits(at, name, prediction, target);
+    check_target(at, name, prediction, target);
 }
 
 LossOperands check_class_loss(const Where& at, std::string_view name, std::string_view title, Tensor* prediction,
@@ -69,7 +72,7 @@ LossOperands check_class_loss(const Where& at, std::string_view name, std::strin
     if (!weights_too) {
         fail(at, title, " needs class indices of an integer dtype.");
     }
-    check_fits(at, name, prediction, target);
+    check_target(at, name, prediction, target);
     return {Borrowed::contiguous(prediction), Borrowed::contiguous(target), false};
 }
 

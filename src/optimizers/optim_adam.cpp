@@ -1,6 +1,7 @@
 // optim_adam.cpp: Adam and AdamW, one step with and without decay.
 #include "adam_step_with_grad.h"
 #include "optimizers/optimizers.h"
+#include "optimizers/steps.h"
 #include "step_checks.h"
 
 namespace ornik {
@@ -30,9 +31,11 @@ void check_and_step(const Where& at, Tensor* param, Tensor* grad, device::cpu::A
     const RealParts real_m(m);
     const RealParts real_v(v);
     if (amsgrad) {
+        announce_write(at, param, m, v, vmax);
         adam_step_with_grad(real_param.get(), real_grad.get(), factors, real_m.get(), real_v.get(),
                             RealParts(vmax).get());
     } else {
+        announce_write(at, param, m, v);
         adam_step_with_grad(real_param.get(), real_grad.get(), factors, real_m.get(), real_v.get(), nullptr);
     }
 }
@@ -42,7 +45,7 @@ void check_and_step(const Where& at, Tensor* param, Tensor* grad, device::cpu::A
 void adam_step_with_grad(Tensor* param, const Tensor* grad, const device::cpu::AdamFactors& factors, Tensor* m,
                          Tensor* v, Tensor* vmax) {
     if (!param->isFloat()) {
-        fail(where("ornik::adam_step_with_grad"), "'adam_step_with_grad' only supports float.");
+        fail(ErrorKind::dtype, where("ornik::adam_step_with_grad"), "'adam_step_with_grad' only supports float.");
     }
     device::cpu::adam(param, grad, factors, m, v, vmax);
 }

@@ -20,12 +20,12 @@ void check_step(const Where& at, const std::string& name, const Tensor* param, c
     }
     for (const Tensor* t : others) {
         if (t->Device() != param->Device()) {
-            fail(at, "Not same device of inputs for '", name, "'. ");
+            fail(ErrorKind::device, at, "Not same device of inputs for '", name, "'. ");
         }
     }
     for (const Tensor* t : others) {
         if (t->Dtype() != param->Dtype()) {
-            fail(at, "Not same data type of inputs for '", name, "'. ");
+            fail(ErrorKind::dtype, at, "Not same data type of inputs for '", name, "'. ");
         }
     }
     for (const Tensor* t : others) {
@@ -34,7 +34,7 @@ void check_step(const Where& at, const std::string& name, const Tensor* param, c
         }
     }
     if (param->Dtype() < dtype::float32) {
-        fail(at, "'", name, "' only supports float or complex.");
+        fail(ErrorKind::dtype, at, "'", name, "' only supports float or complex.");
     }
     std::vector<const Tensor*> written = states;
     written.push_back(param);

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tensor/tensor.h"
+#include "tensor/checks.h"
 
 namespace ornik {
 

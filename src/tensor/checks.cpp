@@ -19,7 +19,7 @@ void detail::refuse_output(const Where& at, const Tensor* t) {
     if (!has_elements(t)) {
         refuse_operand(at, t);
     }
-    fail(at, "A tensor of shape ", t->Shape(), "is to be written, but its storage is read-only.");
+    fail(ErrorKind::state, at, "A tensor of shape ", t->Shape(), "is to be written, but its storage is read-only.");
 }
 
 void check_not_expanded(const Where& at, const Tensor* out) {

@@ -20,8 +20,8 @@ namespace ornik {
 /// softmax(query key^T / sqrt(d) + mask) value. query [..., n, d], key [..., m, d], value [..., m, e], the same
 /// leading axes; the result is [..., n, e], a new tensor that the caller deletes. When `probabilities` is not
 /// null it receives the softmax [..., n, m], which the caller deletes, too.
-ORNIK_API Tensor* scaled_dot_product_attention(Tensor* query, Tensor* key, Tensor* value, Tensor* mask = nullptr,
-                                               Tensor** probabilities = nullptr);
+[[nodiscard]] ORNIK_API Tensor* scaled_dot_product_attention(Tensor* query, Tensor* key, Tensor* value,
+                                                             Tensor* mask = nullptr, Tensor** probabilities = nullptr);
 
 struct AttentionGradients {
     std::unique_ptr<Tensor> query;
@@ -30,8 +30,9 @@ struct AttentionGradients {
 };
 
 /// The gradients for query, key and value, from the probabilities of the forward pass, which carry the mask.
-ORNIK_API AttentionGradients scaled_dot_product_attention_grad(Tensor* query, Tensor* key, Tensor* value,
-                                                               Tensor* probabilities, Tensor* output_gradient);
+[[nodiscard]] ORNIK_API AttentionGradients scaled_dot_product_attention_grad(Tensor* query, Tensor* key, Tensor* value,
+                                                                             Tensor* probabilities,
+                                                                             Tensor* output_gradient);
 
 namespace nn {
 
@@ -94,8 +95,9 @@ struct MultiHeadState {
 /// Projects query [b, n, *], key and value [b, m, *], attends in `heads` heads, and projects the merged heads:
 /// [b, n, out], a new tensor that the caller deletes. Self-attention passes one tensor three times. The mask
 /// broadcasts to [b, heads, n, m]. When `state` is not null it receives what the backward pass needs.
-ORNIK_API Tensor* multi_head_attention(const MultiHeadParameters& parameters, int heads, Tensor* query, Tensor* key,
-                                       Tensor* value, Tensor* mask = nullptr, MultiHeadState* state = nullptr);
+[[nodiscard]] ORNIK_API Tensor* multi_head_attention(const MultiHeadParameters& parameters, int heads, Tensor* query,
+                                                     Tensor* key, Tensor* value, Tensor* mask = nullptr,
+                                                     MultiHeadState* state = nullptr);
 
 /// Of one dense map; the bias is null where the map has none.
 struct ProjectionGradients {
@@ -112,8 +114,9 @@ struct MultiHeadGradients {
 };
 
 /// The gradients for inputs and parameters, from the state of a forward pass with the same arguments.
-ORNIK_API MultiHeadGradients multi_head_attention_grad(const MultiHeadParameters& parameters, Tensor* query,
-                                                       Tensor* key, Tensor* value, const MultiHeadState& state,
-                                                       Tensor* output_gradient);
+[[nodiscard]] ORNIK_API MultiHeadGradients multi_head_attention_grad(const MultiHeadParameters& parameters,
+                                                                     Tensor* query, Tensor* key, Tensor* value,
+                                                                     const MultiHeadState& state,
+                                                                     Tensor* output_gradient);
 
 }  // namespace ornik

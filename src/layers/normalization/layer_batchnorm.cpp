@@ -24,9 +24,13 @@ Tensor* LBatchNorm::forward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, bool
     check_running_statistics(at, arguments, running_mean, running_variance, training);
 
     const auto eps = static_cast<double>(eps_);
+    std::vector<std::unique_ptr<Tensor>> saved;
+    saved.reserve(2);
+    forward_cache_.reserve(2);
     nn::Normalized result;
     if (training) {
         result = batch_norm_pass(arguments, eps);
+        // Nothing but the update fails from here on: the running statistics move once in each successful call.
         if (running_mean != nullptr && input->Size() > 0) {
             update_statistics(at, running_mean, running_variance, result.mean.get(), result.variance.get(),
                               input->Size() / input->Shape()[1], static_cast<double>(momentum_));
@@ -35,7 +39,6 @@ Tensor* LBatchNorm::forward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, bool
         result = {batch_norm_pass(arguments, running_mean, running_variance, eps),
                   std::unique_ptr<Tensor>(running_mean->clone()), std::unique_ptr<Tensor>(running_variance->clone())};
     }
-    std::vector<std::unique_ptr<Tensor>> saved;
     saved.push_back(std::move(result.mean));
     saved.push_back(std::move(result.variance));
     keep_for_backward(std::move(saved));

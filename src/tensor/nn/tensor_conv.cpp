@@ -51,6 +51,7 @@ void check_bias(const Where& at, const ConvolFields& descriptor, const Tensor* b
     if (bias != nullptr && (bias->Dtype() != descriptor.dtype || bias->Size() != descriptor._output_channels)) {
         fail(at, "Convolution needs a bias of one value per output channel, of ", dtype_name(descriptor.dtype));
     }
+    check_optional(at, bias);
 }
 
 std::unique_ptr<Tensor> forward(const Where& at, Tensor* weight, Tensor* bias, Tensor* input, ConvolFields& descriptor,
