@@ -11,6 +11,9 @@
 //     up the rest. The calling thread runs everything itself, in order, when n is below the grain or when
 //     it is already inside a parallel region.
 //
+// The workers do not live on in a child process after fork(): once there were any, the child runs everything
+// itself.
+//
 // This is the equivalent of forking one thread per block: an item is handled once, by the same code,
 // whoever runs its block. A team larger than the machine therefore costs nothing, where four spinning
 // threads on two processors would slow every region down a hundredfold. No other file of the library

@@ -6,17 +6,19 @@
 
 #include "../export.h"
 #include "../utils/error.h"
+#include "../utils/shape_rules.h"
 
 namespace ornik {
-
-/// Row-major strides of a shape: [12, 4, 1] for [2, 3, 4]; [] for [].
-ORNIK_API Dims shape2stride(const Dims& shape);
 
 /// Number of elements of a shape, 1 for []. A product beyond 64 bits is reported as an error of `at`.
 std::int64_t checked_numel(const Where& at, const Dims& shape);
 
-/// True when `strides` are exactly the row-major strides of `shape`, or when there are fewer than two
-/// elements. Axes of extent 1 are compared like any other.
+/// Refuses a negative extent.
+void check_extents(const Where& at, const Dims& shape);
+
+/// True when a walk over `numel` adjacent items, and one over the shape, both meet exactly the elements in order:
+/// `numel` is the shape's count, and `strides` are the row-major strides of `shape`. With fewer than two elements any
+/// strides will do; axes of extent 1 are compared like any other.
 bool is_row_major(const Dims& shape, const Dims& strides, std::int64_t numel);
 
 /// Lowest and highest position, relative to element 0, that a strided tensor touches. Nothing when it

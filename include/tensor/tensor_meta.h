@@ -3,12 +3,15 @@
 
 #include <cstdint>
 #include <memory>
+#include <utility>
 
 #include "../export.h"
 #include "../utils/error.h"
 #include "tensor_storage.h"
 
 namespace ornik {
+
+class Tensor;
 
 /// Layout codes of a tensor's elements.
 namespace layout {
@@ -20,13 +23,23 @@ inline constexpr std::int64_t coo = 2;
 namespace tensorT {
 
 /// Shape, strides, dtype, device, layout, offset and a share of the storage; held through
-/// std::shared_ptr<Tensor_Meta>. Copies share the storage. Strides and offset count elements.
+/// std::shared_ptr<Tensor_Meta>. Copies share the storage. Strides and offset count elements. The setters record and
+/// check nothing: a tensor is changed through its own updates, which keep its elements inside the storage. What reads
+/// or writes elements here (Print, convert_dtype_and_copy_data) refuses a meta whose elements lie outside.
 class ORNIK_API Tensor_Meta {
+    struct WithoutAxes {
+        explicit WithoutAxes() = default;
+    };
+
   public:
     /// Size is the product of the shape, 1 for an empty one. With `alloc`, a new storage of that many
-    /// elements is taken.
+    /// elements is taken; negative extents are then refused.
     Tensor_Meta(const Dims& shape, const Dims& stride, std::int64_t dtype, std::int64_t device, std::int64_t layout,
                 std::int64_t storage_offset, bool alloc);
+
+    /// For tensors, which keep the axes and hand them in when somebody asks for the meta.
+    Tensor_Meta(WithoutAxes tag, std::int64_t size, std::int64_t dtype, std::int64_t device, std::int64_t layout,
+                std::int64_t storage_offset);
 
     const Dims& GetShape() const { return shape_; }
     const Dims& GetStride() const { return stride_; }
@@ -67,7 +80,7 @@ class ORNIK_API Tensor_Meta {
     void allocateDtypeData();
     /// Does nothing in this build: buffers go back when the last share of their storage does.
     void FreeData() {}
-    /// Fills the meta's elements, in row-major order, from `size` elements of `src_dtype` at `src`,
+    /// Fills the meta's elements, in row-major order, from as many elements of `src_dtype` at `src`,
     /// converting each. Fails with "Not valid data type." for a code that is no dtype.
     void convert_dtype_and_copy_data(const void* src, std::int64_t src_dtype);
 
@@ -79,6 +92,12 @@ class ORNIK_API Tensor_Meta {
     void Print() const;
 
   private:
+    friend class ornik::Tensor;
+    void take_geometry(Dims&& shape, Dims&& stride) noexcept {
+        shape_ = std::move(shape);
+        stride_ = std::move(stride);
+    }
+
     Dims shape_;
     std::int64_t dtype_;
     std::int64_t device_;

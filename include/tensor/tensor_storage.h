@@ -9,6 +9,10 @@
 #include "../export.h"
 #include "dtype.h"
 
+namespace ornik::device {
+struct DynamicMemBuf;
+}
+
 namespace ornik::tensorT {
 
 /// A buffer of `size` elements of one dtype on one device; always held through
@@ -76,6 +80,7 @@ class ORNIK_API Tensor_storage {
 
   private:
     std::int64_t device_;
+    device::DynamicMemBuf* pool_buf_ = nullptr;
     void* raw_data_ = nullptr;
     std::int64_t size_;
     std::int64_t dtype_;

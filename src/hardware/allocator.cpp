@@ -1,10 +1,8 @@
 #include "hardware/allocator.h"
 
-#include <exception>
 #include <limits>
 
-#include "hardware/device_context.h"
-#include "tensor/dtype.h"
+#include "hardware/fork.h"
 #include "utils/error.h"
 #include "utils/logging.h"
 #include "utils/utils.h"
@@ -13,15 +11,15 @@ namespace ornik::device {
 
 namespace {
 
-// The pool over the machine's own memory.
+// The pool over the configured device.
 class CPUMemPool : public DynamicMemPool {
   protected:
-    void* AllocDeviceMem(std::uint64_t bytes) override { return context_.Allocate(bytes); }
-    bool FreeDeviceMem(void* address, std::uint64_t bytes) override { return context_.Free(address, bytes); }
-    std::uint64_t FreeDeviceMemSize() const override { return context_.FreeMemory(); }
+    void* AllocDeviceMem(std::uint64_t bytes) override { return device().Allocate(bytes); }
+    bool FreeDeviceMem(void* address, std::uint64_t bytes) override { return device().Free(address, bytes); }
+    std::uint64_t FreeDeviceMemSize() const override { return device().FreeMemory(); }
 
   private:
-    CPUDeviceContext context_;
+    static DeviceContext& device() { return AllocatorConfig::Get().cpu_device(); }
 };
 
 }  // namespace
@@ -29,6 +27,29 @@ class CPUMemPool : public DynamicMemPool {
 AllocatorConfig& AllocatorConfig::Get() {
     static auto* config = new AllocatorConfig;
     return *config;
+}
+
+AllocatorConfig::AllocatorConfig() {
+    hold_over_fork(
+        ForkLock::memory,
+        [] {
+            Get().init_mutex_.lock();
+            if (const DynamicMemPool* pool = Get().cpu_pool()) {
+                pool->lock();
+            }
+        },
+        [] {
+            if (const DynamicMemPool* pool = Get().cpu_pool()) {
+                pool->unlock();
+            }
+            Get().init_mutex_.unlock();
+        });
+}
+
+DeviceContext& AllocatorConfig::cpu_device() const {
+    static CPUDeviceContext machine;
+    DeviceContext* const device = cpu_device_.load(std::memory_order_acquire);
+    return device == nullptr ? machine : *device;
 }
 
 bool AllocatorConfig::Init_allocator(std::int64_t /*device*/) {
@@ -46,7 +67,7 @@ bool AllocatorConfig::Init_allocator(std::int64_t /*device*/) {
     return true;
 }
 
-void* AllocTensorBuffer(std::int64_t device, std::int64_t count, std::int64_t dtype) {
+DynamicMemBuf* AllocTensorBuffer(std::int64_t device, std::int64_t count, std::int64_t item_size) {
     const Where at = where("ornik::device::AllocTensorBuffer");
     if (is_gpu_device(device)) {
         fail(ErrorKind::device, at, "GPU not compile yet.");
@@ -55,26 +76,20 @@ void* AllocTensorBuffer(std::int64_t device, std::int64_t count, std::int64_t dt
     if (!config.IfUseDynamicCPUMem()) {
         fail(ErrorKind::state, at, " SetUseDynamicCPUMem(True) is need.");
     }
-    const std::int64_t item_size = dtype_item_size(dtype);
-    if (item_size == 0) {
+    if (item_size < 1) {
         fail(ErrorKind::dtype, at, "Not valid data type.");
     }
     if (count < 0 || count > std::numeric_limits<std::int64_t>::max() / item_size) {
         fail(at, "Too many elements for a buffer: ", count, ".");
     }
     config.Init_allocator(device);
-    return config.cpu_pool()->AllocTensorMem(static_cast<std::uint64_t>(count * item_size));
+    return config.cpu_pool()->TakeBuf(static_cast<std::uint64_t>(count * item_size));
 }
 
-void FreeTensorBuffer(std::int64_t device, void* address) noexcept {
+void FreeTensorBuffer(std::int64_t device, void* address, DynamicMemBuf* buf) noexcept {
     DynamicMemPool* pool = AllocatorConfig::Get().cpu_pool();
-    if (address == nullptr || is_gpu_device(device) || pool == nullptr) {
-        return;
-    }
-    try {
-        pool->FreeTensorMem(address);
-    } catch (const std::exception& error) {
-        WarningMsg(error.what(), "");  // Destructors end here: nothing may escape.
+    if (pool != nullptr && !is_gpu_device(device)) {
+        pool->GiveBack(address, buf);
     }
 }
 

@@ -2,6 +2,10 @@
 #include "hardware/dynamic_mem_pool.h"
 
 #include <algorithm>
+#include <iterator>
+#include <limits>
+#include <memory>
+#include <utility>
 
 #include "hardware/memory_poison.h"
 #include "utils/error.h"
@@ -19,13 +23,21 @@ constexpr std::uint64_t shared_large_block = 20 * mebibyte;
 constexpr std::uint64_t own_block_request = 10 * mebibyte;
 constexpr std::uint64_t own_block_unit = 2 * mebibyte;
 
-std::uint64_t round_up(std::uint64_t bytes, std::uint64_t unit) { return (bytes + unit - 1) / unit * unit; }
+// The largest multiple stands for what lies beyond it: no device has that much.
+std::uint64_t round_up(std::uint64_t bytes, std::uint64_t unit) {
+    constexpr std::uint64_t most = std::numeric_limits<std::uint64_t>::max();
+    return (bytes > most - unit ? most : bytes + unit - 1) / unit * unit;
+}
 
 std::uint64_t block_size_for(std::uint64_t size) {
     if (size <= largest_small_request) {
         return small_block;
     }
     return size < own_block_request ? shared_large_block : round_up(size, own_block_unit);
+}
+
+bool fits_before(std::uint64_t size_a, const char* address_a, std::uint64_t size_b, const char* address_b) {
+    return size_a != size_b ? size_a < size_b : address_a < address_b;
 }
 
 void check_not_null(const void* pointer, const Where& at, const char* text) {
@@ -36,63 +48,109 @@ void check_not_null(const void* pointer, const Where& at, const char* text) {
 
 }  // namespace
 
+bool FitOrder::operator()(const DynamicMemBuf* a, const DynamicMemBuf* b) const noexcept {
+    return fits_before(a->size, a->device_addr, b->size, b->device_addr);
+}
+
+bool FitOrder::operator()(const DynamicMemBuf* buf, std::uint64_t size) const noexcept { return buf->size < size; }
+
+// ---- Records ----
+
+DynamicMemPool::~DynamicMemPool() {
+    for (Pool* pool : {&large_, &small_}) {
+        for (auto& [address, block] : pool->blocks) {
+            while (DynamicMemBuf* const buf = block.first) {
+                block.first = buf->next;
+                delete buf;
+            }
+        }
+    }
+    while (DynamicMemBuf* const record = spare_records_) {
+        spare_records_ = record->next;
+        delete record;
+    }
+}
+
+// Makes sure that TakeRecord succeeds `count` times.
+void DynamicMemPool::ReserveRecords(int count) {
+    while (spare_count_ < count) {
+        auto record = std::make_unique<DynamicMemBuf>();
+        IdleBufs made;
+        made.insert(record.get());
+        record->entry = made.extract(made.begin());
+        DropRecord(record.release());
+    }
+}
+
+DynamicMemBuf* DynamicMemPool::TakeRecord() noexcept {
+    DynamicMemBuf* const record = spare_records_;
+    spare_records_ = record->next;
+    --spare_count_;
+    return record;
+}
+
+void DynamicMemPool::DropRecord(DynamicMemBuf* buf) noexcept {
+    buf->device_addr = nullptr;
+    buf->next = spare_records_;
+    spare_records_ = buf;
+    ++spare_count_;
+}
+
+// ---- Taking ----
+
 std::uint64_t DynamicMemPool::AlignMemorySize(std::uint64_t bytes) const {
     return std::max(granularity, round_up(bytes, granularity));
 }
 
-void* DynamicMemPool::AllocTensorMem(std::uint64_t bytes) {
-    const Where at = where("AllocTensorMem");
-    constexpr std::uint64_t largest_request = std::uint64_t{1} << 62;
-    if (bytes > largest_request) {
-        fail(ErrorKind::memory, at, "Memory not enough: alloc size[0]MB is smaller than required size[", bytes >> 20,
-             "]MB.");
-    }
+void* DynamicMemPool::AllocTensorMem(std::uint64_t bytes) { return TakeBuf(bytes)->device_addr; }
+
+DynamicMemBuf* DynamicMemPool::TakeBuf(std::uint64_t bytes) {
     const std::uint64_t size = AlignMemorySize(bytes);
     const PoolKind kind = size <= largest_small_request ? PoolKind::small : PoolKind::large;
     const std::lock_guard<std::mutex> lock(mutex_);
-    DynamicMemBufPtr buf = FindIdleMemBuf(kind, size);
-    if (!buf) {
+    DynamicMemBuf* buf = FindIdleMemBuf(kind, size);
+    if (buf == nullptr) {
         buf = AddMemBlockAndMemBuf(kind, block_size_for(size), size);
     }
-    // No room for a whole block. The idle map can not have changed, but it is asked before the device is
+    // No room for a whole block. The idle bufs can not have changed, but they are asked before the device is
     // once more.
-    if (!buf) {
+    if (buf == nullptr) {
         buf = FindIdleMemBuf(kind, size);
     }
-    if (!buf) {
+    if (buf == nullptr) {
         buf = AddMemBlockAndMemBuf(kind, size, size);
     }
-    if (!buf) {
-        ReleaseIdleBlocks();
+    if (buf == nullptr) {
+        ReleaseIdleBlocks();  // What the device does not take back may still leave room for the request.
         buf = AddMemBlockAndMemBuf(kind, size, size);
     }
-    if (!buf) {
+    if (buf == nullptr) {
         DumpUnlocked();
-        fail(ErrorKind::memory, at, "Memory not enough: alloc size[0]MB is smaller than required size[", size >> 20,
-             "]MB.");
+        fail(ErrorKind::memory, where("AllocTensorMem"),
+             "Memory not enough: alloc size[0]MB is smaller than required size[", size >> 20, "]MB.");
     }
     unpoison_memory(buf->device_addr, bytes);
-    return buf->device_addr;
+    return buf;
 }
 
-// A buf of `size` bytes from the idle map, marked used; null when none is large enough.
-DynamicMemBufPtr DynamicMemPool::FindIdleMemBuf(PoolKind kind, std::uint64_t size) {
+// A buf of `size` bytes from the idle ones, marked used; null when none is large enough.
+DynamicMemBuf* DynamicMemPool::FindIdleMemBuf(PoolKind kind, std::uint64_t size) {
     const Where at = where("FindIdleMemBuf");
     Pool& pool = pool_of(kind);
-    const auto found = pool.idle_bufs.lower_bound({size, nullptr});
+    const auto found = pool.idle_bufs.lower_bound(size);
     if (found == pool.idle_bufs.end()) {
         return nullptr;
     }
-    const DynamicMemBufPtr buf = found->second;
-    check_not_null(buf.get(), at, "mem_buf == nullptr\n");
+    DynamicMemBuf* buf = *found;
+    check_not_null(buf, at, "mem_buf == nullptr\n");
     if (buf->status != BufStatus::idle) {
         fail(ErrorKind::memory, at, "Find the mem_buf is not idle, alloc_size[", size, "] mem_buf_size[", buf->size,
              "].");
     }
     if (buf->size > size) {
-        SplitMemBuf(buf, size);
+        buf = SplitMemBuf(buf, size);
     } else {
-        pool.idle_bufs.erase(found);
+        EraseIdleMemBuf(buf);
     }
     buf->status = BufStatus::used;
     pool.used += size;
@@ -100,55 +158,78 @@ DynamicMemBufPtr DynamicMemPool::FindIdleMemBuf(PoolKind kind, std::uint64_t siz
     return buf;
 }
 
-// Cuts an idle buf in two: `buf` keeps the first `size` bytes and leaves the idle map, the rest takes its
-// entry there. All that can fail comes before the first change.
-void DynamicMemPool::SplitMemBuf(const DynamicMemBufPtr& buf, std::uint64_t size) {
+// Cuts an idle buf in two and returns the first `size` bytes; the rest stays idle. All that can fail comes before
+// the first change.
+DynamicMemBuf* DynamicMemPool::SplitMemBuf(DynamicMemBuf* buf, std::uint64_t size) {
     const Where at = where("SplitMemBuf");
-    check_not_null(buf.get(), at, "mem_buf == nullptr\n");
-    Pool& pool = pool_of(buf->kind);
-    const DynamicMemBlockPtr block = FindMemBlock(buf->device_addr);
-    check_not_null(block.get(), at, "mem_block == nullptr\n");
-    const auto rest = std::make_shared<DynamicMemBuf>(
-        DynamicMemBuf{buf->device_addr + size, BufStatus::idle, buf->kind, buf->size - size});
-    block->bufs.emplace(rest->device_addr, rest);
-    MoveIdleEntry(pool, buf, rest, rest->size);
-    buf->size = size;
+    check_not_null(buf, at, "mem_buf == nullptr\n");
+    DynamicMemBlock* const block = buf->block;
+    check_not_null(block, at, "mem_block == nullptr\n");
+    ReserveRecords(1);
+    DynamicMemBuf* const front = TakeRecord();
+    front->device_addr = buf->device_addr;
+    front->kind = buf->kind;
+    front->size = size;
+    front->block = block;
+    front->previous = buf->previous;
+    front->next = buf;
+    (front->previous != nullptr ? front->previous->next : block->first) = front;
+    buf->previous = front;
+    MoveIdleMemBuf(pool_of(buf->kind), buf, buf->device_addr + size, buf->size - size);
+    return front;
 }
 
-// The idle entry of `from` becomes that of `to`, which has, or is about to have, `size` bytes. Allocates
-// nothing.
-void DynamicMemPool::MoveIdleEntry(Pool& pool, const DynamicMemBufPtr& from, const DynamicMemBufPtr& to,
-                                   std::uint64_t size) {
-    auto entry = pool.idle_bufs.extract({from->size, from->device_addr});
-    if (entry.empty()) {
-        fail(ErrorKind::memory, where("EraseIdleMemBuf"), "Can't find the size[", from->size,
-             "] pointer in the idle mem_buf.");
+// Gives an idle buf other bounds. It often keeps its place between its neighbours in the order: no search then.
+void DynamicMemPool::MoveIdleMemBuf(Pool& pool, DynamicMemBuf* buf, char* address, std::uint64_t size) noexcept {
+    const auto place = buf->place;
+    const auto is_behind = [&](const DynamicMemBuf* other) {
+        return fits_before(other->size, other->device_addr, size, address);
+    };
+    const bool stays = (place == pool.idle_bufs.begin() || is_behind(*std::prev(place))) &&
+                       (std::next(place) == pool.idle_bufs.end() || !is_behind(*std::next(place)));
+    if (!stays) {
+        buf->entry = pool.idle_bufs.extract(place);
     }
-    entry.key() = {size, to->device_addr};
-    entry.mapped() = to;
-    pool.idle_bufs.insert(std::move(entry));
+    buf->device_addr = address;
+    buf->size = size;
+    if (!stays) {
+        buf->place = pool.idle_bufs.insert(std::move(buf->entry)).position;
+    }
 }
 
-// A new block with one idle buf, of which `size` bytes are handed out; null when the device refuses.
-DynamicMemBufPtr DynamicMemPool::AddMemBlockAndMemBuf(PoolKind kind, std::uint64_t block_size, std::uint64_t size) {
+// A new block with one idle buf, of which `size` bytes are handed out; null when the device refuses. All that can
+// fail comes before the device's memory is taken.
+DynamicMemBuf* DynamicMemPool::AddMemBlockAndMemBuf(PoolKind kind, std::uint64_t block_size, std::uint64_t size) {
     const Where at = where("_AddMemBlockAndMemBuf()");
     if (!CheckAllocSize(block_size)) {
         return nullptr;
     }
-    const auto block = std::make_shared<DynamicMemBlock>(DynamicMemBlock{nullptr, block_size, kind, {}});
-    const auto buf = std::make_shared<DynamicMemBuf>(DynamicMemBuf{nullptr, BufStatus::idle, kind, block_size});
-    char* address = static_cast<char*>(AllocDeviceMem(block_size));
+    Pool& pool = pool_of(kind);
+    ReserveRecords(2);  // The block's buf, and what is split off from it.
+    std::map<char*, DynamicMemBlock> made;
+    made.emplace(nullptr, DynamicMemBlock{nullptr, block_size, kind, nullptr});
+    char* const address = static_cast<char*>(AllocDeviceMem(block_size));
     if (address == nullptr) {
         return nullptr;
     }
-    block->device_addr = address;
-    buf->device_addr = address;
-    Pool& pool = pool_of(kind);
-    block->bufs.emplace(address, buf);
-    if (!pool.blocks.emplace(address, block).second) {
+    auto node = made.extract(made.begin());
+    node.key() = address;
+    auto inserted = pool.blocks.insert(std::move(node));
+    if (!inserted.inserted) {
         fail(ErrorKind::memory, at, "diter.first->second == nullptr\n");
     }
-    pool.idle_bufs.emplace(IdleKey{block_size, address}, buf);
+    DynamicMemBlock& block = inserted.position->second;
+    DynamicMemBuf* const buf = TakeRecord();
+    buf->device_addr = address;
+    buf->status = BufStatus::idle;
+    buf->kind = kind;
+    buf->size = block_size;
+    buf->block = &block;
+    buf->previous = nullptr;
+    buf->next = nullptr;
+    buf->place = pool.idle_bufs.insert(std::move(buf->entry)).position;
+    block.device_addr = address;
+    block.first = buf;
     pool.total += block_size;
     pool.idle += block_size;
     poison_memory(address, block_size);
@@ -166,114 +247,157 @@ bool DynamicMemPool::CheckAllocSize(std::uint64_t bytes) const {
     return false;
 }
 
+// ---- Giving back ----
+
 void DynamicMemPool::FreeTensorMem(void* address) {
     const Where at = where("FreeTensorMem");
     check_not_null(address, at, "device_addr == nullptr\n");
-    char* const device_addr = static_cast<char*>(address);
     const std::lock_guard<std::mutex> lock(mutex_);
-    const DynamicMemBlockPtr block = FindMemBlock(device_addr);
-    check_not_null(block.get(), at, "Can't find the device address .");
-    const auto found = block->bufs.find(device_addr);
-    if (found == block->bufs.end()) {
-        fail(ErrorKind::memory, at, "Can't find the device address .");
-    }
-    const DynamicMemBufPtr buf = found->second;
+    DynamicMemBuf* const buf = FindMemBuf(static_cast<char*>(address));
+    check_not_null(buf, at, "Can't find the device address .");
     if (buf->status != BufStatus::used) {
         fail(ErrorKind::memory, at, "Find the mem_buf is not used.");
     }
+    TakeBack(buf);
+}
+
+void DynamicMemPool::GiveBack(void* address, DynamicMemBuf* hint) noexcept {
+    if (address == nullptr) {
+        return;
+    }
+    const std::lock_guard<std::mutex> lock(mutex_);
+    DynamicMemBuf* const buf =
+        hint != nullptr && hint->device_addr == address ? hint : FindMemBuf(static_cast<char*>(address));
+    try {
+        if (buf != nullptr && buf->status == BufStatus::used) {
+            TakeBack(buf);
+        }
+    } catch (const Error&) {  // A check of the pool over itself. Destructors end here: nothing may escape.
+    }
+}
+
+void DynamicMemPool::TakeBack(DynamicMemBuf* buf) {
     Pool& pool = pool_of(buf->kind);
+    char* const address = buf->device_addr;
     const std::uint64_t size = buf->size;
-    CombineMemBuf(block, buf);
+    CombineMemBuf(buf);
     pool.used -= size;
     pool.idle += size;
     poison_memory(address, size);
 }
 
 // The block that contains the address; null when there is none.
-DynamicMemBlockPtr DynamicMemPool::FindMemBlock(char* address) {
+DynamicMemBlock* DynamicMemPool::FindMemBlock(char* address) {
     check_not_null(address, where("FindMemBlock"), "address is nullptr.");
-    for (const Pool* pool : {&small_, &large_}) {
+    for (Pool* pool : {&small_, &large_}) {
         auto next = pool->blocks.upper_bound(address);
         if (next == pool->blocks.begin()) {
             continue;
         }
-        const DynamicMemBlockPtr& block = std::prev(next)->second;
-        if (address < block->device_addr + block->size) {
-            return block;
+        DynamicMemBlock& block = std::prev(next)->second;
+        if (address < block.device_addr + block.size) {
+            return &block;
         }
     }
     return nullptr;
 }
 
-// Marks a used buf idle and merges it with its idle neighbours, whose entry in the idle map it takes over.
-void DynamicMemPool::CombineMemBuf(const DynamicMemBlockPtr& block, const DynamicMemBufPtr& buf) {
-    const Where at = where("CombineMemBuf");
-    check_not_null(block.get(), at, "mem_block == nullptr\n");
-    check_not_null(buf.get(), at, "mem_buf == nullptr\n");
-    Pool& pool = pool_of(buf->kind);
-    const auto self = block->bufs.find(buf->device_addr);
-    const auto next = std::next(self);
-    const bool joins_next = next != block->bufs.end() && next->second->status == BufStatus::idle;
-    const bool joins_previous = self != block->bufs.begin() && std::prev(self)->second->status == BufStatus::idle;
-    const std::uint64_t size = buf->size + (joins_next ? next->second->size : 0);
-    if (joins_previous) {
-        const DynamicMemBufPtr previous = std::prev(self)->second;
-        check_not_null(previous.get(), at, "prev_mem_buf == nullptr\n");
-        if (joins_next) {
-            EraseIdleMemBuf(next->second);
-            block->bufs.erase(next);
-        }
-        MoveIdleEntry(pool, previous, previous, previous->size + size);
-        previous->size += size;
-        block->bufs.erase(self);
-        return;
+// The buf that starts at the address; null when there is none. Tensors know their records: this is the long way
+// for bare addresses.
+DynamicMemBuf* DynamicMemPool::FindMemBuf(char* address) {
+    DynamicMemBlock* const block = FindMemBlock(address);
+    DynamicMemBuf* buf = block == nullptr ? nullptr : block->first;
+    while (buf != nullptr && buf->device_addr < address) {
+        buf = buf->next;
     }
-    if (joins_next) {
-        check_not_null(next->second.get(), at, "next_mem_buf == nullptr\n");
-        MoveIdleEntry(pool, next->second, buf, size);
-        block->bufs.erase(next);
-    } else {
-        pool.idle_bufs.emplace(IdleKey{size, buf->device_addr}, buf);
-    }
-    buf->status = BufStatus::idle;
-    buf->size = size;
+    return buf != nullptr && buf->device_addr == address ? buf : nullptr;
 }
 
-void DynamicMemPool::EraseIdleMemBuf(const DynamicMemBufPtr& buf) {
+// Marks a used buf idle and joins it with its idle neighbours. All that can fail comes before the first change.
+void DynamicMemPool::CombineMemBuf(DynamicMemBuf* buf) {
+    const Where at = where("CombineMemBuf");
+    check_not_null(buf, at, "mem_buf == nullptr\n");
+    DynamicMemBlock* const block = buf->block;
+    check_not_null(block, at, "mem_block == nullptr\n");
+    DynamicMemBuf* previous = buf->previous;
+    DynamicMemBuf* next = buf->next;
+    if (buf->device_addr != block->device_addr) {
+        check_not_null(previous, at, "prev_mem_buf == nullptr\n");
+    }
+    if (buf->device_addr + buf->size != block->device_addr + block->size) {
+        check_not_null(next, at, "next_mem_buf == nullptr\n");
+    }
+    const bool joins_previous = previous != nullptr && previous->status == BufStatus::idle;
+    const bool joins_next = next != nullptr && next->status == BufStatus::idle;
+    Pool& pool = pool_of(buf->kind);
+    if (!joins_previous && !joins_next) {
+        buf->status = BufStatus::idle;
+        buf->place = pool.idle_bufs.insert(std::move(buf->entry)).position;
+        return;
+    }
+    if (joins_previous && joins_next) {
+        EraseIdleMemBuf(next);
+        buf->size += next->size;
+        DynamicMemBuf* const joined = next;
+        next = joined->next;
+        DropRecord(joined);
+    }
+    (previous != nullptr ? previous->next : block->first) = next;
+    if (next != nullptr) {
+        next->previous = previous;
+    }
+    if (joins_previous) {
+        MoveIdleMemBuf(pool, previous, previous->device_addr, previous->size + buf->size);
+    } else {
+        MoveIdleMemBuf(pool, next, buf->device_addr, next->size + buf->size);
+    }
+    DropRecord(buf);
+}
+
+void DynamicMemPool::EraseIdleMemBuf(DynamicMemBuf* buf) {
     const Where at = where("EraseIdleMemBuf");
-    check_not_null(buf.get(), at, "mem_buf == nullptr\n");
-    if (pool_of(buf->kind).idle_bufs.erase({buf->size, buf->device_addr}) == 0) {
+    check_not_null(buf, at, "mem_buf == nullptr\n");
+    if (!buf->entry.empty()) {
         fail(ErrorKind::memory, at, "Can't find the size[", buf->size, "] pointer in the idle mem_buf.");
     }
+    buf->entry = pool_of(buf->kind).idle_bufs.extract(buf->place);
 }
 
 void DynamicMemPool::ReleaseDeviceRes() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    ReleaseIdleBlocks();
+    if (!ReleaseIdleBlocks()) {
+        fail(ErrorKind::memory, where("ReleaseDeviceRes"), "Free device memory error.");
+    }
 }
 
-void DynamicMemPool::ReleaseIdleBlocks() {
+// Blocks that the device does not take back stay; false when there are any.
+bool DynamicMemPool::ReleaseIdleBlocks() {
     const Where at = where("ReleaseDeviceRes");
+    bool all_taken = true;
     for (Pool* pool : {&large_, &small_}) {
         for (auto entry = pool->blocks.begin(); entry != pool->blocks.end();) {
-            const DynamicMemBlockPtr block = entry->second;
-            check_not_null(block.get(), at, "mem_block == nullptr\n");
-            const DynamicMemBufPtr first = block->bufs.begin()->second;
-            if (first->status != BufStatus::idle || first->size != block->size) {
+            const DynamicMemBlock& block = entry->second;
+            DynamicMemBuf* const first = block.first;
+            check_not_null(first, at, "mem_buf == nullptr\n");
+            if (first->status != BufStatus::idle || first->size != block.size) {
                 ++entry;
                 continue;
             }
-            unpoison_memory(block->device_addr, block->size);
-            if (!FreeDeviceMem(block->device_addr, block->size)) {
-                poison_memory(block->device_addr, block->size);
-                fail(ErrorKind::memory, at, "Free device memory error.");
+            unpoison_memory(block.device_addr, block.size);
+            if (!FreeDeviceMem(block.device_addr, block.size)) {
+                poison_memory(block.device_addr, block.size);
+                all_taken = false;
+                ++entry;
+                continue;
             }
             EraseIdleMemBuf(first);
-            pool->total -= block->size;
-            pool->idle -= block->size;
+            DropRecord(first);
+            pool->total -= block.size;
+            pool->idle -= block.size;
             entry = pool->blocks.erase(entry);
         }
     }
+    return all_taken;
 }
 
 }  // namespace ornik::device

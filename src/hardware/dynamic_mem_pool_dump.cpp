@@ -31,8 +31,7 @@ DynamicMemPool::Totals DynamicMemPool::totals_unlocked(PoolKind kind) const {
     const Pool& pool = pool_of(kind);
     Totals totals{pool.used, pool.idle, pool.blocks.size(), 0, pool.idle_bufs.size()};
     for (const auto& [address, block] : pool.blocks) {
-        const DynamicMemBuf& first = *block->bufs.begin()->second;
-        totals.idle_blocks += first.status == BufStatus::idle && first.size == block->size ? 1 : 0;
+        totals.idle_blocks += block.first->status == BufStatus::idle && block.first->size == block.size ? 1 : 0;
     }
     return totals;
 }
@@ -62,7 +61,7 @@ void DynamicMemPool::DumpUnlocked() const {
         used += pool->used;
         idle += pool->idle;
         for (const auto& [address, block] : pool->blocks) {
-            for (const auto& [buf_address, buf] : block->bufs) {
+            for (const DynamicMemBuf* buf = block.first; buf != nullptr; buf = buf->next) {
                 idle_in_blocks += buf->status == BufStatus::idle ? buf->size : 0;
             }
         }
@@ -70,10 +69,12 @@ void DynamicMemPool::DumpUnlocked() const {
     print("Total allocated memory[" + in_mebibytes(total) + "]MB , used memory[" + in_mebibytes(used) +
           "]MB , idle memory[" + in_mebibytes(idle) + "]MB .");
     if (idle_in_blocks != idle) {
-        fail(at, "Check error: the idle memory in the mem_block is not equal the global idle memory.");
+        fail(ErrorKind::memory, at,
+             "Check error: the idle memory in the mem_block is not equal the global idle memory.");
     }
     if (total != used + idle) {
-        fail(at, "Check error: the the total memory is not equal the sum of used memory and idle memory.");
+        fail(ErrorKind::memory, at,
+             "Check error: the the total memory is not equal the sum of used memory and idle memory.");
     }
     print(separator);
 }

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "hardware/fork.h"
 #include "hardware/system_limits.h"
 #include "hardware/thread_config.h"
 #include "utils/error.h"
@@ -18,6 +19,9 @@ namespace ornik {
 namespace {
 
 std::atomic<int> configured_team_size{4};
+
+// True in a child whose parent had workers. The runtime would wait for them for ever.
+std::atomic<bool> workers_are_lost{false};
 
 // Pieces of one worker's share.
 constexpr std::int64_t most_pieces = 8;
@@ -73,7 +77,7 @@ void detail::parallel_ranges(std::int64_t n, std::int64_t unit, std::int64_t gra
     if (n <= 0) {
         return;
     }
-    if (n < grain || n <= unit || omp_in_parallel() != 0) {
+    if (n < grain || n <= unit || omp_in_parallel() != 0 || workers_are_lost.load(std::memory_order_relaxed)) {
         run(context, 0, n);
         return;
     }
@@ -85,6 +89,10 @@ void detail::parallel_ranges(std::int64_t n, std::int64_t unit, std::int64_t gra
         run(context, 0, n);
         return;
     }
+    [[maybe_unused]] static const bool told = [] {
+        call_in_forked_children([] { workers_are_lost.store(true, std::memory_order_relaxed); });
+        return true;
+    }();
     const auto unit_begin = [&](std::int64_t worker) { return worker * blocks / workers * units / blocks; };
     const std::int64_t pieces = std::clamp<std::int64_t>(n / workers / std::max(grain, unit), 1, most_pieces);
     std::vector<Share> shares(static_cast<std::size_t>(workers));

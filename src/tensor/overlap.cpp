@@ -19,9 +19,9 @@ struct Term {
 std::int64_t add_terms(const Tensor* t, std::vector<Term>& terms) {
     std::int64_t below = 0;
     for (std::size_t i = 0; i < t->Shape().size(); ++i) {
-        const std::int64_t step = t->Strides()[i] * t->itemsize();
         const std::int64_t count = t->Shape()[i] - 1;
-        if (count > 0 && step != 0) {
+        const std::int64_t step = count > 0 ? t->Strides()[i] * t->itemsize() : 0;
+        if (step != 0) {
             terms.push_back({std::abs(step), count});
             below += step < 0 ? -step * count : 0;
         }
@@ -82,14 +82,26 @@ bool same_view(const Tensor* a, const Tensor* b) {
     return (a->Shape() == b->Shape() && a->Strides() == b->Strides()) || (a->is_contiguous() && b->is_contiguous());
 }
 
+// Every address from the first to the last element of one lies before those of the other.
+bool lies_before(const Tensor* a, const Tensor* b) {
+    const std::optional<Span> of_a = element_span(a->Shape(), a->Strides());
+    const std::optional<Span> of_b = element_span(b->Shape(), b->Strides());
+    return of_a && of_b &&
+           a->get_data_intptr() + (of_a->highest + 1) * a->itemsize() <=
+               b->get_data_intptr() + of_b->lowest * b->itemsize();
+}
+
 }  // namespace
 
 Overlap memory_overlap(const Tensor* a, const Tensor* b) {
-    if (a->getStorage() == nullptr || b->getStorage() == nullptr || a->Size() < 1 || b->Size() < 1) {
+    if (a->borrow_storage() == nullptr || b->borrow_storage() == nullptr || a->Size() < 1 || b->Size() < 1) {
         return Overlap::none;
     }
     if (same_view(a, b)) {
         return Overlap::same;
+    }
+    if (lies_before(a, b) || lies_before(b, a)) {
+        return Overlap::none;
     }
     std::vector<Term> terms;
     const std::int64_t below_a = add_terms(a, terms);

@@ -1,6 +1,6 @@
 // tensor_core.cpp: conversion between dtypes and copies between tensors.
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
 
 #include "hardware/cpu/copy/cpu_core.h"
 #include "tensor/borrowed.h"
@@ -31,6 +31,19 @@ Dims just_if_broadcastable(const Dims& input, const Dims& reference) {
     return padded;
 }
 
+namespace {
+
+// Null, or a view of all elements of the shape for a tensor that counts others (setSize, copy_tensor).
+std::unique_ptr<Tensor> counted_by_shape(const Where& at, const Tensor* t) {
+    if (t->Size() == checked_numel(at, t->Shape())) {
+        return nullptr;
+    }
+    return std::unique_ptr<Tensor>(
+        share_storage_tensor(t->getStorage(), t->Shape(), t->Strides(), t->Dtype(), t->StorageOffset()));
+}
+
+}  // namespace
+
 Tensor* Tensor::astype(std::int64_t dtype) const {
     if (dtype == dtype_) {
         return clone();
@@ -38,11 +51,13 @@ Tensor* Tensor::astype(std::int64_t dtype) const {
     if (!isCPU()) {
         return nullptr;
     }
+    const Where at = where("ornik::Tensor::astype");
     if (!is_valid_dtype(dtype)) {
-        fail(where("ornik::Tensor::astype"), "Not valid data type.");
+        fail(ErrorKind::dtype, at, "Not valid data type.");
     }
+    const std::unique_ptr<Tensor> counted = counted_by_shape(at, this);
     std::unique_ptr<Tensor> result(empty(shape_, device_, dtype));
-    device::cpu::copy(this, result.get());
+    device::cpu::copy(counted ? counted.get() : this, result.get());
     return result.release();
 }
 
@@ -57,16 +72,16 @@ void Tensor::CopyToTargetWithDtype(Tensor* target, std::int64_t dtype, bool copy
     const Where at = where("ornik::Tensor::CopyToTargetWithDtype");
     check_given(at, target);
     if (!is_valid_dtype(dtype)) {
-        fail(at, "Not valid data type.");
+        fail(ErrorKind::dtype, at, "Not valid data type.");
     }
     if (target->dtype_ != dtype) {
-        fail(at, "Not same data type");
-    }
-    if (target->size_ != size_) {
-        fail(at, "Tensors with different size : A", shape_, "B:", target->shape_);
+        fail(ErrorKind::dtype, at, "Not same data type");
     }
     if (dtype == dtype_ && copy_flag) {
         copy_tensor(this, target);
+    }
+    if (target->size_ != size_) {
+        fail(at, "Tensors with different size : A", shape_, "B:", target->shape_);
     }
     if (isCPU()) {
         check_operands(at, this);
@@ -78,8 +93,9 @@ void Tensor::CopyToTargetWithDtype(Tensor* target, std::int64_t dtype, bool copy
 Tensor* Tensor::contiguous() { return is_contiguous() ? this : clone(); }
 
 Tensor* Tensor::clone() const {
+    const std::unique_ptr<Tensor> counted = counted_by_shape(where("ornik::Tensor::clone"), this);
     std::unique_ptr<Tensor> result(empty(shape_, device_, dtype_));
-    copy_tensor(this, result.get());
+    copy_tensor(counted ? counted.get() : this, result.get());
     return result.release();
 }
 
@@ -107,10 +123,7 @@ void copy_tensor(const Tensor* A, Tensor* B) {
         case Overlap::none:
             break;
     }
-    if (B->Shape().empty()) {
-        B->setSize(A->Size());
-    }
-    if (A->Size() != B->Size()) {
+    if (!B->Shape().empty() && A->Size() != B->Size()) {
         fail(at, "Tensors with different size : A", A->Shape(), "B:", B->Shape());
     }
     if (A->is_csr() && B->is_dense()) {
@@ -121,31 +134,41 @@ void copy_tensor(const Tensor* A, Tensor* B) {
     }
     if (!A->isCPU() || !B->isCPU()) {
         std::printf("(%d %d)\n", static_cast<int>(A->Device()), static_cast<int>(B->Device()));
-        fail(at, "unsupported copy between devices");
+        fail(ErrorKind::device, at, "unsupported copy between devices");
     }
     check_operands(at, A);
     announce_write(at, B);
-    device::cpu::copy(A, B);
+    if (!B->Shape().empty() || A->Size() == B->Size()) {
+        device::cpu::copy(A, B);
+        return;
+    }
+    // B counts A's elements from now on, all in its one place; not before the copy is done.
+    Tensor repeated;
+    repeated.init_none_tensor_with_shared_storage({A->Size()}, {0}, B->Dtype(), B->Device(), B->getStorage(),
+                                                  B->Layout(), B->StorageOffset());
+    device::cpu::copy(A, &repeated);
+    B->setSize(A->Size());
 }
 
 void tensorT::Tensor_Meta::convert_dtype_and_copy_data(const void* src, std::int64_t src_dtype) {
     const Where at = where("ornik::tensorT::Tensor_Meta::convert_dtype_and_copy_data");
     if (!is_valid_dtype(src_dtype)) {
-        fail(at, "Not valid data type.");
+        fail(ErrorKind::dtype, at, "Not valid data type.");
     }
     if (!storage_) {
         fail(at, "Tensor_Meta has no storage to fill.");
     }
-    if (src == nullptr && size_ != 0) {
-        fail(at, "Tensor_Meta needs elements to copy.");
-    }
     Tensor source;
     source.initialize_none_tensor(shape_, src_dtype, device_, layout::dense);
-    std::memcpy(source.getRawData(), src, static_cast<std::size_t>(size_ * dtype_item_size(src_dtype)));
+    if (src == nullptr && source.Size() != 0) {
+        fail(at, "Tensor_Meta needs elements to copy.");
+    }
     Tensor target;
     target.init_none_tensor_with_shared_storage(shape_, stride_, dtype_, device_, storage_, layout::dense,
                                                 storage_offset_);
     announce_write(at, &target);
+    std::copy_n(static_cast<const char*>(src), source.Size() * source.itemsize(),
+                static_cast<char*>(source.getRawData()));
     device::cpu::copy(&source, &target);
 }
 

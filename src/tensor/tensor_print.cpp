@@ -58,12 +58,14 @@ void tensorT::Tensor_Meta::Print() const {
         line("#######End###### ");
         return;
     }
-    if (!is_contiguous()) {
+    Tensor elements;  // Refused when they lie outside the storage.
+    if (storage_) {
+        elements.init_none_tensor_with_shared_storage(shape_, stride_, dtype_, device_, storage_, layout_,
+                                                      storage_offset_);
+    }
+    if (storage_ && !is_contiguous()) {
         line("CHANGE TO contiguous;");
-        Tensor strided;
-        strided.init_none_tensor_with_shared_storage(shape_, stride_, dtype_, device_, storage_, layout_,
-                                                     storage_offset_);
-        const std::unique_ptr<Tensor> flat(strided.clone());
+        const std::unique_ptr<Tensor> flat(elements.clone());
         flat->getMeta()->Print();
         return;
     }
@@ -90,10 +92,10 @@ void Tensor::Print() const {
     }
     if (is_dense() && !is_contiguous()) {
         const std::unique_ptr<Tensor> flat(copy());
-        flat->meta_->Print();
+        flat->getMeta()->Print();
         return;
     }
-    meta_->Print();
+    getMeta()->Print();
 }
 
 void Tensor::print(int /*precision*/, bool /*suppress*/) const { Print(); }

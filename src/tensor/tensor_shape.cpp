@@ -2,6 +2,7 @@
 #include "tensor/tensor_shape.h"
 
 #include <algorithm>
+#include <cassert>
 #include <memory>
 #include <numeric>
 
@@ -74,12 +75,14 @@ std::unique_ptr<Tensor> view_or_null(const Tensor* t, const Dims& shape) {
     return strides.empty() ? nullptr : share(t, shape, strides);
 }
 
-// New contiguous elements for a tensor that goes to `shape`; see reshape_ for fewer than two elements.
-std::unique_ptr<Tensor> elements_for(const Tensor* t, const Dims& shape, std::int64_t numel) {
-    if (numel == t->Size()) {
+// New contiguous elements for a tensor that goes to `shape`; see reshape_ for fewer than two elements. What is there
+// to copy is counted by t's shape.
+std::unique_ptr<Tensor> elements_for(const Where& at, const Tensor* t, const Dims& shape, std::int64_t numel) {
+    const std::int64_t present = checked_numel(at, t->Shape());
+    if (numel == present) {
         return std::unique_ptr<Tensor>(t->clone());
     }
-    if (t->Size() == 0) {
+    if (present == 0) {
         return std::unique_ptr<Tensor>(Tensor::zeros(shape, t->Device(), t->Dtype()));
     }
     std::unique_ptr<Tensor> result(Tensor::empty(shape, t->Device(), t->Dtype()));
@@ -132,28 +135,30 @@ Tensor* Tensor::reshape(const Dims& shape) const {
 
 // Takes over a contiguous storage that holds the elements of `shape`.
 void Tensor::adopt(const std::shared_ptr<tensorT::Tensor_storage>& storage, const Dims& shape) {
+    const std::int64_t numel = checked_numel(where("ornik::Tensor::adopt"), shape);
+    assert(numel <= storage->byte_size() / itemsize());
+    set_geometry(shape, shape2stride(shape), numel);
     meta_->setStorage(storage);
     meta_->SetOffset(0);
-    set_geometry(shape, shape2stride(shape));
-    updateSize();
 }
 
 void Tensor::reshape_(const Dims& shape) {
+    const Where at = where("ornik::Tensor::reshape_");
     check_new_shape(shape);
     const Dims strides = view_strides(shape_, strides_, size_, shape);
-    const std::int64_t numel = checked_numel(where("ornik::Tensor::reshape_"), shape);
+    const std::int64_t numel = checked_numel(at, shape);
     if (!strides.empty() && (numel == size_ || shape_.empty())) {
-        set_geometry(shape, strides);
-        setSize(numel);
+        check_inside(at, shape, strides, StorageOffset(), dtype_, borrow_storage());
+        set_geometry(shape, strides, numel);
         return;
     }
-    adopt(elements_for(this, shape, numel)->getStorage(), shape);
+    adopt(elements_for(at, this, shape, numel)->getStorage(), shape);
 }
 
 Tensor* Tensor::reshape_copy(const Dims& shape) const {
+    const Where at = where("ornik::Tensor::reshape_copy");
     check_new_shape(shape);
-    std::unique_ptr<Tensor> result =
-        elements_for(this, shape, checked_numel(where("ornik::Tensor::reshape_copy"), shape));
+    std::unique_ptr<Tensor> result = elements_for(at, this, shape, checked_numel(at, shape));
     result->adopt(result->getStorage(), shape);
     return result.release();
 }
@@ -209,7 +214,9 @@ Tensor* Tensor::transpose() const {
 }
 
 Tensor* Tensor::swapaxis(int a, int b) const {
-    const auto refuse = [] { fail(where("ornik::Tensor::swapaxis"), "Invalid axis,axis should >=0 "); };
+    const auto refuse = [] {
+        fail(ErrorKind::index, where("ornik::Tensor::swapaxis"), "Invalid axis,axis should >=0 ");
+    };
     if (a < -1 || b < -1) {
         refuse();
     }
@@ -231,7 +238,7 @@ void check_squeeze_axis(const Where& at, int axis, int rank) {
         fail(at, "Number of dimensions exceeded (", axis, " >= ", rank, ").");
     }
     if (axis < -1) {
-        fail(at, "The axis must be greater or equal than zero; ");
+        fail(ErrorKind::index, at, "The axis must be greater or equal than zero; ");
     }
 }
 
@@ -291,7 +298,7 @@ Tensor* Tensor::unsqueeze(int axis) const {
         fail(at, "Number of dimensions exceeded (", axis, " >= ", ndim_, ").");
     }
     if (axis < 0) {
-        fail(at, "The axis must be greater or equal than zero");
+        fail(ErrorKind::index, at, "The axis must be greater or equal than zero");
     }
     const auto index = static_cast<std::size_t>(axis);
     Dims shape = shape_;
@@ -306,7 +313,7 @@ Tensor* Tensor::unsqueeze(int axis) const {
 Tensor* view_as_real(const Tensor* t) {
     check_given(where("ornik::view_as_real"), t);
     if (!t->isComplexType()) {
-        fail(where("ornik::view_as_real"), "'view_as_real' only supports complex.");
+        fail(ErrorKind::dtype, where("ornik::view_as_real"), "'view_as_real' only supports complex.");
     }
     Dims shape = t->Shape();
     Dims strides = t->Strides();
@@ -323,7 +330,7 @@ Tensor* view_as_complex(const Tensor* t) {
     const Where at = where("ornik::view_as_complex");
     check_given(at, t);
     if (!t->isFloatingType()) {
-        fail(at, "'view_as_complex' only supports float32 and float64.");
+        fail(ErrorKind::dtype, at, "'view_as_complex' only supports float32 and float64.");
     }
     Dims shape = t->Shape();
     Dims strides = t->Strides();
@@ -358,7 +365,7 @@ Tensor* Tensor::flip(const std::vector<int>& dims) const {
     Dims strides = strides_;
     std::int64_t start = 0;
     for (std::size_t i = 0; i < strides.size(); ++i) {
-        if (reversed[i]) {
+        if (reversed[i] && shape_[i] > 1) {
             start += (shape_[i] - 1) * strides[i];
             strides[i] = -strides[i];
         }
@@ -372,6 +379,7 @@ Tensor* Tensor::diagonal(std::int64_t offset, int dim1, int dim2) const {
     if (ndim_ < 1) {
         fail(at, "input should be at least 1d\n");
     }
+    check_extents(at, shape_);
     const auto first = static_cast<std::size_t>(maybe_wrap_dim(dim1, ndim_));
     const auto second = static_cast<std::size_t>(maybe_wrap_dim(dim2, ndim_));
     if (first == second) {
@@ -403,10 +411,10 @@ void check_joinable(const Where& at, const std::vector<Tensor*>& tensors, int ax
     for (std::size_t i = 1; i < tensors.size(); ++i) {
         const Tensor* t = tensors[i];
         if (t->Device() != first->Device()) {
-            fail(at, "All tensors must be on the same device");
+            fail(ErrorKind::device, at, "All tensors must be on the same device");
         }
         if (t->Dtype() != first->Dtype()) {
-            fail(at, "All tensors must be on the same data type");
+            fail(ErrorKind::dtype, at, "All tensors must be on the same data type");
         }
         if (t->ndim() != first->ndim()) {
             fail(at, "The number of dimensions of all tensors must match (", first->ndim(), " != ", t->ndim(), ").");
@@ -441,7 +449,7 @@ Tensor* concat(const std::vector<Tensor*>& tensors, unsigned axis) {
     }
     check_joinable(at, tensors, static_cast<int>(axis));
     if (axis >= static_cast<unsigned>(first->ndim())) {
-        fail(at, "input axis: ", axis, " is larger than max dim ", first->ndim());
+        fail(ErrorKind::index, at, "input axis: ", axis, " is larger than max dim ", first->ndim());
     }
     Dims shape = first->Shape();
     shape[axis] = 0;
@@ -480,12 +488,13 @@ Tensor* stack(const std::vector<Tensor*>& tensors, unsigned axis) {
     std::vector<std::unique_ptr<Tensor>> views;
     std::vector<Tensor*> widened;
     for (const Tensor* t : tensors) {
-        views.emplace_back(t->unsqueeze(position));
+        views.push_back(std::unique_ptr<Tensor>(t->unsqueeze(position)));
         widened.push_back(views.back().get());
     }
     check_joinable(at, widened, position);
     if (position >= widened.front()->ndim()) {
-        fail(at, "The axis ", position, "must smaller than stacked tensor's dim ", widened.front()->ndim());
+        fail(ErrorKind::index, at, "The axis ", position, "must smaller than stacked tensor's dim ",
+             widened.front()->ndim());
     }
     return concat(widened, static_cast<unsigned>(position));
 }

@@ -1,8 +1,8 @@
 #include "tensor/tensor_storage.h"
 
-#include <algorithm>
 #include <cstddef>
 #include <limits>
+#include <string_view>
 
 #include "hardware/allocator.h"
 #include "utils/utils.h"
@@ -17,22 +17,27 @@ void check_foreign(const void* data, std::int64_t size, std::int64_t dtype) {
         fail(ErrorKind::dtype, at, "Not valid data type.");
     }
     const std::int64_t item_size = dtype_item_size(dtype);
+    const std::string_view name = detail::dtype_table[static_cast<std::size_t>(dtype)].name;
     if (size < 0 || size > std::numeric_limits<std::int64_t>::max() / item_size) {
-        fail(at, "Foreign memory can not hold ", size, " elements of ", dtype_name(dtype), ".");
+        fail(at, "Foreign memory can not hold ", size, " elements of ", name, ".");
     }
     if (data == nullptr && size > 0) {
-        fail(at, "Foreign memory for ", size, " elements of ", dtype_name(dtype), " is null.");
+        fail(at, "Foreign memory for ", size, " elements of ", name, " is null.");
     }
     const std::int64_t alignment = is_dtype_class(dtype, DtypeClass::complex) ? item_size / 2 : item_size;
     if (reinterpret_cast<std::uintptr_t>(data) % static_cast<std::uintptr_t>(alignment) != 0) {
-        fail(at, "Foreign memory for ", dtype_name(dtype), " should be aligned to ", alignment, " bytes.");
+        fail(at, "Foreign memory for ", name, " should be aligned to ", alignment, " bytes.");
     }
 }
 
 }  // namespace
 
 Tensor_storage::Tensor_storage(std::int64_t device, std::int64_t size, std::int64_t dtype)
-    : device_(device), raw_data_(device::AllocTensorBuffer(device, size, dtype)), size_(size), dtype_(dtype) {}
+    : device_(device),
+      pool_buf_(device::AllocTensorBuffer(device, size, dtype_item_size(dtype))),
+      raw_data_(pool_buf_->device_addr),
+      size_(size),
+      dtype_(dtype) {}
 
 Tensor_storage::Tensor_storage(ForeignTag /*tag*/, void* data, std::int64_t size, std::int64_t dtype, bool read_only)
     : device_(device_cpu), raw_data_(data), size_(size), dtype_(dtype), is_foreign_(true), read_only_(read_only) {}
@@ -58,7 +63,7 @@ Tensor_storage::~Tensor_storage() {
             deleter_();
         }
     } else if (raw_data_ != nullptr && !is_gpu_device(device_)) {
-        device::FreeTensorBuffer(device_, raw_data_);
+        device::FreeTensorBuffer(device_, raw_data_, pool_buf_);
     }
 }
 

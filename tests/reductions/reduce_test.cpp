@@ -345,6 +345,10 @@ TEST(Reductions, Refusals) {
     expect_error([&] { sum_grad(x.get(), x.get(), {0}, true); },
                  "The gradient has a shape of ( 2, 3 ) , the result has a shape of ( 1, 3 ) ", "ornik::sum_grad",
                  "src/tensor/tensor_math/reductions_grad.cpp");
+    const TensorPtr number(Tensor::ones({}, 0, x->Dtype()));
+    expect_error([&] { logsumexp_grad_from(number.get(), x.get(), x.get()); },
+                 "The gradient has a shape of ( 2, 3 ) , the result has a shape of empty vector\n",
+                 "ornik::logsumexp_grad_from", "src/tensor/tensor_math/reductions_grad.cpp");
 }
 
 TEST(Reductions, Gradients) {
@@ -361,6 +365,38 @@ TEST(Reductions, Gradients) {
                 const TensorPtr g = make<double>(y->Shape(), random_doubles(y->Size(), 9), layout);
                 expect_central_differences([&](Tensor* t) { return row.reduce(t, axes, keep); }, x, g,
                                            TensorPtr(row.gradient(g.get(), x.get(), axes, keep)), row.name);
+            }
+        }
+    }
+    // The same bits from a result that was kept.
+    const TensorPtr x = make<double>(shape, random_doubles(24, 8), Layout::every_other);
+    struct Kept {
+        Reduction reduce;
+        Gradient gradient;
+        std::function<Tensor*(Tensor*, Tensor*, const Tensor*, const Axes&, bool)> from;
+    };
+    const auto std_grad_from = [](Tensor* g, Tensor* t, const Tensor* y, const Axes& axes, bool keep) {
+        return std_dev_grad_from(g, t, y, axes, keep, 1);
+    };
+    for (const Kept& row :
+         {Kept{l2_norm, l2_norm_grad, l2_norm_grad_from},
+          {logsumexp, logsumexp_grad, logsumexp_grad_from},
+          {[](Tensor*t, const Axes&axes, bool keep) { return std_dev(t, axes, keep, 1); },
+           [](Tensor*g, Tensor*t, const Axes&axes, bool keep) { return std_dev_grad(g, t, axes, keep, 1); },
+           std_grad_from},
+          {max, max_grad, extreme_grad_from},
+          {min, min_grad, extreme_grad_from}}) {
+        for (const Axes& axes : {Axes{}, Axes{1}, Axes{0, 2}}) {
+            for (const bool keep : {false, true}) {
+                const TensorPtr y(row.reduce(x.get(), axes, keep));
+                const TensorPtr g = make<double>(y->Shape(), random_doubles(y->Size(), 9), Layout::reversed);
+                const TensorPtr kept = make<double>(y->Shape(), values_of<double>(y), Layout::transposed);
+                EXPECT_EQ(bytes_of(TensorPtr(row.from(g.get(), x.get(), kept.get(), axes, keep))),
+                          bytes_of(TensorPtr(row.gradient(g.get(), x.get(), axes, keep))));
+                // It is the kept one that counts.
+                kept->add_scalar_inplace(1.0);
+                EXPECT_NE(bytes_of(TensorPtr(row.from(g.get(), x.get(), kept.get(), axes, keep))),
+                          bytes_of(TensorPtr(row.gradient(g.get(), x.get(), axes, keep))));
             }
         }
     }

@@ -146,6 +146,69 @@ TEST(Copy, ScalarsSizesAndBroadcast) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "(0 1000)\n");
 }
 
+// A tensor without axes takes the element count of what is copied into it, and stays one element wide.
+TEST(Copy, ScalarsThatCountMore) {
+    const TensorPtr many = make<float>({5000}, counted<float>(5000));
+    const auto counting = [&] {
+        TensorPtr scalar(Tensor::zeros({}, 0, dtype::float32));
+        copy_tensor(many.get(), scalar.get());
+        EXPECT_EQ(scalar->Size(), 5000);
+        EXPECT_EQ(scalar->getMeta()->GetSize(), 5000);
+        EXPECT_FALSE(scalar->is_contiguous());
+        return scalar;
+    };
+    const TensorPtr s = counting();
+    const auto one_element = [](const Tensor* t, const Dims& shape) {
+        EXPECT_EQ(t->Shape(), shape);
+        EXPECT_EQ(t->Size(), numel_of(shape));
+        const std::vector<float> expected(static_cast<std::size_t>(t->Size()), 4999.0F);
+        EXPECT_EQ(values_of<float>(t), expected);
+        EXPECT_GE(t->getStorage()->getSize(), t->is_contiguous() ? t->Size() : 1);
+    };
+    one_element(TensorPtr(s->clone()).get(), {});
+    one_element(TensorPtr(s->contiguous()).get(), {});
+    one_element(TensorPtr(s->reshape_copy({50, 100})).get(), {50, 100});
+    one_element(TensorPtr(s->view({5000})).get(), {5000});
+    one_element(TensorPtr(TensorPtr(s->astype(dtype::int64))->astype(dtype::float32)).get(), {});
+    const TensorPtr shaped = counting();
+    shaped->updateShape({5000});
+    one_element(shaped.get(), {5000});
+    testing::internal::CaptureStdout();
+    s->Print();
+    const std::string printed = testing::internal::GetCapturedStdout();
+    EXPECT_NE(printed.find("size: 5000\nis_contiguous: 0\n####Data#### \n data 0 : 4999, \n"), std::string::npos)
+        << printed;
+    s->fill_(3);
+    EXPECT_EQ(*static_cast<float*>(s->getRawData()), 3);
+    s->fill_rand_uniform_inplace(1);
+    EXPECT_EQ(s->Size(), 1);
+    EXPECT_LT(*static_cast<float*>(s->getRawData()), 1);
+
+    // A refused copy leaves the count as it was; with the flag, the copy's own tests come first.
+    const TensorPtr scalar(Tensor::zeros({}, 0, dtype::float32)), inside(many->select_ndim_without_copy({"3"}));
+    const TensorPtr abroad(many->clone());
+    abroad->updateDevice(1000);
+    Tensor sparse;
+    sparse.initialize_none_tensor({3}, dtype::float32, 0, layout::coo);
+    const std::string overlap = "copy tensors may have overlap mem.";
+    const Refusal refusals[] = {
+        {"copy_tensor", [&] { copy_tensor(&sparse, scalar.get()); }, "A->is_coo() && B->is_dense()."},
+        {"copy_tensor", [&] { copy_tensor(abroad.get(), scalar.get()); }, "unsupported copy between devices"},
+        {"copy_tensor", [&] { copy_tensor(many.get(), inside.get()); }, overlap},
+        {"copy_tensor", [&] { many->CopyToTargetWithDtype(inside.get(), dtype::float32, true); }, overlap},
+        {"Tensor::CopyToTargetWithDtype", [&] { many->CopyToTargetWithDtype(scalar.get(), dtype::float32, false); },
+         "Tensors with different size : A( 5000 ) B:empty vector\n"},
+    };
+    testing::internal::CaptureStdout();
+    expect_refusals(refusals, "ornik::", core_file);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "(1000 0)\n");
+    EXPECT_EQ(scalar->Size(), 1);
+    EXPECT_EQ(inside->Size(), 1);
+    many->CopyToTargetWithDtype(scalar.get(), dtype::float32, true);
+    one_element(TensorPtr(scalar->clone()).get(), {});
+    EXPECT_EQ(scalar->Size(), 5000);
+}
+
 TEST(Copy, OverlapIsExact) {
     const TensorPtr matrix = make<std::int32_t>({4, 4}, counted<std::int32_t>(16));
     const auto view = [](const TensorPtr& of, const Dims& shape, const Dims& strides, std::int64_t offset) {

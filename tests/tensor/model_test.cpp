@@ -1,9 +1,14 @@
 // The object model: construction, state, views and their limits.
+#include <algorithm>
 #include <limits>
 
 #include "support/expect_error.h"
 #include "support/tensors.h"
 #include "tensor/geometry.h"
+#include "tensor/tensor_math/indexing.h"
+#include "tensor/tensor_math/reductions.h"
+#include "tensor/tensor_math/sorting.h"
+#include "tensor/tensor_shape.h"
 
 namespace ornik::test {
 namespace {
@@ -185,6 +190,50 @@ TEST(State, UpdatesReachMetaAndOptions) {
     EXPECT_EQ(t.get_options()->size, 6);
 }
 
+TEST(State, NewShapesOfTheSameCount) {
+    struct Case {
+        Dims shape, strides, target, expected;
+    };
+    const Case cases[] = {
+        {{2, 3}, {3, 1}, {3, 2}, {2, 1}},              // Contiguous: row-major.
+        {{2, 3}, {3, 1}, {6, 1}, {1, 1}},              //
+        {{2, 3}, {3, 1}, {1, 6, 1}, {6, 1, 1}},        //
+        {{3, 2}, {1, 3}, {2, 3}, {3, 1}},              // Its own strides would leave the storage.
+        {{3, 3}, {1, 2}, {3, 3}, {1, 2}},              // Strides stay with the number of axes.
+        {{2, 3}, {6, 2}, {6}, {1}},                    // And are row-major for another one,
+        {{2, 2, 4}, {0, 4, 1}, {2, 1, 8}, {0, 4, 1}},  //
+        {{4, 1, 3}, {0, 5, 1}, {4, 3}, {0, 1}},        // or those of a view where that does not fit.
+        {{}, {}, {1, 1}, {1, 1}},
+    };
+    for (const Case& c : cases) {
+        std::int64_t capacity = 1;
+        for_each_offset(c.shape, c.strides, [&](std::int64_t at) { capacity = std::max(capacity, at + 1); });
+        const TensorPtr whole(Tensor::empty({capacity}, 0, dtype::float32));
+        const TensorPtr t(share_storage_tensor(whole->getStorage(), c.shape, c.strides, dtype::float32, 0));
+        t->updateShape(c.target);
+        EXPECT_EQ(t->Strides(), c.expected) << shape_text(c.shape) << shape_text(c.target);
+        EXPECT_EQ(t->getMeta()->GetStride(), c.expected);
+    }
+}
+
+TEST(State, ScalarFlagFollowsTheAxes) {
+    const auto flag_of = [](Tensor* t) { return TensorPtr(t)->get_if_scalar(); };
+    const TensorPtr one(Tensor::ones({1, 1}, 0, dtype::float32)), scalar(Tensor::ones({}, 0, dtype::float32));
+    EXPECT_TRUE(flag_of(one->reshape({})));
+    EXPECT_TRUE(flag_of(one->reshape_copy({})));
+    EXPECT_TRUE(flag_of(one->squeeze()));
+    EXPECT_TRUE(flag_of(one->select_ndim({"0", "0"})));
+    EXPECT_TRUE(flag_of(TileGrad(one.get(), {}, {1, 1})));
+    EXPECT_FALSE(flag_of(scalar->view({1})));
+    EXPECT_FALSE(Tensor().get_if_scalar());
+    scalar->reshape_({2, 2});
+    EXPECT_FALSE(scalar->get_if_scalar());
+    one->updateShape({});
+    EXPECT_TRUE(one->get_if_scalar());
+    one->initialize_none_tensor({2}, dtype::int8, 0, 0);
+    EXPECT_FALSE(one->get_if_scalar());
+}
+
 TEST(State, RefusedUpdatesChangeNothing) {
     Tensor t({2, 3}, dtype::float32);
     const auto refused = [&](const auto& call, const std::string& message, const std::string& name) {
@@ -194,6 +243,7 @@ TEST(State, RefusedUpdatesChangeNothing) {
         EXPECT_EQ(t.getMeta()->GetShape(), (Dims{2, 3}));
         EXPECT_EQ(t.Dtype(), dtype::float32);
         EXPECT_EQ(t.StorageOffset(), 0);
+        EXPECT_EQ(t.Size(), 6);
     };
     refused([&] { t.updateShape({7}); }, "( 2, 3 )  not same size for reshape: ( 7 ) ", "updateShape");
     refused([&] { t.updateShape({0, 6}); }, "( 2, 3 )  not same size for reshape: ( 0, 6 ) ", "updateShape");
@@ -206,11 +256,39 @@ TEST(State, RefusedUpdatesChangeNothing) {
     refused([&] { t.updateOffset(-1); }, misfit({2, 3}, {3, 1}, -1, 6), "updateOffset");
     refused([&] { t.updateDtype(dtype::float64); }, misfit({2, 3}, {3, 1}, 0, 3), "updateDtype");
     refused([&] { t.updateDtype(10); }, "Not valid data type.", "updateDtype");
+    refused([&] { t.setSize(7); }, "Size can not be 7 for shape ( 2, 3 ) ", "setSize");
+    refused([&] { t.setSize(-1); }, "Size can not be -1 for shape ( 2, 3 ) ", "setSize");
+    const auto initialise = [&](const Dims& shape) {
+        return [&t, shape] { t.initialize_none_tensor(shape, 6, 0, 0); };
+    };
+    const std::string negative = "Extents can not be negative: shape ( -2, -3 ) ";
+    refused(initialise({-2, -3}), negative, "initialize_none_tensor");
+    refused([&] { t.init_tensor_without_alloc_data({-2, -3}, 6, 0, 0); }, negative, "init_tensor_without_alloc_data");
+    refused([&] { t.init_sparse_tensor({-2, -3}, 6, 0, layout::csr, {}); }, negative, "init_sparse_tensor");
+    refused(
+        [&] {
+            t.init_sparse_tensor({2, 3}, 10, 0, layout::csr, {});
+        },
+        "Not valid data type.", "init_sparse_tensor");
+    expect_error(initialise({max64}), "Too many elements for a buffer: 9223372036854775807.",
+                 "ornik::device::AllocTensorBuffer", "src/hardware/allocator.cpp");
+    EXPECT_EQ(t.Shape(), (Dims{2, 3}));
+    EXPECT_EQ(t.get_options()->size, 6);
+    expect_error(
+        [] {
+            tensorT::Tensor_Meta({-2, -3}, {3, 1}, 6, 0, 0, 0, true);
+        },
+        negative, "ornik::tensorT::Tensor_Meta::Tensor_Meta", "src/tensor/tensor_meta.cpp");
     Tensor one({1}, dtype::float32);
     expect_error([&] { one.updateShape({5}); }, misfit({5}, {1}, 0, 1), "ornik::Tensor::updateShape", state_file);
     Tensor unbound;
     unbound.updateShape({5});
     EXPECT_EQ(unbound.Shape(), Dims{5});
+    expect_error(
+        [&] {
+            unbound.updateStrides({2, 1});
+        },
+        "Strides ( 2, 1 ) do not fit shape ( 5 ) ", "ornik::Tensor::updateStrides", state_file);
 }
 
 TEST(State, InitialisersAcceptZeroExtents) {
@@ -225,6 +303,11 @@ TEST(State, InitialisersAcceptZeroExtents) {
     EXPECT_TRUE(empty.is_coo());
     const TensorPtr view(share_storage_tensor(empty.getStorage(), {0, 3}, {3, 1}, dtype::int16, 0));
     EXPECT_EQ(view->Size(), 0);
+    empty.init_tensor_without_alloc_data({2, 3}, dtype::float32, 0, 0);
+    EXPECT_EQ(empty.getMeta(), nullptr);
+    EXPECT_EQ(empty.getStorage(), nullptr);
+    empty.updateDevice(std::numeric_limits<std::int64_t>::min());
+    EXPECT_EQ(empty.getGPUIndex(), max64 - 999);
     expect_error([&] { described.init_tensor_without_alloc_data({2}, 16, 0, 0); }, "Not valid data type.",
                  "ornik::Tensor::init_tensor_without_alloc_data", state_file);
     EXPECT_EQ(described.Dtype(), dtype::int8);
@@ -271,6 +354,81 @@ TEST(Views, NeverReachOutsideTheirStorage) {
                  state_file);
     expect_error([] { share_storage_tensor(nullptr, {1}, {1}, 6, 0); }, "Tensor needs a storage to share.",
                  "ornik::share_storage_tensor", state_file);
+}
+
+// A tensor without axes gives views with any extents; what walks axes refuses negative ones.
+TEST(Views, NegativeExtentsAreNotWalked) {
+    const TensorPtr scalar(Tensor::ones({}, 0, dtype::float32)), places = make<std::int64_t>({1}, {0});
+    const TensorPtr flags(Tensor::ones({}, 0, dtype::boolean));
+    for (const Dims& shape : {Dims{-2, -3}, {-1}, {2, -3}, {-2, 0}}) {
+        const TensorPtr t(Tensor::broadcast_to(scalar.get(), shape)), mask(Tensor::broadcast_to(flags.get(), shape));
+        EXPECT_EQ(t->Shape(), shape);
+        Tensor* x = t.get();
+        Tensor* i = places.get();
+        const std::function<Tensor*()> calls[] = {
+            [&] { return sum(x, {}, false); },
+            [&] { return prod(x, {-1}, true); },
+            [&] { return mean(x, {}, false); },
+            [&] { return l2_norm(x, {}, false); },
+            [&] { return any(x, {}, false); },
+            [&] { return all(x, {0}, false); },
+            [&] { return var(x, {}, false); },
+            [&] { return logsumexp(x, {}, false); },
+            [&] { return max(x, {}, false); },
+            [&] { return argmin(x, {}, false); },
+            [&] { return median(x, {}, false); },
+            [&] { return sum_grad(scalar.get(), x, {}, false); },
+            [&] { return max_grad(scalar.get(), x, {}, false); },
+            [&] { return cumsum(x, 0); },
+            [&] { return softmax(x, 0); },
+            [&] { return argsort(x, 0, false); },
+            [&] { return sort(x, -1, true).front(); },
+            [&] { return unique(x).front(); },
+            [&] { return searchsorted(x, x, false); },
+            [&] { return index_select(x, 0, i); },
+            [&] { return take(x, i); },
+            [&] { return gather(x, 0, i); },
+            [&] { return index_get(x, {i}); },
+            [&] { return masked_select(scalar.get(), mask.get()); },
+            [&] { return masked_select(x, flags.get()); },
+            [&] { return nonzero(x); },
+            [&] { return x->select({":"}); },
+            [&] { return x->select_ndim({":"}); },
+            [&] { return x->select_ndim({"0"}); },
+            [&] { return x->select_ndim_without_copy({"-1"}); },
+            [&] { return x->flip({0}); },
+            [&] { return x->tril(0); },
+            [&] { return trace(x, 0, 0, -1); },
+            [&] { return x->diagonal(0, 0, 1); },
+            [&] {
+                return concat({x, x}, 0);
+            },
+            [&] { return tile(x, {2}); },
+        };
+        for (std::size_t k = 0; k < std::size(calls); ++k) {
+            EXPECT_THROW(delete calls[k](), std::runtime_error) << shape_text(shape) << "call " << k;
+        }
+        if (shape[0] == -2) {
+            expect_error(calls[0], "Extents can not be negative: shape " + shape_text(shape), "ornik::sum",
+                         "src/tensor/tensor_math/reductions.cpp");
+        }
+    }
+}
+
+TEST(Views, MetasOutsideTheirStorageAreNotPrinted) {
+    const tensorT::Tensor_Meta far({2}, {1}, dtype::float32, 0, 0, 1 << 20, true);
+    const tensorT::Tensor_Meta wide({2}, {1 << 20}, dtype::float32, 0, 0, 0, true);
+    tensorT::Tensor_Meta counted({2}, {1}, dtype::float32, 0, 0, 0, true);
+    counted.setSize(1 << 20);
+    const std::string refusal = "ornik::Tensor::init_none_tensor_with_shared_storage";
+    expect_error([&] { far.Print(); }, misfit({2}, {1}, 1 << 20, 2), refusal, state_file);
+    expect_error([&] { wide.Print(); }, misfit({2}, {1 << 20}, 0, 2), refusal, state_file);
+    const float raw[] = {5, 6};
+    counted.convert_dtype_and_copy_data(raw, dtype::float32);
+    testing::internal::CaptureStdout();
+    counted.Print();
+    const std::string printed = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(printed, "CHANGE TO contiguous;\n####Data#### \n data 0 : 5,  data 1 : 6, \n#######End###### \n");
 }
 
 TEST(Views, KeepTheStorageAlive) {

@@ -6,17 +6,12 @@
 #include "hardware/cpu/copy/item_bytes.h"
 #include "hardware/cpu/dispatch.h"
 #include "hardware/parallel.h"
-#include "tensor/geometry.h"
 
 namespace ornik::device::cpu {
 
 namespace {
 
 constexpr std::int64_t grain_bytes = 1 << 18;
-
-bool is_flat(const Tensor* t) {
-    return t->is_contiguous() && checked_numel(where("ornik::device::cpu::copy"), t->Shape()) == t->Size();
-}
 
 MultiTensorIterationHelper elements_of(const Tensor* in, Tensor* out) {
     MultiTensorIterationHelper elements;
@@ -40,14 +35,21 @@ void copy(const Tensor* in, Tensor* out) {
         const MultiTensorIterationHelper elements = elements_of(in, out);
         dispatch(AllTypes{}, in->Dtype(), [&]<typename From>() {
             dispatch(AllTypes{}, out->Dtype(), [&]<typename To>() {
-                elements.run<TypeList<To>, TypeList<From>>([](From value) { return convert_element<To>(value); });
+                elements.run_rows<TypeList<To>, TypeList<From>>(
+                    [](std::int64_t n, To* target, const From* source) {
+                        ORNIK_INDEPENDENT_ITERATIONS
+                        for (std::int64_t i = 0; i < n; ++i) {
+                            target[i] = convert_element<To>(source[i]);
+                        }
+                    },
+                    true);
             });
         });
         return;
     }
     // The block copy serves the ranks that the engine serves, and no others.
     constexpr std::int32_t max_dims = OffsetCalculator_cpu<std::int64_t>::max_dims;
-    if (in->ndim() > max_dims || out->ndim() > max_dims || !is_flat(in) || !is_flat(out)) {
+    if (in->ndim() > max_dims || out->ndim() > max_dims || !in->is_contiguous() || !out->is_contiguous()) {
         copy_items(in, out);
         return;
     }

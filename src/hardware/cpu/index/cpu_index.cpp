@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <numeric>
 #include <vector>
 
 #include "../axis/cpu_axis_runs.h"
@@ -263,6 +264,19 @@ void add_offsets(const Tensor* index, std::int64_t n, std::int64_t stride, std::
                          }
                          return true;
                      });
+}
+
+void mark_replaced(const std::vector<std::int64_t>& places, Tensor* mask) {
+    std::vector<std::int64_t> order(places.size());
+    std::iota(order.begin(), order.end(), 0);
+    const auto place = [&](std::size_t i) { return places[static_cast<std::size_t>(order[i])]; };
+    std::stable_sort(order.begin(), order.end(), [&](std::int64_t a, std::int64_t b) {
+        return places[static_cast<std::size_t>(a)] < places[static_cast<std::size_t>(b)];
+    });
+    auto* replaced = static_cast<bool*>(mask->getRawData());
+    for (std::size_t i = 0; i < order.size(); ++i) {
+        replaced[order[i]] = i + 1 < order.size() && place(i + 1) == place(i);
+    }
 }
 
 void take_slices(const SliceWalk& walk) {

@@ -35,18 +35,17 @@ template <typename T>
 class Scratch {
   public:
     explicit Scratch(std::int64_t count)
-        : buffer_(
-              AllocTensorBuffer(0, count * static_cast<std::int64_t>(sizeof(T)) + 64 + 9 * piece_bytes, dtype::uint8)) {
-        const auto address = reinterpret_cast<std::uintptr_t>(buffer_);
+        : buffer_(AllocTensorBuffer(0, count * static_cast<std::int64_t>(sizeof(T)) + 64 + 9 * piece_bytes, 1)) {
+        const auto address = reinterpret_cast<std::uintptr_t>(buffer_->device_addr);
         data_ = reinterpret_cast<T*>(address + (64 - address % 64) % 64);
     }
-    ~Scratch() { FreeTensorBuffer(0, buffer_); }
+    ~Scratch() { FreeTensorBuffer(0, buffer_->device_addr, buffer_); }
     Scratch(const Scratch&) = delete;
     Scratch& operator=(const Scratch&) = delete;
     T* get() const { return data_; }
 
   private:
-    void* buffer_;
+    DynamicMemBuf* buffer_;
     T* data_;
 };
 
