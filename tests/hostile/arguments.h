@@ -9,8 +9,8 @@
 #include <map>
 #include <sstream>
 
-#include "ornik.h"
 #include "support/tensors.h"
+#include "tensor_headers.h"
 
 namespace ornik::test {
 
