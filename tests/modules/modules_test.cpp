@@ -116,7 +116,7 @@ double trained(const Options& options) {
     KTensor w = KTensor({1.0, -1.0, 0.5}).requires_grad();
     Method method({w}, options);
     const KTensor x({{1.0, 0.2, -0.3}, {0.1, 0.8, 0.4}, {-0.5, 0.3, 1.1}, {0.7, -0.6, 0.2}});
-    const auto loss = [&] { return mean(sqr(sum(x * w, {1}))); };
+    const auto loss = [&]() -> KTensor { return mean(sqr(sum(x * w, {1}))); };
     const double first = loss().item<double>();
     for (int i = 0; i < 60; ++i) {
         method.zero_grad();
