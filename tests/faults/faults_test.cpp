@@ -1,5 +1,6 @@
 // The k-th allocation fails, for every k until a call succeeds: operator new first, then the pool's device. After each
 // failure the operands hold what they held, nothing is lost, and the same call still works.
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -290,7 +291,10 @@ class Faults : public testing::Test {
     }
     ~Faults() override {
         AllocatorConfig::Get().cpu_pool()->DumpDynamicMemPoolInfo();
-        testing::internal::GetCapturedStdout();
+        const std::string text = testing::internal::GetCapturedStdout();
+        if (HasFailure()) {
+            std::fputs(text.c_str(), stderr);  // What failed stands between the dumps.
+        }
     }
 };
 
