@@ -33,8 +33,8 @@ namespace ornik {
 // Real dtypes. NaN wins. Elements equal to the result share its gradient in equal parts (median: the ones that a stable
 // sort puts into the middle).
 
-[[nodiscard]] ORNIK_API KTensor max(const KTensor& x, const std::vector<int>& axes = {}, bool keep_dims = false);
-[[nodiscard]] ORNIK_API KTensor min(const KTensor& x, const std::vector<int>& axes = {}, bool keep_dims = false);
+[[nodiscard]] ORNIK_API KTensor(max)(const KTensor& x, const std::vector<int>& axes = {}, bool keep_dims = false);
+[[nodiscard]] ORNIK_API KTensor(min)(const KTensor& x, const std::vector<int>& axes = {}, bool keep_dims = false);
 /// The middle element in order, or the mean of the two middle ones.
 [[nodiscard]] ORNIK_API KTensor median(const KTensor& x, const std::vector<int>& axes = {}, bool keep_dims = false);
 /// int64 positions of the first largest (smallest) element, in row-major order of the reduced axes.

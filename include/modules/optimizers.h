@@ -64,7 +64,7 @@ class ORNIK_API Optimizer {
     Optimizer() = default;
     void add_group(const std::vector<KTensor>& parameters);
     /// steps counts from 1.
-    virtual void step(Slot& slot, const KTensor& gradient) = 0;
+    virtual void update(Slot& slot, const KTensor& gradient) = 0;
     /// The slot's tensor of that name, made of zeros like the parameter on first use.
     static Tensor* kept(Slot& slot, const char* name);
 
@@ -113,7 +113,7 @@ class ORNIK_API SGD : public detail::GroupedOptimizer<SgdOptions> {
     void set_momentum(std::size_t group, double momentum) override { options_.at(group).momentum = momentum; }
 
   protected:
-    void step(Slot& slot, const KTensor& gradient) override;
+    void update(Slot& slot, const KTensor& gradient) override;
 };
 
 struct AdamOptions {
@@ -132,7 +132,7 @@ class ORNIK_API Adam : public detail::GroupedOptimizer<AdamOptions> {
     void set_momentum(std::size_t group, double beta1) override { options_.at(group).beta1 = beta1; }
 
   protected:
-    void step(Slot& slot, const KTensor& gradient) override;
+    void update(Slot& slot, const KTensor& gradient) override;
 };
 
 /// Weight decay apart from the gradient; 1e-2 is the usual one.
@@ -141,7 +141,7 @@ class ORNIK_API AdamW : public Adam {
     using Adam::Adam;
 
   protected:
-    void step(Slot& slot, const KTensor& gradient) override;
+    void update(Slot& slot, const KTensor& gradient) override;
 };
 
 struct AdamaxOptions {
@@ -157,7 +157,7 @@ class ORNIK_API Adamax : public detail::GroupedOptimizer<AdamaxOptions> {
     using GroupedOptimizer::GroupedOptimizer;
 
   protected:
-    void step(Slot& slot, const KTensor& gradient) override;
+    void update(Slot& slot, const KTensor& gradient) override;
 };
 
 struct AdagradOptions {
@@ -172,7 +172,7 @@ class ORNIK_API Adagrad : public detail::GroupedOptimizer<AdagradOptions> {
     using GroupedOptimizer::GroupedOptimizer;
 
   protected:
-    void step(Slot& slot, const KTensor& gradient) override;
+    void update(Slot& slot, const KTensor& gradient) override;
 };
 
 struct AdadeltaOptions {
@@ -187,7 +187,7 @@ class ORNIK_API Adadelta : public detail::GroupedOptimizer<AdadeltaOptions> {
     using GroupedOptimizer::GroupedOptimizer;
 
   protected:
-    void step(Slot& slot, const KTensor& gradient) override;
+    void update(Slot& slot, const KTensor& gradient) override;
 };
 
 struct RmspropOptions {
@@ -206,7 +206,7 @@ class ORNIK_API RMSprop : public detail::GroupedOptimizer<RmspropOptions> {
     void set_momentum(std::size_t group, double momentum) override { options_.at(group).momentum = momentum; }
 
   protected:
-    void step(Slot& slot, const KTensor& gradient) override;
+    void update(Slot& slot, const KTensor& gradient) override;
 };
 
 // ---- Clipping ----

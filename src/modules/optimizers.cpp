@@ -41,7 +41,7 @@ void Optimizer::step() {
     for (Slot& slot : slots_) {
         if (const KTensor gradient = slot.parameter.grad(); gradient.defined()) {
             ++slot.steps;
-            step(slot, gradient);
+            update(slot, gradient);
         }
     }
 }
@@ -140,7 +140,7 @@ std::int32_t step_number(std::int64_t steps) {
 
 }  // namespace
 
-void SGD::step(Slot& slot, const KTensor& gradient) {
+void SGD::update(Slot& slot, const KTensor& gradient) {
     const SgdOptions& o = options_[slot.group];
     const bool first = slot.kept.empty();
     Tensor* buffer = o.momentum != 0 ? kept(slot, "momentum_buffer") : nullptr;
@@ -148,7 +148,7 @@ void SGD::step(Slot& slot, const KTensor& gradient) {
                  {single(o.lr), single(o.momentum), single(o.dampening), single(o.weight_decay), o.nesterov, first});
 }
 
-void Adam::step(Slot& slot, const KTensor& gradient) {
+void Adam::update(Slot& slot, const KTensor& gradient) {
     const AdamOptions& o = options_[slot.group];
     Tensor* m = kept(slot, "exp_avg");
     Tensor* v = kept(slot, "exp_avg_sq");
@@ -157,7 +157,7 @@ void Adam::step(Slot& slot, const KTensor& gradient) {
                    step_number(slot.steps)});
 }
 
-void AdamW::step(Slot& slot, const KTensor& gradient) {
+void AdamW::update(Slot& slot, const KTensor& gradient) {
     const AdamOptions& o = options_[slot.group];
     Tensor* m = kept(slot, "exp_avg");
     Tensor* v = kept(slot, "exp_avg_sq");
@@ -166,7 +166,7 @@ void AdamW::step(Slot& slot, const KTensor& gradient) {
                o.amsgrad ? kept(slot, "max_exp_avg_sq") : nullptr, o.amsgrad);
 }
 
-void Adamax::step(Slot& slot, const KTensor& gradient) {
+void Adamax::update(Slot& slot, const KTensor& gradient) {
     const AdamaxOptions& o = options_[slot.group];
     Tensor* m = kept(slot, "exp_avg");
     nn::adamax_step(slot.parameter.tensor(), gradient.tensor(), m, kept(slot, "exp_inf"),
@@ -174,21 +174,21 @@ void Adamax::step(Slot& slot, const KTensor& gradient) {
                      step_number(slot.steps)});
 }
 
-void Adagrad::step(Slot& slot, const KTensor& gradient) {
+void Adagrad::update(Slot& slot, const KTensor& gradient) {
     const AdagradOptions& o = options_[slot.group];
     const double lr = o.lr / (1 + static_cast<double>(slot.steps - 1) * o.lr_decay);
     nn::adagrad_step(slot.parameter.tensor(), gradient.tensor(), kept(slot, "sum"),
                      {single(lr), single(o.eps), single(o.weight_decay)});
 }
 
-void Adadelta::step(Slot& slot, const KTensor& gradient) {
+void Adadelta::update(Slot& slot, const KTensor& gradient) {
     const AdadeltaOptions& o = options_[slot.group];
     Tensor* average = kept(slot, "square_avg");
     nn::adadelta_step(slot.parameter.tensor(), gradient.tensor(), average, kept(slot, "acc_delta"),
                       {single(o.lr), single(o.rho), single(o.eps), single(o.weight_decay)});
 }
 
-void RMSprop::step(Slot& slot, const KTensor& gradient) {
+void RMSprop::update(Slot& slot, const KTensor& gradient) {
     const RmspropOptions& o = options_[slot.group];
     Tensor* average = kept(slot, "square_avg");
     Tensor* mean = o.centered ? kept(slot, "grad_avg") : nullptr;

@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <filesystem>
+#include <functional>
 #include <numbers>
 
 #include "ktensor/arithmetic.h"
@@ -116,7 +117,7 @@ double trained(const Options& options) {
     KTensor w = KTensor({1.0, -1.0, 0.5}).requires_grad();
     Method method({w}, options);
     const KTensor x({{1.0, 0.2, -0.3}, {0.1, 0.8, 0.4}, {-0.5, 0.3, 1.1}, {0.7, -0.6, 0.2}});
-    const auto loss = [&] { return mean(sqr(sum(x * w, {1}))); };
+    const std::function<KTensor()> loss = [&] { return mean(sqr(sum(x * w, {1}))); };
     const double first = loss().item<double>();
     for (int i = 0; i < 60; ++i) {
         method.zero_grad();
@@ -166,7 +167,7 @@ TEST(Optimizers, ContinueFromTheirState) {
                   adam.load_state({{"1.step", KTensor::scalar(1)}, {"0.exp_avg", KTensor::ones({2})}});
               }),
               "load_state(): 1.step belongs to no parameter; 0.exp_avg is [2] float32 for [1] float64.");
-    EXPECT_EQ(message_of([&] { Adam({w, w}); }), "Optimizer(): parameter 1, [1] float64, is listed twice.");
+    EXPECT_EQ(message_of([&] { const Adam twice({w, w}); }), "Optimizer(): parameter 1, [1] float64, is listed twice.");
 }
 
 TEST(Optimizers, ClippingKeepsTheDirection) {

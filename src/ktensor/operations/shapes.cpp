@@ -35,7 +35,7 @@ KTensor share(const KTensor& x, const Dims& shape, const Dims& strides) {
 
 // `shape` with the extent for -1.
 Dims complete_shape(const char* name, const KTensor& x, const Dims& shape) {
-    const auto refuse = [&] [[noreturn]] {
+    const auto refuse = [&] {
         fail(where("ornik::KTensor"), name, "(): ", describe(x), " has ", x.size(), " elements, which do not make ",
              describe(shape, x.dtype()), ".");
     };
