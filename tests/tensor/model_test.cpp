@@ -327,8 +327,7 @@ TEST(Views, ArgumentsInTheirOrder) {
     const TensorPtr shaped(view_tensor(whole.get(), {2, 4}));
     EXPECT_EQ(shaped->getStorage(), whole->getStorage());
     EXPECT_EQ(shaped->Strides(), (Dims{4, 1}));
-    expect_error([&] { view_tensor(view.get(), {4}); }, "Can not view this tensor.", "ornik::view_tensor",
-                 shape_file);
+    expect_error([&] { view_tensor(view.get(), {4}); }, "Can not view this tensor.", "ornik::view_tensor", shape_file);
 }
 
 TEST(Views, NeverReachOutsideTheirStorage) {
