@@ -257,7 +257,11 @@ int Tensor::init_none_tensor_with_shared_storage(const Dims& shape, const Dims& 
 
 int Tensor::init_sparse_tensor(const Dims& shape, std::int64_t dtype, std::int64_t device, std::int64_t layout,
                                std::vector<std::unique_ptr<Tensor>>&& members) {
-    const std::int64_t size = check_description(where("ornik::Tensor::init_sparse_tensor", family), shape, dtype);
+    const Where at = where("ornik::Tensor::init_sparse_tensor", family);
+    const std::int64_t size = check_description(at, shape, dtype);
+    if (layout != ornik::layout::csr && layout != ornik::layout::coo) {
+        fail(at, "A sparse tensor has layout 1 (CSR) or 2 (COO), however it is ", layout);
+    }
     Dims strides = shape2stride(shape);
     std::vector<Tensor*> owned(members.size());
     auto meta = new_meta(size, dtype, device, layout, 0);
