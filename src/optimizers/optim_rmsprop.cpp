@@ -25,6 +25,7 @@ void rmsprop_step(Tensor* param, Tensor* grad, Tensor* square_avg, Tensor* mean,
     if (buffer == nullptr && parameters.momentum != 0) {
         fail(at, "'rmsprop_step' with momentum needs a buffer.");
     }
+    check_operands(at, square_avg);
     check_step(at, "rmsprop_step", param, grad, present({square_avg, mean, buffer}));
     announce_step(at, {param, square_avg, mean, buffer});
     device::cpu::rmsprop(RealParts(param).get(), RealParts(grad).get(), RealParts(square_avg).get(),

@@ -193,8 +193,11 @@ T number_or(World& world, double usual, std::initializer_list<T> hostile) {
     return pick == 0 ? static_cast<T>(good) : hostile.begin()[pick];
 }
 
+/// Structures of settings are good as they come.
 template <typename T>
-struct Argument;
+struct Argument {
+    static T make(World& /*world*/) { return T{}; }
+};
 
 template <>
 struct Argument<Tensor*> {
@@ -473,6 +476,75 @@ struct Argument<MultiHeadState> {
     }
 };
 
+template <std::size_t n>
+struct Argument<std::array<bool, n>> {
+    static std::array<bool, n> make(World& world) {
+        std::array<bool, n> flags{};
+        flags.fill(!Argument<bool>::make(world));
+        return flags;
+    }
+};
+template <>
+struct Argument<std::array<std::int64_t, 2>> {
+    static std::array<std::int64_t, 2> make(World& world) {
+        return {Argument<std::int64_t>::make(world), Argument<std::int64_t>::make(world)};
+    }
+};
+template <>
+struct Argument<SliceItems> {
+    static SliceItems make(World& world) {
+        constexpr std::int64_t max = std::numeric_limits<std::int64_t>::max();
+        using Item = SliceItem;
+        return world.one_of<SliceItems>({{Item::all()},
+                                         {},
+                                         {Item::index(1)},
+                                         {Item::ellipsis(), Item::from(2, -1)},
+                                         {Item::new_axis(), Item::all(-1), Item::range(-1, -3, -1)},
+                                         {Item::index(max)},
+                                         {Item::index(-max - 1)},
+                                         {Item::range(-max - 1, max, max)},
+                                         {Item::range(max, -max - 1, -max - 1)},
+                                         {Item::all(0)},
+                                         {Item::ellipsis(), Item::ellipsis()},
+                                         {Item::positions(nullptr)},
+                                         {Item::positions(world.operand())},
+                                         SliceItems(40, Item::new_axis())});
+    }
+};
+template <>
+struct Argument<std::vector<PadWidth>> {
+    static std::vector<PadWidth> make(World& world) {
+        constexpr std::int64_t max = std::numeric_limits<std::int64_t>::max();
+        return world.one_of<std::vector<PadWidth>>({{{1, 0}, {0, 2}},
+                                                    {},
+                                                    {{1, 1}},
+                                                    {{-1, 0}, {-1, -1}},
+                                                    {{-3, -3}, {0, 0}},
+                                                    {{max, max}, {0, 0}},
+                                                    {{-max - 1, 0}, {0, 0}},
+                                                    {{0, 100}, {7, 0}}});
+    }
+};
+template <typename T>
+requires std::is_enum_v<T>
+struct Argument<T> {
+    static T make(World& world) { return static_cast<T>(world.picks.next(10)); }
+};
+template <>
+struct Argument<nn::RecurrentWeights> {
+    static nn::RecurrentWeights make(World& world) {
+        return {world.operand(), world.operand(), world.operand(), world.operand()};
+    }
+};
+template <>
+struct Argument<nn::RecurrentSaved> {
+    static nn::RecurrentSaved make(World& world) { return {world.operand(), world.operand(), world.operand()}; }
+};
+template <>
+struct Argument<nn::RecurrentUpstream> {
+    static nn::RecurrentUpstream make(World& world) { return {world.operand(), world.operand(), world.operand()}; }
+};
+
 // ---- Results ----
 
 template <typename T>
@@ -480,6 +552,8 @@ void take_result(World& world, T&& result) {
     using Plain = std::decay_t<T>;
     if constexpr (std::is_same_v<Plain, Tensor*>) {
         world.take(result);
+    } else if constexpr (std::is_same_v<Plain, TensorPtr>) {
+        world.take(result.release());
     } else if constexpr (std::is_same_v<Plain, std::vector<Tensor*>> || std::is_same_v<Plain, std::array<Tensor*, 3>>) {
         std::for_each(result.begin(), result.end(), [&](Tensor* t) { world.take(t); });
     } else if constexpr (std::is_same_v<Plain, Layer*> || std::is_same_v<Plain, Loss*>) {

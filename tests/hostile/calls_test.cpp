@@ -4,10 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
-
 namespace ornik::test {
 namespace {
 
@@ -30,22 +26,6 @@ class HostileCalls : public testing::Test {
 
     // The text of the refusal, empty when the call worked.
     std::string run(const CallRow& row, World& world) {
-        if (getenv("HT") != nullptr) {
-            static const std::string skip = [] {
-                std::ifstream f("/tmp/ht.skip");
-                return std::string(std::istreambuf_iterator<char>(f), {});
-            }();
-            if (skip.find("<" + row.name + ">") != std::string::npos)
-                return "skipped";
-            static FILE* f = fopen("/tmp/ht.log", "w");
-            rewind(f);
-            std::string p;
-            for (auto x : world.picks.values())
-                p += " " + std::to_string(x);
-            fprintf(f, "<%s> %s                                                                           \n",
-                    row.name.c_str(), p.c_str());
-            fflush(f);
-        }
         const CallOutcome outcome = run_call(row, world);
         std::string picks = " with picks";
         for (const std::size_t pick : world.picks.values()) {
@@ -63,7 +43,7 @@ TEST_F(HostileCalls, OneArgumentAtATime) {
     for (const CallRow& row : call_rows()) {
         World good(row.operands, {});
         const std::string text = run(row, good);
-        expect(text.empty() != row.refused, row, "good arguments: " + text);
+        expect(row.may_be_refused || text.empty() != row.refused, row, "good arguments: " + text);
         const std::vector<std::size_t>& choices = good.picks.choices();
         for (std::size_t place = 0; place < choices.size(); ++place) {
             std::vector<std::size_t> picks(place + 1);

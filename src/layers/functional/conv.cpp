@@ -64,8 +64,9 @@ Plan plan_of(const Where& at, const Dims& input, const Dims& weight, const ConvP
              ", weight ", weight);
     }
     const std::int64_t split = weight[0];  // The axis of the weight that all groups share.
-    const std::int64_t wanted = p.transposed ? split : weight[1] * p.groups;
-    if (p.groups < 1 || weight[1] < 1 || split < 1 || split % p.groups != 0 || input[1] != wanted) {
+    const bool divides = p.groups >= 1 && p.groups < largest && weight[1] >= 1 && weight[1] < largest && split >= 1 &&
+                         split % p.groups == 0;
+    if (!divides || input[1] != (p.transposed ? split : weight[1] * p.groups)) {
         fail(at, "A weight ", weight, "in ", p.groups, " groups does not fit an input ", input);
     }
     const std::int64_t channels = p.transposed ? weight[1] * p.groups : split;

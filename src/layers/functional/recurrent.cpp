@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 #include <vector>
 
 #include "hardware/cpu/nn/cpu_recurrent.h"
@@ -98,7 +99,7 @@ Plan plan_of(const Where& at, const Kind& kind, const Tensor* input, const Tenso
             if (sizes[i] < 1 || (i > 0 && sizes[i] > sizes[i - 1])) {
                 fail(at, "The batch sizes of ", kind.name, " should be positive and not rise: ", batch_sizes);
             }
-            plan.entries += sizes[i];
+            plan.entries += std::min(sizes[i], std::numeric_limits<std::int64_t>::max() - plan.entries);
         }
         if (plan.entries != shape[0]) {
             fail(at, "The batch sizes of ", kind.name, " have ", plan.entries, " entries, its input ", shape[0]);

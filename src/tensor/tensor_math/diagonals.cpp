@@ -1,4 +1,6 @@
 // diagonals.cpp: diagonals as tensors and as parts of tensors, and triangles.
+#include <limits>
+
 #include "joins.h"
 
 namespace ornik {
@@ -72,6 +74,10 @@ Tensor* diag_grad(const Tensor* grad, const Dims& shape, std::int64_t offset) {
     check_diag(at, shape);
     if (shape.size() == 2) {
         return diagonal_grad(grad, shape, offset, 0, 1);
+    }
+    constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max() / 2;
+    if (shape[0] > most || offset > most || offset < -most) {
+        fail(at, "A diagonal of ", shape[0], " elements displaced by ", offset, " fits into no matrix.");
     }
     const std::int64_t length = shape[0] + (offset < 0 ? -offset : offset);
     check_gradient_shape(at, grad, {length, length});

@@ -1,6 +1,7 @@
 // repeats.cpp: repeating, shifting and padding.
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 #include "hardware/cpu/dispatch.h"
 #include "hardware/cpu/index/cpu_indexing.h"
@@ -245,6 +246,11 @@ Dims padded_shape(const Where& at, const Dims& shape, const std::vector<PadWidth
     Dims result;
     for (std::size_t i = 0; i < shape.size(); ++i) {
         const auto [before, behind] = widths[i];
+        // Far more than any tensor has, and their sum still fits.
+        constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max() / 4;
+        if (std::max({shape[i], before, behind}) > most || std::min({shape[i], before, behind}) < -most) {
+            fail(at, "Widths of ", before, " and ", behind, " do not fit an axis of ", shape[i], " elements");
+        }
         const bool is_constant = mode == PadMode::constant;
         const bool cuts = before < 0 || behind < 0;
         const bool adds = before > 0 || behind > 0;

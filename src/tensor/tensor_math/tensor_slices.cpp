@@ -57,6 +57,9 @@ std::size_t width_of(const SliceItem& item) {
 }  // namespace
 
 std::vector<ItemAxis> resolve_items(const Where& at, const Dims& shape, const SliceItems& items, bool tensors) {
+    if (std::any_of(shape.begin(), shape.end(), [](std::int64_t extent) { return extent < 0; })) {
+        fail(at, "A shape with extents below 0 has no positions: ", shape);
+    }
     std::size_t named = 0;
     std::size_t ellipses = 0;
     for (const SliceItem& item : items) {
