@@ -3,7 +3,7 @@
 // Everything without ORNIK_API stays hidden inside the library.
 #pragma once
 
-#if defined(_WIN32)
+#if defined(_WIN32) && !defined(ORNIK_STATIC)
 #if defined(ORNIK_BUILDING)
 #define ORNIK_API __declspec(dllexport)
 #else

@@ -52,7 +52,7 @@ class ORNIK_API ConvolFields {
 
     Dims output_shape() const { return {_input_num, _output_channels, _output_rows, _output_cols}; }
     /// The uninitialised output that build_dynamic made; null when it was taken already.
-    std::unique_ptr<Tensor> take_output() { return std::move(output_.tensor); }
+    [[nodiscard]] std::unique_ptr<Tensor> take_output() { return std::move(output_.tensor); }
     /// Every field with its name, one a line.
     std::string debug_dump() const;
 

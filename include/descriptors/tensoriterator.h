@@ -13,6 +13,8 @@
 // for vector code, take whole rows (run_rows, row_loop.h).
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <tuple>
 #include <utility>
@@ -38,6 +40,36 @@ struct TensorIterationHelper {
 
     const Dims& shape() const { return tensor->Shape(); }
     const Dims& strides() const { return tensor->Strides(); }
+};
+
+/// Operands in a row: the common numbers of them without a heap block.
+class OperandList {
+  public:
+    void push_back(const TensorIterationHelper& helper) {
+        if (size_ < few_.size()) {
+            few_[size_++] = helper;
+            return;
+        }
+        if (many_.empty()) {
+            many_.assign(few_.begin(), few_.end());
+        }
+        many_.push_back(helper);
+        ++size_;
+    }
+
+    std::size_t size() const { return size_; }
+    bool empty() const { return size_ == 0; }
+    const TensorIterationHelper* begin() const { return many_.empty() ? few_.data() : many_.data(); }
+    const TensorIterationHelper* end() const { return begin() + size_; }
+    TensorIterationHelper* begin() { return many_.empty() ? few_.data() : many_.data(); }
+    TensorIterationHelper* end() { return begin() + size_; }
+    const TensorIterationHelper& front() const { return *begin(); }
+    const TensorIterationHelper& operator[](std::size_t i) const { return begin()[i]; }
+
+  private:
+    std::array<TensorIterationHelper, 3> few_;
+    std::vector<TensorIterationHelper> many_;  // all of them, once there are more
+    std::size_t size_ = 0;
 };
 
 namespace detail {
@@ -154,7 +186,6 @@ struct ElementLoop<Function, TypeList<Outs...>, TypeList<Ins...>> {
 /// the tensors.
 class MultiTensorIterationHelper {
   public:
-    MultiTensorIterationHelper();
     void add_input(const Tensor* tensor);
     /// A tensor may be an input too: the function then reads the old value.
     void add_output(Tensor* tensor);
@@ -174,18 +205,20 @@ class MultiTensorIterationHelper {
                  {&Loop::run, &function, true}, Loop::item_sizes, Loop::outputs, Loop::operands);
     }
 
-    /// The row form, for functions with much to compute: calls function(n, out..., in...) with pointers to n contiguous
-    /// elements of every operand until all elements are done. An output may be an input, at the same places; outputs
-    /// that write one place more than once keep no particular value.
+    /// The row form, for functions with much to compute and for those that compile too often: calls function(n, out...,
+    /// in...) with pointers to n contiguous elements of every operand until all elements are done. An output may be an
+    /// input, at the same places; outputs that write one place more than once keep no particular value. Light functions
+    /// say so.
     template <typename Outs, typename Ins, typename Function>
-    void run_rows(const Function& function) const {
+    void run_rows(const Function& function, bool is_light = false) const {
         using Loop = detail::RowLoop<Function, Outs, Ins>;
+        const detail::BoundRows rows = Loop::bind(function);
         run_loop(where("ornik::MultiTensorIterationHelper::run", "include/descriptors/tensoriterator.h"),
-                 {&Loop::run, &function, false}, Loop::item_sizes, Loop::outputs, Loop::operands);
+                 {&detail::run_row_loop, &rows, is_light}, Loop::item_sizes, Loop::outputs, Loop::operands);
     }
 
-    const std::vector<TensorIterationHelper>& input_helpers() const { return input_helpers_; }
-    const std::vector<TensorIterationHelper>& output_helpers() const { return output_helpers_; }
+    const OperandList& input_helpers() const { return input_helpers_; }
+    const OperandList& output_helpers() const { return output_helpers_; }
     std::int64_t numel() const { return numel_; }
     /// True when every operand is contiguous.
     bool all_contiguous() const { return all_contiguous_; }
@@ -194,8 +227,8 @@ class MultiTensorIterationHelper {
     void run_loop(const Where& at, const BoundLoop& loop, const std::int64_t* item_sizes, std::size_t outputs,
                   std::size_t operands) const;
 
-    std::vector<TensorIterationHelper> input_helpers_;
-    std::vector<TensorIterationHelper> output_helpers_;
+    OperandList input_helpers_;
+    OperandList output_helpers_;
     std::int64_t numel_ = 0;
     bool all_contiguous_ = false;
 };

@@ -24,8 +24,9 @@ ORNIK_API void save_npy(const std::filesystem::path& path, const Tensor* t, cons
 /// The same bytes in memory.
 ORNIK_API std::vector<std::byte> npy_to_bytes(const Tensor* t);
 
-ORNIK_API std::unique_ptr<Tensor> load_npy(const std::filesystem::path& path, LoadMode mode = LoadMode::copy_on_write);
+[[nodiscard]] ORNIK_API std::unique_ptr<Tensor> load_npy(const std::filesystem::path& path,
+                                                         LoadMode mode = LoadMode::copy_on_write);
 /// From the bytes of a whole file. The elements are copied.
-ORNIK_API std::unique_ptr<Tensor> npy_from_bytes(std::span<const std::byte> bytes);
+[[nodiscard]] ORNIK_API std::unique_ptr<Tensor> npy_from_bytes(std::span<const std::byte> bytes);
 
 }  // namespace ornik

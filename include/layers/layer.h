@@ -29,21 +29,24 @@ class ORNIK_API Layer {
 
     // The virtual operations, in an order that callers rely on.
     virtual ~Layer();
-    virtual Tensor* get_saved_var();
-    virtual Tensor* get_saved_opa();
-    virtual Tensor* backward_dyn(Tensor* a, Tensor* b);
-    virtual Tensor* backward_dyn(Tensor* a, Tensor* b, Tensor* c);
-    virtual Tensor* backward_dyn(Tensor* a, Tensor* b, std::vector<Tensor*>& saved);
-    virtual Tensor* backward_dyn(Tensor* a);
-    virtual Tensor* backward_dyn(Tensor* a, Tensor* b, Tensor* c, Tensor* d, int node);
-    virtual Tensor* backward_dyn(Tensor* a, Tensor* b, Tensor* c, Tensor* d, Tensor* e, Tensor* f, int node);
-    virtual Tensor* backward_dyn(Tensor* a, Tensor* b, Tensor* c, Tensor* d, std::vector<Tensor*>& saved, int node);
-    /// A copy of the list of tensors kept for the backward pass; the layer owns them.
+    [[nodiscard]] virtual Tensor* get_saved_var();
+    [[nodiscard]] virtual Tensor* get_saved_opa();
+    [[nodiscard]] virtual Tensor* backward_dyn(Tensor* a, Tensor* b);
+    [[nodiscard]] virtual Tensor* backward_dyn(Tensor* a, Tensor* b, Tensor* c);
+    [[nodiscard]] virtual Tensor* backward_dyn(Tensor* a, Tensor* b, std::vector<Tensor*>& saved);
+    [[nodiscard]] virtual Tensor* backward_dyn(Tensor* a);
+    [[nodiscard]] virtual Tensor* backward_dyn(Tensor* a, Tensor* b, Tensor* c, Tensor* d, int node);
+    [[nodiscard]] virtual Tensor* backward_dyn(Tensor* a, Tensor* b, Tensor* c, Tensor* d, Tensor* e, Tensor* f,
+                                               int node);
+    [[nodiscard]] virtual Tensor* backward_dyn(Tensor* a, Tensor* b, Tensor* c, Tensor* d, std::vector<Tensor*>& saved,
+                                               int node);
+    /// A copy of the list of tensors kept for the backward pass. The layer owns them: they live until its next
+    /// forward_dyn, an assignment to it, or its end. Clone what has to live longer.
     virtual std::vector<Tensor*> get_fwd_cache();
-    virtual Tensor* forward_dyn(Tensor* a);
-    virtual Tensor* forward_dyn(Tensor* a, Tensor* b, Tensor* c, bool training);
-    virtual Tensor* forward_dyn(Tensor* a, Tensor* b, Tensor* c, bool training, Tensor* d, Tensor* e);
-    virtual Tensor* forward_dyn(Tensor* a, Tensor* b, Tensor* c);
+    [[nodiscard]] virtual Tensor* forward_dyn(Tensor* a);
+    [[nodiscard]] virtual Tensor* forward_dyn(Tensor* a, Tensor* b, Tensor* c, bool training);
+    [[nodiscard]] virtual Tensor* forward_dyn(Tensor* a, Tensor* b, Tensor* c, bool training, Tensor* d, Tensor* e);
+    [[nodiscard]] virtual Tensor* forward_dyn(Tensor* a, Tensor* b, Tensor* c);
     virtual Tensor* get_gw();
     virtual Tensor* get_gb();
     virtual Tensor* get_gx();
@@ -55,6 +58,9 @@ class ORNIK_API Layer {
 
   private:
     void* reserved_ = nullptr;
+
+  protected:
+    /// Tensors that a derived class keeps between calls. This class deletes them, and clones them into copies.
     Tensor* results_[4] = {};
 
   public:

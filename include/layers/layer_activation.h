@@ -29,10 +29,10 @@ class ORNIK_API LActivation : public Layer {
     using Layer::backward_dyn;
     using Layer::forward_dyn;
     /// Any shape and strides; the result is contiguous.
-    Tensor* forward_dyn(Tensor* input) override;
+    [[nodiscard]] Tensor* forward_dyn(Tensor* input) override;
     /// The gradient of the input, from the input, the output that forward_dyn gave for it, and the output's
     /// gradient: all of one shape and dtype.
-    Tensor* backward_dyn(Tensor* input, Tensor* output, Tensor* output_gradient) override;
+    [[nodiscard]] Tensor* backward_dyn(Tensor* input, Tensor* output, Tensor* output_gradient) override;
 
   private:
     std::string activation_;

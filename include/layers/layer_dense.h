@@ -19,11 +19,12 @@ class ORNIK_API LDense : public Layer {
 
     using Layer::backward_dyn;
     using Layer::forward_dyn;
-    Tensor* forward_dyn(Tensor* weight, Tensor* bias, Tensor* input) override;
+    [[nodiscard]] Tensor* forward_dyn(Tensor* weight, Tensor* bias, Tensor* input) override;
     /// Node 0: dy W^H, shaped as the input. Node 1: x^H dy. Node 2: dy summed over its leading axes, shaped
     /// as the bias ([out] when it is null); null in a layer without bias. Nodes 1 and 2 give null when the
     /// layer is not trainable. Any other node is an error.
-    Tensor* backward_dyn(Tensor* weight, Tensor* bias, Tensor* input, Tensor* output_gradient, int node) override;
+    [[nodiscard]] Tensor* backward_dyn(Tensor* weight, Tensor* bias, Tensor* input, Tensor* output_gradient,
+                                       int node) override;
     /// The gradient that the last backward_dyn for node 1 (node 2) returned, as a view on the same memory;
     /// the layer owns the view. Null before.
     Tensor* get_gw() override { return weight_gradient_.get(); }

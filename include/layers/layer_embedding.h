@@ -14,10 +14,11 @@ class ORNIK_API LEmbedding : public Layer {
 
     using Layer::backward_dyn;
     using Layer::forward_dyn;
-    Tensor* forward_dyn(Tensor* weight, Tensor* bias, Tensor* input) override;
+    [[nodiscard]] Tensor* forward_dyn(Tensor* weight, Tensor* bias, Tensor* input) override;
     /// Node 1: the rows of the output's gradient added up at their indices, shaped as the weight; null when the
     /// layer is not trainable. Null for node 0 (indices have no gradient) and node 2; any other is an error.
-    Tensor* backward_dyn(Tensor* weight, Tensor* bias, Tensor* input, Tensor* output_gradient, int node) override;
+    [[nodiscard]] Tensor* backward_dyn(Tensor* weight, Tensor* bias, Tensor* input, Tensor* output_gradient,
+                                       int node) override;
 
   private:
     int vocabulary_;

@@ -14,9 +14,9 @@ class ORNIK_API LPixelShuffle : public Layer {
 
     using Layer::backward_dyn;
     using Layer::forward_dyn;
-    Tensor* forward_dyn(Tensor* input) override;
+    [[nodiscard]] Tensor* forward_dyn(Tensor* input) override;
     /// The input's gradient from the output's: the inverse.
-    Tensor* backward_dyn(Tensor* output_gradient) override;
+    [[nodiscard]] Tensor* backward_dyn(Tensor* output_gradient) override;
 
   private:
     int factor_;
@@ -30,8 +30,8 @@ class ORNIK_API LPixelUnshuffle : public Layer {
 
     using Layer::backward_dyn;
     using Layer::forward_dyn;
-    Tensor* forward_dyn(Tensor* input) override;
-    Tensor* backward_dyn(Tensor* output_gradient) override;
+    [[nodiscard]] Tensor* forward_dyn(Tensor* input) override;
+    [[nodiscard]] Tensor* backward_dyn(Tensor* output_gradient) override;
 
   private:
     int factor_;

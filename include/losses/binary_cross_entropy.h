@@ -15,8 +15,8 @@ class ORNIK_API LBinaryCrossEntropy : public Loss {
   public:
     LBinaryCrossEntropy();
     /// ((1 - t) / (1 - p) - t / p) / elements
-    Tensor* loss_backward(Tensor* prediction, Tensor* target) override;
-    Tensor* loss_forward(Tensor* prediction, Tensor* target) override;
+    [[nodiscard]] Tensor* loss_backward(Tensor* prediction, Tensor* target) override;
+    [[nodiscard]] Tensor* loss_forward(Tensor* prediction, Tensor* target) override;
 };
 
 }  // namespace ornik

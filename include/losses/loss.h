@@ -15,9 +15,9 @@ class ORNIK_API Loss {
     explicit Loss(std::string name);
     virtual ~Loss();
     /// The gradient of loss_forward's value for the prediction; a new tensor shaped as the prediction.
-    virtual Tensor* loss_backward(Tensor* prediction, Tensor* target);
+    [[nodiscard]] virtual Tensor* loss_backward(Tensor* prediction, Tensor* target);
     /// The loss, averaged over the batch; a new tensor without axes.
-    virtual Tensor* loss_forward(Tensor* prediction, Tensor* target);
+    [[nodiscard]] virtual Tensor* loss_forward(Tensor* prediction, Tensor* target);
 
     const std::string& get_name() const { return name_; }
 

@@ -11,8 +11,8 @@ class ORNIK_API LMeanSquaredError : public Loss {
   public:
     LMeanSquaredError();
     /// 2 (x - t) / elements
-    Tensor* loss_backward(Tensor* prediction, Tensor* target) override;
-    Tensor* loss_forward(Tensor* prediction, Tensor* target) override;
+    [[nodiscard]] Tensor* loss_backward(Tensor* prediction, Tensor* target) override;
+    [[nodiscard]] Tensor* loss_forward(Tensor* prediction, Tensor* target) override;
 };
 
 }  // namespace ornik

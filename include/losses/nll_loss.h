@@ -14,8 +14,8 @@ class ORNIK_API LNLL_Loss : public Loss {
   public:
     LNLL_Loss();
     /// -1 / batch at the class of each member, 0 elsewhere.
-    Tensor* loss_backward(Tensor* prediction, Tensor* target) override;
-    Tensor* loss_forward(Tensor* prediction, Tensor* target) override;
+    [[nodiscard]] Tensor* loss_backward(Tensor* prediction, Tensor* target) override;
+    [[nodiscard]] Tensor* loss_forward(Tensor* prediction, Tensor* target) override;
 };
 
 }  // namespace ornik

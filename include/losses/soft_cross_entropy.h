@@ -15,8 +15,8 @@ class ORNIK_API LSoftCrossEntropy : public Loss {
   public:
     LSoftCrossEntropy();
     /// (softmax(x) sum(t) - t) / batch
-    Tensor* loss_backward(Tensor* prediction, Tensor* target) override;
-    Tensor* loss_forward(Tensor* prediction, Tensor* target) override;
+    [[nodiscard]] Tensor* loss_backward(Tensor* prediction, Tensor* target) override;
+    [[nodiscard]] Tensor* loss_forward(Tensor* prediction, Tensor* target) override;
 };
 
 }  // namespace ornik

@@ -29,6 +29,9 @@ ORNIK_API Dims infer_size_impl(const Dims& a, const Dims& b);
 inline std::pair<Dims, Dims> inferExpandGeometryImpl(const Dims& sizes, const Dims& strides, const Dims& target_sizes) {
     const Where at = where("ornik::inferExpandGeometryImpl", "include/tensor/broadcast.h");
     const std::size_t rank = target_sizes.size();
+    if (sizes.size() != strides.size()) {
+        fail(at, "Sizes ", sizes, "and strides ", strides, "have different lengths.");
+    }
     if (sizes.empty()) {
         return {target_sizes, Dims(rank, 0)};
     }

@@ -9,6 +9,8 @@
 // what kernels are about to walk.
 #pragma once
 
+#include <string_view>
+
 #include "tensor.h"
 
 namespace ornik {
@@ -20,13 +22,11 @@ inline bool has_elements(const Tensor* t) {
     if (t == nullptr) {
         return false;
     }
-    const tensorT::Tensor_Meta* meta = t->getMeta().get();
-    const tensorT::Tensor_storage* storage = meta == nullptr ? nullptr : meta->getStorage().get();
-    return storage != nullptr && meta->Layout() == layout::dense &&
-           (storage->getRawData() != nullptr || t->Size() == 0);
+    const tensorT::Tensor_storage* storage = t->borrow_storage();
+    return storage != nullptr && t->is_dense() && (storage->getRawData() != nullptr || t->Size() == 0);
 }
 
-inline bool is_writable(const Tensor* t) { return has_elements(t) && !t->getMeta()->getStorage()->read_only(); }
+inline bool is_writable(const Tensor* t) { return has_elements(t) && !t->borrow_storage()->read_only(); }
 
 /// Says which of the faults above the tensor has.
 [[noreturn]] void refuse_operand(const Where& at, const Tensor* t);
@@ -63,11 +63,18 @@ void check_writable(const Where& at, const Tensors*... tensors) {
 template <typename... Tensors>
 void announce_write(const Where& at, const Tensors*... tensors) {
     check_writable(at, tensors...);
-    (tensors->getMeta()->getStorage()->note_write(), ...);
+    (tensors->borrow_storage()->note_write(), ...);
 }
 
 /// Refuses an output whose elements share places (an expanded, stride-0 view): what it would hold depends
 /// on who writes last. Tensors without elements pass.
 void check_not_expanded(const Where& at, const Tensor* out);
+
+/// Refuses a tensor on another device or of another dtype than `like`; `name` is the operation's in the message.
+void check_alike(const Where& at, std::string_view name, const Tensor* t, const Tensor* like);
+
+/// Refuses a null output gradient, another device or dtype than `like`'s, and another shape than the output's.
+void check_output_gradient(const Where& at, std::string_view name, const Tensor* gradient, const Tensor* like,
+                           const Dims& shape);
 
 }  // namespace ornik

@@ -1,7 +1,7 @@
 // dtype.h: the ten element types of a tensor, written once.
 //
-// DtypeRows is the only list of element types in the library: codes, names, item sizes, dispatch
-// (hardware/cpu/dispatch.h) and the type lists of the tests all derive from it.
+// DtypeRows is the only list of element types in the library: codes, names, item sizes, the kernels' dispatch and
+// the type lists of the tests all derive from it.
 #pragma once
 
 #include <algorithm>

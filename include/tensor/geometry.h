@@ -6,11 +6,9 @@
 
 #include "../export.h"
 #include "../utils/error.h"
+#include "../utils/shape_rules.h"
 
 namespace ornik {
-
-/// Row-major strides of a shape: [12, 4, 1] for [2, 3, 4]; [] for [].
-ORNIK_API Dims shape2stride(const Dims& shape);
 
 /// Number of elements of a shape, 1 for []. A product beyond 64 bits is reported as an error of `at`.
 std::int64_t checked_numel(const Where& at, const Dims& shape);

@@ -5,10 +5,19 @@
 //
 // Every operation that makes a tensor returns a new heap object that the caller deletes; views share the
 // storage of the tensor they were made from. Refused arguments raise ornik::Error before anything
-// is allocated or written. The members stand in blocks by family; each block says which file of
-// src/tensor/ defines it.
+// is allocated or written. The members stand in blocks by family; each block ("// ----") says which file of
+// src/tensor/ defines it:
+//
+//   what a tensor is     construction, queries, state, updates, initialisers
+//   where it comes from  creation, sequences and matrices, fills, random numbers
+//   the same elements    conversion and copying, devices, broadcasting, views, reshaping, selection, printing
+//   what is computed     arithmetic, element-wise mathematics, comparisons and logic, matrix products
+//
+// Reductions, sorting, indexing and linear algebra are free functions (tensor_math/), as are joins and attention's
+// reshapes (tensor_shape.h), sparse matrices (tensor_sparse.h) and what networks need (nn/).
 #pragma once
 
+#include <atomic>
 #include <complex>
 #include <cstdint>
 #include <memory>
@@ -60,6 +69,8 @@ class ORNIK_API Tensor {
     ~Tensor();
     Tensor(const Tensor&) = delete;
     Tensor& operator=(const Tensor&) = delete;
+    static void* operator new(std::size_t bytes);
+    static void operator delete(void* memory, std::size_t bytes) noexcept;
 
     // ---- Queries ----
 
@@ -82,8 +93,17 @@ class ORNIK_API Tensor {
     std::shared_ptr<tensorT::Tensor_storage> getStorage() const { return meta_ ? meta_->getStorage() : nullptr; }
     /// Replaces the storage that the meta holds; it must hold every element of this tensor.
     void setStorage(const std::shared_ptr<tensorT::Tensor_storage>& storage);
-    const std::shared_ptr<tensorT::Tensor_Meta>& getMeta() const { return meta_; }
-    const std::shared_ptr<TensorToptions>& get_options() const { return options_; }
+    /// Null without a storage. The tensor's share is not passed on: for whoever holds the tensor.
+    tensorT::Tensor_storage* borrow_storage() const { return meta_ ? meta_->getStorage().get() : nullptr; }
+    /// From the first call on, updates of the tensor reach the meta at once.
+    const std::shared_ptr<tensorT::Tensor_Meta>& getMeta() const {
+        if (meta_axes_.load(std::memory_order_acquire) != Record::current) {
+            give_meta_axes();
+        }
+        return meta_;
+    }
+    /// The record of the tensor's present description, made when it is asked for; null after Tensor().
+    const std::shared_ptr<TensorToptions>& get_options() const;
     std::int64_t get_alloc_mem_size() const { return meta_ ? meta_->get_alloc_mem_size() : 0; }
     /// True for a dense tensor with fewer than two elements or with exactly the row-major strides. A tensor whose
     /// Size() is not its shape's count (see setSize, copy_tensor) is not contiguous.
@@ -182,82 +202,95 @@ class ORNIK_API Tensor {
 
     // ---- Creation: shape, device code, dtype code (tensor_create.cpp) ----
 
-    static Tensor* empty(const Dims& shape, std::int64_t device, std::int64_t dtype);
-    static Tensor* empty_like(const Tensor* t);
-    static Tensor* empty_with_dtype_and_dev(const Dims& shape, std::int32_t packed);
+    [[nodiscard]] static Tensor* empty(const Dims& shape, std::int64_t device, std::int64_t dtype);
+    [[nodiscard]] static Tensor* empty_like(const Tensor* t);
+    [[nodiscard]] static Tensor* empty_with_dtype_and_dev(const Dims& shape, std::int32_t packed);
     /// `empty`, then the given strides replace the row-major ones; the storage keeps as many elements as
     /// the shape has.
-    static Tensor* empty_strided(const Dims& shape, const Dims& strides, std::int32_t packed);
-    static Tensor* empty_using_tensor_options(const TensorToptions& options);
-    static Tensor* new_tensor(const Dims& shape, const Dims& strides, bool scalar_flag, std::int64_t device,
-                              std::int64_t dtype);
-    static Tensor* zeros(const Dims& shape, std::int64_t device, std::int64_t dtype);
-    static Tensor* zeros_like(const Tensor* t);
-    static Tensor* zeros_with_tensor_options(const TensorToptions& options);
-    static Tensor* ones(const Dims& shape, std::int64_t device, std::int64_t dtype);
-    /// T is one of the ten element types; the value is converted to the dtype. A complex value needs a
-    /// complex dtype.
-    template <typename T>
-    static Tensor* full(const Dims& shape, T value, std::int64_t device, std::int64_t dtype);
-    template <typename C>
-    static Tensor* full_std_complex_wrapper(const Dims& shape, C value, std::int64_t device, std::int64_t dtype);
+    [[nodiscard]] static Tensor* empty_strided(const Dims& shape, const Dims& strides, std::int32_t packed);
+    [[nodiscard]] static Tensor* empty_using_tensor_options(const TensorToptions& options);
+    [[nodiscard]] static Tensor* new_tensor(const Dims& shape, const Dims& strides, bool scalar_flag,
+                                            std::int64_t device, std::int64_t dtype);
+    [[nodiscard]] static Tensor* zeros(const Dims& shape, std::int64_t device, std::int64_t dtype);
+    [[nodiscard]] static Tensor* zeros_like(const Tensor* t);
+    [[nodiscard]] static Tensor* zeros_with_tensor_options(const TensorToptions& options);
+    [[nodiscard]] static Tensor* ones(const Dims& shape, std::int64_t device, std::int64_t dtype);
+    /// The value is converted to the dtype. A complex value needs a complex dtype.
+    [[nodiscard]] static Tensor* full(const Dims& shape, const Scalar& value, std::int64_t device, std::int64_t dtype);
+    template <ScalarArgument T>
+    [[nodiscard]] static Tensor* full(const Dims& shape, T value, std::int64_t device, std::int64_t dtype) {
+        return full(shape, Scalar(value), device, dtype);
+    }
+    template <StandardComplex C>
+    [[nodiscard]] static Tensor* full_std_complex_wrapper(const Dims& shape, C value, std::int64_t device,
+                                                          std::int64_t dtype) {
+        return full(shape, Scalar(value), device, dtype);
+    }
     /// An uninitialised tensor without axes, of one element.
-    static Tensor* scalar(std::int32_t packed);
+    [[nodiscard]] static Tensor* scalar(std::int32_t packed);
 
     // ---- Sequences and matrices (tensor_sequences.cpp) ----
     // Elements are produced by a running sum in single precision: x = start; x = x + step.
 
     /// ceil((end - start) / step) elements, end excluded. Real dtypes except bool.
-    static Tensor* arange(double start, double end, double step, std::int64_t device, std::int64_t dtype);
+    [[nodiscard]] static Tensor* arange(double start, double end, double step, std::int64_t device, std::int64_t dtype);
     /// floor((end - start) / step) + 1 elements, end included when reached.
-    static Tensor* range(float start, float end, float step, std::int64_t device, std::int64_t dtype);
+    [[nodiscard]] static Tensor* range(float start, float end, float step, std::int64_t device, std::int64_t dtype);
     /// `num` values from start to end, both included.
-    static Tensor* linspace(float start, float end, std::int64_t num, std::int64_t device, std::int64_t dtype);
+    [[nodiscard]] static Tensor* linspace(float start, float end, std::int64_t num, std::int64_t device,
+                                          std::int64_t dtype);
     /// base to the power of the values of linspace.
-    static Tensor* logspace(float start, float end, std::int64_t num, float base, std::int64_t device,
-                            std::int64_t dtype);
+    [[nodiscard]] static Tensor* logspace(float start, float end, std::int64_t num, float base, std::int64_t device,
+                                          std::int64_t dtype);
     /// rows x cols on the CPU: ones where column - row == offset, zeros elsewhere. -rows < offset < rows.
-    static Tensor* eye(std::int64_t rows, std::int64_t cols, std::int64_t offset, std::int64_t dtype);
+    [[nodiscard]] static Tensor* eye(std::int64_t rows, std::int64_t cols, std::int64_t offset, std::int64_t dtype);
     /// Fails for start or end that is NaN or infinite.
     static void CheckLegalArange(double start, double end, double step);
     /// A new tensor: the elements of the last two axes with column - row <= k, zeros elsewhere.
-    Tensor* tril(std::int64_t k) const;
+    [[nodiscard]] Tensor* tril(std::int64_t k) const;
     /// A new tensor: the elements of the last two axes with column - row >= k, zeros elsewhere.
-    Tensor* triu(std::int64_t k) const;
+    [[nodiscard]] Tensor* triu(std::int64_t k) const;
     /// A view: axes dim1 and dim2 (different; negative ones count from the end) are dropped, and a last
     /// axis walks the diagonal displaced by `offset` towards higher indices of dim2.
-    Tensor* diagonal(std::int64_t offset, int dim1, int dim2) const;
+    [[nodiscard]] Tensor* diagonal(std::int64_t offset, int dim1, int dim2) const;
 
     // ---- Fills; the value is converted to the tensor's dtype (tensor_create.cpp) ----
 
     void fill_(double value);
-    template <typename T>
-    void fill_with_(T value);
-    template <typename C>
-    void fill_std_complex_pybind_(C value);
+    void fill_with_(const Scalar& value);
+    template <ScalarArgument T>
+    void fill_with_(T value) {
+        fill_with_(Scalar(value));
+    }
+    template <StandardComplex C>
+    void fill_std_complex_pybind_(C value) {
+        fill_with_(Scalar(value));
+    }
 
     // ---- Random numbers of the default generator, see random/generator.h (tensor_random.cpp) ----
     // Row-major order under any strides. Float or complex dtypes unless said otherwise; bounds and
     // probabilities are checked first.
 
     /// Normal deviates. Complex: variance std^2 in all, mean on the real part.
-    static Tensor* randn(const Dims& shape, double mean, double std, std::int64_t device, std::int64_t dtype);
+    [[nodiscard]] static Tensor* randn(const Dims& shape, double mean, double std, std::int64_t device,
+                                       std::int64_t dtype);
     /// Uniform in [low, high), complex parts each.
-    static Tensor* randu(const Dims& shape, double low, double high, std::int64_t device, std::int64_t dtype);
+    [[nodiscard]] static Tensor* randu(const Dims& shape, double low, double high, std::int64_t device,
+                                       std::int64_t dtype);
     /// Whole numbers of [low, high), which the dtype (integer or floating) must hold exactly.
-    static Tensor* randint(const Dims& shape, std::int64_t low, std::int64_t high, std::int64_t device,
-                           std::int64_t dtype);
+    [[nodiscard]] static Tensor* randint(const Dims& shape, std::int64_t low, std::int64_t high, std::int64_t device,
+                                         std::int64_t dtype);
     /// 0 .. n - 1 in random order; integer dtypes.
-    static Tensor* permutation(std::int64_t n, std::int64_t device, std::int64_t dtype);
+    [[nodiscard]] static Tensor* permutation(std::int64_t n, std::int64_t device, std::int64_t dtype);
     /// 0 with probability p, else 1 / (1 - p): what a dropout layer multiplies by.
-    static Tensor* dropout_mask(const Dims& shape, double p, std::int64_t device, std::int64_t dtype);
+    [[nodiscard]] static Tensor* dropout_mask(const Dims& shape, double p, std::int64_t device, std::int64_t dtype);
     /// 1 with the probability in each element of `probs` (floating), else 0; of probs' dtype.
-    static Tensor* bernoulli(Tensor* probs);
+    [[nodiscard]] static Tensor* bernoulli(Tensor* probs);
     /// Successes in total_count trials of probability probs, element by element; both of one floating dtype.
-    static Tensor* binomial(Tensor* total_count, Tensor* probs);
+    [[nodiscard]] static Tensor* binomial(Tensor* total_count, Tensor* probs);
     /// int64: num_samples categories for each row of `probs` ([categories] or [rows, categories], floating
     /// weights of any positive sum). Without replacement the categories of a row are distinct.
-    static Tensor* multinomial(Tensor* probs, std::int64_t num_samples, bool replacement = true);
+    [[nodiscard]] static Tensor* multinomial(Tensor* probs, std::int64_t num_samples, bool replacement = true);
     /// As randn. Deviates are made in pairs: with use_cached, half a pair left over is kept for the next
     /// such fill and used first, as randn does; without, it is dropped.
     void fill_rand_normal_inplace(double mean, double std, bool use_cached);
@@ -273,25 +306,25 @@ class ORNIK_API Tensor {
     // ---- Conversion and copying (tensor_core.cpp) ----
 
     /// A new tensor of the dtype; null for a tensor that is not on the CPU.
-    Tensor* astype(std::int64_t dtype) const;
+    [[nodiscard]] Tensor* astype(std::int64_t dtype) const;
     /// As astype; when the tensor has the dtype already and `copy` is false, the tensor itself.
-    Tensor* toDtype(std::int64_t dtype, bool copy);
+    [[nodiscard]] Tensor* toDtype(std::int64_t dtype, bool copy);
     /// Writes the tensor's elements, converted to `dtype`, into `target`, which must be of that dtype.
     /// With the tensor's own dtype and copy_flag, a plain copy_tensor comes first.
     void CopyToTargetWithDtype(Tensor* target, std::int64_t dtype, bool copy_flag);
     /// Copies src into this tensor, converting and broadcasting it.
     void copy_from_(Tensor* src);
     /// The tensor itself when it is contiguous, else a new row-major copy.
-    Tensor* contiguous();
-    Tensor* clone() const;
-    Tensor* copy() const { return clone(); }
+    [[nodiscard]] Tensor* contiguous();
+    [[nodiscard]] Tensor* clone() const;
+    [[nodiscard]] Tensor* copy() const { return clone(); }
 
     // ---- Moves between devices (tensor_device.cpp) ----
 
     /// A copy on the CPU; `device` must be 0.
-    Tensor* CPU(std::int64_t device);
+    [[nodiscard]] Tensor* CPU(std::int64_t device);
     /// Refused in this build.
-    Tensor* GPU(std::int64_t device);
+    [[nodiscard]] Tensor* GPU(std::int64_t device);
     void toCPU(std::int64_t device);
     void toGPU(std::int64_t device);
     void toDevice(std::int64_t device);
@@ -299,64 +332,64 @@ class ORNIK_API Tensor {
     // ---- Broadcasting: stride-0 views (tensor_shape.cpp) ----
 
     /// a and b under their common shape: two new views, in argument order.
-    static std::vector<Tensor*> broadcast(const Tensor* a, const Tensor* b);
-    static Tensor* broadcast_to(const Tensor* t, const Dims& shape);
+    [[nodiscard]] static std::vector<Tensor*> broadcast(const Tensor* a, const Tensor* b);
+    [[nodiscard]] static Tensor* broadcast_to(const Tensor* t, const Dims& shape);
 
     // ---- Views: new tensors on the same storage (tensor_shape.cpp) ----
     // No element is touched. Writes through a view are seen through the tensor, and the other way round.
 
     /// The same elements, in the same order, under another shape. One entry may be -1: it is inferred. Fails
     /// when the strides admit no such view; nothing can be viewed without axes.
-    Tensor* view(const Dims& shape) const;
+    [[nodiscard]] Tensor* view(const Dims& shape) const;
     /// Axis i of the result is axis dims[i] of this tensor; every axis once, negative ones count from the end.
-    Tensor* permute(const std::vector<int>& dims) const;
-    Tensor* transpose(const std::vector<int>& dims) const { return permute(dims); }
+    [[nodiscard]] Tensor* permute(const std::vector<int>& dims) const;
+    [[nodiscard]] Tensor* transpose(const std::vector<int>& dims) const { return permute(dims); }
     /// All axes in reverse order; at least two.
-    Tensor* transpose() const;
+    [[nodiscard]] Tensor* transpose() const;
     /// Axes a and b, both in [0, ndim - 1], change places.
-    Tensor* swapaxis(int a, int b) const;
+    [[nodiscard]] Tensor* swapaxis(int a, int b) const;
     /// Without the axes of extent 1.
-    Tensor* squeeze() const;
+    [[nodiscard]] Tensor* squeeze() const;
     /// Without the axis if its extent is 1; an axis of another extent stays. -1 names no axis: nothing is
     /// dropped.
-    Tensor* squeeze(int axis) const;
+    [[nodiscard]] Tensor* squeeze(int axis) const;
     /// Without the listed axes, each of extent 1; -1 names no axis.
-    Tensor* squeeze(const std::vector<int>& axes) const;
+    [[nodiscard]] Tensor* squeeze(const std::vector<int>& axes) const;
     /// With an axis of extent 1 at position `axis`, 0 .. ndim. A contiguous tensor stays contiguous.
-    Tensor* unsqueeze(int axis) const;
+    [[nodiscard]] Tensor* unsqueeze(int axis) const;
 
     // ---- Reshaping (tensor_shape.cpp) ----
 
     /// As view; a contiguous copy where the strides admit no view.
-    Tensor* reshape(const Dims& shape) const;
+    [[nodiscard]] Tensor* reshape(const Dims& shape) const;
     /// In place, nothing inferred, extents of 1 and above. Where the strides admit no view the tensor moves to
     /// a contiguous copy of its elements. A tensor of fewer than two elements takes any element count: all
     /// elements of the new shape are then its one element, or 0 when it has none.
     void reshape_(const Dims& shape);
     /// A contiguous copy of another shape with as many elements; nothing inferred.
-    Tensor* reshape_copy(const Dims& shape) const;
+    [[nodiscard]] Tensor* reshape_copy(const Dims& shape) const;
     /// Axes start .. end, both included, become one; as reshape.
-    Tensor* flatten(int start, int end) const;
+    [[nodiscard]] Tensor* flatten(int start, int end) const;
     /// reshape_({-1}): refused, as no extent is inferred in place. reshape_({Size()}) flattens.
     void flatten_();
     /// A copy with the elements in reverse order along every listed axis.
-    Tensor* flip(const std::vector<int>& dims) const;
+    [[nodiscard]] Tensor* flip(const std::vector<int>& dims) const;
 
     // ---- Selection by text, one item per axis (tensor_select.cpp) ----
     // The items' two grammars stand in utils/selection.h. Missing items count as ":". Nothing is allocated
     // or written before all items have been parsed and checked.
 
     /// A copy of the selected elements; legacy grammar. No axis is dropped.
-    Tensor* select(const std::vector<std::string>& items) const;
+    [[nodiscard]] Tensor* select(const std::vector<std::string>& items) const;
     /// A copy of the selected elements. Axes of plain integer items are dropped; without any left, the result is
     /// a scalar.
-    Tensor* select_ndim(const std::vector<std::string>& items) const;
+    [[nodiscard]] Tensor* select_ndim(const std::vector<std::string>& items) const;
     /// The same selection as a view; integers and ranges with a positive step.
-    Tensor* select_ndim_without_copy(const std::vector<std::string>& items) const;
+    [[nodiscard]] Tensor* select_ndim_without_copy(const std::vector<std::string>& items) const;
     /// Gradient of this->select_ndim(items): a tensor of this shape and of grad's dtype that holds grad at the
     /// selected positions and 0 elsewhere; a position selected several times gets the sum. grad has the
     /// selection's shape, with or without the dropped axes.
-    Tensor* select_ndim_grad(const Tensor* grad, const std::vector<std::string>& items) const;
+    [[nodiscard]] Tensor* select_ndim_grad(const Tensor* grad, const std::vector<std::string>& items) const;
     /// Writes value, converted to this dtype and broadcast, into the selected elements; legacy grammar.
     void set_select_legacy(Tensor* value, const std::vector<std::string>& items);
     /// Writes value, converted to this dtype and broadcast, into the selected elements. Of several values for
@@ -382,57 +415,99 @@ class ORNIK_API Tensor {
     // tensor_math/promotion.h: sum, difference and product promote to the wider kind, a quotient is
     // always floating or complex, an integer scalar never widens an integer tensor. Integers wrap.
 
-    Tensor* add_tensor(Tensor* other);
-    Tensor* sub_tensor(Tensor* other);
-    Tensor* mult_tensor(Tensor* other);
-    Tensor* div_tensor(Tensor* other);
+    [[nodiscard]] Tensor* add_tensor(Tensor* other);
+    [[nodiscard]] Tensor* sub_tensor(Tensor* other);
+    [[nodiscard]] Tensor* mult_tensor(Tensor* other);
+    [[nodiscard]] Tensor* div_tensor(Tensor* other);
     /// The in-place forms keep this tensor's dtype; other is converted to it.
     void add_tensor_inplace(Tensor* other);
     void sub_tensor_inplace(Tensor* other);
     void mult_tensor_inplace(Tensor* other);
     void div_tensor_inplace(Tensor* other);
     /// The sum of all, in the first tensor's dtype; the list must not be empty.
-    static Tensor* add_tensors_list(const std::vector<Tensor*>& tensors);
+    [[nodiscard]] static Tensor* add_tensors_list(const std::vector<Tensor*>& tensors);
 
-    /// T: int, float, bool, int8, uint8, int16, double, int64, complex<float> or complex<double>.
-    template <typename T>
-    Tensor* add_scalar(T scalar);
-    template <typename T>
-    Tensor* sub_scalar(T scalar);
-    template <typename T>
-    Tensor* mult_scalar(T scalar);
-    template <typename T>
-    Tensor* div_scalar(T scalar);
-    template <typename T>
-    void add_scalar_inplace(T scalar);
-    template <typename T>
-    void sub_scalar_inplace(T scalar);
-    template <typename T>
-    void mult_scalar_inplace(T scalar);
-    template <typename T>
-    void div_scalar_inplace(T scalar);
-
-    /// C is std::complex<float> or std::complex<double>.
-    template <typename C>
-    Tensor* add_scalar_std_complex_wrapper(C scalar);
-    template <typename C>
-    Tensor* sub_scalar_std_complex_wrapper(C scalar);
-    template <typename C>
-    Tensor* mult_scalar_std_complex_wrapper(C scalar);
-    template <typename C>
-    Tensor* div_scalar_std_complex_wrapper(C scalar);
-    template <typename C>
-    void add_scalar_inplace_std_complex_wrapper(C scalar);
-    template <typename C>
-    void sub_scalar_inplace_std_complex_wrapper(C scalar);
-    template <typename C>
-    void mult_scalar_inplace_std_complex_wrapper(C scalar);
-    template <typename C>
-    void div_scalar_inplace_std_complex_wrapper(C scalar);
+    /// Any number of an element type or of a type that one of them holds: see scalar.h.
+    [[nodiscard]] Tensor* add_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* sub_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* mult_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* div_scalar(const Scalar& scalar);
+    void add_scalar_inplace(const Scalar& scalar);
+    void sub_scalar_inplace(const Scalar& scalar);
+    void mult_scalar_inplace(const Scalar& scalar);
+    void div_scalar_inplace(const Scalar& scalar);
+    /// The same with the type of the number given or deduced: add_scalar<float>(1).
+    template <ScalarArgument T>
+    [[nodiscard]] Tensor* add_scalar(T scalar) {
+        return add_scalar(Scalar(scalar));
+    }
+    template <ScalarArgument T>
+    [[nodiscard]] Tensor* sub_scalar(T scalar) {
+        return sub_scalar(Scalar(scalar));
+    }
+    template <ScalarArgument T>
+    [[nodiscard]] Tensor* mult_scalar(T scalar) {
+        return mult_scalar(Scalar(scalar));
+    }
+    template <ScalarArgument T>
+    [[nodiscard]] Tensor* div_scalar(T scalar) {
+        return div_scalar(Scalar(scalar));
+    }
+    template <ScalarArgument T>
+    void add_scalar_inplace(T scalar) {
+        add_scalar_inplace(Scalar(scalar));
+    }
+    template <ScalarArgument T>
+    void sub_scalar_inplace(T scalar) {
+        sub_scalar_inplace(Scalar(scalar));
+    }
+    template <ScalarArgument T>
+    void mult_scalar_inplace(T scalar) {
+        mult_scalar_inplace(Scalar(scalar));
+    }
+    template <ScalarArgument T>
+    void div_scalar_inplace(T scalar) {
+        div_scalar_inplace(Scalar(scalar));
+    }
+    /// The same for the standard library's complex numbers.
+    template <StandardComplex C>
+    [[nodiscard]] Tensor* add_scalar_std_complex_wrapper(C scalar) {
+        return add_scalar(Scalar(scalar));
+    }
+    template <StandardComplex C>
+    [[nodiscard]] Tensor* sub_scalar_std_complex_wrapper(C scalar) {
+        return sub_scalar(Scalar(scalar));
+    }
+    template <StandardComplex C>
+    [[nodiscard]] Tensor* mult_scalar_std_complex_wrapper(C scalar) {
+        return mult_scalar(Scalar(scalar));
+    }
+    template <StandardComplex C>
+    [[nodiscard]] Tensor* div_scalar_std_complex_wrapper(C scalar) {
+        return div_scalar(Scalar(scalar));
+    }
+    template <StandardComplex C>
+    void add_scalar_inplace_std_complex_wrapper(C scalar) {
+        add_scalar_inplace(Scalar(scalar));
+    }
+    template <StandardComplex C>
+    void sub_scalar_inplace_std_complex_wrapper(C scalar) {
+        sub_scalar_inplace(Scalar(scalar));
+    }
+    template <StandardComplex C>
+    void mult_scalar_inplace_std_complex_wrapper(C scalar) {
+        mult_scalar_inplace(Scalar(scalar));
+    }
+    template <StandardComplex C>
+    void div_scalar_inplace_std_complex_wrapper(C scalar) {
+        div_scalar_inplace(Scalar(scalar));
+    }
     /// Called on the gradient of self * scalar: the gradient of self, that is this tensor times the
     /// scalar's conjugate.
-    template <typename C>
-    Tensor* mult_scalar_std_complex_grad_wrapper(C scalar);
+    template <StandardComplex C>
+    [[nodiscard]] Tensor* mult_scalar_std_complex_grad_wrapper(C scalar) {
+        return mult_scalar(Scalar(std::conj(scalar)));
+    }
 
     // ---- Element-wise mathematics, comparisons and logic (tensor_math/tensor_element_math.cpp) ----
     // New tensors of this one's shape; the forms in place need a result of this tensor's dtype. Errors,
@@ -440,230 +515,230 @@ class ORNIK_API Tensor {
 
     // Any dtype. float32 results for bool and the smaller integers, float64 for int64.
 
-    Tensor* exp();
+    [[nodiscard]] Tensor* exp();
     void exp_inplace();
     /// 2^x
-    Tensor* exp2();
+    [[nodiscard]] Tensor* exp2();
     void exp2_inplace();
     /// e^x - 1
-    Tensor* expm1();
+    [[nodiscard]] Tensor* expm1();
     void expm1_inplace();
-    Tensor* log();
+    [[nodiscard]] Tensor* log();
     void log_inplace();
-    Tensor* log2();
+    [[nodiscard]] Tensor* log2();
     void log2_inplace();
-    Tensor* log10();
+    [[nodiscard]] Tensor* log10();
     void log10_inplace();
     /// log(1 + x)
-    Tensor* log1p();
+    [[nodiscard]] Tensor* log1p();
     void log1p_inplace();
-    Tensor* sqrt();
+    [[nodiscard]] Tensor* sqrt();
     void sqrt_inplace();
     /// 1 / sqrt(x)
-    Tensor* rsqrt();
+    [[nodiscard]] Tensor* rsqrt();
     void rsqrt_inplace();
     /// 1 / x
-    Tensor* reciprocal();
+    [[nodiscard]] Tensor* reciprocal();
     void reciprocal_inplace();
-    Tensor* sin();
+    [[nodiscard]] Tensor* sin();
     void sin_inplace();
-    Tensor* cos();
+    [[nodiscard]] Tensor* cos();
     void cos_inplace();
-    Tensor* tan();
+    [[nodiscard]] Tensor* tan();
     void tan_inplace();
-    Tensor* asin();
+    [[nodiscard]] Tensor* asin();
     void asin_inplace();
-    Tensor* acos();
+    [[nodiscard]] Tensor* acos();
     void acos_inplace();
-    Tensor* atan();
+    [[nodiscard]] Tensor* atan();
     void atan_inplace();
-    Tensor* sinh();
+    [[nodiscard]] Tensor* sinh();
     void sinh_inplace();
-    Tensor* cosh();
+    [[nodiscard]] Tensor* cosh();
     void cosh_inplace();
-    Tensor* tanh();
+    [[nodiscard]] Tensor* tanh();
     void tanh_inplace();
-    Tensor* asinh();
+    [[nodiscard]] Tensor* asinh();
     void asinh_inplace();
-    Tensor* acosh();
+    [[nodiscard]] Tensor* acosh();
     void acosh_inplace();
-    Tensor* atanh();
+    [[nodiscard]] Tensor* atanh();
     void atanh_inplace();
     /// 1 / (1 + e^-x)
-    Tensor* sigmoid();
+    [[nodiscard]] Tensor* sigmoid();
     void sigmoid_inplace();
 
     // Real dtypes; results as above.
 
     /// log(sigmoid(x))
-    Tensor* logsigmoid();
+    [[nodiscard]] Tensor* logsigmoid();
     void logsigmoid_inplace();
     /// log(1 + e^x)
-    Tensor* softplus();
+    [[nodiscard]] Tensor* softplus();
     void softplus_inplace();
     /// x sigmoid(x)
-    Tensor* silu();
+    [[nodiscard]] Tensor* silu();
     void silu_inplace();
     /// x (1 + erf(x / sqrt(2))) / 2
-    Tensor* gelu();
+    [[nodiscard]] Tensor* gelu();
     void gelu_inplace();
-    Tensor* erf();
+    [[nodiscard]] Tensor* erf();
     void erf_inplace();
 
     // Any dtype but, for neg, bool. The same dtype.
 
-    Tensor* neg();
+    [[nodiscard]] Tensor* neg();
     void neg_inplace();
     /// x x, wrapping for integers.
-    Tensor* sqr();
+    [[nodiscard]] Tensor* sqr();
     void sqr_inplace();
 
     // Any dtype. Real results of the dtype of a complex tensor's parts.
 
     /// The magnitude of a complex number.
-    Tensor* abs();
+    [[nodiscard]] Tensor* abs();
     void abs_inplace();
-    Tensor* conj();
+    [[nodiscard]] Tensor* conj();
     void conj_inplace();
     /// A copy for real dtypes.
-    Tensor* real();
+    [[nodiscard]] Tensor* real();
     void real_inplace();
     /// Zeros for real dtypes.
-    Tensor* imag();
+    [[nodiscard]] Tensor* imag();
     void imag_inplace();
 
     /// In (-pi, pi]; 0 or pi for real numbers.
-    Tensor* angle();
+    [[nodiscard]] Tensor* angle();
     void angle_inplace();
 
     // Any dtype; the same dtype.
 
     /// -1, 0 or 1; z / |z| for complex numbers. NaN stays.
-    Tensor* sign();
+    [[nodiscard]] Tensor* sign();
     void sign_inplace();
 
     // Real dtypes; the same dtype, integers as they are.
 
-    Tensor* floor();
+    [[nodiscard]] Tensor* floor();
     void floor_inplace();
-    Tensor* ceil();
+    [[nodiscard]] Tensor* ceil();
     void ceil_inplace();
     /// Half to even.
-    Tensor* round();
+    [[nodiscard]] Tensor* round();
     void round_inplace();
-    Tensor* trunc();
+    [[nodiscard]] Tensor* trunc();
     void trunc_inplace();
 
     // Any dtype; bool results.
 
     /// Complex numbers: of either part, here and in is_inf; both parts are finite.
-    Tensor* is_nan();
-    Tensor* is_inf();
-    Tensor* is_finite();
+    [[nodiscard]] Tensor* is_nan();
+    [[nodiscard]] Tensor* is_inf();
+    [[nodiscard]] Tensor* is_finite();
     /// True for zero.
-    Tensor* logical_not();
+    [[nodiscard]] Tensor* logical_not();
 
     // bool and integers.
 
-    Tensor* bitwise_not();
+    [[nodiscard]] Tensor* bitwise_not();
     void bitwise_not_inplace();
 
     // Two tensors of one shape, or a tensor and a scalar. Dtypes promote as in arithmetic, but a scalar never
     // widens a tensor of its kind (a double a float32 tensor); in place, this tensor keeps its dtype.
 
     /// Integers: a negative exponent gives the whole part of the result; 0 to it gives 0.
-    Tensor* pow(Tensor* other);
-    Tensor* pow_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* pow(Tensor* other);
+    [[nodiscard]] Tensor* pow_scalar(const Scalar& scalar);
     void pow_inplace(Tensor* other);
     void pow_scalar_inplace(const Scalar& scalar);
 
     /// Of the dividend's sign; integers by 0 give 0.
-    Tensor* fmod(Tensor* other);
-    Tensor* fmod_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* fmod(Tensor* other);
+    [[nodiscard]] Tensor* fmod_scalar(const Scalar& scalar);
     void fmod_inplace(Tensor* other);
     void fmod_scalar_inplace(const Scalar& scalar);
     /// Of the divisor's sign; integers by 0 give 0.
-    Tensor* remainder(Tensor* other);
-    Tensor* remainder_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* remainder(Tensor* other);
+    [[nodiscard]] Tensor* remainder_scalar(const Scalar& scalar);
     void remainder_inplace(Tensor* other);
     void remainder_scalar_inplace(const Scalar& scalar);
     /// NaN of either operand wins, here and below.
-    Tensor* maximum(Tensor* other);
-    Tensor* maximum_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* maximum(Tensor* other);
+    [[nodiscard]] Tensor* maximum_scalar(const Scalar& scalar);
     void maximum_inplace(Tensor* other);
     void maximum_scalar_inplace(const Scalar& scalar);
-    Tensor* minimum(Tensor* other);
-    Tensor* minimum_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* minimum(Tensor* other);
+    [[nodiscard]] Tensor* minimum_scalar(const Scalar& scalar);
     void minimum_inplace(Tensor* other);
     void minimum_scalar_inplace(const Scalar& scalar);
 
     /// The angle of the point (other, self).
-    Tensor* atan2(Tensor* other);
-    Tensor* atan2_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* atan2(Tensor* other);
+    [[nodiscard]] Tensor* atan2_scalar(const Scalar& scalar);
     void atan2_inplace(Tensor* other);
     void atan2_scalar_inplace(const Scalar& scalar);
 
     // bool results. Both operands promote as two tensors do, scalars as well: a float32 tensor meets a double
     // scalar in float64.
 
-    Tensor* equal(Tensor* other);
-    Tensor* equal_scalar(const Scalar& scalar);
-    Tensor* not_equal(Tensor* other);
-    Tensor* not_equal_scalar(const Scalar& scalar);
-    Tensor* logical_and(Tensor* other);
-    Tensor* logical_and_scalar(const Scalar& scalar);
-    Tensor* logical_or(Tensor* other);
-    Tensor* logical_or_scalar(const Scalar& scalar);
-    Tensor* logical_xor(Tensor* other);
-    Tensor* logical_xor_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* equal(Tensor* other);
+    [[nodiscard]] Tensor* equal_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* not_equal(Tensor* other);
+    [[nodiscard]] Tensor* not_equal_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* logical_and(Tensor* other);
+    [[nodiscard]] Tensor* logical_and_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* logical_or(Tensor* other);
+    [[nodiscard]] Tensor* logical_or_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* logical_xor(Tensor* other);
+    [[nodiscard]] Tensor* logical_xor_scalar(const Scalar& scalar);
 
     // Real dtypes.
 
-    Tensor* greater(Tensor* other);
-    Tensor* greater_scalar(const Scalar& scalar);
-    Tensor* greater_equal(Tensor* other);
-    Tensor* greater_equal_scalar(const Scalar& scalar);
-    Tensor* less(Tensor* other);
-    Tensor* less_scalar(const Scalar& scalar);
-    Tensor* less_equal(Tensor* other);
-    Tensor* less_equal_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* greater(Tensor* other);
+    [[nodiscard]] Tensor* greater_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* greater_equal(Tensor* other);
+    [[nodiscard]] Tensor* greater_equal_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* less(Tensor* other);
+    [[nodiscard]] Tensor* less_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* less_equal(Tensor* other);
+    [[nodiscard]] Tensor* less_equal_scalar(const Scalar& scalar);
 
     // bool (but for shifts) and integers.
 
-    Tensor* bitwise_and(Tensor* other);
-    Tensor* bitwise_and_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* bitwise_and(Tensor* other);
+    [[nodiscard]] Tensor* bitwise_and_scalar(const Scalar& scalar);
     void bitwise_and_inplace(Tensor* other);
     void bitwise_and_scalar_inplace(const Scalar& scalar);
-    Tensor* bitwise_or(Tensor* other);
-    Tensor* bitwise_or_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* bitwise_or(Tensor* other);
+    [[nodiscard]] Tensor* bitwise_or_scalar(const Scalar& scalar);
     void bitwise_or_inplace(Tensor* other);
     void bitwise_or_scalar_inplace(const Scalar& scalar);
-    Tensor* bitwise_xor(Tensor* other);
-    Tensor* bitwise_xor_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* bitwise_xor(Tensor* other);
+    [[nodiscard]] Tensor* bitwise_xor_scalar(const Scalar& scalar);
     void bitwise_xor_inplace(Tensor* other);
     void bitwise_xor_scalar_inplace(const Scalar& scalar);
     /// Counts beyond the width, or negative, shift everything out, here and below.
-    Tensor* left_shift(Tensor* other);
-    Tensor* left_shift_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* left_shift(Tensor* other);
+    [[nodiscard]] Tensor* left_shift_scalar(const Scalar& scalar);
     void left_shift_inplace(Tensor* other);
     void left_shift_scalar_inplace(const Scalar& scalar);
-    Tensor* right_shift(Tensor* other);
-    Tensor* right_shift_scalar(const Scalar& scalar);
+    [[nodiscard]] Tensor* right_shift(Tensor* other);
+    [[nodiscard]] Tensor* right_shift_scalar(const Scalar& scalar);
     void right_shift_inplace(Tensor* other);
     void right_shift_scalar_inplace(const Scalar& scalar);
 
     /// minimum(maximum(x, min), max). Integers meet integer bounds beyond their range as the nearest number.
-    Tensor* clamp(const Scalar& min, const Scalar& max);
-    Tensor* clamp_min(const Scalar& min);
-    Tensor* clamp_max(const Scalar& max);
+    [[nodiscard]] Tensor* clamp(const Scalar& min, const Scalar& max);
+    [[nodiscard]] Tensor* clamp_min(const Scalar& min);
+    [[nodiscard]] Tensor* clamp_max(const Scalar& max);
     void clamp_inplace(const Scalar& min, const Scalar& max);
     void clamp_min_inplace(const Scalar& min);
     void clamp_max_inplace(const Scalar& max);
     /// The value where the bool mask, of this tensor's shape, is true.
-    Tensor* masked_fill(Tensor* mask, const Scalar& value);
+    [[nodiscard]] Tensor* masked_fill(Tensor* mask, const Scalar& value);
     void masked_fill_inplace(Tensor* mask, const Scalar& value);
     /// |self - other| <= atol + rtol |other|, in double; infinities only equal themselves.
-    Tensor* is_close(Tensor* other, double rtol = 1e-5, double atol = 1e-8, bool equal_nan = false);
+    [[nodiscard]] Tensor* is_close(Tensor* other, double rtol = 1e-5, double atol = 1e-8, bool equal_nan = false);
     /// True when every element is close.
     bool all_close(Tensor* other, double rtol = 1e-5, double atol = 1e-8, bool equal_nan = false);
 
@@ -681,10 +756,15 @@ class ORNIK_API Tensor {
   private:
     void construct(const Dims& shape, std::int32_t packed, const void* data, void* ndarray_handle);
     void deleteData();
-    void refresh_options();
-    std::shared_ptr<TensorToptions> options_with(const Dims& shape, const Dims& strides, std::int64_t size,
-                                                 std::int64_t dtype, std::int64_t device) const;
-    void take_options(std::shared_ptr<TensorToptions>&& options) noexcept;
+    // Parts of a tensor that few ask for are made when somebody does; all others are spared the memory. Threads may
+    // ask at once: one makes the part, the others wait.
+    enum class Record : std::uint8_t { current, stale, in_the_making };
+    template <typename Make>
+    static void make_current(std::atomic<Record>& record, const Make& make);
+    void give_meta_axes() const;
+    void refresh_options() noexcept;
+    std::shared_ptr<tensorT::Tensor_Meta> new_meta(std::int64_t size, std::int64_t dtype, std::int64_t device,
+                                                   std::int64_t layout, std::int64_t offset) const;
     void take_axes(Dims&& shape, Dims&& strides) noexcept;
     void check_new_shape(const Dims& shape) const;
     Dims strides_for(const Where& at, const Dims& shape) const;
@@ -693,8 +773,8 @@ class ORNIK_API Tensor {
     void adopt(const std::shared_ptr<tensorT::Tensor_storage>& storage, const Dims& shape);
     void check_inside(const Where& at, const Dims& shape, const Dims& strides, std::int64_t offset, std::int64_t dtype,
                       const tensorT::Tensor_storage* storage) const;
-    void become(const Dims& shape, const Dims& strides, std::int64_t size, std::int64_t dtype, std::int64_t device,
-                std::shared_ptr<tensorT::Tensor_Meta>&& meta);
+    void become(Dims&& shape, Dims&& strides, std::int64_t size, std::int64_t dtype, std::int64_t device,
+                std::shared_ptr<tensorT::Tensor_Meta>&& meta) noexcept;
 
     std::int32_t storage_type_ = 0;
     void* ndarray_handles_ = nullptr;
@@ -710,12 +790,14 @@ class ORNIK_API Tensor {
     Dims shape_;
     Dims strides_;
     std::int64_t gpu_index_ = 0;
+    mutable std::atomic<Record> meta_axes_{Record::current};
     std::shared_ptr<tensorT::Tensor_Meta> meta_;
     std::vector<Tensor*> csr_members_;
     std::int64_t meta_sync_ = 0;
     std::int64_t dtype_ = 0;
     std::uint8_t options_pending_ = 1;
-    std::shared_ptr<TensorToptions> options_;
+    mutable std::atomic<Record> options_state_{Record::current};
+    mutable std::shared_ptr<TensorToptions> options_;
 };
 
 /// Copies A's elements, in row-major order, into B's; both of one dtype, or converted to B's. The same
@@ -724,13 +806,15 @@ class ORNIK_API Tensor {
 ORNIK_API void copy_tensor(const Tensor* A, Tensor* B);
 
 /// A view over an existing storage; the device is the storage's. Offset in elements of `dtype`.
-ORNIK_API Tensor* share_storage_tensor(const std::shared_ptr<tensorT::Tensor_storage>& storage, const Dims& shape,
-                                       const Dims& strides, std::int64_t dtype, std::int64_t offset);
+[[nodiscard]] ORNIK_API Tensor* share_storage_tensor(const std::shared_ptr<tensorT::Tensor_storage>& storage,
+                                                     const Dims& shape, const Dims& strides, std::int64_t dtype,
+                                                     std::int64_t offset);
 /// The same with the device given.
-ORNIK_API Tensor* view_tensor(const std::shared_ptr<tensorT::Tensor_storage>& storage, const Dims& shape,
-                              const Dims& strides, std::int64_t device, std::int64_t dtype, std::int64_t offset);
+[[nodiscard]] ORNIK_API Tensor* view_tensor(const std::shared_ptr<tensorT::Tensor_storage>& storage, const Dims& shape,
+                                            const Dims& strides, std::int64_t device, std::int64_t dtype,
+                                            std::int64_t offset);
 /// A view of `t` under another shape with the same elements in the same order; fails with "Can not view
 /// this tensor." when the strides admit none. No extent is inferred.
-ORNIK_API Tensor* view_tensor(const Tensor* t, const Dims& shape);
+[[nodiscard]] ORNIK_API Tensor* view_tensor(const Tensor* t, const Dims& shape);
 
 }  // namespace ornik

@@ -27,11 +27,19 @@ namespace tensorT {
 /// check nothing: a tensor is changed through its own updates, which keep its elements inside the storage. What reads
 /// or writes elements here (Print, convert_dtype_and_copy_data) refuses a meta whose elements lie outside.
 class ORNIK_API Tensor_Meta {
+    struct WithoutAxes {
+        explicit WithoutAxes() = default;
+    };
+
   public:
     /// Size is the product of the shape, 1 for an empty one. With `alloc`, a new storage of that many
     /// elements is taken; negative extents are then refused.
     Tensor_Meta(const Dims& shape, const Dims& stride, std::int64_t dtype, std::int64_t device, std::int64_t layout,
                 std::int64_t storage_offset, bool alloc);
+
+    /// For tensors, which keep the axes and hand them in when somebody asks for the meta.
+    Tensor_Meta(WithoutAxes tag, std::int64_t size, std::int64_t dtype, std::int64_t device, std::int64_t layout,
+                std::int64_t storage_offset);
 
     const Dims& GetShape() const { return shape_; }
     const Dims& GetStride() const { return stride_; }

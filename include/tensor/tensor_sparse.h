@@ -24,25 +24,33 @@ namespace ornik {
 
 /// A COO matrix of the shape around copies of the components. Rows and columns are of an integer dtype; the
 /// matrix has the dtype of `values`.
-ORNIK_API Tensor* sparse_coo_tensor(Tensor* rows, Tensor* columns, Tensor* values, const Dims& shape);
+[[nodiscard]] ORNIK_API Tensor* sparse_coo_tensor(Tensor* rows, Tensor* columns, Tensor* values, const Dims& shape);
 /// A CSR matrix of the shape around copies of the components.
-ORNIK_API Tensor* sparse_csr_tensor(Tensor* row_offsets, Tensor* columns, Tensor* values, const Dims& shape);
+[[nodiscard]] ORNIK_API Tensor* sparse_csr_tensor(Tensor* row_offsets, Tensor* columns, Tensor* values,
+                                                  const Dims& shape);
 
 /// A new COO matrix with the elements of `t`: those that are not zero when `t` is dense with two axes (NaN is
 /// not zero, -0.0 is), all entries when it is CSR or COO.
-ORNIK_API Tensor* to_coo(Tensor* t);
+[[nodiscard]] ORNIK_API Tensor* to_coo(Tensor* t);
 /// The same as a CSR matrix.
-ORNIK_API Tensor* to_csr(Tensor* t);
+[[nodiscard]] ORNIK_API Tensor* to_csr(Tensor* t);
 /// A new dense tensor with the elements of the sparse matrix; a copy of a dense one.
-ORNIK_API Tensor* to_dense(Tensor* t);
+[[nodiscard]] ORNIK_API Tensor* to_dense(Tensor* t);
 
 /// The product of a sparse matrix [m, k] and a dense one [k, n] of the same dtype: dense, [m, n]. Each sum runs
 /// over the row's entries in their order. Integers wrap; bool is the or of ands.
-ORNIK_API Tensor* sparse_dot(Tensor* sparse, Tensor* dense);
+[[nodiscard]] ORNIK_API Tensor* sparse_dot(Tensor* sparse, Tensor* dense);
 /// Gradient of sparse_dot for the sparse factor: grad dense^H at its entries, a matrix with the layout and the
 /// entries of `sparse`.
-ORNIK_API Tensor* sparse_dot_grad_sparse(Tensor* grad, Tensor* sparse, Tensor* dense);
+[[nodiscard]] ORNIK_API Tensor* sparse_dot_grad_sparse(Tensor* grad, Tensor* sparse, Tensor* dense);
 /// Gradient of sparse_dot for the dense factor: sparse^H grad, [k, n].
-ORNIK_API Tensor* sparse_dot_grad_dense(Tensor* grad, Tensor* sparse);
+[[nodiscard]] ORNIK_API Tensor* sparse_dot_grad_dense(Tensor* grad, Tensor* sparse);
+/// The same under the names of all operations with two operands.
+[[nodiscard]] inline Tensor* sparse_dot_dx_grad(Tensor* sparse, Tensor* dense, Tensor* grad) {
+    return sparse_dot_grad_sparse(grad, sparse, dense);
+}
+[[nodiscard]] inline Tensor* sparse_dot_dy_grad(Tensor* sparse, Tensor* /*dense*/, Tensor* grad) {
+    return sparse_dot_grad_dense(grad, sparse);
+}
 
 }  // namespace ornik

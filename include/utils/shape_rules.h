@@ -9,6 +9,9 @@
 
 namespace ornik {
 
+/// Row-major strides of a shape: [12, 4, 1] for [2, 3, 4]; [] for [].
+ORNIK_API Dims shape2stride(const Dims& shape);
+
 /// `shape` with its one -1, if any, replaced by what is left of the `numel` elements of `input_shape`. Fails
 /// for entries below -1, for several -1, and when the counts differ; the count of the result is formed in 32
 /// bits, so that shapes of 2^31 elements and more never pass.

@@ -31,8 +31,8 @@ bool is_flat(const TensorIterationHelper& helper, std::int64_t numel) {
 
 // One value of all operands, which they have to share.
 template <typename Value>
-void check_same(const Where& at, const std::vector<TensorIterationHelper>& inputs,
-                const std::vector<TensorIterationHelper>& outputs, const char* what, const Value& value) {
+void check_same(const Where& at, const OperandList& inputs, const OperandList& outputs, const char* what,
+                const Value& value) {
     const Tensor* first = inputs.empty() ? outputs.front().tensor : inputs.front().tensor;
     const auto same = [&](const TensorIterationHelper& helper) { return value(helper.tensor) == value(first); };
     if (!std::all_of(inputs.begin(), inputs.end(), same)) {
@@ -44,12 +44,6 @@ void check_same(const Where& at, const std::vector<TensorIterationHelper>& input
 }
 
 }  // namespace
-
-MultiTensorIterationHelper::MultiTensorIterationHelper() {
-    // The most common numbers of operands; more are taken as they come.
-    input_helpers_.reserve(3);
-    output_helpers_.reserve(1);
-}
 
 void MultiTensorIterationHelper::add_input(const Tensor* tensor) { input_helpers_.push_back(describe(tensor)); }
 

@@ -2,9 +2,7 @@
 
 #include <limits>
 
-#include "hardware/device_context.h"
 #include "hardware/fork.h"
-#include "tensor/dtype.h"
 #include "utils/error.h"
 #include "utils/logging.h"
 #include "utils/utils.h"
@@ -13,15 +11,15 @@ namespace ornik::device {
 
 namespace {
 
-// The pool over the machine's own memory.
+// The pool over the configured device.
 class CPUMemPool : public DynamicMemPool {
   protected:
-    void* AllocDeviceMem(std::uint64_t bytes) override { return context_.Allocate(bytes); }
-    bool FreeDeviceMem(void* address, std::uint64_t bytes) override { return context_.Free(address, bytes); }
-    std::uint64_t FreeDeviceMemSize() const override { return context_.FreeMemory(); }
+    void* AllocDeviceMem(std::uint64_t bytes) override { return device().Allocate(bytes); }
+    bool FreeDeviceMem(void* address, std::uint64_t bytes) override { return device().Free(address, bytes); }
+    std::uint64_t FreeDeviceMemSize() const override { return device().FreeMemory(); }
 
   private:
-    CPUDeviceContext context_;
+    static DeviceContext& device() { return AllocatorConfig::Get().cpu_device(); }
 };
 
 }  // namespace
@@ -48,6 +46,12 @@ AllocatorConfig::AllocatorConfig() {
         });
 }
 
+DeviceContext& AllocatorConfig::cpu_device() const {
+    static CPUDeviceContext machine;
+    DeviceContext* const device = cpu_device_.load(std::memory_order_acquire);
+    return device == nullptr ? machine : *device;
+}
+
 bool AllocatorConfig::Init_allocator(std::int64_t /*device*/) {
     if (!IfUseDynamicCPUMem()) {
         DebugMsg("Please compile for GPU and SetUseDynamicCPUMem() first", "Init_allocator");
@@ -63,7 +67,7 @@ bool AllocatorConfig::Init_allocator(std::int64_t /*device*/) {
     return true;
 }
 
-DynamicMemBuf* AllocTensorBuffer(std::int64_t device, std::int64_t count, std::int64_t dtype) {
+DynamicMemBuf* AllocTensorBuffer(std::int64_t device, std::int64_t count, std::int64_t item_size) {
     const Where at = where("ornik::device::AllocTensorBuffer");
     if (is_gpu_device(device)) {
         fail(ErrorKind::device, at, "GPU not compile yet.");
@@ -72,8 +76,7 @@ DynamicMemBuf* AllocTensorBuffer(std::int64_t device, std::int64_t count, std::i
     if (!config.IfUseDynamicCPUMem()) {
         fail(ErrorKind::state, at, " SetUseDynamicCPUMem(True) is need.");
     }
-    const std::int64_t item_size = dtype_item_size(dtype);
-    if (item_size == 0) {
+    if (item_size < 1) {
         fail(ErrorKind::dtype, at, "Not valid data type.");
     }
     if (count < 0 || count > std::numeric_limits<std::int64_t>::max() / item_size) {

@@ -43,20 +43,21 @@ void Layer::release() {
 }
 
 void Layer::keep_for_backward(std::vector<std::unique_ptr<Tensor>> tensors) {
-    std::vector<Tensor*> kept;
-    kept.reserve(tensors.size());
-    for (std::unique_ptr<Tensor>& t : tensors) {
-        kept.push_back(t.release());
-    }
-    forward_cache_.swap(kept);
-    for (const Tensor* old : kept) {
+    forward_cache_.reserve(tensors.size());  // All that may fail; see LBatchNorm.
+    for (const Tensor* old : forward_cache_) {
         delete old;
+    }
+    forward_cache_.clear();
+    for (std::unique_ptr<Tensor>& t : tensors) {
+        forward_cache_.push_back(t.release());
     }
 }
 
 void Layer::clone_from(const Layer& other) {
     std::vector<std::unique_ptr<Tensor>> clones;
-    const auto add_clone = [&](const Tensor* t) { clones.emplace_back(t == nullptr ? nullptr : t->clone()); };
+    const auto add_clone = [&](const Tensor* t) {
+        clones.push_back(std::unique_ptr<Tensor>(t == nullptr ? nullptr : t->clone()));
+    };
     if (!other.external_ownership_) {
         for (const Tensor* result : other.results_) {
             add_clone(result);

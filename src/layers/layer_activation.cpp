@@ -6,6 +6,7 @@
 #include "hardware/cpu/nn/cpu_activation.h"
 #include "hardware/cpu/nn/cpu_softmax.h"
 #include "tensor/borrowed.h"
+#include "tensor/checks.h"
 #include "tensor/make_tensor.h"
 #include "utils/utils.h"
 
@@ -54,10 +55,6 @@ constexpr Activation from_table(const char* name, bool (*serves)(const Tensor*))
                const Setting& /*setting*/) { device::cpu::unary_grad(operation, input, output, gradient, result); }};
 }
 
-// x above 0, and below it (scale) (slope) (exp(x) - 1), or a line.
-constexpr double selu_slope = 1.67326324235437728482;
-constexpr double selu_scale = 1.05070098735548049342;
-
 constexpr Activation activations[] = {
     {"relu", Parameter::none, 0, is_real,
      [](const Tensor* input, Tensor* output, const Setting& /*setting*/) { device::cpu::relu(input, output); },
@@ -79,10 +76,10 @@ constexpr Activation activations[] = {
      }},
     {"selu", Parameter::none, 0, is_floating,
      [](const Tensor* input, Tensor* output, const Setting& /*setting*/) {
-         device::cpu::elu(input, selu_slope, selu_scale, output);
+         device::cpu::elu(input, device::cpu::selu_slope, device::cpu::selu_scale, output);
      },
      [](const Tensor* input, const Tensor* output, const Tensor* gradient, Tensor* result, const Setting& /*setting*/) {
-         device::cpu::elu_grad(input, output, gradient, selu_slope, selu_scale, result);
+         device::cpu::elu_grad(input, output, gradient, device::cpu::selu_slope, device::cpu::selu_scale, result);
      }},
     from_table<Unary::gelu>("gelu", is_floating),
     from_table<Unary::silu>("silu", is_floating),
@@ -154,7 +151,9 @@ LActivation::LActivation(std::string activation, std::vector<float> parameters, 
 
 Tensor* LActivation::forward_dyn(Tensor* input) {
     const Activation& activation = *find_activation(activation_);
-    const Setting setting = setting_for(where("ornik::LActivation::forward_dyn"), activation, parameters_, input);
+    const Where at = where("ornik::LActivation::forward_dyn");
+    check_operands(at, input);
+    const Setting setting = setting_for(at, activation, parameters_, input);
     const Borrowed x = Borrowed::contiguous(input);
     std::unique_ptr<Tensor> output = make_output(input->Shape(), input);
     if (output->Size() > 0) {
@@ -166,6 +165,7 @@ Tensor* LActivation::forward_dyn(Tensor* input) {
 Tensor* LActivation::backward_dyn(Tensor* input, Tensor* output, Tensor* output_gradient) {
     const Where at = where("ornik::LActivation::backward_dyn");
     const Activation& activation = *find_activation(activation_);
+    check_operands(at, input, output, output_gradient);
     for (const Tensor* t : {output, output_gradient}) {
         if (t->Device() != input->Device()) {
             fail(at, "Not same device for inputs of activation.");

@@ -1,5 +1,6 @@
 #include "layers/layer_dense.h"
 
+#include "tensor/checks.h"
 #include "tensor/nn/linear.h"
 
 namespace ornik {
@@ -25,6 +26,8 @@ void check_arguments(const Where& at, const Tensor* weight, const Tensor* bias, 
     if (weight == nullptr || input == nullptr) {
         fail(at, "Dense layer needs a weight and an input.");
     }
+    check_operands(at, weight, input);
+    check_optional(at, bias);
     for (const Tensor* t : {weight, bias}) {
         if (t != nullptr && t->Device() != input->Device()) {
             fail(at, "Not same device for inputs of dense layer.");
@@ -91,15 +94,16 @@ Tensor* LDense::backward_dyn(Tensor* weight, Tensor* bias, Tensor* input, Tensor
     if (output_gradient == nullptr || output_gradient->Shape() != with_last(input->Shape(), out_features_)) {
         fail(at, "Dense layer needs a gradient of its output's shape.");
     }
+    check_operands(at, output_gradient);
     if (output_gradient->Dtype() != input->Dtype()) {
         fail(at, "Not same data type for inputs of dense layer.");
     }
     if (node == 0) {
-        return linear_input_grad(weight, input, output_gradient).release();
+        return linear_input_grad(weight, output_gradient).release();
     }
     std::unique_ptr<Tensor>& kept = node == 1 ? weight_gradient_ : bias_gradient_;
     std::unique_ptr<Tensor> result =
-        node == 1 ? linear_weight_grad(weight, input, output_gradient) : linear_bias_grad(bias, output_gradient);
+        node == 1 ? linear_weight_grad(input, output_gradient) : linear_bias_grad(bias, output_gradient);
     kept = whole_view(result.get());
     return result.release();
 }

@@ -9,6 +9,10 @@ namespace {
 
 // Portable overflow tests; true when the result does not fit.
 bool multiply_overflows(std::int64_t a, std::int64_t b, std::int64_t& result) {
+    if (((a | b) >> 31) == 0) {  // Small and not negative: the common case, without divisions.
+        result = a * b;
+        return false;
+    }
     constexpr std::int64_t max = std::numeric_limits<std::int64_t>::max();
     constexpr std::int64_t min = std::numeric_limits<std::int64_t>::min();
     if (a > 0 ? (b > max / a || b < min / a) : (a < -1 ? (b > min / a || b < max / a) : (a == -1 && b == min))) {
@@ -27,16 +31,6 @@ bool add_overflows(std::int64_t a, std::int64_t b, std::int64_t& result) {
 }
 
 }  // namespace
-
-Dims shape2stride(const Dims& shape) {
-    Dims strides(shape.size());
-    std::uint64_t step = 1;  // Unsigned: an absurd shape wraps here and is refused by its element count.
-    for (std::size_t i = shape.size(); i-- > 0;) {
-        strides[i] = static_cast<std::int64_t>(step);
-        step *= static_cast<std::uint64_t>(shape[i]);
-    }
-    return strides;
-}
 
 std::int64_t checked_numel(const Where& at, const Dims& shape) {
     std::int64_t numel = 1;

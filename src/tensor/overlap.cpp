@@ -82,14 +82,26 @@ bool same_view(const Tensor* a, const Tensor* b) {
     return (a->Shape() == b->Shape() && a->Strides() == b->Strides()) || (a->is_contiguous() && b->is_contiguous());
 }
 
+// Every address from the first to the last element of one lies before those of the other.
+bool lies_before(const Tensor* a, const Tensor* b) {
+    const std::optional<Span> of_a = element_span(a->Shape(), a->Strides());
+    const std::optional<Span> of_b = element_span(b->Shape(), b->Strides());
+    return of_a && of_b &&
+           a->get_data_intptr() + (of_a->highest + 1) * a->itemsize() <=
+               b->get_data_intptr() + of_b->lowest * b->itemsize();
+}
+
 }  // namespace
 
 Overlap memory_overlap(const Tensor* a, const Tensor* b) {
-    if (a->getStorage() == nullptr || b->getStorage() == nullptr || a->Size() < 1 || b->Size() < 1) {
+    if (a->borrow_storage() == nullptr || b->borrow_storage() == nullptr || a->Size() < 1 || b->Size() < 1) {
         return Overlap::none;
     }
     if (same_view(a, b)) {
         return Overlap::same;
+    }
+    if (lies_before(a, b) || lies_before(b, a)) {
+        return Overlap::none;
     }
     std::vector<Term> terms;
     const std::int64_t below_a = add_terms(a, terms);

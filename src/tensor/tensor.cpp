@@ -3,10 +3,12 @@
 
 #include <algorithm>
 #include <cstring>
+#include <thread>
 
 #include "hardware/parallel.h"
 #include "tensor/checks.h"
 #include "tensor/geometry.h"
+#include "utils/object_cache.h"
 #include "utils/utils.h"
 
 namespace ornik {
@@ -33,6 +35,10 @@ Tensor::Tensor(const std::vector<float>& /*values*/, const Dims& shape, std::int
     construct(shape, 0, nullptr, nullptr);
 }
 
+void* Tensor::operator new(std::size_t bytes) { return detail::take_object_memory(bytes); }
+
+void Tensor::operator delete(void* memory, std::size_t bytes) noexcept { detail::give_object_memory(memory, bytes); }
+
 void Tensor::construct(const Dims& shape, std::int32_t packed, const void* data, void* ndarray_handle) {
     const Where at = where("ornik::Tensor::Tensor");
     meta_sync_ = 1;
@@ -42,7 +48,7 @@ void Tensor::construct(const Dims& shape, std::int32_t packed, const void* data,
     const std::int64_t device = slot == 0 ? device_cpu : device_first_gpu - 1 + slot;
     CheckDev(device);
     if (dtype + 1 > dtype_count) {
-        fail(at, "Not valid data type.");
+        fail(ErrorKind::dtype, at, "Not valid data type.");
     }
     if (slot != 0) {
         refuse_gpu();
@@ -54,7 +60,9 @@ void Tensor::construct(const Dims& shape, std::int32_t packed, const void* data,
     gpu_index_ = device - device_first_gpu;
     take_axes(Dims(shape), shape2stride(shape));
     size_ = numel;
-    meta_ = std::make_shared<tensorT::Tensor_Meta>(shape_, strides_, dtype_, device_, layout::dense, 0, true);
+    meta_ = new_meta(size_, dtype_, device_, layout::dense, 0);
+    meta_axes_.store(Record::stale, std::memory_order_relaxed);
+    meta_->allocateDtypeData();
     if (data != nullptr) {
         std::memcpy(meta_->getRawData(), data, static_cast<std::size_t>(size_ * itemsize()));
     }
@@ -80,6 +88,51 @@ void Tensor::deleteData() {
         delete member;
         member = nullptr;
     }
+}
+
+void Tensor::refresh_options() noexcept { options_state_.store(Record::stale, std::memory_order_relaxed); }
+
+template <typename Make>
+void Tensor::make_current(std::atomic<Record>& record, const Make& make) {
+    for (Record state = record.load(std::memory_order_acquire); state != Record::current;
+         state = record.load(std::memory_order_acquire)) {
+        if (state == Record::in_the_making || !record.compare_exchange_strong(state, Record::in_the_making)) {
+            std::this_thread::yield();
+            continue;
+        }
+        try {
+            make();
+        } catch (...) {
+            record.store(Record::stale, std::memory_order_release);
+            throw;
+        }
+        record.store(Record::current, std::memory_order_release);
+    }
+}
+
+const std::shared_ptr<TensorToptions>& Tensor::get_options() const {
+    if (options_pending_ == 0) {
+        make_current(options_state_, [&] {
+            options_ =
+                std::make_shared<TensorToptions>(TensorToptions{dtype_, device_, shape_, size_, strides_, ndim_});
+        });
+    }
+    return options_;
+}
+
+std::shared_ptr<tensorT::Tensor_Meta> Tensor::new_meta(std::int64_t size, std::int64_t dtype, std::int64_t device,
+                                                       std::int64_t layout, std::int64_t offset) const {
+    return std::allocate_shared<tensorT::Tensor_Meta>(detail::ObjectAllocator<tensorT::Tensor_Meta>{},
+                                                      tensorT::Tensor_Meta::WithoutAxes{}, size, dtype, device, layout,
+                                                      offset);
+}
+
+void Tensor::give_meta_axes() const {
+    make_current(meta_axes_, [&] {
+        Dims shape = shape_;
+        Dims strides = strides_;
+        meta_->take_geometry(std::move(shape), std::move(strides));
+    });
 }
 
 bool Tensor::is_contiguous() const { return is_dense() && is_row_major(shape_, strides_, size_); }
@@ -123,7 +176,7 @@ std::int32_t extent_product(const Dims& shape, std::int32_t begin, std::size_t e
 
 void check_axis(const Where& at, std::int32_t k, std::int32_t ndim) {
     if (k > ndim - 1) {
-        fail(at, "k > ndim - 1");
+        fail(ErrorKind::index, at, "k > ndim - 1");
     }
 }
 

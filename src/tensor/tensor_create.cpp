@@ -1,8 +1,5 @@
 // tensor_create.cpp: empty and filled tensors.
-#include <complex>
-
 #include "hardware/cpu/copy/cpu_core.h"
-#include "hardware/cpu/copy/element_convert.h"
 #include "tensor/checks.h"
 #include "tensor/tensor.h"
 #include "utils/utils.h"
@@ -15,7 +12,7 @@ namespace {
 std::int32_t checked_word(const Where& at, std::int64_t device, std::int64_t dtype) {
     CheckDev(device);
     if (!is_valid_dtype(dtype)) {
-        fail(at, "Not valid data type.");
+        fail(ErrorKind::dtype, at, "Not valid data type.");
     }
     return pack_dtype_and_device(dtype, device);
 }
@@ -24,24 +21,17 @@ std::unique_ptr<Tensor> make(const Where& at, const Dims& shape, std::int64_t de
     return std::make_unique<Tensor>(shape, checked_word(at, device, dtype));
 }
 
-template <typename T>
-std::unique_ptr<Tensor> make_filled(const Where& at, const Dims& shape, T value, std::int64_t device,
+std::unique_ptr<Tensor> make_filled(const Where& at, const Dims& shape, const Scalar& value, std::int64_t device,
                                     std::int64_t dtype) {
     std::unique_ptr<Tensor> result = make(at, shape, device, dtype);
     device::cpu::fill(result.get(), value);
     return result;
 }
 
-template <typename T>
-void check_fill_value(const Where& at, std::int64_t dtype) {
-    if (is_complex_element<T> && !is_dtype_class(dtype, DtypeClass::complex)) {
-        fail(at, "Fill non-complex tensor with complex value is not valid.");
+void check_fill_value(const Where& at, const Scalar& value, std::int64_t dtype) {
+    if (is_dtype_class(value.Dtype(), DtypeClass::complex) && !is_dtype_class(dtype, DtypeClass::complex)) {
+        fail(ErrorKind::dtype, at, "Fill non-complex tensor with complex value is not valid.");
     }
-}
-
-template <typename C>
-complex_scalar::complex<typename C::value_type> own_complex(C value) {
-    return {value};
 }
 
 }  // namespace
@@ -99,61 +89,26 @@ Tensor* Tensor::ones(const Dims& shape, std::int64_t device, std::int64_t dtype)
     return make_filled(where("ornik::Tensor::ones"), shape, 1.0F, device, dtype).release();
 }
 
-template <typename T>
-Tensor* Tensor::full(const Dims& shape, T value, std::int64_t device, std::int64_t dtype) {
+Tensor* Tensor::full(const Dims& shape, const Scalar& value, std::int64_t device, std::int64_t dtype) {
     const Where at = where("ornik::Tensor::full");
     const std::int32_t word = checked_word(at, device, dtype);
-    check_fill_value<T>(at, dtype);
+    check_fill_value(at, value, dtype);
     auto result = std::make_unique<Tensor>(shape, word);
     device::cpu::fill(result.get(), value);
     return result.release();
-}
-
-template <typename C>
-Tensor* Tensor::full_std_complex_wrapper(const Dims& shape, C value, std::int64_t device, std::int64_t dtype) {
-    return full(shape, own_complex(value), device, dtype);
 }
 
 Tensor* Tensor::scalar(std::int32_t packed) { return new Tensor(Dims{}, packed); }
 
 void Tensor::fill_(double value) { fill_with_(value); }
 
-template <typename T>
-void Tensor::fill_with_(T value) {
+void Tensor::fill_with_(const Scalar& value) {
     const Where at = where("ornik::Tensor::fill_with_");
-    check_fill_value<T>(at, dtype_);
-    announce_write(at, this);
+    check_fill_value(at, value, dtype_);
+    if (is_dense()) {
+        announce_write(at, this);
+    }  // The engine refuses the others, in its own words.
     device::cpu::fill(this, value);
 }
-
-template <typename C>
-void Tensor::fill_std_complex_pybind_(C value) {
-    fill_with_(own_complex(value));
-}
-
-template Tensor* Tensor::full(const Dims&, bool, std::int64_t, std::int64_t);
-template Tensor* Tensor::full(const Dims&, std::uint8_t, std::int64_t, std::int64_t);
-template Tensor* Tensor::full(const Dims&, std::int8_t, std::int64_t, std::int64_t);
-template Tensor* Tensor::full(const Dims&, std::int16_t, std::int64_t, std::int64_t);
-template Tensor* Tensor::full(const Dims&, std::int32_t, std::int64_t, std::int64_t);
-template Tensor* Tensor::full(const Dims&, std::int64_t, std::int64_t, std::int64_t);
-template Tensor* Tensor::full(const Dims&, float, std::int64_t, std::int64_t);
-template Tensor* Tensor::full(const Dims&, double, std::int64_t, std::int64_t);
-template Tensor* Tensor::full(const Dims&, complex_scalar::complex<float>, std::int64_t, std::int64_t);
-template Tensor* Tensor::full(const Dims&, complex_scalar::complex<double>, std::int64_t, std::int64_t);
-template Tensor* Tensor::full_std_complex_wrapper(const Dims&, std::complex<float>, std::int64_t, std::int64_t);
-template Tensor* Tensor::full_std_complex_wrapper(const Dims&, std::complex<double>, std::int64_t, std::int64_t);
-template void Tensor::fill_with_(bool);
-template void Tensor::fill_with_(std::uint8_t);
-template void Tensor::fill_with_(std::int8_t);
-template void Tensor::fill_with_(std::int16_t);
-template void Tensor::fill_with_(std::int32_t);
-template void Tensor::fill_with_(std::int64_t);
-template void Tensor::fill_with_(float);
-template void Tensor::fill_with_(double);
-template void Tensor::fill_with_(complex_scalar::complex<float>);
-template void Tensor::fill_with_(complex_scalar::complex<double>);
-template void Tensor::fill_std_complex_pybind_(std::complex<float>);
-template void Tensor::fill_std_complex_pybind_(std::complex<double>);
 
 }  // namespace ornik

@@ -92,10 +92,10 @@ void Tensor::Print() const {
     }
     if (is_dense() && !is_contiguous()) {
         const std::unique_ptr<Tensor> flat(copy());
-        flat->meta_->Print();
+        flat->getMeta()->Print();
         return;
     }
-    meta_->Print();
+    getMeta()->Print();
 }
 
 void Tensor::print(int /*precision*/, bool /*suppress*/) const { Print(); }

@@ -14,6 +14,8 @@
 #include "tensor/geometry.h"
 #include "tensor/overlap.h"
 #include "tensor/tensor.h"
+#include "tensor/tensor_math/indexing.h"
+#include "tensor_math/slice_items.h"
 
 namespace ornik {
 
@@ -119,7 +121,7 @@ void set_selected(const Where& at, Tensor* t, const Selection& selection, const 
                   Tensor* value) {
     check_operands(at, t, value);
     if (value->Device() != t->Device()) {
-        fail(at, "set select ndim input tensor should on same device.");
+        fail(ErrorKind::device, at, "set select ndim input tensor should on same device.");
     }
     check_not_expanded(at, t);
     const Dims whole = shape_of(selection);
@@ -239,7 +241,7 @@ void Tensor::set_select_ndim_grad(Tensor* grad, const std::vector<std::string>& 
     SelDescriptorV2 descriptor(items);
     descriptor.build(shape_, grad->Shape());
     if (grad->Device() != device_) {
-        fail(at, "set select ndim input tensor should on same device.");
+        fail(ErrorKind::device, at, "set select ndim input tensor should on same device.");
     }
     check_not_expanded(at, this);
     check_writable(at, this);
@@ -250,6 +252,44 @@ void Tensor::set_select_ndim_grad(Tensor* grad, const std::vector<std::string>& 
     old->add_tensor_inplace(folded.get());
     announce_write(at, this);
     device::cpu::cpu_select_ndim_backward(old.get(), selection, this);
+}
+
+// ---- Gradients of set_select_ndim ----
+
+Tensor* set_select_ndim_grad(const Tensor* grad, const std::vector<std::string>& items) {
+    check_operands(where("ornik::set_select_ndim_grad"), grad);
+    std::unique_ptr<Tensor> result(grad->clone());
+    const std::unique_ptr<Tensor> zero(Tensor::zeros({}, grad->Device(), grad->Dtype()));
+    result->set_select_ndim(zero.get(), items);
+    return result.release();
+}
+
+Tensor* set_select_ndim_value_grad(const Tensor* grad, const Dims& value_shape, const std::vector<std::string>& items) {
+    const Where at = where("ornik::set_select_ndim_value_grad");
+    check_operands(at, grad);
+    SelDescriptorV2 descriptor(items);
+    descriptor.build(grad->Shape());
+    const Selection& selection = descriptor.selection();
+    std::unique_ptr<Tensor> taken = gathered(grad, selection);
+    for (std::size_t k = 0; k < selection.size(); ++k) {
+        const UniquePositions unique(selection[k].list);
+        Selection replaced = selection;
+        for (std::size_t i = 0; i < replaced.size(); ++i) {
+            replaced[i] = {0, 1, selection[i].count};
+        }
+        for (std::size_t g = 1; unique.has_repeats() && g < unique.groups.starts.size(); ++g) {
+            for (std::int64_t i = unique.groups.starts[g - 1]; i + 1 < unique.groups.starts[g]; ++i) {
+                replaced[k] = {unique.groups.members[static_cast<std::size_t>(i)], 1, 1};
+                selected_view(taken.get(), replaced)->fill_(0);
+            }
+        }
+    }
+    // The value may have had the selection's axes of extent 1, or not.
+    const Dims kept = descriptor.kept_shape();
+    if (value_shape.size() <= kept.size() && kept != taken->Shape()) {
+        taken->reshape_(kept);
+    }
+    return gradient_of_value(at, taken.get(), value_shape).release();
 }
 
 }  // namespace ornik

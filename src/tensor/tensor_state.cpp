@@ -13,6 +13,10 @@ namespace ornik {
 
 namespace {
 
+// The object model reports under one file name, its shape setter with the reshaping operations.
+constexpr const char* family = "src/tensor/tensor.cpp";
+constexpr const char* shape_setter = "src/tensor/tensor_shape.cpp";
+
 std::int64_t capacity_of(const tensorT::Tensor_storage& storage, std::int64_t dtype) {
     return storage.byte_size() / std::max<std::int64_t>(dtype_item_size(dtype), 1);
 }
@@ -34,7 +38,7 @@ bool lies_inside(const Dims& shape, const Dims& strides, std::int64_t offset, st
 
 void check_dtype_code(const Where& at, std::int64_t dtype) {
     if (!is_valid_dtype(dtype)) {
-        fail(at, "Not valid data type.");
+        fail(ErrorKind::dtype, at, "Not valid data type.");
     }
 }
 
@@ -52,25 +56,7 @@ std::int64_t gpu_index_of(std::int64_t device) {
 
 }  // namespace
 
-// ---- The record of options, and shape and strides: made first, taken over by what can not fail ----
-
-// Null while no record is kept.
-std::shared_ptr<TensorToptions> Tensor::options_with(const Dims& shape, const Dims& strides, std::int64_t size,
-                                                     std::int64_t dtype, std::int64_t device) const {
-    if (options_pending_ != 0) {
-        return nullptr;
-    }
-    return std::make_shared<TensorToptions>(
-        TensorToptions{dtype, device, shape, size, strides, static_cast<std::int32_t>(shape.size())});
-}
-
-void Tensor::take_options(std::shared_ptr<TensorToptions>&& options) noexcept {
-    if (options) {
-        options_ = std::move(options);
-    }
-}
-
-void Tensor::refresh_options() { take_options(options_with(shape_, strides_, size_, dtype_, device_)); }
+// ---- Shape and strides: made first, taken over by what can not fail ----
 
 // The one place where a tensor gets its axes.
 void Tensor::take_axes(Dims&& shape, Dims&& strides) noexcept {
@@ -82,25 +68,26 @@ void Tensor::take_axes(Dims&& shape, Dims&& strides) noexcept {
 
 void Tensor::set_geometry(const Dims& shape, const Dims& strides, std::int64_t size) {
     const bool has_meta = meta_sync_ == 1 && meta_;
-    std::shared_ptr<TensorToptions> options = options_with(shape, strides, size, dtype_, device_);
+    const bool meta_has_axes = has_meta && meta_axes_.load(std::memory_order_relaxed) == Record::current;
     Dims own[] = {shape, strides};
-    Dims of_meta[] = {has_meta ? shape : Dims{}, has_meta ? strides : Dims{}};
+    Dims of_meta[] = {meta_has_axes ? shape : Dims{}, meta_has_axes ? strides : Dims{}};
     take_axes(std::move(own[0]), std::move(own[1]));
     size_ = size;
-    if (has_meta) {
+    if (meta_has_axes) {
         meta_->take_geometry(std::move(of_meta[0]), std::move(of_meta[1]));
+    }
+    if (has_meta) {
         meta_->setSize(size);
     }
-    take_options(std::move(options));
+    refresh_options();
 }
 
 void Tensor::assign_size(std::int64_t size) {
-    std::shared_ptr<TensorToptions> options = options_with(shape_, strides_, size, dtype_, device_);
     size_ = size;
     if (meta_sync_ == 1 && meta_) {
         meta_->setSize(size);
     }
-    take_options(std::move(options));
+    refresh_options();
 }
 
 // ---- Updates ----
@@ -118,7 +105,7 @@ void Tensor::check_inside(const Where& at, const Dims& shape, const Dims& stride
 }
 
 void Tensor::check_new_shape(const Dims& shape) const {
-    const Where at = where("ornik::Tensor::updateShape");
+    const Where at = where("ornik::Tensor::updateShape", shape_setter);
     const std::int64_t numel = checked_numel(at, shape);
     if (numel != size_ && size_ >= 2) {
         fail(at, shape_, " not same size for reshape: ", shape);
@@ -137,8 +124,8 @@ Dims Tensor::strides_for(const Where& at, const Dims& shape) const {
     if (strides_.size() == shape.size()) {
         choices.insert(is_contiguous() ? choices.end() : choices.begin(), strides_);
     }
-    const std::shared_ptr<tensorT::Tensor_storage> storage = getStorage();
-    if (storage) {
+    const tensorT::Tensor_storage* const storage = borrow_storage();
+    if (storage != nullptr) {
         if (checked_numel(at, shape) == size_) {
             choices.push_back(view_strides(shape_, strides_, size_, shape));
         }
@@ -148,27 +135,31 @@ Dims Tensor::strides_for(const Where& at, const Dims& shape) const {
             }
         }
     }
-    check_inside(at, shape, choices.front(), StorageOffset(), dtype_, storage.get());
+    check_inside(at, shape, choices.front(), StorageOffset(), dtype_, storage);
     return choices.front();
 }
 
 void Tensor::updateShape(const Dims& shape) {
     check_new_shape(shape);
     // The size follows in updateSize().
-    set_geometry(shape, strides_for(where("ornik::Tensor::updateShape"), shape), size_);
+    set_geometry(shape, strides_for(where("ornik::Tensor::updateShape", shape_setter), shape), size_);
 }
 
 void Tensor::updateStrides() { updateStrides(shape2stride(shape_)); }
 
 void Tensor::updateStrides(const Dims& strides) {
-    check_inside(where("ornik::Tensor::updateStrides"), shape_, strides, StorageOffset(), dtype_, getStorage().get());
+    const Where at = where("ornik::Tensor::updateStrides", family);
+    check_inside(at, shape_, strides, StorageOffset(), dtype_, borrow_storage());
+    if (strides.size() != shape_.size()) {
+        fail(at, "Strides ", strides, "do not fit shape ", shape_);
+    }
     set_geometry(shape_, strides, size_);
 }
 
-void Tensor::updateSize() { assign_size(checked_numel(where("ornik::Tensor::updateSize"), shape_)); }
+void Tensor::updateSize() { assign_size(checked_numel(where("ornik::Tensor::updateSize", family), shape_)); }
 
 void Tensor::setSize(std::int64_t size) {
-    const Where at = where("ornik::Tensor::setSize");
+    const Where at = where("ornik::Tensor::setSize", family);
     if (size < 0 || (!shape_.empty() && size > checked_numel(at, shape_))) {
         fail(at, "Size can not be ", size, " for shape ", shape_);
     }
@@ -176,36 +167,34 @@ void Tensor::setSize(std::int64_t size) {
 }
 
 void Tensor::updateDtype(std::int64_t dtype) {
-    const Where at = where("ornik::Tensor::updateDtype");
+    const Where at = where("ornik::Tensor::updateDtype", family);
     check_dtype_code(at, dtype);
-    check_inside(at, shape_, strides_, StorageOffset(), dtype, getStorage().get());
-    std::shared_ptr<TensorToptions> options = options_with(shape_, strides_, size_, dtype, device_);
+    check_inside(at, shape_, strides_, StorageOffset(), dtype, borrow_storage());
     dtype_ = dtype;
     if (meta_sync_ == 1 && meta_) {
         meta_->SetDtype(dtype_);
     }
-    take_options(std::move(options));
+    refresh_options();
 }
 
 void Tensor::updateDevice(std::int64_t device) {
-    std::shared_ptr<TensorToptions> options = options_with(shape_, strides_, size_, dtype_, device);
     device_ = device;
     gpu_index_ = gpu_index_of(device);
     if (meta_sync_ == 1 && meta_) {
         meta_->SetDevice(device_);
     }
-    take_options(std::move(options));
+    refresh_options();
 }
 
 void Tensor::updateOffset(std::int64_t offset) {
-    check_inside(where("ornik::Tensor::updateOffset"), shape_, strides_, offset, dtype_, getStorage().get());
+    check_inside(where("ornik::Tensor::updateOffset", family), shape_, strides_, offset, dtype_, borrow_storage());
     if (meta_) {
         meta_->SetOffset(offset);
     }
 }
 
 void Tensor::setStorage(const std::shared_ptr<tensorT::Tensor_storage>& storage) {
-    check_inside(where("ornik::Tensor::setStorage"), shape_, strides_, StorageOffset(), dtype_, storage.get());
+    check_inside(where("ornik::Tensor::setStorage", family), shape_, strides_, StorageOffset(), dtype_, storage.get());
     if (meta_) {
         meta_->setStorage(storage);
     }
@@ -213,39 +202,39 @@ void Tensor::setStorage(const std::shared_ptr<tensorT::Tensor_storage>& storage)
 
 // ---- Initialisers ----
 
-// Nothing of what the tensor was stays. All that may fail comes first.
-void Tensor::become(const Dims& shape, const Dims& strides, std::int64_t size, std::int64_t dtype, std::int64_t device,
-                    std::shared_ptr<tensorT::Tensor_Meta>&& meta) {
-    auto options = std::make_shared<TensorToptions>(
-        TensorToptions{dtype, device, shape, size, strides, static_cast<std::int32_t>(shape.size())});
-    Dims own[] = {shape, strides};
+// Nothing of what the tensor was stays.
+void Tensor::become(Dims&& shape, Dims&& strides, std::int64_t size, std::int64_t dtype, std::int64_t device,
+                    std::shared_ptr<tensorT::Tensor_Meta>&& meta) noexcept {
     if (ndarray_handles_ == nullptr) {
         deleteData();
     }
     csr_members_.clear();
-    take_axes(std::move(own[0]), std::move(own[1]));
+    take_axes(std::move(shape), std::move(strides));
     size_ = size;
     dtype_ = dtype;
     device_ = device;
     gpu_index_ = gpu_index_of(device);
     meta_ = std::move(meta);
+    meta_axes_.store(meta_ ? Record::stale : Record::current, std::memory_order_relaxed);
     meta_sync_ = 1;
     options_pending_ = 0;
-    options_ = std::move(options);
+    refresh_options();
 }
 
 int Tensor::init_tensor_without_alloc_data(const Dims& shape, std::int64_t dtype, std::int64_t device,
                                            std::int64_t /*layout*/) {
-    const std::int64_t size = check_description(where("ornik::Tensor::init_tensor_without_alloc_data"), shape, dtype);
-    become(shape, shape2stride(shape), size, dtype, device, nullptr);
+    const std::int64_t size =
+        check_description(where("ornik::Tensor::init_tensor_without_alloc_data", family), shape, dtype);
+    become(Dims(shape), shape2stride(shape), size, dtype, device, nullptr);
     return 0;
 }
 
 int Tensor::initialize_none_tensor(const Dims& shape, std::int64_t dtype, std::int64_t device, std::int64_t layout) {
-    const std::int64_t size = check_description(where("ornik::Tensor::initialize_none_tensor"), shape, dtype);
-    const Dims strides = shape2stride(shape);
-    become(shape, strides, size, dtype, device,
-           std::make_shared<tensorT::Tensor_Meta>(shape, strides, dtype, device, layout, 0, true));
+    const std::int64_t size = check_description(where("ornik::Tensor::initialize_none_tensor", family), shape, dtype);
+    Dims strides = shape2stride(shape);
+    auto meta = new_meta(size, dtype, device, layout, 0);
+    meta->allocateDtypeData();
+    become(Dims(shape), std::move(strides), size, dtype, device, std::move(meta));
     return 0;
 }
 
@@ -253,26 +242,30 @@ int Tensor::init_none_tensor_with_shared_storage(const Dims& shape, const Dims& 
                                                  std::int64_t device,
                                                  const std::shared_ptr<tensorT::Tensor_storage>& storage,
                                                  std::int64_t layout, std::int64_t offset) {
-    const Where at = where("ornik::Tensor::init_none_tensor_with_shared_storage");
+    const Where at = where("ornik::Tensor::init_none_tensor_with_shared_storage", family);
     if (!storage) {
         fail(at, "Tensor needs a storage to share.");
     }
     check_dtype_code(at, dtype);
     check_inside(at, shape, strides, offset, dtype, storage.get());
     const std::int64_t size = checked_numel(at, shape);
-    auto meta = std::make_shared<tensorT::Tensor_Meta>(shape, strides, dtype, device, layout, offset, false);
+    auto meta = new_meta(size, dtype, device, layout, offset);
     meta->setStorage(storage);
-    become(shape, strides, size, dtype, device, std::move(meta));
+    become(Dims(shape), Dims(strides), size, dtype, device, std::move(meta));
     return 0;
 }
 
 int Tensor::init_sparse_tensor(const Dims& shape, std::int64_t dtype, std::int64_t device, std::int64_t layout,
                                std::vector<std::unique_ptr<Tensor>>&& members) {
-    const std::int64_t size = check_description(where("ornik::Tensor::init_sparse_tensor"), shape, dtype);
-    const Dims strides = shape2stride(shape);
+    const Where at = where("ornik::Tensor::init_sparse_tensor", family);
+    const std::int64_t size = check_description(at, shape, dtype);
+    if (layout != ornik::layout::csr && layout != ornik::layout::coo) {
+        fail(at, "A sparse tensor has layout 1 (CSR) or 2 (COO), however it is ", layout);
+    }
+    Dims strides = shape2stride(shape);
     std::vector<Tensor*> owned(members.size());
-    become(shape, strides, size, dtype, device,
-           std::make_shared<tensorT::Tensor_Meta>(shape, strides, dtype, device, layout, 0, false));
+    auto meta = new_meta(size, dtype, device, layout, 0);
+    become(Dims(shape), std::move(strides), size, dtype, device, std::move(meta));
     storage_type_ = static_cast<std::int32_t>(layout);
     std::transform(members.begin(), members.end(), owned.begin(), [](auto& member) { return member.release(); });
     csr_members_ = std::move(owned);
@@ -289,7 +282,7 @@ Tensor* view_tensor(const std::shared_ptr<tensorT::Tensor_storage>& storage, con
 Tensor* share_storage_tensor(const std::shared_ptr<tensorT::Tensor_storage>& storage, const Dims& shape,
                              const Dims& strides, std::int64_t dtype, std::int64_t offset) {
     if (!storage) {
-        fail(where("ornik::share_storage_tensor"), "Tensor needs a storage to share.");
+        fail(where("ornik::share_storage_tensor", family), "Tensor needs a storage to share.");
     }
     return view_tensor(storage, shape, strides, storage->getDevice(), dtype, offset);
 }

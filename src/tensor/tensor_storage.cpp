@@ -34,7 +34,7 @@ void check_foreign(const void* data, std::int64_t size, std::int64_t dtype) {
 
 Tensor_storage::Tensor_storage(std::int64_t device, std::int64_t size, std::int64_t dtype)
     : device_(device),
-      pool_buf_(device::AllocTensorBuffer(device, size, dtype)),
+      pool_buf_(device::AllocTensorBuffer(device, size, dtype_item_size(dtype))),
       raw_data_(pool_buf_->device_addr),
       size_(size),
       dtype_(dtype) {}

@@ -13,8 +13,8 @@ int maybe_warp_dim(int dim, int dim_post_expr) {
         fail(where("ornik::maybe_warp_dim"), "dim_post_expr should more than zero");
     }
     if (dim < -dim_post_expr || dim > dim_post_expr - 1) {
-        fail(where("ornik::maybe_warp_dim"), "if input negative dim or axis,dim should larger than ", -dim_post_expr,
-             " and smaller than ", dim_post_expr - 1);
+        fail(ErrorKind::index, where("ornik::maybe_warp_dim"), "if input negative dim or axis,dim should larger than ",
+             -dim_post_expr, " and smaller than ", dim_post_expr - 1);
     }
     return dim < 0 ? dim + dim_post_expr : dim;
 }
@@ -31,7 +31,7 @@ Dims values_shape(const Tensor* x) { return {x->Shape().begin(), x->Shape().end(
 void check_matrices(const Where& at, const char* name, const Tensor* x) {
     check_given(at, x);
     if (x->Dtype() < dtype::float32) {
-        fail(at, "'", name, "' only supports float or complex.");
+        fail(ErrorKind::dtype, at, "'", name, "' only supports float or complex.");
     }
     if (x->ndim() != 2 && x->ndim() != 3) {
         fail(at, name, " need input of 2-dim or 3-dim.");
@@ -127,21 +127,48 @@ Tensor* eigvalsh_grad(Tensor* grad, Tensor* x) {
     return result.release();
 }
 
-Tensor* eigh_grad(Tensor* grad_vectors, Tensor* grad_values, Tensor* x) {
-    const Where at = where("ornik::eigh_grad");
-    check_matrices(at, "eigh", x);
+namespace {
+
+void check_gradients(const Where& at, const Tensor* grad_vectors, const Tensor* grad_values, const Tensor* x) {
     if (grad_vectors == nullptr && grad_values == nullptr) {
         fail(at, "eigh need a gradient of the eigenvectors or of the eigenvalues.");
     }
     check_gradient(at, "eigh", grad_vectors, x->Dtype(), x->Shape());
     check_gradient(at, "eigh", grad_values, real_dtype(x->Dtype()), values_shape(x));
-    const Decomposition forward = decompose(at, "eigh", x);
+}
+
+Tensor* gradient_from(Tensor* grad_vectors, Tensor* grad_values, const Tensor* vectors, const Tensor* values) {
     const Borrowed vectors_part = Borrowed::contiguous(grad_vectors);
     const Borrowed values_part = Borrowed::contiguous(grad_values);
-    std::unique_ptr<Tensor> result = make_tensor(x->Shape(), x->Dtype());
-    device::cpu::cpu_eigh_grad(forward.vectors.get(), forward.values.get(), vectors_part.get(), values_part.get(),
-                               result.get());
+    std::unique_ptr<Tensor> result = make_tensor(vectors->Shape(), vectors->Dtype());
+    device::cpu::cpu_eigh_grad(vectors, values, vectors_part.get(), values_part.get(), result.get());
     return result.release();
+}
+
+}  // namespace
+
+Tensor* eigh_grad(Tensor* grad_vectors, Tensor* grad_values, Tensor* x) {
+    const Where at = where("ornik::eigh_grad");
+    check_matrices(at, "eigh", x);
+    check_gradients(at, grad_vectors, grad_values, x);
+    const Decomposition forward = decompose(at, "eigh", x);
+    return gradient_from(grad_vectors, grad_values, forward.vectors.get(), forward.values.get());
+}
+
+Tensor* eigh_grad_from(Tensor* grad_vectors, Tensor* grad_values, Tensor* vectors, Tensor* values) {
+    const Where at = where("ornik::eigh_grad_from");
+    check_matrices(at, "eigh", vectors);
+    check_operands(at, vectors, values);
+    check_gradients(at, grad_vectors, grad_values, vectors);
+    if (values->Dtype() != real_dtype(vectors->Dtype())) {
+        fail(ErrorKind::dtype, at, "Not same data type");
+    }
+    if (values->Shape() != values_shape(vectors)) {
+        fail(at, "eigh need eigenvalues of shape ", values_shape(vectors), ", however it is ", values->Shape());
+    }
+    const Borrowed dense_vectors = Borrowed::contiguous(vectors);
+    const Borrowed dense_values = Borrowed::contiguous(values);
+    return gradient_from(grad_vectors, grad_values, dense_vectors.get(), dense_values.get());
 }
 
 Tensor* solver(Tensor* /*a*/, Tensor* /*b*/, std::string /*method*/) {

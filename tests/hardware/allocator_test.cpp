@@ -55,7 +55,7 @@ TEST(Allocator, GpuEntryPointsRefuse) {
         {"GetGPUFreeMemSize", [] { GetGPUFreeMemSize(1000); }, message},
     };
     expect_refusals(refusals, "ornik::", "src/hardware/memory_config.cpp");
-    expect_error([] { device::AllocTensorBuffer(1000, 1, 6); }, message, "ornik::device::AllocTensorBuffer",
+    expect_error([] { device::AllocTensorBuffer(1000, 1, 4); }, message, "ornik::device::AllocTensorBuffer",
                  "src/hardware/allocator.cpp");
     EXPECT_FALSE(if_gpu_compiled() || if_mpi_compiled() || if_nccl_compiled() || maybe_set_cuda_lazy_init());
     char target = 1;

@@ -186,11 +186,30 @@ TEST(Pool, RefusesAddressesItDoesNotKnow) {
                  pool_file);
     pool.FreeTensorMem(address);
     expect_error([&] { pool.FreeTensorMem(address); }, "Find the mem_buf is not used.", "FreeTensorMem", pool_file);
-    expect_error([&] { pool.AllocTensorMem(std::uint64_t{1} << 63); },
-                 "Memory not enough: alloc size[0]MB is smaller than required size[8796093022208]MB.", "AllocTensorMem",
-                 pool_file);
     EXPECT_EQ(pool.totals(PoolKind::small).used, 512U);
     pool.FreeTensorMem(neighbour);
+}
+
+TEST(Pool, RefusesWhatNoDeviceHasAfterTheLastStepLikeAnyRequest) {
+    for (const auto& [bytes, mebibytes] : {std::pair{std::uint64_t{1} << 62, "4398046511104"},
+                                           {std::uint64_t{1} << 63, "8796093022208"},
+                                           {~std::uint64_t{0}, "17592186044415"},
+                                           {40 * MiB, "40"}}) {
+        for (const bool refuses_free : {false, true}) {
+            TestPool pool;
+            pool.capacity = 30 * MiB;
+            pool.FreeTensorMem(pool.AllocTensorMem(MiB));
+            pool.refuses_free = refuses_free;
+            testing::internal::CaptureStdout();
+            expect_error(
+                [&, request = bytes] { pool.AllocTensorMem(request); },
+                std::string("Memory not enough: alloc size[0]MB is smaller than required size[") + mebibytes + "]MB.",
+                "AllocTensorMem", pool_file);
+            EXPECT_NE(testing::internal::GetCapturedStdout(), "");
+            EXPECT_EQ(pool.blocks.size(), refuses_free ? 1U : 0U);
+            EXPECT_NO_THROW(pool.FreeTensorMem(pool.AllocTensorMem(MiB)));
+        }
+    }
 }
 
 // Random requests against a list of what is handed out: no two overlap, and everything is idle in the end.

@@ -38,8 +38,12 @@ TEST(LayerBase, UnservedOverloadsGiveNull) {
 // A layer that keeps tensors for its backward pass, as the base class owns them.
 class CachingLayer : public Layer {
   public:
-    CachingLayer() : Layer("caching", 0, 0) { forward_cache_ = {Tensor::ones({2}, 0, 6), nullptr}; }
+    CachingLayer() : Layer("caching", 0, 0) {
+        forward_cache_ = {Tensor::ones({2}, 0, 6), nullptr};
+        results_[3] = Tensor::full({2}, 2.0F, 0, 6);
+    }
     std::vector<Tensor*> get_fwd_cache() override { return forward_cache_; }
+    const Tensor* result(int slot) const { return results_[slot]; }
 };
 
 TEST(LayerBase, CopiesOwnClones) {
@@ -52,6 +56,8 @@ TEST(LayerBase, CopiesOwnClones) {
     for (CachingLayer* layer : {&copy, &assigned}) {
         EXPECT_EQ(values_of<float>(layer->get_fwd_cache()[0]), (std::vector<float>{1, 1}));
         EXPECT_EQ(layer->get_fwd_cache()[1], nullptr);
+        EXPECT_EQ(layer->result(0), nullptr);
+        EXPECT_EQ(values_of<float>(layer->result(3)), (std::vector<float>{2, 2}));
     }
 }
 

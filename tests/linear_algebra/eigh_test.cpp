@@ -167,6 +167,9 @@ TEST(Eigh, GradientsAgreeWithCentralDifferences) {
         expect_gradient([](Tensor* t) { return TensorPtr(eigvalsh(hermitian_part<T>(t).get())); }, x.get(), gl.get(),
                         of_values.get());
         const std::vector<Number> both = numbers(values_of<T>(TensorPtr(eigh_grad(gv.get(), gl.get(), x.get()))));
+        const Decomposition kept(x);
+        EXPECT_EQ(bytes_of(TensorPtr(eigh_grad_from(gv.get(), gl.get(), kept.vectors.get(), kept.values.get()))),
+                  bytes_of(TensorPtr(eigh_grad(gv.get(), gl.get(), x.get()))));
         for (std::size_t i = 0; i < both.size(); ++i) {
             const Number sum = numbers(values_of<T>(of_vectors))[i] + numbers(values_of<T>(of_values))[i];
             EXPECT_NEAR(std::abs(both[i] - sum), 0, 1e-12);
@@ -209,6 +212,8 @@ TEST(Eigh, Refusals) {
             "@ need a gradient of shape ( 2 ) , however it is ( 3 ) ", "eigh_grad");
     refused([&] { eigh_grad(nullptr, nullptr, good.get()); },
             "@ need a gradient of the eigenvectors or of the eigenvalues.", "eigh_grad");
+    refused([&] { eigh_grad_from(good.get(), nullptr, good.get(), make_empty({3}, dtype::float64).get()); },
+            "@ need eigenvalues of shape ( 2 ) , however it is ( 3 ) ", "eigh_grad_from");
     expect_error([&] { solver(good.get(), good.get(), "lu"); }, "solver() Not impl for CPU tensor.", "ornik::solver",
                  file);
 }

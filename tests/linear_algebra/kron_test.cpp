@@ -35,8 +35,8 @@ TEST(Kron, ProductAndGradientsInEveryLayoutAndType) {
             const TensorPtr y = operand({p, q}, b, 1);
             const TensorPtr grad = operand({m * p, n * q}, g, 2);
             const TensorPtr result(kron(x.get(), y.get()));
-            const TensorPtr grad_x(kron_grad_t1(grad.get(), x.get(), y.get()));
-            const TensorPtr grad_y(kron_grad_t2(grad.get(), x.get(), y.get()));
+            const TensorPtr grad_x(kron_dx_grad(x.get(), y.get(), grad.get()));
+            const TensorPtr grad_y(kron_dy_grad(x.get(), y.get(), grad.get()));
             SCOPED_TRACE(dtype_name(dtype_code<T>) + " " + std::to_string(layouts));
             EXPECT_EQ(result->is_coo(), x->is_coo() && y->is_coo());
             EXPECT_EQ(grad_x->Layout(), x->Layout());

@@ -76,8 +76,9 @@ TEST(Sparse, ProductAndGradients) {
             for (const auto convert : {to_csr, to_coo}) {
                 const TensorPtr sparse(convert(x.get()));
                 EXPECT_TRUE(same(values_of<T>(TensorPtr(sparse_dot(sparse.get(), y.get()))), product));
-                EXPECT_TRUE(same(values_of<T>(TensorPtr(sparse_dot_grad_dense(grad.get(), sparse.get()))), grad_b));
-                const TensorPtr at_entries(sparse_dot_grad_sparse(grad.get(), sparse.get(), y.get()));
+                EXPECT_TRUE(
+                    same(values_of<T>(TensorPtr(sparse_dot_dy_grad(sparse.get(), y.get(), grad.get()))), grad_b));
+                const TensorPtr at_entries(sparse_dot_dx_grad(sparse.get(), y.get(), grad.get()));
                 EXPECT_EQ(at_entries->Layout(), sparse->Layout());
                 EXPECT_EQ(member<std::int64_t>(at_entries, 1), member<std::int64_t>(sparse, 1));
                 EXPECT_TRUE(same(elements_of<T>(at_entries), grad_a));

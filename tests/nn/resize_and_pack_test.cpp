@@ -121,10 +121,12 @@ TEST(Packing, GradientsAndRefusals) {
                     pack_sequences_grad(packed.get(), packing, 4));
     expect_gradient([&](Tensor* t) { return unpack_sequences(t, packing, 4, 7); }, packed, padded,
                     unpack_sequences_grad(padded.get(), packing));
+    const Refusal of_lengths[] = {
+        {"Packing", [] { Packing(dims(2, -1)); }, "Sequences have lengths from 0, however they are ( 2, -1 ) "},
+        {"Packing", [] { Packing(dims(0, 0)); }, "At least one sequence should have a step."},
+    };
+    expect_refusals(of_lengths, "ornik::Packing::", "src/descriptors/packing.cpp");
     const Refusal refusals[] = {
-        {"Packing::Packing", [] { Packing(dims(2, -1)); },
-         "Sequences have lengths from 0, however they are ( 2, -1 ) "},
-        {"Packing::Packing", [] { Packing(dims(0, 0)); }, "At least one sequence should have a step."},
         {"pack_sequences", [&] { pack_sequences(packed.get(), packing); },
          "These sequences are padded to [2, 3 or more, ...], however they are ( 5, 2 ) "},
         {"unpack_sequences", [&] { unpack_sequences(padded.get(), packing); },

@@ -4,6 +4,8 @@
 
 #include <complex>
 #include <memory>
+#include <string>
+#include <utility>
 
 namespace {
 
@@ -50,10 +52,41 @@ TEST(Interface, ExportsEveryScalarType) {
     use_scalar_forms(std::int64_t{1});
     use_scalar_forms(1.0F);
     use_scalar_forms(1.0);
+    use_scalar_forms(std::complex<float>(1, 1));
     use_scalar_forms(ornik::complex_scalar::complex<float>(1, 1));
     use_scalar_forms(ornik::complex_scalar::complex<double>(1, 1));
     use_complex_forms(std::complex<float>(1, 1));
     use_complex_forms(std::complex<double>(1, 1));
+}
+
+// Types without a dtype of their own: that of the smallest element type that holds all their values.
+TEST(Interface, ScalarsOfEveryArithmeticType) {
+    const std::pair<ornik::Scalar, std::int64_t> rows[] = {
+        {'a', std::is_signed_v<char> ? ornik::dtype::int8 : ornik::dtype::uint8},
+        {static_cast<unsigned short>(60000), ornik::dtype::int32},
+        {4000000000U, ornik::dtype::int64},
+        {9000000000L, ornik::dtype::int64},
+        {-9000000000LL, ornik::dtype::int64},
+        {u'a', ornik::dtype::int32},
+        {std::complex<double>(1, 2), ornik::dtype::complex128},
+    };
+    for (const auto& [scalar, dtype] : rows) {
+        EXPECT_EQ(scalar.Dtype(), dtype);
+    }
+    const TensorPtr t(Tensor::zeros({1}, 0, ornik::dtype::float64));
+    const auto& value = *static_cast<const double*>(t->getRawData());
+    t->add_scalar_inplace(4000000000U);
+    t->add_scalar_inplace(-9000000000LL);
+    t->add_scalar_inplace('a');
+    EXPECT_EQ(value, 4e9 - 9e9 + 'a');
+    static_assert(!ornik::ScalarArgument<unsigned long long> && !ornik::ScalarArgument<long double> &&
+                  !ornik::ScalarArgument<std::complex<long double>> && !ornik::ScalarArgument<const char*>);
+}
+
+TEST(Interface, Version) {
+    EXPECT_EQ(ornik::version(), std::to_string(ORNIK_VERSION_MAJOR) + "." + std::to_string(ORNIK_VERSION_MINOR) + "." +
+                                    std::to_string(ORNIK_VERSION_PATCH));
+    EXPECT_EQ(ornik::shape2stride({2, 3, 4}), (ornik::Dims{12, 4, 1}));
 }
 
 TEST(Interface, ErrorsCrossTheLibraryBoundary) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <iostream>
 #include <limits>
 #include <random>
 
@@ -20,29 +21,10 @@ constexpr std::int64_t max64 = std::numeric_limits<std::int64_t>::max();
 constexpr std::int64_t min64 = std::numeric_limits<std::int64_t>::min();
 using Storage = std::shared_ptr<tensorT::Tensor_storage>;
 
-// A storage over a heap block.
-class Block {
-  public:
-    Block(std::int64_t count, std::int64_t dtype)
-        : storage_(std::make_shared<tensorT::Tensor_storage>(0, count, dtype)),
-          pooled_(storage_->getRawData()),
-          bytes_(new char[static_cast<std::size_t>(storage_->byte_size())]()) {
-        storage_->setRawData(bytes_.get());
-    }
-    Block(Block&&) = default;
-    ~Block() {
-        if (storage_) {
-            EXPECT_EQ(storage_.use_count(), 1);
-            storage_->setRawData(pooled_);
-        }
-    }
-    const Storage& storage() const { return storage_; }
-
-  private:
-    Storage storage_;
-    void* pooled_;
-    std::unique_ptr<char[]> bytes_;
-};
+Storage heap_block(std::int64_t count) {
+    auto* items = new float[static_cast<std::size_t>(count)]();
+    return tensorT::Tensor_storage::from_foreign(items, count, dtype::float32, [items] { delete[] items; });
+}
 
 struct Snapshot {
     Dims shape, strides;
@@ -71,7 +53,7 @@ class StateWalk {
   public:
     explicit StateWalk(unsigned seed) : engine_(seed) {
         for (const std::int64_t count : {1, 6, 24}) {
-            blocks_.emplace_back(count, dtype::float32);
+            storages_.push_back(heap_block(count));
         }
         tensors_.resize(4);
         for (TensorPtr& t : tensors_) {
@@ -85,7 +67,8 @@ class StateWalk {
             testing::internal::CaptureStdout();
             change(*t);
             use(*t);
-            testing::internal::GetCapturedStdout();
+            const std::string printed = testing::internal::GetCapturedStdout();
+            std::cout << (testing::Test::HasFailure() ? printed : "");
             if (one_in(10)) {
                 renew(t);
             }
@@ -102,7 +85,7 @@ class StateWalk {
         return list[static_cast<std::size_t>(below(std::size(list)))];
     }
     TensorPtr& any_tensor() { return any_of(tensors_); }
-    const Storage& any_storage() { return any_of(blocks_).storage(); }
+    const Storage& any_storage() { return any_of(storages_); }
 
     std::int64_t number() {
         static constexpr std::int64_t likely[] = {0, 1, 1, 2, 2, 3, 4, 6, 6, 12, 24};
@@ -281,7 +264,7 @@ class StateWalk {
     }
 
     std::mt19937 engine_;
-    std::vector<Block> blocks_;  // Outlive the tensors.
+    std::vector<Storage> storages_;
     std::vector<TensorPtr> tensors_;
     std::string trace_;
     int accepted_ = 0;

@@ -1,6 +1,7 @@
 // Child processes after fork(): they find every lock free, and give the parent's bits.
 #if defined(__unix__) || defined(__APPLE__)
 
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 

@@ -13,16 +13,18 @@ class ORNIK_API LConv : public Layer {
     using Layer::backward_dyn;
     using Layer::forward_dyn;
     /// Makes every argument contiguous and calls _forward_dyn.
-    Tensor* forward_dyn(Tensor* weight, Tensor* bias, Tensor* input) override;
+    [[nodiscard]] Tensor* forward_dyn(Tensor* weight, Tensor* bias, Tensor* input) override;
     /// Makes every argument that is not null contiguous and calls float_backward.
-    Tensor* backward_dyn(Tensor* weight, Tensor* bias, Tensor* input, Tensor* output_gradient, int node) override;
+    [[nodiscard]] Tensor* backward_dyn(Tensor* weight, Tensor* bias, Tensor* input, Tensor* output_gradient,
+                                       int node) override;
 
     // Arguments are contiguous; the last of _forward_dyn is not used.
-    virtual Tensor* _forward_dyn(Tensor* weight, Tensor* bias, Tensor* input, int unused) = 0;
+    [[nodiscard]] virtual Tensor* _forward_dyn(Tensor* weight, Tensor* bias, Tensor* input, int unused) = 0;
     /// The gradient of the input (node 0), the weight (1) or the bias (2); any other node is an error. It has
     /// the shape of its argument; that of a null bias is (output channels). The node is checked first, then
     /// the bias's existence, then _trainable.
-    virtual Tensor* float_backward(Tensor* weight, Tensor* bias, Tensor* input, Tensor* output_gradient, int node) = 0;
+    [[nodiscard]] virtual Tensor* float_backward(Tensor* weight, Tensor* bias, Tensor* input, Tensor* output_gradient,
+                                                 int node) = 0;
 
   protected:
     /// `word` names a layer without a name.

@@ -15,8 +15,9 @@ class ORNIK_API LConv2D : public LConv {
             const std::vector<int>& padding, const std::string& padding_type, bool use_bias, int groups,
             const std::vector<int>& dilation, std::string name, int first, int second);
 
-    Tensor* _forward_dyn(Tensor* weight, Tensor* bias, Tensor* input, int unused) override;
-    Tensor* float_backward(Tensor* weight, Tensor* bias, Tensor* input, Tensor* output_gradient, int node) override;
+    [[nodiscard]] Tensor* _forward_dyn(Tensor* weight, Tensor* bias, Tensor* input, int unused) override;
+    [[nodiscard]] Tensor* float_backward(Tensor* weight, Tensor* bias, Tensor* input, Tensor* output_gradient,
+                                         int node) override;
 
   private:
     ConvolDescriptor descriptor_;

@@ -16,9 +16,11 @@ class ORNIK_API LConvT2D : public LConv {
              const std::vector<int>& dilation, const std::vector<int>& output_padding, std::string name, int first,
              int second);
 
-    Tensor* _forward_dyn(Tensor* weight, Tensor* bias, Tensor* input, int unused) override;
-    Tensor* float_backward(Tensor* weight, Tensor* bias, Tensor* input, Tensor* output_gradient, int node) override;
-    Tensor* ConvT2D_float_backward(Tensor* weight, Tensor* bias, Tensor* input, Tensor* output_gradient, int node);
+    [[nodiscard]] Tensor* _forward_dyn(Tensor* weight, Tensor* bias, Tensor* input, int unused) override;
+    [[nodiscard]] Tensor* float_backward(Tensor* weight, Tensor* bias, Tensor* input, Tensor* output_gradient,
+                                         int node) override;
+    [[nodiscard]] Tensor* ConvT2D_float_backward(Tensor* weight, Tensor* bias, Tensor* input, Tensor* output_gradient,
+                                                 int node);
 
   private:
     ConvolDescriptorT2D descriptor_;

@@ -23,30 +23,31 @@ class ORNIK_API LBatchNorm : public Layer {
     using Layer::backward_dyn;
     using Layer::forward_dyn;
     /// A null gamma counts as 1, a null beta as 0. The result is contiguous.
-    Tensor* forward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, bool training, Tensor* running_mean,
-                        Tensor* running_variance) override;
+    [[nodiscard]] Tensor* forward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, bool training, Tensor* running_mean,
+                                      Tensor* running_variance) override;
     /// The gradient for one node, after the latest forward_dyn: 0 the input's, 1 gamma's, 2 beta's. Nodes 1 and
     /// 2 give null without `affine` and when the layer is not trainable. Another node prints "Node should be
     /// 0, 1, 2" and gives null. Saved statistics that are null (both) are those of the latest forward_dyn.
-    Tensor* backward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, Tensor* output_gradient, Tensor* mean,
-                         Tensor* variance, int node) override;
+    [[nodiscard]] Tensor* backward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, Tensor* output_gradient,
+                                       Tensor* mean, Tensor* variance, int node) override;
     /// The same with the statistics as get_fwd_cache gives them; an empty list: those of the layer.
-    Tensor* backward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, Tensor* output_gradient,
-                         std::vector<Tensor*>& saved, int node) override;
+    [[nodiscard]] Tensor* backward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, Tensor* output_gradient,
+                                       std::vector<Tensor*>& saved, int node) override;
     /// The gradients for all three nodes, by node, each for the caller to delete; null where backward_dyn gives null.
     /// The same bits as from three calls of it, in fewer passes over memory.
-    std::array<Tensor*, 3> gradients(Tensor* gamma, Tensor* beta, Tensor* input, Tensor* output_gradient,
-                                     std::vector<Tensor*>& saved);
+    [[nodiscard]] std::array<Tensor*, 3> gradients(Tensor* gamma, Tensor* beta, Tensor* input, Tensor* output_gradient,
+                                                   std::vector<Tensor*>& saved);
     /// Mean and variance [C] that the latest forward_dyn used; empty before.
     std::vector<Tensor*> get_fwd_cache() override { return forward_cache_; }
     /// A copy of that variance, for the caller to delete; null before any forward_dyn.
-    Tensor* get_saved_var() override;
+    [[nodiscard]] Tensor* get_saved_var() override;
     /// A copy of that mean.
-    Tensor* get_saved_opa() override;
+    [[nodiscard]] Tensor* get_saved_opa() override;
 
   private:
-    std::array<Tensor*, 3> compute(const Where& at, const std::array<bool, 3>& wanted, Tensor* gamma, Tensor* beta,
-                                   Tensor* input, Tensor* output_gradient, const std::vector<Tensor*>& saved);
+    [[nodiscard]] std::array<Tensor*, 3> compute(const Where& at, const std::array<bool, 3>& wanted, Tensor* gamma,
+                                                 Tensor* beta, Tensor* input, Tensor* output_gradient,
+                                                 const std::vector<Tensor*>& saved);
 
     bool affine_;
     float momentum_;

@@ -20,20 +20,21 @@ class ORNIK_API LLayerNorm : public Layer {
     using Layer::backward_dyn;
     using Layer::forward_dyn;
     /// A null gamma counts as 1, a null beta as 0; training and inference do the same.
-    Tensor* forward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, bool training) override;
+    [[nodiscard]] Tensor* forward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, bool training) override;
     /// As LGroupNorm::backward_dyn.
-    Tensor* backward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, Tensor* output_gradient,
-                         std::vector<Tensor*>& saved, int node) override;
+    [[nodiscard]] Tensor* backward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, Tensor* output_gradient,
+                                       std::vector<Tensor*>& saved, int node) override;
     /// The gradients for all three nodes, by node, each for the caller to delete; null where backward_dyn gives null.
     /// The same bits as from three calls of it, in fewer passes over memory.
-    std::array<Tensor*, 3> gradients(Tensor* gamma, Tensor* beta, Tensor* input, Tensor* output_gradient,
-                                     std::vector<Tensor*>& saved);
+    [[nodiscard]] std::array<Tensor*, 3> gradients(Tensor* gamma, Tensor* beta, Tensor* input, Tensor* output_gradient,
+                                                   std::vector<Tensor*>& saved);
     /// Mean and variance of the latest forward_dyn, shaped as the leading axes; empty before.
     std::vector<Tensor*> get_fwd_cache() override { return forward_cache_; }
 
   private:
-    std::array<Tensor*, 3> compute(const Where& at, const std::array<bool, 3>& wanted, Tensor* gamma, Tensor* beta,
-                                   Tensor* input, Tensor* output_gradient, const std::vector<Tensor*>& saved);
+    [[nodiscard]] std::array<Tensor*, 3> compute(const Where& at, const std::array<bool, 3>& wanted, Tensor* gamma,
+                                                 Tensor* beta, Tensor* input, Tensor* output_gradient,
+                                                 const std::vector<Tensor*>& saved);
 
     bool affine_;
     float eps_;

@@ -28,14 +28,15 @@ class ORNIK_API LPool1D : public Layer {
     using Layer::backward_dyn;
     using Layer::forward_dyn;
     /// The result is contiguous.
-    Tensor* forward_dyn(Tensor* input) override;
+    [[nodiscard]] Tensor* forward_dyn(Tensor* input) override;
     /// The input's gradient. `saved` is what get_fwd_cache gave after the forward pass; an empty list stands for
     /// what the layer itself keeps.
-    Tensor* backward_dyn(Tensor* input, Tensor* output_gradient, std::vector<Tensor*>& saved) override;
+    [[nodiscard]] Tensor* backward_dyn(Tensor* input, Tensor* output_gradient, std::vector<Tensor*>& saved) override;
 
     /// The passes over contiguous tensors.
-    virtual Tensor* _forward_dyn(Tensor* input) = 0;
-    virtual Tensor* float_backward(Tensor* input, Tensor* output_gradient, std::vector<Tensor*>& saved) = 0;
+    [[nodiscard]] virtual Tensor* _forward_dyn(Tensor* input) = 0;
+    [[nodiscard]] virtual Tensor* float_backward(Tensor* input, Tensor* output_gradient,
+                                                 std::vector<Tensor*>& saved) = 0;
 
   protected:
     LPool1D(const char* kind, const std::vector<int>& kernel, const std::vector<int>& strides,
@@ -49,11 +50,12 @@ class ORNIK_API LPool2D : public Layer {
   public:
     using Layer::backward_dyn;
     using Layer::forward_dyn;
-    Tensor* forward_dyn(Tensor* input) override;
-    Tensor* backward_dyn(Tensor* input, Tensor* output_gradient, std::vector<Tensor*>& saved) override;
+    [[nodiscard]] Tensor* forward_dyn(Tensor* input) override;
+    [[nodiscard]] Tensor* backward_dyn(Tensor* input, Tensor* output_gradient, std::vector<Tensor*>& saved) override;
 
-    virtual Tensor* _forward_dyn(Tensor* input) = 0;
-    virtual Tensor* float_backward(Tensor* input, Tensor* output_gradient, std::vector<Tensor*>& saved) = 0;
+    [[nodiscard]] virtual Tensor* _forward_dyn(Tensor* input) = 0;
+    [[nodiscard]] virtual Tensor* float_backward(Tensor* input, Tensor* output_gradient,
+                                                 std::vector<Tensor*>& saved) = 0;
 
   protected:
     LPool2D(const char* kind, const std::vector<int>& kernel, const std::vector<int>& strides,
@@ -69,8 +71,8 @@ class ORNIK_API LMaxPool1D : public LPool1D {
     LMaxPool1D(const std::vector<int>& kernel, const std::vector<int>& strides, const std::vector<int>& padding,
                const std::string& padding_type, std::string name, int first, int second);
     std::vector<Tensor*> get_fwd_cache() override { return forward_cache_; }
-    Tensor* _forward_dyn(Tensor* input) override;
-    Tensor* float_backward(Tensor* input, Tensor* output_gradient, std::vector<Tensor*>& saved) override;
+    [[nodiscard]] Tensor* _forward_dyn(Tensor* input) override;
+    [[nodiscard]] Tensor* float_backward(Tensor* input, Tensor* output_gradient, std::vector<Tensor*>& saved) override;
 };
 
 class ORNIK_API LAveragePool1D : public LPool1D {
@@ -78,8 +80,8 @@ class ORNIK_API LAveragePool1D : public LPool1D {
     LAveragePool1D(const std::vector<int>& kernel, const std::vector<int>& strides, const std::vector<int>& padding,
                    const std::string& padding_type, std::string name, int first, int second);
     std::vector<Tensor*> get_fwd_cache() override { return forward_cache_; }
-    Tensor* _forward_dyn(Tensor* input) override;
-    Tensor* float_backward(Tensor* input, Tensor* output_gradient, std::vector<Tensor*>& saved) override;
+    [[nodiscard]] Tensor* _forward_dyn(Tensor* input) override;
+    [[nodiscard]] Tensor* float_backward(Tensor* input, Tensor* output_gradient, std::vector<Tensor*>& saved) override;
 };
 
 class ORNIK_API LMaxPool2D : public LPool2D {
@@ -87,8 +89,8 @@ class ORNIK_API LMaxPool2D : public LPool2D {
     LMaxPool2D(const std::vector<int>& kernel, const std::vector<int>& strides, const std::vector<int>& padding,
                const std::string& padding_type, std::string name, int first, int second);
     std::vector<Tensor*> get_fwd_cache() override { return forward_cache_; }
-    Tensor* _forward_dyn(Tensor* input) override;
-    Tensor* float_backward(Tensor* input, Tensor* output_gradient, std::vector<Tensor*>& saved) override;
+    [[nodiscard]] Tensor* _forward_dyn(Tensor* input) override;
+    [[nodiscard]] Tensor* float_backward(Tensor* input, Tensor* output_gradient, std::vector<Tensor*>& saved) override;
 };
 
 class ORNIK_API LAveragePool2D : public LPool2D {
@@ -96,8 +98,8 @@ class ORNIK_API LAveragePool2D : public LPool2D {
     LAveragePool2D(const std::vector<int>& kernel, const std::vector<int>& strides, const std::vector<int>& padding,
                    const std::string& padding_type, std::string name, int first, int second);
     std::vector<Tensor*> get_fwd_cache() override { return forward_cache_; }
-    Tensor* _forward_dyn(Tensor* input) override;
-    Tensor* float_backward(Tensor* input, Tensor* output_gradient, std::vector<Tensor*>& saved) override;
+    [[nodiscard]] Tensor* _forward_dyn(Tensor* input) override;
+    [[nodiscard]] Tensor* float_backward(Tensor* input, Tensor* output_gradient, std::vector<Tensor*>& saved) override;
 };
 
 }  // namespace ornik

@@ -9,6 +9,7 @@
 // attend to nothing gets zeros, and so do the gradients through it.
 #pragma once
 
+#include <array>
 #include <memory>
 
 #include "../../export.h"
@@ -19,8 +20,8 @@ namespace ornik {
 /// softmax(query key^T / sqrt(d) + mask) value. query [..., n, d], key [..., m, d], value [..., m, e], the same
 /// leading axes; the result is [..., n, e], a new tensor that the caller deletes. When `probabilities` is not
 /// null it receives the softmax [..., n, m], which the caller deletes, too.
-ORNIK_API Tensor* scaled_dot_product_attention(Tensor* query, Tensor* key, Tensor* value, Tensor* mask = nullptr,
-                                               Tensor** probabilities = nullptr);
+[[nodiscard]] ORNIK_API Tensor* scaled_dot_product_attention(Tensor* query, Tensor* key, Tensor* value,
+                                                             Tensor* mask = nullptr, Tensor** probabilities = nullptr);
 
 struct AttentionGradients {
     std::unique_ptr<Tensor> query;
@@ -29,8 +30,43 @@ struct AttentionGradients {
 };
 
 /// The gradients for query, key and value, from the probabilities of the forward pass, which carry the mask.
-ORNIK_API AttentionGradients scaled_dot_product_attention_grad(Tensor* query, Tensor* key, Tensor* value,
-                                                               Tensor* probabilities, Tensor* output_gradient);
+[[nodiscard]] ORNIK_API AttentionGradients scaled_dot_product_attention_grad(Tensor* query, Tensor* key, Tensor* value,
+                                                                             Tensor* probabilities,
+                                                                             Tensor* output_gradient);
+
+namespace nn {
+
+/// What scaled_dot_product_attention does not take.
+struct AttentionOptions {
+    Tensor* mask = nullptr;  ///< as above
+    bool causal = false;     ///< position i may attend to the first i + 1 alone, besides what the mask says
+    double scale = 0;        ///< of the scores; 0 stands for 1 / sqrt(d)
+    double dropout = 0;      ///< of the probabilities, as dropout of layers/functional/dropout.h
+};
+
+struct Attended {
+    std::unique_ptr<Tensor> output;
+    std::unique_ptr<Tensor> probabilities;  ///< before any dropout
+    std::unique_ptr<Tensor> kept;           ///< bool, what dropout kept; null without
+};
+
+/// As scaled_dot_product_attention.
+ORNIK_API Attended attention(Tensor* query, Tensor* key, Tensor* value, const AttentionOptions& options = {});
+
+struct AttentionGradients {
+    std::unique_ptr<Tensor> query;
+    std::unique_ptr<Tensor> key;
+    std::unique_ptr<Tensor> value;
+    std::unique_ptr<Tensor> mask;
+};
+
+/// Those that are wanted, in that order; the others are null. `kept` and the options are those of the forward pass;
+/// the mask counts when its own gradient is wanted, and is not bool then.
+ORNIK_API AttentionGradients attention_grad(Tensor* output_gradient, Tensor* query, Tensor* key, Tensor* value,
+                                            Tensor* probabilities, Tensor* kept, const AttentionOptions& options = {},
+                                            const std::array<bool, 4>& wanted = {true, true, true, false});
+
+}  // namespace nn
 
 /// One dense map x W + b: weight [in, out], bias [out], [1, out] or null. Not owned.
 struct AttentionProjection {
@@ -59,8 +95,9 @@ struct MultiHeadState {
 /// Projects query [b, n, *], key and value [b, m, *], attends in `heads` heads, and projects the merged heads:
 /// [b, n, out], a new tensor that the caller deletes. Self-attention passes one tensor three times. The mask
 /// broadcasts to [b, heads, n, m]. When `state` is not null it receives what the backward pass needs.
-ORNIK_API Tensor* multi_head_attention(const MultiHeadParameters& parameters, int heads, Tensor* query, Tensor* key,
-                                       Tensor* value, Tensor* mask = nullptr, MultiHeadState* state = nullptr);
+[[nodiscard]] ORNIK_API Tensor* multi_head_attention(const MultiHeadParameters& parameters, int heads, Tensor* query,
+                                                     Tensor* key, Tensor* value, Tensor* mask = nullptr,
+                                                     MultiHeadState* state = nullptr);
 
 /// Of one dense map; the bias is null where the map has none.
 struct ProjectionGradients {
@@ -77,8 +114,9 @@ struct MultiHeadGradients {
 };
 
 /// The gradients for inputs and parameters, from the state of a forward pass with the same arguments.
-ORNIK_API MultiHeadGradients multi_head_attention_grad(const MultiHeadParameters& parameters, Tensor* query,
-                                                       Tensor* key, Tensor* value, const MultiHeadState& state,
-                                                       Tensor* output_gradient);
+[[nodiscard]] ORNIK_API MultiHeadGradients multi_head_attention_grad(const MultiHeadParameters& parameters,
+                                                                     Tensor* query, Tensor* key, Tensor* value,
+                                                                     const MultiHeadState& state,
+                                                                     Tensor* output_gradient);
 
 }  // namespace ornik

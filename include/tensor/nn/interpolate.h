@@ -16,10 +16,11 @@ namespace ornik {
 ///               i (in - 1) / (out - 1); positions outside are moved to the edge
 ///
 /// align_corners belongs to "bilinear" alone.
-ORNIK_API Tensor* interpolate(Tensor* input, const Dims& size, const std::string& mode, bool align_corners = false);
+[[nodiscard]] ORNIK_API Tensor* interpolate(Tensor* input, const Dims& size, const std::string& mode,
+                                            bool align_corners = false);
 
 /// The gradient for an input of `input_shape`; output_gradient is shaped as the resized images.
-ORNIK_API Tensor* interpolate_grad(Tensor* output_gradient, const Dims& input_shape, const std::string& mode,
-                                   bool align_corners = false);
+[[nodiscard]] ORNIK_API Tensor* interpolate_grad(Tensor* output_gradient, const Dims& input_shape,
+                                                 const std::string& mode, bool align_corners = false);
 
 }  // namespace ornik

@@ -13,20 +13,26 @@
 namespace ornik {
 
 /// The output that the descriptor made, filled; bias may be null, else it holds one value per output channel.
-ORNIK_API Tensor* Conv2D_forward(Tensor* weight, Tensor* bias, Tensor* input, ConvolDescriptor& descriptor);
+[[nodiscard]] ORNIK_API Tensor* Conv2D_forward(Tensor* weight, Tensor* bias, Tensor* input,
+                                               ConvolDescriptor& descriptor);
 /// The gradient of the input.
-ORNIK_API Tensor* Conv2D_x_grad(Tensor* weight, Tensor* output_gradient, const ConvolDescriptor& descriptor);
+[[nodiscard]] ORNIK_API Tensor* Conv2D_x_grad(Tensor* weight, Tensor* output_gradient,
+                                              const ConvolDescriptor& descriptor);
 /// The gradient of the weight.
-ORNIK_API Tensor* Conv2D_w_grad(Tensor* input, Tensor* output_gradient, const ConvolDescriptor& descriptor);
+[[nodiscard]] ORNIK_API Tensor* Conv2D_w_grad(Tensor* input, Tensor* output_gradient,
+                                              const ConvolDescriptor& descriptor);
 /// The gradient of the bias, (output channels).
-ORNIK_API Tensor* Conv2D_bias_grad(Tensor* output_gradient, const ConvolDescriptor& descriptor);
+[[nodiscard]] ORNIK_API Tensor* Conv2D_bias_grad(Tensor* output_gradient, const ConvolDescriptor& descriptor);
 
 /// The transposed convolution: every input element adds its multiple of the kernel to the output. A bias
 /// needs use_bias.
-ORNIK_API Tensor* ConvT2D_forward(Tensor* weight, Tensor* bias, Tensor* input, ConvolDescriptorT2D& descriptor,
-                                  bool use_bias);
-ORNIK_API Tensor* ConvT2D_x_grad(Tensor* weight, Tensor* output_gradient, const ConvolDescriptorT2D& descriptor);
-ORNIK_API Tensor* ConvT2D_w_grad(Tensor* input, Tensor* output_gradient, const ConvolDescriptorT2D& descriptor);
-ORNIK_API Tensor* ConvT2D_bias_grad(Tensor* output_gradient, const ConvolDescriptorT2D& descriptor, bool use_bias);
+[[nodiscard]] ORNIK_API Tensor* ConvT2D_forward(Tensor* weight, Tensor* bias, Tensor* input,
+                                                ConvolDescriptorT2D& descriptor, bool use_bias);
+[[nodiscard]] ORNIK_API Tensor* ConvT2D_x_grad(Tensor* weight, Tensor* output_gradient,
+                                               const ConvolDescriptorT2D& descriptor);
+[[nodiscard]] ORNIK_API Tensor* ConvT2D_w_grad(Tensor* input, Tensor* output_gradient,
+                                               const ConvolDescriptorT2D& descriptor);
+[[nodiscard]] ORNIK_API Tensor* ConvT2D_bias_grad(Tensor* output_gradient, const ConvolDescriptorT2D& descriptor,
+                                                  bool use_bias);
 
 }  // namespace ornik

@@ -1,4 +1,4 @@
-// promotion.h: result dtypes of arithmetic. Internal.
+// promotion.h: result dtypes of arithmetic.
 //
 // All tables are indexed by dtype codes. Scalars and tensors follow different rules on purpose: an integer
 // scalar never widens an integer tensor, and a float64 tensor with a complex64 scalar gives complex64. Sums,

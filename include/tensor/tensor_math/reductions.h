@@ -31,41 +31,54 @@ namespace ornik {
 // ---- Sums ----
 
 /// All dtypes. bool and integers give int64, which wraps; others keep their dtype. No elements give 0.
-ORNIK_API Tensor* sum(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
+[[nodiscard]] ORNIK_API Tensor* sum(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
 /// As sum; no elements give 1.
-ORNIK_API Tensor* prod(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
+[[nodiscard]] ORNIK_API Tensor* prod(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
 /// bool and integers give float32. No elements give NaN.
-ORNIK_API Tensor* mean(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
+[[nodiscard]] ORNIK_API Tensor* mean(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
 /// Square root of the sum of squared magnitudes, added up in double. bool and integers give float32, complex
 /// dtypes that of their parts.
-ORNIK_API Tensor* l2_norm(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
+[[nodiscard]] ORNIK_API Tensor* l2_norm(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
 /// Squared deviations from the mean, over (count - correction): 0 for a population, 1 for a sample. NaN where
 /// the divisor is not above 0. Real dtypes; bool and integers give float32.
-ORNIK_API Tensor* var(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false, double correction = 1);
+[[nodiscard]] ORNIK_API Tensor* var(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false,
+                                    double correction = 1);
 /// The square root of var, under two names.
-ORNIK_API Tensor* std_dev(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false, double correction = 1);
-ORNIK_API Tensor* std(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false, double correction = 1);
+[[nodiscard]] ORNIK_API Tensor* std_dev(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false,
+                                        double correction = 1);
+[[nodiscard]] ORNIK_API Tensor* std(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false,
+                                    double correction = 1);
 /// log(sum(exp(x))) without overflow; no elements give -infinity. float32 and float64.
-ORNIK_API Tensor* logsumexp(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
+[[nodiscard]] ORNIK_API Tensor* logsumexp(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
 /// The sum along the diagonal of two axes (see Tensor::diagonal), over all other positions.
-ORNIK_API Tensor* trace(Tensor* x, std::int64_t offset = 0, int dim1 = 0, int dim2 = 1);
+[[nodiscard]] ORNIK_API Tensor* trace(Tensor* x, std::int64_t offset = 0, int dim1 = 0, int dim2 = 1);
+
+/// t summed over the axes along which `shape` was broadcast to t's shape: the gradient of broadcasting. Any dtype,
+/// which stays; integers wrap, bool is the or. A view when nothing is to be summed.
+ORNIK_API Tensor* sum_to_shape(const Tensor* t, const Dims& shape);
 
 /// Complex too, as prod_grad, mean_grad and trace_grad.
-ORNIK_API Tensor* sum_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
-ORNIK_API Tensor* prod_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
-ORNIK_API Tensor* mean_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
+[[nodiscard]] ORNIK_API Tensor* sum_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {},
+                                         bool keep_dims = false);
+[[nodiscard]] ORNIK_API Tensor* prod_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {},
+                                          bool keep_dims = false);
+[[nodiscard]] ORNIK_API Tensor* mean_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {},
+                                          bool keep_dims = false);
 /// 0 where the norm is 0. Complex too.
-ORNIK_API Tensor* l2_norm_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
-ORNIK_API Tensor* var_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false,
-                           double correction = 1);
+[[nodiscard]] ORNIK_API Tensor* l2_norm_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {},
+                                             bool keep_dims = false);
+[[nodiscard]] ORNIK_API Tensor* var_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {},
+                                         bool keep_dims = false, double correction = 1);
 /// 0 where the deviation is 0.
-ORNIK_API Tensor* std_dev_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false,
-                               double correction = 1);
-ORNIK_API Tensor* std_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false,
-                           double correction = 1);
+[[nodiscard]] ORNIK_API Tensor* std_dev_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {},
+                                             bool keep_dims = false, double correction = 1);
+[[nodiscard]] ORNIK_API Tensor* std_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {},
+                                         bool keep_dims = false, double correction = 1);
 /// exp(x - logsumexp(x)); NaN for an element that is +infinity, 0 where the result is -infinity.
-ORNIK_API Tensor* logsumexp_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
-ORNIK_API Tensor* trace_grad(Tensor* grad, Tensor* x, std::int64_t offset = 0, int dim1 = 0, int dim2 = 1);
+[[nodiscard]] ORNIK_API Tensor* logsumexp_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {},
+                                               bool keep_dims = false);
+[[nodiscard]] ORNIK_API Tensor* trace_grad(Tensor* grad, Tensor* x, std::int64_t offset = 0, int dim1 = 0,
+                                           int dim2 = 1);
 
 // The correction comes last: a number in the place of keep_dims does not compile.
 template <typename T>
@@ -80,39 +93,55 @@ Tensor* std_grad(Tensor*, Tensor*, const std::vector<int>&, NotAFlag auto correc
 
 // ---- Extremes and order; real dtypes. NaN wins: a result is NaN when an element is. ----
 
-ORNIK_API Tensor* max(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
-ORNIK_API Tensor* min(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
+// In parentheses: no macro of the name is taken for it.
+[[nodiscard]] ORNIK_API Tensor*(max)(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
+[[nodiscard]] ORNIK_API Tensor*(min)(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
 /// int64 positions of the first largest (smallest) element among the reduced ones, counted in row-major order:
 /// over all axes the flat index. The first NaN counts as the largest and the smallest.
-ORNIK_API Tensor* argmax(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
-ORNIK_API Tensor* argmin(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
+[[nodiscard]] ORNIK_API Tensor* argmax(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
+[[nodiscard]] ORNIK_API Tensor* argmin(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
 /// The middle element in order, or the mean of the two middle ones. bool and integers give float32.
-ORNIK_API Tensor* median(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
+[[nodiscard]] ORNIK_API Tensor* median(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
 /// True when any element is; NaN is true. All dtypes. No elements give false (all: true).
-ORNIK_API Tensor* any(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
-ORNIK_API Tensor* all(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
+[[nodiscard]] ORNIK_API Tensor* any(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
+[[nodiscard]] ORNIK_API Tensor* all(Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
 
 /// Elements equal to the result share its gradient in equal parts.
-ORNIK_API Tensor* max_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
-ORNIK_API Tensor* min_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
+[[nodiscard]] ORNIK_API Tensor* max_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {},
+                                         bool keep_dims = false);
+[[nodiscard]] ORNIK_API Tensor* min_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {},
+                                         bool keep_dims = false);
 /// To the middle element, or half to each of the two; among equal ones, to those that a stable sort puts there.
-ORNIK_API Tensor* median_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {}, bool keep_dims = false);
+[[nodiscard]] ORNIK_API Tensor* median_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes = {},
+                                            bool keep_dims = false);
+
+// ---- Gradients that are given the result: y, shaped as grad, is what the function gave for x ----
+
+ORNIK_API Tensor* l2_norm_grad_from(Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes = {},
+                                    bool keep_dims = false);
+ORNIK_API Tensor* std_dev_grad_from(Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes = {},
+                                    bool keep_dims = false, double correction = 1);
+ORNIK_API Tensor* logsumexp_grad_from(Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes = {},
+                                      bool keep_dims = false);
+/// Of max and of min, and of any result that is an element of x.
+ORNIK_API Tensor* extreme_grad_from(Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes = {},
+                                    bool keep_dims = false);
 
 // ---- Along one axis; results have x's shape ----
 
 /// Running sums and products. bool and integers give int64; floating ones are added up in double.
-ORNIK_API Tensor* cumsum(Tensor* x, int axis);
-ORNIK_API Tensor* cumprod(Tensor* x, int axis);
+[[nodiscard]] ORNIK_API Tensor* cumsum(Tensor* x, int axis);
+[[nodiscard]] ORNIK_API Tensor* cumprod(Tensor* x, int axis);
 /// exp(x) / sum(exp(x)) and its logarithm. float32 and float64.
-ORNIK_API Tensor* softmax(Tensor* x, int axis);
-ORNIK_API Tensor* log_softmax(Tensor* x, int axis);
+[[nodiscard]] ORNIK_API Tensor* softmax(Tensor* x, int axis);
+[[nodiscard]] ORNIK_API Tensor* log_softmax(Tensor* x, int axis);
 
 /// Complex too.
-ORNIK_API Tensor* cumsum_grad(Tensor* grad, int axis);
+[[nodiscard]] ORNIK_API Tensor* cumsum_grad(Tensor* grad, int axis);
 /// Complex too; right also where elements are zero.
-ORNIK_API Tensor* cumprod_grad(Tensor* grad, Tensor* x, int axis);
+[[nodiscard]] ORNIK_API Tensor* cumprod_grad(Tensor* grad, Tensor* x, int axis);
 /// These two take the result y = softmax(x) or log_softmax(x) in place of x.
-ORNIK_API Tensor* softmax_grad(Tensor* grad, Tensor* y, int axis);
-ORNIK_API Tensor* log_softmax_grad(Tensor* grad, Tensor* y, int axis);
+[[nodiscard]] ORNIK_API Tensor* softmax_grad(Tensor* grad, Tensor* y, int axis);
+[[nodiscard]] ORNIK_API Tensor* log_softmax_grad(Tensor* grad, Tensor* y, int axis);
 
 }  // namespace ornik

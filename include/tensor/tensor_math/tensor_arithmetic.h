@@ -23,10 +23,17 @@ ORNIK_API void div(Tensor* a, Tensor* b, Tensor* out, int accumulate);
 
 /// Gradient of a product for one factor: grad times the conjugate of the other factor. Dtype as
 /// mult_tensor's.
-ORNIK_API Tensor* mult_grad_impl(Tensor* grad, Tensor* other);
+[[nodiscard]] ORNIK_API Tensor* mult_grad_impl(Tensor* grad, Tensor* other);
 /// Gradient of x / y for x: grad / conj(y). Dtype as div_tensor's.
-ORNIK_API Tensor* div_dx_grad_impl(Tensor* grad, Tensor* x, Tensor* y);
+[[nodiscard]] ORNIK_API Tensor* div_dx_grad_impl(Tensor* grad, Tensor* x, Tensor* y);
 /// Gradient of x / y for y: -grad conj(x / y) / conj(y). Dtype as div_tensor's.
-ORNIK_API Tensor* div_dy_grad_impl(Tensor* grad, Tensor* x, Tensor* y);
+[[nodiscard]] ORNIK_API Tensor* div_dy_grad_impl(Tensor* grad, Tensor* x, Tensor* y);
+
+// The same under the names of all operations with two operands: name_dx_grad(a, b, grad) for the first one.
+
+[[nodiscard]] inline Tensor* mult_dx_grad(Tensor* /*a*/, Tensor* b, Tensor* grad) { return mult_grad_impl(grad, b); }
+[[nodiscard]] inline Tensor* mult_dy_grad(Tensor* a, Tensor* /*b*/, Tensor* grad) { return mult_grad_impl(grad, a); }
+[[nodiscard]] inline Tensor* div_dx_grad(Tensor* a, Tensor* b, Tensor* grad) { return div_dx_grad_impl(grad, a, b); }
+[[nodiscard]] inline Tensor* div_dy_grad(Tensor* a, Tensor* b, Tensor* grad) { return div_dy_grad_impl(grad, a, b); }
 
 }  // namespace ornik

@@ -101,7 +101,7 @@ ORNIK_API void left_shift(Tensor* a, Tensor* b, Tensor* out);
 ORNIK_API void right_shift(Tensor* a, Tensor* b, Tensor* out);
 
 /// condition ? a : b, in a new tensor of the operands' promoted dtype; condition is bool.
-ORNIK_API Tensor* where(Tensor* condition, Tensor* a, Tensor* b);
+[[nodiscard]] ORNIK_API Tensor* where(Tensor* condition, Tensor* a, Tensor* b);
 
 // ---- Gradients ----
 //
@@ -111,64 +111,64 @@ ORNIK_API Tensor* where(Tensor* condition, Tensor* a, Tensor* b);
 // derivative; the gradients of parts (abs, real, imag, angle, conj) hold d/d real + i d/d imag. abs is flat
 // at 0.
 
-ORNIK_API Tensor* exp_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* exp2_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* expm1_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* log_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* log2_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* log10_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* log1p_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* sqrt_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* rsqrt_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* reciprocal_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* sin_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* cos_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* tan_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* asin_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* acos_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* atan_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* sinh_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* cosh_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* tanh_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* asinh_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* acosh_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* atanh_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* sigmoid_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* logsigmoid_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* softplus_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* silu_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* gelu_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* erf_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* neg_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* sqr_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* abs_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* conj_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* real_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* imag_grad(Tensor* input, Tensor* output, Tensor* grad);
-ORNIK_API Tensor* angle_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* exp_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* exp2_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* expm1_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* log_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* log2_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* log10_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* log1p_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* sqrt_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* rsqrt_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* reciprocal_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* sin_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* cos_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* tan_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* asin_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* acos_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* atan_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* sinh_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* cosh_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* tanh_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* asinh_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* acosh_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* atanh_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* sigmoid_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* logsigmoid_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* softplus_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* silu_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* gelu_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* erf_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* neg_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* sqr_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* abs_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* conj_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* real_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* imag_grad(Tensor* input, Tensor* output, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* angle_grad(Tensor* input, Tensor* output, Tensor* grad);
 
 // name_dx_grad(a, b, grad) for the first operand, name_dy_grad for the second; grad and the result have the
 // operands' promoted dtype. maximum and minimum: equal operands get half each. fmod and remainder: between
 // the jumps.
 
-ORNIK_API Tensor* pow_dx_grad(Tensor* a, Tensor* b, Tensor* grad);
-ORNIK_API Tensor* pow_dy_grad(Tensor* a, Tensor* b, Tensor* grad);
-ORNIK_API Tensor* fmod_dx_grad(Tensor* a, Tensor* b, Tensor* grad);
-ORNIK_API Tensor* fmod_dy_grad(Tensor* a, Tensor* b, Tensor* grad);
-ORNIK_API Tensor* remainder_dx_grad(Tensor* a, Tensor* b, Tensor* grad);
-ORNIK_API Tensor* remainder_dy_grad(Tensor* a, Tensor* b, Tensor* grad);
-ORNIK_API Tensor* maximum_dx_grad(Tensor* a, Tensor* b, Tensor* grad);
-ORNIK_API Tensor* maximum_dy_grad(Tensor* a, Tensor* b, Tensor* grad);
-ORNIK_API Tensor* minimum_dx_grad(Tensor* a, Tensor* b, Tensor* grad);
-ORNIK_API Tensor* minimum_dy_grad(Tensor* a, Tensor* b, Tensor* grad);
-ORNIK_API Tensor* atan2_dx_grad(Tensor* a, Tensor* b, Tensor* grad);
-ORNIK_API Tensor* atan2_dy_grad(Tensor* a, Tensor* b, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* pow_dx_grad(Tensor* a, Tensor* b, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* pow_dy_grad(Tensor* a, Tensor* b, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* fmod_dx_grad(Tensor* a, Tensor* b, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* fmod_dy_grad(Tensor* a, Tensor* b, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* remainder_dx_grad(Tensor* a, Tensor* b, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* remainder_dy_grad(Tensor* a, Tensor* b, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* maximum_dx_grad(Tensor* a, Tensor* b, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* maximum_dy_grad(Tensor* a, Tensor* b, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* minimum_dx_grad(Tensor* a, Tensor* b, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* minimum_dy_grad(Tensor* a, Tensor* b, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* atan2_dx_grad(Tensor* a, Tensor* b, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* atan2_dy_grad(Tensor* a, Tensor* b, Tensor* grad);
 
 /// grad where the condition is true (dx) or false (dy), zeros elsewhere.
-ORNIK_API Tensor* where_dx_grad(Tensor* condition, Tensor* grad);
-ORNIK_API Tensor* where_dy_grad(Tensor* condition, Tensor* grad);
-ORNIK_API Tensor* masked_fill_grad(Tensor* mask, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* where_dx_grad(Tensor* condition, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* where_dy_grad(Tensor* condition, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* masked_fill_grad(Tensor* mask, Tensor* grad);
 /// grad where min <= input <= max, zeros elsewhere.
-ORNIK_API Tensor* clamp_grad(Tensor* input, const Scalar& min, const Scalar& max, Tensor* grad);
+[[nodiscard]] ORNIK_API Tensor* clamp_grad(Tensor* input, const Scalar& min, const Scalar& max, Tensor* grad);
 
 }  // namespace ornik

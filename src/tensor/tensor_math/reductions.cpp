@@ -8,6 +8,7 @@
 #include "hardware/cpu/reduce/cpu_reduce.h"
 #include "reduced_shape.h"
 #include "results.h"
+#include "tensor/broadcast.h"
 
 namespace ornik {
 
@@ -112,6 +113,37 @@ Tensor* variance(const Where& at, const Tensor* x, const std::vector<int>& axes,
 Tensor* sum(Tensor* x, const std::vector<int>& axes, bool keep_dims) {
     return reduce_to(where("ornik::sum"), x, axes, keep_dims, total_dtype, 0.0F, unless_integer,
                      device::cpu::reduce_sum);
+}
+
+Tensor* sum_to_shape(const Tensor* t, const Dims& shape) {
+    check_cpu(where("ornik::sum_to_shape"), t);
+    if (t->Shape() == shape) {
+        return new_view(t, shape, t->Strides()).release();
+    }
+    const Dims padded = just_if_broadcastable(shape, t->Shape());
+    std::vector<int> axes;
+    for (std::size_t i = 0; i < padded.size(); ++i) {
+        if (padded[i] != t->Shape()[i]) {
+            axes.push_back(static_cast<int>(i));
+        }
+    }
+    if (axes.empty()) {  // Leading axes of extent 1.
+        const auto lead = static_cast<std::ptrdiff_t>(padded.size() - shape.size());
+        return new_view(t, shape, Dims(t->Strides().begin() + lead, t->Strides().end())).release();
+    }
+    const Operand operand(t, axes, true, unless_integer(t->Dtype()));
+    TensorResult total = new_result(shape, total_dtype(t->Dtype()));
+    if (operand.plan().count == 0) {
+        device::cpu::fill(total.get(), 0.0F);
+    } else {
+        device::cpu::reduce_sum(operand.plan(), operand.x(), total.get());
+    }
+    if (total->Dtype() == t->Dtype()) {
+        return total.release();
+    }
+    TensorResult result = new_result(shape, t->Dtype());
+    device::cpu::copy(total.get(), result.get());
+    return result.release();
 }
 
 Tensor* prod(Tensor* x, const std::vector<int>& axes, bool keep_dims) {

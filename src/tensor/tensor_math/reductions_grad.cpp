@@ -20,8 +20,10 @@ class Gradient {
         check_cpu(at, grad, x);
         check_dtype(at, serves_complex ? is_float_or_complex(x) : x->isFloat());
         if (grad->Dtype() != grad_dtype(x->Dtype())) {
-            fail(at, "Not same data type");
+            fail(ErrorKind::dtype, at, "Not same data type");
         }
+        at_ = at;
+        keep_dims_ = keep_dims;
         axes_ = reduce_axes(at, axes, x->ndim());
         grad_ = expanded_over(at, grad, x->Shape(), axes_, keep_dims);
         for (const int axis : axes_) {
@@ -46,6 +48,16 @@ class Gradient {
         return views_.back().get();
     }
 
+    // A view, under x's shape, of the result as the caller kept it.
+    const Tensor* kept(const Tensor* y, std::int64_t dtype) {
+        check_cpu(at_, y);
+        if (y->Dtype() != dtype) {
+            fail(ErrorKind::dtype, at_, "Not same data type");
+        }
+        views_.push_back(expanded_over(at_, y, x_->Shape(), axes_, keep_dims_));
+        return views_.back().get();
+    }
+
     // kernel(out) in a new tensor of x's shape and dtype; nothing is computed for no elements.
     template <typename Kernel>
     Tensor* result(const Kernel& kernel) {
@@ -66,6 +78,8 @@ class Gradient {
     }
 
     Tensor* x_;
+    Where at_{};
+    bool keep_dims_ = false;
     std::vector<int> axes_;
     std::int64_t count_ = 1;
     TensorResult grad_;
@@ -74,12 +88,15 @@ class Gradient {
 
 using Reduction = Tensor* (*)(Tensor*, const std::vector<int>&, bool);
 
-Tensor* extreme_grad(const Where& at, Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims,
-                     Reduction extreme) {
+// `y` is the result, or null to compute it by `extreme`.
+Tensor* extreme_grad(const Where& at, Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes,
+                     bool keep_dims, Reduction extreme) {
     Gradient g(at, grad, x, axes, keep_dims, false);
+    const Tensor* kept = y != nullptr ? g.kept(y, x->Dtype()) : nullptr;
     return g.result([&](Tensor* out) {
         const TensorResult mark = new_result(x->Shape(), x->Dtype());
-        device::cpu::mark_equal(x, g.of_x([&](Tensor* t) { return extreme(t, g.axes(), true); }), mark.get());
+        const Tensor* value = kept != nullptr ? kept : g.of_x([&](Tensor* t) { return extreme(t, g.axes(), true); });
+        device::cpu::mark_equal(x, value, mark.get());
         const Tensor* count = g.expanded(mark.get(), [&](Tensor* t) { return sum(t, g.axes(), true); });
         device::cpu::shared_grad(g.grad(), mark.get(), count, out);
     });
@@ -128,6 +145,12 @@ Tensor* l2_norm_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool
     });
 }
 
+Tensor* l2_norm_grad_from(Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes, bool keep_dims) {
+    Gradient g(where("ornik::l2_norm_grad_from"), grad, x, axes, keep_dims, true, part_dtype);
+    const Tensor* norm = g.kept(y, grad->Dtype());
+    return g.result([&](Tensor* out) { device::cpu::l2_norm_grad(g.grad(), x, norm, out); });
+}
+
 Tensor* var_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims, double correction) {
     Gradient g(where("ornik::var_grad"), grad, x, axes, keep_dims, false);
     return g.result([&](Tensor* out) {
@@ -138,12 +161,15 @@ Tensor* var_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool kee
 
 namespace {
 
-Tensor* deviation_grad(const Where& at, Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims,
-                       double correction) {
+// `y` is the deviation, or null to compute it.
+Tensor* deviation_grad(const Where& at, Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes,
+                       bool keep_dims, double correction) {
     Gradient g(at, grad, x, axes, keep_dims, false);
+    const Tensor* kept = y != nullptr ? g.kept(y, x->Dtype()) : nullptr;
     return g.result([&](Tensor* out) {
         const Tensor* middle = g.of_x([&](Tensor* t) { return mean(t, g.axes(), true); });
-        const Tensor* spread = g.of_x([&](Tensor* t) { return std_dev(t, g.axes(), true, correction); });
+        const Tensor* spread =
+            kept != nullptr ? kept : g.of_x([&](Tensor* t) { return std_dev(t, g.axes(), true, correction); });
         const double factor = 1.0 / (static_cast<double>(g.count()) - correction);
         device::cpu::std_dev_grad(g.grad(), x, middle, spread, factor, out);
     });
@@ -152,11 +178,18 @@ Tensor* deviation_grad(const Where& at, Tensor* grad, Tensor* x, const std::vect
 }  // namespace
 
 Tensor* std_dev_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims, double correction) {
-    return deviation_grad(where("ornik::std_dev_grad"), grad, x, axes, keep_dims, correction);
+    return deviation_grad(where("ornik::std_dev_grad"), grad, x, nullptr, axes, keep_dims, correction);
 }
 
 Tensor* std_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims, double correction) {
-    return deviation_grad(where("ornik::std_grad"), grad, x, axes, keep_dims, correction);
+    return deviation_grad(where("ornik::std_grad"), grad, x, nullptr, axes, keep_dims, correction);
+}
+
+Tensor* std_dev_grad_from(Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes, bool keep_dims,
+                          double correction) {
+    const Where at = where("ornik::std_dev_grad_from");
+    check_given(at, y);
+    return deviation_grad(at, grad, x, y, axes, keep_dims, correction);
 }
 
 Tensor* logsumexp_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims) {
@@ -167,12 +200,24 @@ Tensor* logsumexp_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bo
     });
 }
 
+Tensor* logsumexp_grad_from(Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes, bool keep_dims) {
+    Gradient g(where("ornik::logsumexp_grad_from"), grad, x, axes, keep_dims, false);
+    const Tensor* log_sum = g.kept(y, x->Dtype());
+    return g.result([&](Tensor* out) { device::cpu::log_sum_exp_grad(g.grad(), x, log_sum, out); });
+}
+
 Tensor* max_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return extreme_grad(where("ornik::max_grad"), grad, x, axes, keep_dims, max);
+    return extreme_grad(where("ornik::max_grad"), grad, x, nullptr, axes, keep_dims, max);
 }
 
 Tensor* min_grad(Tensor* grad, Tensor* x, const std::vector<int>& axes, bool keep_dims) {
-    return extreme_grad(where("ornik::min_grad"), grad, x, axes, keep_dims, min);
+    return extreme_grad(where("ornik::min_grad"), grad, x, nullptr, axes, keep_dims, min);
+}
+
+Tensor* extreme_grad_from(Tensor* grad, Tensor* x, const Tensor* y, const std::vector<int>& axes, bool keep_dims) {
+    const Where at = where("ornik::extreme_grad_from");
+    check_given(at, y);
+    return extreme_grad(at, grad, x, y, axes, keep_dims, nullptr);
 }
 
 Tensor* trace_grad(Tensor* grad, Tensor* x, std::int64_t offset, int dim1, int dim2) {

@@ -1,7 +1,9 @@
 // results.h: new results and checks that reductions, sorting and indexing share.
 #pragma once
 
+#include <concepts>
 #include <memory>
+#include <vector>
 
 #include "hardware/cpu/copy/cpu_core.h"
 #include "tensor/checks.h"
@@ -18,6 +20,14 @@ inline TensorResult new_result(const Dims& shape, std::int64_t dtype) {
     TensorResult result = std::make_unique<Tensor>();
     result->initialize_none_tensor(shape, dtype, device_cpu, layout::dense);
     return result;
+}
+
+/// The results as their caller owns them. The list is made first: it may fail.
+std::vector<Tensor*> released(std::same_as<TensorResult> auto&... results) {
+    std::vector<Tensor*> list;
+    list.reserve(sizeof...(results));
+    (list.push_back(results.release()), ...);
+    return list;
 }
 
 template <typename T>
@@ -39,7 +49,25 @@ inline TensorResult new_view(const Tensor* t, const Dims& shape, const Dims& str
     return TensorResult(share_storage_tensor(t->getStorage(), shape, strides, t->Dtype(), t->StorageOffset() + offset));
 }
 
-/// Refuses an operand that the kernels of the CPU can not walk.
+/// The tensor itself, or a copy of it in another dtype; extents may be 0.
+class Converted {
+  public:
+    Converted(const Tensor* t, std::int64_t dtype) : tensor_(t) {
+        if (t->Dtype() != dtype) {
+            copy_ = new_result(t->Shape(), dtype);
+            device::cpu::copy(t, copy_.get());
+            tensor_ = copy_.get();
+        }
+    }
+    const Tensor* get() const { return tensor_; }
+
+  private:
+    const Tensor* tensor_;
+    TensorResult copy_;
+};
+
+/// Refuses an operand that the kernels of the CPU can not walk. Views of a tensor without axes may have negative
+/// extents, which no walk over axes makes sense of.
 template <typename... Tensors>
 void check_cpu(const Where& at, const Tensors*... tensors) {
     check_operands(at, tensors...);
@@ -49,7 +77,7 @@ void check_cpu(const Where& at, const Tensors*... tensors) {
 
 inline void check_dtype(const Where& at, bool served) {
     if (!served) {
-        fail(at, "Not valid dtype for this function.");
+        fail(ErrorKind::dtype, at, "Not valid dtype for this function.");
     }
 }
 

@@ -27,7 +27,7 @@ std::vector<Tensor*> first_in_order(const Tensor* x, int axis, std::int64_t k, b
     TensorResult values = new_result(shape, x->Dtype());
     TensorResult positions = new_result(shape, dtype::int64);
     device::cpu::sort(x, values.get(), positions.get(), axis, descending);
-    return {values.release(), positions.release()};
+    return released(values, positions);
 }
 
 Dims as_rows(const Tensor* t) {
@@ -93,7 +93,7 @@ std::vector<Tensor*> unique(Tensor* x) {
     TensorResult inverse = new_result(x->Shape(), dtype::int64);
     TensorResult counts = new_result({count}, dtype::int64);
     device::cpu::collect_different(sorted.get(), places.get(), values.get(), inverse.get(), counts.get());
-    return {values.release(), inverse.release(), counts.release()};
+    return released(values, inverse, counts);
 }
 
 Tensor* searchsorted(Tensor* sorted, Tensor* values, bool right) {
@@ -101,7 +101,7 @@ Tensor* searchsorted(Tensor* sorted, Tensor* values, bool right) {
     check_cpu(at, sorted, values);
     check_dtype(at, is_real(sorted));
     if (!Tensor::sameDtype(sorted, values)) {
-        fail(at, "Not same data type");
+        fail(ErrorKind::dtype, at, "Not same data type");
     }
     const Dims& shape = sorted->Shape();
     const bool one_row = shape.size() == 1;

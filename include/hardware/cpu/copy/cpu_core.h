@@ -9,9 +9,8 @@
 
 namespace ornik::device::cpu {
 
-/// out = value, converted to out's dtype. T is one of the ten element types.
-template <typename T>
-void fill(Tensor* out, T value);
+/// out = value, converted to out's dtype.
+void fill(Tensor* out, const Scalar& value);
 
 /// out = in, element by element in row-major order, converted to out's dtype where it differs.
 void copy(const Tensor* in, Tensor* out);

@@ -43,6 +43,9 @@ struct SliceWalk {
 /// offsets[k] += stride times element k of `index` in row-major order, wrapped into [0, n).
 void add_offsets(const Tensor* index, std::int64_t n, std::int64_t stride, std::vector<std::int64_t>& offsets);
 
+/// mask[k] = does a later one of `places` equal places[k]? The mask is row-major and bool, with an element for each.
+void mark_replaced(const std::vector<std::int64_t>& places, Tensor* mask);
+
 /// other = slices of indexed.
 void take_slices(const SliceWalk& walk);
 /// Slices of indexed = other, or += it.

@@ -1,7 +1,8 @@
 // cpu_packing.h: moves the entries of sequences. Internal.
 #pragma once
 
-#include "../../../tensor/nn/packing.h"
+#include "../../../descriptors/packing.h"
+#include "../../../tensor/tensor.h"
 
 namespace ornik::device::cpu {
 

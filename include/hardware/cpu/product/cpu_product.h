@@ -1,11 +1,19 @@
-// cpu_product.h: the dense matrix product behind dot, bmm and matmul4D. Internal.
+// cpu_product.h: the dense matrix product behind dot, bmm, matmul4D and matmul. Internal.
 #pragma once
 
 #include <cstdint>
 
 namespace ornik::device::cpu {
 
-/// C[b] = op(A[b]) op(B[b]) for every b < batch; all matrices row-major and dense. op(A) is rows x depth
+/// Where the matrices of one operand lie, in elements.
+struct ProductPlace {
+    /// From one stored row to the next, at least a row's length; 0: rows follow each other without gaps.
+    std::int64_t row_step = 0;
+    /// The beginning of each matrix of the batch; null: dense matrices one after the other.
+    const std::int64_t* starts = nullptr;
+};
+
+/// C[b] = op(A[b]) op(B[b]) for every b < batch; all matrices row-major. op(A) is rows x depth
 /// (A is stored depth x rows when transpose_a is set), op(B) depth x cols (stored cols x depth when
 /// transpose_b is set). With accumulate the finished product is added to the old C. Nothing is conjugated.
 struct ProductPlan {
@@ -16,10 +24,22 @@ struct ProductPlan {
     bool transpose_a;
     bool transpose_b;
     bool accumulate;
+    ProductPlace place_a{};
+    ProductPlace place_b{};
+    ProductPlace place_c{};
+
+    std::int64_t row_step_a() const { return stored(place_a, transpose_a ? rows : depth); }
+    std::int64_t row_step_b() const { return stored(place_b, transpose_b ? depth : cols); }
+    std::int64_t row_step_c() const { return stored(place_c, cols); }
+
+  private:
+    static std::int64_t stored(const ProductPlace& place, std::int64_t length) {
+        return place.row_step != 0 ? place.row_step : length;
+    }
 };
 
-/// C overlaps neither operand. Integers wrap in their own type; bool is the or of ands. The bits of the
-/// result depend on the operands alone, not on the team size.
+/// C overlaps neither operand, nor do its matrices each other. Integers wrap in their own type; bool is the or of ands.
+/// The bits of the result depend on the operands alone, not on the team size.
 void product(std::int64_t dtype, const ProductPlan& plan, const void* a, const void* b, void* c);
 
 }  // namespace ornik::device::cpu

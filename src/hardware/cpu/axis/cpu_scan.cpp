@@ -13,6 +13,7 @@
 #include "cpu_axis_runs.h"
 #include "hardware/cpu/dispatch.h"
 #include "hardware/cpu/elements/element_math.h"
+#include "hardware/parallel.h"
 
 namespace ornik::device::cpu {
 

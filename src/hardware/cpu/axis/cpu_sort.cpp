@@ -15,6 +15,7 @@
 #include "../reduce/cpu_reduce_walk.h"
 #include "cpu_axis_runs.h"
 #include "hardware/cpu/dispatch.h"
+#include "hardware/parallel.h"
 
 namespace ornik::device::cpu {
 

@@ -35,7 +35,14 @@ void copy(const Tensor* in, Tensor* out) {
         const MultiTensorIterationHelper elements = elements_of(in, out);
         dispatch(AllTypes{}, in->Dtype(), [&]<typename From>() {
             dispatch(AllTypes{}, out->Dtype(), [&]<typename To>() {
-                elements.run<TypeList<To>, TypeList<From>>([](From value) { return convert_element<To>(value); });
+                elements.run_rows<TypeList<To>, TypeList<From>>(
+                    [](std::int64_t n, To* target, const From* source) {
+                        ORNIK_INDEPENDENT_ITERATIONS
+                        for (std::int64_t i = 0; i < n; ++i) {
+                            target[i] = convert_element<To>(source[i]);
+                        }
+                    },
+                    true);
             });
         });
         return;

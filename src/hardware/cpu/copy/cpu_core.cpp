@@ -6,35 +6,23 @@
 #include <cstring>
 
 #include "descriptors/tensoriterator.h"
-#include "hardware/cpu/copy/element_convert.h"
+#include "hardware/cpu/any_scalar.h"
 #include "hardware/cpu/dispatch.h"
 #include "hardware/parallel.h"
 
 namespace ornik::device::cpu {
 
-template <typename T>
-void fill(Tensor* out, T value) {
+void fill(Tensor* out, const Scalar& value) {
     // The old elements are an input that the function does not look at.
     MultiTensorIterationHelper elements;
     elements.add_input(out);
     elements.add_output(out);
     elements.build();
     dispatch(AllTypes{}, out->Dtype(), [&]<typename Item>() {
-        const Item item = convert_element<Item>(value);
+        const Item item = AnyScalar(value).as<Item>();
         elements.run<TypeList<Item>, TypeList<Item>>([item](const Item&) { return item; });
     });
 }
-
-template void fill(Tensor*, bool);
-template void fill(Tensor*, std::uint8_t);
-template void fill(Tensor*, std::int8_t);
-template void fill(Tensor*, std::int16_t);
-template void fill(Tensor*, std::int32_t);
-template void fill(Tensor*, std::int64_t);
-template void fill(Tensor*, float);
-template void fill(Tensor*, double);
-template void fill(Tensor*, complex_scalar::complex<float>);
-template void fill(Tensor*, complex_scalar::complex<double>);
 
 void sequence(Tensor* out, float start, float step, const float* close_at) {
     dispatch(RealTypes{}, out->Dtype(), [&]<typename T>() {

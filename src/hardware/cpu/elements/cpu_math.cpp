@@ -8,9 +8,7 @@ namespace ornik::device::cpu {
 
 namespace {
 
-// out = function(a, b), plus the old out when it accumulates.
-template <typename T, typename Function>
-void apply(const Tensor* a, const Tensor* b, Tensor* out, bool accumulate, const Function& function) {
+MultiTensorIterationHelper elements_of(const Tensor* a, const Tensor* b, Tensor* out, bool accumulate) {
     MultiTensorIterationHelper elements;
     elements.add_input(a);
     elements.add_input(b);
@@ -19,11 +17,30 @@ void apply(const Tensor* a, const Tensor* b, Tensor* out, bool accumulate, const
     }
     elements.add_output(out);
     elements.build();
+    return elements;
+}
+
+// out = function(a, b) + the old out. This form and that with coefficients are one loop each, the common ones below
+// one for every layout.
+template <typename T, typename Function>
+void apply_and_add(const Tensor* a, const Tensor* b, Tensor* out, const Function& function) {
+    elements_of(a, b, out, true)
+        .run_rows<TypeList<T>, TypeList<T, T, T>>(
+            [function](std::int64_t n, T* result, const T* x, const T* y, const T* old) {
+                ORNIK_INDEPENDENT_ITERATIONS
+                for (std::int64_t i = 0; i < n; ++i) {
+                    result[i] = element::add(function(x[i], y[i]), old[i]);
+                }
+            },
+            true);
+}
+
+template <typename T, typename Function>
+void apply(const Tensor* a, const Tensor* b, Tensor* out, bool accumulate, const Function& function) {
     if (accumulate) {
-        elements.run<TypeList<T>, TypeList<T, T, T>>(
-            [function](T x, T y, T old) { return element::add(function(x, y), old); });
+        apply_and_add<T>(a, b, out, function);
     } else {
-        elements.run<TypeList<T>, TypeList<T, T>>(function);
+        elements_of(a, b, out, false).run<TypeList<T>, TypeList<T, T>>(function);
     }
 }
 
@@ -35,9 +52,22 @@ void combine_scaled(float alpha, const Tensor* a, float beta, const Tensor* b, T
     }
     const auto scale_a = convert_element<element::Coefficient<T>>(alpha);
     const auto scale_b = convert_element<element::Coefficient<T>>(beta);
-    apply<T>(a, b, out, accumulate, [scale_a, scale_b](T x, T y) {
+    const auto combine = [scale_a, scale_b](T x, T y) {
         return Combine(element::scale<T>(scale_a, x), element::scale<T>(scale_b, y));
-    });
+    };
+    if (accumulate) {
+        apply_and_add<T>(a, b, out, combine);
+        return;
+    }
+    elements_of(a, b, out, false)
+        .run_rows<TypeList<T>, TypeList<T, T>>(
+            [combine](std::int64_t n, T* result, const T* x, const T* y) {
+                ORNIK_INDEPENDENT_ITERATIONS
+                for (std::int64_t i = 0; i < n; ++i) {
+                    result[i] = combine(x[i], y[i]);
+                }
+            },
+            true);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <numeric>
 #include <vector>
 
 #include "../axis/cpu_axis_runs.h"
@@ -77,13 +78,14 @@ void for_each_stretch(const Tensor* index, bool repeats, const Visit& visit) {
 
 std::optional<std::int64_t> first_outside(const Tensor* index, std::int64_t n) {
     std::optional<std::int64_t> outside;
+    const std::int64_t low = n > 0 ? -n : 0;
     for_each_stretch(index, false, [&](std::int64_t, const std::int64_t* items, std::int64_t count, std::int64_t step) {
         int found = 0;
         for (std::int64_t i = 0; i < count; ++i) {
-            found |= static_cast<int>(items[i * step] < -n) | static_cast<int>(items[i * step] >= n);
+            found |= static_cast<int>(items[i * step] < low) | static_cast<int>(items[i * step] >= n);
         }
         for (std::int64_t i = 0; found != 0 && !outside; ++i) {
-            if (items[i * step] < -n || items[i * step] >= n) {
+            if (items[i * step] < low || items[i * step] >= n) {
                 outside = items[i * step];
             }
         }
@@ -263,6 +265,19 @@ void add_offsets(const Tensor* index, std::int64_t n, std::int64_t stride, std::
                          }
                          return true;
                      });
+}
+
+void mark_replaced(const std::vector<std::int64_t>& places, Tensor* mask) {
+    std::vector<std::int64_t> order(places.size());
+    std::iota(order.begin(), order.end(), 0);
+    const auto place = [&](std::size_t i) { return places[static_cast<std::size_t>(order[i])]; };
+    std::stable_sort(order.begin(), order.end(), [&](std::int64_t a, std::int64_t b) {
+        return places[static_cast<std::size_t>(a)] < places[static_cast<std::size_t>(b)];
+    });
+    auto* replaced = static_cast<bool*>(mask->getRawData());
+    for (std::size_t i = 0; i < order.size(); ++i) {
+        replaced[order[i]] = i + 1 < order.size() && place(i + 1) == place(i);
+    }
 }
 
 void take_slices(const SliceWalk& walk) {

@@ -1,16 +1,14 @@
-// cpu_eigh.cpp: the matrix library's self-adjoint solver over batches.
-//
-// Tensors are row-major, the solver's matrices column-major. Both sides of every assignment below are typed
-// with their own order, so that elements keep their places: reading a row-major Hermitian matrix as if it
-// were column-major would conjugate it.
+// cpu_eigh.cpp: eigen-decompositions over batches, and their gradient.
 #include "hardware/cpu/linear_algebra/cpu_eigh.h"
 
-#define EIGEN_DONT_PARALLELIZE
-#include <Eigen/Eigenvalues>
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <complex>
+#include <vector>
 
+#include "../product/cpu_product_kernels.h"
+#include "eigh_solver.h"
 #include "hardware/cpu/dispatch.h"
 #include "hardware/cpu/elements/element_math.h"
 #include "hardware/parallel.h"
@@ -19,7 +17,7 @@ namespace ornik::device::cpu {
 
 namespace {
 
-// The type that the solver computes in; complex ones have the same two parts in the same order.
+// The type that solver and products compute in; complex ones have the same two parts in the same order.
 template <typename T>
 struct SolverScalar {
     using type = T;
@@ -29,25 +27,10 @@ struct SolverScalar<complex_scalar::complex<T>> {
     using type = std::complex<T>;
 };
 
-template <typename Scalar>
-using SolverMatrix = Eigen::Matrix<Scalar, Eigen::Dynamic, Eigen::Dynamic>;
-template <typename Scalar>
-using RowMajorMatrix = Eigen::Matrix<Scalar, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
-template <typename Scalar>
-using Vector = Eigen::Matrix<Scalar, Eigen::Dynamic, 1>;
-
-// Matrix `index` of a batch of row-major n x n matrices.
-template <typename Scalar>
-Eigen::Map<RowMajorMatrix<Scalar>> matrix_at(const Tensor* t, std::int64_t index) {
-    const std::int64_t n = t->Shape().back();
-    return {static_cast<Scalar*>(t->getRawData()) + index * n * n, n, n};
-}
-
-// Vector `index` of a batch of vectors of n elements.
-template <typename Scalar>
-Eigen::Map<Vector<Scalar>> vector_at(const Tensor* t, std::int64_t index) {
-    const std::int64_t n = t->Shape().back();
-    return {static_cast<Scalar*>(t->getRawData()) + index * n, n};
+// Element 0 of item `index` of a batch of items of `size` elements; null for a null tensor.
+template <typename T>
+T* item_at(const Tensor* t, std::int64_t index, std::int64_t size) {
+    return t == nullptr ? nullptr : static_cast<T*>(t->getRawData()) + index * size;
 }
 
 std::int64_t batch_of(const Tensor* x) { return x->ndim() == 2 ? 1 : x->Shape()[0]; }
@@ -84,19 +67,12 @@ std::int64_t decompose(const Tensor* x, Tensor* vectors, Tensor* values) {
     using Real = element::Coefficient<T>;
     FirstFailure failure;
     for_matrices(x, [&](std::int64_t begin, std::int64_t end) {
-        Eigen::SelfAdjointEigenSolver<SolverMatrix<Scalar>> solver(x->Shape().back());
+        const std::int64_t n = x->Shape().back();
+        EighSolver<Scalar> solver(n);
         for (std::int64_t i = begin; i < end; ++i) {
-            solver.compute(matrix_at<Scalar>(x, i),
-                           vectors != nullptr ? Eigen::ComputeEigenvectors : Eigen::EigenvaluesOnly);
-            if (solver.info() != Eigen::Success || !solver.eigenvalues().allFinite()) {
+            if (!solver.decompose(item_at<Scalar>(x, i, n * n), item_at<Scalar>(vectors, i, n * n),
+                                  item_at<Real>(values, i, n))) {
                 failure.report(i);
-                continue;
-            }
-            if (values != nullptr) {
-                vector_at<Real>(values, i) = solver.eigenvalues();
-            }
-            if (vectors != nullptr) {
-                matrix_at<Scalar>(vectors, i) = solver.eigenvectors();
             }
         }
     });
@@ -118,30 +94,45 @@ void gradient(const Tensor* vectors, const Tensor* values, const Tensor* grad_ve
     using Scalar = typename SolverScalar<T>::type;
     using Real = element::Coefficient<T>;
     const std::int64_t n = out->Shape().back();
+    const auto multiply = [n](bool transpose_a, const Scalar* a, bool transpose_b, const Scalar* b, Scalar* c) {
+        product_piece({1, n, n, n, transpose_a, transpose_b, false}, {0, n, 0, n}, a, b, c);
+    };
+    const auto conjugate = [](Scalar x) {
+        if constexpr (is_complex_element<T>) {
+            return std::conj(x);
+        } else {
+            return x;
+        }
+    };
     for_matrices(out, [&](std::int64_t begin, std::int64_t end) {
-        SolverMatrix<Scalar> inner(n, n);
-        SolverMatrix<Scalar> product(n, n);
+        const auto size = static_cast<std::size_t>(n * n);
+        std::vector<Scalar> conjugates(size);  // of the vectors
+        std::vector<Scalar> inner(size);
+        std::vector<Scalar> product(size);
         for (std::int64_t index = begin; index < end; ++index) {
-            const auto v = matrix_at<Scalar>(vectors, index);
-            inner.setZero();
+            const auto* v = item_at<Scalar>(vectors, index, n * n);
+            std::transform(v, v + n * n, conjugates.begin(), conjugate);
+            std::fill(inner.begin(), inner.end(), Scalar(0));
             if (grad_vectors != nullptr) {
-                const auto value = vector_at<Real>(values, index);
-                product.noalias() = v.adjoint() * matrix_at<Scalar>(grad_vectors, index);
-                for (std::int64_t j = 0; j < n; ++j) {
-                    for (std::int64_t i = 0; i < j; ++i) {
+                const auto* value = item_at<Real>(values, index, n);
+                multiply(true, conjugates.data(), false, item_at<Scalar>(grad_vectors, index, n * n), product.data());
+                for (std::int64_t i = 0; i < n; ++i) {
+                    for (std::int64_t j = i + 1; j < n; ++j) {
+                        const auto above = static_cast<std::size_t>(i * n + j);
+                        const auto below = static_cast<std::size_t>(j * n + i);
                         // The factors of (i, j) and (j, i) have opposite signs.
                         const Real gap = value[j] - value[i];
-                        const Scalar part = product(i, j) - Eigen::numext::conj(product(j, i));
-                        inner(i, j) = gap == 0 ? Scalar(0) : part / (2 * gap);
-                        inner(j, i) = Eigen::numext::conj(inner(i, j));
+                        const Scalar part = product[above] - conjugate(product[below]);
+                        inner[above] = gap == 0 ? Scalar(0) : part / (2 * gap);
+                        inner[below] = conjugate(inner[above]);
                     }
                 }
             }
-            if (grad_values != nullptr) {
-                inner.diagonal() = vector_at<Real>(grad_values, index).template cast<Scalar>();
+            for (std::int64_t i = 0; i < n && grad_values != nullptr; ++i) {
+                inner[static_cast<std::size_t>(i * n + i)] = item_at<Real>(grad_values, index, n)[i];
             }
-            product.noalias() = v * inner;
-            matrix_at<Scalar>(out, index).noalias() = product * v.adjoint();
+            multiply(false, v, false, inner.data(), product.data());
+            multiply(false, product.data(), true, conjugates.data(), item_at<Scalar>(out, index, n * n));
         }
     });
 }

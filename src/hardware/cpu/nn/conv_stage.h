@@ -35,8 +35,7 @@ template <typename T>
 class Scratch {
   public:
     explicit Scratch(std::int64_t count)
-        : buffer_(
-              AllocTensorBuffer(0, count * static_cast<std::int64_t>(sizeof(T)) + 64 + 9 * piece_bytes, dtype::uint8)) {
+        : buffer_(AllocTensorBuffer(0, count * static_cast<std::int64_t>(sizeof(T)) + 64 + 9 * piece_bytes, 1)) {
         const auto address = reinterpret_cast<std::uintptr_t>(buffer_->device_addr);
         data_ = reinterpret_cast<T*>(address + (64 - address % 64) % 64);
     }

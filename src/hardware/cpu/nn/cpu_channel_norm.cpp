@@ -299,17 +299,16 @@ void batch_statistics(const Tensor* input, const ChannelNorm& norm, Tensor* mean
 }
 
 void update_running(const Tensor* batch, double factor, double momentum, Tensor* running) {
-    MultiTensorIterationHelper elements;
-    elements.add_input(running);
-    elements.add_input(batch);
-    elements.add_output(running);
-    elements.build();
+    // A loop of its own: it needs no memory, so that mean and variance move together or not at all.
     dispatch(FloatTypes{}, running->Dtype(), [&]<typename T>() {
-        elements.run<TypeList<T>, TypeList<T, T>>([factor, momentum](T old, T latest) {
-            const auto from = static_cast<double>(old);
-            const double to = factor * static_cast<double>(latest);
-            return from == to ? old : static_cast<T>((1 - momentum) * from + momentum * to);
-        });
+        const std::int64_t step = running->Strides()[0];
+        const std::int64_t batch_step = batch->Strides()[0];
+        for (std::int64_t c = 0; c < running->Size(); ++c) {
+            T& value = data_of<T>(running)[c * step];
+            const auto from = static_cast<double>(value);
+            const double to = factor * static_cast<double>(data_of<T>(batch)[c * batch_step]);
+            value = from == to ? value : static_cast<T>((1 - momentum) * from + momentum * to);
+        }
     });
 }
 

@@ -41,8 +41,11 @@ void run_piece(const ProductPlan& plan, const ProductPiece& piece, const T* a, c
 template <typename T>
 void run_product(const ProductPlan& plan, const T* a, const T* b, T* c) {
     const auto slice = [&](std::int64_t index, const ProductPiece& piece) {
-        run_piece(plan, piece, a + index * plan.rows * plan.depth, b + index * plan.depth * plan.cols,
-                  c + index * plan.rows * plan.cols);
+        const auto start = [index](const ProductPlace& place, std::int64_t size) {
+            return place.starts != nullptr ? place.starts[index] : index * size;
+        };
+        run_piece(plan, piece, a + start(plan.place_a, plan.rows * plan.depth),
+                  b + start(plan.place_b, plan.depth * plan.cols), c + start(plan.place_c, plan.rows * plan.cols));
     };
     const std::int64_t work = plan.rows * plan.cols * plan.depth;
     const bool cut_slices = work >= grain_work && (plan.rows >= 2 * row_unit || plan.cols >= 2 * col_unit);

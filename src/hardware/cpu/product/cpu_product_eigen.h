@@ -5,6 +5,7 @@
 
 #define EIGEN_DONT_PARALLELIZE
 #include <Eigen/Core>
+#include <vector>
 
 #include "cpu_product_kernels.h"
 
@@ -14,7 +15,7 @@ template <typename T, int Order>
 using PieceMap = Eigen::Map<const Eigen::Matrix<T, Eigen::Dynamic, Eigen::Dynamic, Order>, 0, Eigen::OuterStride<>>;
 
 // Calls use(matrix) with rows [begin, begin + rows) x columns [col_begin, col_begin + cols) of op(X), where
-// `width` is the length of X's stored rows.
+// X's stored rows are `width` elements apart.
 template <typename T, typename Use>
 void with_operand(const T* x, bool transposed, std::int64_t width, std::int64_t begin, std::int64_t rows,
                   std::int64_t col_begin, std::int64_t cols, const Use& use) {
@@ -28,30 +29,28 @@ void with_operand(const T* x, bool transposed, std::int64_t width, std::int64_t 
 
 template <typename T>
 void product_piece(const ProductPlan& plan, const ProductPiece& piece, const T* a, const T* b, T* c) {
-    using Matrix = Eigen::Matrix<T, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
+    using Result =
+        Eigen::Map<Eigen::Matrix<T, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>, 0, Eigen::OuterStride<>>;
     const std::int64_t rows = piece.row_end - piece.row_begin;
     const std::int64_t cols = piece.col_end - piece.col_begin;
-    Eigen::Map<Matrix, 0, Eigen::OuterStride<>> out(c + piece.row_begin * plan.cols + piece.col_begin, rows, cols,
-                                                    Eigen::OuterStride<>(plan.cols));
+    const std::int64_t width_c = plan.row_step_c();
+    Result out(c + piece.row_begin * width_c + piece.col_begin, rows, cols, Eigen::OuterStride<>(width_c));
     if (plan.depth == 0) {
         if (!plan.accumulate) {
             out.setZero();
         }
         return;
     }
-    const std::int64_t width_a = plan.transpose_a ? plan.rows : plan.depth;
-    const std::int64_t width_b = plan.transpose_b ? plan.depth : plan.cols;
-    with_operand(a, plan.transpose_a, width_a, piece.row_begin, rows, 0, plan.depth, [&](const auto& left) {
-        with_operand(b, plan.transpose_b, width_b, 0, plan.depth, piece.col_begin, cols, [&](const auto& right) {
-            if (plan.accumulate) {
-                Matrix finished(rows, cols);
-                finished.noalias() = left * right;
-                out += finished;
-            } else {
-                out.noalias() = left * right;
-            }
-        });
+    // The finished product is added, not each of its terms: it goes to a buffer first.
+    std::vector<T> buffer(static_cast<std::size_t>(plan.accumulate ? rows * cols : 0));
+    Result product = plan.accumulate ? Result(buffer.data(), rows, cols, Eigen::OuterStride<>(cols)) : out;
+    with_operand(a, plan.transpose_a, plan.row_step_a(), piece.row_begin, rows, 0, plan.depth, [&](const auto& left) {
+        with_operand(b, plan.transpose_b, plan.row_step_b(), 0, plan.depth, piece.col_begin, cols,
+                     [&](const auto& right) { product.noalias() = left * right; });
     });
+    if (plan.accumulate) {
+        out += product;
+    }
 }
 
 }  // namespace ornik::device::cpu

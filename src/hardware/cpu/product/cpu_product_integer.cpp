@@ -36,15 +36,16 @@ struct OrOfAnds {
 
 template <typename Rule, typename T>
 void run(const ProductPlan& plan, const ProductPiece& piece, const T* a, const T* b, T* c) {
-    const auto element_a = [&](std::int64_t i, std::int64_t k) {
-        return Rule::load(plan.transpose_a ? a[k * plan.rows + i] : a[i * plan.depth + k]);
+    const std::int64_t width_c = plan.row_step_c();
+    const auto element_a = [&, width = plan.row_step_a()](std::int64_t i, std::int64_t k) {
+        return Rule::load(plan.transpose_a ? a[k * width + i] : a[i * width + k]);
     };
-    const auto element_b = [&](std::int64_t k, std::int64_t j) {
-        return Rule::load(plan.transpose_b ? b[j * plan.depth + k] : b[k * plan.cols + j]);
+    const auto element_b = [&, width = plan.row_step_b()](std::int64_t k, std::int64_t j) {
+        return Rule::load(plan.transpose_b ? b[j * width + k] : b[k * width + j]);
     };
     for (std::int64_t i = piece.row_begin; i < piece.row_end; ++i) {
         for (std::int64_t j = piece.col_begin; j < piece.col_end; ++j) {
-            T& element = c[i * plan.cols + j];
+            T& element = c[i * width_c + j];
             element = plan.accumulate ? Rule::load(element) : T(0);
         }
     }
@@ -61,7 +62,7 @@ void run(const ProductPlan& plan, const ProductPiece& piece, const T* a, const T
                 }
             }
             for (std::int64_t i = piece.row_begin; i < piece.row_end; ++i) {
-                T* out = c + i * plan.cols + j0;
+                T* out = c + i * width_c + j0;
                 for (std::int64_t k = 0; k < depth; k += depth_step) {
                     const T* row = panel.data() + k * panel_cols;
                     T x[depth_step];

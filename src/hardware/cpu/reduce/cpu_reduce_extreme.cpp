@@ -9,13 +9,31 @@ namespace ornik::device::cpu {
 
 namespace {
 
-template <typename T>
-constexpr auto to_element = [](Stored<T> state) { return static_cast<T>(state); };
+// Whether an element is true (bit 0), and whether one is false (bit 1).
+template <typename Item>
+struct Truth {
+    static std::uint8_t lift(Item item) { return convert_element<bool>(item) ? 1 : 2; }
+    static std::uint8_t join(std::uint8_t a, std::uint8_t b) { return static_cast<std::uint8_t>(a | b); }
+};
+
+template <bool All>
+void reduce_truth(const ReduceDescriptor& plan, const Tensor* in, Tensor* out) {
+    dispatch(AllTypes{}, in->Dtype(), [&]<typename T>() {
+        using Item = std::conditional_t<std::is_integral_v<T> && sizeof(T) == 1, std::uint8_t, T>;
+        reduce(plan, in->getRawData(), static_cast<bool*>(out->getRawData()), Fold<Item, std::uint8_t, Truth<Item>>{},
+               [](std::uint8_t found) { return All ? (found & 2) == 0 : (found & 1) != 0; });
+    });
+}
 
 template <bool Largest>
 void reduce_extreme(const ReduceDescriptor& plan, const Tensor* in, Tensor* out) {
     dispatch(RealTypes{}, in->Dtype(), [&]<typename T>() {
-        reduce(plan, in->getRawData(), static_cast<T*>(out->getRawData()), ExtremeFold<T, Largest>{}, to_element<T>);
+        if constexpr (std::is_same_v<T, bool>) {
+            reduce_truth<!Largest>(plan, in, out);
+        } else {
+            reduce(plan, in->getRawData(), static_cast<T*>(out->getRawData()), ExtremeFold<T, Largest>{},
+                   [](T state) { return state; });
+        }
     });
 }
 
@@ -94,20 +112,6 @@ void reduce_place(const ReduceDescriptor& plan, const Tensor* in, Tensor* out) {
         using Kernel = Place<T, Largest>;
         reduce(plan, in->getRawData(), static_cast<std::int64_t*>(out->getRawData()), Kernel{},
                [](const typename Kernel::State& state) { return state.position; });
-    });
-}
-
-template <typename T, bool All>
-struct Truth {
-    static std::uint8_t lift(Stored<T> item) { return convert_element<bool>(item) ? 1 : 0; }
-    static std::uint8_t join(std::uint8_t a, std::uint8_t b) { return static_cast<std::uint8_t>(All ? a & b : a | b); }
-};
-
-template <bool All>
-void reduce_truth(const ReduceDescriptor& plan, const Tensor* in, Tensor* out) {
-    dispatch(AllTypes{}, in->Dtype(), [&]<typename T>() {
-        reduce(plan, in->getRawData(), static_cast<bool*>(out->getRawData()),
-               Fold<Stored<T>, std::uint8_t, Truth<T, All>>{}, to_element<bool>);
     });
 }
 

@@ -22,6 +22,8 @@
 //         // for each of at most reduce_across columns the bits that row() would give
 //     static constexpr bool exact = true;
 //         // results do not depend on how elements are grouped, as those with an integer for their state
+//
+// States are plain numbers. What is compiled for every kernel is these functions alone; the walk itself is there once.
 #pragma once
 
 #include <algorithm>
@@ -30,14 +32,13 @@
 #include <vector>
 
 #include "descriptors/reduce_descriptor.h"
-#include "hardware/parallel.h"
 
 namespace ornik::device::cpu {
 
 inline constexpr std::int64_t reduce_chunk = 2048;    // items of a row
 inline constexpr std::int64_t reduce_rows = 128;      // rows of a chunk of columns
 inline constexpr std::int64_t reduce_columns = 4096;  // results that advance together
-inline constexpr std::int64_t reduce_across = 256;    // the same, where each has several partial results
+inline constexpr std::int64_t reduce_across = 1024;   // the same, where each has several partial results
 inline constexpr std::int64_t reduce_staged = 32;     // the same, where elements are collected first
 inline constexpr std::int64_t reduce_grain = 32768;   // items worth a second thread
 
@@ -49,221 +50,99 @@ namespace reduce_detail {
 
 inline std::int64_t parts(std::int64_t n, std::int64_t size) { return (n + size - 1) / size; }
 
-// Units of `items` items each that are worth a second thread.
-inline std::int64_t grain(std::int64_t items) { return std::max<std::int64_t>(2, reduce_grain / items); }
+inline constexpr std::int64_t largest_state = 32;  // bytes
+
+/// A kernel, and how results are made of its states, without their types.
+struct BoundKernel {
+    std::int64_t item_size;
+    std::int64_t state_size;
+    std::int64_t out_size;
+    const void* kernel;
+    const void* finish;
+    /// states[r] = row(items[r], n, first) for r < count
+    void (*rows)(const void* kernel, const char* const* items, std::int64_t count, std::int64_t n, std::int64_t first,
+                 char* states);
+    using Columns = void (*)(const void* kernel, const char* const* rows, std::int64_t n, std::int64_t cols,
+                             std::int64_t first, char* states);
+    Columns columns;
+    /// Null when results do not depend on how elements are grouped.
+    Columns across;
+    /// Of `chunks` groups of `width` states the first one becomes what all of them combine to, as a tree.
+    void (*combine)(const void* kernel, char* states, std::int64_t chunks, std::int64_t width);
+    /// out[j * stride] = finish(states[j]) for j < count
+    void (*store)(const void* finish, const char* states, std::int64_t count, char* out, std::int64_t stride);
+};
+
+/// count >= 1.
+void run(const ReduceDescriptor& plan, const void* in, void* out, const BoundKernel& kernel);
 
 template <typename Kernel>
-void combine_tree(const Kernel& kernel, typename Kernel::State* states, std::int64_t chunks, std::int64_t width) {
-    for (std::int64_t step = 1; step < chunks; step *= 2) {
-        for (std::int64_t i = 0; i + step < chunks; i += 2 * step) {
-            for (std::int64_t j = 0; j < width; ++j) {
-                kernel.combine(states[i * width + j], states[(i + step) * width + j]);
-            }
-        }
-    }
-}
-
-// Items [begin, begin + n) of the reduced axes: as they lie when they are adjacent, else collected in
-// `buffer`.
-template <typename Item>
-const Item* collect(const std::vector<ReduceAxis>& axes, const Item* base, std::int64_t begin, std::int64_t n,
-                    Item* buffer) {
-    if (axes.empty()) {
-        return base;
-    }
-    const ReduceAxis& inner = axes.front();
-    if (axes.size() == 1) {  // The usual case, and rows may be short.
-        if (inner.stride == 1) {
-            return base + begin;
-        }
-        for (std::int64_t i = 0; i < n; ++i) {
-            buffer[i] = base[(begin + i) * inner.stride];
-        }
-        return buffer;
-    }
-    std::int64_t column = begin % inner.size;
-    ReduceWalk outer(axes, begin / inner.size, 1);
-    if (inner.stride == 1 && column + n <= inner.size) {
-        return base + outer.offset() + column;
-    }
-    for (std::int64_t done = 0; done < n; column = 0, outer.next()) {
-        const std::int64_t run = std::min(n - done, inner.size - column);
-        const Item* source = base + outer.offset() + column * inner.stride;
-        for (std::int64_t i = 0; i < run; ++i) {
-            buffer[done + i] = source[i * inner.stride];
-        }
-        done += run;
-    }
-    return buffer;
-}
-
-template <typename Kernel, typename Out, typename Finish>
-void reduce_by_rows(const ReduceDescriptor& plan, const typename Kernel::Item* in, Out* out, const Kernel& kernel,
-                    const Finish& finish) {
-    using State = typename Kernel::State;
-    const std::int64_t chunks = parts(plan.count, reduce_chunk);
-    std::vector<State> states(static_cast<std::size_t>(chunks > 1 ? plan.outputs * chunks : 0));
-    const std::int64_t unit_items = std::min(plan.count, reduce_chunk);
-    parallel_for(plan.outputs * chunks, 1, grain(unit_items), [&](std::int64_t begin, std::int64_t end) {
-        typename Kernel::Item buffer[reduce_chunk];
-        ReduceWalk kept(plan.kept, begin / chunks);
-        for (std::int64_t unit = begin, chunk = begin % chunks; unit < end; ++unit) {
-            const std::int64_t first = chunk * reduce_chunk;
-            const std::int64_t n = std::min(reduce_chunk, plan.count - first);
-            const auto* items = collect(plan.reduced, in + kept.offset(), first, n, buffer);
-            const State state = kernel.row(items, n, first);
-            if (chunks == 1) {
-                out[kept.result_offset()] = finish(state);
-            } else {
-                states[static_cast<std::size_t>(unit)] = state;
-            }
-            if (++chunk == chunks) {
-                chunk = 0;
-                kept.next();
-            }
-        }
-    });
-    if (chunks == 1) {
-        return;
-    }
-    parallel_for(plan.outputs, 1, grain(chunks), [&](std::int64_t begin, std::int64_t end) {
-        ReduceWalk kept(plan.kept, begin);
-        for (std::int64_t i = begin; i < end; ++i, kept.next()) {
-            combine_tree(kernel, states.data() + i * chunks, chunks, 1);
-            out[kept.result_offset()] = finish(states[static_cast<std::size_t>(i * chunks)]);
-        }
-    });
-}
-
-// across() of the kernel, or row() of elements that are collected for several columns at a time.
-template <typename Kernel>
-void across(const Kernel& kernel, const typename Kernel::Item* const* rows, std::int64_t n, std::int64_t cols,
-            typename Kernel::State* states) {
-    if constexpr (requires { kernel.across(rows, n, cols, states); }) {
-        kernel.across(rows, n, cols, states);
-    } else {
-        using Item = typename Kernel::Item;
-        constexpr std::int64_t together = 16;
-        constexpr std::int64_t row_items = reduce_chunk + 64 / sizeof(Item);  // Rows apart in the cache's sets.
-        std::vector<Item> buffer(static_cast<std::size_t>(together * row_items));
-        for (std::int64_t begin = 0; begin < cols; begin += together) {
-            const std::int64_t width = std::min(together, cols - begin);
-            for (std::int64_t i = 0; i < n; ++i) {
-                for (std::int64_t j = 0; j < width; ++j) {
-                    buffer[static_cast<std::size_t>(j * row_items + i)] = rows[i][begin + j];
-                }
-            }
-            for (std::int64_t j = 0; j < width; ++j) {
-                states[begin + j] = kernel.row(buffer.data() + j * row_items, n, 0);
-            }
-        }
-    }
-}
-
-// Tiles of at most `tile` adjacent results, whose elements are taken ChunkRows at a time: advance(rows, n, cols, first,
-// states) makes their states.
-template <std::int64_t ChunkRows, typename Kernel, typename Out, typename Finish, typename Advance>
-void reduce_tiles(const ReduceDescriptor& plan, std::int64_t tile, const typename Kernel::Item* in, Out* out,
-                  const Kernel& kernel, const Finish& finish, const Advance& advance) {
-    using State = typename Kernel::State;
-    const ReduceAxis& column_axis = plan.kept.front();
-    const std::int64_t tiles = parts(column_axis.size, tile);
-    const std::int64_t width = std::min(column_axis.size, tile);
-    const std::int64_t chunks = parts(plan.count, ChunkRows);
-    const std::int64_t groups = plan.outputs / column_axis.size * tiles;  // Of results that advance together.
-    const auto tile_cols = [&](std::int64_t index) { return std::min(width, column_axis.size - index * width); };
-    const auto store = [&](const State* states, std::int64_t cols, Out* target) {
-        for (std::int64_t j = 0; j < cols; ++j) {
-            target[j * column_axis.result_stride] = finish(states[j]);
-        }
-    };
-    const auto target_of = [&](std::int64_t group) {
-        return out + ReduceWalk(plan.kept, group / tiles, 1).result_offset() +
-               group % tiles * width * column_axis.result_stride;
-    };
-    std::vector<State> states(static_cast<std::size_t>(chunks > 1 ? groups * chunks * width : 0));
-    const std::int64_t unit_items = std::min(plan.count, ChunkRows) * width;
-    parallel_for(groups * chunks, 1, grain(unit_items), [&](std::int64_t begin, std::int64_t end) {
-        std::vector<State> own(static_cast<std::size_t>(chunks > 1 ? 0 : width));
-        for (std::int64_t unit = begin; unit < end; ++unit) {
-            const std::int64_t group = unit / chunks;
-            const std::int64_t first = unit % chunks * ChunkRows;
-            const std::int64_t n = std::min(ChunkRows, plan.count - first);
-            const std::int64_t cols = tile_cols(group % tiles);
-            const auto* base = in + ReduceWalk(plan.kept, group / tiles, 1).offset() + group % tiles * width;
-            const typename Kernel::Item* rows[ChunkRows];
-            ReduceWalk walk(plan.reduced, first);
-            for (std::int64_t i = 0; i < n; ++i, walk.next()) {
-                rows[i] = base + walk.offset();
-            }
-            State* target = chunks > 1 ? states.data() + unit * width : own.data();
-            advance(rows, n, cols, first, target);
-            if (chunks == 1) {
-                store(target, cols, target_of(group));
-            }
-        }
-    });
-    if (chunks == 1) {
-        return;
-    }
-    parallel_for(groups, 1, grain(chunks * width), [&](std::int64_t begin, std::int64_t end) {
-        for (std::int64_t group = begin; group < end; ++group) {
-            State* all = states.data() + group * chunks * width;
-            combine_tree(kernel, all, chunks, width);
-            store(all, tile_cols(group % tiles), target_of(group));
-        }
-    });
-}
-
-// The arithmetic of columns() for results whose elements lie anyhow.
-template <typename Kernel, typename Out, typename Finish>
-void reduce_staged_columns(const ReduceDescriptor& plan, const typename Kernel::Item* in, Out* out,
-                           const Kernel& kernel, const Finish& finish) {
+struct KernelCalls {
     using Item = typename Kernel::Item;
     using State = typename Kernel::State;
-    const std::int64_t chunks = parts(plan.count, reduce_rows);
-    const std::int64_t width = std::min(plan.outputs, reduce_staged);
-    const std::int64_t groups = parts(plan.outputs, width);
-    const std::int64_t depth = std::min(plan.count, reduce_rows);
-    std::vector<State> states(static_cast<std::size_t>(groups * chunks * width));
-    parallel_for(groups * chunks, 1, grain(depth * width), [&](std::int64_t begin, std::int64_t end) {
-        std::vector<Item> staged(static_cast<std::size_t>(depth * width));
-        const Item* rows[reduce_rows];
-        for (std::int64_t i = 0; i < depth; ++i) {
-            rows[i] = staged.data() + i * width;
+    static_assert(sizeof(State) <= largest_state && std::is_trivially_copyable_v<State>);
+    /// Whether results are the same however elements are grouped.
+    static constexpr bool is_exact = std::is_integral_v<State> || requires { Kernel::exact; };
+
+    static const Kernel& of(const void* kernel) { return *static_cast<const Kernel*>(kernel); }
+
+    static void rows(const void* kernel, const char* const* items, std::int64_t count, std::int64_t n,
+                     std::int64_t first, char* states) {
+        auto* const out = reinterpret_cast<State*>(states);
+        for (std::int64_t r = 0; r < count; ++r) {
+            out[r] = of(kernel).row(reinterpret_cast<const Item*>(items[r]), n, first);
         }
-        for (std::int64_t unit = begin; unit < end; ++unit) {
-            const std::int64_t first_output = unit / chunks * width;
-            const std::int64_t cols = std::min(width, plan.outputs - first_output);
-            const std::int64_t first = unit % chunks * reduce_rows;
-            const std::int64_t n = std::min(reduce_rows, plan.count - first);
-            ReduceWalk kept(plan.kept, first_output);
-            for (std::int64_t j = 0; j < cols; ++j, kept.next()) {
-                Item buffer[reduce_rows];
-                const Item* items = collect(plan.reduced, in + kept.offset(), first, n, buffer);
+    }
+
+    static void columns(const void* kernel, const char* const* rows, std::int64_t n, std::int64_t cols,
+                        std::int64_t first, char* states) {
+        of(kernel).columns(reinterpret_cast<const Item* const*>(rows), n, cols, first,
+                           reinterpret_cast<State*>(states));
+    }
+
+    // across() of the kernel, or row() of elements that are collected for several columns at a time.
+    static void across(const void* kernel, const char* const* row_bytes, std::int64_t n, std::int64_t cols,
+                       std::int64_t /*first*/, char* state_bytes) {
+        const auto* const* rows = reinterpret_cast<const Item* const*>(row_bytes);
+        auto* const states = reinterpret_cast<State*>(state_bytes);
+        if constexpr (requires { of(kernel).across(rows, n, cols, states); }) {
+            of(kernel).across(rows, n, cols, states);
+        } else {
+            constexpr std::int64_t together = 16;
+            constexpr std::int64_t row_items = reduce_chunk + 64 / sizeof(Item);  // Rows apart in the cache's sets.
+            std::vector<Item> buffer(static_cast<std::size_t>(together * row_items));
+            for (std::int64_t begin = 0; begin < cols; begin += together) {
+                const std::int64_t width = std::min(together, cols - begin);
                 for (std::int64_t i = 0; i < n; ++i) {
-                    staged[static_cast<std::size_t>(i * width + j)] = items[i];
+                    for (std::int64_t j = 0; j < width; ++j) {
+                        buffer[static_cast<std::size_t>(j * row_items + i)] = rows[i][begin + j];
+                    }
+                }
+                for (std::int64_t j = 0; j < width; ++j) {
+                    states[begin + j] = of(kernel).row(buffer.data() + j * row_items, n, 0);
                 }
             }
-            kernel.columns(rows, n, cols, first, states.data() + unit * width);
         }
-    });
-    parallel_for(groups, 1, grain(chunks * width), [&](std::int64_t begin, std::int64_t end) {
-        for (std::int64_t group = begin; group < end; ++group) {
-            State* all = states.data() + group * chunks * width;
-            combine_tree(kernel, all, chunks, width);
-            ReduceWalk kept(plan.kept, group * width);
-            for (std::int64_t j = 0; j < std::min(width, plan.outputs - group * width); ++j, kept.next()) {
-                out[kept.result_offset()] = finish(all[j]);
+    }
+
+    static void combine(const void* kernel, char* state_bytes, std::int64_t chunks, std::int64_t width) {
+        auto* const states = reinterpret_cast<State*>(state_bytes);
+        for (std::int64_t step = 1; step < chunks; step *= 2) {
+            for (std::int64_t i = 0; i + step < chunks; i += 2 * step) {
+                for (std::int64_t j = 0; j < width; ++j) {
+                    of(kernel).combine(states[i * width + j], states[(i + step) * width + j]);
+                }
             }
         }
-    });
-}
+    }
+};
 
-// Whether results are the same however elements are grouped.
-template <typename Kernel>
-constexpr bool is_exact() {
-    return std::is_integral_v<typename Kernel::State> || requires { Kernel::exact; };
+template <typename State, typename Out, typename Finish>
+void store(const void* finish, const char* states, std::int64_t count, char* out, std::int64_t stride) {
+    for (std::int64_t j = 0; j < count; ++j) {
+        reinterpret_cast<Out*>(out)[j * stride] =
+            (*static_cast<const Finish*>(finish))(reinterpret_cast<const State*>(states)[j]);
+    }
 }
 
 }  // namespace reduce_detail
@@ -271,32 +150,22 @@ constexpr bool is_exact() {
 /// out[...] = finish(state of all reduced items). count >= 1.
 template <typename Kernel, typename Out, typename Finish>
 void reduce(const ReduceDescriptor& plan, const void* in, Out* out, const Kernel& kernel, const Finish& finish) {
-    const auto* items = static_cast<const typename Kernel::Item*>(in);
-    if (plan.outputs == 0) {
-        return;
+    using Calls = reduce_detail::KernelCalls<Kernel>;
+    using State = typename Kernel::State;
+    reduce_detail::BoundKernel bound{sizeof(typename Kernel::Item),
+                                     sizeof(State),
+                                     sizeof(Out),
+                                     &kernel,
+                                     &finish,
+                                     Calls::rows,
+                                     Calls::columns,
+                                     nullptr,
+                                     Calls::combine,
+                                     reduce_detail::store<State, Out, Finish>};
+    if constexpr (!Calls::is_exact) {
+        bound.across = Calls::across;
     }
-    using Form = ReduceDescriptor::Form;
-    if (plan.form == Form::columns) {
-        reduce_detail::reduce_tiles<reduce_rows>(plan, reduce_columns, items, out, kernel, finish,
-                                                 [&](auto rows, auto n, auto cols, auto first, auto states) {
-                                                     kernel.columns(rows, n, cols, first, states);
-                                                 });
-        return;
-    }
-    if constexpr (!reduce_detail::is_exact<Kernel>()) {
-        if (plan.form == Form::across) {
-            reduce_detail::reduce_tiles<reduce_chunk>(plan, reduce_across, items, out, kernel, finish,
-                                                      [&](auto rows, auto n, auto cols, auto /*first*/, auto states) {
-                                                          reduce_detail::across(kernel, rows, n, cols, states);
-                                                      });
-            return;
-        }
-        if (plan.form == Form::staged) {
-            reduce_detail::reduce_staged_columns(plan, items, out, kernel, finish);
-            return;
-        }
-    }
-    reduce_detail::reduce_by_rows(plan, items, out, kernel, finish);
+    reduce_detail::run(plan, in, out, bound);
 }
 
 /// A kernel whose state is one number: Rule::lift makes it from an item, Rule::join combines two.
@@ -354,22 +223,42 @@ struct Fold {
             columns(rows, n, cols, 0, states);
             return;
         }
-        State lane[lanes][reduce_across];
-        for (std::int64_t i = 0; i < n; ++i) {
+        // Partial results of all columns, lane by lane; several rows of a lane at a time save passes over them.
+        std::vector<State> partial(static_cast<std::size_t>(lanes * cols));
+        const auto lane = [&](std::int64_t i) { return partial.data() + i % lanes * cols; };
+        const auto join_row = [&](std::int64_t i, std::int64_t begin, std::int64_t end) {
             const Item* row = rows[i];
-            State* sums = lane[i % lanes];
-            for (std::int64_t j = 0; j < cols; ++j) {
-                sums[j] = i < lanes ? Rule::lift(row[j]) : Rule::join(sums[j], Rule::lift(row[j]));
+            State* sums = lane(i);
+            for (std::int64_t j = begin; j < end; ++j) {
+                sums[j] = Rule::join(sums[j], Rule::lift(row[j]));
             }
+        };
+        for (std::int64_t i = 0; i < lanes; ++i) {
+            std::transform(rows[i], rows[i] + cols, lane(i), Rule::lift);
         }
-        for (std::int64_t width = lanes / 2; width > 0; width /= 2) {
-            for (std::int64_t i = 0; i < width; ++i) {
-                for (std::int64_t j = 0; j < cols; ++j) {
-                    lane[i][j] = Rule::join(lane[i][j], lane[i + width][j]);
+        // Some rows of a lane at a time, block by block: the lane's partial results stay in the nearest cache.
+        constexpr std::int64_t together = 4;
+        constexpr std::int64_t block = 256;
+        std::int64_t first = lanes;
+        for (; first + together * lanes <= n; first += together * lanes) {
+            for (std::int64_t i = first; i < first + lanes; ++i) {
+                for (std::int64_t begin = 0; begin < cols; begin += block) {
+                    for (std::int64_t k = 0; k < together; ++k) {
+                        join_row(i + k * lanes, begin, std::min(cols, begin + block));
+                    }
                 }
             }
         }
-        std::copy_n(lane[0], cols, states);
+        for (; first < n; ++first) {
+            join_row(first, 0, cols);
+        }
+        for (std::int64_t width = lanes / 2; width > 0; width /= 2) {
+            for (std::int64_t j = 0; j < width * cols; ++j) {
+                partial[static_cast<std::size_t>(j)] = Rule::join(partial[static_cast<std::size_t>(j)],
+                                                                  partial[static_cast<std::size_t>(j + width * cols)]);
+            }
+        }
+        std::copy_n(partial.data(), cols, states);
     }
 
     static void combine(State& a, const State& b) { a = Rule::join(a, b); }
