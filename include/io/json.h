@@ -12,14 +12,13 @@
 #include <string>
 #include <string_view>
 
-#include "place.h"
+#include "text_cursor.h"
 
 namespace ornik::io {
 
-class JsonReader {
+class JsonReader : public TextCursor {
   public:
-    /// Both outlive the reader. Errors are those of `place`, as it is when they occur.
-    JsonReader(const FilePlace& place, std::string_view text) : place_(place), text_(text) {}
+    JsonReader(const FilePlace& place, std::string_view text) : TextCursor(place, text, " \t\n\r") {}
 
     /// Calls member(key) for each member, in order; it reads the value. Keys that come twice are its business.
     template <typename Member>
@@ -39,13 +38,6 @@ class JsonReader {
     std::string string();
     /// At most 2^63 - 1.
     std::int64_t unsigned_integer();
-    /// Accepts nothing but white space up to the end.
-    void finish();
-
-    template <typename... Pieces>
-    [[noreturn]] void refuse(const Pieces&... pieces) const {
-        fail(place_.at(), place_.text(), "header, byte ", at_, ": ", pieces...);
-    }
 
   private:
     template <typename Item>
@@ -59,16 +51,8 @@ class JsonReader {
         } while (accept(','));
         expect(close);
     }
-    void skip_spaces();
-    bool accept(char wanted);
-    void expect(char wanted);
-    std::string found() const;
     std::uint32_t four_digits();
     void append_escape(std::string& value);
-
-    const FilePlace& place_;
-    std::string_view text_;
-    std::size_t at_ = 0;
 };
 
 /// The text in double quotes, with the escapes it needs. It is UTF-8.

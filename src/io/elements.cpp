@@ -65,9 +65,10 @@ bool follows(const Tensor* t, const Dims& dense) {
     return true;
 }
 
+// Kernels that only move elements take them as words of their whole size, of up to eight bytes.
 bool is_aligned(const void* data, std::int64_t dtype) {
-    const std::int64_t parts = is_dtype_class(dtype, DtypeClass::complex) ? 2 : 1;
-    return reinterpret_cast<std::uintptr_t>(data) % static_cast<std::uintptr_t>(dtype_item_size(dtype) / parts) == 0;
+    const auto alignment = static_cast<std::uintptr_t>(std::min<std::int64_t>(dtype_item_size(dtype), 8));
+    return reinterpret_cast<std::uintptr_t>(data) % alignment == 0;
 }
 
 // True when the bytes are elements of a tensor as they stand.

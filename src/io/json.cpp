@@ -1,7 +1,5 @@
 #include "io/json.h"
 
-#include <limits>
-
 namespace ornik::io {
 
 namespace {
@@ -25,51 +23,16 @@ void append_utf8(std::string& text, std::uint32_t code) {
 
 }  // namespace
 
-void JsonReader::skip_spaces() {
-    while (at_ < text_.size() && std::string_view(" \t\n\r").find(text_[at_]) != std::string_view::npos) {
-        ++at_;
-    }
-}
-
-bool JsonReader::accept(char wanted) {
-    skip_spaces();
-    if (at_ == text_.size() || text_[at_] != wanted) {
-        return false;
-    }
-    ++at_;
-    return true;
-}
-
-void JsonReader::expect(char wanted) {
-    if (!accept(wanted)) {
-        refuse("wanted ", in_quotes({&wanted, 1}), ", found ", found(), ".");
-    }
-}
-
-std::string JsonReader::found() const { return at_ < text_.size() ? in_quotes(text_.substr(at_, 1)) : "the end"; }
-
-void JsonReader::finish() {
-    if (skip_spaces(); at_ != text_.size()) {
-        refuse("wanted the end, found ", found(), ".");
-    }
-}
-
 std::int64_t JsonReader::unsigned_integer() {
+    constexpr std::string_view what = "a whole number that is not negative";
     skip_spaces();
-    const std::size_t begin = at_;
-    std::int64_t value = 0;
-    for (; at_ < text_.size() && text_[at_] >= '0' && text_[at_] <= '9'; ++at_) {
-        const int digit = text_[at_] - '0';
-        if (value > (std::numeric_limits<std::int64_t>::max() - digit) / 10) {
-            refuse("a number beyond 64 bits.");
-        }
-        value = 10 * value + digit;
+    const bool is_zero = next_is_one_of("0");
+    const std::size_t before = rest().size();
+    const std::int64_t value = digits(what);
+    if (next_is_one_of(".eE")) {
+        refuse("wanted ", what, ", found ", found(), ".");
     }
-    const bool goes_on = at_ < text_.size() && std::string_view(".eE").find(text_[at_]) != std::string_view::npos;
-    if (at_ == begin || goes_on) {
-        refuse("wanted a whole number that is not negative, found ", found(), ".");
-    }
-    if (text_[begin] == '0' && at_ - begin > 1) {
+    if (is_zero && before - rest().size() > 1) {
         refuse("a number with a leading zero.");
     }
     return value;
@@ -77,12 +40,12 @@ std::int64_t JsonReader::unsigned_integer() {
 
 std::uint32_t JsonReader::four_digits() {
     std::uint32_t value = 0;
-    for (int i = 0; i < 4; ++i, ++at_) {
-        const char digit = at_ < text_.size() ? text_[at_] : '\0';
-        const std::size_t position = std::string_view("0123456789abcdefABCDEF").find(digit);
-        if (position == std::string_view::npos) {
+    constexpr std::string_view hexadecimal = "0123456789abcdefABCDEF";
+    for (int i = 0; i < 4; ++i, skip(1)) {
+        if (!next_is_one_of(hexadecimal)) {
             refuse("wanted four hexadecimal digits, found ", found(), ".");
         }
+        const std::size_t position = hexadecimal.find(rest()[0]);
         value = value << 4U | static_cast<std::uint32_t>(position < 16 ? position : position - 6);
     }
     return value;
@@ -90,19 +53,18 @@ std::uint32_t JsonReader::four_digits() {
 
 // Behind a backslash.
 void JsonReader::append_escape(std::string& value) {
-    const char letter = at_ < text_.size() ? text_[at_] : '\0';
-    if (const std::size_t row = escape_letters.find(letter); row != std::string_view::npos) {
-        ++at_;
-        value += escaped[row];
+    if (next_is_one_of(escape_letters)) {
+        value += escaped[escape_letters.find(rest()[0])];
+        skip(1);
         return;
     }
-    if (letter != 'u') {
+    if (!next_is_one_of("u")) {
         refuse("no escape: ", found(), ".");
     }
-    ++at_;
+    skip(1);
     std::uint32_t code = four_digits();
-    if (code >= 0xD800 && code < 0xDC00 && text_.substr(at_, 2) == "\\u") {
-        at_ += 2;
+    if (code >= 0xD800 && code < 0xDC00 && rest().starts_with("\\u")) {
+        skip(2);
         const std::uint32_t low = four_digits();
         code = low >= 0xDC00 && low < 0xE000 ? 0x10000 + ((code - 0xD800) << 10U) + (low - 0xDC00) : code;
     }
@@ -115,23 +77,23 @@ void JsonReader::append_escape(std::string& value) {
 std::string JsonReader::string() {
     expect('"');
     std::string value;
-    while (at_ < text_.size() && text_[at_] != '"') {
-        if (text_[at_] == '\\') {
-            ++at_;
+    while (!at_end() && !next_is_one_of("\"")) {
+        if (next_is_one_of("\\")) {
+            skip(1);
             append_escape(value);
             continue;
         }
-        const std::size_t length = utf8_length(text_.substr(at_));
-        if (length == 0 || static_cast<unsigned char>(text_[at_]) < 0x20) {
+        const std::size_t length = utf8_length(rest());
+        if (length == 0 || static_cast<unsigned char>(rest()[0]) < 0x20) {
             refuse("a text holds ", found(), ", which is ", length == 0 ? "no UTF-8." : "a control character.");
         }
-        value += text_.substr(at_, length);
-        at_ += length;
+        value += rest().substr(0, length);
+        skip(length);
     }
-    if (at_ == text_.size()) {
+    if (at_end()) {
         refuse("a text has no end.");
     }
-    ++at_;
+    skip(1);
     return value;
 }
 

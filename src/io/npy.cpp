@@ -1,11 +1,11 @@
 #include "io/npy.h"
 
 #include <bit>
-#include <limits>
 #include <optional>
 
 #include "io/npy_format.h"
 #include "io/output.h"
+#include "io/text_cursor.h"
 
 namespace ornik {
 
@@ -26,9 +26,9 @@ struct NpyHeader {
 };
 
 // The header's dictionary: Python's syntax for what NumPy writes there, and nothing else.
-class HeaderReader {
+class HeaderReader : TextCursor {
   public:
-    HeaderReader(const FilePlace& place, std::string_view text) : place_(place), text_(text) {}
+    HeaderReader(const FilePlace& place, std::string_view text) : TextCursor(place, text, " \n"), place_(place) {}
 
     NpyHeader dictionary() {
         expect('{');
@@ -50,9 +50,7 @@ class HeaderReader {
                 break;
             }
         }
-        if (skip_spaces(); at_ != text_.size()) {
-            refuse("wanted its end, found ", found(), ".");
-        }
+        finish();
         if (!descr_ || !fortran_ || !shape_) {
             refuse("no ", !descr_ ? "'descr'" : !fortran_ ? "'fortran_order'" : "'shape'", ".");
         }
@@ -62,41 +60,11 @@ class HeaderReader {
     }
 
   private:
-    template <typename... Pieces>
-    [[noreturn]] void refuse(const Pieces&... pieces) const {
-        fail(place_.at(), place_.text(), "header, byte ", at_, ": ", pieces...);
-    }
-
-    void skip_spaces() {
-        while (at_ < text_.size() && (text_[at_] == ' ' || text_[at_] == '\n')) {
-            ++at_;
-        }
-    }
-
-    std::string found() const { return at_ < text_.size() ? in_quotes(text_.substr(at_, 1)) : "the end"; }
-
-    bool accept(char wanted) {
-        skip_spaces();
-        if (at_ == text_.size() || text_[at_] != wanted) {
-            return false;
-        }
-        ++at_;
-        return true;
-    }
-
-    void expect(char wanted) {
-        if (!accept(wanted)) {
-            refuse("wanted '", std::string_view(&wanted, 1), "', found ", found(), ".");
-        }
-    }
-
     bool accept_word(std::string_view word) {
         skip_spaces();
-        if (text_.substr(at_, word.size()) != word) {
-            return false;
-        }
-        at_ += word.size();
-        return true;
+        const bool is_there = rest().starts_with(word);
+        skip(is_there ? word.size() : 0);
+        return is_there;
     }
 
     std::string_view string(std::string_view what) {
@@ -104,12 +72,12 @@ class HeaderReader {
         if (quote == '"' && !accept('"')) {
             refuse("wanted ", what, " in quotes, found ", found(), ".");
         }
-        const std::size_t end = text_.find(quote, at_);
+        const std::size_t end = rest().find(quote);
         if (end == std::string_view::npos) {
-            refuse("the text has no end.");
+            refuse("a text has no end.");
         }
-        const std::string_view value = text_.substr(at_, end - at_);
-        at_ = end + 1;
+        const std::string_view value = rest().substr(0, end);
+        skip(end + 1);
         return value;
     }
 
@@ -123,31 +91,12 @@ class HeaderReader {
         return false;
     }
 
-    std::int64_t extent() {
-        skip_spaces();
-        const std::size_t begin = at_;
-        std::int64_t value = 0;
-        for (; at_ < text_.size() && text_[at_] >= '0' && text_[at_] <= '9'; ++at_) {
-            const int digit = text_[at_] - '0';
-            if (value > (std::numeric_limits<std::int64_t>::max() - digit) / 10) {
-                refuse("an extent beyond 64 bits.");
-            }
-            value = 10 * value + digit;
-        }
-        if (at_ == begin) {
-            refuse("wanted an extent, found ", found(), ".");
-        }
-        if (at_ < text_.size() && text_[at_] == 'L') {
-            ++at_;  // Python 2 wrote long integers so.
-        }
-        return value;
-    }
-
     Dims tuple() {
         Dims values;
         expect('(');
         while (!accept(')')) {
-            values.push_back(extent());
+            values.push_back(digits("an extent"));
+            skip(next_is_one_of("L") ? 1 : 0);  // Python 2 wrote long integers so.
             if (accept(',')) {
                 continue;
             }
@@ -176,8 +125,6 @@ class HeaderReader {
     }
 
     const FilePlace& place_;
-    std::string_view text_;
-    std::size_t at_ = 0;
     NpyHeader header_;
     bool descr_ = false;
     std::optional<bool> fortran_;

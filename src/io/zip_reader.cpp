@@ -2,27 +2,14 @@
 #include <unordered_set>
 
 #include "io/zip.h"
+#include "io/zip_format.h"
 
 namespace ornik::io {
 
 namespace {
 
-constexpr std::uint64_t local_signature = 0x04034B50;
-constexpr std::uint64_t directory_signature = 0x02014B50;
-constexpr std::uint64_t end_signature = 0x06054B50;
-constexpr std::uint64_t wide_end_signature = 0x06064B50;
-constexpr std::uint64_t wide_locator_signature = 0x07064B50;
-constexpr std::size_t local_size = 30;
-constexpr std::size_t record_size = 46;
-constexpr std::size_t end_size = 22;
-constexpr std::size_t wide_end_size = 56;
-constexpr std::size_t wide_locator_size = 20;
-constexpr std::uint64_t all_ones_16 = 0xFFFF;
-constexpr std::uint64_t all_ones_32 = 0xFFFFFFFF;
+using namespace zip;
 
-constexpr std::uint64_t flag_encrypted = 1;
-constexpr std::uint64_t flag_sizes_follow = 1 << 3;
-constexpr std::uint64_t flag_utf8 = 1 << 11;
 // Besides those: how hard the packer tried.
 constexpr std::uint64_t known_flags = flag_sizes_follow | flag_utf8 | 1 << 1 | 1 << 2;
 
@@ -102,7 +89,7 @@ void widen(const FilePlace& place, ByteSpan extra, std::initializer_list<std::ui
             fail(place.at(), place.text(), "an extra field of ", size, " bytes; ", extra.size() - at - 4,
                  " bytes are left for it.");
         }
-        if (number(extra, at, 2) == 1) {
+        if (number(extra, at, 2) == wide_field) {
             wide = extra.subspan(at + 4, size);
         }
         at += 4 + size;
@@ -181,7 +168,7 @@ std::vector<ZipEntry> read_zip_directory(const FilePlace& file, ByteSpan archive
     std::size_t at = directory.begin;
     for (std::uint64_t i = 0; i < directory.count; ++i) {
         const std::uint64_t left = directory.end - at;
-        if (left < record_size || number(archive, at, 4) != directory_signature) {
+        if (left < record_size || number(archive, at, 4) != record_signature) {
             fail(file.at(), file.text(), "record ", i, " of the directory is broken, at ", at, ".");
         }
         const auto field = [&](std::size_t offset, std::size_t size) { return number(archive, at + offset, size); };
@@ -202,7 +189,7 @@ std::vector<ZipEntry> read_zip_directory(const FilePlace& file, ByteSpan archive
         if ((flags & flag_encrypted) != 0) {
             fail(place.at(), place.text(), "it is encrypted.");
         }
-        if ((flags & ~known_flags) != 0 || (method != 0 && method != 8)) {
+        if ((flags & ~known_flags) != 0 || (method != method_stored && method != method_deflated)) {
             fail(ErrorKind::not_implemented, place.at(), place.text(), "method ", method, " with flags ", flags,
                  "; only stored and deflated entries can be read.");
         }
@@ -215,10 +202,11 @@ std::vector<ZipEntry> read_zip_directory(const FilePlace& file, ByteSpan archive
         }
         // Deflate makes 258 bytes of two bits at best.
         constexpr std::uint64_t best_ratio = 1032;
-        if (method == 0 ? size != packed : size / best_ratio > packed) {
+        if (method == method_stored ? size != packed : size / best_ratio > packed) {
             fail(place.at(), place.text(), size, " bytes can not come from ", packed, " in the archive.");
         }
-        ZipEntry entry{name, begin, 0, packed, size, static_cast<std::uint32_t>(field(16, 4)), method == 8};
+        ZipEntry entry{
+            name, begin, 0, packed, size, static_cast<std::uint32_t>(field(16, 4)), method == method_deflated};
         check_local_header(place, archive, directory.begin, entry, method);
         entries.push_back(std::move(entry));
         at += record_size + name_size + extra_size + comment_size;

@@ -1,14 +1,15 @@
 #include <algorithm>
 
 #include "io/zip.h"
+#include "io/zip_format.h"
 
 namespace ornik::io {
 
 namespace {
 
+using namespace zip;
+
 constexpr std::size_t alignment = 64;
-constexpr std::uint64_t limit_16 = 0xFFFF;
-constexpr std::uint64_t limit_32 = 0xFFFFFFFF;
 constexpr std::uint64_t version_plain = 20;
 constexpr std::uint64_t version_zip64 = 45;
 constexpr std::uint64_t made_on_unix = 3 << 8;
@@ -33,7 +34,7 @@ std::string packed(std::initializer_list<Field> fields) {
 
 std::string zip64_field(std::initializer_list<Field> fields) {
     const std::string values = packed(fields);
-    return packed({{1, 2}, {values.size(), 2}}) + values;
+    return packed({{wide_field, 2}, {values.size(), 2}}) + values;
 }
 
 // What makes the bytes behind it begin at a multiple of the alignment.
@@ -60,13 +61,13 @@ std::string ZipWriter::fields_of(const Written& entry, bool wide) const {
     const bool is_ascii =
         std::all_of(entry.name.begin(), entry.name.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
     return packed({{wide ? version_zip64 : version_plain, 2},
-                   {is_ascii ? 0U : 1U << 11U, 2},
-                   {deflate_ ? 8U : 0U, 2},
+                   {is_ascii ? 0 : flag_utf8, 2},
+                   {deflate_ ? method_deflated : method_stored, 2},
                    {0, 2},
                    {first_day, 2},
                    {entry.crc, 4},
-                   {wide ? limit_32 : entry.packed, 4},
-                   {wide ? limit_32 : entry.size, 4},
+                   {wide ? all_ones_32 : entry.packed, 4},
+                   {wide ? all_ones_32 : entry.size, 4},
                    {entry.name.size(), 2}});
 }
 
@@ -81,9 +82,10 @@ void ZipWriter::add(std::string_view name, std::initializer_list<ByteSpan> parts
     const bool wide = entry.size + entry.size / 1024 + 64 >= zip64_from_;
     const auto header = [&] {
         const std::string zip64 = wide ? zip64_field({{entry.size, 8}, {entry.packed, 8}}) : "";
-        const std::uint64_t begin = entry.begin + 30 + entry.name.size() + zip64.size();
+        const std::uint64_t begin = entry.begin + local_size + entry.name.size() + zip64.size();
         const std::string extra = zip64 + (deflate_ ? "" : padding(begin));
-        return packed({{0x04034B50, 4}}) + fields_of(entry, wide) + packed({{extra.size(), 2}}) + entry.name + extra;
+        return packed({{local_signature, 4}}) + fields_of(entry, wide) + packed({{extra.size(), 2}}) + entry.name +
+               extra;
     };
     write(header());
     if (deflate_) {
@@ -103,21 +105,21 @@ void ZipWriter::finish() {
         const bool wide = std::max({entry.size, entry.packed, entry.begin}) >= zip64_from_;
         const std::string extra =
             wide ? zip64_field({{entry.size, 8}, {entry.packed, 8}, {entry.begin, 8}}) : std::string();
-        write(packed({{0x02014B50, 4}, {made_on_unix | version_zip64, 2}}) + fields_of(entry, wide) +
+        write(packed({{record_signature, 4}, {made_on_unix | version_zip64, 2}}) + fields_of(entry, wide) +
               packed({{extra.size(), 2},
                       {0, 2},
                       {0, 2},
                       {0, 2},
                       {readable_file << 16U, 4},
-                      {wide ? limit_32 : entry.begin, 4}}) +
+                      {wide ? all_ones_32 : entry.begin, 4}}) +
               entry.name + extra);
     }
     const std::uint64_t end = position_;
     const std::uint64_t count = entries_.size();
-    const bool wide = std::max(end - begin, begin) >= zip64_from_ || count >= std::min(zip64_from_, limit_16);
+    const bool wide = std::max(end - begin, begin) >= zip64_from_ || count >= std::min(zip64_from_, all_ones_16);
     if (wide) {
-        write(packed({{0x06064B50, 4},
-                      {44, 8},
+        write(packed({{wide_end_signature, 4},
+                      {wide_end_size - 12, 8},
                       {made_on_unix | version_zip64, 2},
                       {version_zip64, 2},
                       {0, 4},
@@ -126,15 +128,15 @@ void ZipWriter::finish() {
                       {count, 8},
                       {end - begin, 8},
                       {begin, 8}}) +
-              packed({{0x07064B50, 4}, {0, 4}, {end, 8}, {1, 4}}));
+              packed({{wide_locator_signature, 4}, {0, 4}, {end, 8}, {1, 4}}));
     }
-    write(packed({{0x06054B50, 4},
+    write(packed({{end_signature, 4},
                   {0, 2},
                   {0, 2},
-                  {wide ? limit_16 : count, 2},
-                  {wide ? limit_16 : count, 2},
-                  {wide ? limit_32 : end - begin, 4},
-                  {wide ? limit_32 : begin, 4},
+                  {wide ? all_ones_16 : count, 2},
+                  {wide ? all_ones_16 : count, 2},
+                  {wide ? all_ones_32 : end - begin, 4},
+                  {wide ? all_ones_32 : begin, 4},
                   {0, 2}}));
 }
 

@@ -279,21 +279,25 @@ TEST(Files, AreSharedAndNeverWrittenTo) {
 TEST(Files, ModesAndAlignment) {
     const TemporaryFolder folder;
     const auto path = folder / "t";
-    // float32 at an odd place, a swapped one, one as it should be, and bools as they are in memory or not.
-    const std::string data = "\1" + std::string("\0\0\x80\x3F", 4) + std::string("\1\2", 2) + "\1";
+    // float32 at an odd place, bools that are none in memory and some that are, complex64 between two words.
+    const std::string one("\0\0\x80\x3F", 4);
+    const std::string data = "\1" + one + std::string("\1\2", 2) + "\1" + one + one + one;
     const std::string odd = R"({"a":{"dtype":"U8","shape":[1],"data_offsets":[0,1]},)"
                             R"("f":{"dtype":"F32","shape":[1],"data_offsets":[1,5]},)"
                             R"("n":{"dtype":"BOOL","shape":[2],"data_offsets":[5,7]},)"
-                            R"("b":{"dtype":"BOOL","shape":[1],"data_offsets":[7,8]}} )";
-    write_file(path, safetensors_file(odd + std::string(7 - (odd.size() + 7) % 8, ' '), data));
+                            R"("b":{"dtype":"BOOL","shape":[1],"data_offsets":[7,8]},)"
+                            R"("g":{"dtype":"F32","shape":[1],"data_offsets":[8,12]},)"
+                            R"("c":{"dtype":"C64","shape":[1],"data_offsets":[12,20]}})";
+    write_file(path, safetensors_file(odd + std::string((8 - odd.size() % 8) % 8, ' '), data));
     for (const LoadMode mode : all_modes) {
         const SafetensorsFile file = load_safetensors(path, mode);
-        const bool shared[] = {true, false, false, true};
-        for (std::size_t i = 0; i < 4; ++i) {
+        const bool shared[] = {true, false, false, true, true, false};
+        for (std::size_t i = 0; i < std::size(shared); ++i) {
             const auto storage = file.tensors[i].tensor->getStorage();
             EXPECT_EQ(storage->is_foreign(), mode != LoadMode::copy && shared[i]) << i;
             EXPECT_EQ(storage->read_only(), mode == LoadMode::read_only) << i;
         }
+        expect_tensor<Complex<float>>(file.tensors[5].tensor.get(), {1}, {{1, 1}});
         expect_tensor<float>(file.tensors[1].tensor.get(), {1}, {1});
         expect_tensor<bool>(file.tensors[2].tensor.get(), {2}, {true, true});
         for (const NamedTensor& item : file.tensors) {
