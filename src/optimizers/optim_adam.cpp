@@ -31,11 +31,9 @@ void check_and_step(const Where& at, Tensor* param, Tensor* grad, device::cpu::A
     const RealParts real_m(m);
     const RealParts real_v(v);
     if (amsgrad) {
-        announce_write(at, param, m, v, vmax);
         adam_step_with_grad(real_param.get(), real_grad.get(), factors, real_m.get(), real_v.get(),
                             RealParts(vmax).get());
     } else {
-        announce_write(at, param, m, v);
         adam_step_with_grad(real_param.get(), real_grad.get(), factors, real_m.get(), real_v.get(), nullptr);
     }
 }

@@ -214,7 +214,10 @@ void compare(std::int64_t dtype, Layout layout, std::int64_t rows, int count, co
             reference(exact[i], static_cast<double>(g[i]), now, exact_s[i].data());
         }
         write_parts(t[1].get(), g);
+        const std::uint32_t versions[] = {t[0]->getStorage()->version(), t[2]->getStorage()->version()};
         step(t[0].get(), t[1].get(), now, state);
+        ASSERT_EQ(t[0]->getStorage()->version() - versions[0], 1U) << label;
+        ASSERT_EQ(t[2]->getStorage()->version() - versions[1], 1U) << label;
     }
     EXPECT_TRUE(addresses[0] == t[0]->getRawData() && addresses[1] == t[2]->getRawData()) << label;
     EXPECT_EQ(parts_of<T>(t[1].get()), g) << label;
