@@ -11,11 +11,11 @@
 # the whole library, and the linker keeps the code of whichever file it meets first.
 set(product_sources ${ornik_sources})
 list(FILTER product_sources INCLUDE REGEX "/cpu_(product_[a-z]+|eigh_solver)\\.cpp$")
-# Row kernels, and the rows of exponentials in softmax and losses, say fused() where one rounding is meant. Without
-# the flags that errno and traps would need, and with branches left to be turned into selections, their loops
+# Row kernels, and the rows of exponentials in softmax, losses and layers, say fused() where one rounding is meant.
+# Without the flags that errno and traps would need, and with branches left to be turned into selections, their loops
 # become vector code. No complex arithmetic here.
 set(row_sources ${ornik_sources})
-list(FILTER row_sources INCLUDE REGEX "/cpu_(unary_real|unary_grad|binary_real|exp|attention|class_losses)\\.cpp$")
+list(FILTER row_sources INCLUDE REGEX "/cpu_(unary_real|unary_grad|binary_real|exp|attention|class_losses|losses|activation|recurrent)\\.cpp$")
 set(other_sources ${ornik_sources})
 list(REMOVE_ITEM other_sources ${product_sources} ${row_sources})
 

@@ -25,6 +25,16 @@ struct PoolPlan {
     PoolAxis cols;
 };
 
+/// The axis whose whole windows fit into the padded input; `layer` names it in the message.
+PoolAxis padded_axis(const Where& at, const std::string& layer, std::int64_t in, std::int64_t kernel,
+                     std::int64_t stride, std::int64_t padding);
+
+/// Refuses planes with more positions than int32 counts.
+void check_plane(const Where& at, const std::string& layer, const PoolPlan& plan, const Dims& input);
+
+/// `input` with the extents of the plan's output; of one spatial axis the columns.
+Dims pooled_shape(const Dims& input, const PoolPlan& plan);
+
 /// Kernel, strides and padding of a pooling layer, one entry per spatial axis (one or two).
 ///
 ///   "same", "zeros"   out = ceil(in / stride); begin gets the larger half of the padding
@@ -39,7 +49,6 @@ class PoolDescriptor2D {
 
     /// The plan for an input [N, C, spatial axes]; a plane without rows has one.
     PoolPlan plan(const Where& at, const Tensor* input) const;
-    Dims output_shape(const Tensor* input, const PoolPlan& plan) const;
 
   private:
     PoolAxis axis(const Where& at, std::size_t i, std::int64_t in) const;

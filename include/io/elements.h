@@ -80,6 +80,6 @@ class ElementRun {
 };
 
 /// Fails for null, sparse and undescribed tensors, and for more than most_axes axes.
-void check_writable(const FilePlace& place, const Tensor* t);
+void check_saveable(const FilePlace& place, const Tensor* t);
 
 }  // namespace ornik::io

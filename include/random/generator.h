@@ -8,6 +8,7 @@
 // threads inside the calls; calls from several threads share one sequence.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -27,11 +28,24 @@ namespace generator {
 
 class MersenneTwister64;
 
+/// All that a generator's next numbers depend on, the same on every platform. `position` counts the words of the
+/// engine's state that have been handed out.
+struct GeneratorState {
+    std::uint64_t seed = 0;
+    std::uint64_t counter = 0;
+    std::array<std::uint64_t, 312> words{};
+    std::uint64_t position = 0;
+    bool has_cached_value = false;
+    double cached_value = 0;
+};
+
 class ORNIK_API Generator {
   public:
     /// An engine of its own with the standard initialisation from `seed`; not the state that set_seed gives
     /// for the same number. A seed of 0 shares the default generator's engine.
     explicit Generator(std::uint64_t seed);
+    /// An engine of its own that goes on from the state. A state that none can be in is an error, here and below.
+    explicit Generator(const GeneratorState& state);
     Generator(const Generator&) = delete;
     Generator& operator=(const Generator&) = delete;
 
@@ -46,6 +60,10 @@ class ORNIK_API Generator {
     void set_seed(std::uint32_t seed);
     /// The engine's next word.
     std::uint64_t next();
+
+    GeneratorState state() const;
+    /// Goes on from a state; so does whoever shares the engine.
+    void set_state(const GeneratorState& state);
 
   private:
     friend class Lease;
@@ -62,8 +80,27 @@ class ORNIK_API Generator {
     double cached_ = 0;
 };
 
-/// The process-wide generator, made on first use from a 53-bit seed of the system's random device.
+/// The process-wide generator, made on first use from a 53-bit seed of the system's random device; inside a
+/// GeneratorScope, the calling thread's.
 ORNIK_API std::shared_ptr<Generator> default_generator();
+
+/// Makes a generator the default one of the calling thread, from construction to destruction on that thread. Other
+/// threads keep theirs; set_random_seed seeds the scope's. Scopes nest.
+///
+///     const GeneratorState before = default_generator()->state();
+///     ...                                                             // draws numbers
+///     GeneratorScope again(std::make_shared<Generator>(before));      // draws the same ones from here on
+class ORNIK_API GeneratorScope {
+  public:
+    /// Null is an error.
+    explicit GeneratorScope(std::shared_ptr<Generator> generator);
+    ~GeneratorScope();
+    GeneratorScope(const GeneratorScope&) = delete;
+    GeneratorScope& operator=(const GeneratorScope&) = delete;
+
+  private:
+    std::shared_ptr<Generator> previous_;
+};
 
 /// The next word of the process-wide 32-bit Mersenne twister, which only set_random_seed seeds.
 ORNIK_API std::uint32_t next_random32();

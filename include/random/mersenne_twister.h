@@ -28,6 +28,14 @@ class MersenneTwister64 {
     /// the state are a chain and tempering is not.
     void take(std::uint64_t* out, std::int64_t n);
 
+    const std::array<std::uint64_t, state_words>& words() const { return state_; }
+    /// Words of the state that have been handed out.
+    std::size_t position() const { return next_; }
+    void restore(const std::array<std::uint64_t, state_words>& words, std::size_t position) {
+        state_ = words;
+        next_ = position;
+    }
+
     static std::uint64_t temper(std::uint64_t x) {
         x ^= (x >> 29) & 0x5555555555555555U;
         x ^= (x << 17) & 0x71d67fffeda60000U;
@@ -39,7 +47,7 @@ class MersenneTwister64 {
     void twist();
 
     std::array<std::uint64_t, state_words> state_{};
-    std::size_t next_ = state_words;  // Words of the state that have been handed out.
+    std::size_t next_ = state_words;
 };
 
 }  // namespace ornik::generator

@@ -28,6 +28,31 @@ std::vector<std::string> axis_types(const Where& at, const std::string& type, st
 
 }  // namespace
 
+PoolAxis padded_axis(const Where& at, const std::string& layer, std::int64_t in, std::int64_t kernel,
+                     std::int64_t stride, std::int64_t padding) {
+    const std::int64_t room = in + 2 * padding - kernel;
+    if (room < 0) {
+        fail(at, "Invalid output shape: a window of ", kernel, " does not fit into ", in, " positions of ", layer,
+             "'s input");
+    }
+    return {in, kernel, stride, padding, room / stride + 1};
+}
+
+void check_plane(const Where& at, const std::string& layer, const PoolPlan& plan, const Dims& input) {
+    if (plan.rows.in * plan.cols.in > INT32_MAX) {
+        fail(at, layer, " takes planes of less than 2^31 elements, however the input is ", input);
+    }
+}
+
+Dims pooled_shape(const Dims& input, const PoolPlan& plan) {
+    Dims shape = input;
+    if (shape.size() == 4) {
+        shape[2] = plan.rows.out;
+    }
+    shape.back() = plan.cols.out;
+    return shape;
+}
+
 PoolDescriptor2D::PoolDescriptor2D(const Where& at, std::string layer, std::size_t axes, const std::vector<int>& kernel,
                                    const std::vector<int>& strides, const std::vector<int>& padding,
                                    const std::string& padding_type)
@@ -57,21 +82,14 @@ PoolDescriptor2D::PoolDescriptor2D(const Where& at, std::string layer, std::size
 }
 
 PoolAxis PoolDescriptor2D::axis(const Where& at, std::size_t i, std::int64_t in) const {
-    PoolAxis axis{in, kernel_[i], strides_[i]};
     if (types_[i] == "same") {
+        PoolAxis axis{in, kernel_[i], strides_[i]};
         axis.out = (in + axis.stride - 1) / axis.stride;
         const std::int64_t padding = std::max<std::int64_t>(0, (axis.out - 1) * axis.stride + axis.kernel - in);
         axis.begin = padding - padding / 2;
         return axis;
     }
-    axis.begin = types_[i] == "custom" ? padding_[i] : 0;
-    const std::int64_t room = in + 2 * axis.begin - axis.kernel;
-    if (room < 0) {
-        fail(at, "Invalid output shape: a window of ", axis.kernel, " does not fit into ", in, " positions of ", layer_,
-             "'s input");
-    }
-    axis.out = room / axis.stride + 1;
-    return axis;
+    return padded_axis(at, layer_, in, kernel_[i], strides_[i], types_[i] == "custom" ? padding_[i] : 0);
 }
 
 PoolPlan PoolDescriptor2D::plan(const Where& at, const Tensor* input) const {
@@ -92,19 +110,8 @@ PoolPlan PoolDescriptor2D::plan(const Where& at, const Tensor* input) const {
         plan.rows = axis(at, 0, shape[2]);
     }
     plan.cols = axis(at, axes - 1, shape.back());
-    if (plan.rows.in * plan.cols.in > INT32_MAX) {
-        fail(at, layer_, " takes planes of less than 2^31 elements, however the input is ", shape);
-    }
+    check_plane(at, layer_, plan, shape);
     return plan;
-}
-
-Dims PoolDescriptor2D::output_shape(const Tensor* input, const PoolPlan& plan) const {
-    Dims shape = input->Shape();
-    if (kernel_.size() == 2) {
-        shape[2] = plan.rows.out;
-    }
-    shape.back() = plan.cols.out;
-    return shape;
 }
 
 }  // namespace ornik

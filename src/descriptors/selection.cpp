@@ -33,7 +33,7 @@ void SelDescriptorV2::build(const Dims& input_shape) {
     std::vector<AxisSelection> selection = parse_selection(items_, input_shape);
     for (const AxisSelection& axis : selection) {
         if (axis.lowest() < 0) {
-            fail(where("ornik::SelDescriptorV2::build", family), "unsuppoted select");
+            fail(ErrorKind::not_implemented, where("ornik::SelDescriptorV2::build", family), "unsuppoted select");
         }
     }
     keep_ = just_keep_dims(items_, input_shape);

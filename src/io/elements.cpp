@@ -128,7 +128,7 @@ std::unique_ptr<Tensor> tensor_over(const FileBytes& source, const FileDtype& ty
         view_tensor(storage, shape, dense_strides(shape, fortran), device_cpu, type.dtype, 0));
 }
 
-void check_writable(const FilePlace& place, const Tensor* t) {
+void check_saveable(const FilePlace& place, const Tensor* t) {
     if (t == nullptr) {
         fail(place.at(), place.text(), "there is no tensor.");
     }
@@ -142,7 +142,7 @@ void check_writable(const FilePlace& place, const Tensor* t) {
 }
 
 ElementRun::ElementRun(const FilePlace& place, const Tensor* t, bool any_order) {
-    check_writable(place, t);
+    check_saveable(place, t);
     const bool row_major = t->Size() < 2 || follows(t, dense_strides(t->Shape(), false));
     fortran_ = !row_major && any_order && follows(t, dense_strides(t->Shape(), true));
     if (!row_major && !fortran_) {

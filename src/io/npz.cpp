@@ -68,7 +68,7 @@ void check_entries(const FilePlace& file, const std::vector<TensorEntry>& entrie
         if (!names.insert(name).second) {
             fail(place.at(), place.text(), "the name comes twice.");
         }
-        check_writable(place, t);
+        check_saveable(place, t);
     }
 }
 

@@ -55,10 +55,6 @@ constexpr Activation from_table(const char* name, bool (*serves)(const Tensor*))
                const Setting& /*setting*/) { device::cpu::unary_grad(operation, input, output, gradient, result); }};
 }
 
-// x above 0, and below it (scale) (slope) (exp(x) - 1), or a line.
-constexpr double selu_slope = 1.67326324235437728482;
-constexpr double selu_scale = 1.05070098735548049342;
-
 constexpr Activation activations[] = {
     {"relu", Parameter::none, 0, is_real,
      [](const Tensor* input, Tensor* output, const Setting& /*setting*/) { device::cpu::relu(input, output); },
@@ -80,10 +76,10 @@ constexpr Activation activations[] = {
      }},
     {"selu", Parameter::none, 0, is_floating,
      [](const Tensor* input, Tensor* output, const Setting& /*setting*/) {
-         device::cpu::elu(input, selu_slope, selu_scale, output);
+         device::cpu::elu(input, device::cpu::selu_slope, device::cpu::selu_scale, output);
      },
      [](const Tensor* input, const Tensor* output, const Tensor* gradient, Tensor* result, const Setting& /*setting*/) {
-         device::cpu::elu_grad(input, output, gradient, selu_slope, selu_scale, result);
+         device::cpu::elu_grad(input, output, gradient, device::cpu::selu_slope, device::cpu::selu_scale, result);
      }},
     from_table<Unary::gelu>("gelu", is_floating),
     from_table<Unary::silu>("silu", is_floating),

@@ -99,11 +99,11 @@ Tensor* LDense::backward_dyn(Tensor* weight, Tensor* bias, Tensor* input, Tensor
         fail(at, "Not same data type for inputs of dense layer.");
     }
     if (node == 0) {
-        return linear_input_grad(weight, input, output_gradient).release();
+        return linear_input_grad(weight, output_gradient).release();
     }
     std::unique_ptr<Tensor>& kept = node == 1 ? weight_gradient_ : bias_gradient_;
     std::unique_ptr<Tensor> result =
-        node == 1 ? linear_weight_grad(weight, input, output_gradient) : linear_bias_grad(bias, output_gradient);
+        node == 1 ? linear_weight_grad(input, output_gradient) : linear_bias_grad(bias, output_gradient);
     kept = whole_view(result.get());
     return result.release();
 }

@@ -2,10 +2,8 @@
 
 #include <utility>
 
-#include "hardware/cpu/nn/cpu_embedding.h"
-#include "tensor/borrowed.h"
+#include "functional/embedding_passes.h"
 #include "tensor/checks.h"
-#include "tensor/make_tensor.h"
 
 namespace ornik {
 
@@ -20,22 +18,14 @@ Borrowed checked_indices(const Where& at, const Tensor* weight, Tensor* input, c
     if (weight->Device() != input->Device()) {
         fail(at, "Not same device for inputs of embedding.");
     }
-    if (!input->isInteger() || input->isBool()) {
-        fail(at, "Embedding needs integers as input.");
-    }
+    check_embedding_indices(at, input);
     if (!weight->isFloat() && !weight->isComplexType()) {
         fail(at, "Embedding only supports float or complex.");
     }
     if (weight->Shape() != weight_shape) {
         fail(at, "Embedding needs a weight of shape ", weight_shape, ", however it is ", weight->Shape());
     }
-    // A conversion is contiguous already; otherwise the tensor has the dtype and may need a copy.
-    Borrowed indices =
-        input->Dtype() == dtype::int64 ? Borrowed::contiguous(input) : Borrowed::of_dtype(input, dtype::int64);
-    if (!device::cpu::indices_in_range(indices.get(), weight_shape[0])) {
-        fail(at, "Embedding index out of range, there are ", weight_shape[0], " rows.");
-    }
-    return indices;
+    return embedding_indices(at, input, weight_shape[0]);
 }
 
 Dims with_width(Dims shape, std::int64_t width) {
@@ -56,10 +46,7 @@ LEmbedding::LEmbedding(int vocabulary, int width, std::string name, int first, i
 Tensor* LEmbedding::forward_dyn(Tensor* weight, Tensor* /*bias*/, Tensor* input) {
     const Borrowed indices =
         checked_indices(where("ornik::LEmbedding::forward_dyn"), weight, input, {vocabulary_, width_});
-    const Borrowed table = Borrowed::contiguous(weight);
-    std::unique_ptr<Tensor> output = make_output(with_width(input->Shape(), width_), weight);
-    device::cpu::take_rows(table.get(), indices.get(), output.get());
-    return output.release();
+    return embedding_lookup(weight, indices, input->Shape()).release();
 }
 
 Tensor* LEmbedding::backward_dyn(Tensor* weight, Tensor* /*bias*/, Tensor* input, Tensor* output_gradient, int node) {
@@ -80,10 +67,7 @@ Tensor* LEmbedding::backward_dyn(Tensor* weight, Tensor* /*bias*/, Tensor* input
     if (output_gradient->Dtype() != weight->Dtype()) {
         fail(at, "Not same data type for inputs of embedding.");
     }
-    const Borrowed rows = Borrowed::contiguous(output_gradient);
-    std::unique_ptr<Tensor> result(Tensor::empty(weight->Shape(), weight->Device(), weight->Dtype()));
-    device::cpu::add_rows_at(rows.get(), indices.get(), result.get());
-    return result.release();
+    return embedding_scatter(output_gradient, indices, vocabulary_).release();
 }
 
 }  // namespace ornik

@@ -21,7 +21,7 @@ void check_prediction(const Where& at, std::string_view name, std::string_view t
     }
 }
 
-void check_alike(const Where& at, std::string_view name, const Tensor* prediction, const Tensor* target) {
+void check_target(const Where& at, std::string_view name, const Tensor* prediction, const Tensor* target) {
     if (target->Dtype() != prediction->Dtype()) {
         fail(at, "Not same data type for inputs of ", name, ".");
     }
@@ -30,7 +30,7 @@ void check_alike(const Where& at, std::string_view name, const Tensor* predictio
     }
 }
 
-Borrowed class_indices(const Where& at, Tensor* target, const Dims& shape) {
+Borrowed class_indices(const Where& at, Tensor* target, const Dims& shape, std::optional<std::int64_t> ignored) {
     const Dims leading(shape.begin(), shape.end() - 1);
     Dims leading_and_one = leading;
     leading_and_one.push_back(1);
@@ -40,7 +40,7 @@ Borrowed class_indices(const Where& at, Tensor* target, const Dims& shape) {
     // A conversion is contiguous already; otherwise the tensor has the dtype and may need a copy.
     Borrowed indices =
         target->Dtype() == dtype::int64 ? Borrowed::contiguous(target) : Borrowed::of_dtype(target, dtype::int64);
-    if (!device::cpu::classes_in_range(indices.get(), shape.back())) {
+    if (!device::cpu::classes_in_range(indices.get(), shape.back(), ignored)) {
         fail(at, "Class index out of range, there are ", shape.back(), " classes.");
     }
     return indices;
@@ -49,30 +49,37 @@ Borrowed class_indices(const Where& at, Tensor* target, const Dims& shape) {
 }  // namespace
 
 void check_loss_pair(const Where& at, std::string_view name, std::string_view title, const Tensor* prediction,
-                     const Tensor* target) {
+                     const Tensor* target, bool may_be_empty) {
     check_prediction(at, name, title, prediction, target);
-    if (prediction->Size() < 1) {
+    if (prediction->Size() < 1 && !may_be_empty) {
         fail(at, title, " needs at least one element, however the prediction is ", prediction->Shape());
     }
-    check_alike(at, name, prediction, target);
+    check_target(at, name, prediction, target);
 }
 
 LossOperands check_class_loss(const Where& at, std::string_view name, std::string_view title, Tensor* prediction,
-                              Tensor* target, bool weights_too) {
+                              Tensor* target, bool weights_too, std::optional<std::int64_t> ignored,
+                              bool may_be_empty) {
     check_prediction(at, name, title, prediction, target);
     const Dims& shape = prediction->Shape();
-    if (shape.empty() || prediction->Size() < 1) {
+    if (shape.empty() || shape.back() < 1 || (prediction->Size() < 1 && !may_be_empty)) {
         fail(at, title, " needs a prediction [..., classes], however it is ", shape);
     }
     if (target->isInteger() && !target->isBool()) {
-        Borrowed indices = class_indices(at, target, shape);
+        Borrowed indices = class_indices(at, target, shape, ignored);
         return {Borrowed::contiguous(prediction), std::move(indices), true};
     }
     if (!weights_too) {
         fail(at, title, " needs class indices of an integer dtype.");
     }
-    check_alike(at, name, prediction, target);
+    check_target(at, name, prediction, target);
     return {Borrowed::contiguous(prediction), Borrowed::contiguous(target), false};
+}
+
+void check_probabilities(const Where& at, const Tensor* prediction) {
+    if (!device::cpu::in_unit_interval(prediction)) {
+        fail(at, "Binary cross entropy needs probabilities between 0 and 1.");
+    }
 }
 
 std::unique_ptr<Tensor> loss_value(const Tensor* prediction) {

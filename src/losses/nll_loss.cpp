@@ -18,14 +18,14 @@ LNLL_Loss::LNLL_Loss() : Loss("nll_loss") {}
 Tensor* LNLL_Loss::loss_forward(Tensor* prediction, Tensor* target) {
     const LossOperands operands = check(where("ornik::LNLL_Loss::loss_forward"), prediction, target);
     std::unique_ptr<Tensor> loss = loss_value(prediction);
-    device::cpu::nll_loss(operands.prediction.get(), operands.target.get(), loss.get());
+    device::cpu::nll_loss({operands.prediction.get(), operands.target.get()}, loss.get());
     return loss.release();
 }
 
 Tensor* LNLL_Loss::loss_backward(Tensor* prediction, Tensor* target) {
     const LossOperands operands = check(where("ornik::LNLL_Loss::loss_backward"), prediction, target);
     std::unique_ptr<Tensor> gradient(Tensor::empty_like(prediction));
-    device::cpu::nll_loss_grad(operands.target.get(), gradient.get());
+    device::cpu::nll_loss_grad({operands.prediction.get(), operands.target.get()}, nullptr, gradient.get());
     return gradient.release();
 }
 

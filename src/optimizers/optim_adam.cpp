@@ -1,6 +1,7 @@
 // optim_adam.cpp: Adam and AdamW, one step with and without decay.
 #include "adam_step_with_grad.h"
 #include "optimizers/optimizers.h"
+#include "optimizers/steps.h"
 #include "step_checks.h"
 
 namespace ornik {
@@ -22,6 +23,7 @@ void check_and_step(const Where& at, Tensor* param, Tensor* grad, device::cpu::A
         check_step(at, name, param, grad, {m, v});
     }
     check_step_count(at, name, step);
+    announce_step(at, {param, m, v, amsgrad ? vmax : nullptr});
     factors.first = bias_correction(factors.beta1, step);
     factors.second = bias_correction(factors.beta2, step);
     const RealParts real_param(param);
@@ -43,7 +45,7 @@ void check_and_step(const Where& at, Tensor* param, Tensor* grad, device::cpu::A
 void adam_step_with_grad(Tensor* param, const Tensor* grad, const device::cpu::AdamFactors& factors, Tensor* m,
                          Tensor* v, Tensor* vmax) {
     if (!param->isFloat()) {
-        fail(where("ornik::adam_step_with_grad"), "'adam_step_with_grad' only supports float.");
+        fail(ErrorKind::dtype, where("ornik::adam_step_with_grad"), "'adam_step_with_grad' only supports float.");
     }
     device::cpu::adam(param, grad, factors, m, v, vmax);
 }
@@ -59,5 +61,15 @@ void adamw_step(Tensor* param, Tensor* grad, float lr, float beta1, float beta2,
     check_and_step(where("ornik::adamw_step"), param, grad, {lr, beta1, beta2, eps, weight_decay, 1.0, 1.0}, step, m, v,
                    vmax, amsgrad);
 }
+
+namespace nn {
+
+void adam_step(Tensor* param, Tensor* grad, Tensor* m, Tensor* v, Tensor* vmax, const AdamParameters& p) {
+    check_and_step(where("ornik::nn::adam_step"), param, grad,
+                   {p.lr, p.beta1, p.beta2, p.eps, 0.0F, 1.0, 1.0, p.weight_decay}, p.step, m, v, vmax,
+                   vmax != nullptr);
+}
+
+}  // namespace nn
 
 }  // namespace ornik

@@ -1,5 +1,8 @@
 #include "step_checks.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "tensor/checks.h"
 #include "tensor/overlap.h"
 #include "tensor/tensor_shape.h"
@@ -17,12 +20,12 @@ void check_step(const Where& at, const std::string& name, const Tensor* param, c
     }
     for (const Tensor* t : others) {
         if (t->Device() != param->Device()) {
-            fail(at, "Not same device of inputs for '", name, "'. ");
+            fail(ErrorKind::device, at, "Not same device of inputs for '", name, "'. ");
         }
     }
     for (const Tensor* t : others) {
         if (t->Dtype() != param->Dtype()) {
-            fail(at, "Not same data type of inputs for '", name, "'. ");
+            fail(ErrorKind::dtype, at, "Not same data type of inputs for '", name, "'. ");
         }
     }
     for (const Tensor* t : others) {
@@ -31,7 +34,7 @@ void check_step(const Where& at, const std::string& name, const Tensor* param, c
         }
     }
     if (param->Dtype() < dtype::float32) {
-        fail(at, "'", name, "' only supports float or complex.");
+        fail(ErrorKind::dtype, at, "'", name, "' only supports float or complex.");
     }
     std::vector<const Tensor*> written = states;
     written.push_back(param);
@@ -45,6 +48,19 @@ void check_step(const Where& at, const std::string& name, const Tensor* param, c
         if (overlaps) {
             fail(at, "Inputs for '", name, "' overlap in memory.");
         }
+    }
+}
+
+std::vector<const Tensor*> present(std::initializer_list<const Tensor*> states) {
+    std::vector<const Tensor*> result;
+    std::copy_if(states.begin(), states.end(), std::back_inserter(result),
+                 [](const Tensor* t) { return t != nullptr; });
+    return result;
+}
+
+void announce_step(const Where& at, std::initializer_list<const Tensor*> written) {
+    for (const Tensor* t : present(written)) {
+        announce_write(at, t);
     }
 }
 
@@ -67,6 +83,6 @@ double bias_correction(float beta, std::int32_t step) {
     return 1 / (1 - power);
 }
 
-RealParts::RealParts(Tensor* t) : tensor_(t), view_(t->isComplexType() ? view_as_real(t) : nullptr) {}
+RealParts::RealParts(Tensor* t) : tensor_(t), view_(t != nullptr && t->isComplexType() ? view_as_real(t) : nullptr) {}
 
 }  // namespace ornik

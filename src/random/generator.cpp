@@ -1,9 +1,12 @@
 #include "random/generator.h"
 
+#include <algorithm>
 #include <random>
+#include <utility>
 
 #include "hardware/fork.h"
 #include "random/lease.h"
+#include "utils/error.h"
 
 namespace ornik {
 
@@ -71,6 +74,26 @@ Generator::Generator(std::uint64_t seed) : seed_(seed) {
     mutex_ = other->mutex_;
 }
 
+Generator::Generator(const GeneratorState& state) : Generator(state.seed, OwnEngine{}) { set_state(state); }
+
+GeneratorState Generator::state() const {
+    const std::lock_guard lock(*mutex_);
+    return {seed_, counter_, engine_->words(), engine_->position(), has_cached_, cached_};
+}
+
+void Generator::set_state(const GeneratorState& state) {
+    const bool all_zeros = std::all_of(state.words.begin(), state.words.end(), [](std::uint64_t w) { return w == 0; });
+    if (state.position > MersenneTwister64::state_words || all_zeros) {
+        fail(where("ornik::generator::Generator::set_state"), "This is no state of a random generator.");
+    }
+    const std::lock_guard lock(*mutex_);
+    seed_ = state.seed;
+    counter_ = state.counter;
+    engine_->restore(state.words, static_cast<std::size_t>(state.position));
+    has_cached_ = state.has_cached_value;
+    cached_ = state.cached_value;
+}
+
 std::uint64_t Generator::seed() const {
     const std::lock_guard lock(*mutex_);
     return seed_;
@@ -109,7 +132,19 @@ std::shared_ptr<Generator> make_default_generator() {
     return std::shared_ptr<Generator>(new Generator(seed, Generator::OwnEngine{}));
 }
 
+namespace {
+
+std::shared_ptr<Generator>& scoped_generator() {
+    thread_local std::shared_ptr<Generator> instance;
+    return instance;
+}
+
+}  // namespace
+
 std::shared_ptr<Generator> default_generator() {
+    if (const std::shared_ptr<Generator>& scoped = scoped_generator()) {
+        return scoped;
+    }
     static const std::shared_ptr<Generator> instance = make_default_generator();
     static std::optional<Lease> over_fork;
     [[maybe_unused]] static const bool held = [] {
@@ -119,6 +154,15 @@ std::shared_ptr<Generator> default_generator() {
     }();
     return instance;
 }
+
+GeneratorScope::GeneratorScope(std::shared_ptr<Generator> generator) {
+    if (generator == nullptr) {
+        fail(where("ornik::generator::GeneratorScope::GeneratorScope"), "A scope needs a random generator.");
+    }
+    previous_ = std::exchange(scoped_generator(), std::move(generator));
+}
+
+GeneratorScope::~GeneratorScope() { scoped_generator() = std::move(previous_); }
 
 std::uint32_t next_random32() {
     SharedSeed& shared = shared_seed();

@@ -78,10 +78,10 @@ void check_sparse_entries(const Where& at, std::int64_t layout, const Dims& shap
         case Kind::none:
             return;
         case Kind::row_range:
-            fail(at, "Row of entry ", fault.position, " of a sparse tensor is ", found(index),
+            fail(ErrorKind::index, at, "Row of entry ", fault.position, " of a sparse tensor is ", found(index),
                  ", out of range for shape ", shape);
         case Kind::column_range:
-            fail(at, "Column of entry ", fault.position, " of a sparse tensor is ", found(columns),
+            fail(ErrorKind::index, at, "Column of entry ", fault.position, " of a sparse tensor is ", found(columns),
                  ", out of range for shape ", shape);
         case Kind::order:
             fail(at, "Entry ", fault.position,

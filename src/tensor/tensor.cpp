@@ -48,7 +48,7 @@ void Tensor::construct(const Dims& shape, std::int32_t packed, const void* data,
     const std::int64_t device = slot == 0 ? device_cpu : device_first_gpu - 1 + slot;
     CheckDev(device);
     if (dtype + 1 > dtype_count) {
-        fail(at, "Not valid data type.");
+        fail(ErrorKind::dtype, at, "Not valid data type.");
     }
     if (slot != 0) {
         refuse_gpu();
@@ -176,7 +176,7 @@ std::int32_t extent_product(const Dims& shape, std::int32_t begin, std::size_t e
 
 void check_axis(const Where& at, std::int32_t k, std::int32_t ndim) {
     if (k > ndim - 1) {
-        fail(at, "k > ndim - 1");
+        fail(ErrorKind::index, at, "k > ndim - 1");
     }
 }
 

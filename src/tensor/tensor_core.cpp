@@ -53,7 +53,7 @@ Tensor* Tensor::astype(std::int64_t dtype) const {
     }
     const Where at = where("ornik::Tensor::astype");
     if (!is_valid_dtype(dtype)) {
-        fail(at, "Not valid data type.");
+        fail(ErrorKind::dtype, at, "Not valid data type.");
     }
     const std::unique_ptr<Tensor> counted = counted_by_shape(at, this);
     std::unique_ptr<Tensor> result(empty(shape_, device_, dtype));
@@ -72,10 +72,10 @@ void Tensor::CopyToTargetWithDtype(Tensor* target, std::int64_t dtype, bool copy
     const Where at = where("ornik::Tensor::CopyToTargetWithDtype");
     check_given(at, target);
     if (!is_valid_dtype(dtype)) {
-        fail(at, "Not valid data type.");
+        fail(ErrorKind::dtype, at, "Not valid data type.");
     }
     if (target->dtype_ != dtype) {
-        fail(at, "Not same data type");
+        fail(ErrorKind::dtype, at, "Not same data type");
     }
     if (dtype == dtype_ && copy_flag) {
         copy_tensor(this, target);
@@ -134,7 +134,7 @@ void copy_tensor(const Tensor* A, Tensor* B) {
     }
     if (!A->isCPU() || !B->isCPU()) {
         std::printf("(%d %d)\n", static_cast<int>(A->Device()), static_cast<int>(B->Device()));
-        fail(at, "unsupported copy between devices");
+        fail(ErrorKind::device, at, "unsupported copy between devices");
     }
     check_operands(at, A);
     announce_write(at, B);
@@ -153,7 +153,7 @@ void copy_tensor(const Tensor* A, Tensor* B) {
 void tensorT::Tensor_Meta::convert_dtype_and_copy_data(const void* src, std::int64_t src_dtype) {
     const Where at = where("ornik::tensorT::Tensor_Meta::convert_dtype_and_copy_data");
     if (!is_valid_dtype(src_dtype)) {
-        fail(at, "Not valid data type.");
+        fail(ErrorKind::dtype, at, "Not valid data type.");
     }
     if (!storage_) {
         fail(at, "Tensor_Meta has no storage to fill.");

@@ -12,7 +12,7 @@ namespace {
 std::int32_t checked_word(const Where& at, std::int64_t device, std::int64_t dtype) {
     CheckDev(device);
     if (!is_valid_dtype(dtype)) {
-        fail(at, "Not valid data type.");
+        fail(ErrorKind::dtype, at, "Not valid data type.");
     }
     return pack_dtype_and_device(dtype, device);
 }
@@ -30,7 +30,7 @@ std::unique_ptr<Tensor> make_filled(const Where& at, const Dims& shape, const Sc
 
 void check_fill_value(const Where& at, const Scalar& value, std::int64_t dtype) {
     if (is_dtype_class(value.Dtype(), DtypeClass::complex) && !is_dtype_class(dtype, DtypeClass::complex)) {
-        fail(at, "Fill non-complex tensor with complex value is not valid.");
+        fail(ErrorKind::dtype, at, "Fill non-complex tensor with complex value is not valid.");
     }
 }
 
@@ -105,7 +105,9 @@ void Tensor::fill_(double value) { fill_with_(value); }
 void Tensor::fill_with_(const Scalar& value) {
     const Where at = where("ornik::Tensor::fill_with_");
     check_fill_value(at, value, dtype_);
-    announce_write(at, this);
+    if (is_dense()) {
+        announce_write(at, this);
+    }  // The engine refuses the others, in its own words.
     device::cpu::fill(this, value);
 }
 

@@ -32,14 +32,14 @@ std::unique_ptr<Tensor> copy_to_device(const Tensor* t, std::int64_t device) {
 
 Tensor* Tensor::CPU(std::int64_t device) {
     if (device != device_cpu) {
-        fail(where("ornik::Tensor::CPU"), "CPU device should be 0.");
+        fail(ErrorKind::device, where("ornik::Tensor::CPU"), "CPU device should be 0.");
     }
     return copy_to_device(this, device).release();
 }
 
 Tensor* Tensor::GPU(std::int64_t device) {
     if (device < device_first_gpu) {
-        fail(where("ornik::Tensor::GPU"), "GPU device should be integer not less than DEV_GPU .");
+        fail(ErrorKind::device, where("ornik::Tensor::GPU"), "GPU device should be integer not less than DEV_GPU .");
     }
     return copy_to_device(this, device).release();
 }

@@ -80,7 +80,7 @@ double part_deviation(double std, std::int64_t dtype) {
 
 void fill_uniform(const Where& at, Tensor* self, double low, double high) {
     if (!is_float_or_complex(self->Dtype())) {
-        fail(at, "cpu_uniform_impl not support dtype\n");
+        fail(ErrorKind::dtype, at, "cpu_uniform_impl not support dtype\n");
     }
     check_range(at, low, high, self->Dtype());
     check_fillable(at, self);
@@ -118,7 +118,7 @@ WholeRange whole_range(std::int64_t dtype) {
 Tensor* Tensor::randn(const Dims& shape, double mean, double std, std::int64_t device, std::int64_t dtype) {
     const Where at = where("ornik::Tensor::randn", family);
     if (!is_float_or_complex(dtype)) {
-        fail(at, "randn only support float or complex as dtype.");
+        fail(ErrorKind::dtype, at, "randn only support float or complex as dtype.");
     }
     check_normal(at, mean, std, dtype);
     return new_drawn(shape, device, dtype, [=](Lease& source, Tensor* out) {
@@ -129,7 +129,7 @@ Tensor* Tensor::randn(const Dims& shape, double mean, double std, std::int64_t d
 Tensor* Tensor::randu(const Dims& shape, double low, double high, std::int64_t device, std::int64_t dtype) {
     const Where at = where("ornik::Tensor::randu", family);
     if (!is_float_or_complex(dtype)) {
-        fail(at, "randu only support float or complex as dtype.");
+        fail(ErrorKind::dtype, at, "randu only support float or complex as dtype.");
     }
     check_range(at, low, high, dtype);
     return new_drawn(shape, device, dtype,
@@ -140,7 +140,7 @@ Tensor* Tensor::randint(const Dims& shape, std::int64_t low, std::int64_t high, 
                         std::int64_t dtype) {
     const Where at = where("ornik::Tensor::randint", family);
     if (!is_dtype_class(dtype, DtypeClass::integral) && !is_dtype_class(dtype, DtypeClass::floating)) {
-        fail(at, "randint only support integer or float as dtype.");
+        fail(ErrorKind::dtype, at, "randint only support integer or float as dtype.");
     }
     if (low >= high) {
         fail(at, "low should be < high, however low = ", low, ", high = ", high);
@@ -156,7 +156,7 @@ Tensor* Tensor::randint(const Dims& shape, std::int64_t low, std::int64_t high, 
 Tensor* Tensor::permutation(std::int64_t n, std::int64_t device, std::int64_t dtype) {
     const Where at = where("ornik::Tensor::permutation", family);
     if (!is_dtype_class(dtype, DtypeClass::integral)) {
-        fail(at, "permutation only support integer as dtype.");
+        fail(ErrorKind::dtype, at, "permutation only support integer as dtype.");
     }
     if (n < 1) {
         fail(at, "n should be >= 1, however it equals ", n);
@@ -171,7 +171,7 @@ Tensor* Tensor::permutation(std::int64_t n, std::int64_t device, std::int64_t dt
 Tensor* Tensor::dropout_mask(const Dims& shape, double p, std::int64_t device, std::int64_t dtype) {
     const Where at = where("ornik::Tensor::dropout_mask", family);
     if (!is_float_or_complex(dtype)) {
-        fail(at, "dropout_mask only support float or complex as dtype.");
+        fail(ErrorKind::dtype, at, "dropout_mask only support float or complex as dtype.");
     }
     check_probability(at, p);
     return new_drawn(shape, device, dtype, [=](Lease& source, Tensor* out) {
@@ -183,7 +183,7 @@ Tensor* Tensor::bernoulli(Tensor* probs) {
     const Where at = where("ornik::Tensor::bernoulli", family);
     check_operands(at, probs);
     if (!probs->isFloat()) {
-        fail(at, "bernoulli's probs only support float as dtype.");
+        fail(ErrorKind::dtype, at, "bernoulli's probs only support float as dtype.");
     }
     if (!probs->isCPU()) {
         refuse_gpu();
@@ -203,13 +203,13 @@ Tensor* Tensor::binomial(Tensor* total_count, Tensor* probs) {
         fail(at, "binomial not compiled for gpu.");
     }
     if (!probs->isFloat()) {
-        fail(at, "binomial's probs only support float as dtype.");
+        fail(ErrorKind::dtype, at, "binomial's probs only support float as dtype.");
     }
     if (total_count->device_ != probs->device_) {
-        fail(at, "total_count, probs not same device. convert total_count to probs device first.");
+        fail(ErrorKind::device, at, "total_count, probs not same device. convert total_count to probs device first.");
     }
     if (total_count->dtype_ != probs->dtype_) {
-        fail(at, "total_count, probs not same dtype. convert total_count to probs dtype first.");
+        fail(ErrorKind::dtype, at, "total_count, probs not same dtype. convert total_count to probs dtype first.");
     }
     if (total_count->shape_ != probs->shape_) {
         fail(at, "total_count, probs not same shape. convert total_count to probs shape first.");
@@ -234,7 +234,7 @@ Tensor* Tensor::multinomial(Tensor* probs, std::int64_t num_samples, bool replac
         fail(at, "Multinomial input should be 1 dim or 2 dim.");
     }
     if (!probs->isFloat()) {
-        fail(at, "multinomial() only supports floating-point dtypes for input");
+        fail(ErrorKind::dtype, at, "multinomial() only supports floating-point dtypes for input");
     }
     if (!probs->isCPU()) {
         refuse_gpu();
@@ -267,7 +267,7 @@ Tensor* Tensor::multinomial(Tensor* probs, std::int64_t num_samples, bool replac
 void Tensor::fill_rand_normal_inplace(double mean, double std, bool use_cached) {
     const Where at = where("ornik::Tensor::fill_rand_normal_inplace", family);
     if (!is_float_or_complex(dtype_)) {
-        fail(at, "cpu_normal_impl not support dtype\n");
+        fail(ErrorKind::dtype, at, "cpu_normal_impl not support dtype\n");
     }
     check_normal(at, mean, std, dtype_);
     check_fillable(at, this);
@@ -291,7 +291,7 @@ void Tensor::fill_rand_uniform_withbound_inplace(double low, double high) {
 void Tensor::fill_rand_binary_inplace(double p) {
     const Where at = where("ornik::Tensor::fill_rand_binary_inplace", family);
     if (!is_float_or_complex(dtype_)) {
-        fail(at, "binary_dtype_cpu_impl only support Complex or float\n");
+        fail(ErrorKind::dtype, at, "binary_dtype_cpu_impl only support Complex or float\n");
     }
     check_probability(at, p);
     check_fillable(at, this);

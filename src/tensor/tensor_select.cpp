@@ -121,7 +121,7 @@ void set_selected(const Where& at, Tensor* t, const Selection& selection, const 
                   Tensor* value) {
     check_operands(at, t, value);
     if (value->Device() != t->Device()) {
-        fail(at, "set select ndim input tensor should on same device.");
+        fail(ErrorKind::device, at, "set select ndim input tensor should on same device.");
     }
     check_not_expanded(at, t);
     const Dims whole = shape_of(selection);
@@ -241,7 +241,7 @@ void Tensor::set_select_ndim_grad(Tensor* grad, const std::vector<std::string>& 
     SelDescriptorV2 descriptor(items);
     descriptor.build(shape_, grad->Shape());
     if (grad->Device() != device_) {
-        fail(at, "set select ndim input tensor should on same device.");
+        fail(ErrorKind::device, at, "set select ndim input tensor should on same device.");
     }
     check_not_expanded(at, this);
     check_writable(at, this);

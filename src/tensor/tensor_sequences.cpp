@@ -40,10 +40,10 @@ void check_count(const Where& at, std::int64_t count) {
 void check_kind(const Where& at, std::int64_t device, std::int64_t dtype) {
     CheckDev(device);
     if (!is_valid_dtype(dtype)) {
-        fail(at, "Not valid data type.");
+        fail(ErrorKind::dtype, at, "Not valid data type.");
     }
     if (dtype == dtype::boolean || is_dtype_class(dtype, DtypeClass::complex)) {
-        fail(at, "range() not impl for bool , complex64 or complex128.");
+        fail(ErrorKind::not_implemented, at, "range() not impl for bool , complex64 or complex128.");
     }
 }
 

@@ -214,7 +214,9 @@ Tensor* Tensor::transpose() const {
 }
 
 Tensor* Tensor::swapaxis(int a, int b) const {
-    const auto refuse = [] { fail(where("ornik::Tensor::swapaxis"), "Invalid axis,axis should >=0 "); };
+    const auto refuse = [] {
+        fail(ErrorKind::index, where("ornik::Tensor::swapaxis"), "Invalid axis,axis should >=0 ");
+    };
     if (a < -1 || b < -1) {
         refuse();
     }
@@ -236,7 +238,7 @@ void check_squeeze_axis(const Where& at, int axis, int rank) {
         fail(at, "Number of dimensions exceeded (", axis, " >= ", rank, ").");
     }
     if (axis < -1) {
-        fail(at, "The axis must be greater or equal than zero; ");
+        fail(ErrorKind::index, at, "The axis must be greater or equal than zero; ");
     }
 }
 
@@ -296,7 +298,7 @@ Tensor* Tensor::unsqueeze(int axis) const {
         fail(at, "Number of dimensions exceeded (", axis, " >= ", ndim_, ").");
     }
     if (axis < 0) {
-        fail(at, "The axis must be greater or equal than zero");
+        fail(ErrorKind::index, at, "The axis must be greater or equal than zero");
     }
     const auto index = static_cast<std::size_t>(axis);
     Dims shape = shape_;
@@ -311,7 +313,7 @@ Tensor* Tensor::unsqueeze(int axis) const {
 Tensor* view_as_real(const Tensor* t) {
     check_given(where("ornik::view_as_real"), t);
     if (!t->isComplexType()) {
-        fail(where("ornik::view_as_real"), "'view_as_real' only supports complex.");
+        fail(ErrorKind::dtype, where("ornik::view_as_real"), "'view_as_real' only supports complex.");
     }
     Dims shape = t->Shape();
     Dims strides = t->Strides();
@@ -328,7 +330,7 @@ Tensor* view_as_complex(const Tensor* t) {
     const Where at = where("ornik::view_as_complex");
     check_given(at, t);
     if (!t->isFloatingType()) {
-        fail(at, "'view_as_complex' only supports float32 and float64.");
+        fail(ErrorKind::dtype, at, "'view_as_complex' only supports float32 and float64.");
     }
     Dims shape = t->Shape();
     Dims strides = t->Strides();
@@ -409,10 +411,10 @@ void check_joinable(const Where& at, const std::vector<Tensor*>& tensors, int ax
     for (std::size_t i = 1; i < tensors.size(); ++i) {
         const Tensor* t = tensors[i];
         if (t->Device() != first->Device()) {
-            fail(at, "All tensors must be on the same device");
+            fail(ErrorKind::device, at, "All tensors must be on the same device");
         }
         if (t->Dtype() != first->Dtype()) {
-            fail(at, "All tensors must be on the same data type");
+            fail(ErrorKind::dtype, at, "All tensors must be on the same data type");
         }
         if (t->ndim() != first->ndim()) {
             fail(at, "The number of dimensions of all tensors must match (", first->ndim(), " != ", t->ndim(), ").");
@@ -447,7 +449,7 @@ Tensor* concat(const std::vector<Tensor*>& tensors, unsigned axis) {
     }
     check_joinable(at, tensors, static_cast<int>(axis));
     if (axis >= static_cast<unsigned>(first->ndim())) {
-        fail(at, "input axis: ", axis, " is larger than max dim ", first->ndim());
+        fail(ErrorKind::index, at, "input axis: ", axis, " is larger than max dim ", first->ndim());
     }
     Dims shape = first->Shape();
     shape[axis] = 0;
@@ -491,7 +493,8 @@ Tensor* stack(const std::vector<Tensor*>& tensors, unsigned axis) {
     }
     check_joinable(at, widened, position);
     if (position >= widened.front()->ndim()) {
-        fail(at, "The axis ", position, "must smaller than stacked tensor's dim ", widened.front()->ndim());
+        fail(ErrorKind::index, at, "The axis ", position, "must smaller than stacked tensor's dim ",
+             widened.front()->ndim());
     }
     return concat(widened, static_cast<unsigned>(position));
 }

@@ -22,7 +22,7 @@ Tensor* from_components(const Where& at, std::int64_t layout, Tensor* index, Ten
     check_sparse_form(at, layout, shape, {index, columns, values});
     for (const Tensor* t : {index, columns}) {
         if (!is_dtype_class(t->Dtype(), DtypeClass::integral)) {
-            fail(at, "Indices of a sparse tensor should be of an integer dtype, however they are ",
+            fail(ErrorKind::dtype, at, "Indices of a sparse tensor should be of an integer dtype, however they are ",
                  dtype_name(t->Dtype()));
         }
     }
@@ -64,10 +64,10 @@ std::unique_ptr<Tensor> to_sparse(const Where& at, Tensor* t, std::int64_t layou
 void check_product(const Where& at, const Tensor* sparse, const Tensor* dense) {
     check_given(at, sparse, dense);
     if (dense->Device() != sparse->Device()) {
-        fail(at, "Not same device for sparse_dot()");
+        fail(ErrorKind::device, at, "Not same device for sparse_dot()");
     }
     if (dense->Dtype() != sparse->Dtype()) {
-        fail(at, "Not same data type for sparse_dot()");
+        fail(ErrorKind::dtype, at, "Not same data type for sparse_dot()");
     }
     if (!sparse->isCPU()) {
         refuse_gpu();

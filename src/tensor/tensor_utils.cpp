@@ -13,8 +13,8 @@ int maybe_warp_dim(int dim, int dim_post_expr) {
         fail(where("ornik::maybe_warp_dim"), "dim_post_expr should more than zero");
     }
     if (dim < -dim_post_expr || dim > dim_post_expr - 1) {
-        fail(where("ornik::maybe_warp_dim"), "if input negative dim or axis,dim should larger than ", -dim_post_expr,
-             " and smaller than ", dim_post_expr - 1);
+        fail(ErrorKind::index, where("ornik::maybe_warp_dim"), "if input negative dim or axis,dim should larger than ",
+             -dim_post_expr, " and smaller than ", dim_post_expr - 1);
     }
     return dim < 0 ? dim + dim_post_expr : dim;
 }
@@ -31,7 +31,7 @@ Dims values_shape(const Tensor* x) { return {x->Shape().begin(), x->Shape().end(
 void check_matrices(const Where& at, const char* name, const Tensor* x) {
     check_given(at, x);
     if (x->Dtype() < dtype::float32) {
-        fail(at, "'", name, "' only supports float or complex.");
+        fail(ErrorKind::dtype, at, "'", name, "' only supports float or complex.");
     }
     if (x->ndim() != 2 && x->ndim() != 3) {
         fail(at, name, " need input of 2-dim or 3-dim.");

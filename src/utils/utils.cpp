@@ -24,7 +24,7 @@ void CheckDev(std::int64_t device) {
 void refuse_gpu() { throw Error(ErrorKind::device, "Not compiled for GPU, set device = 0 or device = None", ""); }
 
 void detail::refuse_axis(const Where& at, int rank) {
-    fail(at, "axis should in range of [", -rank, ",", rank - 1, "]");
+    fail(ErrorKind::index, at, "axis should in range of [", -rank, ",", rank - 1, "]");
 }
 
 Dims shape2stride(const Dims& shape) {
@@ -188,7 +188,7 @@ std::vector<Dims> parse_indices(const std::vector<std::string>& items, const Dim
         if (reason != nullptr) {
             DebugMsg("str_indices " + joined(texts), "");
             DebugMsg("shape  " + shape_text(shape), "");
-            fail(at, "Invalid indices: '", texts[k], "'. ", reason);
+            fail(ErrorKind::index, at, "Invalid indices: '", texts[k], "'. ", reason);
         }
     }
     return ranges;
@@ -282,7 +282,8 @@ std::vector<AxisSelection> parse_selection(const std::vector<std::string>& items
             fail(at, "index: ", texts[k], " of axis: ", k, " is emtpy.");
         }
         if (selection[k].highest() >= shape[k]) {
-            fail(at, "index: ", texts[k], " exceeds max bounds of axis: ", k, " with size: ", shape[k]);
+            fail(ErrorKind::index, at, "index: ", texts[k], " exceeds max bounds of axis: ", k,
+                 " with size: ", shape[k]);
         }
     }
     return selection;
@@ -295,7 +296,7 @@ std::vector<Dims> parse_indicesv2(const std::vector<std::string>& items, const D
         // billions is not written out.
         constexpr std::int64_t most = std::numeric_limits<std::int32_t>::max();
         if (selection[k].list.empty() && selection[k].count > std::min(shape[k], most) + (1 << 20)) {
-            fail(where("parse_indicesv2"), "unsuppoted select");
+            fail(ErrorKind::not_implemented, where("parse_indicesv2"), "unsuppoted select");
         }
     }
     std::vector<Dims> positions;
@@ -336,6 +337,18 @@ void check_one_per_axis(const Where& at, const std::vector<AxisSelection>& selec
 
 }  // namespace
 
+namespace {
+
+// Numbers that no tensor has may come in; they wrap.
+std::int64_t wrapping_product(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) * static_cast<std::uint64_t>(b));
+}
+std::int64_t wrapping_sum(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
+}
+
+}  // namespace
+
 Dims get_new_strides_for_select(const std::vector<std::string>& items, const std::vector<AxisSelection>& selection,
                                 const Dims& strides) {
     check_one_per_axis(where("get_new_strides_for_select"), selection, strides);
@@ -344,7 +357,7 @@ Dims get_new_strides_for_select(const std::vector<std::string>& items, const std
         if (k < items.size() && is_list_item(items[k])) {
             fail(where("get_new_strides_for_select"), "can not infer new stride for split indexing.");
         }
-        result.push_back(strides[k] * selection[k].step);
+        result.push_back(wrapping_product(strides[k], selection[k].step));
     }
     return result;
 }
@@ -356,7 +369,7 @@ std::int64_t get_indexing_storage_offset(const std::vector<AxisSelection>& selec
         if (selection[k].step <= 0) {
             fail(where("get_indexing_storage_offset"), "step must be greater than zero for slice operation");
         }
-        offset += selection[k].start * strides[k];
+        offset = wrapping_sum(offset, wrapping_product(selection[k].start, strides[k]));
     }
     return offset;
 }

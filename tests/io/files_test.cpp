@@ -296,6 +296,13 @@ TEST(Files, ModesAndAlignment) {
         }
         expect_tensor<float>(file.tensors[1].tensor.get(), {1}, {1});
         expect_tensor<bool>(file.tensors[2].tensor.get(), {2}, {true, true});
+        for (const NamedTensor& item : file.tensors) {
+            if (mode == LoadMode::read_only) {
+                EXPECT_THROW(item.tensor->fill_(1), Error) << item.name;
+            } else {
+                item.tensor->fill_(1);
+            }
+        }
     }
 }
 

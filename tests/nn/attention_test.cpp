@@ -4,7 +4,7 @@
 #include <cmath>
 #include <limits>
 
-#include "apis/ornik.h"
+#include "ornik.h"
 #include "support/expect_error.h"
 #include "support/gradients.h"
 #include "support/teams.h"
@@ -231,6 +231,103 @@ TEST(Team, SameBitsAtEverySize) {
         results.emplace_back(interpolate_grad(results.back().get(), x->Shape(), "bilinear"));
         return results;
     });
+}
+
+// The options that the plain function does not have.
+TEST(AttentionFunctions, CausalScaledAndMaskedGradients) {
+    const TensorPtr triangle(TensorPtr(Tensor::ones({3, 5}, 0, dtype::boolean))->tril(0));
+    int turn = 0;
+    for (const bool causal : {false, true}) {
+        for (const Dims& shape : {Dims{2, 2, 3, 5}, Dims{2, 1, 5}, Dims{5}, Dims{3, 1}}) {
+            const Layout layout = all_layouts[++turn % 5];
+            SCOPED_TRACE(testing::Message() << causal << " " << turn);
+            const TensorPtr q = random_tensor({2, 2, 3, 4}, dtype::float64, 1, layout);
+            const TensorPtr k = random_tensor({2, 2, 5, 4}, dtype::float64, 2, layout);
+            const TensorPtr v = random_tensor({2, 2, 5, 3}, dtype::float64, 3, layout);
+            const TensorPtr m = random_tensor(shape, dtype::float64, 4, layout);
+            const nn::AttentionOptions options{.mask = m.get(), .causal = causal, .scale = 0.7};
+            const auto attend_to = [&](Tensor* a, Tensor* b, Tensor* c) {
+                return std::move(nn::attention(a, b, c, options).output);
+            };
+            const nn::Attended y = nn::attention(q.get(), k.get(), v.get(), options);
+            // The same by the plain function: its scale is 1 / 2 here, and a mask of -infinities stands for causal.
+            const TensorPtr scaled(q->mult_scalar(1.4));
+            const TensorPtr low(Tensor::full({3, 5}, -std::numeric_limits<double>::infinity(), 0, dtype::float64));
+            const TensorPtr wide(Tensor::broadcast_to(m.get(), {2, 2, 3, 5}));
+            const TensorPtr seen(Tensor::broadcast_to(triangle.get(), {2, 2, 3, 5}));
+            const TensorPtr all_low(Tensor::broadcast_to(low.get(), {2, 2, 3, 5}));
+            const TensorPtr mask(causal ? where(seen.get(), wide.get(), all_low.get()) : wide->clone());
+            const TensorPtr same(scaled_dot_product_attention(scaled.get(), k.get(), v.get(), mask.get()));
+            expect_values(y.output.get(), doubles_of(same.get()), 1e-14);
+            const TensorPtr g = random_tensor({2, 2, 3, 3}, dtype::float64, 5, layout);
+            const auto grads = nn::attention_grad(g.get(), q.get(), k.get(), v.get(), y.probabilities.get(), nullptr,
+                                                  options, {true, true, true, true});
+            expect_gradient([&](Tensor* t) { return attend_to(t, k.get(), v.get()); }, q.get(), g.get(),
+                            grads.query.get());
+            expect_gradient([&](Tensor* t) { return attend_to(q.get(), t, v.get()); }, k.get(), g.get(),
+                            grads.key.get());
+            expect_gradient([&](Tensor* t) { return attend_to(q.get(), k.get(), t); }, v.get(), g.get(),
+                            grads.value.get());
+            expect_gradient([&](Tensor* /*m*/) { return attend_to(q.get(), k.get(), v.get()); }, m.get(), g.get(),
+                            grads.mask.get());
+            const auto some = nn::attention_grad(g.get(), q.get(), k.get(), v.get(), y.probabilities.get(), nullptr,
+                                                 options, {false, false, true, false});
+            EXPECT_TRUE(some.query == nullptr && some.key == nullptr && some.mask == nullptr);
+            EXPECT_EQ(bytes_of(some.value), bytes_of(grads.value));
+        }
+    }
+}
+
+TEST(AttentionFunctions, DropoutAndNoElements) {
+    const TensorPtr q = random_tensor({2, 3, 4}, dtype::float64, 1), k = random_tensor({2, 5, 4}, dtype::float64, 2);
+    const TensorPtr v = random_tensor({2, 5, 3}, dtype::float64, 3), g = random_tensor({2, 3, 3}, dtype::float64, 4);
+    const nn::AttentionOptions options{.dropout = 0.4};
+    const auto run = [&](Tensor* a, Tensor* b, Tensor* c) {
+        set_random_seed(5);
+        return nn::attention(a, b, c, options);
+    };
+    const nn::Attended y = run(q.get(), k.get(), v.get());
+    set_random_seed(5);
+    const TensorPtr mask(Tensor::dropout_mask({2, 3, 5}, 0.4, 0, dtype::float64));
+    const TensorPtr dropped(y.probabilities->mult_tensor(mask.get())),
+        expected(Tensor::zeros({2, 3, 3}, 0, dtype::float64));
+    Tensor::bmm(dropped.get(), 0, v.get(), 0, expected.get());
+    EXPECT_EQ(bytes_of(y.output), bytes_of(expected));
+    const auto grads =
+        nn::attention_grad(g.get(), q.get(), k.get(), v.get(), y.probabilities.get(), y.kept.get(), options);
+    expect_gradient([&](Tensor* t) { return std::move(run(t, k.get(), v.get()).output); }, q.get(), g.get(),
+                    grads.query.get());
+    expect_gradient([&](Tensor* t) { return std::move(run(q.get(), t, v.get()).output); }, k.get(), g.get(),
+                    grads.key.get());
+    expect_gradient([&](Tensor* t) { return std::move(run(q.get(), k.get(), t).output); }, v.get(), g.get(),
+                    grads.value.get());
+
+    const auto nothing = [](const Dims& shape) {
+        TensorPtr t(new Tensor);
+        t->initialize_none_tensor(shape, dtype::float64, 0, layout::dense);
+        return t;
+    };
+    const TensorPtr no_keys = nothing({2, 0, 4}), no_values = nothing({2, 0, 3}), no_batch = nothing({0, 3, 4});
+    EXPECT_EQ(doubles_of(nn::attention(q.get(), no_keys.get(), no_values.get()).output.get()), Values(18));
+    const nn::Attended none = nn::attention(no_batch.get(), no_batch.get(), no_batch.get());
+    EXPECT_EQ(none.output->Shape(), no_batch->Shape());
+    EXPECT_EQ(nn::attention_grad(no_batch.get(), no_batch.get(), no_batch.get(), no_batch.get(),
+                                 none.probabilities.get(), nullptr)
+                  .key->Shape(),
+              no_batch->Shape());
+    Tensor* const p = y.probabilities.get();
+    const std::array<bool, 4> of_mask{false, false, false, true};
+    const Refusal rows[] = {
+        {"attention", [&] { nn::attention(q.get(), k.get(), v.get(), {.dropout = 2}); },
+         "Probability should be in the range of [0, 1]."},
+        {"attention", [&] { nn::attention(q.get(), k.get(), v.get(), {.scale = HUGE_VAL}); },
+         "The scale of attention should be finite."},
+        {"attention_grad", [&] { nn::attention_grad(g.get(), q.get(), k.get(), v.get(), p, nullptr, options); },
+         "Attention with dropout needs the bool tensor of its forward pass."},
+        {"attention_grad", [&] { nn::attention_grad(g.get(), q.get(), k.get(), v.get(), p, nullptr, {}, of_mask); },
+         "Attention has no mask that could have a gradient."},
+    };
+    expect_refusals(rows, "ornik::nn::", "src/tensor/nn/attention.cpp");
 }
 
 }  // namespace

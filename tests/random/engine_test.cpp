@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "random/lease.h"
+#include "support/expect_error.h"
 #include "support/tensors.h"
 
 namespace ornik::test {
@@ -110,6 +111,51 @@ TEST(Generators, ThreadsDrawReseedAndDelete) {
         }
     });
     EXPECT_EQ(generator::default_generator()->seed(), get_random_seed());
+}
+
+TEST(Generators, StatesAndScopes) {
+    using generator::GeneratorScope;
+    using generator::GeneratorState;
+    const auto draws = [] {
+        return bytes_of(TensorPtr(Tensor::randn({7}, 0, 1, 0, dtype::float64))) +
+               bytes_of(TensorPtr(Tensor::randn({401}, 0, 1, 0, dtype::float64)));
+    };
+    set_random_seed(3);
+    draws();  // Leaves half a pair, in the middle of the engine's state.
+    const std::shared_ptr<Generator> common = generator::default_generator();
+    EXPECT_TRUE(common->has_cached_value() == common->state().has_cached_value);
+    const TensorPtr odd(Tensor::randn({1}, 0, 1, 0, dtype::float64));
+    const GeneratorState before = common->state();
+    const std::string first = draws();
+    const GeneratorState after = common->state();
+    {
+        const GeneratorScope scope(std::make_shared<Generator>(before));
+        EXPECT_NE(generator::default_generator(), common);
+        std::thread([&] { EXPECT_EQ(generator::default_generator(), common); }).join();
+        EXPECT_EQ(draws(), first);
+        EXPECT_EQ(generator::default_generator()->state().words, after.words);
+        EXPECT_EQ(generator::default_generator()->counter(), after.counter);
+        {
+            const GeneratorScope inner(common);
+            EXPECT_EQ(generator::default_generator(), common);
+        }
+        set_random_seed(3);  // The scope's generator.
+    }
+    EXPECT_EQ(generator::default_generator(), common);
+    EXPECT_EQ(common->state().position, after.position);
+    EXPECT_EQ(common->counter(), after.counter);
+    common->set_state(before);
+    EXPECT_EQ(draws(), first);
+    EXPECT_EQ(common->has_cached_value(), after.has_cached_value);
+
+    GeneratorState wrong = before;
+    wrong.position = 313;
+    expect_error([&] { common->set_state(wrong); }, "This is no state of a random generator.",
+                 "ornik::generator::Generator::set_state", "src/random/generator.cpp");
+    expect_error([] { Generator none{GeneratorState{}}; }, "This is no state of a random generator.",
+                 "ornik::generator::Generator::set_state", "src/random/generator.cpp");
+    expect_error([] { GeneratorScope none(nullptr); }, "A scope needs a random generator.",
+                 "ornik::generator::GeneratorScope::GeneratorScope", "src/random/generator.cpp");
 }
 
 }  // namespace

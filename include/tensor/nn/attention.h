@@ -9,6 +9,7 @@
 // attend to nothing gets zeros, and so do the gradients through it.
 #pragma once
 
+#include <array>
 #include <memory>
 
 #include "../../export.h"
@@ -32,6 +33,40 @@ struct AttentionGradients {
 [[nodiscard]] ORNIK_API AttentionGradients scaled_dot_product_attention_grad(Tensor* query, Tensor* key, Tensor* value,
                                                                              Tensor* probabilities,
                                                                              Tensor* output_gradient);
+
+namespace nn {
+
+/// What scaled_dot_product_attention does not take.
+struct AttentionOptions {
+    Tensor* mask = nullptr;  ///< as above
+    bool causal = false;     ///< position i may attend to the first i + 1 alone, besides what the mask says
+    double scale = 0;        ///< of the scores; 0 stands for 1 / sqrt(d)
+    double dropout = 0;      ///< of the probabilities, as dropout of layers/functional/dropout.h
+};
+
+struct Attended {
+    std::unique_ptr<Tensor> output;
+    std::unique_ptr<Tensor> probabilities;  ///< before any dropout
+    std::unique_ptr<Tensor> kept;           ///< bool, what dropout kept; null without
+};
+
+/// As scaled_dot_product_attention.
+ORNIK_API Attended attention(Tensor* query, Tensor* key, Tensor* value, const AttentionOptions& options = {});
+
+struct AttentionGradients {
+    std::unique_ptr<Tensor> query;
+    std::unique_ptr<Tensor> key;
+    std::unique_ptr<Tensor> value;
+    std::unique_ptr<Tensor> mask;
+};
+
+/// Those that are wanted, in that order; the others are null. `kept` and the options are those of the forward pass;
+/// the mask counts when its own gradient is wanted, and is not bool then.
+ORNIK_API AttentionGradients attention_grad(Tensor* output_gradient, Tensor* query, Tensor* key, Tensor* value,
+                                            Tensor* probabilities, Tensor* kept, const AttentionOptions& options = {},
+                                            const std::array<bool, 4>& wanted = {true, true, true, false});
+
+}  // namespace nn
 
 /// One dense map x W + b: weight [in, out], bias [out], [1, out] or null. Not owned.
 struct AttentionProjection {

@@ -3,50 +3,9 @@
 #include <iostream>
 #include <utility>
 
-#include "norm_arguments.h"
-#include "tensor/checks.h"
-#include "tensor/overlap.h"
+#include "../functional/norm_passes.h"
 
 namespace ornik {
-
-namespace {
-
-void check_input(const Where& at, const NormArguments& arguments) {
-    if (arguments.input == nullptr) {
-        fail(at, "batchnorm needs an input.");
-    }
-    const Dims& shape = arguments.input->Shape();
-    if (shape.size() < 2) {
-        fail(at, "batchnorm needs an input [N, C, ...], however it is ", shape);
-    }
-    arguments.check(at, {shape[1]});
-}
-
-// Both or neither, [C]; `written` when they are to be updated.
-void check_running(const Where& at, const NormArguments& arguments, Tensor* mean, Tensor* variance, bool written) {
-    if ((mean == nullptr) != (variance == nullptr) || (mean == nullptr && !written)) {
-        fail(at, "batchnorm needs running statistics for inference, both or neither in training.");
-    }
-    for (const Tensor* t : {mean, variance}) {
-        if (t == nullptr) {
-            return;
-        }
-        arguments.check_like_input(at, t);
-        if (t->Shape() != Dims{arguments.input->Shape()[1]}) {
-            fail(at, "The running statistics of batchnorm should have one value per channel, however the shape is ",
-                 t->Shape());
-        }
-        if (written) {
-            check_not_expanded(at, t);
-            check_writable(at, t);
-        }
-    }
-    if (written && memory_overlap(mean, variance) != Overlap::none) {
-        fail(at, "The running statistics of batchnorm overlap in memory.");
-    }
-}
-
-}  // namespace
 
 LBatchNorm::LBatchNorm(bool affine, float momentum, float eps, std::string name, int first, int second)
     : Layer(std::move(name), first, second), affine_(affine), momentum_(momentum), eps_(eps) {
@@ -61,36 +20,30 @@ Tensor* LBatchNorm::forward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, bool
                                 Tensor* running_variance) {
     const Where at = where("ornik::LBatchNorm::forward_dyn");
     const NormArguments arguments{"batchnorm", affine_ ? gamma : nullptr, affine_ ? beta : nullptr, input};
-    check_input(at, arguments);
-    check_running(at, arguments, running_mean, running_variance, training);
+    check_batch_norm(at, arguments);
+    check_running_statistics(at, arguments, running_mean, running_variance, training);
 
-    const Borrowed x = Borrowed::contiguous(input);
-    const device::cpu::ChannelNorm norm = channel_norm(input, 0, eps_);
-    std::unique_ptr<Tensor> mean = make_output({norm.channels}, input);
-    std::unique_ptr<Tensor> variance = make_output({norm.channels}, input);
-    std::unique_ptr<Tensor> output = make_output(input->Shape(), input);
+    const auto eps = static_cast<double>(eps_);
+    std::vector<std::unique_ptr<Tensor>> saved;
+    saved.reserve(2);
+    forward_cache_.reserve(2);
+    nn::Normalized result;
     if (training) {
-        device::cpu::batch_statistics(x.get(), norm, mean.get(), variance.get());
+        result = batch_norm_pass(arguments, eps);
+        // Nothing but the update fails from here on: the running statistics move once in each successful call.
+        if (running_mean != nullptr && input->Size() > 0) {
+            update_statistics(at, running_mean, running_variance, result.mean.get(), result.variance.get(),
+                              input->Size() / input->Shape()[1], static_cast<double>(momentum_));
+        }
     } else {
-        copy_tensor(running_mean, mean.get());
-        copy_tensor(running_variance, variance.get());
+        result = {batch_norm_pass(arguments, running_mean, running_variance, eps),
+                  std::unique_ptr<Tensor>(running_mean->clone()), std::unique_ptr<Tensor>(running_variance->clone())};
     }
-    device::cpu::batch_norm(x.get(), norm, mean.get(), variance.get(), Borrowed::contiguous(arguments.gamma).get(),
-                            Borrowed::contiguous(arguments.beta).get(), output.get());
-    std::vector<std::unique_ptr<Tensor>> saved(2);
-    forward_cache_.reserve(saved.size());
-    // Nothing fails from here on: the running statistics move once in each successful call.
-    if (training && running_mean != nullptr && input->Size() > 0) {
-        const auto count = static_cast<double>(norm.samples * norm.inner);
-        device::cpu::update_running(mean.get(), 1, static_cast<double>(momentum_), running_mean);
-        device::cpu::update_running(variance.get(), count > 1 ? count / (count - 1) : 1, static_cast<double>(momentum_),
-                                    running_variance);
-    }
-    saved[0] = std::move(mean);
-    saved[1] = std::move(variance);
+    saved.push_back(std::move(result.mean));
+    saved.push_back(std::move(result.variance));
     keep_for_backward(std::move(saved));
     training_ = training;
-    return output.release();
+    return result.output.release();
 }
 
 Tensor* LBatchNorm::backward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, Tensor* output_gradient, Tensor* mean,
@@ -126,15 +79,12 @@ std::array<Tensor*, 3> LBatchNorm::compute(const Where& at, const std::array<boo
                                            Tensor* beta, Tensor* input, Tensor* output_gradient,
                                            const std::vector<Tensor*>& saved) {
     const NormArguments arguments{"batchnorm", affine_ ? gamma : nullptr, affine_ ? beta : nullptr, input};
-    check_input(at, arguments);
+    check_batch_norm(at, arguments);
     if (forward_cache_.empty()) {
         fail(at, "The backward pass of batchnorm needs a forward pass before.");
     }
-    const device::cpu::ChannelNorm norm = channel_norm(input, 0, eps_);
-    const NormBackward from(at, arguments, output_gradient, saved, forward_cache_, {norm.channels});
-    NodeGradients results(wanted, input, {norm.channels});
-    device::cpu::batch_norm_grads(from.operands(), norm, !training_, results.input(), results.gamma(), results.beta());
-    return results.release();
+    const NormSaved from = norm_saved(at, arguments, output_gradient, saved, forward_cache_, static_cast<double>(eps_));
+    return release_by_node(batch_norm_grads(at, arguments, from, !training_, wanted));
 }
 
 Tensor* LBatchNorm::get_saved_var() { return forward_cache_.empty() ? nullptr : forward_cache_[1]->clone(); }

@@ -2,24 +2,9 @@
 
 #include <utility>
 
-#include "norm_arguments.h"
+#include "../functional/norm_passes.h"
 
 namespace ornik {
-
-namespace {
-
-void check_input(const Where& at, const NormArguments& arguments, std::int64_t channels) {
-    if (arguments.input == nullptr) {
-        fail(at, "group norm needs an input.");
-    }
-    const Dims& shape = arguments.input->Shape();
-    if (shape.size() < 2 || shape[1] != channels) {
-        fail(at, "group norm needs an input [N, ", channels, ", ...], however it is ", shape);
-    }
-    arguments.check(at, {channels});
-}
-
-}  // namespace
 
 LGroupNorm::LGroupNorm(int groups, int channels, bool affine, float eps, std::string name, int first, int second)
     : Layer(std::move(name), first, second), groups_(groups), channels_(channels), affine_(affine), eps_(eps) {
@@ -32,18 +17,13 @@ LGroupNorm::LGroupNorm(int groups, int channels, bool affine, float eps, std::st
 
 Tensor* LGroupNorm::forward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, bool /*training*/) {
     const NormArguments arguments{"group norm", affine_ ? gamma : nullptr, affine_ ? beta : nullptr, input};
-    check_input(where("ornik::LGroupNorm::forward_dyn"), arguments, channels_);
-    const Borrowed x = Borrowed::contiguous(input);
-    std::unique_ptr<Tensor> mean = make_output({input->Shape()[0], groups_}, input);
-    std::unique_ptr<Tensor> variance = make_output(mean->Shape(), input);
-    std::unique_ptr<Tensor> output = make_output(input->Shape(), input);
-    device::cpu::group_norm(x.get(), channel_norm(input, groups_, eps_), Borrowed::contiguous(arguments.gamma).get(),
-                            Borrowed::contiguous(arguments.beta).get(), mean.get(), variance.get(), output.get());
+    check_group_norm(where("ornik::LGroupNorm::forward_dyn"), arguments, channels_);
+    nn::Normalized result = group_norm_pass(arguments, groups_, static_cast<double>(eps_));
     std::vector<std::unique_ptr<Tensor>> saved;
-    saved.push_back(std::move(mean));
-    saved.push_back(std::move(variance));
+    saved.push_back(std::move(result.mean));
+    saved.push_back(std::move(result.variance));
     keep_for_backward(std::move(saved));
-    return output.release();
+    return result.output.release();
 }
 
 Tensor* LGroupNorm::backward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, Tensor* output_gradient,
@@ -67,12 +47,9 @@ std::array<Tensor*, 3> LGroupNorm::compute(const Where& at, const std::array<boo
                                            Tensor* beta, Tensor* input, Tensor* output_gradient,
                                            const std::vector<Tensor*>& saved) {
     const NormArguments arguments{"group norm", affine_ ? gamma : nullptr, affine_ ? beta : nullptr, input};
-    check_input(at, arguments, channels_);
-    const device::cpu::ChannelNorm norm = channel_norm(input, groups_, eps_);
-    const NormBackward from(at, arguments, output_gradient, saved, forward_cache_, {norm.samples, norm.groups});
-    NodeGradients results(wanted, input, {norm.channels});
-    device::cpu::group_norm_grads(from.operands(), norm, results.input(), results.gamma(), results.beta());
-    return results.release();
+    check_group_norm(at, arguments, channels_);
+    const NormSaved from = norm_saved(at, arguments, output_gradient, saved, forward_cache_, static_cast<double>(eps_));
+    return release_by_node(group_norm_grads(at, arguments, from, groups_, wanted));
 }
 
 }  // namespace ornik

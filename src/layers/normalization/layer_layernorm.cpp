@@ -2,36 +2,16 @@
 
 #include <utility>
 
-#include "norm_arguments.h"
+#include "../functional/norm_passes.h"
 
 namespace ornik {
 
 namespace {
 
-// An input split into the axes that a statistic stands for and those before them.
-struct Split {
-    Dims leading;
-    Dims trailing;
-    std::int64_t cols = 1;
-};
-
-Split check_input(const Where& at, const NormArguments& arguments) {
-    if (arguments.input == nullptr) {
-        fail(at, "layer norm needs an input.");
-    }
-    const Dims& shape = arguments.input->Shape();
+// The axes that the statistics stand for are those of the parameters.
+NormSplit check_input(const Where& at, const NormArguments& arguments) {
     const Tensor* parameter = arguments.gamma != nullptr ? arguments.gamma : arguments.beta;
-    const std::size_t axes = parameter == nullptr ? 1 : parameter->Shape().size();
-    if (axes < 1 || shape.size() < axes) {
-        fail(at, "layer norm needs an input with at least the axes of its parameters, however it is ", shape);
-    }
-    const auto middle = shape.end() - static_cast<std::ptrdiff_t>(axes);
-    Split split{Dims(shape.begin(), middle), Dims(middle, shape.end())};
-    for (const std::int64_t extent : split.trailing) {
-        split.cols *= extent;
-    }
-    arguments.check(at, split.trailing);
-    return split;
+    return check_layer_norm(at, arguments, parameter == nullptr ? 1 : parameter->Shape().size());
 }
 
 }  // namespace
@@ -42,21 +22,16 @@ LLayerNorm::LLayerNorm(bool affine, float eps, std::string name, int first, int 
 }
 
 Tensor* LLayerNorm::forward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, bool /*training*/) {
-    const NormArguments arguments{"layer norm", gamma, beta, input};
-    const Split split = check_input(where("ornik::LLayerNorm::forward_dyn"), arguments);
-    const Borrowed x = Borrowed::contiguous(input);
-    const Borrowed scale = Borrowed::contiguous(affine_ ? gamma : nullptr);
-    const Borrowed shift = Borrowed::contiguous(affine_ ? beta : nullptr);
-    std::unique_ptr<Tensor> mean = make_output(split.leading, input);
-    std::unique_ptr<Tensor> variance = make_output(split.leading, input);
-    std::unique_ptr<Tensor> output = make_output(input->Shape(), input);
-    device::cpu::layer_norm(x.get(), split.cols, static_cast<double>(eps_), scale.get(), shift.get(), mean.get(),
-                            variance.get(), output.get());
+    NormArguments arguments{"layer norm", gamma, beta, input};
+    const NormSplit split = check_input(where("ornik::LLayerNorm::forward_dyn"), arguments);
+    arguments.gamma = affine_ ? gamma : nullptr;
+    arguments.beta = affine_ ? beta : nullptr;
+    nn::Normalized result = layer_norm_pass(arguments, split, static_cast<double>(eps_));
     std::vector<std::unique_ptr<Tensor>> saved;
-    saved.push_back(std::move(mean));
-    saved.push_back(std::move(variance));
+    saved.push_back(std::move(result.mean));
+    saved.push_back(std::move(result.variance));
     keep_for_backward(std::move(saved));
-    return output.release();
+    return result.output.release();
 }
 
 Tensor* LLayerNorm::backward_dyn(Tensor* gamma, Tensor* beta, Tensor* input, Tensor* output_gradient,
@@ -80,13 +55,10 @@ std::array<Tensor*, 3> LLayerNorm::compute(const Where& at, const std::array<boo
                                            Tensor* beta, Tensor* input, Tensor* output_gradient,
                                            const std::vector<Tensor*>& saved) {
     NormArguments arguments{"layer norm", gamma, beta, input};
-    const Split split = check_input(at, arguments);
+    const NormSplit split = check_input(at, arguments);
     arguments.gamma = affine_ ? gamma : nullptr;
-    const NormBackward from(at, arguments, output_gradient, saved, forward_cache_, split.leading);
-    NodeGradients results(wanted, input, split.trailing);
-    device::cpu::layer_norm_grads(from.operands(), split.cols, static_cast<double>(eps_), results.input(),
-                                  results.gamma(), results.beta());
-    return results.release();
+    const NormSaved from = norm_saved(at, arguments, output_gradient, saved, forward_cache_, static_cast<double>(eps_));
+    return release_by_node(layer_norm_grads(at, arguments, from, split, wanted));
 }
 
 }  // namespace ornik

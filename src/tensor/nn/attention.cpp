@@ -7,8 +7,11 @@
 
 #include "attention_checks.h"
 #include "hardware/cpu/nn/cpu_attention.h"
+#include "hardware/cpu/nn/cpu_dropout.h"
+#include "hardware/cpu/random/cpu_random.h"
 #include "tensor/borrowed.h"
 #include "tensor/make_tensor.h"
+#include "tensor/tensor_math/reductions.h"
 
 namespace ornik {
 
@@ -27,8 +30,10 @@ struct Extents {
         shape.insert(shape.end(), {rows, cols});
         return shape;
     }
-    // Scores without features are 0 whatever their scale.
-    double scale() const { return d == 0 ? 1 : 1 / std::sqrt(static_cast<double>(d)); }
+    double scale(const nn::AttentionOptions& options) const {
+        // Scores without features are 0 whatever their scale.
+        return options.scale != 0 ? options.scale : d == 0 ? 1 : 1 / std::sqrt(static_cast<double>(d));
+    }
 };
 
 Extents check(const Where& at, const Tensor* query, const Tensor* key, const Tensor* value) {
@@ -59,47 +64,169 @@ std::unique_ptr<Tensor> products(const Tensor* a, int ta, const Tensor* b, int t
     return result;
 }
 
-}  // namespace
+// The probabilities as the values meet them: themselves, or a tensor made by dropout.
+class Met {
+  public:
+    Met(Tensor* probabilities, const Tensor* kept, double dropout) : probabilities_(probabilities) {
+        if (kept != nullptr && probabilities->Size() > 0) {
+            made_ = make_tensor(probabilities->Shape(), probabilities->Dtype());
+            device::cpu::keep_scaled(probabilities, kept, keep_scale(dropout), made_.get());
+        }
+    }
+    static double keep_scale(double dropout) { return dropout < 1 ? 1 / (1 - dropout) : 0.0; }
+    const Tensor* get() const { return made_ ? made_.get() : probabilities_; }
 
-Tensor* scaled_dot_product_attention(Tensor* query, Tensor* key, Tensor* value, Tensor* mask, Tensor** probabilities) {
-    const Where at = where("ornik::scaled_dot_product_attention");
+  private:
+    const Tensor* probabilities_;
+    std::unique_ptr<Tensor> made_;
+};
+
+nn::Attended attend(const Where& at, Tensor* query, Tensor* key, Tensor* value, const nn::AttentionOptions& options) {
     check_attention_operands(at, {query, key, value});
     const Extents extents = check(at, query, key, value);
     const Dims shape = extents.with(extents.n, extents.m);
-    check_attention_mask(at, mask, query->Dtype(), query->Device(), shape);
-
-    std::unique_ptr<Tensor> scores =
-        products(Borrowed::contiguous(query).get(), 0, Borrowed::contiguous(key).get(), 1, shape);
-    const std::unique_ptr<Tensor> expanded(mask == nullptr ? nullptr : Tensor::broadcast_to(mask, shape));
-    device::cpu::attention_softmax(scores.get(), extents.scale(), expanded.get());
-    std::unique_ptr<Tensor> output =
-        products(scores.get(), 0, Borrowed::contiguous(value).get(), 0, extents.with(extents.n, extents.e));
-    if (probabilities != nullptr) {
-        *probabilities = scores.release();
+    check_attention_mask(at, options.mask, query->Dtype(), query->Device(), shape);
+    nn::Attended result;
+    result.probabilities = products(Borrowed::contiguous(query).get(), 0, Borrowed::contiguous(key).get(), 1, shape);
+    const std::unique_ptr<Tensor> expanded(options.mask == nullptr ? nullptr
+                                                                   : Tensor::broadcast_to(options.mask, shape));
+    device::cpu::attention_softmax(result.probabilities.get(), extents.scale(options), expanded.get(), options.causal);
+    if (options.dropout > 0) {
+        result.kept = make_tensor(shape, dtype::boolean);
+        if (result.kept->Size() > 0) {
+            generator::Lease source;
+            device::cpu::fill_kept(source, result.kept.get(), query->Dtype(), 1 - options.dropout);
+        }
     }
-    return output.release();
+    const Met met(result.probabilities.get(), result.kept.get(), options.dropout);
+    result.output = products(met.get(), 0, Borrowed::contiguous(value).get(), 0, extents.with(extents.n, extents.e));
+    return result;
+}
+
+// Which tensors the gradients are formed from, checked.
+struct Saved {
+    Tensor* query;
+    Tensor* key;
+    Tensor* value;
+    Tensor* probabilities;
+    Tensor* kept;
+    Tensor* gradient;
+};
+
+// The gradient of a mask that was broadcast to the scores.
+std::unique_ptr<Tensor> sum_to_mask(Tensor* scores, const Dims& mask) {
+    std::vector<int> axes;
+    const std::size_t more = scores->Shape().size() - mask.size();
+    for (std::size_t i = 0; i < scores->Shape().size(); ++i) {
+        if (i < more || mask[i - more] != scores->Shape()[i]) {
+            axes.push_back(static_cast<int>(i));
+        }
+    }
+    const std::unique_ptr<Tensor> total(axes.empty() ? nullptr : sum(scores, axes, true));
+    return std::unique_ptr<Tensor>(view_tensor(total ? total.get() : scores, mask));
+}
+
+nn::AttentionGradients attend_grad(const Where& at, const Saved& from, const nn::AttentionOptions& options,
+                                   const std::array<bool, 4>& wanted) {
+    check_attention_operands(at, {from.query, from.key, from.value, from.probabilities, from.gradient});
+    const Extents extents = check(at, from.query, from.key, from.value);
+    const Dims shape = extents.with(extents.n, extents.m);
+    if (from.probabilities->Shape() != shape) {
+        fail(at, "Attention needs probabilities of shape ", shape, ", their shape is ", from.probabilities->Shape());
+    }
+    if ((from.kept != nullptr) != (options.dropout > 0) ||
+        (from.kept != nullptr && (!from.kept->isBool() || from.kept->Shape() != shape))) {
+        fail(at, "Attention with dropout needs the bool tensor of its forward pass.");
+    }
+    check_attention_gradient(at, from.gradient, extents.with(extents.n, extents.e));
+    if (wanted[3]) {
+        check_attention_mask(at, options.mask, from.query->Dtype(), from.query->Device(), shape);
+        if (options.mask == nullptr || options.mask->isBool()) {
+            fail(at, "Attention has no mask that could have a gradient.");
+        }
+    }
+
+    const Borrowed p = Borrowed::contiguous(from.probabilities);
+    const Borrowed g = Borrowed::contiguous(from.gradient);
+    nn::AttentionGradients gradients;
+    if (wanted[2]) {
+        const Met met(p.get(), from.kept, options.dropout);
+        gradients.value = products(met.get(), 1, g.get(), 0, from.value->Shape());
+    }
+    if (!wanted[0] && !wanted[1] && !wanted[3]) {
+        return gradients;
+    }
+    const std::unique_ptr<Tensor> scores = products(g.get(), 0, Borrowed::contiguous(from.value).get(), 1, shape);
+    const double scale = extents.scale(options);
+    if (scores->Size() > 0) {
+        if (from.kept != nullptr) {
+            device::cpu::keep_scaled(scores.get(), from.kept, Met::keep_scale(options.dropout), scores.get());
+        }
+        // The mask is added behind the scale.
+        device::cpu::attention_softmax_grad(p.get(), scores.get(), wanted[3] ? 1 : scale);
+    }
+    if (wanted[3]) {
+        if (scores->Size() > 0) {
+            gradients.mask = sum_to_mask(scores.get(), options.mask->Shape());
+            gradients.mask.reset(gradients.mask->clone());  // The scores change below.
+            scores->mult_scalar_inplace(scale);
+        } else {
+            gradients.mask = make_tensor(options.mask->Shape(), scores->Dtype());
+            gradients.mask->fill_(0);
+        }
+    }
+    if (wanted[0]) {
+        gradients.query = products(scores.get(), 0, Borrowed::contiguous(from.key).get(), 0, from.query->Shape());
+    }
+    if (wanted[1]) {
+        gradients.key = products(scores.get(), 1, Borrowed::contiguous(from.query).get(), 0, from.key->Shape());
+    }
+    return gradients;
+}
+
+void check_options(const Where& at, const nn::AttentionOptions& options) {
+    if (!(options.dropout >= 0 && options.dropout <= 1)) {
+        fail(at, "Probability should be in the range of [0, 1].");
+    }
+    if (!std::isfinite(options.scale)) {
+        fail(at, "The scale of attention should be finite.");
+    }
+}
+
+}  // namespace
+
+Tensor* scaled_dot_product_attention(Tensor* query, Tensor* key, Tensor* value, Tensor* mask, Tensor** probabilities) {
+    nn::Attended result = attend(where("ornik::scaled_dot_product_attention"), query, key, value, {.mask = mask});
+    if (probabilities != nullptr) {
+        *probabilities = result.probabilities.release();
+    }
+    return result.output.release();
 }
 
 AttentionGradients scaled_dot_product_attention_grad(Tensor* query, Tensor* key, Tensor* value, Tensor* probabilities,
                                                      Tensor* output_gradient) {
-    const Where at = where("ornik::scaled_dot_product_attention_grad");
-    check_attention_operands(at, {query, key, value, probabilities, output_gradient});
-    const Extents extents = check(at, query, key, value);
-    const Dims shape = extents.with(extents.n, extents.m);
-    if (probabilities->Shape() != shape) {
-        fail(at, "Attention needs probabilities of shape ", shape, ", their shape is ", probabilities->Shape());
-    }
-    check_attention_gradient(at, output_gradient, extents.with(extents.n, extents.e));
-
-    const Borrowed p = Borrowed::contiguous(probabilities);
-    const Borrowed g = Borrowed::contiguous(output_gradient);
-    AttentionGradients gradients;
-    gradients.value = products(p.get(), 1, g.get(), 0, value->Shape());
-    const std::unique_ptr<Tensor> scores = products(g.get(), 0, Borrowed::contiguous(value).get(), 1, shape);
-    device::cpu::attention_softmax_grad(p.get(), scores.get(), extents.scale());
-    gradients.query = products(scores.get(), 0, Borrowed::contiguous(key).get(), 0, query->Shape());
-    gradients.key = products(scores.get(), 1, Borrowed::contiguous(query).get(), 0, key->Shape());
-    return gradients;
+    nn::AttentionGradients result =
+        attend_grad(where("ornik::scaled_dot_product_attention_grad"),
+                    {query, key, value, probabilities, nullptr, output_gradient}, {}, {true, true, true, false});
+    return {std::move(result.query), std::move(result.key), std::move(result.value)};
 }
+
+namespace nn {
+
+Attended attention(Tensor* query, Tensor* key, Tensor* value, const AttentionOptions& options) {
+    const Where at = where("ornik::nn::attention");
+    check_options(at, options);
+    return attend(at, query, key, value, options);
+}
+
+AttentionGradients attention_grad(Tensor* output_gradient, Tensor* query, Tensor* key, Tensor* value,
+                                  Tensor* probabilities, Tensor* kept, const AttentionOptions& options,
+                                  const std::array<bool, 4>& wanted) {
+    const Where at = where("ornik::nn::attention_grad");
+    check_options(at, options);
+    return attend_grad(at, {query, key, value, probabilities, kept, output_gradient}, options, wanted);
+}
+
+}  // namespace nn
 
 }  // namespace ornik

@@ -12,14 +12,14 @@ void check_attention_operands(const Where& at, std::initializer_list<const Tenso
         }
         check_operands(at, t);
         if (t->Device() != first->Device()) {
-            fail(at, "Not same device for inputs of attention.");
+            fail(ErrorKind::device, at, "Not same device for inputs of attention.");
         }
         if (t->Dtype() != first->Dtype()) {
-            fail(at, "Not same data type for inputs of attention.");
+            fail(ErrorKind::dtype, at, "Not same data type for inputs of attention.");
         }
     }
     if (!first->isFloat()) {
-        fail(at, "Not valid dtype for this function.");
+        fail(ErrorKind::dtype, at, "Not valid dtype for this function.");
     }
 }
 
@@ -30,10 +30,10 @@ void check_attention_mask(const Where& at, const Tensor* mask, std::int64_t dtyp
     }
     check_operands(at, mask);
     if (mask->Device() != device) {
-        fail(at, "Not same device for inputs of attention.");
+        fail(ErrorKind::device, at, "Not same device for inputs of attention.");
     }
     if (!mask->isBool() && mask->Dtype() != dtype) {
-        fail(at, "The mask of attention should be bool or of the inputs' data type.");
+        fail(ErrorKind::dtype, at, "The mask of attention should be bool or of the inputs' data type.");
     }
     const Dims& shape = mask->Shape();
     bool fits = shape.size() <= scores.size();

@@ -16,7 +16,7 @@ void check_images(const Where& at, const Tensor* images) {
     }
     check_operands(at, images);
     if (!images->isFloat()) {
-        fail(at, "Not valid dtype for this function.");
+        fail(ErrorKind::dtype, at, "Not valid dtype for this function.");
     }
 }
 

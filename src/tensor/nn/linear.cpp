@@ -20,6 +20,13 @@ std::unique_ptr<Tensor> as_matrix(const Tensor* t) {
     return std::unique_ptr<Tensor>(view_tensor(t, {rows, shape.back()}));
 }
 
+// A new tensor of t's leading axes and dtype.
+std::unique_ptr<Tensor> make_like(const Tensor* t, std::int64_t last) {
+    Dims shape = t->Shape();
+    shape.back() = last;
+    return make_output(shape, t);
+}
+
 // Null for real dtypes, the conjugate for complex ones.
 std::unique_ptr<Tensor> conjugate_or_null(const Tensor* t) {
     if (!t->isComplexType()) {
@@ -32,13 +39,11 @@ std::unique_ptr<Tensor> conjugate_or_null(const Tensor* t) {
 
 }  // namespace
 
-std::unique_ptr<Tensor> linear(Tensor* weight, Tensor* bias, Tensor* input) {
+std::unique_ptr<Tensor> linear(Tensor* weight, Tensor* bias, Tensor* input, bool transposed) {
     const Borrowed x = Borrowed::contiguous(input);
-    Dims shape = input->Shape();
-    shape.back() = weight->Shape()[1];
-    std::unique_ptr<Tensor> output = make_output(shape, input);
+    std::unique_ptr<Tensor> output = make_like(input, weight->Shape()[transposed ? 0 : 1]);
     const std::unique_ptr<Tensor> rows = as_matrix(output.get());
-    Tensor::dot(as_matrix(x.get()).get(), 0, weight, 0, rows.get(), 0);
+    Tensor::dot(as_matrix(x.get()).get(), 0, weight, transposed ? 1 : 0, rows.get(), 0);
     if (bias != nullptr) {
         const std::unique_ptr<Tensor> repeated(Tensor::broadcast_to(bias, rows->Shape()));
         add(1.0F, rows.get(), 1.0F, repeated.get(), rows.get(), 0);
@@ -46,21 +51,25 @@ std::unique_ptr<Tensor> linear(Tensor* weight, Tensor* bias, Tensor* input) {
     return output;
 }
 
-std::unique_ptr<Tensor> linear_input_grad(Tensor* weight, const Tensor* input, Tensor* gradient) {
+std::unique_ptr<Tensor> linear_input_grad(Tensor* weight, Tensor* gradient, bool transposed) {
     const Borrowed g = Borrowed::contiguous(gradient);
     const std::unique_ptr<Tensor> conjugate = conjugate_or_null(weight);
-    std::unique_ptr<Tensor> result = make_output(input->Shape(), input);
-    Tensor::dot(as_matrix(g.get()).get(), 0, conjugate ? conjugate.get() : weight, 1, as_matrix(result.get()).get(), 0);
+    std::unique_ptr<Tensor> result = make_like(gradient, weight->Shape()[transposed ? 1 : 0]);
+    Tensor::dot(as_matrix(g.get()).get(), 0, conjugate ? conjugate.get() : weight, transposed ? 0 : 1,
+                as_matrix(result.get()).get(), 0);
     return result;
 }
 
-std::unique_ptr<Tensor> linear_weight_grad(const Tensor* weight, Tensor* input, Tensor* gradient) {
+std::unique_ptr<Tensor> linear_weight_grad(Tensor* input, Tensor* gradient, bool transposed) {
     const Borrowed g = Borrowed::contiguous(gradient);
     const Borrowed x = Borrowed::contiguous(input);
     const std::unique_ptr<Tensor> conjugate = conjugate_or_null(x.get());
-    std::unique_ptr<Tensor> result = make_output(weight->Shape(), weight);
-    Tensor::dot(as_matrix(conjugate ? conjugate.get() : x.get()).get(), 1, as_matrix(g.get()).get(), 0, result.get(),
-                0);
+    const std::unique_ptr<Tensor> inputs = as_matrix(conjugate ? conjugate.get() : x.get());
+    const std::unique_ptr<Tensor> gradients = as_matrix(g.get());
+    Tensor* const first = transposed ? gradients.get() : inputs.get();
+    Tensor* const second = transposed ? inputs.get() : gradients.get();
+    std::unique_ptr<Tensor> result = make_output({first->Shape()[1], second->Shape()[1]}, input);
+    Tensor::dot(first, 1, second, 0, result.get(), 0);
     return result;
 }
 

@@ -62,8 +62,7 @@ std::unique_ptr<Tensor> project_to_heads(const AttentionProjection& map, Tensor*
 }
 
 ProjectionGradients projection_gradients(const AttentionProjection& map, Tensor* input, Tensor* gradient) {
-    return {linear_weight_grad(map.weight, input, gradient),
-            map.bias == nullptr ? nullptr : linear_bias_grad(map.bias, gradient)};
+    return {linear_weight_grad(input, gradient), map.bias == nullptr ? nullptr : linear_bias_grad(map.bias, gradient)};
 }
 
 void check_state(const Where& at, const MultiHeadState& state, const Tensor* query, const Tensor* key,
@@ -119,8 +118,7 @@ MultiHeadGradients multi_head_attention_grad(const MultiHeadParameters& paramete
 
     MultiHeadGradients gradients;
     gradients.output = projection_gradients(parameters.output, state.merged.get(), output_gradient);
-    const std::unique_ptr<Tensor> merged =
-        linear_input_grad(parameters.output.weight, state.merged.get(), output_gradient);
+    const std::unique_ptr<Tensor> merged = linear_input_grad(parameters.output.weight, output_gradient);
     const int heads = static_cast<int>(state.query->Shape()[1]);
     const std::unique_ptr<Tensor> attended(reshape_permute_select(merged.get(), heads));
     const AttentionGradients inner = scaled_dot_product_attention_grad(
@@ -128,7 +126,7 @@ MultiHeadGradients multi_head_attention_grad(const MultiHeadParameters& paramete
     const auto through = [](const AttentionProjection& map, Tensor* input, const Tensor* heads_gradient,
                             std::unique_ptr<Tensor>& input_gradient) {
         const std::unique_ptr<Tensor> gradient(permute_12_reshape_b_n_embed_dims(heads_gradient));
-        input_gradient = linear_input_grad(map.weight, input, gradient.get());
+        input_gradient = linear_input_grad(map.weight, gradient.get());
         return projection_gradients(map, input, gradient.get());
     };
     gradients.query = through(parameters.query, query, inner.query.get(), gradients.inputs.query);

@@ -1,8 +1,8 @@
 #include "tensor/nn/tensor_conv.h"
 
-#include "hardware/cpu/nn/cpu_conv.h"
-#include "tensor/borrowed.h"
 #include "tensor/checks.h"
+#include "tensor/make_tensor.h"
+#include "tensor/nn/conv_passes.h"
 
 namespace ornik {
 
@@ -28,12 +28,6 @@ ConvGeometry geometry_of(const ConvolFields& d, bool transposed) {
             axis(d._input_cols, d._output_cols, d._kernal_cols, d._cols_strides, d.padding_cols.begin,
                  d._dilation_rate_cols),
             transposed};
-}
-
-std::unique_ptr<Tensor> make_empty(const Dims& shape, const Tensor* like) {
-    auto result = std::make_unique<Tensor>();
-    result->initialize_none_tensor(shape, like->Dtype(), like->Device(), layout::dense);
-    return result;
 }
 
 void check_dtype(const Where& at, const Tensor* t, const char* operation) {
@@ -70,11 +64,7 @@ std::unique_ptr<Tensor> forward(const Where& at, Tensor* weight, Tensor* bias, T
     if (!output) {
         fail(at, "Convolution's descriptor should be built before every forward call.");
     }
-    const Borrowed x = Borrowed::contiguous(input);
-    const Borrowed w = Borrowed::contiguous(weight);
-    const Borrowed b = Borrowed::contiguous(bias);
-    const auto run = transposed ? device::cpu::conv_to_image : device::cpu::conv_to_grid;
-    run(geometry_of(descriptor, transposed), x.get(), w.get(), b.get(), false, output.get());
+    convolve(geometry_of(descriptor, transposed), transposed, input, weight, bias, output.get());
     return output;
 }
 
@@ -82,11 +72,8 @@ std::unique_ptr<Tensor> x_grad(const Where& at, Tensor* weight, Tensor* gradient
                                bool transposed) {
     check_fits(at, descriptor, weight, descriptor.weight_shape);
     check_fits(at, descriptor, gradient, descriptor.output_shape());
-    std::unique_ptr<Tensor> result = make_empty(descriptor.input_shape, gradient);
-    const Borrowed g = Borrowed::contiguous(gradient);
-    const Borrowed w = Borrowed::contiguous(weight);
-    const auto run = transposed ? device::cpu::conv_to_grid : device::cpu::conv_to_image;
-    run(geometry_of(descriptor, transposed), g.get(), w.get(), nullptr, true, result.get());
+    std::unique_ptr<Tensor> result = make_tensor(descriptor.input_shape, descriptor.dtype);
+    convolve_input_grad(geometry_of(descriptor, transposed), transposed, gradient, weight, result.get());
     return result;
 }
 
@@ -94,20 +81,15 @@ std::unique_ptr<Tensor> w_grad(const Where& at, Tensor* input, Tensor* gradient,
                                bool transposed) {
     check_fits(at, descriptor, input, descriptor.input_shape);
     check_fits(at, descriptor, gradient, descriptor.output_shape());
-    std::unique_ptr<Tensor> result = make_empty(descriptor.weight_shape, gradient);
-    const Borrowed g = Borrowed::contiguous(gradient);
-    const Borrowed x = Borrowed::contiguous(input);
-    device::cpu::conv_weight(geometry_of(descriptor, transposed), transposed ? g.get() : x.get(),
-                             transposed ? x.get() : g.get(), transposed, result.get());
+    std::unique_ptr<Tensor> result = make_tensor(descriptor.weight_shape, descriptor.dtype);
+    convolve_weight_grad(geometry_of(descriptor, transposed), transposed, input, gradient, result.get());
     return result;
 }
 
-std::unique_ptr<Tensor> bias_grad(const Where& at, Tensor* gradient, const ConvolFields& descriptor) {
+std::unique_ptr<Tensor> bias_grad(const Where& at, Tensor* gradient, const ConvolFields& descriptor, bool transposed) {
     check_fits(at, descriptor, gradient, descriptor.output_shape());
-    std::unique_ptr<Tensor> result = make_empty({descriptor._output_channels}, gradient);
-    device::cpu::conv_sum_channels(Borrowed::contiguous(gradient).get(), descriptor._input_num,
-                                   descriptor._output_channels, descriptor._output_rows * descriptor._output_cols,
-                                   result.get());
+    std::unique_ptr<Tensor> result = make_tensor({descriptor._output_channels}, descriptor.dtype);
+    convolve_bias_grad(geometry_of(descriptor, transposed), transposed, gradient, result.get());
     return result;
 }
 
@@ -143,7 +125,7 @@ Tensor* Conv2D_w_grad(Tensor* input, Tensor* output_gradient, const ConvolDescri
 Tensor* Conv2D_bias_grad(Tensor* output_gradient, const ConvolDescriptor& descriptor) {
     const Where at = where("ornik::Conv2D_bias_grad");
     check_dtype(at, output_gradient, "bias_grad_conv2d");
-    return bias_grad(at, output_gradient, descriptor).release();
+    return bias_grad(at, output_gradient, descriptor, false).release();
 }
 
 Tensor* ConvT2D_forward(Tensor* weight, Tensor* bias, Tensor* input, ConvolDescriptorT2D& descriptor, bool use_bias) {
@@ -173,7 +155,7 @@ Tensor* ConvT2D_bias_grad(Tensor* output_gradient, const ConvolDescriptorT2D& de
         fail(at, "Invoke cpu_convt2d_bias_grad_impl() with use_bias == False.");
     }
     check_dtype(at, output_gradient, "convt2d_weight_grad");
-    return bias_grad(at, output_gradient, descriptor).release();
+    return bias_grad(at, output_gradient, descriptor, true).release();
 }
 
 }  // namespace ornik

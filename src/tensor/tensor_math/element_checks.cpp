@@ -19,13 +19,14 @@ std::unique_ptr<Tensor> make_result(const Dims& shape, std::int64_t dtype) {
 }
 
 void refuse_dtype(const Where& at, const std::string& name, std::int64_t dtype) {
-    fail(at, name, "() is not supported for ", detail::dtype_table[static_cast<std::size_t>(dtype)].name, " tensor.");
+    fail(ErrorKind::not_implemented, at, name, "() is not supported for ",
+         detail::dtype_table[static_cast<std::size_t>(dtype)].name, " tensor.");
 }
 
 void check_pair(const Where& at, const Tensor* a, const Tensor* b) {
     check_operands(at, a, b);
     if (!a->isCPU() || !b->isCPU()) {
-        fail(at, "Tensors in different devices");
+        fail(ErrorKind::device, at, "Tensors in different devices");
     }
     if (a->Shape() != b->Shape()) {
         fail(at, "Incompatible shape: lhs has a shape of ", a->Shape(), ", rhs has a shape of ", b->Shape());
@@ -35,13 +36,13 @@ void check_pair(const Where& at, const Tensor* a, const Tensor* b) {
 void check_output(const Where& at, const Dims& shape, std::int64_t dtype, const Tensor* out) {
     check_operands(at, out);
     if (!out->isCPU()) {
-        fail(at, "Tensors in different devices");
+        fail(ErrorKind::device, at, "Tensors in different devices");
     }
     if (out->Shape() != shape) {
         fail(at, "Incompatible shape: lhs has a shape of ", shape, ", result has a shape of ", out->Shape());
     }
     if (out->Dtype() != dtype) {
-        fail(at, "Not same data type");
+        fail(ErrorKind::dtype, at, "Not same data type");
     }
     check_not_expanded(at, out);
     check_writable(at, out);

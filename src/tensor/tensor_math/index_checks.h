@@ -9,7 +9,7 @@ namespace ornik {
 /// Refuses an index outside [-n, n).
 inline void check_positions(const Where& at, const Tensor* index, std::int64_t n) {
     if (const auto outside = device::cpu::first_outside(index, n)) {
-        fail(at, "Index ", *outside, " is out of range for an axis of ", n, " elements");
+        fail(ErrorKind::index, at, "Index ", *outside, " is out of range for an axis of ", n, " elements");
     }
 }
 
@@ -17,7 +17,7 @@ inline void check_positions(const Where& at, const Tensor* index, std::int64_t n
 inline TensorResult as_positions(const Where& at, const Tensor* index) {
     check_cpu(at, index);
     if (!index->isInteger() || index->isBool()) {
-        fail(at, "Index should be of an integer dtype");
+        fail(ErrorKind::dtype, at, "Index should be of an integer dtype");
     }
     if (index->Dtype() == dtype::int64) {
         return new_view(index, index->Shape(), index->Strides());

@@ -101,7 +101,7 @@ void check_gradient(const Where& at, const Tensor* grad) {
 
 void check_source(const Where& at, const Tensor* x, const Tensor* source, const Dims& shape) {
     if (!Tensor::sameDtype(x, source)) {
-        fail(at, "Not same data type");
+        fail(ErrorKind::dtype, at, "Not same data type");
     }
     if (source->Shape() != shape) {
         fail(at, "The source has a shape of ", source->Shape(), ", the indexed elements have a shape of ", shape);

@@ -12,7 +12,7 @@ namespace {
 void check_mask(const Where& at, const Tensor* mask) {
     check_cpu(at, mask);
     if (!mask->isBool()) {
-        fail(at, "Mask should be a bool tensor");
+        fail(ErrorKind::dtype, at, "Mask should be a bool tensor");
     }
 }
 
@@ -33,7 +33,7 @@ void index_put_(Tensor* x, const std::vector<Tensor*>& indices, Tensor* values, 
     check_not_expanded(at, x);
     const Indices checked(at, x->Shape(), indices);
     if (!Tensor::sameDtype(x, values)) {
-        fail(at, "Not same data type");
+        fail(ErrorKind::dtype, at, "Not same data type");
     }
     const TensorResult expanded(Tensor::broadcast_to(values, checked.selected_shape()));
     const TensorResult source = row_major_copy(expanded.get());

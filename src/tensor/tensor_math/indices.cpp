@@ -66,7 +66,7 @@ Indices::Indices(const Where& at, const Dims& shape, const std::vector<const Ten
     for (const Tensor* index : indices) {
         const std::size_t wide = index != nullptr && index->isBool() ? index->Shape().size() : 1;
         if (axis + wide > shape.size()) {
-            fail(at, "Too many indices for a shape of ", shape);
+            fail(ErrorKind::index, at, "Too many indices for a shape of ", shape);
         }
         if (index != nullptr && index->isBool()) {
             add_mask(at, index, axis);
@@ -91,7 +91,7 @@ Indices::Indices(const Where& at, const Dims& shape, const std::vector<const Ten
         apart = apart || ended;
         position_ = found ? position_ : i;
         found = true;
-        views_.emplace_back(Tensor::broadcast_to(positions_[i].get(), index_shape_));
+        views_.push_back(TensorResult(Tensor::broadcast_to(positions_[i].get(), index_shape_)));
         indexed_.axes[i] = views_.back().get();
     }
     position_ = apart ? 0 : position_;

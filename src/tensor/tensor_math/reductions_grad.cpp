@@ -20,7 +20,7 @@ class Gradient {
         check_cpu(at, grad, x);
         check_dtype(at, serves_complex ? is_float_or_complex(x) : x->isFloat());
         if (grad->Dtype() != grad_dtype(x->Dtype())) {
-            fail(at, "Not same data type");
+            fail(ErrorKind::dtype, at, "Not same data type");
         }
         at_ = at;
         keep_dims_ = keep_dims;

@@ -77,7 +77,7 @@ void check_cpu(const Where& at, const Tensors*... tensors) {
 
 inline void check_dtype(const Where& at, bool served) {
     if (!served) {
-        fail(at, "Not valid dtype for this function.");
+        fail(ErrorKind::dtype, at, "Not valid dtype for this function.");
     }
 }
 

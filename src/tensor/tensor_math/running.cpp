@@ -29,7 +29,7 @@ Tensor* gradient_along_axis(const Where& at, const Tensor* grad, const Tensor* x
     check_cpu(at, grad, x);
     check_dtype(at, serves(x));
     if (!Tensor::sameDtype(grad, x)) {
-        fail(at, "Not same data type");
+        fail(ErrorKind::dtype, at, "Not same data type");
     }
     if (grad->Shape() != x->Shape()) {
         fail(at, "The gradient has a shape of ", grad->Shape(), ", the result has a shape of ", x->Shape());

@@ -101,7 +101,7 @@ Tensor* searchsorted(Tensor* sorted, Tensor* values, bool right) {
     check_cpu(at, sorted, values);
     check_dtype(at, is_real(sorted));
     if (!Tensor::sameDtype(sorted, values)) {
-        fail(at, "Not same data type");
+        fail(ErrorKind::dtype, at, "Not same data type");
     }
     const Dims& shape = sorted->Shape();
     const bool one_row = shape.size() == 1;

@@ -16,7 +16,7 @@ namespace {
 void check_one_device(const Where& at, const Tensor* a, const Tensor* b, const Tensor* out) {
     check_operands(at, a, b, out);
     if (a->Device() != b->Device() || a->Device() != out->Device()) {
-        fail(at, "Tensors in different devices");
+        fail(ErrorKind::device, at, "Tensors in different devices");
     }
 }
 
@@ -27,7 +27,7 @@ bool same_shapes(const Tensor* a, const Tensor* b, const Tensor* out) {
 // What the kernels rely on beyond device and shape.
 void check_kernel_operands(const Where& at, const Tensor* a, const Tensor* b, const Tensor* out) {
     if (!Tensor::sameDtype(a, b) || !Tensor::sameDtype(a, out)) {
-        fail(at, "Not same data type");
+        fail(ErrorKind::dtype, at, "Not same data type");
     }
     check_not_expanded(at, out);
 }
@@ -84,7 +84,7 @@ void div(Tensor* a, Tensor* b, Tensor* out, int accumulate) {
     }
     check_kernel_operands(at, a, b, out);
     if (out->isInteger()) {
-        fail(at, "Not valid dtype for func.");
+        fail(ErrorKind::dtype, at, "Not valid dtype for func.");
     }
     if (a->isCPU()) {
         announce_write(at, out);
@@ -106,7 +106,7 @@ void div_core(Tensor* a, Tensor* b, Tensor* out) { div(a, b, out, 0); }
 // Devices are compared before conversions, which give null for a tensor that is not on the CPU.
 void check_operand_devices(const Where& at, const Tensor* a, const Tensor* b) {
     if (a->Device() != b->Device()) {
-        fail(at, "Tensors in different devices");
+        fail(ErrorKind::device, at, "Tensors in different devices");
     }
 }
 
@@ -154,10 +154,10 @@ Tensor* Tensor::sub_tensor(Tensor* other) {
     const Where at = where("ornik::Tensor::sub_tensor");
     const std::int64_t r = promoted(at, this, other, promotion::of_tensors);
     if (isBool() && other->isBool()) {
-        fail(at, "Subtraction, the `-` operator, with two bool tensors is not supported. ");
+        fail(ErrorKind::dtype, at, "Subtraction, the `-` operator, with two bool tensors is not supported. ");
     }
     if (isBool() || other->isBool()) {
-        fail(at, "Subtraction, the `-` operator, with one bool tensor is not supported. ");
+        fail(ErrorKind::dtype, at, "Subtraction, the `-` operator, with one bool tensor is not supported. ");
     }
     return new_result(at, this, other, r, other, sub_core);
 }
@@ -177,7 +177,7 @@ Tensor* Tensor::div_tensor(Tensor* other) {
 void Tensor::add_tensor_inplace(Tensor* other) {
     const Where at = where("ornik::Tensor::add_tensor_inplace");
     if (!keeps_dtype(dtype_, promoted(at, this, other, promotion::of_tensors))) {
-        fail(at, "Not supported data type casting.");
+        fail(ErrorKind::dtype, at, "Not supported data type casting.");
     }
     in_place(at, this, other, add_core);
 }
@@ -185,7 +185,7 @@ void Tensor::add_tensor_inplace(Tensor* other) {
 void Tensor::sub_tensor_inplace(Tensor* other) {
     const Where at = where("ornik::Tensor::sub_tensor_inplace");
     if (!keeps_dtype(dtype_, promoted(at, this, other, promotion::of_tensors))) {
-        fail(at, "Not supported data type casting.");
+        fail(ErrorKind::dtype, at, "Not supported data type casting.");
     }
     in_place(at, this, other, sub_core);
 }
@@ -194,7 +194,7 @@ void Tensor::mult_tensor_inplace(Tensor* other) {
     const Where at = where("ornik::Tensor::mult_tensor_inplace");
     const std::int64_t r = promoted(at, this, other, promotion::of_tensors);
     if (!keeps_dtype(dtype_, r)) {
-        fail(at, "Not supported data type casting. From ", dtype_name(r), " to ", dtype_name(dtype_));
+        fail(ErrorKind::dtype, at, "Not supported data type casting. From ", dtype_name(r), " to ", dtype_name(dtype_));
     }
     in_place(at, this, other, mult_core);
 }
@@ -209,7 +209,7 @@ void Tensor::div_tensor_inplace(Tensor* other) {
         r = dtype_;
     }
     if (r != dtype_) {
-        fail(at, "Not supported data type of two operands for divide().");
+        fail(ErrorKind::dtype, at, "Not supported data type of two operands for divide().");
     }
     in_place(at, this, other, div_core);
 }

@@ -58,7 +58,7 @@ void check_extents(const Where& at, const Tensor* A, int ta, const Tensor* B, in
 
 void check_one_dtype(const Where& at, const Tensor* A, const Tensor* B, const Tensor* C) {
     if (!Tensor::sameDtype(A, B) || !Tensor::sameDtype(A, C)) {
-        fail(at, "Not same data type");
+        fail(ErrorKind::dtype, at, "Not same data type");
     }
 }
 
@@ -103,7 +103,8 @@ void Tensor::dot(Tensor* A, int ta, Tensor* B, int tb, Tensor* C, int accumulate
     const Where at = where("ornik::dot");
     check_operands(at, A, B, C);
     if (!same_device(A, B, C)) {
-        fail(at, "Incompatible device for dot(),  A: ", A->device_, ", B: ", B->device_, ", C: ", C->device_);
+        fail(ErrorKind::device, at, "Incompatible device for dot(),  A: ", A->device_, ", B: ", B->device_,
+             ", C: ", C->device_);
     }
     if (A->shape_.size() != 2 || B->shape_.size() != 2) {
         fail(at, "Only 2D tensors");
@@ -124,7 +125,7 @@ void Tensor::bmm(Tensor* A, int ta, Tensor* B, int tb, Tensor* C) {
     const Where at = where("ornik::Tensor::bmm");
     check_operands(at, A, B, C);
     if (!same_device(A, B, C)) {
-        fail(at, "Tensors in different devices");
+        fail(ErrorKind::device, at, "Tensors in different devices");
     }
     check_rank(at, A, 'A', 3);
     check_rank(at, B, 'B', 3);
@@ -144,13 +145,14 @@ void Tensor::matmul4D(Tensor* A, int ta, Tensor* B, int tb, Tensor* C) {
     const Where at = where("ornik::Tensor::matmul4D");
     check_operands(at, A, B, C);
     if (!sameDtype(A, B) || !sameDtype(A, C)) {
-        fail(at, "matmul() is not supported for different data type tensor.");
+        fail(ErrorKind::dtype, at, "matmul() is not supported for different data type tensor.");
     }
     if (A->isBool()) {
-        fail(at, "matmul() is not supported for bool tensor.");
+        fail(ErrorKind::dtype, at, "matmul() is not supported for bool tensor.");
     }
     if (!same_device(A, B, C)) {
-        fail(at, "Tensors in different devices, A: ", A->device_, ", B: ", B->device_, ", C: ", C->device_);
+        fail(ErrorKind::device, at, "Tensors in different devices, A: ", A->device_, ", B: ", B->device_,
+             ", C: ", C->device_);
     }
     check_rank(at, A, 'A', 4);
     check_rank(at, B, 'B', 4);
@@ -173,12 +175,12 @@ void check_kron(const Where& at, const char* name, const std::vector<const Tenso
     for (const Tensor* t : operands) {
         check_given(at, t);
         if (t->Device() != operands.front()->Device()) {
-            fail(at, "Not same device for ", name);
+            fail(ErrorKind::device, at, "Not same device for ", name);
         }
     }
     for (const Tensor* t : operands) {
         if (!Tensor::sameDtype(t, operands.front())) {
-            fail(at, "Not same data type for ", name);
+            fail(ErrorKind::dtype, at, "Not same data type for ", name);
         }
     }
     for (const Tensor* t : operands) {

@@ -19,14 +19,14 @@ void check_casting(const Where& at, const Tensor* self, std::int64_t r) {
     const bool loses_complex = self->isComplexType() && !is_dtype_class(r, DtypeClass::complex);
     const bool loses_fraction = self->isFloat() && r < dtype::float32;
     if (loses_complex || loses_fraction) {
-        fail(at, "Not supported data type casting.");
+        fail(ErrorKind::dtype, at, "Not supported data type casting.");
     }
 }
 
 Tensor* compute(const Where& at, Tensor* self, const AnyScalar& scalar, std::int64_t r, ScalarKernel kernel) {
     check_operands(at, self);
     if (!self->isCPU()) {
-        fail(at, "Tensors in different devices");
+        fail(ErrorKind::device, at, "Tensors in different devices");
     }
     std::unique_ptr<Tensor> out(Tensor::empty(self->Shape(), self->Device(), r));
     const Borrowed converted = Borrowed::of_dtype(self, r);
@@ -57,17 +57,17 @@ void in_place(const Where& at, Tensor* self, const AnyScalar& scalar, ScalarKern
     const std::int64_t r = promotion::with_scalar(self->Dtype(), scalar.dtype());
     check_casting(at, self, r);
     if (!keeps_dtype(self->Dtype(), r)) {
-        fail(at, "Not supported data type casting.");
+        fail(ErrorKind::dtype, at, "Not supported data type casting.");
     }
     compute_in_place(at, self, scalar, r, kernel);
 }
 
 void divide_in_place(const Where& at, Tensor* self, const AnyScalar& scalar) {
     if (self->Dtype() < dtype::float32) {
-        fail(at, "Non-Float or Non-Complexdata divide in-place is not supported.");
+        fail(ErrorKind::dtype, at, "Non-Float or Non-Complexdata divide in-place is not supported.");
     }
     if (!self->isComplexType() && is_dtype_class(scalar.dtype(), DtypeClass::complex)) {
-        fail(at, "Non Complex  divides non-complex data in-place is not supported.");
+        fail(ErrorKind::dtype, at, "Non Complex  divides non-complex data in-place is not supported.");
     }
     compute_in_place(at, self, scalar, self->Dtype(), device::cpu::div_scalar);
 }

@@ -26,7 +26,7 @@ Tensor* choose(Tensor* condition, Tensor* a, Tensor* b, std::int64_t dtype) {
 void check_condition(const Where& at, const Tensor* condition, const Tensor* operand) {
     check_operands(at, condition, operand);
     if (!condition->isBool()) {
-        fail(at, "The condition should be a bool tensor.");
+        fail(ErrorKind::dtype, at, "The condition should be a bool tensor.");
     }
     check_pair(at, condition, operand);
 }
@@ -73,7 +73,7 @@ void Tensor::masked_fill_inplace(Tensor* mask, const Scalar& value) {
     const Where at = where("ornik::Tensor::masked_fill_inplace");
     check_condition(at, mask, this);
     if (!keeps_dtype(dtype_, promotion::of_kind_with_scalar(dtype_, value.Dtype()))) {
-        fail(at, "Not supported data type casting.");
+        fail(ErrorKind::dtype, at, "Not supported data type casting.");
     }
     check_not_expanded(at, this);
     check_writable(at, this);
@@ -98,7 +98,7 @@ Tensor* Tensor::clamp_max(const Scalar& max) { return minimum_scalar(max); }
 void Tensor::clamp_inplace(const Scalar& min, const Scalar& max) {
     // Checked before the first bound is applied: self changes by both or by none.
     if (!keeps_dtype(dtype_, promotion::of_kind_with_scalar(dtype_, max.Dtype()))) {
-        fail(where("ornik::Tensor::clamp_inplace"), "Not supported data type casting.");
+        fail(ErrorKind::dtype, where("ornik::Tensor::clamp_inplace"), "Not supported data type casting.");
     }
     maximum_scalar_inplace(min);
     minimum_scalar_inplace(max);

@@ -17,4 +17,9 @@ bool max_pool_grad(const Tensor* gradient, const Tensor* positions, const PoolPl
 void average_pool(const Tensor* in, const PoolPlan& plan, Tensor* out);
 void average_pool_grad(const Tensor* gradient, const PoolPlan& plan, Tensor* out);
 
+/// Means over windows that cover the planes: window o of an axis reaches from floor(o in / out) up to
+/// ceil((o + 1) in / out). Of the plan, the planes and the extents count. Floating and complex.
+void adaptive_average_pool(const Tensor* in, const PoolPlan& plan, Tensor* out);
+void adaptive_average_pool_grad(const Tensor* gradient, const PoolPlan& plan, Tensor* out);
+
 }  // namespace ornik::device::cpu

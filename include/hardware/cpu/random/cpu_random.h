@@ -21,6 +21,10 @@ void fill_uniform(generator::Lease& source, Tensor* out, double low, double high
 /// Floating and complex dtypes: `value` with the given probability, else 0.
 void fill_binary(generator::Lease& source, Tensor* out, double probability, double value);
 
+/// A bool tensor: true where fill_binary of a tensor of the shape and of `dtype` (floating or complex) would write the
+/// value, from the same words.
+void fill_kept(generator::Lease& source, Tensor* out, std::int64_t dtype, double probability);
+
 /// Integer and floating dtypes: whole numbers in [low, high).
 void fill_integers(generator::Lease& source, Tensor* out, std::int64_t low, std::int64_t high);
 

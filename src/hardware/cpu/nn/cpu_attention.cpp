@@ -50,38 +50,47 @@ void softmax_row(T* x, std::int64_t n) {
     }
 }
 
-// masked(x, mask entry) is the score that the softmax sees.
-template <typename T, typename M, typename Masked>
-void softmax_rows(Tensor* scores, const Tensor* mask, const Masked& masked) {
+// Calls visit(row, its first entry, entries that are seen); the others become 0.
+template <typename T, typename Visit>
+void softmax_rows(Tensor* scores, bool causal, const Visit& visit) {
+    const std::int64_t rows = causal ? scores->Shape().end()[-2] : 1;
     for_each_row(scores, [&](std::int64_t i, std::int64_t n) {
         T* x = static_cast<T*>(scores->getRawData()) + i * n;
+        const std::int64_t seen = causal ? std::min(n, i % rows + 1) : n;
+        visit(i, x, seen);
+        softmax_row(x, seen);
+        std::fill(x + seen, x + n, T(0));
+    });
+}
+
+// masked(x, mask entry) is the score that the softmax sees.
+template <typename T, typename M, typename Masked>
+void masked_rows(Tensor* scores, bool causal, const Tensor* mask, const Masked& masked) {
+    softmax_rows<T>(scores, causal, [&](std::int64_t i, T* x, std::int64_t n) {
         const M* m = static_cast<const M*>(mask->getRawData()) + row_offset(mask, i);
         const std::int64_t step = mask->Strides().back();
         for (std::int64_t j = 0; j < n; ++j) {
             x[j] = masked(x[j], m[j * step]);
         }
-        softmax_row(x, n);
     });
 }
 
 }  // namespace
 
-void attention_softmax(Tensor* scores, double scale, const Tensor* mask) {
+void attention_softmax(Tensor* scores, double scale, const Tensor* mask, bool causal) {
     dispatch(FloatTypes{}, scores->Dtype(), [&]<typename T>() {
         const T factor = static_cast<T>(scale);
         if (mask == nullptr) {
-            for_each_row(scores, [&](std::int64_t i, std::int64_t n) {
-                T* x = static_cast<T*>(scores->getRawData()) + i * n;
+            softmax_rows<T>(scores, causal, [&](std::int64_t /*i*/, T* x, std::int64_t n) {
                 std::transform(x, x + n, x, [&](T score) { return factor * score; });
-                softmax_row(x, n);
             });
         } else if (mask->isBool()) {
             // As bytes: storage may hold some that are no valid bool.
-            softmax_rows<T, std::uint8_t>(scores, mask, [&](T score, std::uint8_t seen) {
+            masked_rows<T, std::uint8_t>(scores, causal, mask, [&](T score, std::uint8_t seen) {
                 return seen != 0 ? factor * score : -std::numeric_limits<T>::infinity();
             });
         } else {
-            softmax_rows<T, T>(scores, mask, [&](T score, T bias) { return factor * score + bias; });
+            masked_rows<T, T>(scores, causal, mask, [&](T score, T bias) { return factor * score + bias; });
         }
     });
 }

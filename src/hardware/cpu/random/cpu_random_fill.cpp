@@ -106,6 +106,25 @@ void uniform_parts(const std::uint64_t* words, std::int64_t parts, double* out, 
     }
 }
 
+// `yes` with the given probability, else `no`; the words taken are those of an element with parts of this type.
+template <typename Part, typename T>
+void binary(generator::Lease& source, Tensor* out, double probability, T no, T yes) {
+    constexpr std::int64_t per = per_word<Part>;
+    // Of the 32 or 53 bits that decide, seen as a whole number.
+    const auto limit = static_cast<std::uint64_t>(std::nearbyint(probability * (per == 2 ? 0x1p32 : 0x1p53)));
+    T* const data = static_cast<T*>(out->getRawData());
+    const std::int64_t size = out->Size();
+    draw_words(source, words_for<Part>(size), [=](const std::uint64_t* words, std::int64_t first, std::int64_t count) {
+        const T values[2] = {no, yes};
+        const std::int64_t place = first * per;
+        const std::int64_t items = std::min(count * per, size - place);
+        for (std::int64_t i = 0; i < items; ++i) {
+            const std::uint64_t bits = per == 2 ? (words[i / 2] >> (i % 2 * 32)) & low_half : words[i] >> 11;
+            data[place + i] = values[bits < limit ? 1 : 0];
+        }
+    });
+}
+
 // Real numbers that make up a tensor of T.
 template <typename T>
 std::int64_t part_count(const Tensor* t) {
@@ -143,22 +162,13 @@ void fill_uniform(generator::Lease& source, Tensor* out, double low, double high
 void fill_binary(generator::Lease& source, Tensor* out, double probability, double value) {
     dispatch(FloatOrComplexTypes{}, out->Dtype(), [&]<typename T>() {
         using Part = element::Coefficient<T>;
-        constexpr std::int64_t per = per_word<Part>;
-        // Of the 32 or 53 bits that decide, seen as a whole number.
-        const auto limit = static_cast<std::uint64_t>(std::nearbyint(probability * (per == 2 ? 0x1p32 : 0x1p53)));
-        const T values[2] = {T(0), T(static_cast<Part>(value))};
-        T* const data = static_cast<T*>(out->getRawData());
-        const std::int64_t size = out->Size();
-        draw_words(
-            source, words_for<Part>(size), [=](const std::uint64_t* words, std::int64_t first, std::int64_t count) {
-                const std::int64_t place = first * per;
-                const std::int64_t items = std::min(count * per, size - place);
-                for (std::int64_t i = 0; i < items; ++i) {
-                    const std::uint64_t bits = per == 2 ? (words[i / 2] >> (i % 2 * 32)) & low_half : words[i] >> 11;
-                    data[place + i] = values[bits < limit ? 1 : 0];
-                }
-            });
+        binary<Part>(source, out, probability, T(0), T(static_cast<Part>(value)));
     });
+}
+
+void fill_kept(generator::Lease& source, Tensor* out, std::int64_t dtype, double probability) {
+    dispatch(FloatOrComplexTypes{}, dtype,
+             [&]<typename T>() { binary<element::Coefficient<T>>(source, out, probability, false, true); });
 }
 
 }  // namespace ornik::device::cpu
