@@ -10,7 +10,8 @@
 
 namespace ornik {
 
-/// Number of elements of a shape, 1 for []. A product beyond 64 bits is reported as an error of `at`.
+/// Number of elements of a shape, 1 for []. A product beyond 64 bits is reported as an error of `at`; that of the other
+/// extents where some are 0, so that products over some of the axes fit as well.
 std::int64_t checked_numel(const Where& at, const Dims& shape);
 
 /// Refuses a negative extent.

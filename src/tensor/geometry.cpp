@@ -22,6 +22,11 @@ bool multiply_overflows(std::int64_t a, std::int64_t b, std::int64_t& result) {
     return false;
 }
 
+// For strides of what is refused by its element count, and of tensors without a storage, which may be anything.
+std::int64_t wrapping_product(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) * static_cast<std::uint64_t>(b));
+}
+
 bool add_overflows(std::int64_t a, std::int64_t b, std::int64_t& result) {
     if (b > 0 ? a > std::numeric_limits<std::int64_t>::max() - b : a < std::numeric_limits<std::int64_t>::min() - b) {
         return true;
@@ -34,15 +39,14 @@ bool add_overflows(std::int64_t a, std::int64_t b, std::int64_t& result) {
 
 std::int64_t checked_numel(const Where& at, const Dims& shape) {
     std::int64_t numel = 1;
-    if (std::find(shape.begin(), shape.end(), 0) != shape.end()) {
-        return 0;
-    }
+    bool is_empty = false;
     for (const std::int64_t extent : shape) {
-        if (multiply_overflows(numel, extent, numel)) {
+        is_empty = is_empty || extent == 0;
+        if (extent != 0 && multiply_overflows(numel, extent, numel)) {
             fail(at, "Too many elements for a tensor: shape ", shape, ".");
         }
     }
-    return numel;
+    return is_empty ? 0 : numel;
 }
 
 void check_extents(const Where& at, const Dims& shape) {
@@ -94,7 +98,7 @@ Dims view_strides(const Dims& shape, const Dims& strides, std::int64_t numel, co
         }
         Dims result(target.size(), 1);
         for (std::size_t i = target.size(); i-- > 1;) {
-            result[i - 1] = result[i] * std::max<std::int64_t>(target[i], 1);
+            result[i - 1] = wrapping_product(result[i], std::max<std::int64_t>(target[i], 1));
         }
         return result;
     }
@@ -107,14 +111,12 @@ Dims view_strides(const Dims& shape, const Dims& strides, std::int64_t numel, co
     std::int64_t view_numel = 1;
     for (std::size_t d = shape.size(); d-- > 0;) {
         chunk_numel *= shape[d];
-        if (d > 0 && (shape[d - 1] == 1 || strides[d - 1] == chunk_numel * chunk_base)) {
+        if (d > 0 && (shape[d - 1] == 1 || strides[d - 1] == wrapping_product(chunk_numel, chunk_base))) {
             continue;
         }
         while (open > 0 && (view_numel < chunk_numel || target[open - 1] == 1)) {
             --open;
-            // A target that does not fit may wrap here: its element count refuses it below.
-            result[open] = static_cast<std::int64_t>(static_cast<std::uint64_t>(view_numel) *
-                                                     static_cast<std::uint64_t>(chunk_base));
+            result[open] = wrapping_product(view_numel, chunk_base);
             if (multiply_overflows(view_numel, target[open], view_numel)) {
                 return {};
             }

@@ -78,6 +78,7 @@ std::unique_ptr<Tensor> view_or_null(const Tensor* t, const Dims& shape) {
 // New contiguous elements for a tensor that goes to `shape`; see reshape_ for fewer than two elements. What is there
 // to copy is counted by t's shape.
 std::unique_ptr<Tensor> elements_for(const Where& at, const Tensor* t, const Dims& shape, std::int64_t numel) {
+    check_operands(at, t);
     const std::int64_t present = checked_numel(at, t->Shape());
     if (numel == present) {
         return std::unique_ptr<Tensor>(t->clone());

@@ -176,6 +176,11 @@ std::vector<Call> catalogue() {
             DOES(copy_tensor(w.t.get(), w.a.get())), DOES(w.a->copy_from_(w.d.get())),
             DOES(w.t->CopyToTargetWithDtype(w.a.get(), dtype::float32, true)), DOES(w.t->fill_(3.0)),
             DOES(w.d->reshape_({24})), DOES(w.t->Print()),
+            DOES(w.a->updateShape({2, 12})), DOES(w.t->updateStrides({6, 1})), DOES(w.t->reshape_({24})),
+            DOES(w.a->initialize_none_tensor({3, 3, 3}, dtype::float64, 0, layout::dense)),
+            DOES(w.a->init_sparse_tensor({3, 3, 3}, dtype::float64, 0, layout::csr, {})),
+            DOES(w.a->init_none_tensor_with_shared_storage({2, 2, 2}, {0, 0, 1}, 6, 0, w.t->getStorage(), 0, 1)),
+            DOES(copy_tensor(w.t.get(), own(Tensor::zeros({}, 0, dtype::float32)).get())),
             // Views and reshaping.
             GIVES(Tensor::broadcast(w.bias.get(), w.channels.get())), GIVES(Tensor::broadcast_to(w.bias.get(), {5, 4})),
             GIVES(w.cube->permute({2, 0, 1})), GIVES(w.cube->view({2, 4, 6})), GIVES(w.cube->reshape({8, 6})),

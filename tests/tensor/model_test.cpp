@@ -262,6 +262,12 @@ TEST(State, RefusedUpdatesChangeNothing) {
     const auto initialise = [&](const Dims& shape) {
         return [&t, shape] { t.initialize_none_tensor(shape, 6, 0, 0); };
     };
+    expect_error(
+        [] {
+            Tensor().initialize_none_tensor({max64, 0, 2}, 6, 0, 0);
+        },
+        "Too many elements for a tensor: shape ( 9223372036854775807, 0, 2 ) .",
+        "ornik::Tensor::initialize_none_tensor", state_file);
     const std::string negative = "Extents can not be negative: shape ( -2, -3 ) ";
     refused(initialise({-2, -3}), negative, "initialize_none_tensor");
     refused([&] { t.init_tensor_without_alloc_data({-2, -3}, 6, 0, 0); }, negative, "init_tensor_without_alloc_data");

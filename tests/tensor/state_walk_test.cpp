@@ -186,7 +186,7 @@ class StateWalk {
 
     // Reads and writes that go by the shape, by the element count, or by both.
     void use(Tensor& t) {
-        if (!has_storage(t) || t.Size() > 1000) {
+        if (!has_storage(t) || std::max(t.Size(), numel_of(t.Shape())) > 1000) {
             return;
         }
         const auto made = [](Tensor* result) { delete result; };
