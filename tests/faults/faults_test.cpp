@@ -247,6 +247,7 @@ std::uint64_t used_memory() {
 // Calls `run` with its k-th allocation failing, k = 1, 2, ..., until it succeeds.
 void fail_every_allocation(const Call& call, Countdown& countdown, const std::function<void()>& before_each) {
     SCOPED_TRACE(call.name);
+    std::fprintf(stderr, "%s\n", call.name.c_str());
     for (std::int64_t k = 1; k < 2000; ++k) {
         before_each();
         const std::uint64_t used = used_memory();
