@@ -4,12 +4,14 @@ include(CMakePackageConfigHelpers)
 # What a program may include. Everything else under include/ is internal.
 set(ORNIK_PUBLIC_HEADERS
     apis/ornik.h
-    descriptors/packing.h
-    descriptors/selection.h
-    descriptors/tensor_descriptor.h
     descriptors/convol_fields.h
     descriptors/descriptor_conv2D.h
     descriptors/descriptor_convT2D.h
+    descriptors/packing.h
+    descriptors/selection.h
+    descriptors/step_parameters.h
+    descriptors/loss_terms.h
+    descriptors/tensor_descriptor.h
     export.h
     hardware/memory_config.h
     hardware/thread_config.h
@@ -17,6 +19,20 @@ set(ORNIK_PUBLIC_HEADERS
     io/npy.h
     io/npz.h
     io/safetensors.h
+    ktensor/activations.h
+    ktensor/arithmetic.h
+    ktensor/autograd.h
+    ktensor/convolutions.h
+    ktensor/elements.h
+    ktensor/files.h
+    ktensor/indexing.h
+    ktensor/ktensor.h
+    ktensor/losses.h
+    ktensor/networks.h
+    ktensor/normalizations.h
+    ktensor/products.h
+    ktensor/reductions.h
+    ktensor/shapes.h
     layers/conv/layer_conv.h
     layers/conv/layer_conv1D.h
     layers/conv/layer_conv2D.h
@@ -32,18 +48,22 @@ set(ORNIK_PUBLIC_HEADERS
     layers/layer.h
     layers/layer_activation.h
     layers/layer_dense.h
-    losses/binary_cross_entropy.h
     layers/layer_embedding.h
     layers/layer_pixel_shuffle.h
     layers/normalization/layer_batchnorm.h
     layers/normalization/layer_groupnorm.h
     layers/normalization/layer_layernorm.h
     layers/pool/layer_pool.h
+    losses/binary_cross_entropy.h
     losses/functions.h
     losses/loss.h
     losses/mean_squared_error.h
     losses/nll_loss.h
     losses/soft_cross_entropy.h
+    modules/initialization.h
+    modules/layers.h
+    modules/module.h
+    modules/optimizers.h
     optimizers/optimizers.h
     optimizers/steps.h
     ornik.h
@@ -51,15 +71,15 @@ set(ORNIK_PUBLIC_HEADERS
     tensor/broadcast.h
     tensor/dtype.h
     tensor/joins.h
-    tensor/nn/tensor_conv.h
-    tensor/scalar.h
     tensor/nn/attention.h
     tensor/nn/interpolate.h
     tensor/nn/packing.h
+    tensor/nn/tensor_conv.h
+    tensor/scalar.h
     tensor/slices.h
     tensor/tensor.h
-    tensor/tensor_math/linear_algebra.h
     tensor/tensor_math/indexing.h
+    tensor/tensor_math/linear_algebra.h
     tensor/tensor_math/matmul.h
     tensor/tensor_math/promotion.h
     tensor/tensor_math/reductions.h

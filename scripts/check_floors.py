@@ -7,9 +7,9 @@ import sys
 
 FLOORS = [  # The first pattern that fits decides.
     (r"python/", 10),
-    (r"modules/", 9),
+    (r"modules/|ornik\.h", 9),
     (r"ktensor/", 8),
-    (r"apis/|ornik\.h", 7),
+    (r"apis/", 7),
     (r"(layers|losses|optimizers|io)/", 6),
     (r"tensor/(tensor|tensor_meta|tensor_storage|broadcast|checks|dtype|geometry|scalar)\.h", 2),
     (r"tensor/", 5),

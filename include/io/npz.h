@@ -6,7 +6,7 @@
 // encryption, several disks, entries of one name, entries that share bytes, and sizes that do not agree.
 //
 // Stored entries are written at multiples of 64 bytes, so that reading can map them; archives of other writers are
-// often not aligned, and are then copied. Source of the format: the .ZIP File Format Specification.
+// often not aligned, and are then copied. Source of the format: APPNOTE.TXT 6.3.
 #pragma once
 
 #include <cstddef>

@@ -7,19 +7,11 @@
 
 #include <cstdint>
 
+#include "../descriptors/step_parameters.h"
 #include "../export.h"
 #include "../tensor/tensor.h"
 
 namespace ornik::nn {
-
-struct SgdParameters {
-    float lr = 0;
-    float momentum = 0;
-    float dampening = 0;
-    float weight_decay = 0;
-    bool nesterov = false;
-    bool first = false;  ///< the buffer holds nothing yet
-};
 
 /// Stochastic gradient descent whose momentum does not depend on lr, which may change between steps:
 ///
@@ -28,14 +20,6 @@ struct SgdParameters {
 ///
 /// Without momentum b is g, and the buffer null.
 ORNIK_API void sgd_step(Tensor* param, Tensor* grad, Tensor* buffer, const SgdParameters& parameters);
-
-struct RmspropParameters {
-    float lr = 0;
-    float alpha = 0.99F;
-    float eps = 1e-8F;
-    float momentum = 0;
-    float weight_decay = 0;
-};
 
 /// RMSprop:
 ///
@@ -48,36 +32,14 @@ struct RmspropParameters {
 ORNIK_API void rmsprop_step(Tensor* param, Tensor* grad, Tensor* square_avg, Tensor* mean, Tensor* buffer,
                             const RmspropParameters& parameters);
 
-struct AdamParameters {
-    float lr = 0;
-    float beta1 = 0.9F;
-    float beta2 = 0.999F;
-    float eps = 1e-8F;
-    float weight_decay = 0;
-    std::int32_t step = 1;  ///< counts from 1
-};
-
 /// adam_step of optimizers.h, with amsgrad where vmax is not null.
 ORNIK_API void adam_step(Tensor* param, Tensor* grad, Tensor* m, Tensor* v, Tensor* vmax,
                          const AdamParameters& parameters);
 /// adam_max_step
 ORNIK_API void adamax_step(Tensor* param, Tensor* grad, Tensor* m, Tensor* u, const AdamParameters& parameters);
 
-struct AdagradParameters {
-    float lr = 0;
-    float eps = 1e-10F;
-    float weight_decay = 0;
-};
-
 /// adam_grad_step
 ORNIK_API void adagrad_step(Tensor* param, Tensor* grad, Tensor* sum, const AdagradParameters& parameters);
-
-struct AdadeltaParameters {
-    float lr = 1;
-    float rho = 0.9F;
-    float eps = 1e-6F;
-    float weight_decay = 0;
-};
 
 /// adam_delta_step
 ORNIK_API void adadelta_step(Tensor* param, Tensor* grad, Tensor* square_avg, Tensor* acc_delta,

@@ -247,7 +247,8 @@ std::string header_text(const FilePlace& file, const std::vector<const TensorEnt
         const bool is_complex = t->Dtype() == dtype::complex128;
         std::string shape;
         for (const std::int64_t extent : t->Shape()) {
-            shape += (shape.empty() ? "" : ",") + std::to_string(extent);
+            shape += shape.empty() ? "" : ",";
+            shape += std::to_string(extent);
         }
         if (is_complex) {
             shape += shape.empty() ? "2" : ",2";
@@ -255,18 +256,21 @@ std::string header_text(const FilePlace& file, const std::vector<const TensorEnt
         }
         const std::int64_t end = begin + t->Size() * t->itemsize();
         const FileDtype& type = file_dtype(is_complex ? dtype::float64 : t->Dtype());
-        entries += "," + json_text(entry->name) + ":{\"dtype\":\"" + std::string(type.safetensors) + "\",\"shape\":[" +
+        entries += ',';
+        entries += json_text(entry->name) + ":{\"dtype\":\"" + std::string(type.safetensors) + "\",\"shape\":[" +
                    shape + "],\"data_offsets\":[" + std::to_string(begin) + "," + std::to_string(end) + "]}";
         begin = end;
     }
     std::string texts;
     for (const auto& [key, text] : metadata) {
-        texts += (texts.empty() ? "" : ",") + json_text(key) + ":" + json_text(text);
+        texts += texts.empty() ? "" : ",";
+        texts += json_text(key) + ":" + json_text(text);
     }
     if (!metadata.empty()) {
-        entries = "," + json_text(metadata_name) + ":{" + texts + "}" + entries;
+        entries.insert(0, std::string(",") + json_text(metadata_name) + ":{" + texts + "}");
     }
-    std::string header = "{" + entries.substr(entries.empty() ? 0 : 1) + "}";
+    std::string header = "{";
+    header.append(entries, entries.empty() ? 0 : 1).push_back('}');
     header.append((prefix_size - header.size() % prefix_size) % prefix_size, ' ');
     if (header.size() > longest_header) {
         fail(file.at(), file.text(), "a header of ", header.size(), " bytes; at most ", longest_header,

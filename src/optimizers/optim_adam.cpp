@@ -1,6 +1,7 @@
 // optim_adam.cpp: Adam and AdamW, one step with and without decay.
 #include "adam_step_with_grad.h"
 #include "optimizers/optimizers.h"
+#include "optimizers/steps.h"
 #include "step_checks.h"
 
 namespace ornik {

@@ -1,5 +1,6 @@
 #include "hardware/cpu/nn/cpu_optimizers.h"
 #include "optimizers/optimizers.h"
+#include "optimizers/steps.h"
 #include "step_checks.h"
 
 namespace ornik {

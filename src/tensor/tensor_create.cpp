@@ -105,7 +105,9 @@ void Tensor::fill_(double value) { fill_with_(value); }
 void Tensor::fill_with_(const Scalar& value) {
     const Where at = where("ornik::Tensor::fill_with_");
     check_fill_value(at, value, dtype_);
-    announce_write(at, this);
+    if (is_dense()) {
+        announce_write(at, this);
+    }  // The engine refuses the others, in its own words.
     device::cpu::fill(this, value);
 }
 

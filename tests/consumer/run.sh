@@ -28,6 +28,17 @@ flags=$(PKG_CONFIG_PATH="$package" pkg-config --cflags --libs ornik)
 "$cxx" -std=c++20 "$work/source/main.cpp" $flags -Wl,-rpath,"$package/.." -o "$work/by_pkg_config"
 "$work/by_pkg_config" | diff - "$work/expected"
 
+# The guide's blocks are one program.
+{
+    printf '#include <%s>\n' ornik.h cstdio iostream
+    echo 'using namespace ornik; int main() {'
+    awk '/^```cpp/ {on = 1; next} /^```/ {on = 0} on' "$source_tree/docs/guide.md"
+    echo 'return curvature.item<double>() == 18 && first == 1 && total == 6 ? 0 : 1; }'
+} >"$work/guide.cpp"
+# shellcheck disable=SC2086
+"$cxx" -std=c++20 "$work/guide.cpp" $flags -Wl,-rpath,"$package/.." -o "$work/guide"
+(cd "$work" && ./guide >/dev/null)
+
 # The version rule follows the SONAME: 0.1.0 serves whoever asks for 0.1, and nobody who asks for 0.2.
 soname=$(readelf -d "$package/../libornik.so" | sed -n 's/.*SONAME.*\[libornik\.so\.\(.*\)\]/\1/p')
 for version in "$soname" "$(awk -F. -v OFS=. '{$NF += 1} 1' <<<"$soname")"; do

@@ -1,5 +1,6 @@
 // The k-th allocation fails, for every k until a call succeeds: operator new first, then the pool's device. After each
 // failure the operands hold what they held, nothing is lost, and the same call still works.
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -182,7 +183,7 @@ std::vector<Call> catalogue() {
             DOES(w.a->set_select_ndim_grad(w.bias.get(), {"1", "1:5"})), GIVES(index_select(w.t.get(), 0, w.v.get())),
             GIVES(gather(w.t.get(), 1, w.s.get())),
             GIVES(scatter(w.a.get(), 1, w.s.get(), own(w.s->astype(dtype::float32)).get())),
-            DOES(scatter_add_(w.a.get(), 1, w.s.get(), w.t.get())),
+            DOES(scatter_add_(w.a.get(), 1, w.s.get(), own(Tensor::ones({4, 2}, 0, dtype::float32)).get())),
             DOES(index_add_(w.a.get(), 0, w.v.get(), own(w.t->select_ndim({"0:3"})).get())),
             GIVES(index_get(w.t.get(), {w.v.get(), w.v.get()})), GIVES(index_get(w.a.get(), {w.m.get()})),
             DOES(index_put_(w.a.get(), {w.v.get(), nullptr}, own(w.up->select_ndim({"0:3"})).get(), true)),
@@ -223,9 +224,8 @@ std::vector<Call> catalogue() {
             LAYER(_Dense(4, true, ""),
                   forward_dyn(own(w.up->select_ndim_without_copy({":", "0:4"})).get(), w.bias.get(), w.t.get())),
             LAYER(_Activation("gelu", {}, ""), forward_dyn(w.t.get())),
-            LAYER(_BatchNormalization(true, 0.1F, 1e-5F, ""),
-                  forward_dyn(w.channels.get(), w.bias.get(), w.image.get(), true, w.running[0].get(),
-                              w.running[1].get())),
+            DOES(const std::unique_ptr<Layer> norm(_BatchNormalization(true, 0.1F, 1e-5F, "")); drop(norm->forward_dyn(
+                w.channels.get(), w.bias.get(), w.image.get(), true, w.running[0].get(), w.running[1].get()))),
             LAYER(_GroupNormalization(2, 4, true, 1e-5F, ""),
                   forward_dyn(w.channels.get(), w.bias.get(), w.image.get(), true)),
             LAYER(_MaxPool2D({2, 2}, {2, 2}, std::vector<int>{0, 0}, ""), forward_dyn(w.image.get())),
@@ -291,7 +291,10 @@ class Faults : public testing::Test {
     }
     ~Faults() override {
         AllocatorConfig::Get().cpu_pool()->DumpDynamicMemPoolInfo();
-        testing::internal::GetCapturedStdout();
+        const std::string text = testing::internal::GetCapturedStdout();
+        if (HasFailure()) {
+            std::fputs(text.c_str(), stderr);  // What failed stands between the dumps.
+        }
     }
 };
 

@@ -202,7 +202,7 @@ TEST(Pool, RefusesWhatNoDeviceHasAfterTheLastStepLikeAnyRequest) {
             pool.refuses_free = refuses_free;
             testing::internal::CaptureStdout();
             expect_error(
-                [&] { pool.AllocTensorMem(bytes); },
+                [&, request = bytes] { pool.AllocTensorMem(request); },
                 std::string("Memory not enough: alloc size[0]MB is smaller than required size[") + mebibytes + "]MB.",
                 "AllocTensorMem", pool_file);
             EXPECT_NE(testing::internal::GetCapturedStdout(), "");

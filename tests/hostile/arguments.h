@@ -9,8 +9,8 @@
 #include <map>
 #include <sstream>
 
-#include "ornik.h"
 #include "support/tensors.h"
+#include "tensor_headers.h"
 
 namespace ornik::test {
 
@@ -23,6 +23,7 @@ class Picks {
         choices_.push_back(choices);
         return place < values_.size() ? values_[place] % choices : 0;
     }
+    const std::vector<std::size_t>& values() const { return values_; }
     const std::vector<std::size_t>& choices() const { return choices_; }
 
   private:

@@ -70,6 +70,39 @@ void add_operation_calls(CallTable& table);
 /// Layers, losses, optimizers, and their factories.
 void add_network_calls(CallTable& table);
 
+/// What a call came to: the text of its refusal, empty when it worked, and what is wrong with it. Anything but a
+/// library error with a text is a fault, and so is a write that was not announced or not to be expected.
+struct CallOutcome {
+    std::string refusal;
+    std::string fault;
+};
+
+inline CallOutcome run_call(const CallRow& row, World& world) {
+    CallOutcome outcome;
+    try {
+        row.call(world);
+    } catch (const std::runtime_error& error) {
+        outcome.refusal = error.what();
+        outcome.fault = outcome.refusal.empty() ? "an error without a text" : "";
+    } catch (const std::exception& error) {
+        outcome.refusal = error.what();
+        // A selection item without a number that fits.
+        const bool expected =
+            outcome.refusal == "invalid stoi argument" || outcome.refusal == "stoi argument out of range";
+        outcome.fault = expected ? "" : outcome.refusal;
+    }
+    for (const World::Operand& operand : world.operands) {
+        const bool written = operand.storage && operand.storage->version() != operand.version;
+        const bool may_be = std::any_of(world.operands.begin(), world.operands.end(), [&](const World::Operand& other) {
+            return other.mark != ' ' && other.storage == operand.storage;
+        });
+        if (written && !(may_be && outcome.refusal.empty())) {
+            outcome.fault = "wrote to an operand. " + outcome.refusal;
+        }
+    }
+    return outcome;
+}
+
 inline const std::vector<CallRow>& call_rows() {
     static const CallTable table = [] {
         CallTable all;

@@ -6,6 +6,10 @@ namespace {
 
 void make_packing(const Dims& lengths) { const Packing made(lengths); }
 
+void write_npy(const Tensor* t) { npy_to_bytes(t); }
+void write_npz(const Tensor* t) { npz_to_bytes({{"t", t}}); }
+void write_safetensors(const Tensor* t) { safetensors_to_bytes({{"t", t}}); }
+
 // A descriptor serves one forward call, and its copies none.
 Tensor* convolve(Tensor* weight, Tensor* bias, Tensor* input) {
     ConvolDescriptor descriptor({4, 1, 1}, {1, 1}, {0, 0}, "custom", {1, 1}, 1);
@@ -25,11 +29,17 @@ void build(const Tensor* input, const Tensor* weight, Descriptor descriptor) {
 }  // namespace
 
 void add_operation_calls(CallTable& table) {
-    ORNIK_CALLS("x", sum, prod, mean, l2_norm, var, std_dev, logsumexp, ornik::max, ornik::min, argmax, argmin, median,
-                any, all, cumsum, cumprod, softmax, log_softmax, cumsum_grad, cumprod_grad, softmax_grad,
-                log_softmax_grad)
-    ORNIK_CALLS("ox", sum_grad, prod_grad, mean_grad, l2_norm_grad, var_grad, std_dev_grad, logsumexp_grad, max_grad,
-                min_grad, median_grad)
+    ORNIK_CALLS("x", sum, prod, mean, l2_norm, logsumexp, ornik::max, ornik::min, argmax, argmin, median, any, all,
+                cumsum, cumprod, softmax, log_softmax, cumsum_grad, cumprod_grad, softmax_grad, log_softmax_grad)
+    ORNIK_CALLS("ox", sum_grad, prod_grad, mean_grad, l2_norm_grad, logsumexp_grad, max_grad, min_grad, median_grad)
+    using Spread = Tensor* (*)(Tensor*, const std::vector<int>&, bool, double);
+    using SpreadGrad = Tensor* (*)(Tensor*, Tensor*, const std::vector<int>&, bool, double);
+    ORNIK_OVERLOAD("x", Spread, ornik::var)
+    ORNIK_OVERLOAD("x", Spread, ornik::std_dev)
+    ORNIK_OVERLOAD("x", Spread, ornik::std)
+    ORNIK_OVERLOAD("ox", SpreadGrad, ornik::var_grad)
+    ORNIK_OVERLOAD("ox", SpreadGrad, ornik::std_dev_grad)
+    ORNIK_OVERLOAD("ox", SpreadGrad, ornik::std_grad)
     ORNIK_CALLS("x|0,0,1", trace)
     ORNIK_CALLS("ox|0,0,1", trace_grad)
     ORNIK_CALLS("x", ornik::sort, argsort, topk, unique, searchsorted)
@@ -71,7 +81,7 @@ void add_operation_calls(CallTable& table) {
     ORNIK_CALLS("svsvsvsvtttt", multi_head_attention_grad)
     ORNIK_CALLS("q", interpolate)
     ORNIK_CALLS("q|9", interpolate_grad)
-    ORNIK_CALLS("x", make_packing)
+    ORNIK_CALLS("x", make_packing, write_npy, write_npz, write_safetensors)
     ORNIK_CALLS("t", pack_sequences, unpack_sequences_grad)
     ORNIK_CALLS("F|0,3,0", pack_sequences_grad, unpack_sequences)
     ORNIK_CALLS("jCq|1", convolve, convolve_transposed)

@@ -168,26 +168,27 @@ TEST(Reductions, LongOnesAreAccurateAndTheSameUnderAnyTeam) {
     }
 }
 
-// Every order of axes in memory, with gaps and repeated elements, reduced over every set of axes.
+// Every order of axes in memory, with gaps and with elements that stand for many, reduced over sets of axes.
 TEST(Reductions, BitsDependOnTheElementsAlone) {
-    const Dims shapes[] = {{5, 3, 1, 301}, {130, 9, 2, 4}, {2, 2200, 3, 2}};
-    for_types(TypeList<float, double, Complex<float>, std::int8_t>{}, [&]<typename T>() {
+    const Dims shapes[] = {{5, 3, 1, 301}, {130, 9, 2, 4}, {2, 2100, 3, 2}};
+    unsigned round = 0;
+    for_types(TypeList<float, double, Complex<float>>{}, [&]<typename T>() {
         for (const Dims& shape : shapes) {
             std::vector<int> order{0, 1, 2, 3};
             do {
                 Dims memory;
                 for (const int axis : order) {
-                    memory.push_back(2 * shape[static_cast<std::size_t>(axis)]);  // Every other element of each axis.
+                    memory.push_back(shape[static_cast<std::size_t>(axis)] + (axis == order[3] ? 0 : 1));
                 }
                 const TensorPtr whole = random_tensor(memory, dtype_code<T>, 7);
                 Dims strides(4);
                 for (std::size_t i = 0; i < 4; ++i) {
-                    strides[static_cast<std::size_t>(order[i])] = 2 * whole->Strides()[i];
+                    strides[static_cast<std::size_t>(order[i])] = whole->Strides()[i];
                 }
                 strides[1] = order[0] == 1 ? 0 : strides[1];
                 const TensorPtr t(share_storage_tensor(whole->getStorage(), shape, strides, dtype_code<T>, 0));
                 const TensorPtr dense(t->clone());
-                for (unsigned set = 1; set < 16; set += order[3] == 3 ? 1 : 5) {
+                for (unsigned set = 1 + round++ % 5; set < 16; set += 5) {
                     Axes axes;
                     for (int axis = 0; axis < 4; ++axis) {
                         if ((set >> axis & 1U) != 0) {
@@ -195,9 +196,7 @@ TEST(Reductions, BitsDependOnTheElementsAlone) {
                         }
                     }
                     for (const Row& row : rows) {
-                        const bool real = !t->isComplexType();
-                        if ((row.float_only && !t->isFloat()) || (!real && row.kind != Kind::total) ||
-                            row.reduce == static_cast<Reduction>(median)) {
+                        if ((t->isComplexType() && row.kind != Kind::total) || row.kind == Kind::truth) {
                             continue;
                         }
                         ASSERT_EQ(bytes_of(TensorPtr(row.reduce(t.get(), axes, false))),
@@ -216,13 +215,25 @@ TEST(Reductions, BitsDependOnTheElementsAlone) {
 
 // The correction comes last, and a number in the place of keep_dims does not compile.
 template <typename Third>
-constexpr bool takes = requires(Tensor* x, Third third) {
+constexpr int served_with = requires(Tensor* x, Third third) {
     var(x, {0}, third);
+}
++ requires(Tensor* x, Third third) {
     std_dev(x, {0}, third);
+}
++ requires(Tensor* x, Third third) {
     ornik::std(x, {0}, third);
+}
++ requires(Tensor* x, Third third) {
     var_grad(x, x, {0}, third);
+}
++ requires(Tensor* x, Third third) {
+    std_dev_grad(x, x, {0}, third);
+}
++ requires(Tensor* x, Third third) {
+    std_grad(x, x, {0}, third);
 };
-static_assert(takes<bool> && !takes<double> && !takes<int>);
+static_assert(served_with<bool> == 6 && served_with<double> == 0 && served_with<int> == 0);
 
 TEST(Reductions, ErrorOfASumGrowsSlowly) {
     const std::int64_t n = 3'000'000;  // About 2 to the power 22: as many roundings of half a unit.

@@ -7,7 +7,8 @@
 
 #include <optional>
 
-#include "../../../losses/functions.h"
+#include "../../../descriptors/loss_terms.h"
+#include "../../../tensor/tensor.h"
 
 namespace ornik::device::cpu {
 

@@ -4,7 +4,8 @@
 // states are null.
 #pragma once
 
-#include "../../../optimizers/steps.h"
+#include "../../../descriptors/step_parameters.h"
+#include "../../../tensor/tensor.h"
 
 namespace ornik::device::cpu {
 

@@ -38,7 +38,7 @@ namespace ornik::device::cpu {
 inline constexpr std::int64_t reduce_chunk = 2048;    // items of a row
 inline constexpr std::int64_t reduce_rows = 128;      // rows of a chunk of columns
 inline constexpr std::int64_t reduce_columns = 4096;  // results that advance together
-inline constexpr std::int64_t reduce_across = 256;    // the same, where each has several partial results
+inline constexpr std::int64_t reduce_across = 1024;   // the same, where each has several partial results
 inline constexpr std::int64_t reduce_staged = 32;     // the same, where elements are collected first
 inline constexpr std::int64_t reduce_grain = 32768;   // items worth a second thread
 
@@ -223,22 +223,42 @@ struct Fold {
             columns(rows, n, cols, 0, states);
             return;
         }
-        State lane[lanes][reduce_across];
-        for (std::int64_t i = 0; i < n; ++i) {
+        // Partial results of all columns, lane by lane; several rows of a lane at a time save passes over them.
+        std::vector<State> partial(static_cast<std::size_t>(lanes * cols));
+        const auto lane = [&](std::int64_t i) { return partial.data() + i % lanes * cols; };
+        const auto join_row = [&](std::int64_t i, std::int64_t begin, std::int64_t end) {
             const Item* row = rows[i];
-            State* sums = lane[i % lanes];
-            for (std::int64_t j = 0; j < cols; ++j) {
-                sums[j] = i < lanes ? Rule::lift(row[j]) : Rule::join(sums[j], Rule::lift(row[j]));
+            State* sums = lane(i);
+            for (std::int64_t j = begin; j < end; ++j) {
+                sums[j] = Rule::join(sums[j], Rule::lift(row[j]));
             }
+        };
+        for (std::int64_t i = 0; i < lanes; ++i) {
+            std::transform(rows[i], rows[i] + cols, lane(i), Rule::lift);
         }
-        for (std::int64_t width = lanes / 2; width > 0; width /= 2) {
-            for (std::int64_t i = 0; i < width; ++i) {
-                for (std::int64_t j = 0; j < cols; ++j) {
-                    lane[i][j] = Rule::join(lane[i][j], lane[i + width][j]);
+        // Some rows of a lane at a time, block by block: the lane's partial results stay in the nearest cache.
+        constexpr std::int64_t together = 4;
+        constexpr std::int64_t block = 256;
+        std::int64_t first = lanes;
+        for (; first + together * lanes <= n; first += together * lanes) {
+            for (std::int64_t i = first; i < first + lanes; ++i) {
+                for (std::int64_t begin = 0; begin < cols; begin += block) {
+                    for (std::int64_t k = 0; k < together; ++k) {
+                        join_row(i + k * lanes, begin, std::min(cols, begin + block));
+                    }
                 }
             }
         }
-        std::copy_n(lane[0], cols, states);
+        for (; first < n; ++first) {
+            join_row(first, 0, cols);
+        }
+        for (std::int64_t width = lanes / 2; width > 0; width /= 2) {
+            for (std::int64_t j = 0; j < width * cols; ++j) {
+                partial[static_cast<std::size_t>(j)] = Rule::join(partial[static_cast<std::size_t>(j)],
+                                                                  partial[static_cast<std::size_t>(j + width * cols)]);
+            }
+        }
+        std::copy_n(partial.data(), cols, states);
     }
 
     static void combine(State& a, const State& b) { a = Rule::join(a, b); }

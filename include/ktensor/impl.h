@@ -1,0 +1,95 @@
+// impl.h: what stands behind a KTensor handle. Internal.
+//
+//     KTensor -> Impl -> Data -> Tensor       the elements
+//                     -> Node                 the operation they came from, if it is remembered (node.h)
+//                     -> GradState            the gradient, of those who ask for one
+//
+// Nodes save Data, never Impl: what is saved leads to no node, so a saved result makes no cycle.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "../tensor/tensor.h"
+#include "ktensor.h"
+#include "ref.h"
+
+namespace ornik::autograd {
+
+struct Node;
+void add_count(Node* node) noexcept;
+void drop_count(Node* node) noexcept;
+
+struct Data {
+    explicit Data(std::unique_ptr<Tensor> t) : tensor(std::move(t)) {}
+
+    std::atomic<std::uint32_t> references{1};
+    std::unique_ptr<Tensor> tensor;
+};
+inline void destroy(Data* data) noexcept { delete data; }
+
+using Hook = std::function<KTensor(const KTensor&)>;
+
+/// Hooks by number, in the order of their registration.
+struct HookList {
+    std::vector<std::pair<std::int64_t, Hook>> hooks;
+    std::int64_t next = 0;
+};
+
+/// The gradient of a leaf, or of a result that keeps its own.
+struct GradState {
+    std::atomic<std::uint32_t> references{1};
+    std::mutex lock;  // guards the gradient: graphs of several threads may end in one leaf
+    KTensor gradient;
+    HookList hooks;
+};
+inline void destroy(GradState* state) noexcept { delete state; }
+
+struct Impl {
+    explicit Impl(Ref<Data> elements) : data(std::move(elements)) {}
+
+    std::atomic<std::uint32_t> references{1};
+    std::uint32_t output = 0;  // which of the node's outputs this is
+    std::uint32_t seen = 0;    // recorded writes to the storage when this handle's view of it was right
+    bool leaf_wants_grad = false;
+    bool detached = false;  // asks for values alone: recorded writes through others do not matter
+    bool keeps_grad = false;
+    Ref<Data> data;
+    Ref<Node> node;
+    Ref<GradState> state;
+};
+inline void destroy(Impl* impl) noexcept { delete impl; }
+
+/// A new tensor without a past. `tensor` is not null.
+KTensor make_ktensor(std::unique_ptr<Tensor> tensor);
+KTensor make_ktensor(Ref<Data> data);
+inline KTensor make_ktensor(Tensor* tensor) { return make_ktensor(std::unique_ptr<Tensor>(tensor)); }
+
+/// Writes to the storage so far, and recorded ones; 0 without a storage.
+inline std::uint32_t version_of(const Tensor& tensor) {
+    const auto& meta = tensor.getMeta();
+    return meta && meta->getStorage() ? meta->getStorage()->version() : 0;
+}
+inline std::uint32_t recorded_version_of(const Tensor& tensor) {
+    const auto& meta = tensor.getMeta();
+    return meta && meta->getStorage() ? meta->getStorage()->recorded_version() : 0;
+}
+
+/// Nobody else holds the elements, and every one has a place of its own in row-major order: they may be changed.
+bool is_sole_owner(const KTensor& tensor);
+
+/// An uninitialised row-major tensor, of any number of elements.
+std::unique_ptr<Tensor> empty_tensor(const Dims& shape, std::int64_t dtype);
+/// A row-major copy, of any number of elements.
+std::unique_ptr<Tensor> copy_of(const Tensor& tensor);
+
+/// "[2, 3] float32"
+std::string describe(const KTensor& tensor);
+std::string describe(const Dims& shape, std::int64_t dtype);
+
+}  // namespace ornik::autograd

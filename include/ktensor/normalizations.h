@@ -1,0 +1,24 @@
+// normalizations.h: normalizations. First derivatives.
+//
+// y = (x - mean) / sqrt(variance + eps) * weight + bias, with the biased variance. Weight and bias may be undefined: 1
+// and 0. float32 and float64, one dtype throughout.
+#pragma once
+
+#include "ktensor.h"
+
+namespace ornik {
+
+/// x [N, C, ...] by the statistics of each channel, or, not in training, by the running ones (undefined: by its own).
+/// In training the running statistics, if defined, move: (1 - momentum) running + momentum batch, with the unbiased
+/// variance; not while a checkpoint is recomputed.
+[[nodiscard]] ORNIK_API KTensor batch_norm(const KTensor& x, KTensor running_mean, KTensor running_variance,
+                                           const KTensor& weight, const KTensor& bias, bool training,
+                                           double momentum = 0.1, double eps = 1e-5);
+/// By the statistics of the last axes, whose extents are `normalized_shape`; weight and bias have that shape.
+[[nodiscard]] ORNIK_API KTensor layer_norm(const KTensor& x, const Dims& normalized_shape, const KTensor& weight,
+                                           const KTensor& bias, double eps = 1e-5);
+/// x [N, C, ...] by the statistics of each sample's groups of C / groups channels; weight and bias are [C].
+[[nodiscard]] ORNIK_API KTensor group_norm(const KTensor& x, std::int64_t groups, const KTensor& weight,
+                                           const KTensor& bias, double eps = 1e-5);
+
+}  // namespace ornik

@@ -1,0 +1,104 @@
+// module.h: parts of networks, with the parameters they own.
+//
+//     struct Network : ornik::Module {
+//         Part<Linear> hidden = add("hidden", Linear(784, 128));
+//         Part<Linear> scores = add("scores", Linear(128, 10));
+//         KTensor forward(const KTensor& x) override { return scores(relu(hidden(flatten(x, 1)))); }
+//     };
+//
+// A module is a handle to nothing: it owns its parameters and shares its parts (Part), so that it can be moved, and it
+// is not copied. Parameters are named by the way to them, "hidden.weight", in the order of their registration, own ones
+// before those of parts; these names and the layouts of the parameters are those of the large frameworks, so that their
+// checkpoints fit.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "../ktensor/files.h"
+#include "../ktensor/ktensor.h"
+
+namespace ornik {
+
+/// A part of a module, called like a function; the module and its Part name the same object.
+template <typename M>
+class Part {
+  public:
+    explicit Part(std::shared_ptr<M> module) : module_(std::move(module)) {}
+    M* operator->() const { return module_.get(); }
+    M& operator*() const { return *module_; }
+    template <typename... Arguments>
+    auto operator()(Arguments&&... arguments) const {
+        return module_->forward(std::forward<Arguments>(arguments)...);
+    }
+
+  private:
+    std::shared_ptr<M> module_;
+};
+
+class ORNIK_API Module {
+  public:
+    virtual ~Module();
+    Module(const Module&) = delete;
+    Module& operator=(const Module&) = delete;
+    Module(Module&&) noexcept;
+    Module& operator=(Module&&) noexcept;
+
+    /// Of modules from one tensor to one; others have a `forward` of their own and refuse this one.
+    virtual KTensor forward(const KTensor& x);
+    KTensor operator()(const KTensor& x) { return forward(x); }
+
+    /// Every parameter and, with `buffers`, everything else that belongs to the state (running statistics). A parameter
+    /// that two parts share stands here under its first name alone.
+    [[nodiscard]] NamedTensors named_parameters() const;
+    [[nodiscard]] NamedTensors named_buffers() const;
+    [[nodiscard]] std::vector<KTensor> parameters() const;
+    /// The number of elements of all parameters.
+    [[nodiscard]] std::int64_t parameter_count() const;
+
+    /// Parameters and buffers, shared ones under every name: what a checkpoint holds.
+    [[nodiscard]] NamedTensors state() const;
+    /// Copies values into parameters and buffers, converted to their dtypes. Names that are missing, surplus (unless
+    /// not `strict`) or of another shape are all listed in one error, and nothing is changed.
+    void load_state(const NamedTensors& values, bool strict = true);
+
+    /// Whether layers such as dropout and batch normalization act as in training; true at first.
+    void train(bool on = true);
+    void eval() { train(false); }
+    [[nodiscard]] bool is_training() const { return training_; }
+    /// Drops the parameters' gradients.
+    void zero_grad();
+    /// Turns parameters and buffers of floating dtypes into another one. Gradients are dropped.
+    void to(std::int64_t dtype);
+    /// Calls it for every module below, then for this one.
+    void apply(const std::function<void(Module&)>& function);
+
+  protected:
+    Module() = default;
+    /// Registers a leaf that asks for gradients; undefined stays out of every list. Returns it.
+    KTensor add_parameter(const std::string& name, KTensor value);
+    KTensor add_buffer(const std::string& name, KTensor value);
+    /// Registers a module under a name without points.
+    template <typename M>
+    Part<M> add(const std::string& name, M&& module) {
+        auto shared = std::make_shared<std::remove_cvref_t<M>>(std::move(module));
+        add_part(name, shared);
+        return Part<std::remove_cvref_t<M>>(std::move(shared));
+    }
+    void add_part(const std::string& name, std::shared_ptr<Module> part);
+
+  private:
+    enum class What { parameters, buffers };
+    void collect(const std::string& prefix, What what, bool repeated, NamedTensors& result) const;
+    void check_name(const std::string& name) const;
+
+    bool training_ = true;
+    NamedTensors parameters_;
+    NamedTensors buffers_;
+    std::vector<std::pair<std::string, std::shared_ptr<Module>>> parts_;
+};
+
+}  // namespace ornik

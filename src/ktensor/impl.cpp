@@ -1,0 +1,59 @@
+// impl.cpp: the handle's shared state.
+#include "ktensor/impl.h"
+
+#include "ktensor/node.h"
+#include "tensor/make_tensor.h"
+
+namespace ornik::autograd {
+
+void retain(Impl* impl) noexcept { impl->references.fetch_add(1, std::memory_order_relaxed); }
+
+void release(Impl* impl) noexcept { Ref<Impl>::drop(impl); }
+
+KTensor make_ktensor(Ref<Data> data) {
+    const std::uint32_t seen = recorded_version_of(*data->tensor);
+    auto* impl = new Impl(std::move(data));
+    impl->seen = seen;
+    return KTensor::adopt(impl);
+}
+
+KTensor make_ktensor(std::unique_ptr<Tensor> tensor) {
+    return make_ktensor(Ref<Data>::adopt(new Data(std::move(tensor))));
+}
+
+bool is_sole_owner(const KTensor& tensor) {
+    const Impl* impl = tensor.impl();
+    if (impl->references.load(std::memory_order_acquire) != 1 || impl->node ||
+        impl->data->references.load(std::memory_order_acquire) != 1) {
+        return false;
+    }
+    const Tensor& elements = *impl->data->tensor;
+    return elements.is_dense() && elements.getMeta() && elements.getMeta()->getStorage().use_count() == 1 &&
+           !elements.getMeta()->getStorage()->read_only() && elements.is_contiguous();
+}
+
+std::unique_ptr<Tensor> empty_tensor(const Dims& shape, std::int64_t dtype) { return make_tensor(shape, dtype); }
+
+std::unique_ptr<Tensor> copy_of(const Tensor& tensor) {
+    std::unique_ptr<Tensor> copy = make_tensor(tensor.Shape(), tensor.Dtype());
+    if (tensor.Size() != 0) {
+        copy_tensor(&tensor, copy.get());
+    }
+    return copy;
+}
+
+std::string describe(const Dims& shape, std::int64_t dtype) {
+    std::string text = "[";
+    for (std::size_t i = 0; i < shape.size(); ++i) {
+        text += (i == 0 ? "" : ", ") + std::to_string(shape[i]);
+    }
+    text += "] ";
+    text += is_valid_dtype(dtype) ? detail::dtype_table[static_cast<std::size_t>(dtype)].name : "unknown";
+    return text;
+}
+
+std::string describe(const KTensor& tensor) {
+    return tensor.defined() ? describe(tensor.shape(), tensor.dtype()) : "undefined";
+}
+
+}  // namespace ornik::autograd

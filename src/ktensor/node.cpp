@@ -1,0 +1,55 @@
+// node.cpp: the life of a node.
+#include "ktensor/node.h"
+
+namespace ornik::autograd {
+
+namespace {
+
+// Nodes hold nodes: destroying one inside another's destructor would take a stack frame for each operation of a
+// program. Whoever drops a last count puts the node on its thread's list; the first one to do so empties the list.
+thread_local Node* doomed = nullptr;
+thread_local bool draining = false;
+
+thread_local std::uint64_t clock = 0;
+
+}  // namespace
+
+void add_count(Node* node) noexcept { node->references.fetch_add(1, std::memory_order_relaxed); }
+
+void drop_count(Node* node) noexcept {
+    if (node->references.fetch_sub(1, std::memory_order_acq_rel) != 1) {
+        return;
+    }
+    node->next = doomed;
+    doomed = node;
+    if (draining) {
+        return;
+    }
+    draining = true;
+    while (doomed != nullptr) {
+        Node* last = doomed;
+        doomed = last->next;
+        last->~Node();
+        ::operator delete(last);
+    }
+    draining = false;
+}
+
+Node::~Node() {
+    std::destroy_n(saved_, saved_count);
+    std::destroy_n(edges_, edge_count);
+}
+
+void Node::release_saved() {
+    released = true;
+    for (Saved& value : saved()) {
+        value.data = nullptr;
+    }
+}
+
+std::uint64_t next_sequence(std::uint64_t least) noexcept {
+    clock = std::max(clock, least) + 1;
+    return clock;
+}
+
+}  // namespace ornik::autograd

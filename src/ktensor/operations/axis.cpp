@@ -1,0 +1,138 @@
+// axis.cpp: running sums, softmax and order along one axis, and their gradients.
+#include "ktensor/arithmetic.h"
+#include "ktensor/axes.h"
+#include "ktensor/elements.h"
+#include "ktensor/indexing.h"
+#include "ktensor/record.h"
+#include "ktensor/reductions.h"
+#include "ktensor/shapes.h"
+#include "tensor/tensor_math/reductions.h"
+#include "tensor/tensor_math/sorting.h"
+
+namespace ornik {
+
+using autograd::Backward;
+using autograd::make_ktensor;
+using autograd::Op;
+using autograd::Recorder;
+
+KTensor cumsum(const KTensor& x, int axis) {
+    const Recorder record(Op::cumsum, {&x});
+    autograd::wrap_axis("cumsum", x, axis);
+    KTensor y = make_ktensor(ornik::cumsum(x.tensor(), axis));
+    if (record.active()) {
+        record.finish(y, {}, [axis](Backward& pass) {
+            if (pass.recorded()) {
+                pass.give(0, flip(cumsum(flip(pass.grad(), {axis}), axis), {axis}));
+            } else {
+                pass.give(0, cumsum_grad(pass.grad().tensor(), axis));
+            }
+        });
+    }
+    return y;
+}
+
+KTensor cumprod(const KTensor& x, int axis) {
+    const Recorder record(Op::cumprod, {&x});
+    autograd::wrap_axis("cumprod", x, axis);
+    KTensor y = make_ktensor(ornik::cumprod(x.tensor(), axis));
+    if (record.active()) {
+        record.finish(y, {record.operand(0)}, [axis](Backward& pass) {
+            pass.give(0, cumprod_grad(pass.grad().tensor(), pass.saved_raw(0), axis));
+        });
+    }
+    return y;
+}
+
+KTensor softmax(const KTensor& x, int axis) {
+    const Recorder record(Op::softmax, {&x});
+    autograd::wrap_axis("softmax", x, axis);
+    KTensor y = make_ktensor(ornik::softmax(x.tensor(), axis));
+    if (record.active()) {
+        record.finish(y, {Recorder::output(y)}, [axis](Backward& pass) {
+            if (!pass.recorded()) {
+                pass.give(0, softmax_grad(pass.grad().tensor(), pass.saved_raw(0), axis));
+                return;
+            }
+            const KTensor kept = pass.saved(0);
+            pass.give(0, kept * (pass.grad() - sum(pass.grad() * kept, {axis}, true)));
+        });
+    }
+    return y;
+}
+
+KTensor log_softmax(const KTensor& x, int axis) {
+    const Recorder record(Op::log_softmax, {&x});
+    autograd::wrap_axis("log_softmax", x, axis);
+    KTensor y = make_ktensor(ornik::log_softmax(x.tensor(), axis));
+    if (record.active()) {
+        record.finish(y, {Recorder::output(y)}, [axis](Backward& pass) {
+            if (!pass.recorded()) {
+                pass.give(0, log_softmax_grad(pass.grad().tensor(), pass.saved_raw(0), axis));
+                return;
+            }
+            pass.give(0, pass.grad() - exp(pass.saved(0)) * sum(pass.grad(), {axis}, true));
+        });
+    }
+    return y;
+}
+
+// ---- Order ----
+
+namespace {
+
+// Elements of x and where they were: each gets the gradient of its place back.
+std::pair<KTensor, KTensor> chosen(Op op, const KTensor& x, int axis,
+                                   std::vector<Tensor*> (*choose)(Tensor*, int, std::int64_t, bool), std::int64_t k,
+                                   bool flag) {
+    const Recorder record(op, {&x});
+    autograd::wrap_axis(info_of(op).name, x, axis);
+    const std::vector<Tensor*> results = choose(x.tensor(), axis, k, flag);
+    KTensor values = make_ktensor(results[0]);
+    KTensor positions = make_ktensor(results[1]);
+    if (record.active()) {
+        record.finish(values, {Recorder::own(positions)}, [axis](Backward& pass) {
+            if (!pass.recorded()) {
+                pass.give(0, sort_grad(pass.grad().tensor(), pass.saved_raw(0), pass.operand_shape(0), axis));
+                return;
+            }
+            const KTensor zeros = KTensor::zeros(pass.operand_shape(0), pass.grad().dtype());
+            pass.give(0, scatter_add(zeros, axis, pass.saved(0), pass.grad()));
+        });
+    }
+    return {std::move(values), std::move(positions)};
+}
+
+}  // namespace
+
+std::pair<KTensor, KTensor> sort(const KTensor& x, int axis, bool descending) {
+    return chosen(
+        Op::sort, x, axis, [](Tensor* t, int a, std::int64_t, bool down) { return ornik::sort(t, a, down); }, 0,
+        descending);
+}
+
+std::pair<KTensor, KTensor> topk(const KTensor& x, std::int64_t k, int axis, bool largest) {
+    return chosen(
+        Op::topk, x, axis, [](Tensor* t, int a, std::int64_t n, bool large) { return ornik::topk(t, n, a, large); }, k,
+        largest);
+}
+
+KTensor argsort(const KTensor& x, int axis, bool descending) {
+    autograd::check_defined("argsort", x, 0);
+    autograd::wrap_axis("argsort", x, axis);
+    return make_ktensor(ornik::argsort(x.tensor(), axis, descending));
+}
+
+Unique unique(const KTensor& x) {
+    autograd::check_defined("unique", x, 0);
+    const std::vector<Tensor*> parts = ornik::unique(x.tensor());
+    return {make_ktensor(parts[0]), make_ktensor(parts[1]), make_ktensor(parts[2])};
+}
+
+KTensor searchsorted(const KTensor& sorted, const KTensor& values, bool right) {
+    autograd::check_defined("searchsorted", sorted, 0);
+    autograd::check_defined("searchsorted", values, 1);
+    return make_ktensor(ornik::searchsorted(sorted.tensor(), values.tensor(), right));
+}
+
+}  // namespace ornik

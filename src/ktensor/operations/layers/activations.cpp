@@ -1,0 +1,136 @@
+// activations.cpp: activations and dropout, and their gradients.
+#include "ktensor/activations.h"
+
+#include "ktensor/arithmetic.h"
+#include "ktensor/autograd.h"
+#include "ktensor/elements.h"
+#include "ktensor/operands.h"
+#include "ktensor/record.h"
+#include "ktensor/shapes.h"
+#include "layers/functional/activation.h"
+#include "layers/functional/dropout.h"
+
+namespace ornik {
+
+using autograd::Backward;
+using autograd::make_ktensor;
+using autograd::Op;
+using autograd::Recorder;
+
+namespace {
+
+// An activation whose gradient needs its operand or its result; `gradient(kept, grad)` gives it.
+template <typename Forward, typename Gradient>
+KTensor activation(Op op, bool keeps_result, const KTensor& x, Forward&& forward, Gradient&& gradient) {
+    const Recorder record(op, {&x});
+    KTensor y = make_ktensor(forward(x.tensor()));
+    if (record.active()) {
+        record.finish(y, {keeps_result ? Recorder::output(y) : record.operand(0)}, [gradient](Backward& pass) {
+            pass.give(0, make_ktensor(gradient(pass.saved_raw(0), pass.grad().tensor())));
+        });
+    }
+    return y;
+}
+
+void relu_backward(Backward& pass) {
+    if (pass.recorded()) {
+        pass.give(0, where(greater(pass.saved(0).detach(), Scalar(0.0F)), pass.grad(), Scalar(0.0F)));
+    } else {
+        pass.give(0, make_ktensor(nn::relu_grad(pass.saved_raw(0), pass.grad().tensor())));
+    }
+}
+
+}  // namespace
+
+KTensor relu(const KTensor& x) {
+    const Recorder record(Op::relu, {&x});
+    KTensor y = make_ktensor(nn::relu(x.tensor()));
+    if (record.active()) {
+        record.finish(y, {Recorder::output(y)}, relu_backward);
+    }
+    return y;
+}
+
+KTensor& relu_(KTensor& x) {
+    const bool recorded = grad_enabled() && x.wants_grad();
+    autograd::check_in_place("relu_", x, recorded);
+    if (recorded) {
+        autograd::take_over(x, relu(x));
+    } else {
+        nn::relu_inplace(x.tensor());
+    }
+    return x;
+}
+
+KTensor leaky_relu(const KTensor& x, float slope) {
+    return activation(
+        Op::leaky_relu, slope > 0, x, [=](Tensor* t) { return nn::leaky_relu(t, slope); },
+        [=](Tensor* kept, Tensor* grad) { return nn::leaky_relu_grad(kept, grad, slope); });
+}
+
+KTensor elu(const KTensor& x, float alpha) {
+    const Recorder record(Op::elu, {&x});
+    KTensor y = make_ktensor(nn::elu(x.tensor(), alpha));
+    if (record.active()) {
+        const bool result_alone = alpha > 0;
+        record.finish(y, {result_alone ? autograd::Keep{} : record.operand(0), Recorder::output(y)},
+                      [alpha](Backward& pass) {
+                          Tensor* result = pass.saved_raw(1);
+                          Tensor* operand = pass.saved_raw(0) != nullptr ? pass.saved_raw(0) : result;
+                          pass.give(0, make_ktensor(nn::elu_grad(operand, result, pass.grad().tensor(), alpha)));
+                      });
+    }
+    return y;
+}
+
+KTensor selu(const KTensor& x) { return activation(Op::selu, true, x, nn::selu, nn::selu_grad); }
+
+KTensor hardtanh(const KTensor& x, double low, double high) {
+    return activation(
+        Op::hardtanh, true, x, [=](Tensor* t) { return nn::hardtanh(t, low, high); },
+        [=](Tensor* kept, Tensor* grad) { return nn::hardtanh_grad(kept, grad, low, high); });
+}
+
+KTensor hardsigmoid(const KTensor& x) {
+    return activation(Op::hardsigmoid, false, x, nn::hardsigmoid, nn::hardsigmoid_grad);
+}
+
+KTensor hardswish(const KTensor& x) { return activation(Op::hardswish, false, x, nn::hardswish, nn::hardswish_grad); }
+
+KTensor mish(const KTensor& x) { return activation(Op::mish, false, x, nn::mish, nn::mish_grad); }
+
+namespace {
+
+KTensor dropped(const KTensor& x, double p, bool training, nn::Dropped (*drop)(Tensor*, double)) {
+    const Recorder record(Op::dropout, {&x});
+    if (!training) {
+        return x;
+    }
+    nn::Dropped result = drop(x.tensor(), p);
+    KTensor y = make_ktensor(std::move(result.output));
+    if (record.active()) {
+        const KTensor kept = make_ktensor(std::move(result.kept));
+        record.finish(y, {Recorder::own(kept)}, [p](Backward& pass) {
+            if (!pass.recorded()) {
+                pass.give(0, make_ktensor(nn::dropout_grad(pass.grad().tensor(), pass.saved_raw(0), p)));
+                return;
+            }
+            KTensor mask = astype(pass.saved(0), pass.grad().dtype());
+            while (mask.ndim() < pass.grad().ndim()) {
+                mask = unsqueeze(mask, -1);
+            }
+            pass.give(0, p < 1 ? mul(mul(pass.grad(), mask), Scalar(1 / (1 - p))) : mul(pass.grad(), mask));
+        });
+    }
+    return y;
+}
+
+}  // namespace
+
+KTensor dropout(const KTensor& x, double p, bool training) { return dropped(x, p, training, nn::dropout); }
+
+KTensor dropout_channels(const KTensor& x, double p, bool training) {
+    return dropped(x, p, training, nn::dropout_channels);
+}
+
+}  // namespace ornik
