@@ -13,6 +13,10 @@ namespace ornik {
 
 namespace {
 
+// The object model reports under one file name, its shape setter with the reshaping operations.
+constexpr const char* family = "src/tensor/tensor.cpp";
+constexpr const char* shape_setter = "src/tensor/tensor_shape.cpp";
+
 std::int64_t capacity_of(const tensorT::Tensor_storage& storage, std::int64_t dtype) {
     return storage.byte_size() / std::max<std::int64_t>(dtype_item_size(dtype), 1);
 }
@@ -101,7 +105,7 @@ void Tensor::check_inside(const Where& at, const Dims& shape, const Dims& stride
 }
 
 void Tensor::check_new_shape(const Dims& shape) const {
-    const Where at = where("ornik::Tensor::updateShape");
+    const Where at = where("ornik::Tensor::updateShape", shape_setter);
     const std::int64_t numel = checked_numel(at, shape);
     if (numel != size_ && size_ >= 2) {
         fail(at, shape_, " not same size for reshape: ", shape);
@@ -138,13 +142,13 @@ Dims Tensor::strides_for(const Where& at, const Dims& shape) const {
 void Tensor::updateShape(const Dims& shape) {
     check_new_shape(shape);
     // The size follows in updateSize().
-    set_geometry(shape, strides_for(where("ornik::Tensor::updateShape"), shape), size_);
+    set_geometry(shape, strides_for(where("ornik::Tensor::updateShape", shape_setter), shape), size_);
 }
 
 void Tensor::updateStrides() { updateStrides(shape2stride(shape_)); }
 
 void Tensor::updateStrides(const Dims& strides) {
-    const Where at = where("ornik::Tensor::updateStrides");
+    const Where at = where("ornik::Tensor::updateStrides", family);
     check_inside(at, shape_, strides, StorageOffset(), dtype_, borrow_storage());
     if (strides.size() != shape_.size()) {
         fail(at, "Strides ", strides, "do not fit shape ", shape_);
@@ -152,10 +156,10 @@ void Tensor::updateStrides(const Dims& strides) {
     set_geometry(shape_, strides, size_);
 }
 
-void Tensor::updateSize() { assign_size(checked_numel(where("ornik::Tensor::updateSize"), shape_)); }
+void Tensor::updateSize() { assign_size(checked_numel(where("ornik::Tensor::updateSize", family), shape_)); }
 
 void Tensor::setSize(std::int64_t size) {
-    const Where at = where("ornik::Tensor::setSize");
+    const Where at = where("ornik::Tensor::setSize", family);
     if (size < 0 || (!shape_.empty() && size > checked_numel(at, shape_))) {
         fail(at, "Size can not be ", size, " for shape ", shape_);
     }
@@ -163,7 +167,7 @@ void Tensor::setSize(std::int64_t size) {
 }
 
 void Tensor::updateDtype(std::int64_t dtype) {
-    const Where at = where("ornik::Tensor::updateDtype");
+    const Where at = where("ornik::Tensor::updateDtype", family);
     check_dtype_code(at, dtype);
     check_inside(at, shape_, strides_, StorageOffset(), dtype, borrow_storage());
     dtype_ = dtype;
@@ -183,14 +187,14 @@ void Tensor::updateDevice(std::int64_t device) {
 }
 
 void Tensor::updateOffset(std::int64_t offset) {
-    check_inside(where("ornik::Tensor::updateOffset"), shape_, strides_, offset, dtype_, borrow_storage());
+    check_inside(where("ornik::Tensor::updateOffset", family), shape_, strides_, offset, dtype_, borrow_storage());
     if (meta_) {
         meta_->SetOffset(offset);
     }
 }
 
 void Tensor::setStorage(const std::shared_ptr<tensorT::Tensor_storage>& storage) {
-    check_inside(where("ornik::Tensor::setStorage"), shape_, strides_, StorageOffset(), dtype_, storage.get());
+    check_inside(where("ornik::Tensor::setStorage", family), shape_, strides_, StorageOffset(), dtype_, storage.get());
     if (meta_) {
         meta_->setStorage(storage);
     }
@@ -219,13 +223,14 @@ void Tensor::become(Dims&& shape, Dims&& strides, std::int64_t size, std::int64_
 
 int Tensor::init_tensor_without_alloc_data(const Dims& shape, std::int64_t dtype, std::int64_t device,
                                            std::int64_t /*layout*/) {
-    const std::int64_t size = check_description(where("ornik::Tensor::init_tensor_without_alloc_data"), shape, dtype);
+    const std::int64_t size =
+        check_description(where("ornik::Tensor::init_tensor_without_alloc_data", family), shape, dtype);
     become(Dims(shape), shape2stride(shape), size, dtype, device, nullptr);
     return 0;
 }
 
 int Tensor::initialize_none_tensor(const Dims& shape, std::int64_t dtype, std::int64_t device, std::int64_t layout) {
-    const std::int64_t size = check_description(where("ornik::Tensor::initialize_none_tensor"), shape, dtype);
+    const std::int64_t size = check_description(where("ornik::Tensor::initialize_none_tensor", family), shape, dtype);
     Dims strides = shape2stride(shape);
     auto meta = new_meta(size, dtype, device, layout, 0);
     meta->allocateDtypeData();
@@ -237,7 +242,7 @@ int Tensor::init_none_tensor_with_shared_storage(const Dims& shape, const Dims& 
                                                  std::int64_t device,
                                                  const std::shared_ptr<tensorT::Tensor_storage>& storage,
                                                  std::int64_t layout, std::int64_t offset) {
-    const Where at = where("ornik::Tensor::init_none_tensor_with_shared_storage");
+    const Where at = where("ornik::Tensor::init_none_tensor_with_shared_storage", family);
     if (!storage) {
         fail(at, "Tensor needs a storage to share.");
     }
@@ -252,7 +257,11 @@ int Tensor::init_none_tensor_with_shared_storage(const Dims& shape, const Dims& 
 
 int Tensor::init_sparse_tensor(const Dims& shape, std::int64_t dtype, std::int64_t device, std::int64_t layout,
                                std::vector<std::unique_ptr<Tensor>>&& members) {
-    const std::int64_t size = check_description(where("ornik::Tensor::init_sparse_tensor"), shape, dtype);
+    const Where at = where("ornik::Tensor::init_sparse_tensor", family);
+    const std::int64_t size = check_description(at, shape, dtype);
+    if (layout != ornik::layout::csr && layout != ornik::layout::coo) {
+        fail(at, "A sparse tensor has layout 1 (CSR) or 2 (COO), however it is ", layout);
+    }
     Dims strides = shape2stride(shape);
     std::vector<Tensor*> owned(members.size());
     auto meta = new_meta(size, dtype, device, layout, 0);
@@ -273,7 +282,7 @@ Tensor* view_tensor(const std::shared_ptr<tensorT::Tensor_storage>& storage, con
 Tensor* share_storage_tensor(const std::shared_ptr<tensorT::Tensor_storage>& storage, const Dims& shape,
                              const Dims& strides, std::int64_t dtype, std::int64_t offset) {
     if (!storage) {
-        fail(where("ornik::share_storage_tensor"), "Tensor needs a storage to share.");
+        fail(where("ornik::share_storage_tensor", family), "Tensor needs a storage to share.");
     }
     return view_tensor(storage, shape, strides, storage->getDevice(), dtype, offset);
 }

@@ -337,6 +337,18 @@ void check_one_per_axis(const Where& at, const std::vector<AxisSelection>& selec
 
 }  // namespace
 
+namespace {
+
+// Numbers that no tensor has may come in; they wrap.
+std::int64_t wrapping_product(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) * static_cast<std::uint64_t>(b));
+}
+std::int64_t wrapping_sum(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
+}
+
+}  // namespace
+
 Dims get_new_strides_for_select(const std::vector<std::string>& items, const std::vector<AxisSelection>& selection,
                                 const Dims& strides) {
     check_one_per_axis(where("get_new_strides_for_select"), selection, strides);
@@ -345,7 +357,7 @@ Dims get_new_strides_for_select(const std::vector<std::string>& items, const std
         if (k < items.size() && is_list_item(items[k])) {
             fail(where("get_new_strides_for_select"), "can not infer new stride for split indexing.");
         }
-        result.push_back(strides[k] * selection[k].step);
+        result.push_back(wrapping_product(strides[k], selection[k].step));
     }
     return result;
 }
@@ -357,7 +369,7 @@ std::int64_t get_indexing_storage_offset(const std::vector<AxisSelection>& selec
         if (selection[k].step <= 0) {
             fail(where("get_indexing_storage_offset"), "step must be greater than zero for slice operation");
         }
-        offset += selection[k].start * strides[k];
+        offset = wrapping_sum(offset, wrapping_product(selection[k].start, strides[k]));
     }
     return offset;
 }

@@ -19,8 +19,8 @@ void make_storage(std::int64_t device, std::int64_t size, std::int64_t dtype) {
 }
 void fill_meta(Tensor* t, const void* elements, std::int64_t dtype) {
     if (t != nullptr && t->getMeta()) {
-        t->getMeta()->convert_dtype_and_copy_data(
-            elements == nullptr ? "0123456789012345678901234567890123456789" : elements, dtype);
+        static const char enough[4096] = {};
+        t->getMeta()->convert_dtype_and_copy_data(elements == nullptr ? enough : elements, dtype);
     }
 }
 

@@ -51,7 +51,7 @@ TEST(Reshape, EveryRefusalIsNamedWhole) {
         {"", [&] { scalar->flatten_(); }, "Dim in shape should >0, however it equals -1"},
         {"", [&] { empty->reshape_(dims(3, 0)); }, "Dim in shape should >0, however it equals 0"},
     };
-    expect_refusals(updates, "ornik::Tensor::updateShape", "src/tensor/tensor_state.cpp");
+    expect_refusals(updates, "ornik::Tensor::updateShape", "src/tensor/tensor_shape.cpp");
     const std::string unsqueezed = "The axis must be greater or equal than zero";
     const Refusal squeezes[] = {
         {"compute_squeeze", [&] { a->squeeze(2); }, "Number of dimensions exceeded (2 >= 2)."},

@@ -59,7 +59,7 @@ TEST(Creation, GivenStrides) {
     expect_error([&] { Tensor::empty_strided(t->Shape(), wide, 6); },
                  "Tensor does not fit into its storage: shape ( 2, 3 ) , strides ( 3, 2 ) , offset 0, storage for 6 "
                  "elements.",
-                 "ornik::Tensor::updateStrides", "src/tensor/tensor_state.cpp");
+                 "ornik::Tensor::updateStrides", "src/tensor/tensor.cpp");
 }
 
 TEST(Creation, RefusesWildCodes) {

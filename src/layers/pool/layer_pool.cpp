@@ -51,8 +51,8 @@ Tensor* average_forward(const Where& at, const PoolDescriptor2D& descriptor, Ten
 }
 
 Tensor* average_backward(const Where& at, const PoolDescriptor2D& descriptor, const Tensor* input, Tensor* gradient) {
-    return average_pool_backward(checked_plan(at, descriptor, input, gradient, true), gradient, input->Shape())
-        .release();
+    const PoolPlan plan = checked_plan(at, descriptor, input, gradient, true);
+    return average_pool_backward(plan, gradient, input->Shape()).release();
 }
 
 }  // namespace

@@ -91,7 +91,7 @@ Indices::Indices(const Where& at, const Dims& shape, const std::vector<const Ten
         apart = apart || ended;
         position_ = found ? position_ : i;
         found = true;
-        views_.emplace_back(Tensor::broadcast_to(positions_[i].get(), index_shape_));
+        views_.push_back(TensorResult(Tensor::broadcast_to(positions_[i].get(), index_shape_)));
         indexed_.axes[i] = views_.back().get();
     }
     position_ = apart ? 0 : position_;

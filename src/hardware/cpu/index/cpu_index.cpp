@@ -78,13 +78,14 @@ void for_each_stretch(const Tensor* index, bool repeats, const Visit& visit) {
 
 std::optional<std::int64_t> first_outside(const Tensor* index, std::int64_t n) {
     std::optional<std::int64_t> outside;
+    const std::int64_t low = n > 0 ? -n : 0;
     for_each_stretch(index, false, [&](std::int64_t, const std::int64_t* items, std::int64_t count, std::int64_t step) {
         int found = 0;
         for (std::int64_t i = 0; i < count; ++i) {
-            found |= static_cast<int>(items[i * step] < -n) | static_cast<int>(items[i * step] >= n);
+            found |= static_cast<int>(items[i * step] < low) | static_cast<int>(items[i * step] >= n);
         }
         for (std::int64_t i = 0; found != 0 && !outside; ++i) {
-            if (items[i * step] < -n || items[i * step] >= n) {
+            if (items[i * step] < low || items[i * step] >= n) {
                 outside = items[i * step];
             }
         }
