@@ -20,6 +20,9 @@
 
 namespace ornik {
 
+/// Of one call, so that its walks need no memory: what has begun to write does not fail.
+inline constexpr std::size_t max_operands = 16;
+
 /// One operand as the walk sees it. Axes are listed innermost first; strides count bytes.
 struct PlanOperand {
     char* data = nullptr;
@@ -91,8 +94,7 @@ IterationPlan make_plan(std::vector<PlanOperand> operands, std::int64_t numel);
 /// Walks the whole plan, in parallel where it pays.
 void run_plan(const IterationPlan& plan, const BoundLoop& loop);
 
-/// The short way for contiguous operands, without a plan. At most max_contiguous_operands of them, outputs first.
-inline constexpr std::size_t max_contiguous_operands = 16;
+/// The short way for contiguous operands, outputs first, without a plan.
 void run_contiguous(const BoundLoop& loop, char* const* data, const std::int64_t* item_sizes, std::size_t outputs,
                     std::size_t operands, std::int64_t numel);
 

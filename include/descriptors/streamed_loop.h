@@ -6,9 +6,9 @@
 // the outputs of loops with much to compute, whose stores the processor hides behind the work.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <vector>
 
 #include "iteration_plan.h"
 
@@ -29,6 +29,7 @@ class StreamedLoop {
     void finish() const;
 
   private:
+    static constexpr std::size_t most_outputs = 4;
     struct Output {
         std::size_t operand;
         std::int64_t item_size;
@@ -36,7 +37,8 @@ class StreamedLoop {
 
     BoundLoop loop_;
     std::int64_t piece_ = 0;  // elements
-    std::vector<Output> outputs_;
+    std::size_t output_count_ = 0;
+    std::array<Output, most_outputs> outputs_{};
 };
 
 }  // namespace ornik

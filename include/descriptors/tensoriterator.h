@@ -84,6 +84,7 @@ struct ElementLoop<Function, TypeList<Outs...>, TypeList<Ins...>> {
     static constexpr std::size_t outputs = sizeof...(Outs);
     static constexpr std::size_t inputs = sizeof...(Ins);
     static constexpr std::size_t operands = outputs + inputs;
+    static_assert(operands <= max_operands);
     using OutIndices = std::make_index_sequence<outputs>;
     using InIndices = std::make_index_sequence<inputs>;
     static constexpr std::int64_t item_sizes[] = {sizeof(Outs)..., sizeof(Ins)...};

@@ -1,7 +1,9 @@
 // iteration_walk.cpp: the outer walk of an iteration plan. Compiled once: kernels pass only their inner
 // loop.
 #include <algorithm>
+#include <array>
 #include <memory>
+#include <new>
 
 #include "descriptors/iteration_plan.h"
 #include "descriptors/streamed_loop.h"
@@ -23,30 +25,33 @@ constexpr std::int64_t block_unit = 64;
 constexpr std::int64_t tile_extent0 = 128;
 constexpr std::int64_t tile_bytes1 = 256;
 
-using Pointers = std::vector<char*>;
-using Steps = std::vector<std::int64_t>;
+// By operand.
+using Pointers = std::array<char*, max_operands>;
+using Steps = std::array<std::int64_t, max_operands>;
 
 std::int64_t axis_size(const IterationPlan& plan, std::size_t axis) {
     return axis < plan.sizes.size() ? plan.sizes[axis] : 1;
 }
 
 Steps steps_of_axis(const IterationPlan& plan, std::size_t axis) {
-    Steps steps;
-    for (const PlanOperand& operand : plan.operands) {
-        steps.push_back(axis < operand.strides.size() ? operand.strides[axis] : 0);
+    Steps steps{};
+    for (std::size_t i = 0; i < plan.operands.size(); ++i) {
+        const auto& strides = plan.operands[i].strides;
+        steps[i] = axis < strides.size() ? strides[axis] : 0;
     }
     return steps;
 }
 
 // Moves `pointers` to the position `index` (axes from `first_axis` on, flattened, innermost fastest).
 void place(const IterationPlan& plan, std::size_t first_axis, std::int64_t index, Pointers& pointers) {
-    for (std::size_t i = 0; i < pointers.size(); ++i) {
+    const std::size_t count = plan.operands.size();
+    for (std::size_t i = 0; i < count; ++i) {
         pointers[i] = plan.operands[i].data;
     }
     for (std::size_t axis = first_axis; axis < plan.sizes.size() && index != 0; ++axis) {
         const std::int64_t position = index % plan.sizes[axis];
         index /= plan.sizes[axis];
-        for (std::size_t i = 0; i < pointers.size(); ++i) {
+        for (std::size_t i = 0; i < count; ++i) {
             pointers[i] += position * plan.operands[i].strides[axis];
         }
     }
@@ -69,18 +74,18 @@ void walk_rows(const IterationPlan& plan, const BoundLoop& loop, std::int64_t be
     const std::int64_t n1 = axis_size(plan, 1);
     const Steps step0 = steps_of_axis(plan, 0);
     const Steps step1 = steps_of_axis(plan, 1);
-    Pointers pointers(plan.operands.size());
+    Pointers pointers;
     while (begin < end) {
         place(plan, 0, begin, pointers);
         const std::int64_t column = begin % n0;
         const std::int64_t row = begin / n0 % n1;
         const std::int64_t whole_rows = column == 0 ? std::min((end - begin) / n0, n1 - row) : 0;
         if (whole_rows > 0) {
-            streamed.run(pointers.data(), pointers.size(), step0.data(), step1.data(), n0, whole_rows);
+            streamed.run(pointers.data(), plan.operands.size(), step0.data(), step1.data(), n0, whole_rows);
             begin += whole_rows * n0;
         } else {
             const std::int64_t count = std::min(end - begin, n0 - column);
-            streamed.run(pointers.data(), pointers.size(), step0.data(), step1.data(), count, 1);
+            streamed.run(pointers.data(), plan.operands.size(), step0.data(), step1.data(), count, 1);
             begin += count;
         }
     }
@@ -90,19 +95,20 @@ void walk_rows(const IterationPlan& plan, const BoundLoop& loop, std::int64_t be
 // ---- Ragged walk: operands of different shapes ----
 
 void walk_ragged(const IterationPlan& plan, const BoundLoop& loop, std::int64_t begin, std::int64_t end) {
-    Steps steps;
-    Steps runs;  // How far each operand goes in even steps.
-    for (const PlanOperand& operand : plan.operands) {
+    Steps steps{};
+    Steps runs{};  // How far each operand goes in even steps.
+    for (std::size_t i = 0; i < plan.operands.size(); ++i) {
+        const PlanOperand& operand = plan.operands[i];
         const auto& geometry = operand.calculator;
         const bool has_axes = geometry.dims > 0;
-        steps.push_back(has_axes ? geometry.strides[geometry.dims - 1] * operand.item_size : 0);
-        runs.push_back(has_axes ? geometry.sizes[geometry.dims - 1] : plan.numel);
+        steps[i] = has_axes ? geometry.strides[geometry.dims - 1] * operand.item_size : 0;
+        runs[i] = has_axes ? geometry.sizes[geometry.dims - 1] : plan.numel;
     }
-    const Steps no_rows(steps.size(), 0);
-    Pointers pointers(plan.operands.size());
+    const Steps no_rows{};
+    Pointers pointers;
     while (begin < end) {
         std::int64_t count = end - begin;
-        for (std::size_t i = 0; i < pointers.size(); ++i) {
+        for (std::size_t i = 0; i < plan.operands.size(); ++i) {
             const PlanOperand& operand = plan.operands[i];
             count = std::min(count, runs[i] - begin % runs[i]);
             pointers[i] = operand.data + operand.calculator.offset(begin) * operand.item_size;
@@ -152,16 +158,18 @@ void walk_tiles(const IterationPlan& plan, const TileGrid& grid, const BoundLoop
     struct alignas(64) Buffer {
         char bytes[buffer_bytes];
     };
-    std::vector<std::unique_ptr<Buffer>> buffers(count);
+    std::array<std::unique_ptr<Buffer>, max_operands> buffers;
     for (std::size_t i = 0; i < count; ++i) {
         if (is_staged(plan.operands[i])) {
-            buffers[i].reset(new Buffer);
+            buffers[i].reset(new (std::nothrow) Buffer);
+        }
+        if (buffers[i]) {  // Without memory for it, the operand is read where it is.
             step0[i] = plan.operands[i].item_size;
             step1[i] = tile_extent0 * plan.operands[i].item_size;
         }
     }
-    Pointers origin(count);
-    Pointers pointers(count);
+    Pointers origin;
+    Pointers pointers;
     for (std::int64_t tile = begin; tile < end; ++tile) {
         const std::int64_t start0 = tile % grid.count0 * tile_extent0;
         const std::int64_t start1 = tile / grid.count0 % grid.count1 * grid.extent1;
@@ -199,14 +207,14 @@ void run_plan(const IterationPlan& plan, const BoundLoop& loop) {
 
 void run_contiguous(const BoundLoop& loop, char* const* data, const std::int64_t* item_sizes, std::size_t outputs,
                     std::size_t operands, std::int64_t numel) {
-    const std::int64_t no_rows[max_contiguous_operands] = {};
+    const std::int64_t no_rows[max_operands] = {};
     StreamedLoop streamed(loop);
     for (std::size_t i = 0; i < outputs; ++i) {
         const bool in_place = std::find(data + outputs, data + operands, data[i]) != data + operands;
         streamed.add_output(i, item_sizes[i], numel, numel, in_place);
     }
     parallel_for(numel, block_unit, grain_elements, [&](std::int64_t begin, std::int64_t end) {
-        char* pointers[max_contiguous_operands];
+        char* pointers[max_operands];
         for (std::size_t i = 0; i < operands; ++i) {
             pointers[i] = data[i] + begin * item_sizes[i];
         }

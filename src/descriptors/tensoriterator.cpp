@@ -91,7 +91,7 @@ void MultiTensorIterationHelper::run_loop(const Where& at, const BoundLoop& loop
     const auto operand = [&](std::size_t i) -> const TensorIterationHelper& {
         return i < outputs ? output_helpers_[i] : input_helpers_[i - outputs];
     };
-    bool flat = operands <= max_contiguous_operands;
+    bool flat = true;
     bool has_elements = count >= 1;
     for (std::size_t i = 0; i < operands; ++i) {
         const Dims& shape = operand(i).shape();
@@ -99,7 +99,7 @@ void MultiTensorIterationHelper::run_loop(const Where& at, const BoundLoop& loop
         has_elements = has_elements && std::find(shape.begin(), shape.end(), 0) == shape.end();
     }
     if (flat && has_elements) {
-        char* data[max_contiguous_operands];
+        char* data[max_operands];
         for (std::size_t i = 0; i < operands; ++i) {
             data[i] = static_cast<char*>(operand(i).tensor->getRawData());
         }

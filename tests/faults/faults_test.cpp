@@ -204,10 +204,10 @@ std::vector<Call> catalogue() {
             // Arithmetic and element mathematics.
             GIVES(w.a->add_tensor(w.d.get())), GIVES(w.t->div_tensor(w.i.get())),
             GIVES(w.big->add_tensor(w.twin.get())), GIVES(w.a->mult_scalar(2)),
-            DOES(w.a->add_tensor_inplace(w.t.get())), STEPS(w.twin->mult_tensor_inplace(w.big.get())),
+            DOES(w.a->add_tensor_inplace(w.t.get())), DOES(w.twin->mult_tensor_inplace(w.big.get())),
             DOES(w.t->div_scalar_inplace(3.0F)), DOES(add(2, w.a.get(), 1, w.t.get(), w.a.get(), 1)),
             GIVES(Tensor::add_tensors_list({w.a.get(), w.t.get(), w.a.get()})), GIVES(w.t->exp()),
-            STEPS(w.twin->tanh_inplace()), GIVES(w.c->log()), GIVES(gelu_grad(w.t.get(), w.t.get(), w.a.get())),
+            DOES(w.twin->tanh_inplace()), GIVES(w.c->log()), GIVES(gelu_grad(w.t.get(), w.t.get(), w.a.get())),
             GIVES(pow_dy_grad(w.a.get(), w.t.get(), w.a.get())), GIVES(where(w.m.get(), w.a.get(), w.t.get())),
             // Reductions, running results, sorting.
             GIVES(sum(w.twin.get(), {0})), GIVES(mean(w.i.get(), {1}, true)),

@@ -8,6 +8,7 @@
 #include <array>
 #include <memory>
 #include <mutex>
+#include <new>
 
 #include "hardware/parallel.h"
 #include "random/lease.h"
@@ -26,24 +27,27 @@ void draw_words(generator::Lease& source, std::int64_t total, const Body& body) 
     std::mutex order;
     std::int64_t next = 0;
     parallel_for(blocks, 1, 2, [&](std::int64_t /*begin*/, std::int64_t /*end*/) {
-        const auto raw =
-            std::make_unique_for_overwrite<std::uint64_t[]>(static_cast<std::size_t>(std::min(total, block_words)));
+        // Without memory for a block, its words are drawn piece by piece while the others wait.
+        const std::unique_ptr<std::uint64_t[]> raw(
+            new (std::nothrow) std::uint64_t[static_cast<std::size_t>(std::min(total, block_words))]);
         std::array<std::uint64_t, chunk_words> words;
         for (;;) {
-            std::int64_t begin = 0;
-            std::int64_t end = 0;
-            {
-                const std::lock_guard lock(order);
-                if (next == blocks) {
-                    return;
-                }
-                begin = next++ * block_words;
-                end = std::min(total, begin + block_words);
+            std::unique_lock lock(order);
+            if (next == blocks) {
+                return;
+            }
+            const std::int64_t begin = next++ * block_words;
+            const std::int64_t end = std::min(total, begin + block_words);
+            if (raw) {
                 source.take(raw.get(), end - begin);
+                lock.unlock();
             }
             for (std::int64_t first = begin; first < end; first += chunk_words) {
                 const std::int64_t count = std::min(chunk_words, end - first);
-                const std::uint64_t* const chunk = raw.get() + (first - begin);
+                if (!raw) {
+                    source.take(words.data(), count);
+                }
+                const std::uint64_t* const chunk = raw ? raw.get() + (first - begin) : words.data();
                 for (std::int64_t i = 0; i < count; ++i) {
                     words[static_cast<std::size_t>(i)] = generator::MersenneTwister64::temper(chunk[i]);
                 }
