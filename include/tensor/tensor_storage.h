@@ -35,7 +35,7 @@ class ORNIK_API Tensor_storage {
     /// A CPU storage over `size` elements at `data`, which stay valid and in place until `deleter` is
     /// called: once, when the last share goes, on whatever thread that is, or before this function throws.
     /// The deleter must not throw; an empty one is for memory that outlives every tensor. Null data needs a
-    /// size of 0, data must be aligned as its elements are. With `read_only`, every operation that would
+    /// size of 0, data must be aligned to its items, of 16 bytes to 8. With `read_only`, every operation that would
     /// write here refuses. What others write to the memory no version() tells.
     [[nodiscard]] static std::shared_ptr<Tensor_storage> from_foreign(void* data, std::int64_t size, std::int64_t dtype,
                                                                       std::function<void()> deleter,

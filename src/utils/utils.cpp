@@ -134,8 +134,10 @@ std::int64_t leading_number(std::string_view text) {
     }
 }
 
+// Unsigned: extents are the caller's, and a position that wraps lies outside all of them.
 std::int64_t wrapped_once(std::int64_t position, std::int64_t extent) {
-    return position < 0 ? position + extent : position;
+    const auto sum = static_cast<std::uint64_t>(position) + static_cast<std::uint64_t>(extent);
+    return position < 0 ? static_cast<std::int64_t>(sum) : position;
 }
 
 std::string joined(const std::vector<std::string>& items) {

@@ -57,12 +57,12 @@ TEST(ForeignMemory, IsGivenBackWhenItIsRefused) {
           Row{memory, most / 4, dtype::complex128,
               "Foreign memory can not hold " + std::to_string(most / 4) + " elements of complex128."},
           Row{nullptr, 2, dtype::int16, "Foreign memory for 2 elements of int16 is null."},
-          Row{memory + 2, 1, dtype::complex64, "Foreign memory for complex64 should be aligned to 4 bytes."}}) {
+          Row{memory + 4, 1, dtype::complex64, "Foreign memory for complex64 should be aligned to 8 bytes."}}) {
         expect_error([&] { (void)Tensor_storage::from_foreign(row.data, row.size, row.dtype, [&] { ++calls; }); },
                      row.message, "ornik::tensorT::Tensor_storage::from_foreign", "src/tensor/tensor_storage.cpp");
         EXPECT_EQ(calls, ++rows) << row.message;
     }
-    EXPECT_NO_THROW((void)Tensor_storage::from_foreign(memory + 4, 1, dtype::complex64, nullptr));
+    EXPECT_NO_THROW((void)Tensor_storage::from_foreign(memory + 8, 1, dtype::complex128, nullptr));
     EXPECT_NO_THROW((void)Tensor_storage::from_foreign(nullptr, 0, dtype::int16, {}));
 }
 
