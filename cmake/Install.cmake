@@ -25,7 +25,11 @@ set(ORNIK_PUBLIC_HEADERS
     ktensor/convolutions.h
     ktensor/elements.h
     ktensor/files.h
+<<<<<<< HEAD
     ktensor/images.h
+=======
+    ktensor/index.h
+>>>>>>> main
     ktensor/indexing.h
     ktensor/joins.h
     ktensor/ktensor.h

@@ -32,6 +32,7 @@
 #include "ktensor/elements.h"
 #include "ktensor/files.h"
 #include "ktensor/images.h"
+#include "ktensor/index.h"
 #include "ktensor/indexing.h"
 #include "ktensor/joins.h"
 #include "ktensor/ktensor.h"

@@ -276,18 +276,17 @@ Named plain(const KTensor& x, const std::string& names, const Extents& extents) 
             result.axes.erase(i, 1);
         }
     }
-    for (std::size_t i = 0; i < result.axes.size(); ++i) {
-        for (std::size_t j = result.axes.find(result.axes[i], i + 1); j != std::string::npos;
-             j = result.axes.find(result.axes[i], i + 1)) {
-            // Element k of one axis at element k of the other one.
-            Dims shape = result.x.shape();
-            shape[j] = 1;
-            Dims line(shape.size(), 1);
-            line[i] = shape[i];
-            const KTensor positions = broadcast_to(reshape(KTensor::arange(shape[i]), line), shape);
-            result.x = squeeze(gather(result.x, static_cast<int>(j), positions), {static_cast<int>(j)});
-            result.axes.erase(j, 1);
+    for (std::size_t i = 0; i < result.axes.size();) {
+        const char name = result.axes[i];
+        const std::size_t other = result.axes.find(name, i + 1);
+        if (other == std::string::npos) {
+            ++i;
+            continue;
         }
+        result.x = diagonal(result.x, 0, static_cast<int>(i), static_cast<int>(other));
+        result.axes.erase(other, 1);
+        result.axes.erase(i, 1);
+        result.axes += name;  // Where the diagonal stands.
     }
     return result;
 }
