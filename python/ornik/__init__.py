@@ -16,7 +16,7 @@ from typing import TYPE_CHECKING, Any
 from . import _ornik
 from ._creation import *
 from ._dtypes import DType as DType
-from ._dtypes import bool_ as bool
+from ._dtypes import bool_
 from ._dtypes import complex64 as complex64
 from ._dtypes import complex128 as complex128
 from ._dtypes import dtype as dtype
@@ -50,6 +50,8 @@ if TYPE_CHECKING:
     from . import random as random
 
 __version__: str = _ornik.__version__
+
+bool = bool_
 
 e = _math.e
 pi = _math.pi

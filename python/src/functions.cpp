@@ -75,7 +75,7 @@ void add_shapes(nb::module_& m) {
         return x;
     });
     m.def("fill_", [](KTensor x, const Number& value) {
-        without_lock(x.size(), [&] { copy_(x, KTensor::full({}, value.value, x.dtype())); });
+        without_lock(x.size(), [&] { fill_(x, value.value); });
         return x;
     });
     m.def("broadcast_to", [](const KTensor& x, const Shape& shape) { return broadcast_to(x, shape.dims); });

@@ -21,6 +21,7 @@ NB_MODULE(_ornik, m) {
     add_creation(m);
     add_elements(m);
     add_functions(m);
+    add_joining(m);
 
     add_properties(m);
     add_interchange(m);
