@@ -28,8 +28,8 @@ bool is_sole_owner(const KTensor& tensor) {
         return false;
     }
     const Tensor& elements = *impl->data->tensor;
-    return elements.is_dense() && elements.getMeta() && elements.getMeta()->getStorage().use_count() == 1 &&
-           !elements.getMeta()->getStorage()->read_only() && elements.is_contiguous();
+    const std::shared_ptr<tensorT::Tensor_storage> storage = elements.getStorage();
+    return elements.is_dense() && storage.use_count() == 2 && !storage->read_only() && elements.is_contiguous();
 }
 
 std::unique_ptr<Tensor> empty_tensor(const Dims& shape, std::int64_t dtype) { return make_tensor(shape, dtype); }
