@@ -10,7 +10,7 @@ namespace {
 // A chain of operations on one element and its way back; the time of a row is that of the whole chain.
 template <typename Step>
 void chain_row(const std::string& name, const Step& step) {
-    const KTensor leaf = KTensor::ones({1}).requires_grad();
+    KTensor leaf = KTensor::ones({1}).requires_grad();
     row("one/" + name + "/recorded_and_backward/" + std::to_string(chain_length), [=]() mutable {
         KTensor y = leaf;
         for (int i = 0; i < chain_length; ++i) {
