@@ -77,6 +77,9 @@ KTensor make_ktensor(std::unique_ptr<Tensor> tensor);
 KTensor make_ktensor(Ref<Data> data);
 inline KTensor make_ktensor(Tensor* tensor) { return make_ktensor(std::unique_ptr<Tensor>(tensor)); }
 
+/// x's elements under another geometry, `offset` elements further on: without a past.
+KTensor share(const KTensor& x, const Dims& shape, const Dims& strides, std::int64_t offset = 0);
+
 /// Writes to the storage so far, and recorded ones; 0 without a storage.
 inline std::uint32_t version_of(const Tensor& tensor) {
     const tensorT::Tensor_storage* storage = tensor.borrow_storage();
