@@ -148,8 +148,8 @@ HandPass block_by_hand(const std::vector<Tensor*>& p, int heads, Tensor* x, Tens
     g = own(back_linear(out, residual.get(), merged.get())->reshape(split));
     merged.reset();
     g = own(g->permute(middle_axes));
-    nn::AttentionGradients parts = nn::attention_grad(g.get(), q.get(), k.get(), v.get(), attended.probabilities.get(),
-                                                      nullptr, {.causal = true});
+    nn::AttentionGradients parts =
+        nn::attention_grad(g.get(), q.get(), k.get(), v.get(), attended.probabilities.get(), nullptr, {.causal = true});
     g.reset();
     attended.probabilities.reset();
     heads_of = {};

@@ -19,7 +19,8 @@ std::vector<Tensor*> raw(const ornik::NamedTensors& tensors) {
 }
 
 // A row of a pass and of dropping what it leaves behind, and the largest amount of memory that a pass holds.
-void pass_row(const std::string& name, const std::function<void()>& pass, const std::function<void()>& drop = [] {}) {
+void pass_row(
+    const std::string& name, const std::function<void()>& pass, const std::function<void()>& drop = [] {}) {
     row(name, [=] {
         pass();
         drop();

@@ -42,8 +42,8 @@ struct Block : torch::nn::Module {
         const auto in_heads = [&](const at::Tensor& t) {
             return t.reshape({block_batch, block_length, block_heads, block_width / block_heads}).transpose(1, 2);
         };
-        const at::Tensor attended = at::scaled_dot_product_attention(in_heads(query(n)), in_heads(key(n)),
-                                                                     in_heads(value(n)), {}, 0, true);
+        const at::Tensor attended =
+            at::scaled_dot_product_attention(in_heads(query(n)), in_heads(key(n)), in_heads(value(n)), {}, 0, true);
         const at::Tensor y = x + out(attended.transpose(1, 2).reshape(x.sizes()));
         return y + down(at::gelu(up(norm2(y))));
     }

@@ -88,7 +88,7 @@ std::string write(ornik::Module& model, const Text& text, std::int64_t context, 
         const KTensor scores = model(seen).index({0, -1});
         const KTensor drawn = multinomial(softmax(scores), 1);
         result += text.alphabet[static_cast<std::size_t>(drawn.item<std::int64_t>())];
-        seen = concat({seen, reshape(drawn, {1, 1})}, 1);
+        seen = ornik::concat({seen, reshape(drawn, {1, 1})}, 1);
         seen = slice(seen, 1, Slice(-context));
     }
     return result;

@@ -6,10 +6,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
-#include <memory>
 #include <numeric>
 #include <stdexcept>
-#include <string>
 
 #include "idx_file.h"
 #include "network.h"
@@ -20,6 +18,7 @@ namespace {
 
 namespace dtype = ornik::dtype;
 using ornik::KTensor;
+using ornik::Slice;
 
 constexpr const char* class_names[] = {"T-shirt/top", "Trouser", "Pullover", "Dress", "Coat",
                                        "Sandal",      "Shirt",   "Sneaker",  "Bag",   "Ankle boot"};
@@ -28,15 +27,6 @@ constexpr int classes = static_cast<int>(std::size(class_names));
 // Mean and deviation of the training pixels, scaled to [0, 1].
 constexpr float pixel_mean = 0.2860F;
 constexpr float pixel_deviation = 0.3530F;
-
-KTensor slice(const KTensor& x, std::int64_t begin, std::int64_t end) {
-    const std::string items = std::to_string(begin) + ":" + std::to_string(std::min(end, x.size(0)));
-    return KTensor(std::unique_ptr<ornik::Tensor>(x.tensor()->select_ndim_without_copy({items})));
-}
-
-KTensor rows(const KTensor& x, const KTensor& index) {
-    return KTensor(std::unique_ptr<ornik::Tensor>(ornik::index_select(x.tensor(), 0, index.tensor())));
-}
 
 // Images as float32 [count, 1, rows, cols], centred and scaled.
 KTensor image_tensor(const ImageSet& set) {
@@ -51,18 +41,17 @@ void train(ornik::Module& network, const ImageSet& set, const Options& options) 
     const KTensor images = image_tensor(set);
     const KTensor labels = label_tensor(set);
     const std::int64_t steps_per_epoch = (set.count() + options.batch - 1) / options.batch;
-    ornik::SGD optimizer(network.parameters(), {.lr = options.learning_rate,
-                                                .momentum = options.momentum,
-                                                .nesterov = options.momentum > 0});
+    ornik::SGD optimizer(network.parameters(),
+                         {.lr = options.learning_rate, .momentum = options.momentum, .nesterov = options.momentum > 0});
     ornik::CosineSchedule schedule(optimizer, steps_per_epoch * options.epochs);
     Progress progress(options.epochs, set.count());
     for (int epoch = 1; epoch <= options.epochs; ++epoch) {
         progress.start_epoch(epoch);
         const KTensor order = KTensor::randperm(set.count());
         for (std::int64_t begin = 0; begin < set.count(); begin += options.batch) {
-            const KTensor batch = slice(order, begin, begin + options.batch);
+            const KTensor batch = slice(order, 0, Slice(begin, begin + options.batch));
             optimizer.zero_grad();
-            const KTensor loss = cross_entropy(network(rows(images, batch)), rows(labels, batch));
+            const KTensor loss = cross_entropy(network(index_select(images, 0, batch)), index_select(labels, 0, batch));
             loss.backward();
             optimizer.step();
             schedule.step();
@@ -81,8 +70,8 @@ void report(ornik::Module& network, const ImageSet& set) {
     double all[classes] = {};
     constexpr std::int64_t batch = 1000;
     for (std::int64_t begin = 0; begin < set.count(); begin += batch) {
-        const KTensor answers = argmax(network(slice(images, begin, begin + batch)), {1});
-        const KTensor truth = slice(labels, begin, begin + batch);
+        const KTensor answers = argmax(network(slice(images, 0, Slice(begin, begin + batch))), {1});
+        const KTensor truth = slice(labels, 0, Slice(begin, begin + batch));
         for (int c = 0; c < classes; ++c) {
             const KTensor is_class = equal(truth, c);
             all[c] += sum(is_class).item<double>();
@@ -117,8 +106,8 @@ void run(const Options& options) {
     if (convolutional && (shape[1] < 4 || shape[2] < 4)) {
         throw std::runtime_error("the convolutional network needs images of at least 4 x 4 pixels");
     }
-    ornik::Sequential network = convolutional ? convolutional_network(shape[1], shape[2], classes)
-                                              : perceptron(training.pixels(), classes);
+    ornik::Sequential network =
+        convolutional ? convolutional_network(shape[1], shape[2], classes) : perceptron(training.pixels(), classes);
     train(network, training, options);
     report(network, test);
 }

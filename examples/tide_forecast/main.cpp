@@ -35,8 +35,11 @@ KTensor water_level() {
     };
     const KTensor time = KTensor::arange(0, hours, 1, ornik::dtype::float64);
     KTensor level = KTensor::zeros({hours}, ornik::dtype::float64);
-    for (const Constituent c : {Constituent{12.4206, 1.2, 0.3}, {12.0, 0.4, 1.1}, {12.6583, 0.25, 2.0},
-                                {23.9345, 0.15, 0.7}, {25.8193, 0.1, 1.9}}) {
+    for (const Constituent c : {Constituent{12.4206, 1.2, 0.3},
+                                {12.0, 0.4, 1.1},
+                                {12.6583, 0.25, 2.0},
+                                {23.9345, 0.15, 0.7},
+                                {25.8193, 0.1, 1.9}}) {
         level += c.height * cos(time * (2 * std::numbers::pi / c.period) + c.phase);
     }
     // Each hour keeps most of the last one's surge.
@@ -100,12 +103,14 @@ void report(ornik::Module& model, const KTensor& level, const Options& options) 
     const KTensor starts = KTensor::arange(0, static_cast<double>(level.size() - seen - options.horizon), 24);
     const auto [levels, next] = windows(level, starts, options.horizon);
     const KTensor forecast = model(levels);
-    std::printf("\nOn %lld days that it has not seen, the forecast is off by %.3f m; the level of a day ago by %.3f m.\n",
-                static_cast<long long>(starts.size()), sqrt(mse_loss(forecast, next)).item<double>(),
-                sqrt(mse_loss(slice(levels, 1, Slice(-options.horizon)), next)).item<double>());
-    std::printf("\nThe level in metres: '.' as it came, 'o' as forecast at the beginning of the o's\n\n%s\n",
-                chart(concat({levels[0], next[0]}, 0).to_vector<float>(), '.', forecast[0].to_vector<float>(), 'o', 15)
-                    .c_str());
+    std::printf(
+        "\nOn %lld days that it has not seen, the forecast is off by %.3f m; the level of a day ago by %.3f m.\n",
+        static_cast<long long>(starts.size()), sqrt(mse_loss(forecast, next)).item<double>(),
+        sqrt(mse_loss(slice(levels, 1, Slice(-options.horizon)), next)).item<double>());
+    std::printf(
+        "\nThe level in metres: '.' as it came, 'o' as forecast at the beginning of the o's\n\n%s\n",
+        chart(ornik::concat({levels[0], next[0]}, 0).to_vector<float>(), '.', forecast[0].to_vector<float>(), 'o', 15)
+            .c_str());
 }
 
 void run(const Options& options) {

@@ -1,10 +1,11 @@
 // by_hand_test.cpp: recorded passes give the bits of passes written by hand, and hold no more memory.
+#include "bench/ornik/by_hand.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
 
 #include "bench/ornik/block.h"
-#include "bench/ornik/by_hand.h"
 #include "examples/fashion_mnist/network.h"
 
 namespace ornik {
