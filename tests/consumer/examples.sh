@@ -14,5 +14,5 @@ same_on_one_processor() {
     diff <(echo "$output") <(taskset -c 0 "$program" "$@") || { echo "$program: differs on one processor"; exit 1; }
 }
 same_on_one_processor '^step    2   loss [0-9]' character_model --steps 2 --batch 2 --length 20
-same_on_one_processor 'the forecast is off by 0\.' tide_forecast --steps 20 --batch 8 --hidden 8
+same_on_one_processor 'the forecast is off by [0-9]' tide_forecast --steps 3 --batch 8 --hidden 8
 echo "examples: all good"
