@@ -580,5 +580,37 @@ TEST(Indexing, InPlaceFormsDoTheSameAndAreRecordedAlike) {
     EXPECT_THROW(fixed.set_index({0}, KTensor({2})), Error);
 }
 
+// Many parts of one tensor: their gradients meet in one sum, which nobody else's gradient shares.
+TEST(Indexing, GradientsOfPartsAddUpWithoutTouchingOthers) {
+    const KTensor x = KTensor::rand({4, 3}, dtype::float64).requires_grad();
+    const KTensor rows({1, 3, 1});
+    const auto parts = [&](const KTensor& t) {
+        KTensor total = sum(index_select(t, 0, rows)) + sum(gather(t, 1, KTensor({{2, 2}}))) + sum(t[rows] * 2.0);
+        for (const KTensor& row : along(t)) {
+            total = total + sum(row * row);
+        }
+        return total;
+    };
+    std::vector<double> expected = (x.detach() * 2.0).to_vector<double>();
+    for (const auto& [place, more] :
+         std::vector<std::pair<std::size_t, double>>{{3, 6}, {4, 6}, {5, 6}, {9, 3}, {10, 3}, {11, 3}, {2, 2}}) {
+        expected[place] += more;
+    }
+    EXPECT_EQ(grad({parts(x)}, {x})[0].to_vector<double>(), expected);
+    // The last operation hands one gradient to both of its operands.
+    const KTensor a = x * 1.0;
+    const KTensor b = x * 1.0;
+    const KTensor first = parts(a);
+    const std::vector<KTensor> seen = grad({sum(a + b) + first}, {a, b});
+    std::transform(expected.begin(), expected.end(), expected.begin(), [](double g) { return g + 1; });
+    EXPECT_EQ(seen[0].to_vector<double>(), expected);
+    EXPECT_EQ(seen[1].to_vector<double>(), std::vector<double>(12, 1));
+    const KTensor seed = KTensor::ones({4, 3}, dtype::float64);
+    const KTensor c = x * 1.0;
+    const KTensor second = parts(c);
+    EXPECT_EQ(grad({c, second}, {c}, {seed, KTensor::scalar(1.0)})[0].to_vector<double>(), expected);
+    EXPECT_EQ(seed.to_vector<double>(), std::vector<double>(12, 1));
+}
+
 }  // namespace
 }  // namespace ornik
