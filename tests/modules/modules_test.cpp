@@ -233,7 +233,7 @@ TEST(Modules, FaultyArguments) {
         {[&] { PReLU(3)(x); }, "PReLU(): wants [N, 3, ...], not ( 4, 2, 6 ) "},
         {[] { MultiheadAttention(10, 3); }, "MultiheadAttention(): a width of 10 does not fall into 3 heads."},
         {[] { TransformerEncoderLayer(8, 2, {.dropout = 2}); },
-         "MultiheadAttention(): a probability is in [0, 1], not 2.000000."},
+         "TransformerEncoderLayer(): a probability is in [0, 1], not 2.000000."},
         {[] { TransformerEncoder(0, 8, 2); }, "TransformerEncoder(): sizes are 1 and above, not 0."},
         {[&] {
              attention.forward(x, x, KTensor::zeros({3, 2, 6}));
