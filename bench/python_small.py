@@ -19,7 +19,7 @@ ROWS = {
     "a.shape": "c.shape",
     "a.sum() of 10": "c.sum()",
     "a.reshape(2, 5)": "c.reshape(2, 5)",
-    "float(a)": "float(a)",
+    "a.item()": "a.item()",
     "a @ b, 4 x 4": "s @ s",
     "a < b of 10": "c < c",
     "a += b of 10": "c += d",

@@ -14,9 +14,9 @@ import math as _math
 from typing import TYPE_CHECKING, Any
 
 from . import _ornik
-from ._creation import *  # noqa: F403
+from ._creation import *
 from ._dtypes import DType as DType
-from ._dtypes import bool_ as bool
+from ._dtypes import bool_
 from ._dtypes import complex64 as complex64
 from ._dtypes import complex128 as complex128
 from ._dtypes import dtype as dtype
@@ -27,10 +27,10 @@ from ._dtypes import int16 as int16
 from ._dtypes import int32 as int32
 from ._dtypes import int64 as int64
 from ._dtypes import uint8 as uint8
-from ._elements import *  # noqa: F403
-from ._products import *  # noqa: F403
-from ._reductions import *  # noqa: F403
-from ._shapes import *  # noqa: F403
+from ._elements import *
+from ._products import *
+from ._reductions import *
+from ._shapes import *
 from ._tensor import HookHandle as HookHandle
 from ._tensor import KTensor as KTensor
 from ._threads import get_num_threads as get_num_threads
@@ -50,6 +50,8 @@ if TYPE_CHECKING:
     from . import random as random
 
 __version__: str = _ornik.__version__
+
+bool = bool_
 
 e = _math.e
 pi = _math.pi

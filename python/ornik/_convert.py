@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import sys
 from collections.abc import Sequence
 from typing import TYPE_CHECKING, Any, Union
 
@@ -62,8 +63,11 @@ def _from_memory(obj: object, copy: bool | None) -> KTensor | None:
     """By the buffer protocol, DLPack or NumPy's, in this order; None where an object has none of them."""
     if isinstance(obj, (str, bytes)):
         raise TypeError(f"a tensor is made of numbers, but got {_kind(obj)}")
-    if isinstance(obj, (bool, int, float, complex, list, tuple, range)):
+    if type(obj) in (bool, int, float, complex) or isinstance(obj, (list, tuple, range)):
         return None
+    numpy = sys.modules.get("numpy")
+    if numpy is not None and isinstance(obj, numpy.generic):
+        return _ornik.from_buffer(numpy.asarray(obj), copy is not False)
     if hasattr(obj, "__dlpack__") and not hasattr(obj, "__array_interface__"):
         return from_dlpack(obj, copy=copy)
     try:

@@ -130,15 +130,19 @@ def ones_like(x: KTensor, /, *, dtype: DTypeLike | None = None, device: object =
     return ones(x.shape, dtype=x.dtype if dtype is None else dtype, device=device)
 
 
-def full_like(
-    x: KTensor, /, fill_value: Number, *, dtype: DTypeLike | None = None, device: object = None
-) -> KTensor:
+def full_like(x: KTensor, /, fill_value: Number, *, dtype: DTypeLike | None = None, device: object = None) -> KTensor:
     """:func:`full` of x's shape and, unless told otherwise, dtype."""
     return full(x.shape, fill_value, dtype=x.dtype if dtype is None else dtype, device=device)
 
 
 def arange(
-    start: float, /, stop: float | None = None, step: float = 1, *, dtype: DTypeLike | None = None, device: object = None
+    start: float,
+    /,
+    stop: float | None = None,
+    step: float = 1,
+    *,
+    dtype: DTypeLike | None = None,
+    device: object = None,
 ) -> KTensor:
     """start, start + step, ... before stop; with one argument, 0, 1, ... before it. int64 for whole numbers.
 

@@ -450,9 +450,7 @@ def masked_fill(x: KTensor, mask: KTensor, value: Number) -> KTensor:
     return _ornik.masked_fill(x, mask, value)
 
 
-def isclose(
-    x1: KTensor, x2: KTensor, /, *, rtol: float = 1e-5, atol: float = 1e-8, equal_nan: bool = False
-) -> KTensor:
+def isclose(x1: KTensor, x2: KTensor, /, *, rtol: float = 1e-5, atol: float = 1e-8, equal_nan: bool = False) -> KTensor:
     """True where ``|x1 - x2| <= atol + rtol |x2|``."""
     return _ornik.is_close(x1, x2, rtol, atol, equal_nan)
 

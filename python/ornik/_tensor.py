@@ -9,7 +9,7 @@ from collections.abc import Callable, Iterator
 from typing import TYPE_CHECKING, Any
 
 from . import _dtypes, _elements, _ornik, _products, _reductions, _shapes
-from ._convert import Axes, DTypeLike, Number, Operand, Shape, check_device, from_object
+from ._convert import Axes, DTypeLike, Number, Operand, check_device, from_object
 
 if TYPE_CHECKING:
     import numpy
@@ -311,7 +311,11 @@ class KTensor(_ornik.KTensorBase):
     # ---- Gradients ----
 
     def backward(
-        self, gradient: KTensor | None = None, *, retain_graph: builtins.bool = False, create_graph: builtins.bool = False
+        self,
+        gradient: KTensor | None = None,
+        *,
+        retain_graph: builtins.bool = False,
+        create_graph: builtins.bool = False,
     ) -> None:
         """Adds the gradients of every leaf that this tensor was computed from to its ``grad``.
 
@@ -396,12 +400,10 @@ class KTensor(_ornik.KTensorBase):
 
     # ---- Reductions and order ----
 
-    def sum(
-        self, axis: Axes = None, dtype: DTypeLike | None = None, keepdims: builtins.bool = False
-    ) -> KTensor:
+    def sum(self, axis: Axes = None, dtype: DTypeLike | None = None, keepdims: builtins.bool = False) -> KTensor:
         """The sum over some axes, or all of them; see :func:`ornik.sum`."""
-        if dtype is None and (axis is None or axis.__class__ is int):
-            return _ornik.sum(self, axis, keepdims)
+        if axis is None and dtype is None and not keepdims:
+            return _ornik.sum_all(self)
         return _reductions.sum(self, axis=axis, dtype=dtype, keepdims=keepdims)
 
     def prod(self, axis: Axes = None, keepdims: builtins.bool = False) -> KTensor:

@@ -164,9 +164,7 @@ def grad(
 
     An input that no output depends on is refused, or, with ``allow_unused``, has None for a gradient.
     """
-    return tuple(
-        _ornik.grad(_list(outputs), _list(inputs), _list(gradients), retain_graph, create_graph, allow_unused)
-    )
+    return tuple(_ornik.grad(_list(outputs), _list(inputs), _list(gradients), retain_graph, create_graph, allow_unused))
 
 
 class FunctionContext:

@@ -13,7 +13,18 @@ from ._convert import DTypeLike, Shape
 if TYPE_CHECKING:
     from ._tensor import KTensor
 
-__all__ = ["Generator", "get_state", "normal", "permutation", "rand", "randint", "randn", "seed", "set_state", "uniform"]
+__all__ = [
+    "Generator",
+    "get_state",
+    "normal",
+    "permutation",
+    "rand",
+    "randint",
+    "randn",
+    "seed",
+    "set_state",
+    "uniform",
+]
 
 
 def seed(seed: int) -> None:

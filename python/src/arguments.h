@@ -5,7 +5,6 @@
 #pragma once
 
 #include <Python.h>
-
 #include <nanobind/nanobind.h>
 
 #include <cstdint>
@@ -87,9 +86,7 @@ PyObject* dtype_object(std::int64_t code);
 
 inline Dtype dtype_argument(PyObject* object) { return {to_dtype(object)}; }
 inline Number number_argument(PyObject* object) { return {to_number(object)}; }
-inline OptionalTensor optional_tensor(PyObject* object) {
-    return {object == Py_None ? KTensor() : to_tensor(object)};
-}
+inline OptionalTensor optional_tensor(PyObject* object) { return {object == Py_None ? KTensor() : to_tensor(object)}; }
 inline OptionalTensors optional_tensors(PyObject* object) { return {to_tensors(object, true)}; }
 
 /// A tensor over the memory of an array of NumPy, or a copy where it can not serve as it is (interchange.cpp).
@@ -100,27 +97,33 @@ KTensor from_numpy(PyObject* array);
 namespace nanobind::detail {
 
 // A caster whose conversion throws: what is wrong is said better there than by a list of overloads.
-#define ORNIK_ARGUMENT(Type, name, conversion)                           \
-    template <>                                                          \
-    struct type_caster<Type> {                                           \
-        NB_TYPE_CASTER(Type, const_name(name))                           \
-        bool from_python(handle source, std::uint32_t, cleanup_list*) {  \
-            value = conversion(source.ptr());                            \
-            return true;                                                 \
-        }                                                                \
+#define ORNIK_ARGUMENT(Type, name, conversion)                                           \
+    template <>                                                                          \
+    struct type_caster<Type> {                                                           \
+        NB_TYPE_CASTER(Type, const_name(name))                                           \
+        bool from_python(handle source, std::uint32_t, cleanup_list*) {                  \
+            value = conversion(source.ptr());                                            \
+            return true;                                                                 \
+        }                                                                                \
         static handle from_cpp(const Type&, rv_policy, cleanup_list*) noexcept = delete; \
     };
 
 ORNIK_ARGUMENT(ornik::python::Shape, "int | collections.abc.Sequence[int]", ornik::python::to_shape)
-ORNIK_ARGUMENT(ornik::python::Axes, "int | collections.abc.Sequence[int] | None", ornik::python::to_axes)
+ORNIK_ARGUMENT(ornik::python::Axes, "int | collections.abc.Sequence[int]", ornik::python::to_axes)
 ORNIK_ARGUMENT(ornik::python::Axis, "int", ornik::python::to_axis)
 ORNIK_ARGUMENT(ornik::python::Dtype, "object", ornik::python::dtype_argument)
 ORNIK_ARGUMENT(ornik::python::Number, "complex", ornik::python::number_argument)
 ORNIK_ARGUMENT(ornik::python::Operand, "ornik.KTensor | complex", ornik::python::to_operand)
-ORNIK_ARGUMENT(ornik::python::OptionalTensor, "ornik.KTensor | None", ornik::python::optional_tensor)
+ORNIK_ARGUMENT(ornik::python::OptionalTensor, "ornik.KTensor", ornik::python::optional_tensor)
 ORNIK_ARGUMENT(ornik::python::OptionalTensors, "collections.abc.Sequence[ornik.KTensor | None]",
                ornik::python::optional_tensors)
 #undef ORNIK_ARGUMENT
+
+// Those that take None.
+template <>
+struct has_arg_defaults<ornik::python::Axes> : std::true_type {};
+template <>
+struct has_arg_defaults<ornik::python::OptionalTensor> : std::true_type {};
 
 template <>
 struct type_caster<ornik::KTensor> {

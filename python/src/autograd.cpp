@@ -23,9 +23,7 @@ void set_grad_enabled(bool enabled) {
     new (memory) GradMode(enabled);
 }
 
-KTensor tensor_or_none(const nb::object& object) {
-    return object.is_none() ? KTensor() : to_tensor(object.ptr());
-}
+KTensor tensor_or_none(const nb::object& object) { return object.is_none() ? KTensor() : to_tensor(object.ptr()); }
 
 // A call of a Python function by the library.
 template <typename... Arguments>
@@ -91,13 +89,17 @@ void add_autograd(nb::module_& m) {
     m.def("backward", [](const Tensors& outputs, const OptionalTensors& seeds, bool retain_graph, bool create_graph) {
         without_lock([&] { backward(outputs.list, seeds.list, retain_graph, create_graph); });
     });
-    m.def("grad", [](const Tensors& outputs, const Tensors& inputs, const OptionalTensors& seeds, bool retain_graph,
-                     bool create_graph, bool allow_unused) {
-        return Tensors{without_lock([&] {
-            return grad(outputs.list, inputs.list, seeds.list, {retain_graph, create_graph, allow_unused});
-        })};
-    }, nb::sig("def grad(outputs: list[ornik.KTensor], inputs: list[ornik.KTensor], seeds: list[ornik.KTensor | None], "
-               "retain_graph: bool, create_graph: bool, allow_unused: bool, /) -> list[ornik.KTensor | None]"));
+    m.def(
+        "grad",
+        [](const Tensors& outputs, const Tensors& inputs, const OptionalTensors& seeds, bool retain_graph,
+           bool create_graph, bool allow_unused) {
+            return Tensors{without_lock([&] {
+                return grad(outputs.list, inputs.list, seeds.list, {retain_graph, create_graph, allow_unused});
+            })};
+        },
+        nb::sig(
+            "def grad(outputs: list[ornik.KTensor], inputs: list[ornik.KTensor], seeds: list[ornik.KTensor | None], "
+            "retain_graph: bool, create_graph: bool, allow_unused: bool, /) -> list[ornik.KTensor | None]"));
     m.def("custom", custom_operation);
     m.def("checkpoint", checkpointed);
 }

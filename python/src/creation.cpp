@@ -77,16 +77,16 @@ class Reader {
     [[noreturn]] void refuse_ragged(std::size_t axis, const std::string& found) const {
         const std::string wanted =
             axis < shape_.size() ? "rows of " + std::to_string(shape_[axis]) : std::string("numbers");
-        raise_error(PyExc_ValueError,
-                    "rows differ: " + found + " stands where " + wanted + " are wanted, at axis " + std::to_string(axis));
+        raise_error(PyExc_ValueError, "rows differ: " + found + " stands where " + wanted + " are wanted, at axis " +
+                                          std::to_string(axis));
     }
 
     void read_number(PyObject* object) {
         std::optional<Scalar> number;
         if (is_tensor(object) && tensor_in(object).ndim() == 0) {
             const KTensor& t = tensor_in(object);
-            number = t.is_complex()    ? Scalar(t.item<std::complex<double>>())
-                     : t.is_floating() ? Scalar(t.item<double>())
+            number = t.is_complex()                ? Scalar(t.item<std::complex<double>>())
+                     : t.is_floating()             ? Scalar(t.item<double>())
                      : t.dtype() == dtype::boolean ? Scalar(t.item<bool>())
                                                    : Scalar(t.item<std::int64_t>());
         } else {
@@ -153,8 +153,7 @@ void add_creation(nb::module_& m) {
     m.def(
         "from_nested",
         [](nb::handle object, nb::handle dtype) {
-            return from_nested(object.ptr(),
-                               dtype.is_none() ? std::nullopt : std::optional(to_dtype(dtype.ptr())));
+            return from_nested(object.ptr(), dtype.is_none() ? std::nullopt : std::optional(to_dtype(dtype.ptr())));
         },
         nb::arg("object").none(), nb::arg("dtype").none(),
         nb::sig("def from_nested(object: object, dtype: object | None) -> ornik.KTensor"));
@@ -180,9 +179,8 @@ void add_creation(nb::module_& m) {
     m.def("randint", [](std::int64_t low, std::int64_t high, const Shape& shape, Dtype dtype) {
         return without_lock([&] { return KTensor::randint(low, high, shape.dims, dtype.code); });
     });
-    m.def("randperm", [](std::int64_t n, Dtype dtype) {
-        return without_lock([&] { return KTensor::randperm(n, dtype.code); });
-    });
+    m.def("randperm",
+          [](std::int64_t n, Dtype dtype) { return without_lock([&] { return KTensor::randperm(n, dtype.code); }); });
 }
 
 }  // namespace ornik::python

@@ -56,8 +56,9 @@ PyObject* dtype_object(std::int64_t code) {
 }
 
 void add_dtypes(nb::module_& m) {
-    m.def("register_dtypes", register_dtypes, nb::sig("def register_dtypes(dtypes: tuple[object, ...], find: "
-                                                      "collections.abc.Callable[[object], object], /) -> None"));
+    m.def("register_dtypes", register_dtypes,
+          nb::sig("def register_dtypes(dtypes: tuple[object, ...], find: "
+                  "collections.abc.Callable[[object], object], /) -> None"));
     nb::list table;
     for (const detail::DtypeInfo& info : detail::dtype_table) {
         table.append(nb::make_tuple(nb::str(info.name.data(), info.name.size()), info.item_size,

@@ -64,9 +64,8 @@ void add_elements(nb::module_& m) {
     for (const auto& [name, function] : activations) {
         add_unary(m, name, function);
     }
-    m.def("leaky_relu", [](const KTensor& x, float slope) {
-        return without_lock(x.size(), [&] { return leaky_relu(x, slope); });
-    });
+    m.def("leaky_relu",
+          [](const KTensor& x, float slope) { return without_lock(x.size(), [&] { return leaky_relu(x, slope); }); });
     m.def("elu", [](const KTensor& x, float alpha) { return without_lock(x.size(), [&] { return elu(x, alpha); }); });
     m.def("hardtanh", [](const KTensor& x, double low, double high) {
         return without_lock(x.size(), [&] { return hardtanh(x, low, high); });

@@ -6,7 +6,6 @@
 #pragma once
 
 #include <Python.h>
-
 #include <nanobind/nanobind.h>
 
 #include <string>

@@ -88,7 +88,7 @@ nb::tuple with_metadata(SafetensorsFile file) {
     return nb::make_tuple(to_dict(to_handles(std::move(file.tensors))), texts);
 }
 
-nb::bytes to_bytes(const std::vector<std::byte>& bytes) { return {bytes.data(), bytes.size()}; }
+nb::bytes to_bytes(const std::vector<std::byte>& bytes) { return nb::bytes(bytes.data(), bytes.size()); }
 std::span<const std::byte> span_of(const nb::bytes& bytes) {
     return {reinterpret_cast<const std::byte*>(bytes.c_str()), bytes.size()};
 }
@@ -96,35 +96,43 @@ std::span<const std::byte> span_of(const nb::bytes& bytes) {
 }  // namespace
 
 void add_files(nb::module_& m) {
-    m.def("save", [](const std::string& path, const nb::dict& tensors, const nb::dict& metadata, bool compress,
-                     bool sync) {
-        const NamedTensors named = to_named(tensors);
-        const FileMetadata texts = to_metadata(metadata);
-        without_lock([&] { save(path, named, texts, {compress, sync}); });
-    });
-    m.def("load", [](const std::string& path, const std::string& mode) {
-        const LoadMode how = mode_of(mode);
-        return to_dict(without_lock([&] { return load(path, how); }));
-    }, nb::sig("def load(path: str, mode: str, /) -> dict[str, ornik.KTensor]"));
-    m.def("load_safetensors", [](const std::string& path, const std::string& mode) {
-        const LoadMode how = mode_of(mode);
-        return with_metadata(without_lock([&] { return load_safetensors(path, how); }));
-    }, nb::sig("def load_safetensors(path: str, mode: str, /) -> tuple[dict[str, ornik.KTensor], dict[str, str]]"));
+    m.def("save",
+          [](const std::string& path, const nb::dict& tensors, const nb::dict& metadata, bool compress, bool sync) {
+              const NamedTensors named = to_named(tensors);
+              const FileMetadata texts = to_metadata(metadata);
+              without_lock([&] { save(path, named, texts, {compress, sync}); });
+          });
+    m.def(
+        "load",
+        [](const std::string& path, const std::string& mode) {
+            const LoadMode how = mode_of(mode);
+            return to_dict(without_lock([&] { return load(path, how); }));
+        },
+        nb::sig("def load(path: str, mode: str, /) -> dict[str, ornik.KTensor]"));
+    m.def(
+        "load_safetensors",
+        [](const std::string& path, const std::string& mode) {
+            const LoadMode how = mode_of(mode);
+            return with_metadata(without_lock([&] { return load_safetensors(path, how); }));
+        },
+        nb::sig("def load_safetensors(path: str, mode: str, /) -> tuple[dict[str, ornik.KTensor], dict[str, str]]"));
     m.def("safetensors_to_bytes", [](const nb::dict& tensors, const nb::dict& metadata) {
         const NamedTensors named = to_named(tensors);
         return to_bytes(safetensors_to_bytes(entries_of(named), to_metadata(metadata)));
     });
-    m.def("safetensors_from_bytes", [](const nb::bytes& bytes) {
-        return with_metadata(safetensors_from_bytes(span_of(bytes)));
-    }, nb::sig("def safetensors_from_bytes(data: bytes, /) -> tuple[dict[str, ornik.KTensor], dict[str, str]]"));
+    m.def(
+        "safetensors_from_bytes",
+        [](const nb::bytes& bytes) { return with_metadata(safetensors_from_bytes(span_of(bytes))); },
+        nb::sig("def safetensors_from_bytes(data: bytes, /) -> tuple[dict[str, ornik.KTensor], dict[str, str]]"));
     m.def("npy_to_bytes", [](const KTensor& t) { return to_bytes(npy_to_bytes(t.tensor())); });
     m.def("npy_from_bytes", [](const nb::bytes& bytes) { return KTensor(npy_from_bytes(span_of(bytes))); });
     m.def("npz_to_bytes", [](const nb::dict& tensors, bool compress) {
         const NamedTensors named = to_named(tensors);
         return to_bytes(npz_to_bytes(entries_of(named), {compress, false}));
     });
-    m.def("npz_from_bytes", [](const nb::bytes& bytes) { return to_dict(to_handles(npz_from_bytes(span_of(bytes)))); },
-          nb::sig("def npz_from_bytes(data: bytes, /) -> dict[str, ornik.KTensor]"));
+    m.def(
+        "npz_from_bytes", [](const nb::bytes& bytes) { return to_dict(to_handles(npz_from_bytes(span_of(bytes)))); },
+        nb::sig("def npz_from_bytes(data: bytes, /) -> dict[str, ornik.KTensor]"));
 }
 
 }  // namespace ornik::python

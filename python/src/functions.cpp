@@ -1,13 +1,13 @@
 // functions.cpp: reductions, shapes, products.
+#include <nanobind/stl/pair.h>
+#include <nanobind/stl/tuple.h>
+
 #include "arguments.h"
 #include "gil.h"
 #include "ktensor/products.h"
 #include "ktensor/reductions.h"
 #include "ktensor/shapes.h"
 #include "module.h"
-
-#include <nanobind/stl/pair.h>
-#include <nanobind/stl/tuple.h>
 
 namespace nb = nanobind;
 
@@ -19,24 +19,25 @@ using Reduction = KTensor (*)(const KTensor& x, const std::vector<int>& axes, bo
 
 void add_reductions(nb::module_& m) {
     constexpr std::pair<const char*, Reduction> table[] = {
-        {"sum", sum},       {"prod", prod},           {"mean", mean},   {"l2_norm", l2_norm},
-        {"max", (max)},     {"min", (min)},           {"median", median}, {"logsumexp", logsumexp},
-        {"argmax", argmax}, {"argmin", argmin},       {"any", any},     {"all", all},
+        {"sum", sum},       {"prod", prod},     {"mean", mean},     {"l2_norm", l2_norm},
+        {"max", (max)},     {"min", (min)},     {"median", median}, {"logsumexp", logsumexp},
+        {"argmax", argmax}, {"argmin", argmin}, {"any", any},       {"all", all},
     };
     for (const auto& [name, function] : table) {
         m.def(name, [function = function](const KTensor& x, const Axes& axes, bool keep_dims) {
             return without_lock(x.size(), [&] { return function(x, axes.axes, keep_dims); });
         });
     }
+    // The usual case, by nanobind's shortest way.
+    m.def("sum_all", [](const KTensor& x) { return without_lock(x.size(), [&] { return sum(x); }); });
     m.def("var", [](const KTensor& x, const Axes& axes, bool keep_dims, double correction) {
         return without_lock(x.size(), [&] { return var(x, axes.axes, keep_dims, correction); });
     });
     m.def("std_dev", [](const KTensor& x, const Axes& axes, bool keep_dims, double correction) {
         return without_lock(x.size(), [&] { return std_dev(x, axes.axes, keep_dims, correction); });
     });
-    m.def("trace", [](const KTensor& x, std::int64_t offset, Axis a, Axis b) {
-        return trace(x, offset, a.axis, b.axis);
-    });
+    m.def("trace",
+          [](const KTensor& x, std::int64_t offset, Axis a, Axis b) { return trace(x, offset, a.axis, b.axis); });
 
     using Along = KTensor (*)(const KTensor& x, int axis);
     constexpr std::pair<const char*, Along> along[] = {
@@ -65,9 +66,8 @@ void add_reductions(nb::module_& m) {
 }
 
 void add_shapes(nb::module_& m) {
-    m.def("astype", [](const KTensor& x, Dtype dtype) {
-        return without_lock(x.size(), [&] { return astype(x, dtype.code); });
-    });
+    m.def("astype",
+          [](const KTensor& x, Dtype dtype) { return without_lock(x.size(), [&] { return astype(x, dtype.code); }); });
     m.def("clone", [](const KTensor& x) { return without_lock(x.size(), [&] { return clone(x); }); });
     m.def("contiguous", [](const KTensor& x) { return without_lock(x.size(), [&] { return contiguous(x); }); });
     m.def("copy_", [](KTensor x, const KTensor& source) {
@@ -75,7 +75,7 @@ void add_shapes(nb::module_& m) {
         return x;
     });
     m.def("fill_", [](KTensor x, const Number& value) {
-        without_lock(x.size(), [&] { copy_(x, KTensor::full({}, value.value, x.dtype())); });
+        without_lock(x.size(), [&] { fill_(x, value.value); });
         return x;
     });
     m.def("broadcast_to", [](const KTensor& x, const Shape& shape) { return broadcast_to(x, shape.dims); });
@@ -93,7 +93,8 @@ void add_shapes(nb::module_& m) {
     m.def("transpose", [](const KTensor& x) { return transpose(x); });
     m.def("swapaxes", [](const KTensor& x, Axis a, Axis b) { return swapaxes(x, a.axis, b.axis); });
     m.def(
-        "squeeze", [](const KTensor& x, nb::handle axes) {
+        "squeeze",
+        [](const KTensor& x, nb::handle axes) {
             return axes.is_none() ? squeeze(x) : squeeze(x, to_axes(axes.ptr()).axes);
         },
         nb::arg(), nb::arg().none(),

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <Python.h>
-
 #include <nanobind/nanobind.h>
 
 #include <cstdint>

@@ -304,8 +304,8 @@ nb::object to_dlpack(const KTensor& t, bool versioned, bool copy) {
         }
         return export_as<dlpack::Managed>(given, 0);
     }
-    return export_as<dlpack::ManagedVersioned>(given, (read_only ? dlpack::read_only : 0) |
-                                                          (copy ? dlpack::copied : 0));
+    return export_as<dlpack::ManagedVersioned>(given,
+                                               (read_only ? dlpack::read_only : 0) | (copy ? dlpack::copied : 0));
 }
 
 // ---- DLPack, from others ----
@@ -431,7 +431,8 @@ KTensor from_numpy(PyObject* array) { return from_buffer(array, std::nullopt); }
 
 void add_interchange(nb::module_& m) {
     m.def(
-        "from_buffer", [](nb::handle object, nb::handle copy) { return from_buffer(object.ptr(), copy_argument(copy)); },
+        "from_buffer",
+        [](nb::handle object, nb::handle copy) { return from_buffer(object.ptr(), copy_argument(copy)); },
         nb::arg("object").none(), nb::arg("copy").none(),
         nb::sig("def from_buffer(object: object, copy: bool | None) -> ornik.KTensor"));
     m.def(

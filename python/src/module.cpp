@@ -21,7 +21,8 @@ NB_MODULE(_ornik, m) {
     add_creation(m);
     add_elements(m);
     add_functions(m);
-    
+    add_joining(m);
+
     add_properties(m);
     add_interchange(m);
     add_autograd(m);

@@ -16,7 +16,7 @@ PyTypeObject* instance_type = nullptr;
 
 namespace {
 
-// Objects of instance_type that wait for their next use. Guarded by Python's lock.
+// Objects of instance_type that wait for their next use, unknown to the collector. Guarded by Python's lock.
 constexpr std::size_t most_spare = 256;
 PyObject* spare[most_spare];
 std::size_t spare_count = 0;
@@ -62,7 +62,7 @@ PyObject* register_class(PyObject*, PyObject* type) {
     return guarded([&]() -> PyObject* {
         auto* derived = reinterpret_cast<PyTypeObject*>(type);
         if (PyType_Check(type) == 0 || PyType_IsSubtype(derived, base_type) == 0 ||
-            derived->tp_basicsize != base_type->tp_basicsize || PyType_IS_GC(derived)) {
+            derived->tp_basicsize != base_type->tp_basicsize) {
             raise_error(PyExc_TypeError, "the tensor class derives from KTensorBase and adds no fields");
         }
         while (spare_count > 0) {
@@ -95,16 +95,18 @@ PyObject* wrap(KTensor tensor) noexcept {
         return Py_NewRef(Py_None);
     }
     make_left_calls();
-    PyObject* self;
     if (spare_count > 0) {
-        self = PyObject_Init(spare[--spare_count], instance_type);
-    } else {
-        self = instance_type->tp_alloc(instance_type, 0);
-        if (self == nullptr) {
-            return nullptr;
+        PyObject* self = PyObject_Init(spare[--spare_count], instance_type);
+        begin(self, std::move(tensor));
+        if (PyType_IS_GC(instance_type)) {
+            PyObject_GC_Track(self);
         }
+        return self;
     }
-    begin(self, std::move(tensor));
+    PyObject* self = instance_type->tp_alloc(instance_type, 0);
+    if (self != nullptr) {
+        begin(self, std::move(tensor));
+    }
     return self;
 }
 

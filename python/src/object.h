@@ -15,8 +15,7 @@
 namespace ornik::python {
 
 struct Object {
-    PyObject_HEAD
-    KTensor tensor;
+    PyObject_HEAD KTensor tensor;
     PyObject* shape;  // a tuple, made when it is first asked for
     PyObject* weak_references;
 };

@@ -75,9 +75,8 @@ PyObject* binary(PyObject* a, PyObject* b) noexcept {
         }
         const KTensor own = tensor_in(left ? a : b);
         const Scalar& number = std::get<Scalar>(other->value);
-        return wrap(without_lock(own.size(), [&] {
-            return left ? Operation::run(own, number) : Operation::run(number, own);
-        }));
+        return wrap(
+            without_lock(own.size(), [&] { return left ? Operation::run(own, number) : Operation::run(number, own); }));
     });
 }
 
@@ -213,7 +212,8 @@ PyObject* matrix_product_in_place(PyObject* self, PyObject* b) noexcept {
         const KTensor& result = tensor_in(product.ptr());
         KTensor own = tensor_in(self);
         if (result.dtype() != own.dtype() || result.shape() != own.shape()) {
-            raise_error(PyExc_ValueError, "@=: the product has another shape or dtype than the tensor it would replace");
+            raise_error(PyExc_ValueError,
+                        "@=: the product has another shape or dtype than the tensor it would replace");
         }
         copy_(own, result);
         return Py_NewRef(self);

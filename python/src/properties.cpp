@@ -144,21 +144,21 @@ nb::object nested(const Tensor& t, std::size_t axis, const char* at) {
 PyGetSetDef* property_table() { return table; }
 
 void add_properties(nb::module_& m) {
-    m.def("item", [](const KTensor& t) { return nb::steal(checked(item(t))); },
-          nb::sig("def item(x: ornik.KTensor, /) -> bool | int | float | complex"));
-    m.def("tolist", [](const KTensor& t) {
-        return nested(*t.tensor(), 0, static_cast<const char*>(t.tensor()->getRawData()));
-    }, nb::sig("def tolist(x: ornik.KTensor, /) -> typing.Any"));
+    m.def(
+        "item", [](const KTensor& t) { return nb::steal(checked(item(t))); },
+        nb::sig("def item(x: ornik.KTensor, /) -> bool | int | float | complex"));
+    m.def(
+        "tolist",
+        [](const KTensor& t) { return nested(*t.tensor(), 0, static_cast<const char*>(t.tensor()->getRawData())); },
+        nb::sig("def tolist(x: ornik.KTensor, /) -> typing.Any"));
     m.def("to_string", [](const KTensor& t, int precision) { return t.to_string(precision); });
     m.def("is_contiguous", [](const KTensor& t) { return t.is_contiguous(); });
     m.def("is_read_only", [](const KTensor& t) { return t.tensor()->getStorage()->read_only(); });
     m.def("set_read_only", [](const KTensor& t) { t.tensor()->getStorage()->set_read_only(true); });
     m.def("same", [](const KTensor& a, const KTensor& b) { return a.is(b); });
-    m.def("shares_memory", [](const KTensor& a, const KTensor& b) {
-        return a.tensor()->getStorage() == b.tensor()->getStorage();
-    });
-    m.def("data_pointer",
-          [](const KTensor& t) { return reinterpret_cast<std::uintptr_t>(t.tensor()->getRawData()); });
+    m.def("shares_memory",
+          [](const KTensor& a, const KTensor& b) { return a.tensor()->getStorage() == b.tensor()->getStorage(); });
+    m.def("data_pointer", [](const KTensor& t) { return reinterpret_cast<std::uintptr_t>(t.tensor()->getRawData()); });
 }
 
 }  // namespace ornik::python

@@ -1,6 +1,4 @@
 // random.cpp: generators of random numbers, and the number of threads.
-#include "random/generator.h"
-
 #include <nanobind/stl/shared_ptr.h>
 
 #include <cstring>
@@ -8,6 +6,7 @@
 #include "errors.h"
 #include "hardware/thread_config.h"
 #include "module.h"
+#include "random/generator.h"
 
 namespace nb = nanobind;
 using ornik::generator::Generator;
@@ -54,9 +53,7 @@ void add_random(nb::module_& m) {
         .def("get_state", state_of)
         .def("set_state", [](Generator& generator, const nb::tuple& state) { generator.set_state(to_state(state)); })
         .def("seed", [](const Generator& generator) { return generator.seed(); });
-    nb::class_<Scope>(m, "GeneratorScope")
-        .def(nb::init<std::shared_ptr<Generator>>())
-        .def("leave", &Scope::leave);
+    nb::class_<Scope>(m, "GeneratorScope").def(nb::init<std::shared_ptr<Generator>>()).def("leave", &Scope::leave);
     m.def("new_generator", [](std::uint32_t seed) {
         auto generator = std::make_shared<Generator>(std::uint64_t{1});
         generator->set_seed(seed);

@@ -20,9 +20,10 @@ namespace ornik::python {
 namespace {
 
 [[noreturn]] void refuse_item(PyObject* item) {
-    raise_error(PyExc_IndexError, "an index is made of whole numbers, slices, ..., None, and arrays of whole numbers or "
-                                  "bools, but got " +
-                                      type_name(item));
+    raise_error(PyExc_IndexError,
+                "an index is made of whole numbers, slices, ..., None, and arrays of whole numbers or "
+                "bools, but got " +
+                    type_name(item));
 }
 
 // A position; numbers beyond 64 bits are beyond every axis, too.
@@ -53,6 +54,15 @@ Slice slice_of(PyObject* item) {
     return slice;
 }
 
+// A tensor that picks elements; one whole number without axes is a position.
+Index picker(const KTensor& tensor) {
+    if (tensor.dtype() != dtype::boolean && !is_dtype_class(tensor.dtype(), DtypeClass::integral)) {
+        raise_error(PyExc_IndexError,
+                    "arrays of whole numbers or bools pick elements, not of " + dtype_name(tensor.dtype()).substr(6));
+    }
+    return tensor.ndim() == 0 && tensor.dtype() != dtype::boolean ? Index(tensor.item<std::int64_t>()) : Index(tensor);
+}
+
 Index item_of(PyObject* item) {
     if (PyLong_CheckExact(item) != 0) {
         return Index(position_of(item));
@@ -70,16 +80,10 @@ Index item_of(PyObject* item) {
         return Index(item == Py_True);
     }
     if (is_tensor(item)) {
-        const KTensor& tensor = tensor_in(item);
-        if (!is_dtype_class(tensor.dtype(), DtypeClass::boolean) &&
-            !is_dtype_class(tensor.dtype(), DtypeClass::integral)) {
-            raise_error(PyExc_IndexError, "tensors of whole numbers or bools pick elements, not of other dtypes");
-        }
-        return tensor.ndim() == 0 && tensor.dtype() != dtype::boolean ? Index(tensor.item<std::int64_t>())
-                                                                      : Index(tensor.detach());
+        return picker(tensor_in(item).detach());
     }
     if (is_numpy_array(item)) {
-        return from_numpy(item);
+        return picker(from_numpy(item));
     }
     if (const std::optional<Scalar> number = PyFloat_Check(item) ? std::nullopt : as_number(item)) {
         if (number->Dtype() == dtype::boolean) {
@@ -95,13 +99,14 @@ Index item_of(PyObject* item) {
     }
     if (PyList_Check(item) || PyRange_Check(item)) {
         const KTensor picked = from_nested(item, {});
-        return picked.size() == 0 ? astype(picked, dtype::int64) : picked;
+        return picker(picked.size() == 0 ? astype(picked, dtype::int64) : picked);
     }
     refuse_item(item);
 }
 
 bool picks_elements(const std::vector<Index>& items) {
-    return std::any_of(items.begin(), items.end(), [](const Index& item) { return item.kind() == Index::Kind::tensor; });
+    return std::any_of(items.begin(), items.end(),
+                       [](const Index& item) { return item.kind() == Index::Kind::tensor; });
 }
 
 std::vector<Index> items_of(PyObject* key) {

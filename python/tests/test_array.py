@@ -19,9 +19,9 @@ def numbers(shape, dtype, seed=0):
     rng = np.random.default_rng(seed + 7 * len(shape))
     values = rng.integers(1, 6, shape)
     if np.dtype(dtype).kind == "c":
-        return (values + 1j * rng.integers(1, 6, shape)).astype(dtype)
+        return np.asarray(values + 1j * rng.integers(1, 6, shape)).astype(dtype)
     if np.dtype(dtype).kind == "f":
-        return (values / 2).astype(dtype)
+        return np.asarray(values / 2).astype(dtype)
     return np.asarray(values > 2 if dtype == "bool" else values).astype(dtype)
 
 
@@ -53,8 +53,7 @@ def test_round_trip_of_memory(dtype):
                 x = make(array)
                 check(x, array)
                 assert x.dtype == dtype and x.dtype == array.dtype and str(x.dtype) == dtype
-                assert (x.ndim, x.size, x.nbytes, x.itemsize) == (
-                    array.ndim, array.size, array.nbytes, array.itemsize)
+                assert (x.ndim, x.size, x.nbytes, x.itemsize) == (array.ndim, array.size, array.nbytes, array.itemsize)
                 for back in (x.numpy(), np.from_dlpack(x)):
                     check(x, back)
                     if array.size:
@@ -114,7 +113,7 @@ def test_numbers_beside_tensors_never_widen_them():
     assert (ornik.arange(3) + 1).dtype == "int64" and (ornik.asarray([1], dtype="uint8") + 1).dtype == "uint8"
     with pytest.raises(TypeError):
         np.ones(2).__iadd__(x)
-    assert operator.eq(x, None) is False or not (x == "a")
+    assert (x == "a") is False and (x != "a") is True
     with pytest.raises(TypeError, match=r"unsupported operand type"):
         x + "a"
     with pytest.raises(OverflowError, match="beyond 64 bits"):
@@ -162,7 +161,7 @@ def test_subscripts_by_tensors_and_refusals():
     x[1:] = x[:-1]
     assert a[2, 0] == 100
     table = (
-        (7, IndexError, "out of range"), ((0, 0, 0), IndexError, "Too many indices"), (10**30, IndexError, "range"),
+        (7, IndexError, "out of range"), ((0, 0, 0), IndexError, "3 are indexed"), (10**30, IndexError, "range"),
         (-(10**30), IndexError, "range"), ("a", IndexError, "but got str"), (1.5, IndexError, "but got float"),
         ((..., ...), IndexError, "llipsis"), ([0, 9], IndexError, "range"), (slice(0, 2, 0), ValueError, "zero"),
         ([1.5], IndexError, "whole numbers"), (slice("a"), TypeError, "slice indices"),
@@ -259,7 +258,7 @@ def test_creation():
         ([1, [2]], ValueError, "a row of 1 stands where numbers"), ([[1], 2], ValueError, "a number stands where"),
         (["a"], TypeError, "but got str"), ("abc", TypeError, "but got str"), (None, TypeError, "but got NoneType"),
         ({1, 2}, TypeError, "but got set"), ([2**70], OverflowError, "beyond 64 bits"),
-        (np.array(["a"]), TypeError, "made of numbers"), (np.ones(2, "uint16"), TypeError, "have no dtype here"),
+        (np.array(["a"]), TypeError, "have no dtype here"), (np.ones(2, "uint16"), TypeError, "have no dtype here"),
         ([grown, [Grows(), 2]], TypeError, "but got Grows"),
     )  # fmt: skip
     for value, error, text in refused:

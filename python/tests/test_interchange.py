@@ -84,7 +84,7 @@ def test_read_only_memory_stays_so():
                 write(x)
         with pytest.raises(BufferError, match="read-only"):
             x.__dlpack__()
-        with pytest.raises(BufferError, match="read-only"):
+        with pytest.raises(TypeError, match="not writable"):
             (ctypes.c_char * 1).from_buffer(x)
         assert not np.from_dlpack(x).flags.writeable
     assert a.tolist() == [0, 1, 2]
@@ -195,7 +195,7 @@ def test_buffer_requests():
     assert (view.format, view.shape, view.strides, view.readonly) == ("q", (2, 3), (24, 8), False)
     assert view.tolist() == x.tolist() and bytes(view) == x.numpy().tobytes()
     assert memoryview(ornik.asarray(3)).shape == () and memoryview(x.T).f_contiguous
-    with pytest.raises(BufferError, match="order"):
+    with pytest.raises(TypeError, match="not C contiguous"):
         (ctypes.c_char * 8).from_buffer(x.T)
     del view
     assert np.frombuffer(x, dtype="int64").tolist() == list(range(6))
