@@ -1,4 +1,12 @@
 // networks.cpp: layers of networks, and losses.
+#include "ktensor/networks.h"
+
+#include <nanobind/stl/array.h>
+#include <nanobind/stl/optional.h>
+#include <nanobind/stl/pair.h>
+#include <nanobind/stl/string.h>
+#include <nanobind/stl/tuple.h>
+
 #include "arguments.h"
 #include "errors.h"
 #include "gil.h"
@@ -6,15 +14,8 @@
 #include "ktensor/images.h"
 #include "ktensor/impl.h"
 #include "ktensor/losses.h"
-#include "ktensor/networks.h"
 #include "ktensor/normalizations.h"
 #include "module.h"
-
-#include <nanobind/stl/array.h>
-#include <nanobind/stl/optional.h>
-#include <nanobind/stl/pair.h>
-#include <nanobind/stl/string.h>
-#include <nanobind/stl/tuple.h>
 
 namespace nb = nanobind;
 
@@ -30,13 +31,12 @@ using Triple = std::tuple<KTensor, KTensor, KTensor>;
 KTensor convolve(const KTensor& x, const KTensor& weight, const OptionalTensor& bias, const Extents& stride,
                  const std::array<Extents, 2>& padding, const Extents& dilation, std::int64_t groups, bool transposed,
                  const Extents& output_padding) {
-    const nn::ConvParameters parameters{
-        .stride = stride,
-        .padding = {{{padding[0][0], padding[0][1]}, {padding[1][0], padding[1][1]}}},
-        .dilation = dilation,
-        .groups = groups,
-        .transposed = transposed,
-        .output_padding = output_padding};
+    const nn::ConvParameters parameters{.stride = stride,
+                                        .padding = {{{padding[0][0], padding[0][1]}, {padding[1][0], padding[1][1]}}},
+                                        .dilation = dilation,
+                                        .groups = groups,
+                                        .transposed = transposed,
+                                        .output_padding = output_padding};
     return without_lock([&] { return convolution(x, weight, bias.tensor, parameters); });
 }
 
@@ -109,9 +109,12 @@ void add_sequences(nb::module_& m) {
     m.def("linear", [](const KTensor& x, const KTensor& weight, const OptionalTensor& bias) {
         return without_lock(x.size(), [&] { return linear(x, weight, bias.tensor); });
     });
-    m.def("embedding", [](const KTensor& indices, const KTensor& weight, std::optional<std::int64_t> padding_index) {
-        return without_lock(indices.size(), [&] { return embedding(indices, weight, padding_index); });
-    }, nb::arg(), nb::arg(), nb::arg().none());
+    m.def(
+        "embedding",
+        [](const KTensor& indices, const KTensor& weight, std::optional<std::int64_t> padding_index) {
+            return without_lock(indices.size(), [&] { return embedding(indices, weight, padding_index); });
+        },
+        nb::arg(), nb::arg(), nb::arg().none());
     m.def("one_hot", [](const KTensor& indices, std::int64_t classes, Dtype dtype) {
         return one_hot(indices, classes, dtype.code);
     });
@@ -122,35 +125,40 @@ void add_sequences(nb::module_& m) {
         return without_lock(packed.size(),
                             [&] { return unpack_sequences(packed, Packing(lengths.dims), steps, padding); });
     });
-    m.def("packing", [](const Shape& lengths) {
-        const Packing packing(lengths.dims);
-        return std::pair(nb::steal(checked(tuple_of(packing.order()))),
-                         nb::steal(checked(tuple_of(packing.batch_sizes()))));
-    }, nb::sig("def packing(lengths: int | collections.abc.Sequence[int], /) -> "
-               "tuple[tuple[int, ...], tuple[int, ...]]"));
-    m.def("attention", [](const KTensor& query, const KTensor& key, const KTensor& value, const OptionalTensor& mask,
-                          bool causal, double scale, double dropout, bool with_probabilities) {
-        return without_lock([&] {
-            const AttentionArguments arguments{mask.tensor, causal, scale, dropout};
-            return with_probabilities
-                       ? attention_with_probabilities(query, key, value, arguments)
-                       : std::pair(scaled_dot_product_attention(query, key, value, arguments), KTensor());
-        });
-    }, nb::sig("def attention(query: ornik.KTensor, key: ornik.KTensor, value: ornik.KTensor, "
-               "mask: ornik.KTensor | None, causal: bool, scale: float, dropout: float, with_probabilities: bool, /)"
-               " -> tuple[ornik.KTensor, ornik.KTensor | None]"));
+    m.def(
+        "packing",
+        [](const Shape& lengths) {
+            const Packing packing(lengths.dims);
+            return std::pair(nb::steal(checked(tuple_of(packing.order()))),
+                             nb::steal(checked(tuple_of(packing.batch_sizes()))));
+        },
+        nb::sig("def packing(lengths: int | collections.abc.Sequence[int], /) -> "
+                "tuple[tuple[int, ...], tuple[int, ...]]"));
+    m.def(
+        "attention",
+        [](const KTensor& query, const KTensor& key, const KTensor& value, const OptionalTensor& mask, bool causal,
+           double scale, double dropout, bool with_probabilities) {
+            return without_lock([&] {
+                const AttentionArguments arguments{mask.tensor, causal, scale, dropout};
+                return with_probabilities
+                           ? attention_with_probabilities(query, key, value, arguments)
+                           : std::pair(scaled_dot_product_attention(query, key, value, arguments), KTensor());
+            });
+        },
+        nb::sig("def attention(query: ornik.KTensor, key: ornik.KTensor, value: ornik.KTensor, "
+                "mask: ornik.KTensor | None, causal: bool, scale: float, dropout: float, with_probabilities: bool, /)"
+                " -> tuple[ornik.KTensor, ornik.KTensor | None]"));
     m.def("lstm", [](const KTensor& x, const OptionalTensor& hidden, const OptionalTensor& cell,
                      const OptionalTensors& weights, bool reverse, const Shape& batch_sizes) {
         const RecurrentParameters parameters = recurrent_parameters(weights);
-        RecurrentResult y = without_lock(
-            [&] { return lstm(x, hidden.tensor, cell.tensor, parameters, reverse, batch_sizes.dims); });
+        RecurrentResult y =
+            without_lock([&] { return lstm(x, hidden.tensor, cell.tensor, parameters, reverse, batch_sizes.dims); });
         return Triple(std::move(y.output), std::move(y.hidden), std::move(y.cell));
     });
     m.def("gru", [](const KTensor& x, const OptionalTensor& hidden, const OptionalTensors& weights, bool reverse,
                     const Shape& batch_sizes) {
         const RecurrentParameters parameters = recurrent_parameters(weights);
-        RecurrentResult y =
-            without_lock([&] { return gru(x, hidden.tensor, parameters, reverse, batch_sizes.dims); });
+        RecurrentResult y = without_lock([&] { return gru(x, hidden.tensor, parameters, reverse, batch_sizes.dims); });
         return std::pair(std::move(y.output), std::move(y.hidden));
     });
 }
@@ -182,11 +190,11 @@ void add_losses(nb::module_& m) {
     using Bent = KTensor (*)(const KTensor&, const KTensor&, double, Reduction);
     constexpr std::pair<const char*, Bent> bent[] = {{"smooth_l1_loss", smooth_l1_loss}, {"huber_loss", huber_loss}};
     for (const auto& [name, function] : bent) {
-        m.def(name, [function = function](const KTensor& x, const KTensor& target, double at,
-                                          const std::string& reduction) {
-            const Reduction by = reduction_of(reduction);
-            return without_lock(x.size(), [&] { return function(x, target, at, by); });
-        });
+        m.def(name,
+              [function = function](const KTensor& x, const KTensor& target, double at, const std::string& reduction) {
+                  const Reduction by = reduction_of(reduction);
+                  return without_lock(x.size(), [&] { return function(x, target, at, by); });
+              });
     }
     m.def("cross_entropy", [](const KTensor& x, const KTensor& target, const OptionalTensor& weight,
                               std::int64_t ignore_index, double smoothing, const std::string& reduction) {
@@ -198,19 +206,18 @@ void add_losses(nb::module_& m) {
         const ClassLossArguments arguments{reduction_of(reduction), weight.tensor, ignore_index};
         return without_lock(x.size(), [&] { return nll_loss(x, target, arguments); });
     });
-    m.def("binary_cross_entropy", [](const KTensor& x, const KTensor& target, const OptionalTensor& weight,
-                                     const std::string& reduction) {
-        const Reduction by = reduction_of(reduction);
-        return without_lock(x.size(), [&] { return binary_cross_entropy(x, target, weight.tensor, by); });
-    });
-    m.def("binary_cross_entropy_with_logits",
-          [](const KTensor& x, const KTensor& target, const OptionalTensor& weight,
-             const OptionalTensor& positive_weight, const std::string& reduction) {
+    m.def("binary_cross_entropy",
+          [](const KTensor& x, const KTensor& target, const OptionalTensor& weight, const std::string& reduction) {
               const Reduction by = reduction_of(reduction);
-              return without_lock(x.size(), [&] {
-                  return binary_cross_entropy_with_logits(x, target, weight.tensor, positive_weight.tensor, by);
-              });
+              return without_lock(x.size(), [&] { return binary_cross_entropy(x, target, weight.tensor, by); });
           });
+    m.def("binary_cross_entropy_with_logits", [](const KTensor& x, const KTensor& target, const OptionalTensor& weight,
+                                                 const OptionalTensor& positive_weight, const std::string& reduction) {
+        const Reduction by = reduction_of(reduction);
+        return without_lock(x.size(), [&] {
+            return binary_cross_entropy_with_logits(x, target, weight.tensor, positive_weight.tensor, by);
+        });
+    });
     m.def("kl_div", [](const KTensor& x, const KTensor& target, bool log_target, const std::string& reduction) {
         const Reduction by = reduction_of(reduction);
         return without_lock(x.size(), [&] { return kl_div(x, target, log_target, by); });

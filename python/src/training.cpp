@@ -45,9 +45,9 @@ void add_steps(nb::module_& m) {
                           const OptionalTensor& largest, double lr, double beta1, double beta2, double eps,
                           double weight_decay, std::int64_t step) {
         without_lock(p.size(), [&] {
-            nn::adam_step(p.tensor(), g.tensor(), mean.tensor(), square.tensor(), largest.tensor.tensor(),
-                          {single(lr), single(beta1), single(beta2), single(eps), single(weight_decay),
-                           step_number(step)});
+            nn::adam_step(
+                p.tensor(), g.tensor(), mean.tensor(), square.tensor(), largest.tensor.tensor(),
+                {single(lr), single(beta1), single(beta2), single(eps), single(weight_decay), step_number(step)});
         });
     });
     m.def("adamw_step", [](const KTensor& p, const KTensor& g, const KTensor& mean, const KTensor& square,
@@ -55,16 +55,16 @@ void add_steps(nb::module_& m) {
                            double weight_decay, std::int64_t step) {
         without_lock(p.size(), [&] {
             adamw_step(p.tensor(), g.tensor(), single(lr), single(beta1), single(beta2), single(eps),
-                       single(weight_decay), step_number(step), mean.tensor(), square.tensor(),
-                       largest.tensor.tensor(), largest.tensor.defined());
+                       single(weight_decay), step_number(step), mean.tensor(), square.tensor(), largest.tensor.tensor(),
+                       largest.tensor.defined());
         });
     });
     m.def("adamax_step", [](const KTensor& p, const KTensor& g, const KTensor& mean, const KTensor& largest, double lr,
                             double beta1, double beta2, double eps, double weight_decay, std::int64_t step) {
         without_lock(p.size(), [&] {
-            nn::adamax_step(p.tensor(), g.tensor(), mean.tensor(), largest.tensor(),
-                            {single(lr), single(beta1), single(beta2), single(eps), single(weight_decay),
-                             step_number(step)});
+            nn::adamax_step(
+                p.tensor(), g.tensor(), mean.tensor(), largest.tensor(),
+                {single(lr), single(beta1), single(beta2), single(eps), single(weight_decay), step_number(step)});
         });
     });
     m.def("adagrad_step", [](const KTensor& p, const KTensor& g, const KTensor& sum, double lr, double eps,

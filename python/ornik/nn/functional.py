@@ -95,6 +95,8 @@ def relu6(x: KTensor, /) -> KTensor:
 
 def leaky_relu(x: KTensor, negative_slope: float = 0.01) -> KTensor:
     """x above 0, negative_slope * x else."""
+    if x.dtype is _dtypes.float64:  # The kernel's slope is a single-precision number.
+        return _ornik.relu(x) - negative_slope * _ornik.relu(-x)
     return _ornik.leaky_relu(x, negative_slope)
 
 
@@ -107,6 +109,8 @@ def prelu(x: KTensor, weight: KTensor) -> KTensor:
 
 def elu(x: KTensor, alpha: float = 1.0) -> KTensor:
     """x above 0, alpha * (exp(x) - 1) else."""
+    if x.dtype is _dtypes.float64:  # The kernel's factor is a single-precision number.
+        return _ornik.relu(x) + alpha * _ornik.expm1(-_ornik.relu(-x))
     return _ornik.elu(x, alpha)
 
 
@@ -151,6 +155,8 @@ def hardtanh(x: KTensor, min_val: float = -1.0, max_val: float = 1.0) -> KTensor
 
 def hardsigmoid(x: KTensor, /) -> KTensor:
     """(x + 3) / 6 cut off at 0 and 1."""
+    if x.dtype is _dtypes.float64:  # The kernel's sixth is a single-precision number.
+        return _ornik.hardtanh(x / 6 + 0.5, 0.0, 1.0)
     return _ornik.hardsigmoid(x)
 
 
@@ -457,6 +463,8 @@ def adaptive_max_pool2d(x: KTensor, output_size: Pair) -> KTensor:
 
 # ---- Images ----
 
+_PAD_MODES = {"constant": "constant", "reflect": "reflect", "replicate": "edge", "circular": "wrap"}
+
 
 def pad(x: KTensor, pad: Sequence[int], mode: str = "constant", value: float = 0.0) -> KTensor:
     """Elements before and behind the last axis, the one before it, and so on; negative numbers cut off.
@@ -469,8 +477,12 @@ def pad(x: KTensor, pad: Sequence[int], mode: str = "constant", value: float = 0
     """
     if len(pad) % 2 or len(pad) > 2 * x.ndim:
         raise ValueError(f"pad(): two numbers for each of up to {x.ndim} axes are wanted, but got {len(pad)}")
-    behind = [(pad[i], pad[i + 1]) for i in range(0, len(pad), 2)]
-    return _ornik.pad(x, [(0, 0)] * (x.ndim - len(behind)) + behind[::-1], mode, value)
+    if mode not in _PAD_MODES:
+        raise ValueError(f"pad(): a mode is one of {', '.join(_PAD_MODES)}, not {mode!r}")
+    widths = [0] * (2 * x.ndim - len(pad))
+    for i in range(len(pad) - 2, -1, -2):
+        widths += [pad[i], pad[i + 1]]
+    return _ornik.pad(x, widths, _PAD_MODES[mode], value)
 
 
 def interpolate(
