@@ -8,15 +8,15 @@ namespace ornik::detail {
 
 namespace {
 
-void check_options(const char* name, const ConvOptions& options, bool transposed) {
-    check_positive(name, {options.stride[0], options.stride[1], options.dilation[0], options.dilation[1]});
-    check_at_least(name, 0,
-                   {options.padding[0], options.padding[1], options.output_padding[0], options.output_padding[1]});
-    const bool strided = options.stride[0] != 1 || options.stride[1] != 1;
-    const bool padded = options.padding[0] != 0 || options.padding[1] != 0;
-    if (options.same && (strided || padded || transposed)) {
-        fail(where("ornik::Module"), name,
-             "(): the same extents need stride 1, no other padding, and no transposed convolution.");
+// Of the first `axes` entries.
+void check_options(const char* name, const ConvOptions& options, std::size_t axes, bool transposed) {
+    for (std::size_t i = 0; i < axes; ++i) {
+        check_positive(name, {options.stride[i], options.dilation[i]});
+        check_at_least(name, 0, {options.padding[i], options.output_padding[i]});
+        if (options.same && (options.stride[i] != 1 || options.padding[i] != 0 || transposed)) {
+            fail(where("ornik::Module"), name,
+                 "(): the same extents need stride 1, no other padding, and no transposed convolution.");
+        }
     }
 }
 
@@ -28,7 +28,7 @@ Convolution::Convolution(const char* name, std::int64_t in, std::int64_t out, co
     for (const std::int64_t extent : kernel) {
         check_positive(name, {extent});
     }
-    check_options(name, options, transposed);
+    check_options(name, options, kernel.size(), transposed);
 
     parameters_.stride = options.stride;
     parameters_.dilation = options.dilation;

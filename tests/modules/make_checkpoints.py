@@ -31,9 +31,12 @@ def randomize(module):
     return module
 
 
-def case(file, name, module, inputs, call=None, train=True, prepare=randomize):
-    prepare(module).train(train)
-    for key, value in module.state_dict().items():
+def case(file, name, module, inputs, call=None, train=True):
+    if isinstance(module, nn.modules.loss._Loss):  # Its weights are arguments, no state.
+        state = {}
+    else:
+        state = randomize(module).train(train).state_dict()
+    for key, value in state.items():
         file[f"{name}/state.{key}"] = value.detach().clone()
     inputs = [x.requires_grad_() if x.is_floating_point() else x for x in inputs]
     outputs = (call or (lambda m, *x: m(*x)))(module, *inputs)
@@ -50,7 +53,7 @@ def case(file, name, module, inputs, call=None, train=True, prepare=randomize):
     for key, value in module.named_parameters():
         if value.grad is not None:
             file[f"{name}/grad.state.{key}"] = value.grad
-    for key, value in module.named_buffers():
+    for key, value in module.named_buffers() if state else []:
         file[f"{name}/after.{key}"] = value.detach().clone()
 
 
@@ -131,10 +134,8 @@ def functions():
 def attention():
     f, r = {}, torch.randn
     forbidden = torch.rand(4, 6) < 0.3
+    forbidden[:, 0] = False  # Each target has a source.
     padding = torch.tensor([[False] * 6, [False] * 3 + [True] * 3])
-
-    def self_attention(**arguments):
-        return lambda m, x, *masks: m(x, x, x, **dict(zip(arguments, masks)))
 
     def cross(m, q, k, v, *masks):
         names = ["attn_mask", "key_padding_mask"]
@@ -193,7 +194,7 @@ def recurrent():
 
     for name, kind, count in ("lstm", nn.LSTM, 2), ("gru", nn.GRU, 1):
         deep = {"num_layers": 2, "bidirectional": True}
-        case(f, name, kind(3, 5), [r(6, 2, 3)], call=lambda m, x: flat(m(x)))
+        case(f, name, kind(3, 4), [r(6, 2, 3)], call=lambda m, x: flat(m(x)))
         case(f, name + "_deep", kind(3, 5, batch_first=True, **deep), [r(2, 6, 3), *[r(4, 2, 5) for _ in range(count)]],
              call=lambda m, x, *s: flat(m(x, s if len(s) == 2 else s[0])))
         case(f, name + "_packed", kind(3, 5, **deep), [r(6, 4, 3), lengths], call=packed)
