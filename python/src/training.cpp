@@ -93,12 +93,12 @@ void add_steps(nb::module_& m) {
 }  // namespace
 
 void add_training(nb::module_& m) {
-    m.def("convert_", convert);
-    m.def("normal_", [](KTensor x, double mean, double deviation) {
+    m.def("convert_to", convert);
+    m.def("fill_normal", [](KTensor x, double mean, double deviation) {
         without_lock(x.size(), [&] { normal_(x, mean, deviation); });
         return x;
     });
-    m.def("uniform_", [](KTensor x, double low, double high) {
+    m.def("fill_uniform", [](KTensor x, double low, double high) {
         without_lock(x.size(), [&] { uniform_(x, low, high); });
         return x;
     });

@@ -14,8 +14,18 @@ import pathlib
 import numpy
 import torch
 from safetensors.numpy import save_file
-from torch_cases import CASES, SCHEDULES, Library, flattened, operands, optimizer_cases
-from torch_cases import run_optimizer, run_schedule, seed_of, state_value
+from torch_cases import (
+    CASES,
+    SCHEDULES,
+    Library,
+    flattened,
+    operands,
+    optimizer_cases,
+    run_optimizer,
+    run_schedule,
+    seed_of,
+    state_value,
+)
 
 torch.set_default_dtype(torch.float64)
 lib = Library(torch.nn, torch.optim, lambda array: torch.tensor(array))
@@ -30,8 +40,9 @@ for name, case in CASES.items():
         module.train(case.train)
     inputs = [torch.tensor(x, requires_grad=x.dtype.kind == "f") for x in operands(name, case)]
     outputs = flattened(case.call(lib, module, *inputs))
-    sum((y * torch.tensor(seed_of(name, i, tuple(y.shape)))).sum() for i, y in enumerate(outputs)
-        if y.requires_grad).backward() if any(y.requires_grad for y in outputs) else None
+    sum(
+        (y * torch.tensor(seed_of(name, i, tuple(y.shape)))).sum() for i, y in enumerate(outputs) if y.requires_grad
+    ).backward() if any(y.requires_grad for y in outputs) else None
     found = [y.detach() for y in outputs] + [x.grad for x in inputs if x.grad is not None]
     if state:
         found += [p.grad if p.grad is not None else torch.zeros_like(p) for p in module.parameters()]

@@ -15,8 +15,8 @@ from __future__ import annotations
 from . import functional as functional
 from . import init as init
 from . import utils as utils
-from ._activations import *  # noqa: F403
-from ._attention import *  # noqa: F403
+from ._activations import *
+from ._attention import *
 from ._basic import Dropout as Dropout
 from ._basic import Dropout1d as Dropout1d
 from ._basic import Dropout2d as Dropout2d
@@ -25,13 +25,13 @@ from ._basic import Flatten as Flatten
 from ._basic import Identity as Identity
 from ._basic import Linear as Linear
 from ._basic import Unflatten as Unflatten
-from ._containers import *  # noqa: F403
-from ._convolutions import *  # noqa: F403
-from ._losses import *  # noqa: F403
-from ._module import *  # noqa: F403
-from ._normalizations import *  # noqa: F403
-from ._pools import *  # noqa: F403
-from ._recurrent import *  # noqa: F403
+from ._containers import *
+from ._convolutions import *
+from ._losses import *
+from ._module import *
+from ._normalizations import *
+from ._pools import *
+from ._recurrent import *
 from ._summary import Summary as Summary
 from ._summary import SummaryRow as SummaryRow
 from ._summary import summary as summary

@@ -213,7 +213,11 @@ class MultiheadAttention(Module):
         n, heads, targets, own = *scores[:3], scores[3] - extra
         parts = []
         for name, mask, shapes in (
-            ("attn_mask", attn_mask, {(targets, own): (1, 1, targets, own), (n * heads, targets, own): scores[:3] + (own,)}),
+            (
+                "attn_mask",
+                attn_mask,
+                {(targets, own): (1, 1, targets, own), (n * heads, targets, own): (*scores[:3], own)},
+            ),
             ("key_padding_mask", key_padding_mask, {(n, own): (n, 1, 1, own)}),
         ):
             if mask is None:
@@ -459,7 +463,17 @@ class Transformer(Module):
         *,
         dtype: DTypeLike | None = None,
     ) -> None:
-        of_layers = (d_model, nhead, dim_feedforward, dropout, activation, layer_norm_eps, batch_first, norm_first, bias)
+        of_layers = (
+            d_model,
+            nhead,
+            dim_feedforward,
+            dropout,
+            activation,
+            layer_norm_eps,
+            batch_first,
+            norm_first,
+            bias,
+        )
         norms = [LayerNorm(d_model, layer_norm_eps, bias=bias, dtype=dtype) for _ in range(2)]
         self.encoder = TransformerEncoder(
             TransformerEncoderLayer(*of_layers, dtype=dtype), num_encoder_layers, norms[0]
@@ -470,7 +484,7 @@ class Transformer(Module):
         for parameter in self.parameters():
             if parameter.ndim > 1:
                 bound = math.sqrt(6 / sum(parameter.shape))
-                _ornik.uniform_(parameter.detach(), -bound, bound)
+                _ornik.fill_uniform(parameter.detach(), -bound, bound)
 
     def forward(
         self,

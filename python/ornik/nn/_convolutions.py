@@ -167,7 +167,7 @@ class ConvTranspose1d(_Transposed):
 
 
 class ConvTranspose2d(_Transposed):
-    """[N, in_channels, H, W] -> [N, out_channels, H', W']; weight [in_channels, out_channels / groups, rows, columns]."""
+    """[N, in_channels, H, W] -> [N, out_channels, H', W']; weight [in_channels, out_channels / groups, rows, cols]."""
 
     _axes = 2
     _function = staticmethod(functional.conv_transpose2d)

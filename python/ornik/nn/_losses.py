@@ -96,9 +96,7 @@ class CrossEntropyLoss(_Loss):
     weight: KTensor | None
 
     def forward(self, x: KTensor, target: KTensor) -> KTensor:
-        return functional.cross_entropy(
-            x, target, self.weight, self.ignore_index, self.reduction, self.label_smoothing
-        )
+        return functional.cross_entropy(x, target, self.weight, self.ignore_index, self.reduction, self.label_smoothing)
 
 
 class NLLLoss(_Loss):

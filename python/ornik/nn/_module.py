@@ -285,9 +285,9 @@ class Module:
         with no_grad():
             for name, tensor, optional in own:
                 if name in values:
-                    _ornik.copy_(tensor, values[name])
+                    _ornik.copy_into(tensor, values[name])
                 elif strict and optional:
-                    _ornik.fill_(tensor, 0)
+                    _ornik.fill_with(tensor, 0)
         return LoadResult(missing, unexpected)
 
     # ---- Settings ----
@@ -323,7 +323,7 @@ class Module:
             raise TypeError(f"parameters are floating or complex, not {kind}")
         for tensor in [*self.parameters(), *self.buffers()]:
             if tensor.dtype.kind in "fc" and tensor.dtype is not kind:
-                _ornik.convert_(tensor, kind)
+                _ornik.convert_to(tensor, kind)
         return self
 
     def float(self) -> Self:

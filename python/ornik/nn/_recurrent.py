@@ -188,9 +188,7 @@ class _Cell(Module):
     bias_ih: Parameter | None
     bias_hh: Parameter | None
 
-    def __init__(
-        self, input_size: int, hidden_size: int, bias: bool = True, *, dtype: DTypeLike | None = None
-    ) -> None:
+    def __init__(self, input_size: int, hidden_size: int, bias: bool = True, *, dtype: DTypeLike | None = None) -> None:
         positive(type(self).__name__, input_size=input_size, hidden_size=hidden_size)
         self.input_size = input_size
         self.hidden_size = hidden_size

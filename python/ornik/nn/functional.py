@@ -245,7 +245,9 @@ def _convolve(
 ) -> KTensor:
     if weight.ndim != axes + 2 or x.ndim not in (axes + 1, axes + 2):
         shape = "[N, C, L]" if axes == 1 else "[N, C, H, W]"
-        raise ValueError(f"{name}(): x {list(x.shape)} and weight {list(weight.shape)}; wanted are {shape} and {axes + 2} axes")
+        raise ValueError(
+            f"{name}(): x {list(x.shape)} and weight {list(weight.shape)}; wanted are {shape} and {axes + 2} axes"
+        )
     steps = pair(name, "stride", stride, axes, 1, 1)
     spread = pair(name, "dilation", dilation, axes, 1, 1)
     if isinstance(padding, str):
@@ -567,7 +569,7 @@ def instance_norm(
             (running_mean, _ornik.mean(own, axes, False)),
             (running_var, _ornik.var(own, axes, False, 1.0)),
         ):
-            _ornik.copy_(running, (1 - momentum) * running + momentum * _ornik.mean(statistic, 0, False))
+            _ornik.copy_into(running, (1 - momentum) * running + momentum * _ornik.mean(statistic, 0, False))
     return y
 
 
@@ -638,7 +640,9 @@ def scaled_dot_product_attention(
     gives zeros.
     """
     if scale == 0:
-        raise ValueError("scaled_dot_product_attention(): a scale of 0 makes all scores equal; None stands for 1 / sqrt(d)")
+        raise ValueError(
+            "scaled_dot_product_attention(): a scale of 0 makes all scores equal; None stands for 1 / sqrt(d)"
+        )
     return _ornik.attention(query, key, value, attn_mask, is_causal, scale or 0.0, dropout_p, False)[0]
 
 

@@ -50,19 +50,17 @@ def _fans(name: str, tensor: KTensor) -> tuple[int, int]:
 
 def uniform_(tensor: KTensor, a: float = 0.0, b: float = 1.0) -> KTensor:
     """Uniform in [a, b)."""
-    _ornik.uniform_(_ornik.detach(tensor), a, b)
+    _ornik.fill_uniform(_ornik.detach(tensor), a, b)
     return tensor
 
 
 def normal_(tensor: KTensor, mean: float = 0.0, std: float = 1.0) -> KTensor:
     """Normal."""
-    _ornik.normal_(_ornik.detach(tensor), mean, std)
+    _ornik.fill_normal(_ornik.detach(tensor), mean, std)
     return tensor
 
 
-def trunc_normal_(
-    tensor: KTensor, mean: float = 0.0, std: float = 1.0, a: float = -2.0, b: float = 2.0
-) -> KTensor:
+def trunc_normal_(tensor: KTensor, mean: float = 0.0, std: float = 1.0, a: float = -2.0, b: float = 2.0) -> KTensor:
     """Normal, but drawn again where it lies outside [a, b]."""
     inside = 0.5 * (math.erf((b - mean) / (std * math.sqrt(2))) - math.erf((a - mean) / (std * math.sqrt(2))))
     if not inside > 1e-4:
@@ -77,13 +75,13 @@ def trunc_normal_(
 
 
 def _filled_with(tensor: KTensor, values: KTensor) -> KTensor:
-    _ornik.copy_(_ornik.detach(tensor), values)
+    _ornik.copy_into(_ornik.detach(tensor), values)
     return tensor
 
 
 def constant_(tensor: KTensor, val: float) -> KTensor:
     """One number everywhere."""
-    _ornik.fill_(_ornik.detach(tensor), val)
+    _ornik.fill_with(_ornik.detach(tensor), val)
     return tensor
 
 
@@ -107,7 +105,9 @@ def eye_(tensor: KTensor) -> KTensor:
 def dirac_(tensor: KTensor, groups: int = 1) -> KTensor:
     """Of a convolution's weight: each group passes on as many of its channels as it can."""
     if tensor.ndim not in (3, 4) or groups < 1 or tensor.shape[0] % groups:
-        raise ValueError(f"dirac_(): the weight of a convolution of {groups} groups is wanted, not {list(tensor.shape)}")
+        raise ValueError(
+            f"dirac_(): the weight of a convolution of {groups} groups is wanted, not {list(tensor.shape)}"
+        )
     constant_(tensor, 0)
     values, each = _ornik.detach(tensor), tensor.shape[0] // groups
     centre = [n // 2 for n in tensor.shape[2:]]
@@ -142,9 +142,7 @@ def kaiming_uniform_(
     return uniform_(tensor, -bound, bound)
 
 
-def kaiming_normal_(
-    tensor: KTensor, a: float = 0.0, mode: str = "fan_in", nonlinearity: str = "leaky_relu"
-) -> KTensor:
+def kaiming_normal_(tensor: KTensor, a: float = 0.0, mode: str = "fan_in", nonlinearity: str = "leaky_relu") -> KTensor:
     """Normal of deviation gain / sqrt(fan) (He and others, 2015)."""
     return normal_(tensor, 0.0, _kaiming("kaiming_normal_", tensor, a, mode, nonlinearity))
 

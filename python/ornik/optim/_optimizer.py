@@ -32,7 +32,9 @@ class Optimizer:
         # What the steps keep for each parameter, by its identity, and the parameter.
         self._kept: dict[int, tuple[KTensor, dict[str, Any]]] = {}
         if isinstance(params, (KTensor, Mapping)):
-            raise TypeError(f"{type(self).__name__}(): a sequence of parameters is wanted, not one {type(params).__name__}")
+            raise TypeError(
+                f"{type(self).__name__}(): a sequence of parameters is wanted, not one {type(params).__name__}"
+            )
         listed: list[Any] = list(params)
         if not listed:
             raise ValueError(f"{type(self).__name__}(): there are no parameters")
@@ -114,7 +116,10 @@ class Optimizer:
         return {
             "state": {numbers[key]: dict(kept) for key, (_, kept) in self._kept.items()},
             "param_groups": [
-                {**{k: v for k, v in group.items() if k != "params"}, "params": [numbers[hash(p)] for p in group["params"]]}
+                {
+                    **{k: v for k, v in group.items() if k != "params"},
+                    "params": [numbers[hash(p)] for p in group["params"]],
+                }
                 for group in self.param_groups
             ],
         }
@@ -177,5 +182,3 @@ def zeros_in(kept: dict[str, Any], name: str, parameter: KTensor, value: float =
     elif found.dtype is not parameter.dtype:
         found = kept[name] = _ornik.astype(found, parameter.dtype)
     return found  # type: ignore[no-any-return]
-
-

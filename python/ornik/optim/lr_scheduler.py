@@ -215,7 +215,7 @@ class CosineAnnealingLR(LRScheduler):
 
 
 class CosineAnnealingWarmRestarts(LRScheduler):
-    """From base to eta_min along half a cosine, again and again: the first time in T_0 steps, then T_mult times more."""
+    """From base to eta_min along half a cosine, again and again: first in T_0 steps, then T_mult times more."""
 
     def __init__(self, optimizer: Optimizer, T_0: int, T_mult: int = 1, eta_min: float = 0.0) -> None:
         _at_least("CosineAnnealingWarmRestarts", 1, T_0=T_0, T_mult=T_mult)

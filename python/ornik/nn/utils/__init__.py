@@ -56,7 +56,7 @@ def clip_grad_value_(parameters: KTensor | Iterable[KTensor], clip_value: float)
     if not clip_value >= 0:
         raise ValueError(f"clip_grad_value_(): clip_value is 0 and above, not {clip_value}")
     for gradient in _gradients(parameters):
-        _ornik.copy_(gradient, _ornik.clamp(gradient, -clip_value, clip_value))
+        _ornik.copy_into(gradient, _ornik.clamp(gradient, -clip_value, clip_value))
 
 
 def parameters_to_vector(parameters: Iterable[KTensor]) -> KTensor:
@@ -74,5 +74,5 @@ def vector_to_parameters(vector: KTensor, parameters: Iterable[KTensor]) -> None
         )
     begin = 0
     for target in targets:
-        _ornik.copy_(target, _ornik.reshape(vector[begin : begin + target.size], target.shape))
+        _ornik.copy_into(target, _ornik.reshape(vector[begin : begin + target.size], target.shape))
         begin += target.size

@@ -60,7 +60,7 @@ def _packed(data: KTensor, lengths: list[int], enforce_sorted: bool) -> PackedSe
 
 
 def _check_sorted(name: str, lengths: list[int], enforce_sorted: bool) -> None:
-    if enforce_sorted and any(a < b for a, b in zip(lengths, lengths[1:])):
+    if enforce_sorted and lengths != sorted(lengths, reverse=True):
         raise ValueError(f"{name}(): lengths fall unless enforce_sorted is False, but got {lengths}")
 
 
@@ -129,7 +129,5 @@ def pad_sequence(sequences: Sequence[KTensor], batch_first: bool = False, paddin
     if not sequences:
         raise ValueError("pad_sequence(): there are no sequences")
     longest = max(len(s) for s in sequences)
-    rows = [
-        _ornik.pad(s, [0, longest - len(s)] + [0, 0] * (s.ndim - 1), "constant", padding_value) for s in sequences
-    ]
+    rows = [_ornik.pad(s, [0, longest - len(s)] + [0, 0] * (s.ndim - 1), "constant", padding_value) for s in sequences]
     return _ornik.stack(rows, 0 if batch_first else 1)
