@@ -40,7 +40,7 @@ __all__ = [
 class _Plain(Module):
     """A function without arguments. ``inplace`` is taken and without effect."""
 
-    _function: ClassVar[Callable[[KTensor], KTensor]]
+    _function: ClassVar[Callable[..., KTensor]]
 
     def __init__(self, inplace: bool = False) -> None:
         pass

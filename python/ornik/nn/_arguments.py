@@ -32,7 +32,7 @@ def probability(layer: str, p: float) -> None:
 
 def extents(layer: str, name: str, value: Pair, axes: int, least: int = 0) -> tuple[int, ...]:
     """One whole number for each axis, none below ``least``."""
-    numbers = (value,) * axes if is_whole(value) else tuple(value) if isinstance(value, (tuple, list)) else None
+    numbers: Any = (value,) * axes if is_whole(value) else tuple(value) if isinstance(value, (tuple, list)) else None
     if numbers is None or not all(is_whole(n) for n in numbers):
         raise TypeError(f"{layer}(): {name} is a whole number or {axes} of them, but got {value!r}")
     if len(numbers) != axes or min(numbers) < least:

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import copy
+import functools
 import math
 from collections.abc import Callable
 from typing import TYPE_CHECKING, Any, Union
@@ -210,16 +211,17 @@ class MultiheadAttention(Module):
         dtype: _dtypes.DType,
     ) -> KTensor | None:
         """What is added to the scores, or may be attended to; the extra sources at the end are open to all."""
-        n, heads, targets, own = *scores[:3], scores[3] - extra
+        n, heads, targets, sources = scores
+        own = sources - extra
+        # By the shapes that a mask may have, that under which it broadcasts to the scores.
+        of_all: _Shapes = {
+            (targets, own): (1, 1, targets, own),
+            (n * heads, targets, own): (n, heads, targets, own),
+        }
+        of_sources: _Shapes = {(n, own): (n, 1, 1, own)}
+        given = [("attn_mask", attn_mask, of_all), ("key_padding_mask", key_padding_mask, of_sources)]
         parts = []
-        for name, mask, shapes in (
-            (
-                "attn_mask",
-                attn_mask,
-                {(targets, own): (1, 1, targets, own), (n * heads, targets, own): (*scores[:3], own)},
-            ),
-            ("key_padding_mask", key_padding_mask, {(n, own): (n, 1, 1, own)}),
-        ):
+        for name, mask, shapes in given:
             if mask is None:
                 continue
             if mask.shape not in shapes:
@@ -234,15 +236,13 @@ class MultiheadAttention(Module):
         if not parts:
             return None
         if all(part.dtype.kind == "b" for part in parts):
-            mask = parts[0]
-            for part in parts[1:]:
-                mask = _ornik.logical_or(mask, part)
-            mask, rest = _ornik.logical_not(mask), _ornik.full((*mask.shape[:3], extra), True, _dtypes.bool_)
+            whole = _ornik.logical_not(functools.reduce(_ornik.logical_or, parts))
         else:
-            added = [_scores_of(part, dtype) for part in parts]
-            mask = sum(added[1:], start=added[0])
-            rest = _ornik.full((*mask.shape[:3], extra), 0, dtype)
-        return _ornik.concat([mask, rest], -1) if extra else mask
+            whole = functools.reduce(_ornik.add, [_scores_of(part, dtype) for part in parts])
+        if not extra:
+            return whole
+        is_open = _ornik.full((*whole.shape[:3], extra), whole.dtype.kind == "b", whole.dtype)
+        return _ornik.concat([whole, is_open], -1)
 
     def extra_repr(self) -> str:
         return shown(
@@ -265,6 +265,7 @@ def _scores_of(mask: KTensor, dtype: _dtypes.DType) -> KTensor:
     return _ornik.astype(mask, dtype)
 
 
+_Shapes = dict[tuple[int, ...], tuple[int, ...]]
 Activation = Union[str, Callable[["KTensor"], "KTensor"]]
 
 
@@ -313,12 +314,12 @@ class _Layer(Module):
         dropout2: Dropout
 
     def _block(self, x: KTensor, norm: Module, dropout: Module, block: Callable[[KTensor], KTensor]) -> KTensor:
-        if self.norm_first:
-            return x + dropout(block(norm(x)))
-        return norm(x + dropout(block(x)))  # type: ignore[no-any-return]
+        y: KTensor = x + dropout(block(norm(x))) if self.norm_first else norm(x + dropout(block(x)))
+        return y
 
     def _feed_forward(self, x: KTensor) -> KTensor:
-        return self.linear2(self.dropout(self.activation(self.linear1(x))))  # type: ignore[no-any-return]
+        y: KTensor = self.linear2(self.dropout(self.activation(self.linear1(x))))
+        return y
 
     def extra_repr(self) -> str:
         return f"norm_first={self.norm_first}"
@@ -343,7 +344,8 @@ class TransformerEncoderLayer(_Layer):
         is_causal: bool = False,
     ) -> KTensor:
         def attend(x: KTensor) -> KTensor:
-            return self.self_attn(x, x, x, src_key_padding_mask, False, src_mask, False, is_causal)[0]  # type: ignore
+            y: KTensor = self.self_attn(x, x, x, src_key_padding_mask, False, src_mask, False, is_causal)[0]
+            return y
 
         x = self._block(src, self.norm1, self.dropout1, attend)
         return self._block(x, self.norm2, self.dropout2, self._feed_forward)
@@ -372,12 +374,14 @@ class TransformerDecoderLayer(_Layer):
         memory_is_causal: bool = False,
     ) -> KTensor:
         def attend(x: KTensor) -> KTensor:
-            return self.self_attn(x, x, x, tgt_key_padding_mask, False, tgt_mask, False, tgt_is_causal)[0]  # type: ignore
+            y: KTensor = self.self_attn(x, x, x, tgt_key_padding_mask, False, tgt_mask, False, tgt_is_causal)[0]
+            return y
 
         def attend_to_memory(x: KTensor) -> KTensor:
-            return self.multihead_attn(  # type: ignore[no-any-return]
+            y: KTensor = self.multihead_attn(
                 x, memory, memory, memory_key_padding_mask, False, memory_mask, False, memory_is_causal
             )[0]
+            return y
 
         x = self._block(tgt, self.norm1, self.dropout1, attend)
         x = self._block(x, self.norm2, self.dropout2, attend_to_memory)
@@ -403,7 +407,9 @@ class TransformerEncoder(Module):
     ) -> KTensor:
         for layer in self.layers:
             src = layer(src, mask, src_key_padding_mask, is_causal)
-        return src if self.norm is None else self.norm(src)  # type: ignore[no-any-return]
+        if self.norm is not None:
+            src = self.norm(src)
+        return src
 
 
 class TransformerDecoder(Module):
@@ -438,7 +444,9 @@ class TransformerDecoder(Module):
                 tgt_is_causal,
                 memory_is_causal,
             )
-        return tgt if self.norm is None else self.norm(tgt)  # type: ignore[no-any-return]
+        if self.norm is not None:
+            tgt = self.norm(tgt)
+        return tgt
 
 
 class Transformer(Module):
@@ -502,7 +510,7 @@ class Transformer(Module):
     ) -> KTensor:
         """The decoder's result of tgt and the encoder's of src."""
         memory = self.encoder(src, src_mask, src_key_padding_mask, src_is_causal)
-        return self.decoder(  # type: ignore[no-any-return]
+        y: KTensor = self.decoder(
             tgt,
             memory,
             tgt_mask,
@@ -512,6 +520,7 @@ class Transformer(Module):
             tgt_is_causal,
             memory_is_causal,
         )
+        return y
 
     @staticmethod
     def generate_square_subsequent_mask(size: int, dtype: DTypeLike = _dtypes.float32) -> KTensor:

@@ -111,7 +111,7 @@ class _Plain(_Convolution):
         if self.padding == "same":
             totals = [(k - 1) * d for k, d in zip(self.kernel_size, self.dilation)]
             return [n for total in reversed(totals) for n in (total // 2, total - total // 2)]
-        return [int(n) for width in reversed(self.padding) for n in (width, width)]
+        return [n for width in reversed(self.padding) if isinstance(width, int) for n in (width, width)]
 
 
 class Conv1d(_Plain):

@@ -25,7 +25,7 @@ __all__ = [
 
 
 class _Loss(Module):
-    _reductions = ("mean", "sum", "none")
+    _reductions: tuple[str, ...] = ("mean", "sum", "none")
 
     def __init__(self, reduction: str = "mean") -> None:
         if reduction not in self._reductions:

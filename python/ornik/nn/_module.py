@@ -26,7 +26,8 @@ class Parameter(KTensor):
     __slots__ = ()
 
     def __new__(cls, data: object, requires_grad: bool = True) -> Self:
-        result = _ornik.KTensorBase.__new__(cls, _ornik.detach(from_object(data, None, None)))
+        made: Any = _ornik.KTensorBase.__new__(cls, _ornik.detach(from_object(data, None, None)))
+        result: Self = made
         if requires_grad:
             result.requires_grad = True
         return result

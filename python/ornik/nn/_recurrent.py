@@ -61,12 +61,13 @@ class _Recurrent(Module):
             )
         if x.ndim == 2:
             states = [s if s is None else _ornik.unsqueeze(s, 1) for s in (hidden, cell)]
-            output, *last = self._layers(_ornik.unsqueeze(x, 1), *self._checked(states, 1), ())
-            y, h, c = (t if t is None else _ornik.squeeze(t, 1) for t in (output, *last))
-            return y, h, c  # type: ignore[return-value]
+            h, c = self._checked(states, 1)
+            output, h, c = self._layers(_ornik.unsqueeze(x, 1), h, c, ())
+            return _ornik.squeeze(output, 1), _ornik.squeeze(h, 1), None if c is None else _ornik.squeeze(c, 1)
         if self.batch_first:
             x = _ornik.swapaxes(x, 0, 1)
-        output, last_hidden, last_cell = self._layers(x, *self._checked([hidden, cell], x.shape[1]), ())
+        hidden, cell = self._checked([hidden, cell], x.shape[1])
+        output, last_hidden, last_cell = self._layers(x, hidden, cell, ())
         return (_ornik.swapaxes(output, 0, 1) if self.batch_first else output), last_hidden, last_cell
 
     def _run_packed(
@@ -82,10 +83,10 @@ class _Recurrent(Module):
         def reordered(state: KTensor | None, order: KTensor | None) -> Any:
             return state if state is None or order is None else _ornik.index_select(state, 1, order)
 
-        states = (reordered(s, x.sorted_indices) for s in self._checked([hidden, cell], sizes[0]))
-        output, *last = self._layers(x.data, *states, sizes)
-        h, c = (reordered(s, x.unsorted_indices) for s in last)
-        return PackedSequence(output, *x[1:]), h, c
+        hidden, cell = (reordered(s, x.sorted_indices) for s in self._checked([hidden, cell], sizes[0]))
+        output, hidden, cell = self._layers(x.data, hidden, cell, sizes)
+        packed = PackedSequence(output, x.batch_sizes, x.sorted_indices, x.unsorted_indices)
+        return packed, reordered(hidden, x.unsorted_indices), reordered(cell, x.unsorted_indices)
 
     def _checked(self, states: list[KTensor | None], batch: int) -> list[KTensor | None]:
         wanted = (len(self._names), batch, self.hidden_size)
@@ -113,7 +114,8 @@ class _Recurrent(Module):
                 outputs.append(output)
                 last.append((states[0], states[1] if len(states) > 1 else None))
             y = outputs[0] if directions == 1 else _ornik.concat(outputs, -1)
-        return y, *(None if states[0] is None else _ornik.stack(states, 0) for states in zip(*last))  # type: ignore
+        last_cells = [c for _, c in last if c is not None]
+        return y, _ornik.stack([h for h, _ in last], 0), _ornik.stack(last_cells, 0) if last_cells else None
 
     def _step(self, *args: Any) -> tuple[KTensor, ...]:
         raise NotImplementedError
@@ -223,7 +225,7 @@ class LSTMCell(_Cell):
 
     def forward(self, x: KTensor, hx: tuple[KTensor, KTensor] | None = None) -> tuple[KTensor, KTensor]:
         step, states, weights = self._steps(x, [None, None] if hx is None else list(hx))
-        _, hidden, cell = _ornik.lstm(step, *states, weights, False, ())
+        _, hidden, cell = _ornik.lstm(step, states[0], states[1], weights, False, ())
         return (hidden, cell) if x.ndim == 2 else (_ornik.squeeze(hidden, 0), _ornik.squeeze(cell, 0))
 
 
@@ -234,5 +236,5 @@ class GRUCell(_Cell):
 
     def forward(self, x: KTensor, hx: KTensor | None = None) -> KTensor:
         step, states, weights = self._steps(x, [hx])
-        hidden = _ornik.gru(step, *states, weights, False, ())[1]
+        hidden = _ornik.gru(step, states[0], weights, False, ())[1]
         return hidden if x.ndim == 2 else _ornik.squeeze(hidden, 0)

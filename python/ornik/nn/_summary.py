@@ -90,12 +90,12 @@ def summary(module: Module, *inputs: Any, dtype: DTypeLike = _dtypes.float32) ->
     ``inputs`` are what it is called with: tensors, or shapes, for which zeros stand.
 
     >>> nn.summary(nn.Sequential(nn.Linear(4, 3), nn.ReLU()), (2, 4))
-    module        result  parameters  memory
-    ----------------------------------------
-    Sequential    [2, 3]           -       -
-      0: Linear   [2, 3]          15    24 B
-      1: ReLU     [2, 3]           -    24 B
-    ----------------------------------------
+    module       result  parameters  memory
+    ---------------------------------------
+    Sequential   [2, 3]           -       -
+      0: Linear  [2, 3]          15    24 B
+      1: ReLU    [2, 3]           -    24 B
+    ---------------------------------------
     parameters: 15 (15 trainable), 60 B with buffers
     results: 48 B
     """

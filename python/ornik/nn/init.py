@@ -99,7 +99,7 @@ def eye_(tensor: KTensor) -> KTensor:
     """Ones on the diagonal of a matrix, zeros elsewhere."""
     if tensor.ndim != 2:
         raise ValueError(f"eye_(): a matrix is wanted, but got {list(tensor.shape)}")
-    return _filled_with(tensor, _ornik.eye(*tensor.shape, 0, tensor.dtype))
+    return _filled_with(tensor, _ornik.eye(tensor.shape[0], tensor.shape[1], 0, tensor.dtype))
 
 
 def dirac_(tensor: KTensor, groups: int = 1) -> KTensor:
@@ -113,7 +113,8 @@ def dirac_(tensor: KTensor, groups: int = 1) -> KTensor:
     centre = [n // 2 for n in tensor.shape[2:]]
     for group in range(groups):
         for channel in range(min(each, tensor.shape[1])):
-            values[(group * each + channel, channel, *centre)] = 1
+            place = (group * each + channel, channel, *centre)
+            values[place] = 1
     return tensor
 
 

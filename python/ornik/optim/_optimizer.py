@@ -176,9 +176,9 @@ class Optimizer:
 
 def zeros_in(kept: dict[str, Any], name: str, parameter: KTensor, value: float = 0.0) -> KTensor:
     """The kept tensor of that name, made of one number on first use."""
-    found = kept.get(name)
+    found: KTensor | None = kept.get(name)
     if found is None:
         found = kept[name] = _ornik.full(parameter.shape, value, parameter.dtype)
     elif found.dtype is not parameter.dtype:
         found = kept[name] = _ornik.astype(found, parameter.dtype)
-    return found  # type: ignore[no-any-return]
+    return found

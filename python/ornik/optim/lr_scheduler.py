@@ -262,7 +262,7 @@ class OneCycleLR(LRScheduler):
         if anneal_strategy not in ("cos", "linear"):
             raise ValueError(f'OneCycleLR(): anneal_strategy is "cos" or "linear", not {anneal_strategy!r}')
         groups = optimizer.param_groups
-        self.max_lrs = list(max_lr) if isinstance(max_lr, (tuple, list)) else [max_lr] * len(groups)
+        self.max_lrs: list[float] = list(max_lr) if isinstance(max_lr, Sequence) else [max_lr] * len(groups)
         if len(self.max_lrs) != len(groups):
             raise ValueError(f"OneCycleLR(): {len(groups)} rates are wanted, but got {len(self.max_lrs)}")
         if cycle_momentum and not all("momentum" in g or "betas" in g for g in groups):
@@ -375,7 +375,7 @@ class ReduceLROnPlateau(_Stateful):
         self.threshold = threshold
         self.threshold_mode = threshold_mode
         self.cooldown = cooldown
-        self.min_lrs = list(min_lr) if isinstance(min_lr, (tuple, list)) else [min_lr] * groups
+        self.min_lrs: list[float] = list(min_lr) if isinstance(min_lr, Sequence) else [min_lr] * groups
         if len(self.min_lrs) != groups:
             raise ValueError(f"ReduceLROnPlateau(): {groups} rates are wanted, but got {len(self.min_lrs)}")
         self.eps = eps
