@@ -25,6 +25,7 @@ set(ORNIK_PUBLIC_HEADERS
     ktensor/convolutions.h
     ktensor/elements.h
     ktensor/files.h
+    ktensor/index.h
     ktensor/indexing.h
     ktensor/ktensor.h
     ktensor/losses.h

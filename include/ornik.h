@@ -31,6 +31,7 @@
 #include "ktensor/convolutions.h"
 #include "ktensor/elements.h"
 #include "ktensor/files.h"
+#include "ktensor/index.h"
 #include "ktensor/indexing.h"
 #include "ktensor/ktensor.h"
 #include "ktensor/losses.h"

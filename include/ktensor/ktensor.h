@@ -34,6 +34,8 @@
 
 namespace ornik {
 
+class Index;
+class IndexList;
 class Tensor;
 
 namespace autograd {
@@ -221,6 +223,17 @@ class ORNIK_API KTensor {
     /// The tensor of the floors below: owned by this handle, null when undefined. Writes through it are not
     /// recorded.
     [[nodiscard]] Tensor* tensor() const noexcept;
+
+    // ---- Its parts (index.h has the items, indexing.h the rules and the functions of the family) ----
+
+    /// x.index({0, Slice(1), ellipsis}): a view, or a copy where index tensors are among the items.
+    [[nodiscard]] KTensor index(const IndexList& items) const;
+    /// A view of one slice of the first axis.
+    [[nodiscard]] KTensor operator[](std::int64_t position) const;
+    [[nodiscard]] KTensor operator[](const Index& item) const;
+    /// Writes the value, converted and broadcast, into the selected elements, or adds it to them.
+    KTensor& set_index(const IndexList& items, const KTensor& value, bool accumulate = false);
+    KTensor& set_index(const IndexList& items, const Scalar& value, bool accumulate = false);
 
     // ---- Gradients (autograd.h has the rest) ----
 

@@ -57,8 +57,20 @@
     ROW(topk,             twice)
 
 #define ORNIK_INDEX_ROWS(ROW) \
+    ROW(index,            twice) \
+    ROW(index_put,        twice) \
+    ROW(index_select,     twice) \
+    ROW(index_add,        twice) \
+    ROW(take,             twice) \
     ROW(gather,           twice) \
-    ROW(scatter_add,      twice)
+    ROW(scatter,          twice) \
+    ROW(scatter_add,      twice) \
+    ROW(masked_select,    twice) \
+    ROW(diagonal,         twice) \
+    ROW(diagonal_scatter, twice) \
+    ROW(diag_embed,       twice) \
+    ROW(tril,             twice) \
+    ROW(triu,             twice)
 
 #define ORNIK_PRODUCT_ROWS(ROW) \
     ROW(matmul,           twice) \

@@ -19,6 +19,7 @@ using autograd::describe;
 using autograd::make_ktensor;
 using autograd::Op;
 using autograd::Recorder;
+using autograd::share;
 
 namespace {
 
@@ -26,12 +27,6 @@ namespace {
 constexpr auto hand_on = [](Backward& pass) { pass.give(0, pass.take_grad()); };
 
 constexpr auto reshape_back = [](Backward& pass) { pass.give(0, reshape(pass.grad(), pass.operand_shape(0))); };
-
-// x's elements under another geometry.
-KTensor share(const KTensor& x, const Dims& shape, const Dims& strides) {
-    Tensor* t = x.tensor();
-    return make_ktensor(share_storage_tensor(t->getStorage(), shape, strides, t->Dtype(), t->StorageOffset()));
-}
 
 // `shape` with the extent for -1.
 Dims complete_shape(const char* name, const KTensor& x, const Dims& shape) {
