@@ -24,10 +24,12 @@ set(ORNIK_PUBLIC_HEADERS
     ktensor/autograd.h
     ktensor/convolutions.h
     ktensor/elements.h
+    ktensor/fft.h
     ktensor/files.h
     ktensor/index.h
     ktensor/indexing.h
     ktensor/ktensor.h
+    ktensor/linalg.h
     ktensor/losses.h
     ktensor/networks.h
     ktensor/normalizations.h
@@ -79,6 +81,8 @@ set(ORNIK_PUBLIC_HEADERS
     tensor/scalar.h
     tensor/slices.h
     tensor/tensor.h
+    tensor/tensor_math/decompositions.h
+    tensor/tensor_math/fourier.h
     tensor/tensor_math/indexing.h
     tensor/tensor_math/linear_algebra.h
     tensor/tensor_math/matmul.h

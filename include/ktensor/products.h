@@ -16,8 +16,8 @@ namespace ornik {
 /// The Kronecker product of [m, n] and [p, q]: [m p, n q].
 [[nodiscard]] ORNIK_API KTensor kron(const KTensor& a, const KTensor& b);
 
-/// Eigenvalues, ascending, and eigenvectors in columns, of one symmetric or Hermitian matrix [n, n] or a batch
-/// [b, n, n]; the lower triangle is read. First derivatives, meaningful for functions that do not depend on the signs
+/// Eigenvalues, ascending, and eigenvectors in columns, of symmetric or Hermitian matrices in the last two axes; the
+/// lower triangle is read. First derivatives, meaningful for functions that do not depend on the signs
 /// or phases of the vectors.
 struct EigenPairs {
     KTensor values;

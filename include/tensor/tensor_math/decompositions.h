@@ -1,10 +1,10 @@
 // decompositions.h: factors, inverses, determinants and solutions of matrices.
 //
 // The last two axes of an operand are its matrices, those before them a batch. float32, float64, complex64 and
-// complex128, any strides, any extents, 0 included. Operands are never changed; results are new row-major tensors of the
-// operand's dtype, which the caller deletes; values that are real by nature have the real dtype of its precision. The
-// same numbers give the same bits for any number of threads. A matrix that can not be served is an error that names its
-// place in the batch.
+// complex128, any strides, any extents, 0 included. Operands are never changed; results are new row-major tensors of
+// the operand's dtype, which the caller deletes; values that are real by nature have the real dtype of its precision.
+// The same numbers give the same bits for any number of threads. A matrix that can not be served is an error that names
+// its place in the batch.
 //
 // Gradients stand with the functions of the same names in ktensor/linalg.h.
 #pragma once
@@ -39,8 +39,8 @@ namespace ornik {
 /// for singular matrices.
 [[nodiscard]] ORNIK_API std::vector<Tensor*> slogdet(Tensor* x);
 
-/// The pseudo-inverse (E. H. Moore, 1920; R. Penrose, 1955), [n, m] of [m, n]: singular values of at most rtol times the
-/// largest one count as 0. rtol is a real floating tensor that broadcasts to the batch; null: max(m, n) times the
+/// The pseudo-inverse (E. H. Moore, 1920; R. Penrose, 1955), [n, m] of [m, n]: singular values of at most rtol times
+/// the largest one count as 0. rtol is a real floating tensor that broadcasts to the batch; null: max(m, n) times the
 /// distance from 1 to the next number of the dtype.
 [[nodiscard]] ORNIK_API Tensor* pinv(Tensor* x, Tensor* rtol = nullptr);
 /// How many singular values are larger than that; int64.

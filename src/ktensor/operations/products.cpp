@@ -1,6 +1,8 @@
 // products.cpp: products and decompositions of matrices, and their gradients.
 #include "ktensor/products.h"
 
+#include <numeric>
+
 #include "ktensor/arithmetic.h"
 #include "ktensor/operands.h"
 #include "ktensor/record.h"
@@ -124,7 +126,28 @@ KTensor kron(const KTensor& left, const KTensor& right) {
 
 // ---- Decompositions ----
 
+namespace {
+
+// x's batch as one axis: what the decompositions below take.
+KTensor one_batch(const KTensor& x) {
+    const auto count = std::accumulate(x.shape().begin(), x.shape().end() - 2, std::int64_t{1}, std::multiplies<>());
+    return reshape(x, {count, x.size(-2), x.size(-1)});
+}
+
+// Back to a batch like x's.
+KTensor batch_of(const KTensor& y, const KTensor& x) {
+    Dims shape(x.shape().begin(), x.shape().end() - 2);
+    shape.insert(shape.end(), y.shape().begin() + 1, y.shape().end());
+    return reshape(y, shape);
+}
+
+}  // namespace
+
 EigenPairs eigh(const KTensor& x) {
+    if (x.defined() && x.ndim() > 3) {
+        const EigenPairs pairs = eigh(one_batch(x));
+        return {batch_of(pairs.values, x), batch_of(pairs.vectors, x)};
+    }
     const Recorder record(Op::eigh, {&x});
     const std::vector<Tensor*> results = ornik::eigh(x.tensor());
     KTensor vectors = make_ktensor(results[0]);
@@ -139,6 +162,9 @@ EigenPairs eigh(const KTensor& x) {
 }
 
 KTensor eigvalsh(const KTensor& x) {
+    if (x.defined() && x.ndim() > 3) {
+        return batch_of(eigvalsh(one_batch(x)), x);
+    }
     const Recorder record(Op::eigvalsh, {&x});
     KTensor y = make_ktensor(ornik::eigvalsh(x.tensor()));
     if (record.active()) {

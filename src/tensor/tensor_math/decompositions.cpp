@@ -110,8 +110,8 @@ Svd decompose(const Where& at, const char* name, Tensor* x, const Matrices& m, b
 TensorResult bounds_of(const Where& at, const char* name, const Tensor* rtol, const Tensor* x, const Matrices& m) {
     const std::int64_t dtype = part_dtype(x->Dtype());
     if (rtol == nullptr) {
-        const double epsilon = dtype == dtype::float32 ? std::numeric_limits<float>::epsilon()
-                                                       : std::numeric_limits<double>::epsilon();
+        const double epsilon =
+            dtype == dtype::float32 ? std::numeric_limits<float>::epsilon() : std::numeric_limits<double>::epsilon();
         return filled_result(m.batch, dtype, static_cast<double>(std::max(m.rows, m.cols)) * epsilon);
     }
     check_cpu(at, rtol);

@@ -1,8 +1,8 @@
 // cpu_fourier.h: discrete Fourier transforms along one axis. Internal.
 //
-// Tensors are on the CPU, of one precision, any strides; their shapes agree but for the axis, along which x has at least
-// one element. A transform of length n takes the first n elements of x, or all and zeros behind them; the result is cut
-// off or filled up with zeros in the same way.
+// Tensors are on the CPU, of one precision, any strides; their shapes agree but for the axis, along which x has at
+// least one element. A transform of length n takes the first n elements of x, or all and zeros behind them; the result
+// is cut off or filled up with zeros in the same way.
 #pragma once
 
 #include <cstdint>

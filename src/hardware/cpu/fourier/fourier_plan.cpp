@@ -1,9 +1,9 @@
 // fourier_plan.cpp: fast Fourier transforms.
 //
 // Lengths of small prime factors: one pass for each factor, from one buffer to another and sorting as it goes (T.
-// Stockham, High-speed convolution and correlation, 1966). Other lengths: a convolution with a chirp, by transforms of a
-// length of small factors (L. Bluestein, A linear filtering approach to the computation of discrete Fourier transform,
-// 1970).
+// Stockham, High-speed convolution and correlation, 1966). Other lengths: a convolution with a chirp, by transforms of
+// a length of small factors (L. Bluestein, A linear filtering approach to the computation of discrete Fourier
+// transform, 1970).
 #include "fourier_plan.h"
 
 #include <algorithm>

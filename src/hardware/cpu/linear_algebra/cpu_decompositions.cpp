@@ -32,8 +32,8 @@ struct Batch {
     void for_ranges(const Body& body) const {
         constexpr std::int64_t grain_steps = 1 << 13;  // Some 20 microseconds.
         if (count > 0) {
-            const double steps = static_cast<double>(rows) * static_cast<double>(cols) *
-                                 static_cast<double>(std::min(rows, cols));
+            const double steps =
+                static_cast<double>(rows) * static_cast<double>(cols) * static_cast<double>(std::min(rows, cols));
             parallel_for(count, 1, 1 + static_cast<std::int64_t>(grain_steps / steps), body);
         }
     }
@@ -140,9 +140,8 @@ std::int64_t cpu_solve(const Tensor* x, const Tensor* b, const std::vector<std::
 
 void cpu_determinant(const Tensor* x, Tensor* out) {
     if (Batch(x).count == 0) {  // Of matrices without elements: 1.
-        dispatch(FloatOrComplexTypes{}, x->Dtype(), [&]<typename T>() {
-            std::fill_n(static_cast<T*>(out->getRawData()), out->Size(), T(1));
-        });
+        dispatch(FloatOrComplexTypes{}, x->Dtype(),
+                 [&]<typename T>() { std::fill_n(static_cast<T*>(out->getRawData()), out->Size(), T(1)); });
     }
     for_factored(x, [&]<typename T>(const LuSolver<T>& solver, std::int64_t i) {
         *item_at<T>(out, i, 1) = solver.determinant();
@@ -253,8 +252,9 @@ void cpu_count_above(const Tensor* s, const Tensor* bounds, Tensor* counts) {
     std::fill_n(results, counts->Size(), 0);
     dispatch(FloatTypes{}, s->Dtype(), [&]<typename Real>() {
         for (std::int64_t i = 0; i < counts->Size() && s->Size() > 0; ++i) {
-            for_values<Real>(s, bounds, i,
-                             [&](std::int64_t /*j*/, Real /*value*/, bool is_above) { results[i] += is_above ? 1 : 0; });
+            for_values<Real>(s, bounds, i, [&](std::int64_t /*j*/, Real /*value*/, bool is_above) {
+                results[i] += is_above ? 1 : 0;
+            });
         }
     });
 }

@@ -9,10 +9,10 @@
 #include "../product/cpu_product_kernels.h"
 #include "eigh_solver.h"
 #include "first_failure.h"
-#include "solver_scalar.h"
 #include "hardware/cpu/dispatch.h"
 #include "hardware/cpu/elements/element_math.h"
 #include "hardware/parallel.h"
+#include "solver_scalar.h"
 
 namespace ornik::device::cpu {
 

@@ -18,7 +18,10 @@ namespace {
 using Complex = std::complex<double>;
 
 template <typename T>
-using Wide = std::conditional_t<Eigen::NumTraits<T>::IsComplex, Complex, double>;
+constexpr bool is_complex = Eigen::NumTraits<T>::IsComplex != 0;
+
+template <typename T>
+using Wide = std::conditional_t<is_complex<T>, Complex, double>;
 
 // A matrix of at least as many rows as columns, in the form Q B P^H.
 class Bidiagonal {
@@ -82,14 +85,14 @@ struct SvdSolver<T>::Work {
     bool converged() const { return solver.info() == Eigen::Success && solver.singularValues().allFinite(); }
 
     bool solve(const Matrix<double>& a, bool full) {
-        const unsigned vectors = full ? Eigen::ComputeFullU | Eigen::ComputeFullV
-                                      : Eigen::ComputeThinU | Eigen::ComputeThinV;
+        const unsigned vectors =
+            full ? Eigen::ComputeFullU | Eigen::ComputeFullV : Eigen::ComputeThinU | Eigen::ComputeThinV;
         solver.compute(a, want == Want::values ? 0U : vectors);
         return converged();
     }
 
     bool decompose(const Matrix<Wide<T>>& a) {
-        if constexpr (Eigen::NumTraits<T>::IsComplex) {
+        if constexpr (is_complex<T>) {
             return decompose_complex(a);
         } else {
             if (solve(a, want == Want::full) && want != Want::values) {
@@ -100,9 +103,7 @@ struct SvdSolver<T>::Work {
         }
     }
 
-    bool decompose_complex(const Matrix<Complex>& a)
-    requires(Eigen::NumTraits<T>::IsComplex)
-    {
+    bool decompose_complex(const Matrix<Complex>& a) requires(is_complex<T>) {
         const bool tall = rows >= cols;
         // The largest part of any element becomes 1, so that squares neither overflow nor vanish.
         const double largest = std::max(a.real().cwiseAbs().maxCoeff(), a.imag().cwiseAbs().maxCoeff());
@@ -143,7 +144,8 @@ bool SvdSolver<T>::decompose(const T* matrix, T* u, Real* s, T* vh) {
     if (!std::isfinite(static_cast<Real>(values(0) * work.scale))) {
         return false;
     }
-    std::transform(values.begin(), values.end(), s, [&](double value) { return static_cast<Real>(value * work.scale); });
+    std::transform(values.begin(), values.end(), s,
+                   [&](double value) { return static_cast<Real>(value * work.scale); });
     if (work.want != Want::values) {
         RowMajor<T>(u, work.rows, work.u.cols()) = work.u.template cast<T>();
         RowMajor<T>(vh, work.v.cols(), work.cols) = work.v.adjoint().template cast<T>();

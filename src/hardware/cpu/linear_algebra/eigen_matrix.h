@@ -1,5 +1,5 @@
-// eigen_matrix.h: the matrix library's view of this library's matrices. For the solvers' files alone, which are compiled
-// as the products are.
+// eigen_matrix.h: the matrix library's view of this library's matrices. For the solvers' files alone, which are
+// compiled as the products are.
 #pragma once
 
 #define EIGEN_DONT_PARALLELIZE
@@ -19,8 +19,8 @@ using ConstRowMajor = Eigen::Map<const Eigen::Matrix<T, Eigen::Dynamic, Eigen::D
 
 }  // namespace ornik::device::cpu
 
-#define ORNIK_INSTANTIATE_SOLVER(Solver)          \
-    template class Solver<float>;                 \
-    template class Solver<double>;                \
-    template class Solver<std::complex<float>>;   \
+#define ORNIK_INSTANTIATE_SOLVER(Solver)        \
+    template class Solver<float>;               \
+    template class Solver<double>;              \
+    template class Solver<std::complex<float>>; \
     template class Solver<std::complex<double>>;
