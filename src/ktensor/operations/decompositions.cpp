@@ -92,7 +92,7 @@ void qr_backward(Backward& pass) {
     const std::int64_t n = r.size(-1);
     if (k > n) {
         fail(ErrorKind::not_implemented, where("ornik::qr"), "qr(): the complete factor ", describe(q),
-             " of a matrix with more rows than columns has no gradient; that of the reduced one has.");
+             " of matrices with more rows than columns has no gradient; the reduced one has.");
     }
     const KTensor whole = matmul(r, adjoint(gr));
     if (k == n) {
@@ -125,25 +125,24 @@ QrFactors qr(const KTensor& x, bool complete) {
 
 namespace {
 
-// Complex: Z.-Q. Wan, S.-X. Zhang, Automatic differentiation for complex valued SVD, 2019.
+// The gradient of values alone.
+KTensor of_values(const KTensor& x, const KTensor& grad) {
+    const SingularValues factors = svd(x, false);
+    return matmul(factors.u * each_column(grad), factors.vh);
+}
+
+// Of as many vectors as values. Complex: Z.-Q. Wan, S.-X. Zhang, Automatic differentiation for complex valued SVD,
+// 2019.
 void svd_backward(Backward& pass) {
-    KTensor u = pass.saved(0);
+    const KTensor u = pass.saved(0);
     const KTensor s = pass.saved(1);
-    KTensor vh = pass.saved(2);
+    const KTensor vh = pass.saved(2);
     const KTensor& gu = pass.grad(0);
     const KTensor& gs = pass.grad(1);
     const KTensor& gvh = pass.grad(2);
     const std::int64_t k = s.size(-1);
     const std::int64_t m = u.size(-2);
     const std::int64_t n = vh.size(-1);
-    if (u.size(-1) != k || vh.size(-2) != k) {
-        if (gu.defined() || gvh.defined()) {
-            fail(ErrorKind::not_implemented, where("ornik::svd"), "svd(): the full factors ", describe(u), " and ",
-                 describe(vh), " have no gradients; those with full_matrices off have.");
-        }
-        u = matmul(u, identity(u.size(-1), k, u));
-        vh = matmul(identity(k, vh.size(-2), vh), vh);
-    }
     const KTensor square = sqr(s);
     const KTensor gaps = inverse_or_zero(each_column(square) - each_row(square));
     const KTensor unit = identity(k, k, s);
@@ -183,10 +182,22 @@ SingularValues svd(const KTensor& x, bool full_matrices) {
     const Recorder record(Op::svd, {&x});
     const std::vector<Tensor*> results = ornik::svd(x.tensor(), full_matrices);
     SingularValues y{make_ktensor(results[0]), make_ktensor(results[1]), make_ktensor(results[2])};
-    if (record.active()) {
-        KTensor* outputs[] = {&y.u, &y.s, &y.vh};
+    if (!record.active()) {
+        return y;
+    }
+    KTensor* outputs[] = {&y.u, &y.s, &y.vh};
+    if (y.u.size(-1) == y.vh.size(-2)) {
         record.finish(std::span<KTensor* const>(outputs),
                       {Recorder::output(y.u, 0), Recorder::output(y.s, 1), Recorder::output(y.vh, 2)}, svd_backward);
+    } else {
+        record.finish(std::span<KTensor* const>(outputs), {record.operand(0)}, [](Backward& pass) {
+            const KTensor kept = pass.saved(0);
+            if (pass.grad(0).defined() || pass.grad(2).defined()) {
+                fail(ErrorKind::not_implemented, where("ornik::svd"), "svd(): the full factors of ", describe(kept),
+                     " have no gradients; those with full_matrices off have.");
+            }
+            pass.give(0, of_values(kept, pass.grad(1)));
+        });
     }
     return y;
 }
@@ -195,10 +206,8 @@ KTensor svdvals(const KTensor& x) {
     const Recorder record(Op::svdvals, {&x});
     KTensor y = make_ktensor(ornik::svdvals(x.tensor()));
     if (record.active()) {
-        record.finish(y, {record.operand(0)}, [](Backward& pass) {
-            const SingularValues factors = svd(pass.saved(0), false);
-            pass.give(0, matmul(factors.u * each_column(pass.grad()), factors.vh));
-        });
+        record.finish(y, {record.operand(0)},
+                      [](Backward& pass) { pass.give(0, of_values(pass.saved(0), pass.grad())); });
     }
     return y;
 }
