@@ -26,14 +26,20 @@ set(ORNIK_PUBLIC_HEADERS
     ktensor/elements.h
     ktensor/fft.h
     ktensor/files.h
+<<<<<<< HEAD
+    ktensor/images.h
+=======
     ktensor/index.h
+>>>>>>> main
     ktensor/indexing.h
+    ktensor/joins.h
     ktensor/ktensor.h
     ktensor/linalg.h
     ktensor/losses.h
     ktensor/networks.h
     ktensor/normalizations.h
     ktensor/products.h
+    ktensor/random.h
     ktensor/reductions.h
     ktensor/shapes.h
     layers/conv/layer_conv.h
@@ -63,10 +69,25 @@ set(ORNIK_PUBLIC_HEADERS
     losses/mean_squared_error.h
     losses/nll_loss.h
     losses/soft_cross_entropy.h
+    modules/activation_layers.h
+    modules/attention_layers.h
+    modules/basic_layers.h
+    modules/clipping.h
+    modules/containers.h
+    modules/convolution_layers.h
     modules/initialization.h
     modules/layers.h
+    modules/loss_layers.h
     modules/module.h
+    modules/normalization_layers.h
+    modules/optimizer.h
     modules/optimizers.h
+    modules/packed_sequence.h
+    modules/pooling_layers.h
+    modules/recurrent_layers.h
+    modules/schedules.h
+    modules/shape_layers.h
+    modules/transformer_layers.h
     optimizers/optimizers.h
     optimizers/steps.h
     ornik.h

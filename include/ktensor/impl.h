@@ -91,6 +91,8 @@ std::unique_ptr<Tensor> empty_tensor(const Dims& shape, std::int64_t dtype);
 /// A row-major copy, of any number of elements.
 std::unique_ptr<Tensor> copy_of(const Tensor& tensor);
 
+/// "[2, 3]"
+std::string list_text(const Dims& numbers);
 /// "[2, 3] float32"
 std::string describe(const KTensor& tensor);
 std::string describe(const Dims& shape, std::int64_t dtype);

@@ -61,6 +61,10 @@ struct SignedLogarithm {
 /// The product of n matrices x, of any dtype; n = 0 gives unit matrices, n < 0 the power of the inverse.
 [[nodiscard]] ORNIK_API KTensor matrix_power(const KTensor& x, std::int64_t n);
 
+/// The sums of conj(a) b along an axis, which counts from the end of both and has one extent in both; the other axes
+/// broadcast. Any dtype: that of the promoted operands.
+[[nodiscard]] ORNIK_API KTensor vecdot(const KTensor& a, const KTensor& b, int axis = -1);
+
 /// (sum of |x|^ord)^(1 / ord) over the axes (none: all), real. Infinity takes the largest and -infinity the smallest
 /// magnitude; 0 counts the elements that are not 0. Of no elements 0, but for negative orders.
 [[nodiscard]] ORNIK_API KTensor vector_norm(const KTensor& x, const std::vector<int>& axes = {}, bool keep_dims = false,

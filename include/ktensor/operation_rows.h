@@ -15,6 +15,7 @@
 //      name              second derivatives
 #define ORNIK_ARITHMETIC_ROWS(ROW) \
     ROW(add,              twice) \
+    ROW(add_all,          twice) \
     ROW(sub,              twice) \
     ROW(mul,              twice) \
     ROW(div,              twice) \
@@ -36,6 +37,22 @@
     ROW(squeeze,          twice) \
     ROW(unsqueeze,        twice) \
     ROW(flip,             twice)
+
+#define ORNIK_JOIN_ROWS(ROW) \
+    ROW(concat,           twice) \
+    ROW(stack,            twice) \
+    ROW(split,            twice) \
+    ROW(windows,          twice) \
+    ROW(add_windows,      twice) \
+    ROW(tile,             twice) \
+    ROW(repeat_by_counts, twice) \
+    ROW(roll,             twice) \
+    ROW(pad,              twice) \
+    ROW(view_as_real,     twice) \
+    ROW(view_as_complex,  twice) \
+    ROW(interpolate,      twice) \
+    ROW(pack_sequences,   twice) \
+    ROW(unpack_sequences, twice)
 
 #define ORNIK_REDUCTION_ROWS(ROW) \
     ROW(sum,              twice) \
@@ -92,8 +109,7 @@
 #define ORNIK_FOURIER_ROWS(ROW) \
     ROW(fft,              twice) \
     ROW(rfft,             twice) \
-    ROW(irfft,            twice) \
-    ROW(fftshift,         twice)
+    ROW(irfft,            twice)
 
 #define ORNIK_LAYER_ROWS(ROW) \
     ROW(relu,             twice) \
@@ -131,6 +147,7 @@
 #define ORNIK_OPERATION_ROWS(ROW) \
     ORNIK_ARITHMETIC_ROWS(ROW) \
     ORNIK_SHAPE_ROWS(ROW)      \
+    ORNIK_JOIN_ROWS(ROW)       \
     ORNIK_REDUCTION_ROWS(ROW)  \
     ORNIK_INDEX_ROWS(ROW)      \
     ORNIK_PRODUCT_ROWS(ROW)    \

@@ -48,12 +48,16 @@ std::unique_ptr<Tensor> copy_of(const Tensor& tensor) {
     return copy;
 }
 
-std::string describe(const Dims& shape, std::int64_t dtype) {
+std::string list_text(const Dims& numbers) {
     std::string text = "[";
-    for (std::size_t i = 0; i < shape.size(); ++i) {
-        text += (i == 0 ? "" : ", ") + std::to_string(shape[i]);
+    for (std::size_t i = 0; i < numbers.size(); ++i) {
+        text += (i == 0 ? "" : ", ") + std::to_string(numbers[i]);
     }
-    text += "] ";
+    return text + "]";
+}
+
+std::string describe(const Dims& shape, std::int64_t dtype) {
+    std::string text = list_text(shape) + " ";
     text += is_valid_dtype(dtype) ? detail::dtype_table[static_cast<std::size_t>(dtype)].name : "unknown";
     return text;
 }

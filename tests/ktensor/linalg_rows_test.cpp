@@ -90,6 +90,7 @@ std::vector<Row> linalg_rows() {
             Op::pinv, {{2, 3}}, [](const KTensor& x) { return pinv(apart(x), 1e-6); }, true, "wide"),
         row(
             Op::matmul, {{3, 3}}, [](const KTensor& x) { return matrix_power(regular(x), -3); }, true, "power"),
+        {Op::sum, {{2, 3}, {3}}, [](const Tensors& x) { return vecdot(x[0], x[1]); }, true, -1, 1, "vecdot"},
         norm(Op::sum, 1, "norm 1"),
         norm(Op::l2_norm, 2, "norm 2"),
         norm(Op::where, 3, "norm 3"),
@@ -130,7 +131,7 @@ std::vector<Row> linalg_rows() {
             return irfftn(x, {-1, 3});
         },
         true, "axes"));
-    rows.push_back(row(Op::fftshift, {{2, 3}}, [](const KTensor& x) { return ifftshift(x); }));
+    rows.push_back(row(Op::roll, {{2, 3}}, [](const KTensor& x) { return ifftshift(x); }));
     return rows;
 }
 
@@ -180,6 +181,11 @@ TEST(LinearAlgebra, PowersAndNorms) {
     EXPECT_NEAR(of(MatrixNorm::largest_value) + of(MatrixNorm::smallest_value), of(MatrixNorm::nuclear), 1e-14);
     EXPECT_EQ(matrix_norm(KTensor::zeros({2, 0, 3})).to_vector<float>(), std::vector<float>({0, 0}));
     EXPECT_EQ(vector_norm(KTensor::zeros({0})).item<float>(), 0);
+    const KTensor i({std::complex<double>(0, 1), std::complex<double>(2, 0)});
+    EXPECT_EQ(vecdot(i, i * Scalar(std::complex<double>(0, 1))).item<std::complex<double>>(),
+              std::complex<double>(0, 5));
+    EXPECT_EQ(vecdot(astype(m, dtype::int8), m, -2).to_vector<std::int64_t>(), std::vector<std::int64_t>({5, 2}));
+    EXPECT_EQ(vecdot(astype(m, dtype::int8), astype(m, dtype::int8)).dtype(), dtype::int8);
 }
 
 TEST(LinearAlgebra, EigenvectorsOfAnyBatch) {
@@ -242,6 +248,10 @@ TEST(LinearAlgebra, Refusals) {
          "one has."},
         {[&] { sum(svd(leaf).u).backward(); },
          "svd(): the full factors of [3, 2] float32 have no gradients; those with full_matrices off have."},
+        {[&] { (void)vecdot(x, KTensor::ones({1})); },
+         "vecdot(): [3, 2] float32 and [1] float32 have different extents along axis -1."},
+        {[&] { (void)vecdot(x, KTensor::ones({3}), 0); },
+         "vecdot(): axis 0 of [3, 2] float32 and of [3] float32 are not the same from the end."},
         {[&] { (void)fft(i); }, "fft(): takes floating and complex tensors, not [3] int64."},
         {[&] { (void)rfft(z); }, "rfft(): takes real floating tensors, not [2, 2] complex64."},
         {[&] { (void)ifft(z, 0); }, "ifft(): there is no transform of length 0; the operand is [2, 2] complex64."},

@@ -8,9 +8,9 @@
 #include "ktensor/axes.h"
 #include "ktensor/elements.h"
 #include "ktensor/fft.h"
+#include "ktensor/joins.h"
 #include "ktensor/record.h"
 #include "ktensor/shapes.h"
-#include "tensor/joins.h"
 #include "utils/error.h"
 
 namespace ornik {
@@ -169,26 +169,17 @@ Grid real_grid(const char* name, const KTensor& x, const Dims& s, const std::vec
     return grid;
 }
 
-KTensor shifted(const char* name, const KTensor& x, const std::vector<int>& axes, bool back) {
-    const Recorder record(Op::fftshift, {&x});
-    std::vector<int> wanted(x.shape().size());
-    std::iota(wanted.begin(), wanted.end(), 0);
-    if (!axes.empty()) {
-        autograd::wrap_axes(name, x, axes);
-        wanted = axes;
+KTensor shifted(const char* name, const KTensor& x, std::vector<int> axes, bool back) {
+    autograd::check_defined(name, x, 0);
+    if (axes.empty()) {
+        axes.resize(x.shape().size());
+        std::iota(axes.begin(), axes.end(), 0);
     }
     Dims places;
-    for (const int axis : wanted) {
-        const std::int64_t half = x.size(axis) / 2;
-        places.push_back(back ? -half : half);
+    for (const std::size_t axis : autograd::wrap_axes(name, x, axes)) {
+        places.push_back(back ? -(extent_at(x, axis) / 2) : extent_at(x, axis) / 2);
     }
-    KTensor y = wanted.empty() ? clone(x) : make_ktensor(ornik::roll(x.tensor(), places, wanted));
-    if (record.active() && !wanted.empty()) {
-        record.finish(y, {}, [wanted, back](Backward& pass) {
-            pass.give(0, back ? fftshift(pass.grad(), wanted) : ifftshift(pass.grad(), wanted));
-        });
-    }
-    return y;
+    return axes.empty() ? clone(x) : roll(x, places, axes);
 }
 
 }  // namespace

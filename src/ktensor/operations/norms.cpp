@@ -6,6 +6,7 @@
 #include "ktensor/elements.h"
 #include "ktensor/impl.h"
 #include "ktensor/linalg.h"
+#include "ktensor/operands.h"
 #include "ktensor/record.h"
 #include "ktensor/reductions.h"
 #include "ktensor/shapes.h"
@@ -56,6 +57,25 @@ KTensor matrix_power(const KTensor& x, std::int64_t n) {
         }
     }
     return result.is(x) ? clone(x) : result;
+}
+
+KTensor vecdot(const KTensor& a, const KTensor& b, int axis) {
+    autograd::check_defined("vecdot", a, 0);
+    autograd::check_defined("vecdot", b, 1);
+    const auto from_end = [&](const KTensor& t) {
+        return static_cast<int>(autograd::wrap_axis("vecdot", t, axis)) - t.ndim();
+    };
+    const int last = from_end(a);
+    if (from_end(b) != last) {
+        fail(where("ornik::vecdot"), "vecdot(): axis ", axis, " of ", describe(a), " and of ", describe(b),
+             " are not the same from the end.");
+    }
+    if (a.size(last) != b.size(last)) {
+        fail(where("ornik::vecdot"), "vecdot(): ", describe(a), " and ", describe(b),
+             " have different extents along axis ", axis, ".");
+    }
+    const KTensor products = autograd::conj_of(a) * b;
+    return astype(sum(products, {last}), products.dtype());
 }
 
 KTensor vector_norm(const KTensor& x, const std::vector<int>& axes, bool keep_dims, double ord) {
