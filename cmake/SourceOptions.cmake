@@ -57,8 +57,10 @@ endif()
 # Checks of every pointer in every inlined expression of the decompositions cost minutes and gigabytes of compilation;
 # the other checks of undefined behaviour, and AddressSanitizer, stay on.
 if(ORNIK_SANITIZE STREQUAL "address")
-  set_property(SOURCE ${PROJECT_SOURCE_DIR}/src/hardware/cpu/linear_algebra/cpu_eigh_solver.cpp
-               APPEND PROPERTY COMPILE_OPTIONS -fno-sanitize=null,alignment,object-size,pointer-overflow,vptr)
+  set(solver_sources ${ornik_sources})
+  list(FILTER solver_sources INCLUDE REGEX "/cpu_[a-z]+_solver\\.cpp$")
+  set_property(SOURCE ${solver_sources} APPEND PROPERTY
+    COMPILE_OPTIONS -fno-sanitize=null,alignment,object-size,pointer-overflow,vptr)
 endif()
 
 # Most files are small: reading the same headers is more than half of their compilation.

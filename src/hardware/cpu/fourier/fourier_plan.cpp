@@ -64,10 +64,10 @@ double polynomial(const std::array<double, 9>& terms, double x) {
 
 template <typename Real>
 struct Rows {
-    const Real* __restrict in_real;
-    const Real* __restrict in_imag;
-    Real* __restrict out_real;
-    Real* __restrict out_imag;
+    const Real* in_real;
+    const Real* in_imag;
+    Real* out_real;
+    Real* out_imag;
     const Real* root_real;
     const Real* root_imag;
 };
@@ -148,23 +148,6 @@ void pass(const Rows<Real>& rows, std::int64_t m, std::int64_t step) {
         cosine[k] = static_cast<Real>(root.real);
         sine[k] = static_cast<Real>(root.imag);
     }
-    const auto one = [&](std::int64_t j, std::int64_t q, const Real* turn_real, const Real* turn_imag) {
-        Real real[P];
-        Real imag[P];
-        for (int r = 0; r < P; ++r) {
-            real[r] = rows.in_real[q + step * (j + r * m)];
-            imag[r] = rows.in_imag[q + step * (j + r * m)];
-        }
-        transform_few<P, Real>(real, imag, cosine, sine);
-        Real* out_real = rows.out_real + q + step * P * j;
-        Real* out_imag = rows.out_imag + q + step * P * j;
-        out_real[0] = real[0];
-        out_imag[0] = imag[0];
-        for (int k = 1; k < P; ++k) {
-            out_real[k * step] = real[k] * turn_real[k] - imag[k] * turn_imag[k];
-            out_imag[k * step] = real[k] * turn_imag[k] + imag[k] * turn_real[k];
-        }
-    };
     for (std::int64_t j = 0; j < m; ++j) {
         Real turn_real[P];
         Real turn_imag[P];
@@ -172,8 +155,25 @@ void pass(const Rows<Real>& rows, std::int64_t m, std::int64_t step) {
             turn_real[k] = rows.root_real[step * j * k];
             turn_imag[k] = rows.root_imag[step * j * k];
         }
+        // Said to the compiler where it looks: what is written is not what is read.
+        const Real* __restrict in_real = rows.in_real + step * j;
+        const Real* __restrict in_imag = rows.in_imag + step * j;
+        Real* __restrict out_real = rows.out_real + step * P * j;
+        Real* __restrict out_imag = rows.out_imag + step * P * j;
         for (std::int64_t q = 0; q < step; ++q) {
-            one(j, q, turn_real, turn_imag);
+            Real real[P];
+            Real imag[P];
+            for (int r = 0; r < P; ++r) {
+                real[r] = in_real[q + step * m * r];
+                imag[r] = in_imag[q + step * m * r];
+            }
+            transform_few<P, Real>(real, imag, cosine, sine);
+            out_real[q] = real[0];
+            out_imag[q] = imag[0];
+            for (int k = 1; k < P; ++k) {
+                out_real[q + step * k] = real[k] * turn_real[k] - imag[k] * turn_imag[k];
+                out_imag[q + step * k] = real[k] * turn_imag[k] + imag[k] * turn_real[k];
+            }
         }
     }
 }
