@@ -9,6 +9,18 @@
 #include <algorithm>
 #include <array>
 
+#include "descriptors/element_load.h"
+
+// With their inner loops written out, the few numbers of a transform stay in registers, and the loop over many becomes
+// vector code.
+#if defined(__clang__)
+#define ORNIK_UNROLLED _Pragma("clang loop unroll(full)")
+#elif defined(__GNUC__)
+#define ORNIK_UNROLLED _Pragma("GCC unroll 16")
+#else
+#define ORNIK_UNROLLED
+#endif
+
 namespace ornik::device::cpu {
 
 namespace {
@@ -108,6 +120,7 @@ inline void transform_few(Real (&real)[P], Real (&imag)[P], const Real (&cosine)
         Real difference_imag[half];
         Real total_real = real[0];
         Real total_imag = imag[0];
+        ORNIK_UNROLLED
         for (int r = 1; r <= half; ++r) {
             sum_real[r - 1] = real[r] + real[P - r];
             sum_imag[r - 1] = imag[r] + imag[P - r];
@@ -116,11 +129,13 @@ inline void transform_few(Real (&real)[P], Real (&imag)[P], const Real (&cosine)
             total_real += sum_real[r - 1];
             total_imag += sum_imag[r - 1];
         }
+        ORNIK_UNROLLED
         for (int k = 1; k <= half; ++k) {
             Real even_real = real[0];
             Real even_imag = imag[0];
             Real odd_real = 0;
             Real odd_imag = 0;
+            ORNIK_UNROLLED
             for (int r = 1; r <= half; ++r) {
                 even_real += sum_real[r - 1] * cosine[r * k % P];
                 even_imag += sum_imag[r - 1] * cosine[r * k % P];
@@ -155,14 +170,15 @@ void pass(const Rows<Real>& rows, std::int64_t m, std::int64_t step) {
             turn_real[k] = rows.root_real[step * j * k];
             turn_imag[k] = rows.root_imag[step * j * k];
         }
-        // Said to the compiler where it looks: what is written is not what is read.
-        const Real* __restrict in_real = rows.in_real + step * j;
-        const Real* __restrict in_imag = rows.in_imag + step * j;
-        Real* __restrict out_real = rows.out_real + step * P * j;
-        Real* __restrict out_imag = rows.out_imag + step * P * j;
+        const Real* in_real = rows.in_real + step * j;
+        const Real* in_imag = rows.in_imag + step * j;
+        Real* out_real = rows.out_real + step * P * j;
+        Real* out_imag = rows.out_imag + step * P * j;
+        ORNIK_INDEPENDENT_ITERATIONS
         for (std::int64_t q = 0; q < step; ++q) {
             Real real[P];
             Real imag[P];
+            ORNIK_UNROLLED
             for (int r = 0; r < P; ++r) {
                 real[r] = in_real[q + step * m * r];
                 imag[r] = in_imag[q + step * m * r];
@@ -170,6 +186,7 @@ void pass(const Rows<Real>& rows, std::int64_t m, std::int64_t step) {
             transform_few<P, Real>(real, imag, cosine, sine);
             out_real[q] = real[0];
             out_imag[q] = imag[0];
+            ORNIK_UNROLLED
             for (int k = 1; k < P; ++k) {
                 out_real[q + step * k] = real[k] * turn_real[k] - imag[k] * turn_imag[k];
                 out_imag[q + step * k] = real[k] * turn_imag[k] + imag[k] * turn_real[k];
