@@ -46,7 +46,7 @@ namespace ornik {
 [[nodiscard]] ORNIK_API KTensor cross(const KTensor& a, const KTensor& b, int axis = -1);
 
 /// Eigenvalues, ascending, and eigenvectors in columns, of symmetric or Hermitian matrices in the last two axes; the
-/// lower triangle is read. First derivatives, meaningful for functions that do not depend on the signs or phases of the
+/// lower triangle is read. Derivatives mean something for functions that do not depend on the signs or phases of the
 /// vectors.
 struct EigenPairs {
     KTensor values;
