@@ -134,6 +134,7 @@ void add_network_calls(CallTable& table) {
     ORNIK_CALLS("x!xx!x!", adam_max_step, adam_delta_step)
     ORNIK_CALLS("x!xx!x!x?", adam_step, adamw_step)
     ORNIK_CALLS("x!xx!x!x!", step_amsgrad)
+    ORNIK_CALLS("-k", sgd_step, rmsprop_step, adam_grad_step, adam_max_step, adam_delta_step, adam_step, adamw_step)
 
     using VectorPool = Layer* (*)(Ints, Ints, Ints, std::string);
     using NamedPool = Layer* (*)(Ints, Ints, std::string, std::string);
@@ -160,6 +161,8 @@ void add_network_calls(CallTable& table) {
     ORNIK_OVERLOAD("|4,6,5,13,1,1,5,13", VectorConvT, _ConvT2D)
     ORNIK_OVERLOAD("|4,6,5,2,1,1,5,13", NamedConvT, _ConvT2D)
     ORNIK_CALLS("|6", _Activation)
+    ORNIK_CALLS("-|8,4", _Activation)
+    ORNIK_CALLS("-|16,1", _Activation)
     ORNIK_CALLS("|", _Dense, _Softmax, _Embedding, _BatchNormalization, _GroupNormalization, _LayerNormalization,
                 _PixelShuffle, _PixelUnshuffle, getLoss)
 }

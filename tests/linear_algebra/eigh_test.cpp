@@ -177,45 +177,19 @@ TEST(Eigh, GradientsAgreeWithCentralDifferences) {
     });
 }
 
-TEST(Eigh, Refusals) {
-    const double nan = std::nan("");
-    const double huge = std::numeric_limits<double>::max();
-    const char* const file = "src/tensor/tensor_utils.cpp";
-    struct Case {
-        TensorPtr x;
-        std::string message;  // With the function's name as @.
-    };
-    const Case cases[] = {
-        {make_empty({3}, dtype::int32), "'@' only supports float or complex."},
-        {make_empty({3}, dtype::float32), "@ need input of 2-dim or 3-dim."},
-        {make_empty({1, 2, 3, 3}, dtype::complex64), "@ need input of 2-dim or 3-dim."},
-        {make_empty({2, 3}, dtype::float32), "@ need square matrices, however the input's shape is ( 2, 3 ) "},
+TEST(Eigh, TellsWhichMatrixIsRefused) {
+    const double nan = std::nan(""), huge = std::numeric_limits<double>::max();
+    const std::pair<TensorPtr, std::string> cases[] = {
         {make<double>({2, 2, 2}, {1, 0, 0, 1, 1, 0, nan, 1}),
-         "@ need finite elements, however matrix 1 holds NaN or infinity."},
-        {make<Complex<double>>({1, 1}, {{1, -std::numeric_limits<double>::infinity()}}),
-         "@ need finite elements, however matrix 0 holds NaN or infinity."},
+         " need finite elements, however matrix 1 holds NaN or infinity."},
         {make<double>({3, 2, 2}, {1, 0, 0, 1, huge, huge, huge, huge, huge, huge, huge, huge}),
-         "@ did not converge to finite eigenvalues for matrix 1."},
+         " did not converge to finite eigenvalues for matrix 1."},
     };
-    const auto refused = [&](const auto& call, std::string message, const std::string& name) {
-        message.replace(message.find('@'), 1, name.substr(0, name.find('_')));
-        expect_error(call, message, "ornik::" + name, file);
-    };
-    for (const Case& c : cases) {
-        refused([&] { eigh(c.x.get()); }, c.message, "eigh");
-        refused([&] { eigvalsh(c.x.get()); }, c.message, "eigvalsh");
+    for (const auto& [x, message] : cases) {
+        expect_error([&] { eigh(x.get()); }, "eigh" + message, "ornik::eigh", "src/tensor/tensor_utils.cpp");
+        expect_error([&] { eigvalsh(x.get()); }, "eigvalsh" + message, "ornik::eigvalsh",
+                     "src/tensor/tensor_utils.cpp");
     }
-    const TensorPtr good = make<double>({2, 2}, {1, 0, 0, 1});
-    refused([&] { eigvalsh_grad(make_empty({2}, dtype::float32).get(), good.get()); },
-            "@ need a gradient of numpy.float64, however it is numpy.float32", "eigvalsh_grad");
-    refused([&] { eigh_grad(nullptr, make_empty({3}, dtype::float64).get(), good.get()); },
-            "@ need a gradient of shape ( 2 ) , however it is ( 3 ) ", "eigh_grad");
-    refused([&] { eigh_grad(nullptr, nullptr, good.get()); },
-            "@ need a gradient of the eigenvectors or of the eigenvalues.", "eigh_grad");
-    refused([&] { eigh_grad_from(good.get(), nullptr, good.get(), make_empty({3}, dtype::float64).get()); },
-            "@ need eigenvalues of shape ( 2 ) , however it is ( 3 ) ", "eigh_grad_from");
-    expect_error([&] { solver(good.get(), good.get(), "lu"); }, "solver() Not impl for CPU tensor.", "ornik::solver",
-                 file);
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 #include "losses/mean_squared_error.h"
 #include "losses/nll_loss.h"
 #include "losses/soft_cross_entropy.h"
-#include "support/expect_error.h"
 #include "support/gradients.h"
 
 namespace ornik::test {
@@ -157,47 +156,6 @@ TEST(Losses, CrossEntropyOfRowsOfAnyLength) {
             EXPECT_NEAR(gradient[c], static_cast<double>(p[c] / total - (c + 1 == p.size() ? 1 : 0)), 1e-15) << n;
         }
     }
-}
-
-TEST(Losses, Refusals) {
-    const TensorPtr x(Tensor::ones({2, 3}, 0, dtype::float32));
-    const TensorPtr elsewhere(Tensor::ones({2, 3}, 0, dtype::float32));
-    elsewhere->updateDevice(1000);
-    const auto refused = [](const std::string& name, const std::string& type, const TensorPtr& prediction,
-                            const TensorPtr& target, const std::string& message) {
-        const LossPtr loss(getLoss(name));
-        const Refusal calls[] = {
-            {"loss_forward", [&] { loss->loss_forward(prediction.get(), target.get()); }, message},
-            {"loss_backward", [&] { loss->loss_backward(prediction.get(), target.get()); }, message},
-        };
-        expect_refusals(calls, "ornik::" + type + "::", "src/losses/" + name + ".cpp");
-    };
-    const auto mse = [&](const TensorPtr& prediction, const TensorPtr& target, const std::string& message) {
-        refused("mean_squared_error", "LMeanSquaredError", prediction, target, message);
-    };
-    mse(x, nullptr, "Mean squared error needs a prediction and a target.");
-    mse(x, elsewhere, "Not same device for inputs of mean squared error.");
-    mse(make<std::int32_t>({1}, {1}), x, "Not valid dtype for this function.");
-    mse(x, make<double>({1}, {1}), "Not same data type for inputs of mean squared error.");
-    mse(x, make<float>({3}, {1, 1, 1}), "Target of shape ( 3 ) does not fit a prediction of shape ( 2, 3 ) ");
-    mse(make<float>({0}, {}), x, "Mean squared error needs at least one element, however the prediction is ( 0 ) ");
-    refused("binary_cross_entropy", "LBinaryCrossEntropy", make<float>({2}, {0.5F, 1.001F}), make<float>({2}, {0, 1}),
-            "Binary cross entropy needs probabilities between 0 and 1.");
-    refused("nll_loss", "LNLL_Loss", x, x, "Negative log-likelihood needs class indices of an integer dtype.");
-    refused("nll_loss", "LNLL_Loss", x, make<std::int64_t>({2}, {0, 3}),
-            "Class index out of range, there are 3 classes.");
-    const auto sce = [&](const TensorPtr& prediction, const TensorPtr& target, const std::string& message) {
-        refused("soft_cross_entropy", "LSoftCrossEntropy", prediction, target, message);
-    };
-    sce(x, make<std::int64_t>({2}, {0, 3}), "Class index out of range, there are 3 classes.");
-    sce(x, make<std::int8_t>({2}, {0, -1}), "Class index out of range, there are 3 classes.");
-    sce(x, make<std::int64_t>({3}, {0, 1, 2}),
-        "Class indices of shape ( 3 ) do not fit a prediction of shape ( 2, 3 ) ");
-    sce(x, make<double>({1}, {1}), "Not same data type for inputs of cross entropy.");
-    sce(x, make<float>({3, 2}, counted<float>(6)),
-        "Target of shape ( 3, 2 ) does not fit a prediction of shape ( 2, 3 ) ");
-    sce(make<std::int32_t>({1}, {1}), x, "Not valid dtype for this function.");
-    sce(make<float>({}, {1}), x, "Cross entropy needs a prediction [..., classes], however it is empty vector\n");
 }
 
 }  // namespace

@@ -5,8 +5,6 @@ namespace ornik::test {
 namespace {
 
 using Index = std::vector<std::int64_t>;
-const std::string file = "src/tensor/tensor_math/indexing.cpp";
-const std::string axes_file = "src/tensor/tensor_math/indexing_axes.cpp";
 
 TensorPtr index_of(const Dims& shape, const Index& values, Layout layout = Layout::contiguous) {
     return make<std::int64_t>(shape, values, layout);
@@ -208,48 +206,6 @@ TEST(Indexing, LargeOnesAreTheSameUnderAnyTeam) {
     EXPECT_EQ(values_of<float>(added), values_of<float>(scattered));
     expect_same_bits([&] { return index_add(x.get(), 0, index.get(), source.get()); }, "index_add");
     expect_same_bits([&] { return scatter(x.get(), 0, places.get(), source.get()); }, "scatter");
-}
-
-TEST(Indexing, RefusalsBeforeAnythingIsWritten) {
-    const TensorPtr x = make<float>({2, 3}, counted<float>(6));
-    const TensorPtr beyond = index_of({3}, {0, 3, 1});
-    const TensorPtr below = index_of({1, 1}, {-3});
-    const TensorPtr source = make<float>({2, 3}, counted<float>(6, 10));
-    const TensorPtr small = make<float>({1, 1}, {5});
-    const TensorPtr wide = make<double>({1, 1}, {5});
-    const TensorPtr first = index_of({1, 1}, {0});
-    const TensorPtr row = make<float>({3}, {1, 2, 3});
-    const TensorPtr expanded(Tensor::broadcast_to(row.get(), {2, 3}));
-    const TensorPtr mask(Tensor::ones({3}, 0, dtype::boolean));
-    const TensorPtr six = index_of({1}, {6}), long_row = index_of({1, 4}, {0, 0, 0, 0});
-    const std::vector<Tensor*> second{nullptr, beyond.get()}, third{nullptr, nullptr, first.get()};
-    const std::string outside = "Index 3 is out of range for an axis of 3 elements";
-    const Refusal rows[] = {
-        {"index_select", [&] { index_select(x.get(), 1, beyond.get()); }, outside},
-        {"index_select", [&] { index_select(x.get(), 0, row.get()); }, "Index should be of an integer dtype"},
-        {"index_add_", [&] { index_add_(x.get(), 1, beyond.get(), source.get()); }, outside},
-        {"scatter_", [&] { scatter_(x.get(), 0, below.get(), small.get()); },
-         "Index -3 is out of range for an axis of 2 elements"},
-        {"scatter_", [&] { scatter_(x.get(), 0, first.get(), wide.get()); }, "Not same data type"},
-        {"scatter_", [&] { scatter_(x.get(), 0, first.get(), source.get()); },
-         "The source has a shape of ( 2, 3 ) , the indexed elements have a shape of ( 1, 1 ) "},
-        {"scatter_", [&] { scatter_(expanded.get(), 0, first.get(), small.get()); },
-         "Output can not be an expanded view: shape ( 2, 3 ) , strides ( 0, 1 ) "},
-        {"take", [&] { take(x.get(), six.get()); }, "Index 6 is out of range for an axis of 6 elements"},
-        {"gather", [&] { gather(x.get(), 0, long_row.get()); },
-         "Index has a shape of ( 1, 4 ) , which does not fit into ( 2, 3 ) "},
-    };
-    expect_refusals(rows, "ornik::", file);
-    const Refusal of_axes[] = {
-        {"index_put_", [&] { index_put_(x.get(), second, small.get()); }, outside},
-        {"index_get", [&] { index_get(x.get(), {mask.get()}); },
-         "A mask of shape ( 3 ) does not fit axis 0 of a shape of ( 2, 3 ) "},
-        {"index_get", [&] { index_get(x.get(), third); }, "Too many indices for a shape of ( 2, 3 ) "},
-        {"masked_select", [&] { masked_select(x.get(), row.get()); }, "Mask should be a bool tensor"},
-    };
-    expect_refusals(of_axes, "ornik::", axes_file);
-    EXPECT_EQ(values_of<float>(x), counted<float>(6));
-    EXPECT_EQ(values_of<float>(row), (std::vector<float>{1, 2, 3}));
 }
 
 }  // namespace
