@@ -1,3 +1,5 @@
+#include "layers/functional/embedding.h"
+#include "losses/functions.h"
 #include "reference.h"
 #include "tensor/tensor_math/indexing.h"
 
@@ -185,6 +187,57 @@ TEST(Indexing, Gradients) {
     check("masked_select", x, [&](Tensor* t) { return masked_select(t, mask.get()); }, [&](Tensor* g) { return masked_select_grad(g, shape, mask.get()); });
     check("masked_select, broadcast", row, [&](Tensor* t) { return masked_select(t, column_mask.get()); }, [&](Tensor* g) { return masked_select_grad(g, {4}, column_mask.get()); });
     // clang-format on
+}
+
+TEST(Indexing, TheFirstIndicesOutsideAreRefused) {
+    const TensorPtr x = make<float>({2, 3}, counted<float>(6));
+    const TensorPtr column = make<float>({2, 1}, {1, 2}), one = make<float>({1, 1}, {1}),
+                    classes = make<float>({1, 3}, {1, 2, 3});
+    struct Row {
+        std::int64_t lowest, beyond;
+        std::function<void(Tensor*)> call;
+    };
+    const auto used = [](Tensor* t) { delete t; };
+    const Row rows[] = {
+        {-3, 3, [&](Tensor* i) { used(index_select(x.get(), 1, i)); }},
+        {-6, 6, [&](Tensor* i) { used(take(x.get(), i)); }},
+        {-2, 2, [&](Tensor* i) { used(index_get(x.get(), {i})); }},
+        {-3, 3,
+         [&](Tensor* i) {
+             index_put_(x.get(), {nullptr, i}, one.get());
+         }},
+        {-2, 2, [&](Tensor* i) { used(index_advanced(x.get(), {SliceItem::positions(i)})); }},
+        {-3, 3,
+         [&](Tensor* i) {
+             set_index_advanced(x.get(), one.get(), {SliceItem::all(), SliceItem::positions(i)});
+         }},
+        {-3, 3, [&](Tensor* i) { index_add_(x.get(), 1, i, column.get()); }},
+        {-3, 3,
+         [&](Tensor* i) {
+             used(gather(x.get(), 1, TensorPtr(i->view({1, 1})).get()));
+         }},
+        {-2, 2,
+         [&](Tensor* i) {
+             scatter_(x.get(), 0, TensorPtr(i->view({1, 1})).get(), one.get());
+         }},
+        {0, 2, [&](Tensor* i) { (void)nn::embedding(i, x.get()); }},
+        {0, 4, [&](Tensor* i) { (void)nn::embedding_grad(classes.get(), i, 4); }},
+        {0, 3, [&](Tensor* i) { (void)nn::nll_loss(classes.get(), i); }},
+        {0, 3, [&](Tensor* i) { (void)nn::cross_entropy(classes.get(), i); }},
+    };
+    for (const Row& row : rows) {
+        for (const std::int64_t at : {row.lowest - 1, row.lowest, row.beyond - 1, row.beyond}) {
+            SCOPED_TRACE(testing::Message() << "row " << &row - rows << ", index " << at);
+            const TensorPtr index = index_of({1}, {at});
+            if (at < row.lowest || at == row.beyond) {
+                const std::string before = bytes_of(x);
+                EXPECT_THROW(row.call(index.get()), Error);
+                EXPECT_EQ(bytes_of(x), before);
+            } else {
+                EXPECT_NO_THROW(row.call(index.get()));
+            }
+        }
+    }
 }
 
 TEST(Indexing, LargeOnesAreTheSameUnderAnyTeam) {
