@@ -25,12 +25,19 @@ set(ORNIK_PUBLIC_HEADERS
     ktensor/convolutions.h
     ktensor/elements.h
     ktensor/files.h
+<<<<<<< HEAD
+    ktensor/images.h
+=======
+    ktensor/index.h
+>>>>>>> main
     ktensor/indexing.h
+    ktensor/joins.h
     ktensor/ktensor.h
     ktensor/losses.h
     ktensor/networks.h
     ktensor/normalizations.h
     ktensor/products.h
+    ktensor/random.h
     ktensor/reductions.h
     ktensor/shapes.h
     layers/conv/layer_conv.h

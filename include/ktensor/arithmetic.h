@@ -6,6 +6,8 @@
 // tensor that they are called on, and its shape; both have to hold the result.
 #pragma once
 
+#include <vector>
+
 #include "ktensor.h"
 
 namespace ornik {
@@ -21,6 +23,8 @@ namespace ornik {
 [[nodiscard]] ORNIK_API KTensor div(const KTensor& a, const Scalar& b);
 [[nodiscard]] ORNIK_API KTensor sub(const Scalar& a, const KTensor& b);
 [[nodiscard]] ORNIK_API KTensor div(const Scalar& a, const KTensor& b);
+/// The sum of one tensor or more, from left to right, in one pass where they have one shape.
+[[nodiscard]] ORNIK_API KTensor add_all(const std::vector<KTensor>& terms);
 
 // In place; each returns its target.
 

@@ -21,5 +21,10 @@ namespace ornik {
 [[nodiscard]] ORNIK_API KTensor average_pool(const KTensor& x, const nn::PoolParameters& parameters);
 /// The mean of each of `output` windows per axis.
 [[nodiscard]] ORNIK_API KTensor adaptive_average_pool(const KTensor& x, const std::array<std::int64_t, 2>& output);
+/// The largest element of each of these windows; equal ones share its gradient. Any real dtype; second derivatives.
+[[nodiscard]] ORNIK_API KTensor adaptive_max_pool(const KTensor& x, const std::array<std::int64_t, 2>& output);
+/// [N, C] of [N, C, ...]: the mean, and the largest element, of each channel. Second derivatives.
+[[nodiscard]] ORNIK_API KTensor global_average_pool(const KTensor& x);
+[[nodiscard]] ORNIK_API KTensor global_max_pool(const KTensor& x);
 
 }  // namespace ornik

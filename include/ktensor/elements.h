@@ -270,6 +270,8 @@ ORNIK_API KTensor& masked_fill_(KTensor& x, const KTensor& mask, const Scalar& v
 [[nodiscard]] ORNIK_API KTensor clamp_min(const KTensor& x, const Scalar& min);
 [[nodiscard]] ORNIK_API KTensor clamp_max(const KTensor& x, const Scalar& max);
 ORNIK_API KTensor& clamp_(KTensor& x, const Scalar& min, const Scalar& max);
+ORNIK_API KTensor& clamp_min_(KTensor& x, const Scalar& min);
+ORNIK_API KTensor& clamp_max_(KTensor& x, const Scalar& max);
 
 /// |a - b| <= atol + rtol |b|, computed in double; infinities equal only themselves. bool.
 [[nodiscard]] ORNIK_API KTensor is_close(const KTensor& a, const KTensor& b, double rtol = 1e-5, double atol = 1e-8,

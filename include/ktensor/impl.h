@@ -70,14 +70,17 @@ KTensor make_ktensor(std::unique_ptr<Tensor> tensor);
 KTensor make_ktensor(Ref<Data> data);
 inline KTensor make_ktensor(Tensor* tensor) { return make_ktensor(std::unique_ptr<Tensor>(tensor)); }
 
+/// x's elements under another geometry, `offset` elements further on: without a past.
+KTensor share(const KTensor& x, const Dims& shape, const Dims& strides, std::int64_t offset = 0);
+
 /// Writes to the storage so far, and recorded ones; 0 without a storage.
 inline std::uint32_t version_of(const Tensor& tensor) {
-    const auto& meta = tensor.getMeta();
-    return meta && meta->getStorage() ? meta->getStorage()->version() : 0;
+    const tensorT::Tensor_storage* storage = tensor.borrow_storage();
+    return storage != nullptr ? storage->version() : 0;
 }
 inline std::uint32_t recorded_version_of(const Tensor& tensor) {
-    const auto& meta = tensor.getMeta();
-    return meta && meta->getStorage() ? meta->getStorage()->recorded_version() : 0;
+    const tensorT::Tensor_storage* storage = tensor.borrow_storage();
+    return storage != nullptr ? storage->recorded_version() : 0;
 }
 
 /// Nobody else holds the elements, and every one has a place of its own in row-major order: they may be changed.
@@ -88,6 +91,8 @@ std::unique_ptr<Tensor> empty_tensor(const Dims& shape, std::int64_t dtype);
 /// A row-major copy, of any number of elements.
 std::unique_ptr<Tensor> copy_of(const Tensor& tensor);
 
+/// "[2, 3]"
+std::string list_text(const Dims& numbers);
 /// "[2, 3] float32"
 std::string describe(const KTensor& tensor);
 std::string describe(const Dims& shape, std::int64_t dtype);

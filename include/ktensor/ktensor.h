@@ -34,6 +34,8 @@
 
 namespace ornik {
 
+class Index;
+class IndexList;
 class Tensor;
 
 namespace autograd {
@@ -149,6 +151,9 @@ class ORNIK_API KTensor {
     /// `count` numbers from start to end, both included.
     [[nodiscard]] static KTensor linspace(double start, double end, std::int64_t count,
                                           std::int64_t dtype = dtype::float32);
+    /// base to the powers that linspace gives.
+    [[nodiscard]] static KTensor logspace(double start, double end, std::int64_t count, double base = 10,
+                                          std::int64_t dtype = dtype::float32);
     /// Ones where column - row == offset.
     [[nodiscard]] static KTensor eye(std::int64_t rows, std::int64_t columns, std::int64_t offset = 0,
                                      std::int64_t dtype = dtype::float32);
@@ -222,6 +227,17 @@ class ORNIK_API KTensor {
     /// recorded.
     [[nodiscard]] Tensor* tensor() const noexcept;
 
+    // ---- Its parts (index.h has the items, indexing.h the rules and the functions of the family) ----
+
+    /// x.index({0, Slice(1), ellipsis}): a view, or a copy where index tensors are among the items.
+    [[nodiscard]] KTensor index(const IndexList& items) const;
+    /// A view of one slice of the first axis.
+    [[nodiscard]] KTensor operator[](std::int64_t position) const;
+    [[nodiscard]] KTensor operator[](const Index& item) const;
+    /// Writes the value, converted and broadcast, into the selected elements, or adds it to them.
+    KTensor& set_index(const IndexList& items, const KTensor& value, bool accumulate = false);
+    KTensor& set_index(const IndexList& items, const Scalar& value, bool accumulate = false);
+
     // ---- Gradients (autograd.h has the rest) ----
 
     /// Asks for gradients, or no longer. Floating and complex tensors; a result of recorded operations wants them
@@ -251,6 +267,81 @@ class ORNIK_API KTensor {
     /// takes its place. Hooks run in the order of their registration. The number returned removes it.
     std::int64_t register_hook(std::function<KTensor(const KTensor&)> hook);
     void remove_hook(std::int64_t number);
+
+    // ---- Operations that people look for here: the functions of these names, which the families' headers describe
+    // ----
+
+    [[nodiscard]] KTensor astype(std::int64_t dtype) const;
+    [[nodiscard]] KTensor clone() const;
+    [[nodiscard]] KTensor contiguous() const;
+
+    [[nodiscard]] KTensor reshape(const Dims& shape) const;
+    [[nodiscard]] KTensor view(const Dims& shape) const;
+    [[nodiscard]] KTensor flatten(int start = 0, int end = -1) const;
+    [[nodiscard]] KTensor broadcast_to(const Dims& shape) const;
+    [[nodiscard]] KTensor permute(const std::vector<int>& axes) const;
+    /// The last two axes, or the two given, change places.
+    [[nodiscard]] KTensor transpose() const;
+    [[nodiscard]] KTensor transpose(int a, int b) const;
+    /// Of a matrix; a tensor of fewer axes is its own.
+    [[nodiscard]] KTensor t() const;
+    [[nodiscard]] KTensor squeeze() const;
+    [[nodiscard]] KTensor squeeze(const std::vector<int>& axes) const;
+    [[nodiscard]] KTensor unsqueeze(int axis) const;
+
+    [[nodiscard]] KTensor sum(const std::vector<int>& axes = {}, bool keep_dims = false) const;
+    [[nodiscard]] KTensor prod(const std::vector<int>& axes = {}, bool keep_dims = false) const;
+    [[nodiscard]] KTensor mean(const std::vector<int>& axes = {}, bool keep_dims = false) const;
+    [[nodiscard]] KTensor var(const std::vector<int>& axes = {}, bool keep_dims = false, double correction = 1) const;
+    [[nodiscard]] KTensor std_dev(const std::vector<int>& axes = {}, bool keep_dims = false,
+                                  double correction = 1) const;
+    [[nodiscard]] KTensor l2_norm(const std::vector<int>& axes = {}, bool keep_dims = false) const;
+    [[nodiscard]] KTensor(max)(const std::vector<int>& axes = {}, bool keep_dims = false) const;
+    [[nodiscard]] KTensor(min)(const std::vector<int>& axes = {}, bool keep_dims = false) const;
+    [[nodiscard]] KTensor argmax(const std::vector<int>& axes = {}, bool keep_dims = false) const;
+    [[nodiscard]] KTensor argmin(const std::vector<int>& axes = {}, bool keep_dims = false) const;
+    [[nodiscard]] KTensor any(const std::vector<int>& axes = {}, bool keep_dims = false) const;
+    [[nodiscard]] KTensor all(const std::vector<int>& axes = {}, bool keep_dims = false) const;
+    [[nodiscard]] KTensor cumsum(int axis) const;
+    [[nodiscard]] KTensor softmax(int axis = -1) const;
+    [[nodiscard]] KTensor log_softmax(int axis = -1) const;
+
+    [[nodiscard]] KTensor exp() const;
+    [[nodiscard]] KTensor log() const;
+    [[nodiscard]] KTensor sqrt() const;
+    [[nodiscard]] KTensor rsqrt() const;
+    [[nodiscard]] KTensor sqr() const;
+    [[nodiscard]] KTensor sin() const;
+    [[nodiscard]] KTensor cos() const;
+    [[nodiscard]] KTensor tanh() const;
+    [[nodiscard]] KTensor sigmoid() const;
+    [[nodiscard]] KTensor relu() const;
+    [[nodiscard]] KTensor abs() const;
+    [[nodiscard]] KTensor neg() const;
+    [[nodiscard]] KTensor conj() const;
+    [[nodiscard]] KTensor real() const;
+    [[nodiscard]] KTensor imag() const;
+    [[nodiscard]] KTensor pow(const KTensor& exponent) const;
+    [[nodiscard]] KTensor pow(const Scalar& exponent) const;
+    [[nodiscard]] KTensor clamp(const Scalar& min, const Scalar& max) const;
+
+    [[nodiscard]] KTensor matmul(const KTensor& other) const;
+    [[nodiscard]] KTensor dot(const KTensor& other) const;
+
+    // In place; each returns this tensor.
+
+    KTensor& add_(const KTensor& other);
+    KTensor& add_(const Scalar& number);
+    KTensor& sub_(const KTensor& other);
+    KTensor& sub_(const Scalar& number);
+    KTensor& mul_(const KTensor& other);
+    KTensor& mul_(const Scalar& number);
+    KTensor& div_(const KTensor& other);
+    KTensor& div_(const Scalar& number);
+    KTensor& clamp_(const Scalar& min, const Scalar& max);
+    KTensor& copy_(const KTensor& source);
+    KTensor& fill_(const Scalar& value);
+    KTensor& zero_();
 
     // ---- For the operations' own code ----
 

@@ -1,19 +1,33 @@
-// networks.h: linear maps, embeddings, attention and recurrent layers. First derivatives but for linear.
+// networks.h: linear maps, embeddings, attention and recurrent layers. First derivatives unless said otherwise.
 #pragma once
 
 #include <optional>
 #include <utility>
 
+#include "../descriptors/packing.h"
 #include "ktensor.h"
 
 namespace ornik {
 
-/// x W^T + b: x [..., in], weight [out, in], bias [out] or undefined. One floating or complex dtype.
+/// x W^T + b: x [..., in], weight [out, in], bias [out] or undefined. One floating or complex dtype. Second
+/// derivatives.
 [[nodiscard]] ORNIK_API KTensor linear(const KTensor& x, const KTensor& weight, const KTensor& bias = KTensor());
 
 /// weight[indices[...], :]; the gradient's row of the padding index is 0.
 [[nodiscard]] ORNIK_API KTensor embedding(const KTensor& indices, const KTensor& weight,
                                           std::optional<std::int64_t> padding_index = std::nullopt);
+
+/// [..., classes] with 1 at the class, of [0, classes), that each integer of the indices names, and 0 elsewhere.
+[[nodiscard]] ORNIK_API KTensor one_hot(const KTensor& indices, std::int64_t classes,
+                                        std::int64_t dtype = dtype::float32);
+
+// Sequences of different lengths (descriptors/packing.h); any dtype, second derivatives.
+
+/// padded [batch, steps, ...] to packed [entries, ...]; `steps` may exceed the greatest length.
+[[nodiscard]] ORNIK_API KTensor pack_sequences(const KTensor& padded, const Packing& packing);
+/// packed [entries, ...] to padded [batch, steps, ...], `padding` behind the sequences. steps 0: the greatest length.
+[[nodiscard]] ORNIK_API KTensor unpack_sequences(const KTensor& packed, const Packing& packing, std::int64_t steps = 0,
+                                                 double padding = 0);
 
 struct AttentionArguments {
     KTensor mask{};       ///< bool, true may be attended to, or floating, added to the scores; broadcasts to them

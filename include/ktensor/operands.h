@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <vector>
 
 #include "../tensor/tensor.h"
 #include "ktensor.h"
@@ -10,6 +11,9 @@ namespace ornik::autograd {
 
 /// The common shape; the refusal names the operation and both tensors.
 Dims broadcast_shape(const char* operation, const KTensor& a, const KTensor& b);
+
+/// One tensor or more in the dtype that all promote to. Recorded.
+std::vector<KTensor> promoted(const char* operation, const std::vector<KTensor>& tensors);
 
 /// A tensor under another shape for the length of a call: itself, or a stride-0 view.
 class Shown {

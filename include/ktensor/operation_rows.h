@@ -15,6 +15,7 @@
 //      name              second derivatives
 #define ORNIK_ARITHMETIC_ROWS(ROW) \
     ROW(add,              twice) \
+    ROW(add_all,          twice) \
     ROW(sub,              twice) \
     ROW(mul,              twice) \
     ROW(div,              twice) \
@@ -37,6 +38,22 @@
     ROW(unsqueeze,        twice) \
     ROW(flip,             twice)
 
+#define ORNIK_JOIN_ROWS(ROW) \
+    ROW(concat,           twice) \
+    ROW(stack,            twice) \
+    ROW(split,            twice) \
+    ROW(windows,          twice) \
+    ROW(add_windows,      twice) \
+    ROW(tile,             twice) \
+    ROW(repeat_by_counts, twice) \
+    ROW(roll,             twice) \
+    ROW(pad,              twice) \
+    ROW(view_as_real,     twice) \
+    ROW(view_as_complex,  twice) \
+    ROW(interpolate,      twice) \
+    ROW(pack_sequences,   twice) \
+    ROW(unpack_sequences, twice)
+
 #define ORNIK_REDUCTION_ROWS(ROW) \
     ROW(sum,              twice) \
     ROW(mean,             twice) \
@@ -57,8 +74,20 @@
     ROW(topk,             twice)
 
 #define ORNIK_INDEX_ROWS(ROW) \
+    ROW(index,            twice) \
+    ROW(index_put,        twice) \
+    ROW(index_select,     twice) \
+    ROW(index_add,        twice) \
+    ROW(take,             twice) \
     ROW(gather,           twice) \
-    ROW(scatter_add,      twice)
+    ROW(scatter,          twice) \
+    ROW(scatter_add,      twice) \
+    ROW(masked_select,    twice) \
+    ROW(diagonal,         twice) \
+    ROW(diagonal_scatter, twice) \
+    ROW(diag_embed,       twice) \
+    ROW(tril,             twice) \
+    ROW(triu,             twice)
 
 #define ORNIK_PRODUCT_ROWS(ROW) \
     ROW(matmul,           twice) \
@@ -102,6 +131,7 @@
 #define ORNIK_OPERATION_ROWS(ROW) \
     ORNIK_ARITHMETIC_ROWS(ROW) \
     ORNIK_SHAPE_ROWS(ROW)      \
+    ORNIK_JOIN_ROWS(ROW)       \
     ORNIK_REDUCTION_ROWS(ROW)  \
     ORNIK_INDEX_ROWS(ROW)      \
     ORNIK_PRODUCT_ROWS(ROW)    \

@@ -84,6 +84,8 @@ class Recorder {
 /// An operation in place on `target`, recorded: the result y of the operation on old_value(target) is copied into the
 /// target's storage, and its past becomes the target's. Outside recording nobody calls this.
 void take_over(KTensor& target, const KTensor& y);
+/// The same where y shares target's elements, which have been written.
+void take_over_past(KTensor& target, const KTensor& y);
 /// Before an operation in place: refuses leaves that ask for gradients, and targets that can not have any where one of
 /// the operands has.
 void check_in_place(const char* operation, const KTensor& target, bool recorded);

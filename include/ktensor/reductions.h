@@ -43,6 +43,9 @@ namespace ornik {
 /// bool.
 [[nodiscard]] ORNIK_API KTensor any(const KTensor& x, const std::vector<int>& axes = {}, bool keep_dims = false);
 [[nodiscard]] ORNIK_API KTensor all(const KTensor& x, const std::vector<int>& axes = {}, bool keep_dims = false);
+/// int64: how many elements are not 0; NaN is not.
+[[nodiscard]] ORNIK_API KTensor count_nonzero(const KTensor& x, const std::vector<int>& axes = {},
+                                              bool keep_dims = false);
 
 // Along one axis; results have x's shape.
 
@@ -68,6 +71,13 @@ struct Unique {
     KTensor counts;
 };
 [[nodiscard]] ORNIK_API Unique unique(const KTensor& x);
+/// How often each whole number 0, 1, ... occurs among the elements of an integer tensor: up to the greatest one, or at
+/// least `min_length` of them. With weights, of x's shape, the sum of those at each number.
+[[nodiscard]] ORNIK_API KTensor bincount(const KTensor& x, const KTensor& weights = KTensor(),
+                                         std::int64_t min_length = 0);
+/// How many elements lie in each of `bins` equal intervals of [low, high], the last one closed: int64. Others do not
+/// count. Real dtypes.
+[[nodiscard]] ORNIK_API KTensor histogram(const KTensor& x, std::int64_t bins, double low, double high);
 /// Where each value would be inserted into the sorted rows: before its equals, or behind them with `right`.
 [[nodiscard]] ORNIK_API KTensor searchsorted(const KTensor& sorted, const KTensor& values, bool right = false);
 

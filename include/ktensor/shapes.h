@@ -18,6 +18,9 @@ namespace ornik {
 [[nodiscard]] ORNIK_API KTensor contiguous(const KTensor& x);
 /// Writes the elements of `source`, broadcast and converted, into x.
 ORNIK_API KTensor& copy_(KTensor& x, const KTensor& source);
+/// Every element becomes the value, converted to x's dtype, or 0. What x was computed from gets no gradient through it.
+ORNIK_API KTensor& fill_(KTensor& x, const Scalar& value);
+ORNIK_API KTensor& zero_(KTensor& x);
 
 /// x repeated along leading and size-1 axes: a stride-0 view.
 [[nodiscard]] ORNIK_API KTensor broadcast_to(const KTensor& x, const Dims& shape);
@@ -43,6 +46,11 @@ ORNIK_API KTensor& copy_(KTensor& x, const KTensor& source);
 [[nodiscard]] ORNIK_API KTensor squeeze(const KTensor& x, const std::vector<int>& axes);
 /// With an axis of extent 1 at position `axis` of the result.
 [[nodiscard]] ORNIK_API KTensor unsqueeze(const KTensor& x, int axis);
+
+/// A complex tensor [...] as a real view [..., 2] of its parts: real part first.
+[[nodiscard]] ORNIK_API KTensor view_as_real(const KTensor& x);
+/// The inverse, of a float32 or float64 tensor whose last axis holds two neighbours.
+[[nodiscard]] ORNIK_API KTensor view_as_complex(const KTensor& x);
 
 /// A copy with the elements in reverse order along every listed axis.
 [[nodiscard]] ORNIK_API KTensor flip(const KTensor& x, const std::vector<int>& axes);

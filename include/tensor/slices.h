@@ -48,6 +48,15 @@ struct SliceItem {
 
 using SliceItems = std::vector<SliceItem>;
 
+/// Positions begin, begin + step, ..., `count` of them. With fewer than two the step is 1, with none begin is 0.
+struct SliceRange {
+    std::int64_t begin = 0;
+    std::int64_t step = 1;
+    std::int64_t count = 0;
+};
+/// What a range selects of an axis of `extent` elements.
+ORNIK_API SliceRange slice_range(const SliceItem& item, std::int64_t extent);
+
 // ---- Views ----
 
 /// The shape of what the items select from a tensor of `shape`.

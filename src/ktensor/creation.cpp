@@ -163,11 +163,26 @@ KTensor KTensor::arange(double start, double end, double step, std::int64_t dtyp
                        [&](std::int64_t i) { return start + static_cast<double>(i) * step; });
 }
 
-KTensor KTensor::linspace(double start, double end, std::int64_t count, std::int64_t dtype) {
+namespace {
+
+// `count` numbers from start to end, both included, each through `function`.
+template <typename Function>
+KTensor spaced(const char* name, double start, double end, std::int64_t count, std::int64_t dtype,
+               Function&& function) {
     const double step = count > 1 ? (end - start) / static_cast<double>(count - 1) : 0;
-    return by_position(new_tensor("linspace", {count}, dtype), [&](std::int64_t i) {
-        return i == count - 1 && i > 0 ? end : start + static_cast<double>(i) * step;
+    return by_position(new_tensor(name, {count}, dtype), [&](std::int64_t i) {
+        return function(i == count - 1 && i > 0 ? end : start + static_cast<double>(i) * step);
     });
+}
+
+}  // namespace
+
+KTensor KTensor::linspace(double start, double end, std::int64_t count, std::int64_t dtype) {
+    return spaced("linspace", start, end, count, dtype, [](double x) { return x; });
+}
+
+KTensor KTensor::logspace(double start, double end, std::int64_t count, double base, std::int64_t dtype) {
+    return spaced("logspace", start, end, count, dtype, [=](double x) { return std::pow(base, x); });
 }
 
 KTensor KTensor::eye(std::int64_t rows, std::int64_t columns, std::int64_t offset, std::int64_t dtype) {

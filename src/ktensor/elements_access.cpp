@@ -47,7 +47,7 @@ void KTensor::copy_elements(void* values, std::int64_t dtype) const {
         fail(ErrorKind::dtype, where("ornik::KTensor::to_vector"), "to_vector(): ", dtype_name(dtype),
              " does not hold the elements of ", describe(*this), ".");
     }
-    const KTensor plain = contiguous(astype(detach(), dtype));
+    const KTensor plain = detach().astype(dtype).contiguous();
     if (plain.size() != 0) {
         std::memcpy(values, plain.tensor()->getRawData(),
                     static_cast<std::size_t>(plain.size() * dtype_item_size(dtype)));

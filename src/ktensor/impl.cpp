@@ -21,6 +21,11 @@ KTensor make_ktensor(std::unique_ptr<Tensor> tensor) {
     return make_ktensor(Ref<Data>::adopt(new Data(std::move(tensor))));
 }
 
+KTensor share(const KTensor& x, const Dims& shape, const Dims& strides, std::int64_t offset) {
+    const Tensor& t = *x.tensor();
+    return make_ktensor(share_storage_tensor(t.getStorage(), shape, strides, t.Dtype(), t.StorageOffset() + offset));
+}
+
 bool is_sole_owner(const KTensor& tensor) {
     const Impl* impl = tensor.impl();
     if (impl->references.load(std::memory_order_acquire) != 1 || impl->node ||
@@ -28,8 +33,9 @@ bool is_sole_owner(const KTensor& tensor) {
         return false;
     }
     const Tensor& elements = *impl->data->tensor;
-    return elements.is_dense() && elements.getMeta() && elements.getMeta()->getStorage().use_count() == 1 &&
-           !elements.getMeta()->getStorage()->read_only() && elements.is_contiguous();
+    constexpr long mine = 2;  // the tensor's share and this one
+    const auto storage = elements.getStorage();
+    return elements.is_dense() && storage.use_count() == mine && !storage->read_only() && elements.is_contiguous();
 }
 
 std::unique_ptr<Tensor> empty_tensor(const Dims& shape, std::int64_t dtype) { return make_tensor(shape, dtype); }
@@ -42,12 +48,16 @@ std::unique_ptr<Tensor> copy_of(const Tensor& tensor) {
     return copy;
 }
 
-std::string describe(const Dims& shape, std::int64_t dtype) {
+std::string list_text(const Dims& numbers) {
     std::string text = "[";
-    for (std::size_t i = 0; i < shape.size(); ++i) {
-        text += (i == 0 ? "" : ", ") + std::to_string(shape[i]);
+    for (std::size_t i = 0; i < numbers.size(); ++i) {
+        text += (i == 0 ? "" : ", ") + std::to_string(numbers[i]);
     }
-    text += "] ";
+    return text + "]";
+}
+
+std::string describe(const Dims& shape, std::int64_t dtype) {
+    std::string text = list_text(shape) + " ";
     text += is_valid_dtype(dtype) ? detail::dtype_table[static_cast<std::size_t>(dtype)].name : "unknown";
     return text;
 }

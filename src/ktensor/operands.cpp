@@ -5,7 +5,10 @@
 #include "hardware/cpu/dispatch.h"
 #include "ktensor/elements.h"
 #include "ktensor/impl.h"
+#include "ktensor/record.h"
+#include "ktensor/shapes.h"
 #include "tensor/broadcast.h"
+#include "tensor/tensor_math/promotion.h"
 #include "utils/error.h"
 
 namespace ornik::autograd {
@@ -27,6 +30,24 @@ Dims broadcast_shape(const char* operation, const KTensor& a, const KTensor& b) 
         shape[i] = size_a == 1 ? size_b : size_a;
     }
     return shape;
+}
+
+std::vector<KTensor> promoted(const char* name, const std::vector<KTensor>& tensors) {
+    if (tensors.empty()) {
+        fail(where("ornik::KTensor"), name, "(): there is no tensor in the list.");
+    }
+    for (std::size_t i = 0; i < tensors.size(); ++i) {
+        autograd::check_defined(name, tensors[i], i);
+    }
+    std::int64_t dtype = tensors.front().dtype();
+    for (const KTensor& t : tensors) {
+        dtype = promotion::of_tensors(dtype, t.dtype());
+    }
+    std::vector<KTensor> result;
+    for (const KTensor& t : tensors) {
+        result.push_back(astype(t, dtype));
+    }
+    return result;
 }
 
 Shown::Shown(const KTensor& t, const Dims& shape) : tensor_(t.tensor()) {

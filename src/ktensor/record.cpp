@@ -152,11 +152,15 @@ KTensor old_value(const KTensor& target) {
 }
 
 void take_over(KTensor& target, const KTensor& y) {
-    Impl& impl = *target.impl();
     if (y.size() != 0) {
         copy_tensor(y.tensor(), target.tensor());
     }
-    if (const auto storage = target.tensor()->getStorage()) {
+    take_over_past(target, y);
+}
+
+void take_over_past(KTensor& target, const KTensor& y) {
+    Impl& impl = *target.impl();
+    if (tensorT::Tensor_storage* storage = target.tensor()->borrow_storage()) {
         storage->note_recorded_write();
     }
     impl.seen = recorded_version_of(*target.tensor());

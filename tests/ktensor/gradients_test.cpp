@@ -1,7 +1,6 @@
 // gradients_test.cpp: every operation that records gradients, against differences.
 #include <set>
 
-#include "ktensor/indexing.h"
 #include "rows.h"
 
 namespace ornik {
@@ -201,28 +200,11 @@ std::vector<Row> reduction_rows() {
     return rows;
 }
 
-std::vector<Row> index_rows() {
-    return {
-        {Op::gather,
-         {{3, 2}},
-         [](const Tensors& x) {
-             return gather(x[0], 0, KTensor({{2, 0}, {2, 1}}));
-         },
-         true},
-        {Op::scatter_add,
-         {{3, 2}, {2, 2}},
-         [](const Tensors& x) {
-             return scatter_add(x[0], 0, KTensor({{2, 0}, {2, 1}}), x[1]);
-         },
-         true},
-    };
-}
-
 std::vector<Row> all_rows() {
     std::vector<Row> rows;
     for (std::vector<Row> (*part)() :
-         {element_rows, pair_rows, shape_rows, reduction_rows, index_rows, gradcheck::product_rows,
-          gradcheck::layer_rows, gradcheck::network_rows, gradcheck::loss_rows}) {
+         {element_rows, pair_rows, shape_rows, reduction_rows, gradcheck::index_rows, gradcheck::product_rows,
+          gradcheck::join_rows, gradcheck::layer_rows, gradcheck::network_rows, gradcheck::loss_rows}) {
         for (Row& row : part()) {
             rows.push_back(std::move(row));
         }
@@ -234,7 +216,6 @@ TEST(Gradients, Elements) { std::ranges::for_each(element_rows(), gradcheck::che
 TEST(Gradients, Pairs) { std::ranges::for_each(pair_rows(), gradcheck::check); }
 TEST(Gradients, Shapes) { std::ranges::for_each(shape_rows(), gradcheck::check); }
 TEST(Gradients, Reductions) { std::ranges::for_each(reduction_rows(), gradcheck::check); }
-TEST(Gradients, Indexing) { std::ranges::for_each(index_rows(), gradcheck::check); }
 
 TEST(Gradients, EveryOperationHasARow) {
     std::set<Op> checked{Op::custom, Op::checkpoint};  // Tested with the graph.

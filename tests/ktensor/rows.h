@@ -5,7 +5,9 @@
 
 namespace ornik::gradcheck {
 
+std::vector<Row> index_rows();
 std::vector<Row> product_rows();
+std::vector<Row> join_rows();
 std::vector<Row> layer_rows();
 std::vector<Row> network_rows();
 std::vector<Row> loss_rows();

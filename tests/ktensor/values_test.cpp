@@ -8,19 +8,13 @@
 #include "ktensor/arithmetic.h"
 #include "ktensor/ktensor.h"
 #include "ktensor/shapes.h"
+#include "support/expect_error.h"
 #include "utils/error.h"
 
 namespace ornik {
 namespace {
 
-std::string message_of(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const Error& error) {
-        return std::string(error.message());
-    }
-    return "(no error)";
-}
+using test::message_of;
 
 TEST(Values, BracesGiveShapeAndDtype) {
     const KTensor a({{1, 2, 3}, {4, 5, 6}});
@@ -79,6 +73,25 @@ TEST(Values, TypedAccessIsChecked) {
               }),
               "from(): 2 numbers do not make [3] int32.");
     EXPECT_EQ(message_of([&] { (void)KTensor::zeros({2, -1}); }), "full(): there is no shape [2, -1] float32.");
+}
+
+TEST(Values, FillsCutThePastOff) {
+    KTensor x = KTensor({{1.0, 2.0}, {3.0, 4.0}}).requires_grad();
+    KTensor y = x * 2.0;
+    y.t().sum().backward();
+    EXPECT_EQ(x.grad().to_vector<double>(), std::vector<double>(4, 2));
+    y.fill_(7);
+    EXPECT_FALSE(y.wants_grad());
+    EXPECT_EQ(y.to_vector<double>(), std::vector<double>(4, 7));
+    EXPECT_EQ(KTensor({1, 2}).zero_().to_vector<int>(), std::vector<int>({0, 0}));
+    EXPECT_EQ(message_of([&] { x.zero_(); }),
+              "fill_(): a leaf that asks for gradients, [2, 2] float64, can be changed in place only inside NoGrad.");
+    EXPECT_EQ(message_of([&] { y.fill_(std::complex<float>(0, 1)); }),
+              "fill_(): [2, 2] float64 can not hold a result of numpy.complex64.");
+    EXPECT_EQ(message_of([&] {
+                  (void)KTensor::ones({2, 2, 2}).t();
+              }),
+              "t(): [2, 2, 2] float32 has more than two axes; transpose() exchanges the last two.");
 }
 
 TEST(Values, SequencesAreExact) {

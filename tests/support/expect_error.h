@@ -32,6 +32,13 @@ std::string error_text(const Call& call) {
     return "(no error)";
 }
 
+/// The message alone, without its location.
+template <typename Call>
+std::string message_of(const Call& call) {
+    const std::string text = error_text(call);
+    return text.substr(0, text.rfind(" ( FILE: "));
+}
+
 /// The text of `message` reported by `function` in `file`.
 inline std::string located(const std::string& message, const std::string& function, const std::string& file) {
     return message + " ( FILE: " + file + "  LINE: #  FUNC: " + function + "\n)";

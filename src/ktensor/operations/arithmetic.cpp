@@ -3,6 +3,7 @@
 
 #include "hardware/cpu/any_scalar.h"
 #include "ktensor/autograd.h"
+#include "ktensor/joins.h"
 #include "ktensor/operands.h"
 #include "ktensor/record.h"
 #include "ktensor/shapes.h"
@@ -58,6 +59,23 @@ KTensor add(const KTensor& a, const KTensor& b) {
         record.finish(y, {}, [](Backward& pass) {
             pass.give(0, pass.grad());
             pass.give(1, pass.take_grad());
+        });
+    }
+    return y;
+}
+
+KTensor add_all(const std::vector<KTensor>& terms) {
+    const std::vector<KTensor> operands = broadcast_together(autograd::promoted("add_all", terms));
+    const Recorder record(Op::add_all, operands);
+    KTensor y = make_ktensor(autograd::copy_of(*operands[0].tensor()));
+    for (std::size_t i = 1; i < operands.size() && y.size() != 0; ++i) {
+        add(1, y.tensor(), 1, operands[i].tensor(), y.tensor(), 0);
+    }
+    if (record.active()) {
+        record.finish(y, {}, [](Backward& pass) {
+            for (std::size_t i = 0; i < pass.operand_count(); ++i) {
+                pass.give(i, pass.grad());
+            }
         });
     }
     return y;

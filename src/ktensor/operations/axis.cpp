@@ -1,8 +1,12 @@
 // axis.cpp: running sums, softmax and order along one axis, and their gradients.
+#include <algorithm>
+
 #include "ktensor/arithmetic.h"
+#include "ktensor/autograd.h"
 #include "ktensor/axes.h"
 #include "ktensor/elements.h"
 #include "ktensor/indexing.h"
+#include "ktensor/joins.h"
 #include "ktensor/record.h"
 #include "ktensor/reductions.h"
 #include "ktensor/shapes.h"
@@ -127,6 +131,44 @@ Unique unique(const KTensor& x) {
     autograd::check_defined("unique", x, 0);
     const std::vector<Tensor*> parts = ornik::unique(x.tensor());
     return {make_ktensor(parts[0]), make_ktensor(parts[1]), make_ktensor(parts[2])};
+}
+
+KTensor bincount(const KTensor& x, const KTensor& weights, std::int64_t min_length) {
+    autograd::check_defined("bincount", x, 0);
+    if (x.dtype() >= dtype::float32 || x.dtype() == dtype::boolean) {
+        fail(ErrorKind::dtype, where("ornik::bincount"), "bincount(): ", autograd::describe(x),
+             " does not hold integers.");
+    }
+    if (weights.defined() && weights.shape() != x.shape()) {
+        fail(where("ornik::bincount"), "bincount(): weights ", autograd::describe(weights),
+             " do not have the shape of ", autograd::describe(x), ".");
+    }
+    std::int64_t length = std::max<std::int64_t>(min_length, 0);
+    if (x.size() != 0) {
+        const auto least = ornik::min(x).item<std::int64_t>();
+        if (least < 0) {
+            fail(where("ornik::bincount"), "bincount(): ", autograd::describe(x), " holds ", least, ".");
+        }
+        length = std::max(length, ornik::max(x).item<std::int64_t>() + 1);
+    }
+    const KTensor counted = weights.defined() ? reshape(weights, {-1}) : KTensor::ones({x.size()}, dtype::int64);
+    return scatter_add(KTensor::zeros({length}, counted.dtype()), 0, reshape(x, {x.size()}), counted);
+}
+
+KTensor histogram(const KTensor& x, std::int64_t bins, double low, double high) {
+    autograd::check_defined("histogram", x, 0);
+    if (bins < 1 || !(low < high)) {
+        fail(where("ornik::histogram"), "histogram(): there are no ", bins, " intervals from ", std::to_string(low),
+             " to ", std::to_string(high), ".");
+    }
+    const NoGrad values_alone;
+    const KTensor values = astype(reshape(x, {x.size()}), dtype::float64);
+    const KTensor edges = KTensor::linspace(low, high, bins + 1, dtype::float64);
+    // Behind their edge, or at the upper end; all others into a bin that is dropped, as NaN, which is behind all.
+    const KTensor found = searchsorted(edges, values, true) - Scalar(std::int64_t{1});
+    const KTensor inside = logical_and(greater_equal(values, Scalar(low)), less_equal(values, Scalar(high)));
+    const KTensor places = where(inside, minimum(found, Scalar(bins - 1)), Scalar(bins));
+    return split(bincount(places, KTensor(), bins + 1), Dims{bins, 1})[0];
 }
 
 KTensor searchsorted(const KTensor& sorted, const KTensor& values, bool right) {

@@ -299,15 +299,40 @@ KTensor clamp_max(const KTensor& x, const Scalar& max) {
         {bound, bound}, below);
 }
 
-KTensor& clamp_(KTensor& x, const Scalar& min, const Scalar& max) {
-    const bool recorded = grad_enabled() && x.wants_grad();
-    autograd::check_in_place("clamp_", x, recorded);
+namespace {
+
+template <typename Operation, typename Forward>
+KTensor& clamped(const char* name, KTensor& x, Operation&& operation, Forward&& forward) {
+    const bool recorded = grad_enabled() && x.defined() && x.wants_grad();
+    autograd::check_in_place(name, x, recorded);
     if (recorded) {
-        autograd::take_over(x, clamp(autograd::old_value(x), min, max));
+        autograd::take_over(x, operation(autograd::old_value(x)));
     } else {
-        x.tensor()->clamp_inplace(autograd::weak_scalar(min, x.dtype()), autograd::weak_scalar(max, x.dtype()));
+        forward(x.tensor());
     }
     return x;
+}
+
+}  // namespace
+
+KTensor& clamp_(KTensor& x, const Scalar& min, const Scalar& max) {
+    return clamped(
+        "clamp_", x, [&](const KTensor& t) { return clamp(t, min, max); },
+        [&](Tensor* t) {
+            t->clamp_inplace(autograd::weak_scalar(min, t->Dtype()), autograd::weak_scalar(max, t->Dtype()));
+        });
+}
+
+KTensor& clamp_min_(KTensor& x, const Scalar& min) {
+    return clamped(
+        "clamp_min_", x, [&](const KTensor& t) { return clamp_min(t, min); },
+        [&](Tensor* t) { t->clamp_min_inplace(autograd::weak_scalar(min, t->Dtype())); });
+}
+
+KTensor& clamp_max_(KTensor& x, const Scalar& max) {
+    return clamped(
+        "clamp_max_", x, [&](const KTensor& t) { return clamp_max(t, max); },
+        [&](Tensor* t) { t->clamp_max_inplace(autograd::weak_scalar(max, t->Dtype())); });
 }
 
 KTensor is_close(const KTensor& a, const KTensor& b, double rtol, double atol, bool equal_nan) {

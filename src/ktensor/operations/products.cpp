@@ -131,9 +131,11 @@ EigenPairs eigh(const KTensor& x) {
     KTensor values = make_ktensor(results[1]);
     if (record.active()) {
         KTensor* outputs[] = {&values, &vectors};
-        record.finish(std::span<KTensor* const>(outputs), {record.operand(0)}, [](Backward& pass) {
-            pass.give(0, eigh_grad(pass.grad(1).tensor(), pass.grad(0).tensor(), pass.saved_raw(0)));
-        });
+        record.finish(std::span<KTensor* const>(outputs), {Recorder::output(values, 0), Recorder::output(vectors, 1)},
+                      [](Backward& pass) {
+                          pass.give(0, eigh_grad_from(pass.grad(1).tensor(), pass.grad(0).tensor(), pass.saved_raw(1),
+                                                      pass.saved_raw(0)));
+                      });
     }
     return {std::move(values), std::move(vectors)};
 }

@@ -32,7 +32,8 @@ struct Reduced {
 };
 
 using Reduction = Tensor* (*)(Tensor*, const std::vector<int>&, bool);
-using ReductionGradient = Tensor* (*)(Tensor*, Tensor*, const std::vector<int>&, bool);
+/// From the gradient of the result, x and the result.
+using ReductionGradient = Tensor* (*)(Tensor*, Tensor*, const Tensor*, const std::vector<int>&, bool);
 /// Recorded: the slope of a result for each element of x.
 using ReductionSlope = KTensor (*)(const KTensor& x, const KTensor& y, const Reduced& how);
 
@@ -51,7 +52,8 @@ KTensor reduce(Op op, Reduction reduction, ReductionGradient gradient, Reduction
         record.finish(y, {record.operand(0), Recorder::output(y)},
                       [how = Reduced{axes, keep_dims}, gradient, slope](Backward& pass) {
                           if (!pass.recorded()) {
-                              pass.give(0, gradient(pass.grad().tensor(), pass.saved_raw(0), how.axes, how.keep_dims));
+                              pass.give(0, gradient(pass.grad().tensor(), pass.saved_raw(0), pass.saved_raw(1),
+                                                    how.axes, how.keep_dims));
                               return;
                           }
                           const KTensor kept = pass.saved(0);
@@ -77,10 +79,18 @@ KTensor logsumexp_slope(const KTensor& x, const KTensor& y, const Reduced& how) 
 }
 
 // Steps have constant slopes: the gradient of 1.
+Tensor* prod_gradient(Tensor* grad, Tensor* x, const Tensor* /*y*/, const std::vector<int>& axes, bool keep_dims) {
+    return prod_grad(grad, x, axes, keep_dims);
+}
+
+Tensor* median_gradient(Tensor* grad, Tensor* x, const Tensor* /*y*/, const std::vector<int>& axes, bool keep_dims) {
+    return median_grad(grad, x, axes, keep_dims);
+}
+
 template <ReductionGradient gradient>
 KTensor choice_slope(const KTensor& x, const KTensor& y, const Reduced& how) {
     const KTensor one = KTensor::ones(y.shape(), y.dtype());
-    return make_ktensor(gradient(one.tensor(), x.tensor(), how.axes, how.keep_dims));
+    return make_ktensor(gradient(one.tensor(), x.tensor(), y.tensor(), how.axes, how.keep_dims));
 }
 
 // The product of all others. Without zeros that is y / x; otherwise every element takes its turn as 1 in a product of
@@ -144,7 +154,7 @@ KTensor mean(const KTensor& x, const std::vector<int>& axes, bool keep_dims) {
 }
 
 KTensor prod(const KTensor& x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce(Op::prod, ornik::prod, prod_grad, prod_slope, x, axes, keep_dims);
+    return reduce(Op::prod, ornik::prod, prod_gradient, prod_slope, x, axes, keep_dims);
 }
 
 KTensor l2_norm(const KTensor& x, const std::vector<int>& axes, bool keep_dims) {
@@ -154,7 +164,8 @@ KTensor l2_norm(const KTensor& x, const std::vector<int>& axes, bool keep_dims) 
         // grad is real, and x / y is to be taken as it is, not conjugated.
         record.finish(y, {record.operand(0), Recorder::output(y)}, [how = Reduced{axes, keep_dims}](Backward& pass) {
             if (!pass.recorded()) {
-                pass.give(0, l2_norm_grad(pass.grad().tensor(), pass.saved_raw(0), how.axes, how.keep_dims));
+                pass.give(0, l2_norm_grad_from(pass.grad().tensor(), pass.saved_raw(0), pass.saved_raw(1), how.axes,
+                                               how.keep_dims));
                 return;
             }
             const KTensor kept = pass.saved(0);
@@ -196,35 +207,35 @@ KTensor std_dev(const KTensor& x, const std::vector<int>& axes, bool keep_dims, 
     autograd::wrap_axes("std_dev", x, axes);
     KTensor y = make_ktensor(ornik::std_dev(x.tensor(), axes, keep_dims, correction));
     if (record.active()) {
-        record.finish(
-            y, {record.operand(0), Recorder::output(y)}, [how = Reduced{axes, keep_dims}, correction](Backward& pass) {
-                if (!pass.recorded()) {
-                    pass.give(
-                        0, std_dev_grad(pass.grad().tensor(), pass.saved_raw(0), how.axes, how.keep_dims, correction));
-                    return;
-                }
-                const KTensor kept = pass.saved(0);
-                const KTensor scale = pass.grad() * inverse_or_zero(pass.saved(1)) * 0.5;
-                pass.give(0, mul(how.expand(scale, kept.shape()), variance_slope(kept, how, correction)));
-            });
+        record.finish(y, {record.operand(0), Recorder::output(y)},
+                      [how = Reduced{axes, keep_dims}, correction](Backward& pass) {
+                          if (!pass.recorded()) {
+                              pass.give(0, std_dev_grad_from(pass.grad().tensor(), pass.saved_raw(0), pass.saved_raw(1),
+                                                             how.axes, how.keep_dims, correction));
+                              return;
+                          }
+                          const KTensor kept = pass.saved(0);
+                          const KTensor scale = pass.grad() * inverse_or_zero(pass.saved(1)) * 0.5;
+                          pass.give(0, mul(how.expand(scale, kept.shape()), variance_slope(kept, how, correction)));
+                      });
     }
     return y;
 }
 
 KTensor logsumexp(const KTensor& x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce(Op::logsumexp, ornik::logsumexp, logsumexp_grad, logsumexp_slope, x, axes, keep_dims);
+    return reduce(Op::logsumexp, ornik::logsumexp, logsumexp_grad_from, logsumexp_slope, x, axes, keep_dims);
 }
 
 KTensor max(const KTensor& x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce(Op::max, ornik::max, max_grad, choice_slope<max_grad>, x, axes, keep_dims);
+    return reduce(Op::max, ornik::max, extreme_grad_from, choice_slope<extreme_grad_from>, x, axes, keep_dims);
 }
 
 KTensor min(const KTensor& x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce(Op::min, ornik::min, min_grad, choice_slope<min_grad>, x, axes, keep_dims);
+    return reduce(Op::min, ornik::min, extreme_grad_from, choice_slope<extreme_grad_from>, x, axes, keep_dims);
 }
 
 KTensor median(const KTensor& x, const std::vector<int>& axes, bool keep_dims) {
-    return reduce(Op::median, ornik::median, median_grad, choice_slope<median_grad>, x, axes, keep_dims);
+    return reduce(Op::median, ornik::median, median_gradient, choice_slope<median_gradient>, x, axes, keep_dims);
 }
 
 KTensor argmax(const KTensor& x, const std::vector<int>& axes, bool keep_dims) {
@@ -241,6 +252,11 @@ KTensor any(const KTensor& x, const std::vector<int>& axes, bool keep_dims) {
 
 KTensor all(const KTensor& x, const std::vector<int>& axes, bool keep_dims) {
     return plain("all", ornik::all, x, axes, keep_dims);
+}
+
+KTensor count_nonzero(const KTensor& x, const std::vector<int>& axes, bool keep_dims) {
+    autograd::check_defined("count_nonzero", x, 0);
+    return sum(not_equal(x, Scalar(false)), axes, keep_dims);
 }
 
 KTensor trace(const KTensor& x, std::int64_t offset, int axis1, int axis2) {

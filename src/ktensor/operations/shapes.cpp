@@ -19,6 +19,7 @@ using autograd::describe;
 using autograd::make_ktensor;
 using autograd::Op;
 using autograd::Recorder;
+using autograd::share;
 
 namespace {
 
@@ -26,12 +27,6 @@ namespace {
 constexpr auto hand_on = [](Backward& pass) { pass.give(0, pass.take_grad()); };
 
 constexpr auto reshape_back = [](Backward& pass) { pass.give(0, reshape(pass.grad(), pass.operand_shape(0))); };
-
-// x's elements under another geometry.
-KTensor share(const KTensor& x, const Dims& shape, const Dims& strides) {
-    Tensor* t = x.tensor();
-    return make_ktensor(share_storage_tensor(t->getStorage(), shape, strides, t->Dtype(), t->StorageOffset()));
-}
 
 // `shape` with the extent for -1.
 Dims complete_shape(const char* name, const KTensor& x, const Dims& shape) {
@@ -107,6 +102,23 @@ KTensor& copy_(KTensor& x, const KTensor& source) {
     }
     return x;
 }
+
+KTensor& fill_(KTensor& x, const Scalar& value) {
+    const bool recorded = grad_enabled() && x.defined() && x.wants_grad();
+    autograd::check_in_place("fill_", x, recorded);
+    if (is_dtype_class(value.Dtype(), DtypeClass::complex)) {
+        autograd::check_holds("fill_", x, x.shape(), value.Dtype());
+    }
+    const KTensor number = autograd::scalar_tensor(value, x.dtype());
+    if (recorded) {
+        autograd::take_over(x, broadcast_to(number, x.shape()));
+    } else if (x.size() != 0) {
+        x.tensor()->copy_from_(number.tensor());
+    }
+    return x;
+}
+
+KTensor& zero_(KTensor& x) { return fill_(x, Scalar(false)); }
 
 KTensor broadcast_to(const KTensor& x, const Dims& shape) {
     const Recorder record(Op::broadcast_to, {&x});
@@ -306,6 +318,24 @@ KTensor unsqueeze(const KTensor& x, int axis) {
     KTensor y = share(x, shape, strides);
     if (record.active()) {
         record.finish(y, {}, reshape_back);
+    }
+    return y;
+}
+
+KTensor view_as_real(const KTensor& x) {
+    const Recorder record(Op::view_as_real, {&x});
+    KTensor y = make_ktensor(ornik::view_as_real(x.tensor()));
+    if (record.active()) {
+        record.finish(y, {}, [](Backward& pass) { pass.give(0, view_as_complex(contiguous(pass.grad()))); });
+    }
+    return y;
+}
+
+KTensor view_as_complex(const KTensor& x) {
+    const Recorder record(Op::view_as_complex, {&x});
+    KTensor y = make_ktensor(ornik::view_as_complex(x.tensor()));
+    if (record.active()) {
+        record.finish(y, {}, [](Backward& pass) { pass.give(0, view_as_real(pass.grad())); });
     }
     return y;
 }

@@ -16,20 +16,8 @@ ItemAxis range_of(const Where& at, const SliceItem& item, std::int64_t source, s
     if (item.step == 0) {
         fail(at, "A slice can not have a step of 0.");
     }
-    const bool rises = item.step > 0;
-    // The positions before the first one and behind the last one, in the direction of the step.
-    const std::int64_t lowest = rises ? 0 : -1;
-    const std::int64_t highest = rises ? extent : extent - 1;
-    const auto clipped = [&](bool given, std::int64_t position, std::int64_t otherwise) {
-        const std::int64_t wrapped = position < 0 ? position + extent : position;
-        return given ? std::clamp(wrapped, lowest, highest) : otherwise;
-    };
-    const std::int64_t begin = clipped(item.has_begin, item.begin, rises ? lowest : highest);
-    const std::int64_t end = clipped(item.has_end, item.end, rises ? highest : lowest);
-    const std::int64_t step = std::max(item.step, -std::numeric_limits<std::int64_t>::max());
-    const std::int64_t distance = rises ? end - begin : begin - end;
-    const std::int64_t count = distance > 0 ? (distance - 1) / (rises ? step : -step) + 1 : 0;
-    return {source, count > 0 ? begin : 0, count > 1 ? step : 1, count};
+    const SliceRange range = slice_range(item, extent);
+    return {source, range.begin, range.step, range.count};
 }
 
 ItemAxis position_of(const Where& at, const SliceItem& item, std::int64_t source, std::int64_t extent) {
@@ -55,6 +43,26 @@ std::size_t width_of(const SliceItem& item) {
 }
 
 }  // namespace
+
+SliceRange slice_range(const SliceItem& item, std::int64_t extent) {
+    if (item.step == 0) {
+        fail(where("ornik::slice_range"), "A slice can not have a step of 0.");
+    }
+    const bool rises = item.step > 0;
+    // The positions before the first one and behind the last one, in the direction of the step.
+    const std::int64_t lowest = rises ? 0 : -1;
+    const std::int64_t highest = rises ? extent : extent - 1;
+    const auto clipped = [&](bool given, std::int64_t position, std::int64_t otherwise) {
+        const std::int64_t wrapped = position < 0 ? position + extent : position;
+        return given ? std::clamp(wrapped, lowest, highest) : otherwise;
+    };
+    const std::int64_t begin = clipped(item.has_begin, item.begin, rises ? lowest : highest);
+    const std::int64_t end = clipped(item.has_end, item.end, rises ? highest : lowest);
+    const std::int64_t step = std::max(item.step, -std::numeric_limits<std::int64_t>::max());
+    const std::int64_t distance = rises ? end - begin : begin - end;
+    const std::int64_t count = distance > 0 ? (distance - 1) / (rises ? step : -step) + 1 : 0;
+    return {count > 0 ? begin : 0, count > 1 ? step : 1, count};
+}
 
 std::vector<ItemAxis> resolve_items(const Where& at, const Dims& shape, const SliceItems& items, bool tensors) {
     if (std::any_of(shape.begin(), shape.end(), [](std::int64_t extent) { return extent < 0; })) {

@@ -40,6 +40,19 @@ void relu_backward(Backward& pass) {
     }
 }
 
+// `operation` keeps x itself, so that its target must not be what it is given, or its result alone.
+template <typename Operation, typename Forward>
+KTensor& in_place(const char* name, KTensor& x, bool keeps_result, Operation&& operation, Forward&& forward) {
+    const bool recorded = grad_enabled() && x.defined() && x.wants_grad();
+    autograd::check_in_place(name, x, recorded);
+    if (recorded) {
+        autograd::take_over(x, operation(keeps_result ? x : autograd::old_value(x)));
+    } else {
+        forward(x.tensor());
+    }
+    return x;
+}
+
 }  // namespace
 
 KTensor relu(const KTensor& x) {
@@ -49,17 +62,6 @@ KTensor relu(const KTensor& x) {
         record.finish(y, {Recorder::output(y)}, relu_backward);
     }
     return y;
-}
-
-KTensor& relu_(KTensor& x) {
-    const bool recorded = grad_enabled() && x.wants_grad();
-    autograd::check_in_place("relu_", x, recorded);
-    if (recorded) {
-        autograd::take_over(x, relu(x));
-    } else {
-        nn::relu_inplace(x.tensor());
-    }
-    return x;
 }
 
 KTensor leaky_relu(const KTensor& x, float slope) {
@@ -98,6 +100,36 @@ KTensor hardsigmoid(const KTensor& x) {
 KTensor hardswish(const KTensor& x) { return activation(Op::hardswish, false, x, nn::hardswish, nn::hardswish_grad); }
 
 KTensor mish(const KTensor& x) { return activation(Op::mish, false, x, nn::mish, nn::mish_grad); }
+
+// ---- In place ----
+
+KTensor& relu_(KTensor& x) { return in_place("relu_", x, true, relu, nn::relu_inplace); }
+
+KTensor& leaky_relu_(KTensor& x, float slope) {
+    return in_place(
+        "leaky_relu_", x, slope > 0, [=](const KTensor& t) { return leaky_relu(t, slope); },
+        [=](Tensor* t) { nn::leaky_relu_inplace(t, slope); });
+}
+
+KTensor& elu_(KTensor& x, float alpha) {
+    return in_place(
+        "elu_", x, alpha > 0, [=](const KTensor& t) { return elu(t, alpha); },
+        [=](Tensor* t) { nn::elu_inplace(t, alpha); });
+}
+
+KTensor& selu_(KTensor& x) { return in_place("selu_", x, true, selu, nn::selu_inplace); }
+
+KTensor& hardtanh_(KTensor& x, double low, double high) {
+    return in_place(
+        "hardtanh_", x, true, [=](const KTensor& t) { return hardtanh(t, low, high); },
+        [=](Tensor* t) { nn::hardtanh_inplace(t, low, high); });
+}
+
+KTensor& hardsigmoid_(KTensor& x) { return in_place("hardsigmoid_", x, false, hardsigmoid, nn::hardsigmoid_inplace); }
+
+KTensor& hardswish_(KTensor& x) { return in_place("hardswish_", x, false, hardswish, nn::hardswish_inplace); }
+
+KTensor& mish_(KTensor& x) { return in_place("mish_", x, false, mish, nn::mish_inplace); }
 
 namespace {
 

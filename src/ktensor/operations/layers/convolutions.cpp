@@ -1,7 +1,13 @@
 // convolutions.cpp: convolutions and pooling, and their gradients.
 #include "ktensor/convolutions.h"
 
+#include <numeric>
+
+#include "ktensor/joins.h"
 #include "ktensor/record.h"
+#include "ktensor/reductions.h"
+#include "ktensor/shapes.h"
+#include "utils/error.h"
 
 namespace ornik {
 
@@ -73,5 +79,60 @@ KTensor adaptive_average_pool(const KTensor& x, const std::array<std::int64_t, 2
     }
     return y;
 }
+
+namespace {
+
+// The largest element of each of `parts` windows of an axis.
+KTensor window_maxima(const KTensor& x, int axis, std::int64_t parts) {
+    const std::int64_t extent = x.size(axis);
+    if (extent % parts == 0) {
+        Dims apart = x.shape();
+        apart[static_cast<std::size_t>(axis)] = parts;
+        apart.insert(apart.begin() + axis + 1, extent / parts);
+        return max(reshape(x, apart), {axis + 1});
+    }
+    std::vector<KTensor> maxima;
+    for (std::int64_t i = 0; i < parts; ++i) {
+        const std::int64_t begin = i * extent / parts;
+        const std::int64_t end = ((i + 1) * extent + parts - 1) / parts;
+        maxima.push_back(max(split(x, Dims{begin, end - begin, extent - end}, axis)[1], {axis}));
+    }
+    return stack(maxima, axis);
+}
+
+void check_channels(const char* name, const KTensor& x, bool fits) {
+    if (!fits) {
+        fail(where("ornik::KTensor"), name, "(): ", autograd::describe(x), " does not hold channels of elements.");
+    }
+}
+
+std::vector<int> axes_of_channels(const char* name, const KTensor& x) {
+    autograd::check_defined(name, x, 0);
+    check_channels(name, x, x.ndim() > 2);
+    std::vector<int> axes(x.shape().size() - 2);
+    std::iota(axes.begin(), axes.end(), 2);
+    return axes;
+}
+
+}  // namespace
+
+KTensor adaptive_max_pool(const KTensor& x, const std::array<std::int64_t, 2>& output) {
+    autograd::check_defined("adaptive_max_pool", x, 0);
+    check_channels("adaptive_max_pool", x, x.ndim() == 3 || x.ndim() == 4);
+    KTensor y = x;
+    for (int axis = 2; axis < x.ndim(); ++axis) {
+        const std::int64_t parts = output[static_cast<std::size_t>(axis) - 2];
+        if (parts < 1 || x.size(axis) < 1) {
+            fail(where("ornik::adaptive_max_pool"), "adaptive_max_pool(): axis ", axis, " of ", autograd::describe(x),
+                 " does not have ", parts, " windows.");
+        }
+        y = window_maxima(y, axis, parts);
+    }
+    return y;
+}
+
+KTensor global_average_pool(const KTensor& x) { return mean(x, axes_of_channels("global_average_pool", x)); }
+
+KTensor global_max_pool(const KTensor& x) { return max(x, axes_of_channels("global_max_pool", x)); }
 
 }  // namespace ornik

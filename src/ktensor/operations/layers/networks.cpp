@@ -1,6 +1,7 @@
 // networks.cpp: linear maps, embeddings, attention and recurrent layers, and their gradients.
 #include "ktensor/networks.h"
 
+#include "ktensor/autograd.h"
 #include "ktensor/elements.h"
 #include "ktensor/operands.h"
 #include "ktensor/products.h"
@@ -11,6 +12,8 @@
 #include "layers/functional/linear.h"
 #include "layers/functional/recurrent.h"
 #include "tensor/nn/attention.h"
+#include "tensor/nn/packing.h"
+#include "utils/error.h"
 
 namespace ornik {
 
@@ -194,6 +197,49 @@ RecurrentResult lstm(const KTensor& x, const KTensor& hidden, const KTensor& cel
 RecurrentResult gru(const KTensor& x, const KTensor& hidden, const RecurrentParameters& parameters, bool reverse,
                     const Dims& batch_sizes) {
     return recurrent(Op::gru, x, hidden, {}, parameters, reverse, batch_sizes);
+}
+
+// ---- Classes and sequences ----
+
+KTensor one_hot(const KTensor& indices, std::int64_t classes, std::int64_t dtype) {
+    autograd::check_defined("one_hot", indices, 0);
+    if (indices.dtype() >= dtype::float32 || indices.dtype() == dtype::boolean) {
+        fail(ErrorKind::dtype, where("ornik::one_hot"), "one_hot(): ", autograd::describe(indices),
+             " does not hold integers.");
+    }
+    if (indices.size() != 0) {
+        const KTensor ends[] = {min(indices), max(indices)};
+        for (const KTensor& end : ends) {
+            const auto index = end.item<std::int64_t>();
+            if (index < 0 || index >= classes) {
+                fail(ErrorKind::index, where("ornik::one_hot"), "one_hot(): ", index, " is none of ", classes,
+                     " classes.");
+            }
+        }
+    }
+    return astype(equal(unsqueeze(indices, -1), KTensor::arange(classes)), dtype);
+}
+
+KTensor pack_sequences(const KTensor& padded, const Packing& packing) {
+    const Recorder record(Op::pack_sequences, {&padded});
+    KTensor y = make_ktensor(ornik::pack_sequences(padded.tensor(), packing));
+    if (record.active()) {
+        record.finish(y, {}, [packing = std::make_shared<const Packing>(packing)](Backward& pass) {
+            pass.give(0, unpack_sequences(pass.grad(), *packing, pass.operand_shape(0)[1]));
+        });
+    }
+    return y;
+}
+
+KTensor unpack_sequences(const KTensor& packed, const Packing& packing, std::int64_t steps, double padding) {
+    const Recorder record(Op::unpack_sequences, {&packed});
+    KTensor y = make_ktensor(ornik::unpack_sequences(packed.tensor(), packing, steps, padding));
+    if (record.active()) {
+        record.finish(y, {}, [packing = std::make_shared<const Packing>(packing)](Backward& pass) {
+            pass.give(0, pack_sequences(pass.grad(), *packing));
+        });
+    }
+    return y;
 }
 
 }  // namespace ornik

@@ -1,8 +1,12 @@
 // normalizations.cpp: normalizations and their gradients.
 #include "ktensor/normalizations.h"
 
+#include "ktensor/arithmetic.h"
 #include "ktensor/autograd.h"
+#include "ktensor/elements.h"
+#include "ktensor/joins.h"
 #include "ktensor/record.h"
+#include "ktensor/reductions.h"
 #include "layers/functional/normalization.h"
 #include "utils/error.h"
 
@@ -118,6 +122,19 @@ KTensor group_norm(const KTensor& x, std::int64_t groups, const KTensor& weight,
                              });
     }
     return y;
+}
+
+// ---- By norms ----
+
+KTensor normalize(const KTensor& x, const std::vector<int>& axes, double eps) {
+    return x / clamp_min(l2_norm(x, axes, true), Scalar(eps));
+}
+
+KTensor cosine_similarity(const KTensor& a, const KTensor& b, int axis, double eps) {
+    autograd::check_defined("cosine_similarity", a, 0);
+    autograd::check_defined("cosine_similarity", b, 1);
+    const std::vector<KTensor> both = broadcast_together({a, b});
+    return sum(normalize(both[0], {axis}, eps) * normalize(both[1], {axis}, eps), {axis});
 }
 
 }  // namespace ornik

@@ -1,0 +1,31 @@
+// module.cpp: the extension module ornik._ornik.
+//
+// It converts arguments, raises Python's exceptions, and releases Python's lock around long work; everything numeric
+// is the library's. What users call is written in Python above it: functions with signatures and texts.
+#include "module.h"
+
+#include "errors.h"
+#include "object.h"
+#include "version.h"
+
+NB_MODULE(_ornik, m) {
+    using namespace ornik::python;
+    m.doc() = "The library behind the package. Programs use the package.";
+    nanobind::set_leak_warnings(false);
+    m.attr("__version__") = ornik::version();
+    translate_errors();
+    if (add_tensor_type(m.ptr()) != 0) {
+        throw nanobind::python_error();
+    }
+    add_dtypes(m);
+    add_creation(m);
+    add_elements(m);
+    add_functions(m);
+    add_joining(m);
+
+    add_properties(m);
+    add_interchange(m);
+    add_autograd(m);
+    add_random(m);
+    add_files(m);
+}

@@ -1,0 +1,162 @@
+#include "object.h"
+
+#include <structmember.h>
+
+#include <cstddef>
+#include <new>
+#include <vector>
+
+#include "errors.h"
+#include "gil.h"
+
+namespace ornik::python {
+
+PyTypeObject* base_type = nullptr;
+PyTypeObject* instance_type = nullptr;
+
+namespace {
+
+// Objects of instance_type that wait for their next use, unknown to the collector. Guarded by Python's lock.
+constexpr std::size_t most_spare = 256;
+PyObject* spare[most_spare];
+std::size_t spare_count = 0;
+
+Object* as_object(PyObject* self) { return reinterpret_cast<Object*>(self); }
+
+void begin(PyObject* self, KTensor&& tensor) {
+    Object* object = as_object(self);
+    new (&object->tensor) KTensor(std::move(tensor));
+    object->shape = nullptr;
+    object->weak_references = nullptr;
+}
+
+// KTensorBase.__new__(cls, tensor): another object, of a class derived from it, that holds the same tensor.
+PyObject* make(PyTypeObject* type, PyObject* arguments, PyObject* keywords) {
+    return guarded([&]() -> PyObject* {
+        if (keywords != nullptr || PyTuple_GET_SIZE(arguments) != 1 || !is_tensor(PyTuple_GET_ITEM(arguments, 0))) {
+            raise_error(PyExc_TypeError, "KTensorBase() takes one KTensor");
+        }
+        PyObject* self = checked(type->tp_alloc(type, 0));
+        begin(self, KTensor(tensor_in(PyTuple_GET_ITEM(arguments, 0))));
+        return self;
+    });
+}
+
+void destroy(PyObject* self) {
+    Object* object = as_object(self);
+    PyTypeObject* type = Py_TYPE(self);
+    if (object->weak_references != nullptr) {
+        PyObject_ClearWeakRefs(self);
+    }
+    Py_CLEAR(object->shape);
+    object->tensor.~KTensor();
+    if (type == instance_type && spare_count < most_spare) {
+        spare[spare_count++] = self;
+    } else {
+        type->tp_free(self);
+    }
+    Py_DECREF(type);
+}
+
+PyObject* register_class(PyObject*, PyObject* type) {
+    return guarded([&]() -> PyObject* {
+        auto* derived = reinterpret_cast<PyTypeObject*>(type);
+        if (PyType_Check(type) == 0 || PyType_IsSubtype(derived, base_type) == 0 ||
+            derived->tp_basicsize != base_type->tp_basicsize) {
+            raise_error(PyExc_TypeError, "the tensor class derives from KTensorBase and adds no fields");
+        }
+        while (spare_count > 0) {
+            instance_type->tp_free(spare[--spare_count]);
+        }
+        Py_XSETREF(instance_type, reinterpret_cast<PyTypeObject*>(Py_NewRef(type)));
+        return Py_NewRef(Py_None);
+    });
+}
+
+PyMethodDef module_functions[] = {
+    {"register_class", register_class, METH_O, "register_class(cls: type, /) -> None"},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+PyMemberDef members[] = {
+    {"__weaklistoffset__", T_PYSSIZET, offsetof(Object, weak_references), READONLY, nullptr},
+    {nullptr, 0, 0, 0, nullptr},
+};
+
+template <typename Function>
+void* pointer(Function* function) {
+    return reinterpret_cast<void*>(function);
+}
+
+}  // namespace
+
+PyObject* wrap(KTensor tensor) noexcept {
+    if (!tensor.defined()) {
+        return Py_NewRef(Py_None);
+    }
+    make_left_calls();
+    if (spare_count > 0) {
+        PyObject* self = PyObject_Init(spare[--spare_count], instance_type);
+        begin(self, std::move(tensor));
+        if (PyType_IS_GC(instance_type)) {
+            PyObject_GC_Track(self);
+        }
+        return self;
+    }
+    PyObject* self = instance_type->tp_alloc(instance_type, 0);
+    if (self != nullptr) {
+        begin(self, std::move(tensor));
+    }
+    return self;
+}
+
+PyObject* tuple_of(const Dims& numbers) noexcept {
+    PyObject* tuple = PyTuple_New(static_cast<Py_ssize_t>(numbers.size()));
+    for (std::size_t i = 0; tuple != nullptr && i < numbers.size(); ++i) {
+        PyObject* number = PyLong_FromLongLong(numbers[i]);
+        if (number == nullptr) {
+            Py_DECREF(tuple);
+            return nullptr;
+        }
+        PyTuple_SET_ITEM(tuple, static_cast<Py_ssize_t>(i), number);
+    }
+    return tuple;
+}
+
+PyObject* shape_tuple(PyObject* self) noexcept {
+    Object* object = as_object(self);
+    if (object->shape == nullptr) {
+        object->shape = guarded([&] { return tuple_of(object->tensor.shape()); });
+    }
+    return Py_XNewRef(object->shape);
+}
+
+int add_tensor_type(PyObject* module) {
+    std::vector<PyType_Slot> slots{
+        {Py_tp_new, pointer(make)},
+        {Py_tp_dealloc, pointer(destroy)},
+        {Py_tp_getset, property_table()},
+        {Py_tp_members, members},
+        {Py_tp_doc, const_cast<char*>("What ornik.KTensor derives from: the object that holds a tensor.")},
+    };
+    for (PyType_Slot* more : {operator_slots(), subscript_slots(), buffer_slots()}) {
+        for (; more->slot != 0; ++more) {
+            slots.push_back(*more);
+        }
+    }
+    slots.push_back({0, nullptr});
+    PyType_Spec spec{"ornik._ornik.KTensorBase", static_cast<int>(sizeof(Object)), 0,
+                     Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE, slots.data()};
+    PyObject* type = PyType_FromSpec(&spec);
+    if (type == nullptr) {
+        return -1;
+    }
+    base_type = reinterpret_cast<PyTypeObject*>(type);
+    instance_type = reinterpret_cast<PyTypeObject*>(Py_NewRef(type));
+    if (PyModule_AddFunctions(module, module_functions) != 0) {
+        return -1;
+    }
+    return PyModule_AddObjectRef(module, "KTensorBase", type);
+}
+
+}  // namespace ornik::python

@@ -1,0 +1,51 @@
+// object.h: the Python object that holds a KTensor.
+//
+// KTensorBase is a type of its own, made by hand: operators and subscripts are slots, objects come from a list of
+// spare ones, and each keeps its shape as a tuple. ornik.KTensor derives from it in Python, adds the methods, and is
+// what every function of the extension returns.
+#pragma once
+
+#include <Python.h>
+
+#include <cstdint>
+#include <utility>
+
+#include "ktensor/ktensor.h"
+
+namespace ornik::python {
+
+struct Object {
+    PyObject_HEAD KTensor tensor;
+    PyObject* shape;  // a tuple, made when it is first asked for
+    PyObject* weak_references;
+};
+
+/// Types of the process: made when the extension is imported, never dropped.
+extern PyTypeObject* base_type;
+/// What new objects are; base_type until the package has registered its class.
+extern PyTypeObject* instance_type;
+
+/// Makes base_type, and adds it and the function that registers the class to the module. -1 with an exception set.
+int add_tensor_type(PyObject* module);
+
+inline bool is_tensor(PyObject* object) {
+    return Py_TYPE(object) == instance_type || PyObject_TypeCheck(object, base_type);
+}
+/// Of an object that is_tensor.
+inline KTensor& tensor_in(PyObject* object) { return reinterpret_cast<Object*>(object)->tensor; }
+
+/// A new object, None for an undefined tensor. Null with an exception set when memory is short.
+PyObject* wrap(KTensor tensor) noexcept;
+
+/// The shape as a tuple of the object's own: a new reference.
+PyObject* shape_tuple(PyObject* self) noexcept;
+/// A tuple of whole numbers.
+PyObject* tuple_of(const Dims& numbers) noexcept;
+
+// The parts of the type, by file: properties.cpp, operators.cpp, subscripts.cpp, buffer.cpp.
+PyGetSetDef* property_table();
+PyType_Slot* operator_slots();
+PyType_Slot* subscript_slots();
+PyType_Slot* buffer_slots();
+
+}  // namespace ornik::python
