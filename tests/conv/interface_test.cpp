@@ -164,11 +164,6 @@ TEST(Conv1D, ShapesAreTheArgumentsOwn) {
 }
 
 TEST(ConvolutionLayers, NodesBiasAndTrainable) {
-    struct Row {
-        LayerPtr with_bias, without_bias;
-        Dims input, weight, output;
-        const char *function, *file, *weight_function, *node, *bias, *input_frozen, *bias_frozen;
-    };
     const auto one = [](bool bias) {
         Ints k{1}, s{1}, d{1};
         return LayerPtr(_Conv1D(3, k, s, "none", bias, 1, d, ""));
@@ -177,72 +172,53 @@ TEST(ConvolutionLayers, NodesBiasAndTrainable) {
     const auto back = [](bool bias) {
         return LayerPtr(_ConvT2D(3, one_one, one_one, "valid", bias, 1, one_one, {0, 0}, ""));
     };
-    const Row rows[] = {
-        {one(true),
-         one(false),
-         {2, 2, 4},
-         {3, 2, 1},
-         {2, 3, 4},
-         "ornik::LConv1D::float_backward",
-         "src/layers/conv/layer_conv1D.cpp",
-         "ornik::Conv2D_w_grad",
-         "ONLY backward weight input bias grad",
-         "Invoke grad of bias function with use_bias==False in Conv1D.",
-         nullptr,
-         nullptr},
-        {two(true),
-         two(false),
-         {2, 2, 4, 1},
-         {3, 2, 1, 1},
-         {2, 3, 4, 1},
-         "ornik::LConv2D::float_backward",
-         "src/layers/conv/layer_conv2D.cpp",
-         "ornik::Conv2D_w_grad",
-         "ONLY backward weight, input or bias's grad",
-         "Invokes grad function of bias with use_bias == False in Conv2D.",
-         "Invokes grad function of input with Conv2D is not _trainable.",
-         "Invokes grad function of bias with Conv2D is not _trainable."},
-        {back(true),
-         back(false),
-         {2, 2, 4, 1},
-         {3, 2, 1, 1},
-         {2, 3, 4, 1},
-         "ornik::LConvT2D::ConvT2D_float_backward",
-         "src/layers/conv/layer_convT2D.cpp",
-         "ornik::ConvT2D_w_grad",
-         "ONLY backward weight,input or bias's grad",
-         "Invokes grad function of bias with use_bias == False in ConvT2D.",
-         "Invokes grad function of input with ConvT2D is not _trainable.",
-         "Invokes grad function of bias with ConvT2D is not _trainable."},
-    };
-    for (const Row& r : rows) {
-        const TensorPtr x = ones(r.input), w = ones(r.weight), g = ones(r.output), b = ones({3});
-        const auto backward = [&](const LayerPtr& layer, int node) {
-            return TensorPtr(layer->backward_dyn(w.get(), nullptr, x.get(), g.get(), node));
+    // `inner` is the function that reports, in `file`; frozen layers of two axes refuse what those of one ignore.
+    const auto check = [&](const auto& make, const Dims& tail, const std::string& inner, const std::string& file,
+                           const std::string& weight_function, const std::string& node, const std::string& invoke) {
+        const auto shaped = [&](std::int64_t first, std::int64_t second, bool is_weight) {
+            Dims shape{first, second};
+            for (const std::int64_t extent : tail) {
+                shape.push_back(is_weight ? 1 : extent);
+            }
+            return ones(shape);
         };
-        const auto refused = [&](const LayerPtr& layer, int node, const char* message) {
-            expect_error([&] { backward(layer, node); }, message, r.function, r.file);
+        const TensorPtr x = shaped(2, 2, false), w = shaped(3, 2, true), g = shaped(2, 3, false);
+        const LayerPtr with_bias = make(true), without_bias = make(false);
+        const auto backward = [&](const LayerPtr& layer, int wanted) {
+            return TensorPtr(layer->backward_dyn(w.get(), nullptr, x.get(), g.get(), wanted));
         };
-        EXPECT_EQ(error_text([&] { backward(r.with_bias, 1); }),
-                  located("Convolution needs a forward call before its gradients.", r.weight_function,
+        const auto refused = [&](const LayerPtr& layer, int wanted, const std::string& message) {
+            expect_error([&] { backward(layer, wanted); }, message, inner, file);
+        };
+        const std::string name = invoke.substr(invoke.rfind(' ') + 1);
+        EXPECT_EQ(error_text([&] { backward(with_bias, 1); }),
+                  located("Convolution needs a forward call before its gradients.", weight_function,
                           "src/tensor/nn/tensor_conv.cpp"));
-        EXPECT_EQ(TensorPtr(r.with_bias->forward_dyn(w.get(), nullptr, x.get()))->Shape(), r.output);
-        EXPECT_EQ(backward(r.with_bias, 2)->Shape(), (Dims{3}));
-        EXPECT_EQ(r.with_bias->get_gx(), nullptr);
-        EXPECT_EQ(r.with_bias->backward_dyn(x.get(), g.get()), nullptr);
-        refused(r.with_bias, 3, r.node);
-        refused(r.without_bias, 2, r.bias);
-        r.with_bias->_trainable = r.without_bias->_trainable = false;
-        refused(r.without_bias, 2, r.bias);
-        EXPECT_EQ(backward(r.with_bias, 1), nullptr);
-        if (r.input_frozen == nullptr) {
-            EXPECT_EQ(backward(r.with_bias, 0)->Shape(), r.input);
-            EXPECT_EQ(backward(r.with_bias, 2), nullptr);
+        EXPECT_EQ(TensorPtr(with_bias->forward_dyn(w.get(), nullptr, x.get()))->Shape(), g->Shape());
+        EXPECT_EQ(backward(with_bias, 2)->Shape(), (Dims{3}));
+        EXPECT_EQ(with_bias->get_gx(), nullptr);
+        EXPECT_EQ(with_bias->backward_dyn(x.get(), g.get()), nullptr);
+        refused(with_bias, 3, node);
+        refused(without_bias, 2, invoke + ".");
+        with_bias->_trainable = without_bias->_trainable = false;
+        refused(without_bias, 2, invoke + ".");
+        EXPECT_EQ(backward(with_bias, 1), nullptr);
+        if (tail.size() == 1) {
+            EXPECT_EQ(backward(with_bias, 0)->Shape(), x->Shape());
+            EXPECT_EQ(backward(with_bias, 2), nullptr);
         } else {
-            refused(r.with_bias, 0, r.input_frozen);
-            refused(r.with_bias, 2, r.bias_frozen);
+            refused(with_bias, 0, "Invokes grad function of input with " + name + " is not _trainable.");
+            refused(with_bias, 2, "Invokes grad function of bias with " + name + " is not _trainable.");
         }
-    }
+    };
+    check(one, {4}, "ornik::LConv1D::float_backward", "src/layers/conv/layer_conv1D.cpp", "ornik::Conv2D_w_grad",
+          "ONLY backward weight input bias grad", "Invoke grad of bias function with use_bias==False in Conv1D");
+    check(two, {4, 1}, "ornik::LConv2D::float_backward", "src/layers/conv/layer_conv2D.cpp", "ornik::Conv2D_w_grad",
+          "ONLY backward weight, input or bias's grad",
+          "Invokes grad function of bias with use_bias == False in Conv2D");
+    check(back, {4, 1}, "ornik::LConvT2D::ConvT2D_float_backward", "src/layers/conv/layer_convT2D.cpp",
+          "ornik::ConvT2D_w_grad", "ONLY backward weight,input or bias's grad",
+          "Invokes grad function of bias with use_bias == False in ConvT2D");
     const TensorPtr x = ones({2, 2, 4, 1}), w = ones({3, 2, 1, 1}), b = ones({3});
     expect_error([&] { back(false)->forward_dyn(w.get(), b.get(), x.get()); },
                  "invoke add bias in convt2d with use_bias== False.", "ornik::ConvT2D_forward",

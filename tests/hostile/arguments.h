@@ -144,7 +144,12 @@ struct World {
         for (double value = 0; wanted.size() < good.size() && list >> value; list.ignore(1)) {
             numbers.push_back(value);
         }
+        results.reserve(100);
     }
+
+    ~World() { delete slot; }
+    World(const World&) = delete;
+    World& operator=(const World&) = delete;
 
     Tensor* keep(TensorPtr t) {
         tensors.push_back(std::move(t));
@@ -168,7 +173,9 @@ struct World {
         return t;
     }
     static std::string bytes(const Tensor* t) {
-        return t != nullptr && t->getRawData() != nullptr && t->Size() > 0 && t->Size() < 10000 ? bytes_of(t) : "";
+        return t != nullptr && t->getRawData() != nullptr && t->Size() > 0 && t->Size() < 10000
+                   ? shape_text(t->Shape()) + shape_text(t->Strides()) + bytes_of(t)
+                   : "";
     }
     /// The good number for the next argument that is no operand: a value, or a place in a list of candidates.
     double number(double usual) { return numbers_taken < numbers.size() ? numbers[numbers_taken++] : usual; }
@@ -178,11 +185,11 @@ struct World {
         const std::size_t pick = picks.next(values.size());
         return values[pick == 0 ? good : pick];
     }
-    /// Reads a result and deletes it, unless it is an operand.
+    /// Keeps a result, unless it is an operand; asks for no memory.
     void take(Tensor* result) {
         const bool own = std::any_of(tensors.begin(), tensors.end(), [&](const auto& t) { return t.get() == result; });
         if (result != nullptr && !own) {
-            bytes(keep(TensorPtr(result)));
+            results.emplace_back(result);
         }
     }
 
@@ -200,7 +207,10 @@ struct World {
     Picks picks;
     int read_only_operand;
     std::vector<TensorPtr> tensors;
+    std::vector<TensorPtr> results;
     std::vector<Operand> operands;
+    Tensor* slot = nullptr;  // what a function may leave behind
+    MultiHeadState state;
 };
 
 // ---- One argument of a type ----
@@ -243,10 +253,8 @@ T make_argument(World& /*world*/, As<T> /*type*/) {
 inline Tensor* make_argument(World& world, As<Tensor*> /*type*/) { return world.operand(); }
 inline const Tensor* make_argument(World& world, As<const Tensor*> /*type*/) { return world.operand(); }
 inline Tensor** make_argument(World& world, As<Tensor**> /*type*/) {
-    static Tensor* slot = nullptr;
-    world.take(slot);
-    slot = nullptr;
-    return world.picks.next(2) == 0 ? &slot : nullptr;
+    world.take(std::exchange(world.slot, nullptr));
+    return world.picks.next(2) == 0 ? &world.slot : nullptr;
 }
 template <std::integral T>
 T make_argument(World& world, As<T> /*type*/) {
@@ -426,8 +434,7 @@ inline MultiHeadParameters make_argument(World& world, As<MultiHeadParameters> /
     return {map(), map(), map(), map()};
 }
 inline MultiHeadState* make_argument(World& world, As<MultiHeadState*> /*type*/) {
-    static MultiHeadState state;
-    return world.picks.next(2) == 0 ? &state : nullptr;
+    return world.picks.next(2) == 0 ? &world.state : nullptr;
 }
 inline MultiHeadState make_argument(World& world, As<MultiHeadState> /*type*/) {
     if (world.picks.next(2) == 0) {

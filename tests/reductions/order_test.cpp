@@ -222,20 +222,6 @@ TEST(Order, SortIsStableForEveryDtypeLayoutAndLength) {
     });
 }
 
-TEST(Order, SortGradientReturnsToItsPlaces) {
-    const TensorPtr x = make<double>({2, 5}, random_doubles(10, 21), Layout::transposed);
-    const TensorPtr g = make<double>({2, 3}, random_doubles(6, 22));
-    const Sorted top(topk(x.get(), 3, 1));
-    expect_central_differences([&](Tensor* t) { return Sorted(topk(t, 3, 1)).values.release(); }, x, g,
-                               TensorPtr(sort_grad(g.get(), top.places.get(), {2, 5}, 1)), "topk");
-    const std::vector<std::int64_t> places = values_of<std::int64_t>(top.places);
-    const auto outside = std::find_if(places.begin(), places.end(), [](std::int64_t place) { return place > 1; });
-    const Dims narrow{2, 2};
-    expect_error([&] { sort_grad(g.get(), top.places.get(), narrow, 1); },
-                 "Index " + std::to_string(*outside) + " is out of range for an axis of 2 elements", "ornik::sort_grad",
-                 "src/tensor/tensor_math/sorting.cpp");
-}
-
 TEST(Order, Unique) {
     const float nan = std::numeric_limits<float>::quiet_NaN();
     const TensorPtr x = make<float>({2, 4}, {3, nan, -1, 3, 0, -0.0F, nan, 3}, Layout::transposed);
