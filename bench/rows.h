@@ -66,6 +66,15 @@ inline constexpr std::int64_t features = 768;
 /// The training step of the demo's network: images [N, 1, 28, 28].
 inline constexpr std::int64_t training_batch = 128;
 
+/// The transformer block: [batch, length, width].
+inline constexpr std::int64_t block_batch = 16;
+inline constexpr std::int64_t block_length = 64;
+inline constexpr std::int64_t block_width = 256;
+inline constexpr int block_heads = 4;
+
+/// Operations in a chain of one element, which is recorded and walked back.
+inline constexpr int chain_length = 100;
+
 /// A row: one call of `operation` per iteration. `bytes` moved or `flops` done per call tell compare.py how
 /// to rate it; 0 where a row is neither.
 inline void row(const std::string& name, std::function<void()> operation, std::int64_t bytes = 0,

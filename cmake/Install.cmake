@@ -67,10 +67,25 @@ set(ORNIK_PUBLIC_HEADERS
     losses/mean_squared_error.h
     losses/nll_loss.h
     losses/soft_cross_entropy.h
+    modules/activation_layers.h
+    modules/attention_layers.h
+    modules/basic_layers.h
+    modules/clipping.h
+    modules/containers.h
+    modules/convolution_layers.h
     modules/initialization.h
     modules/layers.h
+    modules/loss_layers.h
     modules/module.h
+    modules/normalization_layers.h
+    modules/optimizer.h
     modules/optimizers.h
+    modules/packed_sequence.h
+    modules/pooling_layers.h
+    modules/recurrent_layers.h
+    modules/schedules.h
+    modules/shape_layers.h
+    modules/transformer_layers.h
     optimizers/optimizers.h
     optimizers/steps.h
     ornik.h

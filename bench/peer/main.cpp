@@ -29,6 +29,7 @@ void step_rows() {
 
 int main(int argc, char** argv) {
     step_rows();
+    bench::recording_rows();
     bench::training_rows();
     const torch::NoGradGuard no_gradients;
     bench::tensor_rows();

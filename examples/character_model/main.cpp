@@ -12,13 +12,12 @@
 #include <stdexcept>
 #include <string>
 
-#include "training/optimizer.h"
 #include "transformer.h"
 
 namespace {
 
-namespace dtype = ornik::dtype;
-using ornik::Tensor;
+using ornik::KTensor;
+using ornik::Slice;
 
 struct Options {
     std::string text = CHARACTER_MODEL_TEXT;
@@ -32,7 +31,7 @@ struct Options {
 // The text as numbers of the characters that occur in it.
 struct Text {
     std::string alphabet;
-    std::vector<std::int64_t> characters;
+    KTensor characters;
 };
 
 Text read_text(const std::string& path, std::size_t at_least) {
@@ -45,58 +44,52 @@ Text read_text(const std::string& path, std::size_t at_least) {
         throw std::runtime_error(path + ": has fewer than " + std::to_string(at_least) + " characters");
     }
     Text text{content, {}};
+    std::vector<std::int64_t> characters;
     std::sort(text.alphabet.begin(), text.alphabet.end());
     text.alphabet.erase(std::unique(text.alphabet.begin(), text.alphabet.end()), text.alphabet.end());
     for (const char c : content) {
-        text.characters.push_back(static_cast<std::int64_t>(text.alphabet.find(c)));
+        characters.push_back(static_cast<std::int64_t>(text.alphabet.find(c)));
     }
+    text.characters = KTensor::from(characters);
     return text;
 }
 
-TensorPtr empty_characters(std::int64_t rows, std::int64_t cols) {
-    return TensorPtr(Tensor::empty({rows, cols}, ornik::device_cpu, dtype::int64));
-}
-
-std::int64_t* items(const TensorPtr& t) { return static_cast<std::int64_t*>(t->getRawData()); }
-
-// One step on windows of the text that start at random places; returns the loss.
-float train_step(Transformer& model, ornik::Loss& loss, const Text& text, std::int64_t context, const Options& options,
-                 int step) {
-    const auto last = static_cast<std::int64_t>(text.characters.size()) - context;
-    const TensorPtr starts(Tensor::randint({options.batch}, 0, last, ornik::device_cpu, dtype::int64));
-    const TensorPtr input = empty_characters(options.batch, context);
-    const TensorPtr target = empty_characters(options.batch, context);
-    for (std::int64_t row = 0; row < options.batch; ++row) {
-        const std::int64_t* window = text.characters.data() + items(starts)[row];
-        std::copy_n(window, context, items(input) + row * context);
-        std::copy_n(window + 1, context, items(target) + row * context);
+void train(ornik::Module& model, const Text& text, std::int64_t context, const Options& options) {
+    ornik::AdamW optimizer(model.parameters(), {.beta2 = 0.99, .weight_decay = 0.01});
+    ornik::OneCycleSchedule schedule(optimizer, options.learning_rate, options.steps + 1, {.rising = 0.1});
+    const KTensor window = KTensor::arange(context);
+    double sum = 0;
+    int count = 0;
+    for (int step = 1; step <= options.steps; ++step) {
+        const KTensor starts = KTensor::randint(0, text.characters.size() - context, {options.batch, 1});
+        optimizer.zero_grad();
+        const KTensor scores = model(take(text.characters, starts + window));
+        const KTensor loss = cross_entropy(scores, take(text.characters, starts + window + 1));
+        loss.backward();
+        optimizer.step();
+        schedule.step();
+        sum += loss.item<double>();
+        ++count;
+        if (step % 25 == 0 || step == options.steps || step == 1) {
+            std::printf("step %4d   loss %.4f\n", step, sum / count);
+            std::fflush(stdout);
+            sum = 0;
+            count = 0;
+        }
     }
-    const TensorPtr scores = model.forward(input, true);
-    const TensorPtr value(loss.loss_forward(scores.get(), target.get()));
-    model.backward(TensorPtr(loss.loss_backward(scores.get(), target.get())));
-    const float warm = std::min(1.0F, static_cast<float>(step) / 20.0F);
-    const float decay = 1.0F - 0.9F * static_cast<float>(step) / static_cast<float>(options.steps);
-    adamw_update(model.parameters(), options.learning_rate * warm * decay, 0.01F, step);
-    return *static_cast<const float*>(value->getRawData());
 }
 
 // Draws one character after the other from the model's own probabilities.
-std::string write(Transformer& model, const Text& text, std::int64_t context, int length) {
-    std::vector<std::int64_t> written{text.characters.front()};
-    const std::unique_ptr<ornik::Layer> softmax(ornik::_Softmax(-1, ""));
-    while (written.size() < static_cast<std::size_t>(length)) {
-        const auto seen = std::min(static_cast<std::int64_t>(written.size()), context);
-        const TensorPtr input = empty_characters(1, seen);
-        std::copy(written.end() - seen, written.end(), items(input));
-        const TensorPtr scores = model.forward(input, false);
-        const TensorPtr next(scores->select_ndim({"0", "-1"}));
-        const TensorPtr probabilities(softmax->forward_dyn(next.get()));
-        const TensorPtr drawn(Tensor::multinomial(probabilities.get(), 1));
-        written.push_back(items(drawn)[0]);
-    }
-    std::string result;
-    for (const std::int64_t c : written) {
-        result += text.alphabet[static_cast<std::size_t>(c)];
+std::string write(ornik::Module& model, const Text& text, std::int64_t context, int length) {
+    const ornik::NoGrad values_alone;
+    std::string result(1, text.alphabet[static_cast<std::size_t>(text.characters[0].item<std::int64_t>())]);
+    KTensor seen = reshape(text.characters[0], {1, 1});
+    while (result.size() < static_cast<std::size_t>(length)) {
+        const KTensor scores = model(seen).index({0, -1});
+        const KTensor drawn = multinomial(softmax(scores), 1);
+        result += text.alphabet[static_cast<std::size_t>(drawn.item<std::int64_t>())];
+        seen = ornik::concat({seen, reshape(drawn, {1, 1})}, 1);
+        seen = slice(seen, 1, Slice(-context));
     }
     return result;
 }
@@ -107,26 +100,11 @@ void run(const Options& options) {
     size.vocabulary = static_cast<std::int64_t>(text.alphabet.size());
     ornik::set_random_seed(options.seed);
     Transformer model(size);
-    std::int64_t weights = 0;
-    for (const Parameter* p : model.parameters()) {
-        weights += p->value->Size();
-    }
-    std::printf("%zu characters, %zu different; %lld weights; %d steps of %d windows of %lld characters\n",
-                text.characters.size(), text.alphabet.size(), static_cast<long long>(weights), options.steps,
-                options.batch, static_cast<long long>(size.context));
-    const std::unique_ptr<ornik::Loss> loss(ornik::getLoss("softmax_cross_entropy"));
-    double sum = 0;
-    int count = 0;
-    for (int step = 1; step <= options.steps; ++step) {
-        sum += train_step(model, *loss, text, size.context, options, step);
-        ++count;
-        if (step % 25 == 0 || step == options.steps || step == 1) {
-            std::printf("step %4d   loss %.4f\n", step, sum / count);
-            std::fflush(stdout);
-            sum = 0;
-            count = 0;
-        }
-    }
+    std::printf("%lld characters, %zu different; %lld weights; %d steps of %d windows of %lld characters\n",
+                static_cast<long long>(text.characters.size()), text.alphabet.size(),
+                static_cast<long long>(model.parameter_count()), options.steps, options.batch,
+                static_cast<long long>(size.context));
+    train(model, text, size.context, options);
     std::printf("\n%s\n", write(model, text, size.context, options.length).c_str());
 }
 

@@ -1,31 +1,38 @@
-// transformer.h: a small character-level transformer: embedding, blocks of causal self-attention and a dense pair, a
-// dense map to scores.
+// transformer.h: a small transformer over characters: each position attends to those before it and scores what comes
+// next.
 #pragma once
 
-#include "training/module.h"
+#include <ornik.h>
 
 struct TransformerSize {
     std::int64_t vocabulary = 0;
     std::int64_t context = 64;  // characters seen at once
     std::int64_t width = 64;
-    int heads = 4;
-    int blocks = 2;
+    std::int64_t heads = 4;
+    std::int64_t layers = 2;
 };
 
-class Transformer {
-  public:
-    explicit Transformer(const TransformerSize& size);
+/// From characters [N, n], n <= context, to scores [N, n, vocabulary] of the character behind each.
+struct Transformer : ornik::Module {
+    explicit Transformer(const TransformerSize& s)
+        : characters(add("characters", ornik::Embedding(s.vocabulary, s.width))),
+          positions(add("positions", ornik::Embedding(s.context, s.width))),
+          encoder(add("encoder", ornik::TransformerEncoder(s.layers, s.width, s.heads,
+                                                           {.feed_forward = 4 * s.width,
+                                                            .dropout = 0,
+                                                            .activation = ornik::gelu,
+                                                            .norm_first = true,
+                                                            .batch_first = true,
+                                                            .final_norm = true}))),
+          scores(add("scores", ornik::Linear(s.width, s.vocabulary))) {}
 
-    /// Scores of the next character, [batch, n, vocabulary], from int64 characters [batch, n], n <= context.
-    TensorPtr forward(const TensorPtr& characters, bool training);
-    /// Writes the gradients of all parameters.
-    void backward(const TensorPtr& score_gradient);
-    std::vector<Parameter*> parameters();
+    ornik::KTensor forward(const ornik::KTensor& text) override {
+        const ornik::KTensor places = positions(ornik::KTensor::arange(text.size(1)));
+        return scores(encoder->forward(characters(text) + places, {.causal = true}));
+    }
 
-  private:
-    std::unique_ptr<ornik::Layer> embedding_;
-    Parameter characters_;
-    Parameter positions_;  // [context, width]
-    std::unique_ptr<Sequential> blocks_;
-    TensorPtr input_;
+    ornik::Part<ornik::Embedding> characters;
+    ornik::Part<ornik::Embedding> positions;
+    ornik::Part<ornik::TransformerEncoder> encoder;
+    ornik::Part<ornik::Linear> scores;
 };

@@ -1,26 +1,24 @@
 // Trains a small network on the Fashion-MNIST images and reports its accuracy on the test images.
 //
 // The same seed gives the same digits on every run, whatever the number of threads or processors.
+#include <ornik.h>
+
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <exception>
-#include <memory>
-#include <numbers>
-#include <string>
-#include <vector>
+#include <numeric>
+#include <stdexcept>
 
 #include "idx_file.h"
 #include "network.h"
 #include "options.h"
 #include "progress.h"
-#include "training/optimizer.h"
 
 namespace {
 
 namespace dtype = ornik::dtype;
-using ornik::Tensor;
+using ornik::KTensor;
+using ornik::Slice;
 
 constexpr const char* class_names[] = {"T-shirt/top", "Trouser", "Pullover", "Dress", "Coat",
                                        "Sandal",      "Shirt",   "Sneaker",  "Bag",   "Ankle boot"};
@@ -31,95 +29,61 @@ constexpr float pixel_mean = 0.2860F;
 constexpr float pixel_deviation = 0.3530F;
 
 // Images as float32 [count, 1, rows, cols], centred and scaled.
-TensorPtr to_tensor(const ImageSet& set) {
+KTensor image_tensor(const ImageSet& set) {
     const ornik::Dims& shape = set.images.shape;
-    const TensorPtr bytes(new Tensor({shape[0], 1, shape[1], shape[2]}, set.images.items.data(),
-                                     ornik::pack_dtype_and_device(dtype::uint8, ornik::device_cpu), nullptr));
-    TensorPtr images(bytes->astype(dtype::float32));
-    images->mult_scalar_inplace(1.0F / (255.0F * pixel_deviation));
-    images->sub_scalar_inplace(pixel_mean / pixel_deviation);
-    return images;
+    const KTensor bytes = KTensor::from(set.images.items, {shape[0], 1, shape[1], shape[2]});
+    return astype(bytes, dtype::float32) * (1 / (255 * pixel_deviation)) - pixel_mean / pixel_deviation;
 }
 
-// Rows order[begin .. begin + count) of the images, and their labels as int64.
-struct Batch {
-    TensorPtr images;
-    TensorPtr labels;
-};
+KTensor label_tensor(const ImageSet& set) { return astype(KTensor::from(set.labels.items), dtype::int64); }
 
-Batch gather(Tensor* images, const std::vector<std::uint8_t>& labels, const std::int64_t* order, std::int64_t count) {
-    const std::int64_t pixels = images->Size() / images->Shape()[0];
-    ornik::Dims shape = images->Shape();
-    shape[0] = count;
-    Batch batch{TensorPtr(Tensor::empty(shape, ornik::device_cpu, dtype::float32)),
-                TensorPtr(Tensor::empty({count}, ornik::device_cpu, dtype::int64))};
-    const auto* source = static_cast<const float*>(images->getRawData());
-    auto* rows = static_cast<float*>(batch.images->getRawData());
-    auto* targets = static_cast<std::int64_t*>(batch.labels->getRawData());
-    for (std::int64_t i = 0; i < count; ++i) {
-        std::copy_n(source + order[i] * pixels, pixels, rows + i * pixels);
-        targets[i] = labels[static_cast<std::size_t>(order[i])];
-    }
-    return batch;
-}
-
-// The loss of the batch.
-float train_step(Module& network, ornik::Loss& loss, const Batch& batch, float learning_rate, float momentum) {
-    const TensorPtr scores = network.forward(batch.images, true);
-    const TensorPtr value(loss.loss_forward(scores.get(), batch.labels.get()));
-    network.backward(TensorPtr(loss.loss_backward(scores.get(), batch.labels.get())));
-    sgd_update(network.parameters(), learning_rate, momentum);
-    return *static_cast<const float*>(value->getRawData());
-}
-
-void train(Module& network, const ImageSet& set, const Options& options) {
-    const TensorPtr images = to_tensor(set);
-    const std::unique_ptr<ornik::Loss> loss(ornik::getLoss("softmax_cross_entropy"));
-    const std::int64_t count = set.count();
-    const std::int64_t steps_per_epoch = (count + options.batch - 1) / options.batch;
-    Progress progress(options.epochs, count);
-    std::int64_t step = 0;
+void train(ornik::Module& network, const ImageSet& set, const Options& options) {
+    const KTensor images = image_tensor(set);
+    const KTensor labels = label_tensor(set);
+    const std::int64_t steps_per_epoch = (set.count() + options.batch - 1) / options.batch;
+    ornik::SGD optimizer(network.parameters(),
+                         {.lr = options.learning_rate, .momentum = options.momentum, .nesterov = options.momentum > 0});
+    ornik::CosineSchedule schedule(optimizer, steps_per_epoch * options.epochs);
+    Progress progress(options.epochs, set.count());
     for (int epoch = 1; epoch <= options.epochs; ++epoch) {
         progress.start_epoch(epoch);
-        const TensorPtr order(Tensor::permutation(count, ornik::device_cpu, dtype::int64));
-        const auto* next = static_cast<const std::int64_t*>(order->getRawData());
-        double loss_sum = 0;
-        for (std::int64_t begin = 0; begin < count; begin += options.batch, ++step) {
-            const std::int64_t size = std::min<std::int64_t>(options.batch, count - begin);
-            const Batch batch = gather(images.get(), set.labels.items, next + begin, size);
-            const double done = static_cast<double>(step) / static_cast<double>(steps_per_epoch * options.epochs);
-            const auto decay = static_cast<float>(0.5 * (1.0 + std::cos(std::numbers::pi * done)));
-            loss_sum += static_cast<double>(size) *
-                        train_step(network, *loss, batch, options.learning_rate * decay, options.momentum);
-            progress.update(begin + size, loss_sum / static_cast<double>(begin + size));
+        const KTensor order = KTensor::randperm(set.count());
+        for (std::int64_t begin = 0; begin < set.count(); begin += options.batch) {
+            const KTensor batch = slice(order, 0, Slice(begin, begin + options.batch));
+            optimizer.zero_grad();
+            const KTensor loss = cross_entropy(network(index_select(images, 0, batch)), index_select(labels, 0, batch));
+            loss.backward();
+            optimizer.step();
+            schedule.step();
+            progress.update(batch.size(), loss.item<double>());
         }
-        progress.finish_epoch(loss_sum / static_cast<double>(count));
+        progress.finish_epoch();
     }
 }
 
-void report(Module& network, const ImageSet& set) {
-    const TensorPtr images = to_tensor(set);
-    int right[classes] = {};
-    int all[classes] = {};
+void report(ornik::Module& network, const ImageSet& set) {
+    const ornik::NoGrad values_alone;
+    network.eval();
+    const KTensor images = image_tensor(set);
+    const KTensor labels = label_tensor(set);
+    double right[classes] = {};
+    double all[classes] = {};
     constexpr std::int64_t batch = 1000;
     for (std::int64_t begin = 0; begin < set.count(); begin += batch) {
-        const std::int64_t end = std::min(begin + batch, set.count());
-        const TensorPtr part(images->select_ndim_without_copy({std::to_string(begin) + ":" + std::to_string(end)}));
-        const TensorPtr scores = network.forward(part, false);
-        const auto* row = static_cast<const float*>(scores->getRawData());
-        for (std::int64_t i = begin; i < end; ++i, row += classes) {
-            const auto label = static_cast<std::size_t>(set.labels.items[static_cast<std::size_t>(i)]);
-            ++all[label];
-            right[label] += std::max_element(row, row + classes) - row == static_cast<std::ptrdiff_t>(label) ? 1 : 0;
+        const KTensor answers = argmax(network(slice(images, 0, Slice(begin, begin + batch))), {1});
+        const KTensor truth = slice(labels, 0, Slice(begin, begin + batch));
+        for (int c = 0; c < classes; ++c) {
+            const KTensor is_class = equal(truth, c);
+            all[c] += sum(is_class).item<double>();
+            right[c] += sum(logical_and(is_class, equal(answers, c))).item<double>();
         }
     }
-    int right_sum = 0;
     std::printf("\nAccuracy on %lld test images\n", static_cast<long long>(set.count()));
     for (int c = 0; c < classes; ++c) {
-        std::printf("  %-12s %6.2f %%\n", class_names[c], 100.0 * right[c] / std::max(all[c], 1));
-        right_sum += right[c];
+        std::printf("  %-12s %6.2f %%\n", class_names[c], 100 * right[c] / std::max(all[c], 1.0));
     }
-    std::printf("  %-12s %6.2f %%\n", "overall", 100.0 * right_sum / static_cast<double>(set.count()));
+    const double right_sum = std::accumulate(right, right + classes, 0.0);
+    std::printf("  %-12s %6.2f %%\n", "overall", 100 * right_sum / static_cast<double>(set.count()));
 }
 
 void run(const Options& options) {
@@ -138,11 +102,14 @@ void run(const Options& options) {
         static_cast<double>(options.learning_rate), static_cast<double>(options.momentum), options.seed);
     ornik::set_random_seed(options.seed);
     const ornik::Dims& shape = training.images.shape;
-    const std::unique_ptr<Module> network = options.network == "perceptron"
-                                                ? make_perceptron(training.pixels(), classes)
-                                                : make_convolutional_network(shape[1], shape[2], classes);
-    train(*network, training, options);
-    report(*network, test);
+    const bool convolutional = options.network != "perceptron";
+    if (convolutional && (shape[1] < 4 || shape[2] < 4)) {
+        throw std::runtime_error("the convolutional network needs images of at least 4 x 4 pixels");
+    }
+    ornik::Sequential network =
+        convolutional ? convolutional_network(shape[1], shape[2], classes) : perceptron(training.pixels(), classes);
+    train(network, training, options);
+    report(network, test);
 }
 
 }  // namespace

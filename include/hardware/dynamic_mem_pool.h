@@ -87,6 +87,10 @@ class DynamicMemPool {
         std::size_t idle_bufs = 0;
     };
     Totals totals(PoolKind kind) const;
+    /// Bytes in use in both pools, and the most there have been at once since the latest reset.
+    std::uint64_t used() const;
+    std::uint64_t peak() const;
+    void reset_peak();
 
     /// Held over a fork, so that a child finds the pool whole.
     void lock() const { mutex_.lock(); }
@@ -132,6 +136,7 @@ class DynamicMemPool {
     mutable std::mutex mutex_;
     Pool large_;
     Pool small_;
+    std::uint64_t peak_ = 0;
     DynamicMemBuf* spare_records_ = nullptr;  // joined by `next`
     int spare_count_ = 0;
 };

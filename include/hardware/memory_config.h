@@ -17,6 +17,11 @@ ORNIK_API void ConfigSetUseDynamicCPUMem(bool on);
 ORNIK_API bool ConfigIfUseDynamicCPUMem();
 /// Writes the CPU pool's totals to standard output; nothing before the first allocation.
 ORNIK_API void ConfigDumpCpuMemInfo();
+/// Bytes that the tensors of the process hold now, as the pool hands them out: in multiples of 512.
+ORNIK_API std::uint64_t cpu_memory_used();
+/// The most there have been at once since the start, or since the latest reset.
+ORNIK_API std::uint64_t cpu_memory_peak();
+ORNIK_API void reset_cpu_memory_peak();
 
 ORNIK_API void ConfigSetUseDynamicGPUMem(bool on);
 ORNIK_API bool ConfigIfUseDynamicGPUMem();

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "../tensor/tensor.h"
+#include "../utils/object_cache.h"
 #include "ktensor.h"
 #include "ref.h"
 
@@ -25,7 +26,13 @@ struct Node;
 void add_count(Node* node) noexcept;
 void drop_count(Node* node) noexcept;
 
-struct Data {
+/// Objects that come and go with every operation.
+struct Cached {
+    static void* operator new(std::size_t bytes) { return detail::take_object_memory(bytes); }
+    static void operator delete(void* memory, std::size_t bytes) noexcept { detail::give_object_memory(memory, bytes); }
+};
+
+struct Data : Cached {
     explicit Data(std::unique_ptr<Tensor> t) : tensor(std::move(t)) {}
 
     std::atomic<std::uint32_t> references{1};
@@ -50,7 +57,7 @@ struct GradState {
 };
 inline void destroy(GradState* state) noexcept { delete state; }
 
-struct Impl {
+struct Impl : Cached {
     explicit Impl(Ref<Data> elements) : data(std::move(elements)) {}
 
     std::atomic<std::uint32_t> references{1};

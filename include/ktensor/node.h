@@ -51,8 +51,8 @@ class ShapeNote {
 struct Edge {
     Ref<Node> node;
     Ref<Impl> leaf;
-    std::uint32_t output = 0;
     std::int64_t dtype = 0;
+    std::uint32_t output = 0;
     ShapeNote shape;
 
     explicit operator bool() const { return node || leaf; }
@@ -100,6 +100,7 @@ struct Node {
     std::uint32_t edge_count;
     std::uint32_t saved_count;
     std::uint32_t output_count;
+    std::uint32_t bytes = 0;         // of the whole piece of memory
     std::uint64_t sequence = 0;      // larger than that of every node it leads to
     std::atomic<Run*> run{nullptr};  // the pass that walks it now
     std::size_t position = 0;        // in that pass
@@ -120,9 +121,10 @@ struct NodeOf final : Node {
     static Ref<Node> make(Op operation, std::size_t edges_made, std::size_t saved_made, std::size_t outputs,
                           Function&& f) {
         static_assert(alignof(NodeOf) <= alignof(std::max_align_t) && sizeof(NodeOf) % alignof(Edge) == 0);
-        char* memory =
-            static_cast<char*>(::operator new(sizeof(NodeOf) + edges_made * sizeof(Edge) + saved_made * sizeof(Saved)));
+        const std::size_t bytes = sizeof(NodeOf) + edges_made * sizeof(Edge) + saved_made * sizeof(Saved);
+        char* memory = static_cast<char*>(detail::take_object_memory(bytes));
         auto* node = new (memory) NodeOf(operation, edges_made, saved_made, outputs, std::move(f));
+        node->bytes = static_cast<std::uint32_t>(bytes);
         node->edges_ = reinterpret_cast<Edge*>(memory + sizeof(NodeOf));
         node->saved_ = reinterpret_cast<Saved*>(memory + sizeof(NodeOf) + edges_made * sizeof(Edge));
         std::uninitialized_value_construct_n(node->edges_, edges_made);

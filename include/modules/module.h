@@ -12,7 +12,9 @@
 // checkpoints fit.
 #pragma once
 
+#include <concepts>
 #include <functional>
+#include <iosfwd>
 #include <memory>
 #include <string>
 #include <utility>
@@ -62,7 +64,8 @@ class ORNIK_API Module {
     /// Parameters and buffers, shared ones under every name: what a checkpoint holds.
     [[nodiscard]] NamedTensors state() const;
     /// Copies values into parameters and buffers, converted to their dtypes. Names that are missing, surplus (unless
-    /// not `strict`) or of another shape are all listed in one error, and nothing is changed.
+    /// not `strict`) or of another shape are all listed in one error, and nothing is changed. One name is enough for a
+    /// tensor of several; buffers that are mere counts may be missing and become 0.
     void load_state(const NamedTensors& values, bool strict = true);
 
     /// Whether layers such as dropout and batch normalization act as in training; true at first.
@@ -76,29 +79,44 @@ class ORNIK_API Module {
     /// Calls it for every module below, then for this one.
     void apply(const std::function<void(Module&)>& function);
 
+    /// The modules one floor below, in the order of their registration.
+    using Parts = std::vector<std::pair<std::string, std::shared_ptr<Module>>>;
+    [[nodiscard]] const Parts& parts() const { return parts_; }
+    /// This module and those below, one a line, each with its arguments: "Linear(in=784, out=128, bias=true)".
+    [[nodiscard]] std::string to_string() const;
+
   protected:
     Module() = default;
     /// Registers a leaf that asks for gradients; undefined stays out of every list. Returns it.
     KTensor add_parameter(const std::string& name, KTensor value);
-    KTensor add_buffer(const std::string& name, KTensor value);
+    /// A count may be missing from states that are loaded.
+    KTensor add_buffer(const std::string& name, KTensor value, bool is_count = false);
     /// Registers a module under a name without points.
-    template <typename M>
-    Part<M> add(const std::string& name, M&& module) {
-        auto shared = std::make_shared<std::remove_cvref_t<M>>(std::move(module));
+    template <std::derived_from<Module> M>
+    Part<M> add(const std::string& name, M module) {
+        auto shared = std::make_shared<M>(std::move(module));
         add_part(name, shared);
-        return Part<std::remove_cvref_t<M>>(std::move(shared));
+        return Part<M>(std::move(shared));
     }
     void add_part(const std::string& name, std::shared_ptr<Module> part);
+    /// What to_string() shows: the class, and what stands between the parentheses.
+    [[nodiscard]] virtual std::string type_name() const;
+    void set_arguments(std::string arguments) { arguments_ = std::move(arguments); }
 
   private:
-    enum class What { parameters, buffers };
+    enum class What { parameters, buffers, counts };
+    [[nodiscard]] const NamedTensors& list_of(What what) const;
     void collect(const std::string& prefix, What what, bool repeated, NamedTensors& result) const;
     void check_name(const std::string& name) const;
 
     bool training_ = true;
     NamedTensors parameters_;
     NamedTensors buffers_;
-    std::vector<std::pair<std::string, std::shared_ptr<Module>>> parts_;
+    NamedTensors counts_;  // those of the buffers that may be missing
+    Parts parts_;
+    std::string arguments_;
 };
+
+ORNIK_API std::ostream& operator<<(std::ostream& stream, const Module& module);
 
 }  // namespace ornik

@@ -28,6 +28,8 @@ from ._dtypes import int32 as int32
 from ._dtypes import int64 as int64
 from ._dtypes import uint8 as uint8
 from ._elements import *
+from ._joins import *
+from ._picks import *
 from ._products import *
 from ._reductions import *
 from ._shapes import *
@@ -49,7 +51,7 @@ if TYPE_CHECKING:
     from . import io as io
     from . import random as random
 
-__version__: str = _ornik.__version__
+__version__: str = _ornik.version
 
 bool = bool_
 

@@ -9,10 +9,12 @@ from typing import TYPE_CHECKING, Any, Union
 from . import _ornik
 
 if TYPE_CHECKING:
+    from typing_extensions import TypeIs
+
     from ._dtypes import DType
     from ._tensor import KTensor
 
-__all__ = ["Axes", "DTypeLike", "Number", "Operand", "Shape", "check_device", "from_object", "ready"]
+__all__ = ["Axes", "DTypeLike", "Number", "Operand", "Shape", "check_device", "from_object", "is_tensor", "ready"]
 
 Number = Union[bool, int, float, complex]
 Operand = Union["KTensor", Number]
@@ -27,14 +29,19 @@ def check_device(device: object) -> None:
         raise ValueError(f'there is one device, "cpu", but got {device!r}')
 
 
+def is_tensor(obj: object) -> TypeIs[KTensor]:
+    """Is it a tensor, of this class or one derived from it?"""
+    return isinstance(obj, _ornik.KTensorBase)
+
+
 def ready(x: Operand) -> KTensor:
     """A tensor as it is, a number as a tensor without axes."""
-    return x if isinstance(x, _ornik.KTensorBase) else _ornik.from_nested(x, None)
+    return x if is_tensor(x) else _ornik.from_nested(x, None)
 
 
 def from_object(obj: object, dtype: DTypeLike, copy: bool | None) -> KTensor:
     """A tensor of anything that holds numbers: without a copy where its memory can serve, unless one is asked for."""
-    if isinstance(obj, _ornik.KTensorBase):
+    if is_tensor(obj):
         return _as(obj, dtype, copy)
     shared = _from_memory(obj, copy if dtype is None else None)
     if shared is not None:
@@ -65,7 +72,7 @@ def _from_memory(obj: object, copy: bool | None) -> KTensor | None:
         raise TypeError(f"a tensor is made of numbers, but got {_kind(obj)}")
     if type(obj) in (bool, int, float, complex) or isinstance(obj, (list, tuple, range)):
         return None
-    numpy = sys.modules.get("numpy")
+    numpy: Any = sys.modules.get("numpy")
     if numpy is not None and isinstance(obj, numpy.generic):
         return _ornik.from_buffer(numpy.asarray(obj), copy is not False)
     if hasattr(obj, "__dlpack__") and not hasattr(obj, "__array_interface__"):
@@ -75,9 +82,9 @@ def _from_memory(obj: object, copy: bool | None) -> KTensor | None:
     except (TypeError, ValueError, BufferError):
         if not hasattr(obj, "__array__") and not hasattr(obj, "__array_interface__"):
             return None
-        import numpy
+        import numpy as np
 
-        array = numpy.asarray(obj)
+        array = np.asarray(obj)
         if array.dtype.hasobject or array.dtype.kind not in "biufc":
             raise TypeError(f"a tensor is made of numbers, but got {_kind(obj)} of {array.dtype}") from None
         return _ornik.from_buffer(array, copy)

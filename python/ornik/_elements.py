@@ -8,7 +8,7 @@ from __future__ import annotations
 from typing import TYPE_CHECKING
 
 from . import _ornik
-from ._convert import Number, Operand, ready
+from ._convert import Number, Operand, is_tensor, ready
 
 if TYPE_CHECKING:
     from ._tensor import KTensor
@@ -430,13 +430,11 @@ def clip(x: KTensor, /, min: Number | KTensor | None = None, max: Number | KTens
     >>> ornik.clip(ornik.arange(5), 1, 3)
     KTensor([1, 1, 2, 3, 3])
     """
-    if min is None and max is None:
-        return _ornik.clone(x)
-    if isinstance(min, _ornik.KTensorBase) or isinstance(max, _ornik.KTensorBase):
+    if is_tensor(min) or is_tensor(max):
         lifted = x if min is None else _ornik.maximum(x, min)
         return lifted if max is None else _ornik.minimum(lifted, max)
     if min is None:
-        return _ornik.clamp_max(x, max)
+        return _ornik.clone(x) if max is None else _ornik.clamp_max(x, max)
     return _ornik.clamp_min(x, min) if max is None else _ornik.clamp(x, min, max)
 
 

@@ -4,15 +4,14 @@ from __future__ import annotations
 
 import builtins
 import math
-import pickle
 from collections.abc import Callable, Iterator
-from typing import TYPE_CHECKING, Any
+from typing import TYPE_CHECKING, Any, cast
 
 from . import _dtypes, _elements, _ornik, _products, _reductions, _shapes
 from ._convert import Axes, DTypeLike, Number, Operand, check_device, from_object
 
 if TYPE_CHECKING:
-    import numpy
+    from numpy.typing import NDArray
     from typing_extensions import Self
 
 __all__ = ["HookHandle", "KTensor"]
@@ -56,10 +55,10 @@ class KTensor(_ornik.KTensorBase):
 
     def __new__(cls, data: object, dtype: DTypeLike | None = None, *, requires_grad: bool = False) -> Self:
         tensor = _ornik.detach(from_object(data, dtype, True))
-        result = super().__new__(cls, tensor) if cls is not KTensor else tensor
+        result = cast("Self", tensor if cls is KTensor else super().__new__(cls, tensor))
         if requires_grad:
             result.requires_grad = True
-        return result  # type: ignore[return-value]
+        return result
 
     if TYPE_CHECKING:
         # What the extension's type provides.
@@ -117,7 +116,7 @@ class KTensor(_ornik.KTensorBase):
         def __itruediv__(self, other: Operand, /) -> Self: ...
         def __ifloordiv__(self, other: Operand, /) -> Self: ...
         def __imod__(self, other: Operand, /) -> Self: ...
-        def __ipow__(self, other: Operand, /) -> Self: ...  # type: ignore[misc]
+        def __ipow__(self, other: Operand, /) -> Self: ...
         def __imatmul__(self, other: KTensor, /) -> Self: ...
         def __iand__(self, other: Operand, /) -> Self: ...
         def __ior__(self, other: Operand, /) -> Self: ...
@@ -193,11 +192,11 @@ class KTensor(_ornik.KTensorBase):
         """Nested lists of Python's numbers; a number where there are no axes."""
         return _ornik.tolist(self)
 
-    def numpy(self) -> numpy.ndarray[Any, Any]:
+    def numpy(self) -> NDArray[Any]:
         """An array of NumPy on the same memory."""
         return self.__array__()
 
-    def __array__(self, dtype: Any = None, copy: builtins.bool | None = None) -> numpy.ndarray[Any, Any]:
+    def __array__(self, dtype: Any = None, copy: builtins.bool | None = None) -> NDArray[Any]:
         import numpy
 
         if self.requires_grad:
@@ -298,12 +297,14 @@ class KTensor(_ornik.KTensorBase):
     def _like(self, tensor: KTensor) -> KTensor:
         """The tensor as an object of this one's class, a leaf that asks for gradients when this one is one."""
         cls = type(self)
-        result: KTensor = tensor if cls is KTensor else _ornik.KTensorBase.__new__(cls, tensor)  # type: ignore[assignment]
+        result = tensor if cls is KTensor else cast("KTensor", _ornik.KTensorBase.__new__(cls, tensor))
         if self.requires_grad and self.is_leaf:
             result.requires_grad = True
         return result
 
     def __reduce_ex__(self, protocol: Any) -> tuple[Any, ...]:
+        import pickle
+
         plain = _ornik.contiguous(_ornik.detach(self))
         data: Any = memoryview(plain).tobytes() if protocol < 5 else pickle.PickleBuffer(plain)
         return _rebuild, (type(self), data, self.dtype.name, self.shape, self.requires_grad and self.is_leaf)
@@ -349,17 +350,17 @@ class KTensor(_ornik.KTensorBase):
 
     def copy_(self, source: Operand | object) -> Self:
         """Writes the elements of ``source``, broadcast and converted, into this tensor."""
-        _ornik.copy_(self, from_object(source, None, None))
+        _ornik.copy_into(self, from_object(source, None, None))
         return self
 
     def fill_(self, value: Number) -> Self:
         """Writes a number everywhere."""
-        _ornik.fill_(self, value)
+        _ornik.fill_with(self, value)
         return self
 
     def zero_(self) -> Self:
         """Writes zeros everywhere."""
-        _ornik.fill_(self, 0)
+        _ornik.fill_with(self, 0)
         return self
 
     # ---- Shapes ----
@@ -548,7 +549,7 @@ def _rebuild(
     if not (isinstance(cls, type) and issubclass(cls, KTensor)):
         raise ValueError(f"a pickled tensor is no {cls!r}")
     if cls is not KTensor:
-        tensor = _ornik.KTensorBase.__new__(cls, tensor)  # type: ignore[assignment]
+        tensor = cast("KTensor", _ornik.KTensorBase.__new__(cls, tensor))
     if requires_grad:
         tensor.requires_grad = True
     return tensor

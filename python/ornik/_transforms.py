@@ -7,6 +7,7 @@ from collections.abc import Callable
 from typing import Any
 
 from . import _ornik, _tree
+from ._convert import is_tensor
 
 __all__ = ["grad", "value_and_grad"]
 
@@ -41,7 +42,7 @@ def value_and_grad(
         finally:
             _ornik.set_grad_enabled(before)
         value = result[0] if has_aux else result
-        if not isinstance(value, _ornik.KTensorBase) or value.size != 1:
+        if not is_tensor(value) or value.size != 1:
             raise ValueError(f"the function to differentiate gives one number, but it gave {_described(value)}")
         if not leaves:
             raise ValueError("none of the chosen arguments holds floating or complex tensors")
@@ -99,4 +100,4 @@ def _outer(args: Any) -> bool:
 
 
 def _described(value: Any) -> str:
-    return f"{value.size} of them" if isinstance(value, _ornik.KTensorBase) else type(value).__name__
+    return f"{value.size} of them" if is_tensor(value) else type(value).__name__

@@ -5,14 +5,14 @@ from __future__ import annotations
 from collections.abc import Callable
 from typing import Any
 
-from . import _ornik
+from ._convert import is_tensor
 
 __all__ = ["flatten", "map_tensors", "rebuild"]
 
 
 def map_tensors(function: Callable[[Any], Any], tree: Any) -> Any:
     """The same containers, with ``function`` of every tensor in its place; anything else stays as it is."""
-    if isinstance(tree, _ornik.KTensorBase):
+    if is_tensor(tree):
         return function(tree)
     if isinstance(tree, dict):
         return {key: map_tensors(function, value) for key, value in tree.items()}

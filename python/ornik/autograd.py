@@ -8,6 +8,7 @@ from collections.abc import Callable, Generator, Sequence
 from typing import TYPE_CHECKING, Any, TypeVar
 
 from . import _ornik, _tree
+from ._convert import is_tensor
 
 if TYPE_CHECKING:
     from ._tensor import KTensor
@@ -137,7 +138,7 @@ def is_recomputing() -> bool:
 def _list(tensors: KTensor | Sequence[KTensor | None] | None) -> list[Any]:
     if tensors is None:
         return []
-    return [tensors] if isinstance(tensors, _ornik.KTensorBase) else list(tensors)
+    return [tensors] if is_tensor(tensors) else list(tensors)
 
 
 def backward(
@@ -218,7 +219,7 @@ class Function:
     @classmethod
     def apply(cls, *args: Any) -> Any:
         """forward(), recorded."""
-        places = [i for i, arg in enumerate(args) if isinstance(arg, _ornik.KTensorBase)]
+        places = [i for i, arg in enumerate(args) if is_tensor(arg)]
         needs = tuple(i in places and arg.requires_grad for i, arg in enumerate(args))
         ctx = FunctionContext(needs)
         single = False

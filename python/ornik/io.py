@@ -7,6 +7,7 @@ from collections.abc import Mapping
 from typing import TYPE_CHECKING, Literal
 
 from . import _ornik
+from ._convert import is_tensor
 
 if TYPE_CHECKING:
     from ._tensor import KTensor
@@ -54,7 +55,7 @@ def save(
     The file is replaced when all is written. ``metadata`` belongs to safetensors, ``compress`` to npz. With ``sync``
     the function returns when the file has reached the disk.
     """
-    named = {"": tensors} if isinstance(tensors, _ornik.KTensorBase) else dict(tensors)  # type: ignore[call-overload]
+    named = {"": tensors} if is_tensor(tensors) else dict(tensors)
     _ornik.save(_path(path), named, dict(metadata or {}), compress, sync)
 
 

@@ -139,7 +139,7 @@ struct type_caster<ornik::KTensor> {
 
 template <>
 struct type_caster<ornik::python::Tensors> {
-    NB_TYPE_CASTER(ornik::python::Tensors, const_name("list[ornik.KTensor]"))
+    NB_TYPE_CASTER(ornik::python::Tensors, io_name("collections.abc.Sequence[ornik.KTensor]", "list[ornik.KTensor]"))
     bool from_python(handle source, std::uint32_t, cleanup_list*) {
         value.list = ornik::python::to_tensors(source.ptr(), false);
         return true;

@@ -17,6 +17,8 @@ namespace ornik::python {
 
 namespace {
 
+using PythonFunction = nb::typed<nb::callable, nb::object(...)>;
+
 // Recording from now on, not for the life of an object: Python's with statement keeps what was before.
 void set_grad_enabled(bool enabled) {
     alignas(GradMode) unsigned char memory[sizeof(GradMode)];
@@ -34,7 +36,7 @@ nb::object call(const SharedObject& function, const Arguments&... arguments) {
 nb::object new_object(KTensor tensor) { return nb::steal(checked(wrap(std::move(tensor)))); }
 nb::object new_list(const std::vector<KTensor>& tensors) { return nb::steal(checked(list_of(tensors))); }
 
-std::int64_t register_hook(KTensor t, nb::callable hook) {
+std::int64_t register_hook(KTensor t, PythonFunction hook) {
     const SharedObject function(hook.ptr());
     return t.register_hook([function](const KTensor& gradient) {
         const nb::gil_scoped_acquire acquired;
@@ -43,8 +45,8 @@ std::int64_t register_hook(KTensor t, nb::callable hook) {
 }
 
 // forward(operands) gives two sequences: the outputs and what is kept for backward(kept, gradients).
-Tensors custom_operation(const std::string& name, const Tensors& operands, nb::callable forward,
-                         nb::callable backward) {
+Tensors custom_operation(const std::string& name, const Tensors& operands, PythonFunction forward,
+                         PythonFunction backward) {
     const SharedObject forward_function(forward.ptr());
     const SharedObject backward_function(backward.ptr());
     const nb::gil_scoped_release released;
@@ -65,7 +67,7 @@ Tensors custom_operation(const std::string& name, const Tensors& operands, nb::c
         })};
 }
 
-Tensors checkpointed(nb::callable segment, const Tensors& operands) {
+Tensors checkpointed(PythonFunction segment, const Tensors& operands) {
     const SharedObject function(segment.ptr());
     const nb::gil_scoped_release released;
     return {checkpoint(

@@ -16,6 +16,9 @@ namespace ornik::python {
 
 namespace {
 
+using TensorDict = nb::typed<nb::dict, std::string, KTensor>;
+using TextDict = nb::typed<nb::dict, std::string, std::string>;
+
 LoadMode mode_of(const std::string& name) {
     if (name == "copy_on_write") {
         return LoadMode::copy_on_write;
@@ -40,7 +43,7 @@ std::string to_text(PyObject* object) {
     return {text, static_cast<std::size_t>(size)};
 }
 
-NamedTensors to_named(const nb::dict& tensors) {
+NamedTensors to_named(const TensorDict& tensors) {
     NamedTensors result;
     for (const auto& [name, tensor] : tensors) {
         result.emplace_back(to_text(name.ptr()), to_tensor(tensor.ptr()));
@@ -72,7 +75,7 @@ std::vector<TensorEntry> entries_of(const NamedTensors& tensors) {
     return entries;
 }
 
-FileMetadata to_metadata(const nb::dict& texts) {
+FileMetadata to_metadata(const TextDict& texts) {
     FileMetadata metadata;
     for (const auto& [key, value] : texts) {
         metadata[to_text(key.ptr())] = to_text(value.ptr());
@@ -97,7 +100,7 @@ std::span<const std::byte> span_of(const nb::bytes& bytes) {
 
 void add_files(nb::module_& m) {
     m.def("save",
-          [](const std::string& path, const nb::dict& tensors, const nb::dict& metadata, bool compress, bool sync) {
+          [](const std::string& path, const TensorDict& tensors, const TextDict& metadata, bool compress, bool sync) {
               const NamedTensors named = to_named(tensors);
               const FileMetadata texts = to_metadata(metadata);
               without_lock([&] { save(path, named, texts, {compress, sync}); });
@@ -116,7 +119,7 @@ void add_files(nb::module_& m) {
             return with_metadata(without_lock([&] { return load_safetensors(path, how); }));
         },
         nb::sig("def load_safetensors(path: str, mode: str, /) -> tuple[dict[str, ornik.KTensor], dict[str, str]]"));
-    m.def("safetensors_to_bytes", [](const nb::dict& tensors, const nb::dict& metadata) {
+    m.def("safetensors_to_bytes", [](const TensorDict& tensors, const TextDict& metadata) {
         const NamedTensors named = to_named(tensors);
         return to_bytes(safetensors_to_bytes(entries_of(named), to_metadata(metadata)));
     });
@@ -126,7 +129,7 @@ void add_files(nb::module_& m) {
         nb::sig("def safetensors_from_bytes(data: bytes, /) -> tuple[dict[str, ornik.KTensor], dict[str, str]]"));
     m.def("npy_to_bytes", [](const KTensor& t) { return to_bytes(npy_to_bytes(t.tensor())); });
     m.def("npy_from_bytes", [](const nb::bytes& bytes) { return KTensor(npy_from_bytes(span_of(bytes))); });
-    m.def("npz_to_bytes", [](const nb::dict& tensors, bool compress) {
+    m.def("npz_to_bytes", [](const TensorDict& tensors, bool compress) {
         const NamedTensors named = to_named(tensors);
         return to_bytes(npz_to_bytes(entries_of(named), {compress, false}));
     });

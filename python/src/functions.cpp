@@ -70,11 +70,11 @@ void add_shapes(nb::module_& m) {
           [](const KTensor& x, Dtype dtype) { return without_lock(x.size(), [&] { return astype(x, dtype.code); }); });
     m.def("clone", [](const KTensor& x) { return without_lock(x.size(), [&] { return clone(x); }); });
     m.def("contiguous", [](const KTensor& x) { return without_lock(x.size(), [&] { return contiguous(x); }); });
-    m.def("copy_", [](KTensor x, const KTensor& source) {
+    m.def("copy_into", [](KTensor x, const KTensor& source) {
         without_lock(x.size(), [&] { copy_(x, source); });
         return x;
     });
-    m.def("fill_", [](KTensor x, const Number& value) {
+    m.def("fill_with", [](KTensor x, const Number& value) {
         without_lock(x.size(), [&] { fill_(x, value.value); });
         return x;
     });

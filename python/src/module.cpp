@@ -12,7 +12,7 @@ NB_MODULE(_ornik, m) {
     using namespace ornik::python;
     m.doc() = "The library behind the package. Programs use the package.";
     nanobind::set_leak_warnings(false);
-    m.attr("__version__") = ornik::version();
+    m.attr("version") = ornik::version();
     translate_errors();
     if (add_tensor_type(m.ptr()) != 0) {
         throw nanobind::python_error();

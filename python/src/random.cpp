@@ -17,7 +17,9 @@ namespace ornik::python {
 
 namespace {
 
-nb::tuple state_of(const Generator& generator) {
+using State = nb::typed<nb::tuple, nb::any, nb::ellipsis>;
+
+State state_of(const Generator& generator) {
     const GeneratorState state = generator.state();
     return nb::make_tuple(state.seed, state.counter, nb::bytes(state.words.data(), sizeof state.words), state.position,
                           state.has_cached_value, state.cached_value);
@@ -51,7 +53,7 @@ class Scope {
 void add_random(nb::module_& m) {
     nb::class_<Generator>(m, "Generator")
         .def("get_state", state_of)
-        .def("set_state", [](Generator& generator, const nb::tuple& state) { generator.set_state(to_state(state)); })
+        .def("set_state", [](Generator& generator, const State& state) { generator.set_state(to_state(state)); })
         .def("seed", [](const Generator& generator) { return generator.seed(); });
     nb::class_<Scope>(m, "GeneratorScope").def(nb::init<std::shared_ptr<Generator>>()).def("leave", &Scope::leave);
     m.def("new_generator", [](std::uint32_t seed) {

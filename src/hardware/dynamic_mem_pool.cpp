@@ -155,6 +155,7 @@ DynamicMemBuf* DynamicMemPool::FindIdleMemBuf(PoolKind kind, std::uint64_t size)
     buf->status = BufStatus::used;
     pool.used += size;
     pool.idle -= size;
+    peak_ = std::max(peak_, large_.used + small_.used);
     return buf;
 }
 

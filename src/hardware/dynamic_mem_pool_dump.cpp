@@ -41,6 +41,21 @@ DynamicMemPool::Totals DynamicMemPool::totals(PoolKind kind) const {
     return totals_unlocked(kind);
 }
 
+std::uint64_t DynamicMemPool::used() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return large_.used + small_.used;
+}
+
+std::uint64_t DynamicMemPool::peak() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return peak_;
+}
+
+void DynamicMemPool::reset_peak() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    peak_ = large_.used + small_.used;
+}
+
 void DynamicMemPool::DumpDynamicMemPoolInfo() {
     const std::lock_guard<std::mutex> lock(mutex_);
     DumpUnlocked();

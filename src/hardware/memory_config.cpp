@@ -25,6 +25,22 @@ void ConfigDumpCpuMemInfo() {
     pool->DumpDynamicMemPoolInfo();
 }
 
+std::uint64_t cpu_memory_used() {
+    const device::DynamicMemPool* pool = device::AllocatorConfig::Get().cpu_pool();
+    return pool == nullptr ? 0 : pool->used();
+}
+
+std::uint64_t cpu_memory_peak() {
+    const device::DynamicMemPool* pool = device::AllocatorConfig::Get().cpu_pool();
+    return pool == nullptr ? 0 : pool->peak();
+}
+
+void reset_cpu_memory_peak() {
+    if (device::DynamicMemPool* pool = device::AllocatorConfig::Get().cpu_pool()) {
+        pool->reset_peak();
+    }
+}
+
 void ConfigSetUseDynamicGPUMem(bool /*on*/) { refuse_gpu(where("ornik::ConfigSetUseDynamicGPUMem")); }
 bool ConfigIfUseDynamicGPUMem() { refuse_gpu(where("ornik::ConfigIfUseDynamicGPUMem")); }
 void ConfigDumpGpuMemInfo(std::int64_t /*device*/) { refuse_gpu(where("ornik::ConfigDumpGpuMemInfo")); }

@@ -29,8 +29,9 @@ void drop_count(Node* node) noexcept {
     while (doomed != nullptr) {
         Node* last = doomed;
         doomed = last->next;
+        const std::size_t bytes = last->bytes;
         last->~Node();
-        ::operator delete(last);
+        detail::give_object_memory(last, bytes);
     }
     draining = false;
 }

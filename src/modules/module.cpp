@@ -2,6 +2,12 @@
 #include "modules/module.h"
 
 #include <algorithm>
+#include <cstdlib>
+#include <ostream>
+#include <typeinfo>
+#if __has_include(<cxxabi.h>)
+#include <cxxabi.h>
+#endif
 
 #include "ktensor/autograd.h"
 #include "ktensor/impl.h"
@@ -42,10 +48,13 @@ KTensor Module::add_parameter(const std::string& name, KTensor value) {
     return value;
 }
 
-KTensor Module::add_buffer(const std::string& name, KTensor value) {
+KTensor Module::add_buffer(const std::string& name, KTensor value, bool is_count) {
     check_name(name);
     if (value.defined()) {
         buffers_.emplace_back(name, value);
+        if (is_count) {
+            counts_.emplace_back(name, value);
+        }
     }
     return value;
 }
@@ -57,8 +66,12 @@ void Module::add_part(const std::string& name, std::shared_ptr<Module> part) {
 
 // ---- Lists ----
 
+const NamedTensors& Module::list_of(What what) const {
+    return what == What::parameters ? parameters_ : what == What::buffers ? buffers_ : counts_;
+}
+
 void Module::collect(const std::string& prefix, What what, bool repeated, NamedTensors& result) const {
-    for (const auto& [name, tensor] : what == What::parameters ? parameters_ : buffers_) {
+    for (const auto& [name, tensor] : list_of(what)) {
         const auto is_same = [&t = tensor](const auto& entry) { return entry.second.is(t); };
         if (repeated || std::none_of(result.begin(), result.end(), is_same)) {
             result.emplace_back(prefix + name, tensor);
@@ -108,13 +121,22 @@ NamedTensors Module::state() const {
 
 void Module::load_state(const NamedTensors& values, bool strict) {
     const NamedTensors own = state();
+    NamedTensors counts;
+    collect("", What::counts, true, counts);
     const auto find = [](const NamedTensors& list, const std::string& name) {
         return std::find_if(list.begin(), list.end(), [&](const auto& entry) { return entry.first == name; });
+    };
+    const auto comes_under_another_name = [&](const KTensor& tensor) {
+        return std::any_of(own.begin(), own.end(), [&](const auto& entry) {
+            return entry.second.is(tensor) && find(values, entry.first) != values.end();
+        });
     };
     std::string faults;
     for (const auto& [name, tensor] : own) {
         if (const auto value = find(values, name); value == values.end()) {
-            faults += " " + name + " is missing;";
+            if (!comes_under_another_name(tensor) && find(counts, name) == counts.end()) {
+                faults += " " + name + " is missing;";
+            }
         } else if (!value->second.defined() || value->second.shape() != tensor.shape()) {
             faults += " " + name + " is " + describe(tensor) + ", not " + describe(value->second) + ";";
         }
@@ -130,7 +152,11 @@ void Module::load_state(const NamedTensors& values, bool strict) {
     }
     const NoGrad values_alone;
     for (auto [name, tensor] : own) {
-        copy_(tensor, find(values, name)->second);
+        if (const auto value = find(values, name); value != values.end()) {
+            copy_(tensor, value->second);
+        } else if (!comes_under_another_name(tensor)) {
+            copy_(tensor, KTensor::zeros_like(tensor));
+        }
     }
 }
 
@@ -167,5 +193,35 @@ void Module::apply(const std::function<void(Module&)>& function) {
     }
     function(*this);
 }
+
+// ---- Text ----
+
+std::string Module::type_name() const {
+    const char* mangled = typeid(*this).name();
+#if __has_include(<cxxabi.h>)
+    int status = 0;
+    const std::unique_ptr<char, void (*)(void*)> text(abi::__cxa_demangle(mangled, nullptr, nullptr, &status),
+                                                      std::free);
+    std::string name = status == 0 ? text.get() : mangled;
+#else
+    std::string name = mangled;
+#endif
+    name.erase(std::min(name.find('<'), name.size()));  // Template arguments say nothing about a module.
+    const std::size_t end = name.find_last_of(": ");    // Namespaces, and some compilers' "class ".
+    return end == std::string::npos ? name : name.substr(end + 1);
+}
+
+std::string Module::to_string() const {
+    std::string text = type_name() + "(" + arguments_;
+    for (const auto& [name, part] : parts_) {
+        text += "\n  (" + name + "): ";
+        for (const char c : part->to_string()) {
+            text += c == '\n' ? std::string("\n  ") : std::string(1, c);
+        }
+    }
+    return text + (parts_.empty() ? ")" : "\n)");
+}
+
+std::ostream& operator<<(std::ostream& stream, const Module& module) { return stream << module.to_string(); }
 
 }  // namespace ornik

@@ -1,8 +1,11 @@
 // schedules.cpp: learning rates over time.
+#include "modules/schedules.h"
+
+#include <algorithm>
 #include <cmath>
+#include <limits>
 #include <numbers>
 
-#include "modules/optimizers.h"
 #include "utils/error.h"
 
 namespace ornik {
@@ -111,6 +114,13 @@ void OneCycleSchedule::apply() {
     }
 }
 
+LambdaSchedule::LambdaSchedule(Optimizer& optimizer, std::function<double(std::int64_t)> factor)
+    : Schedule(optimizer), factor_(std::move(factor)) {
+    LambdaSchedule::apply();
+}
+
+double LambdaSchedule::rate(double base, std::int64_t steps) const { return base * factor_(steps); }
+
 PlateauSchedule::PlateauSchedule(Optimizer& optimizer, const PlateauOptions& options)
     : optimizer_(optimizer),
       options_(options),
@@ -141,6 +151,28 @@ void PlateauSchedule::step(double measure) {
     }
     cooling_ = options_.cooldown;
     bad_ = 0;
+}
+
+NamedTensors PlateauSchedule::state() const {
+    return {{"best", KTensor::scalar(Scalar(best_))},
+            {"bad", KTensor::scalar(Scalar(bad_))},
+            {"cooling", KTensor::scalar(Scalar(cooling_))}};
+}
+
+void PlateauSchedule::load_state(const NamedTensors& state) {
+    const auto number = [&](const std::string& name) {
+        const auto place =
+            std::find_if(state.begin(), state.end(), [&](const auto& entry) { return entry.first == name; });
+        if (place == state.end() || !place->second.defined() || place->second.size() != 1) {
+            fail(where("ornik::PlateauSchedule"), "load_state(): ", name, " is not there as a number.");
+        }
+        return place->second;
+    };
+    const double best = number("best").item<double>();
+    const auto bad = number("bad").item<std::int64_t>();
+    cooling_ = number("cooling").item<std::int64_t>();
+    best_ = best;
+    bad_ = bad;
 }
 
 }  // namespace ornik

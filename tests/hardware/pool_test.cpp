@@ -93,6 +93,21 @@ TEST(Pool, SizeClasses) {
     }
 }
 
+TEST(Pool, RemembersTheMostInUse) {
+    TestPool pool;
+    void* small = pool.AllocTensorMem(1);
+    void* large = pool.AllocTensorMem(2 * MiB);
+    pool.FreeTensorMem(large);
+    EXPECT_EQ(pool.used(), 512U);
+    EXPECT_EQ(pool.peak(), 2 * MiB + 512);
+    pool.reset_peak();
+    EXPECT_EQ(pool.peak(), 512U);
+    pool.FreeTensorMem(small);
+    pool.AllocTensorMem(513);
+    EXPECT_EQ(pool.used(), 1024U);
+    EXPECT_EQ(pool.peak(), 1024U);
+}
+
 TEST(Pool, NeighboursMergeInAnyOrderOfRelease) {
     std::vector<int> order = {0, 1, 2};
     do {
