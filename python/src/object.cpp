@@ -8,6 +8,7 @@
 
 #include "errors.h"
 #include "gil.h"
+#include "ktensor/autograd.h"
 
 namespace ornik::python {
 
@@ -27,6 +28,7 @@ void begin(PyObject* self, KTensor&& tensor) {
     Object* object = as_object(self);
     new (&object->tensor) KTensor(std::move(tensor));
     object->shape = nullptr;
+    object->position = -1;
     object->weak_references = nullptr;
 }
 
@@ -110,6 +112,22 @@ PyObject* wrap(KTensor tensor) noexcept {
     return self;
 }
 
+PyObject* wrap_slice(const KTensor& x, std::int64_t position) noexcept {
+    PyObject* self = wrap(x);
+    if (self != nullptr) {
+        as_object(self)->position = position;
+    }
+    return self;
+}
+
+void make_slice(Object* object) {
+    // A write that was recorded since has given the whole a past, which is the slice's, too. One that merely asks for
+    // gradients since does not reach back.
+    const GradMode mode(grad_enabled() && !object->tensor.is_leaf());
+    object->tensor = KTensor(object->tensor[object->position]);
+    object->position = -1;
+}
+
 PyObject* tuple_of(const Dims& numbers) noexcept {
     PyObject* tuple = PyTuple_New(static_cast<Py_ssize_t>(numbers.size()));
     for (std::size_t i = 0; tuple != nullptr && i < numbers.size(); ++i) {
@@ -126,7 +144,7 @@ PyObject* tuple_of(const Dims& numbers) noexcept {
 PyObject* shape_tuple(PyObject* self) noexcept {
     Object* object = as_object(self);
     if (object->shape == nullptr) {
-        object->shape = guarded([&] { return tuple_of(object->tensor.shape()); });
+        object->shape = guarded([&] { return tuple_of(tensor_in(self).shape()); });
     }
     return Py_XNewRef(object->shape);
 }
