@@ -40,6 +40,7 @@ set(ORNIK_PUBLIC_HEADERS
     ktensor/random.h
     ktensor/reductions.h
     ktensor/shapes.h
+    ktensor/sparse.h
     layers/conv/layer_conv.h
     layers/conv/layer_conv1D.h
     layers/conv/layer_conv2D.h

@@ -43,6 +43,7 @@
 #include "ktensor/random.h"
 #include "ktensor/reductions.h"
 #include "ktensor/shapes.h"
+#include "ktensor/sparse.h"
 #include "layers/conv/layer_conv.h"
 #include "layers/conv/layer_conv1D.h"
 #include "layers/conv/layer_conv2D.h"

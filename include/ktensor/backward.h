@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <span>
 
 #include "node.h"
@@ -37,6 +38,10 @@ class Backward {
     /// shape and converted to its dtype here. Undefined: none.
     void give(std::size_t i, KTensor gradient);
     void give(std::size_t i, Tensor* gradient) { give(i, make_ktensor(gradient)); }
+    /// For a gradient that is zero but for a part of operand i: `add` puts that part into the sum of what others gave,
+    /// a row-major tensor of the operand's shape and dtype. False, and nothing done, where there is no sum yet or the
+    /// pass is recorded: give() is to be called.
+    bool give_part(std::size_t i, const std::function<void(Tensor* sum)>& add);
 
   private:
     Run& run_;

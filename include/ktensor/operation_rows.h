@@ -62,12 +62,12 @@
     ROW(var,              twice) \
     ROW(std_dev,          twice) \
     ROW(logsumexp,        twice) \
-    ROW(trace,            once)  \
+    ROW(trace,            twice) \
     ROW(max,              twice) \
     ROW(min,              twice) \
     ROW(median,           twice) \
     ROW(cumsum,           twice) \
-    ROW(cumprod,          once)  \
+    ROW(cumprod,          twice) \
     ROW(softmax,          twice) \
     ROW(log_softmax,      twice) \
     ROW(sort,             twice) \
@@ -92,8 +92,9 @@
 #define ORNIK_PRODUCT_ROWS(ROW) \
     ROW(matmul,           twice) \
     ROW(kron,             twice) \
-    ROW(eigh,             once)  \
-    ROW(eigvalsh,         once)
+    ROW(eigh,             twice) \
+    ROW(eigvalsh,         twice) \
+    ROW(sparse_dot,       twice)
 
 #define ORNIK_LAYER_ROWS(ROW) \
     ROW(relu,             twice) \

@@ -221,21 +221,42 @@ void Run::add(KTensor& sum, KTensor gradient) const {
     }
 }
 
-void Run::accumulate(const Edge& edge, KTensor gradient) {
+KTensor& Run::sum_of(const Edge& edge) {
     if (edge.node && is_outside(*edge.node)) {
-        add(inputs_[static_cast<std::size_t>(outside_input(edge) - inputs_.data())].gradient, std::move(gradient));
-        return;
+        return inputs_[static_cast<std::size_t>(outside_input(edge) - inputs_.data())].gradient;
     }
+    return edge.node ? visits_[edge.node->position].gradients()[edge.output]
+                     : leaves_[leaf_positions_.at(edge.leaf.get())].sum;
+}
+
+// An older gradient takes the sum as soon as it is complete, so that not all of them wait for the end.
+void Run::count_arrival(const Edge& edge) {
     if (edge.node) {
-        add(visits_[edge.node->position].gradients()[edge.output], std::move(gradient));
         return;
     }
     Leaf& leaf = leaves_[leaf_positions_.at(edge.leaf.get())];
-    add(leaf.sum, std::move(gradient));
-    // An older gradient takes the sum as soon as it is complete, so that not all of them wait for the end.
     if (--leaf.edges_left == 0 && !leaf.is_input) {
         finish_leaf(leaf);
     }
+}
+
+void Run::accumulate(const Edge& edge, KTensor gradient) {
+    add(sum_of(edge), std::move(gradient));
+    count_arrival(edge);
+}
+
+bool Run::accumulate_part(const Edge& edge, const std::function<void(Tensor* sum)>& add) {
+    KTensor& sum = sum_of(edge);
+    if (create_graph_ || !sum.defined()) {
+        return false;
+    }
+    // The sum of others is copied, not added to as a whole: the bits do not depend on who owns what.
+    if (!is_sole_owner(sum)) {
+        sum = make_ktensor(copy_of(*sum.tensor()));
+    }
+    add(sum.tensor());
+    count_arrival(edge);
+    return true;
 }
 
 KTensor Run::run_hooks(const std::vector<NodeHook>& hooks, std::uint32_t output, KTensor gradient) const {
@@ -389,6 +410,11 @@ void Backward::give(std::size_t i, KTensor gradient) {
         gradient = astype(gradient, edge.dtype);
     }
     run_.accumulate(edge, std::move(gradient));
+}
+
+bool Backward::give_part(std::size_t i, const std::function<void(Tensor* sum)>& add) {
+    const Edge& edge = node_.edges()[i];
+    return run_.wants(edge) && run_.accumulate_part(edge, add);
 }
 
 }  // namespace ornik::autograd

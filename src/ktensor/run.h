@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <unordered_map>
 #include <vector>
@@ -37,6 +38,9 @@ class Run {
 
     bool wants(const Edge& edge) const;
     void accumulate(const Edge& edge, KTensor gradient);
+    /// A gradient that is zero but for a part of its operand: `add` puts that part into the sum so far, a row-major
+    /// tensor of the operand's shape and dtype. False, and nothing done, where there is no sum yet.
+    bool accumulate_part(const Edge& edge, const std::function<void(Tensor* sum)>& add);
 
   private:
     struct Visit {
@@ -74,6 +78,8 @@ class Run {
     bool is_outside(const Node& node) const { return node.sequence <= boundary_; }
     const Input* outside_input(const Edge& edge) const;
     void add(KTensor& sum, KTensor gradient) const;
+    KTensor& sum_of(const Edge& edge);
+    void count_arrival(const Edge& edge);
 
     const char* caller_;
     bool retain_graph_;

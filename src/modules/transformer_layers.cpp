@@ -11,6 +11,7 @@ namespace {
 MultiheadAttention attention_of(const char* name, std::int64_t width, std::int64_t heads,
                                 const TransformerOptions& options) {
     check_positive(name, {width, heads, options.feed_forward});
+    check_probability(name, options.dropout);
     return {width, heads, {.dropout = options.dropout, .bias = options.bias, .batch_first = options.batch_first}};
 }
 

@@ -9,7 +9,7 @@ std::vector<Row> index_rows() {
     const auto add_row = [&](Op op, std::vector<Dims> shapes, Function function, const char* note = "") {
         rows.push_back({op, std::move(shapes), std::move(function), true, -1.5, 1.5, note});
     };
-    const KTensor repeated({2, 0, -1});
+    const KTensor repeated({1, 0, -2});
     const KTensor column({{1}, {0}});
     const KTensor mask({{true, false, true}, {false, true, true}});
     const std::vector<std::pair<const char*, std::vector<Index>>> selections{
@@ -26,16 +26,16 @@ std::vector<Row> index_rows() {
     };
     for (const auto& [note, items] : selections) {
         const std::vector<Index> chosen = items;
-        const KTensor like = KTensor::zeros({2, 3, 3}).index(chosen);
+        const KTensor like = KTensor::zeros({2, 3, 2}).index(chosen);
         add_row(
-            Op::index, {{2, 3, 3}}, [chosen](const Tensors& x) { return x[0].index(chosen); }, note);
+            Op::index, {{2, 3, 2}}, [chosen](const Tensors& x) { return x[0].index(chosen); }, note);
         for (const bool accumulate : {false, true}) {
             const auto put = [chosen, accumulate](const Tensors& x) {
                 return index_put(x[0], chosen, x[1], accumulate);
             };
-            add_row(Op::index_put, {{2, 3, 3}, like.shape()}, put, note);
+            add_row(Op::index_put, {{2, 3, 2}, like.shape()}, put, note);
             if (like.size() != 0) {
-                add_row(Op::index_put, {{2, 3, 3}, {1, 1, 1, 1, 1}}, put, note);
+                add_row(Op::index_put, {{2, 3, 2}, {1, 1, 1, 1, 1}}, put, note);
             }
         }
     }

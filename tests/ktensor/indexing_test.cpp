@@ -19,6 +19,8 @@ namespace {
 
 using Numbers = std::vector<std::int64_t>;
 
+Numbers whole(const KTensor& x) { return astype(x, dtype::int64).to_vector<std::int64_t>(); }
+
 std::int64_t count_of(const Dims& shape) {
     return std::accumulate(shape.begin(), shape.end(), std::int64_t{1}, std::multiplies<>());
 }
@@ -128,14 +130,14 @@ Places places_of(const Dims& shape, std::vector<Index> items) {
             case Index::Kind::tensor: {
                 const KTensor& t = item.tensor();
                 if (t.dtype() != dtype::boolean) {
-                    Numbers positions = astype(t, dtype::int64).to_vector<std::int64_t>();
+                    Numbers positions = whole(t);
                     for (std::int64_t& p : positions) {
                         p += p < 0 ? size_of(axis) : 0;
                     }
                     parts.push_back({axis++, true, t.shape(), positions});
                     break;
                 }
-                const std::vector<std::int8_t> truth = astype(t, dtype::int8).to_vector<std::int8_t>();
+                const Numbers truth = whole(t);
                 std::vector<Numbers> columns(std::max<std::size_t>(t.shape().size(), 1));
                 for (std::size_t k = 0; k < truth.size(); ++k) {
                     Dims at = written_out(static_cast<std::int64_t>(k), t.shape());
@@ -212,6 +214,11 @@ class Cases {
 
     std::int64_t below(std::int64_t n) { return static_cast<std::int64_t>(random_() % static_cast<std::uint64_t>(n)); }
 
+    template <typename T>
+    T one_of(std::initializer_list<T> choices) {
+        return choices.begin()[below(static_cast<std::int64_t>(choices.size()))];
+    }
+
     Dims shape() {
         Dims result(static_cast<std::size_t>(below(5)));
         std::generate(result.begin(), result.end(), [&] { return below(8) == 0 ? 0 : 1 + below(4); });
@@ -225,7 +232,7 @@ class Cases {
         bool has_ellipsis = false;
         bool has_tensors = false;
         for (std::size_t axis = 0; axis <= shape.size();) {
-            const std::int64_t kind = below(plain ? 7 : 12);
+            const std::int64_t kind = below(plain ? 7 : 16);
             const std::int64_t n = axis < shape.size() ? shape[axis] : 0;
             if (kind == 0) {
                 result.emplace_back(newaxis);
@@ -247,7 +254,7 @@ class Cases {
                 const std::int64_t step = 1 + below(3);
                 result.emplace_back(Slice(bound(), bound(), below(2) == 0 ? step : -step));
                 ++axis;
-            } else if (kind == 9 && trues == -1 && result.empty()) {
+            } else if (kind == 9 && trues == -1 && !has_tensors) {
                 const auto wide =
                     static_cast<std::ptrdiff_t>(1 + below(static_cast<std::int64_t>(shape.size() - axis)));
                 const auto begin = shape.begin() + static_cast<std::ptrdiff_t>(axis);
@@ -257,8 +264,8 @@ class Cases {
                 axis += static_cast<std::size_t>(wide);
             } else {
                 has_tensors = true;
-                const std::int64_t dtypes[] = {dtype::int64, dtype::int32, dtype::int16, dtype::int8};
-                result.emplace_back(astype(KTensor::randint(-n, n, index_shape(trues)), dtypes[below(4)]));
+                const std::int64_t dtype = one_of({dtype::int64, dtype::int32, dtype::int16, dtype::int8});
+                result.emplace_back(astype(KTensor::randint(-n, n, index_shape(trues)), dtype));
                 ++axis;
             }
         }
@@ -296,9 +303,8 @@ class Cases {
 
   private:
     Dims index_shape(std::int64_t trues) {
-        const std::vector<Dims> shapes = trues < 0 ? std::vector<Dims>{{}, {1}, {3}, {2, 1}, {2, 3}, {1, 1, 3}}
-                                                   : std::vector<Dims>{{}, {1}, {trues}, {2, 1}};
-        return shapes[static_cast<std::size_t>(below(static_cast<std::int64_t>(shapes.size())))];
+        return trues < 0 ? one_of<Dims>({{}, {1}, {3}, {2, 1}, {2, 3}, {1, 1, 3}})
+                         : one_of<Dims>({{}, {1}, {trues}, {2, 1}});
     }
 
     std::mt19937_64 random_;
@@ -321,16 +327,17 @@ class RandomSelections : public testing::TestWithParam<unsigned> {};
 TEST_P(RandomSelections, ReadAndWriteAndHandGradientsBackLikeTheModel) {
     set_random_seed(GetParam());
     Cases cases(GetParam());
-    for (int round = 0; round < 300; ++round) {
+    for (int round = 0; round < 500; ++round) {
         const Dims shape = cases.shape();
         const std::vector<Index> items = cases.items(shape);
         SCOPED_TRACE(text_of(shape, items));
         const Places places = places_of(shape, items);
 
-        KTensor x = cases.numbers(shape, dtype::int64);
+        KTensor x = cases.numbers(shape, cases.one_of({dtype::int16, dtype::int32, dtype::int64, dtype::float32,
+                                                       dtype::float64, dtype::complex64, dtype::complex128}));
         const KTensor y = x.index(items);
         ASSERT_EQ(y.shape(), places.shape);
-        EXPECT_EQ(y.to_vector<std::int64_t>(), places.from);
+        EXPECT_EQ(whole(y), places.from);
         const bool is_view = std::none_of(items.begin(), items.end(), [](const Index& item) {
             return item.kind() == Index::Kind::tensor || item.kind() == Index::Kind::truth;
         });
@@ -349,13 +356,12 @@ TEST_P(RandomSelections, ReadAndWriteAndHandGradientsBackLikeTheModel) {
             writer[place] = static_cast<std::int64_t>(k);
         }
         x.set_index(items, astype(value, dtype::int16), accumulate);
-        EXPECT_EQ(x.to_vector<std::int64_t>(), expected);
+        EXPECT_EQ(whole(x), expected);
         KTensor filled = cases.numbers(shape, dtype::float32);
         filled.set_index(items, -1);
-        Numbers whole =
-            filled.to_vector<double>().empty() ? Numbers() : astype(filled, dtype::int64).to_vector<std::int64_t>();
-        for (std::size_t place = 0; place < whole.size(); ++place) {
-            EXPECT_EQ(whole[place], writer[place] == -1 ? static_cast<std::int64_t>(place) : -1);
+        const Numbers values = whole(filled);
+        for (std::size_t place = 0; place < values.size(); ++place) {
+            EXPECT_EQ(values[place], writer[place] == -1 ? static_cast<std::int64_t>(place) : -1);
         }
 
         // Whole numbers as gradients: the sums are exact.
@@ -572,6 +578,38 @@ TEST(Indexing, InPlaceFormsDoTheSameAndAreRecordedAlike) {
     KTensor fixed = broadcast_to(KTensor({1}), {3});
     EXPECT_THROW(fixed.set_index({0}, 2), Error);
     EXPECT_THROW(fixed.set_index({0}, KTensor({2})), Error);
+}
+
+// Many parts of one tensor: their gradients meet in one sum, which nobody else's gradient shares.
+TEST(Indexing, GradientsOfPartsAddUpWithoutTouchingOthers) {
+    const KTensor x = KTensor::rand({4, 3}, dtype::float64).requires_grad();
+    const KTensor rows({1, 3, 1});
+    const auto parts = [&](const KTensor& t) {
+        KTensor total = sum(index_select(t, 0, rows)) + sum(gather(t, 1, KTensor({{2, 2}}))) + sum(t[rows] * 2.0);
+        for (const KTensor& row : along(t)) {
+            total = total + sum(row * row);
+        }
+        return total;
+    };
+    std::vector<double> expected = (x.detach() * 2.0).to_vector<double>();
+    for (const auto& [place, more] :
+         std::vector<std::pair<std::size_t, double>>{{3, 6}, {4, 6}, {5, 6}, {9, 3}, {10, 3}, {11, 3}, {2, 2}}) {
+        expected[place] += more;
+    }
+    EXPECT_EQ(grad({parts(x)}, {x})[0].to_vector<double>(), expected);
+    // The last operation hands one gradient to both of its operands.
+    const KTensor a = x * 1.0;
+    const KTensor b = x * 1.0;
+    const KTensor first = parts(a);
+    const std::vector<KTensor> seen = grad({sum(a + b) + first}, {a, b});
+    std::transform(expected.begin(), expected.end(), expected.begin(), [](double g) { return g + 1; });
+    EXPECT_EQ(seen[0].to_vector<double>(), expected);
+    EXPECT_EQ(seen[1].to_vector<double>(), std::vector<double>(12, 1));
+    const KTensor seed = KTensor::ones({4, 3}, dtype::float64);
+    const KTensor c = x * 1.0;
+    const KTensor second = parts(c);
+    EXPECT_EQ(grad({c, second}, {c}, {seed, KTensor::scalar(1.0)})[0].to_vector<double>(), expected);
+    EXPECT_EQ(seed.to_vector<double>(), std::vector<double>(12, 1));
 }
 
 }  // namespace

@@ -139,7 +139,8 @@ def attention():
 
     def cross(m, q, k, v, *masks):
         names = ["attn_mask", "key_padding_mask"]
-        return m(q, k, v, **dict(zip(names, masks)), average_attn_weights=False)[0]
+        y, weights = m(q, k, v, **dict(zip(names, masks)), average_attn_weights=False)
+        return y, weights.detach()
 
     m = nn.MultiheadAttention
     case(f, "self", m(12, 3), [r(5, 2, 12)], call=lambda m, x: m(x, x, x, need_weights=False)[0])
@@ -155,7 +156,7 @@ def attention():
     case(f, "causal", m(12, 3, batch_first=True), [r(2, 5, 12)],
          call=lambda m, x: m(x, x, x, attn_mask=causal, is_causal=True, need_weights=False)[0])
     case(f, "causal_extra", m(12, 3, add_zero_attn=True), [r(5, 2, 12)],
-         call=lambda m, x: m(x, x, x, attn_mask=causal)[0])
+         call=lambda m, x: [m(x, x, x, attn_mask=causal)[0], m(x, x, x, attn_mask=causal)[1].detach()])
     write("attention", f)
 
     f = {}

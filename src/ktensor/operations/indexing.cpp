@@ -99,9 +99,12 @@ KTensor index_select(const KTensor& x, int axis, const KTensor& index) {
         checked("index_select", x, at, index, [&] { return ornik::index_select(x.tensor(), axis, index.tensor()); }));
     if (record.active()) {
         record.finish(y, {Recorder::own(index)}, [axis](Backward& pass) {
+            const auto add = [&](Tensor* sum) {
+                ornik::index_add_(sum, axis, pass.saved_raw(0), pass.grad().tensor());
+            };
             if (pass.recorded()) {
                 pass.give(0, index_add(zeros_for(pass), axis, pass.saved(0), pass.grad()));
-            } else {
+            } else if (!pass.give_part(0, add)) {
                 pass.give(0, index_select_grad(pass.grad().tensor(), pass.operand_shape(0), axis, pass.saved_raw(0)));
             }
         });
@@ -172,9 +175,12 @@ KTensor gather(const KTensor& x, int axis, const KTensor& index) {
         make_ktensor(checked("gather", x, at, index, [&] { return ornik::gather(x.tensor(), axis, index.tensor()); }));
     if (record.active()) {
         record.finish(y, {Recorder::own(index)}, [axis](Backward& pass) {
+            const auto add = [&](Tensor* sum) {
+                ornik::scatter_add_(sum, axis, pass.saved_raw(0), pass.grad().tensor());
+            };
             if (pass.recorded()) {
                 pass.give(0, scatter_add(zeros_for(pass), axis, pass.saved(0), pass.grad()));
-            } else {
+            } else if (!pass.give_part(0, add)) {
                 pass.give(0, gather_grad(pass.grad().tensor(), pass.operand_shape(0), axis, pass.saved_raw(0)));
             }
         });

@@ -76,10 +76,19 @@ KTensor read(const char* name, const KTensor& x, const IndexList& list) {
             if (pass.recorded()) {
                 pass.give(0, index_put(KTensor::zeros(shape, gradient.dtype()), restored_items(chosen.items, pass),
                                        gradient, chosen.has_tensors));
-            } else if (chosen.has_tensors) {
-                pass.give(0, index_advanced_grad(gradient.tensor(), shape, restored(chosen.items, pass)));
-            } else {
-                pass.give(0, select_slices_grad(gradient.tensor(), shape, chosen.items));
+                return;
+            }
+            const SliceItems items = restored(chosen.items, pass);
+            const auto add = [&](Tensor* sum) {
+                if (chosen.has_tensors) {
+                    set_index_advanced(sum, gradient.tensor(), items, true);
+                } else {
+                    add_select_slices_grad(sum, gradient.tensor(), items);
+                }
+            };
+            if (!pass.give_part(0, add)) {
+                pass.give(0, chosen.has_tensors ? index_advanced_grad(gradient.tensor(), shape, items)
+                                                : select_slices_grad(gradient.tensor(), shape, items));
             }
         });
     }

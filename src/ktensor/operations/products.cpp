@@ -2,6 +2,8 @@
 #include "ktensor/products.h"
 
 #include "ktensor/arithmetic.h"
+#include "ktensor/elements.h"
+#include "ktensor/indexing.h"
 #include "ktensor/operands.h"
 #include "ktensor/record.h"
 #include "ktensor/reductions.h"
@@ -124,6 +126,28 @@ KTensor kron(const KTensor& left, const KTensor& right) {
 
 // ---- Decompositions ----
 
+namespace {
+
+// Recorded: V (diag(grad_values) + H(F V^H grad_vectors)) V^H, with F of linear_algebra.h and H the Hermitian part.
+KTensor eigh_gradient(const EigenPairs& pairs, const KTensor& grad_values, const KTensor& grad_vectors) {
+    const KTensor adjoint = conj_of(transpose(pairs.vectors));
+    KTensor inner;
+    if (grad_values.defined()) {
+        inner = diag_embed(astype(grad_values, pairs.vectors.dtype()));
+    }
+    if (grad_vectors.defined()) {
+        const KTensor gaps = unsqueeze(pairs.values, -2) - unsqueeze(pairs.values, -1);
+        const KTensor same = equal(gaps, Scalar(0.0F));
+        const KTensor factor = where(same, Scalar(0.0F), reciprocal(where(same, Scalar(1.0F), gaps)));
+        const KTensor turns = factor * matmul(adjoint, grad_vectors);
+        const KTensor hermitian = (turns + conj_of(transpose(turns))) * 0.5;
+        inner = inner.defined() ? inner + hermitian : hermitian;
+    }
+    return matmul(matmul(pairs.vectors, inner), adjoint);
+}
+
+}  // namespace
+
 EigenPairs eigh(const KTensor& x) {
     const Recorder record(Op::eigh, {&x});
     const std::vector<Tensor*> results = ornik::eigh(x.tensor());
@@ -133,6 +157,10 @@ EigenPairs eigh(const KTensor& x) {
         KTensor* outputs[] = {&values, &vectors};
         record.finish(std::span<KTensor* const>(outputs), {Recorder::output(values, 0), Recorder::output(vectors, 1)},
                       [](Backward& pass) {
+                          if (pass.recorded()) {
+                              pass.give(0, eigh_gradient({pass.saved(0), pass.saved(1)}, pass.grad(0), pass.grad(1)));
+                              return;
+                          }
                           pass.give(0, eigh_grad_from(pass.grad(1).tensor(), pass.grad(0).tensor(), pass.saved_raw(1),
                                                       pass.saved_raw(0)));
                       });
@@ -144,8 +172,10 @@ KTensor eigvalsh(const KTensor& x) {
     const Recorder record(Op::eigvalsh, {&x});
     KTensor y = make_ktensor(ornik::eigvalsh(x.tensor()));
     if (record.active()) {
-        record.finish(y, {record.operand(0)},
-                      [](Backward& pass) { pass.give(0, eigvalsh_grad(pass.grad().tensor(), pass.saved_raw(0))); });
+        record.finish(y, {record.operand(0)}, [](Backward& pass) {
+            pass.give(0, pass.recorded() ? eigh_gradient(eigh(pass.saved(0)), pass.grad(), KTensor())
+                                         : make_ktensor(eigvalsh_grad(pass.grad().tensor(), pass.saved_raw(0))));
+        });
     }
     return y;
 }
