@@ -47,6 +47,9 @@ PyObject* make(PyTypeObject* type, PyObject* arguments, PyObject* keywords) {
 void destroy(PyObject* self) {
     Object* object = as_object(self);
     PyTypeObject* type = Py_TYPE(self);
+    if (PyType_IS_GC(type)) {
+        PyObject_GC_UnTrack(self);
+    }
     if (object->weak_references != nullptr) {
         PyObject_ClearWeakRefs(self);
     }
@@ -70,6 +73,7 @@ PyObject* register_class(PyObject*, PyObject* type) {
         while (spare_count > 0) {
             instance_type->tp_free(spare[--spare_count]);
         }
+        derived->tp_dealloc = destroy;  // It has nothing of its own that Python's general way would look for.
         Py_XSETREF(instance_type, reinterpret_cast<PyTypeObject*>(Py_NewRef(type)));
         return Py_NewRef(Py_None);
     });
@@ -100,14 +104,14 @@ PyObject* wrap(KTensor tensor) noexcept {
     if (spare_count > 0) {
         PyObject* self = PyObject_Init(spare[--spare_count], instance_type);
         begin(self, std::move(tensor));
-        if (PyType_IS_GC(instance_type)) {
-            PyObject_GC_Track(self);
-        }
         return self;
     }
     PyObject* self = instance_type->tp_alloc(instance_type, 0);
     if (self != nullptr) {
         begin(self, std::move(tensor));
+        if (PyType_IS_GC(instance_type)) {
+            PyObject_GC_UnTrack(self);  // It leads to no object that could lead back.
+        }
     }
     return self;
 }

@@ -42,7 +42,25 @@ class Shrinks(list):
 
 
 # Sizes are small enough to fit into memory or so large that no machine has it.
-NUMBERS = (0, 1, -1, 2, 3, 7, -(2**31), 2**31, 2**62, -(2**63), 2**63, 10**30, 0.5, -0.0, float("nan"), float("inf"), 1j)
+NUMBERS = (
+    0,
+    1,
+    -1,
+    2,
+    3,
+    7,
+    -(2**31),
+    2**31,
+    2**62,
+    -(2**63),
+    2**63,
+    10**30,
+    0.5,
+    -0.0,
+    float("nan"),
+    float("inf"),
+    1j,
+)
 VALUES = st.one_of(
     st.sampled_from(NUMBERS),
     st.sampled_from([None, True, False, "", "float32", "x", b"", b"abc", ..., slice(None), slice(2, -9, -3), object]),
@@ -83,7 +101,9 @@ CALLS = dict(calls())
 
 
 @pytest.mark.parametrize("name", CALLS)
-@settings(max_examples=EXAMPLES, deadline=None, suppress_health_check=list(HealthCheck), database=None, derandomize=True)
+@settings(
+    max_examples=EXAMPLES, deadline=None, suppress_health_check=list(HealthCheck), database=None, derandomize=True
+)
 @given(data=st.data())
 def test_call(name, data):
     arguments = data.draw(st.lists(VALUES, min_size=0, max_size=4))
@@ -98,7 +118,9 @@ def test_call(name, data):
     assert with_recording
 
 
-@settings(max_examples=10 * EXAMPLES, deadline=None, suppress_health_check=list(HealthCheck), database=None, derandomize=True)
+@settings(
+    max_examples=10 * EXAMPLES, deadline=None, suppress_health_check=list(HealthCheck), database=None, derandomize=True
+)
 @given(items=st.lists(VALUES, max_size=4), value=VALUES)
 def test_subscripts(items, value):
     key = tuple(items) if len(items) != 1 else items[0]
