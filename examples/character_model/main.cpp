@@ -23,7 +23,7 @@ struct Options {
     std::string text = CHARACTER_MODEL_TEXT;
     int steps = 300;
     int batch = 16;
-    float learning_rate = 0.003F;
+    float learning_rate = 0.01F;
     std::uint32_t seed = 1;
     int length = 400;
 };
