@@ -56,7 +56,7 @@ Text read_text(const std::string& path, std::size_t at_least) {
 
 void train(ornik::Module& model, const Text& text, std::int64_t context, const Options& options) {
     ornik::AdamW optimizer(model.parameters(), {.beta2 = 0.99, .weight_decay = 0.01});
-    ornik::OneCycleSchedule schedule(optimizer, options.learning_rate, options.steps + 1, {.rising = 0.1});
+    ornik::OneCycleSchedule schedule(optimizer, options.learning_rate, options.steps, {.rising = 0.1});
     const KTensor window = KTensor::arange(context);
     double sum = 0;
     int count = 0;

@@ -49,6 +49,8 @@ from .autograd import set_grad_enabled as set_grad_enabled
 if TYPE_CHECKING:
     from . import autograd as autograd
     from . import io as io
+    from . import nn as nn
+    from . import optim as optim
     from . import random as random
 
 __version__: str = _ornik.version
@@ -62,7 +64,7 @@ nan = _math.nan
 newaxis = None
 
 # Imported when they are first used.
-_SUBMODULES = ("autograd", "io", "random")
+_SUBMODULES = ("autograd", "io", "nn", "optim", "random")
 
 
 def __getattr__(name: str) -> Any:
