@@ -8,7 +8,7 @@ from typing import TYPE_CHECKING
 
 from .. import _dtypes, _ornik
 from .._convert import DTypeLike
-from ._arguments import is_whole, positive, probability, shown
+from ._arguments import is_whole, positive, probability, shown, tensors
 from ._module import Module, Parameter
 
 if TYPE_CHECKING:
@@ -144,6 +144,7 @@ class Unflatten(Module):
         self.unflattened_size = tuple(unflattened_size)
 
     def forward(self, x: KTensor) -> KTensor:
+        tensors("Unflatten", x)
         if not -x.ndim <= self.dim < x.ndim:
             raise IndexError(f"Unflatten(): there is no axis {self.dim} among {x.ndim}")
         at, sizes = self.dim % x.ndim, list(self.unflattened_size)
