@@ -229,6 +229,9 @@ def test_dropout():
         )
         assert layer.eval()(x) is not None and (layer(x) == x).all()
     assert (y == y[:, :, :1]).all()
+    before = ornik.random.get_state()
+    nn.Dropout(0)(x)
+    assert ornik.random.get_state() == before
     encoder = nn.TransformerEncoderLayer(4, 2, 8)
     x = ornik.random.randn(3, 2, 4)
     assert (encoder(x) != encoder(x)).any() and (encoder.eval()(x) == encoder(x)).all()

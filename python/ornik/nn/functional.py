@@ -186,12 +186,12 @@ def log_softmax(x: KTensor, dim: int = -1) -> KTensor:
 
 def dropout(x: KTensor, p: float = 0.5, training: bool = True) -> KTensor:
     """In training, an element becomes 0 with probability p, and the others are scaled by 1 / (1 - p)."""
-    return _ornik.dropout(x, p, training)
+    return _ornik.dropout(x, p, training and p != 0)  # No random numbers for nothing.
 
 
 def dropout1d(x: KTensor, p: float = 0.5, training: bool = True) -> KTensor:
     """:func:`dropout` of whole channels of [N, C, ...]."""
-    return _ornik.dropout_channels(x, p, training)
+    return _ornik.dropout_channels(x, p, training and p != 0)
 
 
 dropout2d = dropout1d
