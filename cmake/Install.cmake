@@ -24,15 +24,14 @@ set(ORNIK_PUBLIC_HEADERS
     ktensor/autograd.h
     ktensor/convolutions.h
     ktensor/elements.h
+    ktensor/fft.h
     ktensor/files.h
-<<<<<<< HEAD
     ktensor/images.h
-=======
     ktensor/index.h
->>>>>>> main
     ktensor/indexing.h
     ktensor/joins.h
     ktensor/ktensor.h
+    ktensor/linalg.h
     ktensor/losses.h
     ktensor/networks.h
     ktensor/normalizations.h
@@ -101,6 +100,8 @@ set(ORNIK_PUBLIC_HEADERS
     tensor/scalar.h
     tensor/slices.h
     tensor/tensor.h
+    tensor/tensor_math/decompositions.h
+    tensor/tensor_math/fourier.h
     tensor/tensor_math/indexing.h
     tensor/tensor_math/linear_algebra.h
     tensor/tensor_math/matmul.h

@@ -96,6 +96,22 @@
     ROW(eigvalsh,         twice) \
     ROW(sparse_dot,       twice)
 
+#define ORNIK_DECOMPOSITION_ROWS(ROW) \
+    ROW(cholesky,         twice) \
+    ROW(qr,               twice) \
+    ROW(svd,              twice) \
+    ROW(svdvals,          twice) \
+    ROW(inv,              twice) \
+    ROW(solve,            twice) \
+    ROW(det,              twice) \
+    ROW(slogdet,          twice) \
+    ROW(pinv,             twice)
+
+#define ORNIK_FOURIER_ROWS(ROW) \
+    ROW(fft,              twice) \
+    ROW(rfft,             twice) \
+    ROW(irfft,            twice)
+
 #define ORNIK_LAYER_ROWS(ROW) \
     ROW(relu,             twice) \
     ROW(leaky_relu,       once)  \
@@ -136,6 +152,8 @@
     ORNIK_REDUCTION_ROWS(ROW)  \
     ORNIK_INDEX_ROWS(ROW)      \
     ORNIK_PRODUCT_ROWS(ROW)    \
+    ORNIK_DECOMPOSITION_ROWS(ROW) \
+    ORNIK_FOURIER_ROWS(ROW)    \
     ORNIK_LAYER_ROWS(ROW)      \
     ROW(checkpoint,       once)
 

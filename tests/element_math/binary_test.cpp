@@ -220,43 +220,7 @@ TEST(Binary, IntegersAtTheirEnds) {
     EXPECT_EQ(with(5, &Tensor::right_shift, -1), 0);
 }
 
-TEST(Binary, GradientsAreThoseOfCentralDifferences) {
-    struct Case {
-        const char* name;
-        Tensor* (*dx)(Tensor*, Tensor*, Tensor*);
-        Tensor* (*dy)(Tensor*, Tensor*, Tensor*);
-    };
-    std::vector<Case> cases;
-#define CASE(name, ...) cases.push_back({#name, name##_dx_grad, name##_dy_grad});
-    ORNIK_ARITHMETIC_PAIR_OPERATIONS(CASE)
-    for (const Case& c : cases) {
-        const BinaryReference& reference = binary_references().at(c.name);
-        for (const std::int64_t dtype : {dtype::float64, dtype::complex128}) {
-            SCOPED_TRACE(std::string(c.name) + " " + name_of_dtype(dtype));
-            const bool complex = dtype == dtype::complex128;
-            if (complex && reference.complex == nullptr) {
-                continue;
-            }
-            std::vector<CLD> a;
-            std::vector<CLD> b;
-            std::vector<CLD> g;
-            for (int i = 0; i < 24; ++i) {
-                a.emplace_back(0.35L + 0.17L * i, complex ? 0.3L : 0);
-                b.emplace_back(2.83L - 0.09L * i, complex ? -0.2L : 0);
-                g.emplace_back(1.5L - 0.1L * i, complex ? 0.25L : 0);
-            }
-            a = converted(dtype, a);
-            b = converted(dtype, b);
-            g = converted(dtype, g);
-            const TensorPtr left = make_wide(dtype, shape, a, Layout::every_other);
-            const TensorPtr right = make_wide(dtype, shape, b, Layout::transposed);
-            const TensorPtr grad = make_wide(dtype, shape, g);
-            expect_gradient(TensorPtr(c.dx(left.get(), right.get(), grad.get())), g,
-                            [&](std::size_t i, CLD step) { return evaluated(reference, a[i] + step, b[i], dtype); });
-            expect_gradient(TensorPtr(c.dy(left.get(), right.get(), grad.get())), g,
-                            [&](std::size_t i, CLD step) { return evaluated(reference, a[i], b[i] + step, dtype); });
-        }
-    }
+TEST(Binary, GradientsAtQuotientsThatRoundAndAtTies) {
     // The divisor's part counts whole quotients, those of infinite divisors and of quotients that round up too.
     const double below = std::nextafter(3e15, 0);
     const struct {
@@ -280,20 +244,6 @@ TEST(Binary, GradientsAreThoseOfCentralDifferences) {
     const TensorPtr one = make<float>({2}, {1, 1});
     const TensorPtr shared(maximum_dx_grad(same.get(), same.get(), one.get()));
     EXPECT_EQ(values_of<float>(shared), (std::vector<float>{0.5F, 1}));
-    const TensorPtr whole = make<std::int32_t>({2}, {1, 2});
-    expect_error([&] { pow_dx_grad(whole.get(), whole.get(), whole.get()); },
-                 "pow_dx_grad() is not supported for int32 tensor.", "ornik::pow_dx_grad", front_file);
-}
-
-TEST(Binary, RefusesOtherShapesAndDevices) {
-    const TensorPtr a = make<float>({2, 3}, counted<float>(6));
-    const TensorPtr b = make<float>({3}, counted<float>(3));
-    const TensorPtr far = make<float>({2, 3}, counted<float>(6));
-    far->updateDevice(1000);
-    expect_error([&] { a->less(b.get()); },
-                 "Incompatible shape: lhs has a shape of ( 2, 3 ) , rhs has a shape of ( 3 ) ", "ornik::Tensor::less",
-                 front_file);
-    expect_error([&] { a->less(far.get()); }, "Tensors in different devices", "ornik::Tensor::less", front_file);
 }
 
 // ---- Choice, clamping, closeness ----
@@ -321,8 +271,6 @@ TEST(Select, WhereOfEveryPairOfDtypesAndItsGradients) {
     const TensorPtr grad = make<float>({3}, {1, 2, 3});
     EXPECT_EQ(values_of<float>(TensorPtr(where_dx_grad(condition.get(), grad.get()))), (std::vector<float>{1, 0, 3}));
     EXPECT_EQ(values_of<float>(TensorPtr(where_dy_grad(condition.get(), grad.get()))), (std::vector<float>{0, 2, 0}));
-    expect_error([&] { where(grad.get(), grad.get(), grad.get()); }, "The condition should be a bool tensor.",
-                 "ornik::where", "src/tensor/tensor_math/tensor_select.cpp");
 }
 
 TEST(Select, MaskedFill) {
@@ -331,8 +279,6 @@ TEST(Select, MaskedFill) {
         const TensorPtr t = make<std::int16_t>({2, 2}, {1, 2, 3, 4}, layout);
         EXPECT_EQ(values_of<float>(TensorPtr(t->masked_fill(mask.get(), 0.5F))),
                   (std::vector<float>{0.5F, 2, 3, 0.5F}));
-        expect_error([&] { t->masked_fill_inplace(mask.get(), 0.5F); }, "Not supported data type casting.",
-                     "ornik::Tensor::masked_fill_inplace", "src/tensor/tensor_math/tensor_select.cpp");
         EXPECT_EQ(values_of<float>(TensorPtr(TensorPtr(t->astype(dtype::float32))->masked_fill(mask.get(), -1e9))),
                   (std::vector<float>{-1e9F, 2, 3, -1e9F}));
         t->masked_fill_inplace(mask.get(), std::int64_t{-9});

@@ -1,8 +1,9 @@
 // products.cpp: products and decompositions of matrices, and their gradients.
 #include "ktensor/products.h"
 
+#include <numeric>
+
 #include "ktensor/arithmetic.h"
-#include "ktensor/elements.h"
 #include "ktensor/indexing.h"
 #include "ktensor/operands.h"
 #include "ktensor/record.h"
@@ -128,6 +129,19 @@ KTensor kron(const KTensor& left, const KTensor& right) {
 
 namespace {
 
+// x's batch as one axis: what the decompositions below take.
+KTensor one_batch(const KTensor& x) {
+    const auto count = std::accumulate(x.shape().begin(), x.shape().end() - 2, std::int64_t{1}, std::multiplies<>());
+    return reshape(x, {count, x.size(-2), x.size(-1)});
+}
+
+// Back to a batch like x's.
+KTensor batch_of(const KTensor& y, const KTensor& x) {
+    Dims shape(x.shape().begin(), x.shape().end() - 2);
+    shape.insert(shape.end(), y.shape().begin() + 1, y.shape().end());
+    return reshape(y, shape);
+}
+
 // Recorded: V (diag(grad_values) + H(F V^H grad_vectors)) V^H, with F of linear_algebra.h and H the Hermitian part.
 KTensor eigh_gradient(const EigenPairs& pairs, const KTensor& grad_values, const KTensor& grad_vectors) {
     const KTensor adjoint = conj_of(transpose(pairs.vectors));
@@ -137,9 +151,7 @@ KTensor eigh_gradient(const EigenPairs& pairs, const KTensor& grad_values, const
     }
     if (grad_vectors.defined()) {
         const KTensor gaps = unsqueeze(pairs.values, -2) - unsqueeze(pairs.values, -1);
-        const KTensor same = equal(gaps, Scalar(0.0F));
-        const KTensor factor = where(same, Scalar(0.0F), reciprocal(where(same, Scalar(1.0F), gaps)));
-        const KTensor turns = factor * matmul(adjoint, grad_vectors);
+        const KTensor turns = autograd::inverse_or_zero(gaps) * matmul(adjoint, grad_vectors);
         const KTensor hermitian = (turns + conj_of(transpose(turns))) * 0.5;
         inner = inner.defined() ? inner + hermitian : hermitian;
     }
@@ -149,6 +161,10 @@ KTensor eigh_gradient(const EigenPairs& pairs, const KTensor& grad_values, const
 }  // namespace
 
 EigenPairs eigh(const KTensor& x) {
+    if (x.defined() && x.ndim() > 3) {
+        const EigenPairs pairs = eigh(one_batch(x));
+        return {batch_of(pairs.values, x), batch_of(pairs.vectors, x)};
+    }
     const Recorder record(Op::eigh, {&x});
     const std::vector<Tensor*> results = ornik::eigh(x.tensor());
     KTensor vectors = make_ktensor(results[0]);
@@ -169,6 +185,9 @@ EigenPairs eigh(const KTensor& x) {
 }
 
 KTensor eigvalsh(const KTensor& x) {
+    if (x.defined() && x.ndim() > 3) {
+        return batch_of(eigvalsh(one_batch(x)), x);
+    }
     const Recorder record(Op::eigvalsh, {&x});
     KTensor y = make_ktensor(ornik::eigvalsh(x.tensor()));
     if (record.active()) {

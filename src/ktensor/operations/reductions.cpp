@@ -17,6 +17,7 @@ namespace ornik {
 using autograd::Backward;
 using autograd::conj_of;
 using autograd::expand_reduced;
+using autograd::inverse_or_zero;
 using autograd::make_ktensor;
 using autograd::Op;
 using autograd::Recorder;
@@ -63,12 +64,6 @@ KTensor reduce(Op op, Reduction reduction, ReductionGradient gradient, Reduction
                       });
     }
     return y;
-}
-
-// 1 / y, and 0 where y is 0.
-KTensor inverse_or_zero(const KTensor& y) {
-    const KTensor zero = equal(y, Scalar(0.0F));
-    return where(zero, Scalar(0.0F), reciprocal(where(zero, Scalar(1.0F), y)));
 }
 
 KTensor norm_slope(const KTensor& x, const KTensor& y, const Reduced& how) {
