@@ -48,6 +48,7 @@ from .autograd import set_grad_enabled as set_grad_enabled
 
 if TYPE_CHECKING:
     from . import autograd as autograd
+    from . import data as data
     from . import io as io
     from . import nn as nn
     from . import optim as optim
@@ -64,7 +65,7 @@ nan = _math.nan
 newaxis = None
 
 # Imported when they are first used.
-_SUBMODULES = ("autograd", "io", "nn", "optim", "random")
+_SUBMODULES = ("autograd", "data", "io", "nn", "optim", "random")
 
 
 def __getattr__(name: str) -> Any:
