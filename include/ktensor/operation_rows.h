@@ -22,6 +22,9 @@
     ROW(add_scalar,       twice) \
     ROW(mul_scalar,       twice) \
     ROW(div_scalar,       twice) \
+    ROW(hypot,            twice) \
+    ROW(logaddexp,        twice) \
+    ROW(copysign,         twice) \
     ROW(where,            twice) \
     ROW(clamp,            twice) \
     ROW(clamp_min,        twice) \

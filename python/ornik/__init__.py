@@ -28,10 +28,13 @@ from ._dtypes import int32 as int32
 from ._dtypes import int64 as int64
 from ._dtypes import uint8 as uint8
 from ._elements import *
+from ._info import __array_namespace_info__ as __array_namespace_info__
 from ._joins import *
 from ._picks import *
 from ._products import *
+from ._promotion import *
 from ._reductions import *
+from ._sets import *
 from ._shapes import *
 from ._tensor import HookHandle as HookHandle
 from ._tensor import KTensor as KTensor
@@ -52,6 +55,8 @@ if TYPE_CHECKING:
     from . import random as random
 
 __version__: str = _ornik.version
+#: The version of the Python array API standard that this namespace follows.
+__array_api_version__ = "2025.12"
 
 bool = bool_
 

@@ -105,10 +105,14 @@ def roll(x: KTensor, /, shift: Shape, *, axis: Axes = None) -> KTensor:
     return _ornik.roll(x, shift, axis)
 
 
-def diff(x: KTensor, /, *, axis: int = -1, n: int = 1) -> KTensor:
-    """x[i + 1] - x[i] along an axis, n times."""
+def diff(
+    x: KTensor, /, *, axis: int = -1, n: int = 1, prepend: KTensor | None = None, append: KTensor | None = None
+) -> KTensor:
+    """x[i + 1] - x[i] along an axis, n times; of x with ``prepend`` before it and ``append`` behind it."""
     if n < 0:
         raise ValueError(f"differences are taken n >= 0 times, not {n}")
+    if prepend is not None or append is not None:
+        x = _ornik.concat([part for part in (prepend, x, append) if part is not None], axis)
     for _ in range(n):
         x = _ornik.diff(x, axis)
     return x

@@ -11,6 +11,7 @@
 #include "ktensor/operands.h"
 #include "ktensor/record.h"
 #include "ktensor/shapes.h"
+#include "tensor/tensor_math/real_pairs.h"
 #include "tensor/tensor_math/tensor_element_math.h"
 
 namespace ornik {
@@ -296,7 +297,6 @@ KTensor angle(const KTensor& x) {
 ORNIK_STEP_FUNCTION(sign)
 ORNIK_STEP_FUNCTION(floor)
 ORNIK_STEP_FUNCTION(ceil)
-ORNIK_STEP_FUNCTION(round)
 ORNIK_STEP_FUNCTION(trunc)
 ORNIK_STEP_FUNCTION(bitwise_not)
 ORNIK_STEP_FUNCTION(is_nan)
@@ -309,6 +309,16 @@ ORNIK_STEP_IN_PLACE(ceil)
 ORNIK_STEP_IN_PLACE(round)
 ORNIK_STEP_IN_PLACE(trunc)
 ORNIK_STEP_IN_PLACE(bitwise_not)
+
+KTensor round(const KTensor& x) {
+    autograd::check_defined("round", x, 0);
+    return x.is_complex() ? view_as_complex(round(view_as_real(x.detach()))) : make_ktensor(x.tensor()->round());
+}
+
+KTensor signbit(const KTensor& x) {
+    autograd::check_defined("signbit", x, 0);
+    return make_ktensor(signbit(x.tensor()));
+}
 
 #undef ORNIK_STEP_FUNCTION
 #undef ORNIK_STEP_IN_PLACE
