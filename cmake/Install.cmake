@@ -24,6 +24,7 @@ set(ORNIK_PUBLIC_HEADERS
     ktensor/autograd.h
     ktensor/convolutions.h
     ktensor/elements.h
+    ktensor/fft.h
     ktensor/files.h
 <<<<<<< HEAD
     ktensor/images.h
@@ -33,6 +34,7 @@ set(ORNIK_PUBLIC_HEADERS
     ktensor/indexing.h
     ktensor/joins.h
     ktensor/ktensor.h
+    ktensor/linalg.h
     ktensor/losses.h
     ktensor/networks.h
     ktensor/normalizations.h
@@ -40,6 +42,7 @@ set(ORNIK_PUBLIC_HEADERS
     ktensor/random.h
     ktensor/reductions.h
     ktensor/shapes.h
+    ktensor/sparse.h
     layers/conv/layer_conv.h
     layers/conv/layer_conv1D.h
     layers/conv/layer_conv2D.h
@@ -100,6 +103,8 @@ set(ORNIK_PUBLIC_HEADERS
     tensor/scalar.h
     tensor/slices.h
     tensor/tensor.h
+    tensor/tensor_math/decompositions.h
+    tensor/tensor_math/fourier.h
     tensor/tensor_math/indexing.h
     tensor/tensor_math/linear_algebra.h
     tensor/tensor_math/matmul.h

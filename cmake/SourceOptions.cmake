@@ -10,7 +10,7 @@
 # All files that include the matrix library belong to the products: its inline functions are one symbol for
 # the whole library, and the linker keeps the code of whichever file it meets first.
 set(product_sources ${ornik_sources})
-list(FILTER product_sources INCLUDE REGEX "/cpu_(product_[a-z]+|eigh_solver)\\.cpp$")
+list(FILTER product_sources INCLUDE REGEX "/cpu_(product_[a-z]+|[a-z]+_solver)\\.cpp$")
 # Row kernels, and the rows of exponentials in softmax, losses and layers, say fused() where one rounding is meant.
 # Without the flags that errno and traps would need, and with branches left to be turned into selections, their loops
 # become vector code. No complex arithmetic here.
@@ -57,8 +57,10 @@ endif()
 # Checks of every pointer in every inlined expression of the decompositions cost minutes and gigabytes of compilation;
 # the other checks of undefined behaviour, and AddressSanitizer, stay on.
 if(ORNIK_SANITIZE STREQUAL "address")
-  set_property(SOURCE ${PROJECT_SOURCE_DIR}/src/hardware/cpu/linear_algebra/cpu_eigh_solver.cpp
-               APPEND PROPERTY COMPILE_OPTIONS -fno-sanitize=null,alignment,object-size,pointer-overflow,vptr)
+  set(solver_sources ${ornik_sources})
+  list(FILTER solver_sources INCLUDE REGEX "/cpu_[a-z]+_solver\\.cpp$")
+  set_property(SOURCE ${solver_sources} APPEND PROPERTY
+    COMPILE_OPTIONS -fno-sanitize=null,alignment,object-size,pointer-overflow,vptr)
 endif()
 
 # Most files are small: reading the same headers is more than half of their compilation.

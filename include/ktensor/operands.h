@@ -38,6 +38,8 @@ KTensor scalar_tensor(const Scalar& scalar, std::int64_t dtype);
 
 /// conj(t) of a complex tensor, t itself of a real one.
 KTensor conj_of(const KTensor& t);
+/// 1 / t, and 0 where t is 0. Recorded.
+KTensor inverse_or_zero(const KTensor& t);
 
 /// Refuses results in place that the target's dtype can not hold: complex in real, floating in integers, numbers in
 /// bool. And results of another shape.

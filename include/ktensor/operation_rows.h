@@ -65,12 +65,12 @@
     ROW(var,              twice) \
     ROW(std_dev,          twice) \
     ROW(logsumexp,        twice) \
-    ROW(trace,            once)  \
+    ROW(trace,            twice) \
     ROW(max,              twice) \
     ROW(min,              twice) \
     ROW(median,           twice) \
     ROW(cumsum,           twice) \
-    ROW(cumprod,          once)  \
+    ROW(cumprod,          twice) \
     ROW(softmax,          twice) \
     ROW(log_softmax,      twice) \
     ROW(sort,             twice) \
@@ -95,8 +95,25 @@
 #define ORNIK_PRODUCT_ROWS(ROW) \
     ROW(matmul,           twice) \
     ROW(kron,             twice) \
-    ROW(eigh,             once)  \
-    ROW(eigvalsh,         once)
+    ROW(eigh,             twice) \
+    ROW(eigvalsh,         twice) \
+    ROW(sparse_dot,       twice)
+
+#define ORNIK_DECOMPOSITION_ROWS(ROW) \
+    ROW(cholesky,         twice) \
+    ROW(qr,               twice) \
+    ROW(svd,              twice) \
+    ROW(svdvals,          twice) \
+    ROW(inv,              twice) \
+    ROW(solve,            twice) \
+    ROW(det,              twice) \
+    ROW(slogdet,          twice) \
+    ROW(pinv,             twice)
+
+#define ORNIK_FOURIER_ROWS(ROW) \
+    ROW(fft,              twice) \
+    ROW(rfft,             twice) \
+    ROW(irfft,            twice)
 
 #define ORNIK_LAYER_ROWS(ROW) \
     ROW(relu,             twice) \
@@ -138,6 +155,8 @@
     ORNIK_REDUCTION_ROWS(ROW)  \
     ORNIK_INDEX_ROWS(ROW)      \
     ORNIK_PRODUCT_ROWS(ROW)    \
+    ORNIK_DECOMPOSITION_ROWS(ROW) \
+    ORNIK_FOURIER_ROWS(ROW)    \
     ORNIK_LAYER_ROWS(ROW)      \
     ROW(checkpoint,       once)
 

@@ -45,9 +45,9 @@ namespace ornik {
 /// The vector product along an axis of 3 elements; both broadcast.
 [[nodiscard]] ORNIK_API KTensor cross(const KTensor& a, const KTensor& b, int axis = -1);
 
-/// Eigenvalues, ascending, and eigenvectors in columns, of one symmetric or Hermitian matrix [n, n] or a batch
-/// [b, n, n]; the lower triangle is read. First derivatives, meaningful for functions that do not depend on the signs
-/// or phases of the vectors.
+/// Eigenvalues, ascending, and eigenvectors in columns, of symmetric or Hermitian matrices in the last two axes; the
+/// lower triangle is read. Derivatives mean something for functions that do not depend on the signs or phases of the
+/// vectors.
 struct EigenPairs {
     KTensor values;
     KTensor vectors;

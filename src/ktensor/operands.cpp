@@ -105,6 +105,11 @@ int kind_of(std::int64_t dtype) {
 
 }  // namespace
 
+KTensor inverse_or_zero(const KTensor& t) {
+    const KTensor zero = equal(t, Scalar(0.0F));
+    return where(zero, Scalar(0.0F), reciprocal(where(zero, Scalar(1.0F), t)));
+}
+
 void check_holds(const char* operation, const KTensor& target, const Dims& shape, std::int64_t dtype) {
     if (target.shape() != shape) {
         fail(where("ornik::KTensor"), operation, "(): ", describe(target), " can not hold a result of shape ",

@@ -56,6 +56,8 @@
 #include "tensor/scalar.h"
 #include "tensor/slices.h"
 #include "tensor/tensor.h"
+#include "tensor/tensor_math/decompositions.h"
+#include "tensor/tensor_math/fourier.h"
 #include "tensor/tensor_math/indexing.h"
 #include "tensor/tensor_math/linear_algebra.h"
 #include "tensor/tensor_math/matmul.h"

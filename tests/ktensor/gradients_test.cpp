@@ -202,9 +202,9 @@ std::vector<Row> reduction_rows() {
 
 std::vector<Row> all_rows() {
     std::vector<Row> rows;
-    for (std::vector<Row> (*part)() :
-         {element_rows, pair_rows, shape_rows, reduction_rows, gradcheck::index_rows, gradcheck::product_rows,
-          gradcheck::join_rows, gradcheck::layer_rows, gradcheck::network_rows, gradcheck::loss_rows}) {
+    for (std::vector<Row> (*part)() : {element_rows, pair_rows, shape_rows, reduction_rows, gradcheck::index_rows,
+                                       gradcheck::linalg_rows, gradcheck::product_rows, gradcheck::join_rows,
+                                       gradcheck::layer_rows, gradcheck::network_rows, gradcheck::loss_rows}) {
         for (Row& row : part()) {
             rows.push_back(std::move(row));
         }

@@ -17,6 +17,7 @@
 #include "ktensor/random.h"
 #include "ktensor/reductions.h"
 #include "ktensor/shapes.h"
+#include "ktensor/sparse.h"
 #include "random/generator.h"
 #include "support/expect_error.h"
 
@@ -217,6 +218,51 @@ TEST(Operations, CountsAndClasses) {
     expect_values(adaptive_max_pool(reshape(KTensor::arange(0, 9, 1, dtype::float32), {1, 1, 3, 3}), {2, 2}),
                   KTensor({{{{4.0F, 5.0F}, {7.0F, 8.0F}}}}));
     expect_values(pixel_shuffle(reshape(KTensor::arange(8), {4, 1, 2}), 2), KTensor({{{0, 2, 1, 3}, {4, 6, 5, 7}}}));
+}
+
+TEST(Operations, SparseMatricesAreTheirDenseSelves) {
+    const KTensor dense({{0, 5, 0}, {7, 0, -2}});
+    const SparseMatrix m = SparseMatrix::from_dense(dense);
+    expect_values(m.offsets(), KTensor({0, 1, 3}));
+    expect_values(m.rows(), KTensor({0, 1, 1}));
+    expect_values(m.columns(), KTensor({1, 0, 2}));
+    expect_values(m.values(), KTensor({5, 7, -2}));
+    expect_values(m.to_dense(), dense);
+    expect_values(m.transpose().to_dense(), dense.t());
+    expect_values(SparseMatrix::from_coordinates(m.rows(), m.columns(), m.values(), {2, 3}).to_dense(), dense);
+    const KTensor right = reshape(KTensor::arange(0, 6, 1, dtype::float64), {3, 2});
+    expect_values(sparse_dot(m, right), matmul(dense, right));
+    const SparseMatrix none = SparseMatrix::from_dense(KTensor::zeros({2, 3}));
+    expect_values(sparse_dot(none, KTensor::ones({3, 1})), KTensor::zeros({2, 1}));
+    EXPECT_EQ(message_of([&] { (void)sparse_dot(m, dense); }),
+              "sparse_dot(): there is no product of a sparse [2, 3] int64 and [2, 3] int64.");
+    EXPECT_EQ(message_of([&] {
+                  (void)SparseMatrix(right, right, right, {2, 3});
+              }),
+              "SparseMatrix(): positions are one axis of integers, not [3, 2] float64.");
+    EXPECT_EQ(message_of([] { (void)SparseMatrix::from_dense(KTensor({1})); }),
+              "SparseMatrix(): [1] int64 is no matrix.");
+}
+
+TEST(Operations, NoElements) {
+    const KTensor none = KTensor::zeros({0, 3});
+    EXPECT_EQ(bernoulli(none).shape(), none.shape());
+    EXPECT_EQ(binomial(none, none).shape(), none.shape());
+    EXPECT_EQ(normalize(none).shape(), none.shape());
+    EXPECT_EQ(cosine_similarity(none, none).shape(), Dims({0}));
+    EXPECT_EQ(interpolate(KTensor::zeros({0, 1, 2, 2}), {3, 4}).shape(), Dims({0, 1, 3, 4}));
+    EXPECT_EQ(pixel_shuffle(KTensor::zeros({0, 4, 2, 2}), 2).shape(), Dims({0, 1, 4, 4}));
+    EXPECT_EQ(adaptive_max_pool(KTensor::zeros({0, 1, 5, 5}), {2, 3}).shape(), Dims({0, 1, 2, 3}));
+    EXPECT_EQ(view_as_complex(KTensor::zeros({0, 2})).shape(), Dims({0}));
+    EXPECT_EQ(view_as_real(KTensor::zeros({0}, dtype::complex64)).shape(), Dims({0, 2}));
+    EXPECT_EQ(roll(none, {1, 1}, {0, 1}).shape(), none.shape());
+    EXPECT_EQ(pad(none, {{1, 0}, {0, 0}}).shape(), Dims({1, 3}));
+    EXPECT_EQ(one_hot(KTensor::zeros({0}, dtype::int32), 3).shape(), Dims({0, 3}));
+    EXPECT_EQ(outer(none.flatten(), none.flatten()).shape(), Dims({0, 0}));
+    EXPECT_EQ(unpack_sequences(KTensor::zeros({6, 0}), Packing({1, 3, 2})).shape(), Dims({3, 3, 0}));
+    EXPECT_EQ(pack_sequences(KTensor::zeros({3, 3, 0}), Packing({1, 3, 2})).shape(), Dims({6, 0}));
+    KTensor target = none;
+    EXPECT_EQ(uniform_(zero_(normal_(bernoulli_(target)))).size(), 0);
 }
 
 TEST(Operations, FillsDrawWhatCreationDraws) {

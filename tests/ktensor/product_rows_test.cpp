@@ -1,5 +1,6 @@
 // product_rows_test.cpp: gradients of products and decompositions.
 #include "ktensor/products.h"
+#include "ktensor/sparse.h"
 #include "rows.h"
 
 namespace ornik::gradcheck {
@@ -26,6 +27,22 @@ std::vector<Row> product_rows() {
         {Op::squeeze, {{2, 2, 3}, {3}}, product, true, -1.5, 1.5, "column"},
         {Op::squeeze, {{3}, {3}}, [](const Tensors& x) { return dot(x[0], x[1]); }, true, -1.5, 1.5, "dot"},
         {Op::kron, {{2, 3}, {2, 2}}, [](const Tensors& x) { return kron(x[0], x[1]); }, true},
+        {Op::sparse_dot,
+         {{4}, {3, 2}},
+         [](const Tensors& x) {
+             return sparse_dot(SparseMatrix(KTensor({0, 2, 2, 4}), KTensor({0, 2, 0, 1}), x[0], {3, 3}), x[1]);
+         },
+         true},
+        {Op::add,
+         {{3, 2}},
+         [](const Tensors& x) {
+             const SparseMatrix m = SparseMatrix::from_dense(x[0]);
+             return m.to_dense() + transpose(m.transpose().to_dense());
+         },
+         true,
+         -1.5,
+         1.5,
+         "sparse and back"},
         // The lower triangle alone is read: a function of a full matrix is symmetrized before.
         {Op::eigvalsh, {{3, 3}}, [](const Tensors& x) { return eigvalsh(spread(x[0] + conj(transpose(x[0])))); }, true},
         {Op::eigh,
@@ -39,8 +56,7 @@ std::vector<Row> product_rows() {
          true,
          -1.5,
          1.5,
-         "of eigenvectors",
-         true},
+         "of eigenvectors"},
     };
 }
 

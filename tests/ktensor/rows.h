@@ -6,6 +6,7 @@
 namespace ornik::gradcheck {
 
 std::vector<Row> index_rows();
+std::vector<Row> linalg_rows();
 std::vector<Row> product_rows();
 std::vector<Row> join_rows();
 std::vector<Row> layer_rows();

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <limits>
 
-#include "matrices.h"
+#include "dense.h"
 #include "support/expect_error.h"
 #include "support/gradients.h"
 #include "support/teams.h"
@@ -11,18 +11,6 @@
 
 namespace ornik::test {
 namespace {
-
-using Number = std::complex<double>;
-
-template <typename T>
-std::vector<Number> numbers(const std::vector<T>& values) {
-    std::vector<Number> result;
-    for (const T value : values) {
-        const auto wide = to<Complex<double>>(value);
-        result.emplace_back(wide.real, wide.imag);
-    }
-    return result;
-}
 
 // Symmetric or Hermitian matrices of numbers in [-8, 8].
 template <typename T>

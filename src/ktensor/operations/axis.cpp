@@ -7,6 +7,7 @@
 #include "ktensor/elements.h"
 #include "ktensor/indexing.h"
 #include "ktensor/joins.h"
+#include "ktensor/operands.h"
 #include "ktensor/record.h"
 #include "ktensor/reductions.h"
 #include "ktensor/shapes.h"
@@ -36,13 +37,31 @@ KTensor cumsum(const KTensor& x, int axis) {
     return y;
 }
 
+namespace {
+
+// Recorded. Each y[k] is a product of x[0 .. k]: its slope by x[i] is that of the others.
+KTensor cumprod_gradient(const KTensor& grad, const KTensor& x, int axis) {
+    const KTensor places = KTensor::arange(x.size(axis));
+    const KTensor own = equal(unsqueeze(places, 1), places);
+    const KTensor reached = less_equal(unsqueeze(places, 1), places);
+    const KTensor others = cumprod(where(own, Scalar(1.0F), unsqueeze(moveaxis(x, axis, -1), -2)), -1);
+    const KTensor terms = unsqueeze(moveaxis(grad, axis, -1), -2) * autograd::conj_of(others);
+    return moveaxis(sum(where(reached, terms, Scalar(0.0F)), {-1}), -1, axis);
+}
+
+}  // namespace
+
 KTensor cumprod(const KTensor& x, int axis) {
     const Recorder record(Op::cumprod, {&x});
     autograd::wrap_axis("cumprod", x, axis);
     KTensor y = make_ktensor(ornik::cumprod(x.tensor(), axis));
     if (record.active()) {
         record.finish(y, {record.operand(0)}, [axis](Backward& pass) {
-            pass.give(0, cumprod_grad(pass.grad().tensor(), pass.saved_raw(0), axis));
+            if (pass.recorded()) {
+                pass.give(0, cumprod_gradient(pass.grad(), pass.saved(0), axis));
+            } else {
+                pass.give(0, cumprod_grad(pass.grad().tensor(), pass.saved_raw(0), axis));
+            }
         });
     }
     return y;
@@ -168,7 +187,7 @@ KTensor histogram(const KTensor& x, std::int64_t bins, double low, double high) 
     const KTensor found = searchsorted(edges, values, true) - Scalar(std::int64_t{1});
     const KTensor inside = logical_and(greater_equal(values, Scalar(low)), less_equal(values, Scalar(high)));
     const KTensor places = where(inside, minimum(found, Scalar(bins - 1)), Scalar(bins));
-    return split(bincount(places, KTensor(), bins + 1), Dims{bins, 1})[0];
+    return narrow(bincount(places, KTensor(), bins + 1), 0, 0, bins);
 }
 
 KTensor searchsorted(const KTensor& sorted, const KTensor& values, bool right) {

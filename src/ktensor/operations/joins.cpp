@@ -51,17 +51,10 @@ Dims with_extent(Dims shape, std::size_t axis, std::int64_t extent) {
     return shape;
 }
 
-// One position for each slice of an axis, for all elements of a tensor of `shape`.
-KTensor along(const KTensor& positions, const Dims& shape, std::size_t axis) {
-    Dims line(shape.size(), 1);
-    line[axis] = positions.size();
-    return broadcast_to(reshape(positions, line), shape);
-}
-
 // Slices that came from `positions` of the axis, which has `extent`, added up there. Recorded.
 KTensor add_slices(const KTensor& slices, const KTensor& positions, std::size_t axis, std::int64_t extent) {
     const KTensor zeros = KTensor::zeros(with_extent(slices.shape(), axis, extent), slices.dtype());
-    return scatter_add(zeros, static_cast<int>(axis), along(positions, slices.shape(), axis), slices);
+    return index_add(zeros, static_cast<int>(axis), positions, slices);
 }
 
 }  // namespace
@@ -403,7 +396,7 @@ KTensor diff(const KTensor& x, int axis) {
     if (extent == 0) {
         fail(where("ornik::diff"), "diff(): axis ", chosen, " of ", describe(x), " has no elements.");
     }
-    return split(x, Dims{1, extent - 1}, axis)[1] - split(x, Dims{extent - 1, 1}, axis)[0];
+    return narrow(x, axis, 1, extent - 1) - narrow(x, axis, 0, extent - 1);
 }
 
 // ---- Padding ----

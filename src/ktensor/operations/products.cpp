@@ -1,7 +1,11 @@
 // products.cpp: products and decompositions of matrices, and their gradients.
 #include "ktensor/products.h"
 
+#include <numeric>
+
 #include "ktensor/arithmetic.h"
+#include "ktensor/elements.h"
+#include "ktensor/indexing.h"
 #include "ktensor/operands.h"
 #include "ktensor/record.h"
 #include "ktensor/reductions.h"
@@ -124,7 +128,44 @@ KTensor kron(const KTensor& left, const KTensor& right) {
 
 // ---- Decompositions ----
 
+namespace {
+
+// x's batch as one axis: what the decompositions below take.
+KTensor one_batch(const KTensor& x) {
+    const auto count = std::accumulate(x.shape().begin(), x.shape().end() - 2, std::int64_t{1}, std::multiplies<>());
+    return reshape(x, {count, x.size(-2), x.size(-1)});
+}
+
+// Back to a batch like x's.
+KTensor batch_of(const KTensor& y, const KTensor& x) {
+    Dims shape(x.shape().begin(), x.shape().end() - 2);
+    shape.insert(shape.end(), y.shape().begin() + 1, y.shape().end());
+    return reshape(y, shape);
+}
+
+// Recorded: V (diag(grad_values) + H(F V^H grad_vectors)) V^H, with F of linear_algebra.h and H the Hermitian part.
+KTensor eigh_gradient(const EigenPairs& pairs, const KTensor& grad_values, const KTensor& grad_vectors) {
+    const KTensor adjoint = conj_of(transpose(pairs.vectors));
+    KTensor inner;
+    if (grad_values.defined()) {
+        inner = diag_embed(astype(grad_values, pairs.vectors.dtype()));
+    }
+    if (grad_vectors.defined()) {
+        const KTensor gaps = unsqueeze(pairs.values, -2) - unsqueeze(pairs.values, -1);
+        const KTensor turns = autograd::inverse_or_zero(gaps) * matmul(adjoint, grad_vectors);
+        const KTensor hermitian = (turns + conj_of(transpose(turns))) * 0.5;
+        inner = inner.defined() ? inner + hermitian : hermitian;
+    }
+    return matmul(matmul(pairs.vectors, inner), adjoint);
+}
+
+}  // namespace
+
 EigenPairs eigh(const KTensor& x) {
+    if (x.defined() && x.ndim() > 3) {
+        const EigenPairs pairs = eigh(one_batch(x));
+        return {batch_of(pairs.values, x), batch_of(pairs.vectors, x)};
+    }
     const Recorder record(Op::eigh, {&x});
     const std::vector<Tensor*> results = ornik::eigh(x.tensor());
     KTensor vectors = make_ktensor(results[0]);
@@ -133,6 +174,10 @@ EigenPairs eigh(const KTensor& x) {
         KTensor* outputs[] = {&values, &vectors};
         record.finish(std::span<KTensor* const>(outputs), {Recorder::output(values, 0), Recorder::output(vectors, 1)},
                       [](Backward& pass) {
+                          if (pass.recorded()) {
+                              pass.give(0, eigh_gradient({pass.saved(0), pass.saved(1)}, pass.grad(0), pass.grad(1)));
+                              return;
+                          }
                           pass.give(0, eigh_grad_from(pass.grad(1).tensor(), pass.grad(0).tensor(), pass.saved_raw(1),
                                                       pass.saved_raw(0)));
                       });
@@ -141,11 +186,16 @@ EigenPairs eigh(const KTensor& x) {
 }
 
 KTensor eigvalsh(const KTensor& x) {
+    if (x.defined() && x.ndim() > 3) {
+        return batch_of(eigvalsh(one_batch(x)), x);
+    }
     const Recorder record(Op::eigvalsh, {&x});
     KTensor y = make_ktensor(ornik::eigvalsh(x.tensor()));
     if (record.active()) {
-        record.finish(y, {record.operand(0)},
-                      [](Backward& pass) { pass.give(0, eigvalsh_grad(pass.grad().tensor(), pass.saved_raw(0))); });
+        record.finish(y, {record.operand(0)}, [](Backward& pass) {
+            pass.give(0, pass.recorded() ? eigh_gradient(eigh(pass.saved(0)), pass.grad(), KTensor())
+                                         : make_ktensor(eigvalsh_grad(pass.grad().tensor(), pass.saved_raw(0))));
+        });
     }
     return y;
 }

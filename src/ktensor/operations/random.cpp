@@ -1,6 +1,8 @@
 // random.cpp: random numbers by given probabilities, and in place.
 #include "ktensor/random.h"
 
+#include <algorithm>
+
 #include "ktensor/autograd.h"
 #include "ktensor/operands.h"
 #include "ktensor/record.h"
@@ -12,13 +14,17 @@ using autograd::Shown;
 
 KTensor bernoulli(const KTensor& probabilities) {
     autograd::check_defined("bernoulli", probabilities, 0);
-    return make_ktensor(Tensor::bernoulli(probabilities.tensor()));
+    return probabilities.size() == 0 ? KTensor::empty_like(probabilities)
+                                     : make_ktensor(Tensor::bernoulli(probabilities.tensor()));
 }
 
 KTensor binomial(const KTensor& trials, const KTensor& probabilities) {
     autograd::check_defined("binomial", trials, 0);
     autograd::check_defined("binomial", probabilities, 1);
     const Dims shape = autograd::broadcast_shape("binomial", trials, probabilities);
+    if (trials.dtype() == probabilities.dtype() && std::find(shape.begin(), shape.end(), 0) != shape.end()) {
+        return KTensor::empty(shape, trials.dtype());
+    }
     return make_ktensor(Tensor::binomial(Shown(trials, shape).get(), Shown(probabilities, shape).get()));
 }
 

@@ -6,6 +6,7 @@
 #include "ktensor/arithmetic.h"
 #include "ktensor/axes.h"
 #include "ktensor/elements.h"
+#include "ktensor/indexing.h"
 #include "ktensor/operands.h"
 #include "ktensor/record.h"
 #include "ktensor/shapes.h"
@@ -16,6 +17,7 @@ namespace ornik {
 using autograd::Backward;
 using autograd::conj_of;
 using autograd::expand_reduced;
+using autograd::inverse_or_zero;
 using autograd::make_ktensor;
 using autograd::Op;
 using autograd::Recorder;
@@ -62,12 +64,6 @@ KTensor reduce(Op op, Reduction reduction, ReductionGradient gradient, Reduction
                       });
     }
     return y;
-}
-
-// 1 / y, and 0 where y is 0.
-KTensor inverse_or_zero(const KTensor& y) {
-    const KTensor zero = equal(y, Scalar(0.0F));
-    return where(zero, Scalar(0.0F), reciprocal(where(zero, Scalar(1.0F), y)));
 }
 
 KTensor norm_slope(const KTensor& x, const KTensor& y, const Reduced& how) {
@@ -261,10 +257,14 @@ KTensor count_nonzero(const KTensor& x, const std::vector<int>& axes, bool keep_
 
 KTensor trace(const KTensor& x, std::int64_t offset, int axis1, int axis2) {
     const Recorder record(Op::trace, {&x});
+    autograd::wrap_axes("trace", x, {axis1, axis2});
     KTensor y = make_ktensor(ornik::trace(x.tensor(), offset, axis1, axis2));
     if (record.active()) {
-        record.finish(y, {record.operand(0)}, [offset, axis1, axis2](Backward& pass) {
-            pass.give(0, trace_grad(pass.grad().tensor(), pass.saved_raw(0), offset, axis1, axis2));
+        record.finish(y, {}, [offset, axis1, axis2](Backward& pass) {
+            const KTensor zeros = KTensor::zeros(pass.operand_shape(0), pass.grad().dtype());
+            const Dims walked = diagonal(zeros, offset, axis1, axis2).shape();
+            const KTensor source = broadcast_to(unsqueeze(pass.grad(), -1), walked);
+            pass.give(0, diagonal_scatter(zeros, source, offset, axis1, axis2));
         });
     }
     return y;

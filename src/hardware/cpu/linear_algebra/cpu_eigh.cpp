@@ -2,30 +2,21 @@
 #include "hardware/cpu/linear_algebra/cpu_eigh.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
 #include <complex>
 #include <vector>
 
 #include "../product/cpu_product_kernels.h"
 #include "eigh_solver.h"
+#include "first_failure.h"
 #include "hardware/cpu/dispatch.h"
 #include "hardware/cpu/elements/element_math.h"
 #include "hardware/parallel.h"
+#include "solver_scalar.h"
 
 namespace ornik::device::cpu {
 
 namespace {
-
-// The type that solver and products compute in; complex ones have the same two parts in the same order.
-template <typename T>
-struct SolverScalar {
-    using type = T;
-};
-template <typename T>
-struct SolverScalar<complex_scalar::complex<T>> {
-    using type = std::complex<T>;
-};
 
 // Element 0 of item `index` of a batch of items of `size` elements; null for a null tensor.
 template <typename T>
@@ -47,23 +38,9 @@ void for_matrices(const Tensor* x, const Body& body) {
     parallel_for(batch_of(x), 1, grain, body);
 }
 
-// The lowest position that any worker reports.
-class FirstFailure {
-  public:
-    void report(std::int64_t index) {
-        std::int64_t lowest = first_.load();
-        while ((lowest == all_matrices || index < lowest) && !first_.compare_exchange_weak(lowest, index)) {
-        }
-    }
-    std::int64_t get() const { return first_.load(); }
-
-  private:
-    std::atomic<std::int64_t> first_{all_matrices};
-};
-
 template <typename T>
 std::int64_t decompose(const Tensor* x, Tensor* vectors, Tensor* values) {
-    using Scalar = typename SolverScalar<T>::type;
+    using Scalar = SolverScalar<T>;
     using Real = element::Coefficient<T>;
     FirstFailure failure;
     for_matrices(x, [&](std::int64_t begin, std::int64_t end) {
@@ -91,7 +68,7 @@ std::int64_t decompose_any(const Where& at, const char* kernel, const Tensor* x,
 template <typename T>
 void gradient(const Tensor* vectors, const Tensor* values, const Tensor* grad_vectors, const Tensor* grad_values,
               Tensor* out) {
-    using Scalar = typename SolverScalar<T>::type;
+    using Scalar = SolverScalar<T>;
     using Real = element::Coefficient<T>;
     const std::int64_t n = out->Shape().back();
     const auto multiply = [n](bool transpose_a, const Scalar* a, bool transpose_b, const Scalar* b, Scalar* c) {

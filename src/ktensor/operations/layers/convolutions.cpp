@@ -3,6 +3,7 @@
 
 #include <numeric>
 
+#include "ktensor/indexing.h"
 #include "ktensor/joins.h"
 #include "ktensor/record.h"
 #include "ktensor/reductions.h"
@@ -95,7 +96,7 @@ KTensor window_maxima(const KTensor& x, int axis, std::int64_t parts) {
     for (std::int64_t i = 0; i < parts; ++i) {
         const std::int64_t begin = i * extent / parts;
         const std::int64_t end = ((i + 1) * extent + parts - 1) / parts;
-        maxima.push_back(max(split(x, Dims{begin, end - begin, extent - end}, axis)[1], {axis}));
+        maxima.push_back(max(narrow(x, axis, begin, end - begin), {axis}));
     }
     return stack(maxima, axis);
 }

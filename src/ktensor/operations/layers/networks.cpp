@@ -220,9 +220,24 @@ KTensor one_hot(const KTensor& indices, std::int64_t classes, std::int64_t dtype
     return astype(equal(unsqueeze(indices, -1), KTensor::arange(classes)), dtype);
 }
 
+namespace {
+
+// Sequences of elements that have none.
+KTensor no_elements(const KTensor& x, const Dims& lead, std::size_t dropped) {
+    Dims shape = lead;
+    shape.insert(shape.end(), x.shape().begin() + static_cast<std::ptrdiff_t>(dropped), x.shape().end());
+    return KTensor::empty(shape, x.dtype());
+}
+
+}  // namespace
+
 KTensor pack_sequences(const KTensor& padded, const Packing& packing) {
     const Recorder record(Op::pack_sequences, {&padded});
-    KTensor y = make_ktensor(ornik::pack_sequences(padded.tensor(), packing));
+    const auto batch = static_cast<std::int64_t>(packing.lengths().size());
+    const bool is_empty =
+        padded.ndim() > 2 && padded.size() == 0 && padded.size(0) == batch && padded.size(1) >= packing.steps();
+    KTensor y = is_empty ? no_elements(padded, {packing.entries()}, 2)
+                         : make_ktensor(ornik::pack_sequences(padded.tensor(), packing));
     if (record.active()) {
         record.finish(y, {}, [packing = std::make_shared<const Packing>(packing)](Backward& pass) {
             pass.give(0, unpack_sequences(pass.grad(), *packing, pass.operand_shape(0)[1]));
@@ -233,7 +248,12 @@ KTensor pack_sequences(const KTensor& padded, const Packing& packing) {
 
 KTensor unpack_sequences(const KTensor& packed, const Packing& packing, std::int64_t steps, double padding) {
     const Recorder record(Op::unpack_sequences, {&packed});
-    KTensor y = make_ktensor(ornik::unpack_sequences(packed.tensor(), packing, steps, padding));
+    const auto batch = static_cast<std::int64_t>(packing.lengths().size());
+    const std::int64_t extent = steps == 0 ? packing.steps() : steps;
+    const bool is_empty =
+        packed.ndim() > 1 && packed.size() == 0 && packed.size(0) == packing.entries() && extent >= packing.steps();
+    KTensor y = is_empty ? no_elements(packed, {batch, extent}, 1)
+                         : make_ktensor(ornik::unpack_sequences(packed.tensor(), packing, steps, padding));
     if (record.active()) {
         record.finish(y, {}, [packing = std::make_shared<const Packing>(packing)](Backward& pass) {
             pass.give(0, pack_sequences(pass.grad(), *packing));
