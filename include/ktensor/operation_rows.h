@@ -103,6 +103,7 @@
     ROW(cholesky,         twice) \
     ROW(qr,               twice) \
     ROW(svd,              twice) \
+    ROW(eig,              twice) \
     ROW(svdvals,          twice) \
     ROW(inv,              twice) \
     ROW(solve,            twice) \

@@ -51,7 +51,9 @@ from .autograd import set_grad_enabled as set_grad_enabled
 
 if TYPE_CHECKING:
     from . import autograd as autograd
+    from . import fft as fft
     from . import io as io
+    from . import linalg as linalg
     from . import random as random
 
 __version__: str = _ornik.version
@@ -67,7 +69,7 @@ nan = _math.nan
 newaxis = None
 
 # Imported when they are first used.
-_SUBMODULES = ("autograd", "io", "random")
+_SUBMODULES = ("autograd", "fft", "io", "linalg", "random")
 
 
 def __getattr__(name: str) -> Any:

@@ -6,7 +6,7 @@ from collections.abc import Sequence
 from typing import TYPE_CHECKING
 
 from . import _ornik
-from ._convert import Axes, Number, Shape
+from ._convert import Axes, Number, Shape, is_tensor
 
 if TYPE_CHECKING:
     from ._tensor import KTensor
@@ -95,6 +95,8 @@ def tile(x: KTensor, repetitions: Shape, /) -> KTensor:
 
 def repeat(x: KTensor, repeats: int | KTensor, /, *, axis: int | None = None) -> KTensor:
     """Every element, or every slice of an axis, several times in a row."""
+    if is_tensor(repeats) and repeats.size == 1:
+        repeats = int(repeats)
     return _ornik.repeat(_ornik.reshape(x, -1), repeats, 0) if axis is None else _ornik.repeat(x, repeats, axis)
 
 

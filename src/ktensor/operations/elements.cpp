@@ -294,7 +294,6 @@ KTensor angle(const KTensor& x) {
         return x;                                                                                 \
     }
 
-ORNIK_STEP_FUNCTION(sign)
 ORNIK_STEP_FUNCTION(floor)
 ORNIK_STEP_FUNCTION(ceil)
 ORNIK_STEP_FUNCTION(trunc)
@@ -309,6 +308,13 @@ ORNIK_STEP_IN_PLACE(ceil)
 ORNIK_STEP_IN_PLACE(round)
 ORNIK_STEP_IN_PLACE(trunc)
 ORNIK_STEP_IN_PLACE(bitwise_not)
+
+// Zeros have none here.
+KTensor sign(const KTensor& x) {
+    autograd::check_defined("sign", x, 0);
+    KTensor y = make_ktensor(x.tensor()->sign());
+    return y.is_floating() || y.is_complex() ? add(y, Scalar(0.0F)) : y;
+}
 
 KTensor round(const KTensor& x) {
     autograd::check_defined("round", x, 0);
