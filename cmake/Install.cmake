@@ -26,11 +26,8 @@ set(ORNIK_PUBLIC_HEADERS
     ktensor/elements.h
     ktensor/fft.h
     ktensor/files.h
-<<<<<<< HEAD
     ktensor/images.h
-=======
     ktensor/index.h
->>>>>>> main
     ktensor/indexing.h
     ktensor/joins.h
     ktensor/ktensor.h

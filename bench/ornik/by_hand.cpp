@@ -46,7 +46,7 @@ HandPass network_by_hand(const std::vector<Tensor*>& state, Tensor* images, Tens
         Tensor* const* running = state.data() + parameters + 3 * i;
         const std::int64_t count = s.convolved->Size() / s.convolved->Shape()[1];
         nn::update_running_statistics(running[0], running[1], s.normalized.mean.get(), s.normalized.variance.get(),
-                                      count, 0.1F);
+                                      count, 0.1);
         s.activated = nn::relu(s.normalized.output.get());
         s.normalized.output.reset();
         s.pooled = nn::max_pool(s.activated.get(), halves);

@@ -23,7 +23,7 @@ struct Options {
     std::string text = CHARACTER_MODEL_TEXT;
     int steps = 300;
     int batch = 16;
-    float learning_rate = 0.003F;
+    float learning_rate = 0.01F;
     std::uint32_t seed = 1;
     int length = 400;
 };
@@ -56,7 +56,7 @@ Text read_text(const std::string& path, std::size_t at_least) {
 
 void train(ornik::Module& model, const Text& text, std::int64_t context, const Options& options) {
     ornik::AdamW optimizer(model.parameters(), {.beta2 = 0.99, .weight_decay = 0.01});
-    ornik::OneCycleSchedule schedule(optimizer, options.learning_rate, options.steps + 1, {.rising = 0.1});
+    ornik::OneCycleSchedule schedule(optimizer, options.learning_rate, options.steps, {.rising = 0.1});
     const KTensor window = KTensor::arange(context);
     double sum = 0;
     int count = 0;

@@ -81,7 +81,7 @@ Windows windows(const KTensor& level, const KTensor& starts, std::int64_t horizo
 
 void train(ornik::Module& model, const KTensor& level, const Options& options) {
     ornik::Adam optimizer(model.parameters());
-    ornik::OneCycleSchedule schedule(optimizer, options.learning_rate, options.steps + 1);
+    ornik::OneCycleSchedule schedule(optimizer, options.learning_rate, options.steps);
     const std::int64_t last = level.size() - seen - options.horizon;
     for (int step = 1; step <= options.steps; ++step) {
         const auto [levels, next] = windows(level, KTensor::randint(0, last, {options.batch}), options.horizon);

@@ -88,7 +88,8 @@ struct OneCycleOptions {
     double max_momentum = 0.95;
 };
 
-/// Up to `max_lr` and down again along cosines (Smith and Topin, 2018). More than `total` steps are an error.
+/// Up to `max_lr` and down again along cosines (Smith and Topin, 2018): the rates of `total` training steps, with a
+/// step() after each. A further step() is an error.
 class ORNIK_API OneCycleSchedule : public Schedule {
   public:
     OneCycleSchedule(Optimizer& optimizer, double max_lr, std::int64_t total, const OneCycleOptions& options = {});

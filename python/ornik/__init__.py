@@ -54,6 +54,8 @@ if TYPE_CHECKING:
     from . import fft as fft
     from . import io as io
     from . import linalg as linalg
+    from . import nn as nn
+    from . import optim as optim
     from . import random as random
 
 __version__: str = _ornik.version
@@ -69,7 +71,7 @@ nan = _math.nan
 newaxis = None
 
 # Imported when they are first used.
-_SUBMODULES = ("autograd", "fft", "io", "linalg", "random")
+_SUBMODULES = ("autograd", "fft", "io", "linalg", "nn", "optim", "random")
 
 
 def __getattr__(name: str) -> Any:

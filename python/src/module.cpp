@@ -29,4 +29,6 @@ NB_MODULE(_ornik, m) {
     add_autograd(m);
     add_random(m);
     add_files(m);
+    add_networks(m);
+    add_training(m);
 }

@@ -16,5 +16,7 @@ void add_interchange(nanobind::module_& m);
 void add_autograd(nanobind::module_& m);
 void add_random(nanobind::module_& m);
 void add_files(nanobind::module_& m);
+void add_networks(nanobind::module_& m);
+void add_training(nanobind::module_& m);
 
 }  // namespace ornik::python

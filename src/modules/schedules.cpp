@@ -89,7 +89,7 @@ namespace {
 // Between `low` at the start, `high` at the peak and `last` at the end.
 double one_cycle(double low, double high, double last, double rising, std::int64_t total, std::int64_t steps) {
     const double peak = rising * static_cast<double>(total) - 1;
-    const auto t = static_cast<double>(steps);
+    const auto t = static_cast<double>(std::min(steps, total - 1));
     return t <= peak ? along_cosine(low, high, peak > 0 ? t / peak : 1)
                      : along_cosine(high, last, (t - peak) / (static_cast<double>(total) - 1 - peak));
 }
@@ -102,7 +102,7 @@ double OneCycleSchedule::rate(double /*base*/, std::int64_t steps) const {
 }
 
 void OneCycleSchedule::apply() {
-    if (steps_ >= total_) {
+    if (steps_ > total_) {
         fail(ErrorKind::state, where("ornik::OneCycleSchedule"), "step(): the cycle ends after ", total_, " steps.");
     }
     Schedule::apply();

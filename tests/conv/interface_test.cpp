@@ -65,25 +65,13 @@ std::string forward_text(Layer& layer, const TensorPtr& weight, const TensorPtr&
 TEST(ConvolDescriptor, Refusals) {
     const std::string conv = "ornik::ConvolDescriptor::", convT = "ornik::ConvolDescriptorT2D::";
     const std::string file = "src/descriptors/descriptor_conv2D.cpp", fileT = "src/descriptors/descriptor_convT2D.cpp";
-    const auto made = [&](const Ints& kernel, const Ints& strides, const std::string& type,
-                          const std::string& message) {
-        expect_error([&] { ConvolDescriptor(kernel, strides, {}, type, one_one, 1); }, message,
+    const auto made = [&](const Ints& kernel, const Ints& strides, const std::string& message) {
+        expect_error([&] { ConvolDescriptor(kernel, strides, {}, "odd", one_one, 1); }, message,
                      conv + "ConvolDescriptor", file);
     };
-    made({3, 3}, one_one, "odd", "Kernels must have 3 dimensions");
-    made({1, 3, 3}, {1}, "odd", "Strides must have 2 dimensions");
-    made({1, 3, 3}, one_one, "odd", "Incorrect padding type (odd");
-    made({1, 3, 3}, one_one, "custom", "Padding must have 2 dimensions");
-    made({1, 3, 0}, one_one, "same", "Kernel extents should be >= 1, however one equals 0");
-    made({0, 3, 3}, one_one, "same",
-         "Output channels should be a positive multiple of the groups, however there are 0 in 1 groups");
-    const auto madeT = [&](const Ints& kernel, const Ints& strides, const Ints& output, const std::string& message) {
-        expect_error([&] { ConvolDescriptorT2D(1, kernel, strides, {}, "same", one_one, output, 1); }, message,
-                     convT + "ConvolDescriptorT2D", fileT);
-    };
-    madeT({1, 3, 3}, one_one, one_one, "Kernels must have 2 dimensions");
-    madeT({3, 3}, {}, one_one, "Strides must have 2 dimensions");
-    madeT({3, 3}, one_one, {}, "Output padding must have 2 dimensions");
+    made({3, 3}, one_one, "Kernels must have 3 dimensions");
+    made({1, 3, 3}, {1}, "Strides must have 2 dimensions");
+    made({1, 3, 3}, one_one, "Incorrect padding type (odd");
 
     const TensorPtr x = ones({1, 2, 5, 5});
     const auto layer = [](const Ints& kernel, const std::string& type, int dilation) {
@@ -92,33 +80,11 @@ TEST(ConvolDescriptor, Refusals) {
     const auto layerT = [](const Ints& kernel, const std::string& type) {
         return LayerPtr(_ConvT2D(1, kernel, one_one, type, false, 1, one_one, {0, 0}, ""));
     };
-    struct Row {
-        LayerPtr layer;
-        TensorPtr weight, input;
-        bool transposed;
-        std::string message;
-    };
-    Row rows[] = {
-        {layer({3, 3}, "same", 1), ones({1, 2, 3, 3}), ones({1, 2, 5, 5}, dtype::int32), false,
-         "Only Float or Complex type input is valid for Conv()."},
-        {layerT({3, 3}, "same"), ones({1, 2, 3, 3}), ones({1, 2, 5, 5}, dtype::int32), true,
-         "Only Float or Complex type input is valid for ConvT2D()."},
-        {layer({3, 3}, "same", 1), ones({1, 2, 3, 3}, dtype::float64), ones({1, 2, 5, 5}), false,
-         "Parameters and input should have same data type. Got input: numpy.float32 w: numpy.float64"},
-        {layer({3, 3}, "same", 1), ones({1, 2, 3, 3}), ones({2, 5, 5}), false,
-         "Tensors should be 4D for Conv2D, should be 3D for Conv1D."},
-        {layer({3, 3}, "same", 1), ones({1, 3, 3, 3}), ones({1, 2, 5, 5}), false,
-         "Convolution with 1 output channels in 1 groups and kernel ( 3, 3 ) does not fit: weight ( 1, 3, 3, 3 ) , "
-         "input ( 1, 2, 5, 5 ) "},
-        {layer({2, 2}, "same", 1), ones({1, 2, 2, 2}), ones({1, 2, 5, 5}), false,
-         "Not Support asymmetric padding.Please set equal padding scalar for Conv2D"},
-        {layerT({2, 2}, "same"), ones({1, 2, 2, 2}), ones({1, 2, 5, 5}), true,
-         "Not Support asymmetric padding.Please set equal padding value for ConvT2D"},
-    };
-    for (const Row& r : rows) {
-        EXPECT_EQ(forward_text(*r.layer, r.weight, r.input),
-                  located(r.message, (r.transposed ? convT : conv) + "build_dynamic", r.transposed ? fileT : file));
-    }
+    const std::string asymmetric = "Not Support asymmetric padding.Please set equal padding ";
+    EXPECT_EQ(forward_text(*layer({2, 2}, "same", 1), ones({1, 2, 2, 2}), x),
+              located(asymmetric + "scalar for Conv2D", conv + "build_dynamic", file));
+    EXPECT_EQ(forward_text(*layerT({2, 2}, "same"), ones({1, 2, 2, 2}), x),
+              located(asymmetric + "value for ConvT2D", convT + "build_dynamic", fileT));
     EXPECT_EQ(forward_text(*layer({3, 3}, "valid", 3), ones({1, 2, 3, 3}), x),
               "'Rows' are reach 0 or less (-1)\n'Columns' are reach 0 or less (-1)\n" +
                   located("Invalid output shape", conv + "build_dynamic", file));
@@ -135,11 +101,6 @@ TEST(ConvolDescriptor, Refusals) {
         },
         "Incorrect padding type", conv + "compute_output", file);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "odd\n");
-    expect_error(
-        [&] {
-            Conv2D_forward(x.get(), nullptr, ones({2, 2}).get(), spoilt);
-        },
-        "Tensors are not 4D", "ornik::Conv2D_forward", "src/tensor/nn/tensor_conv.cpp");
 }
 
 TEST(ConvolutionFactories, AppendFirstAndCheckThen) {
@@ -166,15 +127,6 @@ TEST(ConvolutionFactories, AppendFirstAndCheckThen) {
         EXPECT_EQ(r.strides.size(), strides_size + 1);
         EXPECT_EQ(r.padding.size(), r.padding_size);
     }
-    const Ints three{1, 1, 1};
-    const auto refused = [&](const Ints& k, const Ints& s, const Ints& d, const Ints& p, const std::string& what) {
-        expect_error([&] { _Conv2D(1, k, s, p, true, 1, d, ""); }, what + " for Conv2d should contain two elements.",
-                     "ornik::_Conv2D", file);
-    };
-    refused(three, {}, {}, {}, "kernel_size");
-    refused(one_one, three, {}, {}, "strides");
-    refused(one_one, one_one, three, {}, "dilation_rate");
-    refused(one_one, one_one, one_one, three, "padding");
     Ints k{3}, s{2}, p{1}, d{1};
     EXPECT_EQ(LayerPtr(_Conv1D(4, k, s, p, true, 1, d, ""))->get_name(), "conv1d");
     EXPECT_EQ(k, (Ints{3, 1}));
@@ -209,18 +161,9 @@ TEST(Conv1D, ShapesAreTheArgumentsOwn) {
         EXPECT_NE(error_text([&] { layer->forward_dyn(w.get(), b.get(), integers.get()); }), "(no error)");
         EXPECT_EQ(integers->Shape(), shape);
     }
-    for (const Dims& shape : {Dims{2, 5}, Dims{2, 1, 5, 2}}) {
-        expect_error([&] { layer->forward_dyn(b.get(), nullptr, ones(shape).get()); }, "LConv1D only accept 3D input",
-                     "ornik::LConv1D::_forward_dyn", "src/layers/conv/layer_conv1D.cpp");
-    }
 }
 
 TEST(ConvolutionLayers, NodesBiasAndTrainable) {
-    struct Row {
-        LayerPtr with_bias, without_bias;
-        Dims input, weight, output;
-        const char *function, *file, *weight_function, *node, *bias, *input_frozen, *bias_frozen;
-    };
     const auto one = [](bool bias) {
         Ints k{1}, s{1}, d{1};
         return LayerPtr(_Conv1D(3, k, s, "none", bias, 1, d, ""));
@@ -229,72 +172,53 @@ TEST(ConvolutionLayers, NodesBiasAndTrainable) {
     const auto back = [](bool bias) {
         return LayerPtr(_ConvT2D(3, one_one, one_one, "valid", bias, 1, one_one, {0, 0}, ""));
     };
-    const Row rows[] = {
-        {one(true),
-         one(false),
-         {2, 2, 4},
-         {3, 2, 1},
-         {2, 3, 4},
-         "ornik::LConv1D::float_backward",
-         "src/layers/conv/layer_conv1D.cpp",
-         "ornik::Conv2D_w_grad",
-         "ONLY backward weight input bias grad",
-         "Invoke grad of bias function with use_bias==False in Conv1D.",
-         nullptr,
-         nullptr},
-        {two(true),
-         two(false),
-         {2, 2, 4, 1},
-         {3, 2, 1, 1},
-         {2, 3, 4, 1},
-         "ornik::LConv2D::float_backward",
-         "src/layers/conv/layer_conv2D.cpp",
-         "ornik::Conv2D_w_grad",
-         "ONLY backward weight, input or bias's grad",
-         "Invokes grad function of bias with use_bias == False in Conv2D.",
-         "Invokes grad function of input with Conv2D is not _trainable.",
-         "Invokes grad function of bias with Conv2D is not _trainable."},
-        {back(true),
-         back(false),
-         {2, 2, 4, 1},
-         {3, 2, 1, 1},
-         {2, 3, 4, 1},
-         "ornik::LConvT2D::ConvT2D_float_backward",
-         "src/layers/conv/layer_convT2D.cpp",
-         "ornik::ConvT2D_w_grad",
-         "ONLY backward weight,input or bias's grad",
-         "Invokes grad function of bias with use_bias == False in ConvT2D.",
-         "Invokes grad function of input with ConvT2D is not _trainable.",
-         "Invokes grad function of bias with ConvT2D is not _trainable."},
-    };
-    for (const Row& r : rows) {
-        const TensorPtr x = ones(r.input), w = ones(r.weight), g = ones(r.output), b = ones({3});
-        const auto backward = [&](const LayerPtr& layer, int node) {
-            return TensorPtr(layer->backward_dyn(w.get(), nullptr, x.get(), g.get(), node));
+    // `inner` is the function that reports, in `file`; frozen layers of two axes refuse what those of one ignore.
+    const auto check = [&](const auto& make, const Dims& tail, const std::string& inner, const std::string& file,
+                           const std::string& weight_function, const std::string& node, const std::string& invoke) {
+        const auto shaped = [&](std::int64_t first, std::int64_t second, bool is_weight) {
+            Dims shape{first, second};
+            for (const std::int64_t extent : tail) {
+                shape.push_back(is_weight ? 1 : extent);
+            }
+            return ones(shape);
         };
-        const auto refused = [&](const LayerPtr& layer, int node, const char* message) {
-            expect_error([&] { backward(layer, node); }, message, r.function, r.file);
+        const TensorPtr x = shaped(2, 2, false), w = shaped(3, 2, true), g = shaped(2, 3, false);
+        const LayerPtr with_bias = make(true), without_bias = make(false);
+        const auto backward = [&](const LayerPtr& layer, int wanted) {
+            return TensorPtr(layer->backward_dyn(w.get(), nullptr, x.get(), g.get(), wanted));
         };
-        EXPECT_EQ(error_text([&] { backward(r.with_bias, 1); }),
-                  located("Convolution needs a forward call before its gradients.", r.weight_function,
+        const auto refused = [&](const LayerPtr& layer, int wanted, const std::string& message) {
+            expect_error([&] { backward(layer, wanted); }, message, inner, file);
+        };
+        const std::string name = invoke.substr(invoke.rfind(' ') + 1);
+        EXPECT_EQ(error_text([&] { backward(with_bias, 1); }),
+                  located("Convolution needs a forward call before its gradients.", weight_function,
                           "src/tensor/nn/tensor_conv.cpp"));
-        EXPECT_EQ(TensorPtr(r.with_bias->forward_dyn(w.get(), nullptr, x.get()))->Shape(), r.output);
-        EXPECT_EQ(backward(r.with_bias, 2)->Shape(), (Dims{3}));
-        EXPECT_EQ(r.with_bias->get_gx(), nullptr);
-        EXPECT_EQ(r.with_bias->backward_dyn(x.get(), g.get()), nullptr);
-        refused(r.with_bias, 3, r.node);
-        refused(r.without_bias, 2, r.bias);
-        r.with_bias->_trainable = r.without_bias->_trainable = false;
-        refused(r.without_bias, 2, r.bias);
-        EXPECT_EQ(backward(r.with_bias, 1), nullptr);
-        if (r.input_frozen == nullptr) {
-            EXPECT_EQ(backward(r.with_bias, 0)->Shape(), r.input);
-            EXPECT_EQ(backward(r.with_bias, 2), nullptr);
+        EXPECT_EQ(TensorPtr(with_bias->forward_dyn(w.get(), nullptr, x.get()))->Shape(), g->Shape());
+        EXPECT_EQ(backward(with_bias, 2)->Shape(), (Dims{3}));
+        EXPECT_EQ(with_bias->get_gx(), nullptr);
+        EXPECT_EQ(with_bias->backward_dyn(x.get(), g.get()), nullptr);
+        refused(with_bias, 3, node);
+        refused(without_bias, 2, invoke + ".");
+        with_bias->_trainable = without_bias->_trainable = false;
+        refused(without_bias, 2, invoke + ".");
+        EXPECT_EQ(backward(with_bias, 1), nullptr);
+        if (tail.size() == 1) {
+            EXPECT_EQ(backward(with_bias, 0)->Shape(), x->Shape());
+            EXPECT_EQ(backward(with_bias, 2), nullptr);
         } else {
-            refused(r.with_bias, 0, r.input_frozen);
-            refused(r.with_bias, 2, r.bias_frozen);
+            refused(with_bias, 0, "Invokes grad function of input with " + name + " is not _trainable.");
+            refused(with_bias, 2, "Invokes grad function of bias with " + name + " is not _trainable.");
         }
-    }
+    };
+    check(one, {4}, "ornik::LConv1D::float_backward", "src/layers/conv/layer_conv1D.cpp", "ornik::Conv2D_w_grad",
+          "ONLY backward weight input bias grad", "Invoke grad of bias function with use_bias==False in Conv1D");
+    check(two, {4, 1}, "ornik::LConv2D::float_backward", "src/layers/conv/layer_conv2D.cpp", "ornik::Conv2D_w_grad",
+          "ONLY backward weight, input or bias's grad",
+          "Invokes grad function of bias with use_bias == False in Conv2D");
+    check(back, {4, 1}, "ornik::LConvT2D::ConvT2D_float_backward", "src/layers/conv/layer_convT2D.cpp",
+          "ornik::ConvT2D_w_grad", "ONLY backward weight,input or bias's grad",
+          "Invokes grad function of bias with use_bias == False in ConvT2D");
     const TensorPtr x = ones({2, 2, 4, 1}), w = ones({3, 2, 1, 1}), b = ones({3});
     expect_error([&] { back(false)->forward_dyn(w.get(), b.get(), x.get()); },
                  "invoke add bias in convt2d with use_bias== False.", "ornik::ConvT2D_forward",

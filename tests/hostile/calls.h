@@ -85,6 +85,7 @@ inline CallOutcome run_call(const CallRow& row, World& world) {
     CallOutcome outcome;
     try {
         row.call(world);
+        std::for_each(world.results.begin(), world.results.end(), [](const auto& t) { World::bytes(t.get()); });
     } catch (const std::runtime_error& error) {
         outcome.refusal = error.what();
         outcome.fault = outcome.refusal.empty() ? "an error without a text" : "";

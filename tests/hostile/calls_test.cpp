@@ -1,11 +1,41 @@
-// Every public function with every kind of argument: it works or refuses them with a text, it writes what it says it
-// writes and nothing else, and it never writes to read-only memory.
+// Every public function with every kind of argument: it works or refuses them with the texts of messages.txt, it writes
+// what it says it writes and nothing else, and it never writes to read-only memory.
 #include "calls.h"
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
+#include <set>
+
 namespace ornik::test {
 namespace {
+
+// A refusal as messages.txt has it: file, function and, in quotes, the whole message, each on a line of its own.
+std::string entry_of(std::string text) {
+    const auto cut = [&text](const std::string& mark) {
+        const std::size_t at = std::min(text.rfind(mark), text.size());
+        const std::string behind = text.substr(std::min(at + mark.size(), text.size()));
+        text.resize(at);
+        return behind;
+    };
+    const std::string function = cut("  FUNC: "), line = cut("  LINE: "), file = cut(" ( FILE: ");
+    for (std::size_t at = 0; (at = text.find('\n', at)) != std::string::npos;) {
+        text.replace(at, 1, "\\n");
+    }
+    return file + "\n  " + function.substr(0, function.find('\n')) + "\n    \"" + text + "\"\n";
+}
+
+std::set<std::string> entries_of(std::istream& lines) {
+    std::set<std::string> entries;
+    std::string above[2];
+    for (std::string line; std::getline(lines, line);) {
+        const std::size_t depth = line.find_first_not_of(' ') / 2;
+        line += '\n';
+        depth < 2 ? void(above[depth] = line) : void(entries.insert(above[0] + above[1] + line));
+    }
+    return entries;
+}
 
 // What printing functions say goes nowhere; faults are told at the end of a test.
 class HostileCalls : public testing::Test {
@@ -32,11 +62,30 @@ class HostileCalls : public testing::Test {
             picks += " " + std::to_string(pick);
         }
         expect(outcome.fault.empty(), row, outcome.fault + picks);
+        said_.insert(entry_of(outcome.refusal));
         return outcome.refusal;
+    }
+
+    // Messages are part of the interface. All that was said is left in a file, from which entries can be taken.
+    void expect_entries(const std::filesystem::path& path) {
+        const auto all = std::filesystem::path(testing::TempDir()) / "ornik_messages.txt";
+        std::ofstream left(all);
+        for (const std::string& entry : said_) {
+            left << entry;
+        }
+        std::ifstream lines(path);
+        const std::set<std::string> wanted = entries_of(lines);
+        EXPECT_GT(wanted.size(), 1000U);
+        for (const std::string& entry : wanted) {
+            if (!said_.contains(entry)) {
+                faults_.push_back("not said any more, see " + all.string() + ":\n" + entry);
+            }
+        }
     }
 
   private:
     std::vector<std::string> faults_;
+    std::set<std::string> said_;
 };
 
 TEST_F(HostileCalls, OneArgumentAtATime) {
@@ -53,6 +102,7 @@ TEST_F(HostileCalls, OneArgumentAtATime) {
             }
         }
     }
+    expect_entries(ORNIK_TEST_MESSAGES);
 }
 
 TEST_F(HostileCalls, WritersAnnounceThemselves) {

@@ -68,6 +68,8 @@ void add_element_calls(CallTable& table) {
                 &Tensor::div_tensor_inplace)
     ORNIK_CALLS("x", &Tensor::add_tensors_list, mult_grad_impl, div_dx_grad_impl, div_dy_grad_impl)
     ORNIK_CALLS("xxx!", ornik::add, ornik::sub, ornik::mult, ornik::div)
+    ORNIK_CALLS("-kkk", ornik::div)
+    ORNIK_CALLS("-b", &Tensor::sub_tensor)
     ORNIK_CALLS("x", &Tensor::add_scalar<float>, &Tensor::sub_scalar<bool>, &Tensor::mult_scalar<std::int64_t>,
                 &Tensor::div_scalar<double>, &Tensor::add_scalar_std_complex_wrapper<std::complex<float>>,
                 &Tensor::sub_scalar_std_complex_wrapper<std::complex<double>>,

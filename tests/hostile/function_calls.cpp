@@ -110,8 +110,14 @@ void add_function_calls(CallTable& table) {
     ORNIK_CALLS("qjC|1,0,1,1", convolve_by)
     ORNIK_CALLS("~qj", nn::convolution_input_grad, nn::convolution_weight_grad, nn::convolution_grad)
     ORNIK_CALLS("q", nn::convolution_bias_grad)
-    ORNIK_CALLS("~t", nn::lstm, nn::gru, nn::lstm_grad, nn::gru_grad)
-    ORNIK_CALLS("~x", weigh_elements, nn::element_loss_grad)
+    ORNIK_CALLS("tssWWVV|0,3", nn::lstm)
+    ORNIK_CALLS("tsXXYY|0,3", nn::gru)
+    ORNIK_CALLS("-000tssWWVV000|0,3", nn::lstm_grad)
+    ORNIK_CALLS("-000tsXXYY000|0,3", nn::gru_grad)
+    for (const char* good : {"~x|0", "~x|1", "~x|2", "~x|3", "~x|4", "~x|5", "~x|6", "~x|7"}) {
+        ORNIK_CALLS(good, weigh_elements)
+    }
+    ORNIK_CALLS("~x", nn::element_loss_grad)
     ORNIK_CALLS("~xiv", weigh_classes, nn::nll_loss)
     ORNIK_CALLS("~oxi", nn::cross_entropy_grad, nn::nll_loss_grad)
     ORNIK_CALLS("x!x0", nn::sgd_step)
@@ -119,6 +125,9 @@ void add_function_calls(CallTable& table) {
     ORNIK_CALLS("x!xx!x!x!", nn::adam_step)
     ORNIK_CALLS("x!xx!x!", nn::adamax_step, nn::adadelta_step)
     ORNIK_CALLS("x!xx!", nn::adagrad_step)
+    ORNIK_CALLS("-kk0", nn::sgd_step)
+    ORNIK_CALLS("-k", nn::rmsprop_step, nn::adam_step, nn::adamax_step, nn::adadelta_step, nn::adagrad_step)
+    ORNIK_CALLS("-e|2,3", pad)
 }
 
 }  // namespace ornik::test

@@ -58,6 +58,12 @@ std::vector<LayerCase> layer_cases() {
     };
 }
 
+// Factories of layers and losses give null when there is no memory.
+template <typename T>
+std::unique_ptr<T> made(T* object) {
+    return object != nullptr ? std::unique_ptr<T>(object) : throw std::bad_alloc();
+}
+
 template <typename... A>
 void call_layer(World& world, Layer& layer, Tensor* (Layer::*member)(A...)) {
     invoke<Tensor*, A...>(world, [&](auto&&... a) { return (layer.*member)(std::forward<decltype(a)>(a)...); });
@@ -70,8 +76,7 @@ template <typename... A>
 void add_forward(CallTable& table, const LayerCase& layer) {
     std::string name = std::string(layer.name) + "::forward_dyn of " + std::to_string(sizeof...(A));
     table.add_one(layer.forward, name, [make = layer.make](World& world) {
-        const std::unique_ptr<Layer> made(make());
-        call_layer(world, *made, static_cast<T (Layer::*)(A...)>(&Layer::forward_dyn));
+        call_layer(world, *made(make()), static_cast<T (Layer::*)(A...)>(&Layer::forward_dyn));
     });
 }
 
@@ -79,27 +84,27 @@ template <typename... A>
 void add_backward(CallTable& table, const LayerCase& layer) {
     std::string name = std::string(layer.name) + "::backward_dyn of " + std::to_string(sizeof...(A));
     table.add_one(layer.backward, name, [layer](World& world) {
-        const std::unique_ptr<Layer> made(layer.make());
+        const std::unique_ptr<Layer> trained = made(layer.make());
         World before(layer.forward, {});
-        call_layer(before, *made, static_cast<T (Layer::*)(T)>(&Layer::forward_dyn));
+        call_layer(before, *trained, static_cast<T (Layer::*)(T)>(&Layer::forward_dyn));
         before.position = 0;
-        call_layer(before, *made, static_cast<T (Layer::*)(T, T, T)>(&Layer::forward_dyn));
+        call_layer(before, *trained, static_cast<T (Layer::*)(T, T, T)>(&Layer::forward_dyn));
         before.position = 0;
-        call_layer(before, *made, static_cast<T (Layer::*)(T, T, T, bool)>(&Layer::forward_dyn));
+        call_layer(before, *trained, static_cast<T (Layer::*)(T, T, T, bool)>(&Layer::forward_dyn));
         before.position = 0;
-        call_layer(before, *made, static_cast<T (Layer::*)(T, T, T, bool, T, T)>(&Layer::forward_dyn));
-        call_layer(world, *made, static_cast<T (Layer::*)(A...)>(&Layer::backward_dyn));
+        call_layer(before, *trained, static_cast<T (Layer::*)(T, T, T, bool, T, T)>(&Layer::forward_dyn));
+        call_layer(world, *trained, static_cast<T (Layer::*)(A...)>(&Layer::backward_dyn));
     });
 }
 
 Tensor* train_batch_norm(Tensor* gamma, Tensor* beta, Tensor* input, Tensor* mean, Tensor* variance) {
-    const std::unique_ptr<Layer> layer(_BatchNormalization(true, 0.1F, 1e-5F, ""));
+    const std::unique_ptr<Layer> layer = made(_BatchNormalization(true, 0.1F, 1e-5F, ""));
     return layer->forward_dyn(gamma, beta, input, true, mean, variance);
 }
 
 template <bool backward>
 void call_loss(World& world, const char* name) {
-    const std::unique_ptr<Loss> loss(getLoss(name));
+    const std::unique_ptr<Loss> loss = made(getLoss(name));
     invoke<T, T, T>(world, [&](T x, T y) { return backward ? loss->loss_backward(x, y) : loss->loss_forward(x, y); });
 }
 
@@ -134,6 +139,7 @@ void add_network_calls(CallTable& table) {
     ORNIK_CALLS("x!xx!x!", adam_max_step, adam_delta_step)
     ORNIK_CALLS("x!xx!x!x?", adam_step, adamw_step)
     ORNIK_CALLS("x!xx!x!x!", step_amsgrad)
+    ORNIK_CALLS("-k", sgd_step, rmsprop_step, adam_grad_step, adam_max_step, adam_delta_step, adam_step, adamw_step)
 
     using VectorPool = Layer* (*)(Ints, Ints, Ints, std::string);
     using NamedPool = Layer* (*)(Ints, Ints, std::string, std::string);
@@ -160,6 +166,8 @@ void add_network_calls(CallTable& table) {
     ORNIK_OVERLOAD("|4,6,5,13,1,1,5,13", VectorConvT, _ConvT2D)
     ORNIK_OVERLOAD("|4,6,5,2,1,1,5,13", NamedConvT, _ConvT2D)
     ORNIK_CALLS("|6", _Activation)
+    ORNIK_CALLS("-|8,4", _Activation)
+    ORNIK_CALLS("-|16,1", _Activation)
     ORNIK_CALLS("|", _Dense, _Softmax, _Embedding, _BatchNormalization, _GroupNormalization, _LayerNormalization,
                 _PixelShuffle, _PixelUnshuffle, getLoss)
 }

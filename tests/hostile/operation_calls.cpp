@@ -64,6 +64,7 @@ void add_operation_calls(CallTable& table) {
     ORNIK_CALLS("ttt!", &Tensor::bmm)
     ORNIK_CALLS("qqq!", &Tensor::matmul4D)
     ORNIK_CALLS("s", kron, eigh, eigvalsh)
+    ORNIK_CALLS("-00s", eigh_grad)
     ORNIK_CALLS("-s", solver)
     ORNIK_CALLS("vs", eigvalsh_grad)
     ORNIK_CALLS("svs", eigh_grad)

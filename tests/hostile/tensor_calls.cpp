@@ -45,6 +45,7 @@ void add_tensor_calls(CallTable& table) {
     ORNIK_CALLS("x|3,3,0,6", &Tensor::eye)
     ORNIK_CALLS("x|0,0,1,0,6", &Tensor::randn, &Tensor::randu, &Tensor::randint)
     ORNIK_CALLS("x|5,0,4", &Tensor::permutation)
+    ORNIK_CALLS("-|257,0,1", &Tensor::permutation)
     ORNIK_CALLS("x|0,0.5,0,6", &Tensor::dropout_mask)
     ORNIK_CALLS("x", &Tensor::bernoulli, &Tensor::multinomial)
     ORNIK_CALLS("Ox", &Tensor::binomial)

@@ -1,6 +1,5 @@
 // Layers and products of operands without elements: results have their shapes, gradients of parameters are zero.
 #include "ornik.h"
-#include "support/expect_error.h"
 #include "support/gradients.h"
 
 namespace ornik::test {
@@ -8,11 +7,7 @@ namespace {
 
 using LayerPtr = std::unique_ptr<Layer>;
 
-TensorPtr none(const Dims& shape, std::int64_t dtype = dtype::float32) {
-    auto t = std::make_unique<Tensor>();
-    t->initialize_none_tensor(shape, dtype, 0, layout::dense);
-    return t;
-}
+TensorPtr none(const Dims& shape, std::int64_t dtype = dtype::float32) { return make_empty(shape, dtype); }
 
 void expect_none(Tensor* result, const Dims& shape) {
     const TensorPtr owned(result);
@@ -27,41 +22,11 @@ void expect_zeros(Tensor* result, const Dims& shape) {
     EXPECT_EQ(values_of<float>(owned), std::vector<float>(static_cast<std::size_t>(owned->Size()), 0.0F));
 }
 
-TEST(NoElements, Activations) {
-    for (const char* name : {"relu", "leaky_relu", "elu", "selu", "gelu", "silu", "sigmoid", "tanh", "softplus",
-                             "softmax", "log_softmax"}) {
-        SCOPED_TRACE(name);
-        const LayerPtr layer(_Activation(name, {}, ""));
-        for (const Dims& shape : {Dims{0}, Dims{2, 0}, Dims{0, 3}}) {
-            const TensorPtr x = none(shape);
-            expect_none(layer->forward_dyn(x.get()), shape);
-            expect_none(layer->backward_dyn(x.get(), x.get(), x.get()), shape);
-        }
-    }
-}
-
-TEST(NoElements, DenseAndEmbedding) {
-    const LayerPtr dense(_Dense(3, true, "")), embedding(_Embedding(5, 2, ""));
-    const TensorPtr w(Tensor::ones({4, 3}, 0, dtype::float32)), b = make<float>({3}, {1, 2, 3});
-    for (const Dims& leading : {Dims{0}, Dims{2, 0}}) {
-        Dims in = leading, out = leading;
-        in.push_back(4);
-        out.push_back(3);
-        const TensorPtr x = none(in), g = none(out);
-        expect_none(dense->forward_dyn(w.get(), b.get(), x.get()), out);
-        expect_none(dense->backward_dyn(w.get(), b.get(), x.get(), g.get(), 0), in);
-        expect_zeros(dense->backward_dyn(w.get(), b.get(), x.get(), g.get(), 1), {4, 3});
-        expect_zeros(dense->backward_dyn(w.get(), b.get(), x.get(), g.get(), 2), {3});
-    }
-    // Without features the bias is all there is.
+TEST(NoElements, WithoutFeaturesTheBiasIsAllThereIs) {
+    const LayerPtr dense(_Dense(3, true, ""));
+    const TensorPtr b = make<float>({3}, {1, 2, 3});
     const TensorPtr featureless(dense->forward_dyn(none({0, 3}).get(), b.get(), none({2, 0}).get()));
     EXPECT_EQ(values_of<float>(featureless), (std::vector<float>{1, 2, 3, 1, 2, 3}));
-    const TensorPtr table(Tensor::ones({5, 2}, 0, dtype::float32)), g = none({0, 2});
-    for (const std::int64_t dtype : {dtype::int32, dtype::int64}) {
-        const TensorPtr indices = none({0}, dtype);
-        expect_none(embedding->forward_dyn(table.get(), nullptr, indices.get()), {0, 2});
-        expect_zeros(embedding->backward_dyn(table.get(), nullptr, indices.get(), g.get(), 1), {5, 2});
-    }
 }
 
 TEST(NoElements, Normalizations) {
@@ -112,13 +77,6 @@ TEST(NoElements, ImagesOfNoSamples) {
         expect_none(shuffle->backward_dyn(x.get()), coarse);
         expect_none(unshuffle->forward_dyn(x.get()), coarse);
     }
-    const LayerPtr conv(_Conv2D(5, {3, 3}, {1, 1}, "same", true, 1, {1, 1}, ""));
-    const TensorPtr x = none({0, 3, 6, 4}), w(Tensor::ones({5, 3, 3, 3}, 0, dtype::float32));
-    const TensorPtr b(Tensor::ones({5}, 0, dtype::float32)), g = none({0, 5, 6, 4});
-    expect_none(conv->forward_dyn(w.get(), b.get(), x.get()), {0, 5, 6, 4});
-    expect_none(conv->backward_dyn(w.get(), b.get(), x.get(), g.get(), 0), {0, 3, 6, 4});
-    expect_zeros(conv->backward_dyn(w.get(), b.get(), x.get(), g.get(), 1), {5, 3, 3, 3});
-    expect_zeros(conv->backward_dyn(w.get(), b.get(), x.get(), g.get(), 2), {5});
 }
 
 TEST(NoElements, AttentionAndProducts) {

@@ -12,19 +12,22 @@ namespace ornik::test {
 namespace {
 
 using LayerPtr = std::unique_ptr<Layer>;
-constexpr double eps = 1e-3;
+constexpr float eps = 1e-3F;
 
-// One normalization behind one interface: parameters and input in, statistics left to the layer.
+// One normalization as a layer and as functions.
 struct Case {
     std::string name;
     LayerPtr layer;
     Dims shape, parameter_shape;
     std::function<std::int64_t(std::int64_t)> statistic, parameter;  // of an element
-    bool batch = false;
+    std::function<nn::Normalized(Tensor* x, Tensor* gamma, Tensor* beta)> function;
+    std::function<nn::NormGradients(Tensor* g, Tensor* x, Tensor* gamma, const nn::Normalized& y,
+                                    const std::array<bool, 3>& wanted)>
+        gradients;
 
-    TensorPtr forward(Tensor* gamma, Tensor* beta, Tensor* x, bool training = true) const {
-        return TensorPtr(batch ? layer->forward_dyn(gamma, beta, x, training, nullptr, nullptr)
-                               : layer->forward_dyn(gamma, beta, x, training));
+    TensorPtr forward(Tensor* gamma, Tensor* beta, Tensor* x) const {
+        return TensorPtr(name[0] == 'b' ? layer->forward_dyn(gamma, beta, x, true, nullptr, nullptr)
+                                        : layer->forward_dyn(gamma, beta, x, true));
     }
     TensorPtr backward(Tensor* gamma, Tensor* beta, Tensor* x, Tensor* g, int node) const {
         std::vector<Tensor*> saved = layer->get_fwd_cache();
@@ -42,15 +45,43 @@ std::vector<Case> cases() {
         const auto pair = [=](std::int64_t i) { return i / inner / 2; };
         const std::string suffix = "/" + std::to_string(inner);
         LayerPtr batch(_BatchNormalization(true, 0.1F, eps, "")), group(_GroupNormalization(3, 6, true, eps, ""));
-        list.push_back({"batch" + suffix, std::move(batch), shape, {6}, channel, channel, true});
-        list.push_back({"group" + suffix, std::move(group), shape, {6}, pair, channel});
+        list.push_back({"batch" + suffix,
+                        std::move(batch),
+                        shape,
+                        {6},
+                        channel,
+                        channel,
+                        [](auto* x, auto* w, auto* b) { return nn::batch_norm(x, w, b, eps); },
+                        [](auto* g, auto* x, auto* w, auto& y, auto& k) {
+                            return nn::batch_norm_grad(g, x, w, y.mean.get(), y.variance.get(), eps, false, k);
+                        }});
+        list.push_back({"group" + suffix,
+                        std::move(group),
+                        shape,
+                        {6},
+                        pair,
+                        channel,
+                        [](auto* x, auto* w, auto* b) { return nn::group_norm(x, 3, w, b, eps); },
+                        [](auto* g, auto* x, auto* w, auto& y, auto& k) {
+                            return nn::group_norm_grad(g, x, 3, w, y.mean.get(), y.variance.get(), eps, k);
+                        }});
     }
     for (const Dims& own : {Dims{50}, Dims{5, 50}}) {
         const std::int64_t size = numel_of(own);
+        const int axes = static_cast<int>(own.size());
         const auto outer = [=](std::int64_t i) { return i / size; };
         const auto inner = [=](std::int64_t i) { return i % size; };
         LayerPtr layer(_LayerNormalization(true, eps, ""));
-        list.push_back({"layer/" + std::to_string(size), std::move(layer), {3, 5, 50}, own, outer, inner});
+        list.push_back({"layer/" + std::to_string(size),
+                        std::move(layer),
+                        {3, 5, 50},
+                        own,
+                        outer,
+                        inner,
+                        [=](auto* x, auto* w, auto* b) { return nn::layer_norm(x, axes, w, b, eps); },
+                        [=](auto* g, auto* x, auto* w, auto& y, auto& k) {
+                            return nn::layer_norm_grad(g, x, axes, w, y.mean.get(), y.variance.get(), eps, k);
+                        }});
     }
     return list;
 }
@@ -68,39 +99,48 @@ std::vector<double> reference(const Case& c, const std::vector<double>& x, const
     }
     for (std::size_t i = 0; i < x.size(); ++i) {
         const auto p = static_cast<std::size_t>(c.parameter(static_cast<std::int64_t>(i)));
-        y[i] = (x[i] - sum[s(i)] / count[s(i)]) / std::sqrt(squares[s(i)] / count[s(i)] + static_cast<float>(eps)) *
-                   gamma[p] +
-               beta[p];
+        y[i] = (x[i] - sum[s(i)] / count[s(i)]) / std::sqrt(squares[s(i)] / count[s(i)] + eps) * gamma[p] + beta[p];
     }
     return y;
 }
 
-TEST(Normalization, ValuesAndGradients) {
+TEST(Normalization, ValuesGradientsAndSubsets) {
     for (const Case& c : cases()) {
         SCOPED_TRACE(c.name);
         const TensorPtr x = random_tensor(c.shape, dtype::float64, 1, Layout::transposed);
         const TensorPtr gamma = random_tensor(c.parameter_shape, dtype::float64, 2, Layout::reversed);
         const TensorPtr beta = random_tensor(c.parameter_shape, dtype::float64, 3, Layout::every_other);
         const TensorPtr g = random_tensor(c.shape, dtype::float64, 4, Layout::transposed);
-        const std::vector<double> y = values_of<double>(c.forward(gamma.get(), beta.get(), x.get()));
+        const nn::Normalized y = c.function(x.get(), gamma.get(), beta.get());
+        const std::vector<double> values = values_of<double>(y.output);
         const std::vector<double> expected =
             reference(c, values_of<double>(x), values_of<double>(gamma), values_of<double>(beta));
-        for (std::size_t i = 0; i < y.size(); ++i) {
-            EXPECT_NEAR(y[i], expected[i], 1e-13) << i;
+        for (std::size_t i = 0; i < values.size(); ++i) {
+            EXPECT_NEAR(values[i], expected[i], 1e-13) << i;
         }
-        Tensor* arguments[] = {gamma.get(), beta.get(), x.get()};
-        for (const int node : {0, 1, 2}) {
-            const int varied = (node + 2) % 3;
-            c.forward(gamma.get(), beta.get(), x.get());  // Differences left other statistics behind.
-            const TensorPtr gradient = c.backward(gamma.get(), beta.get(), x.get(), g.get(), node);
+        EXPECT_EQ(bytes_of(c.forward(gamma.get(), beta.get(), x.get())), bytes_of(y.output));
+        const auto all = c.gradients(g.get(), x.get(), gamma.get(), y, {true, true, true});
+        const TensorPtr* whole[] = {&all.input, &all.gamma, &all.beta};
+        Tensor* arguments[] = {x.get(), gamma.get(), beta.get()};
+        for (std::size_t one = 0; one < 3; ++one) {
             expect_gradient(
                 [&](Tensor* t) {
-                    std::swap(arguments[varied], t);
-                    TensorPtr out = c.forward(arguments[0], arguments[1], arguments[2]);
-                    std::swap(arguments[varied], t);
-                    return out;
+                    std::swap(arguments[one], t);
+                    nn::Normalized now = c.function(arguments[0], arguments[1], arguments[2]);
+                    std::swap(arguments[one], t);
+                    return std::move(now.output);
                 },
-                arguments[varied], g.get(), gradient.get());
+                arguments[one], g.get(), whole[one]->get());
+            const TensorPtr by_layer = c.backward(gamma.get(), beta.get(), x.get(), g.get(), static_cast<int>(one));
+            EXPECT_EQ(bytes_of(by_layer), bytes_of(*whole[one]));
+            std::array<bool, 3> wanted{};
+            wanted[one] = true;
+            const auto some = c.gradients(g.get(), x.get(), gamma.get(), y, wanted);
+            const TensorPtr* got[] = {&some.input, &some.gamma, &some.beta};
+            for (std::size_t i = 0; i < 3; ++i) {
+                ASSERT_EQ(*got[i] != nullptr, i == one);
+            }
+            EXPECT_EQ(bytes_of(*got[one]), bytes_of(*whole[one]));
         }
         // A null parameter counts as ones or zeros.
         const TensorPtr ones(Tensor::ones(c.parameter_shape, 0, dtype::float64));
@@ -110,6 +150,15 @@ TEST(Normalization, ValuesAndGradients) {
         c.layer->_trainable = false;
         EXPECT_EQ(c.backward(gamma.get(), beta.get(), x.get(), g.get(), 1), nullptr);
         EXPECT_NE(c.backward(gamma.get(), beta.get(), x.get(), g.get(), 0), nullptr);
+
+        Dims no_samples = c.shape;
+        no_samples[0] = 0;
+        const TensorPtr none = make_empty(no_samples, dtype::float64);
+        const nn::Normalized empty = c.function(none.get(), gamma.get(), beta.get());
+        EXPECT_EQ(empty.output->Shape(), no_samples);
+        const auto zero = c.gradients(none.get(), none.get(), gamma.get(), empty, {true, true, true});
+        EXPECT_EQ(zero.input->Shape(), no_samples);
+        EXPECT_EQ(doubles_of(zero.gamma.get()), std::vector<double>(static_cast<std::size_t>(gamma->Size())));
     }
     LGroupNorm fixed(1, 2, true, 1e-5F, "", 0, 0);
     fixed._trainable = false;
@@ -207,66 +256,44 @@ TEST(BatchNormalization, RunningStatistics) {
     EXPECT_EQ(plain->backward_dyn(gamma.get(), nullptr, x.get(), g.get(), nullptr, nullptr, 1), nullptr);
 }
 
-TEST(Normalization, Refusals) {
-    const LayerPtr batch(_BatchNormalization(true, 0.1F, 1e-5F, ""));
-    const LayerPtr group(_GroupNormalization(2, 4, true, 1e-5F, ""));
-    const LayerPtr layer(_LayerNormalization(true, 1e-5F, ""));
-    const auto ones = [](const Dims& shape, std::int64_t dtype = dtype::float32) {
-        return TensorPtr(Tensor::ones(shape, 0, dtype));
-    };
-    const TensorPtr x = ones({3, 4}), four = ones({4}), three = ones({3}), wide = ones({4}, dtype::float64);
-    const TensorPtr integers = ones({3, 4}, dtype::int32);
-    const TensorPtr expanded(Tensor::broadcast_to(ones({1}).get(), {4}));
+TEST(BatchNormalization, RunningStatisticsByFunctions) {
+    const TensorPtr x = random_tensor({3, 2, 4}, dtype::float64, 1), w = random_tensor({2}, dtype::float64, 2);
+    const nn::Normalized batch = nn::batch_norm(x.get(), nullptr, nullptr);
+    const TensorPtr mean = make<double>({2}, {1, 2}), variance = make<double>({2}, {3, 4});
+    nn::update_running_statistics(mean.get(), variance.get(), batch.mean.get(), batch.variance.get(), 0, 0.5F);
+    EXPECT_EQ(values_of<double>(mean), (std::vector<double>{1, 2}));
+    nn::update_running_statistics(mean.get(), variance.get(), batch.mean.get(), batch.variance.get(), 12, 0.25);
+    for (std::size_t c = 0; c < 2; ++c) {
+        const double m = values_of<double>(batch.mean)[c], v = values_of<double>(batch.variance)[c];
+        EXPECT_NEAR(values_of<double>(mean)[c], 0.75 * static_cast<double>(1 + c) + 0.25 * m, 1e-14);
+        EXPECT_NEAR(values_of<double>(variance)[c], 0.75 * static_cast<double>(3 + c) + 0.25 * v * 12 / 11, 1e-14);
+    }
+    // By fixed statistics the gradient does not pass through them.
+    const auto by = [&](Tensor* t) { return nn::batch_norm_by(t, mean.get(), variance.get(), w.get(), nullptr); };
+    const TensorPtr g = random_tensor({3, 2, 4}, dtype::float64, 3);
+    expect_gradient(by, x.get(), g.get(),
+                    nn::batch_norm_grad(g.get(), x.get(), w.get(), mean.get(), variance.get(), 1e-5, true).input.get());
+}
+
+TEST(Normalization, RefusesMissingPassesAndSharedStatistics) {
+    const LayerPtr batch(_BatchNormalization(true, 0.1F, 1e-5F, "")), group(_GroupNormalization(2, 4, true, 1e-5F, ""));
+    const TensorPtr x(Tensor::ones({3, 4}, 0, dtype::float32)), four(Tensor::ones({4}, 0, dtype::float32));
+    const TensorPtr integers(Tensor::ones({3, 4}, 0, dtype::int32)), one(Tensor::ones({1}, 0, dtype::float32));
+    const TensorPtr expanded(Tensor::broadcast_to(one.get(), {4}));
+    std::vector<Tensor*> latest;
     Tensor* const n = nullptr;
-    const auto forward = [&](Tensor* gamma, Tensor* in, bool training, Tensor* mean, Tensor* variance) {
-        return [=, &batch] { batch->forward_dyn(gamma, nullptr, in, training, mean, variance); };
-    };
-    const auto backward = [&](const LayerPtr& l, Tensor* g, std::vector<Tensor*> saved, int node) {
-        return [&l, &x, g, saved, node] {
-            std::vector<Tensor*> list = saved;
-            l->backward_dyn(nullptr, nullptr, x.get(), g, list, node);
-        };
-    };
-    const std::string latest = "The backward pass of ", moving = "The running statistics of batchnorm ";
     const Refusal of_batch[] = {
-        {"forward_dyn", forward(n, three.get(), true, n, n),
-         "batchnorm needs an input [N, C, ...], however it is ( 3 ) "},
-        {"forward_dyn", forward(wide.get(), x.get(), true, n, n), "Not same data type for inputs of batchnorm."},
-        {"forward_dyn", forward(n, integers.get(), true, n, n),
+        {"forward_dyn", [&] { batch->forward_dyn(n, n, integers.get(), true, n, n); },
          "batchnorm not impl for this data type, use float32 or float64."},
-        {"forward_dyn", forward(three.get(), x.get(), true, n, n),
-         "The parameters of batchnorm should have the shape ( 4 ) , however one has ( 3 ) "},
-        {"forward_dyn", forward(n, x.get(), false, n, n),
-         "batchnorm needs running statistics for inference, both or neither in training."},
-        {"forward_dyn", forward(n, x.get(), false, four.get(), three.get()),
-         moving + "should have one value per channel, however the shape is ( 3 ) "},
-        {"forward_dyn", forward(n, x.get(), true, four.get(), four.get()), moving + "overlap in memory."},
-        {"forward_dyn", forward(n, x.get(), true, four.get(), expanded.get()),
+        {"forward_dyn", [&] { batch->forward_dyn(n, n, x.get(), true, four.get(), expanded.get()); },
          "Output can not be an expanded view: shape ( 4 ) , strides ( 0 ) "},
-        {"backward_dyn", backward(batch, x.get(), {}, 0), latest + "batchnorm needs a forward pass before."},
-        {"LBatchNorm", [] { _BatchNormalization(true, 1.5F, 1e-5F, ""); },
-         "The momentum of batchnorm should be in [0, 1]"},
+        {"backward_dyn", [&] { batch->backward_dyn(n, n, x.get(), x.get(), latest, 0); },
+         "The backward pass of batchnorm needs a forward pass before."},
     };
     expect_refusals(of_batch, "ornik::LBatchNorm::", "src/layers/normalization/layer_batchnorm.cpp");
-    const Refusal of_group[] = {
-        {"backward_dyn", backward(group, x.get(), {}, 0), latest + "group norm needs a forward pass before."},
-        {"backward_dyn", backward(group, x.get(), {}, -1), "Node should be 0, 1, 2, however it equals -1"},
-        {"backward_dyn", backward(group, x.get(), {four.get(), nullptr}, 0),
-         "The saved statistics of group norm should be two tensors of shape ( 3, 2 ) "},
-        {"forward_dyn", [&] { group->forward_dyn(n, n, four.get(), true); },
-         "group norm needs an input [N, 4, ...], however it is ( 4 ) "},
-        {"LGroupNorm", [] { _GroupNormalization(3, 4, true, 1e-5F, ""); },
-         "group norm can not divide 4 channels into 3 groups"},
-    };
-    expect_refusals(of_group, "ornik::LGroupNorm::", "src/layers/normalization/layer_groupnorm.cpp");
-    const Refusal of_layer[] = {
-        {"backward_dyn", backward(layer, four.get(), {}, 0),
-         "The gradient of layer norm should have its output's shape."},
-        {"forward_dyn", [&] { layer->forward_dyn(x.get(), n, four.get(), true); },
-         "layer norm needs an input with at least the axes of its parameters, however it is ( 4 ) "},
-        {"LLayerNorm", [] { _LayerNormalization(true, 0, ""); }, "eps should be a positive number"},
-    };
-    expect_refusals(of_layer, "ornik::LLayerNorm::", "src/layers/normalization/layer_layernorm.cpp");
+    expect_error([&] { group->backward_dyn(n, n, x.get(), x.get(), latest, 0); },
+                 "The backward pass of group norm needs a forward pass before.", "ornik::LGroupNorm::backward_dyn",
+                 "src/layers/normalization/layer_groupnorm.cpp");
 }
 
 }  // namespace

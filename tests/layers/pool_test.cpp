@@ -1,4 +1,4 @@
-// Pooling, embedding and pixel shuffles against loops; gradients against differences.
+// Pooling and pixel shuffles against loops; gradients against differences.
 #include <cmath>
 #include <limits>
 #include <random>
@@ -88,7 +88,7 @@ TEST(Pool, RandomSizesAgainstTheDefinition) {
     }
 }
 
-TEST(Pool, PaddingTypesTiesAndDtypes) {
+TEST(Pool, PaddingTypesAndTies) {
     const TensorPtr x = make<float>({1, 1, 5, 5}, counted<float>(25));
     const auto shape = [&](const Ints& kernel, const Ints& strides, const std::string& padding) {
         return TensorPtr(LayerPtr(_MaxPool2D(kernel, strides, padding, ""))->forward_dyn(x.get()))->Shape();
@@ -116,93 +116,21 @@ TEST(Pool, PaddingTypesTiesAndDtypes) {
         const std::vector<std::int32_t> at = values_of<std::int32_t>(pairs->get_fwd_cache()[0]);
         EXPECT_EQ((std::vector<std::int32_t>(at.begin(), at.begin() + 3)), (std::vector<std::int32_t>{1, 2, 4}));
     }
-    const TensorPtr z = random_tensor({2, 1, 6, 5}, dtype::complex128, 3);
-    const LayerPtr average(_AvgPool2D({3, 2}, {2, 1}, "valid", "a"));
-    const TensorPtr g = random_tensor({2, 1, 2, 4}, dtype::complex128, 4);
-    std::vector<Tensor*> none;
-    expect_gradient([&](Tensor* t) { return average->forward_dyn(t); }, z, g,
-                    average->backward_dyn(z.get(), g.get(), none));
 }
 
-TEST(Pool, Refusals) {
-    const Ints two{2, 2}, one_two{1, 2}, two_zero{2, 0};
-    const Refusal built[] = {
-        {"2D", [=] { _MaxPool2D({2}, two, "same", ""); }, "kernel_size for MaxPool2d should contain two elements."},
-        {"1D", [=] { _AvgPool1D({2}, two, "same", ""); }, "strides for AvgPool1d should be integer."},
-        {"2D", [=] { _MaxPool2D(two, two, Ints{1}, ""); }, "padding for MaxPool2d should contain two elements."},
-        {"2D", [=] { _MaxPool2D(two, two, one_two, ""); },
-         "padding for MaxPool2d should be at least 0 and less than kernel_size."},
-        {"2D", [=] { _MaxPool2D(two, two_zero, "same", ""); },
-         "kernel_size and strides for MaxPool2d should be at least 1."},
-        {"1D", [=] { _MaxPool1D({2}, {2}, "same,none", ""); }, "Incorrect padding type (same,none)"},
-    };
-    for (const Refusal& row : built) {
-        expect_error(row.call, row.message, "ornik::LPool" + row.function + "::LPool" + row.function,
-                     "src/layers/pool/layer_pool.cpp");
-    }
-
+TEST(Pool, RefusesWhatNoForwardPassSaved) {
     const LayerPtr pool(_MaxPool2D({2, 2}, {2, 2}, "valid", ""));
-    const TensorPtr x(Tensor::ones({1, 1, 4, 4}, 0, dtype::float32));
-    const TensorPtr g(Tensor::ones({1, 1, 2, 2}, 0, dtype::float32));
-    const auto forward = [&](const TensorPtr& in, const std::string& message) {
-        expect_error([&] { pool->forward_dyn(in.get()); }, message, "ornik::LMaxPool2D::_forward_dyn",
+    const TensorPtr x(Tensor::ones({1, 1, 4, 4}, 0, dtype::float32)), g(Tensor::ones({1, 1, 2, 2}, 0, dtype::float32));
+    const auto refused = [&](std::vector<Tensor*> saved, const std::string& message) {
+        expect_error([&] { pool->backward_dyn(x.get(), g.get(), saved); }, message, "ornik::LMaxPool2D::float_backward",
                      "src/layers/pool/layer_pool.cpp");
     };
-    const auto backward = [&](const TensorPtr& gradient, std::vector<Tensor*> saved, const std::string& message) {
-        expect_error([&] { pool->backward_dyn(x.get(), gradient.get(), saved); }, message,
-                     "ornik::LMaxPool2D::float_backward", "src/layers/pool/layer_pool.cpp");
-    };
-    forward(TensorPtr(Tensor::ones({1, 4, 4}, 0, dtype::float32)),
-            "MaxPool2d only accepts 4D input, however it is ( 1, 4, 4 ) ");
-    forward(TensorPtr(Tensor::ones({1, 1, 4, 1}, 0, dtype::float32)),
-            "Invalid output shape: a window of 2 does not fit into 1 positions of MaxPool2d's input");
-    forward(TensorPtr(Tensor::ones({1, 1, 4, 4}, 0, dtype::complex64)), "Not valid dtype for this function.");
-    backward(g, {}, "The backward pass of pooling needs a forward pass before.");
-    backward(x, {}, "Pooling needs a gradient of its output's shape.");
-    backward(g, {g.get()}, "The saved positions of pooling should be one int32 tensor of its output's shape.");
+    refused({}, "The backward pass of pooling needs a forward pass before.");
     for (const int outside : {-1, 16}) {
         const TensorPtr positions = make<std::int32_t>({1, 1, 2, 2}, {0, 15, outside, 3});
-        backward(g, {positions.get()}, "The saved positions of pooling are out of range.");
+        refused({positions.get()}, "The saved positions of pooling are out of range.");
     }
-    std::vector<Tensor*> none;
     EXPECT_EQ(pool->backward_dyn(x.get(), g.get()), nullptr);
-}
-
-TEST(Embedding, RowsAndTheirGradient) {
-    const LayerPtr layer(_Embedding(7, 40, ""));
-    EXPECT_EQ(layer->get_name(), "embedding");
-    const TensorPtr indices = make<std::int16_t>({2, 3}, {6, 0, 6, 2, 6, 0}, Layout::transposed);
-    for (const std::int64_t dtype : {dtype::float64, dtype::complex128}) {
-        const TensorPtr weight = random_tensor({7, 40}, dtype, 1, Layout::transposed);
-        const TensorPtr g = random_tensor({2, 3, 40}, dtype, 2, Layout::reversed);
-        expect_gradient([&](Tensor* w) { return layer->forward_dyn(w, nullptr, indices.get()); }, weight, g,
-                        layer->backward_dyn(weight.get(), nullptr, indices.get(), g.get(), 1));
-        EXPECT_EQ(layer->backward_dyn(weight.get(), nullptr, indices.get(), g.get(), 0), nullptr);
-    }
-    const TensorPtr weight = make<float>({7, 40}, counted<float>(280));
-    const std::vector<float> rows =
-        values_of<float>(TensorPtr(layer->forward_dyn(weight.get(), nullptr, indices.get())));
-    EXPECT_EQ(rows[3 * 40 + 5], 2 * 40 + 5);
-    EXPECT_EQ(rows[5 * 40 + 39], 39);
-    const TensorPtr below = make<std::int8_t>({1}, {-1}), beyond = make<std::int8_t>({1}, {7});
-    const TensorPtr real = make<float>({1}, {1}), small(Tensor::ones({2, 2}, 0, dtype::float32));
-    Tensor* const n = nullptr;
-    const auto look_up = [&](Tensor* table, const TensorPtr& input) {
-        return [&layer, &input, table, n] { layer->forward_dyn(table, n, input.get()); };
-    };
-    const Refusal refusals[] = {
-        {"forward_dyn", look_up(weight.get(), below), "Embedding index out of range, there are 7 rows."},
-        {"forward_dyn", look_up(weight.get(), beyond), "Embedding index out of range, there are 7 rows."},
-        {"forward_dyn", look_up(weight.get(), real), "Embedding needs integers as input."},
-        {"forward_dyn", look_up(indices.get(), indices), "Embedding only supports float or complex."},
-        {"forward_dyn", look_up(n, indices), "Embedding needs a weight and an input."},
-        {"forward_dyn", look_up(small.get(), indices),
-         "Embedding needs a weight of shape ( 7, 40 ) , however it is ( 2, 2 ) "},
-        {"backward_dyn", [&] { layer->backward_dyn(n, n, n, n, 3); }, "NOT impl grad for this Node"},
-    };
-    expect_refusals(refusals, "ornik::LEmbedding::", "src/layers/layer_embedding.cpp");
-    layer->_trainable = false;
-    EXPECT_EQ(layer->backward_dyn(weight.get(), nullptr, indices.get(), weight.get(), 1), nullptr);
 }
 
 TEST(Determinism, EmbeddingAndPoolsAtEveryTeamSize) {
@@ -232,16 +160,10 @@ TEST(PixelShuffle, PlacesEveryElementAndBack) {
         EXPECT_EQ(values_of<std::int32_t>(TensorPtr(shuffle->backward_dyn(y.get()))), values_of<std::int32_t>(x));
         EXPECT_EQ(values_of<std::int32_t>(TensorPtr(unshuffle->forward_dyn(y.get()))), values_of<std::int32_t>(x));
         EXPECT_EQ(values_of<std::int32_t>(TensorPtr(unshuffle->backward_dyn(x.get()))), values);
-        expect_error([&] { unshuffle->forward_dyn(x.get()); },
-                     "A pixel unshuffle by 3 can not divide the rows and columns of ( 2, 18, 2, 4 ) ",
-                     "ornik::LPixelUnshuffle::forward_dyn", "src/layers/layer_pixel_shuffle.cpp");
         expect_error([&] { shuffle->forward_dyn(y.get()); },
                      "A pixel shuffle by 3 can not divide the channels of ( 2, 2, 6, 12 ) ",
                      "ornik::LPixelShuffle::forward_dyn", "src/layers/layer_pixel_shuffle.cpp");
     }
-    expect_error([] { _PixelShuffle(0, ""); },
-                 "The factor of a pixel shuffle should be at least 1, however it equals 0",
-                 "ornik::LPixelShuffle::LPixelShuffle", "src/layers/layer_pixel_shuffle.cpp");
 }
 
 }  // namespace

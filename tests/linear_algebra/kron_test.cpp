@@ -1,6 +1,5 @@
 // kron and its gradients against their sums, for every mixture of dense and COO operands.
 #include "matrices.h"
-#include "support/expect_error.h"
 #include "tensor/tensor_math/linear_algebra.h"
 
 namespace ornik::test {
@@ -46,28 +45,6 @@ TEST(Kron, ProductAndGradientsInEveryLayoutAndType) {
             EXPECT_TRUE(same(elements_of<T>(grad_y), grad_b));
         }
     });
-}
-
-TEST(Kron, Refusals) {
-    const char* const file = "src/tensor/tensor_math/tensor_math.cpp";
-    const TensorPtr a = make<float>({2, 3}, counted<float>(6));
-    const TensorPtr wide = make<double>({2, 3}, counted<double>(6));
-    const TensorPtr row = make<float>({6}, counted<float>(6));
-    const TensorPtr csr(to_csr(a.get()));
-    const TensorPtr away = make<float>({2, 3}, counted<float>(6));
-    away->updateDevice(1000);
-    const auto refused = [&](Tensor* b, const std::string& before, const std::string& after) {
-        expect_error([&] { kron(a.get(), b); }, before + "kron()" + after, "ornik::kron", file);
-        expect_error([&] { kron_grad_t2(b, a.get(), a.get()); }, before + "kron_grad()" + after, "ornik::kron_grad_t2",
-                     file);
-    };
-    refused(away.get(), "Not same device for ", "");
-    refused(wide.get(), "Not same data type for ", "");
-    refused(csr.get(), "", " supports coo or dense layout.");
-    refused(row.get(), "", " supports 2-dim tensors, however a shape is ( 6 ) ");
-    expect_error([&] { kron_grad_t1(a.get(), a.get(), a.get()); },
-                 "kron_grad() needs a gradient of shape ( 4, 9 ) , however it is ( 2, 3 ) ", "ornik::kron_grad_t1",
-                 file);
 }
 
 }  // namespace

@@ -156,37 +156,6 @@ TEST(Sparse, MalformedComponentsAreRefused) {
         around.init_sparse_tensor(two_by_three, dtype::float32, 0, c.layout, std::move(t));
         expect_error([&] { sparse_dot(&around, factor.get()); }, c.message, "ornik::sparse_dot", file);
     }
-    const TensorPtr index = make<std::int64_t>({2}, {0, 1});
-    const TensorPtr real = make<float>({2}, {1, 2});
-    const std::string component = "Component of a sparse tensor, values, ";
-    const auto refused = [&](Tensor* rows, Tensor* values, const Dims& shape, const std::string& message) {
-        expect_error([&] { sparse_coo_tensor(rows, rows, values, shape); }, message, "ornik::sparse_coo_tensor", file);
-    };
-    refused(real.get(), real.get(), {2, 2},
-            "Indices of a sparse tensor should be of an integer dtype, however they are numpy.float32");
-    refused(index.get(), nullptr, {2, 2}, component + "is missing.");
-    refused(index.get(), factor.get(), {2, 2}, component + "should have 1 axis, however its shape is ( 3, 2 ) ");
-    refused(index.get(), real.get(), {2}, "Sparse tensor needs a shape of 2 axes, however it is ( 2 ) ");
-    Tensor wrong;
-    wrong.init_sparse_tensor({2, 2}, dtype::float32, 0, layout::csr, {});
-    expect_error([&] { to_dense(&wrong); }, "Sparse tensor needs 3 component tensors, however it has 0",
-                 "ornik::to_dense", file);
-}
-
-TEST(Sparse, ProductRefusals) {
-    const TensorPtr dense = make<float>({2, 2}, {1, 0, 0, 1});
-    const TensorPtr csr(to_csr(dense.get()));
-    const std::string layouts = "sparse_dot() supports a coo or csr layout times a dense layout.";
-    const auto refused = [&](const TensorPtr& a, const TensorPtr& b, const std::string& message) {
-        expect_error([&] { sparse_dot(a.get(), b.get()); }, message, "ornik::sparse_dot", file);
-    };
-    refused(csr, make_empty({2, 2}, dtype::float64), "Not same data type for sparse_dot()");
-    refused(dense, dense, layouts);
-    refused(csr, csr, layouts);
-    refused(csr, make_empty({3, 2}, dtype::float32),
-            "Incompatible dims for sparse_dot(), dense has a shape of ( 3, 2 ) instead of ( 2, -1 ) (-1: any)");
-    expect_error([&] { to_csr(make_empty({3}, dtype::float32).get()); },
-                 "Only 2D tensors have a sparse layout, however the shape is ( 3 ) ", "ornik::to_csr", file);
 }
 
 }  // namespace

@@ -333,10 +333,13 @@ TEST(Schedules, FollowTheirFormulas) {
     EXPECT_NEAR(cosine[4], 0.2, 1e-12);
     const std::vector<double> warm = rates([](Optimizer& o) { return WarmupSchedule(o, 0.5, 1, 2); }, 4);
     EXPECT_EQ(warm, std::vector<double>({0.5, 0.75, 1, 1}));
-    const std::vector<double> cycle = rates([](Optimizer& o) { return OneCycleSchedule(o, 2, 10); }, 10);
+    const std::vector<double> cycle = rates([](Optimizer& o) { return OneCycleSchedule(o, 2, 10); }, 11);
     EXPECT_NEAR(cycle[0], 2.0 / 25, 1e-12);
     EXPECT_NEAR(cycle[2], 2, 1e-12);
     EXPECT_NEAR(cycle[9], 2.0 / 25 / 1e4, 1e-12);
+    EXPECT_EQ(cycle[10], cycle[9]);
+    EXPECT_EQ(message_of([&] { rates([](Optimizer& o) { return OneCycleSchedule(o, 2, 10); }, 12); }),
+              "step(): the cycle ends after 10 steps.");
     EXPECT_EQ(rates([](Optimizer& o) { return LambdaSchedule(o, [](std::int64_t t) { return 1.0 / (1 << t); }); }, 3),
               std::vector<double>({1, 0.5, 0.25}));
     SGD method({w}, {.lr = 1});

@@ -5,7 +5,6 @@
 #include <limits>
 
 #include "ornik.h"
-#include "support/expect_error.h"
 #include "support/gradients.h"
 #include "support/teams.h"
 #include "tensor/nn/interpolate.h"
@@ -180,33 +179,6 @@ TEST(Attention, MultiHeadAgainstLoops) {
     }
 }
 
-TEST(Attention, Refusals) {
-    const TensorPtr x(Tensor::ones({1, 3, 4}, 0, dtype::float32));
-    const TensorPtr longer(Tensor::ones({1, 5, 4}, 0, dtype::float32));
-    const TensorPtr wide(Tensor::ones({1, 3, 4}, 0, dtype::float64));
-    const TensorPtr w(Tensor::ones({4, 4}, 0, dtype::float32));
-    const auto dot = [&](Tensor* key, Tensor* mask, const std::string& message) {
-        expect_error([&] { scaled_dot_product_attention(x.get(), key, x.get(), mask); }, message,
-                     "ornik::scaled_dot_product_attention", "src/tensor/nn/attention.cpp");
-    };
-    dot(nullptr, nullptr, "Attention needs all of its tensors but mask and biases.");
-    dot(wide.get(), nullptr, "Not same data type for inputs of attention.");
-    dot(longer.get(), nullptr,
-        "Attention needs a query [..., n, d], a key [..., m, d] and a value [..., m, e]: query ( 1, 3, 4 ) , key "
-        "( 1, 5, 4 ) , value ( 1, 3, 4 ) ");
-    dot(x.get(), wide.get(), "The mask of attention should be bool or of the inputs' data type.");
-    dot(x.get(), x.get(), "A mask of shape ( 1, 3, 4 ) does not broadcast to scores of shape ( 1, 3, 3 ) ");
-    const AttentionProjection map{w.get(), nullptr};
-    const std::string file = "src/tensor/nn/multi_head_attention.cpp";
-    const MultiHeadParameters all{map, map, map, map};
-    expect_error([&] { multi_head_attention(all, 3, x.get(), x.get(), x.get()); },
-                 "Widths of 4 and 4 can not be cut into 3 heads.", "ornik::multi_head_attention", file);
-    MultiHeadState state;
-    const TensorPtr y(multi_head_attention(all, 2, longer.get(), x.get(), x.get(), nullptr, &state));
-    expect_error([&] { multi_head_attention_grad(all, x.get(), x.get(), x.get(), state, x.get()); },
-                 "The state of multi-head attention is not of these inputs.", "ornik::multi_head_attention_grad", file);
-}
-
 // Losses, attention and interpolation at every team size.
 TEST(Team, SameBitsAtEverySize) {
     const TensorPtr x = random_tensor({4, 6, 70, 20}, dtype::float32, 1);
@@ -315,19 +287,6 @@ TEST(AttentionFunctions, DropoutAndNoElements) {
                                  none.probabilities.get(), nullptr)
                   .key->Shape(),
               no_batch->Shape());
-    Tensor* const p = y.probabilities.get();
-    const std::array<bool, 4> of_mask{false, false, false, true};
-    const Refusal rows[] = {
-        {"attention", [&] { nn::attention(q.get(), k.get(), v.get(), {.dropout = 2}); },
-         "Probability should be in the range of [0, 1]."},
-        {"attention", [&] { nn::attention(q.get(), k.get(), v.get(), {.scale = HUGE_VAL}); },
-         "The scale of attention should be finite."},
-        {"attention_grad", [&] { nn::attention_grad(g.get(), q.get(), k.get(), v.get(), p, nullptr, options); },
-         "Attention with dropout needs the bool tensor of its forward pass."},
-        {"attention_grad", [&] { nn::attention_grad(g.get(), q.get(), k.get(), v.get(), p, nullptr, {}, of_mask); },
-         "Attention has no mask that could have a gradient."},
-    };
-    expect_refusals(rows, "ornik::nn::", "src/tensor/nn/attention.cpp");
 }
 
 }  // namespace

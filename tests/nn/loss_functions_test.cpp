@@ -231,40 +231,20 @@ TEST(LossFunctions, TheBitsOfTheClassesAndNoMembers) {
     }
 }
 
+// What single wrong arguments of the usual options do not meet.
 TEST(LossFunctions, Refusals) {
-    const TensorPtr x = between(0, 1, {2, 3}, 1, Layout::contiguous), row = between(0, 1, {3}, 2, Layout::contiguous);
-    const TensorPtr two = make<double>({2}, {1, 1}), one = make<double>({}, {1});
-    const TensorPtr labels = make<std::int32_t>({2}, {0, 3}), beyond = make<double>({2, 3}, {0, 0, 0, 0, 0, 1.5});
-    const TensorPtr single = make_empty({2, 3}, dtype::float32);
-    const auto element = [&](Tensor* p, Tensor* t, const nn::ElementLossOptions& options = {},
-                             ElementLoss loss = ElementLoss::huber) {
-        return [=] { nn::element_loss(loss, p, t, options); };
-    };
-    const auto entropy = [&](const nn::ClassLossOptions& options) {
-        return [&, options] { nn::cross_entropy(x.get(), labels.get(), options); };
+    const TensorPtr x = between(0, 1, {2, 3}, 1, Layout::contiguous), beyond = make<double>({1}, {1.5});
+    const TensorPtr labels = make<std::int32_t>({2}, {0, 2}), one = make<double>({}, {1});
+    const auto element = [&](Tensor* p, const nn::ElementLossOptions& options, ElementLoss loss) {
+        return [=] { nn::element_loss(loss, p, p, options); };
     };
     const Refusal rows[] = {
-        {"element_loss", element(nullptr, x.get()), "Huber loss needs a prediction and a target."},
-        {"element_loss", element(labels.get(), labels.get()), "Not valid dtype for this function."},
-        {"element_loss", element(x.get(), single.get()), "Not same data type for inputs of huber loss."},
-        {"element_loss", element(x.get(), row.get()),
-         "Target of shape ( 3 ) does not fit a prediction of shape ( 2, 3 ) "},
-        {"element_loss", element(x.get(), x.get(), {.weight = row.get()}),
-         "A weight of shape ( 3 ) does not fit a prediction of shape ( 2, 3 ) "},
-        {"element_loss", element(x.get(), x.get(), {.positive_weight = x.get()}),
-         "A positive weight belongs to binary cross entropy with logits."},
-        {"element_loss", element(x.get(), x.get(), {.parameter = 0}), "The parameter of huber loss should be above 0"},
-        {"element_loss", element(x.get(), x.get(), {.parameter = -1}, ElementLoss::smooth_l1),
+        {"element_loss", element(x.get(), {.parameter = 0}, ElementLoss::huber),
+         "The parameter of huber loss should be above 0"},
+        {"element_loss", element(x.get(), {.parameter = -1}, ElementLoss::smooth_l1),
          "The parameter of smooth L1 loss should be 0 or above"},
-        {"element_loss", element(beyond.get(), x.get(), {}, ElementLoss::binary_cross_entropy),
+        {"element_loss", element(beyond.get(), {}, ElementLoss::binary_cross_entropy),
          "Binary cross entropy needs probabilities between 0 and 1."},
-        {"element_loss_grad", [&] { nn::element_loss_grad(ElementLoss::huber, row.get(), x.get(), x.get()); },
-         "The output of huber loss has the shape empty vector\nbut its gradient the shape ( 3 ) "},
-        {"cross_entropy", entropy({.weight = two.get()}), "Class index out of range, there are 3 classes."},
-        {"cross_entropy", entropy({.weight = two.get(), .ignore_index = 3}),
-         "A weight of shape ( 2 ) does not fit 3 classes."},
-        {"cross_entropy", entropy({.ignore_index = 3, .label_smoothing = 1.5}),
-         "Label smoothing should be in the range of [0, 1]."},
         {"cross_entropy_grad",
          [&] {
              nn::cross_entropy_grad(one.get(), x.get(), labels.get(), {.ignore_index = 3}, {true, true});
@@ -272,8 +252,6 @@ TEST(LossFunctions, Refusals) {
          "Class indices have no gradient."},
         {"nll_loss", [&] { nn::nll_loss(x.get(), labels.get(), {.label_smoothing = 0.1}); },
          "Label smoothing belongs to cross entropy."},
-        {"nll_loss", [&] { nn::nll_loss(x.get(), x.get()); },
-         "Negative log-likelihood needs class indices of an integer dtype."},
     };
     expect_refusals(rows, "ornik::nn::", "src/losses/functions.cpp");
 }

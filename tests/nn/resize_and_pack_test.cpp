@@ -3,7 +3,6 @@
 #include <cstring>
 #include <limits>
 
-#include "support/expect_error.h"
 #include "support/gradients.h"
 #include "tensor/nn/interpolate.h"
 #include "tensor/nn/packing.h"
@@ -73,24 +72,6 @@ TEST(Interpolate, InfinityStaysInItsPixel) {
               (std::vector<float>{1, inf, 3}));
 }
 
-TEST(Interpolate, Refusals) {
-    const TensorPtr x(Tensor::ones({1, 2, 3, 4}, 0, dtype::float32));
-    const TensorPtr row = make<float>({3}, {1, 2, 3});
-    const auto refused = [](const TensorPtr& t, const Dims& size, const std::string& mode, const std::string& message) {
-        expect_error([&] { interpolate(t.get(), size, mode, mode == "nearest"); }, message, "ornik::interpolate",
-                     "src/tensor/nn/interpolate.cpp");
-    };
-    refused(row, {1, 1}, "bilinear",
-            "Interpolation needs images [batch, channels, rows, cols], however they are ( 3 ) ");
-    refused(x, {1, 1}, "cubic", "Unknown interpolation: cubic");
-    refused(x, {1, 1}, "nearest", "align_corners needs the interpolation bilinear.");
-    refused(x, {4, 0}, "bilinear", "Interpolation needs a size of rows and cols, however it is ( 4, 0 ) ");
-    const Dims images{1, 3, 3, 4};
-    expect_error([&] { interpolate_grad(x.get(), images, "nearest"); },
-                 "A gradient of shape ( 1, 2, 3, 4 ) does not fit images of shape ( 1, 3, 3, 4 ) ",
-                 "ornik::interpolate_grad", "src/tensor/nn/interpolate.cpp");
-}
-
 TEST(Packing, AWorkedBatch) {
     const Packing packing({1, 3, 0, 3, 2});
     EXPECT_EQ(packing.order(), (Dims{1, 3, 4, 0, 2}));
@@ -113,7 +94,7 @@ TEST(Packing, AWorkedBatch) {
     EXPECT_EQ(std::memcmp(back->getRawData(), features->getRawData(), 9 * 6 * 16), 0);
 }
 
-TEST(Packing, GradientsAndRefusals) {
+TEST(Packing, Gradients) {
     const Packing packing({2, 3});
     const TensorPtr padded = random_tensor({2, 4, 2}, dtype::float64, 1, Layout::transposed);
     const TensorPtr packed = random_tensor({5, 2}, dtype::float64, 2, Layout::reversed);
@@ -121,20 +102,6 @@ TEST(Packing, GradientsAndRefusals) {
                     pack_sequences_grad(packed.get(), packing, 4));
     expect_gradient([&](Tensor* t) { return unpack_sequences(t, packing, 4, 7); }, packed, padded,
                     unpack_sequences_grad(padded.get(), packing));
-    const Refusal of_lengths[] = {
-        {"Packing", [] { Packing(dims(2, -1)); }, "Sequences have lengths from 0, however they are ( 2, -1 ) "},
-        {"Packing", [] { Packing(dims(0, 0)); }, "At least one sequence should have a step."},
-    };
-    expect_refusals(of_lengths, "ornik::Packing::", "src/descriptors/packing.cpp");
-    const Refusal refusals[] = {
-        {"pack_sequences", [&] { pack_sequences(packed.get(), packing); },
-         "These sequences are padded to [2, 3 or more, ...], however they are ( 5, 2 ) "},
-        {"unpack_sequences", [&] { unpack_sequences(padded.get(), packing); },
-         "These sequences are packed to [5, ...], however they are ( 2, 4, 2 ) "},
-        {"pack_sequences_grad", [&] { pack_sequences_grad(packed.get(), packing, 2); },
-         "Sequences of up to 3 steps do not fit into 2"},
-    };
-    expect_refusals(refusals, "ornik::", "src/tensor/nn/packing.cpp");
 }
 
 }  // namespace

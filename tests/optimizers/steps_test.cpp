@@ -38,40 +38,37 @@ void sgd(T& p, T g, T* s, bool nesterov) {
     p = nesterov ? p + (T(b1) * s[0] + T(-lr) * g) : p + s[0];
 }
 
-// Calls visit(name in messages, name, file, number of states, step, reference) for every step; the reference
-// updates one element in the arithmetic of its type.
+// Calls visit(name, number of states, step, reference) for every step; the reference updates one element in the
+// arithmetic of its type.
 template <typename Visit>
 void for_each_step(const Visit& visit) {
     using P = Tensor*;
     visit(
-        "sgd_step", "sgd_step", "sgd", std::size_t{1},
-        [](P p, P g, int, States s) { sgd_step(p, g, lr, s[0], b1, true); },
+        "sgd_step", std::size_t{1}, [](P p, P g, int, States s) { sgd_step(p, g, lr, s[0], b1, true); },
         []<typename T>(T& p, T g, int, T* s) { sgd(p, g, s, true); });
     visit(
-        "sgd_step", "sgd_step", "sgd", std::size_t{1},
-        [](P p, P g, int, States s) { sgd_step(p, g, lr, s[0], b1, false); },
+        "sgd_step", std::size_t{1}, [](P p, P g, int, States s) { sgd_step(p, g, lr, s[0], b1, false); },
         []<typename T>(T& p, T g, int, T* s) { sgd(p, g, s, false); });
     visit(
-        "rmsprop_step", "rmsprop_step", "rmsprop", std::size_t{1},
-        [](P p, P g, int, States s) { rmsprop_step(p, g, lr, b1, eps, s[0]); },
+        "rmsprop_step", std::size_t{1}, [](P p, P g, int, States s) { rmsprop_step(p, g, lr, b1, eps, s[0]); },
         []<typename T>(T& p, T g, int, T* s) {
             s[0] = T(b1) * s[0] + T(1.0F - b1) * (g * g);
             p = T(-lr) * (g / (std::sqrt(s[0]) + T(eps))) + p;
         });
     visit(
-        "adam_step", "adam_step", "adam", std::size_t{3},
+        "adam_step", std::size_t{3},
         [](P p, P g, int t, States s) { adam_step(p, g, lr, b1, b2, eps, t, s[0], s[1], s[2], false); },
         []<typename T>(T& p, T g, int t, T* s) { adam(p, g, t, s, false, false); });
     visit(
-        "adam_step", "adam_step", "adam", std::size_t{3},
+        "adam_step", std::size_t{3},
         [](P p, P g, int t, States s) { adam_step(p, g, lr, b1, b2, eps, t, s[0], s[1], s[2], true); },
         []<typename T>(T& p, T g, int t, T* s) { adam(p, g, t, s, false, true); });
     visit(
-        "adam_step", "adamw_step", "adam", std::size_t{3},
+        "adamw_step", std::size_t{3},
         [](P p, P g, int t, States s) { adamw_step(p, g, lr, b1, b2, eps, decay, t, s[0], s[1], s[2], true); },
         []<typename T>(T& p, T g, int t, T* s) { adam(p, g, t, s, true, true); });
     visit(
-        "adam_max_step", "adam_max_step", "adamax", std::size_t{2},
+        "adam_max_step", std::size_t{2},
         [](P p, P g, int t, States s) { adam_max_step(p, g, lr, b1, b2, eps, t, s[0], s[1]); },
         []<typename T>(T& p, T g, int t, T* s) {
             s[0] = T(b1) * s[0] + T(1.0F - b1) * g;
@@ -79,14 +76,13 @@ void for_each_step(const Visit& visit) {
             p = T(-lr) * (corrected<T>(b1, t) * s[0] / s[1]) + p;
         });
     visit(
-        "adam_grad_step", "adam_grad_step", "adagrad", std::size_t{1},
-        [](P p, P g, int, States s) { adam_grad_step(p, g, lr, eps, s[0]); },
+        "adam_grad_step", std::size_t{1}, [](P p, P g, int, States s) { adam_grad_step(p, g, lr, eps, s[0]); },
         []<typename T>(T& p, T g, int, T* s) {
             s[0] = s[0] + g * g;
             p = T(-lr) * (g / (std::sqrt(s[0]) + T(eps))) + p;
         });
     visit(
-        "adam_delta_step", "adam_delta_step", "adadelta", std::size_t{2},
+        "adam_delta_step", std::size_t{2},
         [](P p, P g, int, States s) { adam_delta_step(p, g, 1.0F, b1, eps, s[0], s[1]); },
         []<typename T>(T& p, T g, int, T* s) {
             s[0] = T(b1) * s[0] + T(1.0F - b1) * (g * g);
@@ -97,7 +93,7 @@ void for_each_step(const Visit& visit) {
     // With weight decay.
     for (const bool nesterov : {false, true}) {
         visit(
-            "sgd_step", "nn::sgd_step", "sgd", std::size_t{1},
+            "nn::sgd_step", std::size_t{1},
             [nesterov](P p, P g, int t, States s) {
                 nn::sgd_step(p, g, s[0], {lr, b1, nesterov ? 0 : 0.25F, decay, nesterov, t == 1});
             },
@@ -110,7 +106,7 @@ void for_each_step(const Visit& visit) {
     for (const int form : {0, 1, 2, 3}) {
         const bool centered = form > 1, buffered = form % 2 == 1;
         visit(
-            "rmsprop_step", "nn::rmsprop_step", "rmsprop", std::size_t{1} + (form > 0 ? 1 : 0) + (form == 3 ? 1 : 0),
+            "nn::rmsprop_step", std::size_t{1} + (form > 0 ? 1 : 0) + (form == 3 ? 1 : 0),
             [=](P p, P g, int, States s) {
                 nn::rmsprop_step(p, g, s[0], centered ? s[1] : nullptr, buffered ? s[centered ? 2 : 1] : nullptr,
                                  {lr, b2, eps, buffered ? b1 : 0, decay});
@@ -131,13 +127,13 @@ void for_each_step(const Visit& visit) {
             });
     }
     visit(
-        "adam_step", "nn::adam_step", "adam", std::size_t{3},
+        "nn::adam_step", std::size_t{3},
         [](P p, P g, int t, States s) {
             nn::adam_step(p, g, s[0], s[1], s[2], {lr, b1, b2, eps, decay, t});
         },
         []<typename T>(T& p, T g, int t, T* s) { adam(p, g + T(decay) * p, t, s, false, true); });
     visit(
-        "adamax_step", "nn::adamax_step", "adamax", std::size_t{2},
+        "nn::adamax_step", std::size_t{2},
         [](P p, P g, int t, States s) {
             nn::adamax_step(p, g, s[0], s[1], {lr, b1, b2, eps, decay, t});
         },
@@ -148,7 +144,7 @@ void for_each_step(const Visit& visit) {
             p = T(-lr) * (corrected<T>(b1, t) * s[0] / s[1]) + p;
         });
     visit(
-        "adagrad_step", "nn::adagrad_step", "adagrad", std::size_t{1},
+        "nn::adagrad_step", std::size_t{1},
         [](P p, P g, int, States s) {
             nn::adagrad_step(p, g, s[0], {lr, eps, decay});
         },
@@ -158,7 +154,7 @@ void for_each_step(const Visit& visit) {
             p = T(-lr) * (g / (std::sqrt(s[0]) + T(eps))) + p;
         });
     visit(
-        "adadelta_step", "nn::adadelta_step", "adadelta", std::size_t{2},
+        "nn::adadelta_step", std::size_t{2},
         [](P p, P g, int, States s) {
             nn::adadelta_step(p, g, s[0], s[1], {1.0F, b1, eps, decay});
         },
@@ -239,7 +235,7 @@ void compare(std::int64_t dtype, Layout layout, std::int64_t rows, int count, co
 }
 
 TEST(Steps, FollowScalarLoops) {
-    for_each_step([](auto, const char* name, auto, std::size_t states, const auto& step, const auto& reference) {
+    for_each_step([](const char* name, std::size_t states, const auto& step, const auto& reference) {
         for (const Layout layout : all_layouts) {
             compare<float>(dtype::float32, layout, 7, 100, name, states, step, reference);
             compare<double>(dtype::complex128, layout, 7, 100, name, states, step, reference);
@@ -254,51 +250,7 @@ TEST(Steps, FollowScalarLoops) {
     });
 }
 
-TEST(Steps, RefuseBeforeAnyWrite) {
-    for_each_step([](std::string said, std::string name, std::string file, std::size_t states, const auto& step, auto) {
-        std::vector<TensorPtr> good;
-        Tensor* args[5];  // parameter, gradient, states
-        for (int i = 0; i < 5; ++i) {
-            good.push_back(make<float>({2}, {1, 2}));
-        }
-        const auto refused = [&](const std::vector<std::pair<std::size_t, Tensor*>>& changes,
-                                 const std::string& message, int count = 1) {
-            for (std::size_t i = 0; i < 5; ++i) {
-                args[i] = good[i].get();
-            }
-            for (const auto& [place, t] : changes) {
-                args[place] = t;
-            }
-            expect_error([&] { step(args[0], args[1], count, args + 2); }, message, "ornik::" + name,
-                         "src/optimizers/optim_" + file + ".cpp");
-            for (const TensorPtr& t : good) {
-                EXPECT_EQ(values_of<float>(t), (std::vector<float>{1, 2})) << name;
-            }
-        };
-        const TensorPtr longer = make<float>({1, 2}, {5, 6});
-        const TensorPtr whole = make<std::int64_t>({2}, {5, 6});
-        const TensorPtr elsewhere = make<float>({2}, {5, 6});
-        elsewhere->updateDevice(1000);
-        const TensorPtr expanded(Tensor::broadcast_to(make<float>({1}, {1}).get(), {2}));
-        for (std::size_t place = 1; place < 2 + states; ++place) {
-            refused({{place, elsewhere.get()}}, "Not same device of inputs for '" + said + "'. ");
-            refused({{place, whole.get()}}, "Not same data type of inputs for '" + said + "'. ");
-            refused({{place, longer.get()}}, "Not same shape of inputs for '" + said + "'. ");
-        }
-        refused({{0, longer.get()}}, "Not same shape of inputs for '" + said + "'. ");
-        refused({{0, whole.get()}, {1, whole.get()}, {2, whole.get()}, {3, whole.get()}, {4, whole.get()}},
-                "'" + said + "' only supports float or complex.");
-        refused({{2, expanded.get()}}, "Output can not be an expanded view: shape ( 2 ) , strides ( 0 ) ");
-        for (const std::size_t shared : {0U, 1U}) {
-            refused({{2, good[shared].get()}}, "Inputs for '" + said + "' overlap in memory.");
-        }
-        if (name == "adamw_step") {
-            refused({{4, nullptr}}, "'adam_step' with amsgrad needs a tensor for the largest average.");
-        }
-        if (file == "adam" || file == "adamax") {
-            refused({}, "Step count of '" + said + "' should be >= 1, however it equals 0", 0);
-        }
-    });
+TEST(Steps, AnAdamStepThatFindsItsGradientTakesRealNumbers) {
     const TensorPtr z(Tensor::ones({2}, 0, dtype::complex64));
     expect_error([&] { adam_step_with_grad(z.get(), z.get(), {}, z.get(), z.get(), nullptr); },
                  "'adam_step_with_grad' only supports float.", "ornik::adam_step_with_grad",

@@ -11,7 +11,6 @@ namespace ornik::test {
 namespace {
 
 using Index = std::vector<std::int64_t>;
-const std::string file = "src/tensor/tensor_math/indices.cpp";
 
 TensorPtr index_of(const Dims& shape, const Index& values, Layout layout = Layout::contiguous) {
     return make<std::int64_t>(shape, values, layout);
@@ -169,36 +168,6 @@ TEST(AdvancedIndex, LastWritersOfSelectionsByText) {
     // A value that kept an axis of a plain integer.
     EXPECT_EQ(doubles_of(TensorPtr(set_select_ndim_value_grad(grad.get(), {2, 1}, {"0:2", "3"})).get()),
               (std::vector<double>{4, 8}));
-}
-
-TEST(AdvancedIndex, RefusedBeforeAnythingIsWritten) {
-    const TensorPtr x(Tensor::ones({2, 3}, 0, dtype::float32));
-    const TensorPtr outside = index_of({2}, {0, 2});
-    const TensorPtr below = index_of({1}, {-4});
-    const TensorPtr fits = index_of({2}, {0, 1});
-    const TensorPtr mask(Tensor::ones({3}, 0, dtype::boolean));
-    const TensorPtr value(Tensor::zeros({4}, 0, dtype::float32));
-    const auto set = [&](const SliceItems& items) {
-        return [&x, &value, items] { set_index_advanced(x.get(), value.get(), items); };
-    };
-    const Refusal rows[] = {
-        {"set_index_advanced", set({SliceItem::positions(outside.get())}),
-         "Index 2 is out of range for an axis of 2 elements"},
-        {"set_index_advanced", set({SliceItem::all(), SliceItem::positions(below.get())}),
-         "Index -4 is out of range for an axis of 3 elements"},
-        {"set_index_advanced", set({SliceItem::positions(x.get())}), "Index should be of an integer dtype"},
-        {"set_index_advanced", set({SliceItem::positions(mask.get())}),
-         "A mask of shape ( 3 ) does not fit axis 0 of a shape of ( 2, 3 ) "},
-        {"set_index_advanced", set({SliceItem::positions(nullptr)}), "An index tensor is null."},
-        {"set_index_advanced", set({SliceItem::positions(fits.get())}),
-         "A value of shape ( 4 ) does not fit a selection of shape ( 2, 3 ) "},
-    };
-    for (const Refusal& row : rows) {
-        const std::string text = error_text(row.call);
-        EXPECT_EQ(text.substr(0, text.find(" ( FILE")), row.message);
-        EXPECT_NE(text.find("FUNC: ornik::" + row.function), std::string::npos);
-    }
-    EXPECT_EQ(doubles_of(x.get()), std::vector<double>(6, 1.0));
 }
 
 }  // namespace

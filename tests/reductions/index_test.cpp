@@ -1,3 +1,5 @@
+#include "layers/functional/embedding.h"
+#include "losses/functions.h"
 #include "reference.h"
 #include "tensor/tensor_math/indexing.h"
 
@@ -5,8 +7,6 @@ namespace ornik::test {
 namespace {
 
 using Index = std::vector<std::int64_t>;
-const std::string file = "src/tensor/tensor_math/indexing.cpp";
-const std::string axes_file = "src/tensor/tensor_math/indexing_axes.cpp";
 
 TensorPtr index_of(const Dims& shape, const Index& values, Layout layout = Layout::contiguous) {
     return make<std::int64_t>(shape, values, layout);
@@ -159,34 +159,64 @@ TEST(Indexing, Masks) {
     EXPECT_EQ(TensorPtr(masked_select(numbers.get(), none.get()))->Shape(), Dims{0});
 }
 
-TEST(Indexing, Gradients) {
-    const Dims shape{3, 4};
-    const TensorPtr index = index_of({5}, {1, -1, 1, 0, 2});
-    const TensorPtr places = index_of({2, 3}, {1, 2, 1, 0, -1, 3});
-    const TensorPtr flat_index = index_of({2, 2}, {11, 3, 3, -12});
-    const TensorPtr rows = index_of({2, 1}, {2, 0});
-    const TensorPtr mask = make<bool>({4}, {true, false, true, true});
-    const TensorPtr column_mask = make<bool>({2, 1}, {true, false});
-    const TensorPtr x = make<double>(shape, random_doubles(12, 1), Layout::transposed);
-    const TensorPtr source = make<double>({2, 3}, random_doubles(6, 2), Layout::every_other);
-    const auto check = [](const char* name, const TensorPtr& at, const auto& f, const auto& gradient) {
-        const Dims result = TensorPtr(f(at.get()))->Shape();
-        const TensorPtr g = make<double>(result, random_doubles(numel_of(result), 3), Layout::transposed);
-        expect_central_differences(f, at, g, TensorPtr(gradient(g.get())), name);
-    };
+TEST(Indexing, GradientOfSeveralAxes) {
+    const TensorPtr places = index_of({2, 3}, {1, 2, 1, 0, -1, 3}), rows = index_of({2, 1}, {2, 0});
     const std::vector<Tensor*> axes{rows.get(), places.get()};
-    const TensorPtr row = make<double>({4}, random_doubles(4, 6));
-    // clang-format off
-    check("index_select", x, [&](Tensor* t) { return index_select(t, 1, index.get()); }, [&](Tensor* g) { return index_select_grad(g, shape, 1, index.get()); });
-    check("take", x, [&](Tensor* t) { return take(t, flat_index.get()); }, [&](Tensor* g) { return take_grad(g, shape, flat_index.get()); });
-    check("gather", x, [&](Tensor* t) { return gather(t, 1, places.get()); }, [&](Tensor* g) { return gather_grad(g, shape, 1, places.get()); });
-    check("scatter", x, [&](Tensor* t) { return scatter(t, 1, places.get(), source.get()); }, [&](Tensor* g) { return scatter_grad(g, 1, places.get()); });
-    check("scatter source", source, [&](Tensor* t) { return scatter(x.get(), 1, places.get(), t); }, [&](Tensor* g) { return scatter_source_grad(g, 1, places.get()); });
-    check("scatter_add source", source, [&](Tensor* t) { return scatter_add(x.get(), 1, places.get(), t); }, [&](Tensor* g) { return gather(g, 1, places.get()); });
-    check("index_get", x, [&](Tensor* t) { return index_get(t, axes); }, [&](Tensor* g) { return index_get_grad(g, shape, axes); });
-    check("masked_select", x, [&](Tensor* t) { return masked_select(t, mask.get()); }, [&](Tensor* g) { return masked_select_grad(g, shape, mask.get()); });
-    check("masked_select, broadcast", row, [&](Tensor* t) { return masked_select(t, column_mask.get()); }, [&](Tensor* g) { return masked_select_grad(g, {4}, column_mask.get()); });
-    // clang-format on
+    const TensorPtr x = make<double>({3, 4}, random_doubles(12, 1), Layout::transposed);
+    const TensorPtr g = make<double>({2, 3}, random_doubles(6, 3), Layout::transposed);
+    expect_central_differences([&](Tensor* t) { return index_get(t, axes); }, x, g,
+                               TensorPtr(index_get_grad(g.get(), {3, 4}, axes)), "index_get");
+}
+
+TEST(Indexing, TheFirstIndicesOutsideAreRefused) {
+    const TensorPtr x = make<float>({2, 3}, counted<float>(6));
+    const TensorPtr column = make<float>({2, 1}, {1, 2}), one = make<float>({1, 1}, {1}),
+                    classes = make<float>({1, 3}, {1, 2, 3});
+    struct Row {
+        std::int64_t lowest, beyond;
+        std::function<void(Tensor*)> call;
+    };
+    const auto used = [](Tensor* t) { delete t; };
+    const Row rows[] = {
+        {-3, 3, [&](Tensor* i) { used(index_select(x.get(), 1, i)); }},
+        {-6, 6, [&](Tensor* i) { used(take(x.get(), i)); }},
+        {-2, 2, [&](Tensor* i) { used(index_get(x.get(), {i})); }},
+        {-3, 3,
+         [&](Tensor* i) {
+             index_put_(x.get(), {nullptr, i}, one.get());
+         }},
+        {-2, 2, [&](Tensor* i) { used(index_advanced(x.get(), {SliceItem::positions(i)})); }},
+        {-3, 3,
+         [&](Tensor* i) {
+             set_index_advanced(x.get(), one.get(), {SliceItem::all(), SliceItem::positions(i)});
+         }},
+        {-3, 3, [&](Tensor* i) { index_add_(x.get(), 1, i, column.get()); }},
+        {-3, 3,
+         [&](Tensor* i) {
+             used(gather(x.get(), 1, TensorPtr(i->view({1, 1})).get()));
+         }},
+        {-2, 2,
+         [&](Tensor* i) {
+             scatter_(x.get(), 0, TensorPtr(i->view({1, 1})).get(), one.get());
+         }},
+        {0, 2, [&](Tensor* i) { (void)nn::embedding(i, x.get()); }},
+        {0, 4, [&](Tensor* i) { (void)nn::embedding_grad(classes.get(), i, 4); }},
+        {0, 3, [&](Tensor* i) { (void)nn::nll_loss(classes.get(), i); }},
+        {0, 3, [&](Tensor* i) { (void)nn::cross_entropy(classes.get(), i); }},
+    };
+    for (const Row& row : rows) {
+        for (const std::int64_t at : {row.lowest - 1, row.lowest, row.beyond - 1, row.beyond}) {
+            SCOPED_TRACE(testing::Message() << "row " << &row - rows << ", index " << at);
+            const TensorPtr index = index_of({1}, {at});
+            if (at < row.lowest || at == row.beyond) {
+                const std::string before = bytes_of(x);
+                EXPECT_THROW(row.call(index.get()), Error);
+                EXPECT_EQ(bytes_of(x), before);
+            } else {
+                EXPECT_NO_THROW(row.call(index.get()));
+            }
+        }
+    }
 }
 
 TEST(Indexing, LargeOnesAreTheSameUnderAnyTeam) {
@@ -208,48 +238,6 @@ TEST(Indexing, LargeOnesAreTheSameUnderAnyTeam) {
     EXPECT_EQ(values_of<float>(added), values_of<float>(scattered));
     expect_same_bits([&] { return index_add(x.get(), 0, index.get(), source.get()); }, "index_add");
     expect_same_bits([&] { return scatter(x.get(), 0, places.get(), source.get()); }, "scatter");
-}
-
-TEST(Indexing, RefusalsBeforeAnythingIsWritten) {
-    const TensorPtr x = make<float>({2, 3}, counted<float>(6));
-    const TensorPtr beyond = index_of({3}, {0, 3, 1});
-    const TensorPtr below = index_of({1, 1}, {-3});
-    const TensorPtr source = make<float>({2, 3}, counted<float>(6, 10));
-    const TensorPtr small = make<float>({1, 1}, {5});
-    const TensorPtr wide = make<double>({1, 1}, {5});
-    const TensorPtr first = index_of({1, 1}, {0});
-    const TensorPtr row = make<float>({3}, {1, 2, 3});
-    const TensorPtr expanded(Tensor::broadcast_to(row.get(), {2, 3}));
-    const TensorPtr mask(Tensor::ones({3}, 0, dtype::boolean));
-    const TensorPtr six = index_of({1}, {6}), long_row = index_of({1, 4}, {0, 0, 0, 0});
-    const std::vector<Tensor*> second{nullptr, beyond.get()}, third{nullptr, nullptr, first.get()};
-    const std::string outside = "Index 3 is out of range for an axis of 3 elements";
-    const Refusal rows[] = {
-        {"index_select", [&] { index_select(x.get(), 1, beyond.get()); }, outside},
-        {"index_select", [&] { index_select(x.get(), 0, row.get()); }, "Index should be of an integer dtype"},
-        {"index_add_", [&] { index_add_(x.get(), 1, beyond.get(), source.get()); }, outside},
-        {"scatter_", [&] { scatter_(x.get(), 0, below.get(), small.get()); },
-         "Index -3 is out of range for an axis of 2 elements"},
-        {"scatter_", [&] { scatter_(x.get(), 0, first.get(), wide.get()); }, "Not same data type"},
-        {"scatter_", [&] { scatter_(x.get(), 0, first.get(), source.get()); },
-         "The source has a shape of ( 2, 3 ) , the indexed elements have a shape of ( 1, 1 ) "},
-        {"scatter_", [&] { scatter_(expanded.get(), 0, first.get(), small.get()); },
-         "Output can not be an expanded view: shape ( 2, 3 ) , strides ( 0, 1 ) "},
-        {"take", [&] { take(x.get(), six.get()); }, "Index 6 is out of range for an axis of 6 elements"},
-        {"gather", [&] { gather(x.get(), 0, long_row.get()); },
-         "Index has a shape of ( 1, 4 ) , which does not fit into ( 2, 3 ) "},
-    };
-    expect_refusals(rows, "ornik::", file);
-    const Refusal of_axes[] = {
-        {"index_put_", [&] { index_put_(x.get(), second, small.get()); }, outside},
-        {"index_get", [&] { index_get(x.get(), {mask.get()}); },
-         "A mask of shape ( 3 ) does not fit axis 0 of a shape of ( 2, 3 ) "},
-        {"index_get", [&] { index_get(x.get(), third); }, "Too many indices for a shape of ( 2, 3 ) "},
-        {"masked_select", [&] { masked_select(x.get(), row.get()); }, "Mask should be a bool tensor"},
-    };
-    expect_refusals(of_axes, "ornik::", axes_file);
-    EXPECT_EQ(values_of<float>(x), counted<float>(6));
-    EXPECT_EQ(values_of<float>(row), (std::vector<float>{1, 2, 3}));
 }
 
 }  // namespace

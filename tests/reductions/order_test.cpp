@@ -132,14 +132,6 @@ TEST(AlongAnAxis, SpecialValues) {
     for (const Row& row : {rows[2], rows[3]}) {
         expect_close(values_of<double>(TensorPtr(row.apply(undefined.get(), 0))), Values(3, not_a_number), 0, row.name);
     }
-    const TensorPtr integers(Tensor::ones({2}, 0, dtype::int32)), four(Tensor::ones({4}, 0, dtype::float64));
-    const Refusal refusals[] = {
-        {"softmax", [&] { softmax(integers.get(), 0); }, "Not valid dtype for this function."},
-        {"log_softmax_grad", [&] { log_softmax_grad(t.get(), far.get(), 0); }, "Not same data type"},
-        {"cumprod_grad", [&] { cumprod_grad(four.get(), t.get(), 0); },
-         "The gradient has a shape of ( 4 ) , the result has a shape of ( 5 ) "},
-    };
-    expect_refusals(refusals, "ornik::", "src/tensor/tensor_math/running.cpp");
 }
 
 TEST(AlongAnAxis, ExponentialsWithinOneUlpOverTheWholeDomain) {
@@ -230,20 +222,6 @@ TEST(Order, SortIsStableForEveryDtypeLayoutAndLength) {
     });
 }
 
-TEST(Order, SortGradientReturnsToItsPlaces) {
-    const TensorPtr x = make<double>({2, 5}, random_doubles(10, 21), Layout::transposed);
-    const TensorPtr g = make<double>({2, 3}, random_doubles(6, 22));
-    const Sorted top(topk(x.get(), 3, 1));
-    expect_central_differences([&](Tensor* t) { return Sorted(topk(t, 3, 1)).values.release(); }, x, g,
-                               TensorPtr(sort_grad(g.get(), top.places.get(), {2, 5}, 1)), "topk");
-    const std::vector<std::int64_t> places = values_of<std::int64_t>(top.places);
-    const auto outside = std::find_if(places.begin(), places.end(), [](std::int64_t place) { return place > 1; });
-    const Dims narrow{2, 2};
-    expect_error([&] { sort_grad(g.get(), top.places.get(), narrow, 1); },
-                 "Index " + std::to_string(*outside) + " is out of range for an axis of 2 elements", "ornik::sort_grad",
-                 "src/tensor/tensor_math/sorting.cpp");
-}
-
 TEST(Order, Unique) {
     const float nan = std::numeric_limits<float>::quiet_NaN();
     const TensorPtr x = make<float>({2, 4}, {3, nan, -1, 3, 0, -0.0F, nan, 3}, Layout::transposed);
@@ -268,14 +246,6 @@ TEST(Order, SearchSorted) {
     EXPECT_EQ(places(row, false), (Values{0, 1, 4, 3, 0, 4}));
     EXPECT_EQ(places(row, true), (Values{0, 3, 4, 4, 1, 4}));
     EXPECT_EQ(places(square, false), (Values{0, 1, 2, 1, 1, 2}));
-    const TensorPtr z(Tensor::ones({2}, 0, dtype::complex64));
-    const Refusal refusals[] = {
-        {"searchsorted", [&] { searchsorted(square.get(), row.get()); },
-         "Incompatible shape: sorted has a shape of ( 2, 2 ) , values has a shape of ( 4 ) "},
-        {"topk", [&] { topk(row.get(), 5, 0); }, "k is 5, the axis has 4 elements"},
-        {"sort", [&] { sort(z.get()); }, "Not valid dtype for this function."},
-    };
-    expect_refusals(refusals, "ornik::", "src/tensor/tensor_math/sorting.cpp");
 }
 
 }  // namespace

@@ -322,35 +322,6 @@ TEST(Reductions, NoElements) {
     EXPECT_EQ(TensorPtr(cumsum(none.get(), 1))->Shape(), (Dims{2, 0}));
 }
 
-TEST(Reductions, Refusals) {
-    const TensorPtr x = make<float>({2, 3}, counted<float>(6));
-    const TensorPtr z(Tensor::ones({2}, 0, dtype::complex64));
-    const TensorPtr scalar(Tensor::ones({}, 0, dtype::float32));
-    const std::string file = "src/tensor/tensor_math/reductions.cpp";
-    const std::string rule = "src/tensor/tensor_utils.cpp";
-    for (const Row& row : rows) {
-        const std::string name = std::string("ornik::") + row.name;
-        const auto refused = [&](const TensorPtr& t, const Axes& axes, const std::string& message,
-                                 const std::string& function, const std::string& source) {
-            expect_error([&] { row.reduce(t.get(), axes, false); }, message, function, source);
-        };
-        refused(x, {1, -1}, "Axis 1 is given twice.", name, file);
-        refused(x, {2}, "if input negative dim or axis,dim should larger than -2 and smaller than 1",
-                "ornik::maybe_warp_dim", rule);
-        refused(scalar, {0}, "dim_post_expr should more than zero", "ornik::maybe_warp_dim", rule);
-        if (row.kind == Kind::same || row.kind == Kind::place) {
-            refused(z, {}, "Not valid dtype for this function.", name, file);
-        }
-    }
-    expect_error([&] { sum_grad(x.get(), x.get(), {0}, true); },
-                 "The gradient has a shape of ( 2, 3 ) , the result has a shape of ( 1, 3 ) ", "ornik::sum_grad",
-                 "src/tensor/tensor_math/reductions_grad.cpp");
-    const TensorPtr number(Tensor::ones({}, 0, x->Dtype()));
-    expect_error([&] { logsumexp_grad_from(number.get(), x.get(), x.get()); },
-                 "The gradient has a shape of ( 2, 3 ) , the result has a shape of empty vector\n",
-                 "ornik::logsumexp_grad_from", "src/tensor/tensor_math/reductions_grad.cpp");
-}
-
 TEST(Reductions, Gradients) {
     const Dims shape{3, 2, 4};
     for (const Row& row : rows) {

@@ -3,7 +3,6 @@
 
 #include <numeric>
 
-#include "support/expect_error.h"
 #include "support/gradients.h"
 
 namespace ornik::test {
@@ -187,86 +186,6 @@ TEST(Joins, ValuesOfPaddingDiagonalsAndEmptyOperands) {
     }
     EXPECT_EQ(values_of<float>(TensorPtr(diag_embed(none.get(), 1))), (std::vector<float>{0, 0}));
     EXPECT_EQ(values_of<float>(TensorPtr(repeat_grad(none.get(), {2, 3}, {1, 0}))), std::vector<float>(6));
-}
-
-TEST(Joins, Refusals) {
-    const TensorPtr x(Tensor::ones({2, 3}, 0, dtype::float32));
-    const TensorPtr other(Tensor::ones({3, 3}, 0, dtype::float32));
-    const TensorPtr negative = make<std::int64_t>({2}, {1, -1});
-    const TensorPtr none = empty_tensor({0}, dtype::float32);
-    const auto drop = [](const std::vector<Tensor*>& list) { owned(list); };
-    const std::string folder = "src/tensor/tensor_math/";
-    const Refusal joins[] = {
-        {"concatenate", [&] { concatenate({}); }, "concatenate() needs at least one tensor"},
-        {"concatenate",
-         [&] {
-             concatenate({x.get(), nullptr});
-         },
-         "A tensor of the list is null."},
-        {"concatenate",
-         [&] {
-             concatenate({x.get(), other.get()}, 1);
-         },
-         "Shapes should agree but for axis 1: ( 2, 3 ) and ( 3, 3 ) "},
-        {"stack_along",
-         [&] {
-             stack_along({x.get(), other.get()});
-         },
-         "Shapes should agree: ( 2, 3 ) and ( 3, 3 ) "},
-        {"split",
-         [&] {
-             drop(split(x.get(), {1, 3}, 1));
-         },
-         "Parts of ( 1, 3 ) elements do not make up axis 1 of a shape of ( 2, 3 ) "},
-        {"split",
-         [&] {
-             drop(split(x.get(), {4, -1}, 1));
-         },
-         "Parts of ( 4, -1 ) elements do not make up axis 1 of a shape of ( 2, 3 ) "},
-        {"chunk", [&] { drop(chunk(x.get(), 0)); }, "chunk() needs at least one part, however it is 0"},
-        {"moveaxis",
-         [&] {
-             moveaxis(x.get(), {0, 1}, {0, 0});
-         },
-         "Axis 0 is given twice."},
-        {"windows", [&] { windows(x.get(), 1, 4); },
-         "Windows of 4 elements, 1 apart, do not fit an axis of 3 elements"},
-        {"meshgrid", [&] { drop(meshgrid({x.get()})); },
-         "meshgrid() needs tensors of at most one axis, a shape is ( 2, 3 ) "},
-    };
-    expect_refusals(joins, "ornik::", folder + "joins.cpp");
-    const Refusal repeats[] = {
-        {"repeat", [&] { repeat(x.get(), {-1}); }, "An axis can not repeat -1 times."},
-        {"repeat_by_counts", [&] { repeat_by_counts(x.get(), negative.get(), 0); }, "An axis can not repeat -1 times."},
-        {"repeat_by_counts", [&] { repeat_by_counts(x.get(), negative.get(), 1); },
-         "Counts should have a shape of ( 3 ) , however it is ( 2 ) "},
-        {"roll",
-         [&] {
-             roll(x.get(), {1, 2});
-         },
-         "roll() needs as many shifts as axes: 2 and 0"},
-        {"pad",
-         [&] {
-             pad(x.get(), {{1, 1}});
-         },
-         "pad() needs a pair of widths for each axis: 1 for a shape of ( 2, 3 ) "},
-        {"pad",
-         [&] {
-             pad(x.get(), {{0, 0}, {-1, -3}});
-         },
-         "Widths of -1 and -3 do not fit an axis of 3 elements"},
-        {"pad",
-         [&] {
-             pad(x.get(), {{0, 0}, {-1, 0}}, PadMode::reflect);
-         },
-         "Widths of -1 and 0 do not fit an axis of 3 elements"},
-        {"pad",
-         [&] {
-             pad(none.get(), {{1, 0}}, PadMode::circular);
-         },
-         "An axis without elements can not be padded by its own."},
-    };
-    expect_refusals(repeats, "ornik::", folder + "repeats.cpp");
 }
 
 }  // namespace

@@ -1,19 +1,17 @@
 // Selection by numbers: ranges against another implementation's, views, writes and gradients.
 #include "tensor/slices.h"
 
+#include <gtest/gtest.h>
+
 #include <numeric>
 #include <optional>
 #include <random>
 
-#include "support/expect_error.h"
 #include "support/tensors.h"
-#include "tensor/tensor_math/indexing.h"
-#include "tensor/tensor_math/matmul.h"
 
 namespace ornik::test {
 namespace {
 
-const std::string file = "src/tensor/tensor_math/tensor_slices.cpp";
 using Bound = std::optional<std::int64_t>;
 
 SliceItem slice(const Bound& begin, const Bound& end, std::int64_t step) {
@@ -188,68 +186,6 @@ TEST(Slices, ValuesAreReadBeforeTheyAreOverwritten) {
     set_slices(m.get(), column.get(), {SliceItem::ellipsis()});
     EXPECT_EQ(doubles_of(TensorPtr(m->real()).get()), (std::vector<double>{1, 1, 1, 2, 2, 2}));
     EXPECT_TRUE(TensorPtr(select_slices(m.get(), {SliceItem::new_axis(), SliceItem::all()}))->is_contiguous());
-}
-
-TEST(Slices, WritesAreAnnouncedAndRefusedWhereNothingMayBeWritten) {
-    const TensorPtr x(Tensor::ones({2, 2}, 0, dtype::float32));
-    const TensorPtr one(Tensor::ones({2, 2}, 0, dtype::float32));
-    const TensorPtr index = make<std::int64_t>({2}, {1, 0});
-    Tensor* const a = one.get();
-    const SliceItems rows = {SliceItem::positions(index.get())};
-    const std::function<void()> writers[] = {
-        [&] { set_slices(x.get(), a, {}); },           [&] { add_select_slices_grad(x.get(), a, {}); },
-        [&] { set_index_advanced(x.get(), a, rows); }, [&] { matmul_into(a, 0, a, 0, x.get()); },
-        [&] { add_matmul_grad_a(x.get(), a, a); },     [&] { add_matmul_grad_b(x.get(), a, a); },
-    };
-    for (const auto& write : writers) {
-        const std::uint32_t before = x->getStorage()->version();
-        write();
-        EXPECT_EQ(x->getStorage()->version(), before + 1);
-        x->fill_(5);
-        x->getStorage()->set_read_only(true);
-        EXPECT_EQ(error_text(write).substr(0, 75),
-                  "A tensor of shape ( 2, 2 ) is to be written, but its storage is read-only. ");
-        x->getStorage()->set_read_only(false);
-        EXPECT_EQ(values_of<float>(x), std::vector<float>(4, 5));
-    }
-    EXPECT_EQ(one->getStorage()->version(),
-              TensorPtr(Tensor::ones({2, 2}, 0, dtype::float32))->getStorage()->version());
-}
-
-TEST(Slices, Refusals) {
-    const TensorPtr x(Tensor::ones({2, 5}, 0, dtype::float32));
-    const TensorPtr expanded(Tensor::broadcast_to(x.get(), {3, 2, 5}));
-    const TensorPtr wide(Tensor::ones({2, 3}, 0, dtype::float32));
-    const auto select = [&](const SliceItems& items) {
-        return [&x, items] { TensorPtr(select_slices(x.get(), items)); };
-    };
-    const SliceItem all = SliceItem::all();
-    const Refusal rows[] = {
-        {"select_slices", select({all, all, all}), "Too many indices for a shape of ( 2, 5 ) "},
-        {"select_slices", select({all, SliceItem::index(5)}), "Index 5 is out of range for an axis of 5 elements"},
-        {"select_slices", select({all, SliceItem::index(-6)}), "Index -6 is out of range for an axis of 5 elements"},
-        {"select_slices", select({SliceItem::all(0)}), "A slice can not have a step of 0."},
-        {"select_slices", select({SliceItem::ellipsis(), SliceItem::ellipsis()}), "An ellipsis can be used once."},
-        {"select_slices", select({SliceItem::positions(x.get())}), "Index tensors do not select a view."},
-        {"set_slices", [&] { set_slices(x.get(), wide.get(), {}); },
-         "A value of shape ( 2, 3 ) does not fit a selection of shape ( 2, 5 ) "},
-        {"set_slices_value_grad",
-         [&] {
-             set_slices_value_grad(x.get(), {2, 2, 5}, {});
-         },
-         "A value of shape ( 2, 2, 5 ) does not fit a selection of shape ( 2, 5 ) "},
-        {"select_slices_grad",
-         [&] {
-             select_slices_grad(wide.get(), {2, 5}, {all});
-         },
-         "The gradient has a shape of ( 2, 3 ) , the result has a shape of ( 2, 5 ) "},
-        {"add_select_slices_grad", [&] { add_select_slices_grad(x.get(), wide.get(), {SliceItem::index(0)}); },
-         "The gradient has a shape of ( 2, 3 ) , the result has a shape of ( 5 ) "},
-    };
-    expect_refusals(rows, "ornik::", file);
-    EXPECT_EQ(error_text([&] { set_slices(expanded.get(), x.get(), {SliceItem::index(0)}); }),
-              located("Output can not be an expanded view: shape ( 3, 2, 5 ) , strides ( 0, 5, 1 ) ",
-                      "ornik::set_slices", "src/tensor/tensor_math/tensor_slices.cpp"));
 }
 
 }  // namespace

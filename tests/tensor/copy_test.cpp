@@ -89,14 +89,6 @@ TEST(Conversion, IdentityAndForms) {
     const TensorPtr target(Tensor::zeros({3, 2}, 0, dtype::int64));
     t->CopyToTargetWithDtype(target.get(), dtype::int64, true);
     EXPECT_EQ(values_of<std::int64_t>(target), (std::vector<std::int64_t>{1, 2, 3, 4, 5, 6}));
-    const Refusal refusals[] = {
-        {"astype", [&] { t->astype(16); }, "Not valid data type."},
-        {"CopyToTargetWithDtype", [&] { t->CopyToTargetWithDtype(target.get(), 10, false); }, "Not valid data type."},
-        {"CopyToTargetWithDtype", [&] { t->CopyToTargetWithDtype(target.get(), dtype::float32, false); },
-         "Not same data type"},
-    };
-    expect_refusals(refusals, "ornik::Tensor::", core_file);
-
     const std::int16_t raw[] = {5, -1, 3, 2, 7, 9};
     t->getMeta()->convert_dtype_and_copy_data(raw, dtype::int16);
     EXPECT_EQ(values_of<float>(t), (std::vector<float>{5, -1, 3, 2, 7, 9}));
@@ -132,12 +124,6 @@ TEST(Copy, ScalarsSizesAndBroadcast) {
     const TensorPtr halves = make<double>({2, 3}, {0.5, 1.5, -1.5, 4, 5, 6}, Layout::transposed);
     matrix->copy_from_(halves.get());
     EXPECT_EQ(values_of<std::int32_t>(matrix), (std::vector<std::int32_t>{0, 1, -1, 4, 5, 6}));
-    expect_error([&] { copy_tensor(row.get(), matrix.get()); }, "Tensors with different size : A( 3 ) B:( 2, 3 ) ",
-                 "ornik::copy_tensor", core_file);
-    Tensor sparse;
-    sparse.initialize_none_tensor({3}, dtype::float32, 0, layout::csr);
-    expect_error([&] { copy_tensor(&sparse, row.get()); }, "A->is_csr() && B->is_dense().", "ornik::copy_tensor",
-                 core_file);
     const TensorPtr other(row->clone());
     other->updateDevice(1000);
     testing::internal::CaptureStdout();
@@ -188,11 +174,8 @@ TEST(Copy, ScalarsThatCountMore) {
     const TensorPtr scalar(Tensor::zeros({}, 0, dtype::float32)), inside(many->select_ndim_without_copy({"3"}));
     const TensorPtr abroad(many->clone());
     abroad->updateDevice(1000);
-    Tensor sparse;
-    sparse.initialize_none_tensor({3}, dtype::float32, 0, layout::coo);
     const std::string overlap = "copy tensors may have overlap mem.";
     const Refusal refusals[] = {
-        {"copy_tensor", [&] { copy_tensor(&sparse, scalar.get()); }, "A->is_coo() && B->is_dense()."},
         {"copy_tensor", [&] { copy_tensor(abroad.get(), scalar.get()); }, "unsupported copy between devices"},
         {"copy_tensor", [&] { copy_tensor(many.get(), inside.get()); }, overlap},
         {"copy_tensor", [&] { many->CopyToTargetWithDtype(inside.get(), dtype::float32, true); }, overlap},

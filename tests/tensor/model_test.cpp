@@ -6,16 +6,12 @@
 #include "support/tensors.h"
 #include "tensor/geometry.h"
 #include "tensor/tensor_math/indexing.h"
-#include "tensor/tensor_math/reductions.h"
-#include "tensor/tensor_math/sorting.h"
 #include "tensor/tensor_shape.h"
 
 namespace ornik::test {
 namespace {
 
-constexpr const char* tensor_file = "src/tensor/tensor.cpp";
 constexpr const char* state_file = "src/tensor/tensor.cpp";
-constexpr const char* shape_file = "src/tensor/tensor_shape.cpp";
 constexpr std::int64_t max64 = std::numeric_limits<std::int64_t>::max();
 
 std::string misfit(const Dims& shape, const Dims& strides, std::int64_t offset, std::int64_t capacity) {
@@ -23,28 +19,8 @@ std::string misfit(const Dims& shape, const Dims& strides, std::int64_t offset, 
            ", offset " + std::to_string(offset) + ", storage for " + std::to_string(capacity) + " elements.";
 }
 
-TEST(Construction, RefusesHostileArgumentsInOrder) {
-    const auto make = [](const Dims& shape, std::int32_t packed) { return [=] { Tensor(shape, packed); }; };
-    const std::string extents = "all elements in Tensor's shape must >= 0";
-    const std::int64_t two31 = std::int64_t{1} << 31, two32 = two31 * 2;
-    const Refusal cases[] = {
-        {"JungleInlegalShape", make(Dims(30, 0), 15), "shape.size() 30 not supported"},
-        {"JungleInlegalShape", make({2, 0}, 15), extents},
-        {"JungleInlegalShape", make({-1}, 6), extents},
-        {"JungleInlegalShape", make({two32}, 6), extents},
-        {"JungleInlegalShape", make({two31}, 6), extents},
-        {"Tensor", make({2}, 12 | 1 << 4), "Not valid data type."},
-        {"Tensor", make({2}, 10), "Not valid data type."},
-        {"Tensor", make(Dims(3, two31 - 1), 6),
-         "Too many elements for a tensor: shape ( 2147483647, 2147483647, 2147483647 ) ."},
-    };
-    expect_refusals(cases, "ornik::Tensor::", tensor_file);
-    for (const auto& [packed, device] : {std::pair{15 | 10 << 4, "1009"}, {-16, "998"}}) {
-        expect_error(make({2}, packed),
-                     std::string("Not exist device: ") + device +
-                         " , out of range!  set device = 0 for CPU, set device >= 1000 for GPU:0,...,GPU:8 .",
-                     "CheckDev", "src/utils/utils.cpp");
-    }
+TEST(Construction, RefusesDevicesAndSizesThatAreNotThere) {
+    const std::int64_t two32 = std::int64_t{1} << 32;
     for (const std::int32_t slot : {1, 9, 9001}) {
         EXPECT_EQ(error_text([&] { Tensor({2}, 6 | slot << 4); }),
                   "Not compiled for GPU, set device = 0 or device = None");
@@ -126,13 +102,6 @@ TEST(Queries, AxisProducts) {
     EXPECT_EQ(t.size_from_dim(1), 12);
     EXPECT_EQ(t.size_out_dim(2), 1);
     EXPECT_EQ(t.size_out_dim(0), 12);
-    const auto refused = [](const auto& call, const std::string& name) {
-        expect_error(call, "k > ndim - 1", "ornik::Tensor::" + name, tensor_file);
-    };
-    refused([&] { t.size_to_dim(3); }, "size_to_dim");
-    refused([&] { t.size_from_dim(3); }, "size_from_dim");
-    refused([&] { t.size_out_dim(3); }, "size_out_dim");
-    refused([] { Tensor(Dims{}, 0).size_to_dim(0); }, "size_to_dim");
 }
 
 TEST(Geometry, RowMajorStridesAndContiguity) {
@@ -171,24 +140,6 @@ TEST(Geometry, ViewStrides) {
         EXPECT_EQ(view_strides(c.shape, c.strides, numel_of(c.shape), c.target), c.expected)
             << shape_text(c.shape) << shape_text(c.target);
     }
-}
-
-TEST(State, UpdatesReachMetaAndOptions) {
-    Tensor t({2, 3}, dtype::float32);
-    t.updateShape({6});
-    t.updateStrides();
-    t.updateDtype(dtype::int32);
-    t.updateOffset(0);
-    EXPECT_EQ(t.getMeta()->GetShape(), Dims{6});
-    EXPECT_EQ(t.getMeta()->GetStride(), Dims{1});
-    EXPECT_EQ(t.getMeta()->GetDtype(), dtype::int32);
-    EXPECT_EQ(t.get_options()->shape, Dims{6});
-    EXPECT_EQ(t.get_options()->ndim, 1);
-    EXPECT_EQ(t.get_options()->dtype, dtype::int32);
-    t.setSize(4);
-    EXPECT_EQ(t.getMeta()->GetSize(), 4);
-    t.updateSize();
-    EXPECT_EQ(t.get_options()->size, 6);
 }
 
 TEST(State, NewShapesOfTheSameCount) {
@@ -235,69 +186,6 @@ TEST(State, ScalarFlagFollowsTheAxes) {
     EXPECT_FALSE(one->get_if_scalar());
 }
 
-TEST(State, RefusedUpdatesChangeNothing) {
-    Tensor t({2, 3}, dtype::float32);
-    const auto refused = [&](const auto& call, const std::string& message, const std::string& name) {
-        expect_error(call, message, "ornik::Tensor::" + name, name == "updateShape" ? shape_file : state_file);
-        EXPECT_EQ(t.Shape(), (Dims{2, 3}));
-        EXPECT_EQ(t.Strides(), (Dims{3, 1}));
-        EXPECT_EQ(t.getMeta()->GetShape(), (Dims{2, 3}));
-        EXPECT_EQ(t.Dtype(), dtype::float32);
-        EXPECT_EQ(t.StorageOffset(), 0);
-        EXPECT_EQ(t.Size(), 6);
-    };
-    refused([&] { t.updateShape({7}); }, "( 2, 3 )  not same size for reshape: ( 7 ) ", "updateShape");
-    refused([&] { t.updateShape({0, 6}); }, "( 2, 3 )  not same size for reshape: ( 0, 6 ) ", "updateShape");
-    refused([&] { t.updateShape({-2, -3}); }, "Dim in shape should >0, however it equals -2", "updateShape");
-    refused([&] { t.updateStrides({3, 2}); }, misfit({2, 3}, {3, 2}, 0, 6), "updateStrides");
-    refused([&] { t.updateStrides({-3, 1}); }, misfit({2, 3}, {-3, 1}, 0, 6), "updateStrides");
-    refused([&] { t.updateStrides({1}); }, misfit({2, 3}, {1}, 0, 6), "updateStrides");
-    refused([&] { t.updateStrides({max64, max64}); }, misfit({2, 3}, {max64, max64}, 0, 6), "updateStrides");
-    refused([&] { t.updateOffset(1); }, misfit({2, 3}, {3, 1}, 1, 6), "updateOffset");
-    refused([&] { t.updateOffset(-1); }, misfit({2, 3}, {3, 1}, -1, 6), "updateOffset");
-    refused([&] { t.updateDtype(dtype::float64); }, misfit({2, 3}, {3, 1}, 0, 3), "updateDtype");
-    refused([&] { t.updateDtype(10); }, "Not valid data type.", "updateDtype");
-    refused([&] { t.setSize(7); }, "Size can not be 7 for shape ( 2, 3 ) ", "setSize");
-    refused([&] { t.setSize(-1); }, "Size can not be -1 for shape ( 2, 3 ) ", "setSize");
-    const auto initialise = [&](const Dims& shape) {
-        return [&t, shape] { t.initialize_none_tensor(shape, 6, 0, 0); };
-    };
-    expect_error(
-        [] {
-            Tensor().initialize_none_tensor({max64, 0, 2}, 6, 0, 0);
-        },
-        "Too many elements for a tensor: shape ( 9223372036854775807, 0, 2 ) .",
-        "ornik::Tensor::initialize_none_tensor", state_file);
-    const std::string negative = "Extents can not be negative: shape ( -2, -3 ) ";
-    refused(initialise({-2, -3}), negative, "initialize_none_tensor");
-    refused([&] { t.init_tensor_without_alloc_data({-2, -3}, 6, 0, 0); }, negative, "init_tensor_without_alloc_data");
-    refused([&] { t.init_sparse_tensor({-2, -3}, 6, 0, layout::csr, {}); }, negative, "init_sparse_tensor");
-    refused(
-        [&] {
-            t.init_sparse_tensor({2, 3}, 10, 0, layout::csr, {});
-        },
-        "Not valid data type.", "init_sparse_tensor");
-    expect_error(initialise({max64}), "Too many elements for a buffer: 9223372036854775807.",
-                 "ornik::device::AllocTensorBuffer", "src/hardware/allocator.cpp");
-    EXPECT_EQ(t.Shape(), (Dims{2, 3}));
-    EXPECT_EQ(t.get_options()->size, 6);
-    expect_error(
-        [] {
-            tensorT::Tensor_Meta({-2, -3}, {3, 1}, 6, 0, 0, 0, true);
-        },
-        negative, "ornik::tensorT::Tensor_Meta::Tensor_Meta", "src/tensor/tensor_meta.cpp");
-    Tensor one({1}, dtype::float32);
-    expect_error([&] { one.updateShape({5}); }, misfit({5}, {1}, 0, 1), "ornik::Tensor::updateShape", shape_file);
-    Tensor unbound;
-    unbound.updateShape({5});
-    EXPECT_EQ(unbound.Shape(), Dims{5});
-    expect_error(
-        [&] {
-            unbound.updateStrides({2, 1});
-        },
-        "Strides ( 2, 1 ) do not fit shape ( 5 ) ", "ornik::Tensor::updateStrides", state_file);
-}
-
 TEST(State, InitialisersAcceptZeroExtents) {
     Tensor described;
     EXPECT_EQ(described.init_tensor_without_alloc_data({}, dtype::int8, 0, 0), 0);
@@ -315,9 +203,9 @@ TEST(State, InitialisersAcceptZeroExtents) {
     EXPECT_EQ(empty.getStorage(), nullptr);
     empty.updateDevice(std::numeric_limits<std::int64_t>::min());
     EXPECT_EQ(empty.getGPUIndex(), max64 - 999);
-    expect_error([&] { described.init_tensor_without_alloc_data({2}, 16, 0, 0); }, "Not valid data type.",
-                 "ornik::Tensor::init_tensor_without_alloc_data", state_file);
-    EXPECT_EQ(described.Dtype(), dtype::int8);
+    Tensor unbound;
+    unbound.updateShape({5});
+    EXPECT_EQ(unbound.Shape(), Dims{5});
 }
 
 TEST(Views, ArgumentsInTheirOrder) {
@@ -333,92 +221,6 @@ TEST(Views, ArgumentsInTheirOrder) {
     const TensorPtr shaped(view_tensor(whole.get(), {2, 4}));
     EXPECT_EQ(shaped->getStorage(), whole->getStorage());
     EXPECT_EQ(shaped->Strides(), (Dims{4, 1}));
-    expect_error([&] { view_tensor(view.get(), {4}); }, "Can not view this tensor.", "ornik::view_tensor", shape_file);
-}
-
-TEST(Views, NeverReachOutsideTheirStorage) {
-    const std::string shared = "ornik::Tensor::init_none_tensor_with_shared_storage";
-    const TensorPtr t(Tensor::empty({6}, 0, dtype::float32));
-    struct Case {
-        Dims shape, strides;
-        std::int64_t dtype, offset, capacity;
-    };
-    const Case cases[] = {
-        {{7}, {1}, 6, 0, 6},       {{6}, {1}, 6, 1, 6},
-        {{3}, {-1}, 6, 1, 6},      {{2}, {6}, 6, 0, 6},
-        {{3, 3}, {2, 1}, 6, 0, 6}, {{1}, {1}, 6, -1, 6},
-        {{1}, {1}, 6, 6, 6},       {{4}, {1}, 7, 0, 3},
-        {{2}, {max64}, 6, 3, 6},   {{2, 2}, {max64, max64}, 6, 0, 6},
-        {{2}, {1, 1}, 6, 0, 6},    {{-2, -3}, {1, 1}, 6, 0, 6},
-        {{0}, {1}, 6, 7, 6},       {{1}, {1}, 6, max64, 6},
-    };
-    for (const Case& c : cases) {
-        expect_error([&] { share_storage_tensor(t->getStorage(), c.shape, c.strides, c.dtype, c.offset); },
-                     misfit(c.shape, c.strides, c.offset, c.capacity), shared, state_file);
-    }
-    expect_error([&] { share_storage_tensor(t->getStorage(), {1}, {1}, 16, 0); }, "Not valid data type.", shared,
-                 state_file);
-    expect_error([] { share_storage_tensor(nullptr, {1}, {1}, 6, 0); }, "Tensor needs a storage to share.",
-                 "ornik::share_storage_tensor", state_file);
-}
-
-// A tensor without axes gives views with any extents; what walks axes refuses negative ones.
-TEST(Views, NegativeExtentsAreNotWalked) {
-    const TensorPtr scalar(Tensor::ones({}, 0, dtype::float32)), places = make<std::int64_t>({1}, {0});
-    const TensorPtr flags(Tensor::ones({}, 0, dtype::boolean));
-    for (const Dims& shape : {Dims{-2, -3}, {-1}, {2, -3}, {-2, 0}}) {
-        const TensorPtr t(Tensor::broadcast_to(scalar.get(), shape)), mask(Tensor::broadcast_to(flags.get(), shape));
-        EXPECT_EQ(t->Shape(), shape);
-        Tensor* x = t.get();
-        Tensor* i = places.get();
-        const std::function<Tensor*()> calls[] = {
-            [&] { return sum(x, {}, false); },
-            [&] { return prod(x, {-1}, true); },
-            [&] { return mean(x, {}, false); },
-            [&] { return l2_norm(x, {}, false); },
-            [&] { return any(x, {}, false); },
-            [&] { return all(x, {0}, false); },
-            [&] { return var(x, {}, false); },
-            [&] { return logsumexp(x, {}, false); },
-            [&] { return max(x, {}, false); },
-            [&] { return argmin(x, {}, false); },
-            [&] { return median(x, {}, false); },
-            [&] { return sum_grad(scalar.get(), x, {}, false); },
-            [&] { return max_grad(scalar.get(), x, {}, false); },
-            [&] { return cumsum(x, 0); },
-            [&] { return softmax(x, 0); },
-            [&] { return argsort(x, 0, false); },
-            [&] { return sort(x, -1, true).front(); },
-            [&] { return unique(x).front(); },
-            [&] { return searchsorted(x, x, false); },
-            [&] { return index_select(x, 0, i); },
-            [&] { return take(x, i); },
-            [&] { return gather(x, 0, i); },
-            [&] { return index_get(x, {i}); },
-            [&] { return masked_select(scalar.get(), mask.get()); },
-            [&] { return masked_select(x, flags.get()); },
-            [&] { return nonzero(x); },
-            [&] { return x->select({":"}); },
-            [&] { return x->select_ndim({":"}); },
-            [&] { return x->select_ndim({"0"}); },
-            [&] { return x->select_ndim_without_copy({"-1"}); },
-            [&] { return x->flip({0}); },
-            [&] { return x->tril(0); },
-            [&] { return trace(x, 0, 0, -1); },
-            [&] { return x->diagonal(0, 0, 1); },
-            [&] {
-                return concat({x, x}, 0);
-            },
-            [&] { return tile(x, {2}); },
-        };
-        for (std::size_t k = 0; k < std::size(calls); ++k) {
-            EXPECT_THROW(delete calls[k](), std::runtime_error) << shape_text(shape) << "call " << k;
-        }
-        if (shape[0] == -2) {
-            expect_error(calls[0], "Extents can not be negative: shape " + shape_text(shape), "ornik::sum",
-                         "src/tensor/tensor_math/reductions.cpp");
-        }
-    }
 }
 
 TEST(Views, MetasOutsideTheirStorageAreNotPrinted) {
@@ -473,13 +275,6 @@ TEST(Sparse, MembersDieWithTheirTensor) {
 
 TEST(Devices, Moves) {
     Tensor t({2}, dtype::float32);
-    const auto refused = [](const auto& call, const std::string& message, const std::string& name) {
-        expect_error(call, message, "ornik::Tensor::" + name, "src/tensor/tensor_device.cpp");
-    };
-    refused([&] { t.CPU(1); }, "CPU device should be 0.", "CPU");
-    refused([&] { t.GPU(999); }, "GPU device should be integer not less than DEV_GPU .", "GPU");
-    refused([&] { t.toDevice(10000); }, "dev 10000not support", "toDevice");
-    refused([&] { t.toDevice(-1); }, "dev -1not support", "toDevice");
     const std::string no_gpu = "Not compiled for GPU, set device = 0 or device = None";
     EXPECT_EQ(error_text([&] { t.toDevice(1000); }), no_gpu);
     EXPECT_EQ(error_text([&] { t.toGPU(1000); }), no_gpu);

@@ -147,43 +147,17 @@ TEST(Arithmetic, InPlaceOnItselfAndOnOverlappingViews) {
     }
 }
 
-TEST(Arithmetic, RefusesOtherShapesDevicesAndExpandedOutputs) {
-    const std::vector<float> x = counted<float>(6, 1);
-    const TensorPtr a = make<float>({2, 3}, x);
-    const TensorPtr b = make<float>({3}, {1, 2, 3});
-    const TensorPtr flat = make<float>({6}, x);
-    const TensorPtr far = make<float>({2, 3}, x);
-    const TensorPtr far_double = make<double>({2, 3}, counted<double>(6, 1));
+// Conversions give null away from the CPU: that must end in an error, too.
+TEST(Arithmetic, RefusesConversionsOnOtherDevices) {
+    const TensorPtr far = make<float>({2, 3}, counted<float>(6)), far_double = make<double>({2, 3}, counted<double>(6));
     far->updateDevice(1000);
     far_double->updateDevice(1000);
-    const TensorPtr expanded(Tensor::broadcast_to(b.get(), {2, 3}));
-    const std::string shapes[] = {"Incompatible shape: lhs has a shape of ( 2, 3 ) , rhs has a shape of ( 3 ) ",
-                                  "Incompatible shape", "Incompatible shape for mult(),   ",
-                                  "Incompatible dims for div(),   "};
+    const std::string no_gpu = "Not compiled for GPU, set device = 0 or device = None";
     for (const Op op : all_ops) {
-        const std::string core = op == Op::div ? "Tensor::div" : "ornik::" + name_of(op);
-        const std::string& message = shapes[static_cast<int>(op)];
-        const Refusal refusals[] = {
-            {core, [&] { compute(op, a, b); }, message},
-            {core, [&] { compute_in_place(op, a, b); }, message},
-            {method_name(op), [&] { compute(op, a, far_double); }, "Tensors in different devices"},
-            {method_name(op), [&] { compute(op, far, a); }, "Tensors in different devices"},
-            {method_name(op) + "_inplace", [&] { compute_in_place(op, a, far); }, "Tensors in different devices"},
-            {method_name(op) + "_inplace", [&] { compute_in_place(op, expanded, a); },
-             "Output can not be an expanded view: shape ( 2, 3 ) , strides ( 0, 1 ) "},
-        };
-        expect_refusals(refusals, "", file);
-        if (op != Op::add) {
-            expect_error([&] { compute(op, a, flat); }, message, core, file);
-        }
-        // Conversions give null away from the CPU: that must end in an error too.
-        const std::string no_gpu = "Not compiled for GPU, set device = 0 or device = None";
         EXPECT_EQ(error_text([&] { compute(op, far, far_double); }), no_gpu);
         EXPECT_EQ(error_text([&] { compute_in_place(op, far, far_double); }), no_gpu);
-        EXPECT_EQ(values_of<float>(a), x);
-        EXPECT_EQ(values_of<float>(far), x);
-        EXPECT_EQ(values_of<float>(b), (std::vector<float>{1, 2, 3}));
     }
+    EXPECT_EQ(values_of<float>(far), counted<float>(6));
 }
 
 // ---- Cores ----
@@ -269,9 +243,6 @@ TEST(Cores, RefusalsInTheirOrder) {
         refused(a, integers, "Not same data type");
         refused(a, expanded, expanded_text);
     }
-    expect_error([&] { div(integers.get(), integers.get(), integers.get(), 0); }, "Not valid dtype for func.",
-                 "Tensor::div", file);
-    EXPECT_EQ(values_of<std::int32_t>(integers), counted<std::int32_t>(6, 1));
 }
 
 TEST(Arithmetic, SumOfAList) {
@@ -286,11 +257,6 @@ TEST(Arithmetic, SumOfAList) {
     const TensorPtr one = sum({a.get()});
     EXPECT_EQ(values_of<std::int8_t>(one), values_of<std::int8_t>(a));
     EXPECT_NE(one->getStorage(), a->getStorage());
-    const Refusal refusals[] = {
-        {"add_tensor_inplace", [&] { sum(three); }, "Not supported data type casting."},
-        {"add_tensors_list", [&] { sum({}); }, "add_tensors_list requires a minimum of one tensor"},
-    };
-    expect_refusals(refusals, "ornik::Tensor::", file);
     EXPECT_EQ(values_of<std::int8_t>(a), (std::vector<std::int8_t>{100, 2, 3, 4}));
 }
 
@@ -329,14 +295,6 @@ TEST(Gradients, TypesAndShapes) {
     EXPECT_EQ(values_of<double>(dy)[0], -0.75);
     const TensorPtr product(mult_grad_impl(grad.get(), z.get()));
     EXPECT_EQ(product->Dtype(), dtype::float64);
-    const TensorPtr three = make<float>({3}, {1, 2, 3});
-    const Refusal refusals[] = {
-        {"ornik::div_dx_grad_impl", [&] { div_dx_grad_impl(grad.get(), three.get(), y.get()); },
-         "Incompatible dims for div(),   "},
-        {"Tensor::div", [&] { div_dy_grad_impl(grad.get(), three.get(), y.get()); }, "Incompatible dims for div(),   "},
-        {"ornik::mult", [&] { mult_grad_impl(grad.get(), three.get()); }, "Incompatible shape for mult(),   "},
-    };
-    expect_refusals(refusals, "", file);
 }
 
 }  // namespace

@@ -106,23 +106,5 @@ TEST(ScalarArithmetic, StandardComplexScalars) {
     });
 }
 
-TEST(ScalarArithmetic, RefusesOtherDevicesAndExpandedOutputs) {
-    const TensorPtr row = make<float>({3}, {1, 2, 3});
-    const TensorPtr expanded(Tensor::broadcast_to(row.get(), {2, 3}));
-    const TensorPtr far = make<float>({3}, {1, 2, 3});
-    far->updateDevice(1000);
-    for (const Op op : all_ops) {
-        const Refusal refusals[] = {
-            {"_inplace", [&] { compute_in_place(op, expanded, 2.0F); },
-             "Output can not be an expanded view: shape ( 2, 3 ) , strides ( 0, 1 ) "},
-            {"", [&] { compute(op, far, 2.0F); }, "Tensors in different devices"},
-            {"_inplace", [&] { compute_in_place(op, far, 2.0F); }, "Tensors in different devices"},
-        };
-        expect_refusals(refusals, method(op), file);
-    }
-    EXPECT_EQ(values_of<float>(row), (std::vector<float>{1, 2, 3}));
-    EXPECT_EQ(values_of<float>(far), (std::vector<float>{1, 2, 3}));
-}
-
 }  // namespace
 }  // namespace ornik::test

@@ -4,7 +4,6 @@
 #include <numeric>
 
 #include "ktensor/arithmetic.h"
-#include "ktensor/elements.h"
 #include "ktensor/indexing.h"
 #include "ktensor/operands.h"
 #include "ktensor/record.h"

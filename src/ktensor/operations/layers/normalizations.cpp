@@ -70,7 +70,7 @@ KTensor batch_norm(const KTensor& x, KTensor running_mean, KTensor running_varia
         variance = make_ktensor(std::move(result.variance));
         if (running_mean.defined() && !is_recomputing()) {
             nn::update_running_statistics(running_mean.tensor(), running_variance.tensor(), mean.tensor(),
-                                          variance.tensor(), count, static_cast<float>(momentum));
+                                          variance.tensor(), count, momentum);
         }
     }
     if (record.active()) {
