@@ -36,7 +36,9 @@ class IntegerInfo(NamedTuple):
 
 
 _SINGLE = FloatingInfo(32, 2.0**-23, (2 - 2.0**-23) * 2.0**127, -(2 - 2.0**-23) * 2.0**127, 2.0**-126, _dtypes.float32)
-_DOUBLE = FloatingInfo(64, 2.0**-52, (2 - 2.0**-52) * 2.0**1023, -(2 - 2.0**-52) * 2.0**1023, 2.0**-1022, _dtypes.float64)
+_DOUBLE = FloatingInfo(
+    64, 2.0**-52, (2 - 2.0**-52) * 2.0**1023, -(2 - 2.0**-52) * 2.0**1023, 2.0**-1022, _dtypes.float64
+)
 _FLOATING = {
     _dtypes.float32: _SINGLE,
     _dtypes.complex64: _SINGLE,

@@ -239,9 +239,7 @@ def unique(x: KTensor, /) -> Unique:
     return Unique(*_ornik.unique(x))
 
 
-def searchsorted(
-    x1: KTensor, x2: Operand, /, *, side: str = "left", sorter: KTensor | None = None
-) -> KTensor:
+def searchsorted(x1: KTensor, x2: Operand, /, *, side: str = "left", sorter: KTensor | None = None) -> KTensor:
     """Where each number of x2 goes into the sorted x1, or into x1 in the order of ``sorter``: before its equals, or
     behind them with side="right"."""
     if side not in ("left", "right"):

@@ -116,7 +116,7 @@ def squeeze(x: KTensor, /, axis: Axes = None) -> KTensor:
     return _ornik.squeeze(x, axis)
 
 
-def expand_dims(x: KTensor, /, axis: int | Sequence[int] = 0) -> KTensor:
+def expand_dims(x: KTensor, /, axis: int | tuple[int, ...] | list[int] = 0) -> KTensor:
     """With axes of extent 1 at these places of the result: a view."""
     if not isinstance(axis, (tuple, list)):
         return _ornik.unsqueeze(x, axis)

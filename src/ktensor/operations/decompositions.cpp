@@ -8,6 +8,7 @@
 #include <complex>
 
 #include "ktensor/arithmetic.h"
+#include "ktensor/autograd.h"
 #include "ktensor/elements.h"
 #include "ktensor/linalg.h"
 #include "ktensor/operands.h"
