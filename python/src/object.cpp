@@ -8,6 +8,7 @@
 
 #include "errors.h"
 #include "gil.h"
+#include "ktensor/autograd.h"
 
 namespace ornik::python {
 
@@ -27,6 +28,7 @@ void begin(PyObject* self, KTensor&& tensor) {
     Object* object = as_object(self);
     new (&object->tensor) KTensor(std::move(tensor));
     object->shape = nullptr;
+    object->position = -1;
     object->weak_references = nullptr;
 }
 
@@ -45,6 +47,9 @@ PyObject* make(PyTypeObject* type, PyObject* arguments, PyObject* keywords) {
 void destroy(PyObject* self) {
     Object* object = as_object(self);
     PyTypeObject* type = Py_TYPE(self);
+    if (PyType_IS_GC(type)) {
+        PyObject_GC_UnTrack(self);
+    }
     if (object->weak_references != nullptr) {
         PyObject_ClearWeakRefs(self);
     }
@@ -68,6 +73,7 @@ PyObject* register_class(PyObject*, PyObject* type) {
         while (spare_count > 0) {
             instance_type->tp_free(spare[--spare_count]);
         }
+        derived->tp_dealloc = destroy;  // It has nothing of its own that Python's general way would look for.
         Py_XSETREF(instance_type, reinterpret_cast<PyTypeObject*>(Py_NewRef(type)));
         return Py_NewRef(Py_None);
     });
@@ -98,16 +104,32 @@ PyObject* wrap(KTensor tensor) noexcept {
     if (spare_count > 0) {
         PyObject* self = PyObject_Init(spare[--spare_count], instance_type);
         begin(self, std::move(tensor));
-        if (PyType_IS_GC(instance_type)) {
-            PyObject_GC_Track(self);
-        }
         return self;
     }
     PyObject* self = instance_type->tp_alloc(instance_type, 0);
     if (self != nullptr) {
         begin(self, std::move(tensor));
+        if (PyType_IS_GC(instance_type)) {
+            PyObject_GC_UnTrack(self);  // It leads to no object that could lead back.
+        }
     }
     return self;
+}
+
+PyObject* wrap_slice(const KTensor& x, std::int64_t position) noexcept {
+    PyObject* self = wrap(x);
+    if (self != nullptr) {
+        as_object(self)->position = position;
+    }
+    return self;
+}
+
+void make_slice(Object* object) {
+    // A write that was recorded since has given the whole a past, which is the slice's, too. One that merely asks for
+    // gradients since does not reach back.
+    const GradMode mode(grad_enabled() && !object->tensor.is_leaf());
+    object->tensor = KTensor(object->tensor[object->position]);
+    object->position = -1;
 }
 
 PyObject* tuple_of(const Dims& numbers) noexcept {
@@ -126,7 +148,7 @@ PyObject* tuple_of(const Dims& numbers) noexcept {
 PyObject* shape_tuple(PyObject* self) noexcept {
     Object* object = as_object(self);
     if (object->shape == nullptr) {
-        object->shape = guarded([&] { return tuple_of(object->tensor.shape()); });
+        object->shape = guarded([&] { return tuple_of(tensor_in(self).shape()); });
     }
     return Py_XNewRef(object->shape);
 }

@@ -16,7 +16,8 @@ namespace ornik::python {
 
 struct Object {
     PyObject_HEAD KTensor tensor;
-    PyObject* shape;  // a tuple, made when it is first asked for
+    std::int64_t position;  // -1, or: this is the slice at this position of the first axis of `tensor`
+    PyObject* shape;        // a tuple, made when it is first asked for
     PyObject* weak_references;
 };
 
@@ -31,11 +32,23 @@ int add_tensor_type(PyObject* module);
 inline bool is_tensor(PyObject* object) {
     return Py_TYPE(object) == instance_type || PyObject_TypeCheck(object, base_type);
 }
+/// Makes the view that an object of wrap_slice() stands for.
+void make_slice(Object* object);
 /// Of an object that is_tensor.
-inline KTensor& tensor_in(PyObject* object) { return reinterpret_cast<Object*>(object)->tensor; }
+inline KTensor& tensor_in(PyObject* object) {
+    auto* self = reinterpret_cast<Object*>(object);
+    if (self->position >= 0) {
+        make_slice(self);
+    }
+    return self->tensor;
+}
 
 /// A new object, None for an undefined tensor. Null with an exception set when memory is short.
 PyObject* wrap(KTensor tensor) noexcept;
+
+/// A new object for the slice at a position of the first axis, which is there; x asks for no gradients. The view is
+/// made when somebody looks at it: most elements are taken to be looked at once or never.
+PyObject* wrap_slice(const KTensor& x, std::int64_t position) noexcept;
 
 /// The shape as a tuple of the object's own: a new reference.
 PyObject* shape_tuple(PyObject* self) noexcept;

@@ -28,6 +28,11 @@ namespace {
 
 // A position; numbers beyond 64 bits are beyond every axis, too.
 std::int64_t position_of(PyObject* item) {
+    if (PyLong_CheckExact(item) != 0) {
+        int overflow = 0;
+        const long long position = PyLong_AsLongLongAndOverflow(item, &overflow);
+        return overflow < 0 ? INT64_MIN : (overflow > 0 ? INT64_MAX : position);
+    }
     const nb::object number = nb::steal(checked(PyNumber_Index(item)));
     int overflow = 0;
     const long long position = PyLong_AsLongLongAndOverflow(number.ptr(), &overflow);
@@ -124,7 +129,17 @@ std::vector<Index> items_of(PyObject* key) {
 PyObject* read(PyObject* self, PyObject* key) noexcept {
     return guarded([&] {
         if (PyLong_CheckExact(key) != 0) {
-            return wrap(tensor_in(self)[position_of(key)]);
+            const KTensor& own = tensor_in(self);
+            std::int64_t position = position_of(key);
+            const Dims& shape = own.shape();
+            if (!shape.empty() && !own.wants_grad()) {
+                position += position < 0 ? shape[0] : 0;
+                if (position >= 0 && position < shape[0]) {
+                    return wrap_slice(own, position);
+                }
+                position = position_of(key);
+            }
+            return wrap(own[position]);
         }
         const std::vector<Index> items = items_of(key);
         const KTensor own = tensor_in(self);

@@ -26,6 +26,13 @@ using Core = void (*)(Tensor* a, Tensor* b, Tensor* out);
 
 // core(a, b), both already of dtype r.
 KTensor compute(const char* name, const KTensor& a, const KTensor& b, Core core) {
+    if (a.shape() == b.shape()) {
+        std::unique_ptr<Tensor> out = autograd::empty_tensor(a.shape(), a.dtype());
+        if (out->Size() != 0) {
+            core(a.tensor(), b.tensor(), out.get());
+        }
+        return make_ktensor(std::move(out));
+    }
     const Dims shape = autograd::broadcast_shape(name, a, b);
     std::unique_ptr<Tensor> out = autograd::empty_tensor(shape, a.dtype());
     if (out->Size() != 0) {
@@ -35,12 +42,21 @@ KTensor compute(const char* name, const KTensor& a, const KTensor& b, Core core)
 }
 
 // The two operands in the dtype of their result.
-struct Promoted {
+class Promoted {
+  public:
     Promoted(const KTensor& left, const KTensor& right, std::int64_t r)
-        : a(left.dtype() == r ? left : astype(left, r)), b(right.dtype() == r ? right : astype(right, r)) {}
+        : a(left.dtype() == r ? left : converted_a_ = astype(left, r)),
+          b(right.dtype() == r ? right : converted_b_ = astype(right, r)) {}
+    Promoted(const Promoted&) = delete;
+    Promoted& operator=(const Promoted&) = delete;
 
-    const KTensor a;
-    const KTensor b;
+  private:
+    KTensor converted_a_;
+    KTensor converted_b_;
+
+  public:
+    const KTensor& a;
+    const KTensor& b;
 };
 
 std::int64_t sum_dtype(const char* name, const KTensor& a, const KTensor& b) {

@@ -35,11 +35,36 @@ void apply_and_add(const Tensor* a, const Tensor* b, Tensor* out, const Function
             true);
 }
 
+// A few elements side by side: a plan for the loop would take longer than the loop.
+template <typename T, typename Function>
+bool apply_to_few(const Tensor* a, const Tensor* b, Tensor* out, const Function& function) {
+    constexpr std::int64_t few = 32;
+    const std::int64_t n = out->Size();
+    for (const Tensor* t : {a, b, static_cast<const Tensor*>(out)}) {
+        if (n > few || t->Size() != n || t->Dtype() != out->Dtype() || !t->isCPU() || !t->is_dense() ||
+            !t->is_contiguous()) {
+            return false;
+        }
+    }
+    T* result = static_cast<T*>(out->getRawData());
+    const T* x = static_cast<const T*>(a->getRawData());
+    const T* y = static_cast<const T*>(b->getRawData());
+    for (const T* operand : {x, y}) {
+        if (operand != result && operand < result + n && result < operand + n) {
+            return false;
+        }
+    }
+    for (std::int64_t i = 0; i < n; ++i) {
+        result[i] = function(x[i], y[i]);
+    }
+    return true;
+}
+
 template <typename T, typename Function>
 void apply(const Tensor* a, const Tensor* b, Tensor* out, bool accumulate, const Function& function) {
     if (accumulate) {
         apply_and_add<T>(a, b, out, function);
-    } else {
+    } else if (!apply_to_few<T>(a, b, out, function)) {
         elements_of(a, b, out, false).run<TypeList<T>, TypeList<T, T>>(function);
     }
 }

@@ -40,12 +40,13 @@ void for_each_row(const RecurrentStep& step, const Row& visit) {
     });
 }
 
+// In place: calls would keep the loops below from being vectorised.
 template <typename T>
-T sigmoid(T x) {
+ORNIK_IN_PLACE T sigmoid(T x) {
     return real_functions::sigmoid(x);
 }
 template <typename T>
-T tanh(T x) {
+ORNIK_IN_PLACE T tanh(T x) {
     return real_functions::tanh(x);
 }
 
