@@ -274,6 +274,18 @@ def test_shapes():
     assert ornik.repeat(ornik.arange(3), ornik.asarray([2])).tolist() == [0, 0, 1, 1, 2, 2]
 
 
+def test_masks_without_elements():
+    x = ornik.ones((2, 3, 4))
+    for shape in ((0,), (2, 0), (0, 3), (0, 0, 0), (2, 3, 0)):
+        mask = ornik.empty(shape, dtype=ornik.bool)
+        assert x[mask].shape == (0, *x.shape[mask.ndim :])
+        x[mask] = 5
+    assert ornik.all(x == 1)
+    for shape in ((0, 5), (0, 0, 0, 0), (3, 0)):
+        with pytest.raises(IndexError):
+            x[ornik.empty(shape, dtype=ornik.bool)]
+
+
 def test_complex_spacing():
     for endpoint in (True, False):
         ours, theirs = (ns.linspace(1j, 2, 5, dtype=ns.complex128, endpoint=endpoint) for ns in (ornik, np))
@@ -308,6 +320,9 @@ def test_linear_algebra():
             assert factors._fields == fields
         q, r = ornik.linalg.qr(x)
         check(q @ r, a)
+        for scale in (1e30, 1e-30):  # whose squares are no float32 any more
+            q, r = ornik.linalg.qr(ornik.astype(x * scale, ornik.complex64))
+            np.testing.assert_allclose(np.asarray(q @ r) / scale, a, atol=1e-5)
         u, s, vh = ornik.linalg.svd(x, full_matrices=False)
         check((u * s[..., None, :]) @ vh, a)
         values, vectors = ornik.linalg.eig(x)
