@@ -22,8 +22,7 @@ shift
 
 if [ -z "${PYTHON:-}" ]; then
     PYTHON="$root/build/venv/bin/python"
-    [ -x "$PYTHON" ] || python3 -m venv "$root/build/venv"
-    "$PYTHON" -c "import ornik" 2>/dev/null || "$PYTHON" -m pip install --quiet "$root"
+    "$PYTHON" -c "import ornik" 2>/dev/null || "$root/scripts/python_env.sh"
 fi
 "$PYTHON" -m pip install --quiet -r "$suite/requirements.txt"
 

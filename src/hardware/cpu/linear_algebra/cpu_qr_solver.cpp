@@ -39,7 +39,7 @@ void QrSolver<T>::decompose(const T* matrix, std::int64_t rank, T* q, T* r) {
     const Eigen::Index cols = factors.cols();
     Matrix<T> scaled = ConstRowMajor<T>(matrix, rows, cols);
     const auto scale = Work::scale_of(scaled);
-    scaled /= scale;
+    scaled *= 1 / scale;  // Quotients by complex numbers take the square of their magnitude.
     factors.compute(scaled);
     work_->q.setIdentity(rows, rank);
     work_->q.applyOnTheLeft(factors.householderQ());
