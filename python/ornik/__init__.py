@@ -51,6 +51,7 @@ from .autograd import set_grad_enabled as set_grad_enabled
 
 if TYPE_CHECKING:
     from . import autograd as autograd
+    from . import data as data
     from . import fft as fft
     from . import io as io
     from . import linalg as linalg
@@ -71,7 +72,7 @@ nan = _math.nan
 newaxis = None
 
 # Imported when they are first used.
-_SUBMODULES = ("autograd", "fft", "io", "linalg", "nn", "optim", "random")
+_SUBMODULES = ("autograd", "data", "fft", "io", "linalg", "nn", "optim", "random")
 
 
 def __getattr__(name: str) -> Any:
