@@ -4,6 +4,7 @@ import contextlib
 import doctest
 import importlib
 import io
+import os
 import pathlib
 import pkgutil
 import re
@@ -59,6 +60,7 @@ def test_notebook(tmp_path):
     for path in sorted((ROOT / "examples/python").glob("*.ipynb")):
         notebook = nbformat.read(path, as_version=4)
         assert all(not cell.get("outputs") for cell in notebook.cells), f"{path.name}: results are kept out of git"
-        NotebookClient(notebook, timeout=300, resources={"metadata": {"path": str(tmp_path)}}).execute()
+        client = NotebookClient(notebook, timeout=300, resources={"metadata": {"path": str(tmp_path)}})
+        client.execute(env={**os.environ, "PYTHONPATH": str(pathlib.Path(ornik.__file__).parents[1].absolute())})
         shown = [o for cell in notebook.cells for o in cell.get("outputs", []) if "image/png" in o.get("data", {})]
         assert shown
