@@ -50,6 +50,6 @@ python_environment() {
     local pip=("$venv/bin/python" -m pip --disable-pip-version-check install --quiet)
     "${pip[@]}" "scikit-build-core>=1.0" "nanobind>=3,<4"
     # In this environment, not in one of pip's own: what is compiled twice has the same command, and is found again.
-    "${pip[@]}" --no-build-isolation "${launcher[@]}" -Ccmake.define.ORNIK_ARCH=native \
+    "${pip[@]}" --no-build-isolation "${launcher[@]}" -Cbuild-dir=build/python -Ccmake.define.ORNIK_ARCH=native \
         "-Ccmake.define.ORNIK_WERROR=${WERROR:-OFF}" "$root[$1]"
 }
