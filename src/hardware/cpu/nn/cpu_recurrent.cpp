@@ -41,11 +41,11 @@ void for_each_row(const RecurrentStep& step, const Row& visit) {
 }
 
 template <typename T>
-T sigmoid(T x) {
+ORNIK_IN_PLACE T sigmoid(T x) {
     return real_functions::sigmoid(x);
 }
 template <typename T>
-T tanh(T x) {
+ORNIK_IN_PLACE T tanh(T x) {
     return real_functions::tanh(x);
 }
 
