@@ -106,6 +106,7 @@ set(ORNIK_PUBLIC_HEADERS
     tensor/tensor_math/linear_algebra.h
     tensor/tensor_math/matmul.h
     tensor/tensor_math/promotion.h
+    tensor/tensor_math/real_pairs.h
     tensor/tensor_math/reductions.h
     tensor/tensor_math/sorting.h
     tensor/tensor_math/tensor_arithmetic.h

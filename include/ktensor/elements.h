@@ -115,7 +115,7 @@ ORNIK_API KTensor& sign_(KTensor& x);
 ORNIK_API KTensor& floor_(KTensor& x);
 [[nodiscard]] ORNIK_API KTensor ceil(const KTensor& x);
 ORNIK_API KTensor& ceil_(KTensor& x);
-/// Half to even.
+/// Half to even; of complex numbers both parts.
 [[nodiscard]] ORNIK_API KTensor round(const KTensor& x);
 ORNIK_API KTensor& round_(KTensor& x);
 [[nodiscard]] ORNIK_API KTensor trunc(const KTensor& x);
@@ -125,6 +125,8 @@ ORNIK_API KTensor& bitwise_not_(KTensor& x);
 [[nodiscard]] ORNIK_API KTensor is_nan(const KTensor& x);
 [[nodiscard]] ORNIK_API KTensor is_inf(const KTensor& x);
 [[nodiscard]] ORNIK_API KTensor is_finite(const KTensor& x);
+/// True for numbers below 0, -0.0, and NaN with a sign.
+[[nodiscard]] ORNIK_API KTensor signbit(const KTensor& x);
 /// True for zero.
 [[nodiscard]] ORNIK_API KTensor logical_not(const KTensor& x);
 
@@ -168,6 +170,27 @@ ORNIK_API KTensor& minimum_(KTensor& a, const Scalar& b);
 [[nodiscard]] ORNIK_API KTensor atan2(const Scalar& a, const KTensor& b);
 ORNIK_API KTensor& atan2_(KTensor& a, const KTensor& b);
 ORNIK_API KTensor& atan2_(KTensor& a, const Scalar& b);
+
+/// sqrt(a^2 + b^2) without overflow. Where it is 0 its gradient counts as 0.
+[[nodiscard]] ORNIK_API KTensor hypot(const KTensor& a, const KTensor& b);
+[[nodiscard]] ORNIK_API KTensor hypot(const KTensor& a, const Scalar& b);
+[[nodiscard]] ORNIK_API KTensor hypot(const Scalar& a, const KTensor& b);
+/// log(e^a + e^b) without overflow.
+[[nodiscard]] ORNIK_API KTensor logaddexp(const KTensor& a, const KTensor& b);
+[[nodiscard]] ORNIK_API KTensor logaddexp(const KTensor& a, const Scalar& b);
+[[nodiscard]] ORNIK_API KTensor logaddexp(const Scalar& a, const KTensor& b);
+/// The magnitude of a with the sign of b, which counts as a constant; no gradient where a is 0.
+[[nodiscard]] ORNIK_API KTensor copysign(const KTensor& a, const KTensor& b);
+[[nodiscard]] ORNIK_API KTensor copysign(const KTensor& a, const Scalar& b);
+[[nodiscard]] ORNIK_API KTensor copysign(const Scalar& a, const KTensor& b);
+/// The largest whole number not above a / b, of the promoted dtype. A step, as is the next.
+[[nodiscard]] ORNIK_API KTensor floor_divide(const KTensor& a, const KTensor& b);
+[[nodiscard]] ORNIK_API KTensor floor_divide(const KTensor& a, const Scalar& b);
+[[nodiscard]] ORNIK_API KTensor floor_divide(const Scalar& a, const KTensor& b);
+/// The next number from a towards b.
+[[nodiscard]] ORNIK_API KTensor nextafter(const KTensor& a, const KTensor& b);
+[[nodiscard]] ORNIK_API KTensor nextafter(const KTensor& a, const Scalar& b);
+[[nodiscard]] ORNIK_API KTensor nextafter(const Scalar& a, const KTensor& b);
 
 // bool results.
 

@@ -35,6 +35,11 @@ struct SingularValues {
 [[nodiscard]] ORNIK_API SingularValues svd(const KTensor& x, bool full_matrices = true);
 [[nodiscard]] ORNIK_API KTensor svdvals(const KTensor& x);
 
+/// x v = value v for the columns v, of length 1, of the vectors; complex, in no order. Gradients where all values
+/// differ, through the vectors for functions that do not depend on their phases.
+[[nodiscard]] ORNIK_API EigenPairs eig(const KTensor& x);
+[[nodiscard]] ORNIK_API KTensor eigvals(const KTensor& x);
+
 /// Square matrices; a singular one is an error.
 [[nodiscard]] ORNIK_API KTensor inv(const KTensor& x);
 /// y with x y = b. b of one axis is a vector for every matrix of x; of more axes it holds matrices [n, k], and the

@@ -22,6 +22,9 @@
     ROW(add_scalar,       twice) \
     ROW(mul_scalar,       twice) \
     ROW(div_scalar,       twice) \
+    ROW(hypot,            twice) \
+    ROW(logaddexp,        twice) \
+    ROW(copysign,         twice) \
     ROW(where,            twice) \
     ROW(clamp,            twice) \
     ROW(clamp_min,        twice) \
@@ -100,6 +103,7 @@
     ROW(cholesky,         twice) \
     ROW(qr,               twice) \
     ROW(svd,              twice) \
+    ROW(eig,              twice) \
     ROW(svdvals,          twice) \
     ROW(inv,              twice) \
     ROW(solve,            twice) \

@@ -28,10 +28,13 @@ from ._dtypes import int32 as int32
 from ._dtypes import int64 as int64
 from ._dtypes import uint8 as uint8
 from ._elements import *
+from ._info import __array_namespace_info__ as __array_namespace_info__
 from ._joins import *
 from ._picks import *
 from ._products import *
+from ._promotion import *
 from ._reductions import *
+from ._sets import *
 from ._shapes import *
 from ._tensor import HookHandle as HookHandle
 from ._tensor import KTensor as KTensor
@@ -48,12 +51,17 @@ from .autograd import set_grad_enabled as set_grad_enabled
 
 if TYPE_CHECKING:
     from . import autograd as autograd
+    from . import data as data
+    from . import fft as fft
     from . import io as io
+    from . import linalg as linalg
     from . import nn as nn
     from . import optim as optim
     from . import random as random
 
 __version__: str = _ornik.version
+#: The version of the Python array API standard that this namespace follows.
+__array_api_version__ = "2025.12"
 
 bool = bool_
 
@@ -64,7 +72,7 @@ nan = _math.nan
 newaxis = None
 
 # Imported when they are first used.
-_SUBMODULES = ("autograd", "io", "nn", "optim", "random")
+_SUBMODULES = ("autograd", "data", "fft", "io", "linalg", "nn", "optim", "random")
 
 
 def __getattr__(name: str) -> Any:

@@ -164,8 +164,8 @@ def arange(
 
 
 def linspace(
-    start: float,
-    stop: float,
+    start: complex,
+    stop: complex,
     /,
     num: int,
     *,
@@ -177,6 +177,14 @@ def linspace(
     check_device(device)
     if num < 0:
         raise ValueError(f"linspace(): there are no {num} numbers")
+    if isinstance(start, complex) or isinstance(stop, complex):
+        kind = _dtypes.complex64 if dtype is None else dtype
+        begin, end = complex(start), complex(stop)
+        parts = [
+            linspace(a, b, num, dtype=_dtypes.float64, endpoint=endpoint)
+            for a, b in ((begin.real, end.real), (begin.imag, end.imag))
+        ]
+        return _ornik.astype(parts[0] + parts[1] * 1j, kind)
     last = stop if endpoint or num == 0 else start + (stop - start) * ((num - 1) / num)
     if math.isnan(last):
         last = stop

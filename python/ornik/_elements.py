@@ -8,7 +8,7 @@ from __future__ import annotations
 from typing import TYPE_CHECKING
 
 from . import _ornik
-from ._convert import Number, Operand, is_tensor, ready
+from ._convert import Number, Operand, is_tensor
 
 if TYPE_CHECKING:
     from ._tensor import KTensor
@@ -34,6 +34,7 @@ __all__ = [
     "ceil",
     "clip",
     "conj",
+    "copysign",
     "cos",
     "cosh",
     "divide",
@@ -47,6 +48,7 @@ __all__ = [
     "fmod",
     "greater",
     "greater_equal",
+    "hypot",
     "imag",
     "isclose",
     "isfinite",
@@ -58,6 +60,7 @@ __all__ = [
     "log10",
     "log1p",
     "log2",
+    "logaddexp",
     "logical_and",
     "logical_not",
     "logical_or",
@@ -67,6 +70,7 @@ __all__ = [
     "minimum",
     "multiply",
     "negative",
+    "nextafter",
     "not_equal",
     "positive",
     "pow",
@@ -77,6 +81,7 @@ __all__ = [
     "rsqrt",
     "sigmoid",
     "sign",
+    "signbit",
     "sin",
     "sinh",
     "sqrt",
@@ -260,7 +265,7 @@ def ceil(x: KTensor, /) -> KTensor:
 
 
 def round(x: KTensor, /) -> KTensor:
-    """The nearest whole number, halves to even."""
+    """The nearest whole number, halves to even; of complex numbers both parts."""
     return _ornik.round(x)
 
 
@@ -421,7 +426,32 @@ def positive(x: KTensor, /) -> KTensor:
 
 def floor_divide(x1: Operand, x2: Operand, /) -> KTensor:
     """The largest whole number not above x1 / x2: Python's //."""
-    return ready(x1) // ready(x2)
+    return _ornik.floor_divide(x1, x2)
+
+
+def copysign(x1: Operand, x2: Operand, /) -> KTensor:
+    """The magnitude of x1 with the sign of x2."""
+    return _ornik.copysign(x1, x2)
+
+
+def hypot(x1: Operand, x2: Operand, /) -> KTensor:
+    """sqrt(x1**2 + x2**2), without overflow."""
+    return _ornik.hypot(x1, x2)
+
+
+def logaddexp(x1: Operand, x2: Operand, /) -> KTensor:
+    """log(exp(x1) + exp(x2)), without overflow."""
+    return _ornik.logaddexp(x1, x2)
+
+
+def nextafter(x1: Operand, x2: Operand, /) -> KTensor:
+    """The next number from x1 towards x2."""
+    return _ornik.nextafter(x1, x2)
+
+
+def signbit(x: KTensor, /) -> KTensor:
+    """True for numbers below 0, -0.0, and NaN with a sign."""
+    return _ornik.signbit(x)
 
 
 def clip(x: KTensor, /, min: Number | KTensor | None = None, max: Number | KTensor | None = None) -> KTensor:

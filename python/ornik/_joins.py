@@ -6,7 +6,7 @@ from collections.abc import Sequence
 from typing import TYPE_CHECKING
 
 from . import _ornik
-from ._convert import Axes, Number, Shape
+from ._convert import Axes, Number, Shape, is_tensor
 
 if TYPE_CHECKING:
     from ._tensor import KTensor
@@ -95,6 +95,8 @@ def tile(x: KTensor, repetitions: Shape, /) -> KTensor:
 
 def repeat(x: KTensor, repeats: int | KTensor, /, *, axis: int | None = None) -> KTensor:
     """Every element, or every slice of an axis, several times in a row."""
+    if is_tensor(repeats) and repeats.size == 1:
+        repeats = int(repeats)
     return _ornik.repeat(_ornik.reshape(x, -1), repeats, 0) if axis is None else _ornik.repeat(x, repeats, axis)
 
 
@@ -105,10 +107,14 @@ def roll(x: KTensor, /, shift: Shape, *, axis: Axes = None) -> KTensor:
     return _ornik.roll(x, shift, axis)
 
 
-def diff(x: KTensor, /, *, axis: int = -1, n: int = 1) -> KTensor:
-    """x[i + 1] - x[i] along an axis, n times."""
+def diff(
+    x: KTensor, /, *, axis: int = -1, n: int = 1, prepend: KTensor | None = None, append: KTensor | None = None
+) -> KTensor:
+    """x[i + 1] - x[i] along an axis, n times; of x with ``prepend`` before it and ``append`` behind it."""
     if n < 0:
         raise ValueError(f"differences are taken n >= 0 times, not {n}")
+    if prepend is not None or append is not None:
+        x = _ornik.concat([part for part in (prepend, x, append) if part is not None], axis)
     for _ in range(n):
         x = _ornik.diff(x, axis)
     return x

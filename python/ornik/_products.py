@@ -24,6 +24,7 @@ __all__ = [
     "tensordot",
     "trace",
     "vdot",
+    "vecdot",
 ]
 
 
@@ -69,6 +70,11 @@ def outer(x1: KTensor, x2: KTensor, /) -> KTensor:
 def vdot(x1: KTensor, x2: KTensor, /) -> KTensor:
     """The sum of conj(x1) * x2 over all elements."""
     return _ornik.vdot(x1, x2)
+
+
+def vecdot(x1: KTensor, x2: KTensor, /, *, axis: int = -1) -> KTensor:
+    """The sums of conj(x1) * x2 along an axis, counted from the end; the other axes broadcast."""
+    return _ornik.vecdot(x1, x2, axis)
 
 
 def cross(x1: KTensor, x2: KTensor, /, *, axis: int = -1) -> KTensor:

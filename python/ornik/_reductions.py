@@ -7,7 +7,8 @@ from collections.abc import Callable
 from typing import TYPE_CHECKING, NamedTuple
 
 from . import _ornik
-from ._convert import Axes, DTypeLike
+from ._convert import Axes, DTypeLike, Operand, is_tensor
+from ._dtypes import float32
 
 if TYPE_CHECKING:
     from ._tensor import KTensor
@@ -23,6 +24,8 @@ __all__ = [
     "count_nonzero",
     "cumprod",
     "cumsum",
+    "cumulative_prod",
+    "cumulative_sum",
     "l2_norm",
     "log_softmax",
     "logsumexp",
@@ -154,6 +157,43 @@ def cumprod(x: KTensor, /, *, axis: int = -1) -> KTensor:
     return _ornik.cumprod(x, axis)
 
 
+def _cumulated(
+    function: Callable[[KTensor, int], KTensor],
+    x: KTensor,
+    axis: int | None,
+    dtype: DTypeLike | None,
+    first: int | None,
+) -> KTensor:
+    if axis is None:
+        if x.ndim > 1:
+            raise ValueError(f"a running result takes an axis of the {x.ndim}")
+        axis = 0
+    if dtype is not None:
+        x = _ornik.astype(x, dtype)
+    y = function(_ornik.unsqueeze(x, 0) if x.ndim == 0 else x, axis)
+    if dtype is not None:
+        y = _ornik.astype(y, dtype)
+    if first is None:
+        return _ornik.reshape(y, x.shape)
+    shape = list(y.shape)
+    shape[axis] = 1
+    return _ornik.concat([_ornik.full(shape, first, y.dtype), y], axis)
+
+
+def cumulative_sum(
+    x: KTensor, /, *, axis: int | None = None, dtype: DTypeLike | None = None, include_initial: builtins.bool = False
+) -> KTensor:
+    """Running sums along an axis, which only one that is alone need not name; with a 0 before them on demand."""
+    return _cumulated(_ornik.cumsum, x, axis, dtype, 0 if include_initial else None)
+
+
+def cumulative_prod(
+    x: KTensor, /, *, axis: int | None = None, dtype: DTypeLike | None = None, include_initial: builtins.bool = False
+) -> KTensor:
+    """Running products along an axis, which only one that is alone need not name; with a 1 before them on demand."""
+    return _cumulated(_ornik.cumprod, x, axis, dtype, 1 if include_initial else None)
+
+
 def softmax(x: KTensor, /, *, axis: int = -1) -> KTensor:
     """exp(x) / sum(exp(x)) along an axis."""
     return _ornik.softmax(x, axis)
@@ -199,8 +239,14 @@ def unique(x: KTensor, /) -> Unique:
     return Unique(*_ornik.unique(x))
 
 
-def searchsorted(x1: KTensor, x2: KTensor, /, *, side: str = "left") -> KTensor:
-    """Where each number of x2 goes into the sorted x1: before its equals, or behind them with side="right"."""
+def searchsorted(x1: KTensor, x2: Operand, /, *, side: str = "left", sorter: KTensor | None = None) -> KTensor:
+    """Where each number of x2 goes into the sorted x1, or into x1 in the order of ``sorter``: before its equals, or
+    behind them with side="right"."""
     if side not in ("left", "right"):
         raise ValueError(f'side is "left" or "right", not {side!r}')
-    return _ornik.searchsorted(x1, x2, side == "right")
+    if sorter is not None:
+        x1 = x1[sorter]
+    if not is_tensor(x2):
+        x2 = _ornik.full((), x2, x1.dtype if isinstance(x2, int) or x1.dtype.kind == "f" else float32)
+    places = _ornik.searchsorted(x1, _ornik.reshape(x2, -1) if x1.ndim == 1 else x2, side == "right")
+    return _ornik.reshape(places, x2.shape) if x1.ndim == 1 else places

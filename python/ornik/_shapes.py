@@ -13,6 +13,7 @@ if TYPE_CHECKING:
 
 __all__ = [
     "astype",
+    "broadcast_shapes",
     "broadcast_to",
     "clone",
     "contiguous",
@@ -73,6 +74,23 @@ def broadcast_to(x: KTensor, /, shape: Shape) -> KTensor:
     return _ornik.broadcast_to(x, shape)
 
 
+def broadcast_shapes(*shapes: Sequence[int]) -> tuple[int, ...]:
+    """The common shape of tensors of these shapes.
+
+    >>> ornik.broadcast_shapes((2, 1), (3,))
+    (2, 3)
+    """
+    rank = max((len(s) for s in shapes), default=0)
+    result = [1] * rank
+    for shape in shapes:
+        for axis, extent in enumerate(shape, rank - len(shape)):
+            if extent != 1 and result[axis] not in (1, extent):
+                raise ValueError(f"the shapes {', '.join(str(tuple(s)) for s in shapes)} do not broadcast")
+            if extent != 1:
+                result[axis] = extent
+    return tuple(result)
+
+
 def sum_to_shape(x: KTensor, /, shape: Shape) -> KTensor:
     """The reverse of :func:`broadcast_to`: a sum."""
     return _ornik.sum_to_shape(x, shape)
@@ -98,9 +116,19 @@ def squeeze(x: KTensor, /, axis: Axes = None) -> KTensor:
     return _ornik.squeeze(x, axis)
 
 
-def expand_dims(x: KTensor, /, *, axis: int = 0) -> KTensor:
-    """With an axis of extent 1 at this place: a view."""
-    return _ornik.unsqueeze(x, axis)
+def expand_dims(x: KTensor, /, axis: int | tuple[int, ...] | list[int] = 0) -> KTensor:
+    """With axes of extent 1 at these places of the result: a view."""
+    if not isinstance(axis, (tuple, list)):
+        return _ornik.unsqueeze(x, axis)
+    rank = x.ndim + len(axis)
+    places = sorted(a + rank if a < 0 else a for a in axis)
+    if len(set(places)) != len(places):
+        raise ValueError(f"expand_dims(): a place stands twice in {tuple(axis)}")
+    if places and not 0 <= places[0] <= places[-1] < rank:
+        raise IndexError(f"expand_dims(): {tuple(axis)} are no axes of {rank}")
+    for place in places:
+        x = _ornik.unsqueeze(x, place)
+    return x
 
 
 def unsqueeze(x: KTensor, axis: int, /) -> KTensor:

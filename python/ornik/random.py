@@ -16,6 +16,7 @@ if TYPE_CHECKING:
 __all__ = [
     "Generator",
     "get_state",
+    "multinomial",
     "normal",
     "permutation",
     "rand",
@@ -116,3 +117,14 @@ def randint(low: int, high: int, shape: Shape = (), *, dtype: DTypeLike = _dtype
 def permutation(n: int, *, dtype: DTypeLike = _dtypes.int64) -> KTensor:
     """0 .. n - 1 in random order."""
     return _ornik.randperm(n, dtype)
+
+
+def multinomial(weights: KTensor, count: int, *, replacement: bool = True) -> KTensor:
+    """Positions [count] or [rows, count], drawn with probabilities proportional to weights [n] or [rows, n].
+
+    The weights are floating, finite, and 0 and above. Without ``replacement`` no position comes twice in a row.
+
+    >>> ornik.random.multinomial(ornik.tensor([0.0, 3.0]), 4)
+    KTensor([1, 1, 1, 1])
+    """
+    return _ornik.multinomial(weights, count, replacement)

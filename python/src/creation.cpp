@@ -9,6 +9,7 @@
 #include "errors.h"
 #include "gil.h"
 #include "ktensor/elements.h"
+#include "ktensor/random.h"
 #include "ktensor/shapes.h"
 #include "module.h"
 #include "tensor/tensor.h"
@@ -181,6 +182,9 @@ void add_creation(nb::module_& m) {
     });
     m.def("randperm",
           [](std::int64_t n, Dtype dtype) { return without_lock([&] { return KTensor::randperm(n, dtype.code); }); });
+    m.def("multinomial", [](const KTensor& weights, std::int64_t count, bool replacement) {
+        return without_lock([held = weights, &count, &replacement] { return multinomial(held, count, replacement); });
+    });
 }
 
 }  // namespace ornik::python

@@ -57,6 +57,12 @@ void add_elements(nb::module_& m) {
     add_binary(m, "add", [](const auto& a, const auto& b) { return a + b; });
     add_binary(m, "sub", [](const auto& a, const auto& b) { return a - b; });
     add_binary(m, "mul", [](const auto& a, const auto& b) { return a * b; });
+    add_binary(m, "floor_divide", [](const auto& a, const auto& b) { return floor_divide(a, b); });
+    add_binary(m, "copysign", [](const auto& a, const auto& b) { return ornik::copysign(a, b); });
+    add_binary(m, "hypot", [](const auto& a, const auto& b) { return ornik::hypot(a, b); });
+    add_binary(m, "logaddexp", [](const auto& a, const auto& b) { return logaddexp(a, b); });
+    add_binary(m, "nextafter", [](const auto& a, const auto& b) { return ornik::nextafter(a, b); });
+    add_unary(m, "signbit", [](const KTensor& x) { return ornik::signbit(x); });
     add_binary(m, "div", [](const auto& a, const auto& b) { return a / b; });
 
     constexpr std::pair<const char*, KTensor (*)(const KTensor&)> activations[] = {

@@ -22,6 +22,7 @@ NB_MODULE(_ornik, m) {
     add_elements(m);
     add_functions(m);
     add_joining(m);
+    add_linalg(m);
 
     add_properties(m);
     add_interchange(m);

@@ -10,6 +10,7 @@ void add_creation(nanobind::module_& m);
 void add_elements(nanobind::module_& m);
 void add_functions(nanobind::module_& m);
 void add_joining(nanobind::module_& m);
+void add_linalg(nanobind::module_& m);
 void add_properties(nanobind::module_& m);
 void add_interchange(nanobind::module_& m);
 void add_autograd(nanobind::module_& m);

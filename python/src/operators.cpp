@@ -39,13 +39,6 @@ std::optional<Operand> other_operand(PyObject* object) {
     return std::nullopt;
 }
 
-// floor(a / b); whole numbers stay whole.
-template <typename A, typename B>
-KTensor floor_divide(const A& a, const B& b) {
-    const KTensor rest = remainder(a, b);
-    return rest.is_floating() ? ornik::floor(a / b) : astype((a - rest) / b, rest.dtype());
-}
-
 // Small tensors: nothing runs in between that could change what the objects hold, so they need no handles of their
 // own.
 template <typename Operation>
@@ -159,11 +152,11 @@ ORNIK_COMPARISON(GreaterEqual, greater_equal)
 struct FloorDivide {
     template <typename A, typename B>
     static KTensor run(const A& a, const B& b) {
-        return floor_divide(a, b);
+        return ornik::floor_divide(a, b);
     }
     template <typename B>
     static void run_in_place(KTensor& a, const B& b) {
-        const KTensor quotient = floor_divide(a, b);
+        const KTensor quotient = ornik::floor_divide(a, b);
         if (quotient.dtype() != a.dtype()) {
             raise_error(PyExc_TypeError, "//=: the target's dtype does not hold the quotient's");
         }

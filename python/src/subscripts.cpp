@@ -114,8 +114,22 @@ bool picks_elements(const std::vector<Index>& items) {
                        [](const Index& item) { return item.kind() == Index::Kind::tensor; });
 }
 
-std::vector<Index> items_of(PyObject* key) {
+// A mask with extents of 0 where x has others picks nothing: an empty list of positions for each of its axes.
+std::vector<Index> items_of_empty_mask(const KTensor& x, const KTensor& mask) {
+    const Dims& shape = mask.shape();
+    for (std::size_t i = 0; i < shape.size(); ++i) {
+        if (i >= x.shape().size() || (shape[i] != 0 && shape[i] != x.shape()[i])) {
+            return {Index(mask)};
+        }
+    }
+    return std::vector<Index>(shape.size(), Index(KTensor::empty({0}, dtype::int64)));
+}
+
+std::vector<Index> items_of(const KTensor& x, PyObject* key) {
     std::vector<Index> items;
+    if (is_tensor(key) && tensor_in(key).size() == 0 && tensor_in(key).dtype() == dtype::boolean) {
+        return items_of_empty_mask(x, tensor_in(key));
+    }
     if (PyTuple_Check(key)) {
         for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(key); ++i) {
             items.push_back(item_of(PyTuple_GET_ITEM(key, i)));
@@ -141,7 +155,7 @@ PyObject* read(PyObject* self, PyObject* key) noexcept {
             }
             return wrap(own[position]);
         }
-        const std::vector<Index> items = items_of(key);
+        const std::vector<Index> items = items_of(tensor_in(self), key);
         const KTensor own = tensor_in(self);
         return wrap(without_lock(picks_elements(items) ? own.size() : 0, [&] { return own.index(items); }));
     });
@@ -153,7 +167,7 @@ int write(PyObject* self, PyObject* key, PyObject* value) noexcept {
             if (value == nullptr) {
                 raise_error(PyExc_TypeError, "elements of a tensor can not be deleted");
             }
-            const std::vector<Index> items = items_of(key);
+            const std::vector<Index> items = items_of(tensor_in(self), key);
             KTensor own = tensor_in(self);
             if (const std::optional<Scalar> number = is_tensor(value) ? std::nullopt : as_number(value)) {
                 without_lock(own.size(), [&] { own.set_index(items, *number); });

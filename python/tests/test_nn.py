@@ -153,6 +153,25 @@ def test_hooks():
     assert ornik.allclose(layer(x), x @ layer.weight.T + layer.bias, atol=1e-6) and seen == [(3, 2)]
 
 
+def test_a_network_as_a_function_of_its_state():
+    net = nn.Sequential(nn.Linear(3, 4), nn.BatchNorm1d(4), nn.LSTM(4, 2), nn.Flatten(0)).eval()
+    net[2].register_forward_hook(lambda m, args, y: y[0] * extra[0])
+    extra = net[3].extra = nn.ParameterList([nn.Parameter(ornik.full((), 2.0))])
+    x, state = ornik.random.randn(5, 3), net.state_dict()
+    changed = {name: t + 0.5 if t.dtype.kind == "f" else t for name, t in state.items()}
+    value, gradient = ornik.value_and_grad(lambda s: nn.functional_call(net, s, x).sum())(changed)
+    assert list(gradient) == list(state) and gradient["1.num_batches_tracked"] is None
+    net.load_state_dict(changed)
+    y = net(x).sum()
+    y.backward()
+    assert float(y) == float(value)
+    for name, parameter in net.named_parameters():
+        assert ornik.allclose(parameter.grad, gradient[name]), name
+    for state, text in (({"0.weight": x}, "0.weight is [4, 3] float32, not [5, 3]"), ({"0.x": x}, '"0.x" is no param')):
+        with pytest.raises(ValueError, match=re.escape(text)):
+            nn.functional_call(net, state, x)
+
+
 def moments(t):
     return float(t.mean()), float(t.std()), float(t.min()), float(t.max())
 
@@ -210,6 +229,9 @@ def test_dropout():
         )
         assert layer.eval()(x) is not None and (layer(x) == x).all()
     assert (y == y[:, :, :1]).all()
+    before = ornik.random.get_state()
+    nn.Dropout(0)(x)
+    assert ornik.random.get_state() == before
     encoder = nn.TransformerEncoderLayer(4, 2, 8)
     x = ornik.random.randn(3, 2, 4)
     assert (encoder(x) != encoder(x)).any() and (encoder.eval()(x) == encoder(x)).all()

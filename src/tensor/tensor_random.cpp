@@ -64,10 +64,8 @@ void fill_in_place(Tensor* self, const Draw& draw) {
         aside.reset(Tensor::empty_like(self));
     }
     Tensor* const out = aside ? aside.get() : self;
-    {
-        Lease source;
-        draw(source, out);
-    }
+    Lease source;
+    draw(source, out);
     if (aside) {
         copy_tensor(aside.get(), self);
     }

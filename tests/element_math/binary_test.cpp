@@ -220,43 +220,7 @@ TEST(Binary, IntegersAtTheirEnds) {
     EXPECT_EQ(with(5, &Tensor::right_shift, -1), 0);
 }
 
-TEST(Binary, GradientsAreThoseOfCentralDifferences) {
-    struct Case {
-        const char* name;
-        Tensor* (*dx)(Tensor*, Tensor*, Tensor*);
-        Tensor* (*dy)(Tensor*, Tensor*, Tensor*);
-    };
-    std::vector<Case> cases;
-#define CASE(name, ...) cases.push_back({#name, name##_dx_grad, name##_dy_grad});
-    ORNIK_ARITHMETIC_PAIR_OPERATIONS(CASE)
-    for (const Case& c : cases) {
-        const BinaryReference& reference = binary_references().at(c.name);
-        for (const std::int64_t dtype : {dtype::float64, dtype::complex128}) {
-            SCOPED_TRACE(std::string(c.name) + " " + name_of_dtype(dtype));
-            const bool complex = dtype == dtype::complex128;
-            if (complex && reference.complex == nullptr) {
-                continue;
-            }
-            std::vector<CLD> a;
-            std::vector<CLD> b;
-            std::vector<CLD> g;
-            for (int i = 0; i < 24; ++i) {
-                a.emplace_back(0.35L + 0.17L * i, complex ? 0.3L : 0);
-                b.emplace_back(2.83L - 0.09L * i, complex ? -0.2L : 0);
-                g.emplace_back(1.5L - 0.1L * i, complex ? 0.25L : 0);
-            }
-            a = converted(dtype, a);
-            b = converted(dtype, b);
-            g = converted(dtype, g);
-            const TensorPtr left = make_wide(dtype, shape, a, Layout::every_other);
-            const TensorPtr right = make_wide(dtype, shape, b, Layout::transposed);
-            const TensorPtr grad = make_wide(dtype, shape, g);
-            expect_gradient(TensorPtr(c.dx(left.get(), right.get(), grad.get())), g,
-                            [&](std::size_t i, CLD step) { return evaluated(reference, a[i] + step, b[i], dtype); });
-            expect_gradient(TensorPtr(c.dy(left.get(), right.get(), grad.get())), g,
-                            [&](std::size_t i, CLD step) { return evaluated(reference, a[i], b[i] + step, dtype); });
-        }
-    }
+TEST(Binary, GradientsAtQuotientsThatRoundAndAtTies) {
     // The divisor's part counts whole quotients, those of infinite divisors and of quotients that round up too.
     const double below = std::nextafter(3e15, 0);
     const struct {

@@ -86,6 +86,9 @@ std::vector<Row> pair_rows() {
     add_row(Op::maximum, two<maximum>, false);
     add_row(Op::minimum, two<minimum>, false);
     add_row(Op::atan2, two<atan2>, false, 0.3, 2);
+    add_row(Op::hypot, two<hypot>, false);
+    add_row(Op::logaddexp, two<logaddexp>, false);
+    rows.push_back({Op::copysign, {s23}, [](const Tensors& x) { return copysign(x[0], KTensor({1.0, -1.0, -0.0})); }});
     add_row(
         Op::where,
         [](const Tensors& x) {

@@ -29,6 +29,9 @@ KTensor turned() {
     return KTensor({{Z(0, 1), Z(0, -0.5)}, {Z(0.25, 0), Z(0, 2)}});
 }
 
+// Of complex eigenvalues.
+KTensor spiral() { return KTensor({{0.5, -2.0}, {1.0, 0.3}}); }
+
 // What does not depend on the vectors' signs or phases.
 KTensor of_vectors(const SingularValues& f) {
     const KTensor both = matmul(f.u * unsqueeze(exp(f.s * 0.1), -2), f.vh);
@@ -77,6 +80,12 @@ std::vector<Row> linalg_rows() {
         row(
             Op::sqr, {{2, 3}}, [](const KTensor& x) { return sqr(abs(svd(apart(x), false).vh)); }, true, "vh alone"),
         row(Op::svdvals, {{2, 2, 3}}, [](const KTensor& x) { return svdvals(apart(x)); }),
+        row(Op::eig, {{2, 3, 3}}, [](const KTensor& x) { return eigvals(apart(x)); }),
+        row(
+            Op::sqr, {{3, 3}}, [](const KTensor& x) { return sqr(abs(eig(apart(x)).vectors)); }, true, "eig"),
+        row(
+            Op::sqr, {{2, 2}}, [](const KTensor& x) { return sqr(abs(eig(x * 0.1 + spiral()).vectors)); }, false,
+            "conjugate pairs"),
         row(Op::inv, {{2, 3, 3}}, [](const KTensor& x) { return inv(regular(x)); }),
         solution({2, 3, 3}, {2, 3, 2}, "batch"),
         solution({2, 3, 3}, {3}, "one vector"),

@@ -105,6 +105,33 @@ TEST(Decompositions, SingularValuesObeyTheirEquations) {
     });
 }
 
+TEST(Decompositions, EigenvaluesObeyTheirEquation) {
+    for_operands(square_shapes, [](const TensorPtr& x, std::int64_t count, double bound) {
+        const TensorPtr alone(eigvals(x.get()));
+        const Results found(eig(x.get()));
+        for (std::int64_t i = 0; i < count; ++i) {
+            const Dense a = Dense::of(x, i);
+            const Dense v = Dense::of(found[1], i);
+            Dense w = Dense::unit(a.rows);
+            double conjugate_sum = 0;
+            for (std::int64_t j = 0; j < a.rows; ++j) {
+                w(j, j) = numbers(found[0])[at(i, j, a.rows)];
+                conjugate_sum += w(j, j).imag();
+                EXPECT_LE(std::abs(numbers(alone)[at(i, j, a.rows)] - w(j, j)), 10 * bound);
+                double length = 0;
+                for (std::int64_t k = 0; k < a.rows; ++k) {
+                    length += std::norm(v(k, j));
+                }
+                EXPECT_NEAR(length, 1, bound);
+            }
+            EXPECT_LE((a * v - v * w).largest(), bound);
+            if (!x->isComplexType()) {
+                EXPECT_EQ(conjugate_sum, 0);
+            }
+        }
+    });
+}
+
 TEST(Decompositions, PseudoInversesObeyPenrosesEquations) {
     for_operands(any_shapes, [](const TensorPtr& x, std::int64_t count, double bound) {
         const TensorPtr found(pinv(x.get()));
@@ -325,6 +352,7 @@ TEST(Decompositions, Refusals) {
                     indefinite = make<double>({2, 2}, {1, 2, 2, 1}), undefined = make<double>({2, 1, 1}, {1, nan});
     const std::string square = "(): takes square matrices in the last two axes, not a shape of [4, 2, 3].";
     const std::string no_values = "holds NaN or infinity, or its singular values do not converge.";
+    const std::string no_eigenvalues = "holds NaN or infinity, or its eigenvalues do not converge.";
     const Refusal rows[] = {
         {"cholesky", [&] { cholesky(whole.get()); },
          "cholesky(): takes floating and complex matrices, not numpy.int32."},
@@ -350,6 +378,9 @@ TEST(Decompositions, Refusals) {
          "cholesky(): matrix [1] of the batch is not positive definite."},
         {"svd", [&] { svd(undefined.get()); }, "svd(): matrix [1] of the batch " + no_values},
         {"svdvals", [&] { svdvals(undefined.get()); }, "svdvals(): matrix [1] of the batch " + no_values},
+        {"eig", [&] { eig(undefined.get()); }, "eig(): matrix [1] of the batch " + no_eigenvalues},
+        {"eigvals", [&] { eigvals(undefined.get()); }, "eigvals(): matrix [1] of the batch " + no_eigenvalues},
+        {"eig", [&] { eig(wide.get()); }, "eig" + square},
         {"pinv", [&] { pinv(undefined.get()); }, "pinv(): matrix [1] of the batch " + no_values},
         {"pinv", [&] { pinv(good.get(), ranks.get()); },
          "pinv(): an rtol of shape [2] does not broadcast to the batch []."},

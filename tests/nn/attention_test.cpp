@@ -274,12 +274,8 @@ TEST(AttentionFunctions, DropoutAndNoElements) {
     expect_gradient([&](Tensor* t) { return std::move(run(q.get(), k.get(), t).output); }, v.get(), g.get(),
                     grads.value.get());
 
-    const auto nothing = [](const Dims& shape) {
-        TensorPtr t(new Tensor);
-        t->initialize_none_tensor(shape, dtype::float64, 0, layout::dense);
-        return t;
-    };
-    const TensorPtr no_keys = nothing({2, 0, 4}), no_values = nothing({2, 0, 3}), no_batch = nothing({0, 3, 4});
+    const TensorPtr no_keys = make_empty({2, 0, 4}, dtype::float64), no_values = make_empty({2, 0, 3}, dtype::float64),
+                    no_batch = make_empty({0, 3, 4}, dtype::float64);
     EXPECT_EQ(doubles_of(nn::attention(q.get(), no_keys.get(), no_values.get()).output.get()), Values(18));
     const nn::Attended none = nn::attention(no_batch.get(), no_batch.get(), no_batch.get());
     EXPECT_EQ(none.output->Shape(), no_batch->Shape());

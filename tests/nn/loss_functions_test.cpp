@@ -210,9 +210,7 @@ TEST(LossFunctions, TheBitsOfTheClassesAndNoMembers) {
     compare("nll_loss", x.get(), labels.get(), nn::nll_loss(x.get(), labels.get()),
             nn::nll_loss_grad(one.get(), x.get(), labels.get()));
 
-    const TensorPtr none(new Tensor), no_labels(new Tensor);
-    none->initialize_none_tensor({0, 3}, dtype::float64, 0, layout::dense);
-    no_labels->initialize_none_tensor({0}, dtype::int64, 0, layout::dense);
+    const TensorPtr none = make_empty({0, 3}, dtype::float64), no_labels = make_empty({0}, dtype::int64);
     for (const Reduction reduction : reductions) {
         const double expected = reduction == Reduction::mean ? nan : 0;
         const TensorPtr losses[] = {nn::cross_entropy(none.get(), no_labels.get(), {.reduction = reduction}),

@@ -38,6 +38,42 @@ void sgd(T& p, T g, T* s, bool nesterov) {
     p = nesterov ? p + (T(b1) * s[0] + T(-lr) * g) : p + s[0];
 }
 
+template <typename T>
+void rmsprop(T& p, T g, T* s, float beta, bool centered, bool buffered) {
+    s[0] = T(beta) * s[0] + T(1.0F - beta) * (g * g);
+    T square = s[0];
+    if (centered) {
+        s[1] = T(beta) * s[1] + T(1.0F - beta) * g;
+        square = std::max(square - s[1] * s[1], T(0));
+    }
+    T d = g / (std::sqrt(square) + T(eps));
+    if (buffered) {
+        d = s[centered ? 2 : 1] = T(b1) * s[centered ? 2 : 1] + d;
+    }
+    p = T(-lr) * d + p;
+}
+
+template <typename T>
+void adamax(T& p, T g, int t, T* s) {
+    s[0] = T(b1) * s[0] + T(1.0F - b1) * g;
+    s[1] = std::max(T(b2) * s[1], std::abs(g) + T(eps));
+    p = T(-lr) * (corrected<T>(b1, t) * s[0] / s[1]) + p;
+}
+
+template <typename T>
+void adagrad(T& p, T g, T* s) {
+    s[0] = s[0] + g * g;
+    p = T(-lr) * (g / (std::sqrt(s[0]) + T(eps))) + p;
+}
+
+template <typename T>
+void adadelta(T& p, T g, T* s) {
+    s[0] = T(b1) * s[0] + T(1.0F - b1) * (g * g);
+    const T d = std::sqrt(s[1] + T(eps)) / std::sqrt(s[0] + T(eps)) * g;
+    s[1] = T(b1) * s[1] + T(1.0F - b1) * (d * d);
+    p = -d + p;
+}
+
 // Calls visit(name, number of states, step, reference) for every step; the reference updates one element in the
 // arithmetic of its type.
 template <typename Visit>
@@ -51,10 +87,7 @@ void for_each_step(const Visit& visit) {
         []<typename T>(T& p, T g, int, T* s) { sgd(p, g, s, false); });
     visit(
         "rmsprop_step", std::size_t{1}, [](P p, P g, int, States s) { rmsprop_step(p, g, lr, b1, eps, s[0]); },
-        []<typename T>(T& p, T g, int, T* s) {
-            s[0] = T(b1) * s[0] + T(1.0F - b1) * (g * g);
-            p = T(-lr) * (g / (std::sqrt(s[0]) + T(eps))) + p;
-        });
+        []<typename T>(T& p, T g, int, T* s) { rmsprop(p, g, s, b1, false, false); });
     visit(
         "adam_step", std::size_t{3},
         [](P p, P g, int t, States s) { adam_step(p, g, lr, b1, b2, eps, t, s[0], s[1], s[2], false); },
@@ -70,26 +103,14 @@ void for_each_step(const Visit& visit) {
     visit(
         "adam_max_step", std::size_t{2},
         [](P p, P g, int t, States s) { adam_max_step(p, g, lr, b1, b2, eps, t, s[0], s[1]); },
-        []<typename T>(T& p, T g, int t, T* s) {
-            s[0] = T(b1) * s[0] + T(1.0F - b1) * g;
-            s[1] = std::max(T(b2) * s[1], std::abs(g) + T(eps));
-            p = T(-lr) * (corrected<T>(b1, t) * s[0] / s[1]) + p;
-        });
+        []<typename T>(T& p, T g, int t, T* s) { adamax(p, g, t, s); });
     visit(
         "adam_grad_step", std::size_t{1}, [](P p, P g, int, States s) { adam_grad_step(p, g, lr, eps, s[0]); },
-        []<typename T>(T& p, T g, int, T* s) {
-            s[0] = s[0] + g * g;
-            p = T(-lr) * (g / (std::sqrt(s[0]) + T(eps))) + p;
-        });
+        []<typename T>(T& p, T g, int, T* s) { adagrad(p, g, s); });
     visit(
         "adam_delta_step", std::size_t{2},
         [](P p, P g, int, States s) { adam_delta_step(p, g, 1.0F, b1, eps, s[0], s[1]); },
-        []<typename T>(T& p, T g, int, T* s) {
-            s[0] = T(b1) * s[0] + T(1.0F - b1) * (g * g);
-            const T d = std::sqrt(s[1] + T(eps)) / std::sqrt(s[0] + T(eps)) * g;
-            s[1] = T(b1) * s[1] + T(1.0F - b1) * (d * d);
-            p = -d + p;
-        });
+        []<typename T>(T& p, T g, int, T* s) { adadelta(p, g, s); });
     // With weight decay.
     for (const bool nesterov : {false, true}) {
         visit(
@@ -111,20 +132,7 @@ void for_each_step(const Visit& visit) {
                 nn::rmsprop_step(p, g, s[0], centered ? s[1] : nullptr, buffered ? s[centered ? 2 : 1] : nullptr,
                                  {lr, b2, eps, buffered ? b1 : 0, decay});
             },
-            [=]<typename T>(T& p, T g, int, T* s) {
-                g = g + T(decay) * p;
-                s[0] = T(b2) * s[0] + T(1.0F - b2) * (g * g);
-                T square = s[0];
-                if (centered) {
-                    s[1] = T(b2) * s[1] + T(1.0F - b2) * g;
-                    square = std::max(square - s[1] * s[1], T(0));
-                }
-                T d = g / (std::sqrt(square) + T(eps));
-                if (buffered) {
-                    d = s[centered ? 2 : 1] = T(b1) * s[centered ? 2 : 1] + d;
-                }
-                p = T(-lr) * d + p;
-            });
+            [=]<typename T>(T& p, T g, int, T* s) { rmsprop(p, g + T(decay) * p, s, b2, centered, buffered); });
     }
     visit(
         "nn::adam_step", std::size_t{3},
@@ -137,34 +145,19 @@ void for_each_step(const Visit& visit) {
         [](P p, P g, int t, States s) {
             nn::adamax_step(p, g, s[0], s[1], {lr, b1, b2, eps, decay, t});
         },
-        []<typename T>(T& p, T g, int t, T* s) {
-            g = g + T(decay) * p;
-            s[0] = T(b1) * s[0] + T(1.0F - b1) * g;
-            s[1] = std::max(T(b2) * s[1], std::abs(g) + T(eps));
-            p = T(-lr) * (corrected<T>(b1, t) * s[0] / s[1]) + p;
-        });
+        []<typename T>(T& p, T g, int t, T* s) { adamax(p, g + T(decay) * p, t, s); });
     visit(
         "nn::adagrad_step", std::size_t{1},
         [](P p, P g, int, States s) {
             nn::adagrad_step(p, g, s[0], {lr, eps, decay});
         },
-        []<typename T>(T& p, T g, int, T* s) {
-            g = g + T(decay) * p;
-            s[0] = s[0] + g * g;
-            p = T(-lr) * (g / (std::sqrt(s[0]) + T(eps))) + p;
-        });
+        []<typename T>(T& p, T g, int, T* s) { adagrad(p, g + T(decay) * p, s); });
     visit(
         "nn::adadelta_step", std::size_t{2},
         [](P p, P g, int, States s) {
             nn::adadelta_step(p, g, s[0], s[1], {1.0F, b1, eps, decay});
         },
-        []<typename T>(T& p, T g, int, T* s) {
-            g = g + T(decay) * p;
-            s[0] = T(b1) * s[0] + T(1.0F - b1) * (g * g);
-            const T d = std::sqrt(s[1] + T(eps)) / std::sqrt(s[0] + T(eps)) * g;
-            s[1] = T(b1) * s[1] + T(1.0F - b1) * (d * d);
-            p = -d + p;
-        });
+        []<typename T>(T& p, T g, int, T* s) { adadelta(p, g + T(decay) * p, s); });
 }
 
 // The parts of all elements, real numbers of type T.

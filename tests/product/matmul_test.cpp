@@ -13,18 +13,12 @@ namespace {
 
 using Value = Complex<double>;
 
-TensorPtr made(const Dims& shape, std::int64_t dtype) {
-    TensorPtr t = std::make_unique<Tensor>();
-    t->initialize_none_tensor(shape, dtype, 0, layout::dense);
-    return t;
-}
-
 // Small whole numbers under the layout; beyond the common ones, axes in another order (5), repeated (6).
 TensorPtr whole_numbers(const Dims& shape, std::int64_t dtype, std::mt19937& random) {
     const std::size_t kind = random() % 7;
     TensorPtr t;
     if (numel_of(shape) == 0) {
-        return made(shape, dtype);
+        return make_empty(shape, dtype);
     }
     if (kind < 5) {
         t = make_empty(shape, dtype, all_layouts[kind]);
@@ -41,7 +35,7 @@ TensorPtr whole_numbers(const Dims& shape, std::int64_t dtype, std::mt19937& ran
         }
         t = TensorPtr(make_empty(stored, dtype)->permute(order));
     }
-    const TensorPtr numbers = made(t->Shape(), dtype::complex128);
+    const TensorPtr numbers = make_empty(t->Shape(), dtype::complex128);
     auto* parts = static_cast<double*>(numbers->getRawData());
     const bool is_signed = dtype != dtype::uint8 && dtype != dtype::boolean;
     for (std::int64_t i = 0; i < 2 * t->Size(); ++i) {
@@ -280,13 +274,13 @@ TEST(SumToShape, AgainstLoops) {
         for_types(TypeList<bool, std::uint8_t, std::int64_t, float, Complex<float>>{}, [&]<typename T>() {
             for (const Layout layout : all_layouts) {
                 const bool is_empty = numel_of(row.from) == 0;
-                const TensorPtr x = is_empty ? made(row.from, dtype_code<T>)
+                const TensorPtr x = is_empty ? make_empty(row.from, dtype_code<T>)
                                              : make<T>(row.from, counted<T>(numel_of(row.from), 1), layout);
                 const TensorPtr y(sum_to_shape(x.get(), row.to));
                 std::vector<Value> expected(static_cast<std::size_t>(numel_of(row.to)), Value{0, 0});
                 const std::vector<Value> all = numbers_of(x.get());
                 // A tensor of the flat positions, shown under the larger shape, says where each element goes.
-                TensorPtr flat = made(row.to, dtype::int64);
+                TensorPtr flat = make_empty(row.to, dtype::int64);
                 std::iota(static_cast<std::int64_t*>(flat->getRawData()),
                           static_cast<std::int64_t*>(flat->getRawData()) + flat->Size(), 0);
                 const TensorPtr targets(Tensor::broadcast_to(flat.get(), row.from));

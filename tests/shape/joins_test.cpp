@@ -10,12 +10,6 @@ namespace {
 
 using T = Tensor;
 
-TensorPtr empty_tensor(const Dims& shape, std::int64_t dtype) {
-    TensorPtr t = std::make_unique<Tensor>();
-    t->initialize_none_tensor(shape, dtype, 0, layout::dense);
-    return t;
-}
-
 Tensor* counts() {
     static const TensorPtr tensor = make<std::int16_t>({3}, {2, 0, 3}, Layout::reversed);
     return tensor.get();
@@ -91,7 +85,7 @@ TEST(Joins, ElementsOfAnotherImplementationAndAdjoints) {
             EXPECT_EQ(checksum(y.get()), row.checksum) << row.name << " " << name_of(layout);
             const bool is_empty = y->Size() == 0;
             ++seed;
-            const TensorPtr g = is_empty ? empty_tensor(row.shape, dtype::float64)
+            const TensorPtr g = is_empty ? make_empty(row.shape, dtype::float64)
                                          : random_tensor(row.shape, dtype::float64, seed, all_layouts[seed % 5]);
             const TensorPtr dx(row.gradient(g.get()));
             ASSERT_EQ(dx->Shape(), x->Shape()) << row.name;
@@ -142,7 +136,7 @@ TEST(Joins, PartsAndWholes) {
     const TensorPtr wide = make<Complex<float>>({1}, {{2, 3}});
     const TensorPtr joined(concatenate({x.get(), wide.get()}));
     EXPECT_EQ(joined->Dtype(), dtype::complex64);
-    const TensorPtr none = empty_tensor({0}, dtype::int32);
+    const TensorPtr none = make_empty({0}, dtype::int32);
     EXPECT_EQ(TensorPtr(concatenate({none.get(), none.get()}))->Shape(), Dims{0});
     const TensorPtr number(Tensor::ones({}, 0, dtype::float32));
     EXPECT_EQ(TensorPtr(stack_along({number.get(), number.get()}, -1))->Shape(), Dims{2});
@@ -176,7 +170,7 @@ TEST(Joins, ValuesOfPaddingDiagonalsAndEmptyOperands) {
     EXPECT_EQ(values_of<float>(TensorPtr(diag_grad(d.get(), {2, 3}, 1))), (std::vector<float>{0, 1, 0, 0, 0, 5}));
     const TensorPtr square(diag(d.get(), -2));
     EXPECT_EQ(values_of<float>(TensorPtr(diag_grad(square.get(), {2}, -2))), (std::vector<float>{1, 5}));
-    const TensorPtr none = empty_tensor({2, 0}, dtype::float32);
+    const TensorPtr none = make_empty({2, 0}, dtype::float32);
     EXPECT_EQ(values_of<float>(TensorPtr(pad(none.get(), {{0, 0}, {1, 0}}, PadMode::constant, 3))),
               (std::vector<float>{3, 3}));
     for (Tensor* t :

@@ -45,13 +45,6 @@ TEST(Construction, FillsEveryField) {
     EXPECT_EQ(t.get_alloc_mem_size(), 24);
     EXPECT_EQ(t.get_data_intptr(), reinterpret_cast<std::intptr_t>(t.getRawData()));
     EXPECT_EQ(values_of<float>(&t), std::vector<float>(values, values + 6));
-    const TensorToptions& options = *t.get_options();
-    EXPECT_EQ(options.dtype, 6);
-    EXPECT_EQ(options.shape, t.Shape());
-    EXPECT_EQ(options.stride, t.Strides());
-    EXPECT_EQ(options.size, 6);
-    EXPECT_EQ(options.ndim, 2);
-
     const Tensor nothing;
     EXPECT_EQ(nothing.StorageOffset(), 0);
     EXPECT_EQ(nothing.Layout(), 0);

@@ -29,6 +29,12 @@ namespace ornik {
 /// The values alone.
 [[nodiscard]] ORNIK_API Tensor* svdvals(Tensor* x);
 
+/// {values, vectors}: x v = value v for the columns v, of length 1, of the vectors; complex, in no order. NaN and
+/// infinity are errors. Real matrices give conjugate pairs.
+[[nodiscard]] ORNIK_API std::vector<Tensor*> eig(Tensor* x);
+/// The values alone.
+[[nodiscard]] ORNIK_API Tensor* eigvals(Tensor* x);
+
 /// Square matrices. A singular one is an error: one that gives a pivot of exactly 0.
 [[nodiscard]] ORNIK_API Tensor* inv(Tensor* x);
 /// y with x y = b. b of one axis is a vector for every matrix of x; of more axes it holds matrices [n, k], whose batch

@@ -5,7 +5,9 @@ from __future__ import annotations
 from collections.abc import Sequence
 from typing import Any, Union
 
-__all__ = ["Pair", "extents", "is_whole", "pair", "positive", "probability", "shown"]
+from .. import _ornik
+
+__all__ = ["Pair", "extents", "is_whole", "pair", "positive", "probability", "shown", "tensors"]
 
 #: One number for all axes, or one for each.
 Pair = Union[int, Sequence[int]]
@@ -13,6 +15,13 @@ Pair = Union[int, Sequence[int]]
 
 def is_whole(value: object) -> bool:
     return hasattr(value, "__index__") and not isinstance(value, bool)
+
+
+def tensors(name: str, *operands: object) -> None:
+    """Refuses what is no tensor."""
+    for operand in operands:
+        if not isinstance(operand, _ornik.KTensorBase):
+            raise TypeError(f"{name}(): a KTensor is wanted, but got {type(operand).__name__}")
 
 
 def positive(layer: str, **arguments: int) -> None:

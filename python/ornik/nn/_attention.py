@@ -11,7 +11,7 @@ from typing import TYPE_CHECKING, Any, Union
 from .. import _dtypes, _ornik
 from .._convert import DTypeLike
 from . import functional
-from ._arguments import positive, probability, shown
+from ._arguments import positive, probability, shown, tensors
 from ._basic import Dropout, Linear, filled_parameter, uniform_parameter
 from ._containers import ModuleList
 from ._module import Module, Parameter
@@ -117,6 +117,7 @@ class MultiheadAttention(Module):
         targets and heads. With ``is_causal`` target i attends to the first i + 1 sources alone. The probabilities are
         [N, targets, sources], or [N, heads, targets, sources] unless averaged over the heads.
         """
+        tensors("MultiheadAttention", query, key, value)
         own = query is key and key is value
         if query.ndim == 2:
             batch = 0 if self.batch_first else 1

@@ -8,7 +8,8 @@ from typing import TYPE_CHECKING
 
 from .. import _dtypes, _ornik
 from .._convert import DTypeLike
-from ._arguments import is_whole, positive, probability, shown
+from . import functional
+from ._arguments import is_whole, positive, probability, shown, tensors
 from ._module import Module, Parameter
 
 if TYPE_CHECKING:
@@ -103,7 +104,7 @@ class Dropout(Module):
         self.p = p
 
     def forward(self, x: KTensor) -> KTensor:
-        return _ornik.dropout(x, self.p, self.training)
+        return functional.dropout(x, self.p, self.training)
 
     def extra_repr(self) -> str:
         return f"p={self.p}"
@@ -113,7 +114,7 @@ class Dropout1d(Dropout):
     """The same for whole channels of [N, C, ...]."""
 
     def forward(self, x: KTensor) -> KTensor:
-        return _ornik.dropout_channels(x, self.p, self.training)
+        return functional.dropout1d(x, self.p, self.training)
 
 
 class Dropout2d(Dropout1d):
@@ -144,6 +145,7 @@ class Unflatten(Module):
         self.unflattened_size = tuple(unflattened_size)
 
     def forward(self, x: KTensor) -> KTensor:
+        tensors("Unflatten", x)
         if not -x.ndim <= self.dim < x.ndim:
             raise IndexError(f"Unflatten(): there is no axis {self.dim} among {x.ndim}")
         at, sizes = self.dim % x.ndim, list(self.unflattened_size)

@@ -13,7 +13,7 @@ from .._tensor import KTensor
 if TYPE_CHECKING:
     from typing_extensions import Self
 
-__all__ = ["HookHandle", "LoadResult", "Module", "Parameter"]
+__all__ = ["HookHandle", "LoadResult", "Module", "Parameter", "functional_call"]
 
 
 class Parameter(KTensor):
@@ -368,6 +368,37 @@ class Module:
         if not parts:
             return f"{name}({arguments})"
         return f"{name}({arguments}\n  " + "\n  ".join(parts) + "\n)"
+
+
+def functional_call(module: Module, tensors: Mapping[str, KTensor], *args: Any, **kwargs: Any) -> Any:
+    """``module(*args, **kwargs)`` with other tensors in the place of its parameters and buffers, by name.
+
+    Networks as functions of their state, for :func:`ornik.grad`. Not for one module on several threads at once.
+
+    >>> net = nn.Linear(2, 1, bias=False)
+    >>> gradient = ornik.grad(lambda state: nn.functional_call(net, state, ornik.ones(2)).sum())
+    >>> gradient({"weight": ornik.zeros((1, 2))})
+    {'weight': KTensor([[1., 1.]])}
+    """
+    places: list[tuple[Any, Any, KTensor]] = []
+    for path, tensor in tensors.items():
+        owner, _, name = path.rpartition(".")
+        found = module.get_submodule(owner)
+        held = dict(found._members()).get(name)
+        if not isinstance(held, KTensor) or not isinstance(tensor, KTensor):
+            raise ValueError(f'functional_call(): "{path}" is no parameter or buffer, or not given as a KTensor')
+        if held.shape != tensor.shape:
+            raise ValueError(f"functional_call(): {path} is {_described(held)}, not {_described(tensor)}")
+        items = found.__dict__ if name in found.__dict__ else found.__dict__["_items"]
+        places.append((items, int(name) if isinstance(items, list) else name, tensor))
+    before = [items[name] for items, name, _ in places]
+    try:
+        for items, name, tensor in places:
+            items[name] = tensor
+        return module(*args, **kwargs)
+    finally:
+        for (items, name, _), tensor in zip(places, before):
+            items[name] = tensor
 
 
 def _fits(own: KTensor, value: KTensor) -> bool:

@@ -7,7 +7,7 @@ from typing import TYPE_CHECKING
 from .. import _dtypes, _ornik
 from .._convert import DTypeLike
 from . import functional
-from ._arguments import Pair, extents, is_whole, positive
+from ._arguments import Pair, extents, is_whole, positive, tensors
 from ._basic import filled_parameter
 from ._module import Module, Parameter
 
@@ -59,6 +59,7 @@ class _Running(Module):
         self.register_buffer("num_batches_tracked", _ornik.full((), 0, _dtypes.int64) if track else None)
 
     def _check(self, x: KTensor, axes: tuple[int, ...]) -> None:
+        tensors(type(self).__name__, x)
         if x.ndim not in axes:
             wanted = " or ".join(str(n) for n in axes)
             raise ValueError(f"{type(self).__name__}(): {wanted} axes are wanted, but got {list(x.shape)}")

@@ -7,7 +7,7 @@ from typing import TYPE_CHECKING, Any, ClassVar
 
 from .. import _ornik
 from .._convert import DTypeLike
-from ._arguments import positive, probability, shown
+from ._arguments import positive, probability, shown, tensors
 from ._basic import uniform_parameter
 from ._module import Module, Parameter
 from .utils.rnn import PackedSequence
@@ -54,6 +54,7 @@ class _Recurrent(Module):
     def _run(self, x: Any, hidden: KTensor | None, cell: KTensor | None) -> tuple[Any, KTensor, KTensor | None]:
         if isinstance(x, PackedSequence):
             return self._run_packed(x, hidden, cell)
+        tensors(type(self).__name__, x)
         if x.ndim not in (2, 3) or x.shape[-1] != self.input_size:
             batched = f"[N, steps, {self.input_size}]" if self.batch_first else f"[steps, N, {self.input_size}]"
             raise ValueError(
@@ -91,6 +92,8 @@ class _Recurrent(Module):
     def _checked(self, states: list[KTensor | None], batch: int) -> list[KTensor | None]:
         wanted = (len(self._names), batch, self.hidden_size)
         for state in states:
+            if state is not None:
+                tensors(type(self).__name__, state)
             if state is not None and state.shape != wanted:
                 raise ValueError(f"{type(self).__name__}(): a state is {list(state.shape)}, not {list(wanted)}")
         return states
@@ -201,6 +204,7 @@ class _Cell(Module):
 
     def _steps(self, x: KTensor, states: list[KTensor | None]) -> tuple[KTensor, list[KTensor | None], list[Any]]:
         """x as one step [1, N, in], the states [N, H], the weights."""
+        tensors(type(self).__name__, x)
         if x.ndim not in (1, 2) or x.shape[-1] != self.input_size:
             raise ValueError(
                 f"{type(self).__name__}(): {list(x.shape)} is neither [N, {self.input_size}] nor [{self.input_size}]"
@@ -208,6 +212,8 @@ class _Cell(Module):
         if x.ndim == 1:
             x, states = _ornik.unsqueeze(x, 0), [s if s is None else _ornik.unsqueeze(s, 0) for s in states]
         for state in states:
+            if state is not None:
+                tensors(type(self).__name__, state)
             if state is not None and state.shape != (x.shape[0], self.hidden_size):
                 raise ValueError(
                     f"{type(self).__name__}(): a state is {list(state.shape)}, not {[x.shape[0], self.hidden_size]}"

@@ -11,7 +11,7 @@ from collections.abc import Callable, Sequence
 from typing import TYPE_CHECKING
 
 from .. import _dtypes, _elements, _ornik
-from ._arguments import Pair, extents, pair
+from ._arguments import Pair, extents, pair, tensors
 
 if TYPE_CHECKING:
     from .._tensor import KTensor
@@ -95,6 +95,7 @@ def relu6(x: KTensor, /) -> KTensor:
 
 def leaky_relu(x: KTensor, negative_slope: float = 0.01) -> KTensor:
     """x above 0, negative_slope * x else."""
+    tensors("leaky_relu", x)
     if x.dtype is _dtypes.float64:  # The kernel's slope is a single-precision number.
         return _ornik.relu(x) - negative_slope * _ornik.relu(-x)
     return _ornik.leaky_relu(x, negative_slope)
@@ -102,6 +103,7 @@ def leaky_relu(x: KTensor, negative_slope: float = 0.01) -> KTensor:
 
 def prelu(x: KTensor, weight: KTensor) -> KTensor:
     """x above 0, weight * x else: one weight, or one for each channel of [N, C, ...]."""
+    tensors("prelu", x, weight)
     if weight.size != 1 and x.ndim > 2:
         weight = weight.reshape(-1, *[1] * (x.ndim - 2))
     return _ornik.relu(x) - weight * _ornik.relu(-x)
@@ -109,6 +111,7 @@ def prelu(x: KTensor, weight: KTensor) -> KTensor:
 
 def elu(x: KTensor, alpha: float = 1.0) -> KTensor:
     """x above 0, alpha * (exp(x) - 1) else."""
+    tensors("elu", x)
     if x.dtype is _dtypes.float64:  # The kernel's factor is a single-precision number.
         return _ornik.relu(x) + alpha * _ornik.expm1(-_ornik.relu(-x))
     return _ornik.elu(x, alpha)
@@ -155,6 +158,7 @@ def hardtanh(x: KTensor, min_val: float = -1.0, max_val: float = 1.0) -> KTensor
 
 def hardsigmoid(x: KTensor, /) -> KTensor:
     """(x + 3) / 6 cut off at 0 and 1."""
+    tensors("hardsigmoid", x)
     if x.dtype is _dtypes.float64:  # The kernel's sixth is a single-precision number.
         return _ornik.hardtanh(x / 6 + 0.5, 0.0, 1.0)
     return _ornik.hardsigmoid(x)
@@ -182,12 +186,12 @@ def log_softmax(x: KTensor, dim: int = -1) -> KTensor:
 
 def dropout(x: KTensor, p: float = 0.5, training: bool = True) -> KTensor:
     """In training, an element becomes 0 with probability p, and the others are scaled by 1 / (1 - p)."""
-    return _ornik.dropout(x, p, training)
+    return _ornik.dropout(x, p, training and p != 0)  # No random numbers for nothing.
 
 
 def dropout1d(x: KTensor, p: float = 0.5, training: bool = True) -> KTensor:
     """:func:`dropout` of whole channels of [N, C, ...]."""
-    return _ornik.dropout_channels(x, p, training)
+    return _ornik.dropout_channels(x, p, training and p != 0)
 
 
 dropout2d = dropout1d
@@ -202,6 +206,7 @@ def linear(x: KTensor, weight: KTensor, bias: KTensor | None = None) -> KTensor:
 
 def embedding(indices: KTensor, weight: KTensor, padding_idx: int | None = None) -> KTensor:
     """Rows of weight [count, width] by whole numbers; the row ``padding_idx`` gets no gradient."""
+    tensors("embedding", indices, weight)
     if padding_idx is not None and padding_idx < 0:
         padding_idx += weight.shape[0]
     return _ornik.embedding(indices, weight, padding_idx)
@@ -214,6 +219,7 @@ def one_hot(indices: KTensor, num_classes: int = -1) -> KTensor:
     KTensor([[0, 0, 1],
              [1, 0, 0]])
     """
+    tensors("one_hot", indices)
     if num_classes < 0:
         if indices.size == 0:
             raise ValueError("one_hot(): num_classes is wanted where there are no indices")
@@ -224,8 +230,9 @@ def one_hot(indices: KTensor, num_classes: int = -1) -> KTensor:
 # ---- Convolutions ----
 
 
-def _on_batch(x: KTensor, axes: int, function: Callable[[KTensor], KTensor]) -> KTensor:
+def _on_batch(name: str, x: KTensor, axes: int, function: Callable[[KTensor], KTensor]) -> KTensor:
     """One sample without its axis counts as a batch of one."""
+    tensors(name, x)
     if x.ndim == axes + 1:
         return _ornik.squeeze(function(_ornik.unsqueeze(x, 0)), 0)
     return function(x)
@@ -243,6 +250,7 @@ def _convolve(
     groups: int,
     output_padding: Pair | None = None,
 ) -> KTensor:
+    tensors(name, x, weight)
     if weight.ndim != axes + 2 or x.ndim not in (axes + 1, axes + 2):
         shape = "[N, C, L]" if axes == 1 else "[N, C, H, W]"
         raise ValueError(
@@ -258,6 +266,7 @@ def _convolve(
     transposed = output_padding is not None
     more = pair(name, "output_padding", 0 if output_padding is None else output_padding, axes, 0)
     return _on_batch(
+        name,
         x,
         axes,
         lambda batch: _ornik.convolution(batch, weight, bias, steps, widths, spread, groups, transposed, more),
@@ -367,7 +376,7 @@ def _max_pool(
             batch = pad(batch, [n for width in reversed(more) for n in (0, width)], value=-math.inf)
         return _ornik.max_pool(batch, size, steps, widths)
 
-    return _on_batch(x, axes, pool)
+    return _on_batch(name, x, axes, pool)
 
 
 def max_pool1d(
@@ -412,7 +421,7 @@ def _avg_pool(
         mean, part = (_ornik.average_pool(t, size, steps, (0, 0)) for t in (pad(batch, around), counted))
         return mean / part
 
-    return _on_batch(x, axes, pool)
+    return _on_batch(name, x, axes, pool)
 
 
 def avg_pool1d(
@@ -442,25 +451,25 @@ def avg_pool2d(
 def adaptive_avg_pool1d(x: KTensor, output_size: Pair) -> KTensor:
     """The means of ``output_size`` windows of [N, C, L], which may overlap by one."""
     output = pair("adaptive_avg_pool1d", "output_size", output_size, 1, 1, 1)
-    return _on_batch(x, 1, lambda batch: _ornik.adaptive_average_pool(batch, output))
+    return _on_batch("adaptive_avg_pool1d", x, 1, lambda batch: _ornik.adaptive_average_pool(batch, output))
 
 
 def adaptive_avg_pool2d(x: KTensor, output_size: Pair) -> KTensor:
     """The means of so many windows for rows and columns of [N, C, H, W]."""
     output = pair("adaptive_avg_pool2d", "output_size", output_size, 2, 1, 1)
-    return _on_batch(x, 2, lambda batch: _ornik.adaptive_average_pool(batch, output))
+    return _on_batch("adaptive_avg_pool2d", x, 2, lambda batch: _ornik.adaptive_average_pool(batch, output))
 
 
 def adaptive_max_pool1d(x: KTensor, output_size: Pair) -> KTensor:
     """The largest elements of the windows of :func:`adaptive_avg_pool1d`."""
     output = pair("adaptive_max_pool1d", "output_size", output_size, 1, 1, 1)
-    return _on_batch(x, 1, lambda batch: _ornik.adaptive_max_pool(batch, output))
+    return _on_batch("adaptive_max_pool1d", x, 1, lambda batch: _ornik.adaptive_max_pool(batch, output))
 
 
 def adaptive_max_pool2d(x: KTensor, output_size: Pair) -> KTensor:
     """The largest elements of the windows of :func:`adaptive_avg_pool2d`."""
     output = pair("adaptive_max_pool2d", "output_size", output_size, 2, 1, 1)
-    return _on_batch(x, 2, lambda batch: _ornik.adaptive_max_pool(batch, output))
+    return _on_batch("adaptive_max_pool2d", x, 2, lambda batch: _ornik.adaptive_max_pool(batch, output))
 
 
 # ---- Images ----
@@ -477,6 +486,7 @@ def pad(x: KTensor, pad: Sequence[int], mode: str = "constant", value: float = 0
     KTensor([[0., 0., 0.],
              [1., 1., 0.]])
     """
+    tensors("pad", x)
     if len(pad) % 2 or len(pad) > 2 * x.ndim:
         raise ValueError(f"pad(): two numbers for each of up to {x.ndim} axes are wanted, but got {len(pad)}")
     if mode not in _PAD_MODES:
@@ -498,6 +508,7 @@ def interpolate(
 
     Modes: "nearest", and "linear" for one axis or "bilinear" for two. Positions follow from the extents alone.
     """
+    tensors("interpolate", x)
     axes = x.ndim - 2
     if axes not in (1, 2):
         raise ValueError(f"interpolate(): x is [N, C, L] or [N, C, H, W], but got {list(x.shape)}")
@@ -559,6 +570,7 @@ def instance_norm(
 
     The running ones, if given, move to the samples' mean statistics as those of :func:`batch_norm` do.
     """
+    tensors("instance_norm", x)
     if not use_input_stats:
         return _ornik.batch_norm(x, running_mean, running_var, weight, bias, False, momentum, eps)
     y = _ornik.group_norm(x, x.shape[1] if x.ndim > 1 else 1, weight, bias, eps)
@@ -589,6 +601,7 @@ def rms_norm(x: KTensor, normalized_shape: Pair, weight: KTensor | None = None, 
 
     Without eps, the distance from 1 to the next number of x's dtype.
     """
+    tensors("rms_norm", x)
     shape = (normalized_shape,) if isinstance(normalized_shape, int) else tuple(normalized_shape)
     if not shape or x.shape[-len(shape) :] != shape:
         raise ValueError(f"rms_norm(): the last axes of {list(x.shape)} are not {list(shape)}")
@@ -667,6 +680,7 @@ def cross_entropy(
     Or, with probabilities of x's shape as target, their mean. ``weight`` [C] scales the classes; the mean of class
     numbers divides by the sum of their weights.
     """
+    tensors("cross_entropy", x, target)
     if target.dtype.is_floating_point:
         target = _classes_last(target)
     return _ornik.cross_entropy(_classes_last(x), target, weight, ignore_index, label_smoothing, reduction)
@@ -676,6 +690,7 @@ def nll_loss(
     x: KTensor, target: KTensor, weight: KTensor | None = None, ignore_index: int = -100, reduction: str = "mean"
 ) -> KTensor:
     """:func:`cross_entropy` of log-probabilities."""
+    tensors("nll_loss", x, target)
     return _ornik.nll_loss(_classes_last(x), target, weight, ignore_index, reduction)
 
 
@@ -719,6 +734,7 @@ def binary_cross_entropy_with_logits(
 
 def kl_div(x: KTensor, target: KTensor, reduction: str = "mean", log_target: bool = False) -> KTensor:
     """t (log(t) - x) of log-probabilities x; "batchmean" divides by the extent of the first axis alone."""
+    tensors("kl_div", x, target)
     if reduction == "batchmean":
         return _ornik.kl_div(x, target, log_target, "sum") / max(x.shape[0] if x.ndim else 1, 1)
     return _ornik.kl_div(x, target, log_target, reduction)

@@ -6,6 +6,7 @@ import math
 from typing import TYPE_CHECKING
 
 from .. import _dtypes, _ornik
+from ._arguments import tensors
 
 if TYPE_CHECKING:
     from .._tensor import KTensor
@@ -42,6 +43,7 @@ def calculate_gain(nonlinearity: str, param: float | None = None) -> float:
 
 def _fans(name: str, tensor: KTensor) -> tuple[int, int]:
     """How many numbers go into a result, and how many results a number goes into."""
+    tensors(name, tensor)
     if tensor.ndim < 2:
         raise ValueError(f"{name}(): a tensor of 2 axes and more is wanted, but got {list(tensor.shape)}")
     window = math.prod(tensor.shape[2:])
@@ -62,6 +64,9 @@ def normal_(tensor: KTensor, mean: float = 0.0, std: float = 1.0) -> KTensor:
 
 def trunc_normal_(tensor: KTensor, mean: float = 0.0, std: float = 1.0, a: float = -2.0, b: float = 2.0) -> KTensor:
     """Normal, but drawn again where it lies outside [a, b]."""
+    tensors("trunc_normal_", tensor)
+    if not std > 0:
+        raise ValueError(f"trunc_normal_(): a deviation is above 0, not {std}")
     inside = 0.5 * (math.erf((b - mean) / (std * math.sqrt(2))) - math.erf((a - mean) / (std * math.sqrt(2))))
     if not inside > 1e-4:
         raise ValueError(f"trunc_normal_(): hardly anything of mean {mean} and deviation {std} lies in [{a}, {b}]")
@@ -97,6 +102,7 @@ def zeros_(tensor: KTensor) -> KTensor:
 
 def eye_(tensor: KTensor) -> KTensor:
     """Ones on the diagonal of a matrix, zeros elsewhere."""
+    tensors("eye_", tensor)
     if tensor.ndim != 2:
         raise ValueError(f"eye_(): a matrix is wanted, but got {list(tensor.shape)}")
     return _filled_with(tensor, _ornik.eye(tensor.shape[0], tensor.shape[1], 0, tensor.dtype))
@@ -104,6 +110,7 @@ def eye_(tensor: KTensor) -> KTensor:
 
 def dirac_(tensor: KTensor, groups: int = 1) -> KTensor:
     """Of a convolution's weight: each group passes on as many of its channels as it can."""
+    tensors("dirac_", tensor)
     if tensor.ndim not in (3, 4) or groups < 1 or tensor.shape[0] % groups:
         raise ValueError(
             f"dirac_(): the weight of a convolution of {groups} groups is wanted, not {list(tensor.shape)}"
@@ -120,19 +127,19 @@ def dirac_(tensor: KTensor, groups: int = 1) -> KTensor:
 
 def xavier_uniform_(tensor: KTensor, gain: float = 1.0) -> KTensor:
     """Uniform within gain * sqrt(6 / (fan_in + fan_out)) (Glorot and Bengio, 2010)."""
-    bound = gain * math.sqrt(6 / sum(_fans("xavier_uniform_", tensor)))
+    bound = gain * math.sqrt(6 / max(sum(_fans("xavier_uniform_", tensor)), 1))
     return uniform_(tensor, -bound, bound)
 
 
 def xavier_normal_(tensor: KTensor, gain: float = 1.0) -> KTensor:
     """Normal of deviation gain * sqrt(2 / (fan_in + fan_out))."""
-    return normal_(tensor, 0.0, gain * math.sqrt(2 / sum(_fans("xavier_normal_", tensor))))
+    return normal_(tensor, 0.0, gain * math.sqrt(2 / max(sum(_fans("xavier_normal_", tensor)), 1)))
 
 
 def _kaiming(name: str, tensor: KTensor, a: float, mode: str, nonlinearity: str) -> float:
     if mode not in ("fan_in", "fan_out"):
         raise ValueError(f'{name}(): mode is "fan_in" or "fan_out", not {mode!r}')
-    return calculate_gain(nonlinearity, a) / math.sqrt(_fans(name, tensor)[mode == "fan_out"])
+    return calculate_gain(nonlinearity, a) / math.sqrt(max(_fans(name, tensor)[mode == "fan_out"], 1))
 
 
 def kaiming_uniform_(
@@ -153,6 +160,7 @@ def orthogonal_(tensor: KTensor, gain: float = 1.0) -> KTensor:
 
     Every such matrix is as likely as any other: the polar factor of normal deviates.
     """
+    tensors("orthogonal_", tensor)
     if tensor.ndim < 2:
         raise ValueError(f"orthogonal_(): a tensor of 2 axes and more is wanted, but got {list(tensor.shape)}")
     rows, columns = tensor.shape[0], math.prod(tensor.shape[1:])

@@ -8,6 +8,7 @@
 #include <complex>
 
 #include "ktensor/arithmetic.h"
+#include "ktensor/autograd.h"
 #include "ktensor/elements.h"
 #include "ktensor/linalg.h"
 #include "ktensor/operands.h"
@@ -210,6 +211,41 @@ KTensor svdvals(const KTensor& x) {
                       [](Backward& pass) { pass.give(0, of_values(pass.saved(0), pass.grad())); });
     }
     return y;
+}
+
+// ---- Eigenvalues ----
+
+EigenPairs eig(const KTensor& x) {
+    const Recorder record(Op::eig, {&x});
+    const std::vector<Tensor*> results = ornik::eig(x.tensor());
+    EigenPairs y{make_ktensor(results[0]), make_ktensor(results[1])};
+    if (record.active()) {
+        KTensor* outputs[] = {&y.values, &y.vectors};
+        record.finish(std::span<KTensor* const>(outputs),
+                      {Recorder::output(y.values, 0), Recorder::output(y.vectors, 1)}, [](Backward& pass) {
+                          const KTensor values = pass.saved(0);
+                          const KTensor vectors = pass.saved(1);
+                          const KTensor rows = adjoint(vectors);
+                          const KTensor unit = identity(values.size(-1), values.size(-1), values);
+                          KTensor inner = each_column(or_zeros(pass.grad(0), values)) * unit;
+                          if (pass.grad(1).defined()) {
+                              // Vectors keep their length.
+                              const KTensor product = matmul(rows, pass.grad(1));
+                              const KTensor turned =
+                                  product - matmul(rows, vectors) * each_column(real(sum(product * unit, {-2})));
+                              inner = inner + turned * conj(inverse_or_zero(each_column(values) - each_row(values)));
+                          }
+                          const KTensor result = solve(rows, matmul(inner, rows));
+                          const bool complex = is_dtype_class(pass.operand_dtype(0), DtypeClass::complex);
+                          pass.give(0, complex ? result : real(result));
+                      });
+    }
+    return y;
+}
+
+KTensor eigvals(const KTensor& x) {
+    autograd::check_defined("eigvals", x, 0);
+    return grad_enabled() && x.wants_grad() ? eig(x).values : make_ktensor(ornik::eigvals(x.tensor()));
 }
 
 // ---- Inverses and determinants ----

@@ -11,6 +11,7 @@
 #include "ktensor/operands.h"
 #include "ktensor/record.h"
 #include "ktensor/shapes.h"
+#include "tensor/tensor_math/real_pairs.h"
 #include "tensor/tensor_math/tensor_element_math.h"
 
 namespace ornik {
@@ -293,10 +294,8 @@ KTensor angle(const KTensor& x) {
         return x;                                                                                 \
     }
 
-ORNIK_STEP_FUNCTION(sign)
 ORNIK_STEP_FUNCTION(floor)
 ORNIK_STEP_FUNCTION(ceil)
-ORNIK_STEP_FUNCTION(round)
 ORNIK_STEP_FUNCTION(trunc)
 ORNIK_STEP_FUNCTION(bitwise_not)
 ORNIK_STEP_FUNCTION(is_nan)
@@ -309,6 +308,23 @@ ORNIK_STEP_IN_PLACE(ceil)
 ORNIK_STEP_IN_PLACE(round)
 ORNIK_STEP_IN_PLACE(trunc)
 ORNIK_STEP_IN_PLACE(bitwise_not)
+
+// Zeros have none here.
+KTensor sign(const KTensor& x) {
+    autograd::check_defined("sign", x, 0);
+    KTensor y = make_ktensor(x.tensor()->sign());
+    return y.is_floating() || y.is_complex() ? add(y, Scalar(0.0F)) : y;
+}
+
+KTensor round(const KTensor& x) {
+    autograd::check_defined("round", x, 0);
+    return x.is_complex() ? view_as_complex(round(view_as_real(x.detach()))) : make_ktensor(x.tensor()->round());
+}
+
+KTensor signbit(const KTensor& x) {
+    autograd::check_defined("signbit", x, 0);
+    return make_ktensor(signbit(x.tensor()));
+}
 
 #undef ORNIK_STEP_FUNCTION
 #undef ORNIK_STEP_IN_PLACE

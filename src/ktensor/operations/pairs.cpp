@@ -7,6 +7,7 @@
 #include "ktensor/record.h"
 #include "ktensor/shapes.h"
 #include "tensor/tensor_math/promotion.h"
+#include "tensor/tensor_math/real_pairs.h"
 #include "tensor/tensor_math/tensor_element_math.h"
 
 namespace ornik {
@@ -160,6 +161,94 @@ ORNIK_ARITHMETIC_PAIR(atan2, true, atan2_slope_a, atan2_slope_b)
 
 #undef ORNIK_ARITHMETIC_PAIR
 #undef ORNIK_TENSOR_PAIR
+
+// ---- Functions of real numbers (real_pairs.h) ----
+
+namespace {
+
+using FreePair = Tensor* (*)(Tensor* a, Tensor* b);
+
+KTensor call(const char* name, FreePair function, const KTensor& a, const KTensor& b) {
+    const Dims shape = autograd::broadcast_shape(name, a, b);
+    const Shown left(a, shape);
+    const Shown right(b, shape);
+    return make_ktensor(function(left.get(), right.get()));
+}
+
+// What a step gives is a constant to what is recorded.
+KTensor step(const char* name, FreePair function, const KTensor& a, const KTensor& b) {
+    autograd::check_defined(name, a, 0);
+    autograd::check_defined(name, b, 1);
+    return call(name, function, a, b);
+}
+
+// Both in the floating dtype that they promote to.
+std::pair<KTensor, KTensor> in_floating(const char* name, const KTensor& a, const KTensor& b) {
+    autograd::check_defined(name, a, 0);
+    autograd::check_defined(name, b, 1);
+    const std::int64_t dtype = operations::floating_dtype(promotion::of_tensors(a.dtype(), b.dtype()));
+    return {astype(a, dtype), astype(b, dtype)};
+}
+
+}  // namespace
+
+KTensor hypot(const KTensor& left, const KTensor& right) {
+    const auto [a, b] = in_floating("hypot", left, right);
+    const Recorder record(Op::hypot, {&a, &b});
+    KTensor y = call("hypot", ornik::hypot, a, b);
+    if (record.active()) {
+        record.finish(y, {record.operand(0), record.operand(1), Recorder::output(y)}, [](Backward& pass) {
+            const KTensor length = pass.saved(2);
+            const KTensor slope = div(pass.grad(), where(equal(length, Scalar(0.0F)), Scalar(1.0F), length));
+            for (std::size_t i = 0; i < 2; ++i) {
+                if (pass.wants(i)) {
+                    pass.give(i, mul(slope, pass.saved(i)));
+                }
+            }
+        });
+    }
+    return y;
+}
+
+KTensor logaddexp(const KTensor& left, const KTensor& right) {
+    const auto [a, b] = in_floating("logaddexp", left, right);
+    const Recorder record(Op::logaddexp, {&a, &b});
+    KTensor y = call("logaddexp", ornik::logaddexp, a, b);
+    if (record.active()) {
+        record.finish(y, {record.operand(0), record.operand(1)}, [](Backward& pass) {
+            for (std::size_t i = 0; i < 2; ++i) {
+                if (pass.wants(i)) {
+                    pass.give(i, mul(pass.grad(), sigmoid(sub(pass.saved(i), pass.saved(1 - i)))));
+                }
+            }
+        });
+    }
+    return y;
+}
+
+KTensor copysign(const KTensor& left, const KTensor& right) {
+    const auto [a, b] = in_floating("copysign", left, right);
+    const Recorder record(Op::copysign, {&a});
+    KTensor y = call("copysign", ornik::copysign, a, b);
+    if (record.active()) {
+        record.finish(y, {Recorder::own(mul(sign(a.detach()), sign(y.detach())))},
+                      [](Backward& pass) { pass.give(0, mul(pass.grad(), pass.saved(0))); });
+    }
+    return y;
+}
+
+KTensor floor_divide(const KTensor& a, const KTensor& b) { return step("floor_divide", ornik::floor_divide, a, b); }
+KTensor nextafter(const KTensor& a, const KTensor& b) { return step("nextafter", ornik::nextafter, a, b); }
+
+#define ORNIK_WITH_NUMBERS(name)                                                             \
+    KTensor name(const KTensor& a, const Scalar& b) { return name(a, beside(#name, a, b)); } \
+    KTensor name(const Scalar& a, const KTensor& b) { return name(beside(#name, b, a), b); }
+ORNIK_WITH_NUMBERS(hypot)
+ORNIK_WITH_NUMBERS(logaddexp)
+ORNIK_WITH_NUMBERS(copysign)
+ORNIK_WITH_NUMBERS(floor_divide)
+ORNIK_WITH_NUMBERS(nextafter)
+#undef ORNIK_WITH_NUMBERS
 
 // ---- Comparisons, logic, bits ----
 

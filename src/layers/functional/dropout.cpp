@@ -47,8 +47,8 @@ std::unique_ptr<Tensor> masked(const Tensor* x, const Tensor* kept, double p) {
 Dropped drop(const Tensor* x, const Dims& kept_shape, double p) {
     Dropped result;
     result.kept = make_tensor(kept_shape, dtype::boolean);
+    generator::Lease source;  // Until all is done: a call that fails gives its numbers back.
     if (result.kept->Size() > 0) {
-        generator::Lease source;
         device::cpu::fill_kept(source, result.kept.get(), x->Dtype(), 1 - p);
     }
     result.output = masked(x, result.kept.get(), p);

@@ -73,6 +73,7 @@ void check_served(const Where& at, const char* name, const Dims& batch, std::int
 
 constexpr const char* not_definite = "is not positive definite";
 constexpr const char* is_singular = "is singular";
+constexpr const char* no_eigenvalues = "holds NaN or infinity, or its eigenvalues do not converge";
 constexpr const char* no_values = "holds NaN or infinity, or its singular values do not converge";
 
 // x^H of matrices, contiguous.
@@ -167,6 +168,33 @@ Tensor* svdvals(Tensor* x) {
     const Where at = where("ornik::svdvals");
     const Matrices m(at, "svdvals", x);
     return decompose(at, "svdvals", x, m, false, false).s.release();
+}
+
+namespace {
+
+std::int64_t complex_dtype(std::int64_t dtype) {
+    return dtype == dtype::float32 ? dtype::complex64 : (dtype == dtype::float64 ? dtype::complex128 : dtype);
+}
+
+}  // namespace
+
+std::vector<Tensor*> eig(Tensor* x) {
+    const Where at = where("ornik::eig");
+    const Matrices m(at, "eig", x, true);
+    const Borrowed matrices = Borrowed::contiguous(x);
+    TensorResult values = new_result(m.with({m.rows}), complex_dtype(x->Dtype()));
+    TensorResult vectors = new_result(x->Shape(), complex_dtype(x->Dtype()));
+    check_served(at, "eig", m.batch, device::cpu::cpu_eig(matrices.get(), values.get(), vectors.get()), no_eigenvalues);
+    return released(values, vectors);
+}
+
+Tensor* eigvals(Tensor* x) {
+    const Where at = where("ornik::eigvals");
+    const Matrices m(at, "eigvals", x, true);
+    const Borrowed matrices = Borrowed::contiguous(x);
+    TensorResult values = new_result(m.with({m.rows}), complex_dtype(x->Dtype()));
+    check_served(at, "eigvals", m.batch, device::cpu::cpu_eig(matrices.get(), values.get(), nullptr), no_eigenvalues);
+    return values.release();
 }
 
 Tensor* inv(Tensor* x) {

@@ -23,6 +23,8 @@ std::int64_t cpu_inverse(const Tensor* x, Tensor* out);
 std::int64_t cpu_solve(const Tensor* x, const Tensor* b, const std::vector<std::int64_t>& places, Tensor* out);
 /// Fails for NaN, infinity and what does not converge. Without u and vh the values alone.
 std::int64_t cpu_svd(const Tensor* x, Tensor* u, Tensor* s, Tensor* vh);
+/// Eigenvalues [.., n] and, unless null, eigenvectors [.., n, n] in columns, both complex. Fails as cpu_svd does.
+std::int64_t cpu_eig(const Tensor* x, Tensor* values, Tensor* vectors);
 
 /// Determinants of the dtype of x.
 void cpu_determinant(const Tensor* x, Tensor* out);

@@ -8,13 +8,15 @@ from collections.abc import Iterable
 from ... import _ornik
 from ..._tensor import KTensor
 from ...autograd import no_grad
+from .._arguments import tensors
 from . import rnn as rnn
 
 __all__ = ["clip_grad_norm_", "clip_grad_value_", "parameters_to_vector", "rnn", "vector_to_parameters"]
 
 
-def _gradients(parameters: KTensor | Iterable[KTensor]) -> list[KTensor]:
-    listed = [parameters] if isinstance(parameters, KTensor) else parameters
+def _gradients(name: str, parameters: KTensor | Iterable[KTensor]) -> list[KTensor]:
+    listed = [parameters] if isinstance(parameters, KTensor) else list(parameters)
+    tensors(name, *listed)
     return [gradient for gradient in (p.grad for p in listed) if gradient is not None]
 
 
@@ -29,7 +31,7 @@ def clip_grad_norm_(
 
     Returns the norm before. Parameters without a gradient do not count.
     """
-    gradients = _gradients(parameters)
+    gradients = _gradients("clip_grad_norm_", parameters)
     if not norm_type > 0:
         raise ValueError(f"clip_grad_norm_(): norm_type is above 0, not {norm_type}")
     if norm_type == 2:
@@ -55,7 +57,7 @@ def clip_grad_value_(parameters: KTensor | Iterable[KTensor], clip_value: float)
     """Cuts every element of the gradients off at -clip_value and clip_value."""
     if not clip_value >= 0:
         raise ValueError(f"clip_grad_value_(): clip_value is 0 and above, not {clip_value}")
-    for gradient in _gradients(parameters):
+    for gradient in _gradients("clip_grad_value_", parameters):
         _ornik.copy_into(gradient, _ornik.clamp(gradient, -clip_value, clip_value))
 
 
@@ -68,6 +70,7 @@ def parameters_to_vector(parameters: Iterable[KTensor]) -> KTensor:
 def vector_to_parameters(vector: KTensor, parameters: Iterable[KTensor]) -> None:
     """Writes such a row back."""
     targets = list(parameters)
+    tensors("vector_to_parameters", vector, *targets)
     if vector.shape != (sum(p.size for p in targets),):
         raise ValueError(
             f"vector_to_parameters(): {list(vector.shape)} is no row of {sum(p.size for p in targets)} elements"

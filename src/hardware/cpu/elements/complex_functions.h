@@ -29,6 +29,12 @@ namespace wide_functions {
 inline Wide exp(Wide z) { return std::exp(z); }
 inline Wide exp2(Wide z) { return std::exp(z * 0.69314718055994530942); }
 inline Wide expm1(Wide z) {
+    if (z.imag() == 0.0) {
+        return {std::expm1(z.real()), z.imag()};
+    }
+    if (std::isinf(z.real()) && !std::isfinite(z.imag())) {
+        return z.real() < 0.0 ? Wide(-1.0, 0.0) : Wide(z.real(), std::nan(""));
+    }
     const double half_sine = std::sin(0.5 * z.imag());
     const double growth = std::expm1(z.real());
     return {growth * std::cos(z.imag()) - 2.0 * half_sine * half_sine, (growth + 1.0) * std::sin(z.imag())};

@@ -72,6 +72,12 @@ void for_factored(const Tensor* x, const Each& each) {
         n);
 }
 
+template <typename T>
+bool all_finite(const T* numbers, std::int64_t count) {
+    return std::all_of(numbers, numbers + count,
+                       [](T z) { return std::isfinite(std::real(z)) && std::isfinite(std::imag(z)); });
+}
+
 void fill_identity(Tensor* t) {
     const std::int64_t n = t->Shape().back();
     dispatch(FloatOrComplexTypes{}, t->Dtype(), [&]<typename T>() {
@@ -200,17 +206,32 @@ std::int64_t cpu_svd(const Tensor* x, Tensor* u, Tensor* s, Tensor* vh) {
             Solver solver(batch.rows, batch.cols, want);
             for (std::int64_t i = begin; i < end; ++i) {
                 const Scalar* matrix = item_at<Scalar>(x, i, size);
-                const bool is_finite = std::all_of(matrix, matrix + size, [](Scalar z) {
-                    return std::isfinite(std::real(z)) && std::isfinite(std::imag(z));
-                });
-                if (!is_finite || !solver.decompose(matrix, item_at<Scalar>(u, i, batch.rows * u_cols),
-                                                    item_at<Real>(s, i, std::min(batch.rows, batch.cols)),
-                                                    item_at<Scalar>(vh, i, vh_rows * batch.cols))) {
+                if (!all_finite(matrix, size) ||
+                    !solver.decompose(matrix, item_at<Scalar>(u, i, batch.rows * u_cols),
+                                      item_at<Real>(s, i, std::min(batch.rows, batch.cols)),
+                                      item_at<Scalar>(vh, i, vh_rows * batch.cols))) {
                     failure.report(i);
                 }
             }
         });
     });
+    return failure.get();
+}
+
+std::int64_t cpu_eig(const Tensor* x, Tensor* values, Tensor* vectors) {
+    const std::int64_t n = x->Shape().back();
+    FirstFailure failure;
+    for_matrices<EigSolver>(
+        x,
+        [&]<typename T>(EigSolver<T>& solver, std::int64_t i) {
+            using Complex = std::complex<RealOf<T>>;
+            const T* matrix = item_at<T>(x, i, n * n);
+            if (!all_finite(matrix, n * n) ||
+                !solver.decompose(matrix, item_at<Complex>(values, i, n), item_at<Complex>(vectors, i, n * n))) {
+                failure.report(i);
+            }
+        },
+        n);
     return failure.get();
 }
 

@@ -70,6 +70,23 @@ class QrSolver {
     std::unique_ptr<Work> work_;
 };
 
+/// A V = V diag(w), with columns of length 1 in V.
+template <typename T>
+class EigSolver {
+  public:
+    using Complex = std::complex<RealOf<T>>;
+
+    explicit EigSolver(std::int64_t n);
+    ~EigSolver();
+
+    /// The values w, in no order, and, unless null, V. False, and nothing written, when they did not converge.
+    bool decompose(const T* matrix, Complex* values, Complex* vectors);
+
+  private:
+    struct Work;
+    std::unique_ptr<Work> work_;
+};
+
 /// A = U diag(s) V^H.
 template <typename T>
 class SvdSolver {

@@ -40,6 +40,7 @@ void for_each_row(const RecurrentStep& step, const Row& visit) {
     });
 }
 
+// In place: calls would keep the loops below from being vectorised.
 template <typename T>
 ORNIK_IN_PLACE T sigmoid(T x) {
     return real_functions::sigmoid(x);
