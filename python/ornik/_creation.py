@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import math
 from typing import TYPE_CHECKING
 
 from . import _dtypes, _ornik
@@ -178,17 +177,14 @@ def linspace(
     if num < 0:
         raise ValueError(f"linspace(): there are no {num} numbers")
     if isinstance(start, complex) or isinstance(stop, complex):
-        kind = _dtypes.complex64 if dtype is None else dtype
         begin, end = complex(start), complex(stop)
         parts = [
             linspace(a, b, num, dtype=_dtypes.float64, endpoint=endpoint)
             for a, b in ((begin.real, end.real), (begin.imag, end.imag))
         ]
-        return _ornik.astype(parts[0] + parts[1] * 1j, kind)
-    last = stop if endpoint or num == 0 else start + (stop - start) * ((num - 1) / num)
-    if math.isnan(last):
-        last = stop
-    return _ornik.linspace(start, last, num, _dtypes.float32 if dtype is None else dtype)
+        return _ornik.astype(parts[0] + parts[1] * 1j, _dtypes.complex64 if dtype is None else dtype)
+    kind = _dtypes.float32 if dtype is None else dtype
+    return _ornik.linspace(start, stop, num, kind) if endpoint else _ornik.linspace(start, stop, num + 1, kind)[:num]
 
 
 def eye(
@@ -196,4 +192,6 @@ def eye(
 ) -> KTensor:
     """Ones on diagonal k, zeros elsewhere."""
     check_device(device)
-    return _ornik.eye(n_rows, n_rows if n_cols is None else n_cols, k, _dtypes.float32 if dtype is None else dtype)
+    columns = n_rows if n_cols is None else n_cols
+    diagonal = min(max(k, -n_rows), columns)  # Beyond the corners there is nothing.
+    return _ornik.eye(n_rows, columns, diagonal, _dtypes.float32 if dtype is None else dtype)

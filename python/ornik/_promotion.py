@@ -115,14 +115,29 @@ def result_type(*arrays_and_dtypes: KTensor | Number | DTypeLike) -> DType:
     kinds = [_dtype_of(x) for x in arrays_and_dtypes if not isinstance(x, (bool, int, float, complex))]
     if not kinds:
         raise ValueError("result_type(): one tensor or dtype at least is wanted")
-    # A choice between tensors without elements promotes as sums do, and takes bools, too.
-    either = _ornik.empty(0, _dtypes.bool_)
-    result = _ornik.empty(0, kinds[0])
+    result = kinds[0]
     for kind in kinds[1:]:
-        result = _ornik.where(either, result, _ornik.empty(0, kind))
+        result = _of_pair(result, kind)
     for number in numbers:
-        result = _ornik.where(either, result, number)
-    return result.dtype
+        result = _chosen(result, number)
+    return result
+
+
+def _chosen(kind: DType, other: KTensor | Number) -> DType:
+    """By a choice between elements, which promotes as a sum does, and takes bools, too."""
+    return _ornik.where(_ornik.empty(0, _dtypes.bool_), _ornik.empty(0, kind), other).dtype
+
+
+_PAIRS: dict[tuple[DType, DType], DType] = {}
+
+
+def _of_pair(a: DType, b: DType) -> DType:
+    if a is b:
+        return a
+    result = _PAIRS.get((a, b))
+    if result is None:
+        result = _PAIRS[a, b] = _chosen(a, _ornik.empty(0, b))
+    return result
 
 
 def can_cast(from_: KTensor | DTypeLike, to: DTypeLike, /) -> bool:

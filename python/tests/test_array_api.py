@@ -286,7 +286,11 @@ def test_masks_without_elements():
             x[ornik.empty(shape, dtype=ornik.bool)]
 
 
-def test_complex_spacing():
+def test_eye_and_spacing():
+    for k in (-(2**70), -3, -2, 0, 1, 4, 2**70):
+        np.testing.assert_array_equal(np.asarray(ornik.eye(3, 4, k=k)), np.eye(3, 4, k=max(-9, min(k, 9))))
+    assert ornik.linspace(0, 1, 11, endpoint=False).tolist() == ornik.linspace(0, 1, 12).tolist()[:-1]
+    assert ornik.linspace(0, 1, 0, endpoint=False).shape == (0,)
     for endpoint in (True, False):
         ours, theirs = (ns.linspace(1j, 2, 5, dtype=ns.complex128, endpoint=endpoint) for ns in (ornik, np))
         np.testing.assert_allclose(np.asarray(ours), theirs, rtol=1e-15)
