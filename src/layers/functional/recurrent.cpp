@@ -53,17 +53,7 @@ struct Plan {
 
     /// Does each thread take its sequences through all steps? Else the threads share the work of every step.
     bool by_sequences() const { return sequences >= grain && width >= 8; }
-    /// Calls visit(begin, end) for ranges of sequences.
-    template <typename Visit>
-    void over_sequences(const Visit& visit) const {
-        if (by_sequences()) {
-            parallel_for(sequences, 8, grain, visit);
-        } else {
-            visit(0, sequences);
-        }
-    }
 
-  private:
     static constexpr std::int64_t grain = 16;  // sequences: fewer leave much of a packed weight's way unused
 };
 
@@ -73,7 +63,6 @@ struct Part {
         : all_rows(step.rows), begin(from), entry(step.first + from), rows(std::min(end, step.rows) - from) {
         kernel = {plan.dtype, rows, plan.width};
     }
-    bool is_empty() const { return rows <= 0; }
 
     std::int64_t all_rows;
     std::int64_t begin;
@@ -81,6 +70,26 @@ struct Part {
     std::int64_t rows;
     RecurrentStep kernel{};
 };
+
+// Calls visit(step, part) for every step, in their order or backwards, with the sequences of the calling
+// thread.
+template <typename Visit>
+void for_each_part(const Plan& plan, bool backwards, const Visit& visit) {
+    const auto walk_range = [&](std::int64_t begin, std::int64_t end) {
+        for (std::size_t i = 0; i < plan.steps.size(); ++i) {
+            const Step& step = plan.steps[backwards ? plan.steps.size() - 1 - i : i];
+            const Part part(plan, step, begin, end);
+            if (part.rows > 0) {
+                visit(step, part);
+            }
+        }
+    };
+    if (plan.by_sequences()) {
+        parallel_for(plan.sequences, 8, Plan::grain, walk_range);
+    } else {
+        walk_range(0, plan.sequences);
+    }
+}
 
 std::vector<Step> walk(const Dims& batch_sizes, bool reverse) {
     std::vector<Step> steps;
@@ -418,21 +427,15 @@ Recurrent lstm(Tensor* input, Tensor* hidden, Tensor* cell, const RecurrentWeigh
     }
     result.gates = gates_of_input(plan, lstm_kind, input, weights);
     const StateProducts add_state_part(plan, weights.hidden, true);
-    plan.over_sequences([&](std::int64_t begin, std::int64_t end) {
-        for (const Step& step : plan.steps) {
-            const Part part(plan, step, begin, end);
-            if (part.is_empty()) {
-                continue;
-            }
-            void* const gates = row_address(result.gates.get(), part.entry);
-            void* const state = row_address(result.hidden.get(), begin);
-            if (!starts_from_zeros(step, hidden)) {
-                add_state_part(part, state, true, gates);
-            }
-            device::cpu::lstm_gates(part.kernel, gates, row_address(result.cell.get(), begin), state,
-                                    row_address(result.cells.get(), part.entry),
-                                    row_address(result.output.get(), part.entry));
+    for_each_part(plan, false, [&](const Step& step, const Part& part) {
+        void* const gates = row_address(result.gates.get(), part.entry);
+        void* const state = row_address(result.hidden.get(), part.begin);
+        if (!starts_from_zeros(step, hidden)) {
+            add_state_part(part, state, true, gates);
         }
+        device::cpu::lstm_gates(part.kernel, gates, row_address(result.cell.get(), part.begin), state,
+                                row_address(result.cells.get(), part.entry),
+                                row_address(result.output.get(), part.entry));
     });
     return result;
 }
@@ -446,21 +449,14 @@ RecurrentGradients lstm_grad(const RecurrentUpstream& upstream, Tensor* input, T
     const StateProducts state_gradient(plan, weights.hidden, false);
     const Borrowed first_hidden = Borrowed::contiguous(hidden);
     const Borrowed first_cell = Borrowed::contiguous(cell);
-    plan.over_sequences([&](std::int64_t begin, std::int64_t end) {
-        for (std::size_t i = plan.steps.size(); i-- > 0;) {
-            const Step& step = plan.steps[i];
-            const Part part(plan, step, begin, end);
-            if (part.is_empty()) {
-                continue;
-            }
-            void* const into = row_address(from.by_input.get(), part.entry);
-            void* const state = row_address(from.hidden.get(), begin);
-            device::cpu::lstm_gates_grad(part.kernel, from.gates(part), from.cells(part),
-                                         previous_state(step, part, from.all_cells(), first_cell.get()),
-                                         from.upstream(part), state, row_address(from.cell.get(), begin), into);
-            if (i > 0 || wanted[1]) {
-                state_gradient(part, into, false, state);
-            }
+    for_each_part(plan, true, [&](const Step& step, const Part& part) {
+        void* const into = row_address(from.by_input.get(), part.entry);
+        void* const state = row_address(from.hidden.get(), part.begin);
+        device::cpu::lstm_gates_grad(part.kernel, from.gates(part), from.cells(part),
+                                     previous_state(step, part, from.all_cells(), first_cell.get()),
+                                     from.upstream(part), state, row_address(from.cell.get(), part.begin), into);
+        if (&step != &plan.steps.front() || wanted[1]) {
+            state_gradient(part, into, false, state);
         }
     });
     return collect(plan, lstm_kind, from, input, first_hidden.get(), weights, wanted);
@@ -481,20 +477,14 @@ Recurrent gru(Tensor* input, Tensor* hidden, const RecurrentWeights& weights, bo
                                 ? nullptr
                                 : static_cast<const char*>(bias->getRawData()) + 2 * plan.width * bias->itemsize();
     const TensorPtr recurrent = zeros({plan.sequences, 3 * plan.width}, plan.dtype);
-    plan.over_sequences([&](std::int64_t begin, std::int64_t end) {
-        for (const Step& step : plan.steps) {
-            const Part part(plan, step, begin, end);
-            if (part.is_empty()) {
-                continue;
-            }
-            void* const of_state = row_address(recurrent.get(), begin);
-            void* const state = row_address(result.hidden.get(), begin);
-            if (!starts_from_zeros(step, hidden)) {
-                state_part(part, state, false, of_state);
-            }
-            device::cpu::gru_gates(part.kernel, row_address(result.gates.get(), part.entry), of_state, bias_of_n, state,
-                                   row_address(result.output.get(), part.entry));
+    for_each_part(plan, false, [&](const Step& step, const Part& part) {
+        void* const of_state = row_address(recurrent.get(), part.begin);
+        void* const state = row_address(result.hidden.get(), part.begin);
+        if (!starts_from_zeros(step, hidden)) {
+            state_part(part, state, false, of_state);
         }
+        device::cpu::gru_gates(part.kernel, row_address(result.gates.get(), part.entry), of_state, bias_of_n, state,
+                               row_address(result.output.get(), part.entry));
     });
     return result;
 }
@@ -508,21 +498,14 @@ RecurrentGradients gru_grad(const RecurrentUpstream& upstream, Tensor* input, Te
     from.by_hidden = make_tensor({plan.entries, 3 * plan.width}, plan.dtype);
     const StateProducts add_state_gradient(plan, weights.hidden, false);
     const Borrowed first_hidden = Borrowed::contiguous(hidden);
-    plan.over_sequences([&](std::int64_t begin, std::int64_t end) {
-        for (std::size_t i = plan.steps.size(); i-- > 0;) {
-            const Step& step = plan.steps[i];
-            const Part part(plan, step, begin, end);
-            if (part.is_empty()) {
-                continue;
-            }
-            void* const by_hidden = row_address(from.by_hidden.get(), part.entry);
-            void* const state = row_address(from.hidden.get(), begin);
-            device::cpu::gru_gates_grad(
-                part.kernel, from.gates(part), previous_state(step, part, from.all_outputs(), first_hidden.get()),
-                from.upstream(part), state, row_address(from.by_input.get(), part.entry), by_hidden);
-            if (i > 0 || wanted[1]) {
-                add_state_gradient(part, by_hidden, true, state);
-            }
+    for_each_part(plan, true, [&](const Step& step, const Part& part) {
+        void* const by_hidden = row_address(from.by_hidden.get(), part.entry);
+        void* const state = row_address(from.hidden.get(), part.begin);
+        device::cpu::gru_gates_grad(
+            part.kernel, from.gates(part), previous_state(step, part, from.all_outputs(), first_hidden.get()),
+            from.upstream(part), state, row_address(from.by_input.get(), part.entry), by_hidden);
+        if (&step != &plan.steps.front() || wanted[1]) {
+            add_state_gradient(part, by_hidden, true, state);
         }
     });
     return collect(plan, gru_kind, from, input, first_hidden.get(), weights, wanted);

@@ -68,8 +68,8 @@ class Blocks {
     template <int Order>
     void pack(const T* b, Index step) {
         using Left = internal::const_blas_data_mapper<T, Index, Order>;
-        internal::gemm_pack_lhs<T, Index, Left, Traits::mr, Traits::LhsProgress,
-                                       typename Traits::LhsPacket4Packing, Order>
+        internal::gemm_pack_lhs<T, Index, Left, Traits::mr, Traits::LhsProgress, typename Traits::LhsPacket4Packing,
+                                Order>
             pack_block;
         const Left left(b, step);
         T* block = elements_.data();
