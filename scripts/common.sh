@@ -38,3 +38,18 @@ build() {
 
 build_packages=(g++ cmake ninja-build libeigen3-dev)
 example_packages=(zlib1g-dev libcli11-dev)
+python_packages=(python3 python3-dev python3-venv)
+
+# python_environment EXTRAS : build/venv with the Python package in it, built for this machine. EXTRAS are lists of the
+# package's own of what else is installed, such as test or demo,docs.
+python_environment() {
+    local venv=$root/build/venv
+    local launcher=()
+    command -v ccache >/dev/null 2>&1 && launcher=("-Ccmake.define.CMAKE_CXX_COMPILER_LAUNCHER=ccache")
+    [ -x "$venv/bin/pip" ] || python3 -m venv "$venv"
+    local pip=("$venv/bin/python" -m pip --disable-pip-version-check install --quiet)
+    "${pip[@]}" "scikit-build-core>=1.0" "nanobind>=3,<4"
+    # In this environment, not in one of pip's own: what is compiled twice has the same command, and is found again.
+    "${pip[@]}" --no-build-isolation "${launcher[@]}" -Ccmake.define.ORNIK_ARCH=native \
+        "-Ccmake.define.ORNIK_WERROR=${WERROR:-OFF}" "$root[$1]"
+}

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# test.sh: installs what is missing, builds and runs all tests.
+# test.sh: installs what is missing, builds and runs all tests; those of the Python package come with the release preset.
 #
 #     scripts/test.sh              the release preset
 #     scripts/test.sh asan tsan    other presets
@@ -11,7 +11,8 @@ source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 presets=("$@")
 [ ${#presets[@]} -eq 0 ] && presets=(release)
 
-packages=("${build_packages[@]}" "${example_packages[@]}" libgtest-dev pkg-config dataset-fashion-mnist)
+packages=("${build_packages[@]}" "${example_packages[@]}" "${python_packages[@]}" libgtest-dev pkg-config
+    dataset-fashion-mnist)
 for preset in "${presets[@]}"; do
     [ "$preset" = tsan ] && packages+=(clang libomp-dev libclang-rt-14-dev)
 done
@@ -21,4 +22,9 @@ for preset in "${presets[@]}"; do
     echo "== $preset"
     build "$preset" -DORNIK_BUILD_TESTS=ON "-DORNIK_WERROR=${WERROR:-OFF}"
     (cd "$root" && ctest --test-dir "build/$preset" --output-on-failure --no-tests=error -j "$(nproc)")
+    if [ "$preset" = release ]; then
+        echo "== Python package"
+        python_environment test,demo,docs
+        (cd "$root" && build/venv/bin/python -m pytest)
+    fi
 done

@@ -45,7 +45,7 @@ class MSELoss(_Loss):
 
 
 class L1Loss(_Loss):
-    """|x - target|."""
+    """``|x - target|``."""
 
     def forward(self, x: KTensor, target: KTensor) -> KTensor:
         return functional.l1_loss(x, target, self.reduction)

@@ -700,7 +700,7 @@ def mse_loss(x: KTensor, target: KTensor, reduction: str = "mean") -> KTensor:
 
 
 def l1_loss(x: KTensor, target: KTensor, reduction: str = "mean") -> KTensor:
-    """|x - target|."""
+    """``|x - target|``."""
     return _ornik.l1_loss(x, target, reduction)
 
 
