@@ -12,8 +12,8 @@ namespace ornik {
 
 namespace {
 
-thread_local bool enabled = true;
-thread_local autograd::Touched* touched = nullptr;
+ORNIK_NEAR_TLS thread_local constinit bool enabled = true;
+ORNIK_NEAR_TLS thread_local constinit autograd::Touched* touched = nullptr;
 
 }  // namespace
 
