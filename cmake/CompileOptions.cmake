@@ -31,19 +31,22 @@ endif()
 target_compile_options(ornik_options INTERFACE ${sanitize_flags})
 target_link_options(ornik_options INTERFACE ${sanitize_flags})
 
-# Of the library's own code. Nobody reads errno after a root, and setting it keeps loops from being vectorised;
-# values do not change.
-add_library(ornik_kernel_options INTERFACE)
-target_compile_options(ornik_kernel_options INTERFACE $<$<CXX_COMPILER_ID:GNU,Clang>:-fno-math-errno>)
-target_compile_options(ornik_kernel_options INTERFACE
-  $<$<AND:$<CXX_COMPILER_ID:GNU,Clang>,$<CONFIG:Release,RelWithDebInfo>>:-O3>)
-if(ORNIK_ARCH AND CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
-  target_compile_options(ornik_kernel_options INTERFACE -march=${ORNIK_ARCH})
-endif()
-# GCC 12's own tuning for recent AMD processors costs a third of the float32 matrix product (132 against
-# 187 GFLOP/s measured on a Zen 3 machine); the generic AVX2 tuning does not.
+# Of the library's own code, for an instruction set. Nobody reads errno after a root, and setting it keeps loops from
+# being vectorised; values do not change.
 include(CheckCXXCompilerFlag)
 check_cxx_compiler_flag(-mtune=haswell ORNIK_HAVE_MTUNE_HASWELL)
-if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND ORNIK_HAVE_MTUNE_HASWELL)
-  target_compile_options(ornik_kernel_options INTERFACE -mtune=haswell)
-endif()
+function(ornik_add_kernel_options name arch)
+  add_library(${name} INTERFACE)
+  target_compile_options(${name} INTERFACE $<$<CXX_COMPILER_ID:GNU,Clang>:-fno-math-errno>)
+  target_compile_options(${name} INTERFACE
+    $<$<AND:$<CXX_COMPILER_ID:GNU,Clang>,$<CONFIG:Release,RelWithDebInfo>>:-O3>)
+  if(arch AND CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
+    target_compile_options(${name} INTERFACE -march=${arch})
+  endif()
+  # GCC 12's own tuning for recent AMD processors costs a third of the float32 matrix product (132 against
+  # 187 GFLOP/s measured on a Zen 3 machine); the generic AVX2 tuning does not.
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND ORNIK_HAVE_MTUNE_HASWELL)
+    target_compile_options(${name} INTERFACE -mtune=haswell)
+  endif()
+endfunction()
+ornik_add_kernel_options(ornik_kernel_options "${ORNIK_ARCH}")

@@ -13,6 +13,7 @@ set(ORNIK_PUBLIC_HEADERS
     descriptors/loss_terms.h
     descriptors/tensor_descriptor.h
     export.h
+    hardware/instruction_set.h
     hardware/memory_config.h
     hardware/thread_config.h
     io/named_tensors.h

@@ -15,34 +15,38 @@ list(FILTER product_sources INCLUDE REGEX "/cpu_(product_[a-z]+|[a-z]+_solver)\\
 # Without the flags that errno and traps would need, and with branches left to be turned into selections, their loops
 # become vector code. No complex arithmetic here.
 set(row_sources ${ornik_sources})
-list(FILTER row_sources INCLUDE REGEX "/cpu_(unary_real|unary_grad|binary_real|exp|attention|class_losses|losses|activation|recurrent)\\.cpp$")
+list(FILTER row_sources INCLUDE REGEX "/cpu_(unary_real|unary_grad|binary_real|exp|attention|class_losses|losses|activation|recurrent|instruction_set)\\.cpp$")
 set(other_sources ${ornik_sources})
 list(REMOVE_ITEM other_sources ${product_sources} ${row_sources})
 
-function(ornik_add_objects name)
+function(ornik_add_objects name options)
   add_library(${name} OBJECT ${ARGN})
   set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden
                                            VISIBILITY_INLINES_HIDDEN ON)
   target_compile_definitions(${name} PRIVATE ORNIK_BUILDING)
   target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/include)
-  target_link_libraries(${name} PUBLIC ornik_options OpenMP::OpenMP_CXX PRIVATE ornik_kernel_options)
+  target_link_libraries(${name} PUBLIC ornik_options OpenMP::OpenMP_CXX PRIVATE ${options})
 endfunction()
 
-ornik_add_objects(ornik_objects ${other_sources})
-if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
-  target_compile_options(ornik_objects PRIVATE -mno-fma -mno-avx512f)
-endif()
+# The three groups as <prefix>_objects, <prefix>_product_objects and <prefix>_row_objects.
+function(ornik_add_library_objects prefix options)
+  ornik_add_objects(${prefix}_objects ${options} ${other_sources})
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
+    target_compile_options(${prefix}_objects PRIVATE -mno-fma -mno-avx512f)
+  endif()
 
-# GCC 12 takes the deliberately undefined registers of its own AVX-512 headers for uninitialised variables.
-ornik_add_objects(ornik_product_objects ${product_sources})
-target_link_libraries(ornik_product_objects PRIVATE Eigen3::Eigen)
-target_compile_options(ornik_product_objects PRIVATE
-  $<$<CXX_COMPILER_ID:GNU,Clang>:-ffp-contract=fast>
-  $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized;-Wno-uninitialized>)
+  # GCC 12 takes the deliberately undefined registers of its own AVX-512 headers for uninitialised variables.
+  ornik_add_objects(${prefix}_product_objects ${options} ${product_sources})
+  target_link_libraries(${prefix}_product_objects PRIVATE Eigen3::Eigen)
+  target_compile_options(${prefix}_product_objects PRIVATE
+    $<$<CXX_COMPILER_ID:GNU,Clang>:-ffp-contract=fast>
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized;-Wno-uninitialized>)
 
-ornik_add_objects(ornik_row_objects ${row_sources})
-target_compile_options(ornik_row_objects PRIVATE $<$<CXX_COMPILER_ID:GNU,Clang>:-fno-math-errno;-fno-trapping-math>
-                                                 $<$<CXX_COMPILER_ID:GNU>:-fno-thread-jumps>)
+  ornik_add_objects(${prefix}_row_objects ${options} ${row_sources})
+  target_compile_options(${prefix}_row_objects PRIVATE $<$<CXX_COMPILER_ID:GNU,Clang>:-fno-math-errno;-fno-trapping-math>
+                                                       $<$<CXX_COMPILER_ID:GNU>:-fno-thread-jumps>)
+endfunction()
+ornik_add_library_objects(ornik ornik_kernel_options)
 
 target_sources(ornik_objects INTERFACE $<TARGET_OBJECTS:ornik_product_objects> $<TARGET_OBJECTS:ornik_row_objects>)
 

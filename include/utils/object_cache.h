@@ -8,6 +8,14 @@
 
 #include "../export.h"
 
+/// Marks the library's own thread_local variables that every small operation reads: found by an offset that the loader
+/// fixes, not by a call.
+#if defined(__linux__) && defined(__GNUC__)
+#define ORNIK_NEAR_TLS [[gnu::tls_model("initial-exec")]]
+#else
+#define ORNIK_NEAR_TLS
+#endif
+
 namespace ornik::detail {
 
 /// `bytes` bytes as from operator new.

@@ -13,7 +13,12 @@ from __future__ import annotations
 import math as _math
 from typing import TYPE_CHECKING, Any
 
+# First: on a processor that can not run the library it says so, before anything else is loaded.
+from . import _processor as _processor
+
+# isort: split
 from . import _ornik
+from ._build import build_info as build_info
 from ._creation import *
 from ._dtypes import DType as DType
 from ._dtypes import bool_

@@ -91,11 +91,12 @@ def _from_memory(obj: object, copy: bool | None) -> KTensor | None:
     return _ornik.from_buffer(obj, copy)
 
 
-def _plain(rows: Sequence[Any], depth: int = 0) -> Any:
+def _plain(rows: Sequence[Any], above: tuple[int, ...] = ()) -> Any:
     """The rows with arrays and tensors among them as lists; the rows themselves where there are none."""
-    if depth > 29:
+    if len(above) > 29 or id(rows) in above:
         return rows  # The reader says what is wrong.
-    changed = [_plain(r, depth + 1) if isinstance(r, (list, tuple, range)) else _listed(r) for r in rows]
+    above = (*above, id(rows))
+    changed = [_plain(r, above) if isinstance(r, (list, tuple, range)) else _listed(r) for r in rows]
     return rows if all(a is b for a, b in zip(changed, rows)) and not isinstance(rows, range) else changed
 
 

@@ -175,6 +175,16 @@ class FunctionContext:
         #: For each argument of apply(): is its gradient asked for?
         self.needs_input_grad = needs_input_grad
         self._saved: tuple[KTensor | None, ...] = ()
+        self._dirty: tuple[KTensor, ...] = ()
+        self._constant: tuple[KTensor, ...] = ()
+
+    def mark_dirty(self, *tensors: KTensor) -> None:
+        """Says which arguments forward() has changed in place; it returns them, and so does apply()."""
+        self._dirty = tensors
+
+    def mark_non_differentiable(self, *tensors: KTensor) -> None:
+        """Says which results have no gradient: apply() gives them without a past, and backward() gets None for them."""
+        self._constant = tensors
 
     def save_for_backward(self, *tensors: KTensor | None) -> None:
         """Keeps tensors; ones that are changed in place before backward() are noticed."""
@@ -184,6 +194,13 @@ class FunctionContext:
     def saved_tensors(self) -> tuple[Any, ...]:
         """What was saved."""
         return self._saved
+
+
+def _place(tensor: Any, tensors: Sequence[Any]) -> int | None:
+    """Where a tensor stands among others."""
+    return next(
+        (i for i, t in enumerate(tensors) if is_tensor(t) and is_tensor(tensor) and _ornik.same(t, tensor)), None
+    )
 
 
 class Function:
@@ -223,6 +240,8 @@ class Function:
         needs = tuple(i in places and arg.requires_grad for i, arg in enumerate(args))
         ctx = FunctionContext(needs)
         single = False
+        constant: list[int] = []
+        changed: dict[int, int | None] = {}
 
         def run_forward(operands: list[KTensor]) -> tuple[list[Any], list[Any]]:
             nonlocal single
@@ -233,7 +252,16 @@ class Function:
             single = not isinstance(result, (tuple, list))
             saved = list(ctx._saved)
             ctx._saved = ()  # The node keeps them, and gives them back with their past.
-            return ([result] if single else list(result)), saved
+            results = [result] if single else list(result)
+            for i, output in enumerate(results):
+                if _place(output, ctx._constant) is not None:
+                    constant.append(i)
+                if _place(output, ctx._dirty) is not None:
+                    changed[i] = _place(output, args)
+            if len(changed) < len(ctx._dirty) or None in changed.values():
+                raise ValueError(f"{cls.__name__}.forward() returns every argument that it marks as dirty")
+            ctx._dirty = ctx._constant = ()
+            return results, saved
 
         def run_backward(kept: list[Any], gradients: list[Any]) -> list[Any]:
             ctx._saved = tuple(kept)
@@ -250,6 +278,12 @@ class Function:
             return [given[place] for place in places]
 
         outputs = _ornik.custom(cls.__name__, [args[place] for place in places], run_forward, run_backward)
+        for i in constant:
+            outputs[i] = outputs[i].detach()
+        for i, place in changed.items():
+            if outputs[i].requires_grad:
+                _ornik.replace_past(args[place], outputs[i])  # type: ignore[index]
+            outputs[i] = args[place]  # type: ignore[index]
         return outputs[0] if single else tuple(outputs)
 
 

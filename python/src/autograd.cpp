@@ -9,6 +9,7 @@
 #include "arguments.h"
 #include "errors.h"
 #include "gil.h"
+#include "ktensor/bindings.h"
 #include "module.h"
 
 namespace nb = nanobind;
@@ -36,24 +37,52 @@ nb::object call(const SharedObject& function, const Arguments&... arguments) {
 nb::object new_object(KTensor tensor) { return nb::steal(checked(wrap(std::move(tensor)))); }
 nb::object new_list(const std::vector<KTensor>& tensors) { return nb::steal(checked(list_of(tensors))); }
 
-std::int64_t register_hook(KTensor t, PythonFunction hook) {
-    const SharedObject function(hook.ptr());
-    return t.register_hook([function](const KTensor& gradient) {
-        const nb::gil_scoped_acquire acquired;
+// The functions below are types of their own: the collector of garbage finds Python's objects in them.
+struct PythonHook {
+    SharedObject function;
+
+    KTensor operator()(const KTensor& gradient) const {
+        const Locked acquired;
         return tensor_or_none(call(function, new_object(gradient)));
-    });
+    }
+};
+
+struct PythonBackward {
+    SharedObject function;
+
+    std::vector<KTensor> operator()(const std::vector<KTensor>& kept, const std::vector<KTensor>& gradients) const {
+        const Locked acquired;
+        return to_tensors(call(function, new_list(kept), new_list(gradients)).ptr(), true);
+    }
+};
+
+struct PythonSegment {
+    SharedObject function;
+
+    std::vector<KTensor> operator()(const std::vector<KTensor>& given) const {
+        const Locked acquired;
+        return to_tensors(call(function, new_list(given)).ptr(), false);
+    }
+};
+
+std::int64_t register_hook(nb::handle object, PythonFunction hook) {
+    KTensor t = to_tensor(object.ptr());
+    const std::int64_t number = t.register_hook(PythonHook{SharedObject(hook.ptr())});
+    watch_tensors(object.ptr());
+    return number;
 }
 
 // forward(operands) gives two sequences: the outputs and what is kept for backward(kept, gradients).
 Tensors custom_operation(const std::string& name, const Tensors& operands, PythonFunction forward,
                          PythonFunction backward) {
+    watch_tensors();
     const SharedObject forward_function(forward.ptr());
-    const SharedObject backward_function(backward.ptr());
-    const nb::gil_scoped_release released;
+    PythonBackward backward_function{SharedObject(backward.ptr())};
+    const Unlocked released;
     return {custom(
         name, operands.list,
         [&](const std::vector<KTensor>& given) {
-            const nb::gil_scoped_acquire acquired;
+            const Locked acquired;
             const nb::object result = call(forward_function, new_list(given));
             if (!PyTuple_Check(result.ptr()) || PyTuple_GET_SIZE(result.ptr()) != 2) {
                 raise_error(PyExc_TypeError, "a forward function gives outputs and what is kept");
@@ -61,24 +90,45 @@ Tensors custom_operation(const std::string& name, const Tensors& operands, Pytho
             return CustomResult{to_tensors(PyTuple_GET_ITEM(result.ptr(), 0), false),
                                 to_tensors(PyTuple_GET_ITEM(result.ptr(), 1), true)};
         },
-        [backward_function](const std::vector<KTensor>& kept, const std::vector<KTensor>& gradients) {
-            const nb::gil_scoped_acquire acquired;
-            return to_tensors(call(backward_function, new_list(kept), new_list(gradients)).ptr(), true);
-        })};
+        std::move(backward_function))};
 }
 
 Tensors checkpointed(PythonFunction segment, const Tensors& operands) {
-    const SharedObject function(segment.ptr());
-    const nb::gil_scoped_release released;
-    return {checkpoint(
-        [function](const std::vector<KTensor>& given) {
-            const nb::gil_scoped_acquire acquired;
-            return to_tensors(call(function, new_list(given)).ptr(), false);
-        },
-        operands.list)};
+    watch_tensors();
+    PythonSegment function{SharedObject(segment.ptr())};
+    const Unlocked released;
+    return {checkpoint(std::move(function), operands.list)};
 }
 
+class Traversal final : public autograd::FunctionVisitor {
+  public:
+    Traversal(visitproc visit, void* argument) : visit_(visit), argument_(argument) {}
+    int result() const { return result_; }
+
+    void hook(const std::function<KTensor(const KTensor&)>& function) override { show(function.target<PythonHook>()); }
+    void backward(const CustomBackward& function) override { show(function.target<PythonBackward>()); }
+    void segment(const Segment& function) override { show(function.target<PythonSegment>()); }
+
+  private:
+    template <typename Function>
+    void show(const Function* held) {
+        if (held != nullptr && result_ == 0 && held->function.is_sole_owner()) {
+            result_ = visit_(held->function.get(), argument_);
+        }
+    }
+
+    visitproc visit_;
+    void* argument_;
+    int result_ = 0;
+};
+
 }  // namespace
+
+int traverse_functions(const KTensor& tensor, visitproc visit, void* argument) {
+    Traversal traversal(visit, argument);
+    autograd::visit_functions(tensor, traversal);
+    return traversal.result();
+}
 
 void add_autograd(nb::module_& m) {
     m.def("grad_enabled", [] { return grad_enabled(); });
@@ -86,7 +136,8 @@ void add_autograd(nb::module_& m) {
     m.def("is_recomputing", [] { return is_recomputing(); });
     m.def("detach", [](const KTensor& t) { return t.detach(); });
     m.def("retain_grad", [](KTensor t) { t.retain_grad(); });
-    m.def("register_hook", register_hook);
+    m.def("register_hook", register_hook,
+          nb::sig("def register_hook(t: ornik.KTensor, hook: collections.abc.Callable[..., object], /) -> int"));
     m.def("remove_hook", [](KTensor t, std::int64_t number) { t.remove_hook(number); });
     m.def("backward", [](const Tensors& outputs, const OptionalTensors& seeds, bool retain_graph, bool create_graph) {
         without_lock([&] { backward(outputs.list, seeds.list, retain_graph, create_graph); });
@@ -104,6 +155,7 @@ void add_autograd(nb::module_& m) {
             "retain_graph: bool, create_graph: bool, allow_unused: bool, /) -> list[ornik.KTensor | None]"));
     m.def("custom", custom_operation);
     m.def("checkpoint", checkpointed);
+    m.def("replace_past", [](KTensor target, const KTensor& y) { autograd::replace_past(target, y); });
 }
 
 }  // namespace ornik::python

@@ -1,7 +1,14 @@
 #include "gil.h"
 
+#include <pthread.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <chrono>
 #include <new>
+#include <thread>
+
+#include "errors.h"
 
 namespace ornik::python {
 
@@ -28,7 +35,55 @@ bool is_running() {
 #endif
 }
 
+// The thread that ends the interpreter, and how many are on their way to the lock.
+std::atomic<bool> ending{false};
+std::thread::id ending_thread;
+std::atomic<int> asking{0};
+
+template <typename Take>
+void take_lock(Take&& take) noexcept {
+    ++asking;
+    if (ending && std::this_thread::get_id() != ending_thread) {
+        --asking;
+        for (;;) {
+            pause();
+        }
+    }
+    take();
+    --asking;
+}
+
+// Those that are on their way get the lock before the end begins; a second is more than they need.
+PyObject* announce_end(PyObject*, PyObject*) {
+    ending_thread = std::this_thread::get_id();
+    ending = true;
+    PyThreadState* state = PyEval_SaveThread();
+    for (int i = 0; i < 1000 && asking != 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    PyEval_RestoreThread(state);
+    return Py_NewRef(Py_None);
+}
+
+PyMethodDef end_function = {"announce_end", announce_end, METH_NOARGS, nullptr};
+
 }  // namespace
+
+Unlocked::~Unlocked() {
+    take_lock([&] { PyEval_RestoreThread(state_); });
+}
+
+Locked::Locked() noexcept {
+    take_lock([&] { state_ = PyGILState_Ensure(); });
+}
+
+void watch_for_the_end() {
+    namespace nb = nanobind;
+    pthread_atfork(nullptr, nullptr, [] { asking = 0; });  // The threads that asked are not in the child.
+    const nb::object module = nb::steal(checked(PyImport_ImportModule("atexit")));
+    const nb::object function = nb::steal(checked(PyCFunction_New(&end_function, nullptr)));
+    nb::steal(checked(PyObject_CallMethod(module.ptr(), "register", "O", function.ptr())));
+}
 
 void call_with_lock(void (*function)(void*), void* argument) noexcept {
     if (!is_running()) {

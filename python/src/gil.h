@@ -12,6 +12,36 @@
 
 namespace ornik::python {
 
+// The interpreter's end: a thread that asks for the lock then would be ended inside C++ functions, which takes the
+// process with it. Such threads sleep until the process is gone.
+
+/// Without Python's lock while it lives.
+class Unlocked {
+  public:
+    Unlocked() noexcept : state_(PyEval_SaveThread()) {}
+    ~Unlocked();
+    Unlocked(const Unlocked&) = delete;
+    Unlocked& operator=(const Unlocked&) = delete;
+
+  private:
+    PyThreadState* state_;
+};
+
+/// With Python's lock while it lives, on any thread.
+class Locked {
+  public:
+    Locked() noexcept;
+    ~Locked() { PyGILState_Release(state_); }
+    Locked(const Locked&) = delete;
+    Locked& operator=(const Locked&) = delete;
+
+  private:
+    PyGILState_STATE state_;
+};
+
+/// Has the interpreter's end announced. Once, at the import; throws Python's exceptions.
+void watch_for_the_end();
+
 /// Elements from which on other threads get the lock during an operation: releasing it costs about what 32 k additions
 /// do.
 inline constexpr std::int64_t release_grain = 32768;
@@ -23,13 +53,13 @@ auto without_lock(std::int64_t elements, Work&& work) {
     if (elements < release_grain) {
         return work();
     }
-    const nanobind::gil_scoped_release released;
+    const Unlocked released;
     return work();
 }
 /// The same for work that is always long.
 template <typename Work>
 auto without_lock(Work&& work) {
-    const nanobind::gil_scoped_release released;
+    const Unlocked released;
     return work();
 }
 
@@ -48,6 +78,7 @@ class SharedObject {
     /// With Python's lock.
     explicit SharedObject(PyObject* object) : object_(Py_NewRef(object), [](PyObject* o) { drop_reference(o); }) {}
     PyObject* get() const { return object_.get(); }
+    bool is_sole_owner() const { return object_.use_count() == 1; }
 
   private:
     std::shared_ptr<PyObject> object_;

@@ -5,6 +5,8 @@
 #include "module.h"
 
 #include "errors.h"
+#include "gil.h"
+#include "hardware/instruction_set.h"
 #include "object.h"
 #include "version.h"
 
@@ -13,7 +15,10 @@ NB_MODULE(_ornik, m) {
     m.doc() = "The library behind the package. Programs use the package.";
     nanobind::set_leak_warnings(false);
     m.attr("version") = ornik::version();
+    m.def("instruction_set", [] { return ornik::instruction_set(); });
+    m.def("compiler", [] { return __VERSION__; });
     translate_errors();
+    watch_for_the_end();
     if (add_tensor_type(m.ptr()) != 0) {
         throw nanobind::python_error();
     }

@@ -22,6 +22,8 @@ constexpr std::size_t most_spare = 256;
 PyObject* spare[most_spare];
 std::size_t spare_count = 0;
 
+bool watching = false;
+
 Object* as_object(PyObject* self) { return reinterpret_cast<Object*>(self); }
 
 void begin(PyObject* self, KTensor&& tensor) {
@@ -32,24 +34,46 @@ void begin(PyObject* self, KTensor&& tensor) {
     object->weak_references = nullptr;
 }
 
+// An object that Python functions may hang on; all others lead to no object that could lead back.
+void watch(PyObject* self) {
+    if (watching && as_object(self)->tensor.wants_grad()) {
+        PyObject_GC_Track(self);
+    }
+}
+
 // KTensorBase.__new__(cls, tensor): another object, of a class derived from it, that holds the same tensor.
 PyObject* make(PyTypeObject* type, PyObject* arguments, PyObject* keywords) {
     return guarded([&]() -> PyObject* {
         if (keywords != nullptr || PyTuple_GET_SIZE(arguments) != 1 || !is_tensor(PyTuple_GET_ITEM(arguments, 0))) {
             raise_error(PyExc_TypeError, "KTensorBase() takes one KTensor");
         }
+        KTensor tensor = tensor_in(PyTuple_GET_ITEM(arguments, 0));
         PyObject* self = checked(type->tp_alloc(type, 0));
-        begin(self, KTensor(tensor_in(PyTuple_GET_ITEM(arguments, 0))));
+        begin(self, std::move(tensor));
         return self;
     });
+}
+
+int traverse(PyObject* self, visitproc visit, void* arg) {  // Py_VISIT knows them by these names.
+    Py_VISIT(Py_TYPE(self));
+    return traverse_functions(as_object(self)->tensor, visit, arg);
+}
+
+// The functions go with the past; the elements stay, for whoever still looks at the object.
+int clear(PyObject* self) {
+    KTensor& tensor = as_object(self)->tensor;
+    try {
+        const KTensor past = std::exchange(tensor, tensor.defined() ? tensor.detach() : KTensor());
+    } catch (...) {  // Memory is short: the garbage stays.
+        return 0;
+    }
+    return 0;
 }
 
 void destroy(PyObject* self) {
     Object* object = as_object(self);
     PyTypeObject* type = Py_TYPE(self);
-    if (PyType_IS_GC(type)) {
-        PyObject_GC_UnTrack(self);
-    }
+    PyObject_GC_UnTrack(self);
     if (object->weak_references != nullptr) {
         PyObject_ClearWeakRefs(self);
     }
@@ -104,16 +128,23 @@ PyObject* wrap(KTensor tensor) noexcept {
     if (spare_count > 0) {
         PyObject* self = PyObject_Init(spare[--spare_count], instance_type);
         begin(self, std::move(tensor));
+        watch(self);
         return self;
     }
     PyObject* self = instance_type->tp_alloc(instance_type, 0);
     if (self != nullptr) {
+        PyObject_GC_UnTrack(self);
         begin(self, std::move(tensor));
-        if (PyType_IS_GC(instance_type)) {
-            PyObject_GC_UnTrack(self);  // It leads to no object that could lead back.
-        }
+        watch(self);
     }
     return self;
+}
+
+void watch_tensors(PyObject* self) noexcept {
+    watching = true;
+    if (self != nullptr && PyObject_GC_IsTracked(self) == 0) {
+        PyObject_GC_Track(self);
+    }
 }
 
 PyObject* wrap_slice(const KTensor& x, std::int64_t position) noexcept {
@@ -157,6 +188,8 @@ int add_tensor_type(PyObject* module) {
     std::vector<PyType_Slot> slots{
         {Py_tp_new, pointer(make)},
         {Py_tp_dealloc, pointer(destroy)},
+        {Py_tp_traverse, pointer(traverse)},
+        {Py_tp_clear, pointer(clear)},
         {Py_tp_getset, property_table()},
         {Py_tp_members, members},
         {Py_tp_doc, const_cast<char*>("What ornik.KTensor derives from: the object that holds a tensor.")},
@@ -168,7 +201,7 @@ int add_tensor_type(PyObject* module) {
     }
     slots.push_back({0, nullptr});
     PyType_Spec spec{"ornik._ornik.KTensorBase", static_cast<int>(sizeof(Object)), 0,
-                     Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE, slots.data()};
+                     Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC, slots.data()};
     PyObject* type = PyType_FromSpec(&spec);
     if (type == nullptr) {
         return -1;

@@ -50,6 +50,13 @@ PyObject* wrap(KTensor tensor) noexcept;
 /// made when somebody looks at it: most elements are taken to be looked at once or never.
 PyObject* wrap_slice(const KTensor& x, std::int64_t position) noexcept;
 
+/// From now on the collector of garbage looks at objects whose tensors have a past: a Python function may hang on them,
+/// which may lead back to the object. `self`, if any, is one that has been
+/// made before. Until the first such function no object costs it anything.
+void watch_tensors(PyObject* self = nullptr) noexcept;
+/// Visits the Python functions that only this tensor holds (autograd.cpp).
+int traverse_functions(const KTensor& tensor, visitproc visit, void* argument);
+
 /// The shape as a tuple of the object's own: a new reference.
 PyObject* shape_tuple(PyObject* self) noexcept;
 /// A tuple of whole numbers.

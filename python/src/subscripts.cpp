@@ -156,8 +156,11 @@ PyObject* read(PyObject* self, PyObject* key) noexcept {
             return wrap(own[position]);
         }
         const std::vector<Index> items = items_of(tensor_in(self), key);
+        if (!picks_elements(items)) {
+            return wrap(tensor_in(self).index(items));  // A view: nothing runs in between.
+        }
         const KTensor own = tensor_in(self);
-        return wrap(without_lock(picks_elements(items) ? own.size() : 0, [&] { return own.index(items); }));
+        return wrap(without_lock(own.size(), [&] { return own.index(items); }));
     });
 }
 

@@ -182,6 +182,7 @@ def test_special_values_of_real_functions():
     z = ornik.asarray([complex(np.inf, 0), complex(-np.inf, np.inf), complex(np.inf, np.inf), complex(np.nan, 0)])
     np.testing.assert_array_equal(np.asarray(ornik.expm1(z)).real, [np.inf, -1, np.inf, np.nan])
     np.testing.assert_array_equal(np.asarray(ornik.expm1(z)).imag, [0, 0, np.nan, 0])
+    assert not np.signbit(ornik.expm1(ornik.asarray(complex(-0.0, 0.0))).numpy().real)
     assert complex(ornik.round(ornik.asarray(2.5 - 1.5j))) == 2 - 2j
     assert not np.signbit(np.asarray(ornik.sign(ornik.asarray([-0.0, 0.0])))).any()
 

@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "ktensor/autograd.h"
+#include "ktensor/bindings.h"
 #include "ktensor/record.h"
 #include "ktensor/touched.h"
 #include "random/generator.h"
@@ -220,5 +221,74 @@ std::vector<KTensor> checkpoint(Segment segment, const std::vector<KTensor>& ope
     record.finish(pointers, std::span<const Keep>(kept), std::move(gradient));
     return outputs;
 }
+
+// ---- For bindings ----
+
+namespace autograd {
+
+namespace {
+
+void visit_hooks(const Impl& impl, FunctionVisitor& visitor) {
+    // What keeps a result's gradient is a hook of ours that holds the place of the gradient.
+    if (impl.state && impl.state->references == (impl.keeps_grad ? 2U : 1U)) {
+        for (const auto& [number, hook] : impl.state->hooks.hooks) {
+            visitor.hook(hook);
+        }
+    }
+}
+
+void visit_node(const Node& node, FunctionVisitor& visitor) {
+    if (node.hooks) {
+        for (const NodeHook& hook : *node.hooks) {
+            visitor.hook(hook.hook);
+        }
+    }
+    if (node.op == Op::custom) {
+        visitor.backward(static_cast<const NodeOf<CustomGradient>&>(node).function.backward);
+    } else if (node.op == Op::checkpoint) {
+        visitor.segment(static_cast<const NodeOf<SegmentGradient>&>(node).function.segment);
+    }
+}
+
+}  // namespace
+
+void visit_functions(const KTensor& tensor, FunctionVisitor& visitor) {
+    if (!tensor.defined() || tensor.impl()->references != 1) {
+        return;
+    }
+    visit_hooks(*tensor.impl(), visitor);
+    // Nodes with one owner make a tree: each is met once, and the list of those to come goes through the nodes
+    // themselves, as when they are destroyed.
+    Node* next = tensor.impl()->node.get();
+    if (next == nullptr || next->references != 1) {
+        return;
+    }
+    next->next = nullptr;
+    while (next != nullptr) {
+        Node* node = std::exchange(next, next->next);
+        node->next = nullptr;
+        visit_node(*node, visitor);
+        for (const Edge& edge : node->edges()) {
+            if (edge.leaf && edge.leaf->references == 1) {
+                visit_hooks(*edge.leaf, visitor);
+            }
+            if (edge.node && edge.node->references == 1) {
+                edge.node->next = next;
+                next = edge.node.get();
+            }
+        }
+    }
+}
+
+void replace_past(KTensor& target, const KTensor& y) {
+    check_in_place("custom", target, y.wants_grad());
+    if (y.tensor()->borrow_storage() != target.tensor()->borrow_storage()) {
+        fail(ErrorKind::state, where("ornik::autograd::replace_past"),
+             "replace_past(): an operand that is said to be changed is not among the results.");
+    }
+    take_over_past(target, y);
+}
+
+}  // namespace autograd
 
 }  // namespace ornik

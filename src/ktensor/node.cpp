@@ -7,10 +7,10 @@ namespace {
 
 // Nodes hold nodes: destroying one inside another's destructor would take a stack frame for each operation of a
 // program. Whoever drops a last count puts the node on its thread's list; the first one to do so empties the list.
-thread_local Node* doomed = nullptr;
-thread_local bool draining = false;
+ORNIK_NEAR_TLS thread_local constinit Node* doomed = nullptr;
+ORNIK_NEAR_TLS thread_local constinit bool draining = false;
 
-thread_local std::uint64_t clock = 0;
+ORNIK_NEAR_TLS thread_local constinit std::uint64_t clock = 0;
 
 }  // namespace
 

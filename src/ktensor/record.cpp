@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "ktensor/autograd.h"
+#include "ktensor/past.h"
 #include "ktensor/touched.h"
 #include "utils/error.h"
 
@@ -11,8 +12,8 @@ namespace ornik {
 
 namespace {
 
-thread_local bool enabled = true;
-thread_local autograd::Touched* touched = nullptr;
+ORNIK_NEAR_TLS thread_local constinit bool enabled = true;
+ORNIK_NEAR_TLS thread_local constinit autograd::Touched* touched = nullptr;
 
 }  // namespace
 
@@ -34,6 +35,35 @@ GradMode::GradMode(bool on) noexcept : before_(enabled) { enabled = on; }
 GradMode::~GradMode() { enabled = before_; }
 
 namespace autograd {
+
+std::mutex& past_lock(const Impl& impl) noexcept {
+    static std::array<std::mutex, 64> locks;
+    return locks[(reinterpret_cast<std::uintptr_t>(&impl) / sizeof(Impl)) % locks.size()];
+}
+
+Past past_of(const Impl& impl) {
+    if (!impl.node) {
+        return {};
+    }
+    const std::scoped_lock guard(past_lock(impl));
+    return {impl.node, impl.output};
+}
+
+void set_past(Impl& impl, Past past) {
+    const std::scoped_lock guard(past_lock(impl));
+    std::swap(impl.node, past.node);  // The old one is dropped after the lock, with the parameter.
+    impl.output = past.output;
+}
+
+KTensor with_past_of_now(const KTensor& tensor) {
+    Past past = past_of(*tensor.impl());
+    if (!past.node) {
+        return tensor;
+    }
+    KTensor result = make_ktensor(tensor.impl()->data);
+    set_past(*result.impl(), std::move(past));
+    return result;
+}
 
 void check_defined(const char* operation, const KTensor& tensor, std::size_t operand) {
     if (!tensor.defined()) {
@@ -99,10 +129,10 @@ void Recorder::fill(Node& node, std::span<const Keep> kept) const {
         Edge& edge = node.edges_[i];
         edge.dtype = operand.dtype();
         edge.shape = ShapeNote(operand.shape());
-        if (impl->node) {
-            edge.node = impl->node;
-            edge.output = impl->output;
-            least = std::max(least, impl->node->sequence);
+        if (Past past = past_of(*impl); past.node) {
+            least = std::max(least, past.node->sequence);
+            edge.node = std::move(past.node);
+            edge.output = past.output;
         } else if (impl->leaf_wants_grad) {
             edge.leaf = Ref<Impl>::share(impl);
         }
@@ -146,8 +176,7 @@ void check_in_place(const char* operation, const KTensor& target, bool recorded)
 
 KTensor old_value(const KTensor& target) {
     KTensor copy = make_ktensor(copy_of(*target.tensor()));
-    copy.impl()->node = target.impl()->node;
-    copy.impl()->output = target.impl()->output;
+    set_past(*copy.impl(), past_of(*target.impl()));
     return copy;
 }
 
@@ -165,8 +194,7 @@ void take_over_past(KTensor& target, const KTensor& y) {
     }
     impl.seen = recorded_version_of(*target.tensor());
     impl.detached = false;
-    impl.node = y.impl()->node;
-    impl.output = y.impl()->output;
+    set_past(impl, past_of(*y.impl()));
 }
 
 }  // namespace autograd

@@ -5,6 +5,7 @@
 
 #include "ktensor/arithmetic.h"
 #include "ktensor/backward.h"
+#include "ktensor/past.h"
 #include "ktensor/shapes.h"
 #include "tensor/tensor_math/tensor_arithmetic.h"
 #include "utils/error.h"
@@ -50,7 +51,7 @@ void Run::add_root(const KTensor& root, const KTensor& seed) {
     } else if (seed.shape() != root.shape() || seed.dtype() != root.dtype()) {
         fail(where("ornik::backward"), caller_, "(): the seed for ", describe(root), " is no ", describe(seed), ".");
     }
-    roots_.emplace_back(root, seed);
+    roots_.emplace_back(with_past_of_now(root), seed);
 }
 
 void Run::add_input(const KTensor& input) {
@@ -58,7 +59,8 @@ void Run::add_input(const KTensor& input) {
         fail(ErrorKind::state, where("ornik::backward"), caller_, "(): input ", inputs_.size(), ", ", describe(input),
              ", asks for no gradients.");
     }
-    inputs_.push_back({Ref<Impl>::share(input.impl()), bool(input.impl()->node), {}});
+    const KTensor kept = with_past_of_now(input);
+    inputs_.push_back({Ref<Impl>::share(kept.impl()), bool(kept.impl()->node), {}});
 }
 
 KTensor* Run::Visit::gradients() {

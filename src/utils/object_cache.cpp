@@ -31,7 +31,7 @@ struct Shelves {
     std::array<Shelf, 512 / step + 1> of_size;
     bool open = false;
 };
-thread_local constinit Shelves shelves;
+ORNIK_NEAR_TLS thread_local constinit Shelves shelves;
 
 std::size_t index_of(std::size_t bytes) { return (bytes + step - 1) / step; }
 

@@ -62,6 +62,7 @@
 #include "tensor/tensor_math/linear_algebra.h"
 #include "tensor/tensor_math/matmul.h"
 #include "tensor/tensor_math/promotion.h"
+#include "tensor/tensor_math/real_pairs.h"
 #include "tensor/tensor_math/reductions.h"
 #include "tensor/tensor_math/sorting.h"
 #include "tensor/tensor_math/tensor_arithmetic.h"

@@ -1,4 +1,5 @@
 // pairs.cpp: element-wise functions of two operands and choices between them, with their gradients.
+#include "hardware/cpu/any_scalar.h"
 #include "ktensor/arithmetic.h"
 #include "ktensor/autograd.h"
 #include "ktensor/elements.h"
@@ -127,18 +128,31 @@ KTensor atan2_slope_b(X a, X b, X grad) { return neg(grad * a / (a * a + b * b))
 
 }  // namespace
 
-#define ORNIK_ARITHMETIC_PAIR(name, floating, dx, dy)                                                      \
+// Without the forms that take a number on the right.
+#define ORNIK_TENSOR_PAIR(name, floating, dx, dy)                                                          \
     static constexpr BinaryRow name##_row{#name,           Op::name,        floating, &Tensor::name,       \
                                           &name##_dx_grad, &name##_dy_grad, &dx,      &dy};                \
     KTensor name(const KTensor& a, const KTensor& b) { return binary(name##_row, a, b); }                  \
-    KTensor name(const KTensor& a, const Scalar& b) { return binary(name##_row, a, beside(#name, a, b)); } \
     KTensor name(const Scalar& a, const KTensor& b) { return binary(name##_row, beside(#name, b, a), b); } \
     KTensor& name##_(KTensor& a, const KTensor& b) {                                                       \
         return binary_in_place(name##_row, #name "_", a, b, &Tensor::name##_inplace);                      \
-    }                                                                                                      \
+    }
+#define ORNIK_ARITHMETIC_PAIR(name, floating, dx, dy)                                                      \
+    ORNIK_TENSOR_PAIR(name, floating, dx, dy)                                                              \
+    KTensor name(const KTensor& a, const Scalar& b) { return binary(name##_row, a, beside(#name, a, b)); } \
     KTensor& name##_(KTensor& a, const Scalar& b) { return name##_(a, beside(#name "_", a, b)); }
 
-ORNIK_ARITHMETIC_PAIR(pow, false, pow_slope_a, pow_slope_b)
+// The power that programs take most: a product, which rounds right and costs a twentieth.
+static bool is_square(const KTensor& a, const Scalar& b) {
+    return a.defined() && a.is_floating() && !is_dtype_class(b.Dtype(), DtypeClass::complex) &&
+           AnyScalar(b).as<double>() == 2;
+}
+
+ORNIK_TENSOR_PAIR(pow, false, pow_slope_a, pow_slope_b)
+KTensor pow(const KTensor& a, const Scalar& b) {
+    return is_square(a, b) ? sqr(a) : binary(pow_row, a, beside("pow", a, b));
+}
+KTensor& pow_(KTensor& a, const Scalar& b) { return is_square(a, b) ? sqr_(a) : pow_(a, beside("pow_", a, b)); }
 ORNIK_ARITHMETIC_PAIR(fmod, false, constant_slope<fmod_dx_grad>, constant_slope<fmod_dy_grad>)
 ORNIK_ARITHMETIC_PAIR(remainder, false, constant_slope<remainder_dx_grad>, constant_slope<remainder_dy_grad>)
 ORNIK_ARITHMETIC_PAIR(maximum, false, constant_slope<maximum_dx_grad>, constant_slope<maximum_dy_grad>)
@@ -146,6 +160,7 @@ ORNIK_ARITHMETIC_PAIR(minimum, false, constant_slope<minimum_dx_grad>, constant_
 ORNIK_ARITHMETIC_PAIR(atan2, true, atan2_slope_a, atan2_slope_b)
 
 #undef ORNIK_ARITHMETIC_PAIR
+#undef ORNIK_TENSOR_PAIR
 
 // ---- Functions of real numbers (real_pairs.h) ----
 

@@ -6,6 +6,9 @@
 #include <vector>
 
 #include "hardware/cpu/nn/cpu_recurrent.h"
+#include "hardware/cpu/product/cpu_product.h"
+#include "hardware/cpu/product/cpu_product_fixed.h"
+#include "hardware/parallel.h"
 #include "tensor/borrowed.h"
 #include "tensor/checks.h"
 #include "tensor/make_tensor.h"
@@ -16,6 +19,7 @@ namespace ornik::nn {
 
 namespace {
 
+using device::cpu::FixedFactor;
 using device::cpu::PreviousState;
 using device::cpu::RecurrentStep;
 using TensorPtr = std::unique_ptr<Tensor>;
@@ -47,8 +51,45 @@ struct Plan {
     Dims output;
     std::vector<Step> steps;  // in the order in which they are taken
 
-    RecurrentStep kernel_step(const Step& step) const { return {dtype, step.rows, width}; }
+    /// Does each thread take its sequences through all steps? Else the threads share the work of every step.
+    bool by_sequences() const { return sequences >= grain && width >= 8; }
+
+    static constexpr std::int64_t grain = 16;  // sequences: fewer leave much of a packed weight's way unused
 };
+
+// Those sequences of a step that are in [begin, end).
+struct Part {
+    Part(const Plan& plan, const Step& step, std::int64_t from, std::int64_t end)
+        : all_rows(step.rows), begin(from), entry(step.first + from), rows(std::min(end, step.rows) - from) {
+        kernel = {plan.dtype, rows, plan.width};
+    }
+
+    std::int64_t all_rows;
+    std::int64_t begin;
+    std::int64_t entry;  // of the first
+    std::int64_t rows;
+    RecurrentStep kernel{};
+};
+
+// Calls visit(step, part) for every step, in their order or backwards, with the sequences of the calling
+// thread.
+template <typename Visit>
+void for_each_part(const Plan& plan, bool backwards, const Visit& visit) {
+    const auto walk_range = [&](std::int64_t begin, std::int64_t end) {
+        for (std::size_t i = 0; i < plan.steps.size(); ++i) {
+            const Step& step = plan.steps[backwards ? plan.steps.size() - 1 - i : i];
+            const Part part(plan, step, begin, end);
+            if (part.rows > 0) {
+                visit(step, part);
+            }
+        }
+    };
+    if (plan.by_sequences()) {
+        parallel_for(plan.sequences, 8, Plan::grain, walk_range);
+    } else {
+        walk_range(0, plan.sequences);
+    }
+}
 
 std::vector<Step> walk(const Dims& batch_sizes, bool reverse) {
     std::vector<Step> steps;
@@ -172,9 +213,43 @@ TensorPtr columns_of(const Tensor* t, std::int64_t rows, std::int64_t columns) {
         share_storage_tensor(t->getStorage(), {rows, columns}, {row_length(t), 1}, t->Dtype(), t->StorageOffset()));
 }
 
-PreviousState previous_state(const Step& step, const Tensor* all, const Tensor* initial) {
-    return {row_address(all, step.previous_first), step.from_previous, row_address(initial, 0)};
+PreviousState previous_state(const Step& step, const Part& part, const Tensor* all, const Tensor* initial) {
+    return {row_address(all, step.previous_first + part.begin), step.from_previous - part.begin,
+            row_address(initial, part.begin)};
 }
+
+// The products of the steps with the state's weight.
+class StateProducts {
+  public:
+    StateProducts(const Plan& plan, Tensor* weight, bool transposed)
+        : weight_(Borrowed::contiguous(weight)),
+          dtype_(plan.dtype),
+          transposed_(transposed),
+          depth_(weight->Shape()[transposed ? 1 : 0]),
+          cols_(weight->Shape()[transposed ? 0 : 1]) {
+        if (plan.by_sequences()) {
+            packed_ = std::make_unique<FixedFactor>(dtype_, weight_->getRawData(), transposed, depth_, cols_);
+        }
+    }
+
+    /// Of the part's rows of a; both matrices begin at them.
+    void operator()(const Part& part, const void* a, bool accumulate, void* c) const {
+        if (packed_) {
+            packed_->multiply(a, part.rows, part.all_rows, accumulate, c);
+            return;
+        }
+        const device::cpu::ProductPlan plan{1, part.rows, cols_, depth_, false, transposed_, accumulate};
+        device::cpu::product(dtype_, plan, a, weight_->getRawData(), c);
+    }
+
+  private:
+    Borrowed weight_;
+    std::int64_t dtype_;
+    bool transposed_;
+    std::int64_t depth_;
+    std::int64_t cols_;
+    std::unique_ptr<FixedFactor> packed_;
+};
 
 // Does nothing come before the step?
 bool starts_from_zeros(const Step& step, const Tensor* initial) {
@@ -249,9 +324,9 @@ class Backward {
         by_input = make_tensor({plan.entries, kind.gates * plan.width}, plan.dtype);
     }
 
-    const void* upstream(const Step& step) const { return row_address(upstream_.get(), step.first); }
-    const void* gates(const Step& step) const { return row_address(gates_.get(), step.first); }
-    const void* cells(const Step& step) const { return row_address(cells_.get(), step.first); }
+    const void* upstream(const Part& part) const { return row_address(upstream_.get(), part.entry); }
+    const void* gates(const Part& part) const { return row_address(gates_.get(), part.entry); }
+    const void* cells(const Part& part) const { return row_address(cells_.get(), part.entry); }
     const Tensor* all_cells() const { return cells_.get(); }
     const Tensor* all_outputs() const { return output_.get(); }
 
@@ -351,17 +426,17 @@ Recurrent lstm(Tensor* input, Tensor* hidden, Tensor* cell, const RecurrentWeigh
         return result;
     }
     result.gates = gates_of_input(plan, lstm_kind, input, weights);
-    const Borrowed square = Borrowed::contiguous(weights.hidden);
-    for (const Step& step : plan.steps) {
+    const StateProducts add_state_part(plan, weights.hidden, true);
+    for_each_part(plan, false, [&](const Step& step, const Part& part) {
+        void* const gates = row_address(result.gates.get(), part.entry);
+        void* const state = row_address(result.hidden.get(), part.begin);
         if (!starts_from_zeros(step, hidden)) {
-            Tensor::dot(rows_of(result.hidden.get(), 0, step.rows).get(), 0, square.get(), 1,
-                        rows_of(result.gates.get(), step.first, step.rows).get(), 1);
+            add_state_part(part, state, true, gates);
         }
-        device::cpu::lstm_gates(plan.kernel_step(step), row_address(result.gates.get(), step.first),
-                                row_address(result.cell.get(), 0), row_address(result.hidden.get(), 0),
-                                row_address(result.cells.get(), step.first),
-                                row_address(result.output.get(), step.first));
-    }
+        device::cpu::lstm_gates(part.kernel, gates, row_address(result.cell.get(), part.begin), state,
+                                row_address(result.cells.get(), part.entry),
+                                row_address(result.output.get(), part.entry));
+    });
     return result;
 }
 
@@ -371,20 +446,19 @@ RecurrentGradients lstm_grad(const RecurrentUpstream& upstream, Tensor* input, T
     const Where at = where("ornik::nn::lstm_grad");
     const Plan plan = plan_of(at, lstm_kind, input, hidden, cell, weights, reverse, batch_sizes);
     Backward from(at, lstm_kind, plan, upstream, saved, input);
-    const Borrowed square = Borrowed::contiguous(weights.hidden);
+    const StateProducts state_gradient(plan, weights.hidden, false);
     const Borrowed first_hidden = Borrowed::contiguous(hidden);
     const Borrowed first_cell = Borrowed::contiguous(cell);
-    for (std::size_t i = plan.steps.size(); i-- > 0;) {
-        const Step& step = plan.steps[i];
-        void* const into = row_address(from.by_input.get(), step.first);
-        device::cpu::lstm_gates_grad(plan.kernel_step(step), from.gates(step), from.cells(step),
-                                     previous_state(step, from.all_cells(), first_cell.get()), from.upstream(step),
-                                     row_address(from.hidden.get(), 0), row_address(from.cell.get(), 0), into);
-        if (i > 0 || wanted[1]) {
-            Tensor::dot(rows_of(from.by_input.get(), step.first, step.rows).get(), 0, square.get(), 0,
-                        rows_of(from.hidden.get(), 0, step.rows).get(), 0);
+    for_each_part(plan, true, [&](const Step& step, const Part& part) {
+        void* const into = row_address(from.by_input.get(), part.entry);
+        void* const state = row_address(from.hidden.get(), part.begin);
+        device::cpu::lstm_gates_grad(part.kernel, from.gates(part), from.cells(part),
+                                     previous_state(step, part, from.all_cells(), first_cell.get()),
+                                     from.upstream(part), state, row_address(from.cell.get(), part.begin), into);
+        if (&step != &plan.steps.front() || wanted[1]) {
+            state_gradient(part, into, false, state);
         }
-    }
+    });
     return collect(plan, lstm_kind, from, input, first_hidden.get(), weights, wanted);
 }
 
@@ -397,23 +471,21 @@ Recurrent gru(Tensor* input, Tensor* hidden, const RecurrentWeights& weights, bo
         return result;
     }
     result.gates = gates_of_input(plan, gru_kind, input, weights);
-    const Borrowed square = Borrowed::contiguous(weights.hidden);
+    const StateProducts state_part(plan, weights.hidden, true);
     const Borrowed bias = Borrowed::contiguous(weights.hidden_bias);
     const void* bias_of_n = bias.get() == nullptr
                                 ? nullptr
                                 : static_cast<const char*>(bias->getRawData()) + 2 * plan.width * bias->itemsize();
-    const TensorPtr recurrent = make_tensor({plan.sequences, 3 * plan.width}, plan.dtype);
-    for (const Step& step : plan.steps) {
-        const TensorPtr part = rows_of(recurrent.get(), 0, step.rows);
-        if (starts_from_zeros(step, hidden)) {
-            part->fill_(0);
-        } else {
-            Tensor::dot(rows_of(result.hidden.get(), 0, step.rows).get(), 0, square.get(), 1, part.get(), 0);
+    const TensorPtr recurrent = zeros({plan.sequences, 3 * plan.width}, plan.dtype);
+    for_each_part(plan, false, [&](const Step& step, const Part& part) {
+        void* const of_state = row_address(recurrent.get(), part.begin);
+        void* const state = row_address(result.hidden.get(), part.begin);
+        if (!starts_from_zeros(step, hidden)) {
+            state_part(part, state, false, of_state);
         }
-        device::cpu::gru_gates(plan.kernel_step(step), row_address(result.gates.get(), step.first),
-                               row_address(recurrent.get(), 0), bias_of_n, row_address(result.hidden.get(), 0),
-                               row_address(result.output.get(), step.first));
-    }
+        device::cpu::gru_gates(part.kernel, row_address(result.gates.get(), part.entry), of_state, bias_of_n, state,
+                               row_address(result.output.get(), part.entry));
+    });
     return result;
 }
 
@@ -424,19 +496,18 @@ RecurrentGradients gru_grad(const RecurrentUpstream& upstream, Tensor* input, Te
     const Plan plan = plan_of(at, gru_kind, input, hidden, nullptr, weights, reverse, batch_sizes);
     Backward from(at, gru_kind, plan, upstream, saved, input);
     from.by_hidden = make_tensor({plan.entries, 3 * plan.width}, plan.dtype);
-    const Borrowed square = Borrowed::contiguous(weights.hidden);
+    const StateProducts add_state_gradient(plan, weights.hidden, false);
     const Borrowed first_hidden = Borrowed::contiguous(hidden);
-    for (std::size_t i = plan.steps.size(); i-- > 0;) {
-        const Step& step = plan.steps[i];
-        device::cpu::gru_gates_grad(plan.kernel_step(step), from.gates(step),
-                                    previous_state(step, from.all_outputs(), first_hidden.get()), from.upstream(step),
-                                    row_address(from.hidden.get(), 0), row_address(from.by_input.get(), step.first),
-                                    row_address(from.by_hidden.get(), step.first));
-        if (i > 0 || wanted[1]) {
-            Tensor::dot(rows_of(from.by_hidden.get(), step.first, step.rows).get(), 0, square.get(), 0,
-                        rows_of(from.hidden.get(), 0, step.rows).get(), 1);
+    for_each_part(plan, true, [&](const Step& step, const Part& part) {
+        void* const by_hidden = row_address(from.by_hidden.get(), part.entry);
+        void* const state = row_address(from.hidden.get(), part.begin);
+        device::cpu::gru_gates_grad(
+            part.kernel, from.gates(part), previous_state(step, part, from.all_outputs(), first_hidden.get()),
+            from.upstream(part), state, row_address(from.by_input.get(), part.entry), by_hidden);
+        if (&step != &plan.steps.front() || wanted[1]) {
+            add_state_gradient(part, by_hidden, true, state);
         }
-    }
+    });
     return collect(plan, gru_kind, from, input, first_hidden.get(), weights, wanted);
 }
 

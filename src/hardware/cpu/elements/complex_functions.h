@@ -30,7 +30,7 @@ inline Wide exp(Wide z) { return std::exp(z); }
 inline Wide exp2(Wide z) { return std::exp(z * 0.69314718055994530942); }
 inline Wide expm1(Wide z) {
     if (z.imag() == 0.0) {
-        return {std::expm1(z.real()), z.imag()};
+        return {std::expm1(z.real()) + 0.0, z.imag()};  // Its zero has no sign.
     }
     if (std::isinf(z.real()) && !std::isfinite(z.imag())) {
         return z.real() < 0.0 ? Wide(-1.0, 0.0) : Wide(z.real(), std::nan(""));

@@ -7,6 +7,8 @@
 // and vector width: 4 rows; 1 to 3 vectors of columns.
 #include "hardware/cpu/product/cpu_product.h"
 
+#include <algorithm>
+
 #include "cpu_product_kernels.h"
 #include "hardware/cpu/dispatch.h"
 #include "hardware/parallel.h"
@@ -17,6 +19,8 @@ namespace {
 
 constexpr std::int64_t row_unit = 32;
 constexpr std::int64_t col_unit = 96;
+// Rows of a piece, where there are enough: each piece lays out all of B for itself.
+constexpr std::int64_t piece_rows = 128;
 // Multiplications that are worth a second thread.
 constexpr std::int64_t grain_work = 1 << 16;
 
@@ -61,9 +65,10 @@ void run_product(const ProductPlan& plan, const T* a, const T* b, T* c) {
     const bool by_rows = plan.rows >= 2 * row_unit;
     for (std::int64_t index = 0; index < plan.batch; ++index) {
         if (by_rows) {
-            parallel_for(plan.rows, row_unit, 1, [&](std::int64_t begin, std::int64_t end) {
-                slice(index, {begin, end, 0, plan.cols});
-            });
+            parallel_for(plan.rows, row_unit, std::min(plan.rows / 2, piece_rows),
+                         [&](std::int64_t begin, std::int64_t end) {
+                             slice(index, {begin, end, 0, plan.cols});
+                         });
         } else {
             parallel_for(plan.cols, col_unit, 1, [&](std::int64_t begin, std::int64_t end) {
                 slice(index, {0, plan.rows, begin, end});

@@ -135,7 +135,8 @@ namespace {
 
 KTensor dropped(const KTensor& x, double p, bool training, nn::Dropped (*drop)(Tensor*, double)) {
     const Recorder record(Op::dropout, {&x});
-    if (!training) {
+    const bool is_fit = (x.is_floating() || x.is_complex()) && x.ndim() >= 2;  // For both kinds: nothing to refuse.
+    if (!training || (p == 0 && is_fit)) {
         return x;
     }
     nn::Dropped result = drop(x.tensor(), p);

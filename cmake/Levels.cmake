@@ -1,0 +1,22 @@
+# The library once more for each further instruction set of ORNIK_LEVELS: ornik_level_<level>. The loader takes the best
+# one that the processor has from folders named after them (python/CMakeLists.txt installs them so).
+
+foreach(level IN LISTS ornik_further_levels)
+  ornik_add_kernel_options(ornik_kernel_options_${level} ${level})
+  set(shared_objects ornik_${level}_objects)
+  ornik_add_library_objects(ornik_${level} ornik_kernel_options_${level})
+  # But for the products and row kernels, which use all of it, the two levels are the same instructions.
+  if(level STREQUAL "x86-64-v4" AND TARGET ornik_x86-64-v3_objects AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    set(shared_objects ornik_x86-64-v3_objects)
+    set_target_properties(ornik_${level}_objects PROPERTIES EXCLUDE_FROM_ALL ON)
+  endif()
+  if(ORNIK_ZLIB AND ZLIB_FOUND)
+    target_link_libraries(ornik_${level}_objects PRIVATE ZLIB::ZLIB)
+  endif()
+  add_library(ornik_level_${level} SHARED
+    $<TARGET_OBJECTS:${shared_objects}> $<TARGET_OBJECTS:ornik_${level}_product_objects>
+    $<TARGET_OBJECTS:ornik_${level}_row_objects>)
+  target_link_libraries(ornik_level_${level} PRIVATE OpenMP::OpenMP_CXX ${ornik_zlib} ornik_options)
+  set_target_properties(ornik_level_${level} PROPERTIES
+    LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/levels/${level})
+endforeach()
