@@ -103,7 +103,9 @@ struct SvdSolver<T>::Work {
         }
     }
 
-    bool decompose_complex(const Matrix<Complex>& a) requires(is_complex<T>) {
+    // A template of its own, so that it exists where it is called alone: for complex numbers.
+    template <typename Element>
+    bool decompose_complex(const Matrix<Element>& a) {
         const bool tall = rows >= cols;
         // The largest part of any element becomes 1, so that squares neither overflow nor vanish.
         const double largest = std::max(a.real().cwiseAbs().maxCoeff(), a.imag().cwiseAbs().maxCoeff());
