@@ -32,7 +32,7 @@ for path in sorted(file for file in files if re.search(r"\.(h|cpp)$", file)):
         wrong.append(f"{path}: stands on no floor")
         continue
     with open(path, encoding="utf-8") as text:
-        names = re.findall(r'^\s*#\s*include\s+"([^"]+)"', text.read(), re.M)
+        names = re.findall(r'^\s*#\s*include\s+"([^"]+\.h)"', text.read(), re.M)  # What is generated ends in .inc.
     for name in names:
         places = [os.path.normpath(os.path.join(root, name)) for root in (os.path.dirname(path), "include", "src")]
         target = next((place for place in places if place in files), None)
