@@ -56,7 +56,7 @@ def main() -> None:
     model = Transformer(len(alphabet))
     print(f"{len(text)} characters, {len(alphabet)} different; {model.parameter_count()} weights")
     optimizer = optim.AdamW(model.parameters(), betas=(0.9, 0.99))
-    schedule = optim.lr_scheduler.OneCycleLR(optimizer, options.lr, total_steps=options.steps + 1, pct_start=0.1)
+    schedule = optim.lr_scheduler.OneCycleLR(optimizer, options.lr, total_steps=options.steps, pct_start=0.1)
     losses: list[float] = []
     for step in range(1, options.steps + 1):
         places = ornik.random.randint(0, len(text) - CONTEXT, (options.batch, 1)) + ornik.arange(CONTEXT)

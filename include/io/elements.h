@@ -81,5 +81,7 @@ class ElementRun {
 
 /// Fails for null, sparse and undescribed tensors, and for more than most_axes axes.
 void check_saveable(const FilePlace& place, const Tensor* t);
+/// The elements that its shape counts: a tensor without axes may claim more than the one it shows.
+std::int64_t saved_numel(const FilePlace& place, const Tensor* t);
 
 }  // namespace ornik::io

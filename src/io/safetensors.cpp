@@ -254,7 +254,7 @@ std::string header_text(const FilePlace& file, const std::vector<const TensorEnt
             shape += shape.empty() ? "2" : ",2";
             metadata[dtype_key(entry->name)] = complex_text;
         }
-        const std::int64_t end = begin + t->Size() * t->itemsize();
+        const std::int64_t end = begin + saved_numel(file, t) * t->itemsize();
         const FileDtype& type = file_dtype(is_complex ? dtype::float64 : t->Dtype());
         entries += ',';
         entries += json_text(entry->name) + ":{\"dtype\":\"" + std::string(type.safetensors) + "\",\"shape\":[" +
@@ -315,7 +315,7 @@ void write_safetensors(const FilePlace& file, const FilePlan& plan, ByteSink& si
             continue;
         }
         const Buffer swapped = make_buffer(run.bytes().size());
-        device::cpu::decode(swapped.data, run.bytes().data(), t->Size(), t->Dtype(), Encoding::plain, true);
+        device::cpu::decode(swapped.data, run.bytes().data(), saved_numel(file, t), t->Dtype(), Encoding::plain, true);
         sink.write({swapped.data, run.bytes().size()});
     }
 }

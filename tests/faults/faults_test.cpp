@@ -38,6 +38,9 @@ void* operator new(std::size_t bytes, std::align_val_t alignment) {
 }
 void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept { return heap_memory(bytes, 1); }
 void* operator new[](std::size_t bytes, const std::nothrow_t&) noexcept { return heap_memory(bytes, 1); }
+void* operator new(std::size_t bytes, std::align_val_t alignment, const std::nothrow_t&) noexcept {
+    return heap_memory(bytes, static_cast<std::size_t>(alignment));
+}
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete[](void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }

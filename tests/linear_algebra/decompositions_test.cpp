@@ -343,49 +343,23 @@ TEST(Decompositions, SameBitsForEveryTeamSize) {
     });
 }
 
+// Those that need a matrix of their own; the others are among the listed messages.
 TEST(Decompositions, Refusals) {
-    const double nan = std::nan("");
-    const TensorPtr whole = make_empty({2, 2}, dtype::int32), row = make_empty({3}, dtype::float32),
-                    wide = make_empty({4, 2, 3}, dtype::float32), good = make<double>({2, 2}, {2, 0, 0, 2}),
-                    ranks = make_empty({2}, dtype::float64),
+    const TensorPtr good = make<double>({2, 2}, {2, 0, 0, 2}),
                     singular = make<double>({2, 1, 2, 2}, {1, 0, 0, 1, 1, 2, 2, 4}),
-                    indefinite = make<double>({2, 2}, {1, 2, 2, 1}), undefined = make<double>({2, 1, 1}, {1, nan});
-    const std::string square = "(): takes square matrices in the last two axes, not a shape of [4, 2, 3].";
-    const std::string no_values = "holds NaN or infinity, or its singular values do not converge.";
-    const std::string no_eigenvalues = "holds NaN or infinity, or its eigenvalues do not converge.";
+                    undefined = make<double>({2, 1, 1}, {1, std::nan("")});
+    const std::string no_values =
+        "(): matrix [1] of the batch holds NaN or infinity, or its singular values do not converge.";
+    const std::string no_eigenvalues =
+        "(): matrix [1] of the batch holds NaN or infinity, or its eigenvalues do not converge.";
     const Refusal rows[] = {
-        {"cholesky", [&] { cholesky(whole.get()); },
-         "cholesky(): takes floating and complex matrices, not numpy.int32."},
-        {"qr", [&] { qr(row.get()); }, "qr(): takes matrices in the last two axes, not a shape of [3]."},
-        {"inv", [&] { inv(wide.get()); }, "inv" + square},
-        {"det", [&] { det(wide.get()); }, "det" + square},
-        {"slogdet", [&] { slogdet(wide.get()); }, "slogdet" + square},
-        {"solve", [&] { solve(wide.get(), row.get()); }, "solve" + square},
-        {"cholesky", [&] { cholesky(wide.get()); }, "cholesky" + square},
         {"inv", [&] { inv(singular.get()); }, "inv(): matrix [1, 0] of the batch is singular."},
         {"solve", [&] { solve(singular.get(), good.get()); }, "solve(): matrix [1, 0] of the batch is singular."},
-        {"solve", [&] { solve(good.get(), whole.get()); },
-         "solve(): both sides have one dtype, not numpy.float64 and numpy.int32."},
-        {"solve", [&] { solve(good.get(), make_empty({3}, dtype::float64).get()); },
-         "solve(): matrices of shape [2, 2] and right sides of shape [3] do not go together."},
-        {"solve",
-         [&] {
-             solve(singular.get(), make_empty({3, 1, 2, 1}, dtype::float64).get());
-         },
-         "solve(): matrices of shape [2, 1, 2, 2] and right sides of shape [3, 1, 2, 1] do not go together."},
-        {"cholesky", [&] { cholesky(indefinite.get()); }, "cholesky(): the matrix is not positive definite."},
-        {"cholesky", [&] { cholesky(undefined.get()); },
-         "cholesky(): matrix [1] of the batch is not positive definite."},
-        {"svd", [&] { svd(undefined.get()); }, "svd(): matrix [1] of the batch " + no_values},
-        {"svdvals", [&] { svdvals(undefined.get()); }, "svdvals(): matrix [1] of the batch " + no_values},
-        {"eig", [&] { eig(undefined.get()); }, "eig(): matrix [1] of the batch " + no_eigenvalues},
-        {"eigvals", [&] { eigvals(undefined.get()); }, "eigvals(): matrix [1] of the batch " + no_eigenvalues},
-        {"eig", [&] { eig(wide.get()); }, "eig" + square},
-        {"pinv", [&] { pinv(undefined.get()); }, "pinv(): matrix [1] of the batch " + no_values},
-        {"pinv", [&] { pinv(good.get(), ranks.get()); },
-         "pinv(): an rtol of shape [2] does not broadcast to the batch []."},
-        {"matrix_rank", [&] { matrix_rank(good.get(), whole.get()); },
-         "matrix_rank(): rtol is real and floating, not numpy.int32."},
+        {"svd", [&] { svd(undefined.get()); }, "svd" + no_values},
+        {"svdvals", [&] { svdvals(undefined.get()); }, "svdvals" + no_values},
+        {"pinv", [&] { pinv(undefined.get()); }, "pinv" + no_values},
+        {"eig", [&] { eig(undefined.get()); }, "eig" + no_eigenvalues},
+        {"eigvals", [&] { eigvals(undefined.get()); }, "eigvals" + no_eigenvalues},
     };
     expect_refusals(rows, "ornik::", "src/tensor/tensor_math/decompositions.cpp");
 }

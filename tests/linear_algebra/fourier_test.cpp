@@ -150,19 +150,5 @@ TEST(Fourier, SameBitsForEveryTeamSize) {
     }
 }
 
-TEST(Fourier, Refusals) {
-    const TensorPtr x = make_empty({2, 3}, dtype::float32), z = make_empty({2, 3}, dtype::complex64);
-    const Refusal rows[] = {
-        {"fourier", [&] { fourier(x.get(), 0, 2, 2, false); }, "fourier(): takes complex tensors, not numpy.float32."},
-        {"fourier_of_real", [&] { fourier_of_real(z.get(), 0, 2, 2); },
-         "fourier_of_real(): takes real floating tensors, not numpy.complex64."},
-        {"fourier_to_real", [&] { fourier_to_real(z.get(), 2, 2, 2); },
-         "fourier_to_real(): a tensor of 2 axes has no axis 2."},
-        {"fourier", [&] { fourier(z.get(), -1, 0, 2, false); },
-         "fourier(): there is no transform of length 0 with 2 results."},
-    };
-    expect_refusals(rows, "ornik::", "src/tensor/tensor_math/fourier.cpp");
-}
-
 }  // namespace
 }  // namespace ornik::test

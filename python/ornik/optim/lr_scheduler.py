@@ -233,7 +233,9 @@ class CosineAnnealingWarmRestarts(LRScheduler):
 
 
 class OneCycleLR(LRScheduler):
-    """Up to max_lr and down again (Smith and Topin, 2018). More than ``total_steps`` steps are an error.
+    """Up to max_lr and down again (Smith and Topin, 2018), with a step after each of ``total_steps`` training steps.
+
+    A further step is an error.
 
     It begins at max_lr / div_factor, rises for ``pct_start`` of the steps and ends at that begin over
     final_div_factor. The momentum, or Adam's first beta, runs the other way.
@@ -280,14 +282,15 @@ class OneCycleLR(LRScheduler):
     def _between(self, low: float, high: float, last: float) -> float:
         """Between ``low`` at the begin, ``high`` at the peak and ``last`` at the end."""
         peak, end = self.pct_start * self.total_steps - 1, self.total_steps - 1
-        if self.last_epoch <= peak:
-            a, b, part = low, high, self.last_epoch / peak if peak > 0 else 1.0
+        steps = min(self.last_epoch, end)
+        if steps <= peak:
+            a, b, part = low, high, steps / peak if peak > 0 else 1.0
         else:
-            a, b, part = high, last, (self.last_epoch - peak) / (end - peak)
+            a, b, part = high, last, (steps - peak) / (end - peak)
         return _along_cosine(a, b, part) if self.anneal_strategy == "cos" else a + (b - a) * part
 
     def _apply(self) -> None:
-        if self.last_epoch >= self.total_steps:
+        if self.last_epoch > self.total_steps:
             raise RuntimeError(f"OneCycleLR: the cycle ends after {self.total_steps} steps")
         for group, largest in zip(self.optimizer.param_groups, self.max_lrs):
             first = largest / self.div_factor

@@ -55,7 +55,8 @@ bool apply_to_few(const Tensor* a, const Tensor* b, Tensor* out, const Function&
         }
     }
     for (std::int64_t i = 0; i < n; ++i) {
-        result[i] = function(x[i], y[i]);
+        result[i] = function(detail::load<T>(reinterpret_cast<const char*>(x + i)),
+                             detail::load<T>(reinterpret_cast<const char*>(y + i)));
     }
     return true;
 }
