@@ -140,10 +140,10 @@ TEST(Eigh, TellsWhichMatrixIsRefused) {
         {make<double>({3, 2, 2}, {1, 0, 0, 1, huge, huge, huge, huge, huge, huge, huge, huge}),
          " did not converge to finite eigenvalues for matrix 1."},
     };
-    for (const auto& [x, message] : cases) {
-        expect_error([&] { eigh(x.get()); }, "eigh" + message, "ornik::eigh", "src/tensor/tensor_utils.cpp");
-        expect_error([&] { eigvalsh(x.get()); }, "eigvalsh" + message, "ornik::eigvalsh",
-                     "src/tensor/tensor_utils.cpp");
+    for (const auto& [matrices, message] : cases) {
+        Tensor* const x = matrices.get();
+        expect_error([&] { eigh(x); }, "eigh" + message, "ornik::eigh", "src/tensor/tensor_utils.cpp");
+        expect_error([&] { eigvalsh(x); }, "eigvalsh" + message, "ornik::eigvalsh", "src/tensor/tensor_utils.cpp");
     }
 }
 
