@@ -109,8 +109,9 @@ TEST(Fourier, LengthsAxesAndLayouts) {
                         }
                         return values;
                     };
-                    const auto compare = [&](const TensorPtr& found, std::vector<Number> expected, std::int64_t count) {
-                        const std::vector<Number> values = pick(found, extent);
+                    const auto compare = [&, results = extent](const TensorPtr& found, std::vector<Number> expected,
+                                                               std::int64_t count) {
+                        const std::vector<Number> values = pick(found, results);
                         expected.resize(static_cast<std::size_t>(std::min<std::int64_t>(count, std::ssize(expected))));
                         expected.resize(values.size());
                         for (std::size_t k = 0; k < values.size(); ++k) {
