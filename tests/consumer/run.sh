@@ -13,7 +13,7 @@ mv "$work/installed" "$work/prefix"
 
 # The program and its output, as the README shows them.
 awk '/^```cpp/ {on = 1; next} /^```/ {on = 0} on' "$source_tree/README.md" >"$work/source/main.cpp"
-awk '/^```text/ {on = 1; next} /^```/ {on = 0} on' "$source_tree/README.md" >"$work/expected"
+awk '/^```cpp/ {seen = 1} /^```text/ {on = seen; next} /^```/ {on = 0} on' "$source_tree/README.md" >"$work/expected"
 grep -q 'int main' "$work/source/main.cpp"
 [ -s "$work/expected" ]
 cp "$source_tree/tests/consumer/CMakeLists.txt" "$work/source"

@@ -151,6 +151,37 @@ TEST(Bits, DoNotDependOnTheCut) {
     }
 }
 
+// Vectors may lie anywhere in memory: the operands and the result at every distance from a boundary.
+TEST(Bits, DoNotDependOnThePlace) {
+    constexpr std::int64_t awkward[] = {1, 2, 3, 4, 5, 6, 7, 9, 11, 16, 17, 40, 65};
+    for_types(TypeList<float, double, Complex<float>, Complex<double>>{}, [&]<typename T>() {
+        std::mt19937 random(29);
+        const auto pick = [&] { return awkward[random() % std::size(awkward)]; };
+        for (int round = 0; round < 200; ++round) {
+            const std::uint32_t flags = random();
+            const ProductPlan plan{1, pick(), pick(), pick(), (flags & 1) != 0, (flags & 2) != 0, (flags & 4) != 0};
+            const std::int64_t sizes[] = {plan.rows * plan.depth, plan.depth * plan.cols, plan.rows * plan.cols};
+            std::vector<T> first;
+            for (const int place : {0, 1, 2, 3, 5, 8, 13}) {
+                std::vector<T> memory[3];
+                T* at[3];
+                for (int i = 0; i < 3; ++i) {
+                    memory[i].resize(static_cast<std::size_t>(sizes[i] + 64));
+                    const auto address = reinterpret_cast<std::uintptr_t>(memory[i].data()) / sizeof(T);
+                    at[i] = memory[i].data() + 16 - address % 16 + (place * (i + 1)) % 16;
+                    const TensorPtr values = random_tensor({sizes[i]}, dtype_code<T>, static_cast<unsigned>(i + 1));
+                    std::memcpy(at[i], values->getRawData(), static_cast<std::size_t>(sizes[i]) * sizeof(T));
+                }
+                product(dtype_code<T>, plan, at[0], at[1], at[2]);
+                const std::vector<T> found(at[2], at[2] + sizes[2]);
+                first = first.empty() ? found : first;
+                ASSERT_EQ(std::memcmp(found.data(), first.data(), found.size() * sizeof(T)), 0)
+                    << shape_text({plan.rows, plan.depth, plan.cols}) << " flags " << (flags & 7) << " place " << place;
+            }
+        }
+    });
+}
+
 TEST(Bits, OfABatchAreThoseOfItsSlices) {
     const std::int64_t n = 70;
     const auto a = random_floats(9 * n * n, 1);

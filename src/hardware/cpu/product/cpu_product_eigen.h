@@ -41,15 +41,35 @@ void product_piece(const ProductPlan& plan, const ProductPiece& piece, const T* 
         }
         return;
     }
-    // The finished product is added, not each of its terms: it goes to a buffer first.
-    std::vector<T> buffer(static_cast<std::size_t>(plan.accumulate ? rows * cols : 0));
-    Result product = plan.accumulate ? Result(buffer.data(), rows, cols, Eigen::OuterStride<>(cols)) : out;
-    with_operand(a, plan.transpose_a, plan.row_step_a(), piece.row_begin, rows, 0, plan.depth, [&](const auto& left) {
-        with_operand(b, plan.transpose_b, plan.row_step_b(), 0, plan.depth, piece.col_begin, cols,
-                     [&](const auto& right) { product.noalias() = left * right; });
-    });
-    if (plan.accumulate) {
-        out += product;
+    const auto multiply_into = [&](auto& product) {
+        with_operand(a, plan.transpose_a, plan.row_step_a(), piece.row_begin, rows, 0, plan.depth,
+                     [&](const auto& left) {
+                         with_operand(b, plan.transpose_b, plan.row_step_b(), 0, plan.depth, piece.col_begin, cols,
+                                      [&](const auto& right) { product.noalias() = left * right; });
+                     });
+    };
+    const auto finish = [&](const auto& product) {
+        if (plan.accumulate) {
+            out += product;
+        } else {
+            out = product;
+        }
+    };
+    constexpr std::int64_t small = EIGEN_GEMM_TO_COEFFBASED_THRESHOLD;
+    if (rows + cols + plan.depth < small) {
+        // The library walks small products from one aligned address of the result to the next, and fuses within vectors
+        // alone: only a result that always lies alike has always the same bits.
+        Eigen::Matrix<T, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor, small, small> product(rows, cols);
+        multiply_into(product);
+        finish(product);
+    } else if (plan.accumulate) {
+        // The finished product is added, not each of its terms.
+        std::vector<T> buffer(static_cast<std::size_t>(rows * cols));
+        Result product(buffer.data(), rows, cols, Eigen::OuterStride<>(cols));
+        multiply_into(product);
+        finish(product);
+    } else {
+        multiply_into(out);
     }
 }
 
