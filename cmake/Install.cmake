@@ -1,4 +1,5 @@
-# Install rules: the public headers, the shared library, a CMake package and a pkg-config file.
+# Install rules: the library as component runtime; the public headers, a CMake package and a pkg-config file as component
+# development. CPack makes packages of both.
 include(CMakePackageConfigHelpers)
 
 # What a program may include. Everything else under include/ is internal.
@@ -126,18 +127,22 @@ set(ORNIK_PUBLIC_HEADERS
 
 foreach(header IN LISTS ORNIK_PUBLIC_HEADERS)
   cmake_path(GET header PARENT_PATH folder)
-  install(FILES ${PROJECT_SOURCE_DIR}/include/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ornik/${folder})
+  install(FILES ${PROJECT_SOURCE_DIR}/include/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ornik/${folder}
+          COMPONENT development)
 endforeach()
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/ornik)
-install(TARGETS ornik EXPORT ornik-targets)
-install(EXPORT ornik-targets NAMESPACE ornik:: DESTINATION ${package_folder})
+install(TARGETS ornik EXPORT ornik-targets
+        RUNTIME COMPONENT runtime
+        LIBRARY COMPONENT runtime NAMELINK_COMPONENT development
+        ARCHIVE COMPONENT development)
+install(EXPORT ornik-targets NAMESPACE ornik:: DESTINATION ${package_folder} COMPONENT development)
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/ornik-config.cmake.in
                               ${PROJECT_BINARY_DIR}/ornik-config.cmake INSTALL_DESTINATION ${package_folder})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/ornik-config-version.cmake
                                  COMPATIBILITY ${ornik_compatibility})
 install(FILES ${PROJECT_BINARY_DIR}/ornik-config.cmake ${PROJECT_BINARY_DIR}/ornik-config-version.cmake
-        DESTINATION ${package_folder})
+        DESTINATION ${package_folder} COMPONENT development)
 
 # ornik.pc finds its own folders from where it lies, so that the tree may be installed and moved anywhere. A library
 # folder given as an absolute path has no such relation to the prefix.
@@ -157,4 +162,6 @@ if(NOT ORNIK_SHARED)
   endif()
 endif()
 configure_file(${PROJECT_SOURCE_DIR}/cmake/ornik.pc.in ${PROJECT_BINARY_DIR}/ornik.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/ornik.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install(FILES ${PROJECT_BINARY_DIR}/ornik.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+include(${PROJECT_SOURCE_DIR}/cmake/Package.cmake)

@@ -1,5 +1,5 @@
 # The library once more for each further instruction set of ORNIK_LEVELS: ornik_level_<level>. The loader takes the best
-# one that the processor has from folders named after them (python/CMakeLists.txt installs them so).
+# one that the processor has from folders named after them, below the library's own.
 
 foreach(level IN LISTS ornik_further_levels)
   ornik_add_kernel_options(ornik_kernel_options_${level} ${level})
@@ -18,5 +18,10 @@ foreach(level IN LISTS ornik_further_levels)
     $<TARGET_OBJECTS:ornik_${level}_row_objects>)
   target_link_libraries(ornik_level_${level} PRIVATE OpenMP::OpenMP_CXX ${ornik_zlib} ornik_options)
   set_target_properties(ornik_level_${level} PROPERTIES
+    OUTPUT_NAME ornik VERSION ${PROJECT_VERSION} SOVERSION ${ornik_soversion}
     LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/levels/${level})
+  if(ORNIK_INSTALL AND NOT SKBUILD)
+    install(TARGETS ornik_level_${level} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/glibc-hwcaps/${level}
+            COMPONENT runtime NAMELINK_SKIP)
+  endif()
 endforeach()

@@ -203,7 +203,9 @@ std::vector<Row> reduction_rows() {
     return rows;
 }
 
-std::vector<Row> all_rows() {
+}  // namespace
+
+std::vector<Row> gradcheck::all_rows() {
     std::vector<Row> rows;
     for (std::vector<Row> (*part)() : {element_rows, pair_rows, shape_rows, reduction_rows, gradcheck::index_rows,
                                        gradcheck::linalg_rows, gradcheck::product_rows, gradcheck::join_rows,
@@ -215,6 +217,8 @@ std::vector<Row> all_rows() {
     return rows;
 }
 
+namespace {
+
 TEST(Gradients, Elements) { std::ranges::for_each(element_rows(), gradcheck::check); }
 TEST(Gradients, Pairs) { std::ranges::for_each(pair_rows(), gradcheck::check); }
 TEST(Gradients, Shapes) { std::ranges::for_each(shape_rows(), gradcheck::check); }
@@ -222,7 +226,7 @@ TEST(Gradients, Reductions) { std::ranges::for_each(reduction_rows(), gradcheck:
 
 TEST(Gradients, EveryOperationHasARow) {
     std::set<Op> checked{Op::custom, Op::checkpoint};  // Tested with the graph.
-    for (const Row& row : all_rows()) {
+    for (const Row& row : gradcheck::all_rows()) {
         checked.insert(row.op);
     }
     for (std::uint16_t op = 0; op < static_cast<std::uint16_t>(Op::count); ++op) {

@@ -12,5 +12,7 @@ std::vector<Row> join_rows();
 std::vector<Row> layer_rows();
 std::vector<Row> network_rows();
 std::vector<Row> loss_rows();
+/// Every operation's.
+std::vector<Row> all_rows();
 
 }  // namespace ornik::gradcheck

@@ -1,0 +1,80 @@
+// Prints a digest of each result of a long list, or compares them with a file of digests: the same bits on every
+// processor, system and number of threads.
+//
+//     digests                        prints "name digest" lines
+//     digests --check FILE           compares with these lines; tells what differs; exit code 1
+//     digests --only TEXT ...        the rows whose names begin with TEXT
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <map>
+
+#include "digest.h"
+#include "hardware/instruction_set.h"
+
+namespace {
+
+using ornik::digests::Row;
+
+std::vector<Row> all_rows() {
+    std::vector<Row> all;
+    for (const auto part : {ornik::digests::element_rows, ornik::digests::sum_rows, ornik::digests::gradient_rows,
+                            ornik::digests::call_rows, ornik::digests::training_rows}) {
+        std::vector<Row> rows = part();
+        all.insert(all.end(), std::make_move_iterator(rows.begin()), std::make_move_iterator(rows.end()));
+    }
+    return all;
+}
+
+std::string digest_of(const Row& row) {
+    ornik::digests::Digest digest;
+    row.compute(digest);
+    char text[17];
+    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(digest.value()));
+    return text;
+}
+
+int check(const std::vector<Row>& rows, const char* path) {
+    std::map<std::string, std::string> wanted;
+    std::ifstream file(path);
+    for (std::string name, digest; file >> name >> digest;) {
+        wanted[name] = digest;
+    }
+    int failed = 0;
+    for (const Row& row : rows) {
+        const auto found = wanted.find(row.name);
+        const std::string expected = found == wanted.end() ? "no digest" : found->second;
+        const std::string digest = digest_of(row);
+        if (digest != expected) {
+            std::printf("%s: %s, expected %s\n", row.name.c_str(), digest.c_str(), expected.c_str());
+            ++failed;
+        }
+    }
+    std::printf("%s: %zu digests, %d differ\n", ornik::instruction_set(), rows.size(), failed);
+    return failed == 0 && !rows.empty() ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+    const char* path = nullptr;
+    std::vector<Row> rows = all_rows();
+    for (int i = 1; i < count; ++i) {
+        if (i + 1 < count && std::strcmp(arguments[i], "--check") == 0) {
+            path = arguments[++i];
+        } else if (i + 1 < count && std::strcmp(arguments[i], "--only") == 0) {
+            std::erase_if(rows, [begin = arguments[++i]](const Row& row) { return !row.name.starts_with(begin); });
+        } else {
+            std::fprintf(stderr, "usage: digests [--check FILE] [--only TEXT]\n");
+            return 2;
+        }
+    }
+    if (path != nullptr) {
+        return check(rows, path);
+    }
+    for (const Row& row : rows) {
+        std::printf("%s %s\n", row.name.c_str(), digest_of(row).c_str());
+    }
+    return 0;
+}
