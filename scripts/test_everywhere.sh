@@ -1,0 +1,76 @@
+#!/usr/bin/env bash
+# test_everywhere.sh: the same digests on every processor and system that this machine has or can emulate.
+#
+#     scripts/test_everywhere.sh              all of them
+#     scripts/test_everywhere.sh --short      emulated ones with the rows of sums and products alone
+#     scripts/test_everywhere.sh v3 windows   these
+#
+# v2, v3 and v4 are instruction sets of x86-64, run here where the processor has them and under qemu otherwise; nehalem
+# runs v2 on an emulated processor without AVX, aarch64 under qemu, windows under wine.
+set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+short=()
+targets=()
+for argument in "$@"; do
+    if [ "$argument" = --short ]; then short=(--only sums/); else targets+=("$argument"); fi
+done
+[ ${#targets[@]} -eq 0 ] && targets=(v2 v3 v4 nehalem aarch64 windows)
+
+install_missing "${build_packages[@]}" libgtest-dev googletest
+list=$root/tests/digests/digests.txt
+
+# build_digests TREE [CMake arguments...] : the program, in build/TREE
+build_digests() {
+    local tree=$root/build/$1
+    shift
+    local launcher=()
+    command -v ccache >/dev/null 2>&1 && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+    (cd "$root" && cmake -S . -B "$tree" -G Ninja -DCMAKE_BUILD_TYPE=Release -DORNIK_BUILD_EXAMPLES=OFF \
+        "${launcher[@]}" "$@" >/dev/null && cmake --build "$tree" --target digests)
+}
+
+has() { grep -q -w -- "$1" /proc/cpuinfo; }
+
+# An instruction set runs here where the processor has it, and on qemu's best one otherwise; qemu has no AVX-512.
+run_level() {
+    local level=$1 feature=$2
+    build_digests "x86-64-$level" "-DORNIK_ARCH=x86-64-$level"
+    local program=$root/build/x86-64-$level/tests/digests
+    if has "$feature"; then
+        "$program" --check "$list"
+    elif [ "$level" = v4 ]; then
+        echo "x86-64-v4: compiled; no processor here runs it"
+    else
+        install_missing qemu-user
+        qemu-x86_64 -cpu max "$program" --check "$list" "${short[@]}"
+    fi
+}
+
+for target in "${targets[@]}"; do
+    echo "== $target"
+    case $target in
+    v2) run_level v2 sse4_2 ;;
+    v3) run_level v3 avx2 ;;
+    v4) run_level v4 avx512vl ;;
+    nehalem)
+        install_missing qemu-user
+        build_digests x86-64-v2 -DORNIK_ARCH=x86-64-v2
+        qemu-x86_64 -cpu Nehalem "$root/build/x86-64-v2/tests/digests" --check "$list" "${short[@]}"
+        ;;
+    aarch64)
+        install_missing qemu-user g++-aarch64-linux-gnu
+        build_digests aarch64 "-DCMAKE_TOOLCHAIN_FILE=$root/cmake/toolchains/aarch64-linux.cmake"
+        qemu-aarch64 -L /usr/aarch64-linux-gnu "$root/build/aarch64/tests/digests" --check "$list" "${short[@]}"
+        ;;
+    windows)
+        install_missing wine wine64 g++-mingw-w64-x86-64-posix
+        build_digests windows "-DCMAKE_TOOLCHAIN_FILE=$root/cmake/toolchains/windows.cmake"
+        WINEDEBUG=-all wine "$root/build/windows/tests/digests.exe" --check "$list" "${short[@]}"
+        ;;
+    *)
+        echo "Unknown: $target. There are v2, v3, v4, nehalem, aarch64 and windows." >&2
+        exit 2
+        ;;
+    esac
+done
