@@ -85,23 +85,67 @@ ORNIK_EXPAND void prefetch_for_writing([[maybe_unused]] const T* at) {
 #endif
 }
 
-/// a b + c, rounded once.
-ORNIK_EXPAND double fused(double a, double b, double c) { return std::fma(a, b, c); }
-ORNIK_EXPAND float fused(float a, float b, float c) {
 #if defined(__FMA__) || defined(__aarch64__)
+#define ORNIK_FUSES 1
+#else
+#define ORNIK_FUSES 0
+#endif
+
+namespace detail {
+
+/// A sum and what its rounding lost (D. Knuth, The Art of Computer Programming, volume 2, 4.2.2).
+struct ExactSum {
+    double sum, rest;
+};
+ORNIK_EXPAND ExactSum exact_sum(double a, double b) {
+    const double sum = a + b;
+    const double part = sum - a;
+    return {sum, (a - (sum - part)) + (b - part)};
+}
+
+/// A sum that is not exact is rounded to an odd last digit, which a second rounding never takes for a tie (S. Boldo, G.
+/// Melquiond, Emulation of a FMA and correctly rounded sums, 2008).
+ORNIK_EXPAND double odd_sum(double a, double b) {
+    const auto [sum, rest] = exact_sum(a, b);
+    const auto bits = std::bit_cast<std::int64_t>(sum);
+    const std::int64_t outwards = (rest < 0) == (sum < 0) ? 1 : -1;
+    return std::bit_cast<double>(bits + ((rest < 0 || rest > 0) && (bits & 1) == 0 ? outwards : 0));
+}
+
+/// The half of the digits that are worth most.
+ORNIK_EXPAND double upper_half(double x) {
+    const double scaled = x * 0x1.000002p27;
+    return scaled - (scaled - x);
+}
+
+}  // namespace detail
+
+/// a b + c, rounded once.
+ORNIK_EXPAND float fused(float a, float b, float c) {
+#if ORNIK_FUSES
     return std::fma(a, b, c);
 #else
-    // The product is exact in double. A sum that is not is rounded to an odd last digit, which the second rounding
-    // never takes for a tie.
-    const double product = double{a} * double{b};
-    const double sum = product + double{c};
-    const double part = sum - product;
-    const double rest = (product - (sum - part)) + (double{c} - part);
-    auto bits = std::bit_cast<std::uint64_t>(sum);
-    if ((rest < 0 || rest > 0) && (bits & 1) == 0) {
-        bits += (rest < 0) == (sum < 0) ? 1 : -1;
-    }
-    return static_cast<float>(std::bit_cast<double>(bits));
+    return static_cast<float>(detail::odd_sum(double{a} * double{b}, double{c}));  // The product is exact.
+#endif
+}
+ORNIK_EXPAND double fused(double a, double b, double c) { return std::fma(a, b, c); }
+
+/// The same without a call, which loops need to become vector code: of factors below 2^900 whose product is no infinity,
+/// and is 0, above 2^-900, or of no account beside c.
+ORNIK_EXPAND float fused_in_range(float a, float b, float c) { return fused(a, b, c); }
+ORNIK_EXPAND double fused_in_range(double a, double b, double c) {
+#if ORNIK_FUSES
+    return std::fma(a, b, c);
+#else
+    const double a_high = detail::upper_half(a);
+    const double a_low = a - a_high;
+    const double b_high = detail::upper_half(b);
+    const double b_low = b - b_high;
+    const double product = a * b;
+    const double lost = a_low * b_low - (((product - a_high * b_high) - a_low * b_high) - a_high * b_low);
+    const auto [low, lowest] = detail::exact_sum(c, lost);
+    const auto [high, middle] = detail::exact_sum(product, low);
+    return high + detail::odd_sum(middle, lowest);
 #endif
 }
 

@@ -13,6 +13,8 @@
 #include <cmath>
 #include <cstdint>
 
+#include "hardware/cpu/vector_types.h"
+
 // A call that is not expanded would keep the loop around it from becoming vector code.
 #if defined(__GNUC__)
 #define ORNIK_IN_PLACE [[gnu::always_inline]] inline
@@ -22,17 +24,11 @@
 
 namespace ornik::elementary {
 
+using device::cpu::vec::fused_in_range;
+
 template <typename T>
 ORNIK_IN_PLACE T fused(T a, T b, T c) {
-#if defined(__FMA__) || defined(__ARM_FEATURE_FMA) || (defined(_MSC_VER) && defined(__AVX2__))
-    return std::fma(a, b, c);
-#else
-    if constexpr (sizeof(T) == sizeof(float)) {
-        return static_cast<float>(double{a} * double{b} + double{c});
-    } else {
-        return a * b + c;
-    }
-#endif
+    return fused_in_range(a, b, c);
 }
 
 /// c0 + c1 x + c2 x^2 + ...
