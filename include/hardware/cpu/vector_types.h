@@ -114,7 +114,7 @@ ORNIK_EXPAND double odd_sum(double a, double b) {
 
 /// The half of the digits that are worth most.
 ORNIK_EXPAND double upper_half(double x) {
-    const double scaled = x * 0x1.000002p27;
+    const double scaled = x * 0x1.0000002p27;
     return scaled - (scaled - x);
 }
 
