@@ -7,6 +7,8 @@
 #include <cstring>
 #include <span>
 
+#include "conv_copy.h"
+#include "conv_parts.h"
 #include "conv_pass.h"
 #include "descriptors/tile_transpose.h"
 #include "hardware/allocator.h"
@@ -49,7 +51,7 @@ class Scratch {
     T* data_;
 };
 
-/// How the slots of one channel lie: neighbouring taps of a row share slots, rows end with what the last taps
+/// How the slots of one channel lie: neighbouring taps of a row share slots, and rows end with what the last taps
 /// reach; or every tap of a row has rows of its own, so that the positions of a tile follow each other without gaps.
 enum class SlotLayout { shared, linear };
 
@@ -63,34 +65,21 @@ struct StageSpan {
     std::int64_t count;
 };
 
-/// A row of slots that is copied from others.
-struct RestCopy {
-    std::int64_t slot;
-    std::int64_t from;
-};
-
 /// Tiles of one pass with their slots.
 class StagePlan {
   public:
-    /// With shared slots, those of the last `rest_cols` columns of positions may be had without gaps, too: behind the
-    /// others, with rows of their own for every tap of a row.
-    StagePlan(const ConvPass& conv_pass, TileShape tile_shape, SlotLayout slot_layout, std::int64_t rest_cols = 0);
+    StagePlan(const ConvPass& conv_pass, TileShape tile_shape, SlotLayout layout);
 
     ConvPass pass;
     TileShape tile;
-    SlotLayout layout;
-    std::int64_t rest;
     std::int64_t row_tiles;
     std::int64_t col_tiles;
-    std::int64_t plane;                   // slots of one channel
-    std::int64_t slot_row;                // slots from one row of positions to the next
-    std::vector<std::int64_t> taps;       // slot of the tile's first position, per tap
-    std::vector<std::int64_t> rest_taps;  // the same for the first position of the rest
-    std::vector<std::int64_t> kernels;    // position in the kernel, per tap
+    std::int64_t plane;                 // slots of one channel
+    std::int64_t slot_row;              // slots from one row of positions to the next
+    std::vector<std::int64_t> taps;     // slot of the tile's first position, per tap
+    std::vector<std::int64_t> kernels;  // position in the kernel, per tap
 
     std::int64_t tiles() const { return row_tiles * col_tiles; }
-    /// Where the rows of the rest come from, in order.
-    const std::vector<RestCopy>& rest_copies() const { return rest_copies_; }
     /// The slots of a tile, in order.
     std::span<const StageSpan> spans(std::int64_t index) const {
         const auto tile_index = static_cast<std::size_t>(index);
@@ -98,9 +87,8 @@ class StagePlan {
     }
 
   private:
-    void add_span(std::int64_t slot, std::int64_t length, std::int64_t row, std::int64_t col);
+    void add_span(std::int64_t slot, std::int64_t row, std::int64_t col);
 
-    std::vector<RestCopy> rest_copies_;
     std::vector<StageSpan> spans_;
     std::vector<std::size_t> first_spans_;  // per tile, and the end
 };
@@ -129,24 +117,6 @@ void zero_pieces(T* to, std::int64_t count) {
     }
 }
 
-/// Reads and writes no more than `count` elements; `ahead` elements on is what will be copied next.
-template <typename T>
-void copy_run(const T* from, std::int64_t count, [[maybe_unused]] std::int64_t ahead, T* to) {
-    if (count < piece<T>) {
-        for (std::int64_t i = 0; i < count; ++i) {
-            to[i] = from[i];
-        }
-        return;
-    }
-    for (std::int64_t i = 0; i + piece<T> <= count; i += piece<T>) {
-#if defined(__GNUC__)
-        __builtin_prefetch(from + i + ahead);
-#endif
-        copy_piece(from + i, to + i);
-    }
-    copy_piece(from + count - piece<T>, to + count - piece<T>);
-}
-
 /// slots[channel * plan.plane + slot] for `channels` source planes.
 template <typename T>
 void stage_planes(const StagePlan& plan, const Tile& tile, const T* source, std::int64_t channels, T* slots) {
@@ -160,19 +130,18 @@ void stage_planes(const StagePlan& plan, const Tile& tile, const T* source, std:
             zero_pieces(to, span.begin);
             const T* first = plane + span.source;
             if (step == 1) {
-                copy_run(first, span.count, plan.pass.source_plane(), to + span.begin);
+                for (std::int64_t k = 0; k < span.count; k += 64 / static_cast<std::int64_t>(sizeof(T))) {
+                    vec::prefetch(first + plan.pass.source_plane() + k);
+                }
+                copy_row(as_real(first), span.count * parts<T>, as_real(to + span.begin));
+            } else if (step == 2 && parts<T> == 1) {
+                copy_every_second(as_real(first), span.count, as_real(to + span.begin));
             } else {
                 for (std::int64_t k = 0; k < span.count; ++k) {
                     to[span.begin + k] = first[k * step];
                 }
             }
             zero_pieces(to + span.begin + span.count, span.length - span.begin - span.count);
-        }
-        // What is copied beyond the end of a row is written over by the next one.
-        for (const RestCopy& copy : plan.rest_copies()) {
-            for (std::int64_t i = 0; i < plan.rest; i += piece<T>) {
-                copy_piece(slots + c * plan.plane + copy.from + i, slots + c * plan.plane + copy.slot + i);
-            }
         }
     }
 }

@@ -17,6 +17,7 @@ struct ConvSum {
     std::int64_t groups;
     std::int64_t source_channels;
     std::int64_t target_channels;
+    std::int64_t kernel_elements;
     std::int64_t group_stride;
     std::int64_t target_stride;
     std::int64_t source_stride;

@@ -146,7 +146,7 @@ class SlotWeight {
         }
         if constexpr (parts<T> == 2) {
             for (std::int64_t row = 0; row < item_sums_; row += 2 * row_) {
-                join_parts(sums + row, row_, row_, T(0));
+                join_parts(sums + row, row_, row_);
             }
         }
     }

@@ -1,0 +1,93 @@
+// conv_lane_kernel.h: sums of a few positions for two vectors of target channels. Internal; for *_vector.cpp alone.
+//
+// Lanes are target channels, a position's source value is broadcast. Everything that a chain needs stays in registers.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <utility>
+
+#include "hardware/cpu/vector_types.h"
+
+namespace ornik::device::cpu {
+namespace {
+
+template <typename T>
+constexpr int lane_width = vec::lanes<T>;
+constexpr int lane_vectors = 2;  // of a panel
+/// Positions that go together: their sums, two weights and a source value fill the registers.
+constexpr int lane_positions = vec::vector_registers == 32 ? 14 : 6;
+
+/// One chain: for position q and lane i
+///     sum = sum over k < steps of weights[k * width + i] * slots[offsets[k] + q],
+/// stored to out[q * width + i] or added to what is there; width is that of `Vectors` vectors.
+template <typename T>
+struct LaneChain {
+    const T* slots;
+    const std::int64_t* offsets;
+    const T* weights;
+    std::int64_t steps;
+    bool first;
+    T* out;
+};
+
+template <typename T, int Vectors, int Positions>
+[[gnu::noinline]] void lane_chain(const LaneChain<T>& in) {
+    using V = vec::Vector<T>;
+    constexpr int width = Vectors * lane_width<T>;
+    V sums[Vectors][Positions];
+#pragma GCC unroll 16
+    for (int v = 0; v < Vectors; ++v) {
+#pragma GCC unroll 16
+        for (int q = 0; q < Positions; ++q) {
+            sums[v][q] = V{};
+        }
+    }
+    const T* weights = in.weights;
+    const T* const slots = in.slots;
+    const std::int64_t* const end = in.offsets + in.steps;
+    for (const std::int64_t* offset = in.offsets; offset < end; ++offset, weights += width) {
+        const T* values = slots + *offset;
+        V weight[Vectors];
+#pragma GCC unroll 16
+        for (int v = 0; v < Vectors; ++v) {
+            weight[v] = vec::load<V>(weights + v * lane_width<T>);
+        }
+#pragma GCC unroll 16
+        for (int q = 0; q < Positions; ++q) {
+            const V value = vec::broadcast<V>(values[q]);
+#pragma GCC unroll 16
+            for (int v = 0; v < Vectors; ++v) {
+                sums[v][q] = vec::fused(value, weight[v], sums[v][q]);
+            }
+        }
+    }
+    T* const out = in.out;
+#pragma GCC unroll 16
+    for (int q = 0; q < Positions; ++q) {
+#pragma GCC unroll 16
+        for (int v = 0; v < Vectors; ++v) {
+            T* to = out + q * width + v * lane_width<T>;
+            vec::store(in.first ? sums[v][q] : vec::load<V>(to) + sums[v][q], to);
+        }
+    }
+}
+
+template <typename T>
+using LaneChainFunction = void (*)(const LaneChain<T>&);
+
+template <typename T, int Vectors, int... Position>
+constexpr std::array<LaneChainFunction<T>, sizeof...(Position)> lane_chains_of(
+    std::integer_sequence<int, Position...> /*positions*/) {
+    return {&lane_chain<T, Vectors, Position + 1>...};
+}
+
+/// For `count` positions.
+template <typename T, int Vectors>
+LaneChainFunction<T> lane_chain_for(std::int64_t count) {
+    static constexpr auto chains = lane_chains_of<T, Vectors>(std::make_integer_sequence<int, lane_positions>());
+    return chains[static_cast<std::size_t>(count - 1)];
+}
+
+}  // namespace
+}  // namespace ornik::device::cpu
