@@ -13,6 +13,7 @@ import argparse
 import json
 import os
 import pathlib
+import re
 import subprocess
 import sys
 
@@ -20,12 +21,14 @@ PROGRAMS = ("bench_ornik", "bench_peer", "bench_machine")
 
 
 def run_once(program, options):
-    """Rows of one run, with the best time of all repetitions: name -> (microseconds, bytes, flops)."""
+    """Rows of one run, with the best time of all repetitions: name -> (microseconds, bytes, flops, peak memory)."""
     command = [
         str(program),
         "--benchmark_format=json",
         f"--benchmark_min_time={options.min_time}",
         f"--benchmark_repetitions={options.repetitions}",
+        # A machine slows down for seconds at a time: rows that are compared must meet the same seconds.
+        "--benchmark_enable_random_interleaving=true",
     ]
     if options.filter:
         # The rows that rate the others always run.
@@ -39,9 +42,10 @@ def run_once(program, options):
     rows = {}
     if result.stdout.strip():
         for row in json.loads(result.stdout)["benchmarks"]:
-            name = row["run_name"].removesuffix("/real_time")
+            name = re.sub("/(real_time|iterations:[0-9]+)$", "", row["run_name"])
             if row["run_type"] == "iteration" and (name not in rows or row["real_time"] < rows[name][0]):
-                rows[name] = (row["real_time"], row.get("bytes", 0), row.get("flops", 0))
+                counters = (row.get(counter, 0) for counter in ("bytes", "flops", "peak"))
+                rows[name] = (row["real_time"], *counters)
     return rows
 
 
@@ -63,12 +67,14 @@ def in_units(microseconds):
 
 def rate(own, machine):
     """How close a row of ours comes to what the machine can do."""
-    microseconds, moved, flops = own
+    microseconds, moved, flops, peak_memory = own
+    if peak_memory:
+        return f"{peak_memory / 1e6:.2f} MB at most"
     if moved and "copy/existing" in machine:
-        copy_time, copy_bytes, _ = machine["copy/existing"]
+        copy_time, copy_bytes, *_ = machine["copy/existing"]
         return f"{100 * moved / microseconds / (copy_bytes / copy_time):.0f} % of copy bandwidth"
     if flops and "peak/multiply_add" in machine:
-        peak_time, _, peak_flops = machine["peak/multiply_add"]
+        peak_time, _, peak_flops, *_ = machine["peak/multiply_add"]
         speed = flops / microseconds
         return f"{speed / 1000:.0f} GFLOP/s, {100 * speed / (peak_flops / peak_time):.0f} % of peak"
     return ""

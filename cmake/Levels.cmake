@@ -17,6 +17,7 @@ foreach(level IN LISTS ornik_further_levels)
     $<TARGET_OBJECTS:${shared_objects}> $<TARGET_OBJECTS:ornik_${level}_product_objects>
     $<TARGET_OBJECTS:ornik_${level}_row_objects>)
   target_link_libraries(ornik_level_${level} PRIVATE OpenMP::OpenMP_CXX ${ornik_zlib} ornik_options)
+  target_link_options(ornik_level_${level} PRIVATE ${ornik_link_options})
   set_target_properties(ornik_level_${level} PROPERTIES
     LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/levels/${level})
 endforeach()

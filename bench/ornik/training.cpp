@@ -25,17 +25,20 @@ void pass_row(
         pass();
         drop();
     });
-    benchmark::RegisterBenchmark((name + "/peak").c_str(), [=](benchmark::State& state) {
-        pass();
-        drop();
-        const std::uint64_t before = ornik::cpu_memory_used();
-        ornik::reset_cpu_memory_peak();
-        for (auto _ : state) {
-            pass();
-            drop();
-        }
-        state.counters["peak"] = static_cast<double>(ornik::cpu_memory_peak() - before);
-    })->Iterations(2);
+    benchmark::RegisterBenchmark((name + "/peak").c_str(),
+                                 [=](benchmark::State& state) {
+                                     pass();
+                                     drop();
+                                     const std::uint64_t before = ornik::cpu_memory_used();
+                                     ornik::reset_cpu_memory_peak();
+                                     for (auto _ : state) {
+                                         pass();
+                                         drop();
+                                     }
+                                     state.counters["peak"] = static_cast<double>(ornik::cpu_memory_peak() - before);
+                                 })
+        ->Iterations(2)
+        ->Unit(benchmark::kMicrosecond);
 }
 
 void network_rows_of(std::int64_t batch) {

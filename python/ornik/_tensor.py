@@ -142,6 +142,9 @@ class KTensor(_ornik.KTensorBase):
         def __getitem__(self, key: Any, /) -> KTensor: ...
         def __setitem__(self, key: Any, value: Any, /) -> None: ...
         def __buffer__(self, flags: int, /) -> memoryview: ...
+        def item(self) -> builtins.bool | int | float | complex: ...
+        def tolist(self) -> Any: ...
+        def reshape(self, *shape: Any) -> KTensor: ...
 
     # ---- What it is ----
 
@@ -183,14 +186,6 @@ class KTensor(_ornik.KTensorBase):
         return _ornik.is_read_only(self)
 
     # ---- As other things ----
-
-    def item(self) -> builtins.bool | int | float | complex:
-        """The only element as a number of Python's."""
-        return _ornik.item(self)
-
-    def tolist(self) -> Any:
-        """Nested lists of Python's numbers; a number where there are no axes."""
-        return _ornik.tolist(self)
 
     def numpy(self) -> NDArray[Any]:
         """An array of NumPy on the same memory."""
@@ -245,10 +240,10 @@ class KTensor(_ornik.KTensorBase):
     def __complex__(self) -> complex:
         if self.size != 1:
             raise TypeError(f"complex(): a tensor of {self.size} elements is no single number")
-        return complex(_ornik.item(self))
+        return complex(self.item())
 
     def __format__(self, spec: str) -> str:
-        return format(_ornik.item(self), spec) if spec and self.ndim == 0 else format(str(self), spec)
+        return format(self.item(), spec) if spec and self.ndim == 0 else format(str(self), spec)
 
     def _text(self, prefix: str = "", separator: str = " ", suffix: str = "") -> str:
         import numpy
@@ -368,10 +363,6 @@ class KTensor(_ornik.KTensorBase):
     def astype(self, dtype: DTypeLike, /, *, copy: builtins.bool = True) -> KTensor:
         """The elements as another dtype; see :func:`ornik.astype`."""
         return _shapes.astype(self, dtype, copy=copy)
-
-    def reshape(self, *shape: Any) -> KTensor:
-        """``x.reshape(2, -1)`` or ``x.reshape((2, -1))``; see :func:`ornik.reshape`."""
-        return _ornik.reshape(self, shape[0] if len(shape) == 1 else shape)
 
     def view(self, *shape: Any) -> KTensor:
         """``reshape`` that refuses to copy."""

@@ -3,12 +3,18 @@
 #include <structmember.h>
 
 #include <cstddef>
+#include <memory>
 #include <new>
+#include <optional>
 #include <vector>
 
 #include "errors.h"
 #include "gil.h"
 #include "ktensor/autograd.h"
+#include "ktensor/indexing.h"
+#include "ktensor/shapes.h"
+#include "tensor/geometry.h"
+#include "tensor/tensor.h"
 
 namespace ornik::python {
 
@@ -30,7 +36,7 @@ void begin(PyObject* self, KTensor&& tensor) {
     Object* object = as_object(self);
     new (&object->tensor) KTensor(std::move(tensor));
     object->shape = nullptr;
-    object->position = -1;
+    object->view = View();
     object->weak_references = nullptr;
 }
 
@@ -85,6 +91,62 @@ void destroy(PyObject* self) {
         type->tp_free(self);
     }
     Py_DECREF(type);
+}
+
+Dims numbers_in(PyObject* tuple) {
+    Dims numbers(static_cast<std::size_t>(PyTuple_GET_SIZE(tuple)));
+    for (std::size_t i = 0; i < numbers.size(); ++i) {
+        numbers[i] = PyLong_AsLongLong(PyTuple_GET_ITEM(tuple, static_cast<Py_ssize_t>(i)));
+    }
+    return numbers;
+}
+
+// The view as an operation on x, for its gradient.
+KTensor recorded_view(const KTensor& x, const View& view, PyObject* shape) {
+    switch (view.kind) {
+        case View::Kind::position:
+            return x[view.a];
+        case View::Kind::range: {
+            const std::int64_t end = view.a + view.b * view.c;
+            Slice slice{view.a, std::nullopt, view.c};
+            if (end >= 0) {
+                slice.end = end;
+            }
+            return x.index({slice});
+        }
+        case View::Kind::element:
+            return x.index({view.a, view.b});
+        default:
+            return reshape(x, numbers_in(shape));
+    }
+}
+
+KTensor plain_view(const KTensor& x, const View& view, PyObject* tuple) {
+    Dims shape = x.shape();
+    Dims strides = x.strides();
+    std::int64_t offset = view.a * (strides.empty() ? 0 : strides[0]);
+    switch (view.kind) {
+        case View::Kind::position:
+            shape.erase(shape.begin());
+            strides.erase(strides.begin());
+            break;
+        case View::Kind::range:
+            shape[0] = view.b;
+            strides[0] *= view.c;
+            break;
+        case View::Kind::element:
+            offset += view.b * strides[1];
+            shape.clear();
+            strides.clear();
+            break;
+        default:
+            offset = 0;
+            shape = numbers_in(tuple);
+            strides = shape2stride(shape);
+    }
+    const Tensor& t = *x.tensor();
+    return KTensor(std::unique_ptr<Tensor>(
+        share_storage_tensor(t.getStorage(), shape, strides, t.Dtype(), t.StorageOffset() + offset)));
 }
 
 PyObject* register_class(PyObject*, PyObject* type) {
@@ -147,20 +209,22 @@ void watch_tensors(PyObject* self) noexcept {
     }
 }
 
-PyObject* wrap_slice(const KTensor& x, std::int64_t position) noexcept {
+PyObject* wrap_view(const KTensor& x, const View& view, PyObject* shape) noexcept {
     PyObject* self = wrap(x);
     if (self != nullptr) {
-        as_object(self)->position = position;
+        as_object(self)->view = view;
+        as_object(self)->shape = Py_XNewRef(shape);
     }
     return self;
 }
 
-void make_slice(Object* object) {
-    // A write that was recorded since has given the whole a past, which is the slice's, too. One that merely asks for
+void make_view(Object* object) {
+    // A write that was recorded since has given the whole a past, which is the view's, too. One that merely asks for
     // gradients since does not reach back.
-    const GradMode mode(grad_enabled() && !object->tensor.is_leaf());
-    object->tensor = KTensor(object->tensor[object->position]);
-    object->position = -1;
+    const KTensor& x = object->tensor;
+    object->tensor =
+        x.is_leaf() ? plain_view(x, object->view, object->shape) : recorded_view(x, object->view, object->shape);
+    object->view = View();
 }
 
 PyObject* tuple_of(const Dims& numbers) noexcept {
@@ -185,6 +249,13 @@ PyObject* shape_tuple(PyObject* self) noexcept {
 }
 
 int add_tensor_type(PyObject* module) {
+    static std::vector<PyMethodDef> methods;
+    for (PyMethodDef* more : {number_methods(), shape_methods()}) {
+        for (; more->ml_name != nullptr; ++more) {
+            methods.push_back(*more);
+        }
+    }
+    methods.push_back({nullptr, nullptr, 0, nullptr});
     std::vector<PyType_Slot> slots{
         {Py_tp_new, pointer(make)},
         {Py_tp_dealloc, pointer(destroy)},
@@ -192,9 +263,10 @@ int add_tensor_type(PyObject* module) {
         {Py_tp_clear, pointer(clear)},
         {Py_tp_getset, property_table()},
         {Py_tp_members, members},
+        {Py_tp_methods, methods.data()},
         {Py_tp_doc, const_cast<char*>("What ornik.KTensor derives from: the object that holds a tensor.")},
     };
-    for (PyType_Slot* more : {operator_slots(), subscript_slots(), buffer_slots()}) {
+    for (PyType_Slot* more : {operator_slots(), subscript_slots(), number_slots(), buffer_slots()}) {
         for (; more->slot != 0; ++more) {
             slots.push_back(*more);
         }

@@ -14,10 +14,26 @@
 
 namespace ornik::python {
 
+/// Which view of its tensor an object stands for. It is made when somebody looks at it: most elements and slices are
+/// taken to be looked at once or never, and a single number is read without it.
+struct View {
+    enum class Kind : char {
+        none,      // the tensor itself
+        position,  // x[a]
+        range,     // b positions of the first axis, from a on, c apart
+        element,   // x[a, b] of a matrix
+        shape      // the elements in row-major order, in the shape that the object has
+    };
+    Kind kind = Kind::none;
+    std::int64_t a = 0;
+    std::int64_t b = 0;
+    std::int64_t c = 0;
+};
+
 struct Object {
     PyObject_HEAD KTensor tensor;
-    std::int64_t position;  // -1, or: this is the slice at this position of the first axis of `tensor`
-    PyObject* shape;        // a tuple, made when it is first asked for
+    View view;
+    PyObject* shape;  // a tuple, made when it is first asked for
     PyObject* weak_references;
 };
 
@@ -32,13 +48,13 @@ int add_tensor_type(PyObject* module);
 inline bool is_tensor(PyObject* object) {
     return Py_TYPE(object) == instance_type || PyObject_TypeCheck(object, base_type);
 }
-/// Makes the view that an object of wrap_slice() stands for.
-void make_slice(Object* object);
+/// Makes the view that an object of wrap_view() stands for.
+void make_view(Object* object);
 /// Of an object that is_tensor.
 inline KTensor& tensor_in(PyObject* object) {
     auto* self = reinterpret_cast<Object*>(object);
-    if (self->position >= 0) {
-        make_slice(self);
+    if (self->view.kind != View::Kind::none) {
+        make_view(self);
     }
     return self->tensor;
 }
@@ -46,9 +62,8 @@ inline KTensor& tensor_in(PyObject* object) {
 /// A new object, None for an undefined tensor. Null with an exception set when memory is short.
 PyObject* wrap(KTensor tensor) noexcept;
 
-/// A new object for the slice at a position of the first axis, which is there; x asks for no gradients. The view is
-/// made when somebody looks at it: most elements are taken to be looked at once or never.
-PyObject* wrap_slice(const KTensor& x, std::int64_t position) noexcept;
+/// A new object for a view of x, which is right for it; x asks for no gradients. `shape` is a tuple or null.
+PyObject* wrap_view(const KTensor& x, const View& view, PyObject* shape = nullptr) noexcept;
 
 /// From now on the collector of garbage looks at objects whose tensors have a past: a Python function may hang on them,
 /// which may lead back to the object. `self`, if any, is one that has been
@@ -62,10 +77,13 @@ PyObject* shape_tuple(PyObject* self) noexcept;
 /// A tuple of whole numbers.
 PyObject* tuple_of(const Dims& numbers) noexcept;
 
-// The parts of the type, by file: properties.cpp, operators.cpp, subscripts.cpp, buffer.cpp.
+// The parts of the type, by file: properties.cpp, operators.cpp, subscripts.cpp, numbers.cpp, shapes.cpp, buffer.cpp.
 PyGetSetDef* property_table();
 PyType_Slot* operator_slots();
 PyType_Slot* subscript_slots();
+PyType_Slot* number_slots();
+PyMethodDef* number_methods();
+PyMethodDef* shape_methods();
 PyType_Slot* buffer_slots();
 
 }  // namespace ornik::python

@@ -1,4 +1,4 @@
-// operators.cpp: the slots of arithmetic, comparison and conversion.
+// operators.cpp: the slots of arithmetic and comparison.
 //
 // Python calls a binary slot for either order of its operands; strangers get NotImplemented, so that their own
 // reflected operator has its turn. Arrays of NumPy count as tensors.
@@ -232,67 +232,6 @@ PyObject* compare(PyObject* a, PyObject* b, int operation) noexcept {
     }
 }
 
-// ---- One number ----
-
-[[noreturn]] void refuse_conversion(const KTensor& t, const char* to) {
-    raise_error(PyExc_TypeError, std::string(to) + "(): a tensor of " + std::to_string(t.size()) +
-                                     " elements is no single number; all() or any() tell about many");
-}
-
-const KTensor& single(PyObject* self, const char* to) {
-    const KTensor& t = tensor_in(self);
-    if (t.size() != 1) {
-        refuse_conversion(t, to);
-    }
-    return t;
-}
-
-int as_bool(PyObject* self) noexcept {
-    return guarded(
-        [&] {
-            const KTensor& t = tensor_in(self);
-            if (t.size() != 1) {
-                raise_error(PyExc_ValueError, "the truth of a tensor of " + std::to_string(t.size()) +
-                                                  " elements is ambiguous; use all() or any()");
-            }
-            return (t.is_complex() ? not_equal(t.detach(), Scalar(0.0F)) : astype(t.detach(), dtype::boolean))
-                           .item<bool>()
-                       ? 1
-                       : 0;
-        },
-        -1);
-}
-
-PyObject* as_float(PyObject* self) noexcept {
-    return guarded([&] {
-        const KTensor& t = single(self, "float");
-        if (t.is_complex()) {
-            raise_error(PyExc_TypeError, "float(): a complex number is no real one");
-        }
-        return PyFloat_FromDouble(t.item<double>());
-    });
-}
-
-PyObject* as_int(PyObject* self) noexcept {
-    return guarded([&]() -> PyObject* {
-        const KTensor& t = single(self, "int");
-        if (t.is_complex()) {
-            raise_error(PyExc_TypeError, "int(): a complex number is no real one");
-        }
-        return t.is_floating() ? PyLong_FromDouble(t.item<double>()) : PyLong_FromLongLong(t.item<std::int64_t>());
-    });
-}
-
-PyObject* as_index(PyObject* self) noexcept {
-    return guarded([&]() -> PyObject* {
-        const KTensor& t = tensor_in(self);
-        if (t.ndim() != 0 || !is_dtype_class(t.dtype(), DtypeClass::integral)) {
-            raise_error(PyExc_TypeError, "only whole numbers without axes serve as an index");
-        }
-        return PyLong_FromLongLong(t.item<std::int64_t>());
-    });
-}
-
 // By the tensor itself: tensors are keys of dictionaries although == compares their elements.
 Py_hash_t hash(PyObject* self) noexcept {
     const auto address = reinterpret_cast<std::uintptr_t>(tensor_in(self).impl());
@@ -334,10 +273,6 @@ PyType_Slot* operator_slots() {
         {Py_nb_positive, pointer(unary<positive>)},
         {Py_nb_absolute, pointer(unary<ornik::abs>)},
         {Py_nb_invert, pointer(unary<bitwise_not>)},
-        {Py_nb_bool, pointer(as_bool)},
-        {Py_nb_float, pointer(as_float)},
-        {Py_nb_int, pointer(as_int)},
-        {Py_nb_index, pointer(as_index)},
         {Py_tp_richcompare, pointer(compare)},
         {Py_tp_hash, pointer(hash)},
         {0, nullptr},

@@ -81,76 +81,11 @@ PyGetSetDef table[] = {
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };
 
-PyObject* item(const KTensor& t) {
-    if (t.dtype() == dtype::boolean) {
-        return PyBool_FromLong(t.item<bool>() ? 1 : 0);
-    }
-    if (t.is_complex()) {
-        const auto value = t.item<std::complex<double>>();
-        return PyComplex_FromDoubles(value.real(), value.imag());
-    }
-    return t.is_floating() ? PyFloat_FromDouble(t.item<double>()) : PyLong_FromLongLong(t.item<std::int64_t>());
-}
-
-// The number at an address.
-PyObject* number_at(const char* at, std::int64_t code) {
-    const auto load = [at]<typename T>(T value) {
-        std::memcpy(&value, at, sizeof value);
-        return value;
-    };
-    switch (code) {
-        case dtype::boolean:
-            return PyBool_FromLong(*at != 0 ? 1 : 0);
-        case dtype::uint8:
-            return PyLong_FromLong(load(std::uint8_t{}));
-        case dtype::int8:
-            return PyLong_FromLong(load(std::int8_t{}));
-        case dtype::int16:
-            return PyLong_FromLong(load(std::int16_t{}));
-        case dtype::int32:
-            return PyLong_FromLong(load(std::int32_t{}));
-        case dtype::int64:
-            return PyLong_FromLongLong(load(std::int64_t{}));
-        case dtype::float32:
-            return PyFloat_FromDouble(static_cast<double>(load(float{})));
-        case dtype::float64:
-            return PyFloat_FromDouble(load(double{}));
-        case dtype::complex64: {
-            const auto value = load(std::complex<float>());
-            return PyComplex_FromDoubles(static_cast<double>(value.real()), static_cast<double>(value.imag()));
-        }
-        default: {
-            const auto value = load(std::complex<double>());
-            return PyComplex_FromDoubles(value.real(), value.imag());
-        }
-    }
-}
-
-nb::object nested(const Tensor& t, std::size_t axis, const char* at) {
-    if (axis == t.Shape().size()) {
-        return nb::steal(checked(number_at(at, t.Dtype())));
-    }
-    const std::int64_t extent = t.Shape()[axis];
-    const std::int64_t step = t.Strides()[axis] * dtype_item_size(t.Dtype());
-    nb::object list = nb::steal(checked(PyList_New(extent)));
-    for (std::int64_t i = 0; i < extent; ++i) {
-        PyList_SET_ITEM(list.ptr(), i, nested(t, axis + 1, at + i * step).release().ptr());
-    }
-    return list;
-}
-
 }  // namespace
 
 PyGetSetDef* property_table() { return table; }
 
 void add_properties(nb::module_& m) {
-    m.def(
-        "item", [](const KTensor& t) { return nb::steal(checked(item(t))); },
-        nb::sig("def item(x: ornik.KTensor, /) -> bool | int | float | complex"));
-    m.def(
-        "tolist",
-        [](const KTensor& t) { return nested(*t.tensor(), 0, static_cast<const char*>(t.tensor()->getRawData())); },
-        nb::sig("def tolist(x: ornik.KTensor, /) -> typing.Any"));
     m.def("to_string", [](const KTensor& t, int precision) { return t.to_string(precision); });
     m.def("is_contiguous", [](const KTensor& t) { return t.is_contiguous(); });
     m.def("is_read_only", [](const KTensor& t) { return t.tensor()->getStorage()->read_only(); });

@@ -140,20 +140,55 @@ std::vector<Index> items_of(const KTensor& x, PyObject* key) {
     return items;
 }
 
+// A position counted from either end, or -1 where the axis has none there.
+std::int64_t place_of(PyObject* item, std::int64_t extent) {
+    const std::int64_t position = position_of(item);
+    const std::int64_t place = position < 0 ? position + extent : position;
+    return place < extent ? std::max<std::int64_t>(place, -1) : -1;
+}
+
+// Of a tensor that asks for no gradients: the usual views, which need no library yet. Nothing for all others, and
+// where something is wrong.
+std::optional<View> simple_view(PyObject* self, PyObject* key) {
+    using Kind = View::Kind;
+    if (PySlice_Check(key)) {
+        Py_ssize_t begin = 0;
+        Py_ssize_t end = 0;
+        Py_ssize_t step = 0;
+        if (PySlice_Unpack(key, &begin, &end, &step) != 0) {
+            throw nb::python_error();
+        }
+        const KTensor& x = tensor_in(self);  // Only now: Python code may have run.
+        if (x.wants_grad() || x.shape().empty()) {
+            return std::nullopt;
+        }
+        const std::int64_t extent = x.shape()[0];
+        const Py_ssize_t count = PySlice_AdjustIndices(extent, &begin, &end, step);
+        if (count == 0 || step > extent || step < -extent) {
+            return std::nullopt;
+        }
+        return View{Kind::range, begin, count, step};
+    }
+    const KTensor& x = tensor_in(self);
+    const Dims& shape = x.shape();
+    if (x.wants_grad() || shape.empty()) {
+        return std::nullopt;
+    }
+    View view;
+    if (PyLong_CheckExact(key) != 0) {
+        view = {Kind::position, place_of(key, shape[0])};
+    } else if (PyTuple_CheckExact(key) && PyTuple_GET_SIZE(key) == 2 && shape.size() == 2 &&
+               PyLong_CheckExact(PyTuple_GET_ITEM(key, 0)) && PyLong_CheckExact(PyTuple_GET_ITEM(key, 1))) {
+        view = {Kind::element, place_of(PyTuple_GET_ITEM(key, 0), shape[0]),
+                place_of(PyTuple_GET_ITEM(key, 1), shape[1])};
+    }
+    return view.kind != Kind::none && view.a >= 0 && view.b >= 0 ? std::optional(view) : std::nullopt;
+}
+
 PyObject* read(PyObject* self, PyObject* key) noexcept {
     return guarded([&] {
-        if (PyLong_CheckExact(key) != 0) {
-            const KTensor& own = tensor_in(self);
-            std::int64_t position = position_of(key);
-            const Dims& shape = own.shape();
-            if (!shape.empty() && !own.wants_grad()) {
-                position += position < 0 ? shape[0] : 0;
-                if (position >= 0 && position < shape[0]) {
-                    return wrap_slice(own, position);
-                }
-                position = position_of(key);
-            }
-            return wrap(own[position]);
+        if (const std::optional<View> view = simple_view(self, key)) {
+            return wrap_view(tensor_in(self), *view);
         }
         const std::vector<Index> items = items_of(tensor_in(self), key);
         if (!picks_elements(items)) {

@@ -149,6 +149,61 @@ def test_subscripts(index):
                 check(x, written)
 
 
+# Views that the package makes when somebody looks at them, and, behind the first nine, views of such views.
+LATE = (
+    lambda x: x[1], lambda x: x[-1], lambda x: x[1:3], lambda x: x[::-2], lambda x: x[-1:0:-1], lambda x: x[2, 1],
+    lambda x: x[-1, -3], lambda x: x.reshape(2, 6), lambda x: x.reshape((-1,)), lambda x: x.reshape(-1, 1, 4)[0],
+    lambda x: x[0][2], lambda x: x[1:][1, 2], lambda x: x.T[1], lambda x: x.T[1, 0], lambda x: x.reshape(12)[::-3][1],
+)  # fmt: skip
+
+
+@pytest.mark.parametrize("number", range(len(LATE)))
+def test_views_that_are_looked_at_late(number):
+    view = LATE[number]
+    places = view(np.arange(12).reshape(3, 4))
+    a = np.arange(10.0, 22.0)
+    x = ornik.asarray(a.reshape(3, 4))
+    late, read, shown = view(x), view(x), view(x)
+    a += 1
+    assert shown.shape == places.shape and read.tolist() == a[places].tolist()
+    if places.shape == ():  # A number is read without the view.
+        assert view(x).item() == float(view(x)) == int(view(x)) == a[places] and bool(view(x))
+    check(late, a[places])
+    late.fill_(7)
+    assert np.flatnonzero(a == 7).tolist() == np.sort(places, axis=None).tolist()
+    # What is recorded between the view and the look counts, but not that its tensor asks for gradients since.
+    if number < 9:
+        x, w = ornik.zeros((3, 4)), ornik.ones((3, 4))
+        late = view(x)
+        w.requires_grad = True
+        x += w
+        late.sum().backward()
+        assert np.flatnonzero(np.asarray(w.grad)).tolist() == np.sort(places, axis=None).tolist()
+        x = ornik.ones((3, 4))
+        late = view(x)
+        x.requires_grad = True
+        assert not late.requires_grad
+
+
+def test_reshape_takes_extents_or_a_sequence():
+    x = ornik.arange(6)
+    same = x.reshape(2, 3)
+    for y in (x.reshape((2, 3)), x.reshape([2, -1]), x.reshape(-1, 3), x.reshape(np.int64(2), 3), same.reshape(2, 3)):
+        check(y, np.arange(6).reshape(2, 3))
+    assert ornik.asarray(5).reshape(()).shape == () and ornik.zeros((0, 3)).reshape(3, 0).shape == (3, 0)
+    for shape, error, text in (
+        ((4,), ValueError, "reshape(): [6] int64 has 6 elements, which do not make [4] int64."),
+        ((-1, -1), ValueError, "reshape(): [6] int64 has 6 elements, which do not make [-1, -1] int64."),
+        ((2**62, 4), ValueError, f"reshape(): [6] int64 has 6 elements, which do not make [{2**62}, 4] int64."),
+        ((2**70,), OverflowError, "an extent has to fit in 64 bits"),
+        ((2.0, 3), TypeError, "an extent is a whole number, but got float"),
+        (("ab",), TypeError, "a shape (a whole number or a sequence of them) is wanted, but got str"),
+    ):
+        with pytest.raises(error) as caught:
+            x.reshape(*shape)
+        assert str(caught.value) == text
+
+
 def test_subscripts_by_tensors_and_refusals():
     a = np.arange(12).reshape(3, 4)
     x = ornik.asarray(a)
