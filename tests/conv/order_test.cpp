@@ -86,6 +86,58 @@ Values<T> sums(const Shape& s, bool to_grid, const Values<T>& source, const Valu
     return result;
 }
 
+// The gradient of the weight.
+template <typename T>
+Values<T> weight_sums(const Shape& s, const Values<T>& image, const Values<T>& grid) {
+    const bool column = s.cols.image == 1 && s.cols.grid() == 1 && s.cols.kernel == 1 && s.cols.padding == 0;
+    const std::int64_t rows = column ? 1 : s.rows.grid(), cols = column ? s.rows.grid() : s.cols.grid();
+    const std::int64_t block_rows = std::clamp<std::int64_t>(256 / cols, 1, rows),
+                       block_cols = std::min<std::int64_t>(cols, 256);
+    const std::int64_t samples = std::clamp<std::int64_t>(256 / (rows * cols), 1, s.batch);
+    const std::int64_t across = (cols + block_cols - 1) / block_cols,
+                       tiles = (rows + block_rows - 1) / block_rows * across;
+    const std::int64_t blocks = (s.batch + samples - 1) / samples * tiles;
+    const std::int64_t count = s.groups * s.grid_channels * s.image_channels * s.kernel();
+    const std::int64_t chunks = std::clamp<std::int64_t>((1 << 20) / count, 1, std::min<std::int64_t>(blocks, 16));
+    Values<T> result;
+    for (std::int64_t at = 0; at < count; ++at) {
+        const std::int64_t tap = at % s.kernel(), c = at / s.kernel() % s.image_channels;
+        const std::int64_t channel = at / s.kernel() / s.image_channels;  // of the grid
+        const std::int64_t image_channel = channel / s.grid_channels * s.image_channels + c;
+        T total{};
+        for (std::int64_t chunk = 0; chunk < chunks; ++chunk) {
+            T part{};
+            const std::int64_t first = chunk * blocks / chunks;
+            for (std::int64_t b = first; b < (chunk + 1) * blocks / chunks; ++b) {
+                const std::int64_t n0 = b / tiles * samples, y0 = b % tiles / across * block_rows,
+                                   x0 = b % tiles % across * block_cols;
+                T sum{};
+                for (std::int64_t n = n0; n < std::min(n0 + samples, s.batch); ++n) {
+                    for (std::int64_t y = y0; y < std::min(y0 + block_rows, rows); ++y) {
+                        for (std::int64_t x = x0; x < std::min(x0 + block_cols, cols); ++x) {
+                            std::int64_t row = 0, col = 0;
+                            s.rows.source(true, column ? x : y, tap / s.cols.kernel, row);
+                            s.cols.source(true, column ? 0 : x, tap % s.cols.kernel, col);
+                            const bool inside = row >= 0 && row < s.rows.image && col >= 0 && col < s.cols.image;
+                            const std::int64_t from =
+                                ((n * s.groups * s.image_channels + image_channel) * s.rows.image + row) *
+                                    s.cols.image +
+                                col;
+                            const std::int64_t to = ((n * s.groups * s.grid_channels + channel) * rows + y) * cols + x;
+                            sum = std::fma(grid[static_cast<std::size_t>(to)],
+                                           inside ? image[static_cast<std::size_t>(from)] : T(0), sum);
+                        }
+                    }
+                }
+                part = b == first ? sum : part + sum;
+            }
+            total = chunk == 0 ? part : total + part;
+        }
+        result.push_back(total);
+    }
+    return result;
+}
+
 template <typename T>
 void check(const Shape& s, unsigned seed) {
     const std::int64_t dtype = sizeof(T) == sizeof(float) ? dtype::float32 : dtype::float64;
@@ -112,6 +164,8 @@ void check(const Shape& s, unsigned seed) {
         << "forward";
     EXPECT_TRUE(same(sums(s, false, gs, ws, {}), nn::convolution_input_grad(grid.get(), image_shape, weight.get(), p)))
         << "input gradient";
+    EXPECT_TRUE(same(weight_sums(s, is, gs), nn::convolution_weight_grad(grid.get(), image.get(), weight->Shape(), p)))
+        << "weight gradient";
     // The same sums as a layer of its own, where no row or column of the image goes unused.
     p.transposed = true;
     if ((s.rows.grid() - 1) * s.rows.stride + (s.rows.kernel - 1) * s.rows.dilation + 1 - 2 * s.rows.padding ==
@@ -142,6 +196,9 @@ TEST(ConvolutionOrder, EveryKernelKeepsIt) {
         {1, 1, 2, 3, {3, 1, 1, 0, 1}, {1500, 4, 1, 0, 1}},
         {1, 1, 2, 20, {20, 19, 1, 9, 1}, {18, 17, 1, 8, 1}},
         {5, 1, 8, 6, {1, 1, 1, 0, 1}, {1, 1, 1, 0, 1}},
+        {3, 1, 20, 2, {17, 3, 1, 1, 1}, {20, 3, 1, 1, 1}},
+        {2, 1, 90, 130, {4, 3, 1, 1, 1}, {5, 3, 1, 1, 1}},
+        {60, 1, 4, 20, {3, 2, 1, 0, 1}, {4, 2, 1, 0, 1}},
     };
     const std::size_t listed = shapes.size();
     std::mt19937 random(7);

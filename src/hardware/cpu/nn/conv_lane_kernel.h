@@ -20,7 +20,7 @@ constexpr int lane_positions = vec::vector_registers == 32 ? 14 : 6;
 
 /// One chain: for position q and lane i
 ///     sum = sum over k < steps of weights[k * width + i] * slots[offsets[k] + q],
-/// stored to out[q * width + i] or added to what is there; width is that of `Vectors` vectors.
+/// stored to out[q * out_stride + i] or added to what is there; width is that of `Vectors` vectors.
 template <typename T>
 struct LaneChain {
     const T* slots;
@@ -29,6 +29,7 @@ struct LaneChain {
     std::int64_t steps;
     bool first;
     T* out;
+    std::int64_t out_stride;
 };
 
 template <typename T, int Vectors, int Positions>
@@ -67,7 +68,7 @@ template <typename T, int Vectors, int Positions>
     for (int q = 0; q < Positions; ++q) {
 #pragma GCC unroll 16
         for (int v = 0; v < Vectors; ++v) {
-            T* to = out + q * width + v * lane_width<T>;
+            T* to = out + q * in.out_stride + v * lane_width<T>;
             vec::store(in.first ? sums[v][q] : vec::load<V>(to) + sums[v][q], to);
         }
     }
@@ -82,11 +83,27 @@ constexpr std::array<LaneChainFunction<T>, sizeof...(Position)> lane_chains_of(
     return {&lane_chain<T, Vectors, Position + 1>...};
 }
 
-/// For `count` positions.
+/// Runs the chains of `count` neighbouring positions, cut evenly.
 template <typename T, int Vectors>
-LaneChainFunction<T> lane_chain_for(std::int64_t count) {
+void run_lane_chains(LaneChain<T> chain, std::int64_t count) {
     static constexpr auto chains = lane_chains_of<T, Vectors>(std::make_integer_sequence<int, lane_positions>());
-    return chains[static_cast<std::size_t>(count - 1)];
+    for (std::int64_t pieces = (count + lane_positions - 1) / lane_positions; pieces > 0; --pieces) {
+        const std::int64_t piece = (count + pieces - 1) / pieces;
+        chains[static_cast<std::size_t>(piece - 1)](chain);
+        chain.slots += piece;
+        chain.out += piece * chain.out_stride;
+        count -= piece;
+    }
+}
+
+/// For panels of one vector or two.
+template <typename T>
+void run_lane_chains(const LaneChain<T>& chain, std::int64_t width, std::int64_t count) {
+    if (width > lane_width<T>) {
+        run_lane_chains<T, lane_vectors>(chain, count);
+    } else {
+        run_lane_chains<T, 1>(chain, count);
+    }
 }
 
 }  // namespace

@@ -83,13 +83,10 @@ class LaneSum {
                 } else {
                     weights_.write_panel(group, block, target, workspace.weights.get());
                 }
-                LaneChain<T> chain{workspace.slots.get(),    offsets_.data(), weights,
-                                   weights_.steps_of(block), block == 0,      totals(workspace, target - first)};
-                if (weights_.width_at(target) == panel) {
-                    add_block<lane_vectors>(tile, samples, chain);
-                } else {
-                    add_block<1>(tile, samples, chain);
-                }
+                const std::int64_t width = weights_.width_at(target);
+                add_block(tile, samples, width,
+                          {workspace.slots.get(), offsets_.data(), weights, weights_.steps_of(block), block == 0,
+                           totals(workspace, target - first), width});
             }
         }
         for (std::int64_t target = first; target < end; target += panel) {
@@ -135,27 +132,16 @@ class LaneSum {
         return workspace.local.get() + channel * samples_ * positions();
     }
 
-    // A row's positions are cut evenly.
-    template <int Vectors>
-    void add_block(const Tile& tile, std::int64_t samples, LaneChain<T> chain) const {
+    void add_block(const Tile& tile, std::int64_t samples, std::int64_t width, const LaneChain<T>& first) const {
         const bool gapless = plan_.slot_row == tile.cols;
         const std::int64_t rows = gapless ? 1 : tile.rows;
         const std::int64_t cols = gapless ? tile.positions() : tile.cols;
-        const std::int64_t pieces = (cols + lane_positions - 1) / lane_positions;
-        const std::int64_t least = cols / pieces;
-        const std::int64_t longer = cols % pieces;
-        const LaneChainFunction<T> run = lane_chain_for<T, Vectors>(least);
-        const LaneChainFunction<T> run_longer = longer > 0 ? lane_chain_for<T, Vectors>(least + 1) : run;
-        const T* const slots = chain.slots;
+        LaneChain<T> chain = first;
         for (std::int64_t s = 0; s < samples; ++s) {
             for (std::int64_t r = 0; r < rows; ++r) {
-                chain.slots = slots + s * sample_slots() + r * plan_.slot_row;
-                for (std::int64_t i = 0; i < pieces; ++i) {
-                    const std::int64_t count = least + (i < longer ? 1 : 0);
-                    (i < longer ? run_longer : run)(chain);
-                    chain.slots += count;
-                    chain.out += count * Vectors * lane_width<T>;
-                }
+                chain.slots = first.slots + s * sample_slots() + r * plan_.slot_row;
+                run_lane_chains(chain, width, cols);
+                chain.out += cols * width;
             }
         }
     }
@@ -171,34 +157,14 @@ class LaneSum {
                           : workspace.local.get() + samples_ * positions() * cuts_.channels;
         const std::int64_t stride = in_place_ ? plane : count;
         const T* bias = bias_ == nullptr ? nullptr : bias_ + channel;
-        if (count < lane_width<T>) {
-            for (std::int64_t c = 0; c < channels; ++c) {
-                for (std::int64_t p = 0; p < count; ++p) {
-                    to[c * stride + p] = bias == nullptr ? from[p * width + c] : from[p * width + c] + bias[c];
-                }
-            }
+        if (bias == nullptr) {
+            turn_columns(from, width, count, channels, to, stride, [](const auto& v, std::int64_t) { return v; });
         } else {
-            for (std::int64_t p = 0; p < count; p += lane_width<T>) {
-                // The last square overlaps the one before it.
-                const std::int64_t place = std::min(p, count - lane_width<T>);
-                write_square(from + place * width, width, channels, bias, to + place, stride);
-            }
+            turn_columns(from, width, count, channels, to, stride,
+                         [bias](const auto& v, std::int64_t c) { return v + bias[c]; });
         }
         for (std::int64_t c = 0; c < channels && !in_place_; ++c) {
             write_positions(pass, tile, to + c * stride, target + c * plane);
-        }
-    }
-
-    static void write_square(const T* from, std::int64_t width, std::int64_t channels, const T* bias, T* to,
-                             std::int64_t stride) {
-        using V = vec::Vector<T>;
-        V rows[lane_width<T>];
-        for (std::int64_t i = 0; i < lane_width<T>; ++i) {
-            rows[i] = vec::load<V>(from + i * width);
-        }
-        transpose_square<T>(rows);
-        for (std::int64_t c = 0; c < channels; ++c) {
-            vec::store(bias == nullptr ? rows[c] : rows[c] + bias[c], to + c * stride);
         }
     }
 

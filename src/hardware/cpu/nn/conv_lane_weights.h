@@ -1,15 +1,17 @@
-// conv_lane_weights.h: the weights of a convolution with target channels side by side. Internal.
+// conv_lane_weights.h: the weights of a convolution with target channels side by side. Internal; for *_vector.cpp
+// alone.
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
 #include <vector>
 
+#include "conv_transpose.h"
 #include "cpu_conv_kernels.h"
-#include "descriptors/tile_transpose.h"
 #include "hardware/parallel.h"
 
 namespace ornik::device::cpu {
+namespace {
 
 /// For every group, block of source channels and panel of target channels: what a step (channel of the block, tap)
 /// needs, `panel` channels side by side. The last panel of a group may be of fewer vectors; lanes without a channel
@@ -73,19 +75,20 @@ class LaneWeights {
         const auto taps = static_cast<std::int64_t>(kernels_.size());
         const T* from = weight_ + group * sum_.group_stride + target * sum_.target_stride +
                         block * block_channels_ * sum_.source_stride;
-        if (rows < width) {
-            std::fill_n(to, width * channels * taps, T(0));
+        std::vector<std::int64_t> starts;
+        for (std::int64_t o = 0; o < rows; ++o) {
+            starts.push_back(o * sum_.target_stride);
         }
-        constexpr auto item = static_cast<std::int64_t>(sizeof(T));
         const auto turn = [&](const T* first, std::int64_t steps, T* out) {
-            if (width * item % 32 != 0) {
-                for (std::int64_t k = 0; k < steps * rows; ++k) {
-                    out[k / rows * width + k % rows] = first[k % rows * sum_.target_stride + k / rows];
-                }
+            if (width % vec::lanes<T> == 0) {
+                turn_rows(first, starts.data(), rows, width, steps, out, width);
                 return;
             }
-            transpose_tile(out, width, reinterpret_cast<const char*>(first), sum_.target_stride * item, item, rows,
-                           steps);
+            for (std::int64_t k = 0; k < steps; ++k) {
+                for (std::int64_t o = 0; o < rows; ++o) {
+                    out[k * width + o] = first[o * sum_.target_stride + k];
+                }
+            }
         };
         if (in_order()) {
             turn(from, channels * taps, to);
@@ -93,7 +96,7 @@ class LaneWeights {
         }
         for (std::int64_t c = 0; c < channels; ++c, to += taps * width) {
             const T* kernel = from + c * sum_.source_stride;
-            if (whole_kernel_) {
+            if (whole_kernel_ && taps > 1) {
                 turn(kernel, taps, to);
                 continue;
             }
@@ -102,6 +105,7 @@ class LaneWeights {
                 for (std::int64_t o = 0; o < rows; ++o) {
                     to[t * width + o] = element[o * sum_.target_stride];
                 }
+                std::fill(to + t * width + rows, to + (t + 1) * width, T(0));
             }
         }
     }
@@ -121,4 +125,5 @@ class LaneWeights {
     const T* weight_;
 };
 
+}  // namespace
 }  // namespace ornik::device::cpu

@@ -10,7 +10,6 @@
 #include "conv_copy.h"
 #include "conv_parts.h"
 #include "conv_pass.h"
-#include "descriptors/tile_transpose.h"
 #include "hardware/allocator.h"
 
 namespace ornik::device::cpu {
@@ -20,17 +19,6 @@ namespace ornik::device::cpu {
 inline constexpr std::int64_t piece_bytes = 32;
 template <typename T>
 inline constexpr std::int64_t piece = piece_bytes / static_cast<std::int64_t>(sizeof(T));
-
-template <typename T>
-void copy_piece(const T* from, T* to) {
-#if defined(__AVX__) && defined(__GNUC__) && !defined(__clang__)
-    // GCC copies 32 bytes in halves.
-    using Vector = float __attribute__((vector_size(32), aligned(4), may_alias));
-    *reinterpret_cast<Vector*>(to) = *reinterpret_cast<const Vector*>(from);
-#else
-    std::memcpy(static_cast<void*>(to), static_cast<const void*>(from), piece_bytes);
-#endif
-}
 
 /// Working memory from the pool of the tensors, starting at a multiple of 64 bytes, with room for the pieces.
 template <typename T>
@@ -143,37 +131,6 @@ void stage_planes(const StagePlan& plan, const Tile& tile, const T* source, std:
             }
             zero_pieces(to + span.begin + span.count, span.length - span.begin - span.count);
         }
-    }
-}
-
-/// to[k * lanes + channel] = from[channel * plane + k * step]: the channels of one place side by side. Rows of `lanes`
-/// elements are aligned to 32 bytes.
-template <typename T>
-void channels_last(const T* from, std::int64_t plane, std::int64_t step, std::int64_t channels, std::int64_t count,
-                   std::int64_t lanes, T* to) {
-    if (step == 1) {
-        constexpr auto item = static_cast<std::int64_t>(sizeof(T));
-        transpose_tile(to, lanes, reinterpret_cast<const char*>(from), plane * item, item, channels, count);
-        return;
-    }
-    for (std::int64_t c = 0; c < channels; ++c) {
-        for (std::int64_t k = 0; k < count; ++k) {
-            to[k * lanes + c] = from[c * plane + k * step];
-        }
-    }
-}
-
-/// slots[slot * lanes + channel] for the channels of a block; what lies behind them in a row is left alone.
-template <typename T>
-void stage_channels_last(const StagePlan& plan, const Tile& tile, const T* source, std::int64_t channels,
-                         std::int64_t lanes, T* slots) {
-    for (const StageSpan& span : plan.spans(tile.index)) {
-        T* to = slots + span.slot * lanes;
-        T* place = to + span.begin * lanes;
-        std::fill(to, place, T(0));
-        std::fill(place + span.count * lanes, to + span.length * lanes, T(0));
-        channels_last(source + span.source, plan.pass.source_plane(), plan.pass.cols.step, channels, span.count, lanes,
-                      place);
     }
 }
 
