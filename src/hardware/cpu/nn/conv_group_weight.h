@@ -107,7 +107,7 @@ class GroupWeight {
         using V = vec::Vector<T>;
         const T* places[Taps];
         V sums[Taps];
-#pragma GCC unroll 16
+        ORNIK_UNROLLED
         for (int t = 0; t < Taps; ++t) {
             places[t] = values + taps[t] * lanes;
             sums[t] = V{};
@@ -115,12 +115,12 @@ class GroupWeight {
         for (const std::int64_t step : steps) {
             const V gradient = vec::load<V>(gradients);
             gradients += lanes;
-#pragma GCC unroll 16
+            ORNIK_UNROLLED
             for (int t = 0; t < Taps; ++t) {
                 sums[t] = vec::fused(gradient, vec::load<V>(places[t] + step), sums[t]);
             }
         }
-#pragma GCC unroll 16
+        ORNIK_UNROLLED
         for (int t = 0; t < Taps; ++t) {
             vec::store(first ? sums[t] : vec::load<V>(out + t * lanes) + sums[t], out + t * lanes);
         }

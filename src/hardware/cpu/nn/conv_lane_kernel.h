@@ -37,9 +37,9 @@ template <typename T, int Vectors, int Positions>
     using V = vec::Vector<T>;
     constexpr int width = Vectors * lane_width<T>;
     V sums[Vectors][Positions];
-#pragma GCC unroll 16
+    ORNIK_UNROLLED
     for (int v = 0; v < Vectors; ++v) {
-#pragma GCC unroll 16
+        ORNIK_UNROLLED
         for (int q = 0; q < Positions; ++q) {
             sums[v][q] = V{};
         }
@@ -50,23 +50,23 @@ template <typename T, int Vectors, int Positions>
     for (const std::int64_t* offset = in.offsets; offset < end; ++offset, weights += width) {
         const T* values = slots + *offset;
         V weight[Vectors];
-#pragma GCC unroll 16
+        ORNIK_UNROLLED
         for (int v = 0; v < Vectors; ++v) {
             weight[v] = vec::load<V>(weights + v * lane_width<T>);
         }
-#pragma GCC unroll 16
+        ORNIK_UNROLLED
         for (int q = 0; q < Positions; ++q) {
             const V value = vec::broadcast<V>(values[q]);
-#pragma GCC unroll 16
+            ORNIK_UNROLLED
             for (int v = 0; v < Vectors; ++v) {
                 sums[v][q] = vec::fused(value, weight[v], sums[v][q]);
             }
         }
     }
     T* const out = in.out;
-#pragma GCC unroll 16
+    ORNIK_UNROLLED
     for (int q = 0; q < Positions; ++q) {
-#pragma GCC unroll 16
+        ORNIK_UNROLLED
         for (int v = 0; v < Vectors; ++v) {
             T* to = out + q * in.out_stride + v * lane_width<T>;
             vec::store(in.first ? sums[v][q] : vec::load<V>(to) + sums[v][q], to);

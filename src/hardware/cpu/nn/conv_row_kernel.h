@@ -40,9 +40,9 @@ template <typename T, int Targets, int Vectors>
     using V = vec::Vector<T>;
     constexpr int width = vec::lanes<T>;
     V sums[Targets][Vectors];
-#pragma GCC unroll 16
+    ORNIK_UNROLLED
     for (int o = 0; o < Targets; ++o) {
-#pragma GCC unroll 16
+        ORNIK_UNROLLED
         for (int v = 0; v < Vectors; ++v) {
             sums[o][v] = V{};
         }
@@ -52,23 +52,23 @@ template <typename T, int Targets, int Vectors>
     const std::int64_t* const end = in.offsets + in.steps;
     for (const std::int64_t* offset = in.offsets; offset < end; ++offset, weights += Targets) {
         V values[Vectors];
-#pragma GCC unroll 16
+        ORNIK_UNROLLED
         for (int v = 0; v < Vectors; ++v) {
             values[v] = vec::load<V>(slots + *offset + v * width);
         }
-#pragma GCC unroll 16
+        ORNIK_UNROLLED
         for (int o = 0; o < Targets; ++o) {
             const V weight = vec::broadcast<V>(weights[o]);
-#pragma GCC unroll 16
+            ORNIK_UNROLLED
             for (int v = 0; v < Vectors; ++v) {
                 sums[o][v] = vec::fused(weight, values[v], sums[o][v]);
             }
         }
     }
     const bool first = in.first;
-#pragma GCC unroll 16
+    ORNIK_UNROLLED
     for (int o = 0; o < Targets; ++o) {
-#pragma GCC unroll 16
+        ORNIK_UNROLLED
         for (int v = 0; v < Vectors; ++v) {
             T* to = in.out + o * in.out_stride + v * width;
             vec::store(first ? sums[o][v] : vec::load<V>(to) + sums[o][v], to);

@@ -10,7 +10,7 @@
 #include "conv_copy.h"
 #include "conv_parts.h"
 #include "conv_pass.h"
-#include "hardware/allocator.h"
+#include "hardware/scratch.h"
 
 namespace ornik::device::cpu {
 
@@ -19,25 +19,6 @@ namespace ornik::device::cpu {
 inline constexpr std::int64_t piece_bytes = 32;
 template <typename T>
 inline constexpr std::int64_t piece = piece_bytes / static_cast<std::int64_t>(sizeof(T));
-
-/// Working memory from the pool of the tensors, starting at a multiple of 64 bytes, with room for the pieces.
-template <typename T>
-class Scratch {
-  public:
-    explicit Scratch(std::int64_t count)
-        : buffer_(AllocTensorBuffer(0, count * static_cast<std::int64_t>(sizeof(T)) + 64 + 9 * piece_bytes, 1)) {
-        const auto address = reinterpret_cast<std::uintptr_t>(buffer_->device_addr);
-        data_ = reinterpret_cast<T*>(address + (64 - address % 64) % 64);
-    }
-    ~Scratch() { FreeTensorBuffer(0, buffer_->device_addr, buffer_); }
-    Scratch(const Scratch&) = delete;
-    Scratch& operator=(const Scratch&) = delete;
-    T* get() const { return data_; }
-
-  private:
-    DynamicMemBuf* buffer_;
-    T* data_;
-};
 
 /// How the slots of one channel lie: neighbouring taps of a row share slots, and rows end with what the last taps
 /// reach; or every tap of a row has rows of its own, so that the positions of a tile follow each other without gaps.

@@ -2,37 +2,12 @@
 #pragma once
 
 #include <algorithm>
-#include <cstddef>
 #include <cstdint>
-#include <utility>
 
-#include "hardware/cpu/vector_types.h"
+#include "hardware/cpu/vector_transpose.h"
 
 namespace ornik::device::cpu {
 namespace {
-
-// One step of the exchange: `a` and `b` are rows i and i + Apart; blocks of Apart columns change places.
-template <std::size_t Apart, typename V, std::size_t... I>
-ORNIK_EXPAND void exchange(V& a, V& b, std::index_sequence<I...> /*lanes*/) {
-    constexpr std::size_t count = sizeof...(I);
-    const V low = __builtin_shufflevector(a, b, ((I & Apart) == 0 ? I : count + I - Apart)...);
-    b = __builtin_shufflevector(a, b, ((I & Apart) == 0 ? I + Apart : count + I)...);
-    a = low;
-}
-
-/// Row i of the square becomes its column i.
-template <typename V, std::size_t Count, std::size_t Apart = Count / 2>
-ORNIK_EXPAND void transpose_square(V (&rows)[Count]) {
-#pragma GCC unroll 16
-    for (std::size_t i = 0; i < Count; ++i) {
-        if ((i & Apart) == 0) {
-            exchange<Apart>(rows[i], rows[i + Apart], std::make_index_sequence<Count>());
-        }
-    }
-    if constexpr (Apart > 1) {
-        transpose_square<V, Count, Apart / 2>(rows);
-    }
-}
 
 /// to[k * pitch + i] = from[rows[i] + k] for i < count and 0 for count <= i < padded, k < length; `padded` makes whole
 /// vectors. Reads and writes nothing else.
@@ -59,7 +34,7 @@ void turn_rows(const T* from, const std::int64_t* rows, std::int64_t count, std:
             for (std::int64_t i = 0; i < width; ++i) {
                 square[i] = i < present ? vec::load<V>(from + rows[first + i] + place) : V{};
             }
-            transpose_square(square);
+            vec::transpose_square(square);
             for (std::int64_t i = 0; i < width; ++i) {
                 vec::store(square[i], to + (place + i) * pitch + first);
             }
@@ -88,7 +63,7 @@ void turn_columns(const T* from, std::int64_t pitch, std::int64_t length, std::i
         for (std::int64_t i = 0; i < width; ++i) {
             square[i] = vec::load<V>(from + (place + i) * pitch);
         }
-        transpose_square(square);
+        vec::transpose_square(square);
         for (std::int64_t i = 0; i < count; ++i) {
             vec::store(change(square[i], i), to + i * stride + place);
         }
