@@ -11,7 +11,8 @@ void add_results(Digest& digest, const gradcheck::Row& row, std::int64_t dtype) 
     set_random_seed(1);
     std::vector<KTensor> operands;
     for (const Dims& shape : row.shapes) {
-        operands.push_back(numbers(shape, dtype, row.low, row.high, false, operands.size()).requires_grad());
+        operands.push_back(
+            numbers(shape, dtype, row.terms.low, row.terms.high, false, operands.size()).requires_grad());
     }
     try {
         const KTensor y = row.function(operands);
@@ -36,7 +37,7 @@ std::vector<Row> gradient_rows() {
         rows.push_back({"gradients/" + name + "/" + std::to_string(++taken[name]), [row](Digest& digest) {
                             add_results(digest, row, dtype::float32);
                             add_results(digest, row, dtype::float64);
-                            if (row.complex) {
+                            if (row.terms.complex) {
                                 add_results(digest, row, dtype::complex64);
                                 add_results(digest, row, dtype::complex128);
                             }
