@@ -123,6 +123,19 @@ ORNIK_IN_PLACE double exp(double x) {
     return mantissa * power_of_two(half) * power_of_two(k - half);
 }
 
+/// 2^scale e^x of an x that is not above 0. One factor then covers all exponents: dividing by a sum of such powers, or
+/// multiplying by 2^-scale, reaches the subnormal range.
+template <typename T>
+inline constexpr int power_scale = sizeof(T) == 4 ? 24 : 54;
+ORNIK_IN_PLACE float scaled_power(float x) {
+    const auto [k, r] = by_ln2(x < -104.0F ? -104.0F : x);
+    return (fused(r * r, exp_tail(r), r) + 1.0F) * power_of_two(k + power_scale<float>);
+}
+ORNIK_IN_PLACE double scaled_power(double x) {
+    const auto [k, r] = by_ln2(x < -746.0 ? -746.0 : x);
+    return (fused(r * r, exp_tail(r), r) + 1.0) * power_of_two(k + double{power_scale<double>});
+}
+
 /// 1 / (1 + e^-x) = 2^-30 / (2^-30 + 2^-30 e^-x): one factor then covers all exponents.
 ORNIK_IN_PLACE float sigmoid(float x) {
     const auto [k, r] = by_ln2(clamped(-x, -25.0F, 104.0F));
