@@ -10,7 +10,7 @@
 # All files that include the matrix library belong to the products: its inline functions are one symbol for
 # the whole library, and the linker keeps the code of whichever file it meets first.
 set(product_sources ${ornik_sources})
-list(FILTER product_sources INCLUDE REGEX "/cpu_(product_[a-z]+|[a-z]+_solver)\\.cpp$")
+list(FILTER product_sources INCLUDE REGEX "/cpu_(product_taps|[a-z]+_solver)\\.cpp$")
 # Row kernels, and the rows of exponentials in softmax, losses and layers, say fused() where one rounding is meant.
 # Without the flags that errno and traps would need, and with branches left to be turned into selections, their loops
 # become vector code. No complex arithmetic here. The same goes for what is written in vectors (vector_types.h): files

@@ -1,11 +1,10 @@
-// The product kernel: every dtype against a naive loop, and the same bits however the work is cut.
+// The product kernel: every dtype against a naive loop, and the bits of the promised order on every path.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
 #include <random>
 
-#include "../src/hardware/cpu/product/cpu_product_kernels.h"
 #include "support/gradients.h"
 #include "support/products.h"
 #include "support/teams.h"
@@ -94,106 +93,103 @@ TEST(Product, ErrorStaysBelowTheBoundOfItsLength) {
     }
 }
 
-TEST(Bits, DoNotDependOnTheTeam) {
-    std::mt19937 random(17);
-    constexpr std::int64_t awkward[] = {1, 2, 3, 4, 5, 23, 24, 25, 31, 33, 47, 48, 49, 64, 97, 193, 255, 257, 300, 700};
-    const auto pick = [&] { return awkward[random() % std::size(awkward)]; };
-    for (const std::int64_t dtype : {dtype::float32, dtype::float64, dtype::complex64, dtype::complex128}) {
-        for (int round = 0; round < 60; ++round) {
-            const std::uint32_t flags = random();
-            const ProductPlan plan{1, pick(), pick(), pick(), (flags & 1) != 0, (flags & 2) != 0, (flags & 4) != 0};
-            const TensorPtr a = random_tensor({plan.rows, plan.depth}, dtype, 1);
-            const TensorPtr b = random_tensor({plan.depth, plan.cols}, dtype, 2);
-            const TensorPtr old = random_tensor({plan.rows, plan.cols}, dtype, 3);
-            const auto multiply = [&] {
-                TensorPtr c(old->clone());
-                product(dtype, plan, a->getRawData(), b->getRawData(), c->getRawData());
-                return c.release();
-            };
-            expect_same_bits(multiply,
-                             dtype_name(dtype) + shape_text({plan.rows, plan.depth, plan.cols}) + " flags " +
-                                 std::to_string(flags & 7),
-                             {1, 2, 4, 7, 64});
+// The promise itself: chains of fused multiply-adds over the depth, in blocks of 256 steps that begin at 0, whose sums
+// are added in order; the old C is added to the whole.
+template <typename T>
+T in_order(const T* a, std::int64_t a_step, const T* b, std::int64_t b_step, std::int64_t depth, const T* old) {
+    T sum{};
+    for (std::int64_t first = 0; first < depth; first += 256) {
+        T block{};
+        for (std::int64_t k = first; k < std::min(depth, first + 256); ++k) {
+            const T x = a[k * a_step];
+            const T y = b[k * b_step];
+            if constexpr (requires { x.imag; }) {
+                block = {std::fma(-x.imag, y.imag, std::fma(x.real, y.real, block.real)),
+                         std::fma(x.imag, y.real, std::fma(x.real, y.imag, block.imag))};
+            } else {
+                block = std::fma(x, y, block);
+            }
         }
+        sum = first == 0 ? block : sum + block;
     }
+    return old != nullptr ? *old + sum : sum;
 }
 
-// As many workers as a product can have, whatever this machine offers: the smallest pieces that are ever cut.
-TEST(Bits, DoNotDependOnTheCut) {
-    const auto cuts = [](std::int64_t n, std::int64_t unit) {
-        std::vector<std::pair<std::int64_t, std::int64_t>> ranges;
-        for (std::int64_t begin = 0; begin < std::max(n / unit, std::int64_t{1}) * unit; begin += unit) {
-            ranges.emplace_back(begin, begin + 2 * unit > n ? n : begin + unit);
-        }
-        return ranges;
+// Every element of a product whose operands begin anywhere in memory and have gaps between their rows.
+template <typename T>
+void expect_promised_bits(const ProductPlan& sizes, std::int64_t place, const std::vector<int>& teams) {
+    ProductPlan p = sizes;
+    const std::int64_t gap = place % 4;
+    const std::int64_t stored_a[] = {p.transpose_a ? p.depth : p.rows, p.transpose_a ? p.rows : p.depth};
+    const std::int64_t stored_b[] = {p.transpose_b ? p.cols : p.depth, p.transpose_b ? p.depth : p.cols};
+    p.place_a.row_step = stored_a[1] + gap;
+    p.place_b.row_step = stored_b[1] + gap;
+    p.place_c.row_step = p.cols + gap;
+    const auto numbers = [place](std::int64_t rows, std::int64_t step, std::int64_t batch, unsigned seed) {
+        return values_of<T>(random_tensor({batch * rows * step + place + 1}, dtype_code<T>, seed));
     };
-    std::mt19937 random(23);
-    for (int round = 0; round < 60; ++round) {
-        const std::int64_t rows = random() % 200 + 64;
-        const std::int64_t cols = random() % 500 + 1;
-        const std::int64_t depth = random() % 600 + 1;
-        const std::uint32_t flags = random();
-        const ProductPlan plan{1, rows, cols, depth, (flags & 1) != 0, (flags & 2) != 0, false};
-        const auto a = random_floats(rows * depth, 1);
-        const auto b = random_floats(depth * cols, 2);
-        std::vector<float> whole(static_cast<std::size_t>(rows * cols));
-        std::vector<float> by_rows = whole;
-        std::vector<float> by_cols = whole;
-        device::cpu::product_piece(plan, {0, rows, 0, cols}, a.data(), b.data(), whole.data());
-        for (const auto& [begin, end] : cuts(rows, 32)) {
-            device::cpu::product_piece(plan, {begin, end, 0, cols}, a.data(), b.data(), by_rows.data());
-        }
-        for (const auto& [begin, end] : cuts(cols, 96)) {
-            device::cpu::product_piece(plan, {0, rows, begin, end}, a.data(), b.data(), by_cols.data());
-        }
-        EXPECT_EQ(by_rows, whole) << rows << "x" << depth << "x" << cols << " flags " << (flags & 3);
-        EXPECT_EQ(by_cols, whole) << rows << "x" << depth << "x" << cols << " flags " << (flags & 3);
+    std::vector<std::int64_t> starts[3];
+    for (std::int64_t n = 0; n < p.batch; ++n) {
+        starts[0].push_back(place + n * stored_a[0] * p.place_a.row_step);
+        starts[1].push_back(place / 2 + n % 2 * stored_b[0] * p.place_b.row_step);
+        starts[2].push_back(place / 3 + n * p.rows * p.place_c.row_step);
     }
+    p.place_a.starts = starts[0].data();
+    p.place_b.starts = starts[1].data();
+    p.place_c.starts = starts[2].data();
+    const std::vector<T> a = numbers(stored_a[0], p.place_a.row_step, p.batch, 1);
+    const std::vector<T> b = numbers(stored_b[0], p.place_b.row_step, 2, 2);
+    const std::vector<T> old = numbers(p.rows, p.place_c.row_step, p.batch, 3);
+    std::vector<T> expected = old;
+    for (std::int64_t n = 0; n < p.batch; ++n) {
+        for (std::int64_t i = 0; i < p.rows; ++i) {
+            for (std::int64_t j = 0; j < p.cols; ++j) {
+                const auto at = static_cast<std::size_t>(starts[2][n] + i * p.place_c.row_step + j);
+                expected[at] =
+                    in_order(a.data() + starts[0][n] + i * (p.transpose_a ? 1 : p.place_a.row_step),
+                             p.transpose_a ? p.place_a.row_step : 1,
+                             b.data() + starts[1][n] + j * (p.transpose_b ? p.place_b.row_step : 1),
+                             p.transpose_b ? 1 : p.place_b.row_step, p.depth, p.accumulate ? &old[at] : nullptr);
+            }
+        }
+    }
+    for (const int team : teams) {
+        ConfigSetNumThreads(team);
+        std::vector<T> found = old;
+        product(dtype_code<T>, p, a.data(), b.data(), found.data());
+        ASSERT_EQ(std::memcmp(found.data(), expected.data(), found.size() * sizeof(T)), 0)
+            << dtype_name(dtype_code<T>) << shape_text({p.batch, p.rows, p.depth, p.cols}) << " transposed "
+            << p.transpose_a << p.transpose_b << " added " << p.accumulate << " place " << place << " team " << team;
+    }
+    ConfigSetNumThreads(4);
 }
 
-// Vectors may lie anywhere in memory: the operands and the result at every distance from a boundary.
-TEST(Bits, DoNotDependOnThePlace) {
-    constexpr std::int64_t awkward[] = {1, 2, 3, 4, 5, 6, 7, 9, 11, 16, 17, 40, 65};
+TEST(Bits, AreThoseOfThePromisedOrder) {
+    constexpr std::int64_t awkward[] = {1,  2,  3,  4,  5,  6,  7,  8,  11,  13,  14,  15,  16, 17,
+                                        24, 25, 31, 33, 47, 64, 65, 97, 193, 255, 256, 257, 300};
     for_types(TypeList<float, double, Complex<float>, Complex<double>>{}, [&]<typename T>() {
-        std::mt19937 random(29);
-        const auto pick = [&] { return awkward[random() % std::size(awkward)]; };
-        for (int round = 0; round < 200; ++round) {
+        std::mt19937 random(17);
+        const auto pick = [&](std::size_t among) { return awkward[random() % among]; };
+        for (int round = 0; round < 240; ++round) {
+            const bool small = round % 4 != 0;
+            const std::size_t among = small ? 14 : std::size(awkward);
             const std::uint32_t flags = random();
-            const ProductPlan plan{1, pick(), pick(), pick(), (flags & 1) != 0, (flags & 2) != 0, (flags & 4) != 0};
-            const std::int64_t sizes[] = {plan.rows * plan.depth, plan.depth * plan.cols, plan.rows * plan.cols};
-            std::vector<T> first;
-            for (const int place : {0, 1, 2, 3, 5, 8, 13}) {
-                std::vector<T> memory[3];
-                T* at[3];
-                for (int i = 0; i < 3; ++i) {
-                    memory[i].resize(static_cast<std::size_t>(sizes[i] + 64));
-                    const auto address = reinterpret_cast<std::uintptr_t>(memory[i].data()) / sizeof(T);
-                    at[i] = memory[i].data() + 16 - address % 16 + (place * (i + 1)) % 16;
-                    const TensorPtr values = random_tensor({sizes[i]}, dtype_code<T>, static_cast<unsigned>(i + 1));
-                    std::memcpy(at[i], values->getRawData(), static_cast<std::size_t>(sizes[i]) * sizeof(T));
-                }
-                product(dtype_code<T>, plan, at[0], at[1], at[2]);
-                const std::vector<T> found(at[2], at[2] + sizes[2]);
-                first = first.empty() ? found : first;
-                ASSERT_EQ(std::memcmp(found.data(), first.data(), found.size() * sizeof(T)), 0)
-                    << shape_text({plan.rows, plan.depth, plan.cols}) << " flags " << (flags & 7) << " place " << place;
+            const ProductPlan plan{
+                flags / 8 % 8 == 0 ? 5 : 1, pick(among),      pick(among),     pick(std::size(awkward)),
+                (flags & 1) != 0,           (flags & 2) != 0, (flags & 4) != 0};
+            expect_promised_bits<T>(plan, flags / 64 % 16, small ? std::vector<int>{2} : std::vector<int>{1, 4, 64});
+        }
+        // Few rows, few columns, several blocks, many small ones and more tiles than workers.
+        for (const Dims& size :
+             {Dims{1, 1, 700, 530}, Dims{1, 3, 400, 600}, Dims{1, 17, 130, 600}, Dims{1, 600, 1, 530},
+              Dims{1, 400, 3, 300}, Dims{1, 200, 70, 300}, Dims{40, 9, 40, 30}}) {
+            for (int flags = 0; flags < 8; ++flags) {
+                const ProductPlan plan{size[0],          size[1],          size[2],         size[3],
+                                       (flags & 1) != 0, (flags & 2) != 0, (flags & 4) != 0};
+                expect_promised_bits<T>(plan, flags * 5, {1, 4});
             }
         }
     });
-}
-
-TEST(Bits, OfABatchAreThoseOfItsSlices) {
-    const std::int64_t n = 70;
-    const auto a = random_floats(9 * n * n, 1);
-    const auto b = random_floats(9 * n * n, 2);
-    std::vector<float> batch(a.size());
-    std::vector<float> slices(a.size());
-    product(dtype::float32, {9, n, n, n, false, false, false}, a.data(), b.data(), batch.data());
-    for (std::int64_t i = 0; i < 9; ++i) {
-        const std::int64_t at = i * n * n;
-        product(dtype::float32, {1, n, n, n, false, false, false}, a.data() + at, b.data() + at, slices.data() + at);
-    }
-    EXPECT_EQ(std::memcmp(batch.data(), slices.data(), batch.size() * sizeof(float)), 0);
 }
 
 }  // namespace

@@ -60,11 +60,10 @@ struct Plan {
 // Those sequences of a step that are in [begin, end).
 struct Part {
     Part(const Plan& plan, const Step& step, std::int64_t from, std::int64_t end)
-        : all_rows(step.rows), begin(from), entry(step.first + from), rows(std::min(end, step.rows) - from) {
+        : begin(from), entry(step.first + from), rows(std::min(end, step.rows) - from) {
         kernel = {plan.dtype, rows, plan.width};
     }
 
-    std::int64_t all_rows;
     std::int64_t begin;
     std::int64_t entry;  // of the first
     std::int64_t rows;
@@ -235,7 +234,7 @@ class StateProducts {
     /// Of the part's rows of a; both matrices begin at them.
     void operator()(const Part& part, const void* a, bool accumulate, void* c) const {
         if (packed_) {
-            packed_->multiply(a, part.rows, part.all_rows, accumulate, c);
+            packed_->multiply(a, part.rows, accumulate, c);
             return;
         }
         const device::cpu::ProductPlan plan{1, part.rows, cols_, depth_, false, transposed_, accumulate};

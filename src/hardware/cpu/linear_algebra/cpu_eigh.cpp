@@ -72,7 +72,7 @@ void gradient(const Tensor* vectors, const Tensor* values, const Tensor* grad_ve
     using Real = element::Coefficient<T>;
     const std::int64_t n = out->Shape().back();
     const auto multiply = [n](bool transpose_a, const Scalar* a, bool transpose_b, const Scalar* b, Scalar* c) {
-        product_piece({1, n, n, n, transpose_a, transpose_b, false}, {0, n, 0, n}, a, b, c);
+        float_product({1, n, n, n, transpose_a, transpose_b, false}, a, b, c);
     };
     const auto conjugate = [](Scalar x) {
         if constexpr (is_complex_element<T>) {

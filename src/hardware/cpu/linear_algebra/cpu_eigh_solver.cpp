@@ -36,7 +36,7 @@ T conjugate(T x) {
 template <typename T>
 void multiply(bool transpose_a, const T* a, const T* b, T* c, std::int64_t rows, std::int64_t depth, std::int64_t cols,
               bool accumulate = false) {
-    product_piece({1, rows, cols, depth, transpose_a, false, accumulate}, {0, rows, 0, cols}, a, b, c);
+    float_product({1, rows, cols, depth, transpose_a, false, accumulate}, a, b, c);
 }
 
 }  // namespace

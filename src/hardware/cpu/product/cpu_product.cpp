@@ -1,10 +1,4 @@
-// cpu_product.cpp: cuts a product into pieces of its output and hands them to the workers.
-//
-// The bits of a result must not depend on the cut. The matrix library computes an element by one of several
-// inner loops, chosen by the element's place in the register tiling and by the shape of the whole product;
-// sums run in the same order as long as the cuts fall between tiles and no piece is small enough to be
-// taken for a vector or a tiny product. The units below are whole numbers of tiles for every element type
-// and vector width: 4 rows; 1 to 3 vectors of columns.
+// cpu_product.cpp: hands a product to the kernels of its dtype, those of integers in pieces of the output.
 #include "hardware/cpu/product/cpu_product.h"
 
 #include <algorithm>
@@ -17,9 +11,9 @@ namespace ornik::device::cpu {
 
 namespace {
 
+// A piece's least extents, and its rows where there are enough: each piece lays out all of B for itself.
 constexpr std::int64_t row_unit = 32;
 constexpr std::int64_t col_unit = 96;
-// Rows of a piece, where there are enough: each piece lays out all of B for itself.
 constexpr std::int64_t piece_rows = 128;
 // Multiplications that are worth a second thread.
 constexpr std::int64_t grain_work = 1 << 16;
@@ -29,16 +23,10 @@ void run_piece(const ProductPlan& plan, const ProductPiece& piece, const T* a, c
     if constexpr (std::is_same_v<T, bool>) {
         bool_product_piece(plan, piece, reinterpret_cast<const unsigned char*>(a),
                            reinterpret_cast<const unsigned char*>(b), reinterpret_cast<unsigned char*>(c));
-    } else if constexpr (std::is_integral_v<T>) {
+    } else {
         using Unsigned = std::make_unsigned_t<T>;
         integer_product_piece(plan, piece, reinterpret_cast<const Unsigned*>(a), reinterpret_cast<const Unsigned*>(b),
                               reinterpret_cast<Unsigned*>(c));
-    } else if constexpr (std::is_floating_point_v<T>) {
-        product_piece(plan, piece, a, b, c);
-    } else {
-        using Standard = std::complex<decltype(T::real)>;  // The same two parts in the same order.
-        product_piece(plan, piece, reinterpret_cast<const Standard*>(a), reinterpret_cast<const Standard*>(b),
-                      reinterpret_cast<Standard*>(c));
     }
 }
 
@@ -84,7 +72,18 @@ void product(std::int64_t dtype, const ProductPlan& plan, const void* a, const v
         return;
     }
     dispatch(AllTypes{}, dtype, [&]<typename T>() {
-        run_product(plan, static_cast<const T*>(a), static_cast<const T*>(b), static_cast<T*>(c));
+        const T* left = static_cast<const T*>(a);
+        const T* right = static_cast<const T*>(b);
+        T* out = static_cast<T*>(c);
+        if constexpr (std::is_integral_v<T>) {
+            run_product(plan, left, right, out);
+        } else if constexpr (std::is_floating_point_v<T>) {
+            float_product(plan, left, right, out);
+        } else {
+            using Standard = std::complex<decltype(T::real)>;  // The same two parts in the same order.
+            float_product(plan, reinterpret_cast<const Standard*>(left), reinterpret_cast<const Standard*>(right),
+                          reinterpret_cast<Standard*>(out));
+        }
     });
 }
 

@@ -1,4 +1,4 @@
-// cpu_product_kernels.h: one piece of one product, on the calling thread.
+// cpu_product_kernels.h: the products of each kind of elements.
 #pragma once
 
 #include <complex>
@@ -8,7 +8,8 @@
 
 namespace ornik::device::cpu {
 
-/// The part of C that a piece computes: rows [row_begin, row_end), columns [col_begin, col_end).
+/// The part of an integer product's C that a piece computes, on the calling thread: rows [row_begin, row_end), columns
+/// [col_begin, col_end).
 struct ProductPiece {
     std::int64_t row_begin;
     std::int64_t row_end;
@@ -16,9 +17,19 @@ struct ProductPiece {
     std::int64_t col_end;
 };
 
-/// Floating and complex products, through the matrix library (cpu_product_float.cpp).
+/// Floating and complex products, the whole batch (product_run.h).
 template <typename T>
-void product_piece(const ProductPlan& plan, const ProductPiece& piece, const T* a, const T* b, T* c);
+void float_product(const ProductPlan& plan, const T* a, const T* b, T* c);
+
+/// A factor op(B) [depth, cols] in panels: their size in real numbers, and how they are made of a B without gaps.
+template <typename T>
+std::int64_t packed_factor_size(std::int64_t depth, std::int64_t cols);
+template <typename T>
+void pack_factor(const T* b, bool transposed, std::int64_t depth, std::int64_t cols, void* packed);
+/// C [rows, cols] = A [rows, depth] op(B), or C + A op(B), without gaps, on the calling thread.
+template <typename T>
+void packed_product(const T* a, const void* packed, std::int64_t rows, std::int64_t cols, std::int64_t depth,
+                    bool accumulate, T* c);
 
 /// Wrapping integer products; instances for the unsigned type of each width (cpu_product_integer.cpp).
 template <typename T>

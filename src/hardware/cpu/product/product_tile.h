@@ -1,0 +1,175 @@
+// product_tile.h: a tile of a product, whose sums stay in registers. Included by *_vector.cpp files.
+//
+// Every element is a chain of fused multiply-adds over the depth, in sequence, from 0 on: no width of vectors, no shape
+// of tiles and no way to lay out the operands changes its bits.
+#pragma once
+
+#include <array>
+#include <complex>
+#include <cstdint>
+#include <type_traits>
+#include <utility>
+
+#include "hardware/cpu/vector_types.h"
+
+// Sums are in registers only where every loop over them is gone.
+#if defined(__clang__)
+#define ORNIK_UNROLLED _Pragma("unroll")
+#elif defined(__GNUC__)
+#define ORNIK_UNROLLED _Pragma("GCC unroll 16")
+#else
+#define ORNIK_UNROLLED
+#endif
+
+namespace ornik::device::cpu {
+
+using vec::fused;
+using vec::lanes;
+using vec::load;
+using vec::Vector;
+
+template <typename T>
+struct TileShape {
+    using Real = T;
+    static constexpr int parts = 1;
+    /// The tile takes all registers but those of a step's operands: two vectors of columns and one element.
+    static constexpr int rows = vec::vector_registers == 16 ? 6 : vec::vector_bytes == 64 ? 14 : 12;
+    static constexpr int vectors = 2;
+    static constexpr int cols = vectors * lanes<T>;
+};
+template <typename R>
+struct TileShape<std::complex<R>> {
+    using Real = R;
+    static constexpr int parts = 2;
+    static constexpr int rows = 6;
+    static constexpr int vectors = vec::vector_registers == 16 ? 1 : 2;
+    static constexpr int cols = vectors * lanes<R>;
+};
+template <typename T>
+using RealOf = typename TileShape<T>::Real;
+
+/// Rows of A, element (i, k) at a + i * a_row + k * a_step, and a panel of B: row k at b + k * b_step holds the real
+/// parts of the columns, then the imaginary ones. Steps count elements of T in A, reals in B.
+template <typename T>
+struct TileOperands {
+    const T* a;
+    std::int64_t a_row;
+    std::int64_t a_step;
+    const RealOf<T>* b;
+    std::int64_t b_step;
+    std::int64_t depth;
+};
+
+/// What becomes of the sums: stored, added to what is there, or begun with what is there and stored.
+enum class TileEnd { store, add, resume };
+
+template <std::size_t... I, typename V>
+ORNIK_EXPAND V zipped(V a, V b, std::size_t first, std::index_sequence<I...> /*lanes*/) {
+#if defined(__GNUC__)
+    constexpr int count = sizeof...(I);
+    if (first == 0) {
+        return __builtin_shufflevector(a, b, (I % 2 * count + I / 2)...);
+    }
+    return __builtin_shufflevector(a, b, (I % 2 * count + I / 2 + count / 2)...);
+#else
+    return first == 0 ? a : b;
+#endif
+}
+
+/// Rows x Vectors of a tile, to out + i * out_row; complex sums interleaved as std::complex. `Swapped`: A holds the
+/// right factor's elements, which decides the order of a complex product's terms. `Packed`: a_row is 1, a_step Rows.
+template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
+[[gnu::noinline]] void sum_tile(const TileOperands<T>& in, T* out, std::int64_t out_row, TileEnd end) {
+    using R = RealOf<T>;
+    using V = Vector<R>;
+    constexpr int width = lanes<R>;
+    constexpr int parts = TileShape<T>::parts;
+    constexpr int across = parts * Vectors;
+    V sums[Rows][across];
+    R* target = reinterpret_cast<R*>(out);
+    const std::int64_t target_row = out_row * parts;
+    if (parts == 1 && end == TileEnd::resume) {
+        ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
+            ORNIK_UNROLLED for (int v = 0; v < across; ++v) {
+                sums[i][v] = load<V>(target + i * target_row + v * width);
+            }
+        }
+    } else {
+        ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
+            ORNIK_UNROLLED for (int v = 0; v < across; ++v) { sums[i][v] = V{}; }
+            vec::prefetch_for_writing(target + i * target_row);
+            vec::prefetch_for_writing(target + i * target_row + across * width - 1);
+        }
+    }
+    // Three rows share an address.
+    constexpr int groups = Packed ? 1 : (Rows + 2) / 3;
+    const char* a[groups];
+    const std::int64_t row = in.a_row * static_cast<std::int64_t>(sizeof(T));
+    const std::int64_t step = in.a_step * static_cast<std::int64_t>(sizeof(T));
+    ORNIK_UNROLLED for (int g = 0; g < groups; ++g) { a[g] = reinterpret_cast<const char*>(in.a) + 3 * g * row; }
+    const R* b = in.b;
+    for (std::int64_t k = in.depth; k > 0; --k) {
+        V x[across];
+        ORNIK_UNROLLED for (int v = 0; v < across; ++v) { x[v] = load<V>(b + v * width); }
+        ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
+            const R* y = reinterpret_cast<const R*>(Packed ? a[0] + i * static_cast<std::int64_t>(sizeof(T))
+                                                           : a[i / 3 % groups] + i % 3 * row);
+            const V re = vec::broadcast<V>(y[0]);
+            if constexpr (parts == 1) {
+                ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) { sums[i][v] = fused(re, x[v], sums[i][v]); }
+            } else {
+                const V im = vec::broadcast<V>(y[1]);
+                ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
+                    V& sum_re = sums[i][v];
+                    V& sum_im = sums[i][Vectors + v];
+                    const V x_re = x[v];
+                    const V x_im = x[Vectors + v];
+                    sum_re = fused(-im, x_im, fused(re, x_re, sum_re));
+                    sum_im =
+                        Swapped ? fused(re, x_im, fused(im, x_re, sum_im)) : fused(im, x_re, fused(re, x_im, sum_im));
+                }
+            }
+        }
+        ORNIK_UNROLLED for (int g = 0; g < groups; ++g) { a[g] += Packed ? Rows * sizeof(T) : step; }
+        b += in.b_step;
+    }
+    ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
+        R* to = target + i * target_row;
+        if constexpr (parts == 2) {
+            ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
+                constexpr std::make_index_sequence<static_cast<std::size_t>(width)> every{};
+                V lower = zipped(sums[i][v], sums[i][Vectors + v], 0, every);
+                V upper = zipped(sums[i][v], sums[i][Vectors + v], 1, every);
+                R* at = to + 2 * v * width;
+                if (end == TileEnd::add) {
+                    lower = load<V>(at) + lower;
+                    upper = load<V>(at + width) + upper;
+                }
+                vec::store(lower, at);
+                vec::store(upper, at + width);
+            }
+        } else {
+            ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
+                R* at = to + v * width;
+                vec::store(end == TileEnd::add ? load<V>(at) + sums[i][v] : sums[i][v], at);
+            }
+        }
+    }
+}
+
+template <typename T>
+using SumTile = void (*)(const TileOperands<T>& in, T* out, std::int64_t out_row, TileEnd end);
+
+/// sum_tile of `rows` rows and of one vector or all.
+template <typename T, bool Swapped, bool Packed>
+SumTile<T> tile_function(std::int64_t rows, std::int64_t vectors) {
+    using Shape = TileShape<T>;
+    constexpr auto functions = []<int... I>(std::integer_sequence<int, I...> /*heights*/) {
+        return std::array<std::array<SumTile<T>, sizeof...(I)>, 2>{
+            {{sum_tile<T, Swapped, Packed, I + 1, 1>...}, {sum_tile<T, Swapped, Packed, I + 1, Shape::vectors>...}}};
+    }
+    (std::make_integer_sequence<int, Shape::rows>{});
+    return functions[vectors == 1 ? 0 : 1][static_cast<std::size_t>(rows - 1)];
+}
+
+}  // namespace ornik::device::cpu
