@@ -29,9 +29,9 @@ function(ornik_add_objects name options)
   target_link_libraries(${name} PUBLIC ornik_options OpenMP::OpenMP_CXX PRIVATE ${options})
 endfunction()
 
-# The three groups as <prefix>_objects, <prefix>_product_objects and <prefix>_row_objects.
+# The three groups as <prefix>_objects, of the sources given, <prefix>_product_objects and <prefix>_row_objects.
 function(ornik_add_library_objects prefix options)
-  ornik_add_objects(${prefix}_objects ${options} ${other_sources})
+  ornik_add_objects(${prefix}_objects ${options} ${ARGN})
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
     target_compile_options(${prefix}_objects PRIVATE -mno-fma -mno-avx512f)
   endif()
@@ -47,7 +47,7 @@ function(ornik_add_library_objects prefix options)
   target_compile_options(${prefix}_row_objects PRIVATE $<$<CXX_COMPILER_ID:GNU,Clang>:-fno-math-errno;-fno-trapping-math>
                                                        $<$<CXX_COMPILER_ID:GNU>:-fno-thread-jumps>)
 endfunction()
-ornik_add_library_objects(ornik ornik_kernel_options)
+ornik_add_library_objects(ornik ornik_kernel_options ${other_sources})
 
 target_sources(ornik_objects INTERFACE $<TARGET_OBJECTS:ornik_product_objects> $<TARGET_OBJECTS:ornik_row_objects>)
 

@@ -32,5 +32,5 @@ export ARRAY_API_TESTS_MODULE=ornik ARRAY_API_TESTS_VERSION=2025.12
 export ARRAY_API_TESTS_SKIP_DTYPES=uint16,uint32,uint64
 export HYPOTHESIS_STORAGE_DIRECTORY="${HYPOTHESIS_STORAGE_DIRECTORY:-$root/build/hypothesis}"
 export PYTHONDONTWRITEBYTECODE=1
-exec "$PYTHON" -m pytest array_api_tests -p no:cacheprovider --disable-deadline --max-examples 200 \
-    --xfails-file "$root/python/array_api_xfails.txt" "$@"
+exec "$PYTHON" -m pytest --rootdir="$suite" array_api_tests -p no:cacheprovider --disable-deadline --max-examples 200 \
+    --xfails-file="$root/python/array_api_xfails.txt" "$@"

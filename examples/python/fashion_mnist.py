@@ -30,12 +30,12 @@ def confusion(network: nn.Module, images: data.TensorDataset) -> ornik.KTensor:
 
 
 def draw(losses: list[float], accuracies: list[float], counts: ornik.KTensor, folder: pathlib.Path) -> None:
-    figure, left = plt.subplots(figsize=(7, 4), layout="constrained")
+    figure, left = plt.subplots(figsize=(7, 4), layout="constrained", subplot_kw={"xlabel": "epoch"})
     left.plot([i * len(accuracies) / len(losses) for i in range(len(losses))], losses, color="tab:blue", lw=0.6)
-    left.set(xlabel="epoch", ylabel="training loss")
+    left.set_ylabel("training loss", color="tab:blue")
     right = left.twinx()
     right.plot(range(1, len(accuracies) + 1), accuracies, "o-", color="tab:orange")
-    right.set_ylabel("accuracy on the test images, %")
+    right.set_ylabel("accuracy on the test images, %", color="tab:orange")
     figure.savefig(folder / "learning_curve.png", dpi=120)
     figure, axes = plt.subplots(figsize=(7, 6.5), layout="constrained")
     axes.imshow(counts.numpy() ** 0.5, cmap="Blues")

@@ -116,22 +116,22 @@ def full(shape: Shape, fill_value: Number, *, dtype: DTypeLike | None = None, de
 
 def empty_like(x: KTensor, /, *, dtype: DTypeLike | None = None, device: object = None) -> KTensor:
     """:func:`empty` of x's shape and, unless told otherwise, dtype."""
-    return empty(x.shape, dtype=x.dtype if dtype is None else dtype, device=device)
+    return empty(_ornik.checked(x).shape, dtype=x.dtype if dtype is None else dtype, device=device)
 
 
 def zeros_like(x: KTensor, /, *, dtype: DTypeLike | None = None, device: object = None) -> KTensor:
     """:func:`zeros` of x's shape and, unless told otherwise, dtype."""
-    return zeros(x.shape, dtype=x.dtype if dtype is None else dtype, device=device)
+    return zeros(_ornik.checked(x).shape, dtype=x.dtype if dtype is None else dtype, device=device)
 
 
 def ones_like(x: KTensor, /, *, dtype: DTypeLike | None = None, device: object = None) -> KTensor:
     """:func:`ones` of x's shape and, unless told otherwise, dtype."""
-    return ones(x.shape, dtype=x.dtype if dtype is None else dtype, device=device)
+    return ones(_ornik.checked(x).shape, dtype=x.dtype if dtype is None else dtype, device=device)
 
 
 def full_like(x: KTensor, /, fill_value: Number, *, dtype: DTypeLike | None = None, device: object = None) -> KTensor:
     """:func:`full` of x's shape and, unless told otherwise, dtype."""
-    return full(x.shape, fill_value, dtype=x.dtype if dtype is None else dtype, device=device)
+    return full(_ornik.checked(x).shape, fill_value, dtype=x.dtype if dtype is None else dtype, device=device)
 
 
 def arange(

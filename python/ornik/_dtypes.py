@@ -23,7 +23,7 @@ class DType:
     code: int
     name: str
     itemsize: int
-    #: One letter: b(ool), i(nteger), u(nsigned), f(loating), c(omplex).
+    #: The first letter of bool, integer, unsigned, floating or complex.
     kind: str
 
     def __init__(self, code: int, name: str, itemsize: int, kind: str) -> None:

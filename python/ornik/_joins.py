@@ -130,6 +130,7 @@ def pad(
     >>> ornik.pad(ornik.ones(2), (1, 0))
     KTensor([0., 1., 1.])
     """
+    _ornik.checked(x)
     if isinstance(widths, int):
         pairs = [(widths, widths)] * x.ndim
     elif len(widths) == 2 and all(isinstance(w, int) for w in widths):

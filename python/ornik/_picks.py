@@ -74,7 +74,7 @@ def argwhere(x: KTensor, /) -> KTensor:
 
 def nonzero(x: KTensor, /) -> tuple[KTensor, ...]:
     """The positions of the elements that are not zero: a tensor for each axis."""
-    if x.ndim == 0:
+    if _ornik.checked(x).ndim == 0:
         raise ValueError("nonzero() is for tensors with axes")
     return tuple(_ornik.unbind(_ornik.argwhere(x), 1))
 

@@ -51,7 +51,7 @@ def einsum(text: str, /, *operands: KTensor) -> KTensor:
 def tensordot(x1: KTensor, x2: KTensor, /, *, axes: int | tuple[Sequence[int], Sequence[int]] = 2) -> KTensor:
     """The products summed over the last axes of x1 and the first ones of x2, or over pairs of axes."""
     if isinstance(axes, int):
-        if not 0 <= axes <= min(x1.ndim, x2.ndim):
+        if not 0 <= axes <= min(_ornik.checked(x1).ndim, _ornik.checked(x2).ndim):
             raise ValueError(f"tensordot(): there are no {axes} axes on both sides of {x1.shape} and {x2.shape}")
         return _ornik.tensordot(x1, x2, list(range(x1.ndim - axes, x1.ndim)), list(range(axes)))
     return _ornik.tensordot(x1, x2, axes[0], axes[1])

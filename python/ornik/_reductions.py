@@ -165,7 +165,7 @@ def _cumulated(
     first: int | None,
 ) -> KTensor:
     if axis is None:
-        if x.ndim > 1:
+        if _ornik.checked(x).ndim > 1:
             raise ValueError(f"a running result takes an axis of the {x.ndim}")
         axis = 0
     if dtype is not None:
@@ -244,6 +244,7 @@ def searchsorted(x1: KTensor, x2: Operand, /, *, side: str = "left", sorter: KTe
     behind them with side="right"."""
     if side not in ("left", "right"):
         raise ValueError(f'side is "left" or "right", not {side!r}')
+    _ornik.checked(x1)
     if sorter is not None:
         x1 = x1[sorter]
     if not is_tensor(x2):

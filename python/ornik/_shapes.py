@@ -138,4 +138,4 @@ def unsqueeze(x: KTensor, axis: int, /) -> KTensor:
 
 def flip(x: KTensor, /, *, axis: Axes = None) -> KTensor:
     """A copy with the elements in reverse order along the axes, or along all."""
-    return _ornik.flip(x, list(range(x.ndim)) if axis is None else axis)
+    return _ornik.flip(x, list(range(_ornik.checked(x).ndim)) if axis is None else axis)

@@ -1,8 +1,11 @@
 #include "arguments.h"
 
+#include <nanobind/stl/string.h>
+
 #include <complex>
 #include <limits>
 #include <string>
+#include <string_view>
 
 #include "errors.h"
 
@@ -12,8 +15,77 @@ namespace ornik::python {
 
 namespace {
 
-[[noreturn]] void refuse(const char* wanted, PyObject* object) {
-    raise_error(PyExc_TypeError, std::string(wanted) + ", but got " + type_name(object));
+nb::object attribute(PyObject* object, const char* name) {
+    return nb::steal(checked(PyObject_GetAttrString(object, name)));
+}
+
+// The next function of Python's on the way to the program, as long as it is the package's.
+nb::object next_frame(nb::object frame) {
+    if (!frame.is_valid() || frame.is_none()) {
+        return {};
+    }
+    const nb::object name =
+        nb::steal(checked(PyMapping_GetItemString(attribute(frame.ptr(), "f_globals").ptr(), "__name__")));
+    const std::string module = nb::cast<std::string>(name);
+    return module == "ornik" || module.starts_with("ornik.") ? frame : nb::object();
+}
+
+// "weight or bias": the function's own arguments that are this object.
+std::string names_of_arguments(PyObject* frame, PyObject* code, PyObject* object) {
+    const nb::object locals = attribute(frame, "f_locals");
+    const nb::object names = attribute(code, "co_varnames");
+    const nb::object count = nb::steal(
+        checked(PyNumber_Add(attribute(code, "co_argcount").ptr(), attribute(code, "co_kwonlyargcount").ptr())));
+    std::string found;
+    for (Py_ssize_t i = 0; i < nb::cast<Py_ssize_t>(count); ++i) {
+        PyObject* name = PyTuple_GET_ITEM(names.ptr(), i);
+        const nb::object value = nb::steal(PyObject_GetItem(locals.ptr(), name));
+        if (!value.is_valid()) {
+            PyErr_Clear();
+        } else if (value.ptr() == object) {
+            found += (found.empty() ? "" : " or ") + nb::cast<std::string>(nb::handle(name));
+        }
+    }
+    return found;
+}
+
+// What the program has called: "Linear" for Linear.__init__.
+std::string name_of_function(PyObject* code) {
+#if PY_VERSION_HEX >= 0x030B0000
+    std::string name = nb::cast<std::string>(attribute(code, "co_qualname"));
+#else
+    std::string name = nb::cast<std::string>(attribute(code, "co_name"));
+#endif
+    for (const std::string_view method : {".__init__", ".__new__", ".__call__", ".forward"}) {
+        if (name.ends_with(method)) {
+            name.resize(name.size() - method.size());
+        }
+    }
+    return name;
+}
+
+// The package's own helpers are nothing that a program has called.
+bool is_helper(const std::string& function) {
+    const std::size_t begin = function.rfind('.') == std::string::npos ? 0 : function.rfind('.') + 1;
+    return function.compare(begin, 1, "_") == 0 || function.compare(begin, 1, "<") == 0;
+}
+
+// "dropout(), argument p: ", or "concat(): " where the object is no argument itself.
+std::string place_of(PyObject* object) {
+    std::string text;
+    bool has_argument = false;
+    nb::object frame = next_frame(nb::borrow(reinterpret_cast<PyObject*>(PyEval_GetFrame())));
+    while (frame.is_valid()) {
+        const nb::object code = attribute(frame.ptr(), "f_code");
+        const std::string function = name_of_function(code.ptr());
+        const std::string names = names_of_arguments(frame.ptr(), code.ptr(), object);
+        if (!is_helper(function) && (!names.empty() || !has_argument)) {
+            text = function + (names.empty() ? "(): " : "(), argument " + names + ": ");
+            has_argument = !names.empty();
+        }
+        frame = next_frame(attribute(frame.ptr(), "f_back"));
+    }
+    return text;
 }
 
 // A reference to sys.modules["numpy"]'s attribute, as long as the module stays.
@@ -88,6 +160,15 @@ int axis_of(PyObject* object) {
 
 }  // namespace
 
+void refuse(const char* wanted, PyObject* object) {
+    std::string place;
+    try {
+        place = place_of(object);
+    } catch (nb::python_error&) {  // Then without.
+    }
+    raise_error(PyExc_TypeError, place + wanted + ", but got " + type_name(object));
+}
+
 const KTensor& to_tensor(PyObject* object) {
     if (!is_tensor(object)) {
         refuse("a KTensor is wanted", object);
@@ -129,7 +210,7 @@ Scalar to_number(PyObject* object) {
 
 std::int64_t to_integer(PyObject* object, const char* what) {
     if (PyLong_CheckExact(object) == 0 && PyIndex_Check(object) == 0) {
-        raise_error(PyExc_TypeError, std::string(what) + " is a whole number, but got " + type_name(object));
+        refuse((std::string(what) + " is a whole number").c_str(), object);
     }
     const nb::object number = nb::steal(checked(PyNumber_Index(object)));
     int overflow = 0;
@@ -139,6 +220,54 @@ std::int64_t to_integer(PyObject* object, const char* what) {
     }
     check_python();
     return value;
+}
+
+Real to_real(PyObject* object) {
+    if (PyFloat_CheckExact(object)) {
+        return {PyFloat_AS_DOUBLE(object)};
+    }
+    const PyNumberMethods* numbers = Py_TYPE(object)->tp_as_number;
+    if (numbers == nullptr || (numbers->nb_float == nullptr && numbers->nb_index == nullptr)) {
+        refuse("a number is wanted", object);
+    }
+    const double value = PyFloat_AsDouble(object);
+    check_python();
+    return {value};
+}
+
+Whole to_whole(PyObject* object) {
+    if (PyIndex_Check(object) == 0) {
+        refuse("a whole number is wanted", object);
+    }
+    return {to_integer(object, "a whole number")};
+}
+
+OptionalWhole to_optional_whole(PyObject* object) {
+    return {object == Py_None ? std::nullopt : std::optional<std::int64_t>(to_whole(object))};
+}
+
+Count to_count(PyObject* object) {
+    const std::int64_t value = to_whole(object);
+    if (value < std::numeric_limits<std::int32_t>::min() || value > std::numeric_limits<std::int32_t>::max()) {
+        raise_error(PyExc_OverflowError, "a whole number of 32 bits is wanted, not " + std::to_string(value));
+    }
+    return {static_cast<std::int32_t>(value)};
+}
+
+Flag to_flag(PyObject* object) {
+    if (PyBool_Check(object) == 0 && !is_numpy(object, "bool_")) {
+        refuse("True or False is wanted", object);
+    }
+    return {PyObject_IsTrue(object) == 1};
+}
+
+Text to_text(PyObject* object) {
+    if (PyUnicode_Check(object) == 0) {
+        refuse("a string is wanted", object);
+    }
+    Py_ssize_t size = 0;
+    const char* text = checked(PyUnicode_AsUTF8AndSize(object, &size));
+    return {std::string(text, static_cast<std::size_t>(size))};
 }
 
 Shape to_shape(PyObject* object) {

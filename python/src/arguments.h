@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <variant>
 #include <vector>
 
@@ -24,6 +25,10 @@ const KTensor& to_tensor(PyObject* object);
 /// those. Nothing for other objects. Whole numbers beyond int64 are an OverflowError.
 std::optional<Scalar> as_number(PyObject* object);
 Scalar to_number(PyObject* object);
+
+/// A TypeError: "dropout(), argument p: a number is wanted, but got str". Function and argument are those of the
+/// package's function that the program has called with the object.
+[[noreturn]] void refuse(const char* wanted, PyObject* object);
 
 /// Anything with __index__. `what` names it in messages.
 std::int64_t to_integer(PyObject* object, const char* what);
@@ -57,6 +62,31 @@ struct OptionalTensor {
 struct Number {
     Scalar value{false};
 };
+/// Numbers, truths and texts by themselves. Unlike nanobind's own conversions, these say what is wrong, and where.
+struct Real {
+    double value;
+    operator double() const { return value; }  // NOLINT(google-explicit-constructor)
+};
+struct Whole {
+    std::int64_t value;
+    operator std::int64_t() const { return value; }  // NOLINT(google-explicit-constructor)
+};
+struct OptionalWhole {
+    std::optional<std::int64_t> value;
+};
+/// A whole number of 32 bits.
+struct Count {
+    std::int32_t value;
+    operator std::int32_t() const { return value; }  // NOLINT(google-explicit-constructor)
+};
+struct Flag {
+    bool value;
+    operator bool() const { return value; }  // NOLINT(google-explicit-constructor)
+};
+struct Text {
+    std::string value;
+    operator const std::string&() const { return value; }  // NOLINT(google-explicit-constructor)
+};
 /// A tensor, or a number, or an array of NumPy, which counts as a tensor.
 struct Operand {
     std::variant<KTensor, Scalar> value;
@@ -69,6 +99,12 @@ struct OptionalTensors {
     std::vector<KTensor> list;
 };
 
+Real to_real(PyObject* object);
+Whole to_whole(PyObject* object);
+OptionalWhole to_optional_whole(PyObject* object);
+Count to_count(PyObject* object);
+Flag to_flag(PyObject* object);
+Text to_text(PyObject* object);
 Shape to_shape(PyObject* object);
 Axes to_axes(PyObject* object);
 Axis to_axis(PyObject* object);
@@ -96,8 +132,11 @@ KTensor from_numpy(PyObject* array);
 
 namespace nanobind::detail {
 
-// A caster whose conversion throws: what is wrong is said better there than by a list of overloads.
+// A caster whose conversion throws: what is wrong is said better there than by a list of overloads. It is shown None,
+// too; in the name of a type that takes it, None stands, and scripts/python_stubs.sh tells the two apart.
 #define ORNIK_ARGUMENT(Type, name, conversion)                                           \
+    template <>                                                                          \
+    struct has_arg_defaults<Type> : std::true_type {};                                   \
     template <>                                                                          \
     struct type_caster<Type> {                                                           \
         NB_TYPE_CASTER(Type, const_name(name))                                           \
@@ -109,21 +148,26 @@ namespace nanobind::detail {
     };
 
 ORNIK_ARGUMENT(ornik::python::Shape, "int | collections.abc.Sequence[int]", ornik::python::to_shape)
-ORNIK_ARGUMENT(ornik::python::Axes, "int | collections.abc.Sequence[int]", ornik::python::to_axes)
+ORNIK_ARGUMENT(ornik::python::Real, "float", ornik::python::to_real)
+ORNIK_ARGUMENT(ornik::python::Whole, "int", ornik::python::to_whole)
+ORNIK_ARGUMENT(ornik::python::OptionalWhole, "int | None", ornik::python::to_optional_whole)
+ORNIK_ARGUMENT(ornik::python::Count, "int", ornik::python::to_count)
+ORNIK_ARGUMENT(ornik::python::Flag, "bool", ornik::python::to_flag)
+ORNIK_ARGUMENT(ornik::python::Text, "str", ornik::python::to_text)
+ORNIK_ARGUMENT(ornik::python::Axes, "int | collections.abc.Sequence[int] | None", ornik::python::to_axes)
 ORNIK_ARGUMENT(ornik::python::Axis, "int", ornik::python::to_axis)
 ORNIK_ARGUMENT(ornik::python::Dtype, "object", ornik::python::dtype_argument)
 ORNIK_ARGUMENT(ornik::python::Number, "complex", ornik::python::number_argument)
 ORNIK_ARGUMENT(ornik::python::Operand, "ornik.KTensor | complex", ornik::python::to_operand)
-ORNIK_ARGUMENT(ornik::python::OptionalTensor, "ornik.KTensor", ornik::python::optional_tensor)
+ORNIK_ARGUMENT(ornik::python::OptionalTensor, "ornik.KTensor | None", ornik::python::optional_tensor)
 ORNIK_ARGUMENT(ornik::python::OptionalTensors, "collections.abc.Sequence[ornik.KTensor | None]",
                ornik::python::optional_tensors)
 #undef ORNIK_ARGUMENT
 
-// Those that take None.
 template <>
-struct has_arg_defaults<ornik::python::Axes> : std::true_type {};
+struct has_arg_defaults<ornik::KTensor> : std::true_type {};
 template <>
-struct has_arg_defaults<ornik::python::OptionalTensor> : std::true_type {};
+struct has_arg_defaults<ornik::python::Tensors> : std::true_type {};
 
 template <>
 struct type_caster<ornik::KTensor> {

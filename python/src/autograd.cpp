@@ -138,14 +138,14 @@ void add_autograd(nb::module_& m) {
     m.def("retain_grad", [](KTensor t) { t.retain_grad(); });
     m.def("register_hook", register_hook,
           nb::sig("def register_hook(t: ornik.KTensor, hook: collections.abc.Callable[..., object], /) -> int"));
-    m.def("remove_hook", [](KTensor t, std::int64_t number) { t.remove_hook(number); });
-    m.def("backward", [](const Tensors& outputs, const OptionalTensors& seeds, bool retain_graph, bool create_graph) {
+    m.def("remove_hook", [](KTensor t, Whole number) { t.remove_hook(number); });
+    m.def("backward", [](const Tensors& outputs, const OptionalTensors& seeds, Flag retain_graph, Flag create_graph) {
         without_lock([&] { backward(outputs.list, seeds.list, retain_graph, create_graph); });
     });
     m.def(
         "grad",
-        [](const Tensors& outputs, const Tensors& inputs, const OptionalTensors& seeds, bool retain_graph,
-           bool create_graph, bool allow_unused) {
+        [](const Tensors& outputs, const Tensors& inputs, const OptionalTensors& seeds, Flag retain_graph,
+           Flag create_graph, Flag allow_unused) {
             return Tensors{without_lock([&] {
                 return grad(outputs.list, inputs.list, seeds.list, {retain_graph, create_graph, allow_unused});
             })};

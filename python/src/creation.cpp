@@ -157,32 +157,31 @@ void add_creation(nb::module_& m) {
             return from_nested(object.ptr(), dtype.is_none() ? std::nullopt : std::optional(to_dtype(dtype.ptr())));
         },
         nb::arg("object").none(), nb::arg("dtype").none(),
-        nb::sig("def from_nested(object: object, dtype: object | None) -> ornik.KTensor"));
+        nb::sig("def from_nested(object: object, dtype: None | object) -> ornik.KTensor"));
     m.def("empty", [](const Shape& shape, Dtype dtype) { return KTensor::empty(shape.dims, dtype.code); });
     m.def("full", [](const Shape& shape, const Number& value, Dtype dtype) {
         return without_lock([&] { return KTensor::full(shape.dims, value.value, dtype.code); });
     });
-    m.def("arange", [](double start, double end, double step, Dtype dtype) {
-        return KTensor::arange(start, end, step, dtype.code);
-    });
-    m.def("linspace", [](double start, double end, std::int64_t count, Dtype dtype) {
+    m.def("arange",
+          [](Real start, Real end, Real step, Dtype dtype) { return KTensor::arange(start, end, step, dtype.code); });
+    m.def("linspace", [](Real start, Real end, Whole count, Dtype dtype) {
         return KTensor::linspace(start, end, count, dtype.code);
     });
-    m.def("eye", [](std::int64_t rows, std::int64_t columns, std::int64_t offset, Dtype dtype) {
+    m.def("eye", [](Whole rows, Whole columns, Whole offset, Dtype dtype) {
         return KTensor::eye(rows, columns, offset, dtype.code);
     });
-    m.def("randn", [](const Shape& shape, Dtype dtype, double mean, double deviation) {
+    m.def("randn", [](const Shape& shape, Dtype dtype, Real mean, Real deviation) {
         return without_lock([&] { return KTensor::randn(shape.dims, dtype.code, mean, deviation); });
     });
-    m.def("rand", [](const Shape& shape, Dtype dtype, double low, double high) {
+    m.def("rand", [](const Shape& shape, Dtype dtype, Real low, Real high) {
         return without_lock([&] { return KTensor::rand(shape.dims, dtype.code, low, high); });
     });
-    m.def("randint", [](std::int64_t low, std::int64_t high, const Shape& shape, Dtype dtype) {
+    m.def("randint", [](Whole low, Whole high, const Shape& shape, Dtype dtype) {
         return without_lock([&] { return KTensor::randint(low, high, shape.dims, dtype.code); });
     });
     m.def("randperm",
-          [](std::int64_t n, Dtype dtype) { return without_lock([&] { return KTensor::randperm(n, dtype.code); }); });
-    m.def("multinomial", [](const KTensor& weights, std::int64_t count, bool replacement) {
+          [](Whole n, Dtype dtype) { return without_lock([&] { return KTensor::randperm(n, dtype.code); }); });
+    m.def("multinomial", [](const KTensor& weights, Whole count, Flag replacement) {
         return without_lock([held = weights, &count, &replacement] { return multinomial(held, count, replacement); });
     });
 }

@@ -71,15 +71,15 @@ void add_elements(nb::module_& m) {
         add_unary(m, name, function);
     }
     m.def("leaky_relu",
-          [](const KTensor& x, float slope) { return without_lock(x.size(), [&] { return leaky_relu(x, slope); }); });
-    m.def("elu", [](const KTensor& x, float alpha) { return without_lock(x.size(), [&] { return elu(x, alpha); }); });
-    m.def("hardtanh", [](const KTensor& x, double low, double high) {
+          [](const KTensor& x, Real slope) { return without_lock(x.size(), [&] { return leaky_relu(x, slope); }); });
+    m.def("elu", [](const KTensor& x, Real alpha) { return without_lock(x.size(), [&] { return elu(x, alpha); }); });
+    m.def("hardtanh", [](const KTensor& x, Real low, Real high) {
         return without_lock(x.size(), [&] { return hardtanh(x, low, high); });
     });
-    m.def("dropout", [](const KTensor& x, double p, bool training) {
+    m.def("dropout", [](const KTensor& x, Real p, Flag training) {
         return without_lock(x.size(), [&] { return dropout(x, p, training); });
     });
-    m.def("dropout_channels", [](const KTensor& x, double p, bool training) {
+    m.def("dropout_channels", [](const KTensor& x, Real p, Flag training) {
         return without_lock(x.size(), [&] { return dropout_channels(x, p, training); });
     });
 
@@ -106,7 +106,7 @@ void add_elements(nb::module_& m) {
     m.def("clamp_max", [](const KTensor& x, const Number& high) {
         return without_lock(x.size(), [&] { return clamp_max(x, high.value); });
     });
-    m.def("is_close", [](const KTensor& a, const KTensor& b, double rtol, double atol, bool equal_nan) {
+    m.def("is_close", [](const KTensor& a, const KTensor& b, Real rtol, Real atol, Flag equal_nan) {
         return without_lock(a.size(), [&] { return is_close(a, b, rtol, atol, equal_nan); });
     });
 }

@@ -99,24 +99,23 @@ std::span<const std::byte> span_of(const nb::bytes& bytes) {
 }  // namespace
 
 void add_files(nb::module_& m) {
-    m.def("save",
-          [](const std::string& path, const TensorDict& tensors, const TextDict& metadata, bool compress, bool sync) {
-              const NamedTensors named = to_named(tensors);
-              const FileMetadata texts = to_metadata(metadata);
-              without_lock([&] { save(path, named, texts, {compress, sync}); });
-          });
+    m.def("save", [](const Text& path, const TensorDict& tensors, const TextDict& metadata, Flag compress, Flag sync) {
+        const NamedTensors named = to_named(tensors);
+        const FileMetadata texts = to_metadata(metadata);
+        without_lock([&] { save(path.value, named, texts, {compress, sync}); });
+    });
     m.def(
         "load",
-        [](const std::string& path, const std::string& mode) {
+        [](const Text& path, const Text& mode) {
             const LoadMode how = mode_of(mode);
-            return to_dict(without_lock([&] { return load(path, how); }));
+            return to_dict(without_lock([&] { return load(path.value, how); }));
         },
         nb::sig("def load(path: str, mode: str, /) -> dict[str, ornik.KTensor]"));
     m.def(
         "load_safetensors",
-        [](const std::string& path, const std::string& mode) {
+        [](const Text& path, const Text& mode) {
             const LoadMode how = mode_of(mode);
-            return with_metadata(without_lock([&] { return load_safetensors(path, how); }));
+            return with_metadata(without_lock([&] { return load_safetensors(path.value, how); }));
         },
         nb::sig("def load_safetensors(path: str, mode: str, /) -> tuple[dict[str, ornik.KTensor], dict[str, str]]"));
     m.def("safetensors_to_bytes", [](const TensorDict& tensors, const TextDict& metadata) {
@@ -129,7 +128,7 @@ void add_files(nb::module_& m) {
         nb::sig("def safetensors_from_bytes(data: bytes, /) -> tuple[dict[str, ornik.KTensor], dict[str, str]]"));
     m.def("npy_to_bytes", [](const KTensor& t) { return to_bytes(npy_to_bytes(t.tensor())); });
     m.def("npy_from_bytes", [](const nb::bytes& bytes) { return KTensor(npy_from_bytes(span_of(bytes))); });
-    m.def("npz_to_bytes", [](const TensorDict& tensors, bool compress) {
+    m.def("npz_to_bytes", [](const TensorDict& tensors, Flag compress) {
         const NamedTensors named = to_named(tensors);
         return to_bytes(npz_to_bytes(entries_of(named), {compress, false}));
     });

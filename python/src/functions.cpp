@@ -24,20 +24,19 @@ void add_reductions(nb::module_& m) {
         {"argmax", argmax}, {"argmin", argmin}, {"any", any},       {"all", all},
     };
     for (const auto& [name, function] : table) {
-        m.def(name, [function = function](const KTensor& x, const Axes& axes, bool keep_dims) {
+        m.def(name, [function = function](const KTensor& x, const Axes& axes, Flag keep_dims) {
             return without_lock(x.size(), [&] { return function(x, axes.axes, keep_dims); });
         });
     }
     // The usual case, by nanobind's shortest way.
     m.def("sum_all", [](const KTensor& x) { return without_lock(x.size(), [&] { return sum(x); }); });
-    m.def("var", [](const KTensor& x, const Axes& axes, bool keep_dims, double correction) {
+    m.def("var", [](const KTensor& x, const Axes& axes, Flag keep_dims, Real correction) {
         return without_lock(x.size(), [&] { return var(x, axes.axes, keep_dims, correction); });
     });
-    m.def("std_dev", [](const KTensor& x, const Axes& axes, bool keep_dims, double correction) {
+    m.def("std_dev", [](const KTensor& x, const Axes& axes, Flag keep_dims, Real correction) {
         return without_lock(x.size(), [&] { return std_dev(x, axes.axes, keep_dims, correction); });
     });
-    m.def("trace",
-          [](const KTensor& x, std::int64_t offset, Axis a, Axis b) { return trace(x, offset, a.axis, b.axis); });
+    m.def("trace", [](const KTensor& x, Whole offset, Axis a, Axis b) { return trace(x, offset, a.axis, b.axis); });
 
     using Along = KTensor (*)(const KTensor& x, int axis);
     constexpr std::pair<const char*, Along> along[] = {
@@ -47,20 +46,20 @@ void add_reductions(nb::module_& m) {
             return without_lock(x.size(), [&] { return function(x, axis.axis); });
         });
     }
-    m.def("sort", [](const KTensor& x, Axis axis, bool descending) {
+    m.def("sort", [](const KTensor& x, Axis axis, Flag descending) {
         return without_lock(x.size(), [&] { return sort(x, axis.axis, descending); });
     });
-    m.def("argsort", [](const KTensor& x, Axis axis, bool descending) {
+    m.def("argsort", [](const KTensor& x, Axis axis, Flag descending) {
         return without_lock(x.size(), [&] { return argsort(x, axis.axis, descending); });
     });
-    m.def("topk", [](const KTensor& x, std::int64_t k, Axis axis, bool largest) {
+    m.def("topk", [](const KTensor& x, Whole k, Axis axis, Flag largest) {
         return without_lock(x.size(), [&] { return topk(x, k, axis.axis, largest); });
     });
     m.def("unique", [](const KTensor& x) {
         Unique result = without_lock(x.size(), [&] { return unique(x); });
         return std::tuple(std::move(result.values), std::move(result.inverse), std::move(result.counts));
     });
-    m.def("searchsorted", [](const KTensor& sorted, const KTensor& values, bool right) {
+    m.def("searchsorted", [](const KTensor& sorted, const KTensor& values, Flag right) {
         return without_lock(values.size(), [&] { return searchsorted(sorted, values, right); });
     });
 }
@@ -98,7 +97,7 @@ void add_shapes(nb::module_& m) {
             return axes.is_none() ? squeeze(x) : squeeze(x, to_axes(axes.ptr()).axes);
         },
         nb::arg(), nb::arg().none(),
-        nb::sig("def squeeze(x: ornik.KTensor, axes: int | collections.abc.Sequence[int] | None, /) -> ornik.KTensor"));
+        nb::sig("def squeeze(x: ornik.KTensor, axes: None | int | collections.abc.Sequence[int], /) -> ornik.KTensor"));
     m.def("unsqueeze", [](const KTensor& x, Axis axis) { return unsqueeze(x, axis.axis); });
     m.def("flip", [](const KTensor& x, const Axes& axes) {
         return without_lock(x.size(), [&] { return flip(x, axes.axes); });

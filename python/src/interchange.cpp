@@ -434,22 +434,22 @@ void add_interchange(nb::module_& m) {
         "from_buffer",
         [](nb::handle object, nb::handle copy) { return from_buffer(object.ptr(), copy_argument(copy)); },
         nb::arg("object").none(), nb::arg("copy").none(),
-        nb::sig("def from_buffer(object: object, copy: bool | None) -> ornik.KTensor"));
+        nb::sig("def from_buffer(object: object, copy: None | bool) -> ornik.KTensor"));
     m.def(
         "from_bytes",
-        [](nb::handle object, Dtype dtype, const Shape& shape, std::int64_t offset, nb::handle copy) {
+        [](nb::handle object, Dtype dtype, const Shape& shape, Whole offset, nb::handle copy) {
             return from_bytes(object.ptr(), dtype.code, shape.dims, offset, copy_argument(copy));
         },
         nb::arg("object").none(), nb::arg("dtype"), nb::arg("shape"), nb::arg("offset"), nb::arg("copy").none(),
         nb::sig("def from_bytes(object: object, dtype: object, shape: int | collections.abc.Sequence[int], offset: "
-                "int, copy: bool | None) -> ornik.KTensor"));
+                "int, copy: None | bool) -> ornik.KTensor"));
     m.def(
         "from_capsule",
-        [](nb::handle capsule, nb::handle copy, bool read_only) {
+        [](nb::handle capsule, nb::handle copy, Flag read_only) {
             return from_capsule(capsule, copy_argument(copy), read_only);
         },
         nb::arg("capsule").none(), nb::arg("copy").none(), nb::arg("read_only"),
-        nb::sig("def from_capsule(capsule: object, copy: bool | None, read_only: bool) -> ornik.KTensor"));
+        nb::sig("def from_capsule(capsule: object, copy: None | bool, read_only: bool) -> ornik.KTensor"));
     m.def("to_dlpack", to_dlpack, nb::arg("tensor"), nb::arg("versioned"), nb::arg("copy"));
 }
 

@@ -34,17 +34,16 @@ void add_joins(nb::module_& m) {
     m.def("split",
           [](const KTensor& x, const Shape& extents, Axis axis) { return Tensors{split(x, extents.dims, axis.axis)}; });
     m.def("split_every",
-          [](const KTensor& x, std::int64_t extent, Axis axis) { return Tensors{split_every(x, extent, axis.axis)}; });
-    m.def("chunk", [](const KTensor& x, std::int64_t parts, Axis axis) { return Tensors{chunk(x, parts, axis.axis)}; });
+          [](const KTensor& x, Whole extent, Axis axis) { return Tensors{split_every(x, extent, axis.axis)}; });
+    m.def("chunk", [](const KTensor& x, Whole parts, Axis axis) { return Tensors{chunk(x, parts, axis.axis)}; });
     m.def("unbind", [](const KTensor& x, Axis axis) { return Tensors{unbind(x, axis.axis)}; });
     m.def("moveaxis",
           [](const KTensor& x, const Axes& from, const Axes& to) { return moveaxis(x, from.axes, to.axes); });
     m.def("broadcast_together", [](const Tensors& tensors) { return Tensors{broadcast_together(tensors.list)}; });
     m.def("meshgrid",
-          [](const Tensors& tensors, bool columns_first) { return Tensors{meshgrid(tensors.list, columns_first)}; });
-    m.def("windows", [](const KTensor& x, Axis axis, std::int64_t size, std::int64_t step) {
-        return windows(x, axis.axis, size, step);
-    });
+          [](const Tensors& tensors, Flag columns_first) { return Tensors{meshgrid(tensors.list, columns_first)}; });
+    m.def("windows",
+          [](const KTensor& x, Axis axis, Whole size, Whole step) { return windows(x, axis.axis, size, step); });
     m.def("tile", [](const KTensor& x, const Shape& repetitions) {
         return without_lock([&] { return tile(x, repetitions.dims); });
     });
@@ -64,13 +63,13 @@ void add_joins(nb::module_& m) {
     });
     m.def("diff",
           [](const KTensor& x, Axis axis) { return without_lock(x.size(), [&] { return diff(x, axis.axis); }); });
-    m.def("pad", [](const KTensor& x, const Shape& widths, const std::string& mode, const Number& value) {
+    m.def("pad", [](const KTensor& x, const Shape& widths, const Text& mode, const Number& value) {
         constexpr std::pair<const char*, PadMode> modes[] = {{"constant", PadMode::constant},
                                                              {"reflect", PadMode::reflect},
                                                              {"edge", PadMode::replicate},
                                                              {"wrap", PadMode::circular}};
         for (const auto& [name, code] : modes) {
-            if (mode == name) {
+            if (mode.value == name) {
                 std::vector<PadWidth> pairs;
                 for (std::size_t i = 0; i + 1 < widths.dims.size(); i += 2) {
                     pairs.push_back({widths.dims[i], widths.dims[i + 1]});
@@ -79,7 +78,7 @@ void add_joins(nb::module_& m) {
             }
         }
         raise_error(PyExc_ValueError,
-                    "a mode of padding is \"constant\", \"reflect\", \"edge\" or \"wrap\", not \"" + mode + "\"");
+                    "a mode of padding is \"constant\", \"reflect\", \"edge\" or \"wrap\", not \"" + mode.value + "\"");
     });
 }
 
@@ -110,14 +109,14 @@ void add_picks(nb::module_& m) {
     });
     m.def("argwhere", [](const KTensor& x) { return without_lock(x.size(), [&] { return argwhere(x); }); });
     m.def("diagonal",
-          [](const KTensor& x, std::int64_t offset, Axis a, Axis b) { return diagonal(x, offset, a.axis, b.axis); });
-    m.def("diag", [](const KTensor& x, std::int64_t offset) { return diag(x, offset); });
-    m.def("tril", [](const KTensor& x, std::int64_t k) { return without_lock(x.size(), [&] { return tril(x, k); }); });
-    m.def("triu", [](const KTensor& x, std::int64_t k) { return without_lock(x.size(), [&] { return triu(x, k); }); });
+          [](const KTensor& x, Whole offset, Axis a, Axis b) { return diagonal(x, offset, a.axis, b.axis); });
+    m.def("diag", [](const KTensor& x, Whole offset) { return diag(x, offset); });
+    m.def("tril", [](const KTensor& x, Whole k) { return without_lock(x.size(), [&] { return tril(x, k); }); });
+    m.def("triu", [](const KTensor& x, Whole k) { return without_lock(x.size(), [&] { return triu(x, k); }); });
 }
 
 void add_sums_of_products(nb::module_& m) {
-    m.def("einsum", [](const std::string& text, const Tensors& operands) {
+    m.def("einsum", [](const Text& text, const Tensors& operands) {
         return without_lock([&] { return einsum(text, operands.list); });
     });
     m.def("tensordot", [](const KTensor& a, const KTensor& b, const Axes& axes_of_a, const Axes& axes_of_b) {

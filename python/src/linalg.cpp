@@ -43,7 +43,7 @@ void add_with_tolerance(nb::module_& m, const char* name, Function function) {
         },
         nb::arg(), nb::arg().none(),
         nb::sig(
-            (std::string("def ") + name + "(x: ornik.KTensor, rtol: ornik.KTensor | float | None, /) -> ornik.KTensor")
+            (std::string("def ") + name + "(x: ornik.KTensor, rtol: None | ornik.KTensor | float, /) -> ornik.KTensor")
                 .c_str()));
 }
 
@@ -85,27 +85,26 @@ void add_matrices(nb::module_& m) {
         SignedLogarithm result = slogdet(x);
         return std::tuple(std::move(result.sign), std::move(result.logabsdet));
     });
-    m.def("cholesky", [](const KTensor& x, bool upper) { return without_lock([&] { return cholesky(x, upper); }); });
-    m.def("qr", [](const KTensor& x, bool complete) {
+    m.def("cholesky", [](const KTensor& x, Flag upper) { return without_lock([&] { return cholesky(x, upper); }); });
+    m.def("qr", [](const KTensor& x, Flag complete) {
         QrFactors factors = without_lock([&] { return qr(x, complete); });
         return std::tuple(std::move(factors.q), std::move(factors.r));
     });
-    m.def("svd", [](const KTensor& x, bool full_matrices) {
+    m.def("svd", [](const KTensor& x, Flag full_matrices) {
         SingularValues values = without_lock([&] { return svd(x, full_matrices); });
         return std::tuple(std::move(values.u), std::move(values.s), std::move(values.vh));
     });
     m.def("solve", [](const KTensor& x, const KTensor& b) { return without_lock([&] { return solve(x, b); }); });
     add_with_tolerance(m, "pinv", [](const KTensor& x, const auto& rtol) { return pinv(x, rtol); });
     add_with_tolerance(m, "matrix_rank", [](const KTensor& x, const auto& rtol) { return matrix_rank(x, rtol); });
-    m.def("matrix_power",
-          [](const KTensor& x, std::int64_t n) { return without_lock([&] { return matrix_power(x, n); }); });
+    m.def("matrix_power", [](const KTensor& x, Whole n) { return without_lock([&] { return matrix_power(x, n); }); });
     m.def("vecdot", [](const KTensor& a, const KTensor& b, Axis axis) {
         return without_lock(a.size(), [&] { return vecdot(a, b, axis.axis); });
     });
-    m.def("vector_norm", [](const KTensor& x, const Axes& axes, bool keep_dims, double ord) {
+    m.def("vector_norm", [](const KTensor& x, const Axes& axes, Flag keep_dims, Real ord) {
         return without_lock(x.size(), [&] { return vector_norm(x, axes.axes, keep_dims, ord); });
     });
-    m.def("matrix_norm", [](const KTensor& x, const std::string& ord, bool keep_dims) {
+    m.def("matrix_norm", [](const KTensor& x, const Text& ord, Flag keep_dims) {
         const MatrixNorm norm = norm_named(ord);
         return without_lock([&] { return matrix_norm(x, norm, keep_dims); });
     });
@@ -120,22 +119,22 @@ void add_fourier(nb::module_& m) {
     for (const auto& [name, function] : along_one) {
         m.def(
             name,
-            [function = function](const KTensor& x, std::optional<std::int64_t> n, Axis axis, const std::string& norm) {
+            [function = function](const KTensor& x, OptionalWhole n, Axis axis, const Text& norm) {
                 const FourierNorm scale = fourier_norm(norm);
-                return without_lock(x.size(), [&] { return function(x, n, axis.axis, scale); });
+                return without_lock(x.size(), [&] { return function(x, n.value, axis.axis, scale); });
             },
             nb::arg(), nb::arg().none(), nb::arg(), nb::arg());
     }
     constexpr std::pair<const char*, AlongMany> along_many[] = {
         {"fftn", fftn}, {"ifftn", ifftn}, {"rfftn", rfftn}, {"irfftn", irfftn}};
     for (const auto& [name, function] : along_many) {
-        m.def(name, [function = function](const KTensor& x, const Shape& s, const Axes& axes, const std::string& norm) {
+        m.def(name, [function = function](const KTensor& x, const Shape& s, const Axes& axes, const Text& norm) {
             const FourierNorm scale = fourier_norm(norm);
             return without_lock(x.size(), [&] { return function(x, s.dims, axes.axes, scale); });
         });
     }
-    m.def("fftfreq", [](std::int64_t n, double d, Dtype dtype) { return fftfreq(n, d, dtype.code); });
-    m.def("rfftfreq", [](std::int64_t n, double d, Dtype dtype) { return rfftfreq(n, d, dtype.code); });
+    m.def("fftfreq", [](Whole n, Real d, Dtype dtype) { return fftfreq(n, d, dtype.code); });
+    m.def("rfftfreq", [](Whole n, Real d, Dtype dtype) { return rfftfreq(n, d, dtype.code); });
     m.def("fftshift", [](const KTensor& x, const Axes& axes) {
         return without_lock(x.size(), [&] { return fftshift(x, axes.axes); });
     });

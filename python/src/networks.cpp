@@ -58,13 +58,13 @@ void add_windows(nb::module_& m) {
     m.def("adaptive_max_pool", [](const KTensor& x, const Extents& output) {
         return without_lock(x.size(), [&] { return adaptive_max_pool(x, output); });
     });
-    m.def("interpolate", [](const KTensor& x, const Shape& size, const std::string& mode, bool align_corners) {
+    m.def("interpolate", [](const KTensor& x, const Shape& size, const Text& mode, Flag align_corners) {
         return without_lock(x.size(), [&] { return interpolate(x, size.dims, mode, align_corners); });
     });
-    m.def("pixel_shuffle", [](const KTensor& x, std::int64_t factor) {
+    m.def("pixel_shuffle", [](const KTensor& x, Whole factor) {
         return without_lock(x.size(), [&] { return pixel_shuffle(x, factor); });
     });
-    m.def("pixel_unshuffle", [](const KTensor& x, std::int64_t factor) {
+    m.def("pixel_unshuffle", [](const KTensor& x, Whole factor) {
         return without_lock(x.size(), [&] { return pixel_unshuffle(x, factor); });
     });
 }
@@ -73,24 +73,24 @@ void add_windows(nb::module_& m) {
 
 void add_normalizations(nb::module_& m) {
     m.def("batch_norm", [](const KTensor& x, const OptionalTensor& mean, const OptionalTensor& variance,
-                           const OptionalTensor& weight, const OptionalTensor& bias, bool training, double momentum,
-                           double eps) {
+                           const OptionalTensor& weight, const OptionalTensor& bias, Flag training, Real momentum,
+                           Real eps) {
         return without_lock(x.size(), [&] {
             return batch_norm(x, mean.tensor, variance.tensor, weight.tensor, bias.tensor, training, momentum, eps);
         });
     });
-    m.def("layer_norm", [](const KTensor& x, const Shape& shape, const OptionalTensor& weight,
-                           const OptionalTensor& bias, double eps) {
-        return without_lock(x.size(), [&] { return layer_norm(x, shape.dims, weight.tensor, bias.tensor, eps); });
-    });
-    m.def("group_norm", [](const KTensor& x, std::int64_t groups, const OptionalTensor& weight,
-                           const OptionalTensor& bias, double eps) {
-        return without_lock(x.size(), [&] { return group_norm(x, groups, weight.tensor, bias.tensor, eps); });
-    });
-    m.def("normalize", [](const KTensor& x, const Axes& axes, double eps) {
+    m.def("layer_norm",
+          [](const KTensor& x, const Shape& shape, const OptionalTensor& weight, const OptionalTensor& bias, Real eps) {
+              return without_lock(x.size(), [&] { return layer_norm(x, shape.dims, weight.tensor, bias.tensor, eps); });
+          });
+    m.def("group_norm",
+          [](const KTensor& x, Whole groups, const OptionalTensor& weight, const OptionalTensor& bias, Real eps) {
+              return without_lock(x.size(), [&] { return group_norm(x, groups, weight.tensor, bias.tensor, eps); });
+          });
+    m.def("normalize", [](const KTensor& x, const Axes& axes, Real eps) {
         return without_lock(x.size(), [&] { return normalize(x, axes.axes, eps); });
     });
-    m.def("cosine_similarity", [](const KTensor& a, const KTensor& b, Axis axis, double eps) {
+    m.def("cosine_similarity", [](const KTensor& a, const KTensor& b, Axis axis, Real eps) {
         return without_lock(a.size(), [&] { return cosine_similarity(a, b, axis.axis, eps); });
     });
 }
@@ -111,17 +111,16 @@ void add_sequences(nb::module_& m) {
     });
     m.def(
         "embedding",
-        [](const KTensor& indices, const KTensor& weight, std::optional<std::int64_t> padding_index) {
-            return without_lock(indices.size(), [&] { return embedding(indices, weight, padding_index); });
+        [](const KTensor& indices, const KTensor& weight, OptionalWhole padding_index) {
+            return without_lock(indices.size(), [&] { return embedding(indices, weight, padding_index.value); });
         },
         nb::arg(), nb::arg(), nb::arg().none());
-    m.def("one_hot", [](const KTensor& indices, std::int64_t classes, Dtype dtype) {
-        return one_hot(indices, classes, dtype.code);
-    });
+    m.def("one_hot",
+          [](const KTensor& indices, Whole classes, Dtype dtype) { return one_hot(indices, classes, dtype.code); });
     m.def("pack_sequences", [](const KTensor& padded, const Shape& lengths) {
         return without_lock(padded.size(), [&] { return pack_sequences(padded, Packing(lengths.dims)); });
     });
-    m.def("unpack_sequences", [](const KTensor& packed, const Shape& lengths, std::int64_t steps, double padding) {
+    m.def("unpack_sequences", [](const KTensor& packed, const Shape& lengths, Whole steps, Real padding) {
         return without_lock(packed.size(),
                             [&] { return unpack_sequences(packed, Packing(lengths.dims), steps, padding); });
     });
@@ -136,8 +135,8 @@ void add_sequences(nb::module_& m) {
                 "tuple[tuple[int, ...], tuple[int, ...]]"));
     m.def(
         "attention",
-        [](const KTensor& query, const KTensor& key, const KTensor& value, const OptionalTensor& mask, bool causal,
-           double scale, double dropout, bool with_probabilities) {
+        [](const KTensor& query, const KTensor& key, const KTensor& value, const OptionalTensor& mask, Flag causal,
+           Real scale, Real dropout, Flag with_probabilities) {
             return without_lock([&] {
                 const AttentionArguments arguments{mask.tensor, causal, scale, dropout};
                 return with_probabilities
@@ -146,16 +145,16 @@ void add_sequences(nb::module_& m) {
             });
         },
         nb::sig("def attention(query: ornik.KTensor, key: ornik.KTensor, value: ornik.KTensor, "
-                "mask: ornik.KTensor | None, causal: bool, scale: float, dropout: float, with_probabilities: bool, /)"
+                "mask: None | ornik.KTensor, causal: bool, scale: float, dropout: float, with_probabilities: bool, /)"
                 " -> tuple[ornik.KTensor, ornik.KTensor | None]"));
     m.def("lstm", [](const KTensor& x, const OptionalTensor& hidden, const OptionalTensor& cell,
-                     const OptionalTensors& weights, bool reverse, const Shape& batch_sizes) {
+                     const OptionalTensors& weights, Flag reverse, const Shape& batch_sizes) {
         const RecurrentParameters parameters = recurrent_parameters(weights);
         RecurrentResult y =
             without_lock([&] { return lstm(x, hidden.tensor, cell.tensor, parameters, reverse, batch_sizes.dims); });
         return Triple(std::move(y.output), std::move(y.hidden), std::move(y.cell));
     });
-    m.def("gru", [](const KTensor& x, const OptionalTensor& hidden, const OptionalTensors& weights, bool reverse,
+    m.def("gru", [](const KTensor& x, const OptionalTensor& hidden, const OptionalTensors& weights, Flag reverse,
                     const Shape& batch_sizes) {
         const RecurrentParameters parameters = recurrent_parameters(weights);
         RecurrentResult y = without_lock([&] { return gru(x, hidden.tensor, parameters, reverse, batch_sizes.dims); });
@@ -182,7 +181,7 @@ void add_losses(nb::module_& m) {
     using Plain = KTensor (*)(const KTensor&, const KTensor&, Reduction);
     constexpr std::pair<const char*, Plain> plain[] = {{"mse_loss", mse_loss}, {"l1_loss", l1_loss}};
     for (const auto& [name, function] : plain) {
-        m.def(name, [function = function](const KTensor& x, const KTensor& target, const std::string& reduction) {
+        m.def(name, [function = function](const KTensor& x, const KTensor& target, const Text& reduction) {
             const Reduction by = reduction_of(reduction);
             return without_lock(x.size(), [&] { return function(x, target, by); });
         });
@@ -190,35 +189,34 @@ void add_losses(nb::module_& m) {
     using Bent = KTensor (*)(const KTensor&, const KTensor&, double, Reduction);
     constexpr std::pair<const char*, Bent> bent[] = {{"smooth_l1_loss", smooth_l1_loss}, {"huber_loss", huber_loss}};
     for (const auto& [name, function] : bent) {
-        m.def(name,
-              [function = function](const KTensor& x, const KTensor& target, double at, const std::string& reduction) {
-                  const Reduction by = reduction_of(reduction);
-                  return without_lock(x.size(), [&] { return function(x, target, at, by); });
-              });
+        m.def(name, [function = function](const KTensor& x, const KTensor& target, Real at, const Text& reduction) {
+            const Reduction by = reduction_of(reduction);
+            return without_lock(x.size(), [&] { return function(x, target, at, by); });
+        });
     }
-    m.def("cross_entropy", [](const KTensor& x, const KTensor& target, const OptionalTensor& weight,
-                              std::int64_t ignore_index, double smoothing, const std::string& reduction) {
+    m.def("cross_entropy", [](const KTensor& x, const KTensor& target, const OptionalTensor& weight, Whole ignore_index,
+                              Real smoothing, const Text& reduction) {
         const ClassLossArguments arguments{reduction_of(reduction), weight.tensor, ignore_index, smoothing};
         return without_lock(x.size(), [&] { return cross_entropy(x, target, arguments); });
     });
-    m.def("nll_loss", [](const KTensor& x, const KTensor& target, const OptionalTensor& weight,
-                         std::int64_t ignore_index, const std::string& reduction) {
+    m.def("nll_loss", [](const KTensor& x, const KTensor& target, const OptionalTensor& weight, Whole ignore_index,
+                         const Text& reduction) {
         const ClassLossArguments arguments{reduction_of(reduction), weight.tensor, ignore_index};
         return without_lock(x.size(), [&] { return nll_loss(x, target, arguments); });
     });
     m.def("binary_cross_entropy",
-          [](const KTensor& x, const KTensor& target, const OptionalTensor& weight, const std::string& reduction) {
+          [](const KTensor& x, const KTensor& target, const OptionalTensor& weight, const Text& reduction) {
               const Reduction by = reduction_of(reduction);
               return without_lock(x.size(), [&] { return binary_cross_entropy(x, target, weight.tensor, by); });
           });
     m.def("binary_cross_entropy_with_logits", [](const KTensor& x, const KTensor& target, const OptionalTensor& weight,
-                                                 const OptionalTensor& positive_weight, const std::string& reduction) {
+                                                 const OptionalTensor& positive_weight, const Text& reduction) {
         const Reduction by = reduction_of(reduction);
         return without_lock(x.size(), [&] {
             return binary_cross_entropy_with_logits(x, target, weight.tensor, positive_weight.tensor, by);
         });
     });
-    m.def("kl_div", [](const KTensor& x, const KTensor& target, bool log_target, const std::string& reduction) {
+    m.def("kl_div", [](const KTensor& x, const KTensor& target, Flag log_target, const Text& reduction) {
         const Reduction by = reduction_of(reduction);
         return without_lock(x.size(), [&] { return kl_div(x, target, log_target, by); });
     });

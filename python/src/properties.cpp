@@ -86,7 +86,16 @@ PyGetSetDef table[] = {
 PyGetSetDef* property_table() { return table; }
 
 void add_properties(nb::module_& m) {
-    m.def("to_string", [](const KTensor& t, int precision) { return t.to_string(precision); });
+    m.def("to_string", [](const KTensor& t, Count precision) { return t.to_string(precision); });
+    // What is no tensor, or no number, is refused: for functions that look at it before the library does.
+    m.def(
+        "checked",
+        [](nb::object x) {
+            to_tensor(x.ptr());
+            return x;
+        },
+        nb::arg().none(), nb::sig("def checked(x: ornik.KTensor, /) -> ornik.KTensor"));
+    m.def("checked_number", [](Real x) { return x.value; });
     m.def("is_contiguous", [](const KTensor& t) { return t.is_contiguous(); });
     m.def("is_read_only", [](const KTensor& t) { return t.tensor()->getStorage()->read_only(); });
     m.def("set_read_only", [](const KTensor& t) { t.tensor()->getStorage()->set_read_only(true); });

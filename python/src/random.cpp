@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "arguments.h"
 #include "errors.h"
 #include "hardware/thread_config.h"
 #include "module.h"
@@ -53,7 +54,15 @@ class Scope {
 void add_random(nb::module_& m) {
     nb::class_<Generator>(m, "Generator")
         .def("get_state", state_of)
-        .def("set_state", [](Generator& generator, const State& state) { generator.set_state(to_state(state)); })
+        .def(
+            "set_state",
+            [](Generator& generator, nb::handle state) {
+                if (PyTuple_Check(state.ptr()) == 0) {
+                    refuse("a state of a generator is wanted", state.ptr());
+                }
+                generator.set_state(to_state(nb::borrow<nb::tuple>(state)));
+            },
+            nb::arg("state").none(), nb::sig("def set_state(self, state: tuple[typing.Any, ...], /) -> None"))
         .def("seed", [](const Generator& generator) { return generator.seed(); });
     nb::class_<Scope>(m, "GeneratorScope").def(nb::init<std::shared_ptr<Generator>>()).def("leave", &Scope::leave);
     m.def("new_generator", [](std::uint32_t seed) {
@@ -64,7 +73,7 @@ void add_random(nb::module_& m) {
     m.def("default_generator", [] { return generator::default_generator(); });
     m.def("set_seed", [](std::uint32_t seed) { set_random_seed(seed); });
     m.def("get_seed", [] { return get_random_seed(); });
-    m.def("set_num_threads", [](int count) { ConfigSetNumThreads(count); });
+    m.def("set_num_threads", [](Count count) { ConfigSetNumThreads(count); });
     m.def("get_num_threads", [] { return ConfigGetNumThreads(); });
 }
 

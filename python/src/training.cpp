@@ -34,55 +34,55 @@ void convert(const KTensor& t, Dtype dtype) {
 }
 
 void add_steps(nb::module_& m) {
-    m.def("sgd_step", [](const KTensor& p, const KTensor& g, const OptionalTensor& buffer, double lr, double momentum,
-                         double dampening, double weight_decay, bool nesterov, bool first) {
+    m.def("sgd_step", [](const KTensor& p, const KTensor& g, const OptionalTensor& buffer, Real lr, Real momentum,
+                         Real dampening, Real weight_decay, Flag nesterov, Flag first) {
         without_lock(p.size(), [&] {
             nn::sgd_step(p.tensor(), g.tensor(), buffer.tensor.tensor(),
                          {single(lr), single(momentum), single(dampening), single(weight_decay), nesterov, first});
         });
     });
-    m.def("adam_step", [](const KTensor& p, const KTensor& g, const KTensor& mean, const KTensor& square,
-                          const OptionalTensor& largest, double lr, double beta1, double beta2, double eps,
-                          double weight_decay, std::int64_t step) {
-        without_lock(p.size(), [&] {
-            nn::adam_step(
-                p.tensor(), g.tensor(), mean.tensor(), square.tensor(), largest.tensor.tensor(),
-                {single(lr), single(beta1), single(beta2), single(eps), single(weight_decay), step_number(step)});
-        });
-    });
-    m.def("adamw_step", [](const KTensor& p, const KTensor& g, const KTensor& mean, const KTensor& square,
-                           const OptionalTensor& largest, double lr, double beta1, double beta2, double eps,
-                           double weight_decay, std::int64_t step) {
-        without_lock(p.size(), [&] {
-            adamw_step(p.tensor(), g.tensor(), single(lr), single(beta1), single(beta2), single(eps),
-                       single(weight_decay), step_number(step), mean.tensor(), square.tensor(), largest.tensor.tensor(),
-                       largest.tensor.defined());
-        });
-    });
-    m.def("adamax_step", [](const KTensor& p, const KTensor& g, const KTensor& mean, const KTensor& largest, double lr,
-                            double beta1, double beta2, double eps, double weight_decay, std::int64_t step) {
+    m.def("adam_step",
+          [](const KTensor& p, const KTensor& g, const KTensor& mean, const KTensor& square,
+             const OptionalTensor& largest, Real lr, Real beta1, Real beta2, Real eps, Real weight_decay, Whole step) {
+              without_lock(p.size(), [&] {
+                  nn::adam_step(
+                      p.tensor(), g.tensor(), mean.tensor(), square.tensor(), largest.tensor.tensor(),
+                      {single(lr), single(beta1), single(beta2), single(eps), single(weight_decay), step_number(step)});
+              });
+          });
+    m.def("adamw_step",
+          [](const KTensor& p, const KTensor& g, const KTensor& mean, const KTensor& square,
+             const OptionalTensor& largest, Real lr, Real beta1, Real beta2, Real eps, Real weight_decay, Whole step) {
+              without_lock(p.size(), [&] {
+                  adamw_step(p.tensor(), g.tensor(), single(lr), single(beta1), single(beta2), single(eps),
+                             single(weight_decay), step_number(step), mean.tensor(), square.tensor(),
+                             largest.tensor.tensor(), largest.tensor.defined());
+              });
+          });
+    m.def("adamax_step", [](const KTensor& p, const KTensor& g, const KTensor& mean, const KTensor& largest, Real lr,
+                            Real beta1, Real beta2, Real eps, Real weight_decay, Whole step) {
         without_lock(p.size(), [&] {
             nn::adamax_step(
                 p.tensor(), g.tensor(), mean.tensor(), largest.tensor(),
                 {single(lr), single(beta1), single(beta2), single(eps), single(weight_decay), step_number(step)});
         });
     });
-    m.def("adagrad_step", [](const KTensor& p, const KTensor& g, const KTensor& sum, double lr, double eps,
-                             double weight_decay) {
+    m.def("adagrad_step", [](const KTensor& p, const KTensor& g, const KTensor& sum, Real lr, Real eps,
+                             Real weight_decay) {
         without_lock(p.size(), [&] {
             nn::adagrad_step(p.tensor(), g.tensor(), sum.tensor(), {single(lr), single(eps), single(weight_decay)});
         });
     });
-    m.def("adadelta_step", [](const KTensor& p, const KTensor& g, const KTensor& square, const KTensor& delta,
-                              double lr, double rho, double eps, double weight_decay) {
+    m.def("adadelta_step", [](const KTensor& p, const KTensor& g, const KTensor& square, const KTensor& delta, Real lr,
+                              Real rho, Real eps, Real weight_decay) {
         without_lock(p.size(), [&] {
             nn::adadelta_step(p.tensor(), g.tensor(), square.tensor(), delta.tensor(),
                               {single(lr), single(rho), single(eps), single(weight_decay)});
         });
     });
     m.def("rmsprop_step", [](const KTensor& p, const KTensor& g, const KTensor& square, const OptionalTensor& mean,
-                             const OptionalTensor& buffer, double lr, double alpha, double eps, double momentum,
-                             double weight_decay) {
+                             const OptionalTensor& buffer, Real lr, Real alpha, Real eps, Real momentum,
+                             Real weight_decay) {
         without_lock(p.size(), [&] {
             nn::rmsprop_step(p.tensor(), g.tensor(), square.tensor(), mean.tensor.tensor(), buffer.tensor.tensor(),
                              {single(lr), single(alpha), single(eps), single(momentum), single(weight_decay)});
@@ -94,11 +94,11 @@ void add_steps(nb::module_& m) {
 
 void add_training(nb::module_& m) {
     m.def("convert_to", convert);
-    m.def("fill_normal", [](KTensor x, double mean, double deviation) {
+    m.def("fill_normal", [](KTensor x, Real mean, Real deviation) {
         without_lock(x.size(), [&] { normal_(x, mean, deviation); });
         return x;
     });
-    m.def("fill_uniform", [](KTensor x, double low, double high) {
+    m.def("fill_uniform", [](KTensor x, Real low, Real high) {
         without_lock(x.size(), [&] { uniform_(x, low, high); });
         return x;
     });

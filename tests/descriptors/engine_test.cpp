@@ -11,6 +11,14 @@
 namespace ornik::test {
 namespace {
 
+MultiTensorIterationHelper iteration(const std::vector<Tensor*>& outputs, const std::vector<const Tensor*>& inputs) {
+    MultiTensorIterationHelper helper;
+    std::for_each(inputs.begin(), inputs.end(), [&](const Tensor* t) { helper.add_input(t); });
+    std::for_each(outputs.begin(), outputs.end(), [&](Tensor* t) { helper.add_output(t); });
+    helper.build();
+    return helper;
+}
+
 // ---- Views in every layout, over storages of random bits ----
 
 struct View {
@@ -129,11 +137,7 @@ void check_walks(const std::vector<View>& views, const std::vector<View>& output
             Operand<T> out(outputs[i], 1);
             Operand<T> a(views[j], 2);
             Operand<T> b(second, 3);
-            MultiTensorIterationHelper it;
-            it.add_input(a.tensor.get());
-            it.add_input(b.tensor.get());
-            it.add_output(out.tensor.get());
-            it.build();
+            MultiTensorIterationHelper it = iteration({out.tensor.get()}, {a.tensor.get(), b.tensor.get()});
             it.run<TypeList<T>, TypeList<T, T>>([](T x, T y) { return mix(x, y); });
             for (std::size_t k = 0; k < out.offsets.size(); ++k) {
                 out.at(k) = mix(a.at(k), b.at(k));
@@ -186,17 +190,12 @@ TEST(Engine, ManyAxes) {
         shape[axis] = 2;
     }
     check_walks<std::int32_t>(views_of(shape), views_of(shape));
-    for (const Dims& too_many : {Dims(26, 1), Dims(27, 2), [] {
-                                     Dims empty(26, 1);
-                                     empty[3] = 0;
-                                     return empty;
-                                 }()}) {
+    Dims empty(26, 1);
+    empty[3] = 0;
+    for (const Dims& too_many : {Dims(26, 1), Dims(27, 2), empty}) {
         const Operand<float> one({"", {1}, {1}, 0}, 1);
         const TensorPtr t(share_storage_tensor(one.tensor->getStorage(), too_many, Dims(too_many.size(), 0), 6, 0));
-        MultiTensorIterationHelper it;
-        it.add_input(t.get());
-        it.add_output(t.get());
-        it.build();
+        MultiTensorIterationHelper it = iteration({t.get()}, {t.get()});
         expect_error([&] { it.run<TypeList<float>, TypeList<float>>([](float x) { return x + 1; }); },
                      "tensor has too many dims",
                      "`anonymous-namespace'::OffsetCalculator_cpu<__int64>::OffsetCalculator_cpu",
@@ -215,12 +214,8 @@ TEST(Engine, SeveralOutputsAndAnOutputThatIsAnInput) {
                 Operand<std::int32_t> narrow(views[i], 1);
                 Operand<std::int64_t> wide(views[j], 2);
                 Operand<std::uint8_t> in(views[(i + 2 * j) % views.size()], 3);
-                MultiTensorIterationHelper it;
-                it.add_input(in.tensor.get());
-                it.add_input(narrow.tensor.get());
-                it.add_output(narrow.tensor.get());
-                it.add_output(wide.tensor.get());
-                it.build();
+                MultiTensorIterationHelper it =
+                    iteration({narrow.tensor.get(), wide.tensor.get()}, {in.tensor.get(), narrow.tensor.get()});
                 const auto function = [](std::uint8_t x, std::int32_t old) {
                     return std::tuple<std::int32_t, std::int64_t>(mix<std::int32_t>(old, x), old ^ x);
                 };
@@ -251,12 +246,7 @@ TEST(Engine, LargeOutputsAtOddPlaces) {
     for (const TensorPtr* input : {&whole, &one_row}) {
         const TensorPtr singles = storage(dtype::float32), doubles = storage(dtype::float64);
         const TensorPtr sum = view(singles, 3, {cols, 1}), wide = view(doubles, 1, {cols, 1});
-        MultiTensorIterationHelper helper;
-        helper.add_output(sum.get());
-        helper.add_output(wide.get());
-        helper.add_input(whole.get());
-        helper.add_input(input->get());
-        helper.build();
+        MultiTensorIterationHelper helper = iteration({sum.get(), wide.get()}, {whole.get(), input->get()});
         helper.run<TypeList<float, double>, TypeList<float, float>>(
             [](float a, float b) { return std::tuple<float, double>(a + b, static_cast<double>(a) - b); });
         const auto* a = static_cast<const float*>(singles->getRawData());
@@ -287,11 +277,7 @@ TEST(Engine, OutputsOfOnePlaceKeepTheLastValue) {
         Tensor out;
         out.initialize_none_tensor({}, dtype::int32, 0, layout::dense);
         out.setSize(6);
-        MultiTensorIterationHelper it;
-        it.add_input(rows.get());
-        it.add_input(second);
-        it.add_output(&out);
-        it.build();
+        MultiTensorIterationHelper it = iteration({&out}, {rows.get(), second});
         it.run<TypeList<std::int32_t>, TypeList<std::int32_t, std::int32_t>>(
             [](std::int32_t x, std::int32_t y) { return 1000 * x + y; });
         EXPECT_EQ(*static_cast<std::int32_t*>(out.getRawData()), second == rows.get() ? 15015 : 15105);
@@ -302,10 +288,7 @@ TEST(Engine, AnyByteThatIsNotZeroIsTrue) {
     const TensorPtr bytes = make<std::uint8_t>({4}, {0, 1, 2, 255});
     const TensorPtr truths(share_storage_tensor(bytes->getStorage(), {4}, {1}, dtype::boolean, bytes->StorageOffset()));
     const TensorPtr out = make<std::uint8_t>({4}, {9, 9, 9, 9});
-    MultiTensorIterationHelper it;
-    it.add_input(truths.get());
-    it.add_output(out.get());
-    it.build();
+    MultiTensorIterationHelper it = iteration({out.get()}, {truths.get()});
     it.run<TypeList<std::uint8_t>, TypeList<bool>>([](bool x) { return static_cast<std::uint8_t>(x ? 1 : 0); });
     EXPECT_EQ(values_of<std::uint8_t>(out), (std::vector<std::uint8_t>{0, 1, 1, 1}));
 }
@@ -317,10 +300,7 @@ TEST(Engine, WalksTheLow32BitsOfTheElementCount) {
         const TensorPtr out(Tensor::zeros({two16}, 0, dtype::int32));
         const TensorPtr many(Tensor::broadcast_to(in.get(), {rows, two16}));
         const TensorPtr many_out(Tensor::broadcast_to(out.get(), {rows, two16}));
-        MultiTensorIterationHelper it;
-        it.add_input(many.get());
-        it.add_output(many_out.get());
-        it.build();
+        MultiTensorIterationHelper it = iteration({many_out.get()}, {many.get()});
         EXPECT_EQ(it.numel(), rows * two16);
         EXPECT_EQ(it.input_helpers()[0].numel, static_cast<std::int32_t>(rows * two16));
         it.run<TypeList<std::int32_t>, TypeList<std::int32_t>>([](std::int32_t x) { return x; });
@@ -338,13 +318,11 @@ TEST(Engine, ComparesCountsThenDevices) {
         t->updateDevice(device);
         return t;
     };
-    const TensorPtr six = shared({2, 3}, 0);
-    const TensorPtr six_far = shared({3, 2}, 1000);
-    const TensorPtr four = shared({4}, 0);
-    const TensorPtr four_far = shared({4}, 1000);
-    const TensorPtr scalar = shared({}, 0);
+    const TensorPtr six = shared({2, 3}, 0), six_far = shared({3, 2}, 1000), four = shared({4}, 0);
+    const TensorPtr four_far = shared({4}, 1000), scalar = shared({}, 0);
     struct Case {
-        std::vector<Tensor*> in, out;
+        std::vector<const Tensor*> in;
+        std::vector<Tensor*> out;
         const char* message;
     };
     const Case cases[] = {
@@ -356,39 +334,26 @@ TEST(Engine, ComparesCountsThenDevices) {
         {{six.get()}, {six.get(), six_far.get()}, "Not same output's device for MultiTensorIterationHelper."},
     };
     for (const Case& c : cases) {
-        MultiTensorIterationHelper it;
-        std::for_each(c.in.begin(), c.in.end(), [&](Tensor* t) { it.add_input(t); });
-        std::for_each(c.out.begin(), c.out.end(), [&](Tensor* t) { it.add_output(t); });
-        expect_error([&] { it.build(); }, c.message, "ornik::MultiTensorIterationHelper::build",
+        expect_error([&] { iteration(c.out, c.in); }, c.message, "ornik::MultiTensorIterationHelper::build",
                      "src/descriptors/tensoriterator.cpp");
     }
 }
 
 TEST(Engine, NeedsOutputsThenInputsAndLeavesOtherDevicesAlone) {
     const TensorPtr t = make<float>({2}, {1, 2});
-    const auto run = [](MultiTensorIterationHelper& it) {
-        it.build();
-        it.run<TypeList<float>, TypeList<float>>([](float x) { return x + 1; });
+    const auto run = [](const std::vector<Tensor*>& outputs, const std::vector<const Tensor*>& inputs) {
+        iteration(outputs, inputs).run<TypeList<float>, TypeList<float>>([](float x) { return x + 1; });
     };
-    const auto refused = [&](bool with_input, bool with_output, const char* message) {
-        MultiTensorIterationHelper it;
-        if (with_input) {
-            it.add_input(t.get());
-        }
-        if (with_output) {
-            it.add_output(t.get());
-        }
-        expect_error([&] { run(it); }, message, "ornik::MultiTensorIterationHelper::run",
+    const auto refused = [&](const std::vector<Tensor*>& outputs, const std::vector<const Tensor*>& inputs,
+                             const char* message) {
+        expect_error([&] { run(outputs, inputs); }, message, "ornik::MultiTensorIterationHelper::run",
                      "include/descriptors/tensoriterator.h");
     };
-    refused(false, false, "_out_args.size() >= 1");
-    refused(true, false, "_out_args.size() >= 1");
-    refused(false, true, "_in_args.size() >= 1");
+    refused({}, {}, "_out_args.size() >= 1");
+    refused({}, {t.get()}, "_out_args.size() >= 1");
+    refused({t.get()}, {}, "_in_args.size() >= 1");
     t->updateDevice(1000);
-    MultiTensorIterationHelper it;
-    it.add_input(t.get());
-    it.add_output(t.get());
-    run(it);
+    run({t.get()}, {t.get()});
     EXPECT_EQ(values_of<float>(t), (std::vector<float>{1, 2}));
 }
 
@@ -402,10 +367,7 @@ TEST(Engine, FlagsContiguousOperands) {
                           Case{{2, 1, 3}, {3, 9, 1}, false}, Case{{1, 1}, {7, 9}, true}, Case{{0, 3}, {9, 9}, true}}) {
         const TensorPtr t(share_storage_tensor(whole->getStorage(), c.shape, c.strides, dtype::int16, 1));
         const TensorPtr dense = make_empty(c.shape, dtype::int16);
-        MultiTensorIterationHelper it;
-        it.add_input(dense.get());
-        it.add_output(t.get());
-        it.build();
+        MultiTensorIterationHelper it = iteration({t.get()}, {dense.get()});
         const TensorIterationHelper& helper = it.output_helpers()[0];
         EXPECT_EQ(helper.is_contiguous, c.contiguous) << shape_text(c.strides);
         EXPECT_EQ(it.all_contiguous(), c.contiguous);

@@ -28,16 +28,38 @@ using autograd::Op;
 using Tensors = std::vector<KTensor>;
 using Function = std::function<KTensor(const Tensors&)>;
 
+/// What a row may say beside its operation.
+struct Terms {
+    std::string note = "";  // tells rows of one operation apart
+    bool complex = true;    // checked with complex numbers, too
+    double low = -1.5;
+    double high = 1.5;
+};
+inline const Terms real_only{.complex = false};
+
 struct Row {
     Op op;
     std::vector<Dims> shapes;
+    Terms terms;
     Function function;
-    bool complex = false;
-    double low = -1.5;
-    double high = 1.5;
-    std::string note = "";  // tells rows of one operation apart
-    bool once = false;      // the function has no second derivatives although its last operation has
 };
+
+struct Rows : std::vector<Row> {
+    void add(Op op, const std::vector<Dims>& shapes, const Terms& terms, const Function& function) {
+        push_back({op, shapes, terms, function});
+    }
+    void add(Op op, const std::vector<Dims>& shapes, const Function& function) { add(op, shapes, {}, function); }
+};
+
+/// A function of one operand, and of two.
+template <KTensor (*function)(const KTensor&)>
+KTensor one(const Tensors& x) {
+    return function(x[0]);
+}
+template <KTensor (*function)(const KTensor&, const KTensor&)>
+KTensor two(const Tensors& x) {
+    return function(x[0], x[1]);
+}
 
 inline double* values(const KTensor& t) { return static_cast<double*>(t.tensor()->getRawData()); }
 
@@ -53,8 +75,9 @@ class Check {
 
     void run() {
         for (const Dims& shape : row_.shapes) {
-            leaves_.push_back(random_tensor(permuted_ ? Dims(shape.rbegin(), shape.rend()) : shape, row_.low, row_.high)
-                                  .requires_grad());
+            leaves_.push_back(
+                random_tensor(permuted_ ? Dims(shape.rbegin(), shape.rend()) : shape, row_.terms.low, row_.terms.high)
+                    .requires_grad());
         }
         const KTensor y = call(leaves_);
         ASSERT_TRUE(y.impl()->node);
@@ -64,7 +87,7 @@ class Check {
         compare(
             analytic, [&] { return dot(seed_, contiguous(call(leaves_))); }, 1e-6, "gradient");
         each_alone(analytic);
-        if (info_of(row_.op).twice && !row_.once) {
+        if (info_of(row_.op).twice) {
             second(analytic);
         } else {
             EXPECT_THROW((void)grad({call(leaves_)}, leaves_, {seed_}, {.create_graph = true}), Error);
@@ -189,8 +212,8 @@ class Check {
 inline void check(const Row& row) {
     for (const bool complex : {false, true}) {
         for (const bool permuted : {false, true}) {
-            if (!complex || row.complex) {
-                SCOPED_TRACE(std::string(info_of(row.op).name) + " " + row.note + (complex ? " complex" : "") +
+            if (!complex || row.terms.complex) {
+                SCOPED_TRACE(std::string(info_of(row.op).name) + " " + row.terms.note + (complex ? " complex" : "") +
                              (permuted ? " permuted" : ""));
                 Check(row, complex, permuted).run();
             }

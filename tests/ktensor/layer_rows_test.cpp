@@ -35,129 +35,102 @@ RecurrentParameters parameters_of(const Tensors& x, std::size_t first) {
 
 }  // namespace
 
-std::vector<Row> network_rows() {
+Rows network_rows() {
     const Dims packed{3, 2, 1};  // Batch sizes of sequences of 3, 2 and 1 steps.
-    return {
-        {Op::linear, {{2, 2, 3}, {4, 3}, {4}}, [](const Tensors& x) { return linear(x[0], x[1], x[2]); }, true},
-        {Op::linear, {{2, 3}, {4, 3}}, [](const Tensors& x) { return linear(x[0], x[1]); }, true},
-        {Op::embedding,
-         {{4, 3}},
-         [](const Tensors& x) {
-             return embedding(KTensor({{1, 0}, {1, 3}}), x[0]);
-         },
-         true},
-        {Op::scaled_dot_product_attention,
-         {{2, 3, 4}, {2, 5, 4}, {2, 5, 2}},
-         [](const Tensors& x) { return scaled_dot_product_attention(x[0], x[1], x[2]); }},
-        {Op::scaled_dot_product_attention,
-         {{2, 3, 4}, {2, 3, 4}, {2, 3, 4}, {3, 3}},
-         [](const Tensors& x) {
-             return scaled_dot_product_attention(x[0], x[1], x[2], {.mask = x[3], .causal = true, .scale = 0.7});
-         }},
-        {Op::lstm,
-         {{3, 2, 3}, {2, 2}, {2, 2}, {8, 3}, {8, 2}, {8}, {8}},
-         [](const Tensors& x) { return lstm(x[0], x[1], x[2], parameters_of(x, 3)).output; }},
-        {Op::lstm,
-         {{6, 3}, {3, 2}, {3, 2}, {8, 3}, {8, 2}, {8}, {8}},
-         [packed](const Tensors& x) { return lstm(x[0], x[1], x[2], parameters_of(x, 3), true, packed).cell; }},
-        {Op::gru,
-         {{3, 2, 3}, {2, 2}, {6, 3}, {6, 2}, {6}, {6}},
-         [](const Tensors& x) { return gru(x[0], x[1], parameters_of(x, 2)).output; }},
-        {Op::gru,
-         {{6, 3}, {3, 2}, {6, 3}, {6, 2}, {6}, {6}},
-         [packed](const Tensors& x) { return gru(x[0], x[1], parameters_of(x, 2), true, packed).hidden; }},
+    const KTensor places({{1, 0}, {1, 3}});
+    Rows rows;
+    rows.add(Op::linear, {{2, 2, 3}, {4, 3}, {4}}, [](const Tensors& x) { return linear(x[0], x[1], x[2]); });
+    rows.add(Op::linear, {{2, 3}, {4, 3}}, [](const Tensors& x) { return linear(x[0], x[1]); });
+    rows.add(Op::embedding, {{4, 3}}, [=](const Tensors& x) { return embedding(places, x[0]); });
+    rows.add(Op::scaled_dot_product_attention, {{2, 3, 4}, {2, 5, 4}, {2, 5, 2}}, real_only,
+             [](const Tensors& x) { return scaled_dot_product_attention(x[0], x[1], x[2]); });
+    const auto masked = [](const Tensors& x) {
+        return scaled_dot_product_attention(x[0], x[1], x[2], {.mask = x[3], .causal = true, .scale = 0.7});
     };
+    rows.add(Op::scaled_dot_product_attention, {{2, 3, 4}, {2, 3, 4}, {2, 3, 4}, {3, 3}}, real_only, masked);
+    rows.add(Op::lstm, {{3, 2, 3}, {2, 2}, {2, 2}, {8, 3}, {8, 2}, {8}, {8}}, real_only,
+             [](const Tensors& x) { return lstm(x[0], x[1], x[2], parameters_of(x, 3)).output; });
+    rows.add(Op::lstm, {{6, 3}, {3, 2}, {3, 2}, {8, 3}, {8, 2}, {8}, {8}}, real_only,
+             [=](const Tensors& x) { return lstm(x[0], x[1], x[2], parameters_of(x, 3), true, packed).cell; });
+    rows.add(Op::gru, {{3, 2, 3}, {2, 2}, {6, 3}, {6, 2}, {6}, {6}}, real_only,
+             [](const Tensors& x) { return gru(x[0], x[1], parameters_of(x, 2)).output; });
+    rows.add(Op::gru, {{6, 3}, {3, 2}, {6, 3}, {6, 2}, {6}, {6}}, real_only,
+             [=](const Tensors& x) { return gru(x[0], x[1], parameters_of(x, 2), true, packed).hidden; });
+    return rows;
 }
 
-std::vector<Row> loss_rows() {
+Rows loss_rows() {
     const Dims s{2, 3};
     const KTensor labels({2, 0});
     const KTensor weights({0.5, 2.0, 1.5});
-    std::vector<Row> rows{
-        {Op::cross_entropy, {s}, [=](const Tensors& x) { return cross_entropy(x[0], labels); }},
-        {Op::cross_entropy,
-         {s},
-         [=](const Tensors& x) {
-             return cross_entropy(x[0], labels,
-                                  {.reduction = Reduction::none, .weight = weights, .label_smoothing = 0.1});
-         }},
-        {Op::cross_entropy, {s, s}, [](const Tensors& x) { return cross_entropy(x[0], x[1]); }, false, 0.1, 1},
-        {Op::nll_loss, {s}, [=](const Tensors& x) { return nll_loss(x[0], labels, {.weight = weights}); }},
-        {Op::nll_loss, {s}, [=](const Tensors& x) { return nll_loss(x[0], labels, {.ignore_index = 0}); }},
-        {Op::kl_div, {s, s}, [](const Tensors& x) { return kl_div(x[0], x[1], true, Reduction::sum); }},
-        {Op::kl_div, {s, s}, [](const Tensors& x) { return kl_div(x[0], x[1]); }, false, 0.2, 1},
-        {Op::binary_cross_entropy,
-         {s, s},
-         [=](const Tensors& x) { return binary_cross_entropy(x[0], x[1], weights); },
-         false,
-         0.1,
-         0.9},
-        {Op::binary_cross_entropy_with_logits,
-         {s, s},
-         [=](const Tensors& x) { return binary_cross_entropy_with_logits(x[0], x[1], {}, weights); }},
+    Rows rows;
+    // Of a prediction alone, or of a target too.
+    const auto one = [&](Op op, const Function& function) { rows.add(op, {s}, real_only, function); };
+    const auto two = [&](Op op, const Function& function) { rows.add(op, {s, s}, real_only, function); };
+    const auto two_within = [&](double low, double high, Op op, const Function& function) {
+        rows.add(op, {s, s}, {"", false, low, high}, function);
     };
+    one(Op::cross_entropy, [=](const Tensors& x) { return cross_entropy(x[0], labels); });
+    one(Op::cross_entropy, [=](const Tensors& x) {
+        return cross_entropy(x[0], labels, {.reduction = Reduction::none, .weight = weights, .label_smoothing = 0.1});
+    });
+    two_within(0.1, 1, Op::cross_entropy, [](const Tensors& x) { return cross_entropy(x[0], x[1]); });
+    one(Op::nll_loss, [=](const Tensors& x) { return nll_loss(x[0], labels, {.weight = weights}); });
+    one(Op::nll_loss, [=](const Tensors& x) { return nll_loss(x[0], labels, {.ignore_index = 0}); });
+    two(Op::kl_div, [](const Tensors& x) { return kl_div(x[0], x[1], true, Reduction::sum); });
+    two_within(0.2, 1, Op::kl_div, [](const Tensors& x) { return kl_div(x[0], x[1]); });
+    two_within(0.1, 0.9, Op::binary_cross_entropy,
+               [=](const Tensors& x) { return binary_cross_entropy(x[0], x[1], weights); });
+    two(Op::binary_cross_entropy_with_logits,
+        [=](const Tensors& x) { return binary_cross_entropy_with_logits(x[0], x[1], {}, weights); });
     for (const Reduction how : {Reduction::none, Reduction::sum, Reduction::mean}) {
-        rows.push_back({Op::mse_loss, {s, {3}}, [how](const Tensors& x) { return mse_loss(x[0], x[1], how); }});
-        rows.push_back({Op::l1_loss, {s, s}, [how](const Tensors& x) { return l1_loss(x[0], x[1], how); }});
-        rows.push_back(
-            {Op::smooth_l1_loss, {s, s}, [how](const Tensors& x) { return smooth_l1_loss(x[0], x[1], 0.7, how); }});
-        rows.push_back({Op::huber_loss, {s, s}, [how](const Tensors& x) { return huber_loss(x[0], x[1], 0.7, how); }});
+        rows.add(Op::mse_loss, {s, {3}}, real_only, [how](const Tensors& x) { return mse_loss(x[0], x[1], how); });
+        two(Op::l1_loss, [how](const Tensors& x) { return l1_loss(x[0], x[1], how); });
+        two(Op::smooth_l1_loss, [how](const Tensors& x) { return smooth_l1_loss(x[0], x[1], 0.7, how); });
+        two(Op::huber_loss, [how](const Tensors& x) { return huber_loss(x[0], x[1], 0.7, how); });
     }
     return rows;
 }
 
-std::vector<Row> layer_rows() {
+Rows layer_rows() {
     const Dims s{2, 3};
     const Dims image{2, 4, 5, 4};
-    std::vector<Row> rows{
-        {Op::relu, {s}, [](const Tensors& x) { return relu(x[0]); }},
-        {Op::leaky_relu, {s}, [](const Tensors& x) { return leaky_relu(x[0], 0.2F); }},
-        {Op::leaky_relu, {s}, [](const Tensors& x) { return leaky_relu(x[0], -0.2F); }},
-        {Op::elu, {s}, [](const Tensors& x) { return elu(x[0], 0.7F); }},
-        {Op::elu, {s}, [](const Tensors& x) { return elu(x[0], -0.7F); }},
-        {Op::selu, {s}, [](const Tensors& x) { return selu(x[0]); }},
-        {Op::hardtanh, {s}, [](const Tensors& x) { return hardtanh(x[0], -0.8, 0.5); }},
-        {Op::hardsigmoid, {s}, [](const Tensors& x) { return hardsigmoid(x[0] * 3.0); }},
-        {Op::hardswish, {s}, [](const Tensors& x) { return hardswish(x[0] * 3.0); }},
-        {Op::mish, {s}, [](const Tensors& x) { return mish(x[0]); }},
-        {Op::dropout, {{4, 5}}, [](const Tensors& x) { return seeded(dropout, x[0]); }, true},
-        {Op::dropout, {{2, 3, 2}}, [](const Tensors& x) { return seeded(dropout_channels, x[0]); }, true},
-        {Op::convolution,
-         {image, {6, 2, 3, 2}, {6}},
-         [](const Tensors& x) { return convolution(x[0], x[1], x[2], strided(false)); },
-         true},
-        {Op::convolution,
-         {image, {4, 3, 3, 2}},
-         [](const Tensors& x) { return convolution(x[0], x[1], {}, strided(true)); },
-         true},
-        {Op::convolution,
-         {{2, 3, 5}, {2, 3, 3}, {2}},
-         [](const Tensors& x) { return convolution(x[0], x[1], x[2]); },
-         true},
-        {Op::max_pool, {image}, [](const Tensors& x) { return max_pool(x[0], window()); }},
-        {Op::average_pool, {image}, [](const Tensors& x) { return average_pool(x[0], window()); }, true},
-        {Op::adaptive_average_pool,
-         {image},
-         [](const Tensors& x) {
-             return adaptive_average_pool(x[0], {2, 3});
-         },
-         true},
-        {Op::batch_norm,
-         {{3, 2, 4}, {2}, {2}},
-         [](const Tensors& x) { return batch_norm(x[0], {}, {}, x[1], x[2], true); }},
-        {Op::batch_norm,
-         {{3, 2, 4}, {2}, {2}},
-         [](const Tensors& x) {
-             return batch_norm(x[0], KTensor({0.3, -0.2}), KTensor({1.5, 0.6}), x[1], x[2], false);
-         }},
-        {Op::layer_norm,
-         {{3, 2, 4}, {2, 4}, {2, 4}},
-         [](const Tensors& x) {
-             return layer_norm(x[0], {2, 4}, x[1], x[2]);
-         }},
-        {Op::layer_norm, {{3, 4}}, [](const Tensors& x) { return layer_norm(x[0], {4}, {}, {}); }},
-        {Op::group_norm, {{3, 4, 3}, {4}, {4}}, [](const Tensors& x) { return group_norm(x[0], 2, x[1], x[2]); }},
-    };
+    const Dims planes{3, 2, 4};
+    Rows rows;
+    const auto activation = [&](Op op, const Function& function) { rows.add(op, {s}, real_only, function); };
+    activation(Op::relu, one<relu>);
+    activation(Op::leaky_relu, [](const Tensors& x) { return leaky_relu(x[0], 0.2F); });
+    activation(Op::leaky_relu, [](const Tensors& x) { return leaky_relu(x[0], -0.2F); });
+    activation(Op::elu, [](const Tensors& x) { return elu(x[0], 0.7F); });
+    activation(Op::elu, [](const Tensors& x) { return elu(x[0], -0.7F); });
+    activation(Op::selu, one<selu>);
+    activation(Op::hardtanh, [](const Tensors& x) { return hardtanh(x[0], -0.8, 0.5); });
+    activation(Op::hardsigmoid, [](const Tensors& x) { return hardsigmoid(x[0] * 3.0); });
+    activation(Op::hardswish, [](const Tensors& x) { return hardswish(x[0] * 3.0); });
+    activation(Op::mish, one<mish>);
+    rows.add(Op::dropout, {{4, 5}}, [](const Tensors& x) { return seeded(dropout, x[0]); });
+    rows.add(Op::dropout, {{2, 3, 2}}, [](const Tensors& x) { return seeded(dropout_channels, x[0]); });
+    rows.add(Op::convolution, {image, {6, 2, 3, 2}, {6}},
+             [](const Tensors& x) { return convolution(x[0], x[1], x[2], strided(false)); });
+    rows.add(Op::convolution, {image, {4, 3, 3, 2}},
+             [](const Tensors& x) { return convolution(x[0], x[1], {}, strided(true)); });
+    rows.add(Op::convolution, {{2, 3, 5}, {2, 3, 3}, {2}},
+             [](const Tensors& x) { return convolution(x[0], x[1], x[2]); });
+    rows.add(Op::max_pool, {image}, real_only, [](const Tensors& x) { return max_pool(x[0], window()); });
+    rows.add(Op::average_pool, {image}, [](const Tensors& x) { return average_pool(x[0], window()); });
+    rows.add(Op::adaptive_average_pool, {image}, [](const Tensors& x) { return adaptive_average_pool(x[0], {2, 3}); });
+    rows.add(Op::batch_norm, {planes, {2}, {2}}, real_only,
+             [](const Tensors& x) { return batch_norm(x[0], {}, {}, x[1], x[2], true); });
+    const KTensor mean({0.3, -0.2});
+    const KTensor variance({1.5, 0.6});
+    rows.add(Op::batch_norm, {planes, {2}, {2}}, real_only,
+             [=](const Tensors& x) { return batch_norm(x[0], mean, variance, x[1], x[2], false); });
+    const Dims two_axes{2, 4};
+    rows.add(Op::layer_norm, {planes, two_axes, two_axes}, real_only,
+             [=](const Tensors& x) { return layer_norm(x[0], two_axes, x[1], x[2]); });
+    rows.add(Op::layer_norm, {{3, 4}}, real_only, [](const Tensors& x) { return layer_norm(x[0], {4}, {}, {}); });
+    rows.add(Op::group_norm, {{3, 4, 3}, {4}, {4}}, real_only,
+             [](const Tensors& x) { return group_norm(x[0], 2, x[1], x[2]); });
     return rows;
 }
 

@@ -1,12 +1,14 @@
-// linalg_rows_test.cpp: gradients of decompositions, norms and Fourier transforms; their values where floor 8 makes
-// them; refusals.
+// linalg_rows_test.cpp: gradients of products, decompositions, norms and Fourier transforms; their values where floor 8
+// makes them; refusals.
 #include <complex>
 
 #include "ktensor/fft.h"
 #include "ktensor/linalg.h"
+#include "ktensor/products.h"
+#include "ktensor/sparse.h"
 #include "random/generator.h"
 #include "rows.h"
-#include "utils/error.h"
+#include "support/expect_error.h"
 
 namespace ornik::gradcheck {
 
@@ -38,109 +40,105 @@ KTensor of_vectors(const SingularValues& f) {
     return sum(sqr(abs(both)) + real(both)) + sum(sqr(abs(f.u))) + sum(f.s);
 }
 
-template <typename Call>
-Row row(Op op, std::vector<Dims> shapes, Call call, bool complex = true, const char* note = "") {
-    return {op, std::move(shapes), [call](const Tensors& x) { return call(x[0]); }, complex, -1, 1, note};
-}
-
-Row solution(Dims x, Dims b, const char* note) {
-    return {Op::solve, {x, b}, [](const Tensors& t) { return solve(regular(t[0]), t[1]); }, true, -1, 1, note};
-}
-
-Row norm(Op op, double ord, const char* note) {
-    return row(
-        op, {{2, 3}}, [ord](const KTensor& x) { return vector_norm(x, {-1}, false, ord); }, true, note);
-}
-
-Row norm(Op op, MatrixNorm ord, const char* note) {
-    return row(
-        op, {{2, 3, 2}}, [ord](const KTensor& x) { return matrix_norm(apart(x), ord); }, true, note);
+// Hermitian, with eigenvalues apart. The lower triangle alone is read: a function of a full matrix is symmetrized.
+KTensor spread(const Tensors& x) {
+    const KTensor steps = KTensor::arange(0, static_cast<double>(2 * x[0].size(-1)), 2, dtype::float64);
+    const KTensor diagonal = where(equal(KTensor::eye(x[0].size(-1)), Scalar(1.0F)), steps, Scalar(0.0));
+    return x[0] + conj(transpose(x[0])) + diagonal;
 }
 
 }  // namespace
 
-std::vector<Row> linalg_rows() {
-    std::vector<Row> rows{
-        row(Op::cholesky, {{2, 3, 3}}, [](const KTensor& x) { return cholesky(definite(x)); }),
-        row(
-            Op::cholesky, {{3, 3}}, [](const KTensor& x) { return cholesky(definite(x), true); }, true, "upper"),
-        row(Op::qr, {{2, 4, 3}}, [](const KTensor& x) { return qr(x).q; }),
-        row(
-            Op::qr, {{3, 3}}, [](const KTensor& x) { return qr(x, true).r; }, true, "square"),
-        row(
-            Op::add, {{3, 5}}, [](const KTensor& x) { return sum(qr(x).q * 2.0) + sum(sqr(qr(x).r)); }, true,
-            "wide qr"),
-        row(Op::svd, {{2, 3, 2}}, [](const KTensor& x) { return svd(apart(x)).s; }),
-        row(
-            Op::add, {{4, 3}}, [](const KTensor& x) { return of_vectors(svd(apart(x), false)); }, true, "tall svd"),
-        row(
-            Op::add, {{2, 4}}, [](const KTensor& x) { return of_vectors(svd(apart(x), false)); }, true, "wide svd"),
-        row(
-            Op::sqr, {{3, 2}}, [](const KTensor& x) { return sqr(abs(svd(apart(x), false).u)); }, true, "u alone"),
-        row(
-            Op::sqr, {{2, 3}}, [](const KTensor& x) { return sqr(abs(svd(apart(x), false).vh)); }, true, "vh alone"),
-        row(Op::svdvals, {{2, 2, 3}}, [](const KTensor& x) { return svdvals(apart(x)); }),
-        row(Op::eig, {{2, 3, 3}}, [](const KTensor& x) { return eigvals(apart(x)); }),
-        row(
-            Op::sqr, {{3, 3}}, [](const KTensor& x) { return sqr(abs(eig(apart(x)).vectors)); }, true, "eig"),
-        row(
-            Op::sqr, {{2, 2}}, [](const KTensor& x) { return sqr(abs(eig(x * 0.1 + spiral()).vectors)); }, false,
-            "conjugate pairs"),
-        row(Op::inv, {{2, 3, 3}}, [](const KTensor& x) { return inv(regular(x)); }),
-        solution({2, 3, 3}, {2, 3, 2}, "batch"),
-        solution({2, 3, 3}, {3}, "one vector"),
-        solution({3, 3}, {2, 1, 3, 1}, "one matrix"),
-        row(Op::det, {{2, 3, 3}}, [](const KTensor& x) { return det(x); }),
-        row(Op::slogdet, {{2, 3, 3}}, [](const KTensor& x) { return slogdet(x).logabsdet; }),
-        row(
-            Op::slogdet, {{2, 2}}, [](const KTensor& x) { return slogdet(x + turned()).sign; }, true, "sign"),
-        row(Op::pinv, {{2, 4, 3}}, [](const KTensor& x) { return pinv(apart(x)); }),
-        row(
-            Op::pinv, {{2, 3}}, [](const KTensor& x) { return pinv(apart(x), 1e-6); }, true, "wide"),
-        row(
-            Op::matmul, {{3, 3}}, [](const KTensor& x) { return matrix_power(regular(x), -3); }, true, "power"),
-        {Op::sum, {{2, 3}, {3}}, [](const Tensors& x) { return vecdot(x[0], x[1]); }, true, -1, 1, "vecdot"},
-        norm(Op::sum, 1, "norm 1"),
-        norm(Op::l2_norm, 2, "norm 2"),
-        norm(Op::where, 3, "norm 3"),
-        norm(Op::pow, -2, "norm -2"),
-        norm(Op::max, HUGE_VAL, "norm inf"),
-        norm(Op::min, -HUGE_VAL, "norm -inf"),
-        norm(Op::l2_norm, MatrixNorm::frobenius, "frobenius"),
-        norm(Op::squeeze, MatrixNorm::nuclear, "nuclear"),
-        norm(Op::squeeze, MatrixNorm::largest_value, "norm 2"),
-        norm(Op::squeeze, MatrixNorm::smallest_value, "norm -2"),
-        norm(Op::squeeze, MatrixNorm::largest_column, "norm 1"),
-        norm(Op::squeeze, MatrixNorm::smallest_row, "norm -inf"),
+Rows product_rows() {
+    Rows rows;
+    rows.add(Op::matmul, {{2, 3}, {3, 4}}, two<matmul>);
+    rows.add(Op::matmul, {{2, 2, 3}, {3, 2}}, {"shared right operand"}, two<matmul>);
+    rows.add(Op::matmul, {{2, 1, 2, 3}, {3, 3, 2}}, {"broadcast batches"}, two<matmul>);
+    rows.add(Op::squeeze, {{3}, {2, 3, 2}}, {"row"}, two<matmul>);
+    rows.add(Op::squeeze, {{2, 2, 3}, {3}}, {"column"}, two<matmul>);
+    rows.add(Op::squeeze, {{3}, {3}}, {"dot"}, two<dot>);
+    rows.add(Op::kron, {{2, 3}, {2, 2}}, two<kron>);
+    rows.add(Op::sparse_dot, {{4}, {3, 2}}, [](const Tensors& x) {
+        return sparse_dot(SparseMatrix(KTensor({0, 2, 2, 4}), KTensor({0, 2, 0, 1}), x[0], {3, 3}), x[1]);
+    });
+    rows.add(Op::add, {{3, 2}}, {"sparse and back"}, [](const Tensors& x) {
+        const SparseMatrix m = SparseMatrix::from_dense(x[0]);
+        return m.to_dense() + transpose(m.transpose().to_dense());
+    });
+    rows.add(Op::eigvalsh, {{3, 3}}, [](const Tensors& x) { return eigvalsh(spread(x)); });
+    rows.add(Op::eigh, {{2, 3, 3}}, [](const Tensors& x) { return eigh(spread(x)).values; });
+    // Magnitudes of vectors do not depend on their phases.
+    rows.add(Op::sqr, {{3, 3}}, {"of eigenvectors"},
+             [](const Tensors& x) { return sqr(abs(eigh(spread(x)).vectors)); });
+    return rows;
+}
+
+TEST(Gradients, Products) { std::ranges::for_each(product_rows(), check); }
+
+Rows linalg_rows() {
+    Rows rows;
+    // Most have one operand, between -1 and 1.
+    const auto add = [&](Op op, const Dims& shape, const char* note, const auto& call) {
+        rows.add(op, {shape}, {note, true, -1, 1}, [call](const Tensors& x) { return call(x[0]); });
     };
+    const auto add_real = [&](Op op, const Dims& shape, const char* note, const auto& call) {
+        add(op, shape, note, call);
+        rows.back().terms.complex = false;
+    };
+    add(Op::cholesky, {2, 3, 3}, "lower", [](const KTensor& x) { return cholesky(definite(x)); });
+    add(Op::cholesky, {3, 3}, "upper", [](const KTensor& x) { return cholesky(definite(x), true); });
+    add(Op::qr, {2, 4, 3}, "reduced", [](const KTensor& x) { return qr(x).q; });
+    add(Op::qr, {3, 3}, "square", [](const KTensor& x) { return qr(x, true).r; });
+    add(Op::add, {3, 5}, "wide qr", [](const KTensor& x) { return sum(qr(x).q * 2.0) + sum(sqr(qr(x).r)); });
+    add(Op::svd, {2, 3, 2}, "values", [](const KTensor& x) { return svd(apart(x)).s; });
+    add(Op::add, {4, 3}, "tall svd", [](const KTensor& x) { return of_vectors(svd(apart(x), false)); });
+    add(Op::add, {2, 4}, "wide svd", [](const KTensor& x) { return of_vectors(svd(apart(x), false)); });
+    add(Op::sqr, {3, 2}, "u alone", [](const KTensor& x) { return sqr(abs(svd(apart(x), false).u)); });
+    add(Op::sqr, {2, 3}, "vh alone", [](const KTensor& x) { return sqr(abs(svd(apart(x), false).vh)); });
+    add(Op::svdvals, {2, 2, 3}, "", [](const KTensor& x) { return svdvals(apart(x)); });
+    add(Op::eig, {2, 3, 3}, "values", [](const KTensor& x) { return eigvals(apart(x)); });
+    add(Op::sqr, {3, 3}, "eigenvectors", [](const KTensor& x) { return sqr(abs(eig(apart(x)).vectors)); });
+    add_real(Op::sqr, {2, 2}, "conjugate pairs",
+             [](const KTensor& x) { return sqr(abs(eig(x * 0.1 + spiral()).vectors)); });
+    add(Op::inv, {2, 3, 3}, "", [](const KTensor& x) { return inv(regular(x)); });
+    const auto solution = [](const Tensors& x) { return solve(regular(x[0]), x[1]); };
+    rows.add(Op::solve, {{2, 3, 3}, {2, 3, 2}}, {"batch", true, -1, 1}, solution);
+    rows.add(Op::solve, {{2, 3, 3}, {3}}, {"one vector", true, -1, 1}, solution);
+    rows.add(Op::solve, {{3, 3}, {2, 1, 3, 1}}, {"one matrix", true, -1, 1}, solution);
+    add(Op::det, {2, 3, 3}, "", [](const KTensor& x) { return det(x); });
+    add(Op::slogdet, {2, 3, 3}, "logarithm", [](const KTensor& x) { return slogdet(x).logabsdet; });
+    add(Op::slogdet, {2, 2}, "sign", [](const KTensor& x) { return slogdet(x + turned()).sign; });
+    add(Op::pinv, {2, 4, 3}, "tall", [](const KTensor& x) { return pinv(apart(x)); });
+    add(Op::pinv, {2, 3}, "wide", [](const KTensor& x) { return pinv(apart(x), 1e-6); });
+    add(Op::matmul, {3, 3}, "power", [](const KTensor& x) { return matrix_power(regular(x), -3); });
+    rows.add(Op::sum, {{2, 3}, {3}}, {"vecdot", true, -1, 1}, [](const Tensors& x) { return vecdot(x[0], x[1]); });
+
+    const std::pair<Op, double> vector_norms[] = {{Op::sum, 1},  {Op::l2_norm, 2},    {Op::where, 3},
+                                                  {Op::pow, -2}, {Op::max, HUGE_VAL}, {Op::min, -HUGE_VAL}};
+    for (const auto& norm : vector_norms) {
+        const double ord = norm.second;
+        add(norm.first, {2, 3}, "vector norm", [ord](const KTensor& x) { return vector_norm(x, {-1}, false, ord); });
+    }
+    using M = MatrixNorm;
+    for (const M ord :
+         {M::frobenius, M::nuclear, M::largest_value, M::smallest_value, M::largest_column, M::smallest_row}) {
+        const Op op = ord == M::frobenius ? Op::l2_norm : Op::squeeze;
+        add(op, {2, 3, 2}, "matrix norm", [ord](const KTensor& x) { return matrix_norm(apart(x), ord); });
+    }
+
     using Norm = FourierNorm;
-    rows.push_back(row(Op::fft, {{2, 5}}, [](const KTensor& x) { return fft(x); }));
+    add(Op::fft, {2, 5}, "", [](const KTensor& x) { return fft(x); });
     for (const std::int64_t n : {3, 6}) {  // cut off, filled up
         const char* note = n == 3 ? "odd" : "even";
-        rows.push_back(row(
-            Op::fft, {{4, 2}}, [n](const KTensor& x) { return ifft(x, n, 0, Norm::ortho); }, true, note));
-        rows.push_back(row(
-            Op::rfft, {{2, 5}}, [n](const KTensor& x) { return rfft(x, n, -1, Norm::forward); }, false, note));
-        rows.push_back(row(
-            Op::irfft, {{3, 2}}, [n](const KTensor& x) { return irfft(x, n, 0); }, true, note));
-        rows.push_back(row(
-            Op::irfft, {{3}}, [n](const KTensor& x) { return hfft(x, n); }, true, note));
-        rows.push_back(row(
-            Op::conj, {{2, 4}}, [n](const KTensor& x) { return ihfft(x, n); }, false, note));
+        add(Op::fft, {4, 2}, note, [n](const KTensor& x) { return ifft(x, n, 0, Norm::ortho); });
+        add_real(Op::rfft, {2, 5}, note, [n](const KTensor& x) { return rfft(x, n, -1, Norm::forward); });
+        add(Op::irfft, {3, 2}, note, [n](const KTensor& x) { return irfft(x, n, 0); });
+        add(Op::irfft, {3}, note, [n](const KTensor& x) { return hfft(x, n); });
+        add_real(Op::conj, {2, 4}, note, [n](const KTensor& x) { return ihfft(x, n); });
     }
-    rows.push_back(row(
-        Op::fft, {{2, 3, 2}},
-        [](const KTensor& x) {
-            return fftn(x, {4, 2}, {2, 0});
-        },
-        true, "axes"));
-    rows.push_back(row(
-        Op::irfft, {{3, 2, 2}},
-        [](const KTensor& x) {
-            return irfftn(x, {-1, 3});
-        },
-        true, "axes"));
-    rows.push_back(row(Op::roll, {{2, 3}}, [](const KTensor& x) { return ifftshift(x); }));
+    add(Op::fft, {2, 3, 2}, "axes", [](const KTensor& x) { return fftn(x, {4, 2}, {2, 0}); });
+    add(Op::irfft, {3, 2, 2}, "axes", [](const KTensor& x) { return irfftn(x, {-1, 3}); });
+    add(Op::roll, {2, 3}, "", [](const KTensor& x) { return ifftshift(x); });
     return rows;
 }
 
@@ -243,50 +241,32 @@ TEST(LinearAlgebra, Refusals) {
     const KTensor x = KTensor::ones({3, 2});
     const KTensor z = KTensor::ones({2, 2}, dtype::complex64);
     KTensor leaf = KTensor::ones({3, 2}).requires_grad();
-    const std::pair<std::function<void()>, std::string> rows[] = {
-        {[&] { (void)inv(x); }, "inv(): takes square matrices in the last two axes, not a shape of [3, 2]."},
-        {[&] { (void)matrix_power(x, 2); },
-         "matrix_power(): takes square matrices in the last two axes, not [3, 2] float32."},
-        {[&] { (void)matrix_norm(KTensor::ones({3})); },
-         "matrix_norm(): takes matrices in the last two axes, not [3] float32."},
-        {[&] { (void)vector_norm(i); }, "vector_norm(): takes floating and complex tensors, not [3] int64."},
-        {[&] { (void)vector_norm(x, {}, false, NAN); }, "vector_norm(): NaN is no order."},
-        {[&] { sum(qr(leaf, true).q).backward(); },
-         "qr(): the complete factor [3, 3] float32 of matrices with more rows than columns has no gradient; the "
-         "reduced "
-         "one has."},
-        {[&] { sum(svd(leaf).u).backward(); },
-         "svd(): the full factors of [3, 2] float32 have no gradients; those with full_matrices off have."},
-        {[&] { (void)vecdot(x, KTensor::ones({1})); },
-         "vecdot(): [3, 2] float32 and [1] float32 have different extents along axis -1."},
-        {[&] { (void)vecdot(x, KTensor::ones({3}), 0); },
-         "vecdot(): axis 0 of [3, 2] float32 and of [3] float32 are not the same from the end."},
-        {[&] { (void)fft(i); }, "fft(): takes floating and complex tensors, not [3] int64."},
-        {[&] { (void)rfft(z); }, "rfft(): takes real floating tensors, not [2, 2] complex64."},
-        {[&] { (void)ifft(z, 0); }, "ifft(): there is no transform of length 0; the operand is [2, 2] complex64."},
-        {[&] { (void)irfft(KTensor::ones({1})); },
-         "irfft(): there is no transform of length 0; the operand is [1] float32."},
-        {[&] { (void)fft(z, {}, 2); }, "fft(): [2, 2] complex64 has no axis 2."},
-        {[&] {
-             (void)fftn(z, {}, {0, -2});
-         },
-         "fftn(): axis -2 of [2, 2] complex64 is named twice."},
-        {[&] {
-             (void)fftn(z, {2}, {0, 1});
-         },
-         "fftn(): 2 axes have 1 lengths."},
-        {[&] { (void)rfftn(KTensor::scalar(1.0F)); }, "rfftn(): [] float32 has no axis to transform."},
-        {[&] { (void)fftfreq(0); }, "fftfreq(): there is no transform of length 0."},
-    };
-    for (const auto& [call, message] : rows) {
-        std::string found = "(no error)";
-        try {
-            call();
-        } catch (const Error& error) {
-            found = error.message();
-        }
-        EXPECT_EQ(found, message);
-    }
+    EXPECT_REFUSAL(inv(x), "inv(): takes square matrices in the last two axes, not a shape of [3, 2].");
+    EXPECT_REFUSAL(matrix_power(x, 2),
+                   "matrix_power(): takes square matrices in the last two axes, not [3, 2] float32.");
+    EXPECT_REFUSAL(matrix_norm(KTensor::ones({3})),
+                   "matrix_norm(): takes matrices in the last two axes, not [3] float32.");
+    EXPECT_REFUSAL(vector_norm(i), "vector_norm(): takes floating and complex tensors, not [3] int64.");
+    EXPECT_REFUSAL(vector_norm(x, {}, false, NAN), "vector_norm(): NaN is no order.");
+    EXPECT_REFUSAL(sum(qr(leaf, true).q).backward(),
+                   "qr(): the complete factor [3, 3] float32 of matrices with more rows than columns has no gradient; "
+                   "the reduced one has.");
+    EXPECT_REFUSAL(sum(svd(leaf).u).backward(),
+                   "svd(): the full factors of [3, 2] float32 have no gradients; those with full_matrices off have.");
+    EXPECT_REFUSAL(vecdot(x, KTensor::ones({1})),
+                   "vecdot(): [3, 2] float32 and [1] float32 have different extents along axis -1.");
+    EXPECT_REFUSAL(vecdot(x, KTensor::ones({3}), 0),
+                   "vecdot(): axis 0 of [3, 2] float32 and of [3] float32 are not the same from the end.");
+    EXPECT_REFUSAL(fft(i), "fft(): takes floating and complex tensors, not [3] int64.");
+    EXPECT_REFUSAL(rfft(z), "rfft(): takes real floating tensors, not [2, 2] complex64.");
+    EXPECT_REFUSAL(ifft(z, 0), "ifft(): there is no transform of length 0; the operand is [2, 2] complex64.");
+    EXPECT_REFUSAL(irfft(KTensor::ones({1})),
+                   "irfft(): there is no transform of length 0; the operand is [1] float32.");
+    EXPECT_REFUSAL(fft(z, {}, 2), "fft(): [2, 2] complex64 has no axis 2.");
+    EXPECT_REFUSAL(fftn(z, {}, {0, -2}), "fftn(): axis -2 of [2, 2] complex64 is named twice.");
+    EXPECT_REFUSAL(fftn(z, {2}, {0, 1}), "fftn(): 2 axes have 1 lengths.");
+    EXPECT_REFUSAL(rfftn(KTensor::scalar(1.0F)), "rfftn(): [] float32 has no axis to transform.");
+    EXPECT_REFUSAL(fftfreq(0), "fftfreq(): there is no transform of length 0.");
 }
 
 }  // namespace

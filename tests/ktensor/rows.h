@@ -1,16 +1,16 @@
-// rows.h: the lists of operations whose gradients are checked, one for each file of rows.
+// rows.h: the lists of operations whose gradients are checked, by what they are about.
 #pragma once
 
 #include "gradcheck.h"
 
 namespace ornik::gradcheck {
 
-std::vector<Row> index_rows();
-std::vector<Row> linalg_rows();
-std::vector<Row> product_rows();
-std::vector<Row> join_rows();
-std::vector<Row> layer_rows();
-std::vector<Row> network_rows();
-std::vector<Row> loss_rows();
+Rows index_rows();
+Rows linalg_rows();
+Rows product_rows();
+Rows join_rows();
+Rows layer_rows();
+Rows network_rows();
+Rows loss_rows();
 
 }  // namespace ornik::gradcheck

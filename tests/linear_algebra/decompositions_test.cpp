@@ -12,23 +12,6 @@
 namespace ornik::test {
 namespace {
 
-constexpr std::int64_t float_dtypes[] = {dtype::float32, dtype::float64, dtype::complex64, dtype::complex128};
-
-double epsilon_of(const TensorPtr& t) {
-    const bool single = t->Dtype() == dtype::float32 || t->Dtype() == dtype::complex64;
-    return single ? std::numeric_limits<float>::epsilon() : std::numeric_limits<double>::epsilon();
-}
-
-std::int64_t real_dtype(const TensorPtr& t) {
-    return t->Dtype() == dtype::float32 || t->Dtype() == dtype::complex64 ? dtype::float32 : dtype::float64;
-}
-
-struct Results {
-    explicit Results(const std::vector<Tensor*>& list) : tensors(list.begin(), list.end()) {}
-    const TensorPtr& operator[](std::size_t i) const { return tensors[i]; }
-    std::vector<TensorPtr> tensors;
-};
-
 // Of shape [.., m, n], in every dtype; small ones in every layout. visit(x, matrices of x, bound of errors)
 void for_operands(const std::vector<Dims>& shapes, const auto& visit) {
     for (const Dims& shape : shapes) {
@@ -49,10 +32,6 @@ void for_operands(const std::vector<Dims>& shapes, const auto& visit) {
     }
 }
 
-void expect_orthonormal_columns(const Dense& q, double bound) {
-    EXPECT_LE((q.adjoint() * q - Dense::unit(q.cols)).largest(), bound);
-}
-
 const std::vector<Dims> any_shapes = {{1, 1},   {2, 3, 3},   {5, 3},   {2, 2, 3, 5}, {17, 17},
                                       {40, 23}, {2, 23, 40}, {64, 64}, {100, 4},     {3, 100}};
 const std::vector<Dims> square_shapes = {{1, 1}, {3, 2, 2}, {2, 2, 4, 4}, {17, 17}, {70, 70}};
@@ -62,9 +41,7 @@ TEST(Decompositions, QrObeysItsEquations) {
         for (const bool complete : {false, true}) {
             const Results found(qr(x.get(), complete));
             for (std::int64_t i = 0; i < count; ++i) {
-                const Dense q = Dense::of(found[0], i);
-                const Dense r = Dense::of(found[1], i);
-                const Dense a = Dense::of(x, i);
+                const Dense q = Dense::of(found[0], i), r = Dense::of(found[1], i), a = Dense::of(x, i);
                 EXPECT_EQ(q.cols, complete ? a.rows : std::min(a.rows, a.cols));
                 EXPECT_LE((q * r - a).largest(), bound);
                 expect_orthonormal_columns(q, bound);
@@ -85,9 +62,7 @@ TEST(Decompositions, SingularValuesObeyTheirEquations) {
         for (const bool full : {false, true}) {
             const Results found(svd(x.get(), full));
             for (std::int64_t i = 0; i < count; ++i) {
-                const Dense u = Dense::of(found[0], i);
-                const Dense vh = Dense::of(found[2], i);
-                const Dense a = Dense::of(x, i);
+                const Dense u = Dense::of(found[0], i), vh = Dense::of(found[2], i), a = Dense::of(x, i);
                 const std::int64_t k = std::min(a.rows, a.cols);
                 Dense s = Dense::unit(k);
                 for (std::int64_t j = 0; j < k; ++j) {
@@ -110,8 +85,7 @@ TEST(Decompositions, EigenvaluesObeyTheirEquation) {
         const TensorPtr alone(eigvals(x.get()));
         const Results found(eig(x.get()));
         for (std::int64_t i = 0; i < count; ++i) {
-            const Dense a = Dense::of(x, i);
-            const Dense v = Dense::of(found[1], i);
+            const Dense a = Dense::of(x, i), v = Dense::of(found[1], i);
             Dense w = Dense::unit(a.rows);
             double conjugate_sum = 0;
             for (std::int64_t j = 0; j < a.rows; ++j) {
@@ -136,8 +110,7 @@ TEST(Decompositions, PseudoInversesObeyPenrosesEquations) {
     for_operands(any_shapes, [](const TensorPtr& x, std::int64_t count, double bound) {
         const TensorPtr found(pinv(x.get()));
         for (std::int64_t i = 0; i < count; ++i) {
-            const Dense a = Dense::of(x, i);
-            const Dense p = Dense::of(found, i);
+            const Dense a = Dense::of(x, i), p = Dense::of(found, i);
             const double scale = bound * 8 * std::max(1.0, p.largest());
             EXPECT_LE((a * p * a - a).largest(), scale);
             EXPECT_LE((p * a * p - p).largest(), scale * std::max(1.0, p.largest()));
@@ -199,17 +172,13 @@ Number determinant(Dense a) {
 
 TEST(Decompositions, SquareMatricesObeyTheirEquations) {
     for_operands(square_shapes, [](const TensorPtr& noise, std::int64_t count, double bound) {
-        const TensorPtr x = regular(noise, false);
-        const TensorPtr definite = regular(noise, true);
-        const TensorPtr inverse(inv(x.get()));
-        const TensorPtr lower(cholesky(definite.get()));
-        const TensorPtr upper(cholesky(definite.get(), true));
-        const TensorPtr determinants(det(noise.get()));
+        const TensorPtr x = regular(noise, false), definite = regular(noise, true);
+        const TensorPtr inverse(inv(x.get())), lower(cholesky(definite.get()));
+        const TensorPtr upper(cholesky(definite.get(), true)), determinants(det(noise.get()));
         const Results logarithms(slogdet(noise.get()));
         ASSERT_EQ(logarithms[1]->Dtype(), real_dtype(x));
         for (std::int64_t i = 0; i < count; ++i) {
-            const Dense a = Dense::of(x, i);
-            const Dense l = Dense::of(lower, i);
+            const Dense a = Dense::of(x, i), l = Dense::of(lower, i);
             EXPECT_LE((a * Dense::of(inverse, i) - Dense::unit(a.rows)).largest(), bound);
             EXPECT_LE((l * l.adjoint() - Dense::of(definite, i)).largest(), bound * 2 * static_cast<double>(a.rows));
             EXPECT_LE((l.adjoint() - Dense::of(upper, i)).largest(), bound * 2 * static_cast<double>(a.rows));
@@ -264,8 +233,7 @@ TEST(Decompositions, SolutionsBroadcast) {
                 const Dims batch(c.result.begin(), c.result.end() - (vector ? 1 : 2));
                 const std::int64_t n = c.x.back();
                 const std::int64_t k = vector ? 1 : c.b.back();
-                const std::vector<Number> right = numbers(b);
-                const std::vector<Number> found = numbers(y);
+                const std::vector<Number> right = numbers(b), found = numbers(y);
                 for (std::int64_t i = 0; i < numel_of(batch); ++i) {
                     const std::int64_t inner = batch.empty() ? 1 : batch.back();
                     const std::int64_t of_x = c.x.size() == 4 ? i / inner : c.x.size() == 3 ? i : 0;

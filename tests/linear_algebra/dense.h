@@ -1,7 +1,8 @@
-// dense.h: matrices in double precision, computed with in plain loops.
+// dense.h: matrices in double precision, computed with in plain loops; what tests of decompositions share.
 #pragma once
 
 #include <complex>
+#include <limits>
 
 #include "matrices.h"
 
@@ -92,5 +93,26 @@ struct Dense {
         return a;
     }
 };
+
+inline constexpr std::int64_t float_dtypes[] = {dtype::float32, dtype::float64, dtype::complex64, dtype::complex128};
+
+inline double epsilon_of(const TensorPtr& t) {
+    const bool single = t->Dtype() == dtype::float32 || t->Dtype() == dtype::complex64;
+    return single ? std::numeric_limits<float>::epsilon() : std::numeric_limits<double>::epsilon();
+}
+
+inline std::int64_t real_dtype(const TensorPtr& t) {
+    return t->Dtype() == dtype::float32 || t->Dtype() == dtype::complex64 ? dtype::float32 : dtype::float64;
+}
+
+struct Results {
+    explicit Results(const std::vector<Tensor*>& list) : tensors(list.begin(), list.end()) {}
+    const TensorPtr& operator[](std::size_t i) const { return tensors[i]; }
+    std::vector<TensorPtr> tensors;
+};
+
+inline void expect_orthonormal_columns(const Dense& q, double bound) {
+    EXPECT_LE((q.adjoint() * q - Dense::unit(q.cols)).largest(), bound);
+}
 
 }  // namespace ornik::test

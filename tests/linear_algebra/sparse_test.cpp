@@ -1,6 +1,7 @@
-// CSR and COO matrices: their components, conversions, products and the refusal of malformed ones.
+// CSR and COO matrices: their components, conversions, products, kron, and the refusal of malformed ones.
 #include "matrices.h"
 #include "support/expect_error.h"
+#include "tensor/tensor_math/linear_algebra.h"
 
 namespace ornik::test {
 namespace {
@@ -40,8 +41,7 @@ TEST(Sparse, ConversionsKeepTheElementsThatAreNotZero) {
             EXPECT_TRUE(same(elements_of<T>(t), all));
         };
         const TensorPtr dense = make<T>(shape, all, layout);
-        const TensorPtr csr(to_csr(dense.get()));
-        const TensorPtr coo(to_coo(dense.get()));
+        const TensorPtr csr(to_csr(dense.get())), coo(to_coo(dense.get()));
         expect(csr->CPU(0), layout::csr);
         expect(coo->CPU(0), layout::coo);
         expect(to_csr(coo.get()), layout::csr);
@@ -59,8 +59,7 @@ TEST(Sparse, ProductAndGradients) {
     constexpr std::int64_t m = 5, k = 4, n = 3;
     for_types(AllTypes{}, []<typename T>() {
         const std::vector<T> a = gappy<T>({m, k}, 1);
-        const std::vector<T> b = counted<T>(k * n, -5);
-        const std::vector<T> g = counted<T>(m * n, -2);
+        const std::vector<T> b = counted<T>(k * n, -5), g = counted<T>(m * n, -2);
         std::vector<T> product(g.size()), grad_a(a.size()), grad_b(b.size());
         for (std::int64_t i = 0; i < m * k * n; ++i) {
             const std::size_t in_a = at(0, i / n, 0), in_b = at(i / n % k, i % n, n), in_g = at(i / n / k, i % n, n);
@@ -70,8 +69,7 @@ TEST(Sparse, ProductAndGradients) {
         }
         for (const Layout layout : all_layouts) {
             SCOPED_TRACE(dtype_name(dtype_code<T>) + " " + name_of(layout));
-            const TensorPtr x = make<T>({m, k}, a);
-            const TensorPtr y = make<T>({k, n}, b, layout);
+            const TensorPtr x = make<T>({m, k}, a), y = make<T>({k, n}, b, layout);
             const TensorPtr grad = make<T>({m, n}, g, layout);
             for (const auto convert : {to_csr, to_coo}) {
                 const TensorPtr sparse(convert(x.get()));
@@ -83,6 +81,41 @@ TEST(Sparse, ProductAndGradients) {
                 EXPECT_EQ(member<std::int64_t>(at_entries, 1), member<std::int64_t>(sparse, 1));
                 EXPECT_TRUE(same(elements_of<T>(at_entries), grad_a));
             }
+        }
+    });
+}
+
+// For every mixture of dense and COO operands.
+TEST(Kron, ProductAndGradientsInEveryLayoutAndType) {
+    constexpr std::int64_t m = 5, n = 3, p = 2, q = 4;
+    for_types(AllTypes{}, []<typename T>() {
+        const std::vector<T> a = gappy<T>({m, n}, 1), b = gappy<T>({p, q}, -3), g = gappy<T>({m * p, n * q}, 2);
+        std::vector<T> product(g.size()), grad_a(a.size()), grad_b(b.size());
+        for (std::int64_t row = 0; row < m * p; ++row) {
+            for (std::int64_t col = 0; col < n * q; ++col) {
+                const std::size_t in_a = at(row / p, col / q, n), in_b = at(row % p, col % q, q);
+                const std::size_t in_g = at(row, col, n * q);
+                add_product<T>(product, in_g, a[in_a], b[in_b], false);
+                add_product<T>(grad_a, in_a, g[in_g], b[in_b], true);
+                add_product<T>(grad_b, in_b, g[in_g], a[in_a], true);
+            }
+        }
+        for (int layouts = 0; layouts < 8; ++layouts) {
+            const auto operand = [&](const Dims& shape, const std::vector<T>& values, int bit) {
+                TensorPtr t = make<T>(shape, values, all_layouts[(layouts + bit) % 5]);
+                return (layouts >> bit & 1) != 0 ? TensorPtr(to_coo(t.get())) : std::move(t);
+            };
+            const TensorPtr x = operand({m, n}, a, 0), y = operand({p, q}, b, 1);
+            const TensorPtr grad = operand({m * p, n * q}, g, 2);
+            const TensorPtr result(kron(x.get(), y.get())), grad_x(kron_dx_grad(x.get(), y.get(), grad.get()));
+            const TensorPtr grad_y(kron_dy_grad(x.get(), y.get(), grad.get()));
+            SCOPED_TRACE(dtype_name(dtype_code<T>) + " " + std::to_string(layouts));
+            EXPECT_EQ(result->is_coo(), x->is_coo() && y->is_coo());
+            EXPECT_EQ(grad_x->Layout(), x->Layout());
+            EXPECT_EQ(grad_y->Layout(), y->Layout());
+            EXPECT_TRUE(same(elements_of<T>(result), product));
+            EXPECT_TRUE(same(elements_of<T>(grad_x), grad_a));
+            EXPECT_TRUE(same(elements_of<T>(grad_y), grad_b));
         }
     });
 }

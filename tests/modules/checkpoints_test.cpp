@@ -54,190 +54,138 @@ void expect_close(const KTensor& actual, const KTensor& expected, const std::str
     }
 }
 
-struct Row {
-    std::string name;
-    std::function<std::unique_ptr<Module>()> make;
-    std::function<Tensors(Module&, const Tensors&)> call;
-    bool training = true;
+/// What a module is called with, and what it gives: one operand and one result, unless a case says otherwise.
+struct OfOne {
+    Tensors operator()(Module& m, const Tensors& x) const { return {m.forward(x[0])}; }
+};
+struct OfTwo {
+    Tensors operator()(auto& m, const Tensors& x) const { return {m(x[0], x[1])}; }
 };
 
-// A module made from arguments, called with its operands.
-template <typename M>
-Row row(
-    std::string name, const std::function<M()>& make,
-    const std::function<Tensors(M&, const Tensors&)>& call = [](M& m,
-                                                                const Tensors& x) { return Tensors{m.forward(x[0])}; },
-    bool training = true) {
-    return {std::move(name), [make] { return std::make_unique<M>(make()); },
-            [call](Module& m, const Tensors& x) { return call(dynamic_cast<M&>(m), x); }, training};
-}
+/// The cases of a file, each of which a test is to check.
+class Checkpoint {
+  public:
+    explicit Checkpoint(const std::string& file) : cases_(cases_of(file)) {}
+    ~Checkpoint() { EXPECT_EQ(checked_.size(), cases_.size()); }
 
-void check(const Row& row, const Entries& entries) {
-    SCOPED_TRACE(row.name);
-    const std::unique_ptr<Module> module = row.make();
-    module->load_state(starting(entries, "state."));
-    module->train(row.training);
-    Tensors inputs;
-    for (const auto& [number, tensor] : starting(entries, "in.")) {
-        inputs.push_back(tensor.is_floating() ? tensor.detach().requires_grad() : tensor);
-    }
-    const Tensors outputs = row.call(*module, inputs);
-    const NamedTensors expected = starting(entries, "out.");
-    ASSERT_EQ(outputs.size(), expected.size());
-    Tensors recorded;
-    Tensors seeds;
-    for (std::size_t i = 0; i < outputs.size(); ++i) {
-        expect_close(outputs[i], expected[i].second, "result " + std::to_string(i));
-        if (outputs[i].wants_grad()) {
-            recorded.push_back(outputs[i]);
-            seeds.push_back(entries.at("seed." + std::to_string(i)));
+    template <typename M, typename Call = OfOne>
+    void check(const std::string& name, M module, const Call& call = {}, bool training = true) {
+        SCOPED_TRACE(name);
+        ASSERT_TRUE(cases_.contains(name));
+        checked_.insert(name);
+        const Entries& entries = cases_.at(name);
+        module.load_state(starting(entries, "state."));
+        module.train(training);
+        Tensors inputs;
+        for (const auto& [number, tensor] : starting(entries, "in.")) {
+            inputs.push_back(tensor.is_floating() ? tensor.detach().requires_grad() : tensor);
+        }
+        const Tensors outputs = call(module, inputs);
+        const NamedTensors expected = starting(entries, "out.");
+        ASSERT_EQ(outputs.size(), expected.size());
+        Tensors recorded;
+        Tensors seeds;
+        for (std::size_t i = 0; i < outputs.size(); ++i) {
+            expect_close(outputs[i], expected[i].second, "result " + std::to_string(i));
+            if (outputs[i].wants_grad()) {
+                recorded.push_back(outputs[i]);
+                seeds.push_back(entries.at("seed." + std::to_string(i)));
+            }
+        }
+        backward(recorded, seeds);
+        for (const auto& [number, gradient] : starting(entries, "grad.in.")) {
+            expect_close(inputs[std::stoul(number)].grad(), gradient, "gradient of operand " + number);
+        }
+        EXPECT_EQ(starting(entries, "grad.state.").size(), module.named_parameters().size());
+        for (const auto& [parameter_name, parameter] : module.named_parameters()) {
+            expect_close(parameter.grad(), entries.at("grad.state." + parameter_name), "gradient of " + parameter_name);
+        }
+        for (const auto& [buffer_name, buffer] : module.named_buffers()) {
+            expect_close(buffer, entries.at("after." + buffer_name), buffer_name + " afterwards");
         }
     }
-    backward(recorded, seeds);
-    for (const auto& [number, gradient] : starting(entries, "grad.in.")) {
-        expect_close(inputs[std::stoul(number)].grad(), gradient, "gradient of operand " + number);
-    }
-    const NamedTensors gradients = starting(entries, "grad.state.");
-    EXPECT_EQ(gradients.size(), module->named_parameters().size());
-    for (const auto& [name, parameter] : module->named_parameters()) {
-        expect_close(parameter.grad(), entries.at("grad.state." + name), "gradient of " + name);
-    }
-    for (const auto& [name, buffer] : module->named_buffers()) {
-        expect_close(buffer, entries.at("after." + name), name + " afterwards");
-    }
-}
 
-void check_all(const std::string& file, const std::vector<Row>& rows) {
-    const std::map<std::string, Entries> cases = cases_of(file);
-    std::set<std::string> named;
-    for (const Row& row : rows) {
-        ASSERT_TRUE(cases.contains(row.name)) << row.name;
-        check(row, cases.at(row.name));
-        named.insert(row.name);
-    }
-    EXPECT_EQ(named.size(), cases.size());
-}
+  private:
+    std::map<std::string, Entries> cases_;
+    std::set<std::string> checked_;
+};
 
 TEST(Checkpoints, Layers) {
-    check_all(
-        "layers",
-        {row<Linear>("linear", [] { return Linear(5, 3); }),
-         row<Linear>("linear_plain", [] { return Linear(5, 3, false); }),
-         row<Conv1d>("conv1d",
-                     [] { return Conv1d(4, 6, 3, {.stride = {2}, .padding = {1}, .dilation = {2}, .groups = 2}); }),
-         row<Conv2d>(
-             "conv2d",
-             [] {
-                 return Conv2d(6, 9, {3, 2}, {.stride = {2, 1}, .padding = {1, 0}, .dilation = {1, 2}, .groups = 3});
-             }),
-         row<Conv2d>("conv2d_same",
-                     [] {
-                         return Conv2d(2, 3, {4, 3}, {.same = true});
-                     }),
-         row<ConvTranspose1d>("conv_transpose1d",
-                              [] {
-                                  return ConvTranspose1d(
-                                      4, 6, 3, {.stride = {2}, .padding = {1}, .groups = 2, .output_padding = {1}});
-                              }),
-         row<ConvTranspose2d>("conv_transpose2d",
-                              [] {
-                                  return ConvTranspose2d(
-                                      6, 3, {3, 2},
-                                      {.stride = {2, 3}, .padding = {1, 0}, .groups = 3, .output_padding = {1, 2}});
-                              }),
-         row<BatchNorm2d>("batch_norm_train", [] { return BatchNorm2d(3); }),
-         row<BatchNorm1d>(
-             "batch_norm_eval", [] { return BatchNorm1d(3); },
-             [](BatchNorm1d& m, const Tensors& x) { return Tensors{m(x[0])}; }, false),
-         row<BatchNorm1d>(
-             "batch_norm_mean", [] { return BatchNorm1d(3, {.momentum = std::nullopt}); },
-             [](BatchNorm1d& m, const Tensors& x) {
-                 const KTensor first = m(x[0]);
-                 return Tensors{first, m(x[0] * 2.0 + 1.0)};
-             }),
-         row<LayerNorm>("layer_norm",
-                        [] {
-                            return LayerNorm({3, 5});
-                        }),
-         row<LayerNorm>("layer_norm_plain", [] { return LayerNorm({5}, 1e-5, true, false); }),
-         row<GroupNorm>("group_norm", [] { return GroupNorm(3, 6); }),
-         row<InstanceNorm2d>("instance_norm", [] { return InstanceNorm2d(3, 1e-5, true); }),
-         row<RMSNorm>("rms_norm",
-                      [] {
-                          return RMSNorm({3, 5});
-                      }),
-         row<Embedding>("embedding", [] { return Embedding(7, 5, 2); }), row<PReLU>("prelu", [] { return PReLU(3); })});
-}
-
-template <typename Loss>
-Row loss(std::string name, const std::function<Loss()>& make) {
-    return row<Loss>(std::move(name), make, [](Loss& m, const Tensors& x) { return Tensors{m(x[0], x[1])}; });
+    Checkpoint file("layers");
+    file.check("linear", Linear(5, 3));
+    file.check("linear_plain", Linear(5, 3, false));
+    file.check("conv1d", Conv1d(4, 6, 3, {.stride = {2}, .padding = {1}, .dilation = {2}, .groups = 2}));
+    const ConvOptions strided{.stride = {2, 1}, .padding = {1, 0}, .dilation = {1, 2}, .groups = 3};
+    file.check("conv2d", Conv2d(6, 9, {3, 2}, strided));
+    file.check("conv2d_same", Conv2d(2, 3, {4, 3}, {.same = true}));
+    const ConvOptions upwards1d{.stride = {2}, .padding = {1}, .groups = 2, .output_padding = {1}};
+    file.check("conv_transpose1d", ConvTranspose1d(4, 6, 3, upwards1d));
+    const ConvOptions upwards2d{.stride = {2, 3}, .padding = {1, 0}, .groups = 3, .output_padding = {1, 2}};
+    file.check("conv_transpose2d", ConvTranspose2d(6, 3, {3, 2}, upwards2d));
+    file.check("batch_norm_train", BatchNorm2d(3));
+    file.check("batch_norm_eval", BatchNorm1d(3), OfOne(), false);
+    const auto twice = [](BatchNorm1d& m, const Tensors& x) {
+        const KTensor first = m(x[0]);
+        return Tensors{first, m(x[0] * 2.0 + 1.0)};
+    };
+    file.check("batch_norm_mean", BatchNorm1d(3, {.momentum = std::nullopt}), twice);
+    file.check("layer_norm", LayerNorm({3, 5}));
+    file.check("layer_norm_plain", LayerNorm({5}, 1e-5, true, false));
+    file.check("group_norm", GroupNorm(3, 6));
+    file.check("instance_norm", InstanceNorm2d(3, 1e-5, true));
+    file.check("rms_norm", RMSNorm({3, 5}));
+    file.check("embedding", Embedding(7, 5, 2));
+    file.check("prelu", PReLU(3));
 }
 
 TEST(Checkpoints, Functions) {
     const KTensor weight({0.5F, 2.0F, 1.5F, 1.0F, 0.7F});
     const nn::PoolParameters window{{3, 2}, {2, 1}, {1, 0}};
-    check_all("functions",
-              {row<ReLU>("relu", [] { return ReLU(); }),
-               row<ReLU6>("relu6", [] { return ReLU6(); }),
-               row<SiLU>("silu", [] { return SiLU(); }),
-               row<SELU>("selu", [] { return SELU(); }),
-               row<Mish>("mish", [] { return Mish(); }),
-               row<Hardswish>("hardswish", [] { return Hardswish(); }),
-               row<Hardsigmoid>("hardsigmoid", [] { return Hardsigmoid(); }),
-               row<Sigmoid>("sigmoid", [] { return Sigmoid(); }),
-               row<LogSigmoid>("log_sigmoid", [] { return LogSigmoid(); }),
-               row<Tanh>("tanh", [] { return Tanh(); }),
-               row<GELU>("gelu", [] { return GELU(); }),
-               row<GELU>("gelu_tanh", [] { return GELU(true); }),
-               row<Softplus>("softplus", [] { return Softplus(); }),
-               row<Softplus>("softplus_beta", [] { return Softplus(0.7); }),
-               row<LeakyReLU>("leaky_relu", [] { return LeakyReLU(0.2F); }),
-               row<ELU>("elu", [] { return ELU(0.7F); }),
-               row<Hardtanh>("hardtanh", [] { return Hardtanh(-0.5, 1.5); }),
-               row<Softmax>("softmax", [] { return Softmax(0); }),
-               row<LogSoftmax>("log_softmax", [] { return LogSoftmax(); }),
-               row<MaxPool2d>("max_pool2d", [=] { return MaxPool2d(window); }),
-               row<AvgPool2d>("avg_pool2d", [=] { return AvgPool2d(window); }),
-               row<AdaptiveAvgPool2d>("adaptive_avg_pool2d",
-                                      [] {
-                                          return AdaptiveAvgPool2d({3, 4});
-                                      }),
-               row<AdaptiveMaxPool2d>("adaptive_max_pool2d",
-                                      [] {
-                                          return AdaptiveMaxPool2d({3, 4});
-                                      }),
-               row<Upsample>("upsample_nearest", [] { return Upsample(1.5); }),
-               row<Upsample>("upsample_bilinear",
-                             [] {
-                                 return Upsample({5, 9}, "bilinear");
-                             }),
-               row<Upsample>("upsample_corners",
-                             [] {
-                                 return Upsample({5, 9}, "bilinear", true);
-                             }),
-               row<MaxPool1d>("max_pool1d", [] { return MaxPool1d(3, 2, 1); }),
-               row<AvgPool1d>("avg_pool1d", [] { return AvgPool1d(3); }),
-               row<AdaptiveAvgPool1d>("adaptive_avg_pool1d", [] { return AdaptiveAvgPool1d(3); }),
-               row<PixelShuffle>("pixel_shuffle", [] { return PixelShuffle(2); }),
-               row<PixelUnshuffle>("pixel_unshuffle", [] { return PixelUnshuffle(2); }),
-               row<Flatten>("flatten", [] { return Flatten(0, 1); }),
-               row<Unflatten>("unflatten",
-                              [] {
-                                  return Unflatten(1, {2, -1});
-                              }),
-               loss<CrossEntropyLoss>("cross_entropy", [] { return CrossEntropyLoss(); }),
-               loss<CrossEntropyLoss>(
-                   "cross_entropy_smooth",
-                   [=] { return CrossEntropyLoss({.weight = weight, .ignore_index = 0, .label_smoothing = 0.2}); }),
-               loss<NLLLoss>("nll", [] { return NLLLoss({.reduction = Reduction::sum}); }),
-               loss<MSELoss>("mse", [] { return MSELoss(); }),
-               loss<L1Loss>("l1", [] { return L1Loss(Reduction::none); }),
-               loss<SmoothL1Loss>("smooth_l1", [] { return SmoothL1Loss(0.7); }),
-               loss<HuberLoss>("huber", [] { return HuberLoss(0.7); }),
-               loss<BCEWithLogitsLoss>("bce_logits", [=] { return BCEWithLogitsLoss({}, weight); }),
-               loss<KLDivLoss>("kl_div", [] { return KLDivLoss(true, Reduction::sum); }),
-               loss<BCELoss>("bce", [] { return BCELoss(); })});
+    Checkpoint file("functions");
+    file.check("relu", ReLU());
+    file.check("relu6", ReLU6());
+    file.check("silu", SiLU());
+    file.check("selu", SELU());
+    file.check("mish", Mish());
+    file.check("hardswish", Hardswish());
+    file.check("hardsigmoid", Hardsigmoid());
+    file.check("sigmoid", Sigmoid());
+    file.check("log_sigmoid", LogSigmoid());
+    file.check("tanh", Tanh());
+    file.check("gelu", GELU());
+    file.check("gelu_tanh", GELU(true));
+    file.check("softplus", Softplus());
+    file.check("softplus_beta", Softplus(0.7));
+    file.check("leaky_relu", LeakyReLU(0.2F));
+    file.check("elu", ELU(0.7F));
+    file.check("hardtanh", Hardtanh(-0.5, 1.5));
+    file.check("softmax", Softmax(0));
+    file.check("log_softmax", LogSoftmax());
+    file.check("max_pool2d", MaxPool2d(window));
+    file.check("avg_pool2d", AvgPool2d(window));
+    file.check("adaptive_avg_pool2d", AdaptiveAvgPool2d({3, 4}));
+    file.check("adaptive_max_pool2d", AdaptiveMaxPool2d({3, 4}));
+    file.check("upsample_nearest", Upsample(1.5));
+    file.check("upsample_bilinear", Upsample({5, 9}, "bilinear"));
+    file.check("upsample_corners", Upsample({5, 9}, "bilinear", true));
+    file.check("max_pool1d", MaxPool1d(3, 2, 1));
+    file.check("avg_pool1d", AvgPool1d(3));
+    file.check("adaptive_avg_pool1d", AdaptiveAvgPool1d(3));
+    file.check("pixel_shuffle", PixelShuffle(2));
+    file.check("pixel_unshuffle", PixelUnshuffle(2));
+    file.check("flatten", Flatten(0, 1));
+    file.check("unflatten", Unflatten(1, {2, -1}));
+    const ClassLossArguments smooth{.weight = weight, .ignore_index = 0, .label_smoothing = 0.2};
+    file.check("cross_entropy", CrossEntropyLoss(), OfTwo());
+    file.check("cross_entropy_smooth", CrossEntropyLoss(smooth), OfTwo());
+    file.check("nll", NLLLoss({.reduction = Reduction::sum}), OfTwo());
+    file.check("mse", MSELoss(), OfTwo());
+    file.check("l1", L1Loss(Reduction::none), OfTwo());
+    file.check("smooth_l1", SmoothL1Loss(0.7), OfTwo());
+    file.check("huber", HuberLoss(0.7), OfTwo());
+    file.check("bce_logits", BCEWithLogitsLoss({}, weight), OfTwo());
+    file.check("kl_div", KLDivLoss(true, Reduction::sum), OfTwo());
+    file.check("bce", BCELoss(), OfTwo());
 }
 
 // With weights of each head: query, key, value, and masks, as many as there are.
@@ -260,62 +208,50 @@ Tensors causal_with_weights(MultiheadAttention& m, const Tensors& x) {
 
 TEST(Checkpoints, Attention) {
     using M = MultiheadAttention;
-    check_all("attention",
-              {row<M>("self", [] { return M(12, 3); }), row<M>("single", [] { return M(12, 3); }),
-               row<M>(
-                   "cross", [] { return M(12, 3, {.batch_first = true}); }, cross),
-               row<M>(
-                   "widths", [] { return M(12, 4, {.bias = false, .key_width = 5, .value_width = 7}); }, cross),
-               row<M>(
-                   "mask_per_head", [] { return M(12, 2, {.batch_first = true}); },
-                   [](M& m, const Tensors& x) {
-                       Tensors operands = x;
-                       operands[3] = reshape(x[3], {4, 4, 6});
-                       return cross(m, operands);
-                   }),
-               row<M>(
-                   "extra", [] { return M(12, 3, {.extra_key = true, .zero_key = true}); }, cross),
-               row<M>(
-                   "causal", [] { return M(12, 3, {.batch_first = true}); }, causal),
-               row<M>(
-                   "causal_extra", [] { return M(12, 3, {.zero_key = true}); }, causal_with_weights)});
+    Checkpoint file("attention");
+    const auto by_head = [](M& m, Tensors x) {
+        x[3] = reshape(x[3], {4, 4, 6});
+        return cross(m, x);
+    };
+    file.check("self", M(12, 3));
+    file.check("single", M(12, 3));
+    file.check("cross", M(12, 3, {.batch_first = true}), cross);
+    file.check("widths", M(12, 4, {.bias = false, .key_width = 5, .value_width = 7}), cross);
+    file.check("mask_per_head", M(12, 2, {.batch_first = true}), by_head);
+    file.check("extra", M(12, 3, {.extra_key = true, .zero_key = true}), cross);
+    file.check("causal", M(12, 3, {.batch_first = true}), causal);
+    file.check("causal_extra", M(12, 3, {.zero_key = true}), causal_with_weights);
 }
 
 TEST(Checkpoints, Transformers) {
-    const TransformerOptions plain{.feed_forward = 10, .dropout = 0};
-    const auto changed = [&](const std::function<void(TransformerOptions&)>& change) {
-        TransformerOptions options = plain;
+    const auto changed = [](const std::function<void(TransformerOptions&)>& change) {
+        TransformerOptions options{.feed_forward = 10, .dropout = 0};
         change(options);
         return options;
     };
+    const TransformerOptions plain = changed([](auto&) {});
     const TransformerOptions first = changed([](auto& o) {
         o.norm_first = o.batch_first = true;
         o.activation = gelu;
         o.eps = 1e-3;
     });
+    const TransformerOptions no_bias = changed([](auto& o) { o.bias = false; });
     const TransformerOptions stack = changed([](auto& o) { o.norm_first = o.final_norm = true; });
     const TransformerOptions batches = changed([](auto& o) { o.batch_first = o.final_norm = true; });
-    using Layer = TransformerEncoderLayer;
-    using DecoderLayer = TransformerDecoderLayer;
-    check_all("transformers",
-              {row<Layer>("norm_last", [=] { return Layer(6, 3, plain); }),
-               row<Layer>(
-                   "norm_first", [=] { return Layer(6, 3, first); },
-                   [](Layer& m, const Tensors& x) { return Tensors{m.forward(x[0], {.key_padding_mask = x[1]})}; }),
-               row<Layer>(
-                   "causal", [=] { return Layer(6, 3, changed([](auto& o) { o.bias = false; })); },
-                   [](Layer& m, const Tensors& x) { return Tensors{m.forward(x[0], {.causal = true})}; }),
-               row<TransformerEncoder>(
-                   "encoder", [=] { return TransformerEncoder(2, 6, 3, stack); },
-                   [](TransformerEncoder& m, const Tensors& x) { return Tensors{m.forward(x[0], {.causal = true})}; }),
-               row<TransformerDecoder>(
-                   "decoder", [=] { return TransformerDecoder(2, 6, 3, batches); },
-                   [](TransformerDecoder& m, const Tensors& x) {
-                       return Tensors{m.forward(x[0], x[1], {.self = {.causal = true}})};
-                   }),
-               row<DecoderLayer>(
-                   "decoder_first", [=] { return DecoderLayer(6, 3, changed([](auto& o) { o.norm_first = true; })); },
-                   [](DecoderLayer& m, const Tensors& x) { return Tensors{m.forward(x[0], x[1])}; })});
+    const TransformerOptions norm_first = changed([](auto& o) { o.norm_first = true; });
+    const auto padded = [](auto& m, const Tensors& x) { return Tensors{m.forward(x[0], {.key_padding_mask = x[1]})}; };
+    const auto masked = [](auto& m, const Tensors& x) { return Tensors{m.forward(x[0], {.causal = true})}; };
+    const auto decoded = [](auto& m, const Tensors& x) {
+        return Tensors{m.forward(x[0], x[1], {.self = {.causal = true}})};
+    };
+    const auto of_both = [](auto& m, const Tensors& x) { return Tensors{m.forward(x[0], x[1])}; };
+    Checkpoint file("transformers");
+    file.check("norm_last", TransformerEncoderLayer(6, 3, plain));
+    file.check("norm_first", TransformerEncoderLayer(6, 3, first), padded);
+    file.check("causal", TransformerEncoderLayer(6, 3, no_bias), masked);
+    file.check("encoder", TransformerEncoder(2, 6, 3, stack), masked);
+    file.check("decoder", TransformerDecoder(2, 6, 3, batches), decoded);
+    file.check("decoder_first", TransformerDecoderLayer(6, 3, norm_first), of_both);
 }
 
 Tensors lstm_call(LSTM& m, const Tensors& x) {
@@ -347,33 +283,23 @@ TEST(Checkpoints, RecurrentLayers) {
     const RecurrentOptions deep{.layers = 2, .batch_first = true, .bidirectional = true};
     const RecurrentOptions time_first{.layers = 2, .bidirectional = true};
     const RecurrentOptions plain{.layers = 2, .bias = false, .batch_first = true, .bidirectional = true};
-    check_all("recurrent", {row<LSTM>(
-                                "lstm", [] { return LSTM(3, 4); }, lstm_call),
-                            row<LSTM>(
-                                "lstm_deep", [=] { return LSTM(3, 5, deep); }, lstm_call),
-                            row<LSTM>(
-                                "lstm_packed", [=] { return LSTM(3, 5, time_first); }, packed_lstm<false>),
-                            row<LSTM>(
-                                "lstm_packed_states", [=] { return LSTM(3, 5, plain); }, packed_lstm<true>),
-                            row<LSTM>(
-                                "lstm_single", [] { return LSTM(3, 5); }, lstm_call),
-                            row<GRU>(
-                                "gru", [] { return GRU(3, 4); }, gru_call),
-                            row<GRU>(
-                                "gru_deep", [=] { return GRU(3, 5, deep); }, gru_call),
-                            row<GRU>(
-                                "gru_packed", [=] { return GRU(3, 5, time_first); }, packed_gru<false>),
-                            row<GRU>(
-                                "gru_packed_states", [=] { return GRU(3, 5, plain); }, packed_gru<true>),
-                            row<LSTMCell>(
-                                "lstm_cell", [] { return LSTMCell(3, 5); },
-                                [](LSTMCell& m, const Tensors& x) {
-                                    const LSTMCell::State state = m.step(x[0], {x[1], x[2]});
-                                    return Tensors{state.hidden, state.cell};
-                                }),
-                            row<GRUCell>(
-                                "gru_cell", [] { return GRUCell(3, 5, false); },
-                                [](GRUCell& m, const Tensors& x) { return Tensors{m.step(x[0], x[1])}; })});
+    const auto lstm_step = [](LSTMCell& m, const Tensors& x) {
+        const LSTMCell::State state = m.step(x[0], {x[1], x[2]});
+        return Tensors{state.hidden, state.cell};
+    };
+    const auto gru_step = [](GRUCell& m, const Tensors& x) { return Tensors{m.step(x[0], x[1])}; };
+    Checkpoint file("recurrent");
+    file.check("lstm", LSTM(3, 4), lstm_call);
+    file.check("lstm_deep", LSTM(3, 5, deep), lstm_call);
+    file.check("lstm_packed", LSTM(3, 5, time_first), packed_lstm<false>);
+    file.check("lstm_packed_states", LSTM(3, 5, plain), packed_lstm<true>);
+    file.check("lstm_single", LSTM(3, 5), lstm_call);
+    file.check("gru", GRU(3, 4), gru_call);
+    file.check("gru_deep", GRU(3, 5, deep), gru_call);
+    file.check("gru_packed", GRU(3, 5, time_first), packed_gru<false>);
+    file.check("gru_packed_states", GRU(3, 5, plain), packed_gru<true>);
+    file.check("lstm_cell", LSTMCell(3, 5), lstm_step);
+    file.check("gru_cell", GRUCell(3, 5, false), gru_step);
 }
 
 // ---- Optimizers: six steps with given gradients, interrupted by saving and loading before the fifth ----

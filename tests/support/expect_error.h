@@ -8,6 +8,9 @@
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <utility>
+
+#include "utils/error.h"
 
 namespace ornik::test {
 
@@ -38,6 +41,23 @@ std::string message_of(const Call& call) {
     const std::string text = error_text(call);
     return text.substr(0, text.rfind(" ( FILE: "));
 }
+
+template <typename Call>
+std::pair<ErrorKind, std::string> kind_and_message_of(const Call& call) {
+    try {
+        call();
+    } catch (const Error& error) {
+        return {error.kind(), std::string(error.message())};
+    }
+    return {ErrorKind{}, "(no error)"};
+}
+
+/// The expression is refused with this message, and as an error of this kind.
+#define EXPECT_REFUSAL_AS(kind, expression, message) \
+    EXPECT_EQ(ornik::test::kind_and_message_of([&] { expression; }), std::pair(kind, std::string(message)))
+
+/// The expression is refused with this message.
+#define EXPECT_REFUSAL(expression, message) EXPECT_EQ(ornik::test::message_of([&] { expression; }), message)
 
 /// The text of `message` reported by `function` in `file`.
 inline std::string located(const std::string& message, const std::string& function, const std::string& file) {

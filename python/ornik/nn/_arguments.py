@@ -17,11 +17,10 @@ def is_whole(value: object) -> bool:
     return hasattr(value, "__index__") and not isinstance(value, bool)
 
 
-def tensors(name: str, *operands: object) -> None:
+def tensors(*operands: object) -> None:
     """Refuses what is no tensor."""
     for operand in operands:
-        if not isinstance(operand, _ornik.KTensorBase):
-            raise TypeError(f"{name}(): a KTensor is wanted, but got {type(operand).__name__}")
+        _ornik.checked(operand)  # type: ignore[arg-type]
 
 
 def positive(layer: str, **arguments: int) -> None:
@@ -35,7 +34,7 @@ def positive(layer: str, **arguments: int) -> None:
 
 def probability(layer: str, p: float) -> None:
     """Refuses what lies outside [0, 1]."""
-    if not 0 <= p <= 1:
+    if not 0 <= _ornik.checked_number(p) <= 1:
         raise ValueError(f"{layer}(): a probability lies between 0 and 1, not at {p}")
 
 

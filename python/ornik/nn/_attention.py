@@ -117,7 +117,7 @@ class MultiheadAttention(Module):
         targets and heads. With ``is_causal`` target i attends to the first i + 1 sources alone. The probabilities are
         [N, targets, sources], or [N, heads, targets, sources] unless averaged over the heads.
         """
-        tensors("MultiheadAttention", query, key, value)
+        tensors(query, key, value)
         own = query is key and key is value
         if query.ndim == 2:
             batch = 0 if self.batch_first else 1

@@ -145,7 +145,7 @@ class Unflatten(Module):
         self.unflattened_size = tuple(unflattened_size)
 
     def forward(self, x: KTensor) -> KTensor:
-        tensors("Unflatten", x)
+        tensors(x)
         if not -x.ndim <= self.dim < x.ndim:
             raise IndexError(f"Unflatten(): there is no axis {self.dim} among {x.ndim}")
         at, sizes = self.dim % x.ndim, list(self.unflattened_size)

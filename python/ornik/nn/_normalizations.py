@@ -59,7 +59,7 @@ class _Running(Module):
         self.register_buffer("num_batches_tracked", _ornik.full((), 0, _dtypes.int64) if track else None)
 
     def _check(self, x: KTensor, axes: tuple[int, ...]) -> None:
-        tensors(type(self).__name__, x)
+        tensors(x)
         if x.ndim not in axes:
             wanted = " or ".join(str(n) for n in axes)
             raise ValueError(f"{type(self).__name__}(): {wanted} axes are wanted, but got {list(x.shape)}")

@@ -54,7 +54,7 @@ class _Recurrent(Module):
     def _run(self, x: Any, hidden: KTensor | None, cell: KTensor | None) -> tuple[Any, KTensor, KTensor | None]:
         if isinstance(x, PackedSequence):
             return self._run_packed(x, hidden, cell)
-        tensors(type(self).__name__, x)
+        tensors(x)
         if x.ndim not in (2, 3) or x.shape[-1] != self.input_size:
             batched = f"[N, steps, {self.input_size}]" if self.batch_first else f"[steps, N, {self.input_size}]"
             raise ValueError(
@@ -93,7 +93,7 @@ class _Recurrent(Module):
         wanted = (len(self._names), batch, self.hidden_size)
         for state in states:
             if state is not None:
-                tensors(type(self).__name__, state)
+                tensors(state)
             if state is not None and state.shape != wanted:
                 raise ValueError(f"{type(self).__name__}(): a state is {list(state.shape)}, not {list(wanted)}")
         return states
@@ -204,7 +204,7 @@ class _Cell(Module):
 
     def _steps(self, x: KTensor, states: list[KTensor | None]) -> tuple[KTensor, list[KTensor | None], list[Any]]:
         """x as one step [1, N, in], the states [N, H], the weights."""
-        tensors(type(self).__name__, x)
+        tensors(x)
         if x.ndim not in (1, 2) or x.shape[-1] != self.input_size:
             raise ValueError(
                 f"{type(self).__name__}(): {list(x.shape)} is neither [N, {self.input_size}] nor [{self.input_size}]"
@@ -213,7 +213,7 @@ class _Cell(Module):
             x, states = _ornik.unsqueeze(x, 0), [s if s is None else _ornik.unsqueeze(s, 0) for s in states]
         for state in states:
             if state is not None:
-                tensors(type(self).__name__, state)
+                tensors(state)
             if state is not None and state.shape != (x.shape[0], self.hidden_size):
                 raise ValueError(
                     f"{type(self).__name__}(): a state is {list(state.shape)}, not {[x.shape[0], self.hidden_size]}"

@@ -95,7 +95,7 @@ def relu6(x: KTensor, /) -> KTensor:
 
 def leaky_relu(x: KTensor, negative_slope: float = 0.01) -> KTensor:
     """x above 0, negative_slope * x else."""
-    tensors("leaky_relu", x)
+    tensors(x)
     if x.dtype is _dtypes.float64:  # The kernel's slope is a single-precision number.
         return _ornik.relu(x) - negative_slope * _ornik.relu(-x)
     return _ornik.leaky_relu(x, negative_slope)
@@ -103,7 +103,7 @@ def leaky_relu(x: KTensor, negative_slope: float = 0.01) -> KTensor:
 
 def prelu(x: KTensor, weight: KTensor) -> KTensor:
     """x above 0, weight * x else: one weight, or one for each channel of [N, C, ...]."""
-    tensors("prelu", x, weight)
+    tensors(x, weight)
     if weight.size != 1 and x.ndim > 2:
         weight = weight.reshape(-1, *[1] * (x.ndim - 2))
     return _ornik.relu(x) - weight * _ornik.relu(-x)
@@ -111,7 +111,7 @@ def prelu(x: KTensor, weight: KTensor) -> KTensor:
 
 def elu(x: KTensor, alpha: float = 1.0) -> KTensor:
     """x above 0, alpha * (exp(x) - 1) else."""
-    tensors("elu", x)
+    tensors(x)
     if x.dtype is _dtypes.float64:  # The kernel's factor is a single-precision number.
         return _ornik.relu(x) + alpha * _ornik.expm1(-_ornik.relu(-x))
     return _ornik.elu(x, alpha)
@@ -158,7 +158,7 @@ def hardtanh(x: KTensor, min_val: float = -1.0, max_val: float = 1.0) -> KTensor
 
 def hardsigmoid(x: KTensor, /) -> KTensor:
     """(x + 3) / 6 cut off at 0 and 1."""
-    tensors("hardsigmoid", x)
+    tensors(x)
     if x.dtype is _dtypes.float64:  # The kernel's sixth is a single-precision number.
         return _ornik.hardtanh(x / 6 + 0.5, 0.0, 1.0)
     return _ornik.hardsigmoid(x)
@@ -176,7 +176,7 @@ def softmax(x: KTensor, dim: int = -1) -> KTensor:
 
 def softmin(x: KTensor, dim: int = -1) -> KTensor:
     """softmax(-x)."""
-    return _ornik.softmax(-x, dim)
+    return _ornik.softmax(-_ornik.checked(x), dim)
 
 
 def log_softmax(x: KTensor, dim: int = -1) -> KTensor:
@@ -206,7 +206,7 @@ def linear(x: KTensor, weight: KTensor, bias: KTensor | None = None) -> KTensor:
 
 def embedding(indices: KTensor, weight: KTensor, padding_idx: int | None = None) -> KTensor:
     """Rows of weight [count, width] by whole numbers; the row ``padding_idx`` gets no gradient."""
-    tensors("embedding", indices, weight)
+    tensors(indices, weight)
     if padding_idx is not None and padding_idx < 0:
         padding_idx += weight.shape[0]
     return _ornik.embedding(indices, weight, padding_idx)
@@ -219,7 +219,7 @@ def one_hot(indices: KTensor, num_classes: int = -1) -> KTensor:
     KTensor([[0, 0, 1],
              [1, 0, 0]])
     """
-    tensors("one_hot", indices)
+    tensors(indices)
     if num_classes < 0:
         if indices.size == 0:
             raise ValueError("one_hot(): num_classes is wanted where there are no indices")
@@ -232,7 +232,7 @@ def one_hot(indices: KTensor, num_classes: int = -1) -> KTensor:
 
 def _on_batch(name: str, x: KTensor, axes: int, function: Callable[[KTensor], KTensor]) -> KTensor:
     """One sample without its axis counts as a batch of one."""
-    tensors(name, x)
+    tensors(x)
     if x.ndim == axes + 1:
         return _ornik.squeeze(function(_ornik.unsqueeze(x, 0)), 0)
     return function(x)
@@ -250,7 +250,7 @@ def _convolve(
     groups: int,
     output_padding: Pair | None = None,
 ) -> KTensor:
-    tensors(name, x, weight)
+    tensors(x, weight)
     if weight.ndim != axes + 2 or x.ndim not in (axes + 1, axes + 2):
         shape = "[N, C, L]" if axes == 1 else "[N, C, H, W]"
         raise ValueError(
@@ -486,7 +486,7 @@ def pad(x: KTensor, pad: Sequence[int], mode: str = "constant", value: float = 0
     KTensor([[0., 0., 0.],
              [1., 1., 0.]])
     """
-    tensors("pad", x)
+    tensors(x)
     if len(pad) % 2 or len(pad) > 2 * x.ndim:
         raise ValueError(f"pad(): two numbers for each of up to {x.ndim} axes are wanted, but got {len(pad)}")
     if mode not in _PAD_MODES:
@@ -508,7 +508,7 @@ def interpolate(
 
     Modes: "nearest", and "linear" for one axis or "bilinear" for two. Positions follow from the extents alone.
     """
-    tensors("interpolate", x)
+    tensors(x)
     axes = x.ndim - 2
     if axes not in (1, 2):
         raise ValueError(f"interpolate(): x is [N, C, L] or [N, C, H, W], but got {list(x.shape)}")
@@ -570,7 +570,7 @@ def instance_norm(
 
     The running ones, if given, move to the samples' mean statistics as those of :func:`batch_norm` do.
     """
-    tensors("instance_norm", x)
+    tensors(x)
     if not use_input_stats:
         return _ornik.batch_norm(x, running_mean, running_var, weight, bias, False, momentum, eps)
     y = _ornik.group_norm(x, x.shape[1] if x.ndim > 1 else 1, weight, bias, eps)
@@ -601,7 +601,7 @@ def rms_norm(x: KTensor, normalized_shape: Pair, weight: KTensor | None = None, 
 
     Without eps, the distance from 1 to the next number of x's dtype.
     """
-    tensors("rms_norm", x)
+    tensors(x)
     shape = (normalized_shape,) if isinstance(normalized_shape, int) else tuple(normalized_shape)
     if not shape or x.shape[-len(shape) :] != shape:
         raise ValueError(f"rms_norm(): the last axes of {list(x.shape)} are not {list(shape)}")
@@ -680,7 +680,7 @@ def cross_entropy(
     Or, with probabilities of x's shape as target, their mean. ``weight`` [C] scales the classes; the mean of class
     numbers divides by the sum of their weights.
     """
-    tensors("cross_entropy", x, target)
+    tensors(x, target)
     if target.dtype.is_floating_point:
         target = _classes_last(target)
     return _ornik.cross_entropy(_classes_last(x), target, weight, ignore_index, label_smoothing, reduction)
@@ -690,7 +690,7 @@ def nll_loss(
     x: KTensor, target: KTensor, weight: KTensor | None = None, ignore_index: int = -100, reduction: str = "mean"
 ) -> KTensor:
     """:func:`cross_entropy` of log-probabilities."""
-    tensors("nll_loss", x, target)
+    tensors(x, target)
     return _ornik.nll_loss(_classes_last(x), target, weight, ignore_index, reduction)
 
 
@@ -734,7 +734,7 @@ def binary_cross_entropy_with_logits(
 
 def kl_div(x: KTensor, target: KTensor, reduction: str = "mean", log_target: bool = False) -> KTensor:
     """t (log(t) - x) of log-probabilities x; "batchmean" divides by the extent of the first axis alone."""
-    tensors("kl_div", x, target)
+    tensors(x, target)
     if reduction == "batchmean":
         return _ornik.kl_div(x, target, log_target, "sum") / max(x.shape[0] if x.ndim else 1, 1)
     return _ornik.kl_div(x, target, log_target, reduction)

@@ -43,7 +43,7 @@ def calculate_gain(nonlinearity: str, param: float | None = None) -> float:
 
 def _fans(name: str, tensor: KTensor) -> tuple[int, int]:
     """How many numbers go into a result, and how many results a number goes into."""
-    tensors(name, tensor)
+    tensors(tensor)
     if tensor.ndim < 2:
         raise ValueError(f"{name}(): a tensor of 2 axes and more is wanted, but got {list(tensor.shape)}")
     window = math.prod(tensor.shape[2:])
@@ -64,7 +64,7 @@ def normal_(tensor: KTensor, mean: float = 0.0, std: float = 1.0) -> KTensor:
 
 def trunc_normal_(tensor: KTensor, mean: float = 0.0, std: float = 1.0, a: float = -2.0, b: float = 2.0) -> KTensor:
     """Normal, but drawn again where it lies outside [a, b]."""
-    tensors("trunc_normal_", tensor)
+    tensors(tensor)
     if not std > 0:
         raise ValueError(f"trunc_normal_(): a deviation is above 0, not {std}")
     inside = 0.5 * (math.erf((b - mean) / (std * math.sqrt(2))) - math.erf((a - mean) / (std * math.sqrt(2))))
@@ -102,7 +102,7 @@ def zeros_(tensor: KTensor) -> KTensor:
 
 def eye_(tensor: KTensor) -> KTensor:
     """Ones on the diagonal of a matrix, zeros elsewhere."""
-    tensors("eye_", tensor)
+    tensors(tensor)
     if tensor.ndim != 2:
         raise ValueError(f"eye_(): a matrix is wanted, but got {list(tensor.shape)}")
     return _filled_with(tensor, _ornik.eye(tensor.shape[0], tensor.shape[1], 0, tensor.dtype))
@@ -110,7 +110,7 @@ def eye_(tensor: KTensor) -> KTensor:
 
 def dirac_(tensor: KTensor, groups: int = 1) -> KTensor:
     """Of a convolution's weight: each group passes on as many of its channels as it can."""
-    tensors("dirac_", tensor)
+    tensors(tensor)
     if tensor.ndim not in (3, 4) or groups < 1 or tensor.shape[0] % groups:
         raise ValueError(
             f"dirac_(): the weight of a convolution of {groups} groups is wanted, not {list(tensor.shape)}"
@@ -160,7 +160,7 @@ def orthogonal_(tensor: KTensor, gain: float = 1.0) -> KTensor:
 
     Every such matrix is as likely as any other: the polar factor of normal deviates.
     """
-    tensors("orthogonal_", tensor)
+    tensors(tensor)
     if tensor.ndim < 2:
         raise ValueError(f"orthogonal_(): a tensor of 2 axes and more is wanted, but got {list(tensor.shape)}")
     rows, columns = tensor.shape[0], math.prod(tensor.shape[1:])

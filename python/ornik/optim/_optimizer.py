@@ -31,7 +31,7 @@ class Optimizer:
         self.param_groups: list[dict[str, Any]] = []
         # What the steps keep for each parameter, by its identity, and the parameter.
         self._kept: dict[int, tuple[KTensor, dict[str, Any]]] = {}
-        if isinstance(params, (KTensor, Mapping)):
+        if isinstance(params, (KTensor, Mapping)) or not hasattr(params, "__iter__"):
             raise TypeError(
                 f"{type(self).__name__}(): a sequence of parameters is wanted, not one {type(params).__name__}"
             )

@@ -14,9 +14,9 @@ from . import rnn as rnn
 __all__ = ["clip_grad_norm_", "clip_grad_value_", "parameters_to_vector", "rnn", "vector_to_parameters"]
 
 
-def _gradients(name: str, parameters: KTensor | Iterable[KTensor]) -> list[KTensor]:
+def _gradients(parameters: KTensor | Iterable[KTensor]) -> list[KTensor]:
     listed = [parameters] if isinstance(parameters, KTensor) else list(parameters)
-    tensors(name, *listed)
+    tensors(*listed)
     return [gradient for gradient in (p.grad for p in listed) if gradient is not None]
 
 
@@ -31,7 +31,7 @@ def clip_grad_norm_(
 
     Returns the norm before. Parameters without a gradient do not count.
     """
-    gradients = _gradients("clip_grad_norm_", parameters)
+    gradients = _gradients(parameters)
     if not norm_type > 0:
         raise ValueError(f"clip_grad_norm_(): norm_type is above 0, not {norm_type}")
     if norm_type == 2:
@@ -57,7 +57,7 @@ def clip_grad_value_(parameters: KTensor | Iterable[KTensor], clip_value: float)
     """Cuts every element of the gradients off at -clip_value and clip_value."""
     if not clip_value >= 0:
         raise ValueError(f"clip_grad_value_(): clip_value is 0 and above, not {clip_value}")
-    for gradient in _gradients("clip_grad_value_", parameters):
+    for gradient in _gradients(parameters):
         _ornik.copy_into(gradient, _ornik.clamp(gradient, -clip_value, clip_value))
 
 
@@ -70,7 +70,7 @@ def parameters_to_vector(parameters: Iterable[KTensor]) -> KTensor:
 def vector_to_parameters(vector: KTensor, parameters: Iterable[KTensor]) -> None:
     """Writes such a row back."""
     targets = list(parameters)
-    tensors("vector_to_parameters", vector, *targets)
+    tensors(vector, *targets)
     if vector.shape != (sum(p.size for p in targets),):
         raise ValueError(
             f"vector_to_parameters(): {list(vector.shape)} is no row of {sum(p.size for p in targets)} elements"

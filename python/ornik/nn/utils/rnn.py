@@ -68,7 +68,7 @@ def pack_padded_sequence(
     x: KTensor, lengths: KTensor | Sequence[int], batch_first: bool = False, enforce_sorted: bool = True
 ) -> PackedSequence:
     """[steps, N, ...], or [N, steps, ...], without what stands behind the lengths, which are 1 and above."""
-    tensors("pack_padded_sequence", x)
+    tensors(x)
     numbers = _lengths("pack_padded_sequence", lengths, 1)
     _check_sorted("pack_padded_sequence", numbers, enforce_sorted)
     batch, steps = (0, 1) if batch_first else (1, 0)
@@ -111,7 +111,7 @@ def pad_packed_sequence(
 
 def pack_sequence(sequences: Sequence[KTensor], enforce_sorted: bool = True) -> PackedSequence:
     """Sequences [length, ...], alike but for their lengths."""
-    tensors("pack_sequence", *sequences)
+    tensors(*sequences)
     numbers = _lengths("pack_sequence", [len(s) for s in sequences], 1)
     _check_sorted("pack_sequence", numbers, enforce_sorted)
     return _packed(_ornik.pack_sequences(pad_sequence(sequences, True), numbers), numbers, enforce_sorted)
@@ -132,7 +132,7 @@ def pad_sequence(sequences: Sequence[KTensor], batch_first: bool = False, paddin
     """
     if not sequences:
         raise ValueError("pad_sequence(): there are no sequences")
-    tensors("pad_sequence", *sequences)
+    tensors(*sequences)
     longest = max(len(s) for s in sequences)
     rows = [_ornik.pad(s, [0, longest - len(s)] + [0, 0] * (s.ndim - 1), "constant", padding_value) for s in sequences]
     return _ornik.stack(rows, 0 if batch_first else 1)
