@@ -136,6 +136,18 @@ ORNIK_IN_PLACE double scaled_power(double x) {
     return (fused(r * r, exp_tail(r), r) + 1.0) * power_of_two(k + double{power_scale<double>});
 }
 
+/// e^x of an x that is not above 0, or 0 where that is next to nothing.
+ORNIK_IN_PLACE float power_or_nothing(float x) {
+    const auto [k, r] = by_ln2(x < -87.0F ? -87.0F : x);
+    const float power = (fused(r * r, exp_tail(r), r) + 1.0F) * power_of_two(k);
+    return x < -87.0F ? 0.0F : power;
+}
+ORNIK_IN_PLACE double power_or_nothing(double x) {
+    const auto [k, r] = by_ln2(x < -708.0 ? -708.0 : x);
+    const double power = (fused(r * r, exp_tail(r), r) + 1.0) * power_of_two(k);
+    return x < -708.0 ? 0.0 : power;
+}
+
 /// 1 / (1 + e^-x) = 2^-30 / (2^-30 + 2^-30 e^-x): one factor then covers all exponents.
 ORNIK_IN_PLACE float sigmoid(float x) {
     const auto [k, r] = by_ln2(clamped(-x, -25.0F, 104.0F));

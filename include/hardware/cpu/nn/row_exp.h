@@ -125,7 +125,7 @@ inline T sum_powers(const T* x, std::int64_t n, T shift) {
 /// The logarithm of the sum of exp(x - shift).
 template <typename T>
 inline T log_sum_exp(const T* x, std::int64_t n, T shift) {
-    return std::log(sum_powers(x, n, shift) * std::ldexp(T(1), -elementary::power_scale<T>));
+    return elementary::log(sum_powers(x, n, shift) * std::ldexp(T(1), -elementary::power_scale<T>));
 }
 
 /// out = 2^power_scale exp(x - shift), where shift is the highest entry; returns the sum. Out may be x.
@@ -138,6 +138,19 @@ inline T powers_into(const T* x, std::int64_t n, T shift, T* out) {
             sum[l] += value[l];
         }
         std::copy_n(value, std::int64_t{count}, out + first);
+    });
+}
+
+/// x becomes exp(factor x - shift), 0 where that is next to nothing; returns the sum.
+template <typename T>
+inline T weigh(T* x, std::int64_t n, T factor, T shift) {
+    return sum_of_blocks<T>(n, [&](std::int64_t first, auto count, T* sum) {
+        T value[lanes<T>];
+        for (std::int64_t l = 0; l < count; ++l) {
+            value[l] = elementary::power_or_nothing(x[first + l] * factor - shift);
+            sum[l] += value[l];
+        }
+        std::copy_n(value, std::int64_t{count}, x + first);
     });
 }
 
