@@ -381,6 +381,36 @@ def test_ends_in_the_middle_of_work():
         assert result.returncode == 0 and "ornik" not in result.stderr, result.stderr
 
 
+ORDINARY = """
+import ornik
+from ornik import data, nn, optim
+class Twice(ornik.Function):
+    @staticmethod
+    def forward(ctx, x):
+        ctx.save_for_backward(x)
+        return x * 2
+    @staticmethod
+    def backward(ctx, gradient):
+        return gradient * 2
+network = nn.Sequential(nn.Linear(3, 4), nn.LSTM(4, 4))
+optimizer = optim.Adam(network.parameters())
+generator = ornik.random.Generator(3)
+with generator:
+    for x, _ in data.DataLoader(data.TensorDataset(ornik.random.randn(20, 3), ornik.arange(20)), 5, num_workers=1):
+        loss = Twice.apply(network(x)[0].sum())
+        loss.register_hook(lambda g: g * 1)
+        loss.backward()
+        optimizer.step()
+"""
+
+
+def test_nothing_of_the_extension_is_left_at_the_end():
+    environment = os.environ | {"ORNIK_LEAK_WARNINGS": "1"}
+    command = [sys.executable, "-c", ORDINARY]
+    result = subprocess.run(command, capture_output=True, text=True, timeout=120, check=False, env=environment)
+    assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
+
+
 # ---- Garbage ----
 
 
