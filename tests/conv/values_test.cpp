@@ -3,7 +3,6 @@
 #include <complex>
 #include <random>
 
-#include "hardware/cpu/product/cpu_taps.h"
 #include "ornik.h"
 #include "support/expect_error.h"
 #include "support/gradients.h"
@@ -290,62 +289,6 @@ TEST(ConvFunctions, OutputPaddingBelongsToTransposedOnes) {
                  "The output padding should be 0, or that of a transposed convolution and less than its stride or "
                  "dilation, however it is 1",
                  "ornik::nn::convolution", "src/layers/functional/conv.cpp");
-}
-
-// Every number of targets and packets, whole and cut, on small whole numbers: exactly the sums, and nothing written
-// beside them.
-template <typename T>
-void check_tap_sums() {
-    std::mt19937 random(3);
-    const auto number = [&] { return static_cast<T>(static_cast<int>(random() % 9) - 4); };
-    const std::int64_t width = device::cpu::tap_packet<T>();
-    for (std::int64_t count = 1; count < 9 * 10; ++count) {
-        const std::int64_t targets = 1 + count % 9, packets = 1 + count / 9, steps = 1 + count % 7;
-        const std::int64_t out_stride = packets * (width + 1);
-        std::vector<T> slots(static_cast<std::size_t>(packets * width + steps * 3 + width));
-        std::vector<T> weights(static_cast<std::size_t>(targets * steps)), starts(static_cast<std::size_t>(targets));
-        for (std::vector<T>* v : {&slots, &weights, &starts}) {
-            std::generate(v->begin(), v->end(), number);
-        }
-        std::vector<device::cpu::TapPacket> places;
-        for (std::int64_t p = 0; p < packets; ++p) {
-            places.push_back(
-                {(packets - 1 - p) * width, p * (width + 1), (p + count) % 3 == 0 ? 1 + count % width : width});
-        }
-        std::vector<std::int64_t> step_slots, step_weights, target_weights;
-        for (std::int64_t k = 0; k < steps; ++k) {
-            step_slots.push_back(k * 5 % steps * 3);
-            step_weights.push_back(k * targets);
-        }
-        for (std::int64_t o = 0; o < targets; ++o) {
-            target_weights.push_back(targets - 1 - o);
-        }
-        for (const bool started : {false, true}) {
-            std::vector<T> out(static_cast<std::size_t>(targets * out_stride), T(7)), expected = out;
-            for (std::int64_t o = 0; o < targets; ++o) {
-                for (const device::cpu::TapPacket& place : places) {
-                    for (std::int64_t i = 0; i < place.count; ++i) {
-                        T& sum = expected[static_cast<std::size_t>(o * out_stride + place.out + i)];
-                        sum = started ? starts[static_cast<std::size_t>(o)] : sum;
-                        for (std::size_t k = 0; k < step_slots.size(); ++k) {
-                            sum += weights[static_cast<std::size_t>(target_weights[static_cast<std::size_t>(o)] +
-                                                                    step_weights[k])] *
-                                   slots[static_cast<std::size_t>(step_slots[k] + place.slot + i)];
-                        }
-                    }
-                }
-            }
-            device::cpu::tap_sums<T>({slots.data(), step_slots.data(), weights.data(), step_weights.data(),
-                                      target_weights.data(), steps, targets, started ? starts.data() : nullptr,
-                                      places.data(), packets, out.data(), out_stride});
-            ASSERT_EQ(out, expected) << count;
-        }
-    }
-}
-
-TEST(TapSums, AgreeWithLoops) {
-    check_tap_sums<float>();
-    check_tap_sums<double>();
 }
 
 }  // namespace

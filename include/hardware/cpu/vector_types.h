@@ -23,6 +23,15 @@
 #define ORNIK_EXPAND inline
 #endif
 
+// Arrays of vectors are in registers only where every loop over them is gone.
+#if defined(__clang__)
+#define ORNIK_UNROLLED _Pragma("unroll")
+#elif defined(__GNUC__)
+#define ORNIK_UNROLLED _Pragma("GCC unroll 16")
+#else
+#define ORNIK_UNROLLED
+#endif
+
 namespace ornik::device::cpu::vec {
 
 #if defined(__GNUC__) && defined(__AVX512F__)

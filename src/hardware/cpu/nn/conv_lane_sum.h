@@ -1,30 +1,31 @@
-// conv_lane_sum.h: sums over taps and source channels for small planes. Internal.
+// conv_lane_sum.h: sums over taps and source channels with target channels side by side. Internal; for *_vector.cpp
+// alone.
 //
-// Rows of few positions fill vectors badly. Here vectors hold target channels instead: a position is what tap_sums()
-// calls a target, a slot of the source its weight. The results of a plane, channels side by side, are turned at the
-// end.
+// A tile's part of the source is staged for a block of channels at a time; then every panel of target channels adds the
+// block to its totals, which wait in the cache, a position's channels side by side. They are turned into planes at the
+// end. Strides, edges and narrow rows are the staging's business: the sums do not know of them.
 #pragma once
 
 #include <algorithm>
 #include <memory>
 #include <vector>
 
-#include "conv_weight_sets.h"
+#include "conv_lane_kernel.h"
+#include "conv_lane_weights.h"
+#include "conv_order.h"
+#include "conv_transpose.h"
 #include "conv_workers.h"
-#include "hardware/cpu/product/cpu_taps.h"
 
 namespace ornik::device::cpu {
+namespace {
 
 template <typename T>
 class LaneSum {
   public:
-    static bool suits(const ConvPass& pass, const ConvSum& sum) {
-        const std::int64_t packet = tap_packet<T>();
-        const std::int64_t width = pass.is_pointwise() ? pass.target_plane() : pass.cols.positions;
-        const std::int64_t unused = round_up(sum.target_channels, packet) - sum.target_channels;
-        return pass.fills_target() && pass.target_plane() <= most_positions && width % packet != 0 &&
-               sum.target_channels >= least_targets && unused * worthwhile_targets <= sum.target_channels &&
-               sum.source_channels * pass.taps() >= least_steps;
+    /// Too few channels leave lanes empty.
+    static bool suits(const ConvSum& sum) {
+        const std::int64_t lanes = round_up(sum.target_channels, lane_width<T>);
+        return sum.source_channels > 0 && 4 * sum.target_channels >= 3 * lanes;
     }
 
     LaneSum(const ConvPass& pass, const ConvSum& sum, const T* source, const T* weight, const T* bias, T* target)
@@ -32,80 +33,138 @@ class LaneSum {
           source_(source),
           bias_(bias),
           target_(target),
-          plan_(pass, {pass.rows.positions, pass.cols.positions}, SlotLayout::shared),
-          block_channels_(equal_blocks(sum.source_channels, std::max<std::int64_t>(1, block_steps / pass.taps()))),
-          cuts_(sum, plan_.tiles(), tap_packet<T>()),
-          weights_(std::make_unique<WeightSets<T>>(sum, plan_.kernels, block_channels_, tap_packet<T>(), weight)) {
-        const std::int64_t packet = tap_packet<T>();
+          in_place_(pass.fills_target()),
+          plan_(plan_for(pass)),
+          samples_(plan_.tiles() > 1 ? 1 : std::clamp<std::int64_t>(most_positions / positions(), 1, sum.batch)),
+          sets_((sum.batch + samples_ - 1) / samples_),
+          block_channels_(conv_block_channels(sum.source_channels, sum.kernel_elements)),
+          weights_(sum, plan_.kernels, sum.kernel_elements, block_channels_, lane_width<T>, panel, weight),
+          laid_out_(sets_ * plan_.tiles() > 1 ? std::make_unique<Scratch<T>>(weights_.size()) : nullptr),
+          cuts_(sum.target_channels, panel, part_count() * plan_.tiles(), samples_ * positions()) {
+        spread_planes();
         for (std::int64_t c = 0; c < block_channels_; ++c) {
             for (const std::int64_t tap : plan_.taps) {
-                step_slots_.push_back(c * plan_.plane + tap);
-                step_weights_.push_back(static_cast<std::int64_t>(step_weights_.size()) * packet);
+                offsets_.push_back(c * plan_.plane + tap);
             }
         }
-        for (std::int64_t r = 0; r < pass.rows.positions; ++r) {
-            for (std::int64_t x = 0; x < pass.cols.positions; ++x) {
-                position_slots_.push_back(r * plan_.slot_row + x);
-            }
-        }
-        for (std::int64_t o = 0; o < cuts_.channels; o += packet) {
-            packets_.push_back({weights_->target(o), o, packet});
+        if (laid_out_) {
+            weights_.write(laid_out_->get());
         }
     }
 
+    std::int64_t part_count() const { return sum_.groups * sets_; }
     std::int64_t tiles() const { return plan_.tiles(); }
     std::int64_t cuts() const { return cuts_.cuts; }
     WorkspaceSize size() const {
-        return {block_channels_ * plan_.plane, (positions() + turned_row()) * cuts_.channels,
-                positions() * cuts_.channels * sum_.source_channels * plan_.pass.taps()};
+        const std::int64_t totals = samples_ * positions() * cuts_.channels;
+        return {samples_ * block_channels_ * plan_.plane, totals + (in_place_ ? 0 : positions() * lane_width<T>),
+                laid_out_ ? 0 : weights_.largest_panel(), totals * sum_.source_channels * plan_.pass.taps()};
     }
 
     void run_tile(std::int64_t part, std::int64_t index, std::int64_t cut_index, const Workspace<T>& workspace) const {
         const std::int64_t group = part % sum_.groups;
-        const std::int64_t cut = cut_index * cuts_.channels;
-        const std::int64_t channels = std::min(cuts_.channels, sum_.target_channels - cut);
-        const std::int64_t packets = round_up(channels, tap_packet<T>()) / tap_packet<T>();
-        T* results = workspace.local.get();
-        start(bias_ == nullptr ? nullptr : bias_ + group * sum_.target_channels + cut, channels, results);
-        for (std::int64_t first = 0; first < sum_.source_channels; first += block_channels_) {
-            const std::int64_t block = std::min(block_channels_, sum_.source_channels - first);
-            const T* planes = source_ + (part * sum_.source_channels + first) * plan_.pass.source_plane();
-            stage_planes(plan_, Tile(plan_, index), planes, block, workspace.slots.get());
-            tap_sums<T>({weights_->block(group, first) + weights_->target(cut), step_weights_.data(),
-                         workspace.slots.get(), step_slots_.data(), position_slots_.data(), block * plan_.pass.taps(),
-                         positions(), nullptr, packets_.data(), packets, results, cuts_.channels});
+        const std::int64_t first_sample = part / sum_.groups * samples_;
+        const std::int64_t samples = std::min(samples_, sum_.batch - first_sample);
+        const std::int64_t first = cut_index * cuts_.channels;
+        const std::int64_t end = std::min(first + cuts_.channels, sum_.target_channels);
+        const Tile tile(plan_, index);
+        for (std::int64_t block = 0; block < weights_.blocks(); ++block) {
+            const std::int64_t channels = weights_.channels_of(block);
+            for (std::int64_t s = 0; s < samples; ++s) {
+                const std::int64_t plane =
+                    ((first_sample + s) * sum_.groups + group) * sum_.source_channels + block * block_channels_;
+                stage_planes(plan_, tile, source_ + plane * plan_.pass.source_plane(), channels,
+                             workspace.slots.get() + s * sample_slots());
+            }
+            for (std::int64_t target = first; target < end; target += panel) {
+                const T* weights = workspace.weights.get();
+                if (laid_out_) {
+                    weights = laid_out_->get() + weights_.place(group, block, target);
+                } else {
+                    weights_.write_panel(group, block, target, workspace.weights.get());
+                }
+                const std::int64_t width = weights_.width_at(target);
+                add_block(tile, samples, width,
+                          {workspace.slots.get(), offsets_.data(), weights, weights_.steps_of(block), block == 0,
+                           totals(workspace, target - first), width});
+            }
         }
-        T* turned = results + positions() * cuts_.channels;
-        constexpr auto item = static_cast<std::int64_t>(sizeof(T));
-        transpose_tile(turned, turned_row(), reinterpret_cast<const char*>(results), cuts_.channels * item, item,
-                       positions(), channels);
-        for (std::int64_t o = 0; o < channels; ++o) {
-            std::copy_n(turned + o * turned_row(), positions(),
-                        target_ + (part * sum_.target_channels + cut + o) * positions());
+        for (std::int64_t target = first; target < end; target += panel) {
+            const std::int64_t width = weights_.width_at(target);
+            for (std::int64_t s = 0; s < samples; ++s) {
+                const T* from = totals(workspace, target - first) + s * tile.positions() * width;
+                for (std::int64_t v = 0; v < width && target + v < end; v += lane_width<T>) {
+                    const std::int64_t channel = group * sum_.target_channels + target + v;
+                    write(tile, from + v, width, std::min<std::int64_t>(lane_width<T>, end - target - v), channel,
+                          first_sample + s, workspace);
+                }
+            }
         }
     }
 
   private:
-    static constexpr std::int64_t most_positions = 256;  // whose results for one cut stay in the second level of cache
-    static constexpr std::int64_t least_targets = 16;    // sets of vectors hold two or three packets of them
-    static constexpr std::int64_t worthwhile_targets = 8;  // make up for an unused place of a vector
-    static constexpr std::int64_t least_steps = 128;       // fewer do not pay for turning the results
-    static constexpr std::int64_t block_steps = 288;       // whose weights for a set of packets stay in the first level
+    static constexpr std::int64_t panel = lane_vectors * lane_width<T>;
+    static constexpr std::int64_t most_positions = 400;  // of a tile
+    static constexpr std::int64_t least_positions = 5;   // that keep the processor busy
 
     static std::int64_t round_up(std::int64_t count, std::int64_t unit) { return (count + unit - 1) / unit * unit; }
 
-    std::int64_t positions() const { return plan_.pass.target_plane(); }
-    std::int64_t turned_row() const { return round_up(positions(), piece<T>); }  // aligned
+    static StagePlan plan_for(const ConvPass& pass) {
+        if (pass.is_pointwise() && pass.fills_target()) {
+            const ConvPass row = pass.as_one_row();
+            return {row, choose_tile(row, most_positions, lane_positions), SlotLayout::shared};
+        }
+        const TileShape tile = choose_tile(pass, most_positions, 1);
+        const std::int64_t pieces = (tile.cols + lane_positions - 1) / lane_positions;
+        const bool narrow = tile.rows > 1 && tile.cols / pieces < least_positions;
+        return {pass, tile, narrow ? SlotLayout::linear : SlotLayout::shared};
+    }
 
-    // The bias, for every position.
-    void start(const T* bias, std::int64_t channels, T* results) const {
-        for (std::int64_t p = 0; p < positions(); ++p) {
-            T* row = results + p * cuts_.channels;
-            if (bias == nullptr) {
-                std::fill_n(row, cuts_.channels, T(0));
-            } else {
-                std::fill(std::copy_n(bias, channels, row), row + cuts_.channels, T(0));
+    // Planes an odd number of cache lines apart spread over the cache.
+    void spread_planes() {
+        constexpr std::int64_t line = 64 / static_cast<std::int64_t>(sizeof(T));
+        plan_.plane = (round_up(plan_.plane, line) / line | 1) * line;
+    }
+
+    std::int64_t positions() const { return plan_.tile.rows * plan_.tile.cols; }
+    std::int64_t sample_slots() const { return block_channels_ * plan_.plane; }
+    T* totals(const Workspace<T>& workspace, std::int64_t channel) const {
+        return workspace.local.get() + channel * samples_ * positions();
+    }
+
+    void add_block(const Tile& tile, std::int64_t samples, std::int64_t width, const LaneChain<T>& first) const {
+        const bool gapless = plan_.slot_row == tile.cols;
+        const std::int64_t rows = gapless ? 1 : tile.rows;
+        const std::int64_t cols = gapless ? tile.positions() : tile.cols;
+        LaneChain<T> chain = first;
+        for (std::int64_t s = 0; s < samples; ++s) {
+            for (std::int64_t r = 0; r < rows; ++r) {
+                chain.slots = first.slots + s * sample_slots() + r * plan_.slot_row;
+                run_lane_chains(chain, width, cols);
+                chain.out += cols * width;
             }
+        }
+    }
+
+    // Turns the totals of `channels` target channels and adds the bias. from[position * width + channel].
+    void write(const Tile& tile, const T* from, std::int64_t width, std::int64_t channels, std::int64_t channel,
+               std::int64_t sample, const Workspace<T>& workspace) const {
+        const ConvPass& pass = plan_.pass;
+        const std::int64_t plane = pass.target_plane();
+        const std::int64_t count = tile.positions();
+        T* target = target_ + (sample * sum_.groups * sum_.target_channels + channel) * plane;
+        T* to = in_place_ ? target + tile.row * pass.cols.positions + tile.col
+                          : workspace.local.get() + samples_ * positions() * cuts_.channels;
+        const std::int64_t stride = in_place_ ? plane : count;
+        const T* bias = bias_ == nullptr ? nullptr : bias_ + channel;
+        if (bias == nullptr) {
+            turn_columns(from, width, count, channels, to, stride, [](const auto& v, std::int64_t) { return v; });
+        } else {
+            turn_columns(from, width, count, channels, to, stride,
+                         [bias](const auto& v, std::int64_t c) { return v + bias[c]; });
+        }
+        for (std::int64_t c = 0; c < channels && !in_place_; ++c) {
+            write_positions(pass, tile, to + c * stride, target + c * plane);
         }
     }
 
@@ -113,14 +172,16 @@ class LaneSum {
     const T* source_;
     const T* bias_;
     T* target_;
+    bool in_place_;
     StagePlan plan_;
+    std::int64_t samples_;  // of a tile
+    std::int64_t sets_;     // of samples
     std::int64_t block_channels_;
+    LaneWeights<T> weights_;
+    std::unique_ptr<Scratch<T>> laid_out_;  // The weights, where several tiles need them.
     TargetCuts cuts_;
-    std::unique_ptr<WeightSets<T>> weights_;
-    std::vector<std::int64_t> step_slots_;      // per (channel of a block, tap)
-    std::vector<std::int64_t> step_weights_;    // the same
-    std::vector<std::int64_t> position_slots_;  // per position
-    std::vector<TapPacket> packets_;            // target channels of a cut
+    std::vector<std::int64_t> offsets_;  // per step of a block
 };
 
+}  // namespace
 }  // namespace ornik::device::cpu

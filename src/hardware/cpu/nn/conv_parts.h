@@ -38,13 +38,13 @@ Real<T>* as_real(T* elements) {
 }
 
 /// `real` holds the sums with the weights' real parts, those with the imaginary parts lie `stride` elements on:
-/// real[i] becomes the whole sum, plus `start`.
+/// real[i] becomes the whole sum.
 template <typename T>
-void join_parts(T* real, std::int64_t stride, std::int64_t count, T start) {
+void join_parts(T* real, std::int64_t stride, std::int64_t count) {
     const T* imaginary = real + stride;
     for (std::int64_t i = 0; i < count; ++i) {
         const T with_imaginary(-imaginary[i].imag(), imaginary[i].real());
-        real[i] = real[i] + with_imaginary + start;
+        real[i] = real[i] + with_imaginary;
     }
 }
 

@@ -91,7 +91,7 @@ std::vector<ConvPass> image_passes(const ConvGeometry& geometry) {
     return passes;
 }
 
-AxisSlots::AxisSlots(const PassAxis& axis, std::int64_t tile, bool apart) : tap_slots(axis.taps.size()) {
+AxisSlots::AxisSlots(const PassAxis& axis, std::int64_t tile, bool apart) : taps(axis.taps.size()) {
     // Taps with one remainder by the step share a run as long as their reaches meet.
     std::vector<std::size_t> order(axis.taps.size());
     for (std::size_t i = 0; i < order.size(); ++i) {
@@ -101,18 +101,18 @@ AxisSlots::AxisSlots(const PassAxis& axis, std::int64_t tile, bool apart) : tap_
     std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
         return phase(a) != phase(b) ? phase(a) < phase(b) : axis.taps[a].offset < axis.taps[b].offset;
     });
+    std::int64_t end = 0;  // of the latest run
     for (const std::size_t tap : order) {
         const std::int64_t offset = axis.taps[tap].offset;
-        const bool continues = !apart && !runs.empty() && floor_mod(runs.back().source, axis.step) == phase(tap) &&
-                               (offset - runs.back().source) / axis.step <= runs.back().count;
+        const bool continues = !apart && !sources.empty() && floor_mod(sources.back(), axis.step) == phase(tap) &&
+                               (offset - sources.back()) / axis.step <= end;
         if (!continues) {
-            runs.push_back({count, 0, offset});
+            sources.push_back(offset);
         }
-        Run& run = runs.back();
-        const std::int64_t place = (offset - run.source) / axis.step;
-        run.count = place + tile;
-        count = run.slot + run.count;
-        tap_slots[tap] = run.slot + place;
+        const std::int64_t slot = (offset - sources.back()) / axis.step;
+        end = slot + tile;
+        length = std::max(length, end);
+        taps[tap] = {sources.size() - 1, slot};
     }
 }
 

@@ -51,18 +51,17 @@ ConvPass grid_pass(const ConvGeometry& geometry);
 /// Target places that belong to no pass have no taps.
 std::vector<ConvPass> image_passes(const ConvGeometry& geometry);
 
-/// Where a tile of `tile` consecutive positions finds its source along one axis after staging: copied into
-/// slots such that the slot of a tap at neighbouring positions is the neighbouring one, whatever the step.
-/// Taps share what they can share, or stay apart: then each has a run of `tile` slots of its own.
+/// Where a tile of `tile` consecutive positions finds its source along one axis after staging: copied into runs of
+/// slots such that the slot of a tap at neighbouring positions is the neighbouring one, whatever the step. Taps share
+/// the runs that they can share, or stay apart. All runs are of one length.
 struct AxisSlots {
-    struct Run {
-        std::int64_t slot;
-        std::int64_t count;
-        std::int64_t source;  // of the first slot, for position 0; later ones follow `step` apart
+    struct Tap {
+        std::size_t run;
+        std::int64_t slot;  // in the run, of position 0 of the tile
     };
-    std::int64_t count = 0;
-    std::vector<Run> runs;
-    std::vector<std::int64_t> tap_slots;  // slot of position 0 of the tile, per tap
+    std::int64_t length = 0;
+    std::vector<std::int64_t> sources;  // of a run's first slot, for position 0; later ones follow `step` apart
+    std::vector<Tap> taps;
 
     AxisSlots() = default;
     AxisSlots(const PassAxis& axis, std::int64_t tile, bool apart);

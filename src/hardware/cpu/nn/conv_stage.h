@@ -7,9 +7,10 @@
 #include <cstring>
 #include <span>
 
+#include "conv_copy.h"
+#include "conv_parts.h"
 #include "conv_pass.h"
-#include "descriptors/tile_transpose.h"
-#include "hardware/allocator.h"
+#include "hardware/scratch.h"
 
 namespace ornik::device::cpu {
 
@@ -19,37 +20,7 @@ inline constexpr std::int64_t piece_bytes = 32;
 template <typename T>
 inline constexpr std::int64_t piece = piece_bytes / static_cast<std::int64_t>(sizeof(T));
 
-template <typename T>
-void copy_piece(const T* from, T* to) {
-#if defined(__AVX__) && defined(__GNUC__) && !defined(__clang__)
-    // GCC copies 32 bytes in halves.
-    using Vector = float __attribute__((vector_size(32), aligned(4), may_alias));
-    *reinterpret_cast<Vector*>(to) = *reinterpret_cast<const Vector*>(from);
-#else
-    std::memcpy(static_cast<void*>(to), static_cast<const void*>(from), piece_bytes);
-#endif
-}
-
-/// Working memory from the pool of the tensors, starting at a multiple of 64 bytes, with room for the pieces.
-template <typename T>
-class Scratch {
-  public:
-    explicit Scratch(std::int64_t count)
-        : buffer_(AllocTensorBuffer(0, count * static_cast<std::int64_t>(sizeof(T)) + 64 + 9 * piece_bytes, 1)) {
-        const auto address = reinterpret_cast<std::uintptr_t>(buffer_->device_addr);
-        data_ = reinterpret_cast<T*>(address + (64 - address % 64) % 64);
-    }
-    ~Scratch() { FreeTensorBuffer(0, buffer_->device_addr, buffer_); }
-    Scratch(const Scratch&) = delete;
-    Scratch& operator=(const Scratch&) = delete;
-    T* get() const { return data_; }
-
-  private:
-    DynamicMemBuf* buffer_;
-    T* data_;
-};
-
-/// How the slots of one channel lie: neighbouring taps of a row share slots, rows end with what the last taps
+/// How the slots of one channel lie: neighbouring taps of a row share slots, and rows end with what the last taps
 /// reach; or every tap of a row has rows of its own, so that the positions of a tile follow each other without gaps.
 enum class SlotLayout { shared, linear };
 
@@ -63,34 +34,21 @@ struct StageSpan {
     std::int64_t count;
 };
 
-/// A row of slots that is copied from others.
-struct RestCopy {
-    std::int64_t slot;
-    std::int64_t from;
-};
-
 /// Tiles of one pass with their slots.
 class StagePlan {
   public:
-    /// With shared slots, those of the last `rest_cols` columns of positions may be had without gaps, too: behind the
-    /// others, with rows of their own for every tap of a row.
-    StagePlan(const ConvPass& conv_pass, TileShape tile_shape, SlotLayout slot_layout, std::int64_t rest_cols = 0);
+    StagePlan(const ConvPass& conv_pass, TileShape tile_shape, SlotLayout layout);
 
     ConvPass pass;
     TileShape tile;
-    SlotLayout layout;
-    std::int64_t rest;
     std::int64_t row_tiles;
     std::int64_t col_tiles;
-    std::int64_t plane;                   // slots of one channel
-    std::int64_t slot_row;                // slots from one row of positions to the next
-    std::vector<std::int64_t> taps;       // slot of the tile's first position, per tap
-    std::vector<std::int64_t> rest_taps;  // the same for the first position of the rest
-    std::vector<std::int64_t> kernels;    // position in the kernel, per tap
+    std::int64_t plane;                 // slots of one channel
+    std::int64_t slot_row;              // slots from one row of positions to the next
+    std::vector<std::int64_t> taps;     // slot of the tile's first position, per tap
+    std::vector<std::int64_t> kernels;  // position in the kernel, per tap
 
     std::int64_t tiles() const { return row_tiles * col_tiles; }
-    /// Where the rows of the rest come from, in order.
-    const std::vector<RestCopy>& rest_copies() const { return rest_copies_; }
     /// The slots of a tile, in order.
     std::span<const StageSpan> spans(std::int64_t index) const {
         const auto tile_index = static_cast<std::size_t>(index);
@@ -98,9 +56,8 @@ class StagePlan {
     }
 
   private:
-    void add_span(std::int64_t slot, std::int64_t length, std::int64_t row, std::int64_t col);
+    void add_span(std::int64_t slot, std::int64_t row, std::int64_t col);
 
-    std::vector<RestCopy> rest_copies_;
     std::vector<StageSpan> spans_;
     std::vector<std::size_t> first_spans_;  // per tile, and the end
 };
@@ -129,24 +86,6 @@ void zero_pieces(T* to, std::int64_t count) {
     }
 }
 
-/// Reads and writes no more than `count` elements; `ahead` elements on is what will be copied next.
-template <typename T>
-void copy_run(const T* from, std::int64_t count, [[maybe_unused]] std::int64_t ahead, T* to) {
-    if (count < piece<T>) {
-        for (std::int64_t i = 0; i < count; ++i) {
-            to[i] = from[i];
-        }
-        return;
-    }
-    for (std::int64_t i = 0; i + piece<T> <= count; i += piece<T>) {
-#if defined(__GNUC__)
-        __builtin_prefetch(from + i + ahead);
-#endif
-        copy_piece(from + i, to + i);
-    }
-    copy_piece(from + count - piece<T>, to + count - piece<T>);
-}
-
 /// slots[channel * plan.plane + slot] for `channels` source planes.
 template <typename T>
 void stage_planes(const StagePlan& plan, const Tile& tile, const T* source, std::int64_t channels, T* slots) {
@@ -160,7 +99,12 @@ void stage_planes(const StagePlan& plan, const Tile& tile, const T* source, std:
             zero_pieces(to, span.begin);
             const T* first = plane + span.source;
             if (step == 1) {
-                copy_run(first, span.count, plan.pass.source_plane(), to + span.begin);
+                for (std::int64_t k = 0; k < span.count; k += 64 / static_cast<std::int64_t>(sizeof(T))) {
+                    vec::prefetch(first + plan.pass.source_plane() + k);
+                }
+                copy_row(as_real(first), span.count * parts<T>, as_real(to + span.begin));
+            } else if (step == 2 && parts<T> == 1) {
+                copy_every_second(as_real(first), span.count, as_real(to + span.begin));
             } else {
                 for (std::int64_t k = 0; k < span.count; ++k) {
                     to[span.begin + k] = first[k * step];
@@ -168,43 +112,6 @@ void stage_planes(const StagePlan& plan, const Tile& tile, const T* source, std:
             }
             zero_pieces(to + span.begin + span.count, span.length - span.begin - span.count);
         }
-        // What is copied beyond the end of a row is written over by the next one.
-        for (const RestCopy& copy : plan.rest_copies()) {
-            for (std::int64_t i = 0; i < plan.rest; i += piece<T>) {
-                copy_piece(slots + c * plan.plane + copy.from + i, slots + c * plan.plane + copy.slot + i);
-            }
-        }
-    }
-}
-
-/// to[k * lanes + channel] = from[channel * plane + k * step]: the channels of one place side by side. Rows of `lanes`
-/// elements are aligned to 32 bytes.
-template <typename T>
-void channels_last(const T* from, std::int64_t plane, std::int64_t step, std::int64_t channels, std::int64_t count,
-                   std::int64_t lanes, T* to) {
-    if (step == 1) {
-        constexpr auto item = static_cast<std::int64_t>(sizeof(T));
-        transpose_tile(to, lanes, reinterpret_cast<const char*>(from), plane * item, item, channels, count);
-        return;
-    }
-    for (std::int64_t c = 0; c < channels; ++c) {
-        for (std::int64_t k = 0; k < count; ++k) {
-            to[k * lanes + c] = from[c * plane + k * step];
-        }
-    }
-}
-
-/// slots[slot * lanes + channel] for the channels of a block; what lies behind them in a row is left alone.
-template <typename T>
-void stage_channels_last(const StagePlan& plan, const Tile& tile, const T* source, std::int64_t channels,
-                         std::int64_t lanes, T* slots) {
-    for (const StageSpan& span : plan.spans(tile.index)) {
-        T* to = slots + span.slot * lanes;
-        T* place = to + span.begin * lanes;
-        std::fill(to, place, T(0));
-        std::fill(place + span.count * lanes, to + span.length * lanes, T(0));
-        channels_last(source + span.source, plan.pass.source_plane(), plan.pass.cols.step, channels, span.count, lanes,
-                      place);
     }
 }
 

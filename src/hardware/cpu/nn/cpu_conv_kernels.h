@@ -17,6 +17,7 @@ struct ConvSum {
     std::int64_t groups;
     std::int64_t source_channels;
     std::int64_t target_channels;
+    std::int64_t kernel_elements;
     std::int64_t group_stride;
     std::int64_t target_stride;
     std::int64_t source_stride;
@@ -33,26 +34,12 @@ template <typename T>
 void run_conv_weight(const ConvPass& pass, const ConvGeometry& geometry, const T* image, const T* grid,
                      bool conjugate_grid, T* weight);
 
-/// run_conv_weight for one channel per group on either side.
-template <typename T>
-void run_direct_weight(const ConvPass& pass, const ConvGeometry& geometry, const T* image, const T* grid,
-                       bool conjugate_grid, T* weight);
-
 template <typename T>
 T conjugate_if(bool conjugate, T value) {
     if constexpr (std::is_floating_point_v<T>) {
         return value;
     } else {
         return conjugate ? std::conj(value) : value;
-    }
-}
-
-template <typename T>
-void conjugate(T* values, std::int64_t count) {
-    if constexpr (!std::is_floating_point_v<T>) {
-        for (std::int64_t i = 0; i < count; ++i) {
-            values[i] = std::conj(values[i]);
-        }
     }
 }
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "hardware/cpu/vector_transpose.h"
 #include "product_tile.h"
 
 namespace ornik::device::cpu {
@@ -20,35 +21,6 @@ struct Strided {
     Strided from(std::int64_t i, std::int64_t k) const { return {data + i * row + k * col, row, col}; }
     Strided turned() const { return {data, col, row}; }
 };
-
-#if defined(__GNUC__)
-template <std::size_t Step, typename V, std::size_t... I>
-ORNIK_EXPAND void exchange(V& a, V& b, std::index_sequence<I...> /*lanes*/) {
-    constexpr std::size_t count = sizeof...(I);
-    const V first = __builtin_shufflevector(a, b, ((I & Step) == 0 ? I : count + I - Step)...);
-    b = __builtin_shufflevector(a, b, ((I & Step) == 0 ? I + Step : count + I)...);
-    a = first;
-}
-
-// Rows i and i + Step exchange lanes, for all steps up to half of the square.
-template <std::size_t Step, std::size_t Count, typename V>
-ORNIK_EXPAND void exchange_all(V (&rows)[Count]) {
-    if constexpr (Step < Count) {
-        ORNIK_UNROLLED for (std::size_t i = 0; i < Count; ++i) {
-            if ((i & Step) == 0) {
-                exchange<Step>(rows[i], rows[i + Step], std::make_index_sequence<Count>{});
-            }
-        }
-        exchange_all<2 * Step>(rows);
-    }
-}
-
-// Transposes a square of vectors.
-template <std::size_t Count, typename V>
-ORNIK_EXPAND void transpose_square(V (&rows)[Count]) {
-    exchange_all<1>(rows);
-}
-#endif
 
 /// to[k * to_row + i] = from(i, k), i < rows, k < depth, where from.col is 1. Between rows and the next whole vector,
 /// to's rows are filled with anything, also behind the last one.
@@ -67,7 +39,7 @@ void pack_turned(const Strided<T>& from, std::int64_t rows, std::int64_t depth, 
                 ORNIK_UNROLLED for (std::int64_t r = 0; r < width; ++r) {
                     square[r] = load<V>(from.data + std::min(i + r, rows - 1) * from.row + k);
                 }
-                transpose_square(square);
+                vec::transpose_square(square);
                 ORNIK_UNROLLED for (std::int64_t r = 0; r < width; ++r) {
                     vec::store(square[r], to + (k + r) * to_row + i);
                 }

@@ -12,15 +12,6 @@
 
 #include "hardware/cpu/vector_types.h"
 
-// Sums are in registers only where every loop over them is gone.
-#if defined(__clang__)
-#define ORNIK_UNROLLED _Pragma("unroll")
-#elif defined(__GNUC__)
-#define ORNIK_UNROLLED _Pragma("GCC unroll 16")
-#else
-#define ORNIK_UNROLLED
-#endif
-
 namespace ornik::device::cpu {
 
 using vec::fused;

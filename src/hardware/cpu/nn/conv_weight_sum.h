@@ -1,0 +1,279 @@
+// conv_weight_sum.h: the gradient of a convolution's weight. Internal; for *_vector.cpp alone.
+//
+// An element's sum runs over the positions of all samples. A block of positions is one chain (conv_weight_blocks.h);
+// the blocks of a chunk are added in order, then the chunks. One side's channels are staged side by side and fill the
+// lanes, the other side's values are broadcast: the grid's channels with the image's channels for one tap after the
+// other, or, where a side has few of them, with all (channel, tap) together, in either role.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <vector>
+
+#include "conv_lane_kernel.h"
+#include "conv_stage.h"
+#include "conv_transpose.h"
+#include "conv_weight_blocks.h"
+#include "cpu_conv_kernels.h"
+#include "hardware/parallel.h"
+
+namespace ornik::device::cpu {
+namespace {
+
+template <typename T>
+class WeightSum {
+  public:
+    WeightSum(const ConvPass& pass, const ConvGeometry& geometry, const T* image, const T* grid)
+        : geometry_(geometry),
+          image_(image),
+          grid_(grid),
+          blocks_(pass, geometry),
+          plan_(pass, blocks_.tile, SlotLayout::shared),
+          taps_(pass.taps()) {
+        choose_roles();
+        const std::int64_t panels = (lanes_ + panel - 1) / panel;
+        const std::int64_t tasks = blocks_.chunks * geometry.groups * value_cuts();
+        const std::int64_t wanted = (4 * usable_processors() + tasks - 1) / tasks;
+        const std::int64_t cuts = std::min(panels, std::max(wanted, (panels * panel + most_lanes - 1) / most_lanes));
+        cut_lanes_ = (panels + cuts - 1) / cuts * panel;
+        for (std::int64_t e = 0; e < geometry.image_channels * taps_; ++e) {
+            elements_.push_back(e / taps_ * plan_.plane + plan_.taps[static_cast<std::size_t>(e % taps_)]);
+        }
+        for (std::int64_t o = 0; o < geometry.grid_channels; ++o) {
+            channels_.push_back(o * pass.target_plane());
+        }
+        for (std::int64_t c = 0; c < geometry.image_channels; ++c) {
+            planes_.push_back(c * plan_.plane);
+        }
+    }
+
+    void run(T* weight) const {
+        const Scratch<T> totals(blocks_.chunks * geometry_.groups * group_totals());
+        const std::int64_t lane_cuts = (lanes_ + cut_lanes_ - 1) / cut_lanes_;
+        const std::int64_t items = blocks_.chunks * geometry_.groups * lane_cuts * value_cuts();
+        const std::int64_t work =
+            geometry_.batch * plan_.pass.target_plane() * group_totals() * geometry_.groups / items;
+        parallel_for(items, 1, std::max<std::int64_t>(2, conv_grain / std::max<std::int64_t>(1, work)),
+                     [&](std::int64_t begin, std::int64_t end) {
+                         Buffers buffers(*this);
+                         for (std::int64_t item = begin; item < end; ++item) {
+                             const std::int64_t part = item / (lane_cuts * value_cuts());
+                             const std::int64_t lane = item / value_cuts() % lane_cuts * cut_lanes_;
+                             const std::int64_t value = item % value_cuts() * most_values;
+                             run_item(part / geometry_.groups, part % geometry_.groups,
+                                      {lane, std::min(lane + cut_lanes_, lanes_)},
+                                      {value, by_tap() ? std::min(value + most_values, values_) : values_}, buffers,
+                                      totals.get());
+                         }
+                     });
+        gather(totals.get(), weight);
+    }
+
+  private:
+    enum class Roles { channels_by_tap, grid_by_elements, elements_by_grid };
+    struct Range {
+        std::int64_t begin;
+        std::int64_t end;
+        std::int64_t size() const { return end - begin; }
+    };
+    static constexpr std::int64_t panel = lane_vectors * lane_width<T>;
+    static constexpr std::int64_t most_lanes = 128;   // of an item
+    static constexpr std::int64_t most_values = 128;  // channels of an item, where they go tap by tap
+
+    static std::int64_t round_up(std::int64_t count, std::int64_t unit) { return (count + unit - 1) / unit * unit; }
+
+    // What a worker needs: the lanes' panels, what is broadcast, and the planes that either comes from.
+    struct Buffers {
+        explicit Buffers(const WeightSum& sum)
+            : slots((sum.by_tap() ? std::min(sum.values_, most_values) : sum.geometry_.image_channels) *
+                    sum.plan_.plane),
+              lanes(sum.blocks_.positions() * sum.cut_lanes_),
+              values(sum.blocks_.samples * sum.sample_values()) {}
+        Scratch<T> slots;
+        Scratch<T> lanes;
+        Scratch<T> values;
+        std::vector<std::int64_t> steps;
+    };
+
+    // Vectors cycles of a position: chains of few sums wait for themselves.
+    static double cost(std::int64_t lanes, std::int64_t values, std::int64_t repeats) {
+        const std::int64_t pieces = (values + lane_positions - 1) / lane_positions;
+        const double piece = static_cast<double>(values) / static_cast<double>(pieces);
+        return static_cast<double>(round_up(lanes, panel) / panel * pieces * repeats) * std::max(4.5, piece);
+    }
+
+    void choose_roles() {
+        const std::int64_t elements = geometry_.image_channels * taps_;
+        const double turning = 0.5 * static_cast<double>(elements);
+        const double costs[] = {cost(geometry_.grid_channels, geometry_.image_channels, taps_),
+                                cost(geometry_.grid_channels, elements, 1) + turning,
+                                cost(elements, geometry_.grid_channels, 1) + turning};
+        roles_ = static_cast<Roles>(std::min_element(std::begin(costs), std::end(costs)) - std::begin(costs));
+        lanes_ = roles_ == Roles::elements_by_grid ? elements : geometry_.grid_channels;
+        values_ = roles_ == Roles::channels_by_tap    ? geometry_.image_channels
+                  : roles_ == Roles::grid_by_elements ? elements
+                                                      : geometry_.grid_channels;
+    }
+
+    bool by_tap() const { return roles_ == Roles::channels_by_tap; }
+    std::int64_t value_cuts() const { return by_tap() ? (values_ + most_values - 1) / most_values : 1; }
+    std::int64_t rows() const { return by_tap() ? values_ * taps_ : values_; }  // of totals, in every panel
+    std::int64_t group_totals() const { return round_up(lanes_, lane_width<T>) * rows(); }
+    std::int64_t width_at(std::int64_t lane) const { return std::min(panel, round_up(lanes_, lane_width<T>) - lane); }
+    // Of one position, or slot.
+    std::int64_t value_pitch() const {
+        return round_up(by_tap() ? std::min(values_, most_values) : values_, lane_width<T>);
+    }
+    std::int64_t sample_values() const {
+        return (by_tap() ? plan_.plane : plan_.tile.rows * plan_.tile.cols) * value_pitch();
+    }
+
+    void run_item(std::int64_t chunk, std::int64_t group, Range lanes, Range values, Buffers& buffers,
+                  T* totals) const {
+        const Range units = {blocks_.first(chunk), blocks_.first(chunk + 1)};
+        T* out = totals + (chunk * geometry_.groups + group) * group_totals();
+        for (std::int64_t unit = units.begin; unit < units.end; ++unit) {
+            const Tile tile(plan_, unit % plan_.tiles());
+            const std::int64_t sample = unit / plan_.tiles() * blocks_.samples;
+            const std::int64_t samples = std::min(blocks_.samples, geometry_.batch - sample);
+            const std::int64_t steps = samples * tile.positions();
+            buffers.steps.clear();
+            for (std::int64_t s = 0; s < samples; ++s) {
+                stage(tile, (sample + s) * geometry_.groups + group, s, steps, lanes, values, buffers);
+            }
+            for (std::int64_t lane = lanes.begin; lane < lanes.end; lane += panel) {
+                const std::int64_t width = width_at(lane);
+                LaneChain<T> chain{buffers.values.get(),
+                                   buffers.steps.data(),
+                                   buffers.lanes.get() + (lane - lanes.begin) * steps,
+                                   steps,
+                                   unit == units.begin,
+                                   out + lane * rows(),
+                                   width};
+                if (!by_tap()) {
+                    run_lane_chains(chain, width, values.size());
+                    continue;
+                }
+                chain.out += values.begin * taps_ * width;
+                chain.out_stride = taps_ * width;
+                for (const std::int64_t tap : plan_.taps) {
+                    chain.slots = buffers.values.get() + tap * value_pitch();
+                    run_lane_chains(chain, width, values.size());
+                    chain.out += width;
+                }
+            }
+        }
+    }
+
+    // The values and lanes of one sample's positions in the block.
+    void stage(const Tile& tile, std::int64_t part, std::int64_t s, std::int64_t steps, Range lanes, Range values,
+               Buffers& buffers) const {
+        const std::int64_t pitch = value_pitch();
+        const T* gradients = grid_ + part * geometry_.grid_channels * plan_.pass.target_plane() +
+                             tile.row * plan_.pass.cols.positions + tile.col;
+        T* sample = buffers.values.get() + s * sample_values();
+        const Range channels = by_tap() ? values : Range{0, geometry_.image_channels};
+        stage_planes(plan_, tile,
+                     image_ + (part * geometry_.image_channels + channels.begin) * plan_.pass.source_plane(),
+                     channels.size(), buffers.slots.get());
+        if (by_tap()) {
+            turn_rows(buffers.slots.get(), planes_.data(), channels.size(), round_up(channels.size(), lane_width<T>),
+                      plan_.plane, sample, pitch);
+        } else if (roles_ == Roles::elements_by_grid) {
+            turn_rows(gradients, channels_.data(), values_, pitch, tile.positions(), sample, pitch);
+        } else {
+            turn_tile(tile, elements_.data(), values_, buffers.slots.get(), sample, pitch);
+        }
+        for (std::int64_t lane = lanes.begin; lane < lanes.end; lane += panel) {
+            const std::int64_t width = width_at(lane);
+            const std::int64_t count = std::min(width, lanes_ - lane);
+            T* to = buffers.lanes.get() + (lane - lanes.begin) * steps + s * tile.positions() * width;
+            if (roles_ == Roles::elements_by_grid) {
+                turn_tile(tile, elements_.data() + lane, count, buffers.slots.get(), to, width);
+            } else {
+                turn_rows(gradients, channels_.data() + lane, count, width, tile.positions(), to, width);
+            }
+        }
+        const std::int64_t first = s * sample_values();
+        for (std::int64_t r = 0; r < tile.rows; ++r) {
+            for (std::int64_t x = 0; x < tile.cols; ++x) {
+                buffers.steps.push_back(first + (by_tap() ? r * plan_.slot_row + x : r * tile.cols + x) * pitch);
+            }
+        }
+    }
+
+    // The tile's positions one after the other, `count` elements of each side by side.
+    void turn_tile(const Tile& tile, const std::int64_t* elements, std::int64_t count, const T* slots, T* to,
+                   std::int64_t pitch) const {
+        for (std::int64_t r = 0; r < tile.rows; ++r) {
+            turn_rows(slots + r * plan_.slot_row, elements, count, pitch, tile.cols, to + r * tile.cols * pitch, pitch);
+        }
+    }
+
+    // Adds up the chunks of a panel's row and writes it to its places in the weight. Rows of totals are elements, their
+    // lanes grid channels, or the other way round.
+    void gather(T* totals, T* weight) const {
+        const std::int64_t panels = (lanes_ + panel - 1) / panel;
+        const std::int64_t grain = std::max<std::int64_t>(2, conv_grain / (rows() * panel));
+        parallel_for(geometry_.groups * panels, 1, grain, [&](std::int64_t begin, std::int64_t end) {
+            for (std::int64_t item = begin; item < end; ++item) {
+                const std::int64_t lane = item % panels * panel;
+                const std::int64_t width = width_at(lane);
+                T* total = totals + item / panels * group_totals() + lane * rows();
+                for (std::int64_t chunk = 1; chunk < blocks_.chunks; ++chunk) {
+                    const T* added = total + chunk * geometry_.groups * group_totals();
+                    for (std::int64_t i = 0; i < rows() * width; ++i) {
+                        total[i] += added[i];
+                    }
+                }
+                write_panel(total, width, item / panels, lane, weight);
+            }
+        });
+    }
+
+    void write_panel(const T* total, std::int64_t width, std::int64_t group, std::int64_t lane, T* weight) const {
+        const std::int64_t count = std::min(width, lanes_ - lane);
+        if (roles_ == Roles::elements_by_grid) {
+            for (std::int64_t o = 0; o < rows(); ++o) {
+                for (std::int64_t i = 0; i < count; ++i) {
+                    weight[place(group, o, lane + i)] = total[o * width + i];
+                }
+            }
+        } else if (geometry_.image_first) {
+            for (std::int64_t e = 0; e < rows(); ++e) {
+                for (std::int64_t i = 0; i < count; ++i) {
+                    weight[place(group, lane + i, e)] = total[e * width + i];
+                }
+            }
+        } else {
+            for (std::int64_t i = 0; i < count; i += lane_width<T>) {
+                turn_columns(total + i, width, rows(), std::min<std::int64_t>(lane_width<T>, count - i),
+                             weight + place(group, lane + i, 0), rows(), [](const auto& v, std::int64_t) { return v; });
+            }
+        }
+    }
+
+    std::int64_t place(std::int64_t group, std::int64_t o, std::int64_t e) const {
+        const std::int64_t c = e / taps_;
+        const std::int64_t pair =
+            geometry_.image_first ? c * geometry_.grid_channels + o : o * geometry_.image_channels + c;
+        return (group * geometry_.image_channels * geometry_.grid_channels + pair) * taps_ + e % taps_;
+    }
+
+    const ConvGeometry& geometry_;
+    const T* image_;
+    const T* grid_;
+    WeightBlocks blocks_;
+    StagePlan plan_;
+    std::int64_t taps_;
+    Roles roles_;
+    std::int64_t lanes_;   // of a group
+    std::int64_t values_;  // of a group that are broadcast, per tap where these go one by one
+    std::int64_t cut_lanes_;
+    std::vector<std::int64_t> elements_;  // slot of (channel, tap)
+    std::vector<std::int64_t> channels_;  // place of a grid channel's plane
+    std::vector<std::int64_t> planes_;    // slot of an image channel's plane
+};
+
+}  // namespace
+}  // namespace ornik::device::cpu
