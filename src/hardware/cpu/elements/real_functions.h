@@ -140,8 +140,9 @@ ORNIK_IN_PLACE float gelu(float x) {
     using elementary::selected;
     const auto [far, near, tail] = elementary::normal_parts(x);
     const float a = elementary::clamped(std::fabs(x), 0.0F, 6.0F);
-    const float positive = x < 0.0F ? -0.0F : x;
-    return fused(selected(far, -a, x * x), selected(far, tail, near), selected(far, positive, 0.5F * x));
+    const float positive = x < 0.0F ? 0.0F : x;
+    const float value = fused(selected(far, -a, x * x), selected(far, tail, near), selected(far, positive, 0.5F * x));
+    return std::copysign(value, x);
 }
 inline double gelu(double x) {
     const double d = elementary::clamped(x, -50.0, HUGE_VAL);
