@@ -45,8 +45,7 @@ CLD evaluated(const BinaryReference& reference, CLD a, CLD b, std::int64_t dtype
 
 void expect_results(const Tensor* got, const std::vector<CLD>& a, const std::vector<CLD>& b, std::int64_t computing,
                     const Row& row, const BinaryReference& reference) {
-    const std::vector<CLD> left = converted(computing, a);
-    const std::vector<CLD> right = converted(computing, b);
+    const std::vector<CLD> left = converted(computing, a), right = converted(computing, b);
     const std::vector<CLD> results = wide_values(got);
     for (std::size_t i = 0; i < results.size(); ++i) {
         const CLD exact = held(evaluated(reference, left[i], right[i], computing), got->Dtype());
@@ -80,8 +79,7 @@ TEST(Binary, EveryPairOfDtypes) {
         for (std::int64_t first = 0; first < dtype_count; ++first) {
             for (std::int64_t second = 0; second < dtype_count; ++second) {
                 SCOPED_TRACE(name_of_dtype(first) + ", " + name_of_dtype(second));
-                const std::vector<CLD> a = arguments_for(first, 0);
-                const std::vector<CLD> b = arguments_for(second, 4);
+                const std::vector<CLD> a = arguments_for(first, 0), b = arguments_for(second, 4);
                 const Layout layout = all_layouts[round++ % 5];
                 const TensorPtr left = make_wide(first, shape, a, layout);
                 const TensorPtr right = make_wide(second, shape, b, all_layouts[round % 5]);
@@ -166,8 +164,7 @@ TEST(Binary, SpecialFloatingValues) {
         }
     }
     const auto n = static_cast<std::int64_t>(a.size());
-    const TensorPtr left = make_wide(dtype::float64, {n}, a);
-    const TensorPtr right = make_wide(dtype::float64, {n}, b);
+    const TensorPtr left = make_wide(dtype::float64, {n}, a), right = make_wide(dtype::float64, {n}, b);
     for_each_operation([&](Binary operation, const Row& row, const BinaryReference& reference) {
         if (reference.real != nullptr) {
             const TensorPtr result((left.get()->*front_of(operation).fresh)(right.get()));
@@ -193,8 +190,7 @@ TEST(Binary, LongRowsInPiecesAndRowsThatRepeatAnElement) {
         const TensorPtr a = make<float>(wide, values, layout);
         const TensorPtr out = make_empty(wide, dtype::float32, Layout::every_other);
         maximum(repeated.get(), a.get(), out.get());
-        const TensorPtr above(a->greater(repeated.get()));
-        const TensorPtr chosen(where(above.get(), a.get(), repeated.get()));
+        const TensorPtr above(a->greater(repeated.get())), chosen(where(above.get(), a.get(), repeated.get()));
         EXPECT_EQ(bytes_of(chosen), bytes_of(out));
         const std::vector<float> got = values_of<float>(out);
         for (std::size_t i = 0; i < got.size(); ++i) {
@@ -205,8 +201,7 @@ TEST(Binary, LongRowsInPiecesAndRowsThatRepeatAnElement) {
 
 TEST(Binary, IntegersAtTheirEnds) {
     const auto with = [](std::int8_t x, Tensor* (Tensor::*operation)(Tensor*), std::int8_t y) {
-        const TensorPtr a = make<std::int8_t>({1}, {x});
-        const TensorPtr b = make<std::int8_t>({1}, {y});
+        const TensorPtr a = make<std::int8_t>({1}, {x}), b = make<std::int8_t>({1}, {y});
         return int{values_of<std::int8_t>(TensorPtr((a.get()->*operation)(b.get())))[0]};
     };
     EXPECT_EQ(with(-128, &Tensor::fmod, -1), 0);
@@ -240,8 +235,7 @@ TEST(Binary, GradientsAtQuotientsThatRoundAndAtTies) {
         EXPECT_EQ(values_of<double>(TensorPtr(remainder_dy_grad(a.get(), b.get(), g.get())))[0], -2 * q.floor) << q.a;
         EXPECT_EQ(values_of<double>(TensorPtr(fmod_dy_grad(a.get(), b.get(), g.get())))[0], -2 * q.trunc) << q.a;
     }
-    const TensorPtr same = make<float>({2}, {3, NAN});
-    const TensorPtr one = make<float>({2}, {1, 1});
+    const TensorPtr same = make<float>({2}, {3, NAN}), one = make<float>({2}, {1, 1});
     const TensorPtr shared(maximum_dx_grad(same.get(), same.get(), one.get()));
     EXPECT_EQ(values_of<float>(shared), (std::vector<float>{0.5F, 1}));
 }
@@ -251,11 +245,9 @@ TEST(Binary, GradientsAtQuotientsThatRoundAndAtTies) {
 TEST(Select, WhereOfEveryPairOfDtypesAndItsGradients) {
     for (std::int64_t first = 0; first < dtype_count; ++first) {
         for (std::int64_t second = 0; second < dtype_count; ++second) {
-            const std::vector<CLD> a = arguments_for(first, 0);
-            const std::vector<CLD> b = arguments_for(second, 4);
+            const std::vector<CLD> a = arguments_for(first, 0), b = arguments_for(second, 4);
             const std::int64_t r = sum_rule(first, second);
-            const std::vector<CLD> left = converted(r, a);
-            const std::vector<CLD> right = converted(r, b);
+            const std::vector<CLD> left = converted(r, a), right = converted(r, b);
             const TensorPtr condition = make<bool>(shape, counted<bool>(24), all_layouts[(first + second) % 5]);
             const TensorPtr result(where(condition.get(), make_wide(first, shape, a, Layout::transposed).get(),
                                          make_wide(second, shape, b, Layout::reversed).get()));

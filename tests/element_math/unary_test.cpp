@@ -142,8 +142,7 @@ TEST(Unary, EveryDtypeInEveryLayoutAndForm) {
             const TensorPtr expected((in.get()->*front.fresh)());
             ASSERT_EQ(expected->Dtype(), expected_dtype(row, dtype));
             ASSERT_EQ(expected->Shape(), shape);
-            const std::vector<CLD> x = wide_values(in.get());
-            const std::vector<CLD> got = wide_values(expected.get());
+            const std::vector<CLD> x = wide_values(in.get()), got = wide_values(expected.get());
             for (std::size_t i = 0; i < x.size(); ++i) {
                 const bool flips = row.name == std::string("bitwise_not") && dtype == dtype::boolean;
                 const CLD exact = held(flips ? 1.0L - x[i] : evaluated(reference, x[i], dtype), expected->Dtype());
@@ -295,9 +294,7 @@ TEST(Unary, AnyByteThatIsNotZeroIsTrue) {
 TEST(Unary, ComplexValuesNearZeroAndFarOut) {
     using C = Complex<double>;
     const TensorPtr in = make<C>({4}, {{1e-20, 1e-19}, {-1e-20, 0}, {-800, 2}, {INFINITY, NAN}});
-    const TensorPtr grown(in->expm1());
-    const TensorPtr logarithm(in->log1p());
-    const TensorPtr squashed(in->sigmoid());
+    const TensorPtr grown(in->expm1()), logarithm(in->log1p()), squashed(in->sigmoid());
     EXPECT_EQ(values_of<C>(grown)[0], C(1e-20, 1e-19));
     EXPECT_EQ(values_of<C>(logarithm)[1], C(-1e-20, 0));
     EXPECT_EQ(values_of<C>(squashed)[2], C(0, 0));

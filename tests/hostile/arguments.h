@@ -361,21 +361,19 @@ inline std::vector<AxisSelection> make_argument(World& world, As<std::vector<Axi
 inline SliceItems make_argument(World& world, As<SliceItems> /*type*/) {
     constexpr std::int64_t max = std::numeric_limits<std::int64_t>::max();
     using I = SliceItem;
-    const I far = I::range(-max - 1, max, max), back = I::range(max, -max - 1, -max - 1);
-    return world.one_of<SliceItems>({{I::all()},
-                                     {},
-                                     {I::index(1)},
-                                     {I::ellipsis(), I::from(2, -1)},
-                                     {I::new_axis(), I::all(-1), I::range(-1, -3, -1)},
-                                     {I::index(max)},
-                                     {I::index(-max - 1)},
-                                     {far},
-                                     {back},
-                                     {I::all(0)},
-                                     {I::ellipsis(), I::ellipsis()},
-                                     {I::positions(nullptr)},
-                                     {I::positions(world.operand())},
-                                     SliceItems(40, I::new_axis())});
+    // One item each, then several.
+    std::vector<SliceItems> candidates;
+    for (const I& item : {I::all(), I::index(1), I::index(max), I::index(-max - 1), I::range(-max - 1, max, max),
+                          I::range(max, -max - 1, -max - 1), I::all(0), I::positions(nullptr)}) {
+        candidates.push_back({item});
+    }
+    candidates.push_back({});
+    candidates.push_back({I::ellipsis(), I::from(2, -1)});
+    candidates.push_back({I::new_axis(), I::all(-1), I::range(-1, -3, -1)});
+    candidates.push_back({I::ellipsis(), I::ellipsis()});
+    candidates.push_back({I::positions(world.operand())});
+    candidates.push_back(SliceItems(40, I::new_axis()));
+    return world.one_of(candidates);
 }
 inline std::vector<PadWidth> make_argument(World& world, As<std::vector<PadWidth>> /*type*/) {
     std::vector<std::vector<PadWidth>> candidates;
@@ -438,8 +436,7 @@ inline MultiHeadState* make_argument(World& world, As<MultiHeadState*> /*type*/)
 }
 inline MultiHeadState make_argument(World& world, As<MultiHeadState> /*type*/) {
     if (world.picks.next(2) == 0) {
-        const TensorPtr weight = tensor_of('s');
-        const TensorPtr input = tensor_of('t');
+        const TensorPtr weight = tensor_of('s'), input = tensor_of('t');
         const AttentionProjection map{weight.get(), nullptr};
         MultiHeadState state;
         Tensor* const in = input.get();

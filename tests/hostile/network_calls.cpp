@@ -5,6 +5,8 @@ namespace ornik::test {
 namespace {
 
 using Ints = std::vector<int>;
+const Ints twos{2, 2};
+const Ints zeros{0, 0};
 
 // Layers made ready for good operands: forward (weights first) and backward ones.
 struct LayerCase {
@@ -32,16 +34,8 @@ std::vector<LayerCase> layer_cases() {
         {"LayerNormalization", [] { return _LayerNormalization(true, 1e-5F, ""); }, "vvx", "vvxx|1,1"},
         {"MaxPool1D", [] { return _MaxPool1D(Ints{3}, Ints{1}, Ints{1}, ""); }, "t", "t|1"},
         {"AvgPool1D", [] { return _AvgPool1D(Ints{2}, Ints{1}, "same", ""); }, "t", "t"},
-        {"MaxPool2D",
-         [] {
-             return _MaxPool2D(Ints{2, 2}, Ints{2, 2}, "valid", "");
-         },
-         "q", "qg|1"},
-        {"AvgPool2D",
-         [] {
-             return _AvgPool2D(Ints{2, 2}, Ints{2, 2}, Ints{0, 0}, "");
-         },
-         "q", "qg"},
+        {"MaxPool2D", [] { return _MaxPool2D(twos, twos, "valid", ""); }, "q", "qg|1"},
+        {"AvgPool2D", [] { return _AvgPool2D(twos, twos, zeros, ""); }, "q", "qg"},
         {"PixelShuffle", [] { return _PixelShuffle(2, ""); }, "q", "q"},
         {"PixelUnshuffle", [] { return _PixelUnshuffle(2, ""); }, "q", "q"},
         {"Conv1D", conv([](Ints& k, Ints& s, Ints& p, Ints& d) { return _Conv1D(3, k, s, p, true, 1, d, ""); }, 1),
@@ -49,12 +43,8 @@ std::vector<LayerCase> layer_cases() {
         {"Conv2D", conv([](Ints& k, Ints& s, Ints& p, Ints& d) { return _Conv2D(4, k, s, p, true, 1, d, ""); }, 2),
          "jCq", "jCqq|1"},
         {"ConvT2D",
-         conv(
-             [](Ints& k, Ints& s, Ints& p, Ints& d) {
-                 return _ConvT2D(4, k, s, p, true, 1, d, Ints{0, 0}, "");
-             },
-             2),
-         "jCq", "jCqq|1"},
+         conv([](Ints& k, Ints& s, Ints& p, Ints& d) { return _ConvT2D(4, k, s, p, true, 1, d, zeros, ""); }, 2), "jCq",
+         "jCqq|1"},
     };
 }
 
@@ -86,13 +76,14 @@ void add_backward(CallTable& table, const LayerCase& layer) {
     table.add_one(layer.backward, name, [layer](World& world) {
         const std::unique_ptr<Layer> trained = made(layer.make());
         World before(layer.forward, {});
-        call_layer(before, *trained, static_cast<T (Layer::*)(T)>(&Layer::forward_dyn));
-        before.position = 0;
-        call_layer(before, *trained, static_cast<T (Layer::*)(T, T, T)>(&Layer::forward_dyn));
-        before.position = 0;
-        call_layer(before, *trained, static_cast<T (Layer::*)(T, T, T, bool)>(&Layer::forward_dyn));
-        before.position = 0;
-        call_layer(before, *trained, static_cast<T (Layer::*)(T, T, T, bool, T, T)>(&Layer::forward_dyn));
+        const auto forward = [&]<typename... B>(TypeList<B...>) {
+            before.position = 0;
+            call_layer(before, *trained, static_cast<T (Layer::*)(B...)>(&Layer::forward_dyn));
+        };
+        forward(TypeList<T>{});
+        forward(TypeList<T, T, T>{});
+        forward(TypeList<T, T, T, bool>{});
+        forward(TypeList<T, T, T, bool, T, T>{});
         call_layer(world, *trained, static_cast<T (Layer::*)(A...)>(&Layer::backward_dyn));
     });
 }
@@ -143,14 +134,12 @@ void add_network_calls(CallTable& table) {
 
     using VectorPool = Layer* (*)(Ints, Ints, Ints, std::string);
     using NamedPool = Layer* (*)(Ints, Ints, std::string, std::string);
-    ORNIK_OVERLOAD("|3,3,2", VectorPool, _MaxPool1D)
-    ORNIK_OVERLOAD("|3,3,2", NamedPool, _MaxPool1D)
-    ORNIK_OVERLOAD("|3,3,2", VectorPool, _AvgPool1D)
-    ORNIK_OVERLOAD("|3,3,2", NamedPool, _AvgPool1D)
-    ORNIK_OVERLOAD("|6,5,13", VectorPool, _MaxPool2D)
-    ORNIK_OVERLOAD("|6,5,2", NamedPool, _MaxPool2D)
-    ORNIK_OVERLOAD("|6,5,13", VectorPool, _AvgPool2D)
-    ORNIK_OVERLOAD("|6,5,2", NamedPool, _AvgPool2D)
+#define POOL(layer, of_vectors, named) \
+    ORNIK_OVERLOAD(of_vectors, VectorPool, layer) ORNIK_OVERLOAD(named, NamedPool, layer)
+    POOL(_MaxPool1D, "|3,3,2", "|3,3,2")
+    POOL(_AvgPool1D, "|3,3,2", "|3,3,2")
+    POOL(_MaxPool2D, "|6,5,13", "|6,5,2")
+    POOL(_AvgPool2D, "|6,5,13", "|6,5,2")
     using VectorConv = Layer* (*)(int, const Ints&, const Ints&, const Ints&, bool, int, const Ints&, std::string);
     using NamedConv = Layer* (*)(int, const Ints&, const Ints&, std::string, bool, int, const Ints&, std::string);
     using VectorConv1D = Layer* (*)(int, Ints&, Ints&, Ints&, bool, int, Ints&, std::string);

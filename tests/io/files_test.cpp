@@ -259,8 +259,7 @@ TEST(Files, AreSharedAndNeverWrittenTo) {
         };
         save(a.get());
         const std::string file = read_file(path);
-        const TensorPtr first = load.run(nullptr);
-        const TensorPtr second = load.run(nullptr);
+        const TensorPtr first = load.run(nullptr), second = load.run(nullptr);
         ASSERT_TRUE(first->getStorage()->is_foreign()) << load.name;
 #if defined(__linux__)
         EXPECT_NE(read_file("/proc/self/maps").find(path.string()), std::string::npos) << load.name;
@@ -319,14 +318,10 @@ TEST(Files, AFailedSaveLeavesTheOldFile) {
         std::string function;
         std::function<void(const Tensor*)> run;
     };
+    const auto entries = [](const Tensor* t) { return std::vector<TensorEntry>(1, TensorEntry{"t", t}); };
     const Save saves[] = {{"ornik::save_npy", [&](const Tensor* t) { save_npy(path, t); }},
-                          {"ornik::save_npz",
-                           [&](const Tensor* t) {
-                               save_npz(path, {{"t", t}});
-                           }},
-                          {"ornik::save_safetensors", [&](const Tensor* t) {
-                               save_safetensors(path, {{"t", t}});
-                           }}};
+                          {"ornik::save_npz", [&](const Tensor* t) { save_npz(path, entries(t)); }},
+                          {"ornik::save_safetensors", [&](const Tensor* t) { save_safetensors(path, entries(t)); }}};
     for (const Save& save : saves) {
         const std::string& function = save.function;
         write_file(path, "as it was");

@@ -155,8 +155,7 @@ TEST(HostileFiles, Npz) {
     ASSERT_EQ(npz_from_bytes(as_bytes(good)).size(), 2U);
     const std::size_t size = good.size();
     const std::size_t end = size - 22;
-    const std::size_t first = good.find("PK\1\2");
-    const std::size_t second = good.find("PK\1\2", first + 1);
+    const std::size_t first = good.find("PK\1\2"), second = good.find("PK\1\2", first + 1);
     const std::size_t local_b = good.find("PK\3\4", 4);
     const auto text = [](std::size_t number) { return std::to_string(number); };
     const std::string in_b = ", entry 'b.npy': ";
@@ -219,8 +218,7 @@ TEST(HostileFiles, Npz) {
         ": record 1 of the directory is broken, at " + text(name_at) + ".");
 
     // An entry inside another one's bytes.
-    const std::string inner = zip_of({{"b.npy", npy}});
-    const std::string outer = zip_of({{"a.npy", inner}, {"b.npy", npy}});
+    const std::string inner = zip_of({{"b.npy", npy}}), outer = zip_of({{"a.npy", inner}, {"b.npy", npy}});
     const std::size_t inside = outer.find("PK\3\4", 4);
     const std::string nested = patched(outer, outer.rfind("PK\1\2") + 42, little_endian(inside, 4));
     add(nested, in_b + "it begins at " + text(inside) + ", but 'a.npy' ends at " + text(inside + inner.size()) + ".");

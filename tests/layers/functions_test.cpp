@@ -55,8 +55,8 @@ TEST(PoolFunctions, AdaptiveWindows) {
                 EXPECT_NEAR(out[static_cast<std::size_t>(i)].imag, imag / count, 1e-14);
             }
             const TensorPtr g = random_tensor(y->Shape(), dtype, 6, Layout::transposed);
-            expect_gradient([&](Tensor* t) { return nn::adaptive_average_pool(t, extents); }, x.get(), g.get(),
-                            nn::adaptive_average_pool_grad(g.get(), x->Shape()).get());
+            expect_gradient([&](Tensor* t) { return nn::adaptive_average_pool(t, extents); }, x, g,
+                            nn::adaptive_average_pool_grad(g.get(), x->Shape()));
         }
     }
     const TensorPtr row = make<float>({1, 1, 3}, {1, 2, 6});
@@ -135,7 +135,7 @@ TEST(ActivationFunctions, ValuesFormsAndGradients) {
             }
             const TensorPtr g = random_tensor({4, 9}, dtype::float64, 7, layout);
             const TensorPtr gradient = f.backward(x.get(), g.get());
-            expect_gradient(f.forward, x.get(), g.get(), gradient.get());
+            expect_gradient(f.forward, x, g, gradient);
             if (f.from_output) {
                 EXPECT_EQ(bytes_of(f.from_output(y.get(), g.get())), bytes_of(gradient));
             }
@@ -212,12 +212,9 @@ TEST(LinearFunctions, ValuesAndGradients) {
                 const TensorPtr gradient(dense->backward_dyn(turned.get(), b.get(), x.get(), g.get(), node));
                 EXPECT_TRUE(gradient->all_close(by_node[node], 0, 1e-14)) << node;
             }
-            expect_gradient([&](Tensor* t) { return nn::linear(t, w.get(), b.get()); }, x.get(), g.get(),
-                            grads.input.get());
-            expect_gradient([&](Tensor* t) { return nn::linear(x.get(), t, b.get()); }, w.get(), g.get(),
-                            grads.weight.get());
-            expect_gradient([&](Tensor* t) { return nn::linear(x.get(), w.get(), t); }, b.get(), g.get(),
-                            grads.bias.get());
+            expect_gradient([&](Tensor* t) { return nn::linear(t, w.get(), b.get()); }, x, g, grads.input);
+            expect_gradient([&](Tensor* t) { return nn::linear(x.get(), t, b.get()); }, w, g, grads.weight);
+            expect_gradient([&](Tensor* t) { return nn::linear(x.get(), w.get(), t); }, b, g, grads.bias);
             const auto some = nn::linear_grad(g.get(), x.get(), w.get(), {false, true, false});
             EXPECT_TRUE(some.input == nullptr && some.bias == nullptr);
             EXPECT_EQ(bytes_of(some.weight), bytes_of(grads.weight));
@@ -248,7 +245,7 @@ TEST(EmbeddingFunctions, RowsAndPadding) {
         EXPECT_EQ(bytes_of(y), bytes_of(TensorPtr(layer->forward_dyn(w.get(), nullptr, at.get()))));
         const TensorPtr grad = nn::embedding_grad(g.get(), at.get(), 6);
         EXPECT_EQ(bytes_of(grad), bytes_of(TensorPtr(layer->backward_dyn(w.get(), nullptr, at.get(), g.get(), 1))));
-        expect_gradient([&](Tensor* t) { return nn::embedding(at.get(), t); }, w.get(), g.get(), grad.get());
+        expect_gradient([&](Tensor* t) { return nn::embedding(at.get(), t); }, w, g, grad);
         EXPECT_EQ(layer->backward_dyn(w.get(), nullptr, at.get(), g.get(), 0), nullptr);
         layer->_trainable = false;
         EXPECT_EQ(layer->backward_dyn(w.get(), nullptr, at.get(), g.get(), 1), nullptr);

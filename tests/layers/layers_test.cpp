@@ -64,10 +64,8 @@ TEST(LayerBase, CopiesOwnClones) {
 }
 
 TEST(Dense, ValuesKeptGradientsAndProbes) {
-    const TensorPtr x = make<float>({2, 2}, {1, 2, 3, 4});
-    const TensorPtr w = make<float>({2, 3}, {1, 0, 2, 0, 1, 3});
-    const TensorPtr b = make<float>({1, 3}, {10, 20, 30});
-    const TensorPtr g = make<float>({2, 3}, {1, 1, 1, 2, 0, 5});
+    const TensorPtr x = make<float>({2, 2}, {1, 2, 3, 4}), w = make<float>({2, 3}, {1, 0, 2, 0, 1, 3});
+    const TensorPtr b = make<float>({1, 3}, {10, 20, 30}), g = make<float>({2, 3}, {1, 1, 1, 2, 0, 5});
     const LayerPtr layer(_Dense(3, true, ""));
     EXPECT_EQ(values_of<float>(TensorPtr(layer->forward_dyn(w.get(), b.get(), x.get()))),
               (std::vector<float>{11, 22, 38, 13, 24, 48}));

@@ -144,8 +144,7 @@ TEST(Determinism, EmbeddingAndPoolsAtEveryTeamSize) {
 }
 
 TEST(PixelShuffle, PlacesEveryElementAndBack) {
-    const LayerPtr shuffle(_PixelShuffle(3, ""));
-    const LayerPtr unshuffle(_PixelUnshuffle(3, ""));
+    const LayerPtr shuffle(_PixelShuffle(3, "")), unshuffle(_PixelUnshuffle(3, ""));
     EXPECT_EQ(shuffle->get_name(), "pixel_shuffle");
     EXPECT_EQ(unshuffle->get_name(), "pixel_unshuffle");
     for (const Layout layout : all_layouts) {

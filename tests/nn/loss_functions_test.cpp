@@ -101,8 +101,8 @@ TEST(LossFunctions, OverElements) {
                 expect_near(y.get(), reduced(terms, reduction, 15));
                 const TensorPtr g = random_tensor(y->Shape(), dtype::float64, seed + 400, layout);
                 const nn::LossGradients grads = nn::element_loss_grad(c.loss, g.get(), x.get(), t.get(), options);
-                expect_gradient([&](Tensor* a) { return loss(a, t.get()); }, x.get(), g.get(), grads.prediction.get());
-                expect_gradient([&](Tensor* b) { return loss(x.get(), b); }, t.get(), g.get(), grads.target.get());
+                expect_gradient([&](Tensor* a) { return loss(a, t.get()); }, x, g, grads.prediction);
+                expect_gradient([&](Tensor* b) { return loss(x.get(), b); }, t, g, grads.target);
                 const nn::LossGradients one =
                     nn::element_loss_grad(c.loss, g.get(), x.get(), t.get(), options, {false, true});
                 EXPECT_EQ(one.prediction, nullptr);
@@ -178,7 +178,7 @@ TEST(LossFunctions, OverClasses) {
                 const TensorPtr g = random_tensor(y->Shape(), dtype::float64, seed + 300, layout);
                 const TensorPtr gradient = nll ? nn::nll_loss_grad(g.get(), x.get(), target, options)
                                                : nn::cross_entropy_grad(g.get(), x.get(), target, options).prediction;
-                expect_gradient([&](Tensor* a) { return loss(a, target); }, x.get(), g.get(), gradient.get());
+                expect_gradient([&](Tensor* a) { return loss(a, target); }, x, g, gradient);
                 if (!c.indices) {
                     const nn::LossGradients grads =
                         nn::cross_entropy_grad(g.get(), x.get(), target, options, {false, true});

@@ -54,8 +54,7 @@ TEST(Losses, BinaryCrossEntropyNearItsEnds) {
     for (const Case& c : {Case{0, 0, 0, 1}, Case{1, 1, 0, -1}, Case{0, 1, 100, -1e12F}, Case{1, 0, 100, 1e12F},
                           Case{1e-10F, 0, 1e-10F, 1}, Case{1e-10F, 1, 23.025851F, -1e10F},
                           Case{1 - 0x1p-24F, 0, 16.635532F, 0x1p24F}}) {
-        const TensorPtr p = make<float>({1}, {c.p});
-        const TensorPtr t = make<float>({1}, {c.t});
+        const TensorPtr p = make<float>({1}, {c.p}), t = make<float>({1}, {c.t});
         EXPECT_FLOAT_EQ(values_of<float>(TensorPtr(loss->loss_forward(p.get(), t.get())))[0], c.value) << c.p << c.t;
         EXPECT_FLOAT_EQ(values_of<float>(TensorPtr(loss->loss_backward(p.get(), t.get())))[0], c.gradient)
             << c.p << c.t;

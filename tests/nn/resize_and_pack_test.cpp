@@ -44,8 +44,7 @@ TEST(Interpolate, AgainstItsDefinitionAndDifferences) {
             const TensorPtr y(resize(x.get()));
             ASSERT_EQ(y->Shape(), g->Shape());
             // Hat functions around the position: what every pixel of the image weighs.
-            const std::vector<double> in = values_of<double>(x);
-            const std::vector<double> out = values_of<double>(y);
+            const std::vector<double> in = values_of<double>(x), out = values_of<double>(y);
             for (std::int64_t i = 0; i < y->Size(); ++i) {
                 const double row = position(mode, i / r.out_cols % r.out_rows, r.in_rows, r.out_rows);
                 const double col = position(mode, i % r.out_cols, r.in_cols, r.out_cols);

@@ -74,90 +74,68 @@ void adadelta(T& p, T g, T* s) {
     p = -d + p;
 }
 
-// Calls visit(name, number of states, step, reference) for every step; the reference updates one element in the
-// arithmetic of its type.
+struct Step {
+    const char* name;
+    std::size_t states;
+    std::function<void(Tensor* p, Tensor* g, int t, States s)> run;
+};
+
+// Calls visit(step, reference) for every step; the reference updates one element in the arithmetic of its type.
 template <typename Visit>
 void for_each_step(const Visit& visit) {
     using P = Tensor*;
-    visit(
-        "sgd_step", std::size_t{1}, [](P p, P g, int, States s) { sgd_step(p, g, lr, s[0], b1, true); },
-        []<typename T>(T& p, T g, int, T* s) { sgd(p, g, s, true); });
-    visit(
-        "sgd_step", std::size_t{1}, [](P p, P g, int, States s) { sgd_step(p, g, lr, s[0], b1, false); },
-        []<typename T>(T& p, T g, int, T* s) { sgd(p, g, s, false); });
-    visit(
-        "rmsprop_step", std::size_t{1}, [](P p, P g, int, States s) { rmsprop_step(p, g, lr, b1, eps, s[0]); },
-        []<typename T>(T& p, T g, int, T* s) { rmsprop(p, g, s, b1, false, false); });
-    visit(
-        "adam_step", std::size_t{3},
-        [](P p, P g, int t, States s) { adam_step(p, g, lr, b1, b2, eps, t, s[0], s[1], s[2], false); },
-        []<typename T>(T& p, T g, int t, T* s) { adam(p, g, t, s, false, false); });
-    visit(
-        "adam_step", std::size_t{3},
-        [](P p, P g, int t, States s) { adam_step(p, g, lr, b1, b2, eps, t, s[0], s[1], s[2], true); },
-        []<typename T>(T& p, T g, int t, T* s) { adam(p, g, t, s, false, true); });
-    visit(
-        "adamw_step", std::size_t{3},
-        [](P p, P g, int t, States s) { adamw_step(p, g, lr, b1, b2, eps, decay, t, s[0], s[1], s[2], true); },
-        []<typename T>(T& p, T g, int t, T* s) { adam(p, g, t, s, true, true); });
-    visit(
-        "adam_max_step", std::size_t{2},
-        [](P p, P g, int t, States s) { adam_max_step(p, g, lr, b1, b2, eps, t, s[0], s[1]); },
-        []<typename T>(T& p, T g, int t, T* s) { adamax(p, g, t, s); });
-    visit(
-        "adam_grad_step", std::size_t{1}, [](P p, P g, int, States s) { adam_grad_step(p, g, lr, eps, s[0]); },
-        []<typename T>(T& p, T g, int, T* s) { adagrad(p, g, s); });
-    visit(
-        "adam_delta_step", std::size_t{2},
-        [](P p, P g, int, States s) { adam_delta_step(p, g, 1.0F, b1, eps, s[0], s[1]); },
-        []<typename T>(T& p, T g, int, T* s) { adadelta(p, g, s); });
+    for (const bool on : {false, true}) {
+        visit(Step{"sgd_step", 1, [=](P p, P g, int, States s) { sgd_step(p, g, lr, s[0], b1, on); }},
+              [=]<typename T>(T& p, T g, int, T* s) { sgd(p, g, s, on); });
+        const auto run = [=](P p, P g, int t, States s) { adam_step(p, g, lr, b1, b2, eps, t, s[0], s[1], s[2], on); };
+        visit(Step{"adam_step", 3, run}, [=]<typename T>(T& p, T g, int t, T* s) { adam(p, g, t, s, false, on); });
+    }
+    visit(Step{"rmsprop_step", 1, [](P p, P g, int, States s) { rmsprop_step(p, g, lr, b1, eps, s[0]); }},
+          []<typename T>(T& p, T g, int, T* s) { rmsprop(p, g, s, b1, false, false); });
+    const auto adamw = [](P p, P g, int t, States s) {
+        adamw_step(p, g, lr, b1, b2, eps, decay, t, s[0], s[1], s[2], true);
+    };
+    visit(Step{"adamw_step", 3, adamw}, []<typename T>(T& p, T g, int t, T* s) { adam(p, g, t, s, true, true); });
+    const auto run_adamax = [](P p, P g, int t, States s) { adam_max_step(p, g, lr, b1, b2, eps, t, s[0], s[1]); };
+    visit(Step{"adam_max_step", 2, run_adamax}, []<typename T>(T& p, T g, int t, T* s) { adamax(p, g, t, s); });
+    visit(Step{"adam_grad_step", 1, [](P p, P g, int, States s) { adam_grad_step(p, g, lr, eps, s[0]); }},
+          []<typename T>(T& p, T g, int, T* s) { adagrad(p, g, s); });
+    visit(Step{"adam_delta_step", 2, [](P p, P g, int, States s) { adam_delta_step(p, g, 1.0F, b1, eps, s[0], s[1]); }},
+          []<typename T>(T& p, T g, int, T* s) { adadelta(p, g, s); });
     // With weight decay.
     for (const bool nesterov : {false, true}) {
-        visit(
-            "nn::sgd_step", std::size_t{1},
-            [nesterov](P p, P g, int t, States s) {
-                nn::sgd_step(p, g, s[0], {lr, b1, nesterov ? 0 : 0.25F, decay, nesterov, t == 1});
-            },
-            [nesterov]<typename T>(T& p, T g, int t, T* s) {
-                g = g + T(decay) * p;
-                s[0] = t == 1 ? g : T(b1) * s[0] + T(nesterov ? 1 : 0.75F) * g;
-                p = T(-lr) * (nesterov ? g + T(b1) * s[0] : s[0]) + p;
-            });
+        const auto run = [=](P p, P g, int t, States s) {
+            nn::sgd_step(p, g, s[0], {lr, b1, nesterov ? 0 : 0.25F, decay, nesterov, t == 1});
+        };
+        visit(Step{"nn::sgd_step", 1, run}, [nesterov]<typename T>(T& p, T g, int t, T* s) {
+            g = g + T(decay) * p;
+            s[0] = t == 1 ? g : T(b1) * s[0] + T(nesterov ? 1 : 0.75F) * g;
+            p = T(-lr) * (nesterov ? g + T(b1) * s[0] : s[0]) + p;
+        });
     }
     for (const int form : {0, 1, 2, 3}) {
         const bool centered = form > 1, buffered = form % 2 == 1;
-        visit(
-            "nn::rmsprop_step", std::size_t{1} + (form > 0 ? 1 : 0) + (form == 3 ? 1 : 0),
-            [=](P p, P g, int, States s) {
-                nn::rmsprop_step(p, g, s[0], centered ? s[1] : nullptr, buffered ? s[centered ? 2 : 1] : nullptr,
-                                 {lr, b2, eps, buffered ? b1 : 0, decay});
-            },
-            [=]<typename T>(T& p, T g, int, T* s) { rmsprop(p, g + T(decay) * p, s, b2, centered, buffered); });
+        const auto run = [=](P p, P g, int, States s) {
+            nn::rmsprop_step(p, g, s[0], centered ? s[1] : nullptr, buffered ? s[centered ? 2 : 1] : nullptr,
+                             {lr, b2, eps, buffered ? b1 : 0, decay});
+        };
+        visit(Step{"nn::rmsprop_step", std::size_t{1} + (form > 0 ? 1 : 0) + (form == 3 ? 1 : 0), run},
+              [=]<typename T>(T& p, T g, int, T* s) { rmsprop(p, g + T(decay) * p, s, b2, centered, buffered); });
     }
-    visit(
-        "nn::adam_step", std::size_t{3},
-        [](P p, P g, int t, States s) {
-            nn::adam_step(p, g, s[0], s[1], s[2], {lr, b1, b2, eps, decay, t});
-        },
-        []<typename T>(T& p, T g, int t, T* s) { adam(p, g + T(decay) * p, t, s, false, true); });
-    visit(
-        "nn::adamax_step", std::size_t{2},
-        [](P p, P g, int t, States s) {
-            nn::adamax_step(p, g, s[0], s[1], {lr, b1, b2, eps, decay, t});
-        },
-        []<typename T>(T& p, T g, int t, T* s) { adamax(p, g + T(decay) * p, t, s); });
-    visit(
-        "nn::adagrad_step", std::size_t{1},
-        [](P p, P g, int, States s) {
-            nn::adagrad_step(p, g, s[0], {lr, eps, decay});
-        },
-        []<typename T>(T& p, T g, int, T* s) { adagrad(p, g + T(decay) * p, s); });
-    visit(
-        "nn::adadelta_step", std::size_t{2},
-        [](P p, P g, int, States s) {
-            nn::adadelta_step(p, g, s[0], s[1], {1.0F, b1, eps, decay});
-        },
-        []<typename T>(T& p, T g, int, T* s) { adadelta(p, g + T(decay) * p, s); });
+    const auto parameters = [](int t) { return nn::AdamParameters{lr, b1, b2, eps, decay, t}; };
+    const nn::AdagradParameters of_adagrad{lr, eps, decay};
+    const nn::AdadeltaParameters of_adadelta{1.0F, b1, eps, decay};
+    const auto run_adam = [=](P p, P g, int t, States s) { nn::adam_step(p, g, s[0], s[1], s[2], parameters(t)); };
+    visit(Step{"nn::adam_step", 3, run_adam},
+          []<typename T>(T& p, T g, int t, T* s) { adam(p, g + T(decay) * p, t, s, false, true); });
+    visit(Step{"nn::adamax_step", 2,
+               [=](P p, P g, int t, States s) { nn::adamax_step(p, g, s[0], s[1], parameters(t)); }},
+          []<typename T>(T& p, T g, int t, T* s) { adamax(p, g + T(decay) * p, t, s); });
+    visit(Step{"nn::adagrad_step", 1, [=](P p, P g, int, States s) { nn::adagrad_step(p, g, s[0], of_adagrad); }},
+          []<typename T>(T& p, T g, int, T* s) { adagrad(p, g + T(decay) * p, s); });
+    visit(Step{"nn::adadelta_step", 2,
+               [=](P p, P g, int, States s) { nn::adadelta_step(p, g, s[0], s[1], of_adadelta); }},
+          []<typename T>(T& p, T g, int, T* s) { adadelta(p, g + T(decay) * p, s); });
 }
 
 // The parts of all elements, real numbers of type T.
@@ -177,9 +155,8 @@ void write_parts(Tensor* out, const std::vector<T>& parts) {
 
 // `count` steps on tensors of `rows` x 3 elements with parts of type T.
 template <typename T>
-void compare(std::int64_t dtype, Layout layout, std::int64_t rows, int count, const std::string& name,
-             std::size_t states, const auto& step, const auto& reference) {
-    const std::string label = name + " " + dtype_name(dtype) + " " + name_of(layout);
+void compare(std::int64_t dtype, Layout layout, std::int64_t rows, int count, const Step& step, const auto& reference) {
+    const std::string label = std::string(step.name) + " " + dtype_name(dtype) + " " + name_of(layout);
     std::mt19937 random(17);
     std::vector<TensorPtr> t;  // parameter, gradient, states
     for (int i = 0; i < 5; ++i) {
@@ -204,7 +181,7 @@ void compare(std::int64_t dtype, Layout layout, std::int64_t rows, int count, co
         }
         write_parts(t[1].get(), g);
         const std::uint32_t versions[] = {t[0]->getStorage()->version(), t[2]->getStorage()->version()};
-        step(t[0].get(), t[1].get(), now, state);
+        step.run(t[0].get(), t[1].get(), now, state);
         ASSERT_EQ(t[0]->getStorage()->version() - versions[0], 1U) << label;
         ASSERT_EQ(t[2]->getStorage()->version() - versions[1], 1U) << label;
     }
@@ -218,8 +195,8 @@ void compare(std::int64_t dtype, Layout layout, std::int64_t rows, int count, co
         ASSERT_NEAR(got[i], exact[i], same_bits ? 2e-5 : 1e-14) << label << " at " << i;
     }
     // Decay brings that rounding into the states, too.
-    const double slack = same_bits || !name.starts_with("nn::adam") ? 0 : 1e-14;
-    for (std::size_t k = 0; k < states; ++k) {
+    const double slack = same_bits || !label.starts_with("nn::adam") ? 0 : 1e-14;
+    for (std::size_t k = 0; k < step.states; ++k) {
         const std::vector<T> kept = parts_of<T>(state[k]);
         for (std::size_t i = 0; i < p.size(); ++i) {
             ASSERT_NEAR(kept[i], s[i][k], slack) << label << " state " << k << " at " << i;
@@ -228,16 +205,16 @@ void compare(std::int64_t dtype, Layout layout, std::int64_t rows, int count, co
 }
 
 TEST(Steps, FollowScalarLoops) {
-    for_each_step([](const char* name, std::size_t states, const auto& step, const auto& reference) {
+    for_each_step([](const Step& step, const auto& reference) {
         for (const Layout layout : all_layouts) {
-            compare<float>(dtype::float32, layout, 7, 100, name, states, step, reference);
-            compare<double>(dtype::complex128, layout, 7, 100, name, states, step, reference);
+            compare<float>(dtype::float32, layout, 7, 100, step, reference);
+            compare<double>(dtype::complex128, layout, 7, 100, step, reference);
         }
-        compare<double>(dtype::float64, Layout::every_other, 7, 100, name, states, step, reference);
-        compare<float>(dtype::complex64, Layout::reversed, 7, 100, name, states, step, reference);
+        compare<double>(dtype::float64, Layout::every_other, 7, 100, step, reference);
+        compare<float>(dtype::complex64, Layout::reversed, 7, 100, step, reference);
         for (const int team : {1, 4, 7}) {  // Above the grain.
             ConfigSetNumThreads(team);
-            compare<float>(dtype::float32, Layout::contiguous, 20000, 3, name, states, step, reference);
+            compare<float>(dtype::float32, Layout::contiguous, 20000, 3, step, reference);
         }
         ConfigSetNumThreads(4);
     });

@@ -18,8 +18,7 @@ using Values = std::vector<double>;
 
 // The values of a new tensor, each part of a complex number by itself.
 Values drawn(Tensor* made) {
-    const TensorPtr t(made);
-    const TensorPtr wide(t->astype(t->isComplexType() ? dtype::complex128 : dtype::float64));
+    const TensorPtr t(made), wide(t->astype(t->isComplexType() ? dtype::complex128 : dtype::float64));
     const auto* data = static_cast<const double*>(wide->getRawData());
     return {data, data + wide->Size() * (t->isComplexType() ? 2 : 1)};
 }

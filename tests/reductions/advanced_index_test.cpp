@@ -10,23 +10,16 @@
 namespace ornik::test {
 namespace {
 
-using Index = std::vector<std::int64_t>;
-
-TensorPtr index_of(const Dims& shape, const Index& values, Layout layout = Layout::contiguous) {
-    return make<std::int64_t>(shape, values, layout);
-}
-
 // x[items] of a tensor whose elements are 0, 1, 2 ... along [4, 3, 5]: shape and elements, computed by NumPy.
 TEST(AdvancedIndex, ShapesAndElementsOfAnotherImplementation) {
     const TensorPtr rows = make<std::int8_t>({2, 1}, {3, -3});
-    const TensorPtr cols = index_of({3}, {1, 0, -1}, Layout::reversed);
-    const TensorPtr scalar = index_of({}, {2});
+    const TensorPtr cols = index_of({3}, {1, 0, -1}, Layout::reversed), scalar = index_of({}, {2});
     const TensorPtr mask = make<bool>(
         {4, 3}, {false, true, false, false, false, false, true, false, false, false, false, true}, Layout::transposed);
     const TensorPtr row_mask = make<bool>({3}, {true, false, true});
-    const TensorPtr yes(Tensor::ones({}, 0, dtype::boolean));
-    const TensorPtr no(Tensor::zeros({}, 0, dtype::boolean));
+    const TensorPtr yes(Tensor::ones({}, 0, dtype::boolean)), no(Tensor::zeros({}, 0, dtype::boolean));
     const TensorPtr nothing = index_of({1}, {0});
+    const TensorPtr twice = index_of({2, 2}, {1, -3, 0, 1}), again = index_of({3}, {1, 0, 1}, Layout::every_other);
     const SliceItem all = SliceItem::all();
     const SliceItem r = SliceItem::positions(rows.get());
     const SliceItem c = SliceItem::positions(cols.get());
@@ -61,8 +54,14 @@ TEST(AdvancedIndex, ShapesAndElementsOfAnotherImplementation) {
         {{SliceItem::positions(scalar.get()), all, c}, dims(3, 3), 1707},
         {{SliceItem::positions(nothing.get()), SliceItem::ellipsis()}, dims(1, 3, 5), 1120},
         {{SliceItem::range(1, 1, 1), c}, dims(0, 3, 5), 0},
+        {{SliceItem::positions(twice.get())}, dims(2, 2, 3, 5), 32830},
+        {{r, SliceItem::positions(again.get())}, dims(2, 3, 5), 13115},
     };
     // clang-format on
+    const auto is_whole = [](const SliceItem& item) {
+        return item.kind == SliceItem::Kind::slice && !item.has_begin && !item.has_end && item.step == 1;
+    };
+    int lists = 0;
     for (const Case& k : cases) {
         for (const Layout layout : all_layouts) {
             const TensorPtr x = make<std::int32_t>({4, 3, 5}, counted<std::int32_t>(60), layout);
@@ -87,8 +86,7 @@ TEST(AdvancedIndex, ShapesAndElementsOfAnotherImplementation) {
             const TensorPtr g = make<double>(k.shape, counted<double>(y->Size(), 7),
                                              all_layouts[static_cast<std::size_t>(y->Size()) % 5]);
             std::vector<double> sums(60);
-            std::vector<double> written = counted<double>(60);
-            std::vector<double> cleared = counted<double>(60);
+            std::vector<double> written = counted<double>(60), cleared = counted<double>(60);
             std::vector<double> taken;
             std::vector<double> all_taken;
             for (std::size_t at = 0; at < from.size(); ++at) {
@@ -113,8 +111,26 @@ TEST(AdvancedIndex, ShapesAndElementsOfAnotherImplementation) {
             target->fill_(0);
             set_index_advanced(target.get(), g.get(), k.items, true);
             EXPECT_EQ(doubles_of(target.get()), sums);
+            // The same by a list, where the items are index tensors and whole axes.
+            std::vector<Tensor*> list;
+            for (const SliceItem& item : k.items) {
+                if (item.kind == SliceItem::Kind::tensor ? item.tensor->ndim() > 0 : is_whole(item)) {
+                    list.push_back(const_cast<Tensor*>(item.tensor));
+                }
+            }
+            if (list.size() == k.items.size()) {
+                const TensorPtr by_list(index_get(x.get(), list));
+                EXPECT_EQ(by_list->Shape(), k.shape);
+                EXPECT_EQ(bytes_of(by_list), bytes_of(y));
+                EXPECT_EQ(doubles_of(TensorPtr(index_get_grad(g.get(), {4, 3, 5}, list)).get()), sums);
+                target->fill_(0);
+                index_put_(target.get(), list, TensorPtr(g->astype(dtype::float32)).get(), true);
+                EXPECT_EQ(doubles_of(target.get()), sums);
+                ++lists;
+            }
         }
     }
+    EXPECT_EQ(lists, 8 * 5);
 }
 
 TEST(AdvancedIndex, LastWritersOfIndexPut) {
@@ -128,8 +144,7 @@ TEST(AdvancedIndex, LastWritersOfIndexPut) {
     EXPECT_EQ(doubles_of(TensorPtr(index_put_values_grad(x.get(), {2, 1}, {twice.get()}, true)).get()),
               (std::vector<double>{6, 7}));
     // An expanded gradient: different places hold one element.
-    const TensorPtr one(Tensor::ones({1}, 0, dtype::float32));
-    const TensorPtr ones(Tensor::broadcast_to(one.get(), {4}));
+    const TensorPtr one(Tensor::ones({1}, 0, dtype::float32)), ones(Tensor::broadcast_to(one.get(), {4}));
     EXPECT_EQ(doubles_of(TensorPtr(index_put_values_grad(ones.get(), {2, 3}, {twice.get()})).get()),
               (std::vector<double>{0, 0, 0, 1, 1, 1}));
     // Indices that are about to be overwritten are read first; so is the value.

@@ -6,12 +6,6 @@
 namespace ornik::test {
 namespace {
 
-using Index = std::vector<std::int64_t>;
-
-TensorPtr index_of(const Dims& shape, const Index& values, Layout layout = Layout::contiguous) {
-    return make<std::int64_t>(shape, values, layout);
-}
-
 std::int64_t flat(const Dims& shape, const Index& position) {
     std::int64_t at = 0;
     for (std::size_t d = 0; d < shape.size(); ++d) {
@@ -89,45 +83,15 @@ TEST(Indexing, SlicesOfEveryDtypeLayoutAndAxis) {
     EXPECT_EQ(values_of<float>(TensorPtr(take(x.get(), flat_index.get()))), (std::vector<float>{5, 0, 4, 3}));
 }
 
-TEST(Indexing, SeveralAxes) {
-    const Dims shape{3, 4, 5};
-    const std::vector<float> x = counted<float>(60);
-    const TensorPtr rows = index_of({2, 1}, {2, -3});
-    const TensorPtr cols = index_of({3}, {1, 0, -1}, Layout::reversed);
-    const TensorPtr mask = make<bool>(
-        {3, 4}, {false, true, false, false, false, false, false, false, true, false, false, true}, Layout::transposed);
-    const auto row_of = [](const Index& p) { return p[0] == 0 ? std::int64_t{2} : 0; };
-    const auto col_of = [](std::int64_t k, std::int64_t n) { return k == 2 ? n - 1 : 1 - k; };
-    const Index true_rows{0, 2, 2};
-    const Index true_cols{1, 0, 3};
+// With indices: beside those of items (advanced_index_test.cpp).
+TEST(Indexing, ListsWithoutIndicesAndWritesThatMeet) {
     for (const Layout layout : all_layouts) {
-        const TensorPtr t = make<float>(shape, x, layout);
-        struct Case {
-            std::vector<Tensor*> indices;
-            Dims shape;
-            std::function<Index(const Index&)> place;
-        };
-        // clang-format off
-        const Case cases[] = {
-            {{rows.get(), cols.get()}, {2, 3, 5}, [&](const Index& p) { return Index{row_of(p), col_of(p[1], 4), p[2]}; }},
-            {{rows.get(), nullptr, cols.get()}, {2, 3, 4}, [&](const Index& p) { return Index{row_of(p), p[2], col_of(p[1], 5)}; }},
-            {{nullptr, nullptr, cols.get()}, {3, 4, 3}, [&](const Index& p) { return Index{p[0], p[1], col_of(p[2], 5)}; }},
-            {{mask.get()}, {3, 5}, [&](const Index& p) { return Index{true_rows[std::size_t(p[0])], true_cols[std::size_t(p[0])], p[1]}; }},
-            {{}, shape, [](const Index& p) { return p; }},
-        };
-        // clang-format on
-        for (const Case& c : cases) {
-            const TensorPtr y(index_get(t.get(), c.indices));
-            EXPECT_EQ(y->Shape(), c.shape);
-            EXPECT_EQ(values_of<float>(y), picked(x, shape, c.shape, c.place)) << name_of(layout);
-            std::vector<float> sums = x;
-            for_each_position(c.shape,
-                              [&](const Index& p) { sums[static_cast<std::size_t>(flat(shape, c.place(p)))] += 0.5F; });
-            const TensorPtr target = make<float>(shape, x, layout);
-            const TensorPtr half = make<float>({1}, {0.5F});
-            index_put_(target.get(), c.indices, half.get(), true);
-            EXPECT_EQ(values_of<float>(target), sums) << name_of(layout);
-        }
+        const TensorPtr t = make<float>({3, 4, 5}, counted<float>(60), layout), half = make<float>({1}, {0.5F});
+        EXPECT_EQ(values_of<float>(TensorPtr(index_get(t.get(), {}))), counted<float>(60)) << name_of(layout);
+        index_put_(t.get(), {}, half.get(), true);
+        std::vector<float> sums = counted<float>(60);
+        std::for_each(sums.begin(), sums.end(), [](float& x) { x += 0.5F; });
+        EXPECT_EQ(values_of<float>(t), sums) << name_of(layout);
     }
     // The last of several writes stays; a source inside the target is read before it is written.
     const TensorPtr line = make<float>({4}, {1, 2, 3, 4});
@@ -159,15 +123,6 @@ TEST(Indexing, Masks) {
     EXPECT_EQ(TensorPtr(masked_select(numbers.get(), none.get()))->Shape(), Dims{0});
 }
 
-TEST(Indexing, GradientOfSeveralAxes) {
-    const TensorPtr places = index_of({2, 3}, {1, 2, 1, 0, -1, 3}), rows = index_of({2, 1}, {2, 0});
-    const std::vector<Tensor*> axes{rows.get(), places.get()};
-    const TensorPtr x = make<double>({3, 4}, random_doubles(12, 1), Layout::transposed);
-    const TensorPtr g = make<double>({2, 3}, random_doubles(6, 3), Layout::transposed);
-    expect_central_differences([&](Tensor* t) { return index_get(t, axes); }, x, g,
-                               TensorPtr(index_get_grad(g.get(), {3, 4}, axes)), "index_get");
-}
-
 TEST(Indexing, TheFirstIndicesOutsideAreRefused) {
     const TensorPtr x = make<float>({2, 3}, counted<float>(6));
     const TensorPtr column = make<float>({2, 1}, {1, 2}), one = make<float>({1, 1}, {1}),
@@ -177,32 +132,24 @@ TEST(Indexing, TheFirstIndicesOutsideAreRefused) {
         std::function<void(Tensor*)> call;
     };
     const auto used = [](Tensor* t) { delete t; };
+    const auto list = [](auto... t) { return std::vector<Tensor*>{t...}; };
+    const auto items = [](auto... item) { return SliceItems{item...}; };
+    const auto square = [](Tensor* i) { return TensorPtr(i->unsqueeze(0)); };
     const Row rows[] = {
         {-3, 3, [&](Tensor* i) { used(index_select(x.get(), 1, i)); }},
         {-6, 6, [&](Tensor* i) { used(take(x.get(), i)); }},
-        {-2, 2, [&](Tensor* i) { used(index_get(x.get(), {i})); }},
+        {-2, 2, [&](Tensor* i) { used(index_get(x.get(), list(i))); }},
+        {-3, 3, [&](Tensor* i) { index_put_(x.get(), list(nullptr, i), one.get()); }},
+        {-2, 2, [&](Tensor* i) { used(index_advanced(x.get(), items(SliceItem::positions(i)))); }},
         {-3, 3,
-         [&](Tensor* i) {
-             index_put_(x.get(), {nullptr, i}, one.get());
-         }},
-        {-2, 2, [&](Tensor* i) { used(index_advanced(x.get(), {SliceItem::positions(i)})); }},
-        {-3, 3,
-         [&](Tensor* i) {
-             set_index_advanced(x.get(), one.get(), {SliceItem::all(), SliceItem::positions(i)});
-         }},
+         [&](Tensor* i) { set_index_advanced(x.get(), one.get(), items(SliceItem::all(), SliceItem::positions(i))); }},
         {-3, 3, [&](Tensor* i) { index_add_(x.get(), 1, i, column.get()); }},
-        {-3, 3,
-         [&](Tensor* i) {
-             used(gather(x.get(), 1, TensorPtr(i->view({1, 1})).get()));
-         }},
-        {-2, 2,
-         [&](Tensor* i) {
-             scatter_(x.get(), 0, TensorPtr(i->view({1, 1})).get(), one.get());
-         }},
-        {0, 2, [&](Tensor* i) { (void)nn::embedding(i, x.get()); }},
-        {0, 4, [&](Tensor* i) { (void)nn::embedding_grad(classes.get(), i, 4); }},
-        {0, 3, [&](Tensor* i) { (void)nn::nll_loss(classes.get(), i); }},
-        {0, 3, [&](Tensor* i) { (void)nn::cross_entropy(classes.get(), i); }},
+        {-3, 3, [&](Tensor* i) { used(gather(x.get(), 1, square(i).get())); }},
+        {-2, 2, [&](Tensor* i) { scatter_(x.get(), 0, square(i).get(), one.get()); }},
+        {0, 2, [&](Tensor* i) { nn::embedding(i, x.get()); }},
+        {0, 4, [&](Tensor* i) { nn::embedding_grad(classes.get(), i, 4); }},
+        {0, 3, [&](Tensor* i) { nn::nll_loss(classes.get(), i); }},
+        {0, 3, [&](Tensor* i) { nn::cross_entropy(classes.get(), i); }},
     };
     for (const Row& row : rows) {
         for (const std::int64_t at : {row.lowest - 1, row.lowest, row.beyond - 1, row.beyond}) {

@@ -226,9 +226,7 @@ TEST(Order, Unique) {
     const float nan = std::numeric_limits<float>::quiet_NaN();
     const TensorPtr x = make<float>({2, 4}, {3, nan, -1, 3, 0, -0.0F, nan, 3}, Layout::transposed);
     const std::vector<Tensor*> got = unique(x.get());
-    const TensorPtr values(got[0]);
-    const TensorPtr inverse(got[1]);
-    const TensorPtr counts(got[2]);
+    const TensorPtr values(got[0]), inverse(got[1]), counts(got[2]);
     expect_close(doubles_of(values.get()), {-1, 0, 3, not_a_number}, 0, "values");
     EXPECT_EQ(inverse->Shape(), x->Shape());
     EXPECT_EQ(values_of<std::int64_t>(inverse), (std::vector<std::int64_t>{2, 3, 0, 2, 1, 1, 3, 2}));

@@ -214,25 +214,12 @@ TEST(Reductions, BitsDependOnTheElementsAlone) {
 }
 
 // The correction comes last, and a number in the place of keep_dims does not compile.
+#define SERVED(call) (requires(Tensor * x, Third third) { call; } ? 1 : 0)
 template <typename Third>
-constexpr int served_with = requires(Tensor* x, Third third) {
-    var(x, {0}, third);
-}
-+ requires(Tensor* x, Third third) {
-    std_dev(x, {0}, third);
-}
-+ requires(Tensor* x, Third third) {
-    ornik::std(x, {0}, third);
-}
-+ requires(Tensor* x, Third third) {
-    var_grad(x, x, {0}, third);
-}
-+ requires(Tensor* x, Third third) {
-    std_dev_grad(x, x, {0}, third);
-}
-+ requires(Tensor* x, Third third) {
-    std_grad(x, x, {0}, third);
-};
+constexpr int served_with = SERVED(var(x, {0}, third)) + SERVED(std_dev(x, {0}, third)) +
+                            SERVED(ornik::std(x, {0}, third)) + SERVED(var_grad(x, x, {0}, third)) +
+                            SERVED(std_dev_grad(x, x, {0}, third)) + SERVED(std_grad(x, x, {0}, third));
+#undef SERVED
 static_assert(served_with<bool> == 6 && served_with<double> == 0 && served_with<int> == 0);
 
 TEST(Reductions, ErrorOfASumGrowsSlowly) {
@@ -282,8 +269,7 @@ TEST(Reductions, SpecialValues) {
     EXPECT_EQ(one(logsumexp(make<double>({2}, {1000, 1000}).get())), 1000 + std::log(2.0));
     EXPECT_EQ(one(logsumexp(make<double>({2}, {-inf, -inf}).get())), -inf);
     EXPECT_EQ(one(logsumexp(make<float>({2}, {float(inf), 0}).get())), inf);
-    const TensorPtr unit = make<double>({}, {1});
-    const TensorPtr endless = make<double>({4}, {1, 2, inf, 0});
+    const TensorPtr unit = make<double>({}, {1}), endless = make<double>({4}, {1, 2, inf, 0});
     expect_close(values_of<double>(TensorPtr(logsumexp_grad(unit.get(), endless.get()))), {0, 0, not_a_number, 0}, 0,
                  "logsumexp_grad");
     EXPECT_EQ(values_of<double>(TensorPtr(logsumexp_grad(unit.get(), make<double>({2}, {-inf, -inf}).get()))),
@@ -346,17 +332,18 @@ TEST(Reductions, Gradients) {
         Gradient gradient;
         std::function<Tensor*(Tensor*, Tensor*, const Tensor*, const Axes&, bool)> from;
     };
-    const auto std_grad_from = [](Tensor* g, Tensor* t, const Tensor* y, const Axes& axes, bool keep) {
-        return std_dev_grad_from(g, t, y, axes, keep, 1);
+    const auto deviation = [](Tensor* t, const Axes& axes, bool keep) { return std_dev(t, axes, keep, 1); };
+    const auto deviation_grad = [](Tensor* grad, Tensor* t, const Axes& axes, bool keep) {
+        return std_dev_grad(grad, t, axes, keep, 1);
     };
-    for (const Kept& row :
-         {Kept{l2_norm, l2_norm_grad, l2_norm_grad_from},
-          {logsumexp, logsumexp_grad, logsumexp_grad_from},
-          {[](Tensor*t, const Axes&axes, bool keep) { return std_dev(t, axes, keep, 1); },
-           [](Tensor*g, Tensor*t, const Axes&axes, bool keep) { return std_dev_grad(g, t, axes, keep, 1); },
-           std_grad_from},
-          {max, max_grad, extreme_grad_from},
-          {min, min_grad, extreme_grad_from}}) {
+    const auto deviation_grad_from = [](Tensor* grad, Tensor* t, const Tensor* y, const Axes& axes, bool keep) {
+        return std_dev_grad_from(grad, t, y, axes, keep, 1);
+    };
+    for (const Kept& row : {Kept{l2_norm, l2_norm_grad, l2_norm_grad_from},
+                            {logsumexp, logsumexp_grad, logsumexp_grad_from},
+                            {deviation, deviation_grad, deviation_grad_from},
+                            {max, max_grad, extreme_grad_from},
+                            {min, min_grad, extreme_grad_from}}) {
         for (const Axes& axes : {Axes{}, Axes{1}, Axes{0, 2}}) {
             for (const bool keep : {false, true}) {
                 const TensorPtr y(row.reduce(x.get(), axes, keep));
@@ -372,8 +359,7 @@ TEST(Reductions, Gradients) {
         }
     }
     // Ties share; zeros stop no product.
-    const TensorPtr tied = make<double>({4}, {3, 1, 3, 0});
-    const TensorPtr g = make<double>({}, {6});
+    const TensorPtr tied = make<double>({4}, {3, 1, 3, 0}), g = make<double>({}, {6});
     EXPECT_EQ(values_of<double>(TensorPtr(max_grad(g.get(), tied.get()))), (Values{3, 0, 3, 0}));
     EXPECT_EQ(values_of<double>(TensorPtr(prod_grad(g.get(), tied.get()))), (Values{0, 0, 0, 54}));
     const TensorPtr none(Tensor::zeros({3}, 0, dtype::float64));

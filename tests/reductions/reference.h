@@ -44,6 +44,11 @@ inline std::vector<double> random_doubles(std::int64_t n, unsigned seed, double 
 }
 
 using Values = std::vector<double>;
+using Index = std::vector<std::int64_t>;
+
+inline TensorPtr index_of(const Dims& shape, const Index& values, Layout layout = Layout::contiguous) {
+    return make<std::int64_t>(shape, values, layout);
+}
 using RealTypes = TypeList<bool, std::uint8_t, std::int8_t, std::int16_t, std::int32_t, std::int64_t, float, double>;
 
 /// Whole numbers around 0 (from 0 for unsigned types), many of them equal.

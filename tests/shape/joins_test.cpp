@@ -145,8 +145,7 @@ TEST(Joins, PartsAndWholes) {
 }
 
 TEST(Joins, Grids) {
-    const TensorPtr a = make<float>({2}, {1, 2});
-    const TensorPtr b = make<float>({3}, {5, 6, 7}, Layout::reversed);
+    const TensorPtr a = make<float>({2}, {1, 2}), b = make<float>({3}, {5, 6, 7}, Layout::reversed);
     const TensorPtr c = make<float>({}, {9});
     const std::vector<TensorPtr> grids = owned(meshgrid({a.get(), b.get(), c.get()}));
     EXPECT_EQ(values_of<float>(grids[0]), (std::vector<float>{1, 1, 1, 2, 2, 2}));

@@ -97,8 +97,7 @@ TEST(Reshape, ConcatStackTileOfAllTypesAndLayouts) {
             const TensorPtr b = make({2, 1, 2}, counted<T>(4, 20), layout);
             const TensorPtr joined = own(concat({a.get(), b.get(), a.get()}, 1));
             EXPECT_EQ(joined->Shape(), (Dims{2, 7, 2}));
-            const std::vector<T> va = values_of<T>(a);
-            const std::vector<T> vb = values_of<T>(b);
+            const std::vector<T> va = values_of<T>(a), vb = values_of<T>(b);
             std::vector<T> expected;
             for (std::ptrdiff_t i = 0; i < 2; ++i) {
                 expected.insert(expected.end(), va.begin() + 6 * i, va.begin() + 6 * i + 6);

@@ -62,10 +62,14 @@ inline void expect_gradient(const Function& function, Tensor* x, const Tensor* w
     });
 }
 
-// The same for a function that returns a new tensor as the library does.
+// The same for a function that returns a new tensor, as the library does, in either form.
+template <typename Made>
+void expect_gradient(const Made& made, const TensorPtr& x, const TensorPtr& weight, const TensorPtr& gradient) {
+    expect_gradient([&](Tensor* t) { return TensorPtr(made(t)); }, x.get(), weight.get(), gradient.get());
+}
 template <typename Made>
 void expect_gradient(const Made& made, const TensorPtr& x, const TensorPtr& weight, Tensor* gradient) {
-    expect_gradient([&](Tensor* t) { return TensorPtr(made(t)); }, x.get(), weight.get(), TensorPtr(gradient).get());
+    expect_gradient(made, x, weight, TensorPtr(gradient));
 }
 
 }  // namespace ornik::test

@@ -40,8 +40,7 @@ TEST(Broadcast, Tensors) {
 
     const TensorPtr row = make<float>({3}, {1, 2, 3}, Layout::offset);
     const std::vector<Tensor*> pair = Tensor::broadcast(a.get(), row.get());
-    const TensorPtr first(pair.at(0));
-    const TensorPtr second(pair.at(1));
+    const TensorPtr first(pair.at(0)), second(pair.at(1));
     EXPECT_NE(first.get(), a.get());
     EXPECT_EQ(values_of<float>(first), values_of<float>(a));
     EXPECT_EQ(values_of<float>(second), (std::vector<float>{1, 2, 3, 1, 2, 3}));

@@ -12,8 +12,7 @@ namespace {
 TEST(Creation, EveryDtypeAndForm) {
     for_types(AllTypes{}, []<typename T>() {
         const std::int64_t code = dtype_code<T>;
-        const TensorPtr zeros(Tensor::zeros({2, 2}, 0, code));
-        const TensorPtr ones(Tensor::ones({2, 2}, 0, code));
+        const TensorPtr zeros(Tensor::zeros({2, 2}, 0, code)), ones(Tensor::ones({2, 2}, 0, code));
         EXPECT_EQ(values_of<T>(zeros), std::vector<T>(4, T(0)));
         EXPECT_EQ(values_of<T>(ones), std::vector<T>(4, T(1)));
         EXPECT_EQ(TensorPtr(Tensor::empty_like(ones.get()))->Dtype(), code);

@@ -188,8 +188,7 @@ TEST(Cores, CoefficientsAndAccumulation) {
                     if (op == Op::div && kind_of(dtype_code<T>) < 2) {
                         continue;
                     }
-                    const std::vector<T> x = random_values<T>(numel, 3);
-                    const std::vector<T> y = random_values<T>(numel, 4);
+                    const std::vector<T> x = random_values<T>(numel, 3), y = random_values<T>(numel, 4);
                     const std::vector<T> old = random_values<T>(numel, 5);
                     const TensorPtr a = make<T>(shape, x, all_layouts[round % 5]);
                     const TensorPtr b = make<T>(shape, y, all_layouts[(round + 2) % 5]);
@@ -217,10 +216,8 @@ TEST(Cores, RefusalsInTheirOrder) {
         t->updateDevice(device);
         return t;
     };
-    const TensorPtr a = fresh({2, 3}, true, 0);
-    const TensorPtr integers = fresh({2, 3}, false, 0);
-    const TensorPtr wide_far = fresh({3, 2}, false, 1000);
-    const TensorPtr wide = fresh({3, 2}, false, 0);
+    const TensorPtr a = fresh({2, 3}, true, 0), integers = fresh({2, 3}, false, 0);
+    const TensorPtr wide_far = fresh({3, 2}, false, 1000), wide = fresh({3, 2}, false, 0);
     const TensorPtr row = fresh({3}, true, 0);
     const TensorPtr expanded(Tensor::broadcast_to(row.get(), {2, 3}));
     const std::string result = "Incompatible shape: lhs has a shape of ( 2, 3 ) , result has a shape of ( 3, 2 ) ";

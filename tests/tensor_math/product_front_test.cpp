@@ -36,8 +36,7 @@ TEST(Products, EveryFrontEndFlagAndLayout) {
     int round = 0;
     const auto check = [&]<typename T>(Front front, int ta, int tb, int accumulate, Layout layout) {
         const ProductPlan plan{numel_of(batches[static_cast<int>(front)]), 3, 5, 4, ta != 0, tb != 0, accumulate != 0};
-        const std::vector<T> x = counted<T>(plan.batch * 12, -20);
-        const std::vector<T> y = counted<T>(plan.batch * 20, -7);
+        const std::vector<T> x = counted<T>(plan.batch * 12, -20), y = counted<T>(plan.batch * 20, -7);
         const std::vector<T> old = counted<T>(plan.batch * 15, 100);
         const Layout layout_c = front == Front::bmm ? Layout::contiguous : all_layouts[round++ % 5];
         const TensorPtr a = make<T>(ta != 0 ? with_batch(front, 4, 3) : with_batch(front, 3, 4), x, layout);
@@ -78,9 +77,7 @@ TEST(Products, TheOutputMayShareMemoryWithOperands) {
                 return TensorPtr(
                     share_storage_tensor(whole->getStorage(), {4, 4}, place.strides, dtype::int32, place.offset));
             };
-            const TensorPtr a = view(a_place);
-            const TensorPtr b = view(b_place);
-            const TensorPtr c = view(c_place);
+            const TensorPtr a = view(a_place), b = view(b_place), c = view(c_place);
             const std::vector<std::int32_t> values =
                 naive<std::int32_t>({1, 4, 4, 4, false, false, accumulate != 0}, values_of<std::int32_t>(a),
                                     values_of<std::int32_t>(b), values_of<std::int32_t>(c));
