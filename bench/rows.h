@@ -97,8 +97,8 @@ struct Attention {
     bool wide;  // float64
 };
 inline constexpr Attention attentions[] = {
-    {"1x12x128x64", 1, 12, 128, 64, false, false},      {"8x12x128x64", 8, 12, 128, 64, false, false},
-    {"16x4x64x64/causal", 16, 4, 64, 64, true, false},  {"1x8x1024x64", 1, 8, 1024, 64, false, false},
+    {"1x12x128x64", 1, 12, 128, 64, false, false},       {"8x12x128x64", 8, 12, 128, 64, false, false},
+    {"16x4x64x64/causal", 16, 4, 64, 64, true, false},   {"1x8x1024x64", 1, 8, 1024, 64, false, false},
     {"1x8x1024x64/causal", 1, 8, 1024, 64, true, false}, {"8x12x128x64/float64", 8, 12, 128, 64, false, true},
 };
 

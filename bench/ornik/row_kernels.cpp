@@ -30,10 +30,10 @@ void function_rows() {
         const TensorPtr in = centred({n});
         const TensorPtr g = shuffled({n});
         const TensorPtr out = filled({n}, 0);
-        for (const Function& f : {Function{"exp", ornik::exp, nullptr}, Function{"tanh", ornik::tanh, ornik::tanh_grad},
-                                  Function{"sigmoid", ornik::sigmoid, ornik::sigmoid_grad},
-                                  Function{"silu", ornik::silu, ornik::silu_grad}, Function{"erf", ornik::erf, nullptr},
-                                  Function{"gelu", ornik::gelu, ornik::gelu_grad}}) {
+        for (const Function& f :
+             {Function{"exp", ornik::exp, nullptr}, Function{"tanh", ornik::tanh, ornik::tanh_grad},
+              Function{"sigmoid", ornik::sigmoid, ornik::sigmoid_grad}, Function{"silu", ornik::silu, ornik::silu_grad},
+              Function{"erf", ornik::erf, nullptr}, Function{"gelu", ornik::gelu, ornik::gelu_grad}}) {
             const std::string name = "rows/" + std::string(f.name);
             bench::row(
                 name + "/" + std::to_string(n), [=] { f.into(in.get(), out.get()); }, 8 * n);
