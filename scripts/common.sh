@@ -40,6 +40,14 @@ build_packages=(g++ cmake ninja-build libeigen3-dev)
 example_packages=(zlib1g-dev libcli11-dev)
 python_packages=(python3 python3-dev python3-venv)
 
+# python_tools : build/venv with what builds the extension and tests it, without the package.
+python_tools() {
+    local venv=$root/build/venv
+    [ -x "$venv/bin/pip" ] || python3 -m venv "$venv"
+    "$venv/bin/python" -m pip --disable-pip-version-check install --quiet "nanobind>=3,<4" numpy pytest \
+        hypothesis safetensors
+}
+
 # python_environment EXTRAS : build/venv with the Python package in it, built for this machine. EXTRAS are lists of the
 # package's own of what else is installed, such as test or demo,docs.
 python_environment() {

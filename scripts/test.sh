@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# test.sh: installs what is missing, builds and runs all tests; those of the Python package come with the release preset.
+# test.sh: installs what is missing, builds and runs all tests; those of the Python package come with the release
+# preset, and with asan those that crash what can be crashed.
 #
 #     scripts/test.sh              the release preset
 #     scripts/test.sh asan tsan    other presets
@@ -26,5 +27,9 @@ for preset in "${presets[@]}"; do
         echo "== Python package"
         python_environment test,demo,docs
         (cd "$root" && build/venv/bin/python -m pytest)
+    elif [ "$preset" = asan ]; then
+        echo "== Python package under the sanitizers"
+        python_tools
+        PYTHON=$root/build/venv/bin/python "$root/scripts/python_asan.sh"
     fi
 done

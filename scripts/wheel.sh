@@ -5,7 +5,11 @@
 # since 2009; the loader takes the level that the machine has. What the library needs beside the C and C++ runtimes of
 # the system is put into the wheel.
 #
+# With --test it is then installed, alone, into a new environment, where no compiler is found, and the package's tests run
+# on every level that this processor has.
+#
 #     PYTHON=python3.12 scripts/wheel.sh
+#     scripts/wheel.sh --test
 set -euo pipefail
 cd "$(dirname "$0")/.."
 venv=build/wheel-venv
@@ -33,3 +37,19 @@ else
     echo "The wheel was not repaired: it runs on systems like this one, with OpenMP's runtime installed." >&2
 fi
 ls -l "$out"
+[ "${1:-}" = --test ] || exit 0
+
+rm -rf build/wheel-test
+"${PYTHON:-python3}" -m venv build/wheel-test
+python=$PWD/build/wheel-test/bin/python
+"$python" -m pip install -q "$(ls "$PWD/$out"/*.whl)" pytest hypothesis safetensors
+export PATH=$PWD/build/wheel-test/bin
+# The loader lists the levels that it knows, the best first, and says which ones the processor has.
+loader=/lib64/ld-linux-x86-64.so.2
+for level in $("$loader" --help 2>/dev/null | /usr/bin/sed -n 's/^ *\(x86-64-v[0-9]\) (supported.*/\1/p'); do
+    run=("$loader" --glibc-hwcaps-mask "$level" "$python")
+    found=$("${run[@]}" -c 'import ornik; print(ornik.build_info()["instructions"])')
+    echo "== $level: $found"
+    [ "$found" = "$level" ]
+    "${run[@]}" -m pytest -q -p no:cacheprovider python/tests --ignore=python/tests/test_documents.py
+done

@@ -89,16 +89,36 @@ struct Found {
 
 bool is_empty(const Dims& shape) { return std::find(shape.begin(), shape.end(), 0) != shape.end(); }
 
+bool is_foreign_truth(char byte) { return static_cast<unsigned char>(byte) > 1; }
+
 bool has_foreign_truths(const Found& found, std::size_t axis, const char* at) {
     if (axis == found.shape.size()) {
-        return static_cast<unsigned char>(*at) > 1;
+        return is_foreign_truth(*at);
     }
-    for (std::int64_t i = 0; i < found.shape[axis]; ++i) {
+    const std::int64_t positions = found.steps[axis] == 0 ? 1 : found.shape[axis];
+    for (std::int64_t i = 0; i < positions; ++i) {
         if (has_foreign_truths(found, axis + 1, at + i * found.steps[axis])) {
             return true;
         }
     }
     return false;
+}
+
+// Bytes other than 0 and 1 among bools; there are elements. Windows that overlap show far more elements than there are
+// bytes: where these are all right, nobody has to look at each.
+bool has_foreign_truths(const Found& found) {
+    const char* low = found.data;
+    const char* high = found.data + 1;
+    double elements = 1;
+    for (std::size_t i = 0; i < found.shape.size(); ++i) {
+        const std::int64_t way = (found.shape[i] - 1) * found.steps[i];
+        (way < 0 ? low : high) += way;
+        elements *= static_cast<double>(found.shape[i]);
+    }
+    if (elements > static_cast<double>(high - low) && std::none_of(low, high, is_foreign_truth)) {
+        return false;
+    }
+    return has_foreign_truths(found, 0, found.data);
 }
 
 // Can the elements be used where they lie?
@@ -109,7 +129,7 @@ bool can_share(const Found& found) {
     for (std::size_t i = 0; i < found.steps.size(); ++i) {
         fits = fits && (found.shape[i] <= 1 || found.steps[i] % item == 0);
     }
-    return fits && (found.dtype != dtype::boolean || !has_foreign_truths(found, 0, found.data));
+    return fits && (found.dtype != dtype::boolean || !has_foreign_truths(found));
 }
 
 // Element by element, in row-major order: bytes are turned around, and truths made 0 or 1.

@@ -4,6 +4,8 @@
 // is the library's. What users call is written in Python above it: functions with signatures and texts.
 #include "module.h"
 
+#include <cstdlib>
+
 #include "errors.h"
 #include "gil.h"
 #include "hardware/instruction_set.h"
@@ -13,7 +15,7 @@
 NB_MODULE(_ornik, m) {
     using namespace ornik::python;
     m.doc() = "The library behind the package. Programs use the package.";
-    nanobind::set_leak_warnings(false);
+    nanobind::set_leak_warnings(std::getenv("ORNIK_LEAK_WARNINGS") != nullptr);  // For tests.
     m.attr("version") = ornik::version();
     m.def("instruction_set", [] { return ornik::instruction_set(); });
     m.def("compiler", [] { return __VERSION__; });

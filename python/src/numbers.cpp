@@ -39,11 +39,11 @@ std::optional<Place> only_element(PyObject* self) {
         const auto* first = static_cast<const char*>(whole.tensor()->getRawData());
         return Place{first + offset * dtype_item_size(whole.dtype()), whole.dtype()};
     }
-    const KTensor& t = tensor_in(self);
-    if (t.size() != 1) {
+    const Tensor& t = *tensor_in(self).tensor();
+    if (t.Size() != 1) {
         return std::nullopt;
     }
-    return Place{static_cast<const char*>(t.tensor()->getRawData()), t.dtype()};
+    return Place{static_cast<const char*>(t.getRawData()), t.Dtype()};
 }
 
 std::int64_t whole_number(const Place& place) {

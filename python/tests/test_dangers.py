@@ -3,6 +3,7 @@
 import array
 import ctypes
 import gc
+import mmap
 import os
 import pickle
 import signal
@@ -103,6 +104,40 @@ def test_capsules_that_lie(versioned):
             ornik.from_dlpack(Producer(versioned, **lie))
 
 
+def test_capsules_are_used_once():
+    """By whoever comes first, of many threads at once; what is left of one that nobody took is freed."""
+    for source in (ornik.arange(6.0).reshape(2, 3), np.arange(6.0).reshape(2, 3)[:, ::-1]):
+        for options in ({}, {"max_version": (1, 0)}):
+            capsules = [source.__dlpack__(**options) for _ in range(200)]
+            taken, refused = [], []
+
+            def take(capsules=capsules, taken=taken, refused=refused):
+                for capsule in capsules:
+                    try:
+                        taken.append(ornik.from_dlpack(Given(capsule)).sum())
+                    except (ValueError, BufferError) as error:
+                        refused.append(str(error))
+
+            threads = [threading.Thread(target=take) for _ in range(3)]
+            for thread in threads:
+                thread.start()
+            for thread in threads:
+                thread.join()
+            assert len(taken) == 200 and {float(t) for t in taken} == {15.0}
+            assert len(refused) == 400 and len(set(refused)) == 1
+            source.__dlpack__(**options)
+
+
+class Given:
+    """Hands out what it was given."""
+
+    def __init__(self, capsule):
+        self.capsule = capsule
+
+    def __dlpack__(self, **_):
+        return self.capsule
+
+
 # ---- Owners that change ----
 
 
@@ -132,6 +167,69 @@ def test_owners_that_change_their_size():
     assert view.tolist() == [1, 1, 1, 1]
 
 
+def test_buffers_that_are_released_early():
+    view = memoryview(bytearray(16))
+    x = ornik.asarray(view)
+    view.release()
+    x.fill_(3)
+    assert x.sum() == 48
+    with pytest.raises(TypeError, match="got memoryview"):
+        ornik.asarray(view)
+    memory = mmap.mmap(-1, 4096)
+    x = ornik.asarray(memory)
+    with pytest.raises(BufferError):
+        memory.close()
+    x.fill_(3)
+    assert memory[4095] == 3
+    del x
+    memory.close()
+    lent = memoryview(ornik.ones(4)[1:])
+    inner = lent[1:]
+    lent.release()
+    gc.collect()
+    assert inner.tolist() == [1, 1]
+
+
+def test_objects_that_were_never_made():
+    base, tensor = ornik._ornik.KTensorBase, ornik.KTensor
+    calls = (
+        *(lambda cls=cls: base.__new__(cls) for cls in (base, tensor, int, dict)),
+        lambda: object.__new__(tensor),
+        lambda: tensor.__new__(tensor),
+        lambda: type("Both", (tensor, int), {}),
+        lambda: tensor.sum(3),
+        lambda: base.item(3),
+        lambda: base.reshape(3, 2),
+        lambda: base.shape.__get__(5),
+        lambda: base.__getitem__([1], 0),
+        lambda: base.__add__(1, 2),
+        lambda: ornik._ornik.register_class(int),
+        lambda: ornik._ornik.Generator(),
+        lambda: ornik._ornik.GeneratorScope(None),
+    )
+    for call in calls:
+        with pytest.raises(TypeError):
+            call()
+
+
+def test_objects_that_come_back():
+    kept = []
+
+    class Stays(ornik.KTensor):
+        def __del__(self):
+            kept.append(self)
+
+    for _ in range(300):
+        Stays([1.0, 2.0])[0]
+    assert len(kept) == 300 and sum(float(x.sum()) for x in kept) == 900
+    seen = []
+    x = ornik.ones(2)
+    weakref.finalize(x, lambda: seen.append(ornik.ones(3).sum()))
+    del x, kept[:]
+    gc.collect()
+    assert seen[0] == 3
+
+
 def test_pickles_that_are_cut():
     for protocol in (2, 5):
         whole = pickle.dumps(ornik.arange(6.0).reshape(2, 3), protocol)
@@ -157,7 +255,7 @@ def run_together(jobs, seconds=1.0):
         while time.monotonic() < end:
             try:
                 job()
-            except (RuntimeError, ValueError, IndexError) as error:
+            except (RuntimeError, ValueError, IndexError, TypeError) as error:
                 if isinstance(error, SystemError):
                     wrong.append(error)
 
@@ -201,7 +299,19 @@ def test_threads_call_while_others_write():
     def looks():
         (big.sum(), repr(big[:3]), big[1:].tolist()[0], shared[0].requires_grad, shared[0].grad_fn)
 
-    run_together([renew, in_place, read, hooks, gradients, writes, looks, gc.collect])
+    matrix = ornik.ones((3, 4))
+    views = [matrix[1, 2]]
+
+    def makes_views():
+        views[0] = matrix[2, 1]
+        views[0] = matrix.reshape(4, 3)
+        views[0] = matrix[1:]
+
+    def looks_at_views():
+        (views[0].shape, views[0].sum().item(), repr(views[0]), views[0].tolist())
+        float(views[0])
+
+    run_together([renew, in_place, read, hooks, gradients, writes, looks, makes_views, looks_at_views, gc.collect])
 
 
 def test_fork_in_the_middle():
@@ -209,9 +319,11 @@ def test_fork_in_the_middle():
     stop = threading.Event()
     x = ornik.ones((200, 200))
 
+    w = ornik.tensor(np.full((200, 200), 1, "f4"), requires_grad=True)
+
     def work():
         while not stop.is_set():
-            (x @ x).sum()
+            ((w @ x).sum() * 2).backward()
             ornik.random.randn(1000)
 
     threads = [threading.Thread(target=work) for _ in range(2)]
@@ -224,7 +336,10 @@ def test_fork_in_the_middle():
                 signal.alarm(50)
                 code = 1
                 try:
-                    code = 0 if float((x @ x)[0, 0]) == 200 and ornik.random.randn(5000).size == 5000 else 2
+                    right = float((x @ x)[0, 0]) == 200 and ornik.random.randn(5000).size == 5000
+                    own = ornik.tensor([3.0], requires_grad=True)
+                    (own * own).backward()
+                    code = 0 if right and own.grad.item() == 6 else 2
                 finally:
                     os._exit(code)
             assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 0
@@ -264,6 +379,36 @@ def test_ends_in_the_middle_of_work():
     for text in (ENDS, ENDS + "\nimport sys; sys.modules.clear()"):
         result = subprocess.run([sys.executable, "-c", text], capture_output=True, text=True, timeout=120, check=False)
         assert result.returncode == 0 and "ornik" not in result.stderr, result.stderr
+
+
+ORDINARY = """
+import ornik
+from ornik import data, nn, optim
+class Twice(ornik.Function):
+    @staticmethod
+    def forward(ctx, x):
+        ctx.save_for_backward(x)
+        return x * 2
+    @staticmethod
+    def backward(ctx, gradient):
+        return gradient * 2
+network = nn.Sequential(nn.Linear(3, 4), nn.LSTM(4, 4))
+optimizer = optim.Adam(network.parameters())
+generator = ornik.random.Generator(3)
+with generator:
+    for x, _ in data.DataLoader(data.TensorDataset(ornik.random.randn(20, 3), ornik.arange(20)), 5, num_workers=1):
+        loss = Twice.apply(network(x)[0].sum())
+        loss.register_hook(lambda g: g * 1)
+        loss.backward()
+        optimizer.step()
+"""
+
+
+def test_nothing_of_the_extension_is_left_at_the_end():
+    environment = os.environ | {"ORNIK_LEAK_WARNINGS": "1"}
+    command = [sys.executable, "-c", ORDINARY]
+    result = subprocess.run(command, capture_output=True, text=True, timeout=120, check=False, env=environment)
+    assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
 
 
 # ---- Garbage ----

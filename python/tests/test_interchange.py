@@ -72,6 +72,14 @@ def test_copy_argument():
     assert not np.shares_memory(np.array(x), x.numpy()) and np.shares_memory(np.array(x, copy=False), x.numpy())
     truths = np.frombuffer(b"\0\1\2", bool)
     assert ornik.asarray(truths).tolist() == [False, True, True]
+    # Windows show bytes often; whether they are truths is seen by looking at each once.
+    bits = np.zeros(2**21, bool)
+    for windows in (np.broadcast_to(bits[:1], (2**20, 2**20)), np.lib.stride_tricks.sliding_window_view(bits, 2**20)):
+        x = ornik.asarray(windows[::-1])
+        assert np.shares_memory(np.asarray(x), bits) and x.shape == windows.shape
+    truths = np.frombuffer(b"\0\2\1\0\2\1", bool)
+    assert ornik.asarray(np.lib.stride_tricks.sliding_window_view(truths, 2)).astype("int8").sum() == 7
+    assert np.shares_memory(np.asarray(ornik.asarray(truths[::3])), truths)
 
 
 def test_read_only_memory_stays_so():

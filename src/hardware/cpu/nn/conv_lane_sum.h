@@ -34,14 +34,15 @@ class LaneSum {
           bias_(bias),
           target_(target),
           in_place_(pass.fills_target()),
-          plan_(plan_for(pass)),
+          plan_(plan_for(pass, sum)),
+          unstaged_(pass.is_pointwise() && in_place_ && plan_.tiles() == 1 && spread_enough(pass.source_plane())),
           samples_(plan_.tiles() > 1 ? 1 : std::clamp<std::int64_t>(most_positions / positions(), 1, sum.batch)),
           sets_((sum.batch + samples_ - 1) / samples_),
           block_channels_(conv_block_channels(sum.source_channels, sum.kernel_elements)),
           weights_(sum, plan_.kernels, sum.kernel_elements, block_channels_, lane_width<T>, panel, weight),
           laid_out_(sets_ * plan_.tiles() > 1 ? std::make_unique<Scratch<T>>(weights_.size()) : nullptr),
           cuts_(sum.target_channels, panel, part_count() * plan_.tiles(), samples_ * positions()) {
-        spread_planes();
+        plan_.plane = unstaged_ ? pass.source_plane() : spread(plan_.plane);
         for (std::int64_t c = 0; c < block_channels_; ++c) {
             for (const std::int64_t tap : plan_.taps) {
                 offsets_.push_back(c * plan_.plane + tap);
@@ -56,9 +57,11 @@ class LaneSum {
     std::int64_t tiles() const { return plan_.tiles(); }
     std::int64_t cuts() const { return cuts_.cuts; }
     WorkspaceSize size() const {
-        const std::int64_t totals = samples_ * positions() * cuts_.channels;
-        return {samples_ * block_channels_ * plan_.plane, totals + (in_place_ ? 0 : positions() * lane_width<T>),
-                laid_out_ ? 0 : weights_.largest_panel(), totals * sum_.source_channels * plan_.pass.taps()};
+        const std::int64_t totals =
+            weights_.blocks() > 1 ? samples_ * positions() * cuts_.channels : most_written() * panel;
+        return {unstaged_ ? 0 : samples_ * sample_slots(), totals + (in_place_ ? 0 : most_written() * lane_width<T>),
+                laid_out_ ? 0 : weights_.largest_panel(),
+                samples_ * positions() * cuts_.channels * sum_.source_channels * plan_.pass.taps()};
     }
 
     void run_tile(std::int64_t part, std::int64_t index, std::int64_t cut_index, const Workspace<T>& workspace) const {
@@ -69,11 +72,12 @@ class LaneSum {
         const std::int64_t end = std::min(first + cuts_.channels, sum_.target_channels);
         const Tile tile(plan_, index);
         for (std::int64_t block = 0; block < weights_.blocks(); ++block) {
-            const std::int64_t channels = weights_.channels_of(block);
-            for (std::int64_t s = 0; s < samples; ++s) {
-                const std::int64_t plane =
-                    ((first_sample + s) * sum_.groups + group) * sum_.source_channels + block * block_channels_;
-                stage_planes(plan_, tile, source_ + plane * plan_.pass.source_plane(), channels,
+            const T* planes =
+                source_ + ((first_sample * sum_.groups + group) * sum_.source_channels + block * block_channels_) *
+                              plan_.pass.source_plane();
+            const std::int64_t sample_step = sum_.groups * sum_.source_channels * plan_.pass.source_plane();
+            for (std::int64_t s = 0; s < samples && !unstaged_; ++s) {
+                stage_planes(plan_, tile, planes + s * sample_step, weights_.channels_of(block),
                              workspace.slots.get() + s * sample_slots());
             }
             for (std::int64_t target = first; target < end; target += panel) {
@@ -83,20 +87,12 @@ class LaneSum {
                 } else {
                     weights_.write_panel(group, block, target, workspace.weights.get());
                 }
-                const std::int64_t width = weights_.width_at(target);
-                add_block(tile, samples, width,
-                          {workspace.slots.get(), offsets_.data(), weights, weights_.steps_of(block), block == 0,
-                           totals(workspace, target - first), width});
-            }
-        }
-        for (std::int64_t target = first; target < end; target += panel) {
-            const std::int64_t width = weights_.width_at(target);
-            for (std::int64_t s = 0; s < samples; ++s) {
-                const T* from = totals(workspace, target - first) + s * tile.positions() * width;
-                for (std::int64_t v = 0; v < width && target + v < end; v += lane_width<T>) {
-                    const std::int64_t channel = group * sum_.target_channels + target + v;
-                    write(tile, from + v, width, std::min<std::int64_t>(lane_width<T>, end - target - v), channel,
-                          first_sample + s, workspace);
+                const Panel out{block, target, std::min(target + panel, end) - target,
+                                totals(workspace, target - first)};
+                for (std::int64_t s = 0; s < samples; ++s) {
+                    const T* slots =
+                        unstaged_ ? planes + s * sample_step + tile.col : workspace.slots.get() + s * sample_slots();
+                    add_block(tile, slots, s, (first_sample + s) * sum_.groups + group, weights, out, workspace);
                 }
             }
         }
@@ -104,62 +100,116 @@ class LaneSum {
 
   private:
     static constexpr std::int64_t panel = lane_vectors * lane_width<T>;
-    static constexpr std::int64_t most_positions = 400;  // of a tile
-    static constexpr std::int64_t least_positions = 5;   // that keep the processor busy
+    static constexpr std::int64_t most_positions = 400;                    // of a tile
+    static constexpr std::int64_t most_unblocked = 1 << 15;                // slots of a tile whose totals need not wait
+    static constexpr std::int64_t least_positions = 5;                     // that keep the processor busy
+    static constexpr std::int64_t written_positions = 8 * lane_positions;  // together, while they are near
+
+    // Target channels of one block.
+    struct Panel {
+        std::int64_t block;
+        std::int64_t target;
+        std::int64_t channels;
+        T* totals;
+    };
 
     static std::int64_t round_up(std::int64_t count, std::int64_t unit) { return (count + unit - 1) / unit * unit; }
 
-    static StagePlan plan_for(const ConvPass& pass) {
+    static StagePlan plan_for(const ConvPass& pass, const ConvSum& sum) {
+        const std::int64_t channels = conv_block_channels(sum.source_channels, sum.kernel_elements);
+        const std::int64_t most =
+            sum.source_channels > channels ? most_positions : std::max(most_positions, most_unblocked / channels);
         if (pass.is_pointwise() && pass.fills_target()) {
             const ConvPass row = pass.as_one_row();
-            return {row, choose_tile(row, most_positions, lane_positions), SlotLayout::shared};
+            return {row, choose_tile(row, most, lane_positions), SlotLayout::shared};
         }
-        const TileShape tile = choose_tile(pass, most_positions, 1);
+        const TileShape tile = choose_tile(pass, most, 1);
         const std::int64_t pieces = (tile.cols + lane_positions - 1) / lane_positions;
         const bool narrow = tile.rows > 1 && tile.cols / pieces < least_positions;
         return {pass, tile, narrow ? SlotLayout::linear : SlotLayout::shared};
     }
 
+    static constexpr std::int64_t line = 64 / static_cast<std::int64_t>(sizeof(T));
     // Planes an odd number of cache lines apart spread over the cache.
-    void spread_planes() {
-        constexpr std::int64_t line = 64 / static_cast<std::int64_t>(sizeof(T));
-        plan_.plane = (round_up(plan_.plane, line) / line | 1) * line;
-    }
+    static std::int64_t spread(std::int64_t plane) { return (round_up(plane, line) / line | 1) * line; }
+    // Planes that a large power of two divides meet in few sets of the cache.
+    static bool spread_enough(std::int64_t plane) { return plane % (8 * line) != 0; }
 
     std::int64_t positions() const { return plan_.tile.rows * plan_.tile.cols; }
     std::int64_t sample_slots() const { return block_channels_ * plan_.plane; }
+    // Whole rows of a tile, or a part of its only one.
+    std::int64_t written_rows() const { return std::max<std::int64_t>(1, written_positions / plan_.tile.cols); }
+    std::int64_t written_cols() const {
+        return plan_.tile.rows > 1 ? plan_.tile.cols : std::min(plan_.tile.cols, written_positions);
+    }
+    std::int64_t most_written() const { return std::min(written_rows(), plan_.tile.rows) * written_cols(); }
     T* totals(const Workspace<T>& workspace, std::int64_t channel) const {
-        return workspace.local.get() + channel * samples_ * positions();
+        return workspace.local.get() + (weights_.blocks() > 1 ? channel * samples_ * positions() : 0);
     }
 
-    void add_block(const Tile& tile, std::int64_t samples, std::int64_t width, const LaneChain<T>& first) const {
-        const bool gapless = plan_.slot_row == tile.cols;
-        const std::int64_t rows = gapless ? 1 : tile.rows;
-        const std::int64_t cols = gapless ? tile.positions() : tile.cols;
-        LaneChain<T> chain = first;
-        for (std::int64_t s = 0; s < samples; ++s) {
-            for (std::int64_t r = 0; r < rows; ++r) {
-                chain.slots = first.slots + s * sample_slots() + r * plan_.slot_row;
-                run_lane_chains(chain, width, cols);
-                chain.out += cols * width;
+    // The tile of one sample, which is written as soon as it is whole.
+    void add_block(const Tile& tile, const T* slots, std::int64_t s, std::int64_t part, const T* weights,
+                   const Panel& out, const Workspace<T>& workspace) const {
+        const std::int64_t width = weights_.width_at(out.target);
+        LaneChain<T> chain{nullptr,        offsets_.data(), weights, weights_.steps_of(out.block),
+                           out.block == 0, nullptr,         width};
+        for (std::int64_t row = 0; row < tile.rows; row += written_rows()) {
+            for (std::int64_t col = 0; col < tile.cols; col += written_cols()) {
+                Tile piece = tile;
+                piece.row += row;
+                piece.col += col;
+                piece.rows = std::min(written_rows(), tile.rows - row);
+                piece.cols = std::min(written_cols(), tile.cols - col);
+                T* totals = out.totals;
+                if (weights_.blocks() > 1) {
+                    totals += (s * tile.positions() + row * tile.cols + col) * width;
+                }
+                const bool gapless = plan_.slot_row == tile.cols;
+                const std::int64_t rows = gapless ? 1 : piece.rows;
+                const std::int64_t cols = gapless ? piece.positions() : piece.cols;
+                chain.out = totals;
+                if (in_place_ && out.block + 1 == weights_.blocks()) {
+                    prefetch(piece, part, out);
+                }
+                for (std::int64_t r = 0; r < rows; ++r, chain.out += cols * width) {
+                    chain.slots = slots + (row + r) * plan_.slot_row + col;
+                    run_lane_chains(chain, width, cols);
+                }
+                if (out.block + 1 == weights_.blocks()) {
+                    for (std::int64_t v = 0; v < out.channels; v += lane_width<T>) {
+                        write(piece, totals + v, width, std::min<std::int64_t>(lane_width<T>, out.channels - v), part,
+                              out.target + v, workspace);
+                    }
+                }
+            }
+        }
+    }
+
+    // The places of the results arrive while the sums are made.
+    void prefetch(const Tile& tile, std::int64_t part, const Panel& out) const {
+        const T* to = target_ + (part * sum_.target_channels + out.target) * plan_.pass.target_plane() +
+                      tile.row * plan_.pass.cols.positions + tile.col;
+        for (std::int64_t c = 0; c < out.channels; ++c) {
+            for (std::int64_t p = 0; p < tile.positions(); p += line) {
+                vec::prefetch_for_writing(to + c * plan_.pass.target_plane() + p);
             }
         }
     }
 
     // Turns the totals of `channels` target channels and adds the bias. from[position * width + channel].
-    void write(const Tile& tile, const T* from, std::int64_t width, std::int64_t channels, std::int64_t channel,
-               std::int64_t sample, const Workspace<T>& workspace) const {
+    void write(const Tile& tile, const T* from, std::int64_t width, std::int64_t channels, std::int64_t part,
+               std::int64_t channel, const Workspace<T>& workspace) const {
         const ConvPass& pass = plan_.pass;
         const std::int64_t plane = pass.target_plane();
         const std::int64_t count = tile.positions();
-        T* target = target_ + (sample * sum_.groups * sum_.target_channels + channel) * plane;
+        T* target = target_ + (part * sum_.target_channels + channel) * plane;
         T* to = in_place_ ? target + tile.row * pass.cols.positions + tile.col
-                          : workspace.local.get() + samples_ * positions() * cuts_.channels;
+                          : workspace.local.get() + size().local - most_written() * lane_width<T>;
         const std::int64_t stride = in_place_ ? plane : count;
-        const T* bias = bias_ == nullptr ? nullptr : bias_ + channel;
-        if (bias == nullptr) {
+        if (bias_ == nullptr) {
             turn_columns(from, width, count, channels, to, stride, [](const auto& v, std::int64_t) { return v; });
         } else {
+            const T* bias = bias_ + part % sum_.groups * sum_.target_channels + channel;
             turn_columns(from, width, count, channels, to, stride,
                          [bias](const auto& v, std::int64_t c) { return v + bias[c]; });
         }
@@ -174,6 +224,7 @@ class LaneSum {
     T* target_;
     bool in_place_;
     StagePlan plan_;
+    bool unstaged_;         // A small source is read where it is.
     std::int64_t samples_;  // of a tile
     std::int64_t sets_;     // of samples
     std::int64_t block_channels_;

@@ -51,7 +51,7 @@ class LaneWeights {
         return group * group_size() + lanes_ * block * steps_of(0) + target * steps_of(block);
     }
 
-    /// True when a single target's weights are as they should be where they are.
+    /// True when a target's weights lie in the order of the steps where they are.
     bool in_order() const { return whole_kernel_ && sum_.source_stride == static_cast<std::int64_t>(kernels_.size()); }
 
     void write(T* to) const {

@@ -22,13 +22,15 @@ constexpr int row_vectors(int targets) {
 }
 
 /// One chain: for target o of a panel and position i
-///     sum = sum over k < steps of weights[k * targets + o] * slots[offsets[k] + i],
+///     sum = sum over k < steps of weights[k * weight_step + o * weight_stride] * slots[offsets[k] + i],
 /// stored to out[o * out_stride + i] or added to what is there.
 template <typename T>
 struct RowChain {
     const T* slots;
     const std::int64_t* offsets;
     const T* weights;
+    std::int64_t weight_step;
+    std::int64_t weight_stride;
     std::int64_t steps;
     bool first;
     T* out;
@@ -49,8 +51,10 @@ template <typename T, int Targets, int Vectors>
     }
     const T* const slots = in.slots;
     const T* weights = in.weights;
+    const std::int64_t weight_step = in.weight_step;
+    const std::int64_t weight_stride = in.weight_stride;
     const std::int64_t* const end = in.offsets + in.steps;
-    for (const std::int64_t* offset = in.offsets; offset < end; ++offset, weights += Targets) {
+    for (const std::int64_t* offset = in.offsets; offset < end; ++offset, weights += weight_step) {
         V values[Vectors];
         ORNIK_UNROLLED
         for (int v = 0; v < Vectors; ++v) {
@@ -58,7 +62,7 @@ template <typename T, int Targets, int Vectors>
         }
         ORNIK_UNROLLED
         for (int o = 0; o < Targets; ++o) {
-            const V weight = vec::broadcast<V>(weights[o]);
+            const V weight = vec::broadcast<V>(weights[o * weight_stride]);
             ORNIK_UNROLLED
             for (int v = 0; v < Vectors; ++v) {
                 sums[o][v] = vec::fused(weight, values[v], sums[o][v]);

@@ -38,8 +38,7 @@ class RowSum {
                 offsets_.push_back((c * plan_.plane + tap) * parts<T>);
             }
         }
-        // A single target's weights lie as they are needed.
-        if (sum.target_channels > 1 || !weights_.in_order()) {
+        if (!weights_.in_order()) {
             laid_out_ = std::make_unique<Scratch<Real<T>>>(weights_.size());
             weights_.write(laid_out_->get());
         }
@@ -71,13 +70,25 @@ class RowSum {
             stage_planes(plan_, tile, source_ + plane * plan_.pass.source_plane(), weights_.channels_of(block),
                          workspace.slots.get());
             for (std::int64_t target = first; target < end; target += row_targets) {
-                const Real<T>* weights =
-                    laid_out_ ? laid_out_->get() + weights_.place(group, block, target)
-                              : weight_ + group * sum_.group_stride + block * block_channels_ * sum_.source_stride;
-                run_row_chains<Real<T>>(
-                    {as_real(workspace.slots.get()), offsets_.data(), weights, weights_.steps_of(block), block == 0,
-                     totals + (target - first) * total_row(), total_row()},
-                    weights_.width_at(target), vectors);
+                const std::int64_t width = weights_.width_at(target);
+                RowChain<Real<T>> chain{};
+                chain.slots = as_real(workspace.slots.get());
+                chain.offsets = offsets_.data();
+                if (laid_out_) {
+                    chain.weights = laid_out_->get() + weights_.place(group, block, target);
+                    chain.weight_step = width;
+                    chain.weight_stride = 1;
+                } else {
+                    chain.weights = weight_ + group * sum_.group_stride + target * sum_.target_stride +
+                                    block * block_channels_ * sum_.source_stride;
+                    chain.weight_step = 1;
+                    chain.weight_stride = sum_.target_stride;
+                }
+                chain.steps = weights_.steps_of(block);
+                chain.first = block == 0;
+                chain.out = totals + (target - first) * total_row();
+                chain.out_stride = total_row();
+                run_row_chains(chain, width, vectors);
             }
         }
         for (std::int64_t target = first; target < end; target += parts<T>) {

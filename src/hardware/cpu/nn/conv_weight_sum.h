@@ -31,6 +31,7 @@ class WeightSum {
           plan_(pass, blocks_.tile, SlotLayout::shared),
           taps_(pass.taps()) {
         choose_roles();
+        unstaged_ = by_tap() && pass.is_pointwise();
         const std::int64_t panels = (lanes_ + panel - 1) / panel;
         const std::int64_t tasks = blocks_.chunks * geometry.groups * value_cuts();
         const std::int64_t wanted = (4 * usable_processors() + tasks - 1) / tasks;
@@ -43,7 +44,7 @@ class WeightSum {
             channels_.push_back(o * pass.target_plane());
         }
         for (std::int64_t c = 0; c < geometry.image_channels; ++c) {
-            planes_.push_back(c * plan_.plane);
+            planes_.push_back(c * (unstaged_ ? pass.source_plane() : plan_.plane));
         }
     }
 
@@ -173,12 +174,15 @@ class WeightSum {
                              tile.row * plan_.pass.cols.positions + tile.col;
         T* sample = buffers.values.get() + s * sample_values();
         const Range channels = by_tap() ? values : Range{0, geometry_.image_channels};
-        stage_planes(plan_, tile,
-                     image_ + (part * geometry_.image_channels + channels.begin) * plan_.pass.source_plane(),
-                     channels.size(), buffers.slots.get());
+        const T* image = image_ + (part * geometry_.image_channels + channels.begin) * plan_.pass.source_plane();
+        if (!unstaged_) {
+            stage_planes(plan_, tile, image, channels.size(), buffers.slots.get());
+        }
         if (by_tap()) {
-            turn_rows(buffers.slots.get(), planes_.data(), channels.size(), round_up(channels.size(), lane_width<T>),
-                      plan_.plane, sample, pitch);
+            const std::int64_t place = tile.row * plan_.pass.cols.positions + tile.col;
+            turn_rows(unstaged_ ? image + place : buffers.slots.get(), planes_.data(), channels.size(),
+                      round_up(channels.size(), lane_width<T>), unstaged_ ? tile.positions() : plan_.plane, sample,
+                      pitch);
         } else if (roles_ == Roles::elements_by_grid) {
             turn_rows(gradients, channels_.data(), values_, pitch, tile.positions(), sample, pitch);
         } else {
@@ -270,6 +274,7 @@ class WeightSum {
     std::int64_t lanes_;   // of a group
     std::int64_t values_;  // of a group that are broadcast, per tap where these go one by one
     std::int64_t cut_lanes_;
+    bool unstaged_;                       // The image is read where it is.
     std::vector<std::int64_t> elements_;  // slot of (channel, tap)
     std::vector<std::int64_t> channels_;  // place of a grid channel's plane
     std::vector<std::int64_t> planes_;    // slot of an image channel's plane
