@@ -16,7 +16,7 @@ list(FILTER product_sources INCLUDE REGEX "/cpu_(product_taps|[a-z]+_solver)\\.c
 # become vector code. No complex arithmetic here. The same goes for what is written in vectors (vector_types.h): files
 # named *_vector.cpp.
 set(row_sources ${ornik_sources})
-list(FILTER row_sources INCLUDE REGEX "/cpu_(unary_real|unary_grad|binary_real|exp|attention|class_losses|losses|activation|recurrent|instruction_set|[a-z_]+_vector)\\.cpp$")
+list(FILTER row_sources INCLUDE REGEX "/cpu_(unary_real|unary_grad|binary_real|exp|attention|attention_rows|softmax|layer_norm|class_losses|losses|activation|recurrent|instruction_set|[a-z_]+_vector)\\.cpp$")
 set(other_sources ${ornik_sources})
 list(REMOVE_ITEM other_sources ${product_sources} ${row_sources})
 
