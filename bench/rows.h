@@ -22,7 +22,7 @@ struct Batch {
     const char* name;
     std::int64_t count, n;
 };
-inline constexpr Batch eigh_batches[] = {{"64x16", 64, 16}, {"1x128", 1, 128}};
+inline constexpr Batch matrix_batches[] = {{"64x16", 64, 16}, {"1x128", 1, 128}, {"1x400", 1, 400}};
 
 /// Elements of symmetric matrices, count x n x n, scattered over [-0.5, 0.5).
 inline void fill_symmetric(const Batch& batch, float* element) {
