@@ -139,8 +139,8 @@ ORNIK_EXPAND float fused(float a, float b, float c) {
 }
 ORNIK_EXPAND double fused(double a, double b, double c) { return std::fma(a, b, c); }
 
-/// The same without a call, which loops need to become vector code: of factors below 2^900 whose product is no infinity,
-/// and is 0, above 2^-900, or of no account beside c.
+/// The same without a call, which loops need to become vector code: of factors below 2^900 whose product is no
+/// infinity, and is 0, above 2^-900, or of no account beside c.
 ORNIK_EXPAND float fused_in_range(float a, float b, float c) { return fused(a, b, c); }
 ORNIK_EXPAND double fused_in_range(double a, double b, double c) {
 #if ORNIK_FUSES
