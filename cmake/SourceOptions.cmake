@@ -1,19 +1,18 @@
-# Fused multiply-add: on in the matrix products and decompositions, written out by hand in the row kernels of
-# mathematical functions, off everywhere else. Each group of files is an object library of its own; linking
+# Fused multiply-add: on in the decompositions, written out by hand in the row kernels of mathematical functions and in
+# the products and convolutions, off everywhere else. Each group of files is an object library of its own; linking
 # ornik_objects brings all of them.
 #
-# The products live by it; their results are the same bits on every run of one build, whatever the team size.
-# Everywhere else a*b+c stays two roundings, on every machine. -ffp-contract=off says so, but GCC 12 still
-# fuses the multiply and add/subtract pairs of complex products that it vectorises (a test of complex
-# arithmetic compares bits and shows it), so its instructions are taken away as well.
+# The decompositions live by it. Elsewhere a*b+c stays two roundings, on every machine, unless it says fused().
+# -ffp-contract=off sees to that, but GCC 12 still fuses the multiply and add/subtract pairs of complex products that it
+# vectorises (a test of complex arithmetic compares bits and shows it), so its instructions are taken away as well.
 
-# All files that include the matrix library belong to the products: its inline functions are one symbol for
+# All files that include the matrix library are in this group: its inline functions are one symbol for
 # the whole library, and the linker keeps the code of whichever file it meets first.
 set(product_sources ${ornik_sources})
 list(FILTER product_sources INCLUDE REGEX "/cpu_(product_taps|[a-z]+_solver)\\.cpp$")
 # Row kernels, and the rows of exponentials in softmax, losses and layers, say fused() where one rounding is meant.
 # Without the flags that errno and traps would need, and with branches left to be turned into selections, their loops
-# become vector code. No complex arithmetic here. The same goes for what is written in vectors (vector_types.h): files
+# become vector code. No complex operators here. The same goes for what is written in vectors (vector_types.h): files
 # named *_vector.cpp.
 set(row_sources ${ornik_sources})
 list(FILTER row_sources INCLUDE REGEX "/cpu_(unary_real|unary_grad|binary_real|exp|attention|class_losses|losses|activation|recurrent|instruction_set|[a-z_]+_vector)\\.cpp$")
