@@ -14,6 +14,20 @@ inline constexpr std::int64_t large = 17'000'000;  // elements, far beyond every
 inline constexpr std::int64_t side = 4096;         // of square matrices
 inline constexpr std::int64_t sizes[] = {1, 1'000, 100'000, large};
 inline constexpr std::int64_t product_sizes[] = {64, 128, 256, 512, 1024, 2048};
+/// Products of networks: few rows, long and short depths, batches.
+struct Product {
+    const char* name;
+    std::int64_t batch, rows, depth, cols;
+    bool float64 = false;
+    std::int64_t flops() const { return 2 * batch * rows * depth * cols; }
+};
+inline constexpr Product products[] = {
+    {"512x768x3072", 1, 512, 768, 3072},         {"512x3072x768", 1, 512, 3072, 768},
+    {"128x768x768", 1, 128, 768, 768},           {"128x4096x4096", 1, 128, 4096, 4096},
+    {"8x4096x4096", 1, 8, 4096, 4096},           {"1x4096x4096", 1, 1, 4096, 4096},
+    {"96x128x64x128", 96, 128, 64, 128},         {"float64/256", 1, 256, 256, 256, true},
+    {"float64/1024", 1, 1024, 1024, 1024, true},
+};
 inline constexpr std::int64_t class_sizes[][2] = {{128, 10}, {4096, 1000}, {64, 50'000}};  // rows x classes
 
 inline std::string by(const std::int64_t (&size)[2]) { return std::to_string(size[0]) + "x" + std::to_string(size[1]); }

@@ -53,6 +53,7 @@ set(ORNIK_PUBLIC_HEADERS
     layers/functional/linear.h
     layers/functional/normalization.h
     layers/functional/pool.h
+    layers/functional/prepared_linear.h
     layers/functional/recurrent.h
     layers/layer.h
     layers/layer_activation.h

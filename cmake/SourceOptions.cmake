@@ -7,7 +7,7 @@
 
 # Row kernels, and the rows of exponentials in softmax, losses and layers, say fused() where one rounding is meant.
 # Without the flags that errno and traps would need, and with branches left to be turned into selections, their loops
-# become vector code. No complex arithmetic here. The same goes for what is written in vectors (vector_types.h): files
+# become vector code. No complex operators here. The same goes for what is written in vectors (vector_types.h): files
 # named *_vector.cpp.
 set(row_sources ${ornik_sources})
 list(FILTER row_sources INCLUDE REGEX "/cpu_(unary_real|unary_grad|binary_real|exp|attention|attention_rows|softmax|layer_norm|class_losses|losses|activation|recurrent|instruction_set|[a-z_]+_vector)\\.cpp$")

@@ -57,6 +57,7 @@
 #include "layers/functional/linear.h"
 #include "layers/functional/normalization.h"
 #include "layers/functional/pool.h"
+#include "layers/functional/prepared_linear.h"
 #include "layers/functional/recurrent.h"
 #include "layers/layer.h"
 #include "layers/layer_activation.h"

@@ -74,6 +74,14 @@ void product_rows() {
             "bmm/" + std::to_string(batch) + "x" + std::to_string(n),
             [a, b, c] { Tensor::bmm(a.get(), 0, b.get(), 0, c.get()); }, 0, 2 * batch * n * n * n);
     }
+    for (const bench::Product& p : bench::products) {
+        const std::int64_t type = p.float64 ? dtype::float64 : dtype::float32;
+        const TensorPtr a = filled({p.batch, p.rows, p.depth}, 1, type);
+        const TensorPtr b = filled({p.batch, p.depth, p.cols}, 2, type);
+        const TensorPtr c = filled({p.batch, p.rows, p.cols}, 0, type);
+        bench::row(
+            std::string("product/") + p.name, [=] { Tensor::bmm(a.get(), 0, b.get(), 0, c.get()); }, 0, p.flops());
+    }
 }
 
 void decomposition_rows() {

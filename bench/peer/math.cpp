@@ -56,6 +56,21 @@ void product_rows() {
         bench::row("bmm/" + std::to_string(batch) + "x" + std::to_string(n),
                    [a, b, c]() mutable { at::bmm_out(c, a, b); });
     }
+    for (const bench::Product& p : bench::products) {
+        const at::ScalarType type = p.float64 ? at::kDouble : at::kFloat;
+        const at::Tensor a = filled({p.batch, p.rows, p.depth}, 1, type);
+        const at::Tensor b = filled({p.batch, p.depth, p.cols}, 2, type);
+        at::Tensor c = filled({p.batch, p.rows, p.cols}, 0, type);
+        // One matrix by the function for one.
+        bench::row(std::string("product/") + p.name, [=]() mutable {
+            if (c.size(0) > 1) {
+                at::bmm_out(c, a, b);
+            } else {
+                at::Tensor matrix = c[0];
+                at::mm_out(matrix, a[0], b[0]);
+            }
+        });
+    }
 }
 
 void decomposition_rows() {

@@ -218,11 +218,30 @@ TEST(LinearFunctions, ValuesAndGradients) {
             const auto some = nn::linear_grad(g.get(), x.get(), w.get(), {false, true, false});
             EXPECT_TRUE(some.input == nullptr && some.bias == nullptr);
             EXPECT_EQ(bytes_of(some.weight), bytes_of(grads.weight));
+            const nn::PreparedLinear prepared(w.get(), b.get());
+            EXPECT_EQ(bytes_of(prepared(x.get())), bytes_of(y));
+            if (dtype == dtype::float64) {
+                const TensorPtr end = prepared(x.get(), nn::LinearEnd::relu, g.get());
+                const auto found = values_of<double>(end), sums = values_of<double>(y), added = values_of<double>(g);
+                for (std::size_t i = 0; i < found.size(); ++i) {
+                    EXPECT_EQ(found[i], std::max(sums[i] + added[i], 0.0));
+                }
+            }
         }
     }
     const TensorPtr none = make_empty({0, 4}, dtype::float64), w = random_tensor({5, 4}, dtype::float64, 2),
                     row = make_empty({0, 5}, dtype::float64);
     EXPECT_EQ(nn::linear(none.get(), w.get(), nullptr)->Shape(), row->Shape());
+    const nn::PreparedLinear prepared(w.get());
+    EXPECT_EQ(prepared(none.get())->Shape(), row->Shape());
+    const TensorPtr narrow(Tensor::ones({2, 3}, 0, dtype::float64)), single(Tensor::ones({2, 4}, 0, dtype::float32));
+    EXPECT_REFUSAL(prepared(nullptr), "PreparedLinear needs an input.");
+    EXPECT_REFUSAL(prepared(single.get()), "Not same data type");
+    EXPECT_REFUSAL(prepared(narrow.get()), "PreparedLinear needs an input [..., 4], however it is [2, 3, ]");
+    EXPECT_REFUSAL(prepared(none.get(), nn::LinearEnd::relu, none.get()),
+                   "PreparedLinear adds a residual of the shape [0, 5, ], however it is [0, 4, ]");
+    EXPECT_REFUSAL(nn::PreparedLinear(narrow.get(), narrow.get()),
+                   "The bias of PreparedLinear with 2 outputs has the shape [2, 3, ]");
     const auto grads = nn::linear_grad(row.get(), none.get(), w.get());
     EXPECT_EQ(grads.input->Shape(), none->Shape());
     EXPECT_EQ(doubles_of(grads.weight.get()), std::vector<double>(20));

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <random>
 
+#include "hardware/cpu/product/cpu_product_fixed.h"
 #include "support/gradients.h"
 #include "support/products.h"
 #include "support/teams.h"
@@ -153,9 +154,43 @@ void expect_promised_bits(const ProductPlan& sizes, std::int64_t place, const st
             }
         }
     }
+    // What may follow the sums, and the right factor laid out ahead.
+    std::vector<T> ended = expected;
+    for (std::int64_t n = 0; n < p.batch; ++n) {
+        for (std::int64_t i = 0; i < p.rows * p.cols; ++i) {
+            const std::int64_t at = i / p.cols * p.place_c.row_step + i % p.cols;
+            T& x = ended[static_cast<std::size_t>(starts[2][n] + at)];
+            x = x + b[static_cast<std::size_t>(i % p.cols)];
+            x = x + a[static_cast<std::size_t>(i) % std::min<std::size_t>(7, a.size())];
+            x = x * x;
+        }
+    }
+    std::vector<T> residual;
+    for (std::int64_t i = 0; i < p.rows * p.cols; ++i) {
+        residual.push_back(a[static_cast<std::size_t>(i) % std::min<std::size_t>(7, a.size())]);
+    }
+    const auto square = [](void* elements, std::int64_t count) {
+        std::transform(static_cast<T*>(elements), static_cast<T*>(elements) + count, static_cast<T*>(elements),
+                       [](T x) { return x * x; });
+    };
+    const device::cpu::ProductEnds ends{b.data(), residual.data(), p.cols, square};
+    const auto expect_ended = [&](const std::vector<T>& found) {
+        EXPECT_EQ(std::memcmp(found.data(), ended.data(), found.size() * sizeof(T)), 0)
+            << dtype_name(dtype_code<T>) << shape_text({p.batch, p.rows, p.depth, p.cols}) << p.accumulate;
+    };
     for (const int team : teams) {
         ConfigSetNumThreads(team);
         std::vector<T> found = old;
+        product(dtype_code<T>, p, a.data(), b.data(), found.data(), &ends);
+        expect_ended(found);
+        if (gap == 0 && p.batch == 1 && !p.transpose_a) {
+            found = old;
+            const device::cpu::FixedFactor factor(dtype_code<T>, b.data() + starts[1][0], p.transpose_b, p.depth,
+                                                  p.cols);
+            factor.multiply(a.data() + starts[0][0], p.rows, p.accumulate, found.data() + starts[2][0], &ends);
+            expect_ended(found);
+        }
+        found = old;
         product(dtype_code<T>, p, a.data(), b.data(), found.data());
         ASSERT_EQ(std::memcmp(found.data(), expected.data(), found.size() * sizeof(T)), 0)
             << dtype_name(dtype_code<T>) << shape_text({p.batch, p.rows, p.depth, p.cols}) << " transposed "

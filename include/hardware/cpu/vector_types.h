@@ -87,6 +87,13 @@ ORNIK_EXPAND void prefetch([[maybe_unused]] const T* at) {
     __builtin_prefetch(at, 0);
 #endif
 }
+/// In the second level of cache.
+template <typename T>
+ORNIK_EXPAND void prefetch_near([[maybe_unused]] const T* at) {
+#if defined(__GNUC__)
+    __builtin_prefetch(at, 0, 2);
+#endif
+}
 template <typename T>
 ORNIK_EXPAND void prefetch_for_writing([[maybe_unused]] const T* at) {
 #if defined(__GNUC__)
@@ -201,5 +208,29 @@ ORNIK_EXPAND V fused(V a, V b, V c) requires(sizeof(V) > sizeof(double)) {
     return c;
 }
 #endif
+
+/// c - a b, rounded once.
+template <typename V>
+ORNIK_EXPAND V fused_minus(V a, V b, V c) {
+#if defined(__x86_64__) && defined(__FMA__)
+    // The compiler would rather negate an operand.
+    if constexpr (sizeof(V) == 64) {
+#if defined(__AVX512F__)
+        if constexpr (sizeof(a[0]) == sizeof(float)) {
+            return (V)_mm512_fnmadd_ps((__m512)a, (__m512)b, (__m512)c);
+        } else {
+            return (V)_mm512_fnmadd_pd((__m512d)a, (__m512d)b, (__m512d)c);
+        }
+#endif
+    } else if constexpr (sizeof(V) == 32) {
+        if constexpr (sizeof(a[0]) == sizeof(float)) {
+            return (V)_mm256_fnmadd_ps((__m256)a, (__m256)b, (__m256)c);
+        } else {
+            return (V)_mm256_fnmadd_pd((__m256d)a, (__m256d)b, (__m256d)c);
+        }
+    }
+#endif
+    return fused(-a, b, c);
+}
 
 }  // namespace ornik::device::cpu::vec

@@ -38,8 +38,20 @@ struct ProductPlan {
     }
 };
 
+/// What follows the sums of a floating or complex product while a part of C is near: c + bias, + residual, then a
+/// function of pieces of rows. Each rounds as it does alone. Null members are left out.
+struct ProductEnds {
+    const void* bias = nullptr;      // [cols]
+    const void* residual = nullptr;  // [rows, cols], of one matrix, its rows residual_row elements apart
+    std::int64_t residual_row = 0;
+    void (*row)(void* elements, std::int64_t count) = nullptr;
+};
+
 /// C overlaps neither operand, nor do its matrices each other. Integers wrap in their own type; bool is the or of ands.
-/// The bits of the result depend on the operands alone, not on the team size.
-void product(std::int64_t dtype, const ProductPlan& plan, const void* a, const void* b, void* c);
+/// Floating sums are chains of fused multiply-adds
+/// over the depth, in blocks of 256 steps that begin at 0 and whose sums are added in order: the bits depend on the
+/// operands alone. Ends are for floating and complex dtypes.
+void product(std::int64_t dtype, const ProductPlan& plan, const void* a, const void* b, void* c,
+             const ProductEnds* ends = nullptr);
 
 }  // namespace ornik::device::cpu

@@ -1,12 +1,15 @@
-// cpu_product_fixed.h: many products of few rows with one factor, as recurrent layers have them. Internal.
+// cpu_product_fixed.h: many products with one right factor, as layers have them. Internal.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 
+#include "cpu_product.h"
+
 namespace ornik::device::cpu {
 
-/// op(B) [depth, cols] of float32 or float64, laid out once for all products with it.
+/// op(B) [depth, cols] of a floating or complex dtype, laid out once for all products with it, in memory of the
+/// tensors' pool. The bits of all products are those that product() has.
 class FixedFactor {
   public:
     /// B is stored without gaps, cols x depth when it is transposed, and is needed no longer.
@@ -15,9 +18,13 @@ class FixedFactor {
     FixedFactor(const FixedFactor&) = delete;
     FixedFactor& operator=(const FixedFactor&) = delete;
 
-    /// C [rows, cols] = A [rows, depth] op(B), or C + A op(B), both without gaps, on the calling thread. The bits are
-    /// those that product() has, whatever rows come together.
-    void multiply(const void* a, std::int64_t rows, bool accumulate, void* c) const;
+    /// C [rows, cols] = A [rows, depth] op(B), or C + A op(B), both without gaps, by the team, or by the calling thread
+    /// where it is one of a team.
+    void multiply(const void* a, std::int64_t rows, bool accumulate, void* c, const ProductEnds* ends = nullptr) const;
+
+    std::int64_t dtype() const { return dtype_; }
+    std::int64_t depth() const { return depth_; }
+    std::int64_t cols() const { return cols_; }
 
     struct Packed;
 

@@ -67,7 +67,8 @@ void run_product(const ProductPlan& plan, const T* a, const T* b, T* c) {
 
 }  // namespace
 
-void product(std::int64_t dtype, const ProductPlan& plan, const void* a, const void* b, void* c) {
+void product(std::int64_t dtype, const ProductPlan& plan, const void* a, const void* b, void* c,
+             const ProductEnds* ends) {
     if (plan.batch < 1 || plan.rows < 1 || plan.cols < 1) {
         return;
     }
@@ -78,11 +79,11 @@ void product(std::int64_t dtype, const ProductPlan& plan, const void* a, const v
         if constexpr (std::is_integral_v<T>) {
             run_product(plan, left, right, out);
         } else if constexpr (std::is_floating_point_v<T>) {
-            float_product(plan, left, right, out);
+            float_product(plan, left, right, out, ends);
         } else {
             using Standard = std::complex<decltype(T::real)>;  // The same two parts in the same order.
             float_product(plan, reinterpret_cast<const Standard*>(left), reinterpret_cast<const Standard*>(right),
-                          reinterpret_cast<Standard*>(out));
+                          reinterpret_cast<Standard*>(out), ends);
         }
     });
 }

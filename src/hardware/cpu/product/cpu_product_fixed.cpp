@@ -11,20 +11,37 @@ struct FixedFactor::Packed {
     Scratch<unsigned char> panels;
 };
 
+namespace {
+
+// The standard's type of the same bytes.
+template <typename T>
+struct Standard {
+    using type = T;
+};
+template <typename R>
+struct Standard<complex_scalar::complex<R>> {
+    using type = std::complex<R>;
+};
+
+}  // namespace
+
 FixedFactor::FixedFactor(std::int64_t dtype, const void* b, bool transposed, std::int64_t depth, std::int64_t cols)
     : dtype_(dtype), depth_(depth), cols_(cols) {
-    dispatch(FloatTypes{}, dtype, [&]<typename T>() {
-        packed_ = std::make_unique<Packed>(packed_factor_size<T>(depth, cols) * static_cast<std::int64_t>(sizeof(T)));
-        pack_factor(static_cast<const T*>(b), transposed, depth, cols, packed_->panels.get());
+    dispatch(FloatOrComplexTypes{}, dtype, [&]<typename T>() {
+        using S = typename Standard<T>::type;
+        constexpr auto real_bytes = static_cast<std::int64_t>(sizeof(decltype(std::real(S{}))));
+        packed_ = std::make_unique<Packed>(packed_factor_size<S>(depth, cols) * real_bytes);
+        pack_factor(static_cast<const S*>(b), transposed, depth, cols, packed_->panels.get());
     });
 }
 
 FixedFactor::~FixedFactor() = default;
 
-void FixedFactor::multiply(const void* a, std::int64_t rows, bool accumulate, void* c) const {
-    dispatch(FloatTypes{}, dtype_, [&]<typename T>() {
-        packed_product(static_cast<const T*>(a), packed_->panels.get(), rows, cols_, depth_, accumulate,
-                       static_cast<T*>(c));
+void FixedFactor::multiply(const void* a, std::int64_t rows, bool accumulate, void* c, const ProductEnds* ends) const {
+    dispatch(FloatOrComplexTypes{}, dtype_, [&]<typename T>() {
+        using S = typename Standard<T>::type;
+        packed_product(static_cast<const S*>(a), depth_, packed_->panels.get(), rows, cols_, depth_, accumulate,
+                       static_cast<S*>(c), ends);
     });
 }
 

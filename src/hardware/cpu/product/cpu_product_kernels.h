@@ -19,17 +19,17 @@ struct ProductPiece {
 
 /// Floating and complex products, the whole batch (product_run.h).
 template <typename T>
-void float_product(const ProductPlan& plan, const T* a, const T* b, T* c);
+void float_product(const ProductPlan& plan, const T* a, const T* b, T* c, const ProductEnds* ends = nullptr);
 
 /// A factor op(B) [depth, cols] in panels: their size in real numbers, and how they are made of a B without gaps.
 template <typename T>
 std::int64_t packed_factor_size(std::int64_t depth, std::int64_t cols);
 template <typename T>
 void pack_factor(const T* b, bool transposed, std::int64_t depth, std::int64_t cols, void* packed);
-/// C [rows, cols] = A [rows, depth] op(B), or C + A op(B), without gaps, on the calling thread.
+/// C [rows, cols] = A [rows, depth] op(B), or C + A op(B); C without gaps, rows of A a_row elements apart.
 template <typename T>
-void packed_product(const T* a, const void* packed, std::int64_t rows, std::int64_t cols, std::int64_t depth,
-                    bool accumulate, T* c);
+void packed_product(const T* a, std::int64_t a_row, const void* packed, std::int64_t rows, std::int64_t cols,
+                    std::int64_t depth, bool accumulate, T* c, const ProductEnds* ends);
 
 /// Wrapping integer products; instances for the unsigned type of each width (cpu_product_integer.cpp).
 template <typename T>

@@ -5,45 +5,14 @@
 // in panels first, and who computes what.
 #pragma once
 
-#include <algorithm>
 #include <optional>
+#include <tuple>
 
-#include "cpu_product_kernels.h"
-#include "hardware/parallel.h"
-#include "hardware/scratch.h"
-#include "product_panels.h"
+#include "product_few_rows.h"
 
 namespace ornik::device::cpu {
 
 namespace {
-
-constexpr std::int64_t block_depth = 256;
-// Multiplications worth a second thread, and bytes of panels that are laid out at once.
-constexpr std::int64_t grain_work = 1 << 17;
-constexpr std::int64_t panels_bytes = std::int64_t{8} << 20;
-
-constexpr std::int64_t parts_of(std::int64_t n, std::int64_t size) { return (n + size - 1) / size; }
-
-// One product of row-major C; element (i, j) at c + i * c_row + j. `add`: to what C holds, where the depth is one
-// block.
-template <typename T>
-struct Factors {
-    Strided<T> a;
-    Strided<T> b;
-    T* c;
-    std::int64_t c_row;
-    std::int64_t rows;
-    std::int64_t cols;
-    std::int64_t depth;
-    bool add;
-
-    std::int64_t work() const { return rows * cols * depth; }
-    std::int64_t panels() const { return parts_of(cols, TileShape<T>::cols); }
-    std::int64_t panel_cols(std::int64_t panel) const {
-        return std::min<std::int64_t>(TileShape<T>::cols, cols - panel * TileShape<T>::cols);
-    }
-    TileEnd end(std::int64_t first_step) const { return first_step > 0 || add ? TileEnd::add : TileEnd::store; }
-};
 
 // Rows [begin, end) in the fewest strips of a tile's height, as even as they can be.
 template <typename T>
@@ -94,43 +63,38 @@ void tile_at(const TileOperands<T>& in, std::int64_t rows, std::int64_t cols, T*
     }
     alignas(64) T whole[Shape::rows * Shape::cols];
     sum(in, whole, Shape::cols, TileEnd::store);
-    for (std::int64_t i = 0; i < rows; ++i) {
-        T* to = out + i * out_row;
-        const T* from = whole + i * Shape::cols;
-        if (end == TileEnd::store) {
-            std::copy_n(from, cols, to);
-        } else {
-            for (std::int64_t j = 0; j < cols; ++j) {
-                to[j] = to[j] + from[j];
-            }
-        }
-    }
+    copy_sums(whole, Shape::cols, rows, cols, out, out_row, end);
 }
 
-// Elements of a block of A in packed strips.
+// The packed strips of a block of A lie one after the other, each with room for the last vector.
 template <typename T>
-std::int64_t strips_size(std::int64_t rows) {
-    return rows * block_depth;
+std::int64_t strip_place(const Strips<T>& strips, std::int64_t strip, std::int64_t depth) {
+    return (strips.first(strip) - strips.begin) * depth + strip * lanes<RealOf<T>>;
 }
-
-// The strips of A over a block of depth, one after the other.
 template <typename T>
-void pack_strips(const Factors<T>& f, const Strips<T>& strips, std::int64_t k, std::int64_t depth, T* to) {
-    for (std::int64_t s = 0; s < strips.count; ++s) {
-        pack_rows(f.a.from(strips.first(s), k), strips.height(s), depth, to + (strips.first(s) - strips.begin) * depth);
-    }
+std::int64_t strips_size(const Strips<T>& strips, std::int64_t depth) {
+    return strips.rows * depth + strips.count * lanes<RealOf<T>>;
 }
 
-// The strips against a panel, whose row k is at b + k * b_step. `packed` is what pack_strips made, or null.
+template <typename T>
+void pack_strip(const Factors<T>& f, const Strips<T>& strips, std::int64_t strip, std::int64_t k, std::int64_t depth,
+                T* to) {
+    pack_rows(f.a.from(strips.first(strip), k), strips.height(strip), depth, to + strip_place(strips, strip, depth));
+}
+
+// The strips against a panel, whose row k is at b + k * b_step. `packed`: the strips of A, or null.
 template <typename T, bool Swapped>
 void panel_times_strips(const Factors<T>& f, const Strips<T>& strips, const T* packed, std::int64_t k,
                         std::int64_t depth, std::int64_t panel, const RealOf<T>* b, std::int64_t b_step) {
     const std::int64_t col = panel * TileShape<T>::cols;
     for (std::int64_t s = 0; s < strips.count; ++s) {
+        if (f.next != nullptr) {
+            f.next->fetch();
+        }
         const std::int64_t row = strips.first(s);
         T* out = f.c + row * f.c_row + col;
         if (packed != nullptr) {
-            const TileOperands<T> in{packed + (row - strips.begin) * depth, 1, strips.height(s), b, b_step, depth};
+            const TileOperands<T> in{packed + strip_place(strips, s, depth), 1, strips.height(s), b, b_step, depth};
             tile_at<T, Swapped, true>(in, strips.height(s), f.panel_cols(panel), out, f.c_row, f.end(k));
         } else {
             const Strided<T> a = f.a.from(row, k);
@@ -140,106 +104,170 @@ void panel_times_strips(const Factors<T>& f, const Strips<T>& strips, const T* p
     }
 }
 
-// Many rows: all panels of some blocks of depth are laid out first, then every worker takes some rows through them.
+// Lays out all panels of some blocks of depth.
+template <typename T>
+void pack_blocks(const Factors<T>& f, std::int64_t first, std::int64_t count, RealOf<T>* to, std::int64_t panel_size) {
+    constexpr std::int64_t cols = TileShape<T>::cols;
+    const std::int64_t panels = f.panels();
+    const std::int64_t whole = f.cols / cols;
+    const std::int64_t depth = std::min(count * block_depth, f.depth - first * block_depth);
+    if constexpr (TileShape<T>::parts == 1) {
+        if (f.b.col == 1) {
+            // Along the rows of B, so many panels at a time that all their pages are known.
+            constexpr std::int64_t rows_at_once = 16;
+            constexpr std::int64_t panels_at_once = 32;
+            parallel_for(parts_of(depth, rows_at_once), 1, 2, [&](std::int64_t begin, std::int64_t end) {
+                for (std::int64_t k = begin * rows_at_once; k < std::min(depth, end * rows_at_once);
+                     k += rows_at_once) {
+                    const std::int64_t rows = std::min(rows_at_once, depth - k);
+                    const Strided<T> b = f.b.from(first * block_depth + k, 0);
+                    T* block = to + k / block_depth * panels * panel_size;
+                    for (std::int64_t p = 0; p < whole; p += panels_at_once) {
+                        pack_along(b.from(0, p * cols), rows, std::min(panels_at_once, whole - p),
+                                   block + p * panel_size + k % block_depth * cols, panel_size);
+                    }
+                    if (whole < panels) {
+                        const std::int64_t rest = f.panel_cols(whole);
+                        pack_panel(b.from(0, whole * cols), rows, rest,
+                                   block + whole * panel_size + k % block_depth * panel_row<T>(rest));
+                    }
+                }
+            });
+            return;
+        }
+    }
+    parallel_for(count * panels, 1, 2, [&](std::int64_t begin, std::int64_t end) {
+        for (std::int64_t item = begin; item < end; ++item) {
+            const std::int64_t k = item / panels * block_depth;
+            pack_panel(f.b.from(first * block_depth + k, item % panels * cols), std::min(block_depth, depth - k),
+                       f.panel_cols(item % panels), to + item * panel_size);
+        }
+    });
+}
+
+// Takes all rows through some blocks of depth, whose panels begin at panel_at(block, panel): tiles of C in a grid.
+template <typename T, bool Swapped, typename PanelAt>
+void multiply_laid_out(const Factors<T>& f, std::int64_t first, std::int64_t count, const PanelAt& panel_at) {
+    const std::int64_t workers = usable_processors();
+    const std::int64_t panels = f.panels();
+    // Equal shares for all workers, of rows whose block of A leaves the second level of cache room.
+    constexpr std::int64_t most_rows = (std::int64_t{192} << 10) / (block_depth * sizeof(T));
+    const std::int64_t row_tasks =
+        std::min(parts_of(f.rows, 2 * TileShape<T>::rows), parts_of(parts_of(f.rows, most_rows), workers) * workers);
+    const std::int64_t col_tasks = std::clamp<std::int64_t>(panels / 4, 1, parts_of(2 * workers, row_tasks));
+    const bool pack = panels > 2 && is_crowding(f.a);
+    const std::int64_t grain = std::max<std::int64_t>(2, grain_work * row_tasks * col_tasks / f.work());
+    parallel_for(row_tasks * col_tasks, 1, grain, [&](std::int64_t begin, std::int64_t end) {
+        std::optional<Scratch<T>> packed;
+        if (pack) {
+            packed.emplace(strips_size(Strips<T>(0, parts_of(f.rows, row_tasks)), block_depth));
+        }
+        for (std::int64_t task = begin; task < end; ++task) {
+            const std::int64_t row_task = task / col_tasks;
+            const std::int64_t first_panel = panels * (task % col_tasks) / col_tasks;
+            const std::int64_t last_panel = panels * (task % col_tasks + 1) / col_tasks;
+            const Strips<T> strips(f.rows * row_task / row_tasks, f.rows * (row_task + 1) / row_tasks);
+            for (std::int64_t block = first; block < first + count; ++block) {
+                const std::int64_t k = block * block_depth;
+                const std::int64_t depth = std::min(block_depth, f.depth - k);
+                for (std::int64_t s = 0; pack && s < strips.count; ++s) {
+                    pack_strip(f, strips, s, k, depth, packed->get());
+                }
+                for (std::int64_t p = first_panel; p < last_panel; ++p) {
+                    panel_times_strips<T, Swapped>(f, strips, pack ? packed->get() : nullptr, k, depth, p,
+                                                   panel_at(block, p), panel_row<T>(f.panel_cols(p)));
+                }
+            }
+            if (first + count == parts_of(f.depth, block_depth)) {
+                const std::int64_t col = first_panel * TileShape<T>::cols;
+                f.finish(strips.begin, strips.rows, col, std::min(f.cols, last_panel * TileShape<T>::cols) - col);
+            }
+        }
+    });
+}
+
+// Many rows: all panels of some blocks of depth are laid out first.
 template <typename T, bool Swapped>
 void multiply_by_rows(const Factors<T>& f) {
     using R = RealOf<T>;
-    constexpr std::int64_t panel_size = TileShape<T>::cols * TileShape<T>::parts * block_depth;
-    constexpr std::int64_t together = 8;  // panels that are laid out along the rows of B
-    constexpr std::int64_t rows_at_once = 16;
+    // Neighbouring panels do not crowd the same places of a cache.
+    constexpr std::int64_t panel_size = TileShape<T>::cols * TileShape<T>::parts * block_depth + 64 / sizeof(R);
     const std::int64_t panels = f.panels();
     const std::int64_t blocks = parts_of(f.depth, block_depth);
     const std::int64_t pass = std::clamp<std::int64_t>(
         panels_bytes / (panels * panel_size * static_cast<std::int64_t>(sizeof(R))), 1, blocks);
-    const std::int64_t groups = parts_of(panels, together);
     const Scratch<R> memory(pass * panels * panel_size);
-    const auto panel_at = [&](std::int64_t block, std::int64_t panel) {
-        return memory.get() + (block * panels + panel) * panel_size;
-    };
-    const std::int64_t workers = usable_processors();
-    const std::int64_t row_tasks = std::clamp<std::int64_t>(f.rows / (4 * TileShape<T>::rows), 1, 8 * workers);
-    const std::int64_t col_tasks =
-        std::clamp<std::int64_t>(parts_of(2 * workers, row_tasks), 1, std::max<std::int64_t>(1, panels / 4));
     for (std::int64_t first = 0; first < blocks; first += pass) {
         const std::int64_t count = std::min(pass, blocks - first);
-        const auto depth_of = [&](std::int64_t block) {
-            return std::min(block_depth, f.depth - (first + block) * block_depth);
-        };
-        parallel_for(count * groups, 1, 2, [&](std::int64_t begin, std::int64_t end) {
-            for (std::int64_t item = begin; item < end; ++item) {
-                const std::int64_t block = item / groups;
-                const std::int64_t depth = depth_of(block);
-                const std::int64_t last = std::min(panels, (item % groups + 1) * together);
-                for (std::int64_t k = 0; k < depth; k += rows_at_once) {
-                    for (std::int64_t p = item % groups * together; p < last; ++p) {
-                        const std::int64_t cols = f.panel_cols(p);
-                        pack_panel(f.b.from((first + block) * block_depth + k, p * TileShape<T>::cols),
-                                   std::min(rows_at_once, depth - k), cols,
-                                   panel_at(block, p) + k * panel_row<T>(cols));
-                    }
-                }
-            }
-        });
-        parallel_for(row_tasks * col_tasks, 1, 2, [&](std::int64_t begin, std::int64_t end) {
-            const Scratch<T> packed(parts_of(f.rows, row_tasks) * block_depth);
-            for (std::int64_t task = begin; task < end; ++task) {
-                const std::int64_t row_task = task / col_tasks;
-                const std::int64_t col_task = task % col_tasks;
-                const Strips<T> strips(f.rows * row_task / row_tasks, f.rows * (row_task + 1) / row_tasks);
-                for (std::int64_t block = 0; block < count; ++block) {
-                    const std::int64_t k = (first + block) * block_depth;
-                    const std::int64_t depth = depth_of(block);
-                    pack_strips(f, strips, k, depth, packed.get());
-                    for (std::int64_t p = panels * col_task / col_tasks; p < panels * (col_task + 1) / col_tasks; ++p) {
-                        panel_times_strips<T, Swapped>(f, strips, packed.get(), k, depth, p, panel_at(block, p),
-                                                       panel_row<T>(f.panel_cols(p)));
-                    }
-                }
-            }
+        pack_blocks(f, first, count, memory.get(), panel_size);
+        multiply_laid_out<T, Swapped>(f, first, count, [&](std::int64_t block, std::int64_t panel) {
+            return memory.get() + ((block - first) * panels + panel) * panel_size;
         });
     }
 }
 
-// Few rows: every worker takes some columns, and lays their panels out for itself.
+// Few rows: every worker takes some columns, and lays their panels out for itself where it can not read them in place.
 template <typename T, bool Swapped>
 void multiply_by_cols(const Factors<T>& f) {
     using R = RealOf<T>;
     const std::int64_t panels = f.panels();
     const Strips<T> strips(0, f.rows);
     const std::int64_t grain = std::max<std::int64_t>(2, grain_work / std::max<std::int64_t>(1, f.work() / panels));
-    const bool pack = panels >= 4 && f.rows >= 4;
+    const bool pack = panels > 2 && is_crowding(f.a);
+    const bool in_place = TileShape<T>::parts == 1 && f.b.col == 1 && (strips.count <= 2 || !is_far(f.b));
+    const std::int64_t block_size = strips_size(strips, block_depth);
     std::optional<Scratch<T>> packed;
     if (pack) {
-        packed.emplace(f.rows * f.depth);
-        for (std::int64_t k = 0; k < f.depth; k += block_depth) {
-            pack_strips(f, strips, k, std::min(block_depth, f.depth - k), packed->get() + k * f.rows);
-        }
+        const std::int64_t blocks = parts_of(f.depth, block_depth);
+        packed.emplace(blocks * block_size);
+        parallel_for(blocks * strips.count, 1, parts_of(grain_work / 4, TileShape<T>::rows * block_depth),
+                     [&](std::int64_t begin, std::int64_t end) {
+                         for (std::int64_t item = begin; item < end; ++item) {
+                             const std::int64_t block = item / strips.count;
+                             const std::int64_t k = block * block_depth;
+                             pack_strip(f, strips, item % strips.count, k, std::min(block_depth, f.depth - k),
+                                        packed->get() + block * block_size);
+                         }
+                     });
     }
     parallel_for(panels, 1, grain, [&](std::int64_t begin, std::int64_t end) {
         PanelMemory<R> memory;
         for (std::int64_t p = begin; p < end; ++p) {
             const std::int64_t cols = f.panel_cols(p);
             const std::int64_t row = panel_row<T>(cols);
-            const bool in_place = TileShape<T>::parts == 1 && f.b.col == 1 && cols == row && strips.count <= 2;
             for (std::int64_t k = 0; k < f.depth; k += block_depth) {
                 const std::int64_t depth = std::min(block_depth, f.depth - k);
                 const Strided<T> b = f.b.from(k, p * TileShape<T>::cols);
+                const bool here = in_place && cols == row;
                 const R* panel = reinterpret_cast<const R*>(b.data);
-                if (!in_place) {
+                if (!here) {
                     R* to = memory.take(depth * row);
                     pack_panel(b, depth, cols, to);
                     panel = to;
                 }
-                panel_times_strips<T, Swapped>(f, strips, pack ? packed->get() + k * f.rows : nullptr, k, depth, p,
-                                               panel, in_place ? b.row : row);
+                panel_times_strips<T, Swapped>(f, strips, pack ? packed->get() + k / block_depth * block_size : nullptr,
+                                               k, depth, p, panel, here ? b.row : row);
             }
+            f.finish(0, f.rows, p * TileShape<T>::cols, cols);
         }
     });
 }
 
 template <typename T, bool Swapped>
 void multiply(const Factors<T>& f) {
-    if (f.rows >= 192) {
+    if constexpr (TileShape<T>::parts == 1) {
+        if (f.rows <= TileShape<T>::rows && f.b.col == 1 && is_far(f.b)) {
+            multiply_streaming(f);
+            return;
+        }
+        if (f.rows == 1 && f.b.col != 1) {
+            multiply_turned_row(f);
+            return;
+        }
+    }
+    // A block of A stays in the second level of cache.
+    constexpr std::int64_t most_rows = (1 << 19) / (block_depth * sizeof(T));
+    if (f.rows > most_rows || (f.rows > f.cols && f.panels() < 2 * usable_processors())) {
         multiply_by_rows<T, Swapped>(f);
     } else {
         multiply_by_cols<T, Swapped>(f);
@@ -249,35 +277,35 @@ void multiply(const Factors<T>& f) {
 // Few columns make bad vectors: the transposed product, into memory of its own. Also where what is added to must wait
 // for the whole sum.
 template <typename T, bool Swapped>
-void multiply_aside(const Factors<T>& f, T* c, std::int64_t c_row, std::int64_t c_col, bool add) {
+void multiply_aside(const Factors<T>& f, T* c, std::int64_t c_row, bool add) {
     const Scratch<T> aside(f.rows * f.cols);
     Factors<T> g = f;
     g.c = aside.get();
     g.c_row = f.cols;
     g.add = false;
+    g.ends = nullptr;
     multiply<T, Swapped>(g);
-    const std::int64_t rows = Swapped ? f.cols : f.rows;
-    const std::int64_t cols = Swapped ? f.rows : f.cols;
-    parallel_for(rows, 1, parts_of(grain_work, cols), [&](std::int64_t begin, std::int64_t end) {
+    Factors<T> whole = f;
+    whole.c = c;
+    whole.c_row = c_row;
+    whole.rows = Swapped ? f.cols : f.rows;
+    whole.cols = Swapped ? f.rows : f.cols;
+    parallel_for(whole.rows, 1, parts_of(grain_work, whole.cols), [&](std::int64_t begin, std::int64_t end) {
         for (std::int64_t i = begin; i < end; ++i) {
             const T* from = aside.get() + (Swapped ? i : i * f.cols);
             const std::int64_t step = Swapped ? f.cols : 1;
             T* to = c + i * c_row;
-            for (std::int64_t j = 0; j < cols; ++j) {
-                to[j * c_col] = add ? to[j * c_col] + from[j * step] : from[j * step];
+            for (std::int64_t j = 0; j < whole.cols; ++j) {
+                to[j] = add ? to[j] + from[j * step] : from[j * step];
             }
         }
+        whole.finish(begin, end - begin, 0, whole.cols);
     });
 }
 
-// Whole rows of vectors that a product of so many rows and columns takes.
 template <typename T>
-std::int64_t vectors_of(std::int64_t rows, std::int64_t cols) {
-    return rows * parts_of(cols, lanes<RealOf<T>>);
-}
-
-template <typename T>
-void multiply_one(const ProductPlan& plan, const T* a, const T* b, T* c) {
+void multiply_one(const ProductPlan& plan, const T* a, const T* b, T* c, const ProductEnds* ends,
+                  NextMatrices* next = nullptr) {
     const std::int64_t width_c = plan.row_step_c();
     if (plan.rows < 1 || plan.cols < 1) {
         return;
@@ -286,6 +314,7 @@ void multiply_one(const ProductPlan& plan, const T* a, const T* b, T* c) {
         for (std::int64_t i = 0; i < plan.rows && !plan.accumulate; ++i) {
             std::fill_n(c + i * width_c, plan.cols, T(0));
         }
+        Factors<T>{{}, {}, c, width_c, plan.rows, plan.cols, 0, false, ends}.finish(0, plan.rows, 0, plan.cols);
         return;
     }
     const auto strided = [](const T* data, bool transposed, std::int64_t step) {
@@ -293,14 +322,14 @@ void multiply_one(const ProductPlan& plan, const T* a, const T* b, T* c) {
     };
     const Strided<T> left = strided(a, plan.transpose_a, plan.row_step_a());
     const Strided<T> right = strided(b, plan.transpose_b, plan.row_step_b());
-    if (2 * vectors_of<T>(plan.cols, plan.rows) < vectors_of<T>(plan.rows, plan.cols)) {
-        const Factors<T> f{right.turned(), left.turned(), nullptr, 0, plan.cols, plan.rows, plan.depth, false};
-        multiply_aside<T, true>(f, c, width_c, 1, plan.accumulate);
+    if (plan.rows > plan.cols && (4 * plan.cols <= lanes<RealOf<T>> || plan.cols == 1)) {
+        const Factors<T> f{right.turned(), left.turned(), nullptr, 0, plan.cols, plan.rows, plan.depth, false, ends};
+        multiply_aside<T, true>(f, c, width_c, plan.accumulate);
         return;
     }
-    const Factors<T> f{left, right, c, width_c, plan.rows, plan.cols, plan.depth, plan.accumulate};
+    const Factors<T> f{left, right, c, width_c, plan.rows, plan.cols, plan.depth, plan.accumulate, ends, next};
     if (plan.accumulate && plan.depth > block_depth) {
-        multiply_aside<T, false>(f, c, width_c, 1, true);
+        multiply_aside<T, false>(f, c, width_c, true);
     } else {
         multiply<T, false>(f);
     }
@@ -308,28 +337,57 @@ void multiply_one(const ProductPlan& plan, const T* a, const T* b, T* c) {
 
 }  // namespace
 
+// Matrices of a batch that are fetched ahead: neither so few bytes that the hardware has them, nor too many to keep.
+constexpr std::int64_t nearest_bytes = std::int64_t{4} << 10;
+constexpr std::int64_t near_bytes = std::int64_t{256} << 10;
+
 template <typename T>
-void float_product(const ProductPlan& plan, const T* a, const T* b, T* c) {
-    const auto one = [&](std::int64_t index) {
+const char* bytes_at(const T* at) {
+    return reinterpret_cast<const char*>(at);
+}
+
+template <typename T>
+void float_product(const ProductPlan& plan, const T* a, const T* b, T* c, const ProductEnds* ends) {
+    const std::int64_t stored_a = plan.row_step_a() * (plan.transpose_a ? plan.depth : plan.rows);
+    const std::int64_t stored_b = plan.row_step_b() * (plan.transpose_b ? plan.cols : plan.depth);
+    const std::int64_t stored_c = plan.row_step_c() * plan.rows;
+    const auto at = [&](std::int64_t index) {
         const auto start = [index](const ProductPlace& place, std::int64_t size) {
             return place.starts != nullptr ? place.starts[index] : index * size;
         };
-        multiply_one(plan, a + start(plan.place_a, plan.rows * plan.depth),
-                     b + start(plan.place_b, plan.depth * plan.cols), c + start(plan.place_c, plan.rows * plan.cols));
+        return std::tuple{a + start(plan.place_a, plan.rows * plan.depth),
+                          b + start(plan.place_b, plan.depth * plan.cols),
+                          c + start(plan.place_c, plan.rows * plan.cols)};
+    };
+    const auto one = [&](std::int64_t index, NextMatrices* next) {
+        const auto [x, y, z] = at(index);
+        multiply_one(plan, x, y, z, ends, next);
     };
     const std::int64_t work = plan.rows * plan.cols * plan.depth;
     if (work < grain_work || plan.batch >= 2 * usable_processors()) {
         // Within a region, a product is its worker's own.
         const std::int64_t grain = work > 0 ? grain_work / work + 1 : plan.batch + 1;
+        const std::int64_t bytes = (stored_a + stored_b + stored_c) * static_cast<std::int64_t>(sizeof(T));
+        const std::int64_t tiles = parts_of(plan.rows, TileShape<T>::rows) * parts_of(plan.cols, TileShape<T>::cols) *
+                                   parts_of(plan.depth, block_depth);
         parallel_for(plan.batch, 1, grain, [&](std::int64_t begin, std::int64_t end) {
             for (std::int64_t index = begin; index < end; ++index) {
-                one(index);
+                if (index + 1 == end || bytes < nearest_bytes || bytes > near_bytes) {
+                    one(index, nullptr);
+                    continue;
+                }
+                const auto [x, y, z] = at(index + 1);
+                const auto lines = [tiles](std::int64_t size) { return size * sizeof(T) / 64 / tiles + 1; };
+                NextMatrices next{{bytes_at(x), bytes_at(y), bytes_at(z)},
+                                  {bytes_at(x + stored_a), bytes_at(y + stored_b), bytes_at(z + stored_c)},
+                                  static_cast<std::int64_t>(lines(std::max({stored_a, stored_b, stored_c})))};
+                one(index, &next);
             }
         });
         return;
     }
     for (std::int64_t index = 0; index < plan.batch; ++index) {
-        one(index);
+        one(index, nullptr);
     }
 }
 
@@ -354,34 +412,45 @@ void pack_factor(const T* b, bool transposed, std::int64_t depth, std::int64_t c
 }
 
 template <typename T>
-void packed_product(const T* a, const void* packed, std::int64_t rows, std::int64_t cols, std::int64_t depth,
-                    bool accumulate, T* c) {
-    Factors<T> f{{a, depth, 1}, {}, c, cols, rows, cols, depth, accumulate};
-    std::optional<Scratch<T>> aside;
-    if (accumulate && depth > block_depth) {
-        aside.emplace(rows * cols);
-        f.c = aside->get();
-        f.add = false;
-    }
-    const Strips<T> strips(0, rows);
-    const RealOf<T>* panel = static_cast<const RealOf<T>*>(packed);
-    for (std::int64_t k = 0; k < depth; k += block_depth) {
-        const std::int64_t steps = std::min(block_depth, depth - k);
-        for (std::int64_t p = 0; p < f.panels(); ++p) {
-            const std::int64_t row = panel_row<T>(f.panel_cols(p));
-            panel_times_strips<T, false>(f, strips, nullptr, k, steps, p, panel, row);
-            panel += steps * row;
+void packed_product(const T* a, std::int64_t a_row, const void* packed, std::int64_t rows, std::int64_t cols,
+                    std::int64_t depth, bool accumulate, T* c, const ProductEnds* ends) {
+    Factors<T> f{{a, a_row, 1}, {}, c, cols, rows, cols, depth, accumulate, ends};
+    if (rows < 1 || cols < 1 || depth < 1) {
+        if (!accumulate) {
+            std::fill_n(c, rows * cols, T(0));
         }
+        f.finish(0, rows, 0, cols);
+        return;
     }
-    if (aside) {
-        std::transform(c, c + rows * cols, aside->get(), c, [](T x, T y) { return x + y; });
+    const RealOf<T>* panels = static_cast<const RealOf<T>*>(packed);
+    const std::int64_t step = packed_factor_size<T>(1, cols);
+    const auto multiply_all = [&] {
+        multiply_laid_out<T, false>(f, 0, parts_of(depth, block_depth), [&](std::int64_t block, std::int64_t panel) {
+            const std::int64_t first = block * block_depth;
+            return panels + first * step +
+                   std::min(block_depth, depth - first) * panel * TileShape<T>::cols * TileShape<T>::parts;
+        });
+    };
+    if (!accumulate || depth <= block_depth) {
+        multiply_all();
+        return;
     }
+    const Scratch<T> aside(rows * cols);
+    f.c = aside.get();
+    f.add = false;
+    f.ends = nullptr;
+    multiply_all();
+    std::transform(c, c + rows * cols, aside.get(), c, [](T x, T y) { return x + y; });
+    f.c = c;
+    f.ends = ends;
+    f.finish(0, rows, 0, cols);
 }
 
-#define ORNIK_INSTANTIATE_PRODUCTS(T)                                             \
-    template void float_product(const ProductPlan&, const T*, const T*, T*);      \
-    template std::int64_t packed_factor_size<T>(std::int64_t, std::int64_t);      \
-    template void pack_factor(const T*, bool, std::int64_t, std::int64_t, void*); \
-    template void packed_product(const T*, const void*, std::int64_t, std::int64_t, std::int64_t, bool, T*)
+#define ORNIK_INSTANTIATE_PRODUCTS(T)                                                                                 \
+    template void float_product(const ProductPlan&, const T*, const T*, T*, const ProductEnds*);                      \
+    template std::int64_t packed_factor_size<T>(std::int64_t, std::int64_t);                                          \
+    template void pack_factor(const T*, bool, std::int64_t, std::int64_t, void*);                                     \
+    template void packed_product(const T*, std::int64_t, const void*, std::int64_t, std::int64_t, std::int64_t, bool, \
+                                 T*, const ProductEnds*)
 
 }  // namespace ornik::device::cpu

@@ -76,6 +76,7 @@ template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
     constexpr int width = lanes<R>;
     constexpr int parts = TileShape<T>::parts;
     constexpr int across = parts * Vectors;
+    constexpr std::int64_t steps_ahead = 16;
     V sums[Rows][across];
     R* target = reinterpret_cast<R*>(out);
     const std::int64_t target_row = out_row * parts;
@@ -101,6 +102,10 @@ template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
     const R* b = in.b;
     for (std::int64_t k = in.depth; k > 0; --k) {
         V x[across];
+        // Panels go on where hardware looks no further: on the next page.
+        ORNIK_UNROLLED for (std::size_t at = 0; at < sizeof(x); at += 64) {
+            vec::prefetch(reinterpret_cast<const char*>(b + steps_ahead * in.b_step) + at);
+        }
         ORNIK_UNROLLED for (int v = 0; v < across; ++v) { x[v] = load<V>(b + v * width); }
         ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
             const R* y = reinterpret_cast<const R*>(Packed ? a[0] + i * static_cast<std::int64_t>(sizeof(T))
@@ -115,7 +120,7 @@ template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
                     V& sum_im = sums[i][Vectors + v];
                     const V x_re = x[v];
                     const V x_im = x[Vectors + v];
-                    sum_re = fused(-im, x_im, fused(re, x_re, sum_re));
+                    sum_re = vec::fused_minus(im, x_im, fused(re, x_re, sum_re));
                     sum_im =
                         Swapped ? fused(re, x_im, fused(im, x_re, sum_im)) : fused(im, x_re, fused(re, x_im, sum_im));
                 }
