@@ -36,7 +36,7 @@ struct Batch {
     const char* name;
     std::int64_t count, n;
 };
-inline constexpr Batch eigh_batches[] = {{"64x16", 64, 16}, {"1x128", 1, 128}};
+inline constexpr Batch matrix_batches[] = {{"64x16", 64, 16}, {"1x128", 1, 128}, {"1x400", 1, 400}};
 
 /// Elements of symmetric matrices, count x n x n, scattered over [-0.5, 0.5).
 inline void fill_symmetric(const Batch& batch, float* element) {
@@ -97,6 +97,24 @@ inline constexpr Conv convolutions[] = {
 inline constexpr std::int64_t image_shape[] = {32, 64, 32, 32};
 inline constexpr std::int64_t feature_rows = 8192;
 inline constexpr std::int64_t features = 768;
+
+/// Rows of exponentials and norms: small ones, where a call's own time counts, and large ones.
+inline constexpr std::int64_t softmax_sizes[][2] = {{1536, 128}, {4096, 1000}};
+inline constexpr std::int64_t norm_sizes[][2] = {{128, 768}, {8192, 768}};
+inline constexpr std::int64_t function_sizes[] = {128 * 3072, 1'000'000, large};
+
+/// Attention over [batch, heads, length, width].
+struct Attention {
+    const char* name;
+    std::int64_t batch, heads, length, width;
+    bool causal;
+    bool wide;  // float64
+};
+inline constexpr Attention attentions[] = {
+    {"1x12x128x64", 1, 12, 128, 64, false, false},       {"8x12x128x64", 8, 12, 128, 64, false, false},
+    {"16x4x64x64/causal", 16, 4, 64, 64, true, false},   {"1x8x1024x64", 1, 8, 1024, 64, false, false},
+    {"1x8x1024x64/causal", 1, 8, 1024, 64, true, false}, {"8x12x128x64/float64", 8, 12, 128, 64, false, true},
+};
 
 /// The training step of the demo's network: images [N, 1, 28, 28].
 inline constexpr std::int64_t training_batch = 128;

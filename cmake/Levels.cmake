@@ -10,7 +10,7 @@ list(FILTER level_sources INCLUDE REGEX "/src/hardware/cpu/")
 foreach(level IN LISTS ornik_further_levels)
   ornik_add_kernel_options(ornik_kernel_options_${level} ${level})
   set(kernels ornik_${level}_objects)
-  # But for the products and row kernels, which use all of it, the two levels are the same instructions.
+  # But for the row kernels, which use all of it, the two levels are the same instructions.
   if(level STREQUAL "x86-64-v4" AND TARGET ornik_x86-64-v3_objects AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     set(kernels ornik_x86-64-v3_objects)
   endif()
@@ -19,7 +19,7 @@ foreach(level IN LISTS ornik_further_levels)
     set_target_properties(ornik_${level}_objects PROPERTIES EXCLUDE_FROM_ALL ON)
   endif()
   add_library(ornik_level_${level} SHARED
-    $<TARGET_OBJECTS:ornik_${level}_product_objects> $<TARGET_OBJECTS:ornik_${level}_row_objects>
+    $<TARGET_OBJECTS:ornik_${level}_row_objects>
     $<TARGET_OBJECTS:${kernels}> $<FILTER:$<TARGET_OBJECTS:ornik_objects>,EXCLUDE,/src/hardware/cpu/>)
   target_link_libraries(ornik_level_${level} PRIVATE OpenMP::OpenMP_CXX ${ornik_zlib} ornik_options)
   target_link_options(ornik_level_${level} PRIVATE ${ornik_link_options})

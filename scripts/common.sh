@@ -6,7 +6,7 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # apt, says what is needed and goes on: the tools may have come another way.
 install_missing() {
     if ! command -v apt-get >/dev/null 2>&1 || ! command -v dpkg-query >/dev/null 2>&1; then
-        echo "This system has no apt. Needed are CMake 3.25, Ninja, GCC 12 or Clang 16, Eigen 3.4, OpenMP, and what" \
+        echo "This system has no apt. Needed are CMake 3.25, Ninja, GCC 12 or Clang 16, OpenMP, and what" \
             "stands behind these Debian packages: $*" >&2
         command -v cmake >/dev/null 2>&1 && command -v ninja >/dev/null 2>&1 || exit 1
         return 0
@@ -36,7 +36,7 @@ build() {
     (cd "$root" && cmake --preset "$preset" "${launcher[@]}" "$@" && cmake --build --preset "$preset")
 }
 
-build_packages=(g++ cmake ninja-build libeigen3-dev)
+build_packages=(g++ cmake ninja-build)
 example_packages=(zlib1g-dev libcli11-dev)
 python_packages=(python3 python3-dev python3-venv)
 

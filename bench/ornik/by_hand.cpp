@@ -112,9 +112,8 @@ HandPass block_by_hand(const std::vector<Tensor*>& p, int heads, Tensor* x, Tens
         heads_of[static_cast<std::size_t>(part)] = own(projected->permute(middle_axes));
     }
     auto& [q, k, v] = heads_of;
-    nn::Attended attended = nn::attention(q.get(), k.get(), v.get(), {.causal = true});
+    nn::AttendedRows attended = nn::attention_rows(q.get(), k.get(), v.get(), {.causal = true});
     Owned merged = own(own(attended.output->permute(middle_axes))->reshape(shape));
-    attended.output.reset();
     Owned middle = linear(merged, out);
     ornik::add(1, x, 1, middle.get(), middle.get(), 0);
     nn::Normalized second = norm(middle.get(), norm2);
@@ -148,10 +147,10 @@ HandPass block_by_hand(const std::vector<Tensor*>& p, int heads, Tensor* x, Tens
     g = own(back_linear(out, residual.get(), merged.get())->reshape(split));
     merged.reset();
     g = own(g->permute(middle_axes));
-    nn::AttentionGradients parts =
-        nn::attention_grad(g.get(), q.get(), k.get(), v.get(), attended.probabilities.get(), nullptr, {.causal = true});
+    nn::AttentionGradients parts = nn::attention_rows_grad(
+        g.get(), q.get(), k.get(), v.get(), {attended.output.get(), attended.log_sums.get()}, {.causal = true});
     g.reset();
-    attended.probabilities.reset();
+    attended = {};
     heads_of = {};
     Owned sum;
     const std::array<Owned*, 3> gradients{&parts.query, &parts.key, &parts.value};

@@ -5,6 +5,7 @@ int main(int argc, char** argv) {
     bench::tensor_rows();
     bench::math_rows();
     bench::network_rows();
+    bench::kernel_rows();
     bench::recording_rows();
     bench::training_rows();
     return bench::run(argc, argv);

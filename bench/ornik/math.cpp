@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "tensor/tensor_math/decompositions.h"
+#include "tensor/tensor_math/linear_algebra.h"
 #include "tensors.h"
 
 namespace bench {
@@ -82,16 +84,31 @@ void product_rows() {
     }
 }
 
-void eigh_rows() {
-    for (const bench::Batch& batch : bench::eigh_batches) {
+void decomposition_rows() {
+    for (const bench::Batch& batch : bench::matrix_batches) {
         const TensorPtr x(Tensor::empty({batch.count, batch.n, batch.n}, ornik::device_cpu, dtype::float32));
         bench::fill_symmetric(batch, static_cast<float*>(x->getRawData()));
-        bench::row(std::string("eigh/") + batch.name, [x] {
-            for (const Tensor* result : ornik::eigh(x.get())) {
-                delete result;
-            }
-        });
-        bench::row(std::string("eigvalsh/") + batch.name, [x] { delete ornik::eigvalsh(x.get()); });
+        const TensorPtr unit(Tensor::eye(batch.n, batch.n, 0, dtype::float32));
+        const TensorPtr much(unit->mult_scalar(static_cast<float>(batch.n)));
+        const TensorPtr definite(x->add_tensor(much.get()));
+        const TensorPtr b(Tensor::ones({batch.count, batch.n, 1}, ornik::device_cpu, dtype::float32));
+        const auto row = [&](const char* name, auto decompose) {
+            bench::row(std::string(name) + "/" + batch.name, [decompose] {
+                for (const Tensor* result : decompose()) {
+                    delete result;
+                }
+            });
+        };
+        const auto one = [](Tensor* result) { return std::vector<Tensor*>{result}; };
+        row("eigh", [=] { return ornik::eigh(x.get()); });
+        row("eigvalsh", [=] { return one(ornik::eigvalsh(x.get())); });
+        row("cholesky", [=] { return one(ornik::cholesky(definite.get())); });
+        row("solve", [=] { return one(ornik::solve(definite.get(), b.get())); });
+        row("inv", [=] { return one(ornik::inv(definite.get())); });
+        row("qr", [=] { return ornik::qr(x.get()); });
+        row("svd", [=] { return ornik::svd(x.get(), false); });
+        row("svdvals", [=] { return one(ornik::svdvals(x.get())); });
+        row("eig", [=] { return ornik::eig(x.get()); });
     }
 }
 
@@ -153,7 +170,7 @@ void order_rows() {
 void math_rows() {
     element_rows();
     product_rows();
-    eigh_rows();
+    decomposition_rows();
     reduction_rows();
     order_rows();
 }

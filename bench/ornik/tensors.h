@@ -33,6 +33,7 @@ inline TensorPtr shuffled(const Dims& shape) {
 void tensor_rows();
 void math_rows();
 void network_rows();
+void kernel_rows();
 void recording_rows();
 void training_rows();
 

@@ -35,5 +35,6 @@ int main(int argc, char** argv) {
     bench::tensor_rows();
     bench::math_rows();
     bench::network_rows();
+    bench::kernel_rows();
     return bench::run(argc, argv);
 }

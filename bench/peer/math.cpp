@@ -73,12 +73,24 @@ void product_rows() {
     }
 }
 
-void eigh_rows() {
-    for (const bench::Batch& batch : bench::eigh_batches) {
+void decomposition_rows() {
+    for (const bench::Batch& batch : bench::matrix_batches) {
         const at::Tensor x = at::empty({batch.count, batch.n, batch.n});
         bench::fill_symmetric(batch, x.data_ptr<float>());
-        bench::row(std::string("eigh/") + batch.name, [x] { at::linalg_eigh(x); });
-        bench::row(std::string("eigvalsh/") + batch.name, [x] { at::linalg_eigvalsh(x); });
+        const at::Tensor definite = x + at::eye(batch.n) * batch.n;
+        const at::Tensor b = at::ones({batch.count, batch.n, 1});
+        const auto row = [&](const char* name, auto decompose) {
+            bench::row(std::string(name) + "/" + batch.name, decompose);
+        };
+        row("eigh", [=] { at::linalg_eigh(x); });
+        row("eigvalsh", [=] { at::linalg_eigvalsh(x); });
+        row("cholesky", [=] { at::linalg_cholesky(definite); });
+        row("solve", [=] { at::linalg_solve(definite, b); });
+        row("inv", [=] { at::linalg_inv(definite); });
+        row("qr", [=] { at::linalg_qr(x); });
+        row("svd", [=] { at::linalg_svd(x, false); });
+        row("svdvals", [=] { at::linalg_svdvals(x); });
+        row("eig", [=] { at::linalg_eig(x); });
     }
 }
 
@@ -131,7 +143,7 @@ void order_rows() {
 void math_rows() {
     element_rows();
     product_rows();
-    eigh_rows();
+    decomposition_rows();
     reduction_rows();
     order_rows();
 }

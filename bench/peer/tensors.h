@@ -20,6 +20,7 @@ inline at::Tensor shuffled(at::IntArrayRef shape) {
 void tensor_rows();
 void math_rows();
 void network_rows();
+void kernel_rows();
 void recording_rows();
 void training_rows();
 

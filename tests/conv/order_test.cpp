@@ -204,7 +204,7 @@ TEST(ConvolutionOrder, EveryKernelKeepsIt) {
     std::mt19937 random(7);
     const auto below = [&](unsigned n) { return static_cast<std::int64_t>(random() % n); };
     const auto axis = [&] { return Axis{1 + below(20), 1 + below(4), 1 + below(3), below(3), 1 + below(2)}; };
-    while (shapes.size() < listed + 60) {
+    while (shapes.size() < listed + 40) {
         const Shape s{1 + below(3), 1 + below(3), 1 + below(below(3) == 0 ? 70 : 4), 1 + below(below(3) == 0 ? 70 : 4),
                       axis(),       axis()};
         if (s.rows.exists() && s.cols.exists() && s.work() < 100000) {
@@ -216,7 +216,7 @@ TEST(ConvolutionOrder, EveryKernelKeepsIt) {
         SCOPED_TRACE(testing::Message() << shapes[i]);
         ConfigSetNumThreads(teams[i % std::size(teams)]);
         check<float>(shapes[i], static_cast<unsigned>(5 * i));
-        if (i < listed || i % 3 == 0) {
+        if (i < listed) {
             check<double>(shapes[i], static_cast<unsigned>(5 * i));
         }
         if (HasFailure()) {

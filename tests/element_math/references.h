@@ -125,6 +125,7 @@ struct UnaryReference {
     CLD (*complex)(CLD) = nullptr;
     double low = -3;  // Where gradients are checked, for real numbers.
     double high = 3;
+    double absolute_below = -HUGE_VAL;  // Arguments whose error is bounded by 2^-23 of them, in float32.
 };
 
 /// One row per operation of the table.
@@ -162,7 +163,7 @@ inline const std::map<std::string, UnaryReference>& unary_references() {
         {"logsigmoid", {REAL(x < 0 ? x - std::log1p(std::exp(x)) : -std::log1p(std::exp(-x)))}},
         {"softplus", {REAL(x > 0 ? x + std::log1p(std::exp(-x)) : std::log1p(std::exp(x)))}},
         {"silu", {REAL(x < -11000 ? -0.0L : x / (1 + std::exp(-x)))}},
-        {"gelu", {REAL(x < -150 ? -0.0L : x / 2 * std::erfc(-x * root_half))}},
+        {"gelu", {REAL(x < -150 ? -0.0L : x / 2 * std::erfc(-x * root_half)), -3, 3, -0.5}},
         {"erf", {REAL(std::erf(x))}},
         {"neg", {BOTH(-x)}},
         {"sqr", {BOTH(x * x)}},

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "ornik.h"
+#include "support/expect_error.h"
 #include "support/gradients.h"
 #include "support/teams.h"
 #include "tensor/nn/interpolate.h"
@@ -248,6 +249,62 @@ TEST(AttentionFunctions, CausalScaledAndMaskedGradients) {
             EXPECT_EQ(bytes_of(some.value), bytes_of(grads.value));
         }
     }
+}
+
+// Without probabilities the same comes out, over any number of tiles of queries and keys and all layouts.
+TEST(AttentionFunctions, WithoutProbabilities) {
+    struct Case {
+        std::int64_t n, m;
+        bool causal;
+        int mask;  // none, added to every query alike, bool that hides keys and the whole of some rows
+    };
+    int turn = 0;
+    for (const Case& c : {Case{3, 5, false, 0},
+                          {130, 300, false, 1},
+                          {300, 260, true, 0},
+                          {140, 530, true, 2},
+                          {7, 270, false, 2},
+                          {4, 0, false, 0}}) {
+        SCOPED_TRACE(testing::Message() << c.n << " " << c.m << " " << c.causal << " " << c.mask);
+        const Layout layout = all_layouts[++turn % 5];
+        for (const std::int64_t type : {dtype::float64, dtype::float32}) {
+            const auto made = [&](std::int64_t rows, std::int64_t cols, unsigned seed) {
+                return rows == 0 ? make_empty({2, 2, rows, cols}, type)
+                                 : random_tensor({2, 2, rows, cols}, type, seed, layout);
+            };
+            const TensorPtr q = made(c.n, 9, 1), k = made(c.m, 9, 2), v = made(c.m, 6, 3), g = made(c.n, 6, 4);
+            const TensorPtr ones(Tensor::ones({c.n, std::max<std::int64_t>(1, c.m)}, 0, dtype::boolean));
+            const TensorPtr mask(c.mask == 0   ? nullptr
+                                 : c.mask == 1 ? random_tensor({2, 1, c.m}, type, 5).release()
+                                               : ones->tril(-2));
+            const nn::AttentionOptions options{.mask = mask.get(), .causal = c.causal, .scale = c.n == 7 ? -0.5 : 0};
+            const nn::Attended whole = nn::attention(q.get(), k.get(), v.get(), options);
+            const nn::AttendedRows rows = nn::attention_rows(q.get(), k.get(), v.get(), options);
+            const double bound = type == dtype::float64 ? 1e-13 : 2e-5;
+            expect_values(rows.output.get(), doubles_of(whole.output.get()), bound);
+            const nn::AttentionGradients expected =
+                nn::attention_grad(g.get(), q.get(), k.get(), v.get(), whole.probabilities.get(), nullptr, options);
+            const auto gradients = [&](const std::array<bool, 3>& wanted) {
+                return nn::attention_rows_grad(g.get(), q.get(), k.get(), v.get(),
+                                               {rows.output.get(), rows.log_sums.get()}, options, wanted);
+            };
+            const nn::AttentionGradients got = gradients({true, true, true});
+            expect_values(got.query.get(), doubles_of(expected.query.get()), bound);
+            expect_values(got.key.get(), doubles_of(expected.key.get()), bound);
+            expect_values(got.value.get(), doubles_of(expected.value.get()), bound);
+            EXPECT_TRUE(gradients({false, true, false}).query == nullptr);
+            EXPECT_EQ(bytes_of(gradients({true, false, false}).query), bytes_of(got.query));
+            EXPECT_EQ(bytes_of(gradients({false, false, true}).value), bytes_of(got.value));
+            expect_same_bits([&] { return nn::attention_rows(q.get(), k.get(), v.get(), options).output.release(); });
+            expect_same_bits([&] { return gradients({false, true, false}).key.release(); });
+        }
+    }
+    const TensorPtr q = random_tensor({2, 3}, dtype::float32, 1);
+    EXPECT_REFUSAL(nn::attention_rows(q.get(), q.get(), q.get(), {.dropout = 0.5}),
+                   "Attention without probabilities has no dropout.");
+    // An output laid out as permuted heads are.
+    const TensorPtr heads(random_tensor({2, 5, 3, 4}, dtype::float32, 1)->permute({0, 2, 1, 3}));
+    EXPECT_EQ(nn::attention_rows(heads.get(), heads.get(), heads.get()).output->Strides(), heads->Strides());
 }
 
 TEST(AttentionFunctions, DropoutAndNoElements) {

@@ -66,6 +66,24 @@ ORNIK_API AttentionGradients attention_grad(Tensor* output_gradient, Tensor* que
                                             Tensor* probabilities, Tensor* kept, const AttentionOptions& options = {},
                                             const std::array<bool, 4>& wanted = {true, true, true, false});
 
+/// What attention leaves that keeps one number per query, not the probabilities.
+struct AttendedRows {
+    std::unique_ptr<Tensor> output;    ///< its axes follow each other in memory as the query's do
+    std::unique_ptr<Tensor> log_sums;  ///< [..., n], the logarithms of the sums of exponentials
+};
+struct SavedRows {
+    Tensor* output;
+    Tensor* log_sums;
+};
+
+/// As attention(), in one pass without a tensor of scores. There is no dropout.
+ORNIK_API AttendedRows attention_rows(Tensor* query, Tensor* key, Tensor* value, const AttentionOptions& options = {});
+
+/// Those of query, key and value that are wanted; the others are null, as is the mask's.
+ORNIK_API AttentionGradients attention_rows_grad(Tensor* output_gradient, Tensor* query, Tensor* key, Tensor* value,
+                                                 const SavedRows& saved, const AttentionOptions& options = {},
+                                                 const std::array<bool, 3>& wanted = {true, true, true});
+
 }  // namespace nn
 
 /// One dense map x W + b: weight [in, out], bias [out], [1, out] or null. Not owned.

@@ -16,11 +16,14 @@
 //   log10, sinh, cosh, asinh, acosh, atanh, logsigmoid,
 //   softplus                                              0.51      2
 //   silu                                                  0.51      6
-//   gelu                                                  0.51      24
+//   gelu                                                  2 (1)     24
 //   sqrt, reciprocal, sqr, angle, remainder               0.5       0.5
 //   sin, cos                                              1.6       1
 //   tanh, sigmoid                                         2.5       2.5
 //   all others                                            exact     exact
+//
+// (1) For x >= -1/2; further down the error is at most 2^-23 |x|. Over all numbers of float32 it was found to be 1.80
+//     units and 0.97 * 2^-23 |x|.
 //
 // Parts of complex results are within 4 units of the last place of the result's magnitude (2^-22 and 2^-51 of
 // it) where neither intermediate values nor the standard library's own functions overflow.

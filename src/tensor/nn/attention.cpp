@@ -1,6 +1,7 @@
 // attention.cpp: scaled dot-product attention as batched products around a softmax.
 #include "tensor/nn/attention.h"
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <numeric>
@@ -103,6 +104,61 @@ nn::Attended attend(const Where& at, Tensor* query, Tensor* key, Tensor* value, 
     return result;
 }
 
+// The tensor itself if the rows of its matrices hold adjacent elements, or else a copy whose rows do.
+class WithRows {
+  public:
+    explicit WithRows(Tensor* t) : tensor_(t) {
+        const std::int64_t row = t->Strides().end()[-2];
+        const std::int64_t cols = t->Shape().back();
+        if (t->Size() > 0 && ((cols > 1 && t->Strides().back() != 1) || row < cols)) {
+            copy_ = std::make_unique<Borrowed>(Borrowed::contiguous(t));
+            tensor_ = copy_->get();
+        }
+    }
+    const Tensor* get() const { return tensor_; }
+
+  private:
+    std::unique_ptr<Borrowed> copy_;
+    Tensor* tensor_;
+};
+
+// A new tensor whose axes but the last follow each other in memory as those of `like` do.
+std::unique_ptr<Tensor> laid_out_like(const Tensor* like, const Dims& shape) {
+    std::vector<int> order(shape.size());
+    std::iota(order.begin(), order.end(), 0);
+    std::stable_sort(order.begin(), order.end() - 1, [&](int a, int b) {
+        return like->Strides()[static_cast<std::size_t>(a)] > like->Strides()[static_cast<std::size_t>(b)];
+    });
+    if (std::is_sorted(order.begin(), order.end())) {
+        return make_output(shape, like);
+    }
+    Dims laid;
+    std::vector<int> back(order.size());
+    for (std::size_t i = 0; i < order.size(); ++i) {
+        laid.push_back(shape[static_cast<std::size_t>(order[i])]);
+        back[static_cast<std::size_t>(order[i])] = static_cast<int>(i);
+    }
+    return std::unique_ptr<Tensor>(make_output(laid, like)->permute(back));
+}
+
+nn::AttendedRows attend_rows(const Where& at, Tensor* query, Tensor* key, Tensor* value,
+                             const nn::AttentionOptions& options) {
+    check_attention_operands(at, {query, key, value});
+    const Extents extents = check(at, query, key, value);
+    const Dims shape = extents.with(extents.n, extents.m);
+    check_attention_mask(at, options.mask, query->Dtype(), query->Device(), shape);
+    nn::AttendedRows result{laid_out_like(query, extents.with(extents.n, extents.e)), nullptr};
+    Dims rows = extents.leading;
+    rows.push_back(extents.n);
+    result.log_sums = make_output(rows, query);
+    const WithRows q(query), k(key), v(value);
+    const std::unique_ptr<Tensor> expanded(options.mask == nullptr ? nullptr
+                                                                   : Tensor::broadcast_to(options.mask, shape));
+    device::cpu::attention_rows({q.get(), k.get(), v.get(), expanded.get(), extents.scale(options), options.causal},
+                                result.output.get(), result.log_sums.get());
+    return result;
+}
+
 // Which tensors the gradients are formed from, checked.
 struct Saved {
     Tensor* query;
@@ -193,13 +249,21 @@ void check_options(const Where& at, const nn::AttentionOptions& options) {
     }
 }
 
+void check_no_dropout(const Where& at, const nn::AttentionOptions& options) {
+    if (options.dropout > 0) {
+        fail(at, "Attention without probabilities has no dropout.");
+    }
+}
+
 }  // namespace
 
 Tensor* scaled_dot_product_attention(Tensor* query, Tensor* key, Tensor* value, Tensor* mask, Tensor** probabilities) {
-    nn::Attended result = attend(where("ornik::scaled_dot_product_attention"), query, key, value, {.mask = mask});
-    if (probabilities != nullptr) {
-        *probabilities = result.probabilities.release();
+    const Where at = where("ornik::scaled_dot_product_attention");
+    if (probabilities == nullptr) {
+        return attend_rows(at, query, key, value, {.mask = mask}).output.release();
     }
+    nn::Attended result = attend(at, query, key, value, {.mask = mask});
+    *probabilities = result.probabilities.release();
     return result.output.release();
 }
 
@@ -225,6 +289,38 @@ AttentionGradients attention_grad(Tensor* output_gradient, Tensor* query, Tensor
     const Where at = where("ornik::nn::attention_grad");
     check_options(at, options);
     return attend_grad(at, {query, key, value, probabilities, kept, output_gradient}, options, wanted);
+}
+
+AttendedRows attention_rows(Tensor* query, Tensor* key, Tensor* value, const AttentionOptions& options) {
+    const Where at = where("ornik::nn::attention");
+    check_options(at, options);
+    check_no_dropout(at, options);
+    return attend_rows(at, query, key, value, options);
+}
+
+AttentionGradients attention_rows_grad(Tensor* output_gradient, Tensor* query, Tensor* key, Tensor* value,
+                                       const SavedRows& saved, const AttentionOptions& options,
+                                       const std::array<bool, 3>& wanted) {
+    const Where at = where("ornik::nn::attention_grad");
+    check_options(at, options);
+    check_no_dropout(at, options);
+    check_attention_operands(at, {query, key, value, saved.output, saved.log_sums, output_gradient});
+    const Extents extents = check(at, query, key, value);
+    const Dims shape = extents.with(extents.n, extents.e);
+    check_attention_gradient(at, output_gradient, shape);
+    check_attention_gradient(at, saved.output, shape);
+    const auto made = [&](bool is_wanted, const Tensor* t) {
+        return is_wanted ? laid_out_like(t, t->Shape()) : nullptr;
+    };
+    AttentionGradients result{made(wanted[0], query), made(wanted[1], key), made(wanted[2], value), nullptr};
+    const WithRows q(query), k(key), v(value);
+    const WithRows y(saved.output), g(output_gradient);
+    const std::unique_ptr<Tensor> expanded(
+        options.mask == nullptr ? nullptr : Tensor::broadcast_to(options.mask, extents.with(extents.n, extents.m)));
+    device::cpu::attention_rows_grad(
+        {q.get(), k.get(), v.get(), expanded.get(), extents.scale(options), options.causal}, {y.get(), saved.log_sums},
+        g.get(), result.query.get(), result.key.get(), result.value.get());
+    return result;
 }
 
 }  // namespace nn

@@ -123,6 +123,31 @@ ORNIK_IN_PLACE double exp(double x) {
     return mantissa * power_of_two(half) * power_of_two(k - half);
 }
 
+/// 2^scale e^x of an x that is not above 0. One factor then covers all exponents: dividing by a sum of such powers, or
+/// multiplying by 2^-scale, reaches the subnormal range.
+template <typename T>
+inline constexpr int power_scale = sizeof(T) == 4 ? 24 : 54;
+ORNIK_IN_PLACE float scaled_power(float x) {
+    const auto [k, r] = by_ln2(x < -104.0F ? -104.0F : x);
+    return (fused(r * r, exp_tail(r), r) + 1.0F) * power_of_two(k + power_scale<float>);
+}
+ORNIK_IN_PLACE double scaled_power(double x) {
+    const auto [k, r] = by_ln2(x < -746.0 ? -746.0 : x);
+    return (fused(r * r, exp_tail(r), r) + 1.0) * power_of_two(k + double{power_scale<double>});
+}
+
+/// e^x of an x that is not above 0, or 0 where that is next to nothing.
+ORNIK_IN_PLACE float power_or_nothing(float x) {
+    const auto [k, r] = by_ln2(x < -87.0F ? -87.0F : x);
+    const float power = (fused(r * r, exp_tail(r), r) + 1.0F) * power_of_two(k);
+    return x < -87.0F ? 0.0F : power;
+}
+ORNIK_IN_PLACE double power_or_nothing(double x) {
+    const auto [k, r] = by_ln2(x < -708.0 ? -708.0 : x);
+    const double power = (fused(r * r, exp_tail(r), r) + 1.0) * power_of_two(k);
+    return x < -708.0 ? 0.0 : power;
+}
+
 /// 1 / (1 + e^-x) = 2^-30 / (2^-30 + 2^-30 e^-x): one factor then covers all exponents.
 ORNIK_IN_PLACE float sigmoid(float x) {
     const auto [k, r] = by_ln2(clamped(-x, -25.0F, 104.0F));
@@ -277,33 +302,44 @@ ORNIK_IN_PLACE float erf(float x) {
     return std::copysign(a < 1.0F ? near : far, x);
 }
 
-/// The normal distribution beyond a, for a in 0 .. 15, and its density at a: to 2^-32 of their values.
-struct NormalTail {
-    double tail;
-    double density;
-};
-ORNIK_IN_PLACE NormalTail normal_tail(double a) {
-    // exp(-a^2 / 2) = 2^k 2^f, |f| <= 1/2; the whole k joins the exponent of 2^f. 2^-39.
-    const double log2_power = a * a * -0.72134752044448170;
-    const double shifted = log2_power + whole64;
-    const double f = log2_power - (shifted - whole64);
-    // Even and odd powers apart: chains of half the length, which this function would otherwise wait for.
+/// 2^y for y in -1000 .. 1000: the whole part joins the exponent of the rest's power. 2^-39.
+ORNIK_IN_PLACE double power_of_two_approx(double y) {
+    const double shifted = y + whole64;
+    const double f = y - (shifted - whole64);
+    // Even and odd powers apart: chains of half the length, which callers would otherwise wait for.
     const double ff = f * f;
     const double mantissa = fused(
         f, polynomial(ff, 0.69314718054593345, 0.05550410941205933, 0.0013333450568000646, 1.5310079402249297e-5),
         polynomial(ff, 1.0, 0.24022650695812988, 0.0096181291594025582, 0.00015403455852453839, 1.3255224878668817e-6));
-    const auto power =
-        std::bit_cast<double>(std::bit_cast<std::uint64_t>(mantissa) + (std::bit_cast<std::uint64_t>(shifted) << 52));
-    // tail = power / (a + 5.1) times this in t = (a - 5.1) / (a + 5.1); 2^-32.
-    const double r = 1.0 / (a + 5.1);
-    const double t = fused(r, -10.2, 1.0);
-    const double tt = t * t;
-    const double scaled = fused(t,
-                                polynomial(tt, -0.66971865862699695, -0.32478793256932536, -0.076914393165548292,
-                                           -0.0046710811192976865, 0.00061317726507881668, -6.9385613812280659e-5),
-                                polynomial(tt, 0.7702043794107879, 0.50399191329344088, 0.17573465182517961,
-                                           0.025091923963142885, -0.00044258869706829778, -0.00012855356266336283));
-    return {power * (r * scaled), power * 0.39894228040143268};
+    return std::bit_cast<double>(std::bit_cast<std::uint64_t>(mantissa) +
+                                 (std::bit_cast<std::uint64_t>(shifted) << 52));
+}
+
+/// All bits or none; branches would keep the compiler from vector code where much depends on them.
+ORNIK_IN_PLACE std::uint32_t bits_if(bool condition) { return condition ? ~std::uint32_t{0} : 0; }
+ORNIK_IN_PLACE float selected(std::uint32_t bits, float a, float b) {
+    return std::bit_cast<float>((std::bit_cast<std::uint32_t>(a) & bits) | (std::bit_cast<std::uint32_t>(b) & ~bits));
+}
+
+/// The normal distribution function at x. Nearer to 0 than 3 it is 1/2 + x near; beyond, `tail` is what is missing to
+/// 1, or to 0 on the other side, and nothing from 5.5 on.
+struct NormalParts {
+    std::uint32_t far;  ///< as bits
+    float near;
+    float tail;
+};
+ORNIK_IN_PLACE NormalParts normal_parts(float x) {
+    const float a = std::fabs(x);
+    const float z = x * x;
+    // 2^-28 of the distribution up to 1, 2^-26 up to 3. The common factor is one whose rounded products do best.
+    const float above = polynomial(z, 1.24609947F, 0.0601129271F, 0.00976137072F, -2.29170764e-05F, 1.47722926e-06F);
+    const float below = polynomial(z, 3.12350798F, 0.671267331F, 0.0582534708F, 0.00217139255F);
+    const float t = a - 4.0F;
+    const float beyond =
+        polynomial(t, 3.167571335e-5F, -0.000133893114F, 0.0002675305209F, -0.0003339059821F,  // 2^-26
+                   0.0002904067506F, -0.0001838246734F, 8.249885903e-5F, -2.319020016e-5F, 2.981397941e-6F);
+    const float positive = beyond < 0.0F ? 0.0F : beyond;
+    return {bits_if(a >= 3.0F), above / below, selected(bits_if(a < 5.5F), positive, 0.0F)};
 }
 
 }  // namespace ornik::elementary

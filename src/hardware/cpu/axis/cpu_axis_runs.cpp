@@ -117,6 +117,12 @@ void AxisRuns::walk_range(std::int64_t begin, std::int64_t end, std::int64_t bat
             position[axis] = 0;
         }
     };
+    if (std::none_of(buffers.begin(), buffers.end(), [](const auto& buffer) { return buffer != nullptr; })) {
+        for (std::int64_t i = begin; i < end; ++i, next()) {
+            run(context, place.data());
+        }
+        return;
+    }
     std::vector<char*> places(count * static_cast<std::size_t>(batch));  // Of operand k from k * batch on.
     std::vector<char*> runs(count);
     for (std::int64_t first = begin; first < end; first += batch) {

@@ -62,7 +62,7 @@ class QrSolver {
     QrSolver(std::int64_t rows, std::int64_t cols);
     ~QrSolver();
 
-    /// q is rows x rank and r rank x cols; rank is the smaller extent, or `rows` for the complete Q.
+    /// q is rows x rank, or null, and r rank x cols; rank is the smaller extent, or `rows` for the complete Q.
     void decompose(const T* matrix, std::int64_t rank, T* q, T* r);
 
   private:

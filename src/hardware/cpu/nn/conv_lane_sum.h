@@ -100,8 +100,10 @@ class LaneSum {
 
   private:
     static constexpr std::int64_t panel = lane_vectors * lane_width<T>;
-    static constexpr std::int64_t most_positions = 400;                    // of a tile
-    static constexpr std::int64_t most_unblocked = 1 << 15;                // slots of a tile whose totals need not wait
+    static constexpr std::int64_t most_positions = 400;  // of a tile
+    // Totals of one block need not wait: larger tiles, of so many slots, as long as there are some for all processors.
+    static constexpr std::int64_t most_unblocked = 1 << 15;
+    static constexpr std::int64_t most_unblocked_positions = 1024;
     static constexpr std::int64_t least_positions = 5;                     // that keep the processor busy
     static constexpr std::int64_t written_positions = 8 * lane_positions;  // together, while they are near
 
@@ -117,8 +119,9 @@ class LaneSum {
 
     static StagePlan plan_for(const ConvPass& pass, const ConvSum& sum) {
         const std::int64_t channels = conv_block_channels(sum.source_channels, sum.kernel_elements);
-        const std::int64_t most =
-            sum.source_channels > channels ? most_positions : std::max(most_positions, most_unblocked / channels);
+        const std::int64_t most = sum.source_channels > channels
+                                      ? most_positions
+                                      : std::clamp(most_unblocked / channels, most_positions, most_unblocked_positions);
         if (pass.is_pointwise() && pass.fills_target()) {
             const ConvPass row = pass.as_one_row();
             return {row, choose_tile(row, most, lane_positions), SlotLayout::shared};

@@ -44,10 +44,7 @@ void softmax_row(T* x, std::int64_t n) {
         std::replace(x, x + n, highest, T(0));
         return;
     }
-    const T sum = row::exp_into(x, n, highest, x);
-    for (std::int64_t j = 0; j < n; ++j) {
-        x[j] /= sum;
-    }
+    row::softmax(x, n, highest, x);
 }
 
 // Calls visit(row, its first entry, entries that are seen); the others become 0.

@@ -97,7 +97,7 @@ auto row_scale(const Rows<T>& rows, nn::Reduction reduction, const Tensor* upstr
 template <typename T>
 struct LogSum {
     LogSum(const T* x, std::int64_t classes)
-        : highest(row::highest(x, classes)), logarithm(std::log(row::sum_exp(x, classes, highest))) {}
+        : highest(row::highest(x, classes)), logarithm(row::log_sum_exp(x, classes, highest)) {}
     T cost(T x) const { return logarithm + (highest - x); }
     T highest;
     T logarithm;
@@ -145,7 +145,7 @@ void entropy_gradient_of_row(const Rows<T>& rows, std::int64_t i, T scale, T* g)
         return;
     }
     const T* x = rows.row(i);
-    const T factor = scale / row::exp_into(x, classes, row::highest(x, classes), g);
+    const T factor = scale / row::powers_into(x, classes, row::highest(x, classes), g);
     T total = 0;
     if (rows.index == nullptr) {
         for (std::int64_t c = 0; c < classes; ++c) {

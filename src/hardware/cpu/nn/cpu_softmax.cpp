@@ -1,33 +1,15 @@
 #include "hardware/cpu/nn/cpu_softmax.h"
 
-#include <cmath>
-
 #include "../axis/cpu_axis_runs.h"
-#include "../reduce/cpu_reduce_extreme.h"
+#include "descriptors/element_load.h"
 #include "hardware/cpu/dispatch.h"
-#include "hardware/cpu/elements/cpu_exp.h"
+#include "hardware/cpu/nn/row_exp.h"
 
 namespace ornik::device::cpu {
 
 namespace {
 
 constexpr std::int64_t exponential_cost = 4;
-
-template <typename T>
-struct Plus {
-    static T lift(T item) { return item; }
-    static T join(T a, T b) { return a + b; }
-};
-
-// Chunks of a fixed size, added pairwise.
-template <typename T>
-T row_sum(const T* row, std::int64_t n) {
-    if (n <= reduce_chunk) {
-        return Fold<T, T, Plus<T>>::row(row, n);
-    }
-    const std::int64_t half = reduce_detail::parts(reduce_detail::parts(n, reduce_chunk), 2) * reduce_chunk;
-    return row_sum(row, half) + row_sum(row + half, n - half);
-}
 
 // Runs of `first` (n elements each) with those of the others; row(first, second, out, n). Without `second` the
 // first stands for it.
@@ -55,20 +37,14 @@ void for_each_row(const Tensor* first, const Tensor* second, Tensor* out, int ax
 
 void softmax(const Tensor* in, Tensor* out, int axis) {
     for_each_row(in, nullptr, out, axis, []<typename T>(const T* x, const T*, T* y, std::int64_t n) {
-        exp_shifted(x, ExtremeFold<T, true>::row(x, n), y, n);
-        const T sum = row_sum(y, n);
-        for (std::int64_t i = 0; i < n; ++i) {
-            y[i] /= sum;
-        }
+        row::softmax(x, n, row::highest(x, n), y);
     });
 }
 
 void softmax_grad(const Tensor* y, const Tensor* g, Tensor* out, int axis) {
     for_each_row(y, g, out, axis, []<typename T>(const T* output, const T* gradient, T* result, std::int64_t n) {
-        for (std::int64_t i = 0; i < n; ++i) {
-            result[i] = output[i] * gradient[i];
-        }
-        const T sum = row_sum(result, n);
+        const T sum = row::dot(output, gradient, n);
+        ORNIK_INDEPENDENT_ITERATIONS
         for (std::int64_t i = 0; i < n; ++i) {
             result[i] = output[i] * (gradient[i] - sum);
         }
@@ -77,9 +53,9 @@ void softmax_grad(const Tensor* y, const Tensor* g, Tensor* out, int axis) {
 
 void log_softmax(const Tensor* in, Tensor* out, int axis) {
     for_each_row(in, nullptr, out, axis, []<typename T>(const T* x, const T*, T* y, std::int64_t n) {
-        const T highest = ExtremeFold<T, true>::row(x, n);
-        exp_shifted(x, highest, y, n);
-        const T log_sum = std::log(row_sum(y, n));
+        const T highest = row::highest(x, n);
+        const T log_sum = row::log_sum_exp(x, n, highest);
+        ORNIK_INDEPENDENT_ITERATIONS
         for (std::int64_t i = 0; i < n; ++i) {
             y[i] = (x[i] - highest) - log_sum;
         }
@@ -88,10 +64,10 @@ void log_softmax(const Tensor* in, Tensor* out, int axis) {
 
 void log_softmax_grad(const Tensor* y, const Tensor* g, Tensor* out, int axis) {
     for_each_row(y, g, out, axis, []<typename T>(const T* output, const T* gradient, T* result, std::int64_t n) {
-        const T sum = row_sum(gradient, n);
-        exp_shifted(output, T(0), result, n);
+        const T sum = row::sum(gradient, n);
+        ORNIK_INDEPENDENT_ITERATIONS
         for (std::int64_t i = 0; i < n; ++i) {
-            result[i] = gradient[i] - result[i] * sum;
+            result[i] = gradient[i] - elementary::exp(output[i]) * sum;
         }
     });
 }

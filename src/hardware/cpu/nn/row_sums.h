@@ -14,6 +14,7 @@
 
 #include "descriptors/element_load.h"
 #include "hardware/cpu/copy/cpu_core.h"
+#include "hardware/cpu/vector_types.h"
 #include "hardware/parallel.h"
 
 namespace ornik::device::cpu {
@@ -41,18 +42,6 @@ inline bool is_without_elements(const Tensor* input, std::initializer_list<Tenso
     return true;
 }
 
-/// A few elements side by side, as the processor takes them: arithmetic applies to each.
-template <typename T>
-struct Lanes {
-#if defined(__GNUC__) && defined(__AVX__)
-    typedef T type __attribute__((vector_size(32)));
-#elif defined(__GNUC__)
-    typedef T type __attribute__((vector_size(16)));
-#else
-    using type = T;
-#endif
-};
-
 /// What a term is evaluated with: at(p) stands for p[i], of one element or of several side by side.
 template <typename V>
 struct At {
@@ -68,7 +57,7 @@ struct At {
 /// The sum of every term over begin ... end - 1, in independent lanes whose number does not depend on the processor.
 template <typename T, typename... Terms>
 std::array<T, sizeof...(Terms)> lane_sums(std::int64_t begin, std::int64_t end, const Terms&... terms) {
-    using V = typename Lanes<T>::type;
+    using V = vec::Vector<T>;
     constexpr std::int64_t lanes = 128 / sizeof(T);
     constexpr std::int64_t together = sizeof(V) / sizeof(T);
     V sums[sizeof...(Terms)][lanes / together];

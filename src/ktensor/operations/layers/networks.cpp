@@ -80,6 +80,21 @@ KTensor embedding(const KTensor& indices, const KTensor& weight, std::optional<s
 
 // ---- Attention ----
 
+namespace {
+
+// The gradients that there are, of the first operands.
+void give(Backward& pass, std::initializer_list<std::unique_ptr<Tensor>*> gradients) {
+    std::size_t i = 0;
+    for (std::unique_ptr<Tensor>* gradient : gradients) {
+        if (*gradient) {
+            pass.give(i, make_ktensor(std::move(*gradient)));
+        }
+        ++i;
+    }
+}
+
+}  // namespace
+
 std::pair<KTensor, KTensor> attention_with_probabilities(const KTensor& query, const KTensor& key, const KTensor& value,
                                                          const AttentionArguments& arguments) {
     const Recorder record(Op::scaled_dot_product_attention, {&query, &key, &value, &arguments.mask}, 3);
@@ -100,13 +115,7 @@ std::pair<KTensor, KTensor> attention_with_probabilities(const KTensor& query, c
                               pass.grad().tensor(), pass.saved_raw(0), pass.saved_raw(1), pass.saved_raw(2),
                               pass.saved_raw(3), pass.saved_raw(4), options(pass.saved_raw(5)),
                               {pass.wants(0), pass.wants(1), pass.wants(2), pass.wants(3)});
-                          std::unique_ptr<Tensor>* parts[] = {&gradients.query, &gradients.key, &gradients.value,
-                                                              &gradients.mask};
-                          for (std::size_t i = 0; i < std::size(parts); ++i) {
-                              if (*parts[i]) {
-                                  pass.give(i, make_ktensor(std::move(*parts[i])));
-                              }
-                          }
+                          give(pass, {&gradients.query, &gradients.key, &gradients.value, &gradients.mask});
                       });
     }
     return {std::move(y), probabilities};
@@ -114,7 +123,30 @@ std::pair<KTensor, KTensor> attention_with_probabilities(const KTensor& query, c
 
 KTensor scaled_dot_product_attention(const KTensor& query, const KTensor& key, const KTensor& value,
                                      const AttentionArguments& arguments) {
-    return attention_with_probabilities(query, key, value, arguments).first;
+    const Recorder record(Op::scaled_dot_product_attention, {&query, &key, &value, &arguments.mask}, 3);
+    if (arguments.dropout != 0 || record.wants(3)) {
+        return attention_with_probabilities(query, key, value, arguments).first;
+    }
+    const auto options = [causal = arguments.causal, scale = arguments.scale](Tensor* mask) {
+        return nn::AttentionOptions{mask, causal, scale, 0};
+    };
+    nn::AttendedRows result =
+        nn::attention_rows(query.tensor(), key.tensor(), value.tensor(), options(arguments.mask.tensor()));
+    KTensor y = make_ktensor(std::move(result.output));
+    if (record.active()) {
+        const KTensor log_sums = make_ktensor(std::move(result.log_sums));
+        record.finish(y,
+                      {record.operand(0), record.operand(1), record.operand(2), Recorder::output(y),
+                       Recorder::own(log_sums), Recorder::own(arguments.mask)},
+                      [options](Backward& pass) {
+                          nn::AttentionGradients gradients = nn::attention_rows_grad(
+                              pass.grad().tensor(), pass.saved_raw(0), pass.saved_raw(1), pass.saved_raw(2),
+                              {pass.saved_raw(3), pass.saved_raw(4)}, options(pass.saved_raw(5)),
+                              {pass.wants(0), pass.wants(1), pass.wants(2)});
+                          give(pass, {&gradients.query, &gradients.key, &gradients.value});
+                      });
+    }
+    return y;
 }
 
 // ---- Recurrent layers ----
