@@ -237,11 +237,11 @@ TEST(LinearFunctions, ValuesAndGradients) {
     const TensorPtr narrow(Tensor::ones({2, 3}, 0, dtype::float64)), single(Tensor::ones({2, 4}, 0, dtype::float32));
     EXPECT_REFUSAL(prepared(nullptr), "PreparedLinear needs an input.");
     EXPECT_REFUSAL(prepared(single.get()), "Not same data type");
-    EXPECT_REFUSAL(prepared(narrow.get()), "PreparedLinear needs an input [..., 4], however it is [2, 3, ]");
+    EXPECT_REFUSAL(prepared(narrow.get()), "PreparedLinear needs an input [..., 4], however it is ( 2, 3 ) ");
     EXPECT_REFUSAL(prepared(none.get(), nn::LinearEnd::relu, none.get()),
-                   "PreparedLinear adds a residual of the shape [0, 5, ], however it is [0, 4, ]");
+                   "PreparedLinear adds a residual of the shape ( 0, 5 ) , however it is ( 0, 4 ) ");
     EXPECT_REFUSAL(nn::PreparedLinear(narrow.get(), narrow.get()),
-                   "The bias of PreparedLinear with 2 outputs has the shape [2, 3, ]");
+                   "The bias of PreparedLinear with 2 outputs has the shape ( 2, 3 ) ");
     const auto grads = nn::linear_grad(row.get(), none.get(), w.get());
     EXPECT_EQ(grads.input->Shape(), none->Shape());
     EXPECT_EQ(doubles_of(grads.weight.get()), std::vector<double>(20));

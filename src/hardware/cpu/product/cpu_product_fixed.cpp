@@ -1,5 +1,6 @@
 #include "hardware/cpu/product/cpu_product_fixed.h"
 
+#include "../linear_algebra/solver_scalar.h"
 #include "cpu_product_kernels.h"
 #include "hardware/cpu/dispatch.h"
 #include "hardware/scratch.h"
@@ -11,24 +12,10 @@ struct FixedFactor::Packed {
     Scratch<unsigned char> panels;
 };
 
-namespace {
-
-// The standard's type of the same bytes.
-template <typename T>
-struct Standard {
-    using type = T;
-};
-template <typename R>
-struct Standard<complex_scalar::complex<R>> {
-    using type = std::complex<R>;
-};
-
-}  // namespace
-
 FixedFactor::FixedFactor(std::int64_t dtype, const void* b, bool transposed, std::int64_t depth, std::int64_t cols)
     : dtype_(dtype), depth_(depth), cols_(cols) {
     dispatch(FloatOrComplexTypes{}, dtype, [&]<typename T>() {
-        using S = typename Standard<T>::type;
+        using S = SolverScalar<T>;
         constexpr auto real_bytes = static_cast<std::int64_t>(sizeof(decltype(std::real(S{}))));
         packed_ = std::make_unique<Packed>(packed_factor_size<S>(depth, cols) * real_bytes);
         pack_factor(static_cast<const S*>(b), transposed, depth, cols, packed_->panels.get());
@@ -39,7 +26,7 @@ FixedFactor::~FixedFactor() = default;
 
 void FixedFactor::multiply(const void* a, std::int64_t rows, bool accumulate, void* c, const ProductEnds* ends) const {
     dispatch(FloatOrComplexTypes{}, dtype_, [&]<typename T>() {
-        using S = typename Standard<T>::type;
+        using S = SolverScalar<T>;
         packed_product(static_cast<const S*>(a), depth_, packed_->panels.get(), rows, cols_, depth_, accumulate,
                        static_cast<S*>(c), ends);
     });
