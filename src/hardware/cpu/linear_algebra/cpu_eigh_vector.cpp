@@ -58,7 +58,7 @@ struct EighSolver<T>::Work {
             if (length == 1) {
                 break;
             }
-            std::transform(row_k + 1, row_k + length, v.begin() + k + 1, conjugate<T>);
+            std::transform(row_k + 1, row_k + length, v.begin() + k + 1, [](T x) { return conjugate(x); });
             t[at] = make_reflection(v.data() + k + 1, length - 1);
             beside[at] = std::real(v[at + 1]);
             v[at + 1] = T(1);
@@ -71,8 +71,8 @@ struct EighSolver<T>::Work {
             const Real size = square_of(t[at]);
             add_scaled(T(-size * std::real(along) / 2), v.data() + k + 1, length - 1, p);
             std::copy(v.begin() + k + 1, v.end(), old_v.begin() + k + 1);
-            std::transform(v.begin() + k + 1, v.end(), conj_v + k + 1, conjugate<T>);
-            std::transform(q.begin() + k + 1, q.end(), conj_q + k + 1, conjugate<T>);
+            std::transform(v.begin() + k + 1, v.end(), conj_v + k + 1, [](T x) { return conjugate(x); });
+            std::transform(q.begin() + k + 1, q.end(), conj_q + k + 1, [](T x) { return conjugate(x); });
         }
     }
 

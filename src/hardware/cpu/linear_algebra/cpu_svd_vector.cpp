@@ -60,7 +60,7 @@ class Bidiagonalization {
                                                             z_.data() + k + 1, a + i * n_ + k + 1, w_.data() + k + 1);
                 p = times(conjugate(t_right_[at]), sum);
             }
-            std::transform(w_.begin() + k + 1, w_.end(), w_conj, conjugate<T>);
+            std::transform(w_.begin() + k + 1, w_.end(), w_conj, [](T x) { return conjugate(x); });
         }
     }
 
@@ -80,7 +80,7 @@ class Bidiagonalization {
         T* z = z_.data() + k + 1;
         T* w = w_.data() + k + 1;
         const T* w_conj = w_conj_.data() + k + 1;
-        std::transform(u_.begin() + k, u_.end(), u_conj_.begin() + k, conjugate<T>);
+        std::transform(u_.begin() + k, u_.end(), u_conj_.begin() + k, [](T x) { return conjugate(x); });
         std::fill_n(z, rest, T(0));
         for (std::int64_t i = k; i < n_; i += at_once) {
             add_combination(std::min(at_once, n_ - i), u_conj_.data() + i, 1, a + i * n_ + k + 1, n_, rest, z);
@@ -89,7 +89,7 @@ class Bidiagonalization {
         T* row = a + k * n_ + k + 1;
         add_scaled(-p_[at], w_conj, rest, row);
         add_scaled(-t, z, rest, row);
-        std::transform(row, row + rest, w, conjugate<T>);
+        std::transform(row, row + rest, w, [](T x) { return conjugate(x); });
         t_right_[at] = make_reflection(w, rest);
         beside[at] = std::real(w[0]);
         w[0] = T(1);

@@ -38,7 +38,7 @@ class Hessenberg {
             v[0] = T(1);
             std::copy_n(v, rest, vectors_.data() + k * n_ + first);
             T* v_conj = v_conj_.data() + first;
-            std::transform(v, v + rest, v_conj, conjugate<T>);
+            std::transform(v, v + rest, v_conj, [](T x) { return conjugate(x); });
             multiply_left(first, a);
             // From the left, then from the right: A -= t v (v^H A), A -= t' (A v) v^H, t' being the conjugate.
             for (std::int64_t i = 0; i < n_; ++i) {

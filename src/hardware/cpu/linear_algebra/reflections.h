@@ -72,7 +72,7 @@ class Reflections {
             std::copy(rows + k * step + k + 1, rows + k * step + length, v + k + 1);
         }
         std::transform(v_.begin(), v_.begin() + (is_complex_scalar<T> ? count * length : 0), v_conj_.begin(),
-                       conjugate<T>);
+                       [](T x) { return conjugate(x); });
         // S(i, j), i < j: -t(j) times row i of S times column j of V^H V.
         T* dots = s_.data() + most * most;
         multiply<T>({conjugates(), length}, {v_.data(), length, true}, {dots, count}, count, length, count);
