@@ -4,6 +4,7 @@
 //     digests                        prints "name digest" lines
 //     digests --check FILE           compares with these lines; tells what differs; exit code 1
 //     digests --only TEXT ...        the rows whose names begin with TEXT
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -38,8 +39,9 @@ std::string digest_of(const Row& row) {
 int check(const std::vector<Row>& rows, const char* path) {
     std::map<std::string, std::string> wanted;
     std::ifstream file(path);
-    for (std::string name, digest; file >> name >> digest;) {
-        wanted[name] = digest;
+    for (std::string line; std::getline(file, line);) {
+        const std::size_t gap = std::min(line.rfind(' '), line.size());  // Names have spaces, digests have none.
+        wanted[line.substr(0, gap)] = line.substr(std::min(gap + 1, line.size()));
     }
     int failed = 0;
     for (const Row& row : rows) {

@@ -64,8 +64,10 @@ void add_reductions(std::vector<Row>& rows) {
     };
     for (const Case& c : {Case{{1}, {}}, Case{{1023}, {}}, Case{{100'003}, {}}, Case{{33, 70}, {0}},
                           Case{{33, 70}, {1}}, Case{{5, 300, 7}, {1}}, Case{{4, 9, 65}, {0, 2}}}) {
-        add_rows(rows, "reductions/" + text_of(c.shape) + "/" + std::to_string(c.axes.size()), {c.shape},
-                 [axes = c.axes](const Tensors& x) {
+        add_rows(rows,
+                 "reductions/" + text_of(c.shape) + "/" +
+                     (c.axes.empty() ? "all" : text_of(Dims(c.axes.begin(), c.axes.end()))),
+                 {c.shape}, [axes = c.axes](const Tensors& x) {
                      Tensors all{sum(x[0], axes), mean(x[0], axes), prod(x[0], axes), l2_norm(x[0], axes)};
                      if (!x[0].is_complex()) {
                          for (const KTensor& y :
