@@ -14,8 +14,6 @@ if(ORNIK_LEVELS AND CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
   list(REMOVE_ITEM front_sources ${long_sources})
   set_property(SOURCE ${front_sources} APPEND PROPERTY COMPILE_OPTIONS $<$<CONFIG:Release>:-O2>)
   set_property(SOURCE ${long_sources} APPEND PROPERTY COMPILE_OPTIONS $<$<CONFIG:Release>:-Os>)
-  target_compile_options(ornik_options INTERFACE -ffunction-sections)
-  target_link_options(ornik_options INTERFACE $<$<PLATFORM_ID:Linux>:-Wl,--gc-sections>)
 endif()
 
 set(level_sources ${other_sources})
