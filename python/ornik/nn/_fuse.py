@@ -207,20 +207,15 @@ def _residual(module: Any) -> Module:
 
 
 def _with_fused_parts(module: Module) -> Module:
-    """A module of the same kind on the same parameters. One whose parts do not change stays itself."""
-    fused = {id(child): _closed(_chain([child])) for child in _containers_below(module)}
-    if not fused:
-        return module
+    """A module of the same kind on the same tensors. Layers in it stay layers: it may look at them."""
+    parts = {
+        id(child): _closed(_chain([child])) if any(True for _ in child.children()) else _with_fused_parts(child)
+        for child in module.children()
+    }
     result = copy.copy(module)
     result.__dict__["_kept"] = {}
     for name, value in list(result.__dict__.items()):
-        if id(value) in fused:
-            result.__dict__[name] = fused[id(value)]
+        result.__dict__[name] = parts.get(id(value), value)
     if isinstance(result, _List):
-        result.__dict__["_items"] = [fused.get(id(item), item) for item in result._items]
+        result.__dict__["_items"] = [parts.get(id(item), item) for item in result._items]
     return result
-
-
-def _containers_below(module: Module) -> list[Module]:
-    """Children that have parts: a layer by itself gains nothing, and its owner may look at it."""
-    return [child for child in module.children() if any(True for _ in child.children())]
