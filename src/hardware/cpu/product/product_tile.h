@@ -4,6 +4,7 @@
 // of tiles and no way to lay out the operands changes its bits.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <complex>
 #include <cstdint>
@@ -39,6 +40,21 @@ struct TileShape<std::complex<R>> {
 template <typename T>
 using RealOf = typename TileShape<T>::Real;
 
+/// Memory that later tiles want, brought near a little at a time: hardware does not know of it.
+struct Ahead {
+    const char* at[3];
+    const char* end[3];
+    std::int64_t lines;  // of each, at a time
+
+    void fetch() {
+        for (int m = 0; m < 3; ++m) {
+            for (std::int64_t n = 0; n < lines && at[m] < end[m]; ++n, at[m] += 64) {
+                vec::prefetch_near(at[m]);
+            }
+        }
+    }
+};
+
 /// Rows of A, element (i, k) at a + i * a_row + k * a_step, and a panel of B: row k at b + k * b_step holds the real
 /// parts of the columns, then the imaginary ones. Steps count elements of T in A, reals in B.
 template <typename T>
@@ -49,9 +65,18 @@ struct TileOperands {
     const RealOf<T>* b;
     std::int64_t b_step;
     std::int64_t depth;
+    Ahead* ahead = nullptr;  // or null; a tile fetches as often as it has rows
 };
 
-/// What becomes of the sums: stored, added to what is there, or begun with what is there and stored.
+/// Where the sums go, row by row, and what they are added to or begin with: the same place or another.
+template <typename T>
+struct TileTarget {
+    T* out;
+    std::int64_t out_row;
+    const T* old = out;
+    std::int64_t old_row = out_row;
+};
+/// What becomes of the sums: stored, added to what is old, or begun with it.
 enum class TileEnd { store, add, resume };
 
 template <std::size_t... I, typename V>
@@ -67,10 +92,10 @@ ORNIK_EXPAND V zipped(V a, V b, std::size_t first, std::index_sequence<I...> /*l
 #endif
 }
 
-/// Rows x Vectors of a tile, to out + i * out_row; complex sums interleaved as std::complex. `Swapped`: A holds the
+/// Rows x Vectors of a tile; complex sums interleaved as std::complex. `Swapped`: A holds the
 /// right factor's elements, which decides the order of a complex product's terms. `Packed`: a_row is 1, a_step Rows.
 template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
-[[gnu::noinline]] void sum_tile(const TileOperands<T>& in, T* out, std::int64_t out_row, TileEnd end) {
+[[gnu::noinline]] void sum_tile(const TileOperands<T>& in, const TileTarget<T>& to, TileEnd end) {
     using R = RealOf<T>;
     using V = Vector<R>;
     constexpr int width = lanes<R>;
@@ -78,19 +103,17 @@ template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
     constexpr int across = parts * Vectors;
     constexpr std::int64_t steps_ahead = 16;
     V sums[Rows][across];
-    R* target = reinterpret_cast<R*>(out);
-    const std::int64_t target_row = out_row * parts;
+    R* const out = reinterpret_cast<R*>(to.out);
+    const std::int64_t out_row = to.out_row * parts;
+    const R* const old = reinterpret_cast<const R*>(to.old);
+    const std::int64_t old_row = to.old_row * parts;
     if (parts == 1 && end == TileEnd::resume) {
         ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
-            ORNIK_UNROLLED for (int v = 0; v < across; ++v) {
-                sums[i][v] = load<V>(target + i * target_row + v * width);
-            }
+            ORNIK_UNROLLED for (int v = 0; v < across; ++v) { sums[i][v] = load<V>(old + i * old_row + v * width); }
         }
     } else {
         ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
             ORNIK_UNROLLED for (int v = 0; v < across; ++v) { sums[i][v] = V{}; }
-            vec::prefetch_for_writing(target + i * target_row);
-            vec::prefetch_for_writing(target + i * target_row + across * width - 1);
         }
     }
     // Three rows share an address.
@@ -100,61 +123,70 @@ template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
     const std::int64_t step = in.a_step * static_cast<std::int64_t>(sizeof(T));
     ORNIK_UNROLLED for (int g = 0; g < groups; ++g) { a[g] = reinterpret_cast<const char*>(in.a) + 3 * g * row; }
     const R* b = in.b;
-    for (std::int64_t k = in.depth; k > 0; --k) {
-        V x[across];
-        // Panels go on where hardware looks no further: on the next page.
-        ORNIK_UNROLLED for (std::size_t at = 0; at < sizeof(x); at += 64) {
-            vec::prefetch(reinterpret_cast<const char*>(b + steps_ahead * in.b_step) + at);
-        }
-        ORNIK_UNROLLED for (int v = 0; v < across; ++v) { x[v] = load<V>(b + v * width); }
-        ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
-            const R* y = reinterpret_cast<const R*>(Packed ? a[0] + i * static_cast<std::int64_t>(sizeof(T))
-                                                           : a[i / 3 % groups] + i % 3 * row);
-            const V re = vec::broadcast<V>(y[0]);
-            if constexpr (parts == 1) {
-                ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) { sums[i][v] = fused(re, x[v], sums[i][v]); }
-            } else {
-                const V im = vec::broadcast<V>(y[1]);
-                ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
-                    V& sum_re = sums[i][v];
-                    V& sum_im = sums[i][Vectors + v];
-                    const V x_re = x[v];
-                    const V x_im = x[Vectors + v];
-                    sum_re = vec::fused_minus(im, x_im, fused(re, x_re, sum_re));
-                    sum_im =
-                        Swapped ? fused(re, x_im, fused(im, x_re, sum_im)) : fused(im, x_re, fused(re, x_im, sum_im));
-                }
+    // The places of the sums come near one row after the other: all at once they would hold up the operands.
+    const std::int64_t stretch = in.depth / (Rows + Rows / 2) + 1;
+    std::int64_t left = in.depth;
+    for (int row_ahead = end == TileEnd::resume ? Rows : 0; left > 0; ++row_ahead) {
+        std::int64_t steps = left;
+        if (row_ahead < Rows) {
+            steps = std::min(stretch, left);
+            vec::prefetch_for_writing(out + row_ahead * out_row);
+            vec::prefetch_for_writing(out + row_ahead * out_row + across * width - 1);
+            if (in.ahead != nullptr) {
+                in.ahead->fetch();
             }
         }
-        ORNIK_UNROLLED for (int g = 0; g < groups; ++g) { a[g] += Packed ? Rows * sizeof(T) : step; }
-        b += in.b_step;
+        left -= steps;
+        for (; steps > 0; --steps) {
+            V x[across];
+            // Panels go on where hardware looks no further: on the next page.
+            ORNIK_UNROLLED for (std::size_t at = 0; at < sizeof(x); at += 64) {
+                vec::prefetch(reinterpret_cast<const char*>(b + steps_ahead * in.b_step) + at);
+            }
+            ORNIK_UNROLLED for (int v = 0; v < across; ++v) { x[v] = load<V>(b + v * width); }
+            ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
+                const R* y = reinterpret_cast<const R*>(Packed ? a[0] + i * static_cast<std::int64_t>(sizeof(T))
+                                                               : a[i / 3 % groups] + i % 3 * row);
+                const V re = vec::broadcast<V>(y[0]);
+                if constexpr (parts == 1) {
+                    ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) { sums[i][v] = fused(re, x[v], sums[i][v]); }
+                } else {
+                    const V im = vec::broadcast<V>(y[1]);
+                    ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
+                        V& sum_re = sums[i][v];
+                        V& sum_im = sums[i][Vectors + v];
+                        const V x_re = x[v];
+                        const V x_im = x[Vectors + v];
+                        sum_re = vec::fused_minus(im, x_im, fused(re, x_re, sum_re));
+                        sum_im = Swapped ? fused(re, x_im, fused(im, x_re, sum_im))
+                                         : fused(im, x_re, fused(re, x_im, sum_im));
+                    }
+                }
+            }
+            ORNIK_UNROLLED for (int g = 0; g < groups; ++g) { a[g] += Packed ? Rows * sizeof(T) : step; }
+            b += in.b_step;
+        }
     }
     ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
-        R* to = target + i * target_row;
-        if constexpr (parts == 2) {
-            ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
+        R* at = out + i * out_row;
+        const R* from = old + i * old_row;
+        const auto put = [end, at, from](const V& sum, int v) {
+            vec::store(end == TileEnd::add ? load<V>(from + v * width) + sum : sum, at + v * width);
+        };
+        ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
+            if constexpr (parts == 2) {
                 constexpr std::make_index_sequence<static_cast<std::size_t>(width)> every{};
-                V lower = zipped(sums[i][v], sums[i][Vectors + v], 0, every);
-                V upper = zipped(sums[i][v], sums[i][Vectors + v], 1, every);
-                R* at = to + 2 * v * width;
-                if (end == TileEnd::add) {
-                    lower = load<V>(at) + lower;
-                    upper = load<V>(at + width) + upper;
-                }
-                vec::store(lower, at);
-                vec::store(upper, at + width);
-            }
-        } else {
-            ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
-                R* at = to + v * width;
-                vec::store(end == TileEnd::add ? load<V>(at) + sums[i][v] : sums[i][v], at);
+                put(zipped(sums[i][v], sums[i][Vectors + v], 0, every), 2 * v);
+                put(zipped(sums[i][v], sums[i][Vectors + v], 1, every), 2 * v + 1);
+            } else {
+                put(sums[i][v], v);
             }
         }
     }
 }
 
 template <typename T>
-using SumTile = void (*)(const TileOperands<T>& in, T* out, std::int64_t out_row, TileEnd end);
+using SumTile = void (*)(const TileOperands<T>& in, const TileTarget<T>& to, TileEnd end);
 
 /// sum_tile of `rows` rows and of one vector or all.
 template <typename T, bool Swapped, bool Packed>
