@@ -10,7 +10,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "hardware/cpu/vector_types.h"
+#include "hardware/cpu/vector_chain.h"
 
 namespace ornik::device::cpu {
 
@@ -77,80 +77,89 @@ template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
     constexpr int parts = TileShape<T>::parts;
     constexpr int across = parts * Vectors;
     constexpr std::int64_t steps_ahead = 16;
-    V sums[Rows][across];
-    R* target = reinterpret_cast<R*>(out);
-    const std::int64_t target_row = out_row * parts;
-    if (parts == 1 && end == TileEnd::resume) {
-        ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
-            ORNIK_UNROLLED for (int v = 0; v < across; ++v) {
-                sums[i][v] = load<V>(target + i * target_row + v * width);
-            }
-        }
-    } else {
-        ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
-            ORNIK_UNROLLED for (int v = 0; v < across; ++v) { sums[i][v] = V{}; }
-            vec::prefetch_for_writing(target + i * target_row);
-            vec::prefetch_for_writing(target + i * target_row + across * width - 1);
-        }
-    }
-    // Three rows share an address.
-    constexpr int groups = Packed ? 1 : (Rows + 2) / 3;
-    const char* a[groups];
-    const std::int64_t row = in.a_row * static_cast<std::int64_t>(sizeof(T));
-    const std::int64_t step = in.a_step * static_cast<std::int64_t>(sizeof(T));
-    ORNIK_UNROLLED for (int g = 0; g < groups; ++g) { a[g] = reinterpret_cast<const char*>(in.a) + 3 * g * row; }
-    const R* b = in.b;
-    for (std::int64_t k = in.depth; k > 0; --k) {
-        V x[across];
-        // Panels go on where hardware looks no further: on the next page.
-        ORNIK_UNROLLED for (std::size_t at = 0; at < sizeof(x); at += 64) {
-            vec::prefetch(reinterpret_cast<const char*>(b + steps_ahead * in.b_step) + at);
-        }
-        ORNIK_UNROLLED for (int v = 0; v < across; ++v) { x[v] = load<V>(b + v * width); }
-        ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
-            const R* y = reinterpret_cast<const R*>(Packed ? a[0] + i * static_cast<std::int64_t>(sizeof(T))
-                                                           : a[i / 3 % groups] + i % 3 * row);
-            const V re = vec::broadcast<V>(y[0]);
-            if constexpr (parts == 1) {
-                ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) { sums[i][v] = fused(re, x[v], sums[i][v]); }
-            } else {
-                const V im = vec::broadcast<V>(y[1]);
-                ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
-                    V& sum_re = sums[i][v];
-                    V& sum_im = sums[i][Vectors + v];
-                    const V x_re = x[v];
-                    const V x_im = x[Vectors + v];
-                    sum_re = vec::fused_minus(im, x_im, fused(re, x_re, sum_re));
-                    sum_im =
-                        Swapped ? fused(re, x_im, fused(im, x_re, sum_im)) : fused(im, x_re, fused(re, x_im, sum_im));
+    vec::run_chains<R>([&](auto steps) ORNIK_EXPANDED {
+        using Steps = decltype(steps);
+        typename Steps::Sum sums[Rows][across];
+        R* target = reinterpret_cast<R*>(out);
+        const std::int64_t target_row = out_row * parts;
+        if (parts == 1 && end == TileEnd::resume) {
+            ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
+                ORNIK_UNROLLED for (int v = 0; v < across; ++v) {
+                    sums[i][v] = steps.from(load<V>(target + i * target_row + v * width));
                 }
-            }
-        }
-        ORNIK_UNROLLED for (int g = 0; g < groups; ++g) { a[g] += Packed ? Rows * sizeof(T) : step; }
-        b += in.b_step;
-    }
-    ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
-        R* to = target + i * target_row;
-        if constexpr (parts == 2) {
-            ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
-                constexpr std::make_index_sequence<static_cast<std::size_t>(width)> every{};
-                V lower = zipped(sums[i][v], sums[i][Vectors + v], 0, every);
-                V upper = zipped(sums[i][v], sums[i][Vectors + v], 1, every);
-                R* at = to + 2 * v * width;
-                if (end == TileEnd::add) {
-                    lower = load<V>(at) + lower;
-                    upper = load<V>(at + width) + upper;
-                }
-                vec::store(lower, at);
-                vec::store(upper, at + width);
             }
         } else {
-            ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
-                R* at = to + v * width;
-                vec::store(end == TileEnd::add ? load<V>(at) + sums[i][v] : sums[i][v], at);
+            ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
+                ORNIK_UNROLLED for (int v = 0; v < across; ++v) { sums[i][v] = steps.from(V{}); }
+                vec::prefetch_for_writing(target + i * target_row);
+                vec::prefetch_for_writing(target + i * target_row + across * width - 1);
             }
         }
-    }
+        // Three rows share an address.
+        constexpr int groups = Packed ? 1 : (Rows + 2) / 3;
+        const char* a[groups];
+        const std::int64_t row = in.a_row * static_cast<std::int64_t>(sizeof(T));
+        const std::int64_t step = in.a_step * static_cast<std::int64_t>(sizeof(T));
+        ORNIK_UNROLLED for (int g = 0; g < groups; ++g) { a[g] = reinterpret_cast<const char*>(in.a) + 3 * g * row; }
+        const R* b = in.b;
+        for (std::int64_t k = in.depth; k > 0; --k) {
+            typename Steps::Factor x[across];
+            // Panels go on where hardware looks no further: on the next page.
+            ORNIK_UNROLLED for (std::size_t at = 0; at < sizeof(V[across]); at += 64) {
+                vec::prefetch(reinterpret_cast<const char*>(b + steps_ahead * in.b_step) + at);
+            }
+            ORNIK_UNROLLED for (int v = 0; v < across; ++v) { x[v] = steps.factor(load<V>(b + v * width)); }
+            ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
+                const R* y = reinterpret_cast<const R*>(Packed ? a[0] + i * static_cast<std::int64_t>(sizeof(T))
+                                                               : a[i / 3 % groups] + i % 3 * row);
+                const auto re = steps.weight(y[0]);
+                if constexpr (parts == 1) {
+                    ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) { steps.add(re, x[v], sums[i][v]); }
+                } else {
+                    const auto im = steps.weight(y[1]);
+                    ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
+                        const auto& x_re = x[v];
+                        const auto& x_im = x[Vectors + v];
+                        steps.add(re, x_re, sums[i][v]);
+                        steps.subtract(im, x_im, sums[i][v]);
+                        steps.add(Swapped ? im : re, Swapped ? x_re : x_im, sums[i][Vectors + v]);
+                        steps.add(Swapped ? re : im, Swapped ? x_im : x_re, sums[i][Vectors + v]);
+                    }
+                }
+            }
+            ORNIK_UNROLLED for (int g = 0; g < groups; ++g) { a[g] += Packed ? Rows * sizeof(T) : step; }
+            b += in.b_step;
+        }
+        if (!steps.vouches_for(sums)) {
+            return false;
+        }
+        ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
+            R* to = target + i * target_row;
+            if constexpr (parts == 2) {
+                ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
+                    constexpr std::make_index_sequence<static_cast<std::size_t>(width)> every{};
+                    const V re = steps.value(sums[i][v]);
+                    const V im = steps.value(sums[i][Vectors + v]);
+                    V lower = zipped(re, im, 0, every);
+                    V upper = zipped(re, im, 1, every);
+                    R* at = to + 2 * v * width;
+                    if (end == TileEnd::add) {
+                        lower = load<V>(at) + lower;
+                        upper = load<V>(at + width) + upper;
+                    }
+                    vec::store(lower, at);
+                    vec::store(upper, at + width);
+                }
+            } else {
+                ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
+                    R* at = to + v * width;
+                    const V sum = steps.value(sums[i][v]);
+                    vec::store(end == TileEnd::add ? load<V>(at) + sum : sum, at);
+                }
+            }
+        }
+        return true;
+    });
 }
 
 template <typename T>
