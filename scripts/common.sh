@@ -53,13 +53,14 @@ python_tools() {
 python_environment() {
     local venv=$root/build/venv
     local launcher=()
-    command -v ccache >/dev/null 2>&1 && launcher=("-Ccmake.define.CMAKE_CXX_COMPILER_LAUNCHER=ccache")
+    command -v ccache >/dev/null 2>&1 && launcher=("--config-settings=cmake.define.CMAKE_CXX_COMPILER_LAUNCHER=ccache")
     [ -x "$venv/bin/pip" ] || python3 -m venv "$venv"
     local pip=("$venv/bin/python" -m pip --disable-pip-version-check install --quiet)
     "${pip[@]}" "scikit-build-core>=1.0" "nanobind>=3,<4"
     # In this environment, not in one of pip's own, and by the compiler's same name: what is compiled twice has the same
     # command, and is found again.
-    "${pip[@]}" --no-build-isolation "${launcher[@]}" -Cbuild-dir=build/python -Ccmake.define.ORNIK_ARCH=native \
-        "-Ccmake.define.CMAKE_CXX_COMPILER=${CXX:-c++}" \
-        "-Ccmake.define.ORNIK_WERROR=${WERROR:-OFF}" "$root[$1]"
+    "${pip[@]}" --no-build-isolation "${launcher[@]}" --config-settings=build-dir=build/python \
+        --config-settings=cmake.define.ORNIK_ARCH=native \
+        "--config-settings=cmake.define.CMAKE_CXX_COMPILER=${CXX:-c++}" \
+        "--config-settings=cmake.define.ORNIK_WERROR=${WERROR:-OFF}" "$root[$1]"
 }

@@ -6,6 +6,6 @@ cd "$(dirname "$0")/.."
 venv=build/venv
 [ -x "$venv/bin/python" ] || "${PYTHON:-python3}" -m venv "$venv"
 "$venv/bin/pip" install -q "scikit-build-core>=1.0" "nanobind>=3,<4" numpy pytest hypothesis mypy ruff safetensors
-"$venv/bin/pip" install -q --no-build-isolation --no-deps -Cbuild-dir=build/python -Ccmake.define.ORNIK_ARCH=native \
-    "${@:-.}"
+"$venv/bin/pip" install -q --no-build-isolation --no-deps --config-settings=build-dir=build/python \
+    --config-settings=cmake.define.ORNIK_ARCH=native "${@:-.}"
 "$venv/bin/python" -c 'import ornik; print("ornik", ornik.__version__, "in", ornik.__path__[0])'

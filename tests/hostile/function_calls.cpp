@@ -17,6 +17,13 @@ nn::Attended attend(Tensor* query, Tensor* key, Tensor* value, Tensor* mask, dou
     options.dropout = dropout;
     return nn::attention(query, key, value, options);
 }
+nn::AttendedRows attend_rows(Tensor* query, Tensor* key, Tensor* value, Tensor* mask, double scale) {
+    return nn::attention_rows(query, key, value, {.mask = mask, .scale = scale});
+}
+nn::AttentionGradients attend_rows_grad(Tensor* gradient, Tensor* query, Tensor* key, Tensor* value, Tensor* output,
+                                        Tensor* log_sums, Tensor* mask) {
+    return nn::attention_rows_grad(gradient, query, key, value, {output, log_sums}, {.mask = mask});
+}
 TensorPtr weigh_elements(nn::ElementLoss loss, Tensor* prediction, Tensor* target, Tensor* weight, Tensor* positive) {
     nn::ElementLossOptions options;
     options.weight = weight;
@@ -82,6 +89,8 @@ void add_function_calls(CallTable& table) {
     ORNIK_CALLS("~x", index_advanced_grad, set_index_advanced_grad, set_index_advanced_value_grad,
                 ornik::set_select_ndim_grad, set_select_ndim_value_grad)
     ORNIK_CALLS("~tttt|0,0", attend)
+    ORNIK_CALLS("~tttt|0", attend_rows)
+    ORNIK_CALLS("tttttxt", attend_rows_grad)
     ORNIK_CALLS("~t", nn::attention_grad)
 
     ORNIK_CALLS("x", nn::relu, nn::leaky_relu, nn::elu, nn::selu, nn::hardsigmoid, nn::hardswish, nn::mish)

@@ -302,6 +302,9 @@ TEST(AttentionFunctions, WithoutProbabilities) {
     const TensorPtr q = random_tensor({2, 3}, dtype::float32, 1);
     EXPECT_REFUSAL(nn::attention_rows(q.get(), q.get(), q.get(), {.dropout = 0.5}),
                    "Attention without probabilities has no dropout.");
+    EXPECT_REFUSAL(nn::attention_rows_grad(q.get(), q.get(), q.get(), q.get(), {q.get(), q.get()}),
+                   "Attention needs its output of shape ( 2, 3 )  and logarithms of sums of shape ( 2 ) , their shapes "
+                   "are ( 2, 3 )  and ( 2, 3 ) ");
     // An output laid out as permuted heads are.
     const TensorPtr heads(random_tensor({2, 5, 3, 4}, dtype::float32, 1)->permute({0, 2, 1, 3}));
     EXPECT_EQ(nn::attention_rows(heads.get(), heads.get(), heads.get()).output->Strides(), heads->Strides());

@@ -31,6 +31,12 @@ struct Extents {
         shape.insert(shape.end(), {rows, cols});
         return shape;
     }
+    /// One number for each query.
+    Dims rows() const {
+        Dims shape = leading;
+        shape.push_back(n);
+        return shape;
+    }
     double scale(const nn::AttentionOptions& options) const {
         // Scores without features are 0 whatever their scale.
         return options.scale != 0 ? options.scale : d == 0 ? 1 : 1 / std::sqrt(static_cast<double>(d));
@@ -148,9 +154,7 @@ nn::AttendedRows attend_rows(const Where& at, Tensor* query, Tensor* key, Tensor
     const Dims shape = extents.with(extents.n, extents.m);
     check_attention_mask(at, options.mask, query->Dtype(), query->Device(), shape);
     nn::AttendedRows result{laid_out_like(query, extents.with(extents.n, extents.e)), nullptr};
-    Dims rows = extents.leading;
-    rows.push_back(extents.n);
-    result.log_sums = make_output(rows, query);
+    result.log_sums = make_output(extents.rows(), query);
     const WithRows q(query), k(key), v(value);
     const std::unique_ptr<Tensor> expanded(options.mask == nullptr ? nullptr
                                                                    : Tensor::broadcast_to(options.mask, shape));
@@ -308,17 +312,23 @@ AttentionGradients attention_rows_grad(Tensor* output_gradient, Tensor* query, T
     const Extents extents = check(at, query, key, value);
     const Dims shape = extents.with(extents.n, extents.e);
     check_attention_gradient(at, output_gradient, shape);
-    check_attention_gradient(at, saved.output, shape);
+    if (saved.output->Shape() != shape || saved.log_sums->Shape() != extents.rows()) {
+        fail(at, "Attention needs its output of shape ", shape, " and logarithms of sums of shape ", extents.rows(),
+             ", their shapes are ", saved.output->Shape(), " and ", saved.log_sums->Shape());
+    }
+    const Dims scores = extents.with(extents.n, extents.m);
+    check_attention_mask(at, options.mask, query->Dtype(), query->Device(), scores);
     const auto made = [&](bool is_wanted, const Tensor* t) {
         return is_wanted ? laid_out_like(t, t->Shape()) : nullptr;
     };
     AttentionGradients result{made(wanted[0], query), made(wanted[1], key), made(wanted[2], value), nullptr};
     const WithRows q(query), k(key), v(value);
     const WithRows y(saved.output), g(output_gradient);
-    const std::unique_ptr<Tensor> expanded(
-        options.mask == nullptr ? nullptr : Tensor::broadcast_to(options.mask, extents.with(extents.n, extents.m)));
+    const std::unique_ptr<Tensor> expanded(options.mask == nullptr ? nullptr
+                                                                   : Tensor::broadcast_to(options.mask, scores));
+    const Borrowed log_sums = Borrowed::contiguous(saved.log_sums);
     device::cpu::attention_rows_grad(
-        {q.get(), k.get(), v.get(), expanded.get(), extents.scale(options), options.causal}, {y.get(), saved.log_sums},
+        {q.get(), k.get(), v.get(), expanded.get(), extents.scale(options), options.causal}, {y.get(), log_sums.get()},
         g.get(), result.query.get(), result.key.get(), result.value.get());
     return result;
 }

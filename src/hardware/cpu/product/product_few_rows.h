@@ -22,21 +22,6 @@ constexpr std::int64_t panels_bytes = std::int64_t{8} << 20;
 
 constexpr std::int64_t parts_of(std::int64_t n, std::int64_t size) { return (n + size - 1) / size; }
 
-// Matrices of the next product of a batch, which are brought near during this one: hardware does not know them.
-struct NextMatrices {
-    const char* at[3];
-    const char* end[3];
-    std::int64_t lines;  // of each, at a time
-
-    void fetch() {
-        for (int m = 0; m < 3; ++m) {
-            for (std::int64_t n = 0; n < lines && at[m] < end[m]; ++n, at[m] += 64) {
-                vec::prefetch_near(at[m]);
-            }
-        }
-    }
-};
-
 // One product of row-major C; element (i, j) at c + i * c_row + j. `add`: to what C holds, where the depth is one
 // block.
 template <typename T>
@@ -49,8 +34,8 @@ struct Factors {
     std::int64_t cols;
     std::int64_t depth;
     bool add;
-    const ProductEnds* ends;       // or null
-    NextMatrices* next = nullptr;  // or null
+    const ProductEnds* ends;  // or null
+    Ahead* next = nullptr;    // The next product of a batch, or null.
 
     std::int64_t work() const { return rows * cols * depth; }
     std::int64_t panels() const { return parts_of(cols, TileShape<T>::cols); }
@@ -85,13 +70,15 @@ void Factors<T>::finish(std::int64_t row, std::int64_t row_count, std::int64_t c
 
 // Stores or adds sums that were computed aside.
 template <typename T>
-void copy_sums(const T* from, std::int64_t from_row, std::int64_t rows, std::int64_t cols, T* to, std::int64_t to_row,
+void copy_sums(const T* from, std::int64_t from_row, std::int64_t rows, std::int64_t cols, const TileTarget<T>& to,
                TileEnd end) {
-    for (std::int64_t i = 0; i < rows; ++i, from += from_row, to += to_row) {
+    for (std::int64_t i = 0; i < rows; ++i, from += from_row) {
+        T* out = to.out + i * to.out_row;
         if (end == TileEnd::store) {
-            std::copy_n(from, cols, to);
+            std::copy_n(from, cols, out);
         } else {
-            std::transform(to, to + cols, from, to, [](T old, T sum) { return old + sum; });
+            const T* old = to.old + i * to.old_row;
+            std::transform(old, old + cols, from, out, [](T x, T sum) { return x + sum; });
         }
     }
 }
@@ -134,7 +121,7 @@ void add_steps(const Factors<T>& f, std::int64_t k, std::int64_t steps, std::int
             in.b = whole;
             in.b_step = panel_row<T>(cols);
         }
-        sum(in, chains, chain_row, end);
+        sum(in, {chains, chain_row}, end);
         col += cols;
         chains += cols;
     }
@@ -158,7 +145,8 @@ void multiply_streaming(const Factors<T>& f) {
                     add_steps(f, k, std::min(streamed_rows, block_end - k), col, col_end, chains.get(), chain_row,
                               k == block ? TileEnd::store : TileEnd::resume);
                 }
-                copy_sums(chains.get(), chain_row, f.rows, col_end - col, f.c + col, f.c_row, f.end(block));
+                copy_sums(chains.get(), chain_row, f.rows, col_end - col, TileTarget<T>{f.c + col, f.c_row},
+                          f.end(block));
             }
             f.finish(0, f.rows, col, col_end - col);
         }
@@ -223,7 +211,7 @@ void multiply_turned_row(const Factors<T>& f) {
                     }
                     return true;
                 });
-                copy_sums(sums, 0, 1, cols, f.c + col, 0, f.end(block));
+                copy_sums(sums, 0, 1, cols, TileTarget<T>{f.c + col, 0}, f.end(block));
             }
             f.finish(0, 1, col, cols);
         }

@@ -49,21 +49,20 @@ class PanelMemory {
     std::int64_t count_ = 0;
 };
 
-// A tile of `cols` columns at `out`.
+// A tile of `cols` columns.
 template <typename T, bool Swapped, bool Packed>
-void tile_at(const TileOperands<T>& in, std::int64_t rows, std::int64_t cols, T* out, std::int64_t out_row,
-             TileEnd end) {
+void tile_at(const TileOperands<T>& in, std::int64_t rows, std::int64_t cols, const TileTarget<T>& to, TileEnd end) {
     using Shape = TileShape<T>;
     constexpr std::int64_t width = lanes<RealOf<T>>;
     const std::int64_t vectors = cols > width ? Shape::vectors : 1;
     const SumTile<T> sum = tile_function<T, Swapped, Packed>(rows, vectors);
     if (cols == vectors * width) {
-        sum(in, out, out_row, end);
+        sum(in, to, end);
         return;
     }
     alignas(64) T whole[Shape::rows * Shape::cols];
-    sum(in, whole, Shape::cols, TileEnd::store);
-    copy_sums(whole, Shape::cols, rows, cols, out, out_row, end);
+    sum(in, {whole, Shape::cols}, TileEnd::store);
+    copy_sums(whole, Shape::cols, rows, cols, to, end);
 }
 
 // The packed strips of a block of A lie one after the other, each with room for the last vector.
@@ -82,24 +81,36 @@ void pack_strip(const Factors<T>& f, const Strips<T>& strips, std::int64_t strip
     pack_rows(f.a.from(strips.first(strip), k), strips.height(strip), depth, to + strip_place(strips, strip, depth));
 }
 
-// The strips against a panel, whose row k is at b + k * b_step. `packed`: the strips of A, or null.
+// What a panel's tiles read, and where the sums of the first row go.
+template <typename T>
+struct PanelOperands {
+    const T* packed;  // strips of A, or null
+    std::int64_t k;
+    std::int64_t depth;
+    std::int64_t panel;
+    const RealOf<T>* b;
+    std::int64_t b_step;
+    TileTarget<T> to;
+    TileEnd end;
+    Ahead* ahead;  // or null
+};
+
 template <typename T, bool Swapped>
-void panel_times_strips(const Factors<T>& f, const Strips<T>& strips, const T* packed, std::int64_t k,
-                        std::int64_t depth, std::int64_t panel, const RealOf<T>* b, std::int64_t b_step) {
-    const std::int64_t col = panel * TileShape<T>::cols;
+void panel_times_strips(const Factors<T>& f, const Strips<T>& strips, const PanelOperands<T>& in) {
     for (std::int64_t s = 0; s < strips.count; ++s) {
-        if (f.next != nullptr) {
-            f.next->fetch();
-        }
         const std::int64_t row = strips.first(s);
-        T* out = f.c + row * f.c_row + col;
-        if (packed != nullptr) {
-            const TileOperands<T> in{packed + strip_place(strips, s, depth), 1, strips.height(s), b, b_step, depth};
-            tile_at<T, Swapped, true>(in, strips.height(s), f.panel_cols(panel), out, f.c_row, f.end(k));
+        const std::int64_t height = strips.height(s);
+        const std::int64_t below = row - strips.begin;
+        const TileTarget<T> to{in.to.out + below * in.to.out_row, in.to.out_row, in.to.old + below * in.to.old_row,
+                               in.to.old_row};
+        if (in.packed != nullptr) {
+            const TileOperands<T> tile{
+                in.packed + strip_place(strips, s, in.depth), 1, height, in.b, in.b_step, in.depth, in.ahead};
+            tile_at<T, Swapped, true>(tile, height, f.panel_cols(in.panel), to, in.end);
         } else {
-            const Strided<T> a = f.a.from(row, k);
-            const TileOperands<T> in{a.data, a.row, a.col, b, b_step, depth};
-            tile_at<T, Swapped, false>(in, strips.height(s), f.panel_cols(panel), out, f.c_row, f.end(k));
+            const Strided<T> a = f.a.from(row, in.k);
+            const TileOperands<T> tile{a.data, a.row, a.col, in.b, in.b_step, in.depth, in.ahead};
+            tile_at<T, Swapped, false>(tile, height, f.panel_cols(in.panel), to, in.end);
         }
     }
 }
@@ -145,42 +156,75 @@ void pack_blocks(const Factors<T>& f, std::int64_t first, std::int64_t count, Re
     });
 }
 
+// Blocks of A and of panels that stay in the second level of cache, beside the sums that wait for them.
+constexpr std::int64_t near_bytes_of_a = std::int64_t{vec::vector_bytes == 64 ? 320 : 160} << 10;
+constexpr std::int64_t panels_together = 8;
+constexpr std::int64_t most_blocks = 8;  // of depth, that are laid out at once
+
 // Takes all rows through some blocks of depth, whose panels begin at panel_at(block, panel): tiles of C in a grid.
+// Between blocks the sums of a few panels wait side by side, where they crowd nothing.
 template <typename T, bool Swapped, typename PanelAt>
 void multiply_laid_out(const Factors<T>& f, std::int64_t first, std::int64_t count, const PanelAt& panel_at) {
+    using Shape = TileShape<T>;
     const std::int64_t workers = usable_processors();
     const std::int64_t panels = f.panels();
-    // Equal shares for all workers, of rows whose block of A leaves the second level of cache room.
-    constexpr std::int64_t most_rows = (std::int64_t{192} << 10) / (block_depth * sizeof(T));
+    // Equal shares for all workers, several for each.
+    constexpr std::int64_t most_rows = near_bytes_of_a / (block_depth * sizeof(T));
     const std::int64_t row_tasks =
-        std::min(parts_of(f.rows, 2 * TileShape<T>::rows), parts_of(parts_of(f.rows, most_rows), workers) * workers);
+        std::min(parts_of(f.rows, 4 * Shape::rows), parts_of(parts_of(f.rows, most_rows), 2 * workers) * 2 * workers);
     const std::int64_t col_tasks = std::clamp<std::int64_t>(panels / 4, 1, parts_of(2 * workers, row_tasks));
     const bool pack = panels > 2 && is_crowding(f.a);
     const std::int64_t grain = std::max<std::int64_t>(2, grain_work * row_tasks * col_tasks / f.work());
     parallel_for(row_tasks * col_tasks, 1, grain, [&](std::int64_t begin, std::int64_t end) {
-        std::optional<Scratch<T>> packed;
-        if (pack) {
-            packed.emplace(strips_size(Strips<T>(0, parts_of(f.rows, row_tasks)), block_depth));
-        }
+        const std::int64_t rows = parts_of(f.rows, row_tasks);
+        const std::int64_t packed_size = strips_size(Strips<T>(0, rows), block_depth);
+        const std::int64_t waiting_size = rows * Shape::cols;
+        const Scratch<T> packed(pack ? count * packed_size : 0);
+        const Scratch<T> waiting(count > 1 ? panels_together * waiting_size : 0);
         for (std::int64_t task = begin; task < end; ++task) {
             const std::int64_t row_task = task / col_tasks;
             const std::int64_t first_panel = panels * (task % col_tasks) / col_tasks;
             const std::int64_t last_panel = panels * (task % col_tasks + 1) / col_tasks;
             const Strips<T> strips(f.rows * row_task / row_tasks, f.rows * (row_task + 1) / row_tasks);
-            for (std::int64_t block = first; block < first + count; ++block) {
-                const std::int64_t k = block * block_depth;
-                const std::int64_t depth = std::min(block_depth, f.depth - k);
-                for (std::int64_t s = 0; pack && s < strips.count; ++s) {
-                    pack_strip(f, strips, s, k, depth, packed->get());
+            for (std::int64_t block = 0; pack && block < count; ++block) {
+                const std::int64_t k = (first + block) * block_depth;
+                for (std::int64_t s = 0; s < strips.count; ++s) {
+                    pack_strip(f, strips, s, k, std::min(block_depth, f.depth - k), packed.get() + block * packed_size);
                 }
-                for (std::int64_t p = first_panel; p < last_panel; ++p) {
-                    panel_times_strips<T, Swapped>(f, strips, pack ? packed->get() : nullptr, k, depth, p,
-                                                   panel_at(block, p), panel_row<T>(f.panel_cols(p)));
+            }
+            for (std::int64_t group = first_panel; group < last_panel; group += panels_together) {
+                const std::int64_t group_end = std::min(group + panels_together, last_panel);
+                for (std::int64_t block = 0; block < count; ++block) {
+                    const std::int64_t k = (first + block) * block_depth;
+                    const std::int64_t depth = std::min(block_depth, f.depth - k);
+                    for (std::int64_t p = group; p < group_end; ++p) {
+                        const TileTarget<T> c{f.c + strips.begin * f.c_row + p * Shape::cols, f.c_row};
+                        const TileTarget<T> aside{waiting.get() + (p - group) * waiting_size, Shape::cols};
+                        const TileTarget<T>& out = block + 1 < count ? aside : c;
+                        const TileTarget<T>& old = block > 0 ? aside : c;
+                        const bool more = p + 1 < group_end;
+                        const RealOf<T>* next = more                ? panel_at(first + block, p + 1)
+                                                : block + 1 < count ? panel_at(first + block + 1, group)
+                                                                    : nullptr;
+                        const std::int64_t bytes = next == nullptr ? 0 : depth * Shape::cols * sizeof(T);
+                        const char* from = reinterpret_cast<const char*>(next);
+                        Ahead ahead{{from}, {from + bytes}, parts_of(bytes, 64 * strips.rows)};
+                        panel_times_strips<T, Swapped>(f, strips,
+                                                       {pack ? packed.get() + block * packed_size : nullptr,
+                                                        k,
+                                                        depth,
+                                                        p,
+                                                        panel_at(first + block, p),
+                                                        panel_row<T>(f.panel_cols(p)),
+                                                        {out.out, out.out_row, old.out, old.out_row},
+                                                        f.end(k),
+                                                        &ahead});
+                    }
                 }
             }
             if (first + count == parts_of(f.depth, block_depth)) {
-                const std::int64_t col = first_panel * TileShape<T>::cols;
-                f.finish(strips.begin, strips.rows, col, std::min(f.cols, last_panel * TileShape<T>::cols) - col);
+                const std::int64_t col = first_panel * Shape::cols;
+                f.finish(strips.begin, strips.rows, col, std::min(f.cols, last_panel * Shape::cols) - col);
             }
         }
     });
@@ -195,7 +239,7 @@ void multiply_by_rows(const Factors<T>& f) {
     const std::int64_t panels = f.panels();
     const std::int64_t blocks = parts_of(f.depth, block_depth);
     const std::int64_t pass = std::clamp<std::int64_t>(
-        panels_bytes / (panels * panel_size * static_cast<std::int64_t>(sizeof(R))), 1, blocks);
+        panels_bytes / (panels * panel_size * static_cast<std::int64_t>(sizeof(R))), 1, std::min(most_blocks, blocks));
     const Scratch<R> memory(pass * panels * panel_size);
     for (std::int64_t first = 0; first < blocks; first += pass) {
         const std::int64_t count = std::min(pass, blocks - first);
@@ -230,25 +274,44 @@ void multiply_by_cols(const Factors<T>& f) {
                          }
                      });
     }
-    parallel_for(panels, 1, grain, [&](std::int64_t begin, std::int64_t end) {
+    // Where A is more than stays near, a block of it meets several panels.
+    const bool large = f.rows * f.depth * static_cast<std::int64_t>(sizeof(T)) > 2 * near_bytes_of_a;
+    const std::int64_t together =
+        large ? std::clamp<std::int64_t>(panels / (2 * usable_processors()), 1, panels_together) : 1;
+    parallel_for(panels, together, grain, [&](std::int64_t begin, std::int64_t end) {
         PanelMemory<R> memory;
-        for (std::int64_t p = begin; p < end; ++p) {
+        const auto multiply_panel = [&](std::int64_t p, std::int64_t k) {
             const std::int64_t cols = f.panel_cols(p);
             const std::int64_t row = panel_row<T>(cols);
-            for (std::int64_t k = 0; k < f.depth; k += block_depth) {
-                const std::int64_t depth = std::min(block_depth, f.depth - k);
-                const Strided<T> b = f.b.from(k, p * TileShape<T>::cols);
-                const bool here = in_place && cols == row;
-                const R* panel = reinterpret_cast<const R*>(b.data);
-                if (!here) {
-                    R* to = memory.take(depth * row);
-                    pack_panel(b, depth, cols, to);
-                    panel = to;
-                }
-                panel_times_strips<T, Swapped>(f, strips, pack ? packed->get() + k / block_depth * block_size : nullptr,
-                                               k, depth, p, panel, here ? b.row : row);
+            const std::int64_t depth = std::min(block_depth, f.depth - k);
+            const Strided<T> b = f.b.from(k, p * TileShape<T>::cols);
+            const bool here = in_place && cols == row;
+            const R* panel = reinterpret_cast<const R*>(b.data);
+            if (!here) {
+                R* to = memory.take(depth * row);
+                pack_panel(b, depth, cols, to);
+                panel = to;
             }
-            f.finish(0, f.rows, p * TileShape<T>::cols, cols);
+            panel_times_strips<T, Swapped>(f, strips,
+                                           {pack ? packed->get() + k / block_depth * block_size : nullptr,
+                                            k,
+                                            depth,
+                                            p,
+                                            panel,
+                                            here ? b.row : row,
+                                            {f.c + p * TileShape<T>::cols, f.c_row},
+                                            f.end(k),
+                                            f.next});
+        };
+        for (std::int64_t group = begin; group < end; group += together) {
+            const std::int64_t group_end = std::min(group + together, end);
+            for (std::int64_t k = 0; k < f.depth; k += block_depth) {
+                for (std::int64_t p = group; p < group_end; ++p) {
+                    multiply_panel(p, k);
+                }
+            }
+            const std::int64_t col = group * TileShape<T>::cols;
+            f.finish(0, f.rows, col, std::min(f.cols, group_end * TileShape<T>::cols) - col);
         }
     });
 }
@@ -266,7 +329,7 @@ void multiply(const Factors<T>& f) {
         }
     }
     // A block of A stays in the second level of cache.
-    constexpr std::int64_t most_rows = (1 << 19) / (block_depth * sizeof(T));
+    constexpr std::int64_t most_rows = 2 * near_bytes_of_a / (block_depth * sizeof(T));
     if (f.rows > most_rows || (f.rows > f.cols && f.panels() < 2 * usable_processors())) {
         multiply_by_rows<T, Swapped>(f);
     } else {
@@ -305,7 +368,7 @@ void multiply_aside(const Factors<T>& f, T* c, std::int64_t c_row, bool add) {
 
 template <typename T>
 void multiply_one(const ProductPlan& plan, const T* a, const T* b, T* c, const ProductEnds* ends,
-                  NextMatrices* next = nullptr) {
+                  Ahead* next = nullptr) {
     const std::int64_t width_c = plan.row_step_c();
     if (plan.rows < 1 || plan.cols < 1) {
         return;
@@ -359,7 +422,7 @@ void float_product(const ProductPlan& plan, const T* a, const T* b, T* c, const 
                           b + start(plan.place_b, plan.depth * plan.cols),
                           c + start(plan.place_c, plan.rows * plan.cols)};
     };
-    const auto one = [&](std::int64_t index, NextMatrices* next) {
+    const auto one = [&](std::int64_t index, Ahead* next) {
         const auto [x, y, z] = at(index);
         multiply_one(plan, x, y, z, ends, next);
     };
@@ -377,10 +440,12 @@ void float_product(const ProductPlan& plan, const T* a, const T* b, T* c, const 
                     continue;
                 }
                 const auto [x, y, z] = at(index + 1);
-                const auto lines = [tiles](std::int64_t size) { return size * sizeof(T) / 64 / tiles + 1; };
-                NextMatrices next{{bytes_at(x), bytes_at(y), bytes_at(z)},
-                                  {bytes_at(x + stored_a), bytes_at(y + stored_b), bytes_at(z + stored_c)},
-                                  static_cast<std::int64_t>(lines(std::max({stored_a, stored_b, stored_c})))};
+                const auto lines = [tiles](std::int64_t size) {
+                    return size * sizeof(T) / 64 / (tiles * TileShape<T>::rows) + 1;
+                };
+                Ahead next{{bytes_at(x), bytes_at(y), bytes_at(z)},
+                           {bytes_at(x + stored_a), bytes_at(y + stored_b), bytes_at(z + stored_c)},
+                           static_cast<std::int64_t>(lines(std::max({stored_a, stored_b, stored_c})))};
                 one(index, &next);
             }
         });
@@ -425,11 +490,15 @@ void packed_product(const T* a, std::int64_t a_row, const void* packed, std::int
     const RealOf<T>* panels = static_cast<const RealOf<T>*>(packed);
     const std::int64_t step = packed_factor_size<T>(1, cols);
     const auto multiply_all = [&] {
-        multiply_laid_out<T, false>(f, 0, parts_of(depth, block_depth), [&](std::int64_t block, std::int64_t panel) {
-            const std::int64_t first = block * block_depth;
-            return panels + first * step +
-                   std::min(block_depth, depth - first) * panel * TileShape<T>::cols * TileShape<T>::parts;
-        });
+        const std::int64_t blocks = parts_of(depth, block_depth);
+        for (std::int64_t first = 0; first < blocks; first += most_blocks) {
+            multiply_laid_out<T, false>(
+                f, first, std::min(most_blocks, blocks - first), [&](std::int64_t block, std::int64_t panel) {
+                    const std::int64_t k = block * block_depth;
+                    return panels + k * step +
+                           std::min(block_depth, depth - k) * panel * TileShape<T>::cols * TileShape<T>::parts;
+                });
+        }
     };
     if (!accumulate || depth <= block_depth) {
         multiply_all();

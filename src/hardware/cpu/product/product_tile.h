@@ -4,6 +4,7 @@
 // of tiles and no way to lay out the operands changes its bits.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <complex>
 #include <cstdint>
@@ -39,6 +40,21 @@ struct TileShape<std::complex<R>> {
 template <typename T>
 using RealOf = typename TileShape<T>::Real;
 
+/// Memory that later tiles want, brought near a little at a time: hardware does not know of it.
+struct Ahead {
+    const char* at[3];
+    const char* end[3];
+    std::int64_t lines;  // of each, at a time
+
+    void fetch() {
+        for (int m = 0; m < 3; ++m) {
+            for (std::int64_t n = 0; n < lines && at[m] < end[m]; ++n, at[m] += 64) {
+                vec::prefetch_near(at[m]);
+            }
+        }
+    }
+};
+
 /// Rows of A, element (i, k) at a + i * a_row + k * a_step, and a panel of B: row k at b + k * b_step holds the real
 /// parts of the columns, then the imaginary ones. Steps count elements of T in A, reals in B.
 template <typename T>
@@ -49,9 +65,18 @@ struct TileOperands {
     const RealOf<T>* b;
     std::int64_t b_step;
     std::int64_t depth;
+    Ahead* ahead = nullptr;  // or null; a tile fetches as often as it has rows
 };
 
-/// What becomes of the sums: stored, added to what is there, or begun with what is there and stored.
+/// Where the sums go, row by row, and what they are added to or begin with: the same place or another.
+template <typename T>
+struct TileTarget {
+    T* out;
+    std::int64_t out_row;
+    const T* old = out;
+    std::int64_t old_row = out_row;
+};
+/// What becomes of the sums: stored, added to what is old, or begun with it.
 enum class TileEnd { store, add, resume };
 
 template <std::size_t... I, typename V>
@@ -67,32 +92,32 @@ ORNIK_EXPAND V zipped(V a, V b, std::size_t first, std::index_sequence<I...> /*l
 #endif
 }
 
-/// Rows x Vectors of a tile, to out + i * out_row; complex sums interleaved as std::complex. `Swapped`: A holds the
+/// Rows x Vectors of a tile; complex sums interleaved as std::complex. `Swapped`: A holds the
 /// right factor's elements, which decides the order of a complex product's terms. `Packed`: a_row is 1, a_step Rows.
 template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
-[[gnu::noinline]] void sum_tile(const TileOperands<T>& in, T* out, std::int64_t out_row, TileEnd end) {
+[[gnu::noinline]] void sum_tile(const TileOperands<T>& in, const TileTarget<T>& to, TileEnd end) {
     using R = RealOf<T>;
     using V = Vector<R>;
     constexpr int width = lanes<R>;
     constexpr int parts = TileShape<T>::parts;
     constexpr int across = parts * Vectors;
     constexpr std::int64_t steps_ahead = 16;
-    vec::run_chains<R>([&](auto steps) ORNIK_EXPANDED {
-        using Steps = decltype(steps);
-        typename Steps::Sum sums[Rows][across];
-        R* target = reinterpret_cast<R*>(out);
-        const std::int64_t target_row = out_row * parts;
+    R* const out = reinterpret_cast<R*>(to.out);
+    const std::int64_t out_row = to.out_row * parts;
+    const R* const old = reinterpret_cast<const R*>(to.old);
+    const std::int64_t old_row = to.old_row * parts;
+    vec::run_chains<R>([&](auto way) ORNIK_EXPANDED {
+        using Way = decltype(way);
+        typename Way::Sum sums[Rows][across];
         if (parts == 1 && end == TileEnd::resume) {
             ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
                 ORNIK_UNROLLED for (int v = 0; v < across; ++v) {
-                    sums[i][v] = steps.from(load<V>(target + i * target_row + v * width));
+                    sums[i][v] = way.from(load<V>(old + i * old_row + v * width));
                 }
             }
         } else {
             ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
-                ORNIK_UNROLLED for (int v = 0; v < across; ++v) { sums[i][v] = steps.from(V{}); }
-                vec::prefetch_for_writing(target + i * target_row);
-                vec::prefetch_for_writing(target + i * target_row + across * width - 1);
+                ORNIK_UNROLLED for (int v = 0; v < across; ++v) { sums[i][v] = way.from(V{}); }
             }
         }
         // Three rows share an address.
@@ -102,59 +127,67 @@ template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
         const std::int64_t step = in.a_step * static_cast<std::int64_t>(sizeof(T));
         ORNIK_UNROLLED for (int g = 0; g < groups; ++g) { a[g] = reinterpret_cast<const char*>(in.a) + 3 * g * row; }
         const R* b = in.b;
-        for (std::int64_t k = in.depth; k > 0; --k) {
-            typename Steps::Factor x[across];
-            // Panels go on where hardware looks no further: on the next page.
-            ORNIK_UNROLLED for (std::size_t at = 0; at < sizeof(V[across]); at += 64) {
-                vec::prefetch(reinterpret_cast<const char*>(b + steps_ahead * in.b_step) + at);
-            }
-            ORNIK_UNROLLED for (int v = 0; v < across; ++v) { x[v] = steps.factor(load<V>(b + v * width)); }
-            ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
-                const R* y = reinterpret_cast<const R*>(Packed ? a[0] + i * static_cast<std::int64_t>(sizeof(T))
-                                                               : a[i / 3 % groups] + i % 3 * row);
-                const auto re = steps.weight(y[0]);
-                if constexpr (parts == 1) {
-                    ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) { steps.add(re, x[v], sums[i][v]); }
-                } else {
-                    const auto im = steps.weight(y[1]);
-                    ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
-                        const auto& x_re = x[v];
-                        const auto& x_im = x[Vectors + v];
-                        steps.add(re, x_re, sums[i][v]);
-                        steps.subtract(im, x_im, sums[i][v]);
-                        steps.add(Swapped ? im : re, Swapped ? x_re : x_im, sums[i][Vectors + v]);
-                        steps.add(Swapped ? re : im, Swapped ? x_im : x_re, sums[i][Vectors + v]);
-                    }
+        // The places of the sums come near one row after the other: all at once they would hold up the operands.
+        const std::int64_t stretch = in.depth / (Rows + Rows / 2) + 1;
+        std::int64_t left = in.depth;
+        for (int row_ahead = end == TileEnd::resume ? Rows : 0; left > 0; ++row_ahead) {
+            std::int64_t steps = left;
+            if (row_ahead < Rows) {
+                steps = std::min(stretch, left);
+                vec::prefetch_for_writing(out + row_ahead * out_row);
+                vec::prefetch_for_writing(out + row_ahead * out_row + across * width - 1);
+                if (in.ahead != nullptr) {
+                    in.ahead->fetch();
                 }
             }
-            ORNIK_UNROLLED for (int g = 0; g < groups; ++g) { a[g] += Packed ? Rows * sizeof(T) : step; }
-            b += in.b_step;
+            left -= steps;
+            for (; steps > 0; --steps) {
+                typename Way::Factor x[across];
+                // Panels go on where hardware looks no further: on the next page.
+                ORNIK_UNROLLED for (std::size_t at = 0; at < sizeof(V[across]); at += 64) {
+                    vec::prefetch(reinterpret_cast<const char*>(b + steps_ahead * in.b_step) + at);
+                }
+                ORNIK_UNROLLED for (int v = 0; v < across; ++v) { x[v] = way.factor(load<V>(b + v * width)); }
+                ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
+                    const R* y = reinterpret_cast<const R*>(Packed ? a[0] + i * static_cast<std::int64_t>(sizeof(T))
+                                                                   : a[i / 3 % groups] + i % 3 * row);
+                    const auto re = way.weight(y[0]);
+                    if constexpr (parts == 1) {
+                        ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) { way.add(re, x[v], sums[i][v]); }
+                    } else {
+                        const auto im = way.weight(y[1]);
+                        ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
+                            const auto& x_re = x[v];
+                            const auto& x_im = x[Vectors + v];
+                            way.add(re, x_re, sums[i][v]);
+                            way.subtract(im, x_im, sums[i][v]);
+                            way.add(Swapped ? im : re, Swapped ? x_re : x_im, sums[i][Vectors + v]);
+                            way.add(Swapped ? re : im, Swapped ? x_im : x_re, sums[i][Vectors + v]);
+                        }
+                    }
+                }
+                ORNIK_UNROLLED for (int g = 0; g < groups; ++g) { a[g] += Packed ? Rows * sizeof(T) : step; }
+                b += in.b_step;
+            }
         }
-        if (!steps.vouches_for(sums)) {
+        if (!way.vouches_for(sums)) {
             return false;
         }
         ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
-            R* to = target + i * target_row;
-            if constexpr (parts == 2) {
-                ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
+            R* at = out + i * out_row;
+            const R* from = old + i * old_row;
+            const auto put = [end, at, from](const V& sum, int v) {
+                vec::store(end == TileEnd::add ? load<V>(from + v * width) + sum : sum, at + v * width);
+            };
+            ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
+                if constexpr (parts == 2) {
                     constexpr std::make_index_sequence<static_cast<std::size_t>(width)> every{};
-                    const V re = steps.value(sums[i][v]);
-                    const V im = steps.value(sums[i][Vectors + v]);
-                    V lower = zipped(re, im, 0, every);
-                    V upper = zipped(re, im, 1, every);
-                    R* at = to + 2 * v * width;
-                    if (end == TileEnd::add) {
-                        lower = load<V>(at) + lower;
-                        upper = load<V>(at + width) + upper;
-                    }
-                    vec::store(lower, at);
-                    vec::store(upper, at + width);
-                }
-            } else {
-                ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
-                    R* at = to + v * width;
-                    const V sum = steps.value(sums[i][v]);
-                    vec::store(end == TileEnd::add ? load<V>(at) + sum : sum, at);
+                    const V re = way.value(sums[i][v]);
+                    const V im = way.value(sums[i][Vectors + v]);
+                    put(zipped(re, im, 0, every), 2 * v);
+                    put(zipped(re, im, 1, every), 2 * v + 1);
+                } else {
+                    put(way.value(sums[i][v]), v);
                 }
             }
         }
@@ -163,7 +196,7 @@ template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
 }
 
 template <typename T>
-using SumTile = void (*)(const TileOperands<T>& in, T* out, std::int64_t out_row, TileEnd end);
+using SumTile = void (*)(const TileOperands<T>& in, const TileTarget<T>& to, TileEnd end);
 
 /// sum_tile of `rows` rows and of one vector or all.
 template <typename T, bool Swapped, bool Packed>
