@@ -176,7 +176,7 @@ template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
         ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
             R* at = out + i * out_row;
             const R* from = old + i * old_row;
-            const auto put = [end, at, from](const V& sum, int v) {
+            const auto put = [&](const V& sum, int v) {
                 vec::store(end == TileEnd::add ? load<V>(from + v * width) + sum : sum, at + v * width);
             };
             ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
