@@ -92,6 +92,11 @@ ORNIK_EXPAND V zipped(V a, V b, std::size_t first, std::index_sequence<I...> /*l
 #endif
 }
 
+template <typename V, typename R>
+ORNIK_EXPAND void put_sums(const V& sums, TileEnd end, const R* old, R* out) {
+    vec::store(end == TileEnd::add ? load<V>(old) + sums : sums, out);
+}
+
 /// Rows x Vectors of a tile; complex sums interleaved as std::complex. `Swapped`: A holds the
 /// right factor's elements, which decides the order of a complex product's terms. `Packed`: a_row is 1, a_step Rows.
 template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
@@ -176,18 +181,15 @@ template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
         ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
             R* at = out + i * out_row;
             const R* from = old + i * old_row;
-            const auto put = [&](const V& sum, int v) {
-                vec::store(end == TileEnd::add ? load<V>(from + v * width) + sum : sum, at + v * width);
-            };
             ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
                 if constexpr (parts == 2) {
                     constexpr std::make_index_sequence<static_cast<std::size_t>(width)> every{};
                     const V re = way.value(sums[i][v]);
                     const V im = way.value(sums[i][Vectors + v]);
-                    put(zipped(re, im, 0, every), 2 * v);
-                    put(zipped(re, im, 1, every), 2 * v + 1);
+                    put_sums(zipped(re, im, 0, every), end, from + 2 * v * width, at + 2 * v * width);
+                    put_sums(zipped(re, im, 1, every), end, from + (2 * v + 1) * width, at + (2 * v + 1) * width);
                 } else {
-                    put(way.value(sums[i][v]), v);
+                    put_sums(way.value(sums[i][v]), end, from + v * width, at + v * width);
                 }
             }
         }
