@@ -166,9 +166,9 @@ inline Wide tanh(Wide z) {
     const double below = 1.0 + beta * s * s;
     return {beta * std::sqrt(1.0 + s * s) * s / below, t / below};
 }
-inline Wide sin(Wide z) { return over_i(sinh(times_i(z))); }
-inline Wide cos(Wide z) { return cosh(times_i(z)); }
-inline Wide tan(Wide z) { return over_i(tanh(times_i(z))); }
+inline Wide sin(Wide z) { return is_finite(z) ? over_i(sinh(times_i(z))) : std::sin(z); }
+inline Wide cos(Wide z) { return is_finite(z) ? cosh(times_i(z)) : std::cos(z); }
+inline Wide tan(Wide z) { return is_finite(z) ? over_i(tanh(times_i(z))) : std::tan(z); }
 inline Wide asin(Wide z) {
     if (!is_finite(z)) {
         return std::asin(z);
@@ -196,7 +196,7 @@ inline Wide acosh(Wide z) {
     return {elementary::asinh(below.real() * above.real() + below.imag() * above.imag()),
             2.0 * elementary::atan2(below.imag(), above.real())};
 }
-inline Wide asinh(Wide z) { return over_i(asin(times_i(z))); }
+inline Wide asinh(Wide z) { return is_finite(z) ? over_i(asin(times_i(z))) : std::asinh(z); }
 inline Wide atanh(Wide z) {
     if (!is_finite(z)) {
         return std::atanh(z);
@@ -207,11 +207,13 @@ inline Wide atanh(Wide z) {
     if (magnitude > 0x1p60) {
         return {std::copysign(x / magnitude / magnitude, z.real()), std::copysign(elementary::half_pi.high, z.imag())};
     }
-    const double re = 0.25 * elementary::log1p_exact(4.0 * x / ((1.0 - x) * (1.0 - x) + y * y));
+    const double distance = elementary::hypot(1.0 - x, y);
+    const double re = distance < 0x1p-400 ? 0.5 * (elementary::ln2.high - elementary::log(distance))
+                                          : 0.25 * elementary::log1p_exact(4.0 * x / ((1.0 - x) * (1.0 - x) + y * y));
     const double im = 0.5 * elementary::atan2(2.0 * y, (1.0 - x) * (1.0 + x) - y * y);
     return {std::copysign(re, z.real()), std::copysign(im, z.imag())};
 }
-inline Wide atan(Wide z) { return over_i(atanh(times_i(z))); }
+inline Wide atan(Wide z) { return is_finite(z) ? over_i(atanh(times_i(z))) : std::atan(z); }
 inline Wide pow(Wide z, Wide w) { return exp(times(w, log(z))); }
 inline Wide sigmoid(Wide z) {
     // The exponential of a number with a negative real part does not overflow.
