@@ -1,7 +1,8 @@
 // Prints a digest of each result of a long list, or compares them with a file of digests: the same bits on every
 // processor, system and number of threads.
 //
-//     digests                        prints "name digest" lines
+//     digests                        prints "name digest" lines, among what some rows print
+//     digests --write FILE           writes the lines
 //     digests --check FILE           compares with these lines; tells what differs; exit code 1
 //     digests --only TEXT ...        the rows whose names begin with TEXT, or with that of another --only
 //     digests --short                some of every kind, for emulated processors
@@ -85,16 +86,19 @@ int check(const std::vector<Row>& rows, const char* path, bool whole) {
 
 int main(int count, char** arguments) {
     const char* path = nullptr;
+    const char* written = nullptr;
     std::vector<std::string> beginnings;
     for (int i = 1; i < count; ++i) {
         if (i + 1 < count && std::strcmp(arguments[i], "--check") == 0) {
             path = arguments[++i];
+        } else if (i + 1 < count && std::strcmp(arguments[i], "--write") == 0) {
+            written = arguments[++i];
         } else if (i + 1 < count && std::strcmp(arguments[i], "--only") == 0) {
             beginnings.emplace_back(arguments[++i]);
         } else if (std::strcmp(arguments[i], "--short") == 0) {
             beginnings.insert(beginnings.end(), std::begin(short_list), std::end(short_list));
         } else {
-            std::fprintf(stderr, "usage: digests [--check FILE] [--only TEXT]... [--short]\n");
+            std::fprintf(stderr, "usage: digests [--check FILE] [--write FILE] [--only TEXT]... [--short]\n");
             return 2;
         }
     }
@@ -108,8 +112,14 @@ int main(int count, char** arguments) {
     if (path != nullptr) {
         return check(rows, path, beginnings.empty());
     }
-    for (const Row& row : rows) {
-        std::printf("%s %s\n", row.name.c_str(), digest_of(row).c_str());
+    std::FILE* const out = written != nullptr ? std::fopen(written, "w") : stdout;
+    if (out == nullptr) {
+        std::perror(written);
+        return 2;
     }
+    for (const Row& row : rows) {
+        std::fprintf(out, "%s %s\n", row.name.c_str(), digest_of(row).c_str());
+    }
+    std::fflush(out);
     return 0;
 }
