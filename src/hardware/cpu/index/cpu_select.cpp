@@ -20,6 +20,8 @@ struct select_function {
     }
 };
 
+double magnitude(double x) { return std::fabs(x); }
+double magnitude(Wide x) { return complex_functions::wide_functions::abs(x); }
 double power(double x, double y) { return elementary::pow(x, y); }
 Wide power(Wide x, Wide y) { return complex_functions::wide_functions::pow(x, y); }
 double logarithm(double x) { return elementary::log(x); }
@@ -185,10 +187,9 @@ void is_close(const Tensor* a, const Tensor* b, double relative, double absolute
             if constexpr (is_complex_element<T> || std::is_floating_point_v<T>) {
                 const bool x_nan = !(x == x);
                 const bool y_nan = !(y == y);
-                const double scale = complex_functions::wide_functions::abs(as_wide(y));
+                const double scale = magnitude(as_wide(y));
                 return x == y || (equal_nan && x_nan && y_nan) ||
-                       (scale < HUGE_VAL &&
-                        complex_functions::wide_functions::abs(as_wide(x) - as_wide(y)) <= absolute + relative * scale);
+                       (scale < HUGE_VAL && magnitude(as_wide(x) - as_wide(y)) <= absolute + relative * scale);
             } else {
                 const auto wide_y = static_cast<double>(y);
                 return x == y || std::abs(static_cast<double>(x) - wide_y) <= absolute + relative * std::abs(wide_y);
