@@ -116,6 +116,22 @@ inline constexpr Attention attentions[] = {
     {"1x8x1024x64/causal", 1, 8, 1024, 64, true, false}, {"8x12x128x64/float64", 8, 12, 128, 64, false, true},
 };
 
+/// Whole networks in inference: images [batch, 3, 224, 224], and encoder blocks [batch, 128, 768] of 12 heads.
+inline constexpr std::int64_t inference_batches[] = {1, 8};
+inline constexpr std::int64_t image_side = 224;
+struct Stage {
+    std::int64_t widening, channels, blocks, stride;
+};
+/// ResNet-18 (He and others, 2015): two blocks a stage.
+inline constexpr Stage resnet_stages[] = {{1, 64, 2, 1}, {1, 128, 2, 2}, {1, 256, 2, 2}, {1, 512, 2, 2}};
+/// MobileNet-v2 (Sandler and others, 2018).
+inline constexpr Stage mobile_stages[] = {{1, 16, 1, 1}, {6, 24, 2, 2},  {6, 32, 3, 2}, {6, 64, 4, 2},
+                                          {6, 96, 3, 1}, {6, 160, 3, 2}, {6, 320, 1, 1}};
+struct Encoder {
+    std::int64_t width, heads, inner, length;
+};
+inline constexpr Encoder encoder{768, 12, 3072, 128};
+
 /// The training step of the demo's network: images [N, 1, 28, 28].
 inline constexpr std::int64_t training_batch = 128;
 

@@ -55,3 +55,33 @@ ornik_add_kernel_options(ornik_kernel_options "${ORNIK_ARCH}")
 # Calls between the library's own functions go straight to them, not by the table through which a program could put its
 # own in their place: a sixth of the time of a small operation.
 set(ornik_link_options $<$<AND:$<CXX_COMPILER_ID:GNU,Clang>,$<PLATFORM_ID:Linux>>:-Wl,-Bsymbolic-functions>)
+
+# Of what has to run on every processor of the architecture, to see whether the one at hand has the instructions of
+# `arch`: ORNIK_WANTED_INSTRUCTIONS lists them. Names are those that both compilers can ask a processor for.
+function(ornik_compile_for_all target arch)
+  if(NOT arch OR NOT CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64" OR NOT CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
+    return()
+  endif()
+  execute_process(COMMAND ${CMAKE_CXX_COMPILER} -march=${arch} -dM -E -x c++ /dev/null
+                  OUTPUT_VARIABLE macros COMMAND_ERROR_IS_FATAL ANY)
+  set(wanted)
+  foreach(name IN ITEMS sse3 ssse3 sse4.1 sse4.2 popcnt avx avx2 bmi bmi2 fma gfni vpclmulqdq avx512f avx512bw avx512cd
+                        avx512dq avx512vl avx512ifma avx512vbmi avx512vbmi2 avx512vnni avx512bitalg avx512vpopcntdq)
+    string(TOUPPER ${name} macro)
+    string(REPLACE "." "_" macro ${macro})
+    if(macros MATCHES "#define __${macro}__ ")
+      string(APPEND wanted "ORNIK_WANTED(${name}) ")
+    endif()
+  endforeach()
+  target_compile_options(${target} PRIVATE -march=x86-64 -mtune=generic)
+  if(wanted)
+    target_compile_definitions(${target} PRIVATE "ORNIK_WANTED_INSTRUCTIONS=${wanted}")
+  endif()
+endfunction()
+
+# The loader of glibc, too, knows the levels of x86-64 by name, and refuses a library that the processor can not run.
+function(ornik_link_for target arch)
+  if(arch MATCHES "^x86-64-v[234]$" AND CMAKE_SYSTEM_NAME STREQUAL "Linux")
+    target_link_options(${target} PRIVATE -Wl,-z,${arch})
+  endif()
+endfunction()

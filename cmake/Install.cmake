@@ -37,6 +37,7 @@ set(ORNIK_PUBLIC_HEADERS
     ktensor/losses.h
     ktensor/networks.h
     ktensor/normalizations.h
+    ktensor/prepared.h
     ktensor/products.h
     ktensor/random.h
     ktensor/reductions.h
@@ -50,9 +51,11 @@ set(ORNIK_PUBLIC_HEADERS
     layers/functional/conv.h
     layers/functional/dropout.h
     layers/functional/embedding.h
+    layers/functional/layer_end.h
     layers/functional/linear.h
     layers/functional/normalization.h
     layers/functional/pool.h
+    layers/functional/prepared_convolution.h
     layers/functional/prepared_linear.h
     layers/functional/recurrent.h
     layers/layer.h
@@ -76,6 +79,7 @@ set(ORNIK_PUBLIC_HEADERS
     modules/clipping.h
     modules/containers.h
     modules/convolution_layers.h
+    modules/fuse.h
     modules/initialization.h
     modules/layers.h
     modules/loss_layers.h

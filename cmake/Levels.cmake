@@ -4,6 +4,18 @@
 # Only the kernels are compiled again: everything else checks, allocates and calls them, and is the first level's. Kernels
 # stand before it when a level is linked, so that of functions in headers the level's own code stays.
 
+# A package carries everything that is no kernel as often as there are levels. None of it loops over elements: it is
+# compiled for less room, and modules and files, where a call is long already, for the least.
+if(ORNIK_LEVELS AND CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
+  set(front_sources ${ornik_sources})
+  list(FILTER front_sources EXCLUDE REGEX "/src/hardware/")
+  set(long_sources ${front_sources})
+  list(FILTER long_sources INCLUDE REGEX "/src/(modules/|io/(json|np|safetensors|zip)|ktensor/print)")
+  list(REMOVE_ITEM front_sources ${long_sources})
+  set_property(SOURCE ${front_sources} APPEND PROPERTY COMPILE_OPTIONS $<$<CONFIG:Release>:-O2>)
+  set_property(SOURCE ${long_sources} APPEND PROPERTY COMPILE_OPTIONS $<$<CONFIG:Release>:-Os>)
+endif()
+
 set(level_sources ${other_sources})
 list(FILTER level_sources INCLUDE REGEX "/src/hardware/cpu/")
 
@@ -14,15 +26,16 @@ foreach(level IN LISTS ornik_further_levels)
   if(level STREQUAL "x86-64-v4" AND TARGET ornik_x86-64-v3_objects AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     set(kernels ornik_x86-64-v3_objects)
   endif()
-  ornik_add_library_objects(ornik_${level} ornik_kernel_options_${level} ${level_sources})
+  ornik_add_library_objects(ornik_${level} ornik_kernel_options_${level} ${level} ${level_sources})
   if(NOT kernels STREQUAL "ornik_${level}_objects")
     set_target_properties(ornik_${level}_objects PROPERTIES EXCLUDE_FROM_ALL ON)
   endif()
   add_library(ornik_level_${level} SHARED
-    $<TARGET_OBJECTS:ornik_${level}_row_objects>
+    $<TARGET_OBJECTS:ornik_${level}_row_objects> $<TARGET_OBJECTS:ornik_${level}_check_objects>
     $<TARGET_OBJECTS:${kernels}> $<FILTER:$<TARGET_OBJECTS:ornik_objects>,EXCLUDE,/src/hardware/cpu/>)
   target_link_libraries(ornik_level_${level} PRIVATE OpenMP::OpenMP_CXX ${ornik_zlib} ornik_options)
   target_link_options(ornik_level_${level} PRIVATE ${ornik_link_options})
+  ornik_link_for(ornik_level_${level} ${level})
   set_target_properties(ornik_level_${level} PROPERTIES
     OUTPUT_NAME ornik VERSION ${PROJECT_VERSION} SOVERSION ${ornik_soversion}
     LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/levels/${level})

@@ -5,6 +5,10 @@
 # fuses the multiply and add/subtract pairs of complex products that it vectorises (a test of complex
 # arithmetic compares bits and shows it), so its instructions are taken away as well.
 
+# The check of the processor is no part of either.
+set(check_source ${PROJECT_SOURCE_DIR}/src/hardware/processor_check.cpp)
+list(REMOVE_ITEM ornik_sources ${check_source})
+
 # Row kernels, and the rows of exponentials in softmax, losses and layers, say fused() where one rounding is meant.
 # Without the flags that errno and traps would need, and with branches left to be turned into selections, their loops
 # become vector code. No complex operators here. The same goes for what is written in vectors (vector_types.h): files
@@ -30,8 +34,15 @@ function(ornik_add_objects name options)
   target_link_libraries(${name} PUBLIC ornik_options OpenMP::OpenMP_CXX PRIVATE ${options})
 endfunction()
 
-# The two groups as <prefix>_objects, of the sources given, and <prefix>_row_objects.
-function(ornik_add_library_objects prefix options)
+# The two groups as <prefix>_objects, of the sources given, and <prefix>_row_objects; <prefix>_check_objects see whether
+# the processor can run them.
+function(ornik_add_library_objects prefix options arch)
+  add_library(${prefix}_check_objects OBJECT ${check_source})
+  set_target_properties(${prefix}_check_objects PROPERTIES POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden)
+  target_include_directories(${prefix}_check_objects PRIVATE ${PROJECT_SOURCE_DIR}/include)
+  target_link_libraries(${prefix}_check_objects PRIVATE ornik_options)
+  ornik_compile_for_all(${prefix}_check_objects "${arch}")
+
   ornik_add_objects(${prefix}_objects ${options} ${ARGN})
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
     target_compile_options(${prefix}_objects PRIVATE -mno-fma -mno-avx512f)
@@ -53,9 +64,9 @@ function(ornik_add_library_objects prefix options)
     endif()
   endif()
 endfunction()
-ornik_add_library_objects(ornik ornik_kernel_options ${other_sources})
+ornik_add_library_objects(ornik ornik_kernel_options "${ORNIK_ARCH}" ${other_sources})
 
-target_sources(ornik_objects INTERFACE $<TARGET_OBJECTS:ornik_row_objects>)
+target_sources(ornik_objects INTERFACE $<TARGET_OBJECTS:ornik_row_objects> $<TARGET_OBJECTS:ornik_check_objects>)
 
 # Printing works on a null tensor, too: its test of `this` must stay.
 if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")

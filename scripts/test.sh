@@ -13,7 +13,7 @@ presets=("$@")
 [ ${#presets[@]} -eq 0 ] && presets=(release)
 
 packages=("${build_packages[@]}" "${example_packages[@]}" "${python_packages[@]}" libgtest-dev pkg-config
-    dataset-fashion-mnist)
+    dataset-fashion-mnist qemu-user)
 for preset in "${presets[@]}"; do
     [ "$preset" = tsan ] && packages+=(clang libomp-dev libclang-rt-14-dev)
 done

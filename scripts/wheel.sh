@@ -29,20 +29,24 @@ mkdir -p "$out/plain"
     "${launcher[@]}" "${levels[@]}" .
 # The name that the wheel gets says which systems have the C library it needs. The levels above the first need
 # instructions that the name does not promise, and are loaded only where they are there.
-if PATH="$PWD/$venv/bin:$PATH" "$venv/bin/auditwheel" repair --disable-isa-ext-check -w "$out" "$out"/plain/*.whl; then
+if PATH="$PWD/$venv/bin:$PATH" "$venv/bin/auditwheel" repair -z 9 --disable-isa-ext-check -w "$out" "$out"/plain/*.whl; then
     rm -r "$out/plain"
 else
     mv "$out"/plain/*.whl "$out/"
     rmdir "$out/plain"
     echo "The wheel was not repaired: it runs on systems like this one, with OpenMP's runtime installed." >&2
 fi
-ls -l "$out"
+wheel=$(ls "$PWD/$out"/*.whl)
+ls -l "$wheel"
+# What it takes to install it is told before somebody else finds out.
+[ "$(stat -c %s "$wheel")" -lt 10000000 ] || { echo "The wheel has more than 10 MB." >&2; exit 1; }
 [ "${1:-}" = --test ] || exit 0
 
 rm -rf build/wheel-test
 "${PYTHON:-python3}" -m venv build/wheel-test
 python=$PWD/build/wheel-test/bin/python
-"$python" -m pip install -q "$(ls "$PWD/$out"/*.whl)" pytest hypothesis safetensors
+"$python" -m pip install -q "$wheel" pytest hypothesis safetensors
+qemu=$(command -v qemu-x86_64 || true)
 export PATH=$PWD/build/wheel-test/bin
 # The loader lists the levels that it knows, the best first, and says which ones the processor has.
 loader=/lib64/ld-linux-x86-64.so.2
@@ -53,3 +57,10 @@ for level in $("$loader" --help 2>/dev/null | /usr/bin/sed -n 's/^ *\(x86-64-v[0
     [ "$found" = "$level" ]
     "${run[@]}" -m pytest -q -p no:cacheprovider python/tests --ignore=python/tests/test_documents.py
 done
+if [ -n "$qemu" ]; then
+    echo "== a processor before x86-64-v2"
+    found=$("$qemu" -cpu core2duo "$python" -c 'import ornik' 2>&1) && exit 1
+    echo "${found##*$'\n'}"
+    [ "${found##*$'\n'}" = "ImportError: this build of ornik needs instructions that the processor has not got\
+ (sse4.1): install a wheel for all machines, or build the package on this one" ]
+fi

@@ -8,5 +8,6 @@ int main(int argc, char** argv) {
     bench::kernel_rows();
     bench::recording_rows();
     bench::training_rows();
+    bench::inference_rows();
     return bench::run(argc, argv);
 }

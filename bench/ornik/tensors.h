@@ -36,5 +36,6 @@ void network_rows();
 void kernel_rows();
 void recording_rows();
 void training_rows();
+void inference_rows();
 
 }  // namespace bench

@@ -36,5 +36,6 @@ int main(int argc, char** argv) {
     bench::math_rows();
     bench::network_rows();
     bench::kernel_rows();
+    bench::inference_rows();
     return bench::run(argc, argv);
 }

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <system_error>
 #include <vector>
 
 #include "elements.h"
@@ -46,6 +47,7 @@ class OutputFile final : public ByteSink {
 
   private:
     [[noreturn]] void fail_with(int error) const;
+    [[noreturn]] void fail_with(const std::error_code& error) const;
 
     FilePlace place_;
     std::filesystem::path path_;

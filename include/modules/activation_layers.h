@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <string>
+#include <string_view>
 
 #include "../ktensor/activations.h"
 #include "../ktensor/elements.h"
@@ -20,6 +21,9 @@ struct Label {
     std::array<char, size> text{};
 };
 
+/// The end of that name.
+ORNIK_API std::optional<nn::LayerEnd> end_named(std::string_view name);
+
 }  // namespace detail
 
 /// A function without parameters as a module.
@@ -27,6 +31,7 @@ template <detail::Label name, KTensor (*function)(const KTensor&)>
 class FunctionModule : public Module {
   public:
     KTensor forward(const KTensor& x) override { return function(x); }
+    std::optional<nn::LayerEnd> as_end() const override { return detail::end_named(name.text.data()); }
 
   protected:
     std::string type_name() const override { return name.text.data(); }
@@ -47,6 +52,7 @@ class ORNIK_API GELU : public Module {
   public:
     explicit GELU(bool by_tanh = false);
     KTensor forward(const KTensor& x) override;
+    std::optional<nn::LayerEnd> as_end() const override;
 
   private:
     bool by_tanh_;

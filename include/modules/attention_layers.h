@@ -1,6 +1,7 @@
 // attention_layers.h: multi-head attention (Vaswani and others, 2017).
 #pragma once
 
+#include <array>
 #include <cstdint>
 
 #include "basic_layers.h"
@@ -27,6 +28,7 @@ struct MultiheadArguments {
     bool causal = false;         ///< target i attends to the first i + 1 sources alone
     bool want_weights = false;
     bool average_weights = true;  ///< over the heads
+    KTensor residual{};           ///< of the output's shape, added to it
 };
 
 struct MultiheadResult {
@@ -64,7 +66,7 @@ class ORNIK_API MultiheadAttention : public Module {
         KTensor key;
         KTensor value;
     };
-    Triple project(const Triple& x) const;
+    Triple project(const Triple& x);
     void append_keys(Triple& x) const;
     KTensor to_heads(const KTensor& x) const;
     KTensor mask_of(const MultiheadArguments& arguments, const Dims& scores, std::int64_t extra,
@@ -75,6 +77,7 @@ class ORNIK_API MultiheadAttention : public Module {
     std::int64_t heads_;
     MultiheadOptions options_;
     Part<Linear> out_proj_;
+    std::array<PreparedWeight, 3> prepared_;  // of query, key and value; the first one of all together
 };
 
 }  // namespace ornik

@@ -4,18 +4,25 @@
 #include <cstdint>
 #include <optional>
 
+#include "../ktensor/prepared.h"
 #include "module.h"
 
 namespace ornik {
 
-/// x W^T + b of x [..., in]: weight [out, in], bias [out], both uniform within 1 / sqrt(in).
+/// x W^T + b of x [..., in]: weight [out, in], bias [out], both uniform within 1 / sqrt(in). Outside training, calls
+/// that are not recorded keep the weight laid out: ktensor/prepared.h.
 class ORNIK_API Linear : public Module {
   public:
     Linear(std::int64_t in, std::int64_t out, bool bias = true);
-    KTensor forward(const KTensor& x) override;
+    KTensor forward(const KTensor& x) override { return forward(x, nn::LayerEnd::none); }
+    /// The end of forward(x) + residual, which may be undefined: the same bits in fewer passes.
+    KTensor forward(const KTensor& x, nn::LayerEnd end, const KTensor& residual = KTensor());
 
     KTensor weight;
     KTensor bias;
+
+  private:
+    PreparedWeight prepared_;
 };
 
 /// Rows of a table [count, width] by index, at first normal deviates. The padding row, which may be counted from the

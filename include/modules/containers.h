@@ -25,6 +25,25 @@ class ORNIK_API Sequential : public Module {
     }
     void append(std::shared_ptr<Module> module);
     KTensor forward(const KTensor& x) override;
+    std::shared_ptr<Module> fused() override;
+};
+
+/// activation(body(x) + shortcut(x)), x itself where there is no shortcut. Parts: body, shortcut, activation.
+class ORNIK_API Residual : public Module {
+  public:
+    /// Shortcut and activation may be null.
+    explicit Residual(std::shared_ptr<Module> body, std::shared_ptr<Module> shortcut = nullptr,
+                      std::shared_ptr<Module> activation = nullptr);
+    template <std::derived_from<Module> M>
+    explicit Residual(M body, std::shared_ptr<Module> shortcut = nullptr, std::shared_ptr<Module> activation = nullptr)
+        : Residual(std::make_shared<M>(std::move(body)), std::move(shortcut), std::move(activation)) {}
+    KTensor forward(const KTensor& x) override;
+    std::shared_ptr<Module> fused() override;
+
+  private:
+    std::shared_ptr<Module> body_;
+    std::shared_ptr<Module> shortcut_;
+    std::shared_ptr<Module> activation_;
 };
 
 /// Modules of one base, named "0", "1", ...; what is done with them is the owner's business.

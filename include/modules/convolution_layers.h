@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "../ktensor/convolutions.h"
+#include "../ktensor/prepared.h"
 #include "module.h"
 
 namespace ornik {
@@ -22,10 +23,14 @@ struct ConvOptions {
 
 namespace detail {
 
-/// What all of them share: weight and bias, uniform within 1 / sqrt(elements of weight[0]).
+/// What all of them share: weight and bias, uniform within 1 / sqrt(elements of weight[0]). Outside training, calls
+/// that are not recorded keep the weight laid out: ktensor/prepared.h.
 class ORNIK_API Convolution : public Module {
   public:
-    KTensor forward(const KTensor& x) override;
+    KTensor forward(const KTensor& x) override { return forward(x, nn::LayerEnd::none); }
+    /// The end of forward(x) + residual, which may be undefined: the same bits in fewer passes.
+    KTensor forward(const KTensor& x, nn::LayerEnd end, const KTensor& residual = KTensor());
+    [[nodiscard]] const nn::ConvParameters& conv_parameters() const { return parameters_; }
 
     KTensor weight;
     KTensor bias;
@@ -36,6 +41,7 @@ class ORNIK_API Convolution : public Module {
 
   private:
     nn::ConvParameters parameters_;
+    PreparedWeight prepared_;
 };
 
 }  // namespace detail

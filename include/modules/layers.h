@@ -11,6 +11,7 @@
 #include "basic_layers.h"
 #include "containers.h"
 #include "convolution_layers.h"
+#include "fuse.h"
 #include "loss_layers.h"
 #include "normalization_layers.h"
 #include "pooling_layers.h"

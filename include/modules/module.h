@@ -16,12 +16,14 @@
 #include <functional>
 #include <iosfwd>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "../ktensor/files.h"
 #include "../ktensor/ktensor.h"
+#include "../layers/functional/layer_end.h"
 
 namespace ornik {
 
@@ -32,6 +34,7 @@ class Part {
     explicit Part(std::shared_ptr<M> module) : module_(std::move(module)) {}
     M* operator->() const { return module_.get(); }
     M& operator*() const { return *module_; }
+    const std::shared_ptr<M>& shared() const { return module_; }
     template <typename... Arguments>
     auto operator()(Arguments&&... arguments) const {
         return module_->forward(std::forward<Arguments>(arguments)...);
@@ -84,6 +87,14 @@ class ORNIK_API Module {
     [[nodiscard]] const Parts& parts() const { return parts_; }
     /// This module and those below, one a line, each with its arguments: "Linear(in=784, out=128, bias=true)".
     [[nodiscard]] std::string to_string() const;
+
+    // ---- For fuse() (fuse.h) ----
+
+    /// The module that does the same in inference, in fewer passes; null when this one is to stay as it is. Modules
+    /// that are made of others override it, and tell by it in which order these are used.
+    [[nodiscard]] virtual std::shared_ptr<Module> fused();
+    /// The activation that this module is, where a layer before it can end with that.
+    [[nodiscard]] virtual std::optional<nn::LayerEnd> as_end() const;
 
   protected:
     Module() = default;

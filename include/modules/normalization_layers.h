@@ -19,6 +19,7 @@ struct BatchNormOptions {
 class ORNIK_API BatchNorm : public Module {
   public:
     explicit BatchNorm(std::int64_t channels, const BatchNormOptions& options = {});
+    [[nodiscard]] const BatchNormOptions& options() const { return options_; }
     KTensor forward(const KTensor& x) override;
 
     KTensor weight;

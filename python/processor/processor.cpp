@@ -5,21 +5,9 @@
 // end the process.
 #include <Python.h>
 
-namespace {
+#include "hardware/missing_instructions.h"
 
-// Null when every instruction is there, else the first that is missing.
-const char* missing_instructions() {
-#if defined(__x86_64__) && defined(__GNUC__)
-    __builtin_cpu_init();
-#define WANTED(name)                     \
-    if (!__builtin_cpu_supports(name)) { \
-        return name;                     \
-    }
-#include "wanted_instructions.inc"
-#undef WANTED
-#endif
-    return nullptr;
-}
+namespace {
 
 PyModuleDef definition = {PyModuleDef_HEAD_INIT,
                           "_processor",
@@ -34,7 +22,7 @@ PyModuleDef definition = {PyModuleDef_HEAD_INIT,
 }  // namespace
 
 PyMODINIT_FUNC PyInit__processor() {
-    if (const char* missing = missing_instructions()) {
+    if (const char* const missing = ornik::detail::missing_instructions()) {
         PyErr_Format(PyExc_ImportError,
                      "this build of ornik needs instructions that the processor has not got (%s): install a wheel for "
                      "all machines, or build the package on this one",

@@ -4,6 +4,7 @@
 #include "errors.h"
 #include "ktensor/shapes.h"
 #include "object.h"
+#include "tensor/loan.h"
 #include "tensor/tensor.h"
 
 namespace ornik::python {
@@ -17,6 +18,7 @@ static_assert(sizeof(int) == 4 && sizeof(long long) == 8);
 // What a view needs while somebody has it: a share of the elements, whatever becomes of the object's.
 struct Lent {
     KTensor tensor;
+    std::unique_ptr<Loan> loan;  // where others may write
     std::vector<Py_ssize_t> extents;
     std::vector<Py_ssize_t> steps;
 };
@@ -61,6 +63,9 @@ int lend(PyObject* self, Py_buffer* view, int flags) noexcept {
                 lent->steps.push_back(static_cast<Py_ssize_t>(t.strides()[i]) * item);
             }
             const auto storage = t.tensor()->getStorage();
+            if (!storage->read_only()) {
+                lent->loan = std::make_unique<Loan>(storage);
+            }
             view->buf = t.size() == 0 ? static_cast<void*>(lent.get()) : t.tensor()->getRawData();
             view->len = static_cast<Py_ssize_t>(t.size()) * item;
             view->readonly = storage->read_only() ? 1 : 0;

@@ -9,6 +9,7 @@
 #include "gil.h"
 #include "ktensor/shapes.h"
 #include "module.h"
+#include "tensor/loan.h"
 #include "tensor/tensor.h"
 
 namespace nb = nanobind;
@@ -261,6 +262,7 @@ struct Exported {
     KTensor tensor;
     Dims shape;
     Dims strides;
+    std::unique_ptr<Loan> loan;  // where others may write
 };
 
 constexpr std::array<std::uint8_t, 5> codes{6, 0, 2, 5, 1};  // bool, int, float, complex, unsigned
@@ -291,7 +293,9 @@ void drop_capsule(PyObject* capsule) {
 
 template <typename Capsule>
 nb::object export_as(const KTensor& t, std::uint64_t flags) {
-    auto exported = std::make_unique<Exported>(Exported{t, t.shape(), t.strides()});
+    const auto storage = t.tensor()->getStorage();
+    auto exported = std::make_unique<Exported>(
+        Exported{t, t.shape(), t.strides(), storage->read_only() ? nullptr : std::make_unique<Loan>(storage)});
     auto managed = std::make_unique<Capsule>();
     managed->array = {t.size() == 0 ? nullptr : t.tensor()->getRawData(),
                       {dlpack::cpu, 0},

@@ -7,14 +7,18 @@
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/tuple.h>
 
+#include <algorithm>
+
 #include "arguments.h"
 #include "errors.h"
 #include "gil.h"
+#include "ktensor/arithmetic.h"
 #include "ktensor/convolutions.h"
 #include "ktensor/images.h"
 #include "ktensor/impl.h"
 #include "ktensor/losses.h"
 #include "ktensor/normalizations.h"
+#include "ktensor/prepared.h"
 #include "module.h"
 
 namespace nb = nanobind;
@@ -28,16 +32,71 @@ using Triple = std::tuple<KTensor, KTensor, KTensor>;
 
 // ---- Convolutions, pools, images ----
 
+nn::ConvParameters conv_parameters(const Extents& stride, const std::array<Extents, 2>& padding,
+                                   const Extents& dilation, std::int64_t groups, bool transposed,
+                                   const Extents& output_padding) {
+    return {.stride = stride,
+            .padding = {{{padding[0][0], padding[0][1]}, {padding[1][0], padding[1][1]}}},
+            .dilation = dilation,
+            .groups = groups,
+            .transposed = transposed,
+            .output_padding = output_padding};
+}
+
 KTensor convolve(const KTensor& x, const KTensor& weight, const OptionalTensor& bias, const Extents& stride,
                  const std::array<Extents, 2>& padding, const Extents& dilation, std::int64_t groups, bool transposed,
                  const Extents& output_padding) {
-    const nn::ConvParameters parameters{.stride = stride,
-                                        .padding = {{{padding[0][0], padding[0][1]}, {padding[1][0], padding[1][1]}}},
-                                        .dilation = dilation,
-                                        .groups = groups,
-                                        .transposed = transposed,
-                                        .output_padding = output_padding};
+    const nn::ConvParameters parameters =
+        conv_parameters(stride, padding, dilation, groups, transposed, output_padding);
     return without_lock([&] { return convolution(x, weight, bias.tensor, parameters); });
+}
+
+// What a layer's sum ends with, by the name of the function.
+nn::LayerEnd end_named(const std::string& name) {
+    constexpr const char* names[] = {"none", "relu", "relu6",       "sigmoid",  "tanh",
+                                     "silu", "gelu", "hardsigmoid", "hardswish"};
+    const auto place = std::find(std::begin(names), std::end(names), name);
+    if (place == std::end(names)) {
+        raise_error(PyExc_ValueError, "no layer ends with \"" + name + "\"");
+    }
+    return static_cast<nn::LayerEnd>(place - std::begin(names));
+}
+
+// In training: nothing is kept.
+KTensor ended(PreparedWeight& prepared, const KTensor& y, nn::LayerEnd end, const KTensor& residual) {
+    prepared.drop();
+    return apply_end(residual.defined() ? y + residual : y, end);
+}
+
+void add_prepared(nb::module_& m) {
+    nb::class_<PreparedWeight>(m, "Prepared")
+        .def(nb::init<>())
+        .def(
+            "__reduce__", [](nb::handle self) { return nb::make_tuple(self.type(), nb::tuple()); },
+            nb::sig("def __reduce__(self) -> tuple[Any, ...]"))  // What is kept is made again.
+        .def("drop", &PreparedWeight::drop)
+        .def_prop_ro("bytes", &PreparedWeight::bytes)
+        .def("linear",
+             [](PreparedWeight& self, const std::string& end, const OptionalTensor& residual, Flag keep,
+                const KTensor& x, const KTensor& weight, const OptionalTensor& bias) {
+                 const nn::LayerEnd chosen = end_named(end);
+                 return without_lock([&] {
+                     return keep ? self.linear(x, weight, bias.tensor, chosen, residual.tensor)
+                                 : ended(self, linear(x, weight, bias.tensor), chosen, residual.tensor);
+                 });
+             })
+        .def("convolution", [](PreparedWeight& self, const std::string& end, const OptionalTensor& residual, Flag keep,
+                               const KTensor& x, const KTensor& weight, const OptionalTensor& bias,
+                               const Extents& stride, const std::array<Extents, 2>& padding, const Extents& dilation,
+                               std::int64_t groups, bool transposed, const Extents& output_padding) {
+            const nn::LayerEnd chosen = end_named(end);
+            const nn::ConvParameters parameters =
+                conv_parameters(stride, padding, dilation, groups, transposed, output_padding);
+            return without_lock([&] {
+                return keep ? self.convolution(x, weight, bias.tensor, parameters, chosen, residual.tensor)
+                            : ended(self, convolution(x, weight, bias.tensor, parameters), chosen, residual.tensor);
+            });
+        });
 }
 
 void add_windows(nb::module_& m) {
@@ -225,6 +284,7 @@ void add_losses(nb::module_& m) {
 }  // namespace
 
 void add_networks(nb::module_& m) {
+    add_prepared(m);
     add_windows(m);
     add_normalizations(m);
     add_sequences(m);

@@ -413,6 +413,168 @@ REFUSED = {
 }  # fmt: skip
 
 
+def scattered(module):
+    """Parameters and running statistics away from their first values."""
+    for name, tensor in module.state_dict().items():
+        if tensor.dtype.kind == "f":
+            tensor[...] = (
+                ornik.random.uniform(0.5, 1.0, tensor.shape)
+                if "var" in name
+                else (ornik.random.uniform(-0.5, 0.5, tensor.shape))
+            )
+    return module
+
+
+def bits(tensor):
+    return bytes(tensor.detach())
+
+
+IN_INFERENCE = {
+    "linear": (lambda: nn.Linear(48, 33), (3, 48)),
+    "conv1d": (lambda: nn.Conv1d(16, 16, 3, padding="same"), (2, 16, 20)),
+    "conv2d": (lambda: nn.Conv2d(32, 40, 3, 2, 1, padding_mode="reflect"), (2, 32, 9, 7)),
+    "unbatched": (lambda: nn.Conv2d(32, 40, 3, bias=False), (32, 9, 7)),
+    "transposed": (lambda: nn.ConvTranspose2d(32, 8, 3, 2, 1, 1), (2, 32, 5, 5)),
+    "encoder": (lambda: nn.TransformerEncoderLayer(48, 4, 64, 0.0, batch_first=True), (2, 5, 48)),
+    "gelu": (lambda: nn.TransformerEncoderLayer(48, 4, 64, 0.0, "gelu", norm_first=True), (5, 2, 48)),
+    "silu": (lambda: nn.TransformerEncoderLayer(48, 4, 64, 0.0, functional.silu), (5, 2, 48)),
+}
+
+
+@pytest.mark.parametrize("name", IN_INFERENCE)
+def test_layers_have_the_bits_of_training_in_inference(name):
+    make, shape = IN_INFERENCE[name]
+    layer, x = make(), ornik.random.normal(0, 1, shape)
+    trained = bits(layer(x))
+    layer.eval()
+    assert bits(layer(x)) == trained
+    with ornik.no_grad():
+        assert all(bits(layer(x)) == trained for _ in range(3))
+        assert all(bits(copied(x)) == trained for copied in (copy.deepcopy(layer), pickle.loads(pickle.dumps(layer))))
+        for parameter in layer.parameters():
+            parameter *= 0.5
+        changed = bits(layer(x))
+        assert changed != trained and bits(layer(x)) == changed
+        assert bits(layer.train()(x)) == changed
+
+
+def test_weights_that_others_write_to_are_read():
+    """By the buffer protocol and DLPack, while the other one holds the memory and when it has let go."""
+    numpy = pytest.importorskip("numpy")
+    layer, x = nn.Linear(40, 24).eval(), ornik.random.normal(0, 1, (2, 40))
+    for lend in (lambda t: numpy.asarray(memoryview(t)), numpy.from_dlpack, numpy.asarray):
+        with ornik.no_grad():
+            for _ in range(3):
+                layer(x)
+            view = lend(layer.weight.detach())
+            for value in (1.0, 2.0):
+                view[...] = value
+                assert bits(layer(x)) == bits(functional.linear(x, layer.weight, layer.bias))
+            view[...] = 3.0
+            del view
+            for _ in range(3):
+                assert bits(layer(x)) == bits(functional.linear(x, layer.weight, layer.bias))
+
+
+class ResidualBlock(nn.Module):
+    def __init__(self, width):
+        self.conv1 = nn.Conv2d(width, width, 3, padding=1, bias=False)
+        self.bn1 = nn.BatchNorm2d(width)
+        self.conv2 = nn.Conv2d(width, width, 3, padding=1, groups=4)
+        self.bn2 = nn.BatchNorm2d(width, affine=False)
+
+    def forward(self, x):
+        return functional.relu(self.bn2(self.conv2(functional.relu(self.bn1(self.conv1(x))))) + x)
+
+    def fused(self):
+        body = nn.Sequential(self.conv1, self.bn1, nn.ReLU(), self.conv2, self.bn2)
+        return nn.Residual(body, activation=nn.ReLU())
+
+
+class Owner(nn.Module):
+    """A forward of its own, with parts in a row."""
+
+    def __init__(self):
+        self.stem = nn.Sequential(nn.Conv2d(3, 32, 3, 2, bias=False), nn.BatchNorm2d(32), nn.SiLU(), nn.Dropout(0.5))
+        self.blocks = nn.ModuleList(
+            [
+                ResidualBlock(32),
+                nn.Residual(
+                    nn.Sequential(nn.Conv2d(32, 32, 1), nn.BatchNorm2d(32)),
+                    nn.Sequential(nn.Conv2d(32, 32, 1)),
+                    nn.Hardswish(),
+                ),
+            ]
+        )
+        self.tail = nn.Sequential(
+            nn.ConvTranspose2d(32, 24, 2, groups=2), nn.BatchNorm2d(24), nn.GELU(), nn.Flatten(),
+            nn.Linear(24 * 64, 16), nn.BatchNorm1d(16), nn.Tanh(), nn.Linear(16, 4))  # fmt: skip
+
+    def forward(self, x):
+        x = self.stem(x)
+        for block in self.blocks:
+            x = block(x)
+        return self.tail(x)
+
+
+def test_fuse_folds_normalizations_and_joins_what_follows():
+    network, x = scattered(Owner()), ornik.random.normal(0, 1, (2, 3, 15, 15))
+    with pytest.raises(RuntimeError, match="in training; eval"):
+        nn.fuse(network)
+    network.eval()
+    before = {name: bits(tensor) for name, tensor in network.state_dict().items()}
+    for dtype, tolerance in (("float32", 2e-5), ("float64", 1e-13)):
+        network.to(getattr(ornik, dtype))
+        images = x.astype(getattr(ornik, dtype))
+        fast = nn.fuse(network)
+        with ornik.no_grad():
+            wanted = network(images)
+            for _ in range(3):
+                assert ornik.max(ornik.abs(fast(images) - wanted)).item() <= (
+                    tolerance * ornik.max(ornik.abs(wanted)).item()
+                )
+        text = repr(fast)
+        assert "BatchNorm" not in text and "Dropout" not in text
+        assert all(
+            part in text
+            for part in (
+                "Fused(Conv2d, normalized, silu)",
+                "(last): Fused(Conv2d, normalized, relu)",
+                "(last): Fused(Conv2d, normalized, hardswish)",
+                "Fused(ConvTranspose2d, normalized, gelu)",
+                "Fused(Linear, normalized, tanh)",
+            )
+        )
+        assert all(not p.requires_grad for p in fast.parameters())
+        leaf = images.detach()
+        leaf.requires_grad = True
+        fast(leaf).sum().backward()
+        assert leaf.grad is not None
+        with pytest.raises(RuntimeError, match="for inference"):
+            fast.train()(images)
+    network.float()
+    assert {name: bits(tensor) for name, tensor in network.state_dict().items()} == before
+
+
+def test_fuse_keeps_bits_where_nothing_is_folded():
+    network = nn.Sequential(
+        nn.Conv2d(16, 32, 3), nn.ReLU6(),
+        nn.Residual(nn.Sequential(nn.Conv2d(32, 32, 1), nn.ReLU(), nn.Conv2d(32, 32, 1)), activation=nn.ReLU()),
+        nn.Residual(nn.Sequential(nn.ReLU(), nn.Conv2d(32, 32, 1), nn.ReLU()), activation=nn.GELU("tanh")),
+        nn.Flatten(), nn.Linear(288, 24), nn.Sigmoid(), nn.LayerNorm(24)).eval()  # fmt: skip
+    fast, x = nn.fuse(network), ornik.random.normal(0, 1, (2, 16, 5, 5))
+    with ornik.no_grad():
+        for _ in range(2):
+            assert all(bits(fast(x)) == bits(network(x)) for _ in range(3))
+            for parameter in network.parameters():  # Its weights are the network's own.
+                parameter *= 0.75
+    hooked = nn.Sequential(nn.Linear(4, 4), nn.ReLU()).eval()
+    seen = []
+    hooked[1].register_forward_hook(lambda module, args, result: seen.append(result.shape))
+    nn.fuse(hooked)(ornik.ones((2, 4)))
+    assert seen == [(2, 4)]
+
+
 @pytest.mark.parametrize("text", REFUSED)
 def test_refusals(text):
     error, call = REFUSED[text]

@@ -3,11 +3,16 @@
 #include <cstdint>
 #include <new>
 
+#include "hardware/processor_check.h"
+
 #if defined(__linux__)
 #include <sys/mman.h>
 #endif
 
 namespace ornik::device::cpu {
+
+// Whoever has tensors has the check of the processor, also with a static library.
+[[maybe_unused, gnu::used]] static const bool* const check = &detail::processor_is_checked;
 
 #if defined(__linux__)
 

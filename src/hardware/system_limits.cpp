@@ -8,7 +8,29 @@
 #include <string>
 #include <vector>
 
+#if defined(_WIN32)
+#if !defined(NOMINMAX)
+#define NOMINMAX
+#endif
+#include <windows.h>
+#endif
+
 namespace ornik {
+
+#if defined(_WIN32)
+
+int container_processor_limit() { return std::numeric_limits<int>::max(); }
+
+std::uint64_t available_memory() {
+    MEMORYSTATUSEX status{};
+    status.dwLength = sizeof(status);
+    if (GlobalMemoryStatusEx(&status) == 0) {
+        return std::numeric_limits<std::uint64_t>::max();  // The allocation itself decides.
+    }
+    return status.ullAvailPhys;
+}
+
+#else
 
 namespace {
 
@@ -135,5 +157,7 @@ std::uint64_t available_memory() {
     }
     return available;
 }
+
+#endif
 
 }  // namespace ornik

@@ -16,8 +16,9 @@ namespace ornik::io {
 
 namespace {
 
+// In the words that all systems share.
 [[noreturn]] void fail_with(const FilePlace& place, const std::error_code& error) {
-    fail(ErrorKind::state, place.at(), place.text(), error.message(), ".");
+    fail(ErrorKind::state, place.at(), place.text(), error.default_error_condition().message(), ".");
 }
 
 [[noreturn]] void refuse_special(const FilePlace& place) {

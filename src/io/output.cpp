@@ -91,8 +91,10 @@ OutputFile::~OutputFile() {
     }
 }
 
-void OutputFile::fail_with(int error) const {
-    fail(ErrorKind::state, place_.at(), place_.text(), std::generic_category().message(error), ".");
+void OutputFile::fail_with(int error) const { fail_with(std::error_code(error, std::generic_category())); }
+
+void OutputFile::fail_with(const std::error_code& error) const {
+    fail(ErrorKind::state, place_.at(), place_.text(), error.default_error_condition().message(), ".");
 }
 
 void OutputFile::write(ByteSpan bytes) {
@@ -121,7 +123,7 @@ void OutputFile::commit(bool sync) {
     std::error_code error;
     fs::rename(temporary_, path_, error);
     if (error) {
-        fail_with(error.value());
+        fail_with(error);
     }
     temporary_.clear();
     if (sync) {

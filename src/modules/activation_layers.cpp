@@ -11,6 +11,22 @@
 
 namespace ornik {
 
+std::optional<nn::LayerEnd> detail::end_named(std::string_view name) {
+    using nn::LayerEnd;
+    constexpr std::pair<std::string_view, LayerEnd> ends[] = {
+        {"ReLU", LayerEnd::relu},          {"ReLU6", LayerEnd::relu6}, {"Sigmoid", LayerEnd::sigmoid},
+        {"Tanh", LayerEnd::tanh},          {"SiLU", LayerEnd::silu},   {"Hardsigmoid", LayerEnd::hardsigmoid},
+        {"Hardswish", LayerEnd::hardswish}};
+    for (const auto& [known, end] : ends) {
+        if (known == name) {
+            return end;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<nn::LayerEnd> GELU::as_end() const { return by_tanh_ ? std::nullopt : std::optional(nn::LayerEnd::gelu); }
+
 GELU::GELU(bool by_tanh) : by_tanh_(by_tanh) {
     set_arguments(Arguments().add_unless("by_tanh", by_tanh, false).text());
 }

@@ -92,10 +92,17 @@ void MultiheadAttention::check(const Triple& x) const {
 }
 
 // One product where all three are one tensor.
-MultiheadAttention::Triple MultiheadAttention::project(const Triple& x) const {
+MultiheadAttention::Triple MultiheadAttention::project(const Triple& x) {
     const Dims thirds{width_, width_, width_};
+    const auto map = [&](std::size_t i, const KTensor& t, const KTensor& weight, const KTensor& bias) {
+        if (is_training()) {
+            prepared_[i].drop();
+            return linear(t, weight, bias);
+        }
+        return prepared_[i].linear(t, weight, bias);
+    };
     if (in_proj_weight.defined() && x.query.is(x.key) && x.key.is(x.value)) {
-        const std::vector<KTensor> parts = split(linear(x.query, in_proj_weight, in_proj_bias), thirds, -1);
+        const std::vector<KTensor> parts = split(map(0, x.query, in_proj_weight, in_proj_bias), thirds, -1);
         return {parts[0], parts[1], parts[2]};
     }
     const std::vector<KTensor> weights = in_proj_weight.defined()
@@ -103,8 +110,8 @@ MultiheadAttention::Triple MultiheadAttention::project(const Triple& x) const {
                                              : std::vector<KTensor>{q_proj_weight, k_proj_weight, v_proj_weight};
     const std::vector<KTensor> biases =
         in_proj_bias.defined() ? split(in_proj_bias, thirds, 0) : std::vector<KTensor>(3);
-    return {linear(x.query, weights[0], biases[0]), linear(x.key, weights[1], biases[1]),
-            linear(x.value, weights[2], biases[2])};
+    return {map(0, x.query, weights[0], biases[0]), map(1, x.key, weights[1], biases[1]),
+            map(2, x.value, weights[2], biases[2])};
 }
 
 void MultiheadAttention::append_keys(Triple& x) const {
@@ -200,6 +207,9 @@ MultiheadResult MultiheadAttention::forward(const KTensor& query, const KTensor&
         if (arguments.key_padding_mask.defined()) {
             widened.key_padding_mask = unsqueeze(arguments.key_padding_mask, 0);
         }
+        if (arguments.residual.defined()) {
+            widened.residual = unsqueeze(arguments.residual, batch);
+        }
         const MultiheadResult result = forward(q, k, value.is(key) ? k : unsqueeze(value, batch), widened);
         return {squeeze(result.output, {batch}), result.weights.defined() ? squeeze(result.weights, {0}) : KTensor()};
     }
@@ -218,7 +228,9 @@ MultiheadResult MultiheadAttention::forward(const KTensor& query, const KTensor&
     auto [y, probabilities] = attention_with_probabilities(x.query, x.key, x.value, inner);
     const KTensor merged =
         permute(y, options_.batch_first ? std::vector<int>{0, 2, 1, 3} : std::vector<int>{2, 0, 1, 3});
-    MultiheadResult result{out_proj_(reshape(merged, {merged.size(0), merged.size(1), width_})), KTensor()};
+    MultiheadResult result{
+        out_proj_(reshape(merged, {merged.size(0), merged.size(1), width_}), nn::LayerEnd::none, arguments.residual),
+        KTensor()};
     if (arguments.want_weights) {
         result.weights = arguments.average_weights ? mean(probabilities, {1}) : probabilities;
     }

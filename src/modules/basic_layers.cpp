@@ -3,6 +3,7 @@
 
 #include "arguments.h"
 #include "ktensor/activations.h"
+#include "ktensor/arithmetic.h"
 #include "ktensor/networks.h"
 #include "modules/initialization.h"
 
@@ -16,7 +17,14 @@ Linear::Linear(std::int64_t in, std::int64_t out, bool with_bias) {
     set_arguments(Arguments().add("in", in).add("out", out).add("bias", with_bias).text());
 }
 
-KTensor Linear::forward(const KTensor& x) { return linear(x, weight, bias); }
+KTensor Linear::forward(const KTensor& x, nn::LayerEnd end, const KTensor& residual) {
+    if (!is_training()) {
+        return prepared_.linear(x, weight, bias, end, residual);
+    }
+    prepared_.drop();
+    const KTensor y = linear(x, weight, bias);
+    return apply_end(residual.defined() ? y + residual : y, end);
+}
 
 Embedding::Embedding(std::int64_t count, std::int64_t width, std::optional<std::int64_t> padding_index)
     : padding_index_(padding_index) {

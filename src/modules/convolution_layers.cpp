@@ -2,6 +2,7 @@
 #include "modules/convolution_layers.h"
 
 #include "arguments.h"
+#include "ktensor/arithmetic.h"
 #include "modules/initialization.h"
 
 namespace ornik::detail {
@@ -69,6 +70,13 @@ Convolution::Convolution(const char* name, std::int64_t in, std::int64_t out, co
                       .text());
 }
 
-KTensor Convolution::forward(const KTensor& x) { return convolution(x, weight, bias, parameters_); }
+KTensor Convolution::forward(const KTensor& x, nn::LayerEnd end, const KTensor& residual) {
+    if (!is_training()) {
+        return prepared_.convolution(x, weight, bias, parameters_, end, residual);
+    }
+    prepared_.drop();
+    const KTensor y = convolution(x, weight, bias, parameters_);
+    return apply_end(residual.defined() ? y + residual : y, end);
+}
 
 }  // namespace ornik::detail

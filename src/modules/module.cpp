@@ -194,6 +194,11 @@ void Module::apply(const std::function<void(Module&)>& function) {
     function(*this);
 }
 
+// ---- Inference ----
+
+std::shared_ptr<Module> Module::fused() { return nullptr; }
+std::optional<nn::LayerEnd> Module::as_end() const { return std::nullopt; }
+
 // ---- Text ----
 
 std::string Module::type_name() const {

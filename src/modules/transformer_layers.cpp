@@ -3,6 +3,7 @@
 
 #include "arguments.h"
 #include "ktensor/arithmetic.h"
+#include "ktensor/elements.h"
 
 namespace ornik {
 
@@ -30,17 +31,33 @@ std::string arguments_of(std::int64_t width, std::int64_t heads, const Transform
         .text();
 }
 
-// x + dropout(block(x)), normalized before the block or behind the sum.
+// x + dropout(block(x)), normalized before the block or behind the sum. Without dropout, block(x, x) adds x itself.
 template <typename Block>
 KTensor residual(const KTensor& x, const Part<LayerNorm>& norm, const TransformerOptions& options, bool training,
                  const Block& block) {
-    const KTensor y = dropout(block(options.norm_first ? norm(x) : x), options.dropout, training);
-    return options.norm_first ? x + y : norm(x + y);
+    const KTensor in = options.norm_first ? norm(x) : x;
+    const KTensor sum = training ? x + dropout(block(in, KTensor()), options.dropout, true) : block(in, x);
+    return options.norm_first ? sum : norm(sum);
+}
+
+std::optional<nn::LayerEnd> end_of(KTensor (*activation)(const KTensor&)) {
+    return activation == static_cast<KTensor (*)(const KTensor&)>(relu)   ? std::optional(nn::LayerEnd::relu)
+           : activation == static_cast<KTensor (*)(const KTensor&)>(gelu) ? std::optional(nn::LayerEnd::gelu)
+           : activation == static_cast<KTensor (*)(const KTensor&)>(silu) ? std::optional(nn::LayerEnd::silu)
+                                                                          : std::nullopt;
 }
 
 KTensor feed_forward(const KTensor& x, const Part<Linear>& linear1, const Part<Linear>& linear2,
-                     const TransformerOptions& options, bool training) {
-    return linear2(dropout(options.activation(linear1(x)), options.dropout, training));
+                     const TransformerOptions& options, bool training, const KTensor& added) {
+    const std::optional<nn::LayerEnd> end = end_of(options.activation);
+    const KTensor inner = end ? linear1(x, *end) : options.activation(linear1(x));
+    return linear2(dropout(inner, options.dropout, training), nn::LayerEnd::none, added);
+}
+
+// With what is added to the result.
+MultiheadArguments adding(MultiheadArguments arguments, const KTensor& added) {
+    arguments.residual = added;
+    return arguments;
 }
 
 template <typename Layer>
@@ -70,10 +87,12 @@ TransformerEncoderLayer::TransformerEncoderLayer(std::int64_t width, std::int64_
 }
 
 KTensor TransformerEncoderLayer::forward(const KTensor& x, const MultiheadArguments& arguments) {
-    const KTensor attended = residual(x, norm1_, options_, is_training(),
-                                      [&](const KTensor& t) { return self_attn_(t, t, t, arguments).output; });
-    return residual(attended, norm2_, options_, is_training(),
-                    [&](const KTensor& t) { return feed_forward(t, linear1_, linear2_, options_, is_training()); });
+    const KTensor attended = residual(x, norm1_, options_, is_training(), [&](const KTensor& t, const KTensor& added) {
+        return self_attn_(t, t, t, adding(arguments, added)).output;
+    });
+    return residual(attended, norm2_, options_, is_training(), [&](const KTensor& t, const KTensor& added) {
+        return feed_forward(t, linear1_, linear2_, options_, is_training(), added);
+    });
 }
 
 TransformerEncoder::TransformerEncoder(std::int64_t layers, std::int64_t width, std::int64_t heads,
@@ -108,13 +127,16 @@ TransformerDecoderLayer::TransformerDecoderLayer(std::int64_t width, std::int64_
 }
 
 KTensor TransformerDecoderLayer::forward(const KTensor& x, const KTensor& memory, const DecoderArguments& arguments) {
-    const KTensor own = residual(x, norm1_, options_, is_training(),
-                                 [&](const KTensor& t) { return self_attn_(t, t, t, arguments.self).output; });
-    const KTensor attended = residual(own, norm2_, options_, is_training(), [&](const KTensor& t) {
-        return multihead_attn_(t, memory, memory, arguments.memory).output;
+    const KTensor own = residual(x, norm1_, options_, is_training(), [&](const KTensor& t, const KTensor& added) {
+        return self_attn_(t, t, t, adding(arguments.self, added)).output;
     });
-    return residual(attended, norm3_, options_, is_training(),
-                    [&](const KTensor& t) { return feed_forward(t, linear1_, linear2_, options_, is_training()); });
+    const KTensor attended =
+        residual(own, norm2_, options_, is_training(), [&](const KTensor& t, const KTensor& added) {
+            return multihead_attn_(t, memory, memory, adding(arguments.memory, added)).output;
+        });
+    return residual(attended, norm3_, options_, is_training(), [&](const KTensor& t, const KTensor& added) {
+        return feed_forward(t, linear1_, linear2_, options_, is_training(), added);
+    });
 }
 
 TransformerDecoder::TransformerDecoder(std::int64_t layers, std::int64_t width, std::int64_t heads,

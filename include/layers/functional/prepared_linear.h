@@ -10,11 +10,12 @@
 
 #include "../../export.h"
 #include "../../tensor/tensor.h"
+#include "layer_end.h"
 
 namespace ornik::nn {
 
 /// What a dense layer ends with.
-enum class LinearEnd { none, relu };
+using LinearEnd = LayerEnd;
 
 class ORNIK_API PreparedLinear {
   public:
@@ -26,9 +27,12 @@ class ORNIK_API PreparedLinear {
     PreparedLinear& operator=(PreparedLinear&& other) noexcept;
 
     /// The end of x W^T + b + residual for x [..., in], the residual [..., out] or null: bit for bit what linear(), an
-    /// addition and relu() give. relu is for real dtypes.
+    /// addition and the activation give.
     std::unique_ptr<Tensor> operator()(Tensor* input, LinearEnd end = LinearEnd::none,
                                        Tensor* residual = nullptr) const;
+
+    /// What weight and bias take.
+    [[nodiscard]] std::int64_t bytes() const;
 
   private:
     struct Parts;

@@ -27,6 +27,7 @@ from ._basic import Linear as Linear
 from ._basic import Unflatten as Unflatten
 from ._containers import *
 from ._convolutions import *
+from ._fuse import *
 from ._losses import *
 from ._module import *
 from ._normalizations import *

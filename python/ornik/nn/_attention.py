@@ -14,7 +14,7 @@ from . import functional
 from ._arguments import positive, probability, shown, tensors
 from ._basic import Dropout, Linear, filled_parameter, uniform_parameter
 from ._containers import ModuleList
-from ._module import Module, Parameter
+from ._module import Module, Parameter, is_plain
 from ._normalizations import LayerNorm
 
 if TYPE_CHECKING:
@@ -181,12 +181,16 @@ class MultiheadAttention(Module):
         """One product where all three are one tensor."""
         thirds = (self.embed_dim,) * 3
         if own and self.in_proj_weight is not None:
-            return _ornik.split(_ornik.linear(query, self.in_proj_weight, self.in_proj_bias), thirds, -1)
+            return _ornik.split(self._map("in_proj", query, self.in_proj_weight, self.in_proj_bias), thirds, -1)
         weights: Any = (self.q_proj_weight, self.k_proj_weight, self.v_proj_weight)
         if self.in_proj_weight is not None:
             weights = _ornik.split(self.in_proj_weight, thirds, 0)
         biases = [None] * 3 if self.in_proj_bias is None else _ornik.split(self.in_proj_bias, thirds, 0)
-        return [_ornik.linear(x, w, b) for x, w, b in zip((query, key, value), weights, biases)]
+        names = ("q_proj", "k_proj", "v_proj")
+        return [self._map(name, *operands) for name, *operands in zip(names, (query, key, value), weights, biases)]
+
+    def _map(self, name: str, x: KTensor, weight: KTensor, bias: KTensor | None) -> KTensor:
+        return self._prepared(name).linear("none", None, not self.training, x, weight, bias)
 
     def _with_more_keys(self, t: KTensor, learned: KTensor | None, along: int) -> KTensor:
         one = (t.shape[0], 1, t.shape[2]) if along == 1 else (1, *t.shape[1:])
@@ -318,6 +322,15 @@ class _Layer(Module):
         y: KTensor = x + dropout(block(norm(x))) if self.norm_first else norm(x + dropout(block(x)))
         return y
 
+    def _feed(self, x: KTensor, norm: Module, dropout: Module) -> KTensor:
+        if self.training or not (is_plain(self.linear1, Linear) and is_plain(self.linear2, Linear)):
+            return self._block(x, norm, dropout, self._feed_forward)
+        inside = norm(x) if self.norm_first else x
+        end = {functional.relu: "relu", functional.gelu: "gelu"}.get(self.activation, "none")
+        y = self.linear1._ended(inside, end, None)
+        y = self.linear2._ended(y if end != "none" else self.activation(y), "none", x)
+        return y if self.norm_first else norm(y)
+
     def _feed_forward(self, x: KTensor) -> KTensor:
         y: KTensor = self.linear2(self.dropout(self.activation(self.linear1(x))))
         return y
@@ -349,7 +362,7 @@ class TransformerEncoderLayer(_Layer):
             return y
 
         x = self._block(src, self.norm1, self.dropout1, attend)
-        return self._block(x, self.norm2, self.dropout2, self._feed_forward)
+        return self._feed(x, self.norm2, self.dropout2)
 
 
 class TransformerDecoderLayer(_Layer):
@@ -386,7 +399,7 @@ class TransformerDecoderLayer(_Layer):
 
         x = self._block(tgt, self.norm1, self.dropout1, attend)
         x = self._block(x, self.norm2, self.dropout2, attend_to_memory)
-        return self._block(x, self.norm3, self.dropout3, self._feed_forward)
+        return self._feed(x, self.norm3, self.dropout3)
 
 
 class TransformerEncoder(Module):

@@ -41,7 +41,8 @@ class Identity(Module):
 class Linear(Module):
     """``x @ weight.T + bias`` of x [..., in_features].
 
-    Parameters: weight [out_features, in_features] and bias [out_features], uniform within 1 / sqrt(in_features).
+    Parameters: weight [out_features, in_features] and bias [out_features], uniform within 1 / sqrt(in_features). After
+    ``eval()``, calls that record nothing keep the weight laid out for the product, until it is written to.
     """
 
     bias: Parameter | None
@@ -57,7 +58,11 @@ class Linear(Module):
         self.bias = uniform_parameter((out_features,), bound, dtype) if bias else None
 
     def forward(self, x: KTensor) -> KTensor:
-        return _ornik.linear(x, self.weight, self.bias)
+        return self._ended(x, "none", None)
+
+    def _ended(self, x: KTensor, end: str, residual: KTensor | None) -> KTensor:
+        """The activation of forward(x) + residual: the same bits in fewer passes."""
+        return self._prepared().linear(end, residual, not self.training, x, self.weight, self.bias)
 
     def extra_repr(self) -> str:
         return shown(self.in_features, self.out_features, bias=(self.bias is not None, True))

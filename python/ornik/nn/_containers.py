@@ -7,7 +7,7 @@ from typing import Any, overload
 
 from ._module import Module, Parameter
 
-__all__ = ["ModuleDict", "ModuleList", "ParameterDict", "ParameterList", "Sequential"]
+__all__ = ["ModuleDict", "ModuleList", "ParameterDict", "ParameterList", "Residual", "Sequential"]
 
 
 class _List(Module):
@@ -86,6 +86,26 @@ class ModuleList(_List):
 
     def __iter__(self) -> Iterator[Module]:
         return iter(self._items)
+
+
+class Residual(Module):
+    """``activation(body(x) + shortcut(x))``, with x itself where there is no shortcut.
+
+    >>> nn.Residual(nn.Linear(4, 4), activation=nn.ReLU())(ornik.ones((2, 4))).shape
+    (2, 4)
+    """
+
+    def __init__(self, body: Module, shortcut: Module | None = None, activation: Module | None = None) -> None:
+        for part in (body, shortcut, activation):
+            if not isinstance(part, Module) and (part is not None or part is body):
+                raise TypeError(f"Residual() is made of Modules, but got {type(part).__name__}")
+        self.body = body
+        self.shortcut = shortcut
+        self.activation = activation
+
+    def forward(self, x: Any) -> Any:
+        total = self.body(x) + (x if self.shortcut is None else self.shortcut(x))
+        return total if self.activation is None else self.activation(total)
 
 
 class Sequential(_List):

@@ -2,10 +2,11 @@
 
 from __future__ import annotations
 
+import functools
 import math
-from collections.abc import Callable
 from typing import TYPE_CHECKING, Any, ClassVar
 
+from .. import _ornik
 from .._convert import DTypeLike
 from . import functional
 from ._arguments import Pair, extents, positive, shown
@@ -19,10 +20,13 @@ __all__ = ["Conv1d", "Conv2d", "ConvTranspose1d", "ConvTranspose2d"]
 
 
 class _Convolution(Module):
-    """Weight and bias, uniform within 1 / sqrt(elements of weight[0])."""
+    """Weight and bias, uniform within 1 / sqrt(elements of weight[0]).
+
+    After ``eval()``, calls that record nothing keep the weight laid out for its kernel, until it is written to.
+    """
 
     _axes: ClassVar[int]
-    _function: ClassVar[Callable[..., KTensor]]
+    _name: ClassVar[str]
     bias: Parameter | None
 
     def _set(
@@ -58,6 +62,39 @@ class _Convolution(Module):
         bound = 1 / math.sqrt(math.prod(shape[1:]))
         self.weight = uniform_parameter(shape, bound, dtype)
         self.bias = uniform_parameter((out_channels,), bound, dtype) if bias else None
+
+    def forward(self, x: KTensor) -> KTensor:
+        return self._ended(x, "none", None)
+
+    def _ended(self, x: KTensor, end: str, residual: KTensor | None) -> KTensor:
+        """The activation of forward(x) + residual: the same bits in fewer passes."""
+        padding: Any = self.padding
+        if getattr(self, "padding_mode", "zeros") != "zeros":
+            x, padding = functional.pad(x, self._widths(), getattr(self, "padding_mode")), 0  # noqa: B009
+        if residual is not None and residual.ndim == self._axes + 1:
+            residual = _ornik.unsqueeze(residual, 0)
+        return functional.convolve(
+            self._name,
+            self._axes,
+            x,
+            self.weight,
+            self.bias,
+            self.stride,
+            padding,
+            self.dilation,
+            self.groups,
+            getattr(self, "output_padding", None),
+            functools.partial(self._prepared().convolution, end, residual, not self.training),
+        )
+
+    def _widths(self) -> list[int]:
+        """As pad() takes them."""
+        if self.padding == "valid":
+            return [0] * (2 * self._axes)
+        if self.padding == "same":
+            totals = [(k - 1) * d for k, d in zip(self.kernel_size, self.dilation)]
+            return [n for total in reversed(totals) for n in (total // 2, total - total // 2)]
+        return [n for width in reversed(self.padding) if isinstance(width, int) for n in (width, width)]
 
     def extra_repr(self) -> str:
         ones, zeros = (1,) * self._axes, (0,) * self._axes
@@ -98,27 +135,12 @@ class _Plain(_Convolution):
             )
         self.padding_mode = padding_mode
 
-    def forward(self, x: KTensor) -> KTensor:
-        padding: Any = self.padding
-        if self.padding_mode != "zeros":
-            x, padding = functional.pad(x, self._widths(), self.padding_mode), 0
-        return type(self)._function(x, self.weight, self.bias, self.stride, padding, self.dilation, self.groups)
-
-    def _widths(self) -> list[int]:
-        """As pad() takes them."""
-        if self.padding == "valid":
-            return [0] * (2 * self._axes)
-        if self.padding == "same":
-            totals = [(k - 1) * d for k, d in zip(self.kernel_size, self.dilation)]
-            return [n for total in reversed(totals) for n in (total // 2, total - total // 2)]
-        return [n for width in reversed(self.padding) if isinstance(width, int) for n in (width, width)]
-
 
 class Conv1d(_Plain):
     """[N, in_channels, L] -> [N, out_channels, L']; weight [out_channels, in_channels / groups, kernel]."""
 
     _axes = 1
-    _function = staticmethod(functional.conv1d)
+    _name = "conv1d"
 
 
 class Conv2d(_Plain):
@@ -132,7 +154,7 @@ class Conv2d(_Plain):
     """
 
     _axes = 2
-    _function = staticmethod(functional.conv2d)
+    _name = "conv2d"
 
 
 class _Transposed(_Convolution):
@@ -153,21 +175,16 @@ class _Transposed(_Convolution):
         self._set(in_channels, out_channels, kernel_size, stride, padding, dilation, groups, bias, dtype, True)
         self.output_padding = extents(type(self).__name__, "output_padding", output_padding, self._axes)
 
-    def forward(self, x: KTensor) -> KTensor:
-        return type(self)._function(
-            x, self.weight, self.bias, self.stride, self.padding, self.output_padding, self.groups, self.dilation
-        )
-
 
 class ConvTranspose1d(_Transposed):
     """[N, in_channels, L] -> [N, out_channels, L']; weight [in_channels, out_channels / groups, kernel]."""
 
     _axes = 1
-    _function = staticmethod(functional.conv_transpose1d)
+    _name = "conv_transpose1d"
 
 
 class ConvTranspose2d(_Transposed):
     """[N, in_channels, H, W] -> [N, out_channels, H', W']; weight [in_channels, out_channels / groups, rows, cols]."""
 
     _axes = 2
-    _function = staticmethod(functional.conv_transpose2d)
+    _name = "conv_transpose2d"

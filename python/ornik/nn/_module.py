@@ -96,6 +96,8 @@ class Module:
     # Names of the state that may be missing in one that is loaded.
     _optional: frozenset[str] = frozenset()
     _hooks: _Hooks | None = None
+    # Weights laid out for inference, by name.
+    _kept: dict[str, _ornik.Prepared] | None = None
 
     def forward(self, *args: Any, **kwargs: Any) -> Any:
         """What calling the module does."""
@@ -127,6 +129,12 @@ class Module:
             if name in self._buffers and not (value is None or isinstance(value, KTensor)):
                 raise TypeError(f"{type(self).__name__}.{name} is a buffer; it holds a KTensor or None, not {value!r}")
         object.__setattr__(self, name, value)
+
+    def _prepared(self, name: str = "weight") -> _ornik.Prepared:
+        """What keeps that weight laid out between calls in inference."""
+        kept = self.__dict__.setdefault("_kept", {})
+        prepared: _ornik.Prepared = kept.get(name) or kept.setdefault(name, _ornik.Prepared())
+        return prepared
 
     # ---- What it owns ----
 
@@ -368,6 +376,11 @@ class Module:
         if not parts:
             return f"{name}({arguments})"
         return f"{name}({arguments}\n  " + "\n  ".join(parts) + "\n)"
+
+
+def is_plain(module: Module, kind: type) -> bool:
+    """Does calling the module do what the class does, and nothing besides?"""
+    return type(module) is kind and module._hooks is None
 
 
 def functional_call(module: Module, tensors: Mapping[str, KTensor], *args: Any, **kwargs: Any) -> Any:

@@ -238,7 +238,7 @@ def _on_batch(name: str, x: KTensor, axes: int, function: Callable[[KTensor], KT
     return function(x)
 
 
-def _convolve(
+def convolve(
     name: str,
     axes: int,
     x: KTensor,
@@ -249,7 +249,9 @@ def _convolve(
     dilation: Pair,
     groups: int,
     output_padding: Pair | None = None,
+    convolution: Callable[..., KTensor] = _ornik.convolution,
 ) -> KTensor:
+    """The function of that name, by a sum that takes what ``_ornik.convolution`` does."""
     tensors(x, weight)
     if weight.ndim != axes + 2 or x.ndim not in (axes + 1, axes + 2):
         shape = "[N, C, L]" if axes == 1 else "[N, C, H, W]"
@@ -269,7 +271,7 @@ def _convolve(
         name,
         x,
         axes,
-        lambda batch: _ornik.convolution(batch, weight, bias, steps, widths, spread, groups, transposed, more),
+        lambda batch: convolution(batch, weight, bias, steps, widths, spread, groups, transposed, more),
     )
 
 
@@ -297,7 +299,7 @@ def conv1d(
     groups: int = 1,
 ) -> KTensor:
     """x [N, in, L], weight [out, in / groups, kernel], bias [out]. Complex dtypes, too."""
-    return _convolve("conv1d", 1, x, weight, bias, stride, padding, dilation, groups)
+    return convolve("conv1d", 1, x, weight, bias, stride, padding, dilation, groups)
 
 
 def conv2d(
@@ -310,7 +312,7 @@ def conv2d(
     groups: int = 1,
 ) -> KTensor:
     """x [N, in, H, W], weight [out, in / groups, rows, columns], bias [out]. Complex dtypes, too."""
-    return _convolve("conv2d", 2, x, weight, bias, stride, padding, dilation, groups)
+    return convolve("conv2d", 2, x, weight, bias, stride, padding, dilation, groups)
 
 
 def conv_transpose1d(
@@ -324,7 +326,7 @@ def conv_transpose1d(
     dilation: Pair = 1,
 ) -> KTensor:
     """x [N, in, L], weight [in, out / groups, kernel], bias [out]. Complex dtypes, too."""
-    return _convolve("conv_transpose1d", 1, x, weight, bias, stride, padding, dilation, groups, output_padding)
+    return convolve("conv_transpose1d", 1, x, weight, bias, stride, padding, dilation, groups, output_padding)
 
 
 def conv_transpose2d(
@@ -338,7 +340,7 @@ def conv_transpose2d(
     dilation: Pair = 1,
 ) -> KTensor:
     """x [N, in, H, W], weight [in, out / groups, rows, columns], bias [out]. Complex dtypes, too."""
-    return _convolve("conv_transpose2d", 2, x, weight, bias, stride, padding, dilation, groups, output_padding)
+    return convolve("conv_transpose2d", 2, x, weight, bias, stride, padding, dilation, groups, output_padding)
 
 
 # ---- Pools ----

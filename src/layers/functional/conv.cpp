@@ -1,9 +1,8 @@
 #include "layers/functional/conv.h"
 
+#include "conv_plan.h"
 #include "tensor/borrowed.h"
-#include "tensor/checks.h"
 #include "tensor/make_tensor.h"
-#include "tensor/nn/conv_passes.h"
 
 namespace ornik::nn {
 
@@ -15,12 +14,6 @@ using device::cpu::ConvGeometry;
 constexpr const char* name = "convolution";
 // Products of two such numbers fit 64 bits.
 constexpr std::int64_t largest = std::int64_t{1} << 31;
-
-struct Plan {
-    ConvGeometry geometry;
-    Dims output;
-    std::int64_t channels;  // of the output
-};
 
 void check_axis(const Where& at, const ConvParameters& p, std::size_t i) {
     const auto [begin, end] = p.padding[i];
@@ -57,7 +50,15 @@ ConvAxis axis_of(const Where& at, const ConvParameters& p, std::size_t i, std::i
     return {p.transposed ? out : in, p.transposed ? in : out, kernel, p.stride[i], p.padding[i].begin, p.dilation[i]};
 }
 
-Plan plan_of(const Where& at, const Dims& input, const Dims& weight, const ConvParameters& p) {
+void check_present(const Where& at, const Tensor* a, const Tensor* b) {
+    if (a == nullptr || b == nullptr) {
+        fail(at, "A convolution needs an input and a weight.");
+    }
+}
+
+}  // namespace
+
+ConvPlan conv_plan(const Where& at, const Dims& input, const Dims& weight, const ConvParameters& p) {
     const std::size_t rank = input.size();
     if ((rank != 3 && rank != 4) || weight.size() != rank) {
         fail(at, "A convolution needs an input (N, C, L) or (N, C, H, W) and a weight of as many axes: input ", input,
@@ -80,7 +81,7 @@ Plan plan_of(const Where& at, const Dims& input, const Dims& weight, const ConvP
     return {{input[0], p.groups, weight[1], split / p.groups, rows, cols, false}, output, channels};
 }
 
-void check_dtype(const Where& at, const Tensor* t) {
+void check_conv_dtype(const Where& at, const Tensor* t) {
     check_operands(at, t);
     if (!t->isFloat() && !t->isComplexType()) {
         fail(at, "A convolution takes floating or complex tensors, not ", dtype_name(t->Dtype()));
@@ -90,27 +91,23 @@ void check_dtype(const Where& at, const Tensor* t) {
     }
 }
 
-void check_present(const Where& at, const Tensor* a, const Tensor* b) {
-    if (a == nullptr || b == nullptr) {
-        fail(at, "A convolution needs an input and a weight.");
+void check_conv_bias(const Where& at, const Tensor* bias, const Tensor* like, std::int64_t channels) {
+    if (bias == nullptr) {
+        return;
+    }
+    check_alike(at, name, bias, like);
+    if (bias->Shape() != Dims{channels}) {
+        fail(at, "The bias of a convolution with ", channels, " output channels has the shape ", bias->Shape());
     }
 }
-
-}  // namespace
 
 std::unique_ptr<Tensor> convolution(Tensor* input, Tensor* weight, Tensor* bias, const ConvParameters& parameters) {
     const Where at = where("ornik::nn::convolution");
     check_present(at, input, weight);
-    check_dtype(at, input);
+    check_conv_dtype(at, input);
     check_alike(at, name, weight, input);
-    const Plan plan = plan_of(at, input->Shape(), weight->Shape(), parameters);
-    if (bias != nullptr) {
-        check_alike(at, name, bias, input);
-        if (bias->Shape() != Dims{plan.channels}) {
-            fail(at, "The bias of a convolution with ", plan.channels, " output channels has the shape ",
-                 bias->Shape());
-        }
-    }
+    const ConvPlan plan = conv_plan(at, input->Shape(), weight->Shape(), parameters);
+    check_conv_bias(at, bias, input, plan.channels);
     std::unique_ptr<Tensor> output = make_tensor(plan.output, input->Dtype());
     if (output->Size() > 0) {
         convolve(plan.geometry, parameters.transposed, input, weight, bias, output.get());
@@ -124,8 +121,8 @@ std::unique_ptr<Tensor> convolution_input_grad(Tensor* output_gradient, const Di
     if (weight == nullptr) {
         fail(at, "The gradient of a convolution's input needs the weight.");
     }
-    check_dtype(at, weight);
-    const Plan plan = plan_of(at, input_shape, weight->Shape(), parameters);
+    check_conv_dtype(at, weight);
+    const ConvPlan plan = conv_plan(at, input_shape, weight->Shape(), parameters);
     check_output_gradient(at, name, output_gradient, weight, plan.output);
     std::unique_ptr<Tensor> result = make_tensor(input_shape, weight->Dtype());
     if (result->Size() > 0) {
@@ -140,8 +137,8 @@ std::unique_ptr<Tensor> convolution_weight_grad(Tensor* output_gradient, Tensor*
     if (input == nullptr) {
         fail(at, "The gradient of a convolution's weight needs the input.");
     }
-    check_dtype(at, input);
-    const Plan plan = plan_of(at, input->Shape(), weight_shape, parameters);
+    check_conv_dtype(at, input);
+    const ConvPlan plan = conv_plan(at, input->Shape(), weight_shape, parameters);
     check_output_gradient(at, name, output_gradient, input, plan.output);
     std::unique_ptr<Tensor> result = make_tensor(weight_shape, input->Dtype());
     if (input->Size() > 0) {
@@ -157,7 +154,7 @@ std::unique_ptr<Tensor> convolution_bias_grad(Tensor* output_gradient) {
     if (output_gradient == nullptr || output_gradient->ndim() < 2 || output_gradient->Shape()[1] < 1) {
         fail(at, "The gradient of a convolution's bias needs an output gradient (N, C, ...).");
     }
-    check_dtype(at, output_gradient);
+    check_conv_dtype(at, output_gradient);
     const std::int64_t samples = output_gradient->Shape()[0];
     const std::int64_t channels = output_gradient->Shape()[1];
     std::unique_ptr<Tensor> result = make_tensor({channels}, output_gradient->Dtype());

@@ -1,9 +1,7 @@
 #include "layers/functional/prepared_linear.h"
 
-#include <algorithm>
-
-#include "hardware/cpu/dispatch.h"
 #include "hardware/cpu/product/cpu_product_fixed.h"
+#include "prepared_ends.h"
 #include "tensor/borrowed.h"
 #include "tensor/checks.h"
 #include "tensor/make_tensor.h"
@@ -25,12 +23,6 @@ void check_present(const Where& at, const Tensor* t, const char* what) {
     if (!t->isCPU()) {
         refuse_gpu();
     }
-}
-
-template <typename T>
-void relu_row(void* elements, std::int64_t count) {
-    T* const x = static_cast<T*>(elements);
-    std::transform(x, x + count, x, [](T value) { return value <= T(0) ? T(0) : value; });
 }
 
 }  // namespace
@@ -75,18 +67,9 @@ std::unique_ptr<Tensor> PreparedLinear::operator()(Tensor* input, LinearEnd end,
     if (input->ndim() < 1 || input->Shape().back() != factor.depth()) {
         fail(at, name, " needs an input [..., ", factor.depth(), "], however it is ", input->Shape());
     }
-    if (end == LinearEnd::relu && input->isComplexType()) {
-        fail(ErrorKind::dtype, at, "Not valid dtype for this function.");
-    }
     Dims shape = input->Shape();
     shape.back() = factor.cols();
-    if (residual != nullptr) {
-        check_present(at, residual, "a residual");
-        check_alike(at, name, residual, input);
-        if (residual->Shape() != shape) {
-            fail(at, name, " adds a residual of the shape ", shape, ", however it is ", residual->Shape());
-        }
-    }
+    check_ends(at, name, input, end, residual, shape);
     const Borrowed x = Borrowed::contiguous(input);
     const Borrowed added = Borrowed::contiguous(residual);
     std::unique_ptr<Tensor> output = make_output(shape, input);
@@ -97,11 +80,16 @@ std::unique_ptr<Tensor> PreparedLinear::operator()(Tensor* input, LinearEnd end,
     ends.bias = parts_->bias ? parts_->bias->getRawData() : nullptr;
     ends.residual = residual == nullptr ? nullptr : added->getRawData();
     ends.residual_row = factor.cols();
-    if (end == LinearEnd::relu) {
-        dispatch(FloatTypes{}, factor.dtype(), [&]<typename T>() { ends.row = relu_row<T>; });
+    if (end != LinearEnd::none) {
+        ends.row = device::cpu::row_end(factor.dtype(), row_end_of(end));
     }
     factor.multiply(x->getRawData(), output->Size() / factor.cols(), false, output->getRawData(), &ends);
     return output;
+}
+
+std::int64_t PreparedLinear::bytes() const {
+    const std::int64_t item = dtype_item_size(parts_->factor.dtype());
+    return parts_->factor.bytes() + (parts_->bias ? parts_->bias->Size() * item : 0);
 }
 
 }  // namespace ornik::nn

@@ -6,8 +6,8 @@
 #include "hardware/cpu/elements/cpu_math.h"
 #include "tensor/borrowed.h"
 #include "tensor/make_tensor.h"
+#include "tensor/tensor_math/dot_ends.h"
 #include "tensor/tensor_math/reductions.h"
-#include "tensor/tensor_math/tensor_arithmetic.h"
 
 namespace ornik {
 
@@ -43,11 +43,10 @@ std::unique_ptr<Tensor> linear(Tensor* weight, Tensor* bias, Tensor* input, bool
     const Borrowed x = Borrowed::contiguous(input);
     std::unique_ptr<Tensor> output = make_like(input, weight->Shape()[transposed ? 0 : 1]);
     const std::unique_ptr<Tensor> rows = as_matrix(output.get());
-    Tensor::dot(as_matrix(x.get()).get(), 0, weight, transposed ? 1 : 0, rows.get(), 0);
-    if (bias != nullptr) {
-        const std::unique_ptr<Tensor> repeated(Tensor::broadcast_to(bias, rows->Shape()));
-        add(1.0F, rows.get(), 1.0F, repeated.get(), rows.get(), 0);
-    }
+    const Borrowed b = Borrowed::contiguous(bias);
+    device::cpu::ProductEnds ends;
+    ends.bias = bias == nullptr ? nullptr : b->getRawData();
+    dot_with_ends(as_matrix(x.get()).get(), 0, weight, transposed ? 1 : 0, rows.get(), ends);
     return output;
 }
 

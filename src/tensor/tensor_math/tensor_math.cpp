@@ -9,6 +9,7 @@
 #include "tensor/make_tensor.h"
 #include "tensor/overlap.h"
 #include "tensor/sparse_parts.h"
+#include "tensor/tensor_math/dot_ends.h"
 #include "tensor/tensor_math/linear_algebra.h"
 #include "tensor/tensor_sparse.h"
 
@@ -68,7 +69,8 @@ bool same_device(const Tensor* A, const Tensor* B, const Tensor* C) {
 
 // The product of every pair of matrices; all checks are done. Operands that are not contiguous are copied.
 // A C that is not contiguous, or that shares memory with an operand, gets its values from a temporary.
-void multiply(const Where& at, Tensor* A, int ta, Tensor* B, int tb, Tensor* C, bool accumulate) {
+void multiply(const Where& at, Tensor* A, int ta, Tensor* B, int tb, Tensor* C, bool accumulate,
+              const device::cpu::ProductEnds* ends = nullptr) {
     check_writable(at, C);
     const Borrowed a = Borrowed::contiguous(A);
     const Borrowed b = Borrowed::contiguous(B);
@@ -91,34 +93,44 @@ void multiply(const Where& at, Tensor* A, int ta, Tensor* B, int tb, Tensor* C, 
     plan.transpose_b = tb != 0;
     plan.accumulate = accumulate;
     announce_write(at, out);
-    device::cpu::product(C->Dtype(), plan, a->getRawData(), b->getRawData(), out->getRawData());
+    device::cpu::product(C->Dtype(), plan, a->getRawData(), b->getRawData(), out->getRawData(), ends);
     if (!direct) {
         copy_tensor(out, C);
     }
+}
+
+void check_dot(const Where& at, const Tensor* A, int ta, const Tensor* B, int tb, const Tensor* C) {
+    check_operands(at, A, B, C);
+    if (!same_device(A, B, C)) {
+        fail(ErrorKind::device, at, "Incompatible device for dot(),  A: ", A->Device(), ", B: ", B->Device(),
+             ", C: ", C->Device());
+    }
+    if (A->ndim() != 2 || B->ndim() != 2) {
+        fail(at, "Only 2D tensors");
+    }
+    const Matrix a = matrix_of(A, ta);
+    const Matrix b = matrix_of(B, tb);
+    check_inner_extents(at, a, b);
+    if (C->Shape() != Dims{a.rows, b.cols}) {
+        fail(at, "Incompatible dims,input A shape[1] ", A->Shape()[1], " should equal to input B shape[", b.row_axis,
+             "] ", b.rows);
+    }
+    check_one_dtype(at, A, B, C);
+    check_not_expanded(at, C);
 }
 
 }  // namespace
 
 void Tensor::dot(Tensor* A, int ta, Tensor* B, int tb, Tensor* C, int accumulate) {
     const Where at = where("ornik::dot");
-    check_operands(at, A, B, C);
-    if (!same_device(A, B, C)) {
-        fail(ErrorKind::device, at, "Incompatible device for dot(),  A: ", A->device_, ", B: ", B->device_,
-             ", C: ", C->device_);
-    }
-    if (A->shape_.size() != 2 || B->shape_.size() != 2) {
-        fail(at, "Only 2D tensors");
-    }
-    const Matrix a = matrix_of(A, ta);
-    const Matrix b = matrix_of(B, tb);
-    check_inner_extents(at, a, b);
-    if (C->shape_ != Dims{a.rows, b.cols}) {
-        fail(at, "Incompatible dims,input A shape[1] ", A->shape_[1], " should equal to input B shape[", b.row_axis,
-             "] ", b.rows);
-    }
-    check_one_dtype(at, A, B, C);
-    check_not_expanded(at, C);
+    check_dot(at, A, ta, B, tb, C);
     multiply(at, A, ta, B, tb, C, accumulate != 0);
+}
+
+void dot_with_ends(Tensor* A, int ta, Tensor* B, int tb, Tensor* C, const device::cpu::ProductEnds& ends) {
+    const Where at = where("ornik::dot");
+    check_dot(at, A, ta, B, tb, C);
+    multiply(at, A, ta, B, tb, C, false, &ends);
 }
 
 void Tensor::bmm(Tensor* A, int ta, Tensor* B, int tb, Tensor* C) {

@@ -14,8 +14,10 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "../../../tensor/tensor.h"
+#include "../elements/cpu_row_end.h"
 
 namespace ornik::device::cpu {
 
@@ -46,6 +48,36 @@ struct ConvGeometry {
 /// conjugate is used.
 void conv_to_grid(const ConvGeometry& geometry, const Tensor* image, const Tensor* weight, const Tensor* bias,
                   bool conjugate, Tensor* grid);
+
+/// What a sum ends with: a bias (one value per channel of the result), a residual of the result's shape, an activation.
+/// Each rounds as it does alone; null ones are left out.
+struct ConvTail {
+    const Tensor* bias = nullptr;
+    const Tensor* residual = nullptr;
+    RowEnd activation = RowEnd::none;  // float32 and float64
+};
+
+/// A weight of conv_to_grid, laid out once for images of any extents. It is copied.
+class FixedConvWeight {
+  public:
+    /// Batch, and extents of image and grid, do not matter here.
+    FixedConvWeight(const ConvGeometry& geometry, const Tensor* weight);
+    ~FixedConvWeight();
+    FixedConvWeight(const FixedConvWeight&) = delete;
+    FixedConvWeight& operator=(const FixedConvWeight&) = delete;
+
+    /// The bits are those of conv_to_grid, an addition and an activation.
+    void to_grid(const ConvGeometry& geometry, const Tensor* image, const ConvTail& tail, Tensor* grid) const;
+    std::int64_t bytes() const;
+
+  private:
+    struct Laid;
+    std::unique_ptr<Laid> laid_;
+    std::unique_ptr<Tensor> plain_;  // where kernels read it as it is
+};
+
+/// What follows the bias, for a result that has it already.
+void conv_finish(const ConvTail& tail, Tensor* result);
 
 /// image = sum over the grid, plus bias (one value per image channel, or null).
 void conv_to_image(const ConvGeometry& geometry, const Tensor* grid, const Tensor* weight, const Tensor* bias,

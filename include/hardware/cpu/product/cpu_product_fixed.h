@@ -25,6 +25,7 @@ class FixedFactor {
     std::int64_t dtype() const { return dtype_; }
     std::int64_t depth() const { return depth_; }
     std::int64_t cols() const { return cols_; }
+    std::int64_t bytes() const;
 
     struct Packed;
 

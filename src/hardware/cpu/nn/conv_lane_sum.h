@@ -28,10 +28,23 @@ class LaneSum {
         return sum.source_channels > 0 && 4 * sum.target_channels >= 3 * lanes;
     }
 
-    LaneSum(const ConvPass& pass, const ConvSum& sum, const T* source, const T* weight, const T* bias, T* target)
+    /// The weights of all taps, as they are laid out.
+    static LaneWeights<T> weights_of(const ConvSum& sum, std::vector<std::int64_t> kernels, const T* weight) {
+        return {sum,
+                std::move(kernels),
+                sum.kernel_elements,
+                conv_block_channels(sum.source_channels, sum.kernel_elements),
+                lane_width<T>,
+                panel,
+                weight};
+    }
+
+    /// `prepared` are weights_of() laid out already, or null.
+    LaneSum(const ConvPass& pass, const ConvSum& sum, const T* source, const T* weight, const T* prepared,
+            const ConvEnds<T>& ends, T* target)
         : sum_(sum),
           source_(source),
-          bias_(bias),
+          ends_(ends),
           target_(target),
           in_place_(pass.fills_target()),
           plan_(plan_for(pass, sum)),
@@ -39,8 +52,10 @@ class LaneSum {
           samples_(plan_.tiles() > 1 ? 1 : std::clamp<std::int64_t>(most_positions / positions(), 1, sum.batch)),
           sets_((sum.batch + samples_ - 1) / samples_),
           block_channels_(conv_block_channels(sum.source_channels, sum.kernel_elements)),
-          weights_(sum, plan_.kernels, sum.kernel_elements, block_channels_, lane_width<T>, panel, weight),
-          laid_out_(sets_ * plan_.tiles() > 1 ? std::make_unique<Scratch<T>>(weights_.size()) : nullptr),
+          weights_(weights_of(sum, plan_.kernels, weight)),
+          prepared_(prepared),
+          laid_out_(prepared == nullptr && sets_ * plan_.tiles() > 1 ? std::make_unique<Scratch<T>>(weights_.size())
+                                                                     : nullptr),
           cuts_(sum.target_channels, panel, part_count() * plan_.tiles(), samples_ * positions()) {
         plan_.plane = unstaged_ ? pass.source_plane() : spread(plan_.plane);
         for (std::int64_t c = 0; c < block_channels_; ++c) {
@@ -50,6 +65,7 @@ class LaneSum {
         }
         if (laid_out_) {
             weights_.write(laid_out_->get());
+            prepared_ = laid_out_->get();
         }
     }
 
@@ -60,7 +76,7 @@ class LaneSum {
         const std::int64_t totals =
             weights_.blocks() > 1 ? samples_ * positions() * cuts_.channels : most_written() * panel;
         return {unstaged_ ? 0 : samples_ * sample_slots(), totals + (in_place_ ? 0 : most_written() * lane_width<T>),
-                laid_out_ ? 0 : weights_.largest_panel(),
+                prepared_ != nullptr ? 0 : weights_.largest_panel(),
                 samples_ * positions() * cuts_.channels * sum_.source_channels * plan_.pass.taps()};
     }
 
@@ -82,8 +98,8 @@ class LaneSum {
             }
             for (std::int64_t target = first; target < end; target += panel) {
                 const T* weights = workspace.weights.get();
-                if (laid_out_) {
-                    weights = laid_out_->get() + weights_.place(group, block, target);
+                if (prepared_ != nullptr) {
+                    weights = prepared_ + weights_.place(group, block, target);
                 } else {
                     weights_.write_panel(group, block, target, workspace.weights.get());
                 }
@@ -199,7 +215,7 @@ class LaneSum {
         }
     }
 
-    // Turns the totals of `channels` target channels and adds the bias. from[position * width + channel].
+    // Turns the totals of `channels` target channels and adds what follows them. from[position * width + channel].
     void write(const Tile& tile, const T* from, std::int64_t width, std::int64_t channels, std::int64_t part,
                std::int64_t channel, const Workspace<T>& workspace) const {
         const ConvPass& pass = plan_.pass;
@@ -209,21 +225,24 @@ class LaneSum {
         T* to = in_place_ ? target + tile.row * pass.cols.positions + tile.col
                           : workspace.local.get() + size().local - most_written() * lane_width<T>;
         const std::int64_t stride = in_place_ ? plane : count;
-        if (bias_ == nullptr) {
+        if (ends_.bias == nullptr) {
             turn_columns(from, width, count, channels, to, stride, [](const auto& v, std::int64_t) { return v; });
         } else {
-            const T* bias = bias_ + part % sum_.groups * sum_.target_channels + channel;
+            const T* bias = ends_.bias + part % sum_.groups * sum_.target_channels + channel;
             turn_columns(from, width, count, channels, to, stride,
                          [bias](const auto& v, std::int64_t c) { return v + bias[c]; });
         }
         for (std::int64_t c = 0; c < channels && !in_place_; ++c) {
             write_positions(pass, tile, to + c * stride, target + c * plane);
         }
+        for (std::int64_t c = 0; c < channels && in_place_ && ends_.finishes(); ++c) {
+            ends_.finish(target_, to + c * stride - target_, count);
+        }
     }
 
     const ConvSum& sum_;
     const T* source_;
-    const T* bias_;
+    ConvEnds<T> ends_;
     T* target_;
     bool in_place_;
     StagePlan plan_;
@@ -232,7 +251,8 @@ class LaneSum {
     std::int64_t sets_;     // of samples
     std::int64_t block_channels_;
     LaneWeights<T> weights_;
-    std::unique_ptr<Scratch<T>> laid_out_;  // The weights, where several tiles need them.
+    const T* prepared_;                     // The weights, laid out, or null.
+    std::unique_ptr<Scratch<T>> laid_out_;  // Here, where several tiles need them.
     TargetCuts cuts_;
     std::vector<std::int64_t> offsets_;  // per step of a block
 };

@@ -22,12 +22,13 @@ namespace {
 template <typename T>
 class RowSum {
   public:
-    /// The weights are real ones; `sum` counts real targets.
-    RowSum(const ConvPass& pass, const ConvSum& sum, const T* source, const Real<T>* weight, const T* bias, T* target)
+    /// The weights are real ones; `sum` counts real targets. They are never prepared.
+    RowSum(const ConvPass& pass, const ConvSum& sum, const T* source, const Real<T>* weight,
+           const Real<T>* /*prepared*/, const ConvEnds<T>& ends, T* target)
         : sum_(sum),
           source_(source),
           weight_(weight),
-          bias_(bias),
+          ends_(ends),
           target_(target),
           block_channels_(conv_block_channels(sum.source_channels, sum.kernel_elements)),
           plan_(plan_for(pass, block_channels_)),
@@ -125,7 +126,8 @@ class RowSum {
 
     void write(const Tile& tile, T* totals, std::int64_t part, std::int64_t channel) const {
         const ConvPass& pass = plan_.pass;
-        const T start = bias_ == nullptr ? T(0) : bias_[channel];
+        const T* const bias = ends_.bias;
+        const T start = bias == nullptr ? T(0) : bias[channel];
         if constexpr (parts<T> == 2) {
             join_parts(totals, total_row() / 2, plan_.tile.rows * plan_.slot_row);
         }
@@ -137,9 +139,9 @@ class RowSum {
                     pass.cols.first + tile.col * pass.cols.stride;
             if (pass.cols.stride > 1) {
                 for (std::int64_t x = 0; x < tile.cols; ++x) {
-                    to[x * pass.cols.stride] = bias_ == nullptr ? row[x] : row[x] + start;
+                    to[x * pass.cols.stride] = bias == nullptr ? row[x] : row[x] + start;
                 }
-            } else if (bias_ == nullptr) {
+            } else if (bias == nullptr) {
                 copy_row(as_real(row), tile.cols * parts<T>, as_real(to));
             } else if constexpr (parts<T> == 1) {
                 copy_row(row, tile.cols, to, [start](const auto& v) { return v + start; });
@@ -147,12 +149,16 @@ class RowSum {
                 std::transform(row, row + tile.cols, to, [start](const T& v) { return v + start; });
             }
         }
+        if (ends_.finishes() && pass.fills_target()) {
+            ends_.finish(target_, target + tile.row * pass.cols.target + tile.col - target_,
+                         tile.rows > 1 ? tile.positions() : tile.cols);
+        }
     }
 
     const ConvSum& sum_;
     const T* source_;
     const Real<T>* weight_;
-    const T* bias_;
+    ConvEnds<T> ends_;
     T* target_;
     std::int64_t block_channels_;
     StagePlan plan_;

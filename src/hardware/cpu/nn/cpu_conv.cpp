@@ -9,6 +9,7 @@
 #include "hardware/cpu/copy/element_convert.h"
 #include "hardware/cpu/dispatch.h"
 #include "hardware/parallel.h"
+#include "hardware/scratch.h"
 
 namespace ornik::device::cpu {
 
@@ -68,6 +69,25 @@ T plane_sum(const T* values, std::int64_t count) {
     return sums[0];
 }
 
+ConvSum grid_sum(const ConvGeometry& geometry, bool conjugate) {
+    const std::int64_t kernel = geometry.rows.kernel * geometry.cols.kernel;
+    return {geometry.batch,
+            geometry.groups,
+            geometry.image_channels,
+            geometry.grid_channels,
+            kernel,
+            geometry.image_channels * geometry.grid_channels * kernel,
+            geometry.image_first ? kernel : geometry.image_channels * kernel,
+            geometry.image_first ? geometry.grid_channels * kernel : kernel,
+            conjugate};
+}
+
+template <typename T>
+ConvEnds<T> ends_of(const ConvTail& tail, std::int64_t dtype) {
+    const bool any = tail.activation != RowEnd::none;
+    return {data<T>(tail.bias), data<T>(tail.residual), any ? row_end(dtype, tail.activation) : nullptr};
+}
+
 }  // namespace
 
 void conv_to_grid(const ConvGeometry& full, const Tensor* image, const Tensor* weight, const Tensor* bias,
@@ -76,20 +96,59 @@ void conv_to_grid(const ConvGeometry& full, const Tensor* image, const Tensor* w
         return;
     }
     const ConvGeometry geometry = with_long_columns(full);
-    const std::int64_t kernel = geometry.rows.kernel * geometry.cols.kernel;
-    const std::int64_t per_group = geometry.image_channels * geometry.grid_channels * kernel;
-    const ConvSum sum{geometry.batch,
-                      geometry.groups,
-                      geometry.image_channels,
-                      geometry.grid_channels,
-                      kernel,
-                      per_group,
-                      geometry.image_first ? kernel : geometry.image_channels * kernel,
-                      geometry.image_first ? geometry.grid_channels * kernel : kernel,
-                      conjugate};
+    const ConvSum sum = grid_sum(geometry, conjugate);
     with_compute_type(image, [&]<typename T>() {
-        run_conv_sum({grid_pass(geometry)}, sum, data<T>(image), data<T>(weight), data<T>(bias),
-                     static_cast<T*>(grid->getRawData()));
+        run_conv_sum<T>({grid_pass(geometry)}, sum, data<T>(image), data<T>(weight), nullptr, {data<T>(bias)},
+                        static_cast<T*>(grid->getRawData()));
+    });
+}
+
+struct FixedConvWeight::Laid {
+    explicit Laid(std::int64_t size) : memory(size), bytes(size) {}
+    Scratch<unsigned char> memory;
+    std::int64_t bytes;
+};
+
+FixedConvWeight::FixedConvWeight(const ConvGeometry& geometry, const Tensor* weight) {
+    const ConvSum sum = grid_sum(geometry, false);
+    with_compute_type(weight, [&]<typename T>() {
+        const std::int64_t size = laid_out_size<T>(sum);
+        if (size == 0) {
+            plain_.reset(weight->clone());
+            return;
+        }
+        laid_ = std::make_unique<Laid>(size * static_cast<std::int64_t>(sizeof(T)));
+        lay_out_weights(sum, data<T>(weight), reinterpret_cast<T*>(laid_->memory.get()));
+    });
+}
+
+FixedConvWeight::~FixedConvWeight() = default;
+
+void FixedConvWeight::to_grid(const ConvGeometry& full, const Tensor* image, const ConvTail& tail, Tensor* grid) const {
+    if (grid->Size() == 0) {
+        return;
+    }
+    const ConvGeometry geometry = with_long_columns(full);
+    const ConvSum sum = grid_sum(geometry, false);
+    with_compute_type(image, [&]<typename T>() {
+        const T* laid_out = laid_ ? reinterpret_cast<const T*>(laid_->memory.get()) : nullptr;
+        run_conv_sum<T>({grid_pass(geometry)}, sum, data<T>(image), data<T>(plain_.get()), laid_out,
+                        ends_of<T>(tail, image->Dtype()), static_cast<T*>(grid->getRawData()));
+    });
+}
+
+std::int64_t FixedConvWeight::bytes() const {
+    return laid_ ? laid_->bytes : plain_->Size() * dtype_item_size(plain_->Dtype());
+}
+
+void conv_finish(const ConvTail& tail, Tensor* result) {
+    with_compute_type(result, [&]<typename T>() {
+        const ConvEnds<T> ends = ends_of<T>(tail, result->Dtype());
+        if (ends.finishes()) {
+            parallel_for(result->Size(), 1024, conv_grain, [&](std::int64_t begin, std::int64_t end) {
+                ends.finish(static_cast<T*>(result->getRawData()), begin, end - begin);
+            });
+        }
     });
 }
 
@@ -121,7 +180,7 @@ void conv_to_image(const ConvGeometry& full, const Tensor* grid, const Tensor* w
         if (computed < plane) {
             fill_planes(data<T>(bias), geometry.batch, geometry.groups * geometry.image_channels, plane, target);
         }
-        run_conv_sum(passes, sum, data<T>(grid), data<T>(weight), data<T>(bias), target);
+        run_conv_sum<T>(passes, sum, data<T>(grid), data<T>(weight), nullptr, {data<T>(bias)}, target);
     });
 }
 

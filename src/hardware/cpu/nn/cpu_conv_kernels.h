@@ -7,6 +7,7 @@
 #include <type_traits>
 
 #include "conv_pass.h"
+#include "hardware/cpu/elements/cpu_row_end.h"
 
 namespace ornik::device::cpu {
 
@@ -24,10 +25,41 @@ struct ConvSum {
     bool conjugate;
 };
 
-/// Computes the positions of all passes; bias may be null.
+/// What follows the sums of a target: bias, one per channel, is added, then a residual of the target's places, then a
+/// function is applied to rows. Each rounds as it does alone. Null members are left out.
+template <typename T>
+struct ConvEnds {
+    const T* bias = nullptr;
+    const T* residual = nullptr;
+    RowFunction row = nullptr;
+
+    /// What follows the bias, for `count` neighbouring elements of the target from `offset` on.
+    void finish(T* target, std::int64_t offset, std::int64_t count) const {
+        T* const to = target + offset;
+        if (residual != nullptr) {
+            const T* from = residual + offset;
+            for (std::int64_t i = 0; i < count; ++i) {
+                to[i] = to[i] + from[i];
+            }
+        }
+        if (row != nullptr) {
+            row(to, count);
+        }
+    }
+    bool finishes() const { return residual != nullptr || row != nullptr; }
+};
+
+/// Computes the positions of all passes. `laid_out` is what lay_out_weights() wrote, or null. The ends but for the bias
+/// are for passes that fill their target.
 template <typename T>
 void run_conv_sum(const std::vector<ConvPass>& passes, const ConvSum& sum, const T* source, const T* weight,
-                  const T* bias, T* target);
+                  const T* laid_out, const ConvEnds<T>& ends, T* target);
+
+/// The elements that the weights of a grid pass take as its kernel reads them; 0 where it reads them as they are.
+template <typename T>
+std::int64_t laid_out_size(const ConvSum& sum);
+template <typename T>
+void lay_out_weights(const ConvSum& sum, const T* weight, T* to);
 
 /// weight = sum over samples and positions of grid * conj(image); `pass` is the geometry's grid pass.
 template <typename T>

@@ -8,8 +8,9 @@
 namespace ornik::device::cpu {
 
 struct FixedFactor::Packed {
-    explicit Packed(std::int64_t bytes) : panels(bytes) {}
+    explicit Packed(std::int64_t size) : panels(size), bytes(size) {}
     Scratch<unsigned char> panels;
+    std::int64_t bytes;
 };
 
 FixedFactor::FixedFactor(std::int64_t dtype, const void* b, bool transposed, std::int64_t depth, std::int64_t cols)
@@ -23,6 +24,8 @@ FixedFactor::FixedFactor(std::int64_t dtype, const void* b, bool transposed, std
 }
 
 FixedFactor::~FixedFactor() = default;
+
+std::int64_t FixedFactor::bytes() const { return packed_->bytes; }
 
 void FixedFactor::multiply(const void* a, std::int64_t rows, bool accumulate, void* c, const ProductEnds* ends) const {
     dispatch(FloatOrComplexTypes{}, dtype_, [&]<typename T>() {
