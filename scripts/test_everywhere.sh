@@ -19,6 +19,8 @@ done
 
 install_missing "${build_packages[@]}" libgtest-dev googletest
 list=$root/tests/digests/digests.txt
+# Emulated threads that spin would keep the others waiting.
+export OMP_WAIT_POLICY=passive
 
 # build_digests TREE [CMake arguments...] : the program, in build/TREE
 build_digests() {
