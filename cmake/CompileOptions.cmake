@@ -34,6 +34,7 @@ target_link_options(ornik_options INTERFACE ${sanitize_flags})
 # Of the library's own code, for an instruction set. Nobody reads errno after a root, and setting it keeps loops from
 # being vectorised; values do not change.
 include(CheckCXXCompilerFlag)
+include(CheckCXXSourceCompiles)
 check_cxx_compiler_flag(-mtune=haswell ORNIK_HAVE_MTUNE_HASWELL)
 function(ornik_add_kernel_options name arch)
   add_library(${name} INTERFACE)

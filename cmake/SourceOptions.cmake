@@ -51,6 +51,18 @@ function(ornik_add_library_objects prefix options arch)
   ornik_add_objects(${prefix}_row_objects ${options} ${row_sources})
   target_compile_options(${prefix}_row_objects PRIVATE $<$<CXX_COMPILER_ID:GNU,Clang>:-fno-math-errno;-fno-trapping-math>
                                                        $<$<CXX_COMPILER_ID:GNU>:-fno-thread-jumps>)
+  # Without the fused instruction, row kernels call a function for each step (vector_types.h), which has to stay out of
+  # branches.
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
+    get_target_property(level_options ${options} INTERFACE_COMPILE_OPTIONS)
+    list(FILTER level_options INCLUDE REGEX "^-march=")
+    string(MAKE_C_IDENTIFIER "ORNIK_HAVE_FMA${level_options}" have_fma)
+    set(CMAKE_REQUIRED_FLAGS "${level_options}")
+    check_cxx_source_compiles("#ifndef __FMA__\n#error none\n#endif\nint main() { return 0; }" ${have_fma})
+    if(NOT ${have_fma})
+      target_compile_options(${prefix}_row_objects PRIVATE -fno-tree-sink)
+    endif()
+  endif()
 endfunction()
 ornik_add_library_objects(ornik ornik_kernel_options "${ORNIK_ARCH}" ${other_sources})
 

@@ -19,6 +19,7 @@
 #include "descriptors/selection.h"
 #include "descriptors/step_parameters.h"
 #include "export.h"
+#include "hardware/instruction_set.h"
 #include "hardware/memory_config.h"
 #include "hardware/thread_config.h"
 #include "io/named_tensors.h"

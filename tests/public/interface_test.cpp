@@ -86,6 +86,7 @@ TEST(Interface, ScalarsOfEveryArithmeticType) {
 TEST(Interface, Version) {
     EXPECT_EQ(ornik::version(), std::to_string(ORNIK_VERSION_MAJOR) + "." + std::to_string(ORNIK_VERSION_MINOR) + "." +
                                     std::to_string(ORNIK_VERSION_PATCH));
+    EXPECT_STRNE(ornik::instruction_set(), "unknown");
     EXPECT_EQ(ornik::shape2stride({2, 3, 4}), (ornik::Dims{12, 4, 1}));
 }
 

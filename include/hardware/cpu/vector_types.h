@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <cstring>
 
-#if defined(__x86_64__) && defined(__FMA__)
+#if defined(__SSE2__)
 #include <immintrin.h>
 #elif defined(__aarch64__)
 #include <arm_neon.h>
@@ -19,8 +19,10 @@
 
 #if defined(__GNUC__)
 #define ORNIK_EXPAND [[gnu::always_inline]] inline
+#define ORNIK_EXPANDED __attribute__((always_inline))  // of lambdas
 #else
 #define ORNIK_EXPAND inline
+#define ORNIK_EXPANDED
 #endif
 
 // Arrays of vectors are in registers only where every loop over them is gone.
@@ -107,6 +109,13 @@ ORNIK_EXPAND void prefetch_for_writing([[maybe_unused]] const T* at) {
 #define ORNIK_FUSES 0
 #endif
 
+// Without the instruction, loops that GCC vectorises call functions on whole vectors (cpu_fused_vector.cpp).
+#if defined(__GNUC__) && !defined(__clang__) && defined(__SSE2__) && !defined(__AVX__) && defined(__ELF__)
+#define ORNIK_VECTOR_CALLS 1
+#else
+#define ORNIK_VECTOR_CALLS 0
+#endif
+
 namespace detail {
 
 /// A sum and what its rounding lost (D. Knuth, The Art of Computer Programming, volume 2, 4.2.2).
@@ -123,9 +132,11 @@ ORNIK_EXPAND ExactSum exact_sum(double a, double b) {
 /// Melquiond, Emulation of a FMA and correctly rounded sums, 2008).
 ORNIK_EXPAND double odd_sum(double a, double b) {
     const auto [sum, rest] = exact_sum(a, b);
-    const auto bits = std::bit_cast<std::int64_t>(sum);
-    const std::int64_t outwards = (rest < 0) == (sum < 0) ? 1 : -1;
-    return std::bit_cast<double>(bits + ((rest < 0 || rest > 0) && (bits & 1) == 0 ? outwards : 0));
+    // Towards zero, then to an odd digit.
+    const std::int64_t inexact = std::fabs(rest) > 0 ? 1 : 0;
+    const auto opposite =
+        static_cast<std::int64_t>((std::bit_cast<std::uint64_t>(sum) ^ std::bit_cast<std::uint64_t>(rest)) >> 63);
+    return std::bit_cast<double>((std::bit_cast<std::int64_t>(sum) - (inexact & opposite)) | inexact);
 }
 
 /// The half of the digits that are worth most.
@@ -146,24 +157,81 @@ ORNIK_EXPAND float fused(float a, float b, float c) {
 }
 ORNIK_EXPAND double fused(double a, double b, double c) { return std::fma(a, b, c); }
 
-/// The same without a call, which loops need to become vector code: of factors below 2^900 whose product is no
-/// infinity, and is 0, above 2^-900, or of no account beside c.
-ORNIK_EXPAND float fused_in_range(float a, float b, float c) { return fused(a, b, c); }
-ORNIK_EXPAND double fused_in_range(double a, double b, double c) {
-#if ORNIK_FUSES
-    return std::fma(a, b, c);
-#else
-    const double a_high = detail::upper_half(a);
-    const double a_low = a - a_high;
-    const double b_high = detail::upper_half(b);
-    const double b_low = b - b_high;
-    const double product = a * b;
-    const double lost = a_low * b_low - (((product - a_high * b_high) - a_low * b_high) - a_high * b_low);
-    const auto [low, lowest] = detail::exact_sum(c, lost);
-    const auto [high, middle] = detail::exact_sum(product, low);
-    return high + detail::odd_sum(middle, lowest);
-#endif
+#if defined(__SSE2__) && !ORNIK_FUSES
+namespace detail {
+
+[[gnu::noinline]] inline __m128 fused_carefully(__m128 a, __m128 b, __m128 c) {
+    using Lanes = VectorOf<float, 16>::type;
+    for (int i = 0; i < 4; ++i) {
+        ((Lanes&)c)[i] = fused(((Lanes)a)[i], ((Lanes)b)[i], ((Lanes)c)[i]);
+    }
+    return c;
 }
+[[gnu::noinline]] inline __m128d fused_carefully(__m128d a, __m128d b, __m128d c) {
+    using Lanes = VectorOf<double, 16>::type;
+    return (__m128d)Lanes{std::fma(((Lanes)a)[0], ((Lanes)b)[0], ((Lanes)c)[0]),
+                          std::fma(((Lanes)a)[1], ((Lanes)b)[1], ((Lanes)c)[1])};
+}
+
+/// Sums in double are rounded twice: for the worse where the first rounding leaves nothing or half of a last digit, or
+/// where the result has fewer digits.
+ORNIK_EXPAND __m128 fused_in_double(__m128 a, __m128 b, __m128 c) {
+    const auto low = [](__m128 v) { return _mm_cvtps_pd(v); };
+    const auto high = [](__m128 v) { return _mm_cvtps_pd(_mm_movehl_ps(v, v)); };
+    const __m128d sum_low = _mm_add_pd(_mm_mul_pd(low(a), low(b)), low(c));
+    const __m128d sum_high = _mm_add_pd(_mm_mul_pd(high(a), high(b)), high(c));
+    const __m128 sum = _mm_movelh_ps(_mm_cvtpd_ps(sum_low), _mm_cvtpd_ps(sum_high));
+    const __m128i digits = (__m128i)_mm_shuffle_ps((__m128)sum_low, (__m128)sum_high, 0x88);
+    const __m128i half = _mm_set1_epi32(0x10000000);
+    const __m128i tie = _mm_cmpeq_epi32(_mm_and_si128(digits, _mm_set1_epi32(0x1fffffff)), half);
+    const __m128i magnitude = _mm_and_si128((__m128i)sum, _mm_set1_epi32(0x7fffffff));
+    const __m128i small = _mm_and_si128(_mm_cmpgt_epi32(_mm_set1_epi32(0x00800001), magnitude),
+                                        _mm_cmpgt_epi32(magnitude, _mm_setzero_si128()));
+    if (_mm_movemask_ps((__m128)_mm_or_si128(tie, small)) != 0) [[unlikely]] {
+        return fused_carefully(a, b, c);
+    }
+    return sum;
+}
+
+/// By parts of which all products and sums are exact but for the last two. The first of these errs only if the second
+/// rounds a tie.
+ORNIK_EXPAND __m128d fused_in_double(__m128d a, __m128d b, __m128d c) {
+    const auto upper = [](__m128d x) {
+        const __m128d scaled = _mm_mul_pd(x, _mm_set1_pd(0x1.0000002p27));
+        return _mm_sub_pd(scaled, _mm_sub_pd(scaled, x));
+    };
+    const __m128d a_high = upper(a);
+    const __m128d a_low = _mm_sub_pd(a, a_high);
+    const __m128d b_high = upper(b);
+    const __m128d b_low = _mm_sub_pd(b, b_high);
+    const __m128d product = _mm_mul_pd(a, b);
+    const __m128d lost =
+        _mm_add_pd(_mm_mul_pd(a_low, b_low),
+                   _mm_add_pd(_mm_mul_pd(a_high, b_low),
+                              _mm_add_pd(_mm_mul_pd(a_low, b_high), _mm_sub_pd(_mm_mul_pd(a_high, b_high), product))));
+    const __m128d sum = _mm_add_pd(product, c);
+    const __m128d part = _mm_sub_pd(sum, product);
+    const __m128d rest = _mm_add_pd(_mm_add_pd(_mm_sub_pd(product, _mm_sub_pd(sum, part)), _mm_sub_pd(c, part)), lost);
+    const __m128d result = _mm_add_pd(sum, rest);
+    // A little more than what is left makes no difference but beside a tie.
+    const __m128d left = _mm_sub_pd(rest, _mm_sub_pd(result, sum));
+    const __m128d more = _mm_add_pd(result, _mm_mul_pd(left, _mm_set1_pd(1 + 0x1p-40)));
+    const __m128d magnitude = _mm_andnot_pd(_mm_set1_pd(-0.0), product);
+    const __m128d sized =
+        _mm_and_pd(_mm_cmpgt_pd(magnitude, _mm_set1_pd(0x1p-900)), _mm_cmplt_pd(magnitude, _mm_set1_pd(0x1p900)));
+    if (_mm_movemask_pd(_mm_and_pd(sized, _mm_cmpeq_pd(result, more))) != 3) [[unlikely]] {
+        // Of no product, only the sign counts.
+        const __m128d zero = _mm_setzero_pd();
+        const __m128d none = _mm_or_pd(_mm_cmpeq_pd(a, zero), _mm_cmpeq_pd(b, zero));
+        const __m128d sure = _mm_and_pd(_mm_or_pd(sized, none), _mm_cmpeq_pd(result, more));
+        return _mm_movemask_pd(sure) == 3 ? _mm_or_pd(_mm_and_pd(none, sum), _mm_andnot_pd(none, result))
+                                          : fused_carefully(a, b, c);
+    }
+    return result;
+}
+
+}  // namespace detail
+#endif
 
 #if defined(__GNUC__)
 template <typename V>
@@ -178,7 +246,7 @@ ORNIK_EXPAND V fused(V a, V b, V c) requires(sizeof(V) > sizeof(double)) {
         }
     }
 #endif
-#if defined(__x86_64__) && defined(__FMA__)
+#if defined(__FMA__)
     if constexpr (sizeof(V) == 32) {
         if constexpr (single) {
             return (V)_mm256_fmadd_ps((__m256)a, (__m256)b, (__m256)c);
@@ -193,12 +261,20 @@ ORNIK_EXPAND V fused(V a, V b, V c) requires(sizeof(V) > sizeof(double)) {
             return (V)_mm_fmadd_pd((__m128d)a, (__m128d)b, (__m128d)c);
         }
     }
-#elif defined(__aarch64__)
+#elif ORNIK_FUSES
     if constexpr (sizeof(V) == 16) {
         if constexpr (single) {
             return (V)vfmaq_f32((float32x4_t)c, (float32x4_t)a, (float32x4_t)b);
         } else {
             return (V)vfmaq_f64((float64x2_t)c, (float64x2_t)a, (float64x2_t)b);
+        }
+    }
+#elif defined(__SSE2__)
+    if constexpr (sizeof(V) == 16) {
+        if constexpr (single) {
+            return (V)detail::fused_in_double((__m128)a, (__m128)b, (__m128)c);
+        } else {
+            return (V)detail::fused_in_double((__m128d)a, (__m128d)b, (__m128d)c);
         }
     }
 #endif
@@ -212,7 +288,7 @@ ORNIK_EXPAND V fused(V a, V b, V c) requires(sizeof(V) > sizeof(double)) {
 /// c - a b, rounded once.
 template <typename V>
 ORNIK_EXPAND V fused_minus(V a, V b, V c) {
-#if defined(__x86_64__) && defined(__FMA__)
+#if defined(__FMA__)
     // The compiler would rather negate an operand.
     if constexpr (sizeof(V) == 64) {
 #if defined(__AVX512F__)

@@ -22,14 +22,42 @@
 #define ORNIK_IN_PLACE inline
 #endif
 
+#if ORNIK_VECTOR_CALLS
+extern "C" {
+[[gnu::simd("notinbranch"), gnu::const, gnu::nothrow, gnu::visibility("hidden")]] float ornik_fused_float(float, float,
+                                                                                                          float);
+[[gnu::simd("notinbranch"), gnu::const, gnu::nothrow, gnu::visibility("hidden")]] double ornik_fused_double(double,
+                                                                                                            double,
+                                                                                                            double);
+}
+#endif
+
 namespace ornik::elementary {
 
-using device::cpu::vec::fused_in_range;
-
-template <typename T>
-ORNIK_IN_PLACE T fused(T a, T b, T c) {
-    return fused_in_range(a, b, c);
+/// a b + c, rounded once, as part of vector code; in double, of factors below 2^900 whose product is no infinity, and
+/// is 0, above 2^-900, or of no account beside c.
+#if ORNIK_FUSES
+ORNIK_IN_PLACE float fused(float a, float b, float c) { return std::fma(a, b, c); }
+ORNIK_IN_PLACE double fused(double a, double b, double c) { return std::fma(a, b, c); }
+#elif ORNIK_VECTOR_CALLS
+ORNIK_IN_PLACE float fused(float a, float b, float c) { return ornik_fused_float(a, b, c); }
+ORNIK_IN_PLACE double fused(double a, double b, double c) { return ornik_fused_double(a, b, c); }
+#else
+ORNIK_IN_PLACE float fused(float a, float b, float c) { return device::cpu::vec::fused(a, b, c); }
+ORNIK_IN_PLACE double fused(double a, double b, double c) {
+    using namespace device::cpu::vec::detail;
+    const double a_high = upper_half(a);
+    const double a_low = a - a_high;
+    const double b_high = upper_half(b);
+    const double b_low = b - b_high;
+    const double product = a * b;
+    const double lost = a_low * b_low - (((product - a_high * b_high) - a_low * b_high) - a_high * b_low);
+    const auto [low, lowest] = exact_sum(c, lost);
+    const auto [high, middle] = exact_sum(product, low);
+    const double sum = high + odd_sum(middle, lowest);
+    return product == 0 ? product + c : sum;  // The sign of 0.
 }
+#endif
 
 /// c0 + c1 x + c2 x^2 + ...
 template <typename T>

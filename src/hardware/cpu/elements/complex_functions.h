@@ -4,10 +4,12 @@
 // are accurate to about 4 units in the last place of the result's magnitude.
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <complex>
 
 #include "../../../../include/utils/complex_helper.h"
+#include "hardware/cpu/elements/elementary_double.h"
 
 namespace ornik::complex_functions {
 
@@ -26,66 +28,213 @@ Own<T> narrow(Wide z) {
 
 namespace wide_functions {
 
-inline Wide exp(Wide z) { return std::exp(z); }
-inline Wide exp2(Wide z) { return std::exp(z * 0.69314718055994530942); }
+// Finite numbers by formulas of parts (W. Kahan, Branch cuts for complex elementary functions, 1987), the others as the
+// standard library has them: zeros, infinities, NaN and angles.
+inline bool is_finite(Wide z) { return std::isfinite(z.real()) && std::isfinite(z.imag()); }
+inline Wide times_i(Wide z) { return {-z.imag(), z.real()}; }
+inline Wide over_i(Wide z) { return {z.imag(), -z.real()}; }
+inline double abs(Wide z) { return elementary::hypot(z.real(), z.imag()); }
+inline double angle(Wide z) { return elementary::atan2(z.imag(), z.real()); }
+inline Wide times(Wide a, Wide b) {
+    return {a.real() * b.real() - a.imag() * b.imag(), a.real() * b.imag() + a.imag() * b.real()};
+}
+/// a / b, with the larger part of b apart, so that no square overflows.
+inline Wide quotient(Wide a, Wide b) {
+    if (!is_finite(a) || !is_finite(b) || b == Wide(0)) {
+        return a / b;
+    }
+    const bool turned = std::fabs(b.real()) < std::fabs(b.imag());
+    const double large = turned ? b.imag() : b.real();
+    const double small = turned ? b.real() : b.imag();
+    const double ratio = small / large;
+    const double below = large + small * ratio;
+    const double x = turned ? a.imag() : a.real();
+    const double y = turned ? a.real() : a.imag();
+    const double re = (x + y * ratio) / below;
+    const double im = turned ? (x * ratio - y) / below : (y - x * ratio) / below;
+    return {re, im};
+}
+
+inline Wide exp(Wide z) {
+    if (!is_finite(z)) {
+        return std::exp(z);
+    }
+    // Twice the root, where the power alone would overflow.
+    const double root = elementary::exp(0.5 * z.real());
+    const double power = std::fabs(z.real()) < 700.0 ? elementary::exp(z.real()) : root;
+    const double again = std::fabs(z.real()) < 700.0 ? 1.0 : root;
+    if (z.imag() == 0.0) {
+        return {power * again, z.imag()};
+    }
+    return {power * elementary::cos(z.imag()) * again, power * elementary::sin(z.imag()) * again};
+}
+inline Wide exp2(Wide z) { return exp(z * 0.69314718055994530942); }
 inline Wide expm1(Wide z) {
     if (z.imag() == 0.0) {
-        return {std::expm1(z.real()) + 0.0, z.imag()};  // Its zero has no sign.
+        return {elementary::expm1(z.real()) + 0.0, z.imag()};  // Its zero has no sign.
     }
     if (std::isinf(z.real()) && !std::isfinite(z.imag())) {
         return z.real() < 0.0 ? Wide(-1.0, 0.0) : Wide(z.real(), std::nan(""));
     }
-    const double half_sine = std::sin(0.5 * z.imag());
-    const double growth = std::expm1(z.real());
-    return {growth * std::cos(z.imag()) - 2.0 * half_sine * half_sine, (growth + 1.0) * std::sin(z.imag())};
+    const double half_sine = elementary::sin(0.5 * z.imag());
+    const double growth = elementary::expm1(z.real());
+    return {growth * elementary::cos(z.imag()) - 2.0 * half_sine * half_sine,
+            (growth + 1.0) * elementary::sin(z.imag())};
 }
-inline Wide log(Wide z) { return std::log(z); }
-inline Wide log2(Wide z) { return std::log(z) * 1.4426950408889634074; }
-inline Wide log10(Wide z) { return std::log(z) * 0.43429448190325182765; }
+inline Wide log(Wide z) {
+    if (!is_finite(z)) {
+        return std::log(z);
+    }
+    const double magnitude = abs(z);
+    if (magnitude > 0.5 && magnitude < 2.0) {
+        const elementary::Pair p = elementary::product_of(z.real(), z.real());
+        const elementary::Pair q = elementary::product_of(z.imag(), z.imag());
+        const bool swapped = p.high < q.high;
+        const elementary::Pair rest = elementary::sum_of((swapped ? q : p).high, -1.0);
+        const elementary::Pair sum = elementary::sum_of(rest.high, (swapped ? p : q).high);
+        return {0.5 * elementary::log1p_of({sum.high, sum.low + (rest.low + (p.low + q.low))}), angle(z)};
+    }
+    return {elementary::log(magnitude), angle(z)};
+}
+inline Wide log2(Wide z) { return log(z) * 1.4426950408889634074; }
+inline Wide log10(Wide z) { return log(z) * 0.43429448190325182765; }
 inline Wide log1p(Wide z) {
     // Only near zero does adding 1 lose anything.
-    if (std::abs(z) > 0.5) {
-        return std::log(1.0 + z);
+    if (!(abs(z) <= 0.5)) {
+        return log(1.0 + z);
     }
     const double x = z.real();
     const double y = z.imag();
-    return {0.5 * std::log1p(x * (2.0 + x) + y * y), std::atan2(y, 1.0 + x)};
+    return {0.5 * elementary::log1p_exact(x * (2.0 + x) + y * y), elementary::atan2(y, 1.0 + x)};
 }
-inline Wide sqrt(Wide z) { return std::sqrt(z); }
-inline Wide rsqrt(Wide z) { return 1.0 / std::sqrt(z); }
-inline Wide reciprocal(Wide z) { return 1.0 / z; }
-inline Wide sin(Wide z) { return std::sin(z); }
-inline Wide cos(Wide z) { return std::cos(z); }
-inline Wide tan(Wide z) { return std::tan(z); }
-inline Wide asin(Wide z) { return std::asin(z); }
-inline Wide acos(Wide z) { return std::acos(z); }
-inline Wide atan(Wide z) { return std::atan(z); }
-inline Wide sinh(Wide z) { return std::sinh(z); }
-inline Wide cosh(Wide z) { return std::cosh(z); }
-inline Wide tanh(Wide z) { return std::tanh(z); }
-inline Wide asinh(Wide z) { return std::asinh(z); }
-inline Wide acosh(Wide z) { return std::acosh(z); }
-inline Wide atanh(Wide z) { return std::atanh(z); }
+inline Wide sqrt(Wide z) {
+    if (!is_finite(z) || z == Wide(0)) {
+        return std::sqrt(z);
+    }
+    // Away from overflow and from what has few digits.
+    const int exponent = std::ilogb(std::max(std::fabs(z.real()), std::fabs(z.imag()))) & ~1;
+    const double x = std::ldexp(z.real(), -exponent);
+    const double y = std::ldexp(z.imag(), -exponent);
+    const double root = std::sqrt(0.5 * (std::fabs(x) + elementary::hypot(x, y)));
+    const double other = 0.5 * std::fabs(y) / root;
+    const double re = std::ldexp(x < 0.0 ? other : root, exponent / 2);
+    return {re, std::copysign(std::ldexp(x < 0.0 ? root : other, exponent / 2), y)};
+}
+inline Wide rsqrt(Wide z) { return quotient(1.0, sqrt(z)); }
+inline Wide reciprocal(Wide z) { return quotient(1.0, z); }
+inline Wide sinh(Wide z) {
+    if (!is_finite(z)) {
+        return std::sinh(z);
+    }
+    const double x = z.real();
+    const double y = z.imag();
+    if (y == 0.0) {
+        return {elementary::sinh(x), y};
+    }
+    if (std::fabs(x) > 700.0) {
+        const double root = elementary::exp(0.5 * std::fabs(x));
+        return {std::copysign(0.5 * root, x) * elementary::cos(y) * root, 0.5 * root * elementary::sin(y) * root};
+    }
+    return {elementary::sinh(x) * elementary::cos(y), elementary::cosh(x) * elementary::sin(y)};
+}
+inline Wide cosh(Wide z) {
+    if (!is_finite(z)) {
+        return std::cosh(z);
+    }
+    const double x = z.real();
+    const double y = z.imag();
+    if (std::fabs(x) > 700.0) {
+        const double root = elementary::exp(0.5 * std::fabs(x));
+        const double im = y == 0.0 ? y : 0.5 * root * elementary::sin(y) * root;
+        return {0.5 * root * elementary::cos(y) * root, std::signbit(x) ? -im : im};
+    }
+    return {elementary::cosh(x) * elementary::cos(y), elementary::sinh(x) * elementary::sin(y)};
+}
+inline Wide tanh(Wide z) {
+    if (!is_finite(z)) {
+        return std::tanh(z);
+    }
+    const double x = z.real();
+    const double y = z.imag();
+    if (std::fabs(x) > 22.0) {
+        const double power = elementary::exp(-std::fabs(x));
+        return {std::copysign(1.0, x), 4.0 * elementary::sin(y) * elementary::cos(y) * power * power};
+    }
+    const double t = elementary::tan(y);
+    const double s = elementary::sinh(x);
+    const double beta = 1.0 + t * t;
+    const double below = 1.0 + beta * s * s;
+    return {beta * std::sqrt(1.0 + s * s) * s / below, t / below};
+}
+inline Wide sin(Wide z) { return is_finite(z) ? over_i(sinh(times_i(z))) : std::sin(z); }
+inline Wide cos(Wide z) { return is_finite(z) ? cosh(times_i(z)) : std::cos(z); }
+inline Wide tan(Wide z) { return is_finite(z) ? over_i(tanh(times_i(z))) : std::tan(z); }
+inline Wide asin(Wide z) {
+    if (!is_finite(z)) {
+        return std::asin(z);
+    }
+    const Wide below = sqrt(Wide(1.0 - z.real(), -z.imag()));
+    const Wide above = sqrt(Wide(1.0 + z.real(), z.imag()));
+    return {elementary::atan2(z.real(), below.real() * above.real() - below.imag() * above.imag()),
+            std::copysign(elementary::asinh(below.real() * above.imag() - below.imag() * above.real()), z.imag())};
+}
+inline Wide acos(Wide z) {
+    if (!is_finite(z)) {
+        return std::acos(z);
+    }
+    const Wide below = sqrt(Wide(1.0 - z.real(), -z.imag()));
+    const Wide above = sqrt(Wide(1.0 + z.real(), z.imag()));
+    return {2.0 * elementary::atan2(below.real(), above.real()),
+            std::copysign(elementary::asinh(above.real() * below.imag() - above.imag() * below.real()), -z.imag())};
+}
+inline Wide acosh(Wide z) {
+    if (!is_finite(z)) {
+        return std::acosh(z);
+    }
+    const Wide below = sqrt(Wide(z.real() - 1.0, z.imag()));
+    const Wide above = sqrt(Wide(z.real() + 1.0, z.imag()));
+    return {elementary::asinh(below.real() * above.real() + below.imag() * above.imag()),
+            2.0 * elementary::atan2(below.imag(), above.real())};
+}
+inline Wide asinh(Wide z) { return is_finite(z) ? over_i(asin(times_i(z))) : std::asinh(z); }
+inline Wide atanh(Wide z) {
+    if (!is_finite(z)) {
+        return std::atanh(z);
+    }
+    const double x = std::fabs(z.real());
+    const double y = std::fabs(z.imag());
+    const double magnitude = abs(z);
+    if (magnitude > 0x1p60) {
+        return {std::copysign(x / magnitude / magnitude, z.real()), std::copysign(elementary::half_pi.high, z.imag())};
+    }
+    const double distance = elementary::hypot(1.0 - x, y);
+    const double re = distance < 0x1p-400 ? 0.5 * (elementary::ln2.high - elementary::log(distance))
+                                          : 0.25 * elementary::log1p_exact(4.0 * x / ((1.0 - x) * (1.0 - x) + y * y));
+    const double im = 0.5 * elementary::atan2(2.0 * y, (1.0 - x) * (1.0 + x) - y * y);
+    return {std::copysign(re, z.real()), std::copysign(im, z.imag())};
+}
+inline Wide atan(Wide z) { return is_finite(z) ? over_i(atanh(times_i(z))) : std::atan(z); }
+inline Wide pow(Wide z, Wide w) { return exp(times(w, log(z))); }
 inline Wide sigmoid(Wide z) {
     // The exponential of a number with a negative real part does not overflow.
     if (z.real() < 0.0) {
-        const Wide e = std::exp(z);
-        return e / (1.0 + e);
+        const Wide e = exp(z);
+        return quotient(e, 1.0 + e);
     }
-    return 1.0 / (1.0 + std::exp(-z));
+    return quotient(1.0, 1.0 + exp(-z));
 }
 /// Of magnitude 1, or 0 for 0.
-inline Wide sign(Wide z) { return z == Wide(0) ? z : z / std::abs(z); }
+inline Wide sign(Wide z) { return z == Wide(0) ? z : z / abs(z); }
 
 }  // namespace wide_functions
 
 template <typename T>
 T abs(Own<T> z) {
-    return static_cast<T>(std::abs(wide(z)));
+    return static_cast<T>(wide_functions::abs(wide(z)));
 }
 template <typename T>
 T angle(Own<T> z) {
-    return static_cast<T>(std::arg(wide(z)));
+    return static_cast<T>(wide_functions::angle(wide(z)));
 }
 template <typename T>
 T real(Own<T> z) {
@@ -129,7 +278,7 @@ Own<T> pow(Own<T> z, Own<T> w) {
     if (w == Own<T>(0)) {
         return Own<T>(1);
     }
-    return z == Own<T>(0) && w.real > 0 ? Own<T>(0) : narrow<T>(std::pow(wide(z), wide(w)));
+    return z == Own<T>(0) && w.real > 0 ? Own<T>(0) : narrow<T>(wide_functions::pow(wide(z), wide(w)));
 }
 
 }  // namespace ornik::complex_functions

@@ -3,6 +3,7 @@
 
 #include <numbers>
 
+#include "hardware/cpu/elements/elementary_double.h"
 #include "integer_functions.h"
 #include "row_kernels.h"
 
@@ -44,7 +45,7 @@ struct copysign_function {
 struct hypot_function {
     template <typename T>
     T operator()(T a, T b) const {
-        return std::hypot(a, b);
+        return static_cast<T>(elementary::hypot(a, b));
     }
 };
 struct logaddexp_function {
@@ -52,7 +53,8 @@ struct logaddexp_function {
     T operator()(T a, T b) const {
         // Equal infinities have no difference.
         const double larger = a > b ? a : b;
-        const double growth = a == b ? std::numbers::ln2 : std::log1p(std::exp(-std::fabs(double{a} - double{b})));
+        const double growth =
+            a == b ? std::numbers::ln2 : elementary::log1p_exact(elementary::exp(-std::fabs(double{a} - double{b})));
         return static_cast<T>(a == a ? larger + growth : double{a});
     }
 };

@@ -30,12 +30,16 @@ void grad_kernel(const MultiTensorIterationHelper& elements, std::int64_t dtype)
 template <>
 struct BeyondLimit<sin_grad, float> {
     static constexpr bool needed = true;
-    static float value(float x, float /*y*/, float grad) { return grad * static_cast<float>(std::cos(double{x})); }
+    static float value(float x, float /*y*/, float grad) {
+        return grad * static_cast<float>(elementary::cos(double{x}));
+    }
 };
 template <>
 struct BeyondLimit<cos_grad, float> {
     static constexpr bool needed = true;
-    static float value(float x, float /*y*/, float grad) { return -grad * static_cast<float>(std::sin(double{x})); }
+    static float value(float x, float /*y*/, float grad) {
+        return -grad * static_cast<float>(elementary::sin(double{x}));
+    }
 };
 
 ElementKernel real_grad_kernel(operations::Unary operation) {

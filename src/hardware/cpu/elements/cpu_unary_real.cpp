@@ -24,17 +24,17 @@ ORNIK_OPERATIONS_HERE(ORNIK_UNARY_FUNCTION)
 template <>
 struct BeyondLimit<sin_function, float> {
     static constexpr bool needed = true;
-    static float value(float x) { return static_cast<float>(std::sin(double{x})); }
+    static float value(float x) { return static_cast<float>(elementary::sin(double{x})); }
 };
 template <>
 struct BeyondLimit<cos_function, float> {
     static constexpr bool needed = true;
-    static float value(float x) { return static_cast<float>(std::cos(double{x})); }
+    static float value(float x) { return static_cast<float>(elementary::cos(double{x})); }
 };
 template <>
 struct BeyondLimit<tan_function, float> {
     static constexpr bool needed = true;
-    static float value(float x) { return static_cast<float>(std::tan(double{x})); }
+    static float value(float x) { return static_cast<float>(elementary::tan(double{x})); }
 };
 
 ElementKernel real_kernel(operations::Unary operation) {

@@ -1,14 +1,13 @@
 // real_functions.h: every operation on one or two floating numbers. Included by row kernels only.
 //
-// Single precision runs the vectorisable code of elementary.h; double precision runs it for exp, log and
-// what they carry, and the standard library's functions elsewhere.
+// Single precision runs the vectorisable code of elementary.h, double precision that of elementary_double.h, too.
 #pragma once
 
 #include <concepts>
 #include <limits>
 #include <type_traits>
 
-#include "hardware/cpu/elements/elementary.h"
+#include "hardware/cpu/elements/elementary_double.h"
 
 namespace ornik::real_functions {
 
@@ -21,19 +20,19 @@ ORNIK_IN_PLACE double exp(double x) { return elementary::exp(x); }
 ORNIK_IN_PLACE float exp2(float x) {
     return static_cast<float>(elementary::exp(elementary::clamped<double>(x, -1000, 1000) * 0.69314718055994531));
 }
-ORNIK_IN_PLACE double exp2(double x) { return std::exp2(x); }
+ORNIK_IN_PLACE double exp2(double x) { return elementary::exp2(x); }
 ORNIK_IN_PLACE float expm1(float x) {
     return std::copysign(static_cast<float>(elementary::expm1_moderate(elementary::clamped<double>(x, -100, 100))), x);
 }
-ORNIK_IN_PLACE double expm1(double x) { return std::expm1(x); }
+ORNIK_IN_PLACE double expm1(double x) { return elementary::expm1(x); }
 ORNIK_IN_PLACE float log(float x) { return elementary::log(x); }
 ORNIK_IN_PLACE double log(double x) { return elementary::log(x); }
 ORNIK_IN_PLACE float log2(float x) { return static_cast<float>(elementary::log(double{x}) * 1.4426950408889634); }
-ORNIK_IN_PLACE double log2(double x) { return std::log2(x); }
+ORNIK_IN_PLACE double log2(double x) { return elementary::log2(x); }
 ORNIK_IN_PLACE float log10(float x) { return static_cast<float>(elementary::log(double{x}) * 0.43429448190325183); }
-ORNIK_IN_PLACE double log10(double x) { return std::log10(x); }
+ORNIK_IN_PLACE double log10(double x) { return elementary::log10(x); }
 ORNIK_IN_PLACE float log1p(float x) { return std::copysign(static_cast<float>(elementary::log1p(x)), x); }
-ORNIK_IN_PLACE double log1p(double x) { return std::log1p(x); }
+ORNIK_IN_PLACE double log1p(double x) { return elementary::log1p_exact(x); }
 
 // ---- Powers ----
 
@@ -51,40 +50,40 @@ ORNIK_IN_PLACE T reciprocal(T x) {
 // ---- Circular and hyperbolic functions ----
 
 ORNIK_IN_PLACE float sin(float x) { return elementary::sin(x); }
-ORNIK_IN_PLACE double sin(double x) { return std::sin(x); }
+ORNIK_IN_PLACE double sin(double x) { return elementary::sin(x); }
 ORNIK_IN_PLACE float cos(float x) { return elementary::cos(x); }
-ORNIK_IN_PLACE double cos(double x) { return std::cos(x); }
+ORNIK_IN_PLACE double cos(double x) { return elementary::cos(x); }
 ORNIK_IN_PLACE float tan(float x) { return elementary::tan(x); }
-ORNIK_IN_PLACE double tan(double x) { return std::tan(x); }
+ORNIK_IN_PLACE double tan(double x) { return elementary::tan(x); }
 
 ORNIK_IN_PLACE float asin(float x) {
     const double d = x;
     return static_cast<float>(elementary::atan_approx(d / std::sqrt((1.0 - d) * (1.0 + d))));
 }
-ORNIK_IN_PLACE double asin(double x) { return std::asin(x); }
+ORNIK_IN_PLACE double asin(double x) { return elementary::asin(x); }
 ORNIK_IN_PLACE float acos(float x) {
     const double d = x;
     return static_cast<float>(2.0 * elementary::atan_approx(std::sqrt((1.0 - d) / (1.0 + d))));
 }
-ORNIK_IN_PLACE double acos(double x) { return std::acos(x); }
+ORNIK_IN_PLACE double acos(double x) { return elementary::acos(x); }
 ORNIK_IN_PLACE float atan(float x) { return static_cast<float>(elementary::atan_approx(x)); }
-ORNIK_IN_PLACE double atan(double x) { return std::atan(x); }
+ORNIK_IN_PLACE double atan(double x) { return elementary::atan(x); }
 
 ORNIK_IN_PLACE float sinh(float x) {
     const double e = elementary::expm1_moderate(elementary::clamped<double>(std::fabs(x), 0, 100));
     return std::copysign(static_cast<float>(0.5 * (e + e / (e + 1.0))), x);
 }
-ORNIK_IN_PLACE double sinh(double x) { return std::sinh(x); }
+ORNIK_IN_PLACE double sinh(double x) { return elementary::sinh(x); }
 ORNIK_IN_PLACE float cosh(float x) {
     const double e = elementary::exp(elementary::clamped<double>(x, -100, 100));
     return static_cast<float>(0.5 * (e + 1.0 / e));
 }
-ORNIK_IN_PLACE double cosh(double x) { return std::cosh(x); }
+ORNIK_IN_PLACE double cosh(double x) { return elementary::cosh(x); }
 ORNIK_IN_PLACE float tanh(float x) {
     const float e = elementary::expm1_moderate(-2.0F * elementary::clamped(std::fabs(x), 0.0F, 40.0F));
     return std::copysign(e / (2.0F + e), x);
 }
-ORNIK_IN_PLACE double tanh(double x) { return std::tanh(x); }
+ORNIK_IN_PLACE double tanh(double x) { return elementary::tanh(x); }
 
 ORNIK_IN_PLACE float asinh(float x) {
     const double a = std::fabs(double{x});
@@ -92,17 +91,17 @@ ORNIK_IN_PLACE float asinh(float x) {
     const double growth = a + square / (1.0 + std::sqrt(square + 1.0));
     return static_cast<float>(std::copysign(elementary::log1p(a < HUGE_VAL ? growth : a), double{x}));
 }
-ORNIK_IN_PLACE double asinh(double x) { return std::asinh(x); }
+ORNIK_IN_PLACE double asinh(double x) { return elementary::asinh(x); }
 ORNIK_IN_PLACE float acosh(float x) {
     const double t = double{x} - 1.0;
     return static_cast<float>(elementary::log1p(t + std::sqrt(t < 0.0 ? t : t * (t + 2.0))));
 }
-ORNIK_IN_PLACE double acosh(double x) { return std::acosh(x); }
+ORNIK_IN_PLACE double acosh(double x) { return elementary::acosh(x); }
 ORNIK_IN_PLACE float atanh(float x) {
     const double a = std::fabs(double{x});
     return static_cast<float>(std::copysign(0.5 * elementary::log1p(2.0 * a / (1.0 - a)), double{x}));
 }
-ORNIK_IN_PLACE double atanh(double x) { return std::atanh(x); }
+ORNIK_IN_PLACE double atanh(double x) { return elementary::atanh(x); }
 
 // ---- Functions of neural networks ----
 
@@ -116,7 +115,7 @@ ORNIK_IN_PLACE float softplus(float x) {
     const double e = elementary::exp(-std::fabs(double{x}));
     return static_cast<float>((x < 0.0F ? 0.0 : double{x}) + elementary::log1p(e));
 }
-ORNIK_IN_PLACE double softplus(double x) { return (x < 0.0 ? 0.0 : x) + std::log1p(exp(-std::fabs(x))); }
+ORNIK_IN_PLACE double softplus(double x) { return (x < 0.0 ? 0.0 : x) + elementary::log1p_exact(exp(-std::fabs(x))); }
 template <std::floating_point T>
 ORNIK_IN_PLACE T logsigmoid(T x) {
     return -softplus(-x);
@@ -153,7 +152,7 @@ inline double gelu(double x) {
     const double z = d * -root_half;
     const double rest = fused(d, -root_half, -z) - d * root_half_rest;
     const double steep = d < -1.0 ? rest * (z + std::sqrt(z * z + 1.2732395447351628)) : 0.0;
-    const double tail = std::erfc(z);
+    const double tail = elementary::erfc(z);
     return 0.5 * d * (tail - tail * steep);
 }
 /// Derivative of silu; its clamped argument keeps infinities from meeting zeros.
@@ -172,10 +171,10 @@ ORNIK_IN_PLACE float gelu_slope(float x) {
 }
 ORNIK_IN_PLACE double gelu_slope(double x) {
     const double d = elementary::clamped(x, -50.0, 50.0);
-    return 0.5 * std::erfc(d * -0.70710678118654752) + 0.39894228040143268 * d * exp(-0.5 * d * d);
+    return 0.5 * elementary::erfc(d * -0.70710678118654752) + 0.39894228040143268 * d * exp(-0.5 * d * d);
 }
 ORNIK_IN_PLACE float erf(float x) { return elementary::erf(x); }
-ORNIK_IN_PLACE double erf(double x) { return std::erf(x); }
+ORNIK_IN_PLACE double erf(double x) { return elementary::erf(x); }
 
 // ---- Signs, parts and tests ----
 
@@ -251,11 +250,11 @@ ORNIK_IN_PLACE bool logical_not(T x) {
 
 template <std::floating_point T>
 ORNIK_IN_PLACE T pow(T x, T y) {
-    return std::pow(x, y);
+    return static_cast<T>(elementary::pow(double{x}, double{y}));
 }
 template <std::floating_point T>
 ORNIK_IN_PLACE T atan2(T y, T x) {
-    return std::atan2(y, x);
+    return static_cast<T>(elementary::atan2(double{y}, double{x}));
 }
 template <std::floating_point T>
 ORNIK_IN_PLACE T fmod(T x, T y) {

@@ -20,6 +20,13 @@ struct select_function {
     }
 };
 
+double magnitude(double x) { return std::fabs(x); }
+double magnitude(Wide x) { return complex_functions::wide_functions::abs(x); }
+double power(double x, double y) { return elementary::pow(x, y); }
+Wide power(Wide x, Wide y) { return complex_functions::wide_functions::pow(x, y); }
+double logarithm(double x) { return elementary::log(x); }
+Wide logarithm(Wide x) { return complex_functions::wide_functions::log(x); }
+
 double as_wide(double x) { return x; }
 template <typename T>
 Wide as_wide(Own<T> z) {
@@ -46,8 +53,7 @@ struct pow_dx_grad {
         const auto exponent = as_wide(b);
         using W = std::remove_cv_t<decltype(base)>;
         // A power 0 is flat even at 0, where the formula has no value.
-        return exponent == W(0) ? T(0)
-                                : narrow_to<T>(as_wide(grad) * conj_of(exponent * std::pow(base, exponent - W(1))));
+        return exponent == W(0) ? T(0) : narrow_to<T>(as_wide(grad) * conj_of(exponent * power(base, exponent - W(1))));
     }
 };
 struct pow_dy_grad {
@@ -59,7 +65,7 @@ struct pow_dy_grad {
         // Powers of 0 stay 0 around a positive exponent.
         return base == W(0) && std::real(exponent) >= 0
                    ? T(0)
-                   : narrow_to<T>(as_wide(grad) * conj_of(std::pow(base, exponent) * std::log(base)));
+                   : narrow_to<T>(as_wide(grad) * conj_of(power(base, exponent) * logarithm(base)));
     }
 };
 struct atan2_dx_grad {
@@ -181,9 +187,9 @@ void is_close(const Tensor* a, const Tensor* b, double relative, double absolute
             if constexpr (is_complex_element<T> || std::is_floating_point_v<T>) {
                 const bool x_nan = !(x == x);
                 const bool y_nan = !(y == y);
-                const double scale = std::abs(as_wide(y));
+                const double scale = magnitude(as_wide(y));
                 return x == y || (equal_nan && x_nan && y_nan) ||
-                       (scale < HUGE_VAL && std::abs(as_wide(x) - as_wide(y)) <= absolute + relative * scale);
+                       (scale < HUGE_VAL && magnitude(as_wide(x) - as_wide(y)) <= absolute + relative * scale);
             } else {
                 const auto wide_y = static_cast<double>(y);
                 return x == y || std::abs(static_cast<double>(x) - wide_y) <= absolute + relative * std::abs(wide_y);

@@ -11,6 +11,7 @@
 #include "conv_transpose.h"
 #include "conv_weight_blocks.h"
 #include "cpu_conv_kernels.h"
+#include "hardware/cpu/vector_chain.h"
 #include "hardware/parallel.h"
 
 namespace ornik::device::cpu {
@@ -106,24 +107,35 @@ class GroupWeight {
         }
         using V = vec::Vector<T>;
         const T* places[Taps];
-        V sums[Taps];
         ORNIK_UNROLLED
         for (int t = 0; t < Taps; ++t) {
             places[t] = values + taps[t] * lanes;
-            sums[t] = V{};
         }
-        for (const std::int64_t step : steps) {
-            const V gradient = vec::load<V>(gradients);
-            gradients += lanes;
+        vec::run_chains<T>([&](auto arithmetic) ORNIK_EXPANDED {
+            typename decltype(arithmetic)::Sum sums[Taps];
             ORNIK_UNROLLED
             for (int t = 0; t < Taps; ++t) {
-                sums[t] = vec::fused(gradient, vec::load<V>(places[t] + step), sums[t]);
+                sums[t] = arithmetic.from(V{});
             }
-        }
-        ORNIK_UNROLLED
-        for (int t = 0; t < Taps; ++t) {
-            vec::store(first ? sums[t] : vec::load<V>(out + t * lanes) + sums[t], out + t * lanes);
-        }
+            const T* row = gradients;
+            for (const std::int64_t step : steps) {
+                const auto gradient = arithmetic.weight(vec::load<V>(row));
+                row += lanes;
+                ORNIK_UNROLLED
+                for (int t = 0; t < Taps; ++t) {
+                    arithmetic.add(gradient, arithmetic.factor(vec::load<V>(places[t] + step)), sums[t]);
+                }
+            }
+            if (!arithmetic.vouches_for(sums)) {
+                return false;
+            }
+            ORNIK_UNROLLED
+            for (int t = 0; t < Taps; ++t) {
+                const V sum = arithmetic.value(sums[t]);
+                vec::store(first ? sum : vec::load<V>(out + t * lanes) + sum, out + t * lanes);
+            }
+            return true;
+        });
     }
 
     const ConvGeometry& geometry_;

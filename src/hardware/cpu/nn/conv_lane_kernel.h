@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <utility>
 
-#include "hardware/cpu/vector_types.h"
+#include "hardware/cpu/vector_chain.h"
 
 namespace ornik::device::cpu {
 namespace {
@@ -36,42 +36,50 @@ template <typename T, int Vectors, int Positions>
 [[gnu::noinline]] void lane_chain(const LaneChain<T>& in) {
     using V = vec::Vector<T>;
     constexpr int width = Vectors * lane_width<T>;
-    V sums[Vectors][Positions];
-    ORNIK_UNROLLED
-    for (int v = 0; v < Vectors; ++v) {
-        ORNIK_UNROLLED
-        for (int q = 0; q < Positions; ++q) {
-            sums[v][q] = V{};
-        }
-    }
-    const T* weights = in.weights;
-    const T* const slots = in.slots;
-    const std::int64_t* const end = in.offsets + in.steps;
-    for (const std::int64_t* offset = in.offsets; offset < end; ++offset, weights += width) {
-        const T* values = slots + *offset;
-        V weight[Vectors];
+    vec::run_chains<T>([&](auto steps) ORNIK_EXPANDED {
+        using Steps = decltype(steps);
+        typename Steps::Sum sums[Vectors][Positions];
         ORNIK_UNROLLED
         for (int v = 0; v < Vectors; ++v) {
-            weight[v] = vec::load<V>(weights + v * lane_width<T>);
-        }
-        ORNIK_UNROLLED
-        for (int q = 0; q < Positions; ++q) {
-            const V value = vec::broadcast<V>(values[q]);
             ORNIK_UNROLLED
-            for (int v = 0; v < Vectors; ++v) {
-                sums[v][q] = vec::fused(value, weight[v], sums[v][q]);
+            for (int q = 0; q < Positions; ++q) {
+                sums[v][q] = steps.from(V{});
             }
         }
-    }
-    T* const out = in.out;
-    ORNIK_UNROLLED
-    for (int q = 0; q < Positions; ++q) {
-        ORNIK_UNROLLED
-        for (int v = 0; v < Vectors; ++v) {
-            T* to = out + q * in.out_stride + v * lane_width<T>;
-            vec::store(in.first ? sums[v][q] : vec::load<V>(to) + sums[v][q], to);
+        const T* weights = in.weights;
+        const T* const slots = in.slots;
+        const std::int64_t* const end = in.offsets + in.steps;
+        for (const std::int64_t* offset = in.offsets; offset < end; ++offset, weights += width) {
+            const T* values = slots + *offset;
+            typename Steps::Factor weight[Vectors];
+            ORNIK_UNROLLED
+            for (int v = 0; v < Vectors; ++v) {
+                weight[v] = steps.factor(vec::load<V>(weights + v * lane_width<T>));
+            }
+            ORNIK_UNROLLED
+            for (int q = 0; q < Positions; ++q) {
+                const auto value = steps.weight(values[q]);
+                ORNIK_UNROLLED
+                for (int v = 0; v < Vectors; ++v) {
+                    steps.add(value, weight[v], sums[v][q]);
+                }
+            }
         }
-    }
+        if (!steps.vouches_for(sums)) {
+            return false;
+        }
+        T* const out = in.out;
+        ORNIK_UNROLLED
+        for (int q = 0; q < Positions; ++q) {
+            ORNIK_UNROLLED
+            for (int v = 0; v < Vectors; ++v) {
+                T* to = out + q * in.out_stride + v * lane_width<T>;
+                const V sum = steps.value(sums[v][q]);
+                vec::store(in.first ? sum : vec::load<V>(to) + sum, to);
+            }
+        }
+        return true;
+    });
 }
 
 template <typename T>

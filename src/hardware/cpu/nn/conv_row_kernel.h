@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <utility>
 
-#include "hardware/cpu/vector_types.h"
+#include "hardware/cpu/vector_chain.h"
 
 namespace ornik::device::cpu {
 namespace {
@@ -41,43 +41,51 @@ template <typename T, int Targets, int Vectors>
 [[gnu::noinline]] void row_chain(const RowChain<T>& in) {
     using V = vec::Vector<T>;
     constexpr int width = vec::lanes<T>;
-    V sums[Targets][Vectors];
-    ORNIK_UNROLLED
-    for (int o = 0; o < Targets; ++o) {
-        ORNIK_UNROLLED
-        for (int v = 0; v < Vectors; ++v) {
-            sums[o][v] = V{};
-        }
-    }
-    const T* const slots = in.slots;
-    const T* weights = in.weights;
-    const std::int64_t weight_step = in.weight_step;
-    const std::int64_t weight_stride = in.weight_stride;
-    const std::int64_t* const end = in.offsets + in.steps;
-    for (const std::int64_t* offset = in.offsets; offset < end; ++offset, weights += weight_step) {
-        V values[Vectors];
-        ORNIK_UNROLLED
-        for (int v = 0; v < Vectors; ++v) {
-            values[v] = vec::load<V>(slots + *offset + v * width);
-        }
+    vec::run_chains<T>([&](auto steps) ORNIK_EXPANDED {
+        using Steps = decltype(steps);
+        typename Steps::Sum sums[Targets][Vectors];
         ORNIK_UNROLLED
         for (int o = 0; o < Targets; ++o) {
-            const V weight = vec::broadcast<V>(weights[o * weight_stride]);
             ORNIK_UNROLLED
             for (int v = 0; v < Vectors; ++v) {
-                sums[o][v] = vec::fused(weight, values[v], sums[o][v]);
+                sums[o][v] = steps.from(V{});
             }
         }
-    }
-    const bool first = in.first;
-    ORNIK_UNROLLED
-    for (int o = 0; o < Targets; ++o) {
-        ORNIK_UNROLLED
-        for (int v = 0; v < Vectors; ++v) {
-            T* to = in.out + o * in.out_stride + v * width;
-            vec::store(first ? sums[o][v] : vec::load<V>(to) + sums[o][v], to);
+        const T* const slots = in.slots;
+        const T* weights = in.weights;
+        const std::int64_t weight_step = in.weight_step;
+        const std::int64_t weight_stride = in.weight_stride;
+        const std::int64_t* const end = in.offsets + in.steps;
+        for (const std::int64_t* offset = in.offsets; offset < end; ++offset, weights += weight_step) {
+            typename Steps::Factor values[Vectors];
+            ORNIK_UNROLLED
+            for (int v = 0; v < Vectors; ++v) {
+                values[v] = steps.factor(vec::load<V>(slots + *offset + v * width));
+            }
+            ORNIK_UNROLLED
+            for (int o = 0; o < Targets; ++o) {
+                const auto weight = steps.weight(weights[o * weight_stride]);
+                ORNIK_UNROLLED
+                for (int v = 0; v < Vectors; ++v) {
+                    steps.add(weight, values[v], sums[o][v]);
+                }
+            }
         }
-    }
+        if (!steps.vouches_for(sums)) {
+            return false;
+        }
+        const bool first = in.first;
+        ORNIK_UNROLLED
+        for (int o = 0; o < Targets; ++o) {
+            ORNIK_UNROLLED
+            for (int v = 0; v < Vectors; ++v) {
+                T* to = in.out + o * in.out_stride + v * width;
+                const V sum = steps.value(sums[o][v]);
+                vec::store(first ? sum : vec::load<V>(to) + sum, to);
+            }
+        }
+        return true;
+    });
 }
 
 template <typename T>

@@ -3,9 +3,9 @@
 
 #include <cmath>
 
+#include "../elements/real_functions.h"
 #include "descriptors/tensoriterator.h"
 #include "hardware/cpu/dispatch.h"
-#include "hardware/cpu/elements/elementary.h"
 #include "loss_sums.h"
 
 namespace ornik::device::cpu {
@@ -87,13 +87,17 @@ template <typename T>
 struct BinaryCrossEntropy : Plain {
     static constexpr std::int64_t chunk = chunk_logarithms;
     static T log_or_least(T logarithm) { return std::max(logarithm, static_cast<T>(least_logarithm)); }
-    T value(T p, T t) const { return (t - T(1)) * log_or_least(std::log1p(-p)) - t * log_or_least(std::log(p)); }
+    T value(T p, T t) const {
+        return (t - T(1)) * log_or_least(real_functions::log1p(-p)) - t * log_or_least(real_functions::log(p));
+    }
     // The two quotients apart: with p near 0 and t = 0, say, the one that is left is harmless.
     T by_prediction(T p, T t) const {
         const auto least = static_cast<T>(least_divisor);
         return (T(1) - t) / std::max(T(1) - p, least) - t / std::max(p, least);
     }
-    T by_target(T p, T /*t*/) const { return log_or_least(std::log1p(-p)) - log_or_least(std::log(p)); }
+    T by_target(T p, T /*t*/) const {
+        return log_or_least(real_functions::log1p(-p)) - log_or_least(real_functions::log(p));
+    }
 };
 
 // (1 - t) x + (1 + (w - 1) t) softplus(-x)
@@ -101,7 +105,7 @@ template <typename T>
 struct BinaryCrossEntropyWithLogits : Plain {
     static constexpr std::int64_t chunk = chunk_logarithms;
     static constexpr bool weighted = true;
-    static T softplus(T x) { return std::max(x, T(0)) + std::log1p(elementary::exp(-std::abs(x))); }
+    static T softplus(T x) { return std::max(x, T(0)) + real_functions::log1p(elementary::exp(-std::abs(x))); }
     T value(T x, T t, T w) const { return (T(1) - t) * x + (T(1) + (w - T(1)) * t) * softplus(-x); }
     T by_prediction(T x, T t, T w) const {
         return (T(1) - t) - (T(1) + (w - T(1)) * t) * (T(1) / (T(1) + elementary::exp(x)));
@@ -112,9 +116,9 @@ struct BinaryCrossEntropyWithLogits : Plain {
 template <typename T>
 struct KlDivergence : Plain {
     static constexpr std::int64_t chunk = chunk_logarithms;
-    T value(T x, T t) const { return t == T(0) ? T(0) : t * (std::log(t) - x); }
+    T value(T x, T t) const { return t == T(0) ? T(0) : t * (real_functions::log(t) - x); }
     T by_prediction(T /*x*/, T t) const { return -t; }
-    T by_target(T x, T t) const { return t == T(0) ? T(0) : std::log(t) + T(1) - x; }
+    T by_target(T x, T t) const { return t == T(0) ? T(0) : real_functions::log(t) + T(1) - x; }
 };
 
 template <typename T>

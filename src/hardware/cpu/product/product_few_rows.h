@@ -157,15 +157,16 @@ void multiply_streaming(const Factors<T>& f) {
     });
 }
 
-// The chains of a vector of columns through a block of depth: columns of B are rows in memory.
-template <typename T>
-ORNIK_EXPAND void add_square(const Strided<T>& a, const T* const* columns, std::int64_t k, Vector<T>& chain) {
+// The chains of a vector of columns through as many steps: columns of B are rows in memory.
+template <typename Steps, typename T>
+ORNIK_EXPAND void add_square(Steps& steps, const Strided<T>& a, const T* const* columns, std::int64_t k,
+                             typename Steps::Sum& chain) {
     constexpr int width = lanes<T>;
     Vector<T> square[width];
     ORNIK_UNROLLED for (int i = 0; i < width; ++i) { square[i] = load<Vector<T>>(columns[i] + k); }
     vec::transpose_square(square);
     ORNIK_UNROLLED for (int i = 0; i < width; ++i) {
-        chain = fused(vec::broadcast<Vector<T>>(a.data[(k + i) * a.col]), square[i], chain);
+        steps.add(steps.weight(a.data[(k + i) * a.col]), steps.factor(square[i]), chain);
     }
 }
 
@@ -186,27 +187,34 @@ void multiply_turned_row(const Factors<T>& f) {
             }
             for (std::int64_t block = 0; block < f.depth; block += block_depth) {
                 const std::int64_t block_end = std::min(block + block_depth, f.depth);
-                V chains[together] = {};
-                std::int64_t k = block;
-                for (; k + width <= block_end; k += width) {
-                    for (int t = 0; t < together; ++t) {
-                        add_square(f.a, columns + t * width, k, chains[t]);
-                    }
-                }
-                for (; k < block_end; ++k) {
-                    T step[together * width];
-                    for (int i = 0; i < together * width; ++i) {
-                        step[i] = columns[i][k];
-                    }
-                    for (int t = 0; t < together; ++t) {
-                        chains[t] =
-                            fused(vec::broadcast<V>(f.a.data[k * f.a.col]), load<V>(step + t * width), chains[t]);
-                    }
-                }
                 T sums[together * width];
-                for (int t = 0; t < together; ++t) {
-                    vec::store(chains[t], sums + t * width);
-                }
+                vec::run_chains<T>([&](auto steps) ORNIK_EXPANDED {
+                    typename decltype(steps)::Sum chains[together];
+                    std::fill_n(chains, together, steps.from(V{}));
+                    std::int64_t k = block;
+                    for (; k + width <= block_end; k += width) {
+                        for (int t = 0; t < together; ++t) {
+                            add_square(steps, f.a, columns + t * width, k, chains[t]);
+                        }
+                    }
+                    for (; k < block_end; ++k) {
+                        T step[together * width];
+                        for (int i = 0; i < together * width; ++i) {
+                            step[i] = columns[i][k];
+                        }
+                        for (int t = 0; t < together; ++t) {
+                            steps.add(steps.weight(f.a.data[k * f.a.col]), steps.factor(load<V>(step + t * width)),
+                                      chains[t]);
+                        }
+                    }
+                    if (!steps.vouches_for(chains)) {
+                        return false;
+                    }
+                    for (int t = 0; t < together; ++t) {
+                        vec::store(steps.value(chains[t]), sums + t * width);
+                    }
+                    return true;
+                });
                 copy_sums(sums, 0, 1, cols, TileTarget<T>{f.c + col, 0}, f.end(block));
             }
             f.finish(0, 1, col, cols);

@@ -11,7 +11,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "hardware/cpu/vector_types.h"
+#include "hardware/cpu/vector_chain.h"
 
 namespace ornik::device::cpu {
 
@@ -92,6 +92,11 @@ ORNIK_EXPAND V zipped(V a, V b, std::size_t first, std::index_sequence<I...> /*l
 #endif
 }
 
+template <typename V, typename R>
+ORNIK_EXPAND void put_sums(const V& sums, TileEnd end, const R* old, R* out) {
+    vec::store(end == TileEnd::add ? load<V>(old) + sums : sums, out);
+}
+
 /// Rows x Vectors of a tile; complex sums interleaved as std::complex. `Swapped`: A holds the
 /// right factor's elements, which decides the order of a complex product's terms. `Packed`: a_row is 1, a_step Rows.
 template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
@@ -102,87 +107,94 @@ template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
     constexpr int parts = TileShape<T>::parts;
     constexpr int across = parts * Vectors;
     constexpr std::int64_t steps_ahead = 16;
-    V sums[Rows][across];
     R* const out = reinterpret_cast<R*>(to.out);
     const std::int64_t out_row = to.out_row * parts;
     const R* const old = reinterpret_cast<const R*>(to.old);
     const std::int64_t old_row = to.old_row * parts;
-    if (parts == 1 && end == TileEnd::resume) {
-        ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
-            ORNIK_UNROLLED for (int v = 0; v < across; ++v) { sums[i][v] = load<V>(old + i * old_row + v * width); }
-        }
-    } else {
-        ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
-            ORNIK_UNROLLED for (int v = 0; v < across; ++v) { sums[i][v] = V{}; }
-        }
-    }
-    // Three rows share an address.
-    constexpr int groups = Packed ? 1 : (Rows + 2) / 3;
-    const char* a[groups];
-    const std::int64_t row = in.a_row * static_cast<std::int64_t>(sizeof(T));
-    const std::int64_t step = in.a_step * static_cast<std::int64_t>(sizeof(T));
-    ORNIK_UNROLLED for (int g = 0; g < groups; ++g) { a[g] = reinterpret_cast<const char*>(in.a) + 3 * g * row; }
-    const R* b = in.b;
-    // The places of the sums come near one row after the other: all at once they would hold up the operands.
-    const std::int64_t stretch = in.depth / (Rows + Rows / 2) + 1;
-    std::int64_t left = in.depth;
-    for (int row_ahead = end == TileEnd::resume ? Rows : 0; left > 0; ++row_ahead) {
-        std::int64_t steps = left;
-        if (row_ahead < Rows) {
-            steps = std::min(stretch, left);
-            vec::prefetch_for_writing(out + row_ahead * out_row);
-            vec::prefetch_for_writing(out + row_ahead * out_row + across * width - 1);
-            if (in.ahead != nullptr) {
-                in.ahead->fetch();
-            }
-        }
-        left -= steps;
-        for (; steps > 0; --steps) {
-            V x[across];
-            // Panels go on where hardware looks no further: on the next page.
-            ORNIK_UNROLLED for (std::size_t at = 0; at < sizeof(x); at += 64) {
-                vec::prefetch(reinterpret_cast<const char*>(b + steps_ahead * in.b_step) + at);
-            }
-            ORNIK_UNROLLED for (int v = 0; v < across; ++v) { x[v] = load<V>(b + v * width); }
+    vec::run_chains<R>([&](auto way) ORNIK_EXPANDED {
+        using Way = decltype(way);
+        typename Way::Sum sums[Rows][across];
+        if (parts == 1 && end == TileEnd::resume) {
             ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
-                const R* y = reinterpret_cast<const R*>(Packed ? a[0] + i * static_cast<std::int64_t>(sizeof(T))
-                                                               : a[i / 3 % groups] + i % 3 * row);
-                const V re = vec::broadcast<V>(y[0]);
-                if constexpr (parts == 1) {
-                    ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) { sums[i][v] = fused(re, x[v], sums[i][v]); }
-                } else {
-                    const V im = vec::broadcast<V>(y[1]);
-                    ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
-                        V& sum_re = sums[i][v];
-                        V& sum_im = sums[i][Vectors + v];
-                        const V x_re = x[v];
-                        const V x_im = x[Vectors + v];
-                        sum_re = vec::fused_minus(im, x_im, fused(re, x_re, sum_re));
-                        sum_im = Swapped ? fused(re, x_im, fused(im, x_re, sum_im))
-                                         : fused(im, x_re, fused(re, x_im, sum_im));
-                    }
+                ORNIK_UNROLLED for (int v = 0; v < across; ++v) {
+                    sums[i][v] = way.from(load<V>(old + i * old_row + v * width));
                 }
             }
-            ORNIK_UNROLLED for (int g = 0; g < groups; ++g) { a[g] += Packed ? Rows * sizeof(T) : step; }
-            b += in.b_step;
-        }
-    }
-    ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
-        R* at = out + i * out_row;
-        const R* from = old + i * old_row;
-        const auto put = [end, at, from](const V& sum, int v) {
-            vec::store(end == TileEnd::add ? load<V>(from + v * width) + sum : sum, at + v * width);
-        };
-        ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
-            if constexpr (parts == 2) {
-                constexpr std::make_index_sequence<static_cast<std::size_t>(width)> every{};
-                put(zipped(sums[i][v], sums[i][Vectors + v], 0, every), 2 * v);
-                put(zipped(sums[i][v], sums[i][Vectors + v], 1, every), 2 * v + 1);
-            } else {
-                put(sums[i][v], v);
+        } else {
+            ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
+                ORNIK_UNROLLED for (int v = 0; v < across; ++v) { sums[i][v] = way.from(V{}); }
             }
         }
-    }
+        // Three rows share an address.
+        constexpr int groups = Packed ? 1 : (Rows + 2) / 3;
+        const char* a[groups];
+        const std::int64_t row = in.a_row * static_cast<std::int64_t>(sizeof(T));
+        const std::int64_t step = in.a_step * static_cast<std::int64_t>(sizeof(T));
+        ORNIK_UNROLLED for (int g = 0; g < groups; ++g) { a[g] = reinterpret_cast<const char*>(in.a) + 3 * g * row; }
+        const R* b = in.b;
+        // The places of the sums come near one row after the other: all at once they would hold up the operands.
+        const std::int64_t stretch = in.depth / (Rows + Rows / 2) + 1;
+        std::int64_t left = in.depth;
+        for (int row_ahead = end == TileEnd::resume ? Rows : 0; left > 0; ++row_ahead) {
+            std::int64_t steps = left;
+            if (row_ahead < Rows) {
+                steps = std::min(stretch, left);
+                vec::prefetch_for_writing(out + row_ahead * out_row);
+                vec::prefetch_for_writing(out + row_ahead * out_row + across * width - 1);
+                if (in.ahead != nullptr) {
+                    in.ahead->fetch();
+                }
+            }
+            left -= steps;
+            for (; steps > 0; --steps) {
+                typename Way::Factor x[across];
+                // Panels go on where hardware looks no further: on the next page.
+                ORNIK_UNROLLED for (std::size_t at = 0; at < sizeof(V[across]); at += 64) {
+                    vec::prefetch(reinterpret_cast<const char*>(b + steps_ahead * in.b_step) + at);
+                }
+                ORNIK_UNROLLED for (int v = 0; v < across; ++v) { x[v] = way.factor(load<V>(b + v * width)); }
+                ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
+                    const R* y = reinterpret_cast<const R*>(Packed ? a[0] + i * static_cast<std::int64_t>(sizeof(T))
+                                                                   : a[i / 3 % groups] + i % 3 * row);
+                    const auto re = way.weight(y[0]);
+                    if constexpr (parts == 1) {
+                        ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) { way.add(re, x[v], sums[i][v]); }
+                    } else {
+                        const auto im = way.weight(y[1]);
+                        ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
+                            const auto& x_re = x[v];
+                            const auto& x_im = x[Vectors + v];
+                            way.add(re, x_re, sums[i][v]);
+                            way.subtract(im, x_im, sums[i][v]);
+                            way.add(Swapped ? im : re, Swapped ? x_re : x_im, sums[i][Vectors + v]);
+                            way.add(Swapped ? re : im, Swapped ? x_im : x_re, sums[i][Vectors + v]);
+                        }
+                    }
+                }
+                ORNIK_UNROLLED for (int g = 0; g < groups; ++g) { a[g] += Packed ? Rows * sizeof(T) : step; }
+                b += in.b_step;
+            }
+        }
+        if (!way.vouches_for(sums)) {
+            return false;
+        }
+        ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
+            R* at = out + i * out_row;
+            const R* from = old + i * old_row;
+            ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
+                if constexpr (parts == 2) {
+                    constexpr std::make_index_sequence<static_cast<std::size_t>(width)> every{};
+                    const V re = way.value(sums[i][v]);
+                    const V im = way.value(sums[i][Vectors + v]);
+                    put_sums(zipped(re, im, 0, every), end, from + 2 * v * width, at + 2 * v * width);
+                    put_sums(zipped(re, im, 1, every), end, from + (2 * v + 1) * width, at + (2 * v + 1) * width);
+                } else {
+                    put_sums(way.value(sums[i][v]), end, from + v * width, at + v * width);
+                }
+            }
+        }
+        return true;
+    });
 }
 
 template <typename T>

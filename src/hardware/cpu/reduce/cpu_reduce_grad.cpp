@@ -7,6 +7,7 @@
 #include "descriptors/tensoriterator.h"
 #include "hardware/cpu/dispatch.h"
 #include "hardware/cpu/elements/element_math.h"
+#include "hardware/cpu/elements/elementary_double.h"
 
 namespace ornik::device::cpu {
 
@@ -66,7 +67,7 @@ void log_sum_exp_grad(const Tensor* g, const Tensor* x, const Tensor* y, Tensor*
     const MultiTensorIterationHelper elements = elements_of({g, x, y}, out);
     dispatch(FloatTypes{}, out->Dtype(), [&]<typename T>() {
         elements.run<TypeList<T>, TypeList<T, T, T>>([](T gradient, T value, T log_sum) {
-            return gradient * std::exp(log_sum == -std::numeric_limits<T>::infinity() ? value : value - log_sum);
+            return gradient * elementary::exp(log_sum == -std::numeric_limits<T>::infinity() ? value : value - log_sum);
         });
     });
 }
