@@ -29,6 +29,7 @@ constexpr const char* short_list[] = {"elements/a",
                                       "sums/decompositions",
                                       "gradients/a",
                                       "calls/a",
+                                      "training/perceptron",
                                       "training/recurrent"};
 
 std::vector<Row> all_rows() {

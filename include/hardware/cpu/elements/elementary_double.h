@@ -477,6 +477,9 @@ ORNIK_IN_PLACE double erf_near(double x) {
 }
 inline double erf(double x) {
     const double a = std::fabs(x);
+    if (a < 0x1p-500) {
+        return x * 0x1.20dd750429b6dp+0;  // Further parts may be too small for a number.
+    }
     return std::copysign(a >= 1.0 ? 1.0 - erfc_far(a) : erf_near(a), x);
 }
 inline double erfc(double x) {

@@ -28,8 +28,9 @@ Own<T> narrow(Wide z) {
 
 namespace wide_functions {
 
-// Finite numbers by formulas of parts (W. Kahan, Branch cuts for complex elementary functions, 1987), the others as the
-// standard library has them: zeros, infinities, NaN and angles.
+// Finite numbers by formulas of parts (W. Kahan, Branch cuts for complex elementary functions, 1987), the others as
+// appendix G of the C standard has them: zeros, infinities, NaN and angles, which systems agree on where the standard
+// library's are called.
 inline bool is_finite(Wide z) { return std::isfinite(z.real()) && std::isfinite(z.imag()); }
 inline Wide times_i(Wide z) { return {-z.imag(), z.real()}; }
 inline Wide over_i(Wide z) { return {z.imag(), -z.real()}; }
@@ -55,9 +56,49 @@ inline Wide quotient(Wide a, Wide b) {
     return {re, im};
 }
 
+inline Wide special_exp(double x, double y) {
+    if (y == 0.0) {
+        return {x < 0.0 ? 0.0 : x, y};
+    }
+    if (std::isinf(x)) {
+        const double size = x < 0.0 ? 0.0 : x;
+        if (std::isfinite(y)) {
+            return {std::copysign(size, elementary::cos(y)), std::copysign(size, elementary::sin(y))};
+        }
+        return {size, x < 0.0 ? std::copysign(0.0, y) : NAN};
+    }
+    return {NAN, NAN};
+}
+inline Wide special_sinh(double x, double y) {
+    if (std::isinf(x) && std::isfinite(y) && y != 0.0) {
+        return {x * std::copysign(1.0, elementary::cos(y)), std::copysign(HUGE_VAL, elementary::sin(y))};
+    }
+    if (y == 0.0) {
+        return {x, y};
+    }
+    return {std::isinf(x) ? HUGE_VAL : (x == 0.0 ? x : NAN), NAN};
+}
+inline Wide special_cosh(double x, double y) {
+    if (std::isinf(x) && std::isfinite(y) && y != 0.0) {
+        return {std::copysign(HUGE_VAL, elementary::cos(y)),
+                std::copysign(HUGE_VAL, elementary::sin(y)) * std::copysign(1.0, x)};
+    }
+    if (y == 0.0) {
+        return {std::fabs(x), x != x ? y : y * std::copysign(1.0, x)};
+    }
+    return {std::isinf(x) ? HUGE_VAL : NAN, x == 0.0 ? 0.0 : NAN};
+}
+inline Wide special_tanh(double x, double y) {
+    if (std::isinf(x)) {
+        const bool turned = std::isfinite(y) && std::fabs(y) > 1.0;
+        return {std::copysign(1.0, x), std::copysign(0.0, turned ? elementary::sin(y) * elementary::cos(y) : y)};
+    }
+    return y == 0.0 ? Wide(x, y) : Wide(x == 0.0 ? x : NAN, NAN);
+}
+
 inline Wide exp(Wide z) {
     if (!is_finite(z)) {
-        return std::exp(z);
+        return special_exp(z.real(), z.imag());
     }
     // Twice the root, where the power alone would overflow.
     const double root = elementary::exp(0.5 * z.real());
@@ -124,7 +165,7 @@ inline Wide rsqrt(Wide z) { return quotient(1.0, sqrt(z)); }
 inline Wide reciprocal(Wide z) { return quotient(1.0, z); }
 inline Wide sinh(Wide z) {
     if (!is_finite(z)) {
-        return std::sinh(z);
+        return special_sinh(z.real(), z.imag());
     }
     const double x = z.real();
     const double y = z.imag();
@@ -139,7 +180,7 @@ inline Wide sinh(Wide z) {
 }
 inline Wide cosh(Wide z) {
     if (!is_finite(z)) {
-        return std::cosh(z);
+        return special_cosh(z.real(), z.imag());
     }
     const double x = z.real();
     const double y = z.imag();
@@ -152,7 +193,7 @@ inline Wide cosh(Wide z) {
 }
 inline Wide tanh(Wide z) {
     if (!is_finite(z)) {
-        return std::tanh(z);
+        return special_tanh(z.real(), z.imag());
     }
     const double x = z.real();
     const double y = z.imag();
@@ -166,9 +207,12 @@ inline Wide tanh(Wide z) {
     const double below = 1.0 + beta * s * s;
     return {beta * std::sqrt(1.0 + s * s) * s / below, t / below};
 }
-inline Wide sin(Wide z) { return is_finite(z) ? over_i(sinh(times_i(z))) : std::sin(z); }
-inline Wide cos(Wide z) { return is_finite(z) ? cosh(times_i(z)) : std::cos(z); }
-inline Wide tan(Wide z) { return is_finite(z) ? over_i(tanh(times_i(z))) : std::tan(z); }
+inline Wide sin(Wide z) {
+    const bool boundless = !std::isfinite(z.real()) && std::isinf(z.imag());  // What sign it is to have is not said.
+    return boundless ? Wide(NAN, HUGE_VAL) : over_i(sinh(times_i(z)));
+}
+inline Wide cos(Wide z) { return cosh(times_i(z)); }
+inline Wide tan(Wide z) { return over_i(tanh(times_i(z))); }
 inline Wide asin(Wide z) {
     if (!is_finite(z)) {
         return std::asin(z);
@@ -189,7 +233,8 @@ inline Wide acos(Wide z) {
 }
 inline Wide acosh(Wide z) {
     if (!is_finite(z)) {
-        return std::acosh(z);
+        const Wide angle = std::acos(z);
+        return {std::fabs(angle.imag()), std::copysign(angle.real(), z.imag())};
     }
     const Wide below = sqrt(Wide(z.real() - 1.0, z.imag()));
     const Wide above = sqrt(Wide(z.real() + 1.0, z.imag()));
