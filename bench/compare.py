@@ -17,7 +17,7 @@ import re
 import subprocess
 import sys
 
-PROGRAMS = ("bench_ornik", "bench_peer", "bench_machine")
+PROGRAMS = ("bench_ornik", "bench_peer", "bench_onednn", "bench_machine")
 
 
 def run_once(program, options):
@@ -81,12 +81,15 @@ def rate(own, machine):
 
 
 def table(best):
-    own, peer, machine = (best.get(name, {}) for name in PROGRAMS)
-    lines = [("row", "ornik", "peer", "peer/ornik", "direct", "rating")]
+    own, peer, onednn, machine = (best.get(name, {}) for name in PROGRAMS)
+    peers = {"peer": peer, "oneDNN": onednn} if onednn else {"peer": peer}
+    heads = [column for name in peers for column in (name, f"{name}/ornik")]
+    lines = [("row", "ornik", *heads, "direct", "rating")]
     for name in list(own) + [row for row in peer if row not in own]:
-        columns = [name]
-        columns += [in_units(rows[name][0]) if name in rows else "-" for rows in (own, peer)]
-        columns.append(f"{peer[name][0] / own[name][0]:.2f}" if name in own and name in peer else "-")
+        columns = [name, in_units(own[name][0]) if name in own else "-"]
+        for rows in peers.values():
+            columns.append(in_units(rows[name][0]) if name in rows else "-")
+            columns.append(f"{rows[name][0] / own[name][0]:.2f}" if name in own and name in rows else "-")
         columns.append(in_units(machine[name][0]) if name in machine else "-")
         columns.append(rate(own[name], machine) if name in own else "")
         lines.append(tuple(columns))

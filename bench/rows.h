@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace bench {
 
@@ -31,6 +32,7 @@ inline constexpr Product products[] = {
 inline constexpr std::int64_t class_sizes[][2] = {{128, 10}, {4096, 1000}, {64, 50'000}};  // rows x classes
 
 inline std::string by(const std::int64_t (&size)[2]) { return std::to_string(size[0]) + "x" + std::to_string(size[1]); }
+inline std::vector<std::int64_t> shape_of(const std::int64_t (&size)[2]) { return {size[0], size[1]}; }
 
 struct Batch {
     const char* name;
@@ -109,6 +111,8 @@ struct Attention {
     std::int64_t batch, heads, length, width;
     bool causal;
     bool wide;  // float64
+    std::vector<std::int64_t> shape() const { return {batch, heads, length, width}; }
+    std::int64_t flops() const { return 4 * batch * heads * length * length * width / (causal ? 2 : 1); }
 };
 inline constexpr Attention attentions[] = {
     {"1x12x128x64", 1, 12, 128, 64, false, false},       {"8x12x128x64", 8, 12, 128, 64, false, false},

@@ -9,5 +9,6 @@ int main(int argc, char** argv) {
     bench::recording_rows();
     bench::training_rows();
     bench::inference_rows();
+    bench::prepared_rows();
     return bench::run(argc, argv);
 }

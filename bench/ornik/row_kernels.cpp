@@ -48,8 +48,8 @@ void function_rows() {
 
 void softmax_rows() {
     for (const auto& size : bench::softmax_sizes) {
-        const TensorPtr x = centred({size[0], size[1]});
-        const TensorPtr g = shuffled({size[0], size[1]});
+        const TensorPtr x = centred(bench::shape_of(size));
+        const TensorPtr g = shuffled(bench::shape_of(size));
         const std::int64_t bytes = 8 * x->Size();
         struct Function {
             const char* name;
@@ -70,8 +70,8 @@ void softmax_rows() {
 
 void layer_norm_rows() {
     for (const auto& size : bench::norm_sizes) {
-        const TensorPtr x = centred({size[0], size[1]});
-        const TensorPtr g = shuffled({size[0], size[1]});
+        const TensorPtr x = centred(bench::shape_of(size));
+        const TensorPtr g = shuffled(bench::shape_of(size));
         const TensorPtr gamma = shuffled({size[1]});
         const TensorPtr beta = shuffled({size[1]});
         const std::shared_ptr<ornik::Layer> layer(ornik::_LayerNormalization(true, 1e-5F, ""));
@@ -96,16 +96,15 @@ void layer_norm_rows() {
 void attention_rows() {
     for (const bench::Attention& a : bench::attentions) {
         const auto heads = [&] {
-            const TensorPtr t = centred({a.batch, a.heads, a.length, a.width});
+            const TensorPtr t = centred(a.shape());
             return KTensor(std::unique_ptr<Tensor>(a.wide ? t->astype(dtype::float64) : t->clone()));
         };
         const KTensor q = heads(), k = heads(), v = heads();
         const auto attend = [causal = a.causal](const KTensor& x, const KTensor& y, const KTensor& z) {
             return scaled_dot_product_attention(x, y, z, {.causal = causal});
         };
-        const std::int64_t flops = 4 * a.batch * a.heads * a.length * a.length * a.width / (a.causal ? 2 : 1);
         bench::row(
-            "rows/attention/" + std::string(a.name), [=] { attend(q, k, v); }, 0, flops);
+            "rows/attention/" + std::string(a.name), [=] { attend(q, k, v); }, 0, a.flops());
         std::vector<KTensor> leaves;
         for (const KTensor& t : {q, k, v}) {
             leaves.push_back(t.clone().requires_grad());
@@ -113,7 +112,7 @@ void attention_rows() {
         const KTensor seed = KTensor::ones_like(q);
         bench::row(
             "rows/attention_training/" + std::string(a.name),
-            [=] { grad({attend(leaves[0], leaves[1], leaves[2])}, leaves, {seed}); }, 0, 3 * flops);
+            [=] { grad({attend(leaves[0], leaves[1], leaves[2])}, leaves, {seed}); }, 0, 3 * a.flops());
     }
 }
 

@@ -37,5 +37,6 @@ void kernel_rows();
 void recording_rows();
 void training_rows();
 void inference_rows();
+void prepared_rows();
 
 }  // namespace bench

@@ -34,8 +34,8 @@ void function_rows() {
 
 void softmax_rows() {
     for (const auto& size : bench::softmax_sizes) {
-        const at::Tensor x = centred({size[0], size[1]});
-        const at::Tensor g = shuffled({size[0], size[1]});
+        const at::Tensor x = centred(bench::shape_of(size));
+        const at::Tensor g = shuffled(bench::shape_of(size));
         const at::Tensor y = at::softmax(x, 1);
         const at::Tensor z = at::log_softmax(x, 1);
         const std::string by = "/" + bench::by(size);
@@ -48,8 +48,8 @@ void softmax_rows() {
 
 void layer_norm_rows() {
     for (const auto& size : bench::norm_sizes) {
-        const at::Tensor x = centred({size[0], size[1]});
-        const at::Tensor g = shuffled({size[0], size[1]});
+        const at::Tensor x = centred(bench::shape_of(size));
+        const at::Tensor g = shuffled(bench::shape_of(size));
         const at::Tensor gamma = shuffled({size[1]});
         const at::Tensor beta = shuffled({size[1]});
         const std::vector<std::int64_t> inner{size[1]};
@@ -64,9 +64,7 @@ void layer_norm_rows() {
 
 void attention_rows() {
     for (const bench::Attention& a : bench::attentions) {
-        const auto heads = [&] {
-            return centred({a.batch, a.heads, a.length, a.width}).to(a.wide ? at::kDouble : at::kFloat);
-        };
+        const auto heads = [&] { return centred(a.shape()).to(a.wide ? at::kDouble : at::kFloat); };
         const at::Tensor q = heads(), k = heads(), v = heads();
         const auto attend = [causal = a.causal](const at::Tensor& x, const at::Tensor& y, const at::Tensor& z) {
             return at::scaled_dot_product_attention(x, y, z, {}, 0.0, causal);

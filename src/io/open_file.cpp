@@ -27,13 +27,13 @@ namespace {
 
 [[maybe_unused]] FileBytes read_whole(const FilePlace& place, const std::filesystem::path& path, LoadMode mode) {
     std::error_code error;
-    const bool regular = std::filesystem::is_regular_file(path, error);
-    const std::uintmax_t size = error ? 0 : std::filesystem::file_size(path, error);
+    const std::filesystem::file_status status = std::filesystem::status(path, error);
+    if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
+        refuse_special(place);
+    }
+    const std::uintmax_t size = std::filesystem::file_size(path, error);
     if (error) {
         fail_with(place, error);
-    }
-    if (!regular) {
-        refuse_special(place);
     }
     const Buffer buffer = make_buffer(static_cast<std::size_t>(size));
     std::ifstream file(path, std::ios::binary);

@@ -71,6 +71,9 @@ TEST(PreparedLayers, ConvolutionsHaveTheBitsOfTheSequence) {
         {{1, 32, 15, 6}, {64, 16, 2, 3}, {.dilation = {3, 2}, .groups = 2}},
         {{2, 5, 40}, {7, 5, 4}, {.stride = {3, 1}, .padding = {{{2, 1}, {0, 0}}}}},
         {{2, 33, 19}, {32, 33, 5}, {}},
+        {{2, 300, 24, 25}, {18, 300, 1, 1}, {}},
+        {{1, 24, 23, 23}, {8, 12, 1, 1}, {.groups = 2}},
+        {{2, 8, 9, 6}, {16, 1, 5, 2}, {.padding = {{{3, 2}, {1, 0}}}, .dilation = {2, 1}, .groups = 8}},
         {{2, 16, 5, 6}, {16, 9, 4, 3}, {.stride = {2, 2}, .padding = {{{1, 1}, {1, 0}}}, .transposed = true}},
     };
     for (const std::int64_t type : dtypes) {

@@ -345,8 +345,18 @@ ORNIK_IN_PLACE float selected(std::uint32_t bits, float a, float b) {
     return std::bit_cast<float>((std::bit_cast<std::uint32_t>(a) & bits) | (std::bit_cast<std::uint32_t>(b) & ~bits));
 }
 
-/// The normal distribution function at x. Nearer to 0 than 3 it is 1/2 + x near; beyond, `tail` is what is missing to
-/// 1, or to 0 on the other side, and nothing from 5.5 on.
+/// (F(x) - 1/2) / x of the normal distribution function F, for x nearer to 0 than the limit.
+inline constexpr float normal_near_limit = 3.0F;
+ORNIK_IN_PLACE float normal_near(float x) {
+    const float z = x * x;
+    // 2^-28 of the distribution up to 1, 2^-26 up to 3. The common factor is one whose rounded products do best.
+    const float above = polynomial(z, 1.24609947F, 0.0601129271F, 0.00976137072F, -2.29170764e-05F, 1.47722926e-06F);
+    const float below = polynomial(z, 3.12350798F, 0.671267331F, 0.0582534708F, 0.00217139255F);
+    return above / below;
+}
+
+/// The normal distribution function at x. Nearer to 0 than the limit it is 1/2 + x near; beyond, `tail` is what is
+/// missing to 1, or to 0 on the other side, and nothing from 5.5 on.
 struct NormalParts {
     std::uint32_t far;  ///< as bits
     float near;
@@ -354,16 +364,12 @@ struct NormalParts {
 };
 ORNIK_IN_PLACE NormalParts normal_parts(float x) {
     const float a = std::fabs(x);
-    const float z = x * x;
-    // 2^-28 of the distribution up to 1, 2^-26 up to 3. The common factor is one whose rounded products do best.
-    const float above = polynomial(z, 1.24609947F, 0.0601129271F, 0.00976137072F, -2.29170764e-05F, 1.47722926e-06F);
-    const float below = polynomial(z, 3.12350798F, 0.671267331F, 0.0582534708F, 0.00217139255F);
     const float t = a - 4.0F;
     const float beyond =
         polynomial(t, 3.167571335e-5F, -0.000133893114F, 0.0002675305209F, -0.0003339059821F,  // 2^-26
                    0.0002904067506F, -0.0001838246734F, 8.249885903e-5F, -2.319020016e-5F, 2.981397941e-6F);
     const float positive = beyond < 0.0F ? 0.0F : beyond;
-    return {bits_if(a >= 3.0F), above / below, selected(bits_if(a < 5.5F), positive, 0.0F)};
+    return {bits_if(a >= normal_near_limit), normal_near(x), selected(bits_if(a < 5.5F), positive, 0.0F)};
 }
 
 }  // namespace ornik::elementary

@@ -45,7 +45,11 @@ struct ProductEnds {
     const void* residual = nullptr;  // [rows, cols], of one matrix, its rows residual_row elements apart
     std::int64_t residual_row = 0;
     void (*row)(void* elements, std::int64_t count) = nullptr;
+    const void* row_bias = nullptr;  // [rows], instead of bias
 };
+
+/// Steps of a chain.
+inline constexpr std::int64_t product_block = 256;
 
 /// C overlaps neither operand, nor do its matrices each other. Integers wrap in their own type; bool is the or of ands.
 /// Floating sums are chains of fused multiply-adds

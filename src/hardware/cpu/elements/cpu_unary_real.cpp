@@ -37,6 +37,13 @@ struct BeyondLimit<tan_function, float> {
     static float value(float x) { return static_cast<float>(elementary::tan(double{x})); }
 };
 
+template <>
+struct NearZero<gelu_function, float> {
+    static constexpr bool differs = true;
+    static constexpr float limit = real_functions::gelu_near_limit;
+    ORNIK_IN_PLACE static float value(float x) { return real_functions::gelu_near(x); }
+};
+
 ElementKernel real_kernel(operations::Unary operation) {
     switch (operation) {
 #define ORNIK_CASE(name, ...)     \

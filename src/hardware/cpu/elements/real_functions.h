@@ -143,6 +143,9 @@ ORNIK_IN_PLACE float gelu(float x) {
     const float value = fused(selected(far, -a, x * x), selected(far, tail, near), selected(far, positive, 0.5F * x));
     return std::copysign(value, x);
 }
+inline constexpr float gelu_near_limit = elementary::normal_near_limit;
+/// The same of an x nearer to 0.
+ORNIK_IN_PLACE float gelu_near(float x) { return std::copysign(fused(x * x, elementary::normal_near(x), 0.5F * x), x); }
 inline double gelu(double x) {
     const double d = elementary::clamped(x, -50.0, HUGE_VAL);
     // erfc falls so steeply that the rounding of its argument z shows: put it right by the logarithmic slope,

@@ -1,6 +1,8 @@
 // row_kernels.h: from a function object on elements to a kernel over whole operands.
 #pragma once
 
+#include <algorithm>
+
 #include "hardware/cpu/dispatch.h"
 #include "hardware/cpu/elements/cpu_elements.h"
 #include "hardware/cpu/elements/elementary.h"
@@ -14,12 +16,48 @@ struct BeyondLimit {
     static constexpr bool needed = false;
 };
 
+/// Function objects that are simpler nearer to 0 than a limit specialise this with the limit and a function `value` of
+/// the same bits.
+template <typename Function, typename T>
+struct NearZero {
+    static constexpr bool differs = false;
+};
+
+/// out[i] = Function()(in[i]), by the simpler function for blocks that lie near 0.
+template <typename Function, typename T>
+void run_by_nearness(std::int64_t n, T* out, const T* in) {
+    constexpr std::int64_t block = 128;
+    const Function function{};
+    for (std::int64_t first = 0; first < n; first += block, in += block, out += block) {
+        const std::int64_t count = std::min(block, n - first);
+        int any = 0;
+        for (std::int64_t i = 0; i < count; ++i) {
+            any |= static_cast<int>(std::fabs(in[i]) >= NearZero<Function, T>::limit);
+        }
+        if (any != 0) {
+            ORNIK_INDEPENDENT_ITERATIONS
+            for (std::int64_t i = 0; i < count; ++i) {
+                out[i] = function(in[i]);
+            }
+        } else {
+            ORNIK_INDEPENDENT_ITERATIONS
+            for (std::int64_t i = 0; i < count; ++i) {
+                out[i] = NearZero<Function, T>::value(in[i]);
+            }
+        }
+    }
+}
+
 /// out[i] = Function()(in[i]...). Function's call operator has to be ORNIK_IN_PLACE.
 template <typename Function, typename Out, typename First, typename... Rest>
 void run_function_rows(const MultiTensorIterationHelper& elements) {
     using Beyond = BeyondLimit<Function, First>;
     elements.run_rows<TypeList<Out>, TypeList<First, Rest...>>([](std::int64_t n, Out* out, const First* first,
                                                                   const Rest*... rest) {
+        if constexpr (NearZero<Function, First>::differs) {
+            run_by_nearness<Function>(n, out, first, rest...);
+            return;
+        }
         const Function function{};
         if constexpr (Beyond::needed) {
             const auto beyond = [](First x) { return std::fabs(x) > elementary::circular_limit; };

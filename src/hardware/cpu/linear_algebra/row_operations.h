@@ -338,17 +338,17 @@ void divide_row(RealOf<T> a, std::int64_t n, T* x) {
     });
 }
 
-/// The sum of x y, or of conj(x) y.
-template <typename T>
-T dot(Conjugated conjugated, const T* x, const T* y, std::int64_t n) {
+namespace detail {
+
+// The sum of x y, or of conj(x) y: pair_at.operator()<V>(i) gives vectors V of both at the reals from i on, the last
+// `count` of them as 16 bytes by part_at(i, count).
+template <typename T, typename PairAt, typename PartAt>
+ORNIK_EXPAND T sum_of_products(std::int64_t reals, bool conjugated, const PairAt& pair_at, const PartAt& part_at) {
     using R = RealOf<T>;
     using V = vec::Vector<R>;
-    using Sums = detail::LaneSums<T>;
+    using Sums = LaneSums<T>;
     constexpr int width = vec::lanes<R>;
     constexpr int vectors = static_cast<int>(Sums::count) / width;
-    const R* a = parts_of(x);
-    const R* b = parts_of(y);
-    const std::int64_t reals = n * parts_in<T>;
     Sums lanes;
     std::int64_t i = 0;
     if (reals >= Sums::count) {
@@ -356,11 +356,10 @@ T dot(Conjugated conjugated, const T* x, const T* y, std::int64_t n) {
         V crossed[vectors] = {};
         for (; i + Sums::count <= reals; i += Sums::count) {
             for (int v = 0; v < vectors; ++v) {
-                const V p = vec::load<V>(a + i + v * width);
-                const V q = vec::load<V>(b + i + v * width);
-                straight[v] += p * q;
+                const std::pair<V, V> both = pair_at.template operator()<V>(i + v * width);
+                straight[v] += both.first * both.second;
                 if constexpr (is_complex_scalar<T>) {
-                    crossed[v] += p * detail::pairs_swapped(q, detail::LanesOf<V, R>{});
+                    crossed[v] += both.first * pairs_swapped(both.second, LanesOf<V, R>{});
                 }
             }
         }
@@ -372,14 +371,30 @@ T dot(Conjugated conjugated, const T* x, const T* y, std::int64_t n) {
         }
     }
     const std::int64_t rest = reals - i;
-    const std::int64_t done = detail::for_wide_vectors<R>(0, rest, [&]<typename W>(std::int64_t lane) {
-        lanes.template add<W>(vec::load<W>(a + i + lane), vec::load<W>(b + i + lane), lane);
+    const std::int64_t done = for_wide_vectors<R>(0, rest, [&]<typename W>(std::int64_t lane) {
+        const std::pair<W, W> both = pair_at.template operator()<W>(i + lane);
+        lanes.template add<W>(both.first, both.second, lane);
     });
     if (done < rest) {
-        lanes.template add<vec::Vector<R, 16>>(detail::load_part(a + i + done, rest - done),
-                                               detail::load_part(b + i + done, rest - done), done);
+        const auto both = part_at(i + done, rest - done);
+        lanes.template add<vec::Vector<R, 16>>(both.first, both.second, done);
     }
-    return lanes.sum(reals, conjugated == Conjugated::yes);
+    return lanes.sum(reals, conjugated);
+}
+
+}  // namespace detail
+
+/// The sum of x y, or of conj(x) y.
+template <typename T>
+T dot(Conjugated conjugated, const T* x, const T* y, std::int64_t n) {
+    return detail::sum_of_products<T>(
+        n * parts_in<T>, conjugated == Conjugated::yes,
+        [=]<typename V>(std::int64_t i) {
+            return std::pair<V, V>(vec::load<V>(parts_of(x) + i), vec::load<V>(parts_of(y) + i));
+        },
+        [=](std::int64_t i, std::int64_t count) {
+            return std::pair(detail::load_part(parts_of(x) + i, count), detail::load_part(parts_of(y) + i, count));
+        });
 }
 
 /// |x|^2
@@ -398,69 +413,35 @@ RealOf<T> square_sum(const T* x, std::int64_t n) {
 template <typename T, bool Accumulate>
 T update_and_multiply(std::int64_t n, T c0, const T* x0, T c1, const T* x1, T* row, const T* v, T f = T(0),
                       T* p = nullptr) {
-    using R = RealOf<T>;
-    using V = vec::Vector<R>;
-    using Sums = detail::LaneSums<T>;
+    using detail::load_part;
     using detail::Scale;
-    constexpr int width = vec::lanes<R>;
-    constexpr int vectors = static_cast<int>(Sums::count) / width;
-    const std::int64_t reals = n * parts_in<T>;
-    const auto update = [&]<typename W>(const Scale<T, W>& s0, const Scale<T, W>& s1, std::int64_t i) {
-        const W updated = s1.add(vec::load<W>(parts_of(x1) + i),
-                                 s0.add(vec::load<W>(parts_of(x0) + i), vec::load<W>(parts_of(row) + i)));
-        vec::store(updated, parts_of(row) + i);
-        return updated;
+    using detail::store_part;
+    const auto updated = [=]<typename W>(const W& old, const W& at0, const W& at1) {
+        return W(Scale<T, W>(c1).add(at1, Scale<T, W>(c0).add(at0, old)));
     };
-    const auto accumulate = [&]<typename W>(const Scale<T, W>& sf, W updated, std::int64_t i) {
-        if constexpr (Accumulate) {
-            vec::store(sf.add(updated, vec::load<W>(parts_of(p) + i)), parts_of(p) + i);
-        }
+    const auto accumulated = [=]<typename W>(const W& old, const W& sum) {
+        return W(Scale<T, W>(f, true).add(sum, old));
     };
-    Sums lanes;
-    std::int64_t i = 0;
-    if (reals >= Sums::count) {
-        const Scale<T, V> s0(c0);
-        const Scale<T, V> s1(c1);
-        const Scale<T, V> sf(f, true);
-        V straight[vectors] = {};
-        V crossed[vectors] = {};
-        for (; i + Sums::count <= reals; i += Sums::count) {
-            for (int k = 0; k < vectors; ++k) {
-                const V updated = update(s0, s1, i + k * width);
-                accumulate(sf, updated, i + k * width);
-                const V with = vec::load<V>(parts_of(v) + i + k * width);
-                straight[k] += updated * with;
-                if constexpr (is_complex_scalar<T>) {
-                    crossed[k] += updated * detail::pairs_swapped(with, detail::LanesOf<V, R>{});
-                }
+    return detail::sum_of_products<T>(
+        n * parts_in<T>, false,
+        [=]<typename W>(std::int64_t i) {
+            const auto at = [i](const T* from) { return vec::load<W>(parts_of(from) + i); };
+            const W sum = updated(at(row), at(x0), at(x1));
+            vec::store(sum, parts_of(row) + i);
+            if constexpr (Accumulate) {
+                vec::store(accumulated(at(p), sum), parts_of(p) + i);
             }
-        }
-        for (int k = 0; k < vectors; ++k) {
-            vec::store(straight[k], lanes.straight + k * width);
-            if constexpr (is_complex_scalar<T>) {
-                vec::store(crossed[k], lanes.crossed + k * width);
+            return std::pair<W, W>(sum, at(v));
+        },
+        [=](std::int64_t i, std::int64_t count) {
+            const auto at = [=](const T* from) { return load_part(parts_of(from) + i, count); };
+            const auto sum = updated(at(row), at(x0), at(x1));
+            store_part(sum, count, parts_of(row) + i);
+            if constexpr (Accumulate) {
+                store_part(accumulated(at(p), sum), count, parts_of(p) + i);
             }
-        }
-    }
-    const std::int64_t rest = reals - i;
-    const std::int64_t done = detail::for_wide_vectors<R>(0, rest, [&]<typename W>(std::int64_t lane) {
-        const W updated = update(Scale<T, W>(c0), Scale<T, W>(c1), i + lane);
-        accumulate(Scale<T, W>(f, true), updated, i + lane);
-        lanes.template add<W>(updated, vec::load<W>(parts_of(v) + i + lane), lane);
-    });
-    if (done < rest) {
-        using W = vec::Vector<R, 16>;
-        const std::int64_t at = i + done;
-        const std::int64_t count = rest - done;
-        const auto load = [=](const T* from) { return detail::load_part(parts_of(from) + at, count); };
-        const W updated = Scale<T, W>(c1).add(load(x1), Scale<T, W>(c0).add(load(x0), load(row)));
-        detail::store_part(updated, count, parts_of(row) + at);
-        if constexpr (Accumulate) {
-            detail::store_part(Scale<T, W>(f, true).add(updated, load(p)), count, parts_of(p) + at);
-        }
-        lanes.template add<W>(updated, load(v), done);
-    }
-    return lanes.sum(reals, false);
+            return std::pair(sum, at(v));
+        });
 }
 
 /// What of a matrix is meant: all, or one triangle with the diagonal.

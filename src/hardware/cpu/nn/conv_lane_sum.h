@@ -10,6 +10,7 @@
 #include <memory>
 #include <vector>
 
+#include "conv_ends.h"
 #include "conv_lane_kernel.h"
 #include "conv_lane_weights.h"
 #include "conv_order.h"
@@ -225,18 +226,20 @@ class LaneSum {
         T* to = in_place_ ? target + tile.row * pass.cols.positions + tile.col
                           : workspace.local.get() + size().local - most_written() * lane_width<T>;
         const std::int64_t stride = in_place_ ? plane : count;
-        if (ends_.bias == nullptr) {
-            turn_columns(from, width, count, channels, to, stride, [](const auto& v, std::int64_t) { return v; });
-        } else {
-            const T* bias = ends_.bias + part % sum_.groups * sum_.target_channels + channel;
-            turn_columns(from, width, count, channels, to, stride,
-                         [bias](const auto& v, std::int64_t c) { return v + bias[c]; });
-        }
+        const T none[lane_width<T>] = {};
+        const T* bias = ends_.bias == nullptr ? none : ends_.bias + part % sum_.groups * sum_.target_channels + channel;
+        // Elsewhere only the bias is near.
+        const ConvEnds<T> now = in_place_ ? ends_ : ConvEnds<T>{ends_.bias};
+        const std::int64_t first = in_place_ ? to - target_ : 0;
+        turn_columns(from, width, count, channels, to, stride, [&](const auto& v, std::int64_t c, std::int64_t k) {
+            return ended(now, v, bias[c], first + c * stride + k);
+        });
         for (std::int64_t c = 0; c < channels && !in_place_; ++c) {
             write_positions(pass, tile, to + c * stride, target + c * plane);
         }
-        for (std::int64_t c = 0; c < channels && in_place_ && ends_.finishes(); ++c) {
-            ends_.finish(target_, to + c * stride - target_, count);
+        for (std::int64_t c = 0; c < channels && in_place_ && ends_.row != nullptr && ends_.clip == ConvClip::none;
+             ++c) {
+            ends_.row(to + c * stride, count);
         }
     }
 

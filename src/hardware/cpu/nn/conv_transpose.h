@@ -42,7 +42,7 @@ void turn_rows(const T* from, const std::int64_t* rows, std::int64_t count, std:
     }
 }
 
-/// to[i * stride + k] = change(from[k * pitch + i], i) for i < count, at most a vector, and k < length. Reads whole
+/// to[i * stride + k] = change(from[k * pitch + i], i, k) for i < count, at most a vector, and k < length. Reads whole
 /// vectors.
 template <typename T, typename Change>
 void turn_columns(const T* from, std::int64_t pitch, std::int64_t length, std::int64_t count, T* to,
@@ -52,7 +52,7 @@ void turn_columns(const T* from, std::int64_t pitch, std::int64_t length, std::i
     if (length < width) {
         for (std::int64_t i = 0; i < count; ++i) {
             for (std::int64_t k = 0; k < length; ++k) {
-                to[i * stride + k] = change(from[k * pitch + i], i);
+                to[i * stride + k] = change(from[k * pitch + i], i, k);
             }
         }
         return;
@@ -65,7 +65,7 @@ void turn_columns(const T* from, std::int64_t pitch, std::int64_t length, std::i
         }
         vec::transpose_square(square);
         for (std::int64_t i = 0; i < count; ++i) {
-            vec::store(change(square[i], i), to + i * stride + place);
+            vec::store(change(square[i], i, place), to + i * stride + place);
         }
     }
 }

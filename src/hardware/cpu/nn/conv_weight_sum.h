@@ -252,7 +252,8 @@ class WeightSum {
         } else {
             for (std::int64_t i = 0; i < count; i += lane_width<T>) {
                 turn_columns(total + i, width, rows(), std::min<std::int64_t>(lane_width<T>, count - i),
-                             weight + place(group, lane + i, 0), rows(), [](const auto& v, std::int64_t) { return v; });
+                             weight + place(group, lane + i, 0), rows(),
+                             [](const auto& v, std::int64_t, std::int64_t) { return v; });
             }
         }
     }

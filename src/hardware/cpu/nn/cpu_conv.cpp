@@ -85,7 +85,10 @@ ConvSum grid_sum(const ConvGeometry& geometry, bool conjugate) {
 template <typename T>
 ConvEnds<T> ends_of(const ConvTail& tail, std::int64_t dtype) {
     const bool any = tail.activation != RowEnd::none;
-    return {data<T>(tail.bias), data<T>(tail.residual), any ? row_end(dtype, tail.activation) : nullptr};
+    const ConvClip clip = tail.activation == RowEnd::relu    ? ConvClip::relu
+                          : tail.activation == RowEnd::relu6 ? ConvClip::relu6
+                                                             : ConvClip::none;
+    return {data<T>(tail.bias), data<T>(tail.residual), any ? row_end(dtype, tail.activation) : nullptr, clip};
 }
 
 }  // namespace
@@ -113,8 +116,10 @@ FixedConvWeight::FixedConvWeight(const ConvGeometry& geometry, const Tensor* wei
     const ConvSum sum = grid_sum(geometry, false);
     with_compute_type(weight, [&]<typename T>() {
         const std::int64_t size = laid_out_size<T>(sum);
-        if (size == 0) {
+        if (size == 0 || sum.kernel_elements == 1) {  // Products of large planes take it as it is.
             plain_.reset(weight->clone());
+        }
+        if (size == 0) {
             return;
         }
         laid_ = std::make_unique<Laid>(size * static_cast<std::int64_t>(sizeof(T)));
@@ -138,7 +143,7 @@ void FixedConvWeight::to_grid(const ConvGeometry& full, const Tensor* image, con
 }
 
 std::int64_t FixedConvWeight::bytes() const {
-    return laid_ ? laid_->bytes : plain_->Size() * dtype_item_size(plain_->Dtype());
+    return (laid_ ? laid_->bytes : 0) + (plain_ ? plain_->Size() * dtype_item_size(plain_->Dtype()) : 0);
 }
 
 void conv_finish(const ConvTail& tail, Tensor* result) {

@@ -25,6 +25,9 @@ struct ConvSum {
     bool conjugate;
 };
 
+/// Activations that kernels apply in registers.
+enum class ConvClip { none, relu, relu6 };
+
 /// What follows the sums of a target: bias, one per channel, is added, then a residual of the target's places, then a
 /// function is applied to rows. Each rounds as it does alone. Null members are left out.
 template <typename T>
@@ -32,6 +35,7 @@ struct ConvEnds {
     const T* bias = nullptr;
     const T* residual = nullptr;
     RowFunction row = nullptr;
+    ConvClip clip = ConvClip::none;  // what row does, if it is one of these
 
     /// What follows the bias, for `count` neighbouring elements of the target from `offset` on.
     void finish(T* target, std::int64_t offset, std::int64_t count) const {

@@ -2,8 +2,10 @@
 // serves all the taps that reach it.
 #include <numeric>
 
+#include "conv_depth_sum.h"
 #include "conv_lane_sum.h"
 #include "conv_row_sum.h"
+#include "hardware/cpu/product/cpu_product.h"
 
 namespace ornik::device::cpu {
 
@@ -44,14 +46,50 @@ std::vector<std::int64_t> all_kernels(const ConvSum& sum) {
     return kernels;
 }
 
+// Planes that are so large that products read them where they are. Their chains are those of conv_order.h where both
+// have blocks of one depth.
+bool is_product(const std::vector<ConvPass>& passes, const ConvSum& sum) {
+    constexpr std::int64_t least_positions = 512;
+    return passes.size() == 1 && passes[0].is_pointwise() && passes[0].fills_target() && sum.kernel_elements == 1 &&
+           passes[0].source_plane() >= least_positions && sum.source_stride == 1 && sum.source_channels > 1 &&
+           sum.target_stride == sum.source_channels && sum.target_channels > 1 &&
+           conv_block_channels(2 * product_block, 1) == product_block;
+}
+
+template <typename T>
+void run_products(const ConvPass& pass, const ConvSum& sum, const T* source, const T* weight, const ConvEnds<T>& ends,
+                  T* target) {
+    const std::int64_t plane = pass.source_plane();
+    ProductPlan plan{};
+    plan.batch = 1;
+    plan.rows = sum.target_channels;
+    plan.cols = plane;
+    plan.depth = sum.source_channels;
+    for (std::int64_t part = 0; part < sum.batch * sum.groups; ++part) {
+        const std::int64_t group = part % sum.groups;
+        const std::int64_t first = part * sum.target_channels * plane;
+        ProductEnds after;
+        after.row_bias = ends.bias == nullptr ? nullptr : ends.bias + group * sum.target_channels;
+        after.residual = ends.residual == nullptr ? nullptr : ends.residual + first;
+        after.residual_row = plane;
+        after.row = ends.row;
+        product(std::is_same_v<T, float> ? dtype::float32 : dtype::float64, plan, weight + group * sum.group_stride,
+                source + part * sum.source_channels * plane, target + first, &after);
+    }
+}
+
 }  // namespace
 
 template <typename T>
 void run_conv_sum(const std::vector<ConvPass>& passes, const ConvSum& sum, const T* source, const T* weight,
                   const T* laid_out, const ConvEnds<T>& ends, T* target) {
     if constexpr (parts<T> == 1) {
-        if (LaneSum<T>::suits(sum)) {
+        if (is_product(passes, sum)) {
+            run_products(passes[0], sum, source, weight, ends, target);
+        } else if (LaneSum<T>::suits(sum)) {
             run_passes<LaneSum<T>>(passes, sum, source, weight, laid_out, ends, target);
+        } else if (DepthSum<T>::suits(passes, sum)) {
+            DepthSum<T>(passes[0], sum, source, weight, ends, target).run();
         } else {
             run_passes<RowSum<T>>(passes, sum, source, weight, nullptr, ends, target);
         }

@@ -10,6 +10,21 @@ namespace ornik::device::cpu {
 namespace {
 
 constexpr std::int64_t exponential_cost = 4;
+constexpr std::int64_t short_row = 4096;  // bytes
+
+// Brings near what mostly follows a short row: hardware has no time to notice. Longer ones it knows by itself.
+void fetch_next_row(const char* input, const char* other, const char* output, std::int64_t bytes) {
+    if (bytes > short_row) {
+        return;
+    }
+    for (std::int64_t at = bytes; at < 2 * bytes; at += 64) {
+        vec::prefetch(input + at);
+        if (other != input) {
+            vec::prefetch(other + at);
+        }
+        vec::prefetch_for_writing(output + at);
+    }
+}
 
 // Runs of `first` (n elements each) with those of the others; row(first, second, out, n). Without `second` the
 // first stands for it.
@@ -28,6 +43,7 @@ void for_each_row(const Tensor* first, const Tensor* second, Tensor* out, int ax
     dispatch(FloatTypes{}, first->Dtype(), [&]<typename T>() {
         runs.for_each(exponential_cost, [&](char* const* run) {
             char* const* others = second != nullptr ? run + 1 : run;
+            fetch_next_row(run[0], others[0], others[1], n * static_cast<std::int64_t>(sizeof(T)));
             row(as<const T>(run[0]), as<const T>(others[0]), as<T>(others[1]), n);
         });
     });

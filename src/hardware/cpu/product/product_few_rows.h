@@ -15,7 +15,7 @@ namespace ornik::device::cpu {
 
 namespace {
 
-constexpr std::int64_t block_depth = 256;
+constexpr std::int64_t block_depth = product_block;
 // Multiplications worth a second thread, and bytes of panels that are laid out at once.
 constexpr std::int64_t grain_work = 1 << 17;
 constexpr std::int64_t panels_bytes = std::int64_t{8} << 20;
@@ -57,6 +57,10 @@ void Factors<T>::finish(std::int64_t row, std::int64_t row_count, std::int64_t c
         T* to = c + i * c_row + col;
         if (bias != nullptr) {
             std::transform(to, to + col_count, bias + col, to, [](T sum, T x) { return sum + x; });
+        }
+        if (ends->row_bias != nullptr) {
+            const T x = static_cast<const T*>(ends->row_bias)[i];
+            std::transform(to, to + col_count, to, [x](T sum) { return sum + x; });
         }
         if (ends->residual != nullptr) {
             const T* from = static_cast<const T*>(ends->residual) + i * ends->residual_row + col;

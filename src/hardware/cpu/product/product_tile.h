@@ -132,6 +132,8 @@ template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
         const std::int64_t step = in.a_step * static_cast<std::int64_t>(sizeof(T));
         ORNIK_UNROLLED for (int g = 0; g < groups; ++g) { a[g] = reinterpret_cast<const char*>(in.a) + 3 * g * row; }
         const R* b = in.b;
+        // Panels go on where hardware looks no further: on the next page. Streams of a few steps it knows better.
+        const std::int64_t ahead = in.depth > steps_ahead ? steps_ahead * in.b_step : 0;
         // The places of the sums come near one row after the other: all at once they would hold up the operands.
         const std::int64_t stretch = in.depth / (Rows + Rows / 2) + 1;
         std::int64_t left = in.depth;
@@ -148,9 +150,8 @@ template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
             left -= steps;
             for (; steps > 0; --steps) {
                 typename Way::Factor x[across];
-                // Panels go on where hardware looks no further: on the next page.
                 ORNIK_UNROLLED for (std::size_t at = 0; at < sizeof(V[across]); at += 64) {
-                    vec::prefetch(reinterpret_cast<const char*>(b + steps_ahead * in.b_step) + at);
+                    vec::prefetch(reinterpret_cast<const char*>(b + ahead) + at);
                 }
                 ORNIK_UNROLLED for (int v = 0; v < across; ++v) { x[v] = way.factor(load<V>(b + v * width)); }
                 ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
