@@ -145,6 +145,77 @@ ORNIK_EXPAND double upper_half(double x) {
     return scaled - (scaled - x);
 }
 
+#if !ORNIK_FUSES
+/// With whole numbers: standard libraries are not to be trusted with std::fma everywhere.
+[[gnu::noinline]] inline double fused_by_digits(double a, double b, double c) {
+    if (!(std::fabs(a) < HUGE_VAL && std::fabs(b) < HUGE_VAL) || a == 0 || b == 0) {
+        return a * b + c;
+    }
+    if (!(std::fabs(c) < HUGE_VAL)) {
+        return c;
+    }
+    __extension__ using Wide = unsigned __int128;
+    struct Number {
+        Wide digits;  // of 53 bits, or 0
+        int exponent;
+    };
+    const auto taken_apart = [](double x) {
+        int exponent = 0;
+        const double digits = std::ldexp(std::frexp(std::fabs(x), &exponent), 53);
+        return Number{static_cast<Wide>(digits), exponent - 53};
+    };
+    const Number x = taken_apart(a);
+    const Number y = taken_apart(b);
+    const Number z = taken_apart(c);
+    // From bit 124 of a product, or bit 125 of a c far above it, down: what is shifted out lies below all that counts.
+    Wide product = (x.digits * y.digits) << 20;
+    Wide added = z.digits;
+    int exponent = x.exponent + y.exponent - 20;
+    const int distance = c == 0 ? 0 : z.exponent - exponent;
+    bool more = false;
+    const auto shifted_right = [&more](Wide digits, int count) {
+        more = count > 127 ? digits != 0 : (digits & ((Wide{1} << count) - 1)) != 0;
+        return count > 127 ? Wide{0} : digits >> count;
+    };
+    if (distance > 73) {
+        added <<= 73;
+        product = shifted_right(product, distance - 73);
+        exponent = z.exponent - 73;
+    } else if (distance >= 0) {
+        added <<= distance;
+    } else {
+        added = shifted_right(added, -distance);
+    }
+    const bool product_negative = std::signbit(a) != std::signbit(b);
+    const bool apart = product_negative != std::signbit(c);
+    const bool smaller = product < added;
+    Wide sum = !apart ? product + added : (smaller ? added - product : product - added);
+    bool negative = apart && smaller ? std::signbit(c) : product_negative;
+    if (apart && more) {
+        --sum;
+    }
+    if (sum == 0 && !more) {
+        return 0;
+    }
+    int length = 0;
+    for (Wide rest = sum; rest != 0; rest >>= 1) {
+        ++length;
+    }
+    const int last = length - 53 + exponent < -1074 ? -1074 : length - 53 + exponent;
+    if (last > exponent) {
+        const int count = last - exponent;
+        const Wide kept = count > 127 ? 0 : sum >> count;
+        const Wide half = count > 127 ? 0 : Wide{1} << (count - 1);
+        const Wide rest = count > 127 ? 0 : sum & ((half << 1) - 1);
+        const bool up = rest > half || (rest == half && half != 0 && (more || (kept & 1) != 0));
+        sum = kept + (up ? 1 : 0);
+        exponent = last;
+    }
+    const double size = std::ldexp(static_cast<double>(static_cast<std::uint64_t>(sum)), exponent);
+    return negative ? -size : size;
+}
+#endif
+
 }  // namespace detail
 
 /// a b + c, rounded once.
@@ -155,7 +226,6 @@ ORNIK_EXPAND float fused(float a, float b, float c) {
     return static_cast<float>(detail::odd_sum(double{a} * double{b}, double{c}));  // The product is exact.
 #endif
 }
-ORNIK_EXPAND double fused(double a, double b, double c) { return std::fma(a, b, c); }
 
 #if defined(__SSE2__) && !ORNIK_FUSES
 namespace detail {
@@ -169,8 +239,8 @@ namespace detail {
 }
 [[gnu::noinline]] inline __m128d fused_carefully(__m128d a, __m128d b, __m128d c) {
     using Lanes = VectorOf<double, 16>::type;
-    return (__m128d)Lanes{std::fma(((Lanes)a)[0], ((Lanes)b)[0], ((Lanes)c)[0]),
-                          std::fma(((Lanes)a)[1], ((Lanes)b)[1], ((Lanes)c)[1])};
+    return (__m128d)Lanes{fused_by_digits(((Lanes)a)[0], ((Lanes)b)[0], ((Lanes)c)[0]),
+                          fused_by_digits(((Lanes)a)[1], ((Lanes)b)[1], ((Lanes)c)[1])};
 }
 
 /// Sums in double are rounded twice: for the worse where the first rounding leaves nothing or half of a last digit, or
@@ -232,6 +302,16 @@ ORNIK_EXPAND __m128d fused_in_double(__m128d a, __m128d b, __m128d c) {
 
 }  // namespace detail
 #endif
+
+ORNIK_EXPAND double fused(double a, double b, double c) {
+#if ORNIK_FUSES
+    return std::fma(a, b, c);
+#elif defined(__SSE2__)
+    return _mm_cvtsd_f64(detail::fused_in_double(_mm_set1_pd(a), _mm_set1_pd(b), _mm_set1_pd(c)));
+#else
+    return detail::fused_by_digits(a, b, c);
+#endif
+}
 
 #if defined(__GNUC__)
 template <typename V>

@@ -21,7 +21,7 @@ ORNIK_IN_PLACE double exactly_fused(double a, double b, double c) {
 #if ORNIK_VECTOR_CALLS
     return ornik_fused_double(a, b, c);
 #else
-    return std::fma(a, b, c);
+    return device::cpu::vec::fused(a, b, c);
 #endif
 }
 ORNIK_IN_PLACE Pair sum_of(double a, double b) {
