@@ -80,7 +80,7 @@ Sequential mobile_net() {
             if (stride == 1 && in == stage.channels) {
                 network->push_back(Residual(body, Sequential(), false));
             } else {
-                network->push_back(body);
+                network->extend(*body);
             }
             in = stage.channels;
         }
