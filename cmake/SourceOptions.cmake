@@ -67,6 +67,8 @@ endfunction()
 ornik_add_library_objects(ornik ornik_kernel_options "${ORNIK_ARCH}" ${other_sources})
 
 target_sources(ornik_objects INTERFACE $<TARGET_OBJECTS:ornik_row_objects> $<TARGET_OBJECTS:ornik_check_objects>)
+# Programs made of the objects themselves import nothing from a DLL.
+target_compile_definitions(ornik_objects INTERFACE $<$<PLATFORM_ID:Windows>:ORNIK_STATIC>)
 
 # Printing works on a null tensor, too: its test of `this` must stay.
 if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
