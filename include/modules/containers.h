@@ -12,8 +12,8 @@
 
 namespace ornik {
 
-/// Modules one after the other, named "0", "1", ... Made in braces, Sequential{Linear(2, 8), ReLU(), Linear(8, 1)}, they
-/// draw their parameters in the order of the text; in parentheses that is the compiler's choice.
+/// Modules one after the other, named "0", "1", ... Made in braces, Sequential{Linear(2, 8), ReLU(), Linear(8, 1)},
+/// they draw their parameters in the order of the text; in parentheses that is the compiler's choice.
 class ORNIK_API Sequential : public Module {
   public:
     template <std::derived_from<Module>... Modules>
