@@ -5,6 +5,19 @@
 
 namespace ornik {
 
+namespace {
+
+// Of the least square matrix with a diagonal of that length there.
+std::int64_t side_of_matrix(const Where& at, std::int64_t length, std::int64_t offset) {
+    constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max() / 2;
+    if (length > most || offset > most || offset < -most) {
+        fail(at, "A diagonal of ", length, " elements displaced by ", offset, " fits into no matrix.");
+    }
+    return length + (offset < 0 ? -offset : offset);
+}
+
+}  // namespace
+
 Tensor* diagonal_grad(const Tensor* grad, const Dims& shape, std::int64_t offset, int dim1, int dim2) {
     const Where at = where("ornik::diagonal_grad");
     check_cpu(at, grad);
@@ -27,7 +40,7 @@ Tensor* diag_embed(const Tensor* t, std::int64_t offset, int dim1, int dim2) {
     if (first == second) {
         fail(at, "diag_embed() needs two different axes, both are axis ", first, ".");
     }
-    const std::int64_t length = t->Shape().back() + (offset < 0 ? -offset : offset);
+    const std::int64_t length = side_of_matrix(at, t->Shape().back(), offset);
     Dims shape(t->Shape().begin(), t->Shape().end() - 1);
     for (const int axis : {std::min(first, second), std::max(first, second)}) {
         shape.insert(shape.begin() + axis, length);
@@ -75,11 +88,7 @@ Tensor* diag_grad(const Tensor* grad, const Dims& shape, std::int64_t offset) {
     if (shape.size() == 2) {
         return diagonal_grad(grad, shape, offset, 0, 1);
     }
-    constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max() / 2;
-    if (shape[0] > most || offset > most || offset < -most) {
-        fail(at, "A diagonal of ", shape[0], " elements displaced by ", offset, " fits into no matrix.");
-    }
-    const std::int64_t length = shape[0] + (offset < 0 ? -offset : offset);
+    const std::int64_t length = side_of_matrix(at, shape[0], offset);
     check_gradient_shape(at, grad, {length, length});
     return grad->diagonal(offset, 0, 1);
 }
