@@ -9,4 +9,7 @@ set(CMAKE_CROSSCOMPILING_EMULATOR wine)
 # The compiler's own libraries go into each program and DLL: they are found wherever these are started.
 set(CMAKE_EXE_LINKER_FLAGS_INIT -static)
 set(CMAKE_SHARED_LINKER_FLAGS_INIT -static)
+execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libgomp.a OUTPUT_VARIABLE gomp
+                OUTPUT_STRIP_TRAILING_WHITESPACE)
+set(OpenMP_gomp_LIBRARY ${gomp} CACHE FILEPATH "OpenMP's runtime; otherwise a DLL of it would be found")
 include(${CMAKE_CURRENT_LIST_DIR}/cross.cmake)
