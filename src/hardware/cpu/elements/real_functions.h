@@ -37,6 +37,11 @@ ORNIK_IN_PLACE double log1p(double x) { return elementary::log1p_exact(x); }
 // ---- Powers ----
 
 template <std::floating_point T>
+ORNIK_IN_PLACE T quotient(T a, T b) {
+    return a / b;
+}
+
+template <std::floating_point T>
 ORNIK_IN_PLACE T sqrt(T x) {
     return std::sqrt(x);
 }

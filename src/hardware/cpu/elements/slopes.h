@@ -1,6 +1,7 @@
 // slopes.h: derivatives of the differentiable operations at x, where they give y. Included by row kernels.
 //
-// T is float, double or, where the operation takes complex numbers, std::complex<double>.
+// T is float, double or, where the operation takes complex numbers, std::complex<double>, whose own quotient differs
+// from one processor to the next.
 #pragma once
 
 #include "complex_functions.h"
@@ -26,25 +27,25 @@ inline constexpr double ln10 = 2.30258509299404568402;
 ORNIK_SLOPE(exp,        y)
 ORNIK_SLOPE(exp2,       y * T(ln2))
 ORNIK_SLOPE(expm1,      y + T(1))
-ORNIK_SLOPE(log,        T(1) / x)
-ORNIK_SLOPE(log2,       T(1) / (x * T(ln2)))
-ORNIK_SLOPE(log10,      T(1) / (x * T(ln10)))
-ORNIK_SLOPE(log1p,      T(1) / (T(1) + x))
-ORNIK_SLOPE(sqrt,       T(0.5) / y)
+ORNIK_SLOPE(log,        functions::quotient(T(1), x))
+ORNIK_SLOPE(log2,       functions::quotient(T(1), x * T(ln2)))
+ORNIK_SLOPE(log10,      functions::quotient(T(1), x * T(ln10)))
+ORNIK_SLOPE(log1p,      functions::quotient(T(1), T(1) + x))
+ORNIK_SLOPE(sqrt,       functions::quotient(T(0.5), y))
 ORNIK_SLOPE(rsqrt,      T(-0.5) * y * y * y)
 ORNIK_SLOPE(reciprocal, -y * y)
 ORNIK_SLOPE(sin,        functions::cos(x))
 ORNIK_SLOPE(cos,        -functions::sin(x))
 ORNIK_SLOPE(tan,        T(1) + y * y)
-ORNIK_SLOPE(asin,       T(1) / functions::sqrt((T(1) - x) * (T(1) + x)))
-ORNIK_SLOPE(acos,       T(-1) / functions::sqrt((T(1) - x) * (T(1) + x)))
-ORNIK_SLOPE(atan,       T(1) / (T(1) + x * x))
+ORNIK_SLOPE(asin,       functions::quotient(T(1), functions::sqrt((T(1) - x) * (T(1) + x))))
+ORNIK_SLOPE(acos,       functions::quotient(T(-1), functions::sqrt((T(1) - x) * (T(1) + x))))
+ORNIK_SLOPE(atan,       functions::quotient(T(1), T(1) + x * x))
 ORNIK_SLOPE(sinh,       functions::cosh(x))
 ORNIK_SLOPE(cosh,       functions::sinh(x))
 ORNIK_SLOPE(tanh,       (T(1) - y) * (T(1) + y))
-ORNIK_SLOPE(asinh,      T(1) / functions::sqrt(T(1) + x * x))
-ORNIK_SLOPE(acosh,      T(1) / (functions::sqrt(x - T(1)) * functions::sqrt(x + T(1))))
-ORNIK_SLOPE(atanh,      T(1) / ((T(1) - x) * (T(1) + x)))
+ORNIK_SLOPE(asinh,      functions::quotient(T(1), functions::sqrt(T(1) + x * x)))
+ORNIK_SLOPE(acosh,      functions::quotient(T(1), functions::sqrt(x - T(1)) * functions::sqrt(x + T(1))))
+ORNIK_SLOPE(atanh,      functions::quotient(T(1), (T(1) - x) * (T(1) + x)))
 ORNIK_SLOPE(sigmoid,    y * (T(1) - y))
 ORNIK_SLOPE(logsigmoid, functions::sigmoid(-x))
 ORNIK_SLOPE(softplus,   functions::sigmoid(x))
@@ -68,9 +69,9 @@ ORNIK_SLOPE(angle,      T(0))
         return __VA_ARGS__;                                                              \
     }
 
-ORNIK_STEEP_SLOPE(log,        grad / x)
-ORNIK_STEEP_SLOPE(log2,       grad * T(1 / ln2) / x)
-ORNIK_STEEP_SLOPE(log10,      grad * T(1 / ln10) / x)
+ORNIK_STEEP_SLOPE(log,        functions::quotient(grad, x))
+ORNIK_STEEP_SLOPE(log2,       functions::quotient(grad * T(1 / ln2), x))
+ORNIK_STEEP_SLOPE(log10,      functions::quotient(grad * T(1 / ln10), x))
 ORNIK_STEEP_SLOPE(rsqrt,      T(-0.5) * grad * y * y * y)
 ORNIK_STEEP_SLOPE(reciprocal, -(grad * y) * y)
 #undef ORNIK_STEEP_SLOPE
