@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "blocks.h"
 #include "conv_plan.h"
 #include "prepared_ends.h"
 #include "tensor/borrowed.h"
@@ -32,6 +33,9 @@ Dims least_input(const Where& at, const Dims& weight, const ConvParameters& p) {
 }  // namespace
 
 struct PreparedConvolution::Parts {
+    // Of an input in blocks, or in planes.
+    ConvPlan block_plan(const Where& at, const Dims& input, std::int64_t dtype, const BlockedImage* residual) const;
+
     ConvParameters parameters;
     Dims shape;  // of the weight
     std::int64_t dtype = 0;
@@ -93,6 +97,47 @@ std::unique_ptr<Tensor> PreparedConvolution::operator()(Tensor* input, LayerEnd 
         parts_->fixed->to_grid(plan.geometry, x.get(), tail, output.get());
     }
     return output;
+}
+
+bool PreparedConvolution::takes_blocks() const {
+    return parts_->fixed != nullptr && parts_->shape.size() == 4 && parts_->fixed->takes_blocks();
+}
+
+ConvPlan PreparedConvolution::Parts::block_plan(const Where& at, const Dims& input, std::int64_t input_dtype,
+                                                const BlockedImage* residual) const {
+    if (fixed == nullptr || shape.size() != 4 || !fixed->takes_blocks()) {
+        fail(at, name, " of a weight ", shape, "in ", parameters.groups, " groups takes no blocks.");
+    }
+    if (input_dtype != dtype) {
+        fail(ErrorKind::dtype, at, "Not same data type");
+    }
+    ConvPlan plan = conv_plan(at, input, shape, parameters);
+    if (residual != nullptr) {
+        if (residual->dtype() != dtype) {
+            fail(at, "Not same data type for inputs of ", name, ".");
+        }
+        check_residual_shape(at, name, residual->shape(), plan.output);
+    }
+    return plan;
+}
+
+BlockedImage PreparedConvolution::blocked(const BlockedImage& input, LayerEnd end, const BlockedImage* residual) const {
+    const Where at = where("ornik::nn::PreparedConvolution::blocked");
+    parts_->block_plan(at, input.shape(), input.dtype(), residual);
+    const std::unique_ptr<Tensor> x = input.planes();
+    const std::unique_ptr<Tensor> added = residual == nullptr ? nullptr : residual->planes();
+    return BlockedImage((*this)(x.get(), end, added.get()).get());
+}
+
+BlockedImage PreparedConvolution::blocked(Tensor* input, LayerEnd end, const BlockedImage* residual) const {
+    const Where at = where("ornik::nn::PreparedConvolution::blocked");
+    if (input == nullptr) {
+        fail(at, name, " needs an input.");
+    }
+    check_conv_dtype(at, input);
+    parts_->block_plan(at, input->Shape(), input->Dtype(), residual);
+    const std::unique_ptr<Tensor> added = residual == nullptr ? nullptr : residual->planes();
+    return BlockedImage((*this)(input, end, added.get()).get());
 }
 
 std::int64_t PreparedConvolution::bytes() const {

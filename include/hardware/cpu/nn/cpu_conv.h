@@ -68,12 +68,15 @@ class FixedConvWeight {
 
     /// The bits are those of conv_to_grid, an addition and an activation.
     void to_grid(const ConvGeometry& geometry, const Tensor* image, const ConvTail& tail, Tensor* grid) const;
+    /// True where the kernels of blocked images (cpu_blocks.h) are the quicker ones.
+    bool takes_blocks() const { return takes_blocks_; }
     std::int64_t bytes() const;
 
   private:
     struct Laid;
     std::unique_ptr<Laid> laid_;
     std::unique_ptr<Tensor> plain_;  // where kernels read it as it is
+    bool takes_blocks_ = false;
 };
 
 /// What follows the bias, for a result that has it already.

@@ -116,6 +116,7 @@ FixedConvWeight::FixedConvWeight(const ConvGeometry& geometry, const Tensor* wei
     const ConvSum sum = grid_sum(geometry, false);
     with_compute_type(weight, [&]<typename T>() {
         const std::int64_t size = laid_out_size<T>(sum);
+        takes_blocks_ = block_kernel<T>(sum) != BlockKernel::none;
         if (size == 0 || sum.kernel_elements == 1) {  // Products of large planes take it as it is.
             plain_.reset(weight->clone());
         }

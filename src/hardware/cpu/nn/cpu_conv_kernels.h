@@ -65,6 +65,11 @@ std::int64_t laid_out_size(const ConvSum& sum);
 template <typename T>
 void lay_out_weights(const ConvSum& sum, const T* weight, T* to);
 
+/// What sums blocked images: of all channels, or of each alone.
+enum class BlockKernel { none, all, each };
+template <typename T>
+BlockKernel block_kernel(const ConvSum& sum);
+
 /// weight = sum over samples and positions of grid * conj(image); `pass` is the geometry's grid pass.
 template <typename T>
 void run_conv_weight(const ConvPass& pass, const ConvGeometry& geometry, const T* image, const T* grid,

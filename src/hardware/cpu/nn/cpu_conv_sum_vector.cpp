@@ -121,11 +121,26 @@ void lay_out_weights(const ConvSum& sum, const T* weight, T* to) {
     }
 }
 
+template <typename T>
+BlockKernel block_kernel(const ConvSum& sum) {
+    if constexpr (parts<T> == 1) {
+        const std::int64_t channels = sum.groups * sum.target_channels;
+        const std::int64_t lanes = (channels + lane_width<T> - 1) / lane_width<T> * lane_width<T>;
+        if (4 * channels >= 3 * lanes) {
+            return sum.groups == 1                                        ? BlockKernel::all
+                   : sum.source_channels == 1 && sum.target_channels == 1 ? BlockKernel::each
+                                                                          : BlockKernel::none;
+        }
+    }
+    return BlockKernel::none;
+}
+
 #define ORNIK_INSTANTIATE_CONV_SUM(T)                                                                      \
     template void run_conv_sum(const std::vector<ConvPass>&, const ConvSum&, const T*, const T*, const T*, \
                                const ConvEnds<T>&, T*);                                                    \
     template std::int64_t laid_out_size<T>(const ConvSum&);                                                \
-    template void lay_out_weights(const ConvSum&, const T*, T*)
+    template void lay_out_weights(const ConvSum&, const T*, T*);                                           \
+    template BlockKernel block_kernel<T>(const ConvSum&)
 
 ORNIK_INSTANTIATE_CONV_SUM(float);
 ORNIK_INSTANTIATE_CONV_SUM(double);
