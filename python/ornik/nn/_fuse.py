@@ -23,9 +23,7 @@ __all__ = ["fuse"]
 
 _LAYERS = (Linear, Conv1d, Conv2d, ConvTranspose1d, ConvTranspose2d)
 _ENDS: dict[type, str] = {
-    getattr(_activations, name): name.lower()
-    for name in _activations.__all__
-    if name.lower() in _ornik.layer_ends
+    getattr(_activations, name): name.lower() for name in _activations.__all__ if name.lower() in _ornik.layer_ends
 }
 _NOTHING = (Dropout, Dropout1d, Dropout2d, Identity)
 
@@ -37,6 +35,9 @@ def fuse(module: Module) -> Module:
     folded into the convolution or linear map before it, an activation (ReLU, ReLU6, Sigmoid, Tanh, SiLU, GELU,
     Hardsigmoid, Hardswish) becomes its end, dropout goes. The sum of a :class:`Residual`, with its activation, becomes
     the end of its body's last layer.
+
+    Such layers, activations, ``Residual`` and the pools MaxPool2d, AvgPool2d and AdaptiveAvgPool2d(1) that follow each
+    other become one network of the library; within it, images stay in the layout of its kernels.
 
     Other modules stay what they are, with fused parts. What their ``forward()`` does between the parts is not seen: one
     that is made of parts in a row says so by a method ``fused()``, which returns what stands for it::
@@ -89,7 +90,7 @@ class _Fused(Module):
     """A network of the library."""
 
     def __init__(self, run: _Run) -> None:
-        self._axes = run.axes or 0
+        self._axes = run.axes
         self._open = run.open
         self._network = _ornik.Fused(run.described())
 
@@ -115,7 +116,7 @@ class _Fused(Module):
             raise RuntimeError("a fused module is for inference; train the one that it was made from")
         tensors(*operands)
         shape = operands[0].shape
-        if self._axes == 0 or len(shape) == self._axes + 2:
+        if not self._axes or len(shape) == self._axes + 2:
             return function(*operands)
         if len(shape) != self._axes + 1:
             wanted = "[N, C, L]" if self._axes == 1 else "[N, C, H, W]"
@@ -155,25 +156,29 @@ class _Pad(Module):
         return f"{self.widths}, mode={self.mode!r}"
 
 
-def _flat(modules: Iterable[Module]) -> Iterator[tuple[Module, bool]]:
+def _flat(modules: Iterable[Any]) -> Iterator[tuple[Module, bool]]:
     """The parts of what is made of others, in order, and whether they are to stay as they are."""
     for module in modules:
         made = getattr(module, "fused", None) if module._hooks is None else None
         if is_plain(module, Sequential):
-            yield from _flat(module)  # type: ignore[arg-type]
+            yield from _flat(module)
         elif made is not None:
             stands_for = made()
             if not isinstance(stands_for, Module):
                 name = type(module).__name__
                 raise TypeError(f"{name}.fused() returns a Module, but gave {type(stands_for).__name__}")
             yield from [(module, True)] if stands_for is module else _flat([stands_for])
-        elif type(module) in (Conv1d, Conv2d) and module._hooks is None and module.padding_mode != "zeros":
+        elif _is_one_of(module, (Conv1d, Conv2d)) and module.padding_mode != "zeros":
             yield _Pad(module._widths(), module.padding_mode), True
             bare = copy.copy(module)
             bare.__dict__.update(padding=(0,) * module._axes, padding_mode="zeros")
             yield bare, False
-        elif type(module) not in _NOTHING or module._hooks is not None:
+        elif not _is_one_of(module, _NOTHING):
             yield module, False
+
+
+def _is_one_of(module: Any, kinds: tuple[type, ...]) -> bool:
+    return type(module) in kinds and is_plain(module, type(module))
 
 
 def _chain(modules: Iterable[Module]) -> list[Module | _Run]:
@@ -204,18 +209,25 @@ def _alone(module: Any, open_outputs: int) -> Module | _Run:
     if kind in (BatchNorm1d, BatchNorm2d) and module.num_features == open_outputs and module.running_var is not None:
         values = (module.running_mean, module.running_var, module.weight, module.bias)
         return _Run([("BatchNorm", (), values, (), module.eps)], None, open_outputs)
-    if kind is AdaptiveAvgPool2d and module.output_size == (1, 1):
-        return _Run([(kind.__name__, (1, 1), (), (), None)], 2)
-    if kind in (MaxPool2d, AvgPool2d) and not module.ceil_mode:
-        if getattr(module, "count_include_pad", True) or not any(module.padding):
-            return _Run([(kind.__name__, (*module.kernel_size, *module.stride, *module.padding), (), (), None)], 2)
+    if kind in (MaxPool2d, AvgPool2d, AdaptiveAvgPool2d):
+        numbers = _windows_of_pool(module)
+        return _with_fused_parts(module) if numbers is None else _Run([(kind.__name__, numbers, (), (), None)], 2)
     if kind is _Fused:
         return _Run([module._network.__reduce__()[1][0]], module._axes, module._open)
     return _residual(module) if kind is Residual else _with_fused_parts(module)
 
 
+def _windows_of_pool(pool: Any) -> tuple[int, ...] | None:
+    """None for those that the library does not have."""
+    if isinstance(pool, AdaptiveAvgPool2d):
+        return (1, 1) if pool.output_size == (1, 1) else None
+    counts_all = getattr(pool, "count_include_pad", True) or not any(pool.padding)
+    return (*pool.kernel_size, *pool.stride, *pool.padding) if counts_all and not pool.ceil_mode else None
+
+
 def _layer(layer: Any) -> _Run:
-    axes, numbers = 0, ()
+    axes = 0
+    numbers: tuple[int, ...] = ()
     if isinstance(layer, _Convolution):
         axes = layer._axes
         stride, ((top, bottom), (left, right)), dilation, groups, transposed, more = functional.convolution_windows(
@@ -237,17 +249,20 @@ def _layer(layer: Any) -> _Run:
 def _residual(module: Any) -> Module | _Run:
     chains = [[] if part is None else _chain([part]) for part in (module.body, module.shortcut, module.activation)]
     body, shortcut, activation = chains
-    runs = [_one_run(chain) for chain in chains]
-    axes = {run.axes for run in runs if run is not None} - {None}
-    if None not in runs and len(axes) < 2:
+    runs = [run for run in map(_one_run, chains) if run is not None]
+    axes = {run.axes for run in runs} - {None}
+    if len(runs) == len(chains) and len(axes) < 2:
         return _Run([_sum(*runs)], axes.pop() if axes else None)
     last = body[-1] if body else None
-    others = [_closed(chain) if chain else None for chain in (shortcut, activation)]
+    around = _closed(shortcut) if shortcut else None
+    end = _closed(activation) if activation else None
     if not isinstance(last, _Run) or not last.open:
-        return Residual(_closed(body), *others)
-    end = runs[2] if activation else None
-    joined = _Fused(_Run([_sum(last, None, end)], last.axes))
-    return _FusedResidual(_closed(body[:-1]) if body[1:] else None, joined, others[0], others[1] if end is None else None)
+        return Residual(_closed(body), around, end)
+    taken = _one_run(activation) if activation else None
+    if taken is not None and taken.axes is not None:
+        taken = None
+    joined = _Fused(_Run([_sum(last, None, taken)], last.axes))
+    return _FusedResidual(_closed(body[:-1]) if body[1:] else None, joined, around, end if taken is None else None)
 
 
 def _one_run(chain: list[Module | _Run]) -> _Run | None:
