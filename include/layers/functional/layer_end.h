@@ -14,8 +14,8 @@ namespace ornik::nn {
 enum class LayerEnd { none, relu, relu6, sigmoid, tanh, silu, gelu, hardsigmoid, hardswish };
 
 /// Their names, in their order.
-inline constexpr std::array<std::string_view, 9> layer_end_names{
-    "none", "relu", "relu6", "sigmoid", "tanh", "silu", "gelu", "hardsigmoid", "hardswish"};
+inline constexpr std::array<std::string_view, 9> layer_end_names{"none", "relu", "relu6",       "sigmoid",  "tanh",
+                                                                 "silu", "gelu", "hardsigmoid", "hardswish"};
 
 constexpr std::string_view name_of(LayerEnd end) { return layer_end_names[static_cast<std::size_t>(end)]; }
 
