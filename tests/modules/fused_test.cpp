@@ -332,7 +332,7 @@ class Grown {
                 to.append(MaxPool2d(3, 1 + pick(2), 1));
                 break;
             case 1:
-                to.append(AvgPool2d(3, 1, pick(2)));
+                to.append(AvgPool2d(2 + pick(2), 1, 1));
                 break;
             case 2: {
                 auto inner = row();
@@ -357,7 +357,7 @@ class Grown {
 TEST(Fuse, GrownNetworksHaveTheirValuesInBlocksAndInPlanes) {
     set_random_seed(5);
     int in_blocks = 0;
-    for (unsigned seed = 0; seed < 80; ++seed) {
+    for (unsigned seed = 0; seed < 60; ++seed) {
         const bool is_normalized = seed % 2 == 1;
         const std::shared_ptr<Sequential> network = Grown(seed, is_normalized).network(2 + seed % 5);
         const std::int64_t type = seed % 8 < 5 ? dtype::float32 : dtype::float64;
@@ -366,7 +366,7 @@ TEST(Fuse, GrownNetworksHaveTheirValuesInBlocksAndInPlanes) {
         network->eval();
         const std::shared_ptr<Module> fast = fuse(*network);
         SCOPED_TRACE(std::to_string(seed) + network->to_string() + fast->to_string());
-        const KTensor x = KTensor::randn({seed % 3 == 0 ? 1 : 2, 3, 37 + seed % 4, 31}, type);
+        const KTensor x = KTensor::randn({seed % 3 == 0 ? 1 : 2, 3, 22 + seed % 4, 19}, type);
         const KTensor recorded = fast->forward(x.clone().requires_grad());
         const NoGrad inference;
         const KTensor wanted = network->forward(x);
@@ -407,8 +407,9 @@ TEST(Fuse, WhatIsFusedMayBeFusedAgain) {
     network.eval();
     const std::shared_ptr<Module> once = fuse(network);
     const std::shared_ptr<Module> twice = fuse(*once);
-    EXPECT_EQ(once->to_string(),
-              "Sequential(\n  (0): Fused(Conv, relu)\n  (1): MaxPool2d(kernel=2 2, stride=2 2, padding=0 0)\n)");
+    EXPECT_EQ(
+        once->to_string(),
+        "Sequential(\n  (0): Fused(Conv, relu)\n  (1): MaxPool2d(kernel=[2, 2], stride=[2, 2], padding=[0, 0])\n)");
     EXPECT_EQ(twice->to_string(), once->to_string());
     EXPECT_EQ(alone->made->to_string(), "Fused(Conv)");
     const NoGrad inference;
