@@ -35,6 +35,8 @@ Dims least_input(const Where& at, const Dims& weight, const ConvParameters& p) {
 struct PreparedConvolution::Parts {
     // Of an input in blocks, or in planes.
     ConvPlan block_plan(const Where& at, const Dims& input, std::int64_t dtype, const BlockedImage* residual) const;
+    BlockedImage to_blocks(const Where& at, const ConvPlan& plan, const void* input, bool in_planes, LayerEnd end,
+                           const BlockedImage* residual) const;
 
     ConvParameters parameters;
     Dims shape;  // of the weight
@@ -63,7 +65,7 @@ PreparedConvolution::PreparedConvolution(Tensor* weight, Tensor* bias, const Con
     if (parameters.transposed) {
         parts->transposed.reset(w->clone());
     } else {
-        parts->fixed = std::make_unique<device::cpu::FixedConvWeight>(plan.geometry, w.get());
+        parts->fixed = std::make_unique<device::cpu::FixedConvWeight>(plan.geometry, w.get(), parts->bias.get());
     }
     parts_ = std::move(parts);
 }
@@ -121,12 +123,21 @@ ConvPlan PreparedConvolution::Parts::block_plan(const Where& at, const Dims& inp
     return plan;
 }
 
+BlockedImage PreparedConvolution::Parts::to_blocks(const Where& at, const ConvPlan& plan, const void* input,
+                                                   bool in_planes, LayerEnd end, const BlockedImage* residual) const {
+    auto output = std::make_shared<Blocks>(at, plan.output, dtype);
+    if (!output->is_empty()) {
+        fixed->to_blocks(plan.geometry, input, in_planes,
+                         residual == nullptr ? nullptr : residual->blocks().elements.get(), row_end_of(end),
+                         output->elements.get());
+    }
+    return BlockedImage(std::move(output));
+}
+
 BlockedImage PreparedConvolution::blocked(const BlockedImage& input, LayerEnd end, const BlockedImage* residual) const {
     const Where at = where("ornik::nn::PreparedConvolution::blocked");
-    parts_->block_plan(at, input.shape(), input.dtype(), residual);
-    const std::unique_ptr<Tensor> x = input.planes();
-    const std::unique_ptr<Tensor> added = residual == nullptr ? nullptr : residual->planes();
-    return BlockedImage((*this)(x.get(), end, added.get()).get());
+    const ConvPlan plan = parts_->block_plan(at, input.shape(), input.dtype(), residual);
+    return parts_->to_blocks(at, plan, input.blocks().elements.get(), false, end, residual);
 }
 
 BlockedImage PreparedConvolution::blocked(Tensor* input, LayerEnd end, const BlockedImage* residual) const {
@@ -135,9 +146,12 @@ BlockedImage PreparedConvolution::blocked(Tensor* input, LayerEnd end, const Blo
         fail(at, name, " needs an input.");
     }
     check_conv_dtype(at, input);
-    parts_->block_plan(at, input->Shape(), input->Dtype(), residual);
-    const std::unique_ptr<Tensor> added = residual == nullptr ? nullptr : residual->planes();
-    return BlockedImage((*this)(input, end, added.get()).get());
+    const ConvPlan plan = parts_->block_plan(at, input->Shape(), input->Dtype(), residual);
+    if (parts_->fixed->keeps_channels_apart()) {
+        return blocked(BlockedImage(input), end, residual);
+    }
+    const Borrowed x = Borrowed::contiguous(input);
+    return parts_->to_blocks(at, plan, x->getRawData(), true, end, residual);
 }
 
 std::int64_t PreparedConvolution::bytes() const {
