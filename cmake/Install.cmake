@@ -48,6 +48,7 @@ set(ORNIK_PUBLIC_HEADERS
     layers/conv/layer_conv2D.h
     layers/conv/layer_convT2D.h
     layers/functional/activation.h
+    layers/functional/blocked_image.h
     layers/functional/conv.h
     layers/functional/dropout.h
     layers/functional/embedding.h

@@ -53,6 +53,7 @@
 #include "layers/conv/layer_conv2D.h"
 #include "layers/conv/layer_convT2D.h"
 #include "layers/functional/activation.h"
+#include "layers/functional/blocked_image.h"
 #include "layers/functional/conv.h"
 #include "layers/functional/dropout.h"
 #include "layers/functional/embedding.h"

@@ -46,21 +46,30 @@ ORNIK_API void release(Impl* impl) noexcept;
 
 namespace detail {
 
-/// Numbers in nested braces, as they stand in a program; see KTensor's constructor.
+/// Numbers in nested braces, as they stand in a program; see KTensor's constructor. The library fills and frees the
+/// vectors, whose memory is of its heap.
 class NestedNumbers {
   public:
     template <typename T>
     requires(std::is_arithmetic_v<T>) NestedNumbers(T value)  // NOLINT(google-explicit-constructor)
-        : numbers_{plain(value)} {}
+        : NestedNumbers(OneNumber{plain(value)}) {}
     template <typename T>
     NestedNumbers(const std::complex<T>& value)  // NOLINT(google-explicit-constructor)
-        : numbers_{Scalar(value)} {}
+        : NestedNumbers(OneNumber{Scalar(value)}) {}
     ORNIK_API NestedNumbers(std::initializer_list<NestedNumbers> rows);
+    NestedNumbers(const NestedNumbers&) = delete;
+    NestedNumbers& operator=(const NestedNumbers&) = delete;
+    ORNIK_API ~NestedNumbers();
 
     const Dims& shape() const { return shape_; }
     const std::vector<Scalar>& numbers() const { return numbers_; }
 
   private:
+    struct OneNumber {
+        Scalar value;
+    };
+    ORNIK_API explicit NestedNumbers(const OneNumber& number);
+
     template <typename T>
     static Scalar plain(T value) {
         if constexpr (std::is_same_v<T, bool>) {

@@ -50,6 +50,8 @@ KTensor by_position(std::unique_ptr<Tensor> t, Function&& function) {
 
 }  // namespace
 
+detail::NestedNumbers::NestedNumbers(const OneNumber& number) : numbers_{number.value} {}
+
 detail::NestedNumbers::NestedNumbers(std::initializer_list<NestedNumbers> rows) {
     shape_.push_back(static_cast<std::int64_t>(rows.size()));
     for (const NestedNumbers& row : rows) {
@@ -63,6 +65,8 @@ detail::NestedNumbers::NestedNumbers(std::initializer_list<NestedNumbers> rows) 
         shape_.insert(shape_.end(), rows.begin()->shape_.begin(), rows.begin()->shape_.end());
     }
 }
+
+detail::NestedNumbers::~NestedNumbers() = default;
 
 KTensor::KTensor(std::initializer_list<detail::NestedNumbers> rows) {
     const detail::NestedNumbers all(rows);

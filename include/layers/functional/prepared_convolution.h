@@ -9,6 +9,7 @@
 
 #include <memory>
 
+#include "blocked_image.h"
 #include "conv.h"
 #include "layer_end.h"
 
@@ -27,6 +28,15 @@ class ORNIK_API PreparedConvolution {
     /// The end of convolution(input, ...) + residual, which has the result's shape or is null: bit for bit what the
     /// operations give one after the other. Inputs of any batch and extents; threads may share the layer.
     std::unique_ptr<Tensor> operator()(Tensor* input, LayerEnd end = LayerEnd::none, Tensor* residual = nullptr) const;
+
+    /// True for two-dimensional convolutions of float32 and float64, not transposed, of one group or one channel a
+    /// group for each of the result, with about a vector of result channels or more: those that gain from blocks.
+    [[nodiscard]] bool takes_blocks() const;
+    /// The same values for images in blocks; refused unless takes_blocks(). The first layer of a network may read
+    /// planes.
+    BlockedImage blocked(const BlockedImage& input, LayerEnd end = LayerEnd::none,
+                         const BlockedImage* residual = nullptr) const;
+    BlockedImage blocked(Tensor* input, LayerEnd end = LayerEnd::none, const BlockedImage* residual = nullptr) const;
 
     /// What weight and bias take.
     [[nodiscard]] std::int64_t bytes() const;

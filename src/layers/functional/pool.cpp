@@ -1,5 +1,6 @@
 #include "layers/functional/pool.h"
 
+#include "blocks.h"
 #include "hardware/cpu/nn/cpu_pool.h"
 #include "pool_passes.h"
 #include "tensor/borrowed.h"
@@ -77,6 +78,17 @@ constexpr const char* max_name = "max_pool";
 constexpr const char* average_name = "average_pool";
 constexpr const char* adaptive_name = "adaptive_average_pool";
 
+using BlockPool = void (*)(std::int64_t dtype, const PoolPlan& plan, const void* in, void* out);
+
+// The plan is that of planes.
+BlockedImage pooled(const Where& at, const BlockedImage& input, PoolPlan plan, BlockPool pool) {
+    const Blocks& blocks = input.blocks();
+    auto result = std::make_shared<Blocks>(at, pooled_shape(blocks.shape, plan), blocks.dtype);
+    plan.planes = blocks.shape[0] * blocks.groups();
+    pool(blocks.dtype, plan, blocks.elements.get(), result->elements.get());
+    return BlockedImage(std::move(result));
+}
+
 }  // namespace
 
 MaxPool max_pool(Tensor* input, const PoolParameters& parameters) {
@@ -132,6 +144,23 @@ std::unique_ptr<Tensor> adaptive_average_pool_grad(Tensor* output_gradient, cons
     std::unique_ptr<Tensor> result = make_tensor(input_shape, output_gradient->Dtype());
     device::cpu::adaptive_average_pool_grad(Borrowed::contiguous(output_gradient).get(), plan, result.get());
     return result;
+}
+
+BlockedImage max_pool(const BlockedImage& input, const PoolParameters& parameters) {
+    const Where at = where("ornik::nn::max_pool");
+    return pooled(at, input, plan_of(at, max_name, input.shape(), parameters), device::cpu::max_pool_blocks);
+}
+
+BlockedImage average_pool(const BlockedImage& input, const PoolParameters& parameters) {
+    const Where at = where("ornik::nn::average_pool");
+    return pooled(at, input, plan_of(at, average_name, input.shape(), parameters), device::cpu::average_pool_blocks);
+}
+
+std::unique_ptr<Tensor> global_average(const BlockedImage& input) {
+    const Where at = where("ornik::nn::global_average");
+    const std::int64_t window[] = {1, 1};
+    const PoolPlan plan = adaptive_plan(at, "global_average", input.shape(), window);
+    return pooled(at, input, plan, device::cpu::average_pool_blocks).planes();
 }
 
 }  // namespace ornik::nn

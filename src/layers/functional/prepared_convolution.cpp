@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "blocks.h"
 #include "conv_plan.h"
 #include "prepared_ends.h"
 #include "tensor/borrowed.h"
@@ -32,6 +33,11 @@ Dims least_input(const Where& at, const Dims& weight, const ConvParameters& p) {
 }  // namespace
 
 struct PreparedConvolution::Parts {
+    // Of an input in blocks, or in planes.
+    ConvPlan block_plan(const Where& at, const Dims& input, std::int64_t dtype, const BlockedImage* residual) const;
+    BlockedImage to_blocks(const Where& at, const ConvPlan& plan, const void* input, bool in_planes, LayerEnd end,
+                           const BlockedImage* residual) const;
+
     ConvParameters parameters;
     Dims shape;  // of the weight
     std::int64_t dtype = 0;
@@ -59,7 +65,7 @@ PreparedConvolution::PreparedConvolution(Tensor* weight, Tensor* bias, const Con
     if (parameters.transposed) {
         parts->transposed.reset(w->clone());
     } else {
-        parts->fixed = std::make_unique<device::cpu::FixedConvWeight>(plan.geometry, w.get());
+        parts->fixed = std::make_unique<device::cpu::FixedConvWeight>(plan.geometry, w.get(), parts->bias.get());
     }
     parts_ = std::move(parts);
 }
@@ -93,6 +99,59 @@ std::unique_ptr<Tensor> PreparedConvolution::operator()(Tensor* input, LayerEnd 
         parts_->fixed->to_grid(plan.geometry, x.get(), tail, output.get());
     }
     return output;
+}
+
+bool PreparedConvolution::takes_blocks() const {
+    return parts_->fixed != nullptr && parts_->shape.size() == 4 && parts_->fixed->takes_blocks();
+}
+
+ConvPlan PreparedConvolution::Parts::block_plan(const Where& at, const Dims& input, std::int64_t input_dtype,
+                                                const BlockedImage* residual) const {
+    if (fixed == nullptr || shape.size() != 4 || !fixed->takes_blocks()) {
+        fail(at, name, " of a weight ", shape, "in ", parameters.groups, " groups takes no blocks.");
+    }
+    if (input_dtype != dtype) {
+        fail(ErrorKind::dtype, at, "Not same data type");
+    }
+    ConvPlan plan = conv_plan(at, input, shape, parameters);
+    if (residual != nullptr) {
+        if (residual->dtype() != dtype) {
+            fail(at, "Not same data type for inputs of ", name, ".");
+        }
+        check_residual_shape(at, name, residual->shape(), plan.output);
+    }
+    return plan;
+}
+
+BlockedImage PreparedConvolution::Parts::to_blocks(const Where& at, const ConvPlan& plan, const void* input,
+                                                   bool in_planes, LayerEnd end, const BlockedImage* residual) const {
+    auto output = std::make_shared<Blocks>(at, plan.output, dtype);
+    if (!output->is_empty()) {
+        fixed->to_blocks(plan.geometry, input, in_planes,
+                         residual == nullptr ? nullptr : residual->blocks().elements.get(), row_end_of(end),
+                         output->elements.get());
+    }
+    return BlockedImage(std::move(output));
+}
+
+BlockedImage PreparedConvolution::blocked(const BlockedImage& input, LayerEnd end, const BlockedImage* residual) const {
+    const Where at = where("ornik::nn::PreparedConvolution::blocked");
+    const ConvPlan plan = parts_->block_plan(at, input.shape(), input.dtype(), residual);
+    return parts_->to_blocks(at, plan, input.blocks().elements.get(), false, end, residual);
+}
+
+BlockedImage PreparedConvolution::blocked(Tensor* input, LayerEnd end, const BlockedImage* residual) const {
+    const Where at = where("ornik::nn::PreparedConvolution::blocked");
+    if (input == nullptr) {
+        fail(at, name, " needs an input.");
+    }
+    check_conv_dtype(at, input);
+    const ConvPlan plan = parts_->block_plan(at, input->Shape(), input->Dtype(), residual);
+    if (parts_->fixed->keeps_channels_apart()) {
+        return blocked(BlockedImage(input), end, residual);
+    }
+    const Borrowed x = Borrowed::contiguous(input);
+    return parts_->to_blocks(at, plan, x->getRawData(), true, end, residual);
 }
 
 std::int64_t PreparedConvolution::bytes() const {

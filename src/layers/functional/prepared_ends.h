@@ -16,6 +16,12 @@ inline device::cpu::RowEnd row_end_of(LayerEnd end) {
     return rows.at(static_cast<std::size_t>(end));
 }
 
+inline void check_residual_shape(const Where& at, const char* name, const Dims& residual, const Dims& shape) {
+    if (residual != shape) {
+        fail(at, name, " adds a residual of the shape ", shape, ", however it is ", residual);
+    }
+}
+
 /// Of a layer by name whose result has the shape.
 inline void check_ends(const Where& at, const char* name, const Tensor* input, LayerEnd end, const Tensor* residual,
                        const Dims& shape) {
@@ -25,9 +31,7 @@ inline void check_ends(const Where& at, const char* name, const Tensor* input, L
     if (residual != nullptr) {
         check_operands(at, residual);
         check_alike(at, name, residual, input);
-        if (residual->Shape() != shape) {
-            fail(at, name, " adds a residual of the shape ", shape, ", however it is ", residual->Shape());
-        }
+        check_residual_shape(at, name, residual->Shape(), shape);
     }
 }
 

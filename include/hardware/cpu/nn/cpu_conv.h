@@ -49,6 +49,8 @@ struct ConvGeometry {
 void conv_to_grid(const ConvGeometry& geometry, const Tensor* image, const Tensor* weight, const Tensor* bias,
                   bool conjugate, Tensor* grid);
 
+struct ConvSum;
+
 /// What a sum ends with: a bias (one value per channel of the result), a residual of the result's shape, an activation.
 /// Each rounds as it does alone; null ones are left out.
 struct ConvTail {
@@ -57,23 +59,36 @@ struct ConvTail {
     RowEnd activation = RowEnd::none;  // float32 and float64
 };
 
-/// A weight of conv_to_grid, laid out once for images of any extents. It is copied.
+/// A weight of conv_to_grid, laid out once for images of any extents. It is copied, and so is the bias, or null, that
+/// blocks are given.
 class FixedConvWeight {
   public:
     /// Batch, and extents of image and grid, do not matter here.
-    FixedConvWeight(const ConvGeometry& geometry, const Tensor* weight);
+    FixedConvWeight(const ConvGeometry& geometry, const Tensor* weight, const Tensor* bias);
     ~FixedConvWeight();
     FixedConvWeight(const FixedConvWeight&) = delete;
     FixedConvWeight& operator=(const FixedConvWeight&) = delete;
 
     /// The bits are those of conv_to_grid, an addition and an activation.
     void to_grid(const ConvGeometry& geometry, const Tensor* image, const ConvTail& tail, Tensor* grid) const;
+    /// True where the kernels of blocked images (cpu_blocks.h) are the quicker ones.
+    bool takes_blocks() const;
+    /// True where these need an image in blocks; others read planes, too.
+    bool keeps_channels_apart() const;
+    /// The same with grid and residual, or null, in blocks.
+    void to_blocks(const ConvGeometry& geometry, const void* image, bool image_in_planes, const void* residual,
+                   RowEnd activation, void* grid) const;
     std::int64_t bytes() const;
 
   private:
+    template <typename T>
+    void lay_out_for_blocks(const ConvSum& sum, const Tensor* weight, const Tensor* bias);
+
     struct Laid;
+    struct ForBlocks;
     std::unique_ptr<Laid> laid_;
     std::unique_ptr<Tensor> plain_;  // where kernels read it as it is
+    std::unique_ptr<ForBlocks> for_blocks_;
 };
 
 /// What follows the bias, for a result that has it already.

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <utility>
 
+#include "conv_ends.h"
 #include "hardware/cpu/vector_chain.h"
 
 namespace ornik::device::cpu {
@@ -18,9 +19,15 @@ constexpr int lane_vectors = 2;  // of a panel
 /// Positions that go together: their sums, two weights and a source value fill the registers.
 constexpr int lane_positions = vec::vector_registers == 32 ? 14 : 6;
 
-/// One chain: for position q and lane i
-///     sum = sum over k < steps of weights[k * width + i] * slots[offsets[k] + q],
-/// stored to out[q * out_stride + i] or added to what is there; width is that of `Vectors` vectors.
+constexpr std::int64_t lane_pieces(std::int64_t positions) { return (positions + lane_positions - 1) / lane_positions; }
+
+/// The weights of a step, spread over so many chains.
+constexpr std::int64_t lane_share(std::int64_t width, std::int64_t chains) { return (width + chains - 1) / chains; }
+
+/// One chain: for position q, vector v and lane i of `width`, that of `Vectors` vectors,
+///     sum = sum over k < steps of weights[k * width + v * lanes + i] * slots[offsets[k] + q * Step],
+/// stored to out[v * vector_stride + q * out_stride + i], or added to what is there, and ended. Weights `ahead` are
+/// brought near meanwhile, `ahead_step` of them with every step.
 template <typename T>
 struct LaneChain {
     const T* slots;
@@ -30,9 +37,21 @@ struct LaneChain {
     bool first;
     T* out;
     std::int64_t out_stride;
+    std::int64_t vector_stride;
+    const T* ahead;
+    std::int64_t ahead_step;
+    LaneEnds<T> ends{};
+
+    /// Goes on to what is stored so many positions behind.
+    void pass(std::int64_t positions) {
+        out += positions * out_stride;
+        if (ends.residual != nullptr) {
+            ends.residual += positions * out_stride;
+        }
+    }
 };
 
-template <typename T, int Vectors, int Positions>
+template <typename T, int Vectors, int Step, int Positions>
 [[gnu::noinline]] void lane_chain(const LaneChain<T>& in) {
     using V = vec::Vector<T>;
     constexpr int width = Vectors * lane_width<T>;
@@ -48,9 +67,12 @@ template <typename T, int Vectors, int Positions>
         }
         const T* weights = in.weights;
         const T* const slots = in.slots;
+        const T* ahead = in.ahead;
+        const std::int64_t ahead_step = in.ahead_step;
         const std::int64_t* const end = in.offsets + in.steps;
-        for (const std::int64_t* offset = in.offsets; offset < end; ++offset, weights += width) {
+        for (const std::int64_t* offset = in.offsets; offset < end; ++offset, weights += width, ahead += ahead_step) {
             const T* values = slots + *offset;
+            vec::prefetch_near(ahead);
             typename Steps::Factor weight[Vectors];
             ORNIK_UNROLLED
             for (int v = 0; v < Vectors; ++v) {
@@ -58,7 +80,7 @@ template <typename T, int Vectors, int Positions>
             }
             ORNIK_UNROLLED
             for (int q = 0; q < Positions; ++q) {
-                const auto value = steps.weight(values[q]);
+                const auto value = steps.weight(values[q * Step]);
                 ORNIK_UNROLLED
                 for (int v = 0; v < Vectors; ++v) {
                     steps.add(value, weight[v], sums[v][q]);
@@ -69,13 +91,23 @@ template <typename T, int Vectors, int Positions>
             return false;
         }
         T* const out = in.out;
+        V totals[Vectors][Positions];
+        const bool first = in.first;
         ORNIK_UNROLLED
         for (int q = 0; q < Positions; ++q) {
             ORNIK_UNROLLED
             for (int v = 0; v < Vectors; ++v) {
-                T* to = out + q * in.out_stride + v * lane_width<T>;
                 const V sum = steps.value(sums[v][q]);
-                vec::store(in.first ? sum : vec::load<V>(to) + sum, to);
+                const T* to = out + v * in.vector_stride + q * in.out_stride;
+                totals[v][q] = first ? sum : vec::load<V>(to) + sum;
+            }
+        }
+        end_lanes(in.ends, totals, in.vector_stride, in.out_stride);
+        ORNIK_UNROLLED
+        for (int q = 0; q < Positions; ++q) {
+            ORNIK_UNROLLED
+            for (int v = 0; v < Vectors; ++v) {
+                vec::store(totals[v][q], out + v * in.vector_stride + q * in.out_stride);
             }
         }
         return true;
@@ -85,32 +117,33 @@ template <typename T, int Vectors, int Positions>
 template <typename T>
 using LaneChainFunction = void (*)(const LaneChain<T>&);
 
-template <typename T, int Vectors, int... Position>
+template <typename T, int Vectors, int Step, int... Position>
 constexpr std::array<LaneChainFunction<T>, sizeof...(Position)> lane_chains_of(
     std::integer_sequence<int, Position...> /*positions*/) {
-    return {&lane_chain<T, Vectors, Position + 1>...};
+    return {&lane_chain<T, Vectors, Step, Position + 1>...};
 }
 
 /// Runs the chains of `count` neighbouring positions, cut evenly.
-template <typename T, int Vectors>
-void run_lane_chains(LaneChain<T> chain, std::int64_t count) {
-    static constexpr auto chains = lane_chains_of<T, Vectors>(std::make_integer_sequence<int, lane_positions>());
-    for (std::int64_t pieces = (count + lane_positions - 1) / lane_positions; pieces > 0; --pieces) {
+template <typename T, int Vectors, int Step>
+void run_lane_chains(LaneChain<T>& chain, std::int64_t count) {
+    static constexpr auto chains = lane_chains_of<T, Vectors, Step>(std::make_integer_sequence<int, lane_positions>());
+    for (std::int64_t pieces = lane_pieces(count); pieces > 0; --pieces) {
         const std::int64_t piece = (count + pieces - 1) / pieces;
         chains[static_cast<std::size_t>(piece - 1)](chain);
-        chain.slots += piece;
-        chain.out += piece * chain.out_stride;
+        chain.slots += piece * Step;
+        chain.pass(piece);
+        chain.ahead += chain.steps * chain.ahead_step;
         count -= piece;
     }
 }
 
-/// For panels of one vector or two.
-template <typename T>
-void run_lane_chains(const LaneChain<T>& chain, std::int64_t width, std::int64_t count) {
+/// For panels of one vector or two. The chain goes on behind the positions.
+template <typename T, int Step = 1>
+void run_lane_chains(LaneChain<T>& chain, std::int64_t width, std::int64_t count) {
     if (width > lane_width<T>) {
-        run_lane_chains<T, lane_vectors>(chain, count);
+        run_lane_chains<T, lane_vectors, Step>(chain, count);
     } else {
-        run_lane_chains<T, 1>(chain, count);
+        run_lane_chains<T, 1, Step>(chain, count);
     }
 }
 

@@ -29,17 +29,6 @@ class LaneSum {
         return sum.source_channels > 0 && 4 * sum.target_channels >= 3 * lanes;
     }
 
-    /// The weights of all taps, as they are laid out.
-    static LaneWeights<T> weights_of(const ConvSum& sum, std::vector<std::int64_t> kernels, const T* weight) {
-        return {sum,
-                std::move(kernels),
-                sum.kernel_elements,
-                conv_block_channels(sum.source_channels, sum.kernel_elements),
-                lane_width<T>,
-                panel,
-                weight};
-    }
-
     /// `prepared` are weights_of() laid out already, or null.
     LaneSum(const ConvPass& pass, const ConvSum& sum, const T* source, const T* weight, const T* prepared,
             const ConvEnds<T>& ends, T* target)
@@ -53,7 +42,7 @@ class LaneSum {
           samples_(plan_.tiles() > 1 ? 1 : std::clamp<std::int64_t>(most_positions / positions(), 1, sum.batch)),
           sets_((sum.batch + samples_ - 1) / samples_),
           block_channels_(conv_block_channels(sum.source_channels, sum.kernel_elements)),
-          weights_(weights_of(sum, plan_.kernels, weight)),
+          weights_(lane_weights(sum, plan_.kernels, weight)),
           prepared_(prepared),
           laid_out_(prepared == nullptr && sets_ * plan_.tiles() > 1 ? std::make_unique<Scratch<T>>(weights_.size())
                                                                      : nullptr),
@@ -99,17 +88,24 @@ class LaneSum {
             }
             for (std::int64_t target = first; target < end; target += panel) {
                 const T* weights = workspace.weights.get();
+                const T* ahead = weights;
                 if (prepared_ != nullptr) {
                     weights = prepared_ + weights_.place(group, block, target);
+                    ahead = prepared_ + weights_.place_after(group, block, target, first, end);
                 } else {
                     weights_.write_panel(group, block, target, workspace.weights.get());
                 }
-                const Panel out{block, target, std::min(target + panel, end) - target,
-                                totals(workspace, target - first)};
+                const Panel out{block,
+                                target,
+                                std::min(target + panel, end) - target,
+                                totals(workspace, target - first),
+                                weights,
+                                ahead,
+                                ahead == weights ? 0 : lane_share(weights_.width_at(target), samples * chains(tile))};
                 for (std::int64_t s = 0; s < samples; ++s) {
                     const T* slots =
                         unstaged_ ? planes + s * sample_step + tile.col : workspace.slots.get() + s * sample_slots();
-                    add_block(tile, slots, s, (first_sample + s) * sum_.groups + group, weights, out, workspace);
+                    add_block(tile, slots, s, (first_sample + s) * sum_.groups + group, out, workspace);
                 }
             }
         }
@@ -130,9 +126,10 @@ class LaneSum {
         std::int64_t target;
         std::int64_t channels;
         T* totals;
+        const T* weights;
+        const T* ahead;
+        std::int64_t ahead_step;
     };
-
-    static std::int64_t round_up(std::int64_t count, std::int64_t unit) { return (count + unit - 1) / unit * unit; }
 
     static StagePlan plan_for(const ConvPass& pass, const ConvSum& sum) {
         const std::int64_t channels = conv_block_channels(sum.source_channels, sum.kernel_elements);
@@ -157,6 +154,12 @@ class LaneSum {
 
     std::int64_t positions() const { return plan_.tile.rows * plan_.tile.cols; }
     std::int64_t sample_slots() const { return block_channels_ * plan_.plane; }
+    // Rows follow each other without slots between them.
+    bool gapless(const Tile& tile) const { return plan_.slot_row == tile.cols; }
+    // About the chains of a panel and sample.
+    std::int64_t chains(const Tile& tile) const {
+        return gapless(tile) ? lane_pieces(tile.positions()) : tile.rows * lane_pieces(tile.cols);
+    }
     // Whole rows of a tile, or a part of its only one.
     std::int64_t written_rows() const { return std::max<std::int64_t>(1, written_positions / plan_.tile.cols); }
     std::int64_t written_cols() const {
@@ -168,11 +171,20 @@ class LaneSum {
     }
 
     // The tile of one sample, which is written as soon as it is whole.
-    void add_block(const Tile& tile, const T* slots, std::int64_t s, std::int64_t part, const T* weights,
-                   const Panel& out, const Workspace<T>& workspace) const {
+    void add_block(const Tile& tile, const T* slots, std::int64_t s, std::int64_t part, const Panel& out,
+                   const Workspace<T>& workspace) const {
         const std::int64_t width = weights_.width_at(out.target);
-        LaneChain<T> chain{nullptr,        offsets_.data(), weights, weights_.steps_of(out.block),
-                           out.block == 0, nullptr,         width};
+        LaneChain<T> chain{nullptr,
+                           offsets_.data(),
+                           out.weights,
+                           weights_.steps_of(out.block),
+                           out.block == 0,
+                           nullptr,
+                           width,
+                           lane_width<T>,
+                           out.ahead + s * chains(tile) * weights_.steps_of(out.block) * out.ahead_step,
+                           out.ahead_step,
+                           {}};
         for (std::int64_t row = 0; row < tile.rows; row += written_rows()) {
             for (std::int64_t col = 0; col < tile.cols; col += written_cols()) {
                 Tile piece = tile;
@@ -184,14 +196,13 @@ class LaneSum {
                 if (weights_.blocks() > 1) {
                     totals += (s * tile.positions() + row * tile.cols + col) * width;
                 }
-                const bool gapless = plan_.slot_row == tile.cols;
-                const std::int64_t rows = gapless ? 1 : piece.rows;
-                const std::int64_t cols = gapless ? piece.positions() : piece.cols;
+                const std::int64_t rows = gapless(tile) ? 1 : piece.rows;
+                const std::int64_t cols = gapless(tile) ? piece.positions() : piece.cols;
                 chain.out = totals;
                 if (in_place_ && out.block + 1 == weights_.blocks()) {
                     prefetch(piece, part, out);
                 }
-                for (std::int64_t r = 0; r < rows; ++r, chain.out += cols * width) {
+                for (std::int64_t r = 0; r < rows; ++r) {
                     chain.slots = slots + (row + r) * plan_.slot_row + col;
                     run_lane_chains(chain, width, cols);
                 }

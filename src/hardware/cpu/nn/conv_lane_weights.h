@@ -4,8 +4,11 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <numeric>
 #include <vector>
 
+#include "conv_lane_kernel.h"
+#include "conv_order.h"
 #include "conv_transpose.h"
 #include "cpu_conv_kernels.h"
 #include "hardware/parallel.h"
@@ -49,6 +52,19 @@ class LaneWeights {
     /// Where a panel's block lies among them all.
     std::int64_t place(std::int64_t group, std::int64_t block, std::int64_t target) const {
         return group * group_size() + lanes_ * block * steps_of(0) + target * steps_of(block);
+    }
+
+    /// The place of what is read after a panel's block: the next panel of the targets from `first` to `end`, the next
+    /// block of the first one, or the panel that the next targets start with. Without any, its own.
+    std::int64_t place_after(std::int64_t group, std::int64_t block, std::int64_t target, std::int64_t first,
+                             std::int64_t end) const {
+        if (target + panel_ < end) {
+            return place(group, block, target + panel_);
+        }
+        if (block + 1 < blocks_) {
+            return place(group, block + 1, first);
+        }
+        return end < sum_.target_channels ? place(group, 0, end) : place(group, block, target);
     }
 
     /// True when a target's weights lie in the order of the steps where they are.
@@ -124,6 +140,26 @@ class LaneWeights {
     std::int64_t lanes_;
     const T* weight_;
 };
+
+/// Of the taps that have these positions in the kernel, for lane chains.
+template <typename T>
+LaneWeights<T> lane_weights(const ConvSum& sum, std::vector<std::int64_t> kernels, const T* weight) {
+    return {sum,
+            std::move(kernels),
+            sum.kernel_elements,
+            conv_block_channels(sum.source_channels, sum.kernel_elements),
+            lane_width<T>,
+            lane_vectors * lane_width<T>,
+            weight};
+}
+
+/// Of all the kernel, as a grid pass has its taps.
+template <typename T>
+LaneWeights<T> lane_weights(const ConvSum& sum, const T* weight) {
+    std::vector<std::int64_t> kernels(static_cast<std::size_t>(sum.kernel_elements));
+    std::iota(kernels.begin(), kernels.end(), 0);
+    return lane_weights(sum, std::move(kernels), weight);
+}
 
 }  // namespace
 }  // namespace ornik::device::cpu

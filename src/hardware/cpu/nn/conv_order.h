@@ -22,4 +22,6 @@ inline std::int64_t conv_block_channels(std::int64_t source_channels, std::int64
     return std::min(std::max<std::int64_t>(1, source_channels), static_cast<std::int64_t>(std::bit_floor(fitting)));
 }
 
+inline std::int64_t round_up(std::int64_t count, std::int64_t unit) { return (count + unit - 1) / unit * unit; }
+
 }  // namespace ornik::device::cpu

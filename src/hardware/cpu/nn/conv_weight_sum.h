@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "conv_lane_kernel.h"
+#include "conv_order.h"
 #include "conv_stage.h"
 #include "conv_transpose.h"
 #include "conv_weight_blocks.h"
@@ -81,8 +82,6 @@ class WeightSum {
     static constexpr std::int64_t most_lanes = 128;   // of an item
     static constexpr std::int64_t most_values = 128;  // channels of an item, where they go tap by tap
 
-    static std::int64_t round_up(std::int64_t count, std::int64_t unit) { return (count + unit - 1) / unit * unit; }
-
     // What a worker needs: the lanes' panels, what is broadcast, and the planes that either comes from.
     struct Buffers {
         explicit Buffers(const WeightSum& sum)
@@ -150,17 +149,21 @@ class WeightSum {
                                    steps,
                                    unit == units.begin,
                                    out + lane * rows(),
-                                   width};
+                                   width,
+                                   lane_width<T>,
+                                   buffers.lanes.get(),
+                                   0};
                 if (!by_tap()) {
                     run_lane_chains(chain, width, values.size());
                     continue;
                 }
                 chain.out += values.begin * taps_ * width;
                 chain.out_stride = taps_ * width;
-                for (const std::int64_t tap : plan_.taps) {
-                    chain.slots = buffers.values.get() + tap * value_pitch();
+                T* const first = chain.out;
+                for (std::size_t tap = 0; tap < plan_.taps.size(); ++tap) {
+                    chain.slots = buffers.values.get() + plan_.taps[tap] * value_pitch();
+                    chain.out = first + static_cast<std::int64_t>(tap) * width;
                     run_lane_chains(chain, width, values.size());
-                    chain.out += width;
                 }
             }
         }

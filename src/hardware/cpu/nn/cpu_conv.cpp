@@ -4,10 +4,12 @@
 #include <algorithm>
 #include <complex>
 
+#include "conv_order.h"
 #include "cpu_conv_kernels.h"
 #include "hardware/cpu/copy/cpu_core.h"
 #include "hardware/cpu/copy/element_convert.h"
 #include "hardware/cpu/dispatch.h"
+#include "hardware/cpu/nn/cpu_blocks.h"
 #include "hardware/parallel.h"
 #include "hardware/scratch.h"
 
@@ -83,12 +85,16 @@ ConvSum grid_sum(const ConvGeometry& geometry, bool conjugate) {
 }
 
 template <typename T>
+ConvEnds<T> ends_of(const T* bias, const T* residual, RowEnd activation, std::int64_t dtype) {
+    const bool any = activation != RowEnd::none;
+    const ConvClip clip = activation == RowEnd::relu    ? ConvClip::relu
+                          : activation == RowEnd::relu6 ? ConvClip::relu6
+                                                        : ConvClip::none;
+    return {bias, residual, any ? row_end(dtype, activation) : nullptr, clip};
+}
+template <typename T>
 ConvEnds<T> ends_of(const ConvTail& tail, std::int64_t dtype) {
-    const bool any = tail.activation != RowEnd::none;
-    const ConvClip clip = tail.activation == RowEnd::relu    ? ConvClip::relu
-                          : tail.activation == RowEnd::relu6 ? ConvClip::relu6
-                                                             : ConvClip::none;
-    return {data<T>(tail.bias), data<T>(tail.residual), any ? row_end(dtype, tail.activation) : nullptr, clip};
+    return ends_of(data<T>(tail.bias), data<T>(tail.residual), tail.activation, dtype);
 }
 
 }  // namespace
@@ -109,13 +115,27 @@ void conv_to_grid(const ConvGeometry& full, const Tensor* image, const Tensor* w
 struct FixedConvWeight::Laid {
     explicit Laid(std::int64_t size) : memory(size), bytes(size) {}
     Scratch<unsigned char> memory;
+    template <typename T>
+    T* as() const {
+        return reinterpret_cast<T*>(memory.get());
+    }
     std::int64_t bytes;
 };
 
-FixedConvWeight::FixedConvWeight(const ConvGeometry& geometry, const Tensor* weight) {
+struct FixedConvWeight::ForBlocks {
+    std::int64_t dtype;
+    BlockKernel kernel;
+    std::unique_ptr<Laid> depth;  // weights of channels apart
+    std::unique_ptr<Laid> bias;   // in whole vectors
+};
+
+FixedConvWeight::FixedConvWeight(const ConvGeometry& geometry, const Tensor* weight, const Tensor* bias) {
     const ConvSum sum = grid_sum(geometry, false);
     with_compute_type(weight, [&]<typename T>() {
         const std::int64_t size = laid_out_size<T>(sum);
+        if constexpr (std::is_floating_point_v<T>) {
+            lay_out_for_blocks<T>(sum, weight, bias);
+        }
         if (size == 0 || sum.kernel_elements == 1) {  // Products of large planes take it as it is.
             plain_.reset(weight->clone());
         }
@@ -123,7 +143,7 @@ FixedConvWeight::FixedConvWeight(const ConvGeometry& geometry, const Tensor* wei
             return;
         }
         laid_ = std::make_unique<Laid>(size * static_cast<std::int64_t>(sizeof(T)));
-        lay_out_weights(sum, data<T>(weight), reinterpret_cast<T*>(laid_->memory.get()));
+        lay_out_weights(sum, data<T>(weight), laid_->as<T>());
     });
 }
 
@@ -136,14 +156,52 @@ void FixedConvWeight::to_grid(const ConvGeometry& full, const Tensor* image, con
     const ConvGeometry geometry = with_long_columns(full);
     const ConvSum sum = grid_sum(geometry, false);
     with_compute_type(image, [&]<typename T>() {
-        const T* laid_out = laid_ ? reinterpret_cast<const T*>(laid_->memory.get()) : nullptr;
+        const T* laid_out = laid_ ? laid_->as<const T>() : nullptr;
         run_conv_sum<T>({grid_pass(geometry)}, sum, data<T>(image), data<T>(plain_.get()), laid_out,
                         ends_of<T>(tail, image->Dtype()), static_cast<T*>(grid->getRawData()));
     });
 }
 
+template <typename T>
+void FixedConvWeight::lay_out_for_blocks(const ConvSum& sum, const Tensor* weight, const Tensor* bias) {
+    constexpr auto item = static_cast<std::int64_t>(sizeof(T));
+    const BlockKernel kernel = block_kernel<T>(sum);
+    if (kernel == BlockKernel::none) {
+        return;
+    }
+    for_blocks_ = std::make_unique<ForBlocks>(ForBlocks{weight->Dtype(), kernel, nullptr, nullptr});
+    if (kernel == BlockKernel::each) {
+        for_blocks_->depth = std::make_unique<Laid>(depth_weights_size<T>(sum) * item);
+        lay_out_depth_weights(sum, data<T>(weight), for_blocks_->depth->as<T>());
+    }
+    if (bias != nullptr) {
+        const std::int64_t count = round_up(bias->Size(), block_lanes(weight->Dtype()));
+        for_blocks_->bias = std::make_unique<Laid>(count * item);
+        std::fill_n(for_blocks_->bias->as<T>(), count, T(0));
+        std::copy_n(data<T>(bias), bias->Size(), for_blocks_->bias->as<T>());
+    }
+}
+
+bool FixedConvWeight::takes_blocks() const { return for_blocks_ != nullptr; }
+bool FixedConvWeight::keeps_channels_apart() const { return for_blocks_ && for_blocks_->kernel == BlockKernel::each; }
+
+void FixedConvWeight::to_blocks(const ConvGeometry& full, const void* image, bool image_in_planes, const void* residual,
+                                RowEnd activation, void* grid) const {
+    const ConvGeometry geometry = with_long_columns(full);
+    const ConvSum sum = grid_sum(geometry, false);
+    dispatch(FloatTypes{}, for_blocks_->dtype, [&]<typename T>() {
+        const Laid& weights = keeps_channels_apart() ? *for_blocks_->depth : *laid_;
+        const T* bias = for_blocks_->bias ? for_blocks_->bias->as<const T>() : nullptr;
+        run_block_sum(grid_pass(geometry), sum, static_cast<const T*>(image), image_in_planes, weights.as<const T>(),
+                      ends_of(bias, static_cast<const T*>(residual), activation, for_blocks_->dtype),
+                      static_cast<T*>(grid));
+    });
+}
+
 std::int64_t FixedConvWeight::bytes() const {
-    return (laid_ ? laid_->bytes : 0) + (plain_ ? plain_->Size() * dtype_item_size(plain_->Dtype()) : 0);
+    const auto of = [](const std::unique_ptr<Laid>& laid) { return laid ? laid->bytes : 0; };
+    return of(laid_) + (plain_ ? plain_->Size() * dtype_item_size(plain_->Dtype()) : 0) +
+           (for_blocks_ ? of(for_blocks_->depth) + of(for_blocks_->bias) : 0);
 }
 
 void conv_finish(const ConvTail& tail, Tensor* result) {

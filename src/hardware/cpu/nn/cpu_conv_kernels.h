@@ -65,6 +65,22 @@ std::int64_t laid_out_size(const ConvSum& sum);
 template <typename T>
 void lay_out_weights(const ConvSum& sum, const T* weight, T* to);
 
+/// What sums blocked images: of all channels, or of each alone.
+enum class BlockKernel { none, all, each };
+template <typename T>
+BlockKernel block_kernel(const ConvSum& sum);
+
+/// One pass of a grid. The target and its residual lie in blocks, the source does unless it lies in planes; a bias
+/// fills whole vectors. `laid_out` are the weights of lay_out_weights(), for channels alone those of
+/// lay_out_depth_weights(), whose source is in blocks.
+template <typename T>
+void run_block_sum(const ConvPass& pass, const ConvSum& sum, const T* source, bool from_planes, const T* laid_out,
+                   const ConvEnds<T>& ends, T* target);
+template <typename T>
+std::int64_t depth_weights_size(const ConvSum& sum);
+template <typename T>
+void lay_out_depth_weights(const ConvSum& sum, const T* weight, T* to);
+
 /// weight = sum over samples and positions of grid * conj(image); `pass` is the geometry's grid pass.
 template <typename T>
 void run_conv_weight(const ConvPass& pass, const ConvGeometry& geometry, const T* image, const T* grid,

@@ -1,7 +1,5 @@
 // cpu_conv_sum_vector.cpp: sums over taps and source channels. No column matrix exists: what is staged of the source
 // serves all the taps that reach it.
-#include <numeric>
-
 #include "conv_depth_sum.h"
 #include "conv_lane_sum.h"
 #include "conv_row_sum.h"
@@ -37,13 +35,6 @@ void split_weights(const ConvSum& sum, const T* weight, Real<T>* to) {
             }
         }
     }
-}
-
-// The taps of a grid pass.
-std::vector<std::int64_t> all_kernels(const ConvSum& sum) {
-    std::vector<std::int64_t> kernels(static_cast<std::size_t>(sum.kernel_elements));
-    std::iota(kernels.begin(), kernels.end(), 0);
-    return kernels;
 }
 
 // Planes that are so large that products read them where they are. Their chains are those of conv_order.h where both
@@ -109,7 +100,7 @@ void run_conv_sum(const std::vector<ConvPass>& passes, const ConvSum& sum, const
 template <typename T>
 std::int64_t laid_out_size(const ConvSum& sum) {
     if constexpr (parts<T> == 1) {
-        return LaneSum<T>::suits(sum) ? LaneSum<T>::weights_of(sum, all_kernels(sum), nullptr).size() : 0;
+        return LaneSum<T>::suits(sum) ? lane_weights<T>(sum, nullptr).size() : 0;
     }
     return 0;
 }
@@ -117,7 +108,7 @@ std::int64_t laid_out_size(const ConvSum& sum) {
 template <typename T>
 void lay_out_weights(const ConvSum& sum, const T* weight, T* to) {
     if constexpr (parts<T> == 1) {
-        LaneSum<T>::weights_of(sum, all_kernels(sum), weight).write(to);
+        lane_weights(sum, weight).write(to);
     }
 }
 

@@ -1,0 +1,248 @@
+// conv_block_depth.h: sums over taps alone, of blocked images (cpu_blocks.h) whose channels stay apart. Internal; for
+// *_vector.cpp alone.
+//
+// A vector holds the channels of one position. Nothing is staged: where a row of the source ends, or there is none, a
+// row of zeros is read.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <utility>
+#include <vector>
+
+#include "conv_ends.h"
+#include "conv_pass.h"
+#include "hardware/cpu/vector_chain.h"
+#include "hardware/parallel.h"
+#include "hardware/scratch.h"
+
+namespace ornik::device::cpu {
+namespace {
+
+/// For positions q, side by side, sum over rows i and columns j, in order, of
+///     weights[i * cols + j] * rows[i][q * step + offsets[j]]
+/// where all but `rows` counts vectors; ended and stored.
+template <typename T>
+struct DepthChain {
+    const T* const* rows;
+    std::int64_t row_count;
+    const std::int64_t* offsets;
+    std::int64_t col_count;
+    std::int64_t step;
+    std::int64_t first;  // added to all offsets
+    const T* weights;
+    T* out;
+    LaneEnds<T> ends;
+};
+
+constexpr int depth_positions = 6;  // that go together
+
+/// Cols > 0: so many neighbouring columns, a step apart for neighbouring positions; 0: any.
+template <typename T, int Cols, int Step, int Positions>
+[[gnu::noinline]] void depth_chain(const DepthChain<T>& in) {
+    using V = vec::Vector<T>;
+    constexpr int width = vec::lanes<T>;
+    vec::run_chains<T>([&](auto steps) ORNIK_EXPANDED {
+        using Steps = decltype(steps);
+        typename Steps::Sum sums[1][Positions];
+        ORNIK_UNROLLED
+        for (int q = 0; q < Positions; ++q) {
+            sums[0][q] = steps.from(V{});
+        }
+        const T* weights = in.weights;
+        for (std::int64_t i = 0; i < in.row_count; ++i) {
+            if constexpr (Cols > 0) {
+                const T* const row = in.rows[i] + (in.first + in.offsets[0]) * width;
+                typename Steps::Factor weight[Cols];
+                ORNIK_UNROLLED
+                for (int j = 0; j < Cols; ++j) {
+                    weight[j] = steps.weight(vec::load<V>(weights + j * width));
+                }
+                weights += Cols * width;
+                // Every value is read once; each position meets its columns in order.
+                ORNIK_UNROLLED
+                for (int k = 0; k < (Positions - 1) * Step + Cols; ++k) {
+                    const auto value = steps.factor(vec::load<V>(row + k * width));
+                    ORNIK_UNROLLED
+                    for (int j = 0; j < Cols; ++j) {
+                        const int q = (k - j) / Step;
+                        if (k >= j && (k - j) % Step == 0 && q < Positions) {
+                            steps.add(weight[j], value, sums[0][q]);
+                        }
+                    }
+                }
+            } else {
+                for (std::int64_t j = 0; j < in.col_count; ++j, weights += width) {
+                    const T* const row = in.rows[i] + (in.first + in.offsets[j]) * width;
+                    const auto weight = steps.weight(vec::load<V>(weights));
+                    ORNIK_UNROLLED
+                    for (int q = 0; q < Positions; ++q) {
+                        steps.add(weight, steps.factor(vec::load<V>(row + q * in.step * width)), sums[0][q]);
+                    }
+                }
+            }
+        }
+        if (!steps.vouches_for(sums)) {
+            return false;
+        }
+        V totals[1][Positions];
+        ORNIK_UNROLLED
+        for (int q = 0; q < Positions; ++q) {
+            totals[0][q] = steps.value(sums[0][q]);
+        }
+        end_lanes(in.ends, totals, 0, width);
+        ORNIK_UNROLLED
+        for (int q = 0; q < Positions; ++q) {
+            vec::store(totals[0][q], in.out + q * width);
+        }
+        return true;
+    });
+}
+
+template <typename T>
+using DepthChainFunction = void (*)(const DepthChain<T>&);
+template <typename T>
+using DepthChains = std::array<DepthChainFunction<T>, depth_positions>;
+
+template <typename T, int Cols, int Step, int... Position>
+constexpr DepthChains<T> depth_chains_of(std::integer_sequence<int, Position...> /*positions*/) {
+    return {&depth_chain<T, Cols, Step, Position + 1>...};
+}
+
+/// Those for a number of columns that are `dilation` apart.
+template <typename T>
+const DepthChains<T>& depth_chains(std::int64_t cols, std::int64_t dilation, std::int64_t step) {
+    constexpr auto positions = std::make_integer_sequence<int, depth_positions>();
+    static constexpr auto any = depth_chains_of<T, 0, 0>(positions);
+    static constexpr auto three = depth_chains_of<T, 3, 1>(positions);
+    static constexpr auto three_apart = depth_chains_of<T, 3, 2>(positions);
+    static constexpr auto five = depth_chains_of<T, 5, 1>(positions);
+    static constexpr auto five_apart = depth_chains_of<T, 5, 2>(positions);
+    if (dilation != 1 || step > 2) {
+        return any;
+    }
+    return cols == 3 ? (step == 1 ? three : three_apart) : cols == 5 ? (step == 1 ? five : five_apart) : any;
+}
+
+template <typename T>
+class BlockDepth {
+  public:
+    /// weights[(group of lanes * taps + tap) * lanes]; a bias fills whole vectors.
+    BlockDepth(const ConvPass& pass, std::int64_t batch, std::int64_t groups, const T* source, const T* weights,
+               const ConvEnds<T>& ends, T* target)
+        : pass_(pass),
+          images_(batch * groups),
+          groups_(groups),
+          source_(source),
+          weights_(weights),
+          ends_(ends),
+          target_(target) {
+        for (const PassAxis::Tap& tap : pass.cols.taps) {
+            offsets_.push_back(tap.offset);
+        }
+        const auto [least, most] = std::minmax_element(offsets_.begin(), offsets_.end());
+        const std::int64_t step = pass.cols.step;
+        const std::int64_t reach = pass.cols.source - 1 - *most;
+        inside_ = std::min(pass.cols.positions, *least >= 0 ? 0 : (-*least + step - 1) / step);
+        outside_ = std::max(inside_, reach < 0 ? 0 : std::min(pass.cols.positions, reach / step + 1));
+        const std::int64_t dilation = offsets_.size() > 1 ? offsets_[1] - offsets_[0] : 1;
+        chains_ = &depth_chains<T>(static_cast<std::int64_t>(offsets_.size()), dilation, step);
+    }
+
+    void run() const {
+        const std::int64_t rows = pass_.rows.positions;
+        const std::int64_t work = pass_.cols.positions * pass_.taps() * width;
+        parallel_for(images_ * rows, 1, std::max<std::int64_t>(2, conv_grain / work),
+                     [&](std::int64_t begin, std::int64_t end) {
+                         const Scratch<T> zeros(pass_.cols.source * width);
+                         std::fill_n(zeros.get(), pass_.cols.source * width, T(0));
+                         std::vector<const T*> near(pass_.rows.taps.size());
+                         std::vector<const T*> taps(static_cast<std::size_t>(pass_.taps()));
+                         for (std::int64_t i = begin; i < end; ++i) {
+                             run_row(i / rows, i % rows, zeros.get(), near, taps);
+                         }
+                     });
+    }
+
+  private:
+    static constexpr std::int64_t width = vec::lanes<T>;
+
+    void run_row(std::int64_t image, std::int64_t y, const T* zeros, std::vector<const T*>& near,
+                 std::vector<const T*>& taps) const {
+        const T* plane = source_ + image * pass_.source_plane() * width;
+        for (std::size_t i = 0; i < near.size(); ++i) {
+            const std::int64_t at = y * pass_.rows.step + pass_.rows.taps[i].offset;
+            near[i] = at < 0 || at >= pass_.rows.source ? zeros : plane + at * pass_.cols.source * width;
+        }
+        const std::int64_t group = image % groups_;
+        const std::int64_t place = (image * pass_.rows.positions + y) * pass_.cols.positions * width;
+        DepthChain<T> chain{near.data(),
+                            static_cast<std::int64_t>(near.size()),
+                            offsets_.data(),
+                            static_cast<std::int64_t>(offsets_.size()),
+                            pass_.cols.step,
+                            0,
+                            weights_ + group * pass_.taps() * width,
+                            nullptr,
+                            {}};
+        for (std::int64_t x = 0; x < inside_; ++x) {
+            run_edge(chain, place, x, zeros, taps);
+        }
+        std::int64_t x = inside_;
+        for (std::int64_t pieces = (outside_ - x + depth_positions - 1) / depth_positions; pieces > 0; --pieces) {
+            const std::int64_t piece = (outside_ - x + pieces - 1) / pieces;
+            chain.first = x * pass_.cols.step;
+            go_to(chain, place + x * width);
+            (*chains_)[static_cast<std::size_t>(piece - 1)](chain);
+            x += piece;
+        }
+        for (; x < pass_.cols.positions; ++x) {
+            run_edge(chain, place, x, zeros, taps);
+        }
+        if (ends_.row != nullptr && ends_.clip == ConvClip::none) {
+            ends_.row(target_ + place, pass_.cols.positions * width);
+        }
+    }
+
+    void go_to(DepthChain<T>& chain, std::int64_t place) const {
+        const std::int64_t group = place / width / pass_.target_plane() % groups_;
+        chain.out = target_ + place;
+        chain.ends = {ends_.bias == nullptr ? nullptr : ends_.bias + group * width,
+                      ends_.residual == nullptr ? nullptr : ends_.residual + place, ends_.clip};
+    }
+
+    // A position some of whose columns are not there: every tap is a row of its own.
+    void run_edge(DepthChain<T> chain, std::int64_t place, std::int64_t x, const T* zeros,
+                  std::vector<const T*>& taps) const {
+        static constexpr std::int64_t none = 0;
+        const T** tap = taps.data();
+        for (std::int64_t i = 0; i < chain.row_count; ++i) {
+            for (const std::int64_t offset : offsets_) {
+                const std::int64_t at = x * pass_.cols.step + offset;
+                *tap++ = at < 0 || at >= pass_.cols.source ? zeros : chain.rows[i] + at * width;
+            }
+        }
+        chain.rows = taps.data();
+        chain.row_count = pass_.taps();
+        chain.offsets = &none;
+        chain.col_count = 1;
+        chain.first = 0;
+        go_to(chain, place + x * width);
+        depth_chain<T, 0, 0, 1>(chain);
+    }
+
+    const ConvPass& pass_;
+    std::int64_t images_;  // of a vector of channels
+    std::int64_t groups_;
+    const T* source_;
+    const T* weights_;
+    ConvEnds<T> ends_;
+    T* target_;
+    std::vector<std::int64_t> offsets_;  // per column of the kernel
+    std::int64_t inside_;                // the positions whose columns are all there
+    std::int64_t outside_;               // behind them
+    const DepthChains<T>* chains_;
+};
+
+}  // namespace
+}  // namespace ornik::device::cpu
