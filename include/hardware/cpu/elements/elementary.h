@@ -247,7 +247,10 @@ ORNIK_IN_PLACE double log1p(double x) {
 
 // ---- Circular functions of single-precision arguments up to circular_limit: x = k pi / 2 + r ----
 
-inline constexpr float circular_limit = 0x1p16F;
+template <typename T>
+inline constexpr T circular_limit{};
+template <>
+inline constexpr float circular_limit<float> = 0x1p16F;
 
 ORNIK_IN_PLACE float negated_if(std::uint32_t bit, float x) {
     return std::bit_cast<float>(std::bit_cast<std::uint32_t>(x) ^ (bit << 31));
