@@ -5,7 +5,7 @@
 
 #include "hardware/cpu/any_scalar.h"
 #include "hardware/cpu/dispatch.h"
-#include "hardware/cpu/elements/elementary_double.h"
+#include "hardware/cpu/elements/called_functions.h"
 #include "ktensor/impl.h"
 #include "ktensor/ktensor.h"
 #include "ktensor/operands.h"
@@ -187,7 +187,7 @@ KTensor KTensor::linspace(double start, double end, std::int64_t count, std::int
 }
 
 KTensor KTensor::logspace(double start, double end, std::int64_t count, double base, std::int64_t dtype) {
-    return spaced("logspace", start, end, count, dtype, [=](double x) { return elementary::pow(base, x); });
+    return spaced("logspace", start, end, count, dtype, [=](double x) { return elementary::called::pow(base, x); });
 }
 
 KTensor KTensor::eye(std::int64_t rows, std::int64_t columns, std::int64_t offset, std::int64_t dtype) {

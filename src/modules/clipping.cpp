@@ -3,7 +3,7 @@
 
 #include <cmath>
 
-#include "hardware/cpu/elements/elementary_double.h"
+#include "hardware/cpu/elements/called_functions.h"
 #include "ktensor/arithmetic.h"
 #include "ktensor/autograd.h"
 #include "ktensor/elements.h"
@@ -24,7 +24,7 @@ double clip_grad_norm(const std::vector<KTensor>& parameters, double max_norm, b
         const double norm = infinity ? astype(max(abs(gradient)), dtype::float64).item<double>()
                                      : astype(l2_norm(gradient), dtype::float64).item<double>();
         // NaN stays.
-        total = infinity ? (norm > total || std::isnan(norm) ? norm : total) : elementary::hypot(total, norm);
+        total = infinity ? (norm > total || std::isnan(norm) ? norm : total) : elementary::called::hypot(total, norm);
         gradients.push_back(std::move(gradient));
     }
     if (const double factor = max_norm / (total + 1e-6); factor < 1) {

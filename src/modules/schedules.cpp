@@ -6,7 +6,7 @@
 #include <limits>
 #include <numbers>
 
-#include "hardware/cpu/elements/elementary_double.h"
+#include "hardware/cpu/elements/called_functions.h"
 #include "utils/error.h"
 
 namespace ornik {
@@ -21,7 +21,7 @@ void check_total(const char* name, std::int64_t total) {
 
 // From a to b along half a cosine.
 double along_cosine(double a, double b, double part) {
-    return b + (a - b) / 2 * (1 + elementary::cos(std::numbers::pi * part));
+    return b + (a - b) / 2 * (1 + elementary::called::cos(std::numbers::pi * part));
 }
 
 }  // namespace
@@ -54,7 +54,7 @@ StepSchedule::StepSchedule(Optimizer& optimizer, std::int64_t size, double gamma
 }
 
 double StepSchedule::rate(double base, std::int64_t steps) const {
-    return base * elementary::pow(gamma_, static_cast<double>(steps / size_));
+    return base * elementary::called::pow(gamma_, static_cast<double>(steps / size_));
 }
 
 CosineSchedule::CosineSchedule(Optimizer& optimizer, std::int64_t total, double min)

@@ -6,6 +6,7 @@
 
 #include "hardware/thread_config.h"
 #include "ornik.h"
+#include "support/exact.h"
 #include "support/gradients.h"
 
 namespace ornik::test {
@@ -73,7 +74,7 @@ Values<T> sums(const Shape& s, bool to_grid, const Values<T>& source, const Valu
                         s.cols.source(to_grid, col, tap % s.cols.kernel, x)) {
                         const bool inside = y >= 0 && y < from_rows && x >= 0 && x < from_cols;
                         const std::int64_t place = ((part * from_channels + from) * from_rows + y) * from_cols + x;
-                        sum = std::fma(kernel[tap], inside ? source[static_cast<std::size_t>(place)] : T(0), sum);
+                        sum = fused_once(kernel[tap], inside ? source[static_cast<std::size_t>(place)] : T(0), sum);
                         any = true;
                     }
                 }
@@ -124,8 +125,8 @@ Values<T> weight_sums(const Shape& s, const Values<T>& image, const Values<T>& g
                                     s.cols.image +
                                 col;
                             const std::int64_t to = ((n * s.groups * s.grid_channels + channel) * rows + y) * cols + x;
-                            sum = std::fma(grid[static_cast<std::size_t>(to)],
-                                           inside ? image[static_cast<std::size_t>(from)] : T(0), sum);
+                            sum = fused_once(grid[static_cast<std::size_t>(to)],
+                                             inside ? image[static_cast<std::size_t>(from)] : T(0), sum);
                         }
                     }
                 }

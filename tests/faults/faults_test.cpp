@@ -16,12 +16,21 @@
 
 namespace {
 
+// Windows takes aligned memory back by a function of its own.
+#if defined(_WIN32)
+void* aligned_memory(std::size_t alignment, std::size_t bytes) { return _aligned_malloc(bytes, alignment); }
+void give_back(void* memory) { _aligned_free(memory); }
+#else
+void* aligned_memory(std::size_t alignment, std::size_t bytes) { return std::aligned_alloc(alignment, bytes); }
+void give_back(void* memory) { std::free(memory); }
+#endif
+
 void* heap_memory(std::size_t bytes, std::size_t alignment) noexcept {
     if (ornik::test::heap_countdown.fails()) {
         return nullptr;
     }
     const std::size_t size = (bytes + alignment - 1) / alignment * alignment;
-    return alignment <= alignof(std::max_align_t) ? std::malloc(size) : std::aligned_alloc(alignment, size);
+    return alignment <= alignof(std::max_align_t) ? std::malloc(size) : aligned_memory(alignment, size);
 }
 
 void* heap_memory_or_throw(std::size_t bytes, std::size_t alignment = 1) {
@@ -45,8 +54,8 @@ void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete[](void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
-void operator delete(void* memory, std::align_val_t) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t, std::align_val_t) noexcept { std::free(memory); }
+void operator delete(void* memory, std::align_val_t) noexcept { give_back(memory); }
+void operator delete(void* memory, std::size_t, std::align_val_t) noexcept { give_back(memory); }
 void operator delete(void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
 void operator delete[](void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
 

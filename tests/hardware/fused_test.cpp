@@ -4,10 +4,12 @@
 #include <random>
 
 #include "hardware/cpu/vector_chain.h"
+#include "support/exact.h"
 
 namespace ornik::device::cpu::vec {
 namespace {
 
+using test::fused_once;
 using Random = std::mt19937_64;
 
 bool is_same(auto a, auto b) { return (std::isnan(a) && std::isnan(b)) || std::memcmp(&a, &b, sizeof a) == 0; }
@@ -56,7 +58,7 @@ constexpr unsigned kinds = 8;
 
 template <typename T>
 void expect_fused(T a, T b, T c, T got) {
-    const T wanted = std::fma(a, b, c);
+    const T wanted = fused_once(a, b, c);
     EXPECT_PRED2((is_same<T, T>), got, wanted) << std::hexfloat << a << " * " << b << " + " << c;
 }
 
@@ -105,7 +107,7 @@ void check_chains() {
             a[k] = number<T>(random, a_kind);
             for (int i = 0; i < lanes<T>; ++i) {
                 b[k][i] = number<T>(random, b_kind);
-                wanted[i] = std::fma(k % 2 == 0 ? a[k] : -a[k], b[k][i], wanted[i]);
+                wanted[i] = fused_once(k % 2 == 0 ? a[k] : -a[k], b[k][i], wanted[i]);
             }
         }
         run_chains<T>([&](auto steps) {

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <random>
 #include <thread>
 #include <vector>
@@ -40,7 +41,7 @@ class TestPool : public DynamicMemPool {
         if (bytes > largest_block) {
             return nullptr;
         }
-        void* address = std::aligned_alloc(512, bytes);
+        void* address = ::operator new (bytes, std::align_val_t{512});
         blocks[address] = bytes;
         return address;
     }
@@ -49,7 +50,7 @@ class TestPool : public DynamicMemPool {
             return false;
         }
         blocks.erase(address);
-        std::free(address);
+        ::operator delete (address, std::align_val_t{512});
         return true;
     }
     std::uint64_t FreeDeviceMemSize() const override {

@@ -6,6 +6,7 @@
 #include <random>
 
 #include "hardware/cpu/product/cpu_product_fixed.h"
+#include "support/exact.h"
 #include "support/gradients.h"
 #include "support/products.h"
 #include "support/teams.h"
@@ -105,10 +106,10 @@ T in_order(const T* a, std::int64_t a_step, const T* b, std::int64_t b_step, std
             const T x = a[k * a_step];
             const T y = b[k * b_step];
             if constexpr (requires { x.imag; }) {
-                block = {std::fma(-x.imag, y.imag, std::fma(x.real, y.real, block.real)),
-                         std::fma(x.imag, y.real, std::fma(x.real, y.imag, block.imag))};
+                block = {fused_once(-x.imag, y.imag, fused_once(x.real, y.real, block.real)),
+                         fused_once(x.imag, y.real, fused_once(x.real, y.imag, block.imag))};
             } else {
-                block = std::fma(x, y, block);
+                block = fused_once(x, y, block);
             }
         }
         sum = first == 0 ? block : sum + block;

@@ -2,6 +2,9 @@
 //
 // The standard library's differ from system to system and, by the instructions that it finds, from processor to
 // processor. Results here err by less than a unit in the last place: what counts is carried as a sum of two numbers.
+//
+// Included by row kernels only, which have the fused multiply-add; other files call called_functions.h. Without
+// branches, as far as it goes: loops over these functions become vector code.
 #pragma once
 
 #include <limits>
@@ -159,8 +162,10 @@ ORNIK_IN_PLACE double log1p_of(Pair y) {
     return log.high + (log.low + (sum.low + y.low) / sum.high);
 }
 ORNIK_IN_PLACE double log1p_exact(double x) {
-    const double sum = 1.0 + x;
-    return std::copysign(x > 0x1p60 ? logarithm_or(value_of(log_pair(x)), x) : logarithm_or(log1p_of({x}), sum), x);
+    const Pair sum = sum_of(1.0, x);
+    const Pair log = log_pair(sum.high);
+    const double value = log.high + (log.low + (x > 0x1p60 ? 0.0 : sum.low) / sum.high);
+    return std::copysign(logarithm_or(value, sum.high), x);
 }
 ORNIK_IN_PLACE double asinh(double x) {
     const double a = std::fabs(x);
@@ -185,33 +190,23 @@ ORNIK_IN_PLACE double atanh(double x) {
 
 // ---- Powers ----
 
-inline double pow(double x, double y) {
-    if (y == 0.0 || x == 1.0) {
-        return 1.0;
-    }
-    if (x != x || y != y) {
-        return NAN;
-    }
+ORNIK_IN_PLACE double pow(double x, double y) {
     const double a = std::fabs(x);
     const bool whole = std::trunc(y) == y;
-    const bool odd = whole && std::fabs(y) < 0x1p53 && (static_cast<std::int64_t>(y) & 1) != 0;
+    const bool odd = whole & (2.0 * std::trunc(0.5 * y) != y);
     const double sign = odd ? std::copysign(1.0, x) : 1.0;
-    if (a == 0.0 || a == HUGE_VAL) {
-        return (a == 0.0) == (y > 0.0) ? sign * 0.0 : sign * HUGE_VAL;
-    }
-    if (std::fabs(y) == HUGE_VAL) {
-        return a == 1.0 ? 1.0 : ((a > 1.0) == (y > 0.0) ? HUGE_VAL : 0.0);
-    }
-    if (x < 0.0 && !whole) {
-        return NAN;
-    }
-    const Pair log = log_pair(a);
+    const bool end = (a == 0.0) | (a == HUGE_VAL);
+    const Pair log = log_pair(((a > 0.0) & (a < HUGE_VAL)) ? a : 1.0);
     const double exponent = log.high * y;
-    if (!(std::fabs(exponent) < 800.0)) {
-        return exponent > 0.0 ? sign * HUGE_VAL : sign * 0.0;
-    }
-    const Power p = power_of_e({exponent, exactly_fused(log.high, y, -exponent) + log.low * y});
-    return sign * scaled_value(p, p.k);
+    const bool moderate = std::fabs(exponent) < 800.0;
+    const double e = moderate ? exponent : 0.0;
+    const Power p = power_of_e({e, moderate ? exactly_fused(log.high, y, -exponent) + log.low * y : 0.0});
+    const double beyond = exponent > 0.0 ? HUGE_VAL : 0.0;
+    const double inside = moderate ? scaled_value(p, p.k) : beyond;
+    const double power = sign * (end ? ((a == 0.0) == (y > 0.0) ? 0.0 : HUGE_VAL) : inside);
+    const bool none = (x != x) | (y != y) | ((x < 0.0) & !whole & !end);
+    const bool one = (y == 0.0) | (x == 1.0) | ((a == 1.0) & (std::fabs(y) == HUGE_VAL));
+    return one ? 1.0 : (none ? NAN : power);
 }
 
 // ---- Circular functions: |x| = n pi / 2 + r ----
@@ -277,10 +272,10 @@ inline Turned turned_far(double x) {
     return {(top >> 62) + (beyond ? 1 : 0), product_of(quarter, half_pi)};
 }
 
-ORNIK_IN_PLACE Turned turned(double x) {
-    if (x > 0x1p19) {
-        return turned_far(x);
-    }
+/// Of an x up to circular_limit.
+template <>
+inline constexpr double circular_limit<double> = 0x1p19;
+ORNIK_IN_PLACE Turned turned_near(double x) {
     const double shifted = fused(x, 0.63661977236758134, whole64);
     const double k = shifted - whole64;
     // pi / 2 in pieces of 33 bits, whose products with k are exact.
@@ -302,48 +297,71 @@ ORNIK_IN_PLACE Pair cos_of(Pair r) {
     const Pair sum = joined(1.0, -0.5 * z.high);
     return joined(sum.high, fused(z.high * z.high, tail, sum.low - 0.5 * z.low - r.high * r.low));
 }
-/// sin(x + shift pi / 2), of |x|
-ORNIK_IN_PLACE double sin_turned(double x, std::uint64_t shift) {
+ORNIK_IN_PLACE double negated_if(std::uint64_t bit, double x) {
+    return std::bit_cast<double>(std::bit_cast<std::uint64_t>(x) ^ (bit << 63));
+}
+ORNIK_IN_PLACE std::uint64_t sign_bit(double x) { return std::bit_cast<std::uint64_t>(x) >> 63; }
+/// sin(x + shift pi / 2), where |x| is t.
+ORNIK_IN_PLACE double sin_turned(const Turned& t, std::uint64_t shift) {
+    const std::uint64_t n = t.n + shift;
+    const double sine = value_of(sin_of(t.r));
+    const double cosine = value_of(cos_of(t.r));
+    return negated_if((n >> 1) & 1, (n & 1) != 0 ? cosine : sine);
+}
+ORNIK_IN_PLACE double tan_turned(const Turned& t) {
+    const Pair sine = sin_of(t.r);
+    const Pair cosine = cos_of(t.r);
+    const bool odd = (t.n & 1) != 0;
+    const Pair above{odd ? cosine.high : sine.high, odd ? cosine.low : sine.low};
+    const Pair below{odd ? sine.high : cosine.high, odd ? sine.low : cosine.low};
+    return negated_if(t.n & 1, value_of(quotient_of(above, below)));
+}
+ORNIK_IN_PLACE double sin_near(double x) { return negated_if(sign_bit(x), sin_turned(turned_near(std::fabs(x)), 0)); }
+ORNIK_IN_PLACE double cos_near(double x) { return sin_turned(turned_near(std::fabs(x)), 1); }
+ORNIK_IN_PLACE double tan_near(double x) { return negated_if(sign_bit(x), tan_turned(turned_near(std::fabs(x)))); }
+
+/// Of any x.
+template <typename Function>
+ORNIK_IN_PLACE double by_distance(double x, const Function& function) {
     if (!(x < HUGE_VAL)) {
         return NAN;
     }
-    const Turned t = turned(x);
-    const std::uint64_t n = t.n + shift;
-    const double value = value_of((n & 1) != 0 ? cos_of(t.r) : sin_of(t.r));
-    return (n & 2) != 0 ? -value : value;
+    return function(x > circular_limit<double> ? turned_far(x) : turned_near(x));
 }
-ORNIK_IN_PLACE double sin(double x) {
-    const double value = sin_turned(std::fabs(x), 0);
-    return std::signbit(x) ? -value : value;
+inline double sin(double x) {
+    return negated_if(sign_bit(x), by_distance(std::fabs(x), [](const Turned& t) { return sin_turned(t, 0); }));
 }
-ORNIK_IN_PLACE double cos(double x) { return sin_turned(std::fabs(x), 1); }
-ORNIK_IN_PLACE double tan(double x) {
-    const double a = std::fabs(x);
-    if (!(a < HUGE_VAL)) {
-        return NAN;
-    }
-    const Turned t = turned(a);
-    const bool odd = (t.n & 1) != 0;
-    const Pair sine = sin_of(t.r);
-    const Pair cosine = cos_of(t.r);
-    const double value = odd ? -value_of(quotient_of(cosine, sine)) : value_of(quotient_of(sine, cosine));
-    return std::signbit(x) ? -value : value;
+inline double cos(double x) {
+    return by_distance(std::fabs(x), [](const Turned& t) { return sin_turned(t, 1); });
+}
+inline double tan(double x) {
+    return negated_if(sign_bit(x), by_distance(std::fabs(x), [](const Turned& t) { return tan_turned(t); }));
 }
 
+/// Angles of tangents of 0 to 8 eighths.
+inline constexpr double eighths[] = {0.0,
+                                     0x1.fd5ba9aac2f6ep-4,
+                                     0x1.f5b75f92c80ddp-3,
+                                     0x1.6f61941e4def1p-2,
+                                     0x1.dac670561bb4fp-2,
+                                     0x1.1e00babdefeb4p-1,
+                                     0x1.4978fa3269ee1p-1,
+                                     0x1.700a7c5784634p-1,
+                                     0x1.921fb54442d18p-1};
+inline constexpr double eighths_rest[] = {0.0,
+                                          -0x1.cd37686760c17p-59,
+                                          0x1.8ab6e3cf7afbdp-57,
+                                          -0x1.c63aae6f6e918p-56,
+                                          0x1.a2b7f222f65e2p-56,
+                                          -0x1.928df287a668fp-58,
+                                          0x1.2419a87f2a458p-56,
+                                          -0x1.8c34d25aadef6p-56,
+                                          0x1.1a62633145c07p-55};
 /// The angle from x to y, neither of them negative and not both 0: t = j / 8 + u (1 + t j / 8).
-inline Pair angle_of(Pair y, Pair x) {
-    constexpr Pair eighths[] = {{0.0, 0.0},
-                                {0x1.fd5ba9aac2f6ep-4, -0x1.cd37686760c17p-59},
-                                {0x1.f5b75f92c80ddp-3, 0x1.8ab6e3cf7afbdp-57},
-                                {0x1.6f61941e4def1p-2, -0x1.c63aae6f6e918p-56},
-                                {0x1.dac670561bb4fp-2, 0x1.a2b7f222f65e2p-56},
-                                {0x1.1e00babdefeb4p-1, -0x1.928df287a668fp-58},
-                                {0x1.4978fa3269ee1p-1, 0x1.2419a87f2a458p-56},
-                                {0x1.700a7c5784634p-1, -0x1.8c34d25aadef6p-56},
-                                {0x1.921fb54442d18p-1, 0x1.1a62633145c07p-55}};
+ORNIK_IN_PLACE Pair angle_of(Pair y, Pair x) {
     const bool steep = y.high > x.high;
-    const Pair a = steep ? x : y;
-    const Pair b = steep ? y : x;
+    const Pair a{steep ? x.high : y.high, steep ? x.low : y.low};
+    const Pair b{steep ? y.high : x.high, steep ? y.low : x.low};
     const double j = std::floor(8.0 * (a.high / b.high) + 0.5);
     const double c = j / 8;
     const Pair across = product_of(c, b.high);
@@ -354,14 +372,11 @@ inline Pair angle_of(Pair y, Pair x) {
                                {below.high, below.low + along.low + (b.low + c * a.low)});
     const double z = u.high * u.high;
     const double tail = polynomial(z, -1.0 / 3, 1.0 / 5, -1.0 / 7, 1.0 / 9, -1.0 / 11, 1.0 / 13, -1.0 / 15, 1.0 / 17);
-    const Pair& start = eighths[static_cast<int>(j)];
-    const Pair sum = sum_of(start.high, u.high);
-    const Pair angle{sum.high, sum.low + (start.low + u.low + u.high * z * tail)};
-    if (!steep) {
-        return angle;
-    }
+    const std::uint64_t place = std::bit_cast<std::uint64_t>(j + 0x1p52) & 15;  // Vectors of numbers of one width.
+    const Pair sum = sum_of(eighths[place], u.high);
+    const Pair angle{sum.high, sum.low + (eighths_rest[place] + u.low + u.high * z * tail)};
     const Pair rest = sum_of(half_pi.high, -angle.high);
-    return {rest.high, rest.low + (half_pi.low - angle.low)};
+    return {steep ? rest.high : angle.high, steep ? rest.low + (half_pi.low - angle.low) : angle.low};
 }
 /// pi less an angle.
 ORNIK_IN_PLACE Pair supplement_of(Pair angle) {
@@ -374,74 +389,65 @@ ORNIK_IN_PLACE Pair cathetus_of(double a) {
     const Pair rest = sum_of(1.0, -square.high);
     return root_of(joined(rest.high, rest.low - square.low));
 }
-inline double asin(double x) {
+ORNIK_IN_PLACE double asin(double x) {
     const double a = std::fabs(x);
-    if (!(a <= 1.0)) {
-        return NAN;
-    }
-    return a < 0x1p-30 ? x : std::copysign(value_of(angle_of({a}, cathetus_of(a))), x);
+    const double c = a <= 1.0 ? a : 1.0;
+    const double angle = value_of(angle_of({c}, cathetus_of(c)));
+    return a <= 1.0 ? (a < 0x1p-30 ? x : std::copysign(angle, x)) : NAN;
 }
-inline double acos(double x) {
+ORNIK_IN_PLACE double acos(double x) {
     const double a = std::fabs(x);
-    if (!(a <= 1.0)) {
-        return NAN;
-    }
-    const Pair angle = angle_of(cathetus_of(a), {a});
-    return value_of(std::signbit(x) ? supplement_of(angle) : angle);
+    const double c = a <= 1.0 ? a : 1.0;
+    const Pair angle = angle_of(cathetus_of(c), {c});
+    const Pair other = supplement_of(angle);
+    const bool left = sign_bit(x) != 0;
+    const double value = value_of({left ? other.high : angle.high, left ? other.low : angle.low});
+    return a <= 1.0 ? value : NAN;
 }
-inline double atan(double x) {
+ORNIK_IN_PLACE double atan(double x) {
     const double a = std::fabs(x);
-    if (!(a >= 0x1p-30)) {
-        return x;  // NaN, too
-    }
-    return std::copysign(a > 0x1p60 ? half_pi.high : value_of(angle_of({a}, {1.0})), x);
+    const double angle = value_of(angle_of({a <= 0x1p60 ? a : 1.0}, {1.0}));
+    const double value = a > 0x1p60 ? half_pi.high : angle;
+    return a >= 0x1p-30 ? std::copysign(value, x) : x;  // NaN, too
 }
-inline double atan2(double y, double x) {
-    if (x != x || y != y) {
-        return NAN;
-    }
-    double a = std::fabs(y);
-    double b = std::fabs(x);
-    const bool left = std::signbit(x);
-    if (a == HUGE_VAL && b == HUGE_VAL) {
-        a = b = 1.0;
-    }
-    if (a == 0.0 || b == HUGE_VAL) {
-        return std::copysign(left ? whole_pi.high : 0.0, y);
-    }
-    if (b == 0.0 || a == HUGE_VAL) {
-        return std::copysign(half_pi.high, y);
-    }
-    const int exponent = std::ilogb(b);
-    const int above = std::ilogb(a) - exponent;
-    if (above > 64) {
-        return std::copysign(half_pi.high, y);
-    }
-    if (above < -64) {
-        return std::copysign(left ? whole_pi.high : a / b, y);
-    }
-    const Pair angle = angle_of({std::ldexp(a, -exponent)}, {std::ldexp(b, -exponent)});
-    return std::copysign(value_of(left ? supplement_of(angle) : angle), y);
+
+/// A power of two that keeps a number's square from overflow, and what is lost of it from being subnormal.
+ORNIK_IN_PLACE double scale_of(double x) { return x > 0x1p300 ? 0x1p-600 : (x < 0x1p-300 ? 0x1p600 : 1.0); }
+
+ORNIK_IN_PLACE double atan2(double y, double x) {
+    const double above = y == y ? std::fabs(y) : 1.0;
+    const double beside = x == x ? std::fabs(x) : 1.0;
+    const double larger = above > beside ? above : beside;
+    const double smaller = above > beside ? beside : above;
+    const double scale = scale_of(larger);
+    const double a = smaller < HUGE_VAL ? above * scale : 1.0;
+    const double b = smaller < HUGE_VAL ? beside * scale : 1.0;
+    // By exponents: neither far above the other, nor both 0.
+    const std::uint64_t steepness =
+        (std::bit_cast<std::uint64_t>(a) >> 52) - (std::bit_cast<std::uint64_t>(larger > 0.0 ? b : 1.0) >> 52) + 64;
+    const Pair angle = angle_of({steepness <= 128 ? a : 1.0}, {steepness <= 128 ? b : 1.0});
+    const Pair other = supplement_of(angle);
+    const bool left = sign_bit(x) != 0;
+    const double inside = value_of({left ? other.high : angle.high, left ? other.low : angle.low});
+    const double flat = left ? whole_pi.high : (above > 0.0 ? above / beside : 0.0);
+    const double beyond = a > b ? half_pi.high : flat;
+    const double value = steepness <= 128 ? inside : beyond;
+    return x == x ? (y == y ? std::copysign(value, y) : NAN) : NAN;
 }
 
 /// sqrt(x^2 + y^2)
-inline double hypot(double x, double y) {
+ORNIK_IN_PLACE double hypot(double x, double y) {
     const double a = std::fabs(x);
     const double b = std::fabs(y);
-    if (a == HUGE_VAL || b == HUGE_VAL) {
-        return HUGE_VAL;
-    }
     const double larger = a < b ? b : a;
-    if (!(larger > 0.0) || a != a || b != b) {
-        return a + b;
-    }
-    const int exponent = std::ilogb(larger);
-    const double p = std::ldexp(a, -exponent);
-    const double q = std::ldexp(b, -exponent);
-    const Pair first = product_of(p, p);
-    const Pair second = product_of(q, q);
+    const double scale = scale_of(larger);
+    const Pair first = product_of(a * scale, a * scale);
+    const Pair second = product_of(b * scale, b * scale);
     const Pair sum = sum_of(first.high, second.high);
-    return std::ldexp(value_of(root_of({sum.high, sum.low + (first.low + second.low)})), exponent);
+    const double value = value_of(root_of({sum.high, sum.low + (first.low + second.low)})) / scale;
+    const bool endless = (a == HUGE_VAL) | (b == HUGE_VAL);
+    const bool some = (larger > 0.0) & (a == a) & (b == b);
+    return endless ? HUGE_VAL : (some ? value : a + b);
 }
 
 // ---- The error function ----

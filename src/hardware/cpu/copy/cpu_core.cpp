@@ -8,7 +8,7 @@
 #include "descriptors/tensoriterator.h"
 #include "hardware/cpu/any_scalar.h"
 #include "hardware/cpu/dispatch.h"
-#include "hardware/cpu/elements/elementary_double.h"
+#include "hardware/cpu/elements/called_functions.h"
 #include "hardware/parallel.h"
 
 namespace ornik::device::cpu {
@@ -50,10 +50,11 @@ void power_of(float base, const Tensor* in, Tensor* out) {
     elements.build();
     dispatch(RealTypes{}, out->Dtype(), [&]<typename T>() {
         if constexpr (std::is_same_v<T, double>) {
-            elements.run<TypeList<T>, TypeList<double>>([base](double x) { return elementary::pow(double{base}, x); });
+            elements.run<TypeList<T>, TypeList<double>>(
+                [base](double x) { return elementary::called::pow(double{base}, x); });
         } else {
             elements.run<TypeList<T>, TypeList<float>>([base](float x) {
-                return convert_element<T>(static_cast<float>(elementary::pow(double{base}, double{x})));
+                return convert_element<T>(static_cast<float>(elementary::called::pow(double{base}, double{x})));
             });
         }
     });

@@ -5,11 +5,14 @@
 #pragma once
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <complex>
+#include <cstdint>
+#include <numbers>
 
 #include "../../../../include/utils/complex_helper.h"
-#include "hardware/cpu/elements/elementary_double.h"
+#include "hardware/cpu/elements/called_functions.h"
 
 namespace ornik::complex_functions {
 
@@ -27,6 +30,8 @@ Own<T> narrow(Wide z) {
 }
 
 namespace wide_functions {
+
+namespace elementary = ornik::elementary::called;
 
 // Finite numbers by formulas of parts (W. Kahan, Branch cuts for complex elementary functions, 1987), the others as
 // appendix G of the C standard has them: zeros, infinities, NaN and angles, which systems agree on where the standard
@@ -101,13 +106,14 @@ inline Wide exp(Wide z) {
         return special_exp(z.real(), z.imag());
     }
     // Twice the root, where the power alone would overflow.
-    const double root = elementary::exp(0.5 * z.real());
-    const double power = std::fabs(z.real()) < 700.0 ? elementary::exp(z.real()) : root;
-    const double again = std::fabs(z.real()) < 700.0 ? 1.0 : root;
+    const bool far = !(std::fabs(z.real()) < 700.0);
+    const double power = elementary::exp(far ? 0.5 * z.real() : z.real());
+    const double again = far ? power : 1.0;
     if (z.imag() == 0.0) {
         return {power * again, z.imag()};
     }
-    return {power * elementary::cos(z.imag()) * again, power * elementary::sin(z.imag()) * again};
+    const auto [sine, cosine] = elementary::sin_and_cos(z.imag());
+    return {power * cosine * again, power * sine * again};
 }
 inline Wide exp2(Wide z) { return exp(z * 0.69314718055994530942); }
 inline Wide expm1(Wide z) {
@@ -119,8 +125,8 @@ inline Wide expm1(Wide z) {
     }
     const double half_sine = elementary::sin(0.5 * z.imag());
     const double growth = elementary::expm1(z.real());
-    return {growth * elementary::cos(z.imag()) - 2.0 * half_sine * half_sine,
-            (growth + 1.0) * elementary::sin(z.imag())};
+    const auto [sine, cosine] = elementary::sin_and_cos(z.imag());
+    return {growth * cosine - 2.0 * half_sine * half_sine, (growth + 1.0) * sine};
 }
 inline Wide log(Wide z) {
     if (!is_finite(z)) {
@@ -128,12 +134,7 @@ inline Wide log(Wide z) {
     }
     const double magnitude = abs(z);
     if (magnitude > 0.5 && magnitude < 2.0) {
-        const elementary::Pair p = elementary::product_of(z.real(), z.real());
-        const elementary::Pair q = elementary::product_of(z.imag(), z.imag());
-        const bool swapped = p.high < q.high;
-        const elementary::Pair rest = elementary::sum_of((swapped ? q : p).high, -1.0);
-        const elementary::Pair sum = elementary::sum_of(rest.high, (swapped ? p : q).high);
-        return {0.5 * elementary::log1p_of({sum.high, sum.low + (rest.low + (p.low + q.low))}), angle(z)};
+        return {elementary::log_hypot_near_one(z.real(), z.imag()), angle(z)};
     }
     return {elementary::log(magnitude), angle(z)};
 }
@@ -146,20 +147,29 @@ inline Wide log1p(Wide z) {
     }
     const double x = z.real();
     const double y = z.imag();
-    return {0.5 * elementary::log1p_exact(x * (2.0 + x) + y * y), elementary::atan2(y, 1.0 + x)};
+    return {0.5 * elementary::log1p(x * (2.0 + x) + y * y), elementary::atan2(y, 1.0 + x)};
+}
+// The library's functions for exponents take a multiple of the time.
+inline int exponent_of(double x) {
+    const auto biased = static_cast<int>(std::bit_cast<std::uint64_t>(x) >> 52);
+    return biased > 0 ? biased - 1023 : std::ilogb(x);
+}
+inline double shifted(double x, int k) {
+    return k > -1000 && k < 1000 ? x * std::bit_cast<double>(static_cast<std::uint64_t>(1023 + k) << 52)
+                                 : std::ldexp(x, k);
 }
 inline Wide sqrt(Wide z) {
     if (!is_finite(z) || z == Wide(0)) {
         return std::sqrt(z);
     }
     // Away from overflow and from what has few digits.
-    const int exponent = std::ilogb(std::max(std::fabs(z.real()), std::fabs(z.imag()))) & ~1;
-    const double x = std::ldexp(z.real(), -exponent);
-    const double y = std::ldexp(z.imag(), -exponent);
+    const int exponent = exponent_of(std::max(std::fabs(z.real()), std::fabs(z.imag()))) & ~1;
+    const double x = shifted(z.real(), -exponent);
+    const double y = shifted(z.imag(), -exponent);
     const double root = std::sqrt(0.5 * (std::fabs(x) + elementary::hypot(x, y)));
     const double other = 0.5 * std::fabs(y) / root;
-    const double re = std::ldexp(x < 0.0 ? other : root, exponent / 2);
-    return {re, std::copysign(std::ldexp(x < 0.0 ? root : other, exponent / 2), y)};
+    const double re = shifted(x < 0.0 ? other : root, exponent / 2);
+    return {re, std::copysign(shifted(x < 0.0 ? root : other, exponent / 2), y)};
 }
 inline Wide rsqrt(Wide z) { return quotient(1.0, sqrt(z)); }
 inline Wide reciprocal(Wide z) { return quotient(1.0, z); }
@@ -176,7 +186,8 @@ inline Wide sinh(Wide z) {
         const double root = elementary::exp(0.5 * std::fabs(x));
         return {std::copysign(0.5 * root, x) * elementary::cos(y) * root, 0.5 * root * elementary::sin(y) * root};
     }
-    return {elementary::sinh(x) * elementary::cos(y), elementary::cosh(x) * elementary::sin(y)};
+    const auto [sine, cosine] = elementary::sin_and_cos(y);
+    return {elementary::sinh(x) * cosine, elementary::cosh(x) * sine};
 }
 inline Wide cosh(Wide z) {
     if (!is_finite(z)) {
@@ -189,7 +200,8 @@ inline Wide cosh(Wide z) {
         const double im = y == 0.0 ? y : 0.5 * root * elementary::sin(y) * root;
         return {0.5 * root * elementary::cos(y) * root, std::signbit(x) ? -im : im};
     }
-    return {elementary::cosh(x) * elementary::cos(y), elementary::sinh(x) * elementary::sin(y)};
+    const auto [sine, cosine] = elementary::sin_and_cos(y);
+    return {elementary::cosh(x) * cosine, elementary::sinh(x) * sine};
 }
 inline Wide tanh(Wide z) {
     if (!is_finite(z)) {
@@ -250,11 +262,11 @@ inline Wide atanh(Wide z) {
     const double y = std::fabs(z.imag());
     const double magnitude = abs(z);
     if (magnitude > 0x1p60) {
-        return {std::copysign(x / magnitude / magnitude, z.real()), std::copysign(elementary::half_pi.high, z.imag())};
+        return {std::copysign(x / magnitude / magnitude, z.real()), std::copysign(std::numbers::pi / 2, z.imag())};
     }
     const double distance = elementary::hypot(1.0 - x, y);
-    const double re = distance < 0x1p-400 ? 0.5 * (elementary::ln2.high - elementary::log(distance))
-                                          : 0.25 * elementary::log1p_exact(4.0 * x / ((1.0 - x) * (1.0 - x) + y * y));
+    const double re = distance < 0x1p-400 ? 0.5 * (std::numbers::ln2 - elementary::log(distance))
+                                          : 0.25 * elementary::log1p(4.0 * x / ((1.0 - x) * (1.0 - x) + y * y));
     const double im = 0.5 * elementary::atan2(2.0 * y, (1.0 - x) * (1.0 + x) - y * y);
     return {std::copysign(re, z.real()), std::copysign(im, z.imag())};
 }

@@ -3,7 +3,7 @@
 
 #include <numbers>
 
-#include "hardware/cpu/elements/elementary_double.h"
+#include "hardware/cpu/elements/called_functions.h"
 #include "integer_functions.h"
 #include "row_kernels.h"
 
@@ -45,7 +45,7 @@ struct copysign_function {
 struct hypot_function {
     template <typename T>
     T operator()(T a, T b) const {
-        return static_cast<T>(elementary::hypot(a, b));
+        return static_cast<T>(elementary::called::hypot(a, b));
     }
 };
 struct logaddexp_function {
@@ -54,7 +54,8 @@ struct logaddexp_function {
         // Equal infinities have no difference.
         const double larger = a > b ? a : b;
         const double growth =
-            a == b ? std::numbers::ln2 : elementary::log1p_exact(elementary::exp(-std::fabs(double{a} - double{b})));
+            a == b ? std::numbers::ln2
+                   : elementary::called::log1p(elementary::called::exp(-std::fabs(double{a} - double{b})));
         return static_cast<T>(a == a ? larger + growth : double{a});
     }
 };

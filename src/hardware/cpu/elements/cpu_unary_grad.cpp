@@ -27,19 +27,15 @@ void grad_kernel(const MultiTensorIterationHelper& elements, std::int64_t dtype)
 
 }  // namespace
 
-template <>
-struct BeyondLimit<sin_grad, float> {
+template <std::floating_point T>
+struct BeyondLimit<sin_grad, T> {
     static constexpr bool needed = true;
-    static float value(float x, float /*y*/, float grad) {
-        return grad * static_cast<float>(elementary::cos(double{x}));
-    }
+    static T value(T x, T /*y*/, T grad) { return grad * static_cast<T>(elementary::cos(double{x})); }
 };
-template <>
-struct BeyondLimit<cos_grad, float> {
+template <std::floating_point T>
+struct BeyondLimit<cos_grad, T> {
     static constexpr bool needed = true;
-    static float value(float x, float /*y*/, float grad) {
-        return -grad * static_cast<float>(elementary::sin(double{x}));
-    }
+    static T value(T x, T /*y*/, T grad) { return -grad * static_cast<T>(elementary::sin(double{x})); }
 };
 
 ElementKernel real_grad_kernel(operations::Unary operation) {

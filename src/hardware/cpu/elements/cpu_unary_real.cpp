@@ -21,21 +21,15 @@ namespace {
 ORNIK_OPERATIONS_HERE(ORNIK_UNARY_FUNCTION)
 }  // namespace
 
-template <>
-struct BeyondLimit<sin_function, float> {
-    static constexpr bool needed = true;
-    static float value(float x) { return static_cast<float>(elementary::sin(double{x})); }
-};
-template <>
-struct BeyondLimit<cos_function, float> {
-    static constexpr bool needed = true;
-    static float value(float x) { return static_cast<float>(elementary::cos(double{x})); }
-};
-template <>
-struct BeyondLimit<tan_function, float> {
-    static constexpr bool needed = true;
-    static float value(float x) { return static_cast<float>(elementary::tan(double{x})); }
-};
+#define ORNIK_BEYOND_LIMIT(name)                                                    \
+    template <std::floating_point T>                                                \
+    struct BeyondLimit<name##_function, T> {                                        \
+        static constexpr bool needed = true;                                        \
+        static T value(T x) { return static_cast<T>(elementary::name(double{x})); } \
+    };
+ORNIK_BEYOND_LIMIT(sin)
+ORNIK_BEYOND_LIMIT(cos)
+ORNIK_BEYOND_LIMIT(tan)
 
 template <>
 struct NearZero<gelu_function, float> {

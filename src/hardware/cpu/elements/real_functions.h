@@ -52,14 +52,14 @@ ORNIK_IN_PLACE T reciprocal(T x) {
     return T(1) / x;
 }
 
-// ---- Circular and hyperbolic functions ----
+// ---- Circular and hyperbolic functions; sin, cos and tan up to elementary::circular_limit ----
 
 ORNIK_IN_PLACE float sin(float x) { return elementary::sin(x); }
-ORNIK_IN_PLACE double sin(double x) { return elementary::sin(x); }
+ORNIK_IN_PLACE double sin(double x) { return elementary::sin_near(x); }
 ORNIK_IN_PLACE float cos(float x) { return elementary::cos(x); }
-ORNIK_IN_PLACE double cos(double x) { return elementary::cos(x); }
+ORNIK_IN_PLACE double cos(double x) { return elementary::cos_near(x); }
 ORNIK_IN_PLACE float tan(float x) { return elementary::tan(x); }
-ORNIK_IN_PLACE double tan(double x) { return elementary::tan(x); }
+ORNIK_IN_PLACE double tan(double x) { return elementary::tan_near(x); }
 
 ORNIK_IN_PLACE float asin(float x) {
     const double d = x;

@@ -60,7 +60,7 @@ void run_function_rows(const MultiTensorIterationHelper& elements) {
         }
         const Function function{};
         if constexpr (Beyond::needed) {
-            const auto beyond = [](First x) { return std::fabs(x) > elementary::circular_limit; };
+            const auto beyond = [](First x) { return std::fabs(x) > elementary::circular_limit<First>; };
             int any = 0;
             for (std::int64_t i = 0; i < n; ++i) {
                 any |= static_cast<int>(beyond(first[i]));

@@ -1,7 +1,6 @@
 // cpu_select.cpp: choice between two operands, closeness, and gradients of binary operations.
 #include "../elements/complex_functions.h"
 #include "../elements/pair_functions.h"
-#include "../elements/real_functions.h"
 #include "../elements/row_kernels.h"
 
 namespace ornik::device::cpu {
@@ -22,9 +21,9 @@ struct select_function {
 
 double magnitude(double x) { return std::fabs(x); }
 double magnitude(Wide x) { return complex_functions::wide_functions::abs(x); }
-double power(double x, double y) { return elementary::pow(x, y); }
+double power(double x, double y) { return elementary::called::pow(x, y); }
 Wide power(Wide x, Wide y) { return complex_functions::wide_functions::pow(x, y); }
-double logarithm(double x) { return elementary::log(x); }
+double logarithm(double x) { return elementary::called::log(x); }
 Wide logarithm(Wide x) { return complex_functions::wide_functions::log(x); }
 
 double as_wide(double x) { return x; }

@@ -7,7 +7,6 @@
 #include "descriptors/tensoriterator.h"
 #include "hardware/cpu/dispatch.h"
 #include "hardware/cpu/elements/element_math.h"
-#include "hardware/cpu/elements/elementary_double.h"
 
 namespace ornik::device::cpu {
 
@@ -59,15 +58,6 @@ void std_dev_grad(const Tensor* g, const Tensor* x, const Tensor* mean, const Te
         const T scale = static_cast<T>(factor);
         elements.run<TypeList<T>, TypeList<T, T, T, T>>([scale](T gradient, T value, T middle, T spread) {
             return spread == T(0) ? T(0) : scale * gradient * (value - middle) / spread;
-        });
-    });
-}
-
-void log_sum_exp_grad(const Tensor* g, const Tensor* x, const Tensor* y, Tensor* out) {
-    const MultiTensorIterationHelper elements = elements_of({g, x, y}, out);
-    dispatch(FloatTypes{}, out->Dtype(), [&]<typename T>() {
-        elements.run<TypeList<T>, TypeList<T, T, T>>([](T gradient, T value, T log_sum) {
-            return gradient * elementary::exp(log_sum == -std::numeric_limits<T>::infinity() ? value : value - log_sum);
         });
     });
 }

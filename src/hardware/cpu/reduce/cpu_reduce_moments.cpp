@@ -4,8 +4,8 @@
 
 #include "cpu_reduce_extreme.h"
 #include "hardware/cpu/dispatch.h"
+#include "hardware/cpu/elements/called_functions.h"
 #include "hardware/cpu/elements/cpu_exp.h"
-#include "hardware/cpu/elements/elementary_double.h"
 #include "hardware/cpu/reduce/cpu_reduce.h"
 
 namespace ornik::device::cpu {
@@ -170,7 +170,8 @@ struct LogSum {
     static void combine(State& a, const State& b) {
         const T highest = Extreme<T, true>::join(a.highest, b.highest);
         if (std::isfinite(highest)) {
-            a = {highest, a.sum * elementary::exp(a.highest - highest) + b.sum * elementary::exp(b.highest - highest)};
+            a = {highest, a.sum * elementary::called::exp(a.highest - highest) +
+                              b.sum * elementary::called::exp(b.highest - highest)};
         } else {
             a = decided(highest);
         }
@@ -194,8 +195,9 @@ void reduce_variance(const ReduceDescriptor& plan, const Tensor* in, Tensor* out
 
 void reduce_log_sum_exp(const ReduceDescriptor& plan, const Tensor* in, Tensor* out) {
     dispatch(FloatTypes{}, in->Dtype(), [&]<typename T>() {
-        reduce(plan, in->getRawData(), static_cast<T*>(out->getRawData()), LogSum<T>{},
-               [](const typename LogSum<T>::State& state) { return state.highest + elementary::log(state.sum); });
+        reduce(
+            plan, in->getRawData(), static_cast<T*>(out->getRawData()), LogSum<T>{},
+            [](const typename LogSum<T>::State& state) { return state.highest + elementary::called::log(state.sum); });
     });
 }
 
