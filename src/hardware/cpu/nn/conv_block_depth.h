@@ -145,6 +145,12 @@ class BlockDepth {
         const std::int64_t reach = pass.cols.source - 1 - *most;
         inside_ = std::min(pass.cols.positions, *least >= 0 ? 0 : (-*least + step - 1) / step);
         outside_ = std::max(inside_, reach < 0 ? 0 : std::min(pass.cols.positions, reach / step + 1));
+        std::int64_t x = inside_;
+        for (std::int64_t pieces = (outside_ - x + depth_positions - 1) / depth_positions; pieces > 0; --pieces) {
+            const std::int64_t piece = (outside_ - x + pieces - 1) / pieces;
+            pieces_.push_back(piece);
+            x += piece;
+        }
         const std::int64_t dilation = offsets_.size() > 1 ? offsets_[1] - offsets_[0] : 1;
         chains_ = &depth_chains<T>(static_cast<std::int64_t>(offsets_.size()), dilation, step);
     }
@@ -183,52 +189,49 @@ class BlockDepth {
                             pass_.cols.step,
                             0,
                             weights_ + group * pass_.taps() * width,
-                            nullptr,
-                            {}};
+                            target_ + place,
+                            {ends_.bias == nullptr ? nullptr : ends_.bias + group * width,
+                             ends_.residual == nullptr ? nullptr : ends_.residual + place, ends_.clip}};
         for (std::int64_t x = 0; x < inside_; ++x) {
-            run_edge(chain, place, x, zeros, taps);
+            run_edge(chain, x, zeros, taps);
         }
         std::int64_t x = inside_;
-        for (std::int64_t pieces = (outside_ - x + depth_positions - 1) / depth_positions; pieces > 0; --pieces) {
-            const std::int64_t piece = (outside_ - x + pieces - 1) / pieces;
+        for (const std::int64_t piece : pieces_) {
             chain.first = x * pass_.cols.step;
-            go_to(chain, place + x * width);
             (*chains_)[static_cast<std::size_t>(piece - 1)](chain);
+            pass(chain, piece);
             x += piece;
         }
         for (; x < pass_.cols.positions; ++x) {
-            run_edge(chain, place, x, zeros, taps);
+            run_edge(chain, x, zeros, taps);
         }
         if (ends_.row != nullptr && ends_.clip == ConvClip::none) {
             ends_.row(target_ + place, pass_.cols.positions * width);
         }
     }
 
-    void go_to(DepthChain<T>& chain, std::int64_t place) const {
-        const std::int64_t group = place / width / pass_.target_plane() % groups_;
-        chain.out = target_ + place;
-        chain.ends = {ends_.bias == nullptr ? nullptr : ends_.bias + group * width,
-                      ends_.residual == nullptr ? nullptr : ends_.residual + place, ends_.clip};
+    static void pass(DepthChain<T>& chain, std::int64_t positions) {
+        chain.out += positions * width;
+        if (chain.ends.residual != nullptr) {
+            chain.ends.residual += positions * width;
+        }
     }
 
     // A position some of whose columns are not there: every tap is a row of its own.
-    void run_edge(DepthChain<T> chain, std::int64_t place, std::int64_t x, const T* zeros,
-                  std::vector<const T*>& taps) const {
+    void run_edge(DepthChain<T>& chain, std::int64_t x, const T* zeros, std::vector<const T*>& taps) const {
         static constexpr std::int64_t none = 0;
-        const T** tap = taps.data();
-        for (std::int64_t i = 0; i < chain.row_count; ++i) {
-            for (const std::int64_t offset : offsets_) {
-                const std::int64_t at = x * pass_.cols.step + offset;
-                *tap++ = at < 0 || at >= pass_.cols.source ? zeros : chain.rows[i] + at * width;
+        const auto cols = static_cast<std::int64_t>(offsets_.size());
+        const auto rows = static_cast<std::int64_t>(pass_.rows.taps.size());
+        for (std::int64_t j = 0; j < cols; ++j) {
+            const std::int64_t at = x * pass_.cols.step + offsets_[static_cast<std::size_t>(j)];
+            const bool outside = at < 0 || at >= pass_.cols.source;
+            for (std::int64_t i = 0; i < rows; ++i) {
+                taps[static_cast<std::size_t>(i * cols + j)] = outside ? zeros : chain.rows[i] + at * width;
             }
         }
-        chain.rows = taps.data();
-        chain.row_count = pass_.taps();
-        chain.offsets = &none;
-        chain.col_count = 1;
-        chain.first = 0;
-        go_to(chain, place + x * width);
-        depth_chain<T, 0, 0, 1>(chain);
+        const DepthChain<T> edge{taps.data(), pass_.taps(), &none, 1, 0, 0, chain.weights, chain.out, chain.ends};
+        depth_chain<T, 0, 0, 1>(edge);
+        pass(chain, 1);
     }
 
     const ConvPass& pass_;
@@ -241,6 +244,7 @@ class BlockDepth {
     std::vector<std::int64_t> offsets_;  // per column of the kernel
     std::int64_t inside_;                // the positions whose columns are all there
     std::int64_t outside_;               // behind them
+    std::vector<std::int64_t> pieces_;   // positions of each chain from the one to the other
     const DepthChains<T>* chains_;
 };
 
