@@ -8,3 +8,6 @@ ornik._ornik.KTensorBase\..*:
 
 ornik._ornik.dtype_rows:
     dtype_rows: tuple[tuple[str, int, int], ...]
+
+ornik._ornik.layer_ends:
+    layer_ends: tuple[str, ...]

@@ -30,6 +30,12 @@ void prepared_rows() {
             row(
                 std::string("conv/") + c.name + "/prepared", [=] { (*layer)(x.get(), nn::LayerEnd::relu); }, 0,
                 c.flops());
+            if (layer->takes_blocks()) {
+                const nn::BlockedImage blocks(x.get());
+                row(
+                    std::string("conv/") + c.name + "/blocked", [=] { layer->blocked(blocks, nn::LayerEnd::relu); }, 0,
+                    c.flops());
+            }
         }
     }
 }

@@ -5,12 +5,18 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 
 #include "../layers/functional/layer_end.h"
 #include "convolutions.h"
 #include "ktensor.h"
 
 namespace ornik {
+
+class Carried;
+namespace nn {
+class PreparedConvolution;
+}
 
 /// Keeps one weight (and bias) laid out, from the second call with the same one on: a copy of the weight's size. A
 /// write to either, which their storage counts, or another weight in its place, lets it go. Calls that are recorded,
@@ -34,6 +40,14 @@ class ORNIK_API PreparedWeight {
                                       const nn::ConvParameters& parameters = {}, nn::LayerEnd end = nn::LayerEnd::none,
                                       const KTensor& residual = KTensor());
 
+    /// Whether the convolution takes images in blocks; lays its weight out at once. False for one that is not kept.
+    [[nodiscard]] bool takes_blocks(const KTensor& weight, const KTensor& bias, const nn::ConvParameters& parameters);
+    /// The convolution of what a part of a fused network hands on (carried.h): in blocks where it takes them, and x is
+    /// in blocks or what follows asks for them. Without a residual it is null.
+    [[nodiscard]] Carried convolution(const Carried& x, const KTensor& weight, const KTensor& bias,
+                                      const nn::ConvParameters& parameters, nn::LayerEnd end, const Carried* residual,
+                                      bool asked_for_blocks);
+
     /// Lets go of what is kept.
     void drop();
     /// What is kept takes, in bytes.
@@ -43,7 +57,9 @@ class ORNIK_API PreparedWeight {
     struct State;
     struct Entry;
     template <typename Layer, typename Make>
-    KTensor run_prepared(const KTensor& x, Entry now, nn::LayerEnd end, const KTensor& residual, const Make& make);
+    std::shared_ptr<const Layer> kept(Entry now, bool at_once, const Make& make);
+    std::shared_ptr<const nn::PreparedConvolution> kept_at_once(const KTensor& weight, const KTensor& bias,
+                                                                const nn::ConvParameters& parameters);
     template <typename Layer, typename Make, typename Plain>
     KTensor run(const KTensor& x, const KTensor& weight, const KTensor& bias, nn::LayerEnd end, const KTensor& residual,
                 bool recorded, const nn::ConvParameters& parameters, const Make& make, const Plain& plain);
@@ -52,5 +68,7 @@ class ORNIK_API PreparedWeight {
 
 /// The activation of that name.
 [[nodiscard]] ORNIK_API KTensor apply_end(const KTensor& x, nn::LayerEnd end);
+/// The end that is this function.
+[[nodiscard]] ORNIK_API std::optional<nn::LayerEnd> end_of(KTensor (*function)(const KTensor&));
 
 }  // namespace ornik

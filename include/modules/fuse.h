@@ -15,6 +15,10 @@
 //         return fuse(Residual(body, nullptr, std::make_shared<ReLU>()));
 //     }
 //
+// Between convolutions, the pools MaxPool2d and AvgPool2d, and residuals of them, images stay in the layout of the
+// kernels (layers/functional/blocked_image.h); they become planes for other modules, for the mean of AdaptiveAvgPool2d,
+// and where the network ends. Recorded calls use planes throughout. The first call lays the weights out.
+//
 // Results have the bits of the network's but for folded normalizations: their scale is rounded into the weights, which
 // changes each term of a sum by a rounding.
 //

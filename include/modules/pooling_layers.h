@@ -12,6 +12,9 @@ namespace ornik {
 namespace detail {
 
 class ORNIK_API Pool : public Module {
+  public:
+    [[nodiscard]] const nn::PoolParameters& pool_parameters() const { return parameters_; }
+
   protected:
     Pool(const char* name, int axes, const nn::PoolParameters& parameters);
     nn::PoolParameters parameters_;
@@ -84,6 +87,7 @@ class ORNIK_API AdaptiveAvgPool2d : public Module {
   public:
     explicit AdaptiveAvgPool2d(std::array<std::int64_t, 2> output);
     explicit AdaptiveAvgPool2d(std::int64_t output) : AdaptiveAvgPool2d(std::array{output, output}) {}
+    [[nodiscard]] const std::array<std::int64_t, 2>& output() const { return output_; }
     KTensor forward(const KTensor& x) override { return adaptive_average_pool(x, output_); }
 
   private:

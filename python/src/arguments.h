@@ -13,7 +13,9 @@
 #include <variant>
 #include <vector>
 
+#include "ktensor/files.h"
 #include "ktensor/ktensor.h"
+#include "layers/functional/layer_end.h"
 #include "object.h"
 
 namespace ornik::python {
@@ -110,8 +112,13 @@ Axes to_axes(PyObject* object);
 Axis to_axis(PyObject* object);
 Operand to_operand(PyObject* object);
 std::vector<KTensor> to_tensors(PyObject* object, bool with_none);
+/// What the sum of a layer ends with, by the name of the function.
+nn::LayerEnd to_end(const std::string& name);
 /// A new list; null with an exception set when memory is short.
 PyObject* list_of(const std::vector<KTensor>& tensors) noexcept;
+
+/// A dictionary of new objects.
+nanobind::dict to_dict(NamedTensors tensors);
 
 // ---- dtypes.cpp ----
 

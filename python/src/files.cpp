@@ -51,14 +51,6 @@ NamedTensors to_named(const TensorDict& tensors) {
     return result;
 }
 
-nb::dict to_dict(NamedTensors tensors) {
-    nb::dict result;
-    for (auto& [name, tensor] : tensors) {
-        result[nb::str(name.data(), name.size())] = nb::steal(checked(wrap(std::move(tensor))));
-    }
-    return result;
-}
-
 NamedTensors to_handles(std::vector<NamedTensor> tensors) {
     NamedTensors result;
     for (NamedTensor& item : tensors) {
@@ -97,6 +89,14 @@ std::span<const std::byte> span_of(const nb::bytes& bytes) {
 }
 
 }  // namespace
+
+nb::dict to_dict(NamedTensors tensors) {
+    nb::dict result;
+    for (auto& [name, tensor] : tensors) {
+        result[nb::str(name.data(), name.size())] = nb::steal(checked(wrap(std::move(tensor))));
+    }
+    return result;
+}
 
 void add_files(nb::module_& m) {
     m.def("save", [](const Text& path, const TensorDict& tensors, const TextDict& metadata, Flag compress, Flag sync) {

@@ -37,5 +37,6 @@ NB_MODULE(_ornik, m) {
     add_random(m);
     add_files(m);
     add_networks(m);
+    add_fused(m);
     add_training(m);
 }

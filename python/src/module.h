@@ -17,6 +17,7 @@ void add_autograd(nanobind::module_& m);
 void add_random(nanobind::module_& m);
 void add_files(nanobind::module_& m);
 void add_networks(nanobind::module_& m);
+void add_fused(nanobind::module_& m);
 void add_training(nanobind::module_& m);
 
 }  // namespace ornik::python

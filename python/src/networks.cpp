@@ -7,8 +7,6 @@
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/tuple.h>
 
-#include <algorithm>
-
 #include "arguments.h"
 #include "errors.h"
 #include "gil.h"
@@ -51,17 +49,6 @@ KTensor convolve(const KTensor& x, const KTensor& weight, const OptionalTensor& 
     return without_lock([&] { return convolution(x, weight, bias.tensor, parameters); });
 }
 
-// What a layer's sum ends with, by the name of the function.
-nn::LayerEnd end_named(const std::string& name) {
-    constexpr const char* names[] = {"none", "relu", "relu6",       "sigmoid",  "tanh",
-                                     "silu", "gelu", "hardsigmoid", "hardswish"};
-    const auto place = std::find(std::begin(names), std::end(names), name);
-    if (place == std::end(names)) {
-        raise_error(PyExc_ValueError, "no layer ends with \"" + name + "\"");
-    }
-    return static_cast<nn::LayerEnd>(place - std::begin(names));
-}
-
 // In training: nothing is kept.
 KTensor ended(PreparedWeight& prepared, const KTensor& y, nn::LayerEnd end, const KTensor& residual) {
     prepared.drop();
@@ -79,7 +66,7 @@ void add_prepared(nb::module_& m) {
         .def("linear",
              [](PreparedWeight& self, const std::string& end, const OptionalTensor& residual, Flag keep,
                 const KTensor& x, const KTensor& weight, const OptionalTensor& bias) {
-                 const nn::LayerEnd chosen = end_named(end);
+                 const nn::LayerEnd chosen = to_end(end);
                  return without_lock([&] {
                      return keep ? self.linear(x, weight, bias.tensor, chosen, residual.tensor)
                                  : ended(self, linear(x, weight, bias.tensor), chosen, residual.tensor);
@@ -89,7 +76,7 @@ void add_prepared(nb::module_& m) {
                                const KTensor& x, const KTensor& weight, const OptionalTensor& bias,
                                const Extents& stride, const std::array<Extents, 2>& padding, const Extents& dilation,
                                std::int64_t groups, bool transposed, const Extents& output_padding) {
-            const nn::LayerEnd chosen = end_named(end);
+            const nn::LayerEnd chosen = to_end(end);
             const nn::ConvParameters parameters =
                 conv_parameters(stride, padding, dilation, groups, transposed, output_padding);
             return without_lock([&] {
@@ -283,7 +270,20 @@ void add_losses(nb::module_& m) {
 
 }  // namespace
 
+nn::LayerEnd to_end(const std::string& name) {
+    const std::optional<nn::LayerEnd> end = nn::layer_end_named(name);
+    if (!end) {
+        raise_error(PyExc_ValueError, "no layer ends with \"" + name + "\"");
+    }
+    return *end;
+}
+
 void add_networks(nb::module_& m) {
+    nb::list ends;
+    for (const std::string_view name : nn::layer_end_names) {
+        ends.append(nb::str(name.data(), name.size()));
+    }
+    m.attr("layer_ends") = nb::tuple(ends);
     add_prepared(m);
     add_windows(m);
     add_normalizations(m);

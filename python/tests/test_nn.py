@@ -575,6 +575,135 @@ def test_fuse_keeps_bits_where_nothing_is_folded():
     assert seen == [(2, 4)]
 
 
+class Between(nn.Module):
+    """A module that the library does not know."""
+
+    def forward(self, x):
+        return x * 2
+
+
+def residual_net(act=nn.ReLU):
+    def block(channels, out, stride):
+        shortcut = nn.Sequential(nn.Conv2d(channels, out, 1, stride, bias=False), nn.BatchNorm2d(out))
+        body = [
+            *(nn.Conv2d(channels, out, 3, stride, 1, bias=False), nn.BatchNorm2d(out), act()),
+            *(nn.Conv2d(out, out, 3, padding=1, bias=False), nn.BatchNorm2d(out)),
+        ]
+        return nn.Residual(nn.Sequential(*body), None if stride == 1 else shortcut, act())
+
+    return nn.Sequential(
+        *(nn.Conv2d(3, 32, 7, 2, 3, bias=False), nn.BatchNorm2d(32), act(), nn.MaxPool2d(3, 2, 1)),
+        *(block(32, 32, 1), block(32, 48, 2), nn.AvgPool2d(2, 1, 1)),
+        *(nn.AdaptiveAvgPool2d(1), nn.Flatten(), nn.Linear(48, 10)),
+    )
+
+
+def mobile_net():
+    def block(channels, wide):
+        return nn.Residual(
+            nn.Sequential(
+                *(nn.Conv2d(channels, wide, 1, bias=False), nn.BatchNorm2d(wide), nn.ReLU6()),
+                *(nn.Conv2d(wide, wide, 3, padding=1, groups=wide), nn.BatchNorm2d(wide), nn.Hardswish()),
+                *(nn.Conv2d(wide, channels, 1, bias=False), nn.BatchNorm2d(channels)),
+            )
+        )
+
+    return nn.Sequential(nn.Conv2d(3, 24, 3, 2, 1), nn.SiLU(), block(24, 40), nn.Dropout(), block(24, 33))
+
+
+def rows(size):
+    return nn.Sequential(
+        nn.Linear(size, 24), nn.BatchNorm1d(24), nn.GELU(), nn.Residual(nn.Linear(24, 24), activation=nn.Sigmoid())
+    )
+
+
+IMAGES, ONE = (2, 3, 37, 31), (3, 37, 31)
+# A network, its input, how many parts it has when it is fused, and whether its bits stay.
+FUSED = {
+    "residual": (residual_net, IMAGES, 4, False),
+    "mobile": (mobile_net, IMAGES, 1, False),
+    "one sample": (mobile_net, ONE, 1, False),
+    "rows": (lambda: rows(5), (7, 5), 1, False),
+    "lines": (lambda: nn.Sequential(nn.Conv1d(3, 16, 3), nn.ReLU(), nn.Conv1d(16, 8, 3)), (2, 3, 20), 1, True),
+    "between": (
+        lambda: nn.Sequential(nn.Conv2d(3, 32, 3), nn.Tanh(), Between(), nn.Conv2d(32, 16, 1)),
+        IMAGES,
+        4,
+        True,
+    ),
+    "unknown pools": (
+        lambda: nn.Sequential(
+            *(nn.Conv2d(3, 16, 3), nn.MaxPool2d(2, ceil_mode=True), nn.Conv2d(16, 16, 1)),
+            *(nn.AvgPool2d(3, padding=1, count_include_pad=False), nn.GELU("tanh"), nn.ReLU(), nn.AdaptiveAvgPool2d(2)),
+        ),
+        *(IMAGES, 8, True),
+    ),
+    "padded sum": (
+        lambda: nn.Sequential(
+            nn.Conv2d(3, 16, 1),
+            nn.Residual(nn.Conv2d(16, 16, 3, padding=1, padding_mode="reflect"), nn.Conv2d(16, 16, 1), nn.ReLU()),
+            nn.Residual(nn.Sequential(Between(), nn.Conv2d(16, 16, 1)), activation=nn.GELU("tanh")),
+            nn.Residual(nn.Sequential(nn.Conv2d(16, 16, 1), nn.ReLU()), Between(), nn.ReLU()),
+        ),
+        *(ONE, 14, True),
+    ),
+    "lone normalizations": (
+        lambda: nn.Sequential(nn.BatchNorm2d(3), nn.ReLU(), nn.Conv2d(3, 8, 3), nn.ReLU(), nn.BatchNorm2d(8)),
+        *(IMAGES, 4, True),
+    ),
+    "complex": (lambda: nn.Sequential(nn.Conv2d(3, 4, 3), nn.Conv2d(4, 4, 1)).to(ornik.complex64), IMAGES, 1, True),
+}
+
+
+@pytest.mark.parametrize("name", FUSED)
+def test_fused_networks_and_their_copies_have_the_values_of_the_modules(name):
+    make, shape, parts, keeps_bits = FUSED[name]
+    network = scattered(make()).eval()
+    x = ornik.random.normal(0, 1, shape).astype(next(network.parameters()).dtype)
+    fast = nn.fuse(network)
+    assert len(list(fast.modules())) == parts, repr(fast)
+    layers = [module for module in fast.modules() if "Fused" in repr(module) and not list(module.children())]
+    assert layers and not any(p.requires_grad for layer in layers for p in layer.parameters())
+    with ornik.no_grad():
+        wanted = network(x.reshape((1, *ONE)))[0] if shape is ONE else network(x)
+        found = bits(fast(x))
+        again = nn.fuse(nn.Sequential(fast))
+        for other in (fast, copy.deepcopy(fast), pickle.loads(pickle.dumps(fast)), again):
+            assert repr(other) == repr(fast) and all(bits(other(x)) == found for _ in range(2))
+            assert {n: bits(t) for n, t in other.state_dict().items()} == {
+                n: bits(t) for n, t in fast.state_dict().items()
+            }
+        if keeps_bits:
+            assert found == bits(wanted)
+            for parameter in network.parameters():  # Its weights are the network's own.
+                parameter *= 0.75
+            assert bits(fast(x)) == bits(network(x)) != found
+        else:
+            assert ornik.max(ornik.abs(fast(x) - wanted)).item() <= 2e-5 * ornik.max(ornik.abs(wanted)).item()
+    if x.dtype is ornik.float32:  # The state is that of the network that runs.
+        wide = copy.deepcopy(fast).double()(x.astype(ornik.float64))
+        assert wide.dtype is ornik.float64
+        assert ornik.max(ornik.abs(wide - fast(x))).item() <= 2e-5 * ornik.max(ornik.abs(wide)).item()
+        with pytest.raises(RuntimeError, match=r"^a fused module is for inference; "):
+            fast.train()(x)
+
+
+def test_fused_networks_refuse_what_they_do_not_take():
+    fast = nn.fuse(nn.Sequential(nn.Conv2d(3, 8, 3, bias=False), nn.BatchNorm2d(8), nn.ReLU()).eval())
+    assert repr(fast) == "Fused(Conv2d, normalized, relu)"
+    for call, error, text in (
+        (lambda: fast(ornik.ones((2, 3))), ValueError, "a fused network takes [N, C, H, W], but got [2, 3]"),
+        (lambda: nn.fuse(rows(5).eval())(ornik.ones((2, 2, 5))), ValueError,
+         "forward(): a linear map with a batch normalization folded in takes [N, 5], not [2, 2, 5] float32."),
+        (lambda: ornik._ornik.Fused(("Conv2d", (0, 1), (ornik.ones(2),), (), "none")), IndexError, None),
+        (lambda: ornik._ornik.Fused(("ReLU", (), (), (), "softer")), ValueError, 'no layer ends with "softer"'),
+        (lambda: ornik._ornik.Fused(("ReLU",)), IndexError, None),
+    ):  # fmt: skip
+        with pytest.raises(error) as raised:
+            call()
+        assert text is None or str(raised.value) == text
+
+
 @pytest.mark.parametrize("text", REFUSED)
 def test_refusals(text):
     error, call = REFUSED[text]

@@ -1,6 +1,7 @@
 // activation_layers.cpp: activations with parameters.
 #include "modules/activation_layers.h"
 
+#include <algorithm>
 #include <cmath>
 #include <numbers>
 
@@ -12,17 +13,10 @@
 namespace ornik {
 
 std::optional<nn::LayerEnd> detail::end_named(std::string_view name) {
-    using nn::LayerEnd;
-    constexpr std::pair<std::string_view, LayerEnd> ends[] = {
-        {"ReLU", LayerEnd::relu},          {"ReLU6", LayerEnd::relu6}, {"Sigmoid", LayerEnd::sigmoid},
-        {"Tanh", LayerEnd::tanh},          {"SiLU", LayerEnd::silu},   {"Hardsigmoid", LayerEnd::hardsigmoid},
-        {"Hardswish", LayerEnd::hardswish}};
-    for (const auto& [known, end] : ends) {
-        if (known == name) {
-            return end;
-        }
-    }
-    return std::nullopt;
+    std::string lower(name);
+    std::transform(lower.begin(), lower.end(), lower.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+    return nn::layer_end_named(lower);
 }
 
 std::optional<nn::LayerEnd> GELU::as_end() const { return by_tanh_ ? std::nullopt : std::optional(nn::LayerEnd::gelu); }

@@ -40,13 +40,6 @@ KTensor residual(const KTensor& x, const Part<LayerNorm>& norm, const Transforme
     return options.norm_first ? sum : norm(sum);
 }
 
-std::optional<nn::LayerEnd> end_of(KTensor (*activation)(const KTensor&)) {
-    return activation == static_cast<KTensor (*)(const KTensor&)>(relu)   ? std::optional(nn::LayerEnd::relu)
-           : activation == static_cast<KTensor (*)(const KTensor&)>(gelu) ? std::optional(nn::LayerEnd::gelu)
-           : activation == static_cast<KTensor (*)(const KTensor&)>(silu) ? std::optional(nn::LayerEnd::silu)
-                                                                          : std::nullopt;
-}
-
 KTensor feed_forward(const KTensor& x, const Part<Linear>& linear1, const Part<Linear>& linear2,
                      const TransformerOptions& options, bool training, const KTensor& added) {
     const std::optional<nn::LayerEnd> end = end_of(options.activation);

@@ -1,6 +1,7 @@
 // Layers in inference: weights that are kept laid out, and networks whose layers end with what followed them.
 #include <gtest/gtest.h>
 
+#include <random>
 #include <thread>
 
 #include "ktensor/arithmetic.h"
@@ -8,6 +9,7 @@
 #include "ktensor/impl.h"
 #include "ktensor/indexing.h"
 #include "ktensor/networks.h"
+#include "modules/fused_layers.h"
 #include "modules/layers.h"
 #include "random/generator.h"
 #include "support/expect_error.h"
@@ -242,6 +244,203 @@ TEST(Fuse, BitsStayWhereNothingIsFolded) {
         // The weights are the network's own.
         for (KTensor& parameter : network.parameters()) {
             mul_(parameter, Scalar(0.75));
+        }
+    }
+}
+
+// Networks of images as they come, by a number: rows of convolutions of all kinds, pools and residuals, with their ends
+// and, where asked for, normalizations.
+class Grown {
+  public:
+    Grown(unsigned seed, bool normalized) : random_(seed), is_normalized_(normalized) {}
+
+    std::shared_ptr<Sequential> network(std::int64_t parts) {
+        auto result = row();
+        for (std::int64_t i = 0; i < parts; ++i) {
+            add_part(*result);
+        }
+        if (pick(2) == 0) {
+            result->append(AdaptiveAvgPool2d(pick(3) == 0 ? 2 : 1));
+            result->append(Flatten());
+        }
+        return result;
+    }
+
+  private:
+    std::int64_t pick(std::int64_t count) {
+        return static_cast<std::int64_t>(random_() % static_cast<unsigned>(count));
+    }
+
+    std::shared_ptr<Module> activation() {
+        using Make = std::shared_ptr<Module> (*)();
+        constexpr Make kinds[] = {
+            [] { return std::shared_ptr<Module>(); },
+            [] { return std::shared_ptr<Module>(std::make_shared<ReLU>()); },
+            [] { return std::shared_ptr<Module>(std::make_shared<ReLU6>()); },
+            [] { return std::shared_ptr<Module>(std::make_shared<Sigmoid>()); },
+            [] { return std::shared_ptr<Module>(std::make_shared<Tanh>()); },
+            [] { return std::shared_ptr<Module>(std::make_shared<SiLU>()); },
+            [] { return std::shared_ptr<Module>(std::make_shared<GELU>()); },
+            [] { return std::shared_ptr<Module>(std::make_shared<Hardsigmoid>()); },
+            [] { return std::shared_ptr<Module>(std::make_shared<Hardswish>()); },
+            [] { return std::shared_ptr<Module>(std::make_shared<Mish>()); },
+        };
+        return kinds[pick(std::ssize(kinds))]();
+    }
+    // Extents become those of the stride.
+    void add_convolution(Sequential& to, std::int64_t out, std::int64_t kernel, std::int64_t stride, bool with_end) {
+        const std::int64_t groups = out != channels_ || pick(3) > 0 ? 1 : pick(2) == 0 ? channels_ : 2;
+        to.append(Conv2d(channels_, out, kernel,
+                         {.stride = {stride, stride},
+                          .padding = {kernel / 2, kernel / 2},
+                          .groups = channels_ % groups == 0 ? groups : 1,
+                          .bias = pick(2) == 0}));
+        channels_ = out;
+        if (is_normalized_ && pick(4) > 0) {
+            to.append(BatchNorm2d(out, {.affine = pick(3) > 0}));
+        }
+        if (std::shared_ptr<Module> end = activation(); end && with_end) {
+            to.append(end);
+        }
+    }
+    std::int64_t width() { return std::array{8, 16, 24, 32, 33, 48}.at(static_cast<std::size_t>(pick(6))); }
+    std::int64_t kernel() { return 1 + 2 * pick(3); }
+    void add_residual(Sequential& to) {
+        const std::int64_t before = channels_;
+        const std::int64_t out = pick(2) == 0 ? before : width();
+        const std::int64_t stride = 1 + pick(2);
+        auto body = row();
+        if (pick(3) > 0) {
+            add_convolution(*body, width(), kernel(), 1, true);
+        }
+        add_convolution(*body, out, kernel(), stride, pick(4) == 0);
+        std::shared_ptr<Sequential> shortcut;
+        if (out != before || stride != 1) {
+            shortcut = row();
+            if (out == before && pick(2) == 0) {
+                shortcut->append(MaxPool2d(1, stride));
+            } else {
+                channels_ = before;
+                add_convolution(*shortcut, out, 1, stride, false);
+            }
+        }
+        to.append(std::make_shared<Residual>(body, shortcut, activation()));
+    }
+    void add_part(Sequential& to) {
+        switch (pick(7)) {
+            case 0:
+                to.append(MaxPool2d(3, 1 + pick(2), 1));
+                break;
+            case 1:
+                to.append(AvgPool2d(2 + pick(2), 1, 1));
+                break;
+            case 2: {
+                auto inner = row();
+                add_convolution(*inner, width(), kernel(), 1, true);
+                to.append(inner);
+                break;
+            }
+            case 3:
+            case 4:
+                add_residual(to);
+                break;
+            default:
+                add_convolution(to, width(), kernel(), 1 + pick(2), true);
+        }
+    }
+
+    std::mt19937 random_;
+    bool is_normalized_;
+    std::int64_t channels_ = 3;
+};
+
+TEST(Fuse, GrownNetworksHaveTheirValuesInBlocksAndInPlanes) {
+    set_random_seed(5);
+    int in_blocks = 0;
+    for (unsigned seed = 0; seed < 60; ++seed) {
+        const bool is_normalized = seed % 2 == 1;
+        const std::shared_ptr<Sequential> network = Grown(seed, is_normalized).network(2 + seed % 5);
+        const std::int64_t type = seed % 8 < 5 ? dtype::float32 : dtype::float64;
+        *network = scattered(std::move(*network));
+        network->to(type);
+        network->eval();
+        const std::shared_ptr<Module> fast = fuse(*network);
+        SCOPED_TRACE(std::to_string(seed) + network->to_string() + fast->to_string());
+        const KTensor x = KTensor::randn({seed % 3 == 0 ? 1 : 2, 3, 22 + seed % 4, 19}, type);
+        const KTensor recorded = fast->forward(x.clone().requires_grad());
+        const NoGrad inference;
+        const KTensor wanted = network->forward(x);
+        for (int call = 0; call < 3; ++call) {
+            const KTensor found = fast->forward(x);
+            EXPECT_EQ(bits(found), bits(recorded));
+            if (is_normalized) {
+                const double tolerance = type == dtype::float32 ? 2e-5 : 1e-13;
+                EXPECT_LE(max(abs(found - wanted)).item<double>(), tolerance * max(abs(wanted)).item<double>());
+            } else {
+                EXPECT_EQ(bits(found), bits(wanted));
+            }
+        }
+        auto* const part = dynamic_cast<detail::FusedPart*>(fast.get());
+        in_blocks += part != nullptr && part->pass(Carried(x), true).is_blocked() ? 1 : 0;
+    }
+    EXPECT_GT(in_blocks, 20);
+}
+
+// One layer that has been fused by itself.
+struct Alone : Module {
+    Part<Conv2d> inner = add("inner", Conv2d(16, 32, 1));
+    std::shared_ptr<Module> made;
+    KTensor forward(const KTensor& x) override { return inner(x); }
+    std::shared_ptr<Module> fused() override {
+        Sequential row;
+        row.append(inner.shared());
+        return made = fuse(row);
+    }
+};
+
+TEST(Fuse, WhatIsFusedMayBeFusedAgain) {
+    const auto alone = std::make_shared<Alone>();
+    Sequential network;
+    network.append(alone);
+    network.append(ReLU());
+    network.append(MaxPool2d(2));
+    network.eval();
+    const std::shared_ptr<Module> once = fuse(network);
+    const std::shared_ptr<Module> twice = fuse(*once);
+    EXPECT_EQ(
+        once->to_string(),
+        "Sequential(\n  (0): Fused(Conv, relu)\n  (1): MaxPool2d(kernel=[2, 2], stride=[2, 2], padding=[0, 0])\n)");
+    EXPECT_EQ(twice->to_string(), once->to_string());
+    EXPECT_EQ(alone->made->to_string(), "Fused(Conv)");
+    const NoGrad inference;
+    const KTensor x = KTensor::randn({2, 16, 6, 5});
+    EXPECT_EQ(bits(once->forward(x)), bits(network.forward(x)));
+    EXPECT_EQ(bits(twice->forward(x)), bits(network.forward(x)));
+}
+
+TEST(Fuse, WhatBlocksDoNotTakeIsServedOrRefusedAsBefore) {
+    const NoGrad inference;
+    const KTensor x = KTensor::randn({2, 16, 6, 5});
+    // A sum that repeats the body's one position.
+    const std::shared_ptr<Sequential> repeated =
+        row(Conv2d(16, 32, 1), Residual(row(AdaptiveAvgPool2d(1), Conv2d(32, 32, 1))), Conv2d(32, 16, 1));
+    // Channels, windows and axes that do not fit, behind images in blocks.
+    const std::shared_ptr<Sequential> wrong[] = {
+        row(Conv2d(16, 32, 1), Conv2d(40, 32, 1)), row(Conv2d(16, 32, 1), MaxPool2d(9), Conv2d(32, 32, 1)),
+        row(Conv2d(16, 32, 1), Residual(row(Conv2d(32, 32, 1), Conv2d(32, 40, 1)))),
+        row(Conv2d(16, 32, 1), Conv2d(32, 32, 7)), row(Conv2d(17, 32, 1), Conv2d(32, 32, 1))};
+    repeated->eval();
+    const std::shared_ptr<Module> fast = fuse(*repeated);
+    for (int call = 0; call < 3; ++call) {
+        EXPECT_EQ(bits(fast->forward(x)), bits(repeated->forward(x)));
+    }
+    for (const std::shared_ptr<Sequential>& network : wrong) {
+        network->eval();
+        const std::shared_ptr<Module> fused = fuse(*network);
+        const std::string words = message_of([&] { (void)network->forward(x); });
+        EXPECT_NE(words, "");
+        for (int call = 0; call < 3; ++call) {
+            EXPECT_EQ(message_of([&] { (void)fused->forward(x); }), words);
         }
     }
 }

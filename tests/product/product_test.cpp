@@ -217,8 +217,9 @@ TEST(Bits, AreThoseOfThePromisedOrder) {
             expect_promised_bits<T>(plan, flags / 64 % 16, {2});
         }
         // Few rows, few columns, several blocks, many small ones and more tiles than workers.
-        for (const Dims& size : {Dims{1, 1, 700, 300}, Dims{1, 2, 300, 270}, Dims{1, 3, 600, 270}, Dims{1, 600, 1, 300},
-                                 Dims{1, 530, 5, 270}, Dims{1, 150, 40, 270}, Dims{40, 9, 40, 30}}) {
+        for (const Dims& size :
+             {Dims{1, 1, 700, 300}, Dims{1, 2, 600, 1100}, Dims{1, 2, 300, 270}, Dims{1, 3, 600, 270},
+              Dims{1, 600, 1, 300}, Dims{1, 530, 5, 270}, Dims{1, 150, 40, 270}, Dims{40, 9, 40, 30}}) {
             for (const int flags : {0, 3, 5, 6}) {
                 const ProductPlan plan{size[0],          size[1],          size[2],         size[3],
                                        (flags & 1) != 0, (flags & 2) != 0, (flags & 4) != 0};

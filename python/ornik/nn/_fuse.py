@@ -3,17 +3,18 @@
 from __future__ import annotations
 
 import copy
-from collections.abc import Sequence
-from typing import TYPE_CHECKING, Any
+from collections.abc import Callable, Iterable, Iterator, Sequence
+from typing import TYPE_CHECKING, Any, NamedTuple
 
-from .. import _dtypes, _ornik
-from ..autograd import no_grad
-from . import _activations
+from .. import _ornik
+from . import _activations, functional
+from ._arguments import tensors
 from ._basic import Dropout, Dropout1d, Dropout2d, Identity, Linear
 from ._containers import Residual, Sequential, _List
 from ._convolutions import Conv1d, Conv2d, ConvTranspose1d, ConvTranspose2d, _Convolution
 from ._module import Module, Parameter, is_plain
 from ._normalizations import BatchNorm1d, BatchNorm2d
+from ._pools import AdaptiveAvgPool2d, AvgPool2d, MaxPool2d
 
 if TYPE_CHECKING:
     from .._tensor import KTensor
@@ -22,14 +23,7 @@ __all__ = ["fuse"]
 
 _LAYERS = (Linear, Conv1d, Conv2d, ConvTranspose1d, ConvTranspose2d)
 _ENDS: dict[type, str] = {
-    _activations.ReLU: "relu",
-    _activations.ReLU6: "relu6",
-    _activations.Sigmoid: "sigmoid",
-    _activations.Tanh: "tanh",
-    _activations.SiLU: "silu",
-    _activations.GELU: "gelu",
-    _activations.Hardsigmoid: "hardsigmoid",
-    _activations.Hardswish: "hardswish",
+    getattr(_activations, name): name.lower() for name in _activations.__all__ if name.lower() in _ornik.layer_ends
 }
 _NOTHING = (Dropout, Dropout1d, Dropout2d, Identity)
 
@@ -41,6 +35,9 @@ def fuse(module: Module) -> Module:
     folded into the convolution or linear map before it, an activation (ReLU, ReLU6, Sigmoid, Tanh, SiLU, GELU,
     Hardsigmoid, Hardswish) becomes its end, dropout goes. The sum of a :class:`Residual`, with its activation, becomes
     the end of its body's last layer.
+
+    Such layers, activations, ``Residual`` and the pools MaxPool2d, AvgPool2d and AdaptiveAvgPool2d(1) that follow each
+    other become one network of the library; within it, images stay in the layout of its kernels.
 
     Other modules stay what they are, with fused parts. What their ``forward()`` does between the parts is not seen: one
     that is made of parts in a row says so by a method ``fused()``, which returns what stands for it::
@@ -65,83 +62,73 @@ def fuse(module: Module) -> Module:
     return _closed(_chain([module])).eval()
 
 
+#: A part as the extension takes it (python/src/fused.cpp): kind, numbers, tensors, parts, and its end or eps.
+_Description = tuple[str, Sequence[int], Sequence[Any], Sequence[Any], Any]
+
+
+class _Run(NamedTuple):
+    """Parts in a row that the library knows, not yet fused."""
+
+    parts: list[_Description]
+    #: Those of the images, 0 for rows of elements; None where any will do.
+    axes: int | None
+    #: The outputs of the layer at the end, which takes a normalization or a sum; 0 where there is none.
+    open: int = 0
+
+    def then(self, more: _Run) -> _Run | None:
+        """Both, unless they do not go together."""
+        if None not in (self.axes, more.axes) and self.axes != more.axes:
+            return None
+        axes = more.axes if self.axes is None else self.axes
+        return _Run([*self.parts, *more.parts], axes, more.open)
+
+    def described(self) -> _Description:
+        return ("Sequential", (), (), self.parts, None)
+
+
 class _Fused(Module):
-    """A convolution or linear map with a normalization folded in and an end."""
+    """A network of the library."""
 
-    def __init__(self, layer: Any) -> None:
-        self._layer = copy.copy(layer)
-        self._layer.__dict__["_kept"] = {}
-        for name, tensor in self._members():  # The same memory, without gradients.
-            self._layer.__dict__[name] = Parameter(tensor, requires_grad=False)
-        self._normalized = False
-        self._end = "none"
+    def __init__(self, run: _Run) -> None:
+        self._axes = run.axes
+        self._open = run.open
+        self._network = _ornik.Fused(run.described())
 
-    def _members(self) -> Any:
-        tensors = self.__dict__["_layer"].__dict__
-        return iter([(name, tensors[name]) for name in ("weight", "bias") if tensors[name] is not None])
+    def __getstate__(self) -> dict[str, Any]:
+        return {name: value for name, value in self.__dict__.items() if name != "_own"}
 
-    def takes(self, module: Module) -> bool:
-        """Did it become a part of this layer?"""
-        weight = self._layer.weight
-        if self._end != "none" or weight.dtype.kind != "f":
-            return False
-        if is_plain(module, BatchNorm1d) or is_plain(module, BatchNorm2d):
-            return self._fold(module)
-        end = _ENDS.get(type(module)) if is_plain(module, type(module)) else None
-        if end is None or getattr(module, "approximate", "none") != "none":
-            return False
-        self._end = end
-        return True
+    def _members(self) -> Iterator[tuple[str, Any]]:
+        if "_own" not in self.__dict__:  # The network's own tensors, by their names in it.
+            state = self._network.state().items()
+            self.__dict__["_own"] = {name: _ornik.KTensorBase.__new__(Parameter, tensor) for name, tensor in state}
+        return iter(self.__dict__["_own"].items())
 
-    def _fold(self, norm: Any) -> bool:
-        layer = self._layer
-        weight, bias = layer.weight, layer.bias
-        transposed = isinstance(layer, (ConvTranspose1d, ConvTranspose2d))
-        groups = layer.groups if isinstance(layer, _Convolution) else 1
-        channels = weight.shape[1] * groups if transposed else weight.shape[0]
-        if norm.running_var is None or norm.num_features != channels:
-            return False
+    def forward(self, x: KTensor) -> KTensor:
+        return self._on_batch(self._network, x)
 
-        def wide(t: KTensor) -> KTensor:
-            return _ornik.detach(t).astype(_dtypes.float64)
+    def adding(self, x: KTensor, added: KTensor) -> KTensor:
+        """Of a residual alone: with another tensor in the shortcut's place."""
+        return self._on_batch(self._network.adding, x, added)
 
-        with no_grad():
-            scale = 1.0 / (wide(norm.running_var) + norm.eps).sqrt()
-            if norm.weight is not None:
-                scale = scale * wide(norm.weight)
-            shift = ((0.0 if bias is None else wide(bias)) - wide(norm.running_mean)) * scale
-            if norm.bias is not None:
-                shift = shift + wide(norm.bias)
-            # The weight as [groups, in, out, ...] or [out, ...].
-            shape, spread = weight.shape, (channels, *(1 for _ in weight.shape[1:]))
-            if transposed:
-                shape = (groups, shape[0] // groups, *shape[1:])
-                spread = (groups, 1, shape[2], *(1 for _ in shape[3:]))
-            folded = (wide(weight).reshape(shape) * scale.reshape(spread)).reshape(weight.shape)
-            layer.__dict__["weight"] = Parameter(folded.astype(weight.dtype), requires_grad=False)
-            layer.__dict__["bias"] = Parameter(shift.astype(weight.dtype), requires_grad=False)
-        self._normalized = True
-        return True
-
-    def forward(self, x: KTensor, residual: KTensor | None = None) -> KTensor:
+    def _on_batch(self, function: Callable[..., KTensor], *operands: KTensor) -> KTensor:
+        """One sample without its axis counts as a batch of one."""
         if self.training:
             raise RuntimeError("a fused module is for inference; train the one that it was made from")
-        if self._normalized and isinstance(self._layer, Linear) and x.ndim != 2:
-            raise ValueError(
-                "a linear map with a batch normalization folded in takes "
-                f"[N, {self._layer.in_features}], but got {list(x.shape)}"
-            )
-        y: KTensor = self._layer._ended(x, self._end, residual)
-        return y
+        tensors(*operands)
+        shape = operands[0].shape
+        if not self._axes or len(shape) == self._axes + 2:
+            return function(*operands)
+        if len(shape) != self._axes + 1:
+            wanted = "[N, C, L]" if self._axes == 1 else "[N, C, H, W]"
+            raise ValueError(f"a fused network takes {wanted}, but got {list(shape)}")
+        return _ornik.squeeze(function(*(_ornik.unsqueeze(x, 0) for x in operands)), 0)
 
     def __repr__(self) -> str:
-        normalized = ", normalized" if self._normalized else ""
-        end = "" if self._end == "none" else f", {self._end}"
-        return f"Fused({type(self._layer).__name__}{normalized}{end})"
+        return repr(self._network)
 
 
 class _FusedResidual(Module):
-    """activation(last(first(x)) + shortcut(x)); the sum, and an activation the layer took, inside the last layer."""
+    """activation(last(first(x)) + shortcut(x)) where not all parts are the library's; the sum is inside the last."""
 
     def __init__(self, first: Module | None, last: _Fused, shortcut: Module | None, activation: Module | None) -> None:
         self.first = first
@@ -151,59 +138,145 @@ class _FusedResidual(Module):
 
     def forward(self, x: KTensor) -> KTensor:
         added = x if self.shortcut is None else self.shortcut(x)
-        y: KTensor = self.last(x if self.first is None else self.first(x), added)
+        y: KTensor = self.last.adding(x if self.first is None else self.first(x), added)
         return y if self.activation is None else self.activation(y)
 
 
-def _flat(modules: Sequence[Module]) -> list[Module]:
-    """Those of nested Sequentials, in order."""
-    result: list[Module] = []
+class _Pad(Module):
+    """What a convolution with a padding of its own mode begins with."""
+
+    def __init__(self, widths: list[int], mode: str) -> None:
+        self.widths = widths
+        self.mode = mode
+
+    def forward(self, x: KTensor) -> KTensor:
+        return functional.pad(x, self.widths, self.mode)
+
+    def extra_repr(self) -> str:
+        return f"{self.widths}, mode={self.mode!r}"
+
+
+def _flat(modules: Iterable[Any]) -> Iterator[tuple[Module, bool]]:
+    """The parts of what is made of others, in order, and whether they are to stay as they are."""
     for module in modules:
-        result.extend(_flat(list(module)) if is_plain(module, Sequential) else [module])  # type: ignore[call-overload]
-    return result
+        made = getattr(module, "fused", None) if module._hooks is None else None
+        if is_plain(module, Sequential):
+            yield from _flat(module)
+        elif made is not None:
+            stands_for = made()
+            if not isinstance(stands_for, Module):
+                name = type(module).__name__
+                raise TypeError(f"{name}.fused() returns a Module, but gave {type(stands_for).__name__}")
+            yield from [(module, True)] if stands_for is module else _flat([stands_for])
+        elif _is_one_of(module, (Conv1d, Conv2d)) and module.padding_mode != "zeros":
+            yield _Pad(module._widths(), module.padding_mode), True
+            bare = copy.copy(module)
+            bare.__dict__.update(padding=(0,) * module._axes, padding_mode="zeros")
+            yield bare, False
+        elif not _is_one_of(module, _NOTHING):
+            yield module, False
 
 
-def _chain(modules: Sequence[Module]) -> list[Module]:
-    """Fused, the last one still open."""
-    result: list[Module] = []
-    for module in _flat(modules):
+def _is_one_of(module: Any, kinds: tuple[type, ...]) -> bool:
+    return type(module) in kinds and is_plain(module, type(module))
+
+
+def _chain(modules: Iterable[Module]) -> list[Module | _Run]:
+    """Fused, but for the runs."""
+    result: list[Module | _Run] = []
+    for module, stays in _flat(modules):
         last = result[-1] if result else None
-        if isinstance(last, _Fused) and last.takes(module):
-            continue
-        if type(module) not in _NOTHING or not is_plain(module, type(module)):
-            result.append(_alone(module))
+        part = module if stays else _alone(module, last.open if isinstance(last, _Run) else 0)
+        both = last.then(part) if isinstance(last, _Run) and isinstance(part, _Run) else None
+        result[len(result) - (both is not None) :] = [part if both is None else both]
     return result
 
 
-def _closed(modules: list[Module]) -> Module:
+def _closed(parts: Sequence[Module | _Run]) -> Module:
+    modules = [_Fused(part) if isinstance(part, _Run) else part for part in parts]
     return modules[0] if len(modules) == 1 else Sequential(*modules)
 
 
-def _alone(module: Module) -> Module:
-    """What a module becomes by itself."""
-    if any(is_plain(module, kind) for kind in _LAYERS):
-        return _Fused(module)
-    if is_plain(module, Residual):
-        return _residual(module)
-    made = getattr(module, "fused", None)
-    if made is not None and module._hooks is None:
-        stands_for = made()
-        if not isinstance(stands_for, Module):
-            raise TypeError(f"{type(module).__name__}.fused() returns a Module, but gave {type(stands_for).__name__}")
-        return stands_for if stands_for is module else _closed(_chain([stands_for]))
-    return _with_fused_parts(module)
+def _alone(module: Any, open_outputs: int) -> Module | _Run:
+    """What a module becomes behind a layer with so many outputs."""
+    kind = type(module)
+    if not is_plain(module, kind):
+        return _with_fused_parts(module)
+    if kind in _LAYERS:
+        return _layer(module)
+    if kind in _ENDS and getattr(module, "approximate", "none") == "none":
+        return _Run([(kind.__name__, (), (), (), _ENDS[kind])], None)
+    if kind in (BatchNorm1d, BatchNorm2d) and module.num_features == open_outputs and module.running_var is not None:
+        values = (module.running_mean, module.running_var, module.weight, module.bias)
+        return _Run([("BatchNorm", (), values, (), module.eps)], None, open_outputs)
+    if kind in (MaxPool2d, AvgPool2d, AdaptiveAvgPool2d):
+        numbers = _windows_of_pool(module)
+        return _with_fused_parts(module) if numbers is None else _Run([(kind.__name__, numbers, (), (), None)], 2)
+    if kind is _Fused:
+        return _Run([module._network.__reduce__()[1][0]], module._axes, module._open)
+    return _residual(module) if kind is Residual else _with_fused_parts(module)
 
 
-def _residual(module: Any) -> Module:
-    body = _chain([module.body])
-    shortcut = None if module.shortcut is None else _closed(_chain([module.shortcut]))
-    activation = module.activation
+def _windows_of_pool(pool: Any) -> tuple[int, ...] | None:
+    """None for those that the library does not have."""
+    if isinstance(pool, AdaptiveAvgPool2d):
+        return (1, 1) if pool.output_size == (1, 1) else None
+    counts_all = getattr(pool, "count_include_pad", True) or not any(pool.padding)
+    return (*pool.kernel_size, *pool.stride, *pool.padding) if counts_all and not pool.ceil_mode else None
+
+
+def _layer(layer: Any) -> _Run:
+    axes = 0
+    numbers: tuple[int, ...] = ()
+    if isinstance(layer, _Convolution):
+        axes = layer._axes
+        stride, ((top, bottom), (left, right)), dilation, groups, transposed, more = functional.convolution_windows(
+            layer._name,
+            axes,
+            layer.weight.shape,
+            layer.stride,
+            layer.padding,
+            layer.dilation,
+            layer.groups,
+            getattr(layer, "output_padding", None),
+        )
+        numbers = (*stride, top, bottom, left, right, *dilation, groups, int(transposed), *more)
+    outputs = layer.out_channels if axes else layer.out_features
+    description = (type(layer).__name__, (0, *numbers), (layer.weight, layer.bias), (), "none")
+    return _Run([description], axes, outputs if layer.weight.dtype.kind == "f" else 0)
+
+
+def _residual(module: Any) -> Module | _Run:
+    chains = [[] if part is None else _chain([part]) for part in (module.body, module.shortcut, module.activation)]
+    body, shortcut, activation = chains
+    runs = [run for run in map(_one_run, chains) if run is not None]
+    axes = {run.axes for run in runs} - {None}
+    if len(runs) == len(chains) and len(axes) < 2:
+        return _Run([_sum(*runs)], axes.pop() if axes else None)
     last = body[-1] if body else None
-    if not isinstance(last, _Fused) or last._end != "none":
-        return Residual(_closed(body), shortcut, activation)
-    if activation is not None and last.takes(activation):
-        activation = None
-    return _FusedResidual(_closed(body[:-1]) if body[1:] else None, last, shortcut, activation)
+    around = _closed(shortcut) if shortcut else None
+    end = _closed(activation) if activation else None
+    if not isinstance(last, _Run) or not last.open:
+        return Residual(_closed(body), around, end)
+    taken = _one_run(activation) if activation else None
+    if taken is not None and taken.axes is not None:
+        taken = None
+    joined = _Fused(_Run([_sum(last, None, taken)], last.axes))
+    return _FusedResidual(_closed(body[:-1]) if body[1:] else None, joined, around, end if taken is None else None)
+
+
+def _one_run(chain: list[Module | _Run]) -> _Run | None:
+    """The chain, unless there are modules in it."""
+    if not chain:
+        return _Run([], None)
+    return chain[0] if len(chain) == 1 and isinstance(chain[0], _Run) else None
+
+
+def _sum(body: _Run, shortcut: _Run | None, activation: _Run | None) -> _Description:
+    parts = [None if run is None or not run.parts else run.described() for run in (shortcut, activation)]
+    if activation is not None and len(activation.parts) == 1:
+        parts[1] = activation.parts[0]  # Bare: it may become the end of a layer.
+    return ("Residual", (), (), (body.described(), *parts), None)
 
 
 def _with_fused_parts(module: Module) -> Module:

@@ -258,21 +258,33 @@ def convolve(
         raise ValueError(
             f"{name}(): x {list(x.shape)} and weight {list(weight.shape)}; wanted are {shape} and {axes + 2} axes"
         )
+    windows = convolution_windows(name, axes, weight.shape, stride, padding, dilation, groups, output_padding)
+    return _on_batch(name, x, axes, lambda batch: convolution(batch, weight, bias, *windows))
+
+
+_Two = tuple[int, int]
+
+
+def convolution_windows(
+    name: str,
+    axes: int,
+    weight: Sequence[int],
+    stride: Pair,
+    padding: Pair | str,
+    dilation: Pair,
+    groups: int,
+    output_padding: Pair | None,
+) -> tuple[_Two, tuple[_Two, _Two], _Two, int, bool, _Two]:
+    """What ``_ornik.convolution`` takes behind the bias, for a weight of that shape; transposed with output_padding."""
     steps = pair(name, "stride", stride, axes, 1, 1)
     spread = pair(name, "dilation", dilation, axes, 1, 1)
     if isinstance(padding, str):
-        widths = _padding_by_name(name, padding, weight.shape[2:], steps, spread)
+        widths = _padding_by_name(name, padding, weight[2:], steps, spread)
     else:
         both = pair(name, "padding", padding, axes, 0)
         widths = ((both[0], both[0]), (both[1], both[1]))
-    transposed = output_padding is not None
     more = pair(name, "output_padding", 0 if output_padding is None else output_padding, axes, 0)
-    return _on_batch(
-        name,
-        x,
-        axes,
-        lambda batch: convolution(batch, weight, bias, steps, widths, spread, groups, transposed, more),
-    )
+    return steps, widths, spread, groups, output_padding is not None, more
 
 
 def _padding_by_name(

@@ -132,12 +132,16 @@ ORNIK_IN_PLACE double power_of_two(double k) {
 }
 
 ORNIK_IN_PLACE float exp(float x) {
-    // Beyond the bounds the result is 0 or infinite; between them two factors reach the subnormal range.
-    const Reduced32 reduced = by_ln2(clamped(x, -104.0F, 89.0F));
-    const float r = reduced.r;
+    // Beyond the bounds the result is 0 or infinite; between them two factors reach the subnormal range. Their biased
+    // exponents are the halves of k + 254, which the low bits of the sum hold.
+    const float c = clamped(x, -104.0F, 89.0F);
+    const float shifted = fused(c, 1.44269504F, whole32 + 254.0F);
+    const float k = shifted - (whole32 + 254.0F);
+    const float r = fused(-k, ln2_low32, fused(-k, ln2_high32, c));
     const float mantissa = fused(r * r, exp_tail(r), r) + 1.0F;
-    const std::int32_t half = reduced.k >> 1;
-    return mantissa * power_of_two(half) * power_of_two(reduced.k - half);
+    const auto bits = std::bit_cast<std::uint32_t>(shifted);
+    const std::uint32_t half = bits >> 1;
+    return mantissa * std::bit_cast<float>(half << 23) * std::bit_cast<float>((bits - half) << 23);
 }
 
 ORNIK_IN_PLACE double exp(double x) {

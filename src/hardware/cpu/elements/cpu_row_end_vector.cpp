@@ -3,6 +3,7 @@
 #include "hardware/cpu/elements/cpu_row_end.h"
 #include "hardware/cpu/elements/elementary.h"
 #include "real_functions.h"
+#include "row_kernels.h"
 
 namespace ornik::device::cpu {
 
@@ -14,13 +15,12 @@ ORNIK_IN_PLACE T cut(T x, T low, T high) {
     return above > high ? high : above;
 }
 
-// One struct per end, with `of` for an element.
-#define ORNIK_ROW_END(name, value) \
-    struct name##_end {            \
-        template <typename T>      \
-        ORNIK_IN_PLACE T of(T x) { \
-            return value;          \
-        }                          \
+#define ORNIK_ROW_END(name, value)               \
+    struct name##_end {                          \
+        template <typename T>                    \
+        ORNIK_IN_PLACE T operator()(T x) const { \
+            return value;                        \
+        }                                        \
     };
 ORNIK_ROW_END(relu, x <= T(0) ? T(0) : x)
 ORNIK_ROW_END(relu6, cut(x, T(0), T(6)))
@@ -31,12 +31,26 @@ ORNIK_ROW_END(gelu, real_functions::gelu(x))
 ORNIK_ROW_END(hardsigmoid, cut(x + T(3), T(0), T(6)) / T(6))
 ORNIK_ROW_END(hardswish, x* cut(x + T(3), T(0), T(6)) / T(6))
 
+}  // namespace
+
+template <>
+struct NearZero<silu_end, float> : real_functions::SiluNear {};
+template <>
+struct NearZero<gelu_end, float> : real_functions::GeluNear {};
+
+namespace {
+
 template <typename End, typename T>
 void run_row(void* elements, std::int64_t count) {
     T* const x = static_cast<T*>(elements);
+    if constexpr (NearZero<End, T>::differs) {
+        run_by_nearness<End>(count, x, x);
+        return;
+    }
+    const End end{};
     ORNIK_INDEPENDENT_ITERATIONS
     for (std::int64_t i = 0; i < count; ++i) {
-        x[i] = End().of(x[i]);
+        x[i] = end(x[i]);
     }
 }
 

@@ -32,11 +32,9 @@ ORNIK_BEYOND_LIMIT(cos)
 ORNIK_BEYOND_LIMIT(tan)
 
 template <>
-struct NearZero<gelu_function, float> {
-    static constexpr bool differs = true;
-    static constexpr float limit = real_functions::gelu_near_limit;
-    ORNIK_IN_PLACE static float value(float x) { return real_functions::gelu_near(x); }
-};
+struct NearZero<gelu_function, float> : real_functions::GeluNear {};
+template <>
+struct NearZero<silu_function, float> : real_functions::SiluNear {};
 
 ElementKernel real_kernel(operations::Unary operation) {
     switch (operation) {

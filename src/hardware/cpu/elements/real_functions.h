@@ -125,11 +125,53 @@ template <std::floating_point T>
 ORNIK_IN_PLACE T logsigmoid(T x) {
     return -softplus(-x);
 }
-/// x sigmoid(x)
+/// x sigmoid(x) = x / (1 + e^-x) of an x nearer to 0 than the limit: in pairs of numbers to 2^-30, before it is
+/// rounded.
+ORNIK_IN_PLACE float silu_near(float x) {
+    using namespace elementary;
+    // -x = k ln 2 + r + r_low; the low bits of the sum are k's biased exponent.
+    const float shifted = fused(x, -1.44269504F, whole32 + 127.0F);
+    const float k = shifted - (whole32 + 127.0F);
+    const float high = fused(-k, ln2_high32, -x);
+    const float r = fused(-k, ln2_low32, high);
+    const float r_low = fused(-k, ln2_low32, high - r);
+    // e^r = 1 + (r + r^2 / 2) + r^3 / 6 + ...; what a rounded square, cube, sum or sixth lacks is added to the rest.
+    constexpr float sixth = 0.166666672F;
+    const float square = r * r;
+    const float cube = square * r;
+    const float near = fused(square, 0.5F, r);
+    const float near_low = fused(square, 0.5F, r - near);
+    const float lost =
+        fused(fused(square, r, -cube), sixth, fused(fused(r, r, -square), 0.5F, fused(r_low, near, r_low + near_low)));
+    // (e^r - 1 - r - r^2 / 2) / r^3 - sixth; 2^-35 of e^r.
+    const float tail = polynomial(r, -4.9670538e-9F, 0.04166666667F, 0.008333320759F, 0.001388887632F, 0.0001988291202F,
+                                  2.484322186e-05F);
+    const float rest = fused(cube, sixth, fused(cube, tail, lost));
+    const float growth = near + rest;
+    const float mantissa = 1.0F + growth;
+    const float mantissa_low = (growth - (mantissa - 1.0F)) + (rest - (growth - near));
+    const float scale = std::bit_cast<float>(std::bit_cast<std::uint32_t>(shifted) << 23);
+    // 1 + e^-x, whichever of the two is more.
+    const float power = mantissa * scale;
+    const float below = 1.0F + power;
+    const float added = below - 1.0F;
+    const float below_low = fused(mantissa_low, scale, (1.0F - (below - added)) + (power - added));
+    const float inverse = 1.0F / below;
+    const float quotient = x * inverse;
+    const float missing = fused(-quotient, below_low, fused(-quotient, below, x));
+    return std::copysign(fused(missing, inverse, quotient), x);
+}
+/// What row kernels know of such functions (NearZero, row_kernels.h).
+struct SiluNear {
+    static constexpr bool differs = true;
+    static constexpr float limit = 48.0F;
+    ORNIK_IN_PLACE static float value(float x) { return silu_near(x); }
+};
 ORNIK_IN_PLACE float silu(float x) {
     const double d = elementary::clamped(x, -200.0F, 200.0F);
     const double power = elementary::power_of_two_approx(d * -1.4426950408889634);
-    return static_cast<float>(double{elementary::clamped(x, -200.0F, INFINITY)} / (1.0 + power));
+    const float far = static_cast<float>(double{elementary::clamped(x, -200.0F, INFINITY)} / (1.0 + power));
+    return elementary::selected(elementary::bits_if(std::fabs(x) >= SiluNear::limit), far, silu_near(x));
 }
 ORNIK_IN_PLACE double silu(double x) {
     // Two factors, so that none is subnormal before the result is.
@@ -148,9 +190,14 @@ ORNIK_IN_PLACE float gelu(float x) {
     const float value = fused(selected(far, -a, x * x), selected(far, tail, near), selected(far, positive, 0.5F * x));
     return std::copysign(value, x);
 }
-inline constexpr float gelu_near_limit = elementary::normal_near_limit;
 /// The same of an x nearer to 0.
-ORNIK_IN_PLACE float gelu_near(float x) { return std::copysign(fused(x * x, elementary::normal_near(x), 0.5F * x), x); }
+struct GeluNear {
+    static constexpr bool differs = true;
+    static constexpr float limit = elementary::normal_near_limit;
+    ORNIK_IN_PLACE static float value(float x) {
+        return std::copysign(fused(x * x, elementary::normal_near(x), 0.5F * x), x);
+    }
+};
 inline double gelu(double x) {
     const double d = elementary::clamped(x, -50.0, HUGE_VAL);
     // erfc falls so steeply that the rounding of its argument z shows: put it right by the logarithmic slope,
@@ -163,11 +210,18 @@ inline double gelu(double x) {
     const double tail = elementary::erfc(z);
     return 0.5 * d * (tail - tail * steep);
 }
-/// Derivative of silu; its clamped argument keeps infinities from meeting zeros.
-template <std::floating_point T>
-ORNIK_IN_PLACE T silu_slope(T x) {
-    const T d = elementary::clamped(x, T(-800), T(800));
-    return sigmoid(d) * (T(1) + d * sigmoid(-d));
+/// Derivative of silu, sigmoid(x) (1 + x sigmoid(-x)); its clamped argument keeps infinities from meeting zeros.
+ORNIK_IN_PLACE float silu_slope(float x) {
+    const float d = elementary::clamped(x, -800.0F, 800.0F);
+    const float power = elementary::exp(-std::fabs(d));
+    const float above = 1.0F / (1.0F + power);  // sigmoid(|d|)
+    const float below = power * above;
+    const std::uint32_t negative = elementary::bits_if(d < 0.0F);
+    return elementary::selected(negative, below, above) * fused(d, elementary::selected(negative, above, below), 1.0F);
+}
+ORNIK_IN_PLACE double silu_slope(double x) {
+    const double d = elementary::clamped(x, -800.0, 800.0);
+    return sigmoid(d) * (1.0 + d * sigmoid(-d));
 }
 /// Derivative of gelu: the normal distribution and x times its density.
 ORNIK_IN_PLACE float gelu_slope(float x) {

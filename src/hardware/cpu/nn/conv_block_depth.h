@@ -21,7 +21,8 @@ namespace {
 
 /// For positions q, side by side, sum over rows i and columns j, in order, of
 ///     weights[i * cols + j] * rows[i][q * step + offsets[j]]
-/// where all but `rows` counts vectors; ended and stored.
+/// where all but `rows` counts vectors; ended and stored. Of the values that neighbouring columns meet, the first
+/// `lead` and the last `trail` lie beyond the edge.
 template <typename T>
 struct DepthChain {
     const T* const* rows;
@@ -30,6 +31,8 @@ struct DepthChain {
     std::int64_t col_count;
     std::int64_t step;
     std::int64_t first;  // added to all offsets
+    std::int64_t lead;
+    std::int64_t trail;
     const T* weights;
     T* out;
     LaneEnds<T> ends;
@@ -37,7 +40,8 @@ struct DepthChain {
 
 constexpr int depth_positions = 6;  // that go together
 
-/// Cols > 0: so many neighbouring columns, a step apart for neighbouring positions; 0: any.
+/// Cols > 0: so many neighbouring columns, a step apart for neighbouring positions, with less than Cols values beyond
+/// an edge; 0: any, all inside.
 template <typename T, int Cols, int Step, int Positions>
 [[gnu::noinline]] void depth_chain(const DepthChain<T>& in) {
     using V = vec::Vector<T>;
@@ -50,8 +54,11 @@ template <typename T, int Cols, int Step, int Positions>
             sums[0][q] = steps.from(V{});
         }
         const T* weights = in.weights;
+        [[maybe_unused]] const std::int64_t lead = in.lead;
+        [[maybe_unused]] const std::int64_t trail = in.trail;
         for (std::int64_t i = 0; i < in.row_count; ++i) {
             if constexpr (Cols > 0) {
+                constexpr int count = (Positions - 1) * Step + Cols;
                 const T* const row = in.rows[i] + (in.first + in.offsets[0]) * width;
                 typename Steps::Factor weight[Cols];
                 ORNIK_UNROLLED
@@ -61,8 +68,9 @@ template <typename T, int Cols, int Step, int Positions>
                 weights += Cols * width;
                 // Every value is read once; each position meets its columns in order.
                 ORNIK_UNROLLED
-                for (int k = 0; k < (Positions - 1) * Step + Cols; ++k) {
-                    const auto value = steps.factor(vec::load<V>(row + k * width));
+                for (int k = 0; k < count; ++k) {
+                    const bool outside = (k < Cols - 1 && k < lead) || (count - k < Cols && count - k <= trail);
+                    const auto value = steps.factor(outside ? V{} : vec::load<V>(row + k * width));
                     ORNIK_UNROLLED
                     for (int j = 0; j < Cols; ++j) {
                         const int q = (k - j) / Step;
@@ -140,13 +148,27 @@ class BlockDepth {
         for (const PassAxis::Tap& tap : pass.cols.taps) {
             offsets_.push_back(tap.offset);
         }
-        const auto [least, most] = std::minmax_element(offsets_.begin(), offsets_.end());
+        const auto cols = static_cast<std::int64_t>(offsets_.size());
         const std::int64_t step = pass.cols.step;
-        const std::int64_t reach = pass.cols.source - 1 - *most;
-        inside_ = std::min(pass.cols.positions, *least >= 0 ? 0 : (-*least + step - 1) / step);
-        outside_ = std::max(inside_, reach < 0 ? 0 : std::min(pass.cols.positions, reach / step + 1));
-        const std::int64_t dilation = offsets_.size() > 1 ? offsets_[1] - offsets_[0] : 1;
-        chains_ = &depth_chains<T>(static_cast<std::int64_t>(offsets_.size()), dilation, step);
+        const std::int64_t dilation = cols > 1 ? offsets_[1] - offsets_[0] : 1;
+        chains_ = &depth_chains<T>(cols, dilation, step);
+        const bool meets_edges = chains_ != &depth_chains<T>(0, 0, 0) && -offsets_.front() < cols &&
+                                 (pass.cols.positions - 1) * step + offsets_.back() - pass.cols.source + 1 < cols;
+        inside_ = 0;
+        outside_ = pass.cols.positions;
+        if (!meets_edges) {
+            const std::int64_t reach = pass.cols.source - 1 - offsets_.back();
+            inside_ = std::min(outside_, offsets_.front() >= 0 ? 0 : (-offsets_.front() + step - 1) / step);
+            outside_ = std::max(inside_, reach < 0 ? 0 : std::min(outside_, reach / step + 1));
+        }
+        std::int64_t x = inside_;
+        for (std::int64_t count = (outside_ - x + depth_positions - 1) / depth_positions; count > 0; --count) {
+            const std::int64_t positions = (outside_ - x + count - 1) / count;
+            const std::int64_t last = (x + positions - 1) * step + offsets_.back();
+            pieces_.push_back({positions, x * step, std::max<std::int64_t>(0, -(x * step + offsets_.front())),
+                               std::max<std::int64_t>(0, last - pass.cols.source + 1)});
+            x += positions;
+        }
     }
 
     void run() const {
@@ -158,14 +180,27 @@ class BlockDepth {
                          std::fill_n(zeros.get(), pass_.cols.source * width, T(0));
                          std::vector<const T*> near(pass_.rows.taps.size());
                          std::vector<const T*> taps(static_cast<std::size_t>(pass_.taps()));
+                         std::int64_t image = begin / rows;
+                         std::int64_t y = begin % rows;
                          for (std::int64_t i = begin; i < end; ++i) {
-                             run_row(i / rows, i % rows, zeros.get(), near, taps);
+                             run_row(image, y, zeros.get(), near, taps);
+                             if (++y == rows) {
+                                 y = 0;
+                                 ++image;
+                             }
                          }
                      });
     }
 
   private:
     static constexpr std::int64_t width = vec::lanes<T>;
+
+    struct Piece {
+        std::int64_t positions;
+        std::int64_t first;  // of the source
+        std::int64_t lead;
+        std::int64_t trail;
+    };
 
     void run_row(std::int64_t image, std::int64_t y, const T* zeros, std::vector<const T*>& near,
                  std::vector<const T*>& taps) const {
@@ -182,53 +217,52 @@ class BlockDepth {
                             static_cast<std::int64_t>(offsets_.size()),
                             pass_.cols.step,
                             0,
+                            0,
+                            0,
                             weights_ + group * pass_.taps() * width,
-                            nullptr,
-                            {}};
+                            target_ + place,
+                            {ends_.bias == nullptr ? nullptr : ends_.bias + group * width,
+                             ends_.residual == nullptr ? nullptr : ends_.residual + place, ends_.clip}};
         for (std::int64_t x = 0; x < inside_; ++x) {
-            run_edge(chain, place, x, zeros, taps);
+            run_edge(chain, x, zeros, taps);
         }
-        std::int64_t x = inside_;
-        for (std::int64_t pieces = (outside_ - x + depth_positions - 1) / depth_positions; pieces > 0; --pieces) {
-            const std::int64_t piece = (outside_ - x + pieces - 1) / pieces;
-            chain.first = x * pass_.cols.step;
-            go_to(chain, place + x * width);
-            (*chains_)[static_cast<std::size_t>(piece - 1)](chain);
-            x += piece;
+        for (const Piece& piece : pieces_) {
+            chain.first = piece.first;
+            chain.lead = piece.lead;
+            chain.trail = piece.trail;
+            (*chains_)[static_cast<std::size_t>(piece.positions - 1)](chain);
+            pass(chain, piece.positions);
         }
-        for (; x < pass_.cols.positions; ++x) {
-            run_edge(chain, place, x, zeros, taps);
+        for (std::int64_t x = outside_; x < pass_.cols.positions; ++x) {
+            run_edge(chain, x, zeros, taps);
         }
         if (ends_.row != nullptr && ends_.clip == ConvClip::none) {
             ends_.row(target_ + place, pass_.cols.positions * width);
         }
     }
 
-    void go_to(DepthChain<T>& chain, std::int64_t place) const {
-        const std::int64_t group = place / width / pass_.target_plane() % groups_;
-        chain.out = target_ + place;
-        chain.ends = {ends_.bias == nullptr ? nullptr : ends_.bias + group * width,
-                      ends_.residual == nullptr ? nullptr : ends_.residual + place, ends_.clip};
+    static void pass(DepthChain<T>& chain, std::int64_t positions) {
+        chain.out += positions * width;
+        if (chain.ends.residual != nullptr) {
+            chain.ends.residual += positions * width;
+        }
     }
 
     // A position some of whose columns are not there: every tap is a row of its own.
-    void run_edge(DepthChain<T> chain, std::int64_t place, std::int64_t x, const T* zeros,
-                  std::vector<const T*>& taps) const {
+    void run_edge(DepthChain<T>& chain, std::int64_t x, const T* zeros, std::vector<const T*>& taps) const {
         static constexpr std::int64_t none = 0;
-        const T** tap = taps.data();
-        for (std::int64_t i = 0; i < chain.row_count; ++i) {
-            for (const std::int64_t offset : offsets_) {
-                const std::int64_t at = x * pass_.cols.step + offset;
-                *tap++ = at < 0 || at >= pass_.cols.source ? zeros : chain.rows[i] + at * width;
+        const auto cols = static_cast<std::int64_t>(offsets_.size());
+        const auto rows = static_cast<std::int64_t>(pass_.rows.taps.size());
+        for (std::int64_t j = 0; j < cols; ++j) {
+            const std::int64_t at = x * pass_.cols.step + offsets_[static_cast<std::size_t>(j)];
+            const bool outside = at < 0 || at >= pass_.cols.source;
+            for (std::int64_t i = 0; i < rows; ++i) {
+                taps[static_cast<std::size_t>(i * cols + j)] = outside ? zeros : chain.rows[i] + at * width;
             }
         }
-        chain.rows = taps.data();
-        chain.row_count = pass_.taps();
-        chain.offsets = &none;
-        chain.col_count = 1;
-        chain.first = 0;
-        go_to(chain, place + x * width);
-        depth_chain<T, 0, 0, 1>(chain);
+        const DepthChain<T> edge{taps.data(), pass_.taps(), &none, 1, 0, 0, 0, 0, chain.weights, chain.out, chain.ends};
+        depth_chain<T, 0, 0, 1>(edge);
+        pass(chain, 1);
     }
 
     const ConvPass& pass_;
@@ -239,8 +273,9 @@ class BlockDepth {
     ConvEnds<T> ends_;
     T* target_;
     std::vector<std::int64_t> offsets_;  // per column of the kernel
-    std::int64_t inside_;                // the positions whose columns are all there
+    std::int64_t inside_;                // the positions that chains of several serve
     std::int64_t outside_;               // behind them
+    std::vector<Piece> pieces_;          // from the one to the other
     const DepthChains<T>* chains_;
 };
 

@@ -28,7 +28,7 @@ class BlockSum {
           target_(target),
           unstaged_(!FromPlanes && pass.is_pointwise()),
           plan_(plan_for(pass, sum, unstaged_)),
-          samples_(plan_.tiles() > 1 ? 1 : std::clamp<std::int64_t>(most_positions / positions(), 1, sum.batch)),
+          samples_(samples_of(sum, plan_.tiles(), positions())),
           block_channels_(conv_block_channels(sum.source_channels, sum.kernel_elements)),
           stage_channels_(FromPlanes ? block_channels_ : round_up(block_channels_, width)),
           layout_(layout),
@@ -56,8 +56,8 @@ class BlockSum {
         const std::int64_t end = std::min(first + cuts_.channels, sum_.target_channels);
         const std::int64_t begin_sample = part * samples_;
         const std::int64_t end_sample = std::min(begin_sample + samples_, sum_.batch);
-        const std::int64_t chains = (end_sample - begin_sample) * (gapless(tile) ? lane_pieces(tile.positions())
-                                                                                 : tile.rows * lane_pieces(tile.cols));
+        const PositionRuns runs(plan_, tile);
+        const std::int64_t chains = (end_sample - begin_sample) * runs.rows * lane_pieces(runs.cols);
         for (std::int64_t block = 0; block < layout_.blocks(); ++block) {
             const std::int64_t channel = block * block_channels_;
             if (!unstaged_ && channel % stage_channels_ == 0) {
@@ -101,19 +101,49 @@ class BlockSum {
                                       : std::clamp(most_unblocked / channels, most_positions, most_unblocked_positions);
         if (unstaged) {
             const ConvPass row = pass.as_one_row();
-            StagePlan plan(row, choose_tile(row, most, lane_positions), SlotLayout::shared);
+            StagePlan plan(row, balanced_tile(row, sum, most, lane_positions), SlotLayout::shared);
             plan.plane = row.source_plane();
             return plan;
         }
-        const TileShape tile = choose_tile(pass, most, 1);
+        const TileShape tile = balanced_tile(pass, sum, most, 1);
         const bool narrow = tile.rows > 1 && tile.cols / lane_pieces(tile.cols) < least_positions;
         return {pass, tile, narrow ? SlotLayout::linear : SlotLayout::shared};
+    }
+
+    static std::int64_t samples_of(const ConvSum& sum, std::int64_t tiles, std::int64_t tile) {
+        return tiles > 1 ? 1 : std::clamp<std::int64_t>(most_positions / tile, 1, sum.batch);
+    }
+
+    // Smaller tiles where the larger ones leave processors without work.
+    static TileShape balanced_tile(const ConvPass& pass, const ConvSum& sum, std::int64_t most, std::int64_t unit) {
+        TileShape best = choose_tile(pass, most, unit);
+        std::int64_t least = time_of(pass, sum, best);
+        for (most = std::min(most, best.rows * best.cols) / 2; most >= 4 * lane_positions; most /= 2) {
+            const TileShape tile = choose_tile(pass, most, unit);
+            const std::int64_t time = time_of(pass, sum, tile);
+            if (20 * time < 19 * least) {
+                best = tile;
+                least = time;
+            }
+        }
+        return best;
+    }
+
+    // Of the busiest processor, about, in half chains; a panel that is new to the nearest cache counts as one.
+    static std::int64_t time_of(const ConvPass& pass, const ConvSum& sum, const TileShape& tile) {
+        const std::int64_t size = tile.rows * tile.cols;
+        const std::int64_t tiles =
+            (pass.rows.positions + tile.rows - 1) / tile.rows * ((pass.cols.positions + tile.cols - 1) / tile.cols);
+        const std::int64_t samples = samples_of(sum, tiles, size);
+        const std::int64_t parts = (sum.batch + samples - 1) / samples * tiles;
+        const TargetCuts cuts(sum.target_channels, panel, parts, samples * size);
+        const std::int64_t rounds = (parts * cuts.cuts + usable_processors() - 1) / usable_processors();
+        return rounds * cuts.channels / panel * (2 * samples * lane_pieces(size) + 1);
     }
 
     std::int64_t positions() const { return plan_.tile.rows * plan_.tile.cols; }
     std::int64_t sample_slots() const { return round_up(stage_channels_ * plan_.plane, 64); }
     std::int64_t target_plane() const { return plan_.pass.target_plane(); }
-    bool gapless(const Tile& tile) const { return plan_.slot_row == tile.cols; }
 
     // In a source of blocks, the channel is the first of a group or lies in the first one.
     const T* source_of(std::int64_t sample, std::int64_t channel) const {
@@ -166,11 +196,10 @@ class BlockSum {
             chain.ends = {ends_.bias == nullptr ? nullptr : ends_.bias + target,
                           ends_.residual == nullptr ? nullptr : ends_.residual + place, ends_.clip};
         }
-        const std::int64_t rows = gapless(tile) ? 1 : tile.rows;
-        const std::int64_t cols = gapless(tile) ? tile.positions() : tile.cols;
-        for (std::int64_t r = 0; r < rows; ++r) {
+        const PositionRuns runs(plan_, tile);
+        for (std::int64_t r = 0; r < runs.rows; ++r) {
             chain.slots = slots + r * plan_.slot_row * slot;
-            run_lane_chains<T, slot>(chain, lanes, cols);
+            run_lane_chains<T, slot>(chain, lanes, runs.cols);
         }
         if (last && ends_.row != nullptr && ends_.clip == ConvClip::none) {
             for (std::int64_t v = 0; v < lanes; v += width) {

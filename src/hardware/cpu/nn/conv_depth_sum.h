@@ -12,6 +12,7 @@
 #include "conv_copy.h"
 #include "conv_ends.h"
 #include "conv_pass.h"
+#include "hardware/cpu/vector_chain.h"
 #include "hardware/parallel.h"
 #include "hardware/scratch.h"
 
@@ -198,36 +199,50 @@ class DepthSum {
     }
 
     template <int Rows, int Cols, int Vectors>
-    ORNIK_EXPAND static void sum_taps(const Taps& taps, std::int64_t x, std::int64_t last, V (&sums)[Vectors]) {
+    ORNIK_EXPAND static void sum_taps(const Taps& taps, std::int64_t x, std::int64_t last, V (&results)[Vectors]) {
         std::int64_t starts[Vectors];
         ORNIK_UNROLLED
         for (int v = 0; v < Vectors; ++v) {
-            sums[v] = V{};
             starts[v] = std::min(x + v * width, last);
         }
-        const T* weights = taps.weights;
-        const auto add = [&](const T* slots) {
-            const V weight = vec::broadcast<V>(*weights++);
+        vec::run_chains<T>([&](auto steps) ORNIK_EXPANDED {
+            typename decltype(steps)::Sum sums[Vectors];
             ORNIK_UNROLLED
             for (int v = 0; v < Vectors; ++v) {
-                sums[v] = vec::fused(weight, vec::load<V>(slots + starts[v]), sums[v]);
+                sums[v] = steps.from(V{});
             }
-        };
-        if constexpr (Rows > 0) {
-            ORNIK_UNROLLED
-            for (int i = 0; i < Rows; ++i) {
+            const T* weights = taps.weights;
+            const auto add = [&](const T* slots) ORNIK_EXPANDED {
+                const auto weight = steps.weight(*weights++);
                 ORNIK_UNROLLED
-                for (int j = 0; j < Cols; ++j) {
-                    add(taps.rows[i] + taps.cols[j]);
+                for (int v = 0; v < Vectors; ++v) {
+                    steps.add(weight, steps.factor(vec::load<V>(slots + starts[v])), sums[v]);
+                }
+            };
+            if constexpr (Rows > 0) {
+                ORNIK_UNROLLED
+                for (int i = 0; i < Rows; ++i) {
+                    ORNIK_UNROLLED
+                    for (int j = 0; j < Cols; ++j) {
+                        add(taps.rows[i] + taps.cols[j]);
+                    }
+                }
+            } else {
+                for (std::int64_t i = 0; i < taps.row_count; ++i) {
+                    for (std::int64_t j = 0; j < taps.col_count; ++j) {
+                        add(taps.rows[i] + taps.cols[j]);
+                    }
                 }
             }
-        } else {
-            for (std::int64_t i = 0; i < taps.row_count; ++i) {
-                for (std::int64_t j = 0; j < taps.col_count; ++j) {
-                    add(taps.rows[i] + taps.cols[j]);
-                }
+            if (!steps.vouches_for(sums)) {
+                return false;
             }
-        }
+            ORNIK_UNROLLED
+            for (int v = 0; v < Vectors; ++v) {
+                results[v] = steps.value(sums[v]);
+            }
+            return true;
+        });
     }
 
     template <int Rows, int Cols, int Vectors>

@@ -154,11 +154,10 @@ class LaneSum {
 
     std::int64_t positions() const { return plan_.tile.rows * plan_.tile.cols; }
     std::int64_t sample_slots() const { return block_channels_ * plan_.plane; }
-    // Rows follow each other without slots between them.
-    bool gapless(const Tile& tile) const { return plan_.slot_row == tile.cols; }
     // About the chains of a panel and sample.
     std::int64_t chains(const Tile& tile) const {
-        return gapless(tile) ? lane_pieces(tile.positions()) : tile.rows * lane_pieces(tile.cols);
+        const PositionRuns runs(plan_, tile);
+        return runs.rows * lane_pieces(runs.cols);
     }
     // Whole rows of a tile, or a part of its only one.
     std::int64_t written_rows() const { return std::max<std::int64_t>(1, written_positions / plan_.tile.cols); }
@@ -196,15 +195,14 @@ class LaneSum {
                 if (weights_.blocks() > 1) {
                     totals += (s * tile.positions() + row * tile.cols + col) * width;
                 }
-                const std::int64_t rows = gapless(tile) ? 1 : piece.rows;
-                const std::int64_t cols = gapless(tile) ? piece.positions() : piece.cols;
+                const PositionRuns runs(plan_, piece);
                 chain.out = totals;
                 if (in_place_ && out.block + 1 == weights_.blocks()) {
                     prefetch(piece, part, out);
                 }
-                for (std::int64_t r = 0; r < rows; ++r) {
+                for (std::int64_t r = 0; r < runs.rows; ++r) {
                     chain.slots = slots + (row + r) * plan_.slot_row + col;
-                    run_lane_chains(chain, width, cols);
+                    run_lane_chains(chain, width, runs.cols);
                 }
                 if (out.block + 1 == weights_.blocks()) {
                     for (std::int64_t v = 0; v < out.channels; v += lane_width<T>) {

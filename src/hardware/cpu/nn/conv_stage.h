@@ -78,6 +78,15 @@ struct Tile {
     std::int64_t positions() const { return rows * cols; }
 };
 
+/// How a tile's positions follow each other in their slots: in rows, or all of them without a gap.
+struct PositionRuns {
+    std::int64_t rows;
+    std::int64_t cols;
+    PositionRuns(const StagePlan& plan, const Tile& tile)
+        : rows(plan.slot_row == tile.cols ? 1 : tile.rows),
+          cols(plan.slot_row == tile.cols ? tile.positions() : tile.cols) {}
+};
+
 /// Zeros in whole pieces: may write beyond the end.
 template <typename T>
 void zero_pieces(T* to, std::int64_t count) {

@@ -34,8 +34,21 @@ struct TargetCuts {
         const std::int64_t most = std::max<std::int64_t>(1, most_totals / (positions * panel));
         const std::int64_t wanted = (4 * usable_processors() + tiles - 1) / tiles;
         cuts = std::min(panels, std::max(wanted, (panels + most - 1) / most));
-        channels = (panels + cuts - 1) / cuts * panel;
+        // Of the cuts with as many panels or fewer, those that the busiest processor ends with first.
+        const std::int64_t largest = (panels + cuts - 1) / cuts;
+        std::int64_t best = largest;
+        for (std::int64_t size = largest - 1; size > 0; --size) {
+            best = busiest(tiles, panels, size) < busiest(tiles, panels, best) ? size : best;
+        }
+        channels = best * panel;
         cuts = (target_channels + channels - 1) / channels;
+    }
+
+  private:
+    // Panels that one processor has to do.
+    static std::int64_t busiest(std::int64_t tiles, std::int64_t panels, std::int64_t size) {
+        const std::int64_t items = tiles * ((panels + size - 1) / size);
+        return (items + usable_processors() - 1) / usable_processors() * size;
     }
 };
 

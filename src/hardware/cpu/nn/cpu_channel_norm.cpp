@@ -242,6 +242,42 @@ std::vector<GradientSums> channel_sums(const Operands<T>& of, const ChannelNorm&
     return result;
 }
 
+// The step of gradient_of_input for a channel of a batch normalization, given its sums.
+template <typename T>
+Coefficients<T, 4> channel_step(const Operands<T>& of, const ChannelNorm& norm, std::int64_t channel,
+                                const GradientSums& sums) {
+    const double gamma = value_or(of.gamma, channel, 1);
+    return gradient_step(of.rstd(channel), gamma, of.center[channel], gamma * sums[0], gamma * sums[1],
+                         static_cast<double>(norm.samples * norm.inner));
+}
+
+// The input's gradient through a batch's statistics: a channel's elements are still near when its sums are known.
+// Returns the sums.
+template <typename T>
+std::vector<GradientSums> write_channels(const Operands<T>& of, const ChannelNorm& norm, T* out) {
+    std::vector<GradientSums> all(at(norm.channels));
+    const auto element = gradient_of_input(of.x, of.g);
+    parallel_for(norm.channels, 1, grain_of_items(norm.samples * norm.inner), [&](auto begin, auto end) {
+        for (std::int64_t channel = begin; channel < end; ++channel) {
+            GradientSums& sums = all[at(channel)];
+            for (std::int64_t sample = 0; sample < norm.samples; ++sample) {
+                const GradientSums run = run_sums(of, norm, sample * norm.channels + channel, true);
+                sums[0] += run[0];
+                sums[1] += run[1];
+            }
+            const Coefficients<T, 4> own = channel_step(of, norm, channel, sums);
+            for (std::int64_t sample = 0; sample < norm.samples; ++sample) {
+                const std::int64_t first = (sample * norm.channels + channel) * norm.inner;
+                ORNIK_INDEPENDENT_ITERATIONS
+                for (std::int64_t i = first; i < first + norm.inner; ++i) {
+                    out[i] = element(i, own);
+                }
+            }
+        }
+    });
+    return all;
+}
+
 // gamma's gradients are the sums of g x^, beta's those of g.
 template <typename T>
 void store_parameters(const std::vector<GradientSums>& sums, Tensor* gamma, Tensor* beta) {
@@ -336,6 +372,10 @@ void batch_norm_grads(const NormGradient& from, const ChannelNorm& norm, bool fi
     dispatch(FloatTypes{}, from.input->Dtype(), [&]<typename T>() {
         const Operands<T> of(from, norm.eps);
         const bool through_statistics = input_gradient != nullptr && !fixed_statistics;
+        if (through_statistics && norm.inner >= shortest_run && norm.channels >= 2 * usable_processors()) {
+            store_parameters<T>(write_channels(of, norm, data_of<T>(input_gradient)), gamma_gradient, beta_gradient);
+            return;
+        }
         std::vector<GradientSums> sums(at(norm.channels));
         if (through_statistics || gamma_gradient != nullptr || beta_gradient != nullptr) {
             sums = channel_sums(of, norm, through_statistics || gamma_gradient != nullptr);
@@ -345,11 +385,10 @@ void batch_norm_grads(const NormGradient& from, const ChannelNorm& norm, bool fi
             return;
         }
         std::vector<Coefficients<T, 4>> channels;
-        const auto count = static_cast<double>(norm.samples * norm.inner);
         for (std::int64_t c = 0; c < norm.channels; ++c) {
-            const double gamma = through_statistics ? value_or(of.gamma, c, 1) : 0;
-            channels.push_back(gradient_step(of.rstd(c), value_or(of.gamma, c, 1), of.center[c], gamma * sums[at(c)][0],
-                                             gamma * sums[at(c)][1], count));
+            channels.push_back(through_statistics
+                                   ? channel_step(of, norm, c, sums[at(c)])
+                                   : gradient_step(of.rstd(c), value_or(of.gamma, c, 1), of.center[c], 0, 0, 1));
         }
         apply_per_channel(norm, channels, gradient_of_input(of.x, of.g), data_of<T>(input_gradient));
     });

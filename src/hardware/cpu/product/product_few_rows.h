@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::int64_t block_depth = product_block;
 // Multiplications worth a second thread, and bytes of panels that are laid out at once.
-constexpr std::int64_t grain_work = 1 << 17;
+constexpr std::int64_t grain_work = 3 << 17;
 constexpr std::int64_t panels_bytes = std::int64_t{8} << 20;
 
 constexpr std::int64_t parts_of(std::int64_t n, std::int64_t size) { return (n + size - 1) / size; }
@@ -131,10 +131,44 @@ void add_steps(const Factors<T>& f, std::int64_t k, std::int64_t steps, std::int
     }
 }
 
+// One row or two, that wait for memory alone: every worker takes whole blocks of depth, which lie in memory from end to
+// end.
+template <typename T>
+void multiply_by_blocks(const Factors<T>& f) {
+    constexpr std::int64_t most_cols = 16384 / sizeof(T);
+    const std::int64_t blocks = parts_of(f.depth, block_depth);
+    const std::int64_t chain_row = f.cols + 64 / sizeof(T);
+    const Scratch<T> sums(blocks * f.rows * chain_row);
+    parallel_for(blocks, 1, 2, [&](std::int64_t begin, std::int64_t end) {
+        for (std::int64_t block = begin; block < end; ++block) {
+            T* chains = sums.get() + block * f.rows * chain_row;
+            const std::int64_t first = block * block_depth;
+            const std::int64_t last = std::min(first + block_depth, f.depth);
+            for (std::int64_t col = 0; col < f.cols; col += most_cols) {
+                for (std::int64_t k = first; k < last; k += streamed_rows) {
+                    add_steps(f, k, std::min(streamed_rows, last - k), col, std::min(col + most_cols, f.cols),
+                              chains + col, chain_row, k == first ? TileEnd::store : TileEnd::resume);
+                }
+            }
+        }
+    });
+    parallel_for(f.cols, TileShape<T>::cols, parts_of(grain_work / 4, blocks * f.rows), [&](auto begin, auto end) {
+        for (std::int64_t block = 0; block < blocks; ++block) {
+            copy_sums(sums.get() + block * f.rows * chain_row + begin, chain_row, f.rows, end - begin,
+                      TileTarget<T>{f.c + begin, f.c_row}, f.end(block * block_depth));
+        }
+        f.finish(0, f.rows, begin, end - begin);
+    });
+}
+
 // A few rows and a large B: every worker takes some columns down all rows of B, a few rows at a time, so that memory is
 // read in long rows.
 template <typename T>
 void multiply_streaming(const Factors<T>& f) {
+    if (f.rows <= 2 && parts_of(f.depth, block_depth) >= 2 * usable_processors()) {
+        multiply_by_blocks(f);
+        return;
+    }
     constexpr std::int64_t unit = TileShape<T>::cols;
     constexpr std::int64_t most_cols = 4096 / sizeof(T);
     constexpr std::int64_t chain_row = most_cols + 64 / sizeof(T);  // The rows' chains do not crowd the same places.

@@ -1,11 +1,15 @@
 // prepared.cpp: weights laid out for inference.
 #include "ktensor/prepared.h"
 
+#include <algorithm>
+#include <array>
+#include <atomic>
 #include <mutex>
 #include <variant>
 
 #include "ktensor/activations.h"
 #include "ktensor/arithmetic.h"
+#include "ktensor/carried.h"
 #include "ktensor/elements.h"
 #include "ktensor/networks.h"
 #include "ktensor/record.h"
@@ -60,6 +64,12 @@ class Elements {
     Dims strides_;
 };
 
+using Function = KTensor (*)(const KTensor&);
+
+// In the order of the ends.
+constexpr std::array<Function, nn::layer_end_names.size()> end_functions{nullptr, relu, relu6,       sigmoid,  tanh,
+                                                                         silu,    gelu, hardsigmoid, hardswish};
+
 bool may_be_kept(const KTensor& t) {
     const tensorT::Tensor_storage* storage = t.defined() ? t.tensor()->borrow_storage() : nullptr;
     return !t.defined() || (storage != nullptr && knows_its_writes(*storage));
@@ -68,26 +78,14 @@ bool may_be_kept(const KTensor& t) {
 }  // namespace
 
 KTensor apply_end(const KTensor& x, nn::LayerEnd end) {
-    switch (end) {
-        case nn::LayerEnd::relu:
-            return relu(x);
-        case nn::LayerEnd::relu6:
-            return relu6(x);
-        case nn::LayerEnd::sigmoid:
-            return sigmoid(x);
-        case nn::LayerEnd::tanh:
-            return tanh(x);
-        case nn::LayerEnd::silu:
-            return silu(x);
-        case nn::LayerEnd::gelu:
-            return gelu(x);
-        case nn::LayerEnd::hardsigmoid:
-            return hardsigmoid(x);
-        case nn::LayerEnd::hardswish:
-            return hardswish(x);
-        default:
-            return x;
-    }
+    const Function function = end_functions.at(static_cast<std::size_t>(end));
+    return function != nullptr ? function(x) : x;
+}
+
+std::optional<nn::LayerEnd> end_of(Function function) {
+    const auto place = std::find(end_functions.begin() + 1, end_functions.end(), function);
+    return place == end_functions.end() ? std::nullopt
+                                        : std::optional(static_cast<nn::LayerEnd>(place - end_functions.begin()));
 }
 
 struct PreparedWeight::Entry {
@@ -98,17 +96,22 @@ struct PreparedWeight::Entry {
 };
 
 struct PreparedWeight::State {
-    std::mutex lock;
-    std::shared_ptr<const Entry> entry;
-
     std::shared_ptr<const Entry> get() {
-        const std::lock_guard guard(lock);
-        return entry;
+        const std::lock_guard guard(lock_);
+        return entry_;
     }
     void set(std::shared_ptr<const Entry> next) {
-        const std::lock_guard guard(lock);
-        entry.swap(next);
+        const std::lock_guard guard(lock_);
+        is_empty_.store(!next, std::memory_order_relaxed);
+        entry_.swap(next);
     }
+    // Without the lock, for the calls of training.
+    bool is_empty() const { return is_empty_.load(std::memory_order_relaxed); }
+
+  private:
+    std::mutex lock_;
+    std::shared_ptr<const Entry> entry_;
+    std::atomic<bool> is_empty_ = true;
 };
 
 PreparedWeight::PreparedWeight() : state_(std::make_unique<State>()) {}
@@ -117,7 +120,7 @@ PreparedWeight::PreparedWeight(PreparedWeight&& other) noexcept = default;
 PreparedWeight& PreparedWeight::operator=(PreparedWeight&& other) noexcept = default;
 
 void PreparedWeight::drop() {
-    if (state_->get()) {
+    if (!state_->is_empty()) {
         state_->set(nullptr);
     }
 }
@@ -134,24 +137,24 @@ std::int64_t PreparedWeight::bytes() const {
     return convolution != nullptr ? convolution->bytes() : 0;
 }
 
-// Undefined where the weight is new.
+// Null where the weight is new, unless it is to be laid out at once.
 template <typename Layer, typename Make>
-KTensor PreparedWeight::run_prepared(const KTensor& x, Entry now, nn::LayerEnd end, const KTensor& residual,
-                                     const Make& make) {
+std::shared_ptr<const Layer> PreparedWeight::kept(Entry now, bool at_once, const Make& make) {
     std::shared_ptr<const Entry> entry = state_->get();
     const bool is_known =
         entry && entry->weight == now.weight && entry->bias == now.bias && are_equal(entry->parameters, now.parameters);
     const Layer* layer = is_known ? std::get_if<Layer>(&entry->layer) : nullptr;
     if (layer == nullptr) {
         auto next = std::make_shared<Entry>(std::move(now));
-        if (is_known) {
+        if (is_known || at_once) {
+            entry.reset();
             state_->set(nullptr);  // The old one's memory first.
             layer = &next->layer.template emplace<Layer>(make());
         }
         entry = next;
         state_->set(std::move(next));
     }
-    return layer != nullptr ? make_ktensor((*layer)(x.tensor(), end, residual.tensor())) : KTensor();
+    return {std::move(entry), layer};
 }
 
 template <typename Layer, typename Make, typename Plain>
@@ -160,13 +163,15 @@ KTensor PreparedWeight::run(const KTensor& x, const KTensor& weight, const KTens
                             const Make& make, const Plain& plain) {
     if (!recorded && may_be_kept(weight) && may_be_kept(bias)) {
         try {
-            if (KTensor y =
-                    run_prepared<Layer>(x, {Elements(weight), Elements(bias), parameters, {}}, end, residual, make);
-                y.defined()) {
-                return y;
+            if (const auto layer = kept<Layer>({Elements(weight), Elements(bias), parameters, {}}, false, make)) {
+                return make_ktensor((*layer)(x.tensor(), end, residual.tensor()));
             }
-        } catch (const std::exception&) {
-            drop();  // No memory for it, or operands that the operation below refuses in its own words.
+        } catch (const std::exception& error) {
+            if (detail::is_shortage(error)) {
+                drop();
+            } else if (!detail::is_refusal(error)) {
+                throw;
+            }
         }
     }
     const KTensor y = plain();
@@ -189,6 +194,43 @@ KTensor PreparedWeight::convolution(const KTensor& x, const KTensor& weight, con
         x, weight, bias, end, residual, record.active(), parameters,
         [&] { return nn::PreparedConvolution(weight.tensor(), bias.tensor(), parameters); },
         [&] { return ornik::convolution(x, weight, bias, parameters); });
+}
+
+std::shared_ptr<const nn::PreparedConvolution> PreparedWeight::kept_at_once(const KTensor& weight, const KTensor& bias,
+                                                                            const nn::ConvParameters& parameters) {
+    return kept<nn::PreparedConvolution>({Elements(weight), Elements(bias), parameters, {}}, true, [&] {
+        return nn::PreparedConvolution(weight.tensor(), bias.tensor(), parameters);
+    });
+}
+
+bool PreparedWeight::takes_blocks(const KTensor& weight, const KTensor& bias, const nn::ConvParameters& parameters) {
+    return may_be_kept(weight) && may_be_kept(bias) &&
+           detail::unless_refused([&] { return kept_at_once(weight, bias, parameters)->takes_blocks(); });
+}
+
+Carried PreparedWeight::convolution(const Carried& x, const KTensor& weight, const KTensor& bias,
+                                    const nn::ConvParameters& parameters, nn::LayerEnd end, const Carried* residual,
+                                    bool asked_for_blocks) {
+    if ((x.is_blocked() || asked_for_blocks) && may_be_kept(weight) && may_be_kept(bias)) {
+        const KTensor planes = x.with_past();
+        const KTensor added = residual != nullptr ? residual->with_past() : KTensor();
+        const Recorder record(Op::convolution, {&weight, &bias, &planes, &added}, 1);
+        const auto in_blocks = [&]() -> std::optional<nn::BlockedImage> {
+            const std::shared_ptr<const nn::PreparedConvolution> layer = kept_at_once(weight, bias, parameters);
+            if (!layer->takes_blocks()) {
+                return std::nullopt;
+            }
+            const nn::BlockedImage* const image = residual != nullptr ? &residual->image() : nullptr;
+            return x.is_blocked() ? layer->blocked(x.image(), end, image) : layer->blocked(planes.tensor(), end, image);
+        };
+        if (!record.active()) {
+            if (std::optional<nn::BlockedImage> y = detail::unless_refused(in_blocks)) {
+                return Carried(*std::move(y));
+            }
+        }
+    }
+    return Carried(
+        convolution(x.tensor(), weight, bias, parameters, end, residual != nullptr ? residual->tensor() : KTensor()));
 }
 
 }  // namespace ornik
