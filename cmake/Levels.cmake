@@ -37,7 +37,7 @@ foreach(level IN LISTS ornik_further_levels)
   target_link_options(ornik_level_${level} PRIVATE ${ornik_link_options})
   ornik_link_for(ornik_level_${level} ${level})
   set_target_properties(ornik_level_${level} PROPERTIES
-    OUTPUT_NAME ornik VERSION ${PROJECT_VERSION} SOVERSION ${ornik_soversion}
+    OUTPUT_NAME ornik VERSION ${ornik_soversion} SOVERSION ${ornik_soversion}
     LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/levels/${level})
   if(ORNIK_INSTALL AND NOT SKBUILD)
     install(TARGETS ornik_level_${level} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/glibc-hwcaps/${level}
