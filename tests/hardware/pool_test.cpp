@@ -25,7 +25,7 @@ class TestPool : public DynamicMemPool {
   public:
     ~TestPool() override {
         for (const auto& [address, bytes] : blocks) {
-            std::free(address);
+            ::operator delete (address, std::align_val_t{512});
         }
     }
 
