@@ -5,12 +5,12 @@
 # stand before it when a level is linked, so that of functions in headers the level's own code stays.
 
 # A package carries everything that is no kernel as often as there are levels. None of it loops over elements: it is
-# compiled for less room, and modules and files, where a call is long already, for the least.
+# compiled for less room, and what a program calls for whole tensors, modules and files, for the least.
 if(ORNIK_LEVELS AND CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
   set(front_sources ${ornik_sources})
   list(FILTER front_sources EXCLUDE REGEX "/src/hardware/")
   set(long_sources ${front_sources})
-  list(FILTER long_sources INCLUDE REGEX "/src/(modules/|io/(json|np|safetensors|zip)|ktensor/print)")
+  list(FILTER long_sources INCLUDE REGEX "/src/(modules/|io/(json|np|safetensors|zip)|ktensor/|layers/)")
   list(REMOVE_ITEM front_sources ${long_sources})
   set_property(SOURCE ${front_sources} APPEND PROPERTY COMPILE_OPTIONS $<$<CONFIG:Release>:-O2>)
   set_property(SOURCE ${long_sources} APPEND PROPERTY COMPILE_OPTIONS $<$<CONFIG:Release>:-Os>)
