@@ -42,7 +42,7 @@ class ORNIK_API PreparedWeight {
 
     /// Whether the convolution takes images in blocks; lays its weight out at once. False for one that is not kept.
     [[nodiscard]] bool takes_blocks(const KTensor& weight, const KTensor& bias, const nn::ConvParameters& parameters);
-    /// The convolution of what a part of a fused network hands on (carried.h): in blocks where it takes them, and x is
+    /// The convolution of what a part of a fused network hands on: in blocks where it takes them, and x is
     /// in blocks or what follows asks for them. Without a residual it is null.
     [[nodiscard]] Carried convolution(const Carried& x, const KTensor& weight, const KTensor& bias,
                                       const nn::ConvParameters& parameters, nn::LayerEnd end, const Carried* residual,
