@@ -51,7 +51,7 @@ class Activation : public Module {
 Shared layer_of(std::string kind, const Dims& n, std::vector<KTensor> tensors, nn::LayerEnd end) {
     FusedLayer::Parts parts{std::move(kind), tensors.at(0), tensors.at(1), {}, n.at(0) != 0, end};
     if (n.size() > 1) {
-        parts.convolution = nn::ConvParameters{.stride = {n.at(1), n[2]},
+        parts.convolution = nn::ConvParameters{.stride = {n.at(1), n.at(2)},
                                                .padding = {{{n.at(3), n.at(4)}, {n.at(5), n.at(6)}}},
                                                .dilation = {n.at(7), n.at(8)},
                                                .groups = n.at(9),

@@ -103,7 +103,8 @@ TEST(Inference, WeightsAreKeptWhileNobodyWrites) {
         EXPECT_FALSE(kept_after(w));
         EXPECT_TRUE(kept_after(w));
         EXPECT_TRUE(kept_after(w));
-        EXPECT_GE(prepared.bytes(), 4 * (24 * 40 + 24));
+        EXPECT_GE(prepared.bytes(), 4 * (24 * 40 + 24));  // as they are
+        EXPECT_LE(prepared.bytes(), 4 * (32 * 40 + 24));  // in panels of the widest vectors
         KTensor part = narrow(w, 0, 3, 2);
         (void)(round == 0 ? add_(b, Scalar(1.0)) : copy_(part, KTensor::zeros({2, 40})));
     }

@@ -33,6 +33,7 @@ Dims least_input(const Where& at, const Dims& weight, const ConvParameters& p) {
 }  // namespace
 
 struct PreparedConvolution::Parts {
+    bool takes_blocks() const { return fixed != nullptr && shape.size() == 4 && fixed->takes_blocks(); }
     // Of an input in blocks, or in planes.
     ConvPlan block_plan(const Where& at, const Dims& input, std::int64_t dtype, const BlockedImage* residual) const;
     BlockedImage to_blocks(const Where& at, const ConvPlan& plan, const void* input, bool in_planes, LayerEnd end,
@@ -101,13 +102,11 @@ std::unique_ptr<Tensor> PreparedConvolution::operator()(Tensor* input, LayerEnd 
     return output;
 }
 
-bool PreparedConvolution::takes_blocks() const {
-    return parts_->fixed != nullptr && parts_->shape.size() == 4 && parts_->fixed->takes_blocks();
-}
+bool PreparedConvolution::takes_blocks() const { return parts_->takes_blocks(); }
 
 ConvPlan PreparedConvolution::Parts::block_plan(const Where& at, const Dims& input, std::int64_t input_dtype,
                                                 const BlockedImage* residual) const {
-    if (fixed == nullptr || shape.size() != 4 || !fixed->takes_blocks()) {
+    if (!takes_blocks()) {
         fail(at, name, " of a weight ", shape, "in ", parameters.groups, " groups takes no blocks.");
     }
     if (input_dtype != dtype) {

@@ -28,7 +28,7 @@ class BlockSum {
           target_(target),
           unstaged_(!FromPlanes && pass.is_pointwise()),
           plan_(plan_for(pass, sum, unstaged_)),
-          samples_(samples_of(sum, plan_.tiles(), positions())),
+          samples_(tile_samples(sum, plan_.tiles(), positions())),
           block_channels_(conv_block_channels(sum.source_channels, sum.kernel_elements)),
           stage_channels_(FromPlanes ? block_channels_ : round_up(block_channels_, width)),
           layout_(layout),
@@ -88,17 +88,11 @@ class BlockSum {
   private:
     static constexpr std::int64_t width = lane_width<T>;
     static constexpr std::int64_t panel = lane_vectors * width;
-    static constexpr int slot = FromPlanes ? 1 : static_cast<int>(width);  // elements
-    static constexpr std::int64_t most_positions = 400;                    // of a tile
-    static constexpr std::int64_t most_unblocked = 1 << 15;
-    static constexpr std::int64_t most_unblocked_positions = 1024;
+    static constexpr int slot = FromPlanes ? 1 : static_cast<int>(width);    // elements
     static constexpr std::int64_t least_positions = lane_positions / 2 + 2;  // that keep the processor busy
 
     static StagePlan plan_for(const ConvPass& pass, const ConvSum& sum, bool unstaged) {
-        const std::int64_t channels = conv_block_channels(sum.source_channels, sum.kernel_elements);
-        const std::int64_t most = sum.source_channels > channels
-                                      ? most_positions
-                                      : std::clamp(most_unblocked / channels, most_positions, most_unblocked_positions);
+        const std::int64_t most = most_tile_positions(sum);
         if (unstaged) {
             const ConvPass row = pass.as_one_row();
             StagePlan plan(row, balanced_tile(row, sum, most, lane_positions), SlotLayout::shared);
@@ -108,10 +102,6 @@ class BlockSum {
         const TileShape tile = balanced_tile(pass, sum, most, 1);
         const bool narrow = tile.rows > 1 && tile.cols / lane_pieces(tile.cols) < least_positions;
         return {pass, tile, narrow ? SlotLayout::linear : SlotLayout::shared};
-    }
-
-    static std::int64_t samples_of(const ConvSum& sum, std::int64_t tiles, std::int64_t tile) {
-        return tiles > 1 ? 1 : std::clamp<std::int64_t>(most_positions / tile, 1, sum.batch);
     }
 
     // Smaller tiles where the larger ones leave processors without work.
@@ -134,7 +124,7 @@ class BlockSum {
         const std::int64_t size = tile.rows * tile.cols;
         const std::int64_t tiles =
             (pass.rows.positions + tile.rows - 1) / tile.rows * ((pass.cols.positions + tile.cols - 1) / tile.cols);
-        const std::int64_t samples = samples_of(sum, tiles, size);
+        const std::int64_t samples = tile_samples(sum, tiles, size);
         const std::int64_t parts = (sum.batch + samples - 1) / samples * tiles;
         const TargetCuts cuts(sum.target_channels, panel, parts, samples * size);
         const std::int64_t rounds = (parts * cuts.cuts + usable_processors() - 1) / usable_processors();

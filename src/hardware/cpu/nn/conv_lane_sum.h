@@ -39,7 +39,7 @@ class LaneSum {
           in_place_(pass.fills_target()),
           plan_(plan_for(pass, sum)),
           unstaged_(pass.is_pointwise() && in_place_ && plan_.tiles() == 1 && spread_enough(pass.source_plane())),
-          samples_(plan_.tiles() > 1 ? 1 : std::clamp<std::int64_t>(most_positions / positions(), 1, sum.batch)),
+          samples_(tile_samples(sum, plan_.tiles(), positions())),
           sets_((sum.batch + samples_ - 1) / samples_),
           block_channels_(conv_block_channels(sum.source_channels, sum.kernel_elements)),
           weights_(lane_weights(sum, plan_.kernels, weight)),
@@ -113,10 +113,6 @@ class LaneSum {
 
   private:
     static constexpr std::int64_t panel = lane_vectors * lane_width<T>;
-    static constexpr std::int64_t most_positions = 400;  // of a tile
-    // Totals of one block need not wait: larger tiles, of so many slots, as long as there are some for all processors.
-    static constexpr std::int64_t most_unblocked = 1 << 15;
-    static constexpr std::int64_t most_unblocked_positions = 1024;
     static constexpr std::int64_t least_positions = 5;                     // that keep the processor busy
     static constexpr std::int64_t written_positions = 8 * lane_positions;  // together, while they are near
 
@@ -132,17 +128,13 @@ class LaneSum {
     };
 
     static StagePlan plan_for(const ConvPass& pass, const ConvSum& sum) {
-        const std::int64_t channels = conv_block_channels(sum.source_channels, sum.kernel_elements);
-        const std::int64_t most = sum.source_channels > channels
-                                      ? most_positions
-                                      : std::clamp(most_unblocked / channels, most_positions, most_unblocked_positions);
+        const std::int64_t most = most_tile_positions(sum);
         if (pass.is_pointwise() && pass.fills_target()) {
             const ConvPass row = pass.as_one_row();
             return {row, choose_tile(row, most, lane_positions), SlotLayout::shared};
         }
         const TileShape tile = choose_tile(pass, most, 1);
-        const std::int64_t pieces = (tile.cols + lane_positions - 1) / lane_positions;
-        const bool narrow = tile.rows > 1 && tile.cols / pieces < least_positions;
+        const bool narrow = tile.rows > 1 && tile.cols / lane_pieces(tile.cols) < least_positions;
         return {pass, tile, narrow ? SlotLayout::linear : SlotLayout::shared};
     }
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "conv_order.h"
 #include "conv_stage.h"
 #include "cpu_conv_kernels.h"
 #include "hardware/parallel.h"
@@ -20,6 +21,24 @@ struct WorkspaceSize {
     std::int64_t weights = 0;  // laid out for one tile
     std::int64_t work = 0;     // multiplications of a tile
 };
+
+/// Positions of a tile whose totals wait from block to block.
+inline constexpr std::int64_t most_blocked_positions = 400;
+
+/// Totals of one block need not wait: larger tiles, of so many slots, as long as there are some for all processors.
+inline std::int64_t most_tile_positions(const ConvSum& sum) {
+    constexpr std::int64_t most_slots = 1 << 15;
+    constexpr std::int64_t most_unblocked_positions = 1024;
+    const std::int64_t channels = conv_block_channels(sum.source_channels, sum.kernel_elements);
+    return sum.source_channels > channels
+               ? most_blocked_positions
+               : std::clamp(most_slots / channels, most_blocked_positions, most_unblocked_positions);
+}
+
+/// Samples that go together where one is a single small tile.
+inline std::int64_t tile_samples(const ConvSum& sum, std::int64_t tiles, std::int64_t positions) {
+    return tiles > 1 ? 1 : std::clamp<std::int64_t>(most_blocked_positions / positions, 1, sum.batch);
+}
 
 /// The target channels' panels in cuts that are computed on their own. The bits do not depend on them: there are
 /// enough for all processors, and as many as keep a cut's totals in the second level of cache.
