@@ -35,6 +35,7 @@ struct Factors {
     std::int64_t depth;
     bool add;
     const ProductEnds* ends;  // or null
+    bool alone = false;       // Within a region: by the calling thread alone.
     Ahead* next = nullptr;    // The next product of a batch, or null.
 
     std::int64_t work() const { return rows * cols * depth; }
@@ -112,14 +113,14 @@ void add_steps(const Factors<T>& f, std::int64_t k, std::int64_t steps, std::int
         const Strided<T> b = f.b.from(k, col);
         TileOperands<T> in{a.data, a.row, a.col, b.data, b.row, steps};
         std::int64_t cols = std::min<std::int64_t>(left, Shape::cols);
-        SumTile<T> sum = tile_function<T, false, false>(f.rows, cols > lanes<T> ? Shape::vectors : 1);
+        SumTile<T> sum = tile_function<T, false, TileForm::in_place>(f.rows, cols > lanes<T> ? Shape::vectors : 1);
         alignas(64) T whole[streamed_rows * Shape::cols];
         if (f.rows == 1 && left >= wide) {
             cols = wide;
-            sum = sum_tile<T, false, false, 1, 4 * Shape::vectors>;
+            sum = sum_tile<T, false, TileForm::in_place, 1, 4 * Shape::vectors>;
         } else if (f.rows == 2 && left >= wide / 2) {
             cols = wide / 2;
-            sum = sum_tile<T, false, false, 2, 2 * Shape::vectors>;
+            sum = sum_tile<T, false, TileForm::in_place, 2, 2 * Shape::vectors>;
         } else if (cols < Shape::cols) {
             pack_panel(b, steps, cols, whole);
             in.b = whole;

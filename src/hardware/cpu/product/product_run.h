@@ -50,12 +50,17 @@ class PanelMemory {
 };
 
 // A tile of `cols` columns.
-template <typename T, bool Swapped, bool Packed>
+template <typename T, bool Swapped, TileForm Form>
 void tile_at(const TileOperands<T>& in, std::int64_t rows, std::int64_t cols, const TileTarget<T>& to, TileEnd end) {
     using Shape = TileShape<T>;
     constexpr std::int64_t width = lanes<RealOf<T>>;
     const std::int64_t vectors = cols > width ? Shape::vectors : 1;
-    const SumTile<T> sum = tile_function<T, Swapped, Packed>(rows, vectors);
+    SumTile<T> sum = tile_function<T, Swapped, Form>(rows, vectors);
+    if constexpr (Shape::parts == 1) {
+        if (in.laid != nullptr) {
+            sum = tile_function<T, Swapped, laying(Form)>(rows, vectors);
+        }
+    }
     if (cols == vectors * width) {
         sum(in, to, end);
         return;
@@ -90,6 +95,7 @@ struct PanelOperands {
     std::int64_t panel;
     const RealOf<T>* b;
     std::int64_t b_step;
+    RealOf<T>* laid;  // or null: where the first strip lays the panel out for the others
     TileTarget<T> to;
     TileEnd end;
     Ahead* ahead;  // or null
@@ -97,20 +103,31 @@ struct PanelOperands {
 
 template <typename T, bool Swapped>
 void panel_times_strips(const Factors<T>& f, const Strips<T>& strips, const PanelOperands<T>& in) {
+    const std::int64_t cols = f.panel_cols(in.panel);
     for (std::int64_t s = 0; s < strips.count; ++s) {
         const std::int64_t row = strips.first(s);
         const std::int64_t height = strips.height(s);
         const std::int64_t below = row - strips.begin;
         const TileTarget<T> to{in.to.out + below * in.to.out_row, in.to.out_row, in.to.old + below * in.to.old_row,
                                in.to.old_row};
+        const bool is_laid = in.laid != nullptr && s > 0;
+        TileOperands<T> tile{nullptr,
+                             1,
+                             height,
+                             is_laid ? in.laid : in.b,
+                             is_laid ? panel_row<T>(cols) : in.b_step,
+                             in.depth,
+                             in.ahead,
+                             is_laid ? nullptr : in.laid};
         if (in.packed != nullptr) {
-            const TileOperands<T> tile{
-                in.packed + strip_place(strips, s, in.depth), 1, height, in.b, in.b_step, in.depth, in.ahead};
-            tile_at<T, Swapped, true>(tile, height, f.panel_cols(in.panel), to, in.end);
+            tile.a = in.packed + strip_place(strips, s, in.depth);
+            tile_at<T, Swapped, TileForm::packed>(tile, height, cols, to, in.end);
         } else {
             const Strided<T> a = f.a.from(row, in.k);
-            const TileOperands<T> tile{a.data, a.row, a.col, in.b, in.b_step, in.depth, in.ahead};
-            tile_at<T, Swapped, false>(tile, height, f.panel_cols(in.panel), to, in.end);
+            tile.a = a.data;
+            tile.a_row = a.row;
+            tile.a_step = a.col;
+            tile_at<T, Swapped, TileForm::in_place>(tile, height, cols, to, in.end);
         }
     }
 }
@@ -161,70 +178,166 @@ constexpr std::int64_t near_bytes_of_a = std::int64_t{vec::vector_bytes == 64 ? 
 constexpr std::int64_t panels_together = 8;
 constexpr std::int64_t most_blocks = 8;  // of depth, that are laid out at once
 
-// Takes all rows through some blocks of depth, whose panels begin at panel_at(block, panel): tiles of C in a grid.
-// Between blocks the sums of a few panels wait side by side, where they crowd nothing.
-template <typename T, bool Swapped, typename PanelAt>
-void multiply_laid_out(const Factors<T>& f, std::int64_t first, std::int64_t count, const PanelAt& panel_at) {
-    using Shape = TileShape<T>;
+// Where B's panels are not laid out beforehand, their first tiles do that on their way, if there are this many strips.
+constexpr std::int64_t laying_strips = 3;
+
+// Are B's panels laid out on the way? A few strips read rows near each other as well where they are, and where rows
+// begin within a line, tiles would read more lines than a copy does.
+template <typename T>
+bool lays_on_the_way(const Factors<T>& f) {
+    const std::int64_t step = f.b.row * static_cast<std::int64_t>(sizeof(T));
+    const std::int64_t strips = is_far(f.b) ? laying_strips : 2 * laying_strips + 2;
+    return TileShape<T>::parts == 1 && f.b.col == 1 && f.rows > (strips - 1) * TileShape<T>::rows && step >= 2048 &&
+           step % 64 == 0;
+}
+
+template <typename T>
+bool packs_rows(const Factors<T>& f) {
+    return f.panels() > 2 && is_crowding(f.a);
+}
+
+// Parts of C, each a task.
+struct Grid {
+    std::int64_t row_tasks;
+    std::int64_t col_tasks;
+};
+
+// Equal shares for all workers, several for each.
+template <typename T>
+Grid grid_of(const Factors<T>& f) {
+    constexpr std::int64_t most_rows = near_bytes_of_a / (block_depth * sizeof(T));
+    const std::int64_t workers = usable_processors();
+    const std::int64_t row_tasks = std::min(parts_of(f.rows, 4 * TileShape<T>::rows),
+                                            parts_of(parts_of(f.rows, most_rows), 2 * workers) * 2 * workers);
+    return {row_tasks, std::clamp<std::int64_t>(f.panels() / 4, 1, parts_of(2 * workers, row_tasks))};
+}
+
+// The same where every task lays out what it reads of A and of B: as wide and as high as may be.
+template <typename T>
+Grid laying_grid_of(const Factors<T>& f) {
+    constexpr std::int64_t most_rows = near_bytes_of_a / (block_depth * sizeof(T));
     const std::int64_t workers = usable_processors();
     const std::int64_t panels = f.panels();
-    // Equal shares for all workers, several for each.
-    constexpr std::int64_t most_rows = near_bytes_of_a / (block_depth * sizeof(T));
-    const std::int64_t row_tasks =
-        std::min(parts_of(f.rows, 4 * Shape::rows), parts_of(parts_of(f.rows, most_rows), 2 * workers) * 2 * workers);
-    const std::int64_t col_tasks = std::clamp<std::int64_t>(panels / 4, 1, parts_of(2 * workers, row_tasks));
-    const bool pack = panels > 2 && is_crowding(f.a);
-    const std::int64_t grain = std::max<std::int64_t>(2, grain_work * row_tasks * col_tasks / f.work());
-    parallel_for(row_tasks * col_tasks, 1, grain, [&](std::int64_t begin, std::int64_t end) {
-        const std::int64_t rows = parts_of(f.rows, row_tasks);
+    Grid best{parts_of(f.rows, most_rows), 1};
+    if (f.alone || f.work() < grain_work || workers == 1) {
+        return best;
+    }
+    const std::int64_t most_row_tasks = parts_of(f.rows, laying_strips * TileShape<T>::rows);
+    double best_cost = HUGE_VAL;
+    for (const std::int64_t rounds : {1, 2, 4, 8}) {
+        const std::int64_t tasks = rounds * workers;
+        for (std::int64_t row_tasks = parts_of(f.rows, most_rows); row_tasks <= most_row_tasks; ++row_tasks) {
+            const std::int64_t col_tasks = tasks / row_tasks;
+            if (tasks % row_tasks != 0 || col_tasks > panels) {
+                continue;
+            }
+            const std::int64_t rows = parts_of(f.rows, row_tasks);
+            const std::int64_t cols = parts_of(panels, col_tasks);
+            // To lay out rows takes about half as long as a panel's tiles, to lay out a panel less than a strip's, the
+            // first panel comes unexpected, and the last round may have to wait for one worker.
+            const double spent = (packs_rows(f) ? 0.65 : 0.05) / static_cast<double>(cols) +
+                                 0.3 / static_cast<double>(parts_of(rows, TileShape<T>::rows)) +
+                                 0.05 / static_cast<double>(rounds);
+            const double cost = static_cast<double>(rows * row_tasks * cols * col_tasks) * (1 + spent);
+            if (cost < best_cost) {
+                best_cost = cost;
+                best = {row_tasks, col_tasks};
+            }
+        }
+    }
+    return best;
+}
+
+// Takes all rows through blocks of depth [first, last): tiles of C in a grid. panel_at(block, panel) is null where
+// panels are as stored. Between blocks the sums of a few panels wait side by side, where they crowd nothing.
+template <typename T, bool Swapped, typename PanelAt>
+void multiply_in_grid(const Factors<T>& f, std::int64_t first, std::int64_t last, const PanelAt& panel_at) {
+    using Shape = TileShape<T>;
+    using R = RealOf<T>;
+    const std::int64_t panels = f.panels();
+    const bool stored = panel_at(first, 0) == nullptr;
+    const Grid grid = stored ? laying_grid_of(f) : grid_of(f);
+    const std::int64_t tasks = grid.row_tasks * grid.col_tasks;
+    const std::int64_t grain = std::max<std::int64_t>(2, grain_work * tasks / f.work());
+    const std::int64_t most = std::min(last - first, most_blocks);
+    const bool pack = packs_rows(f);
+    parallel_for(tasks, 1, grain, [&](std::int64_t begin, std::int64_t end) {
+        const std::int64_t rows = parts_of(f.rows, grid.row_tasks);
         const std::int64_t packed_size = strips_size(Strips<T>(0, rows), block_depth);
         const std::int64_t waiting_size = rows * Shape::cols;
-        const Scratch<T> packed(pack ? count * packed_size : 0);
-        const Scratch<T> waiting(count > 1 ? panels_together * waiting_size : 0);
-        for (std::int64_t task = begin; task < end; ++task) {
-            const std::int64_t row_task = task / col_tasks;
-            const std::int64_t first_panel = panels * (task % col_tasks) / col_tasks;
-            const std::int64_t last_panel = panels * (task % col_tasks + 1) / col_tasks;
-            const Strips<T> strips(f.rows * row_task / row_tasks, f.rows * (row_task + 1) / row_tasks);
-            for (std::int64_t block = 0; pack && block < count; ++block) {
-                const std::int64_t k = (first + block) * block_depth;
-                for (std::int64_t s = 0; s < strips.count; ++s) {
-                    pack_strip(f, strips, s, k, std::min(block_depth, f.depth - k), packed.get() + block * packed_size);
+        const Scratch<T> packed(pack ? most * packed_size : 0);
+        const Scratch<T> waiting(most > 1 ? panels_together * waiting_size : 0);
+        const Scratch<R> laid(stored ? Shape::cols * Shape::parts * block_depth : 0);
+        // One panel through a block of depth.
+        const auto multiply_panel = [&](const Strips<T>& strips, std::int64_t block, std::int64_t p, const T* rows_of_a,
+                                        const TileTarget<T>& to, Ahead* ahead) {
+            const std::int64_t k = block * block_depth;
+            const std::int64_t depth = std::min(block_depth, f.depth - k);
+            const std::int64_t cols = f.panel_cols(p);
+            PanelOperands<T> in{rows_of_a,          k,       depth, p,        panel_at(block, p),
+                                panel_row<T>(cols), nullptr, to,    f.end(k), ahead};
+            if (in.b == nullptr) {
+                const Strided<T> b = f.b.from(k, p * Shape::cols);
+                if (cols < Shape::cols) {
+                    pack_panel(b, depth, cols, laid.get());
+                    in.b = laid.get();
+                } else {
+                    in.b = reinterpret_cast<const R*>(b.data);
+                    in.b_step = b.row;
+                    in.laid = strips.count < laying_strips ? nullptr : laid.get();
                 }
             }
-            for (std::int64_t group = first_panel; group < last_panel; group += panels_together) {
-                const std::int64_t group_end = std::min(group + panels_together, last_panel);
-                for (std::int64_t block = 0; block < count; ++block) {
-                    const std::int64_t k = (first + block) * block_depth;
-                    const std::int64_t depth = std::min(block_depth, f.depth - k);
-                    for (std::int64_t p = group; p < group_end; ++p) {
-                        const TileTarget<T> c{f.c + strips.begin * f.c_row + p * Shape::cols, f.c_row};
-                        const TileTarget<T> aside{waiting.get() + (p - group) * waiting_size, Shape::cols};
-                        const TileTarget<T>& out = block + 1 < count ? aside : c;
-                        const TileTarget<T>& old = block > 0 ? aside : c;
-                        const bool more = p + 1 < group_end;
-                        const RealOf<T>* next = more                ? panel_at(first + block, p + 1)
-                                                : block + 1 < count ? panel_at(first + block + 1, group)
-                                                                    : nullptr;
-                        const std::int64_t bytes = next == nullptr ? 0 : depth * Shape::cols * sizeof(T);
-                        const char* from = reinterpret_cast<const char*>(next);
-                        Ahead ahead{{from}, {from + bytes}, parts_of(bytes, 64 * strips.rows)};
-                        panel_times_strips<T, Swapped>(f, strips,
-                                                       {pack ? packed.get() + block * packed_size : nullptr,
-                                                        k,
-                                                        depth,
-                                                        p,
-                                                        panel_at(first + block, p),
-                                                        panel_row<T>(f.panel_cols(p)),
-                                                        {out.out, out.out_row, old.out, old.out_row},
-                                                        f.end(k),
-                                                        &ahead});
+            panel_times_strips<T, Swapped>(f, strips, in);
+        };
+        // What the tiles of a panel bring near of the next one.
+        const auto panel_ahead = [&](const Strips<T>& strips, std::int64_t block, std::int64_t p) {
+            const std::int64_t depth = std::min(block_depth, f.depth - block * block_depth);
+            constexpr std::int64_t row_bytes = Shape::cols * sizeof(T);
+            const char* from = reinterpret_cast<const char*>(panel_at(block, p));
+            if (from != nullptr) {
+                return Ahead{{from}, {from + depth * row_bytes}, parts_of(depth * row_bytes, 64 * strips.rows)};
+            }
+            from = reinterpret_cast<const char*>(f.b.from(block * block_depth, p * Shape::cols).data);
+            const std::int64_t step = f.b.row * static_cast<std::int64_t>(sizeof(T));
+            const char* behind = from + depth * step;
+            const char* across = row_bytes > 64 ? from + 64 : from + row_bytes - 1;
+            return Ahead{{from, across}, {behind, behind}, parts_of(depth, strips.rows), step};
+        };
+        for (std::int64_t task = begin; task < end; ++task) {
+            const std::int64_t row_task = task / grid.col_tasks;
+            const std::int64_t first_panel = panels * (task % grid.col_tasks) / grid.col_tasks;
+            const std::int64_t last_panel = panels * (task % grid.col_tasks + 1) / grid.col_tasks;
+            const Strips<T> strips(f.rows * row_task / grid.row_tasks, f.rows * (row_task + 1) / grid.row_tasks);
+            for (std::int64_t pass = first; pass < last; pass += most) {
+                const std::int64_t pass_end = std::min(pass + most, last);
+                for (std::int64_t group = first_panel; group < last_panel; group += panels_together) {
+                    const std::int64_t group_end = std::min(group + panels_together, last_panel);
+                    for (std::int64_t block = pass; block < pass_end; ++block) {
+                        T* const rows_of_a = pack ? packed.get() + (block - pass) * packed_size : nullptr;
+                        for (std::int64_t s = 0; pack && group == first_panel && s < strips.count; ++s) {
+                            const std::int64_t k = block * block_depth;
+                            pack_strip(f, strips, s, k, std::min(block_depth, f.depth - k), rows_of_a);
+                        }
+                        for (std::int64_t p = group; p < group_end; ++p) {
+                            const TileTarget<T> c{f.c + strips.begin * f.c_row + p * Shape::cols, f.c_row};
+                            const TileTarget<T> aside{waiting.get() + (p - group) * waiting_size, Shape::cols};
+                            const TileTarget<T>& out = block + 1 < pass_end ? aside : c;
+                            const TileTarget<T>& old = block > pass ? aside : c;
+                            Ahead ahead{};
+                            if (p + 1 < group_end) {
+                                ahead = panel_ahead(strips, block, p + 1);
+                            } else if (block + 1 < pass_end) {
+                                ahead = panel_ahead(strips, block + 1, group);
+                            }
+                            multiply_panel(strips, block, p, rows_of_a, {out.out, out.out_row, old.out, old.out_row},
+                                           f.next != nullptr ? f.next : &ahead);
+                        }
+                    }
+                    if (pass_end == parts_of(f.depth, block_depth)) {
+                        const std::int64_t col = group * Shape::cols;
+                        f.finish(strips.begin, strips.rows, col, std::min(f.cols, group_end * Shape::cols) - col);
                     }
                 }
-            }
-            if (first + count == parts_of(f.depth, block_depth)) {
-                const std::int64_t col = first_panel * Shape::cols;
-                f.finish(strips.begin, strips.rows, col, std::min(f.cols, last_panel * Shape::cols) - col);
             }
         }
     });
@@ -244,7 +357,7 @@ void multiply_by_rows(const Factors<T>& f) {
     for (std::int64_t first = 0; first < blocks; first += pass) {
         const std::int64_t count = std::min(pass, blocks - first);
         pack_blocks(f, first, count, memory.get(), panel_size);
-        multiply_laid_out<T, Swapped>(f, first, count, [&](std::int64_t block, std::int64_t panel) {
+        multiply_in_grid<T, Swapped>(f, first, first + count, [&](std::int64_t block, std::int64_t panel) {
             return memory.get() + ((block - first) * panels + panel) * panel_size;
         });
     }
@@ -257,7 +370,7 @@ void multiply_by_cols(const Factors<T>& f) {
     const std::int64_t panels = f.panels();
     const Strips<T> strips(0, f.rows);
     const std::int64_t grain = std::max<std::int64_t>(2, grain_work / std::max<std::int64_t>(1, f.work() / panels));
-    const bool pack = panels > 2 && is_crowding(f.a);
+    const bool pack = packs_rows(f);
     const bool in_place = TileShape<T>::parts == 1 && f.b.col == 1 && (strips.count <= 2 || !is_far(f.b));
     const std::int64_t block_size = strips_size(strips, block_depth);
     std::optional<Scratch<T>> packed;
@@ -299,6 +412,7 @@ void multiply_by_cols(const Factors<T>& f) {
                                             p,
                                             panel,
                                             here ? b.row : row,
+                                            nullptr,
                                             {f.c + p * TileShape<T>::cols, f.c_row},
                                             f.end(k),
                                             f.next});
@@ -330,6 +444,13 @@ void multiply(const Factors<T>& f) {
     }
     // A block of A stays in the second level of cache.
     constexpr std::int64_t most_rows = 2 * near_bytes_of_a / (block_depth * sizeof(T));
+    if constexpr (TileShape<T>::parts == 1) {
+        if (f.rows <= most_rows && lays_on_the_way(f)) {
+            multiply_in_grid<T, Swapped>(f, 0, parts_of(f.depth, block_depth),
+                                         [](std::int64_t, std::int64_t) { return static_cast<const T*>(nullptr); });
+            return;
+        }
+    }
     if (f.rows > most_rows || (f.rows > f.cols && f.panels() < 2 * usable_processors())) {
         multiply_by_rows<T, Swapped>(f);
     } else {
@@ -367,8 +488,8 @@ void multiply_aside(const Factors<T>& f, T* c, std::int64_t c_row, bool add) {
 }
 
 template <typename T>
-void multiply_one(const ProductPlan& plan, const T* a, const T* b, T* c, const ProductEnds* ends,
-                  Ahead* next = nullptr) {
+void multiply_one(const ProductPlan& plan, const T* a, const T* b, T* c, const ProductEnds* ends, bool alone,
+                  Ahead* next) {
     const std::int64_t width_c = plan.row_step_c();
     if (plan.rows < 1 || plan.cols < 1) {
         return;
@@ -386,11 +507,12 @@ void multiply_one(const ProductPlan& plan, const T* a, const T* b, T* c, const P
     const Strided<T> left = strided(a, plan.transpose_a, plan.row_step_a());
     const Strided<T> right = strided(b, plan.transpose_b, plan.row_step_b());
     if (plan.rows > plan.cols && (4 * plan.cols <= lanes<RealOf<T>> || plan.cols == 1)) {
-        const Factors<T> f{right.turned(), left.turned(), nullptr, 0, plan.cols, plan.rows, plan.depth, false, ends};
+        const Factors<T> f{right.turned(), left.turned(), nullptr, 0,    plan.cols,
+                           plan.rows,      plan.depth,    false,   ends, alone};
         multiply_aside<T, true>(f, c, width_c, plan.accumulate);
         return;
     }
-    const Factors<T> f{left, right, c, width_c, plan.rows, plan.cols, plan.depth, plan.accumulate, ends, next};
+    const Factors<T> f{left, right, c, width_c, plan.rows, plan.cols, plan.depth, plan.accumulate, ends, alone, next};
     if (plan.accumulate && plan.depth > block_depth) {
         multiply_aside<T, false>(f, c, width_c, true);
     } else {
@@ -422,9 +544,9 @@ void float_product(const ProductPlan& plan, const T* a, const T* b, T* c, const 
                           b + start(plan.place_b, plan.depth * plan.cols),
                           c + start(plan.place_c, plan.rows * plan.cols)};
     };
-    const auto one = [&](std::int64_t index, Ahead* next) {
+    const auto one = [&](std::int64_t index, bool alone, Ahead* next = nullptr) {
         const auto [x, y, z] = at(index);
-        multiply_one(plan, x, y, z, ends, next);
+        multiply_one(plan, x, y, z, ends, alone, next);
     };
     const std::int64_t work = plan.rows * plan.cols * plan.depth;
     if (work < grain_work || plan.batch >= 2 * usable_processors()) {
@@ -436,7 +558,7 @@ void float_product(const ProductPlan& plan, const T* a, const T* b, T* c, const 
         parallel_for(plan.batch, 1, grain, [&](std::int64_t begin, std::int64_t end) {
             for (std::int64_t index = begin; index < end; ++index) {
                 if (index + 1 == end || bytes < nearest_bytes || bytes > near_bytes) {
-                    one(index, nullptr);
+                    one(index, true);
                     continue;
                 }
                 const auto [x, y, z] = at(index + 1);
@@ -446,13 +568,13 @@ void float_product(const ProductPlan& plan, const T* a, const T* b, T* c, const 
                 Ahead next{{bytes_at(x), bytes_at(y), bytes_at(z)},
                            {bytes_at(x + stored_a), bytes_at(y + stored_b), bytes_at(z + stored_c)},
                            static_cast<std::int64_t>(lines(std::max({stored_a, stored_b, stored_c})))};
-                one(index, &next);
+                one(index, true, &next);
             }
         });
         return;
     }
     for (std::int64_t index = 0; index < plan.batch; ++index) {
-        one(index, nullptr);
+        one(index, false);
     }
 }
 
@@ -490,15 +612,11 @@ void packed_product(const T* a, std::int64_t a_row, const void* packed, std::int
     const RealOf<T>* panels = static_cast<const RealOf<T>*>(packed);
     const std::int64_t step = packed_factor_size<T>(1, cols);
     const auto multiply_all = [&] {
-        const std::int64_t blocks = parts_of(depth, block_depth);
-        for (std::int64_t first = 0; first < blocks; first += most_blocks) {
-            multiply_laid_out<T, false>(
-                f, first, std::min(most_blocks, blocks - first), [&](std::int64_t block, std::int64_t panel) {
-                    const std::int64_t k = block * block_depth;
-                    return panels + k * step +
-                           std::min(block_depth, depth - k) * panel * TileShape<T>::cols * TileShape<T>::parts;
-                });
-        }
+        multiply_in_grid<T, false>(f, 0, parts_of(depth, block_depth), [&](std::int64_t block, std::int64_t panel) {
+            const std::int64_t k = block * block_depth;
+            return panels + k * step +
+                   std::min(block_depth, depth - k) * panel * TileShape<T>::cols * TileShape<T>::parts;
+        });
     };
     if (!accumulate || depth <= block_depth) {
         multiply_all();
