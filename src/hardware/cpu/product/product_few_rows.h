@@ -35,7 +35,6 @@ struct Factors {
     std::int64_t depth;
     bool add;
     const ProductEnds* ends;  // or null
-    bool alone = false;       // Within a region: by the calling thread alone.
     Ahead* next = nullptr;    // The next product of a batch, or null.
 
     std::int64_t work() const { return rows * cols * depth; }

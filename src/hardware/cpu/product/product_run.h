@@ -8,6 +8,7 @@
 #include <optional>
 #include <tuple>
 
+#include "hardware/workers.h"
 #include "product_few_rows.h"
 
 namespace ornik::device::cpu {
@@ -216,10 +217,10 @@ Grid grid_of(const Factors<T>& f) {
 template <typename T>
 Grid laying_grid_of(const Factors<T>& f) {
     constexpr std::int64_t most_rows = near_bytes_of_a / (block_depth * sizeof(T));
-    const std::int64_t workers = usable_processors();
+    const std::int64_t workers = parallel_workers();
     const std::int64_t panels = f.panels();
     Grid best{parts_of(f.rows, most_rows), 1};
-    if (f.alone || f.work() < grain_work || workers == 1) {
+    if (workers == 1 || f.work() < grain_work) {
         return best;
     }
     const std::int64_t most_row_tasks = parts_of(f.rows, laying_strips * TileShape<T>::rows);
@@ -488,8 +489,8 @@ void multiply_aside(const Factors<T>& f, T* c, std::int64_t c_row, bool add) {
 }
 
 template <typename T>
-void multiply_one(const ProductPlan& plan, const T* a, const T* b, T* c, const ProductEnds* ends, bool alone,
-                  Ahead* next) {
+void multiply_one(const ProductPlan& plan, const T* a, const T* b, T* c, const ProductEnds* ends,
+                  Ahead* next = nullptr) {
     const std::int64_t width_c = plan.row_step_c();
     if (plan.rows < 1 || plan.cols < 1) {
         return;
@@ -507,12 +508,11 @@ void multiply_one(const ProductPlan& plan, const T* a, const T* b, T* c, const P
     const Strided<T> left = strided(a, plan.transpose_a, plan.row_step_a());
     const Strided<T> right = strided(b, plan.transpose_b, plan.row_step_b());
     if (plan.rows > plan.cols && (4 * plan.cols <= lanes<RealOf<T>> || plan.cols == 1)) {
-        const Factors<T> f{right.turned(), left.turned(), nullptr, 0,    plan.cols,
-                           plan.rows,      plan.depth,    false,   ends, alone};
+        const Factors<T> f{right.turned(), left.turned(), nullptr, 0, plan.cols, plan.rows, plan.depth, false, ends};
         multiply_aside<T, true>(f, c, width_c, plan.accumulate);
         return;
     }
-    const Factors<T> f{left, right, c, width_c, plan.rows, plan.cols, plan.depth, plan.accumulate, ends, alone, next};
+    const Factors<T> f{left, right, c, width_c, plan.rows, plan.cols, plan.depth, plan.accumulate, ends, next};
     if (plan.accumulate && plan.depth > block_depth) {
         multiply_aside<T, false>(f, c, width_c, true);
     } else {
@@ -544,9 +544,9 @@ void float_product(const ProductPlan& plan, const T* a, const T* b, T* c, const 
                           b + start(plan.place_b, plan.depth * plan.cols),
                           c + start(plan.place_c, plan.rows * plan.cols)};
     };
-    const auto one = [&](std::int64_t index, bool alone, Ahead* next = nullptr) {
+    const auto one = [&](std::int64_t index, Ahead* next) {
         const auto [x, y, z] = at(index);
-        multiply_one(plan, x, y, z, ends, alone, next);
+        multiply_one(plan, x, y, z, ends, next);
     };
     const std::int64_t work = plan.rows * plan.cols * plan.depth;
     if (work < grain_work || plan.batch >= 2 * usable_processors()) {
@@ -558,7 +558,7 @@ void float_product(const ProductPlan& plan, const T* a, const T* b, T* c, const 
         parallel_for(plan.batch, 1, grain, [&](std::int64_t begin, std::int64_t end) {
             for (std::int64_t index = begin; index < end; ++index) {
                 if (index + 1 == end || bytes < nearest_bytes || bytes > near_bytes) {
-                    one(index, true);
+                    one(index, nullptr);
                     continue;
                 }
                 const auto [x, y, z] = at(index + 1);
@@ -568,13 +568,13 @@ void float_product(const ProductPlan& plan, const T* a, const T* b, T* c, const 
                 Ahead next{{bytes_at(x), bytes_at(y), bytes_at(z)},
                            {bytes_at(x + stored_a), bytes_at(y + stored_b), bytes_at(z + stored_c)},
                            static_cast<std::int64_t>(lines(std::max({stored_a, stored_b, stored_c})))};
-                one(index, true, &next);
+                one(index, &next);
             }
         });
         return;
     }
     for (std::int64_t index = 0; index < plan.batch; ++index) {
-        one(index, false);
+        one(index, nullptr);
     }
 }
 
