@@ -21,11 +21,17 @@ struct Strips {
     std::int64_t begin;
     std::int64_t rows;
     std::int64_t count;
+    std::int64_t least;   // rows of a strip
+    std::int64_t larger;  // strips that have one more
 
     Strips(std::int64_t first, std::int64_t last)
-        : begin(first), rows(last - first), count(parts_of(rows, TileShape<T>::rows)) {}
-    std::int64_t first(std::int64_t strip) const { return begin + rows * strip / count; }
-    std::int64_t height(std::int64_t strip) const { return first(strip + 1) - first(strip); }
+        : begin(first),
+          rows(last - first),
+          count(parts_of(rows, TileShape<T>::rows)),
+          least(rows / count),
+          larger(rows % count) {}
+    std::int64_t first(std::int64_t strip) const { return begin + strip * least + std::min(strip, larger); }
+    std::int64_t height(std::int64_t strip) const { return least + (strip < larger ? 1 : 0); }
 };
 
 // Memory for panels: on the stack while that is enough.
@@ -51,17 +57,12 @@ class PanelMemory {
 };
 
 // A tile of `cols` columns.
-template <typename T, bool Swapped, TileForm Form>
+template <typename T, bool Swapped, bool Packed>
 void tile_at(const TileOperands<T>& in, std::int64_t rows, std::int64_t cols, const TileTarget<T>& to, TileEnd end) {
     using Shape = TileShape<T>;
     constexpr std::int64_t width = lanes<RealOf<T>>;
     const std::int64_t vectors = cols > width ? Shape::vectors : 1;
-    SumTile<T> sum = tile_function<T, Swapped, Form>(rows, vectors);
-    if constexpr (Shape::parts == 1) {
-        if (in.laid != nullptr) {
-            sum = tile_function<T, Swapped, laying(Form)>(rows, vectors);
-        }
-    }
+    const SumTile<T> sum = tile_function<T, Swapped, Packed>(rows, vectors);
     if (cols == vectors * width) {
         sum(in, to, end);
         return;
@@ -96,39 +97,48 @@ struct PanelOperands {
     std::int64_t panel;
     const RealOf<T>* b;
     std::int64_t b_step;
-    RealOf<T>* laid;  // or null: where the first strip lays the panel out for the others
     TileTarget<T> to;
     TileEnd end;
-    Ahead* ahead;  // or null
+    Ahead* ahead;                   // or null
+    RealOf<T>* laid_out = nullptr;  // where the first tile lays B out for the others, or null
 };
 
 template <typename T, bool Swapped>
 void panel_times_strips(const Factors<T>& f, const Strips<T>& strips, const PanelOperands<T>& in) {
-    const std::int64_t cols = f.panel_cols(in.panel);
     for (std::int64_t s = 0; s < strips.count; ++s) {
         const std::int64_t row = strips.first(s);
         const std::int64_t height = strips.height(s);
         const std::int64_t below = row - strips.begin;
         const TileTarget<T> to{in.to.out + below * in.to.out_row, in.to.out_row, in.to.old + below * in.to.old_row,
-                               in.to.old_row};
-        const bool is_laid = in.laid != nullptr && s > 0;
+                               in.to.old_row, in.to.row_bias == nullptr ? nullptr : in.to.row_bias + row};
+        const bool is_laid_out = in.laid_out != nullptr && s > 0;
         TileOperands<T> tile{nullptr,
                              1,
                              height,
-                             is_laid ? in.laid : in.b,
-                             is_laid ? panel_row<T>(cols) : in.b_step,
+                             is_laid_out ? in.laid_out : in.b,
+                             is_laid_out ? panel_row<T>(TileShape<T>::cols) : in.b_step,
                              in.depth,
                              in.ahead,
-                             is_laid ? nullptr : in.laid};
+                             in.laid_out};
         if (in.packed != nullptr) {
             tile.a = in.packed + strip_place(strips, s, in.depth);
-            tile_at<T, Swapped, TileForm::packed>(tile, height, cols, to, in.end);
         } else {
             const Strided<T> a = f.a.from(row, in.k);
             tile.a = a.data;
             tile.a_row = a.row;
             tile.a_step = a.col;
-            tile_at<T, Swapped, TileForm::in_place>(tile, height, cols, to, in.end);
+        }
+        if constexpr (TileShape<T>::parts == 1) {
+            if (in.laid_out != nullptr && s == 0) {
+                (in.packed != nullptr ? copying_tile_function<T, true>(height)
+                                      : copying_tile_function<T, false>(height))(tile, to, in.end);
+                continue;
+            }
+        }
+        if (in.packed != nullptr) {
+            tile_at<T, Swapped, true>(tile, height, f.panel_cols(in.panel), to, in.end);
+        } else {
+            tile_at<T, Swapped, false>(tile, height, f.panel_cols(in.panel), to, in.end);
         }
     }
 }
@@ -177,7 +187,8 @@ void pack_blocks(const Factors<T>& f, std::int64_t first, std::int64_t count, Re
 // Blocks of A and of panels that stay in the second level of cache, beside the sums that wait for them.
 constexpr std::int64_t near_bytes_of_a = std::int64_t{vec::vector_bytes == 64 ? 320 : 160} << 10;
 constexpr std::int64_t panels_together = 8;
-constexpr std::int64_t most_blocks = 8;  // of depth, that are laid out at once
+constexpr std::int64_t many_panels = 16;  // make up for the packing of A
+constexpr std::int64_t most_blocks = 8;   // of depth, that are laid out at once
 
 // Where B's panels are not laid out beforehand, their first tiles do that on their way, if there are this many strips.
 constexpr std::int64_t laying_strips = 3;
@@ -249,6 +260,24 @@ Grid laying_grid_of(const Factors<T>& f) {
     return best;
 }
 
+// The rows of B that make a block of a panel, for tiles of so many rows of C to bring near.
+template <typename T>
+Ahead rows_ahead(const Factors<T>& f, std::int64_t panel, std::int64_t k, std::int64_t tile_rows) {
+    constexpr std::int64_t bytes = TileShape<T>::cols * sizeof(T);
+    constexpr std::int64_t places[] = {0, bytes / 2, bytes - 1};
+    Ahead ahead{};
+    if (f.b.col == 1 && panel < f.panels()) {
+        const std::int64_t rows = std::min(block_depth, f.depth - k);
+        ahead.step = f.b.row * static_cast<std::int64_t>(sizeof(T));
+        ahead.lines = parts_of(rows, tile_rows);
+        for (int m = 0; m < 3; ++m) {
+            ahead.at[m] = reinterpret_cast<const char*>(f.b.from(k, panel * TileShape<T>::cols).data) + places[m];
+            ahead.end[m] = ahead.at[m] + rows * ahead.step;
+        }
+    }
+    return ahead;
+}
+
 // Takes all rows through blocks of depth [first, last): tiles of C in a grid. panel_at(block, panel) is null where
 // panels are as stored. Between blocks the sums of a few panels wait side by side, where they crowd nothing.
 template <typename T, bool Swapped, typename PanelAt>
@@ -275,8 +304,8 @@ void multiply_in_grid(const Factors<T>& f, std::int64_t first, std::int64_t last
             const std::int64_t k = block * block_depth;
             const std::int64_t depth = std::min(block_depth, f.depth - k);
             const std::int64_t cols = f.panel_cols(p);
-            PanelOperands<T> in{rows_of_a,          k,       depth, p,        panel_at(block, p),
-                                panel_row<T>(cols), nullptr, to,    f.end(k), ahead};
+            PanelOperands<T> in{rows_of_a, k, depth, p, panel_at(block, p), panel_row<T>(cols), to, f.end(k), ahead};
+            in.to.row_bias = f.bias_in_tiles(k + depth);
             if (in.b == nullptr) {
                 const Strided<T> b = f.b.from(k, p * Shape::cols);
                 if (cols < Shape::cols) {
@@ -285,24 +314,20 @@ void multiply_in_grid(const Factors<T>& f, std::int64_t first, std::int64_t last
                 } else {
                     in.b = reinterpret_cast<const R*>(b.data);
                     in.b_step = b.row;
-                    in.laid = strips.count < laying_strips ? nullptr : laid.get();
+                    in.laid_out = strips.count < laying_strips ? nullptr : laid.get();
                 }
             }
             panel_times_strips<T, Swapped>(f, strips, in);
         };
         // What the tiles of a panel bring near of the next one.
         const auto panel_ahead = [&](const Strips<T>& strips, std::int64_t block, std::int64_t p) {
-            const std::int64_t depth = std::min(block_depth, f.depth - block * block_depth);
-            constexpr std::int64_t row_bytes = Shape::cols * sizeof(T);
             const char* from = reinterpret_cast<const char*>(panel_at(block, p));
-            if (from != nullptr) {
-                return Ahead{{from}, {from + depth * row_bytes}, parts_of(depth * row_bytes, 64 * strips.rows)};
+            if (from == nullptr) {
+                return rows_ahead(f, p, block * block_depth, strips.rows);
             }
-            from = reinterpret_cast<const char*>(f.b.from(block * block_depth, p * Shape::cols).data);
-            const std::int64_t step = f.b.row * static_cast<std::int64_t>(sizeof(T));
-            const char* behind = from + depth * step;
-            const char* across = row_bytes > 64 ? from + 64 : from + row_bytes - 1;
-            return Ahead{{from, across}, {behind, behind}, parts_of(depth, strips.rows), step};
+            const std::int64_t depth = std::min(block_depth, f.depth - block * block_depth);
+            const std::int64_t bytes = depth * Shape::cols * static_cast<std::int64_t>(sizeof(T));
+            return Ahead{{from}, {from + bytes}, parts_of(bytes, 64 * strips.rows)};
         };
         for (std::int64_t task = begin; task < end; ++task) {
             const std::int64_t row_task = task / grid.col_tasks;
@@ -336,7 +361,8 @@ void multiply_in_grid(const Factors<T>& f, std::int64_t first, std::int64_t last
                     }
                     if (pass_end == parts_of(f.depth, block_depth)) {
                         const std::int64_t col = group * Shape::cols;
-                        f.finish(strips.begin, strips.rows, col, std::min(f.cols, group_end * Shape::cols) - col);
+                        f.finish(strips.begin, strips.rows, col, std::min(f.cols, group_end * Shape::cols) - col,
+                                 f.bias_in_tiles(f.depth));
                     }
                 }
             }
@@ -371,7 +397,7 @@ void multiply_by_cols(const Factors<T>& f) {
     const std::int64_t panels = f.panels();
     const Strips<T> strips(0, f.rows);
     const std::int64_t grain = std::max<std::int64_t>(2, grain_work / std::max<std::int64_t>(1, f.work() / panels));
-    const bool pack = packs_rows(f);
+    const bool pack = panels > 2 && (is_crowding(f.a) || panels >= many_panels);
     const bool in_place = TileShape<T>::parts == 1 && f.b.col == 1 && (strips.count <= 2 || !is_far(f.b));
     const std::int64_t block_size = strips_size(strips, block_depth);
     std::optional<Scratch<T>> packed;
@@ -394,39 +420,48 @@ void multiply_by_cols(const Factors<T>& f) {
         large ? std::clamp<std::int64_t>(panels / (2 * usable_processors()), 1, panels_together) : 1;
     parallel_for(panels, together, grain, [&](std::int64_t begin, std::int64_t end) {
         PanelMemory<R> memory;
-        const auto multiply_panel = [&](std::int64_t p, std::int64_t k) {
+        const auto multiply_panel = [&](std::int64_t p, std::int64_t k, Ahead next) {
             const std::int64_t cols = f.panel_cols(p);
             const std::int64_t row = panel_row<T>(cols);
             const std::int64_t depth = std::min(block_depth, f.depth - k);
             const Strided<T> b = f.b.from(k, p * TileShape<T>::cols);
-            const bool here = in_place && cols == row;
-            const R* panel = reinterpret_cast<const R*>(b.data);
-            if (!here) {
-                R* to = memory.take(depth * row);
-                pack_panel(b, depth, cols, to);
-                panel = to;
+            T* const c = f.c + p * TileShape<T>::cols;
+            PanelOperands<T> in{pack ? packed->get() + k / block_depth * block_size : nullptr,
+                                k,
+                                depth,
+                                p,
+                                reinterpret_cast<const R*>(b.data),
+                                b.row,
+                                {c, f.c_row, c, f.c_row, f.bias_in_tiles(k + depth)},
+                                f.end(k),
+                                f.next != nullptr ? f.next : &next};
+            if (!in_place || cols < row) {
+                R* const to = memory.take(depth * row);
+                if (TileShape<T>::parts == 1 && pack && f.b.col == 1 && cols == TileShape<T>::cols) {
+                    in.laid_out = to;
+                } else {
+                    pack_panel(b, depth, cols, to);
+                    in.b = to;
+                    in.b_step = row;
+                }
             }
-            panel_times_strips<T, Swapped>(f, strips,
-                                           {pack ? packed->get() + k / block_depth * block_size : nullptr,
-                                            k,
-                                            depth,
-                                            p,
-                                            panel,
-                                            here ? b.row : row,
-                                            nullptr,
-                                            {f.c + p * TileShape<T>::cols, f.c_row},
-                                            f.end(k),
-                                            f.next});
+            panel_times_strips<T, Swapped>(f, strips, in);
         };
         for (std::int64_t group = begin; group < end; group += together) {
             const std::int64_t group_end = std::min(group + together, end);
             for (std::int64_t k = 0; k < f.depth; k += block_depth) {
+                const bool last = k + block_depth >= f.depth;
                 for (std::int64_t p = group; p < group_end; ++p) {
-                    multiply_panel(p, k);
+                    const bool goes_on = p + 1 < group_end;
+                    multiply_panel(p, k,
+                                   in_place  ? Ahead{}
+                                   : goes_on ? rows_ahead(f, p + 1, k, f.rows)
+                                   : last    ? rows_ahead(f, group_end, 0, f.rows)
+                                             : rows_ahead(f, group, k + block_depth, f.rows));
                 }
             }
             const std::int64_t col = group * TileShape<T>::cols;
-            f.finish(0, f.rows, col, std::min(f.cols, group_end * TileShape<T>::cols) - col);
+            f.finish(0, f.rows, col, std::min(f.cols, group_end * TileShape<T>::cols) - col, f.bias_in_tiles(f.depth));
         }
     });
 }

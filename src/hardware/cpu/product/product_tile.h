@@ -66,8 +66,8 @@ struct TileOperands {
     const RealOf<T>* b;
     std::int64_t b_step;
     std::int64_t depth;
-    Ahead* ahead = nullptr;     // or null; a tile fetches as often as it has rows
-    RealOf<T>* laid = nullptr;  // where the laying forms lay out the panel
+    Ahead* ahead = nullptr;         // or null; a tile fetches as often as it has rows
+    RealOf<T>* laid_out = nullptr;  // where a tile that Copies lays out the panel
 };
 
 /// Where the sums go, row by row, and what they are added to or begin with: the same place or another.
@@ -77,15 +77,8 @@ struct TileTarget {
     std::int64_t out_row;
     const T* old = out;
     std::int64_t old_row = out_row;
+    const T* row_bias = nullptr;  // added at last, an element for each row, or null; for real numbers
 };
-/// How a tile reads its rows of A: where they are, or laid out, a_row being 1 and a_step the number of rows. Either may
-/// copy the whole panel of B on its way: what is stored waits for no multiply-add.
-enum class TileForm { in_place, packed, in_place_laying, packed_laying };
-constexpr bool is_laying(TileForm form) { return form >= TileForm::in_place_laying; }
-constexpr TileForm laying(TileForm form) {
-    return form == TileForm::packed ? TileForm::packed_laying : TileForm::in_place_laying;
-}
-
 /// What becomes of the sums: stored, added to what is old, or begun with it.
 enum class TileEnd { store, add, resume };
 
@@ -108,8 +101,9 @@ ORNIK_EXPAND void put_sums(const V& sums, TileEnd end, const R* old, R* out) {
 }
 
 /// Rows x Vectors of a tile; complex sums interleaved as std::complex. `Swapped`: A holds the
-/// right factor's elements, which decides the order of a complex product's terms.
-template <typename T, bool Swapped, TileForm Form, int Rows, int Vectors>
+/// right factor's elements, which decides the order of a complex product's terms. `Packed`: a_row is 1, a_step Rows.
+/// `Copies`: on its way the tile lays out B's rows, one after the other.
+template <typename T, bool Swapped, bool Packed, int Rows, int Vectors, bool Copies = false>
 [[gnu::noinline]] void sum_tile(const TileOperands<T>& in, const TileTarget<T>& to, TileEnd end) {
     using R = RealOf<T>;
     using V = Vector<R>;
@@ -117,7 +111,6 @@ template <typename T, bool Swapped, TileForm Form, int Rows, int Vectors>
     constexpr int parts = TileShape<T>::parts;
     constexpr int across = parts * Vectors;
     constexpr std::int64_t steps_ahead = 16;
-    constexpr bool is_packed = Form == TileForm::packed || Form == TileForm::packed_laying;
     R* const out = reinterpret_cast<R*>(to.out);
     const std::int64_t out_row = to.out_row * parts;
     const R* const old = reinterpret_cast<const R*>(to.old);
@@ -137,16 +130,15 @@ template <typename T, bool Swapped, TileForm Form, int Rows, int Vectors>
             }
         }
         // Three rows share an address.
-        constexpr int groups = is_packed ? 1 : (Rows + 2) / 3;
+        constexpr int groups = Packed ? 1 : (Rows + 2) / 3;
         const char* a[groups];
         const std::int64_t row = in.a_row * static_cast<std::int64_t>(sizeof(T));
         const std::int64_t step = in.a_step * static_cast<std::int64_t>(sizeof(T));
         ORNIK_UNROLLED for (int g = 0; g < groups; ++g) { a[g] = reinterpret_cast<const char*>(in.a) + 3 * g * row; }
         const R* b = in.b;
-        const std::int64_t b_step = in.b_step;
-        R* laid = in.laid;
+        [[maybe_unused]] R* laid_out = in.laid_out;
         // Panels go on where hardware looks no further: on the next page. Streams of a few steps it knows better.
-        const std::int64_t ahead = in.depth > steps_ahead ? steps_ahead * b_step : 0;
+        const std::int64_t ahead = in.depth > steps_ahead ? steps_ahead * in.b_step : 0;
         // The places of the sums come near one row after the other: all at once they would hold up the operands.
         const std::int64_t stretch = in.depth / (Rows + Rows / 2) + 1;
         std::int64_t left = in.depth;
@@ -167,18 +159,18 @@ template <typename T, bool Swapped, TileForm Form, int Rows, int Vectors>
                     vec::prefetch(reinterpret_cast<const char*>(b + ahead) + at);
                 }
                 ORNIK_UNROLLED for (int v = 0; v < across; ++v) {
-                    const V read = load<V>(b + v * width);
-                    if constexpr (is_laying(Form)) {
-                        vec::store(read, laid + v * width);
+                    const V reals = load<V>(b + v * width);
+                    x[v] = way.factor(reals);
+                    if constexpr (Copies) {
+                        vec::store(reals, laid_out + v * width);
                     }
-                    x[v] = way.factor(read);
                 }
-                if constexpr (is_laying(Form)) {
-                    laid += across * width;
+                if constexpr (Copies) {
+                    laid_out += across * width;
                 }
                 ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
-                    const R* y = reinterpret_cast<const R*>(is_packed ? a[0] + i * static_cast<std::int64_t>(sizeof(T))
-                                                                      : a[i / 3 % groups] + i % 3 * row);
+                    const R* y = reinterpret_cast<const R*>(Packed ? a[0] + i * static_cast<std::int64_t>(sizeof(T))
+                                                                   : a[i / 3 % groups] + i % 3 * row);
                     const auto re = way.weight(y[0]);
                     if constexpr (parts == 1) {
                         ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) { way.add(re, x[v], sums[i][v]); }
@@ -194,13 +186,14 @@ template <typename T, bool Swapped, TileForm Form, int Rows, int Vectors>
                         }
                     }
                 }
-                ORNIK_UNROLLED for (int g = 0; g < groups; ++g) { a[g] += is_packed ? Rows * sizeof(T) : step; }
-                b += b_step;
+                ORNIK_UNROLLED for (int g = 0; g < groups; ++g) { a[g] += Packed ? Rows * sizeof(T) : step; }
+                b += in.b_step;
             }
         }
         if (!way.vouches_for(sums)) {
             return false;
         }
+        [[maybe_unused]] const T* const bias = to.row_bias;
         ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
             R* at = out + i * out_row;
             const R* from = old + i * old_row;
@@ -212,7 +205,9 @@ template <typename T, bool Swapped, TileForm Form, int Rows, int Vectors>
                     put_sums(zipped(re, im, 0, every), end, from + 2 * v * width, at + 2 * v * width);
                     put_sums(zipped(re, im, 1, every), end, from + (2 * v + 1) * width, at + (2 * v + 1) * width);
                 } else {
-                    put_sums(way.value(sums[i][v]), end, from + v * width, at + v * width);
+                    const V sum = way.value(sums[i][v]);
+                    const V whole = end == TileEnd::add ? load<V>(from + v * width) + sum : sum;
+                    vec::store(bias == nullptr ? whole : whole + bias[i], at + v * width);
                 }
             }
         }
@@ -223,27 +218,30 @@ template <typename T, bool Swapped, TileForm Form, int Rows, int Vectors>
 template <typename T>
 using SumTile = void (*)(const TileOperands<T>& in, const TileTarget<T>& to, TileEnd end);
 
-/// sum_tile of `rows` rows and of one vector or all. Those that lay out panels have all vectors and more than half of
-/// the rows.
-template <typename T, bool Swapped, TileForm Form>
+/// sum_tile of `rows` rows and of one vector or all.
+template <typename T, bool Swapped, bool Packed>
 SumTile<T> tile_function(std::int64_t rows, std::int64_t vectors) {
     using Shape = TileShape<T>;
     constexpr bool swapped = Swapped && Shape::parts == 2;  // Products of reals are the same.
-    constexpr auto of_height = []<int Rows>(std::integral_constant<int, Rows> /*height*/) {
-        if constexpr (is_laying(Form)) {
-            constexpr int height = std::max(Rows, Shape::rows / 2 + 1);
-            constexpr SumTile<T> sum = sum_tile<T, swapped, Form, height, Shape::vectors>;
-            return std::array<SumTile<T>, 2>{sum, sum};
-        } else {
-            return std::array<SumTile<T>, 2>{sum_tile<T, swapped, Form, Rows, 1>,
-                                             sum_tile<T, swapped, Form, Rows, Shape::vectors>};
-        }
-    };
-    constexpr auto functions = [of_height]<int... I>(std::integer_sequence<int, I...> /*heights*/) {
-        return std::array{of_height(std::integral_constant<int, I + 1>{})...};
+    constexpr auto functions = []<int... I>(std::integer_sequence<int, I...> /*heights*/) {
+        return std::array<std::array<SumTile<T>, sizeof...(I)>, 2>{
+            {{sum_tile<T, swapped, Packed, I + 1, 1>...}, {sum_tile<T, swapped, Packed, I + 1, Shape::vectors>...}}};
     }
     (std::make_integer_sequence<int, Shape::rows>{});
-    return functions[static_cast<std::size_t>(rows - 1)][vectors == 1 ? 0 : 1];
+    return functions[vectors == 1 ? 0 : 1][static_cast<std::size_t>(rows - 1)];
+}
+
+/// sum_tile of `rows` rows, more than half of what a tile can have, and a whole panel of real numbers, which it lays
+/// out.
+template <typename T, bool Packed>
+SumTile<T> copying_tile_function(std::int64_t rows) {
+    using Shape = TileShape<T>;
+    constexpr auto functions = []<int... I>(std::integer_sequence<int, I...> /*heights*/) {
+        return std::array<SumTile<T>, sizeof...(I)>{
+            sum_tile<T, false, Packed, std::max(I, Shape::rows / 2) + 1, Shape::vectors, true>...};
+    }
+    (std::make_integer_sequence<int, Shape::rows>{});
+    return functions[static_cast<std::size_t>(rows - 1)];
 }
 
 }  // namespace ornik::device::cpu
