@@ -8,7 +8,6 @@
 #include <optional>
 #include <tuple>
 
-#include "hardware/workers.h"
 #include "product_few_rows.h"
 
 namespace ornik::device::cpu {
@@ -187,184 +186,76 @@ void pack_blocks(const Factors<T>& f, std::int64_t first, std::int64_t count, Re
 // Blocks of A and of panels that stay in the second level of cache, beside the sums that wait for them.
 constexpr std::int64_t near_bytes_of_a = std::int64_t{vec::vector_bytes == 64 ? 320 : 160} << 10;
 constexpr std::int64_t panels_together = 8;
-constexpr std::int64_t many_panels = 16;  // make up for the packing of A
+constexpr std::int64_t many_panels = 16;  // make up for the packing of A,
+constexpr std::int64_t many_strips = 5;   // and those for the wait until all is packed
 constexpr std::int64_t most_blocks = 8;   // of depth, that are laid out at once
 
-// Where B's panels are not laid out beforehand, their first tiles do that on their way, if there are this many strips.
-constexpr std::int64_t laying_strips = 3;
-
-// Are B's panels laid out on the way? A few strips read rows near each other as well where they are, and where rows
-// begin within a line, tiles would read more lines than a copy does.
-template <typename T>
-bool lays_on_the_way(const Factors<T>& f) {
-    const std::int64_t step = f.b.row * static_cast<std::int64_t>(sizeof(T));
-    const std::int64_t strips = is_far(f.b) ? laying_strips : 2 * laying_strips + 2;
-    return TileShape<T>::parts == 1 && f.b.col == 1 && f.rows > (strips - 1) * TileShape<T>::rows && step >= 2048 &&
-           step % 64 == 0;
-}
-
-template <typename T>
-bool packs_rows(const Factors<T>& f) {
-    return f.panels() > 2 && is_crowding(f.a);
-}
-
-// Parts of C, each a task.
-struct Grid {
-    std::int64_t row_tasks;
-    std::int64_t col_tasks;
-};
-
-// Equal shares for all workers, several for each.
-template <typename T>
-Grid grid_of(const Factors<T>& f) {
-    constexpr std::int64_t most_rows = near_bytes_of_a / (block_depth * sizeof(T));
-    const std::int64_t workers = usable_processors();
-    const std::int64_t row_tasks = std::min(parts_of(f.rows, 4 * TileShape<T>::rows),
-                                            parts_of(parts_of(f.rows, most_rows), 2 * workers) * 2 * workers);
-    return {row_tasks, std::clamp<std::int64_t>(f.panels() / 4, 1, parts_of(2 * workers, row_tasks))};
-}
-
-// The same where every task lays out what it reads of A and of B: as wide and as high as may be.
-template <typename T>
-Grid laying_grid_of(const Factors<T>& f) {
-    constexpr std::int64_t most_rows = near_bytes_of_a / (block_depth * sizeof(T));
-    const std::int64_t workers = parallel_workers();
-    const std::int64_t panels = f.panels();
-    Grid best{parts_of(f.rows, most_rows), 1};
-    if (workers == 1 || f.work() < grain_work) {
-        return best;
-    }
-    const std::int64_t most_row_tasks = parts_of(f.rows, laying_strips * TileShape<T>::rows);
-    double best_cost = HUGE_VAL;
-    for (const std::int64_t rounds : {1, 2, 4, 8}) {
-        const std::int64_t tasks = rounds * workers;
-        for (std::int64_t row_tasks = parts_of(f.rows, most_rows); row_tasks <= most_row_tasks; ++row_tasks) {
-            const std::int64_t col_tasks = tasks / row_tasks;
-            if (tasks % row_tasks != 0 || col_tasks > panels) {
-                continue;
-            }
-            const std::int64_t rows = parts_of(f.rows, row_tasks);
-            const std::int64_t cols = parts_of(panels, col_tasks);
-            // To lay out rows takes about half as long as a panel's tiles, to lay out a panel less than a strip's, the
-            // first panel comes unexpected, and the last round may have to wait for one worker.
-            const double spent = (packs_rows(f) ? 0.65 : 0.05) / static_cast<double>(cols) +
-                                 0.3 / static_cast<double>(parts_of(rows, TileShape<T>::rows)) +
-                                 0.05 / static_cast<double>(rounds);
-            const double cost = static_cast<double>(rows * row_tasks * cols * col_tasks) * (1 + spent);
-            if (cost < best_cost) {
-                best_cost = cost;
-                best = {row_tasks, col_tasks};
-            }
-        }
-    }
-    return best;
-}
-
-// The rows of B that make a block of a panel, for tiles of so many rows of C to bring near.
-template <typename T>
-Ahead rows_ahead(const Factors<T>& f, std::int64_t panel, std::int64_t k, std::int64_t tile_rows) {
-    constexpr std::int64_t bytes = TileShape<T>::cols * sizeof(T);
-    constexpr std::int64_t places[] = {0, bytes / 2, bytes - 1};
-    Ahead ahead{};
-    if (f.b.col == 1 && panel < f.panels()) {
-        const std::int64_t rows = std::min(block_depth, f.depth - k);
-        ahead.step = f.b.row * static_cast<std::int64_t>(sizeof(T));
-        ahead.lines = parts_of(rows, tile_rows);
-        for (int m = 0; m < 3; ++m) {
-            ahead.at[m] = reinterpret_cast<const char*>(f.b.from(k, panel * TileShape<T>::cols).data) + places[m];
-            ahead.end[m] = ahead.at[m] + rows * ahead.step;
-        }
-    }
-    return ahead;
-}
-
-// Takes all rows through blocks of depth [first, last): tiles of C in a grid. panel_at(block, panel) is null where
-// panels are as stored. Between blocks the sums of a few panels wait side by side, where they crowd nothing.
+// Takes all rows through some blocks of depth, whose panels begin at panel_at(block, panel): tiles of C in a grid.
+// Between blocks the sums of a few panels wait side by side, where they crowd nothing.
 template <typename T, bool Swapped, typename PanelAt>
-void multiply_in_grid(const Factors<T>& f, std::int64_t first, std::int64_t last, const PanelAt& panel_at) {
+void multiply_laid_out(const Factors<T>& f, std::int64_t first, std::int64_t count, const PanelAt& panel_at) {
     using Shape = TileShape<T>;
-    using R = RealOf<T>;
+    const std::int64_t workers = usable_processors();
     const std::int64_t panels = f.panels();
-    const bool stored = panel_at(first, 0) == nullptr;
-    const Grid grid = stored ? laying_grid_of(f) : grid_of(f);
-    const std::int64_t tasks = grid.row_tasks * grid.col_tasks;
-    const std::int64_t grain = std::max<std::int64_t>(2, grain_work * tasks / f.work());
-    const std::int64_t most = std::min(last - first, most_blocks);
-    const bool pack = packs_rows(f);
-    parallel_for(tasks, 1, grain, [&](std::int64_t begin, std::int64_t end) {
-        const std::int64_t rows = parts_of(f.rows, grid.row_tasks);
+    // Equal shares for all workers, several for each.
+    constexpr std::int64_t most_rows = near_bytes_of_a / (block_depth * sizeof(T));
+    const std::int64_t row_tasks =
+        std::min(parts_of(f.rows, 4 * Shape::rows), parts_of(parts_of(f.rows, most_rows), 2 * workers) * 2 * workers);
+    const std::int64_t col_tasks = std::clamp<std::int64_t>(panels / 4, 1, parts_of(2 * workers, row_tasks));
+    const bool pack = panels > 2 && is_crowding(f.a);
+    const std::int64_t grain = std::max<std::int64_t>(2, grain_work * row_tasks * col_tasks / f.work());
+    parallel_for(row_tasks * col_tasks, 1, grain, [&](std::int64_t begin, std::int64_t end) {
+        const std::int64_t rows = parts_of(f.rows, row_tasks);
         const std::int64_t packed_size = strips_size(Strips<T>(0, rows), block_depth);
         const std::int64_t waiting_size = rows * Shape::cols;
-        const Scratch<T> packed(pack ? most * packed_size : 0);
-        const Scratch<T> waiting(most > 1 ? panels_together * waiting_size : 0);
-        const Scratch<R> laid(stored ? Shape::cols * Shape::parts * block_depth : 0);
-        // One panel through a block of depth.
-        const auto multiply_panel = [&](const Strips<T>& strips, std::int64_t block, std::int64_t p, const T* rows_of_a,
-                                        const TileTarget<T>& to, Ahead* ahead) {
-            const std::int64_t k = block * block_depth;
-            const std::int64_t depth = std::min(block_depth, f.depth - k);
-            const std::int64_t cols = f.panel_cols(p);
-            PanelOperands<T> in{rows_of_a, k, depth, p, panel_at(block, p), panel_row<T>(cols), to, f.end(k), ahead};
-            in.to.row_bias = f.bias_in_tiles(k + depth);
-            if (in.b == nullptr) {
-                const Strided<T> b = f.b.from(k, p * Shape::cols);
-                if (cols < Shape::cols) {
-                    pack_panel(b, depth, cols, laid.get());
-                    in.b = laid.get();
-                } else {
-                    in.b = reinterpret_cast<const R*>(b.data);
-                    in.b_step = b.row;
-                    in.laid_out = strips.count < laying_strips ? nullptr : laid.get();
-                }
-            }
-            panel_times_strips<T, Swapped>(f, strips, in);
-        };
-        // What the tiles of a panel bring near of the next one.
-        const auto panel_ahead = [&](const Strips<T>& strips, std::int64_t block, std::int64_t p) {
-            const char* from = reinterpret_cast<const char*>(panel_at(block, p));
-            if (from == nullptr) {
-                return rows_ahead(f, p, block * block_depth, strips.rows);
-            }
-            const std::int64_t depth = std::min(block_depth, f.depth - block * block_depth);
-            const std::int64_t bytes = depth * Shape::cols * static_cast<std::int64_t>(sizeof(T));
-            return Ahead{{from}, {from + bytes}, parts_of(bytes, 64 * strips.rows)};
-        };
+        const Scratch<T> packed(pack ? count * packed_size : 0);
+        const Scratch<T> waiting(count > 1 ? panels_together * waiting_size : 0);
         for (std::int64_t task = begin; task < end; ++task) {
-            const std::int64_t row_task = task / grid.col_tasks;
-            const std::int64_t first_panel = panels * (task % grid.col_tasks) / grid.col_tasks;
-            const std::int64_t last_panel = panels * (task % grid.col_tasks + 1) / grid.col_tasks;
-            const Strips<T> strips(f.rows * row_task / grid.row_tasks, f.rows * (row_task + 1) / grid.row_tasks);
-            for (std::int64_t pass = first; pass < last; pass += most) {
-                const std::int64_t pass_end = std::min(pass + most, last);
-                for (std::int64_t group = first_panel; group < last_panel; group += panels_together) {
-                    const std::int64_t group_end = std::min(group + panels_together, last_panel);
-                    for (std::int64_t block = pass; block < pass_end; ++block) {
-                        T* const rows_of_a = pack ? packed.get() + (block - pass) * packed_size : nullptr;
-                        for (std::int64_t s = 0; pack && group == first_panel && s < strips.count; ++s) {
-                            const std::int64_t k = block * block_depth;
-                            pack_strip(f, strips, s, k, std::min(block_depth, f.depth - k), rows_of_a);
-                        }
-                        for (std::int64_t p = group; p < group_end; ++p) {
-                            const TileTarget<T> c{f.c + strips.begin * f.c_row + p * Shape::cols, f.c_row};
-                            const TileTarget<T> aside{waiting.get() + (p - group) * waiting_size, Shape::cols};
-                            const TileTarget<T>& out = block + 1 < pass_end ? aside : c;
-                            const TileTarget<T>& old = block > pass ? aside : c;
-                            Ahead ahead{};
-                            if (p + 1 < group_end) {
-                                ahead = panel_ahead(strips, block, p + 1);
-                            } else if (block + 1 < pass_end) {
-                                ahead = panel_ahead(strips, block + 1, group);
-                            }
-                            multiply_panel(strips, block, p, rows_of_a, {out.out, out.out_row, old.out, old.out_row},
-                                           f.next != nullptr ? f.next : &ahead);
-                        }
-                    }
-                    if (pass_end == parts_of(f.depth, block_depth)) {
-                        const std::int64_t col = group * Shape::cols;
-                        f.finish(strips.begin, strips.rows, col, std::min(f.cols, group_end * Shape::cols) - col,
-                                 f.bias_in_tiles(f.depth));
+            const std::int64_t row_task = task / col_tasks;
+            const std::int64_t first_panel = panels * (task % col_tasks) / col_tasks;
+            const std::int64_t last_panel = panels * (task % col_tasks + 1) / col_tasks;
+            const Strips<T> strips(f.rows * row_task / row_tasks, f.rows * (row_task + 1) / row_tasks);
+            for (std::int64_t block = 0; pack && block < count; ++block) {
+                const std::int64_t k = (first + block) * block_depth;
+                for (std::int64_t s = 0; s < strips.count; ++s) {
+                    pack_strip(f, strips, s, k, std::min(block_depth, f.depth - k), packed.get() + block * packed_size);
+                }
+            }
+            for (std::int64_t group = first_panel; group < last_panel; group += panels_together) {
+                const std::int64_t group_end = std::min(group + panels_together, last_panel);
+                for (std::int64_t block = 0; block < count; ++block) {
+                    const std::int64_t k = (first + block) * block_depth;
+                    const std::int64_t depth = std::min(block_depth, f.depth - k);
+                    for (std::int64_t p = group; p < group_end; ++p) {
+                        const TileTarget<T> c{f.c + strips.begin * f.c_row + p * Shape::cols, f.c_row};
+                        const TileTarget<T> aside{waiting.get() + (p - group) * waiting_size, Shape::cols};
+                        const TileTarget<T>& out = block + 1 < count ? aside : c;
+                        const TileTarget<T>& old = block > 0 ? aside : c;
+                        const bool more = p + 1 < group_end;
+                        const RealOf<T>* next = more                ? panel_at(first + block, p + 1)
+                                                : block + 1 < count ? panel_at(first + block + 1, group)
+                                                                    : nullptr;
+                        const std::int64_t bytes = next == nullptr ? 0 : depth * Shape::cols * sizeof(T);
+                        const char* from = reinterpret_cast<const char*>(next);
+                        Ahead ahead{{from}, {from + bytes}, parts_of(bytes, 64 * strips.rows)};
+                        panel_times_strips<T, Swapped>(
+                            f, strips,
+                            {pack ? packed.get() + block * packed_size : nullptr,
+                             k,
+                             depth,
+                             p,
+                             panel_at(first + block, p),
+                             panel_row<T>(f.panel_cols(p)),
+                             {out.out, out.out_row, old.out, old.out_row, f.bias_in_tiles(k + depth)},
+                             f.end(k),
+                             &ahead});
                     }
                 }
+            }
+            if (first + count == parts_of(f.depth, block_depth)) {
+                const std::int64_t col = first_panel * Shape::cols;
+                f.finish(strips.begin, strips.rows, col, std::min(f.cols, last_panel * Shape::cols) - col,
+                         f.bias_in_tiles(f.depth));
             }
         }
     });
@@ -384,10 +275,28 @@ void multiply_by_rows(const Factors<T>& f) {
     for (std::int64_t first = 0; first < blocks; first += pass) {
         const std::int64_t count = std::min(pass, blocks - first);
         pack_blocks(f, first, count, memory.get(), panel_size);
-        multiply_in_grid<T, Swapped>(f, first, first + count, [&](std::int64_t block, std::int64_t panel) {
+        multiply_laid_out<T, Swapped>(f, first, count, [&](std::int64_t block, std::int64_t panel) {
             return memory.get() + ((block - first) * panels + panel) * panel_size;
         });
     }
+}
+
+// The rows of B that make a block of a panel.
+template <typename T>
+Ahead rows_ahead(const Factors<T>& f, std::int64_t panel, std::int64_t k) {
+    constexpr std::int64_t bytes = TileShape<T>::cols * sizeof(T);
+    constexpr std::int64_t places[] = {0, bytes / 2, bytes - 1};
+    Ahead ahead{};
+    if (f.b.col == 1 && panel < f.panels()) {
+        const std::int64_t rows = std::min(block_depth, f.depth - k);
+        ahead.step = f.b.row * static_cast<std::int64_t>(sizeof(T));
+        ahead.lines = parts_of(rows, f.rows);
+        for (int m = 0; m < 3; ++m) {
+            ahead.at[m] = reinterpret_cast<const char*>(f.b.from(k, panel * TileShape<T>::cols).data) + places[m];
+            ahead.end[m] = ahead.at[m] + rows * ahead.step;
+        }
+    }
+    return ahead;
 }
 
 // Few rows: every worker takes some columns, and lays their panels out for itself where it can not read them in place.
@@ -397,7 +306,7 @@ void multiply_by_cols(const Factors<T>& f) {
     const std::int64_t panels = f.panels();
     const Strips<T> strips(0, f.rows);
     const std::int64_t grain = std::max<std::int64_t>(2, grain_work / std::max<std::int64_t>(1, f.work() / panels));
-    const bool pack = panels > 2 && (is_crowding(f.a) || panels >= many_panels);
+    const bool pack = panels > 2 && (is_crowding(f.a) || (panels >= many_panels && strips.count >= many_strips));
     const bool in_place = TileShape<T>::parts == 1 && f.b.col == 1 && (strips.count <= 2 || !is_far(f.b));
     const std::int64_t block_size = strips_size(strips, block_depth);
     std::optional<Scratch<T>> packed;
@@ -437,7 +346,7 @@ void multiply_by_cols(const Factors<T>& f) {
                                 f.next != nullptr ? f.next : &next};
             if (!in_place || cols < row) {
                 R* const to = memory.take(depth * row);
-                if (TileShape<T>::parts == 1 && pack && f.b.col == 1 && cols == TileShape<T>::cols) {
+                if (TileShape<T>::parts == 1 && f.b.col == 1 && cols == TileShape<T>::cols) {
                     in.laid_out = to;
                 } else {
                     pack_panel(b, depth, cols, to);
@@ -455,9 +364,9 @@ void multiply_by_cols(const Factors<T>& f) {
                     const bool goes_on = p + 1 < group_end;
                     multiply_panel(p, k,
                                    in_place  ? Ahead{}
-                                   : goes_on ? rows_ahead(f, p + 1, k, f.rows)
-                                   : last    ? rows_ahead(f, group_end, 0, f.rows)
-                                             : rows_ahead(f, group, k + block_depth, f.rows));
+                                   : goes_on ? rows_ahead(f, p + 1, k)
+                                   : last    ? rows_ahead(f, group_end, 0)
+                                             : rows_ahead(f, group, k + block_depth));
                 }
             }
             const std::int64_t col = group * TileShape<T>::cols;
@@ -480,13 +389,6 @@ void multiply(const Factors<T>& f) {
     }
     // A block of A stays in the second level of cache.
     constexpr std::int64_t most_rows = 2 * near_bytes_of_a / (block_depth * sizeof(T));
-    if constexpr (TileShape<T>::parts == 1) {
-        if (f.rows <= most_rows && lays_on_the_way(f)) {
-            multiply_in_grid<T, Swapped>(f, 0, parts_of(f.depth, block_depth),
-                                         [](std::int64_t, std::int64_t) { return static_cast<const T*>(nullptr); });
-            return;
-        }
-    }
     if (f.rows > most_rows || (f.rows > f.cols && f.panels() < 2 * usable_processors())) {
         multiply_by_rows<T, Swapped>(f);
     } else {
@@ -647,11 +549,15 @@ void packed_product(const T* a, std::int64_t a_row, const void* packed, std::int
     const RealOf<T>* panels = static_cast<const RealOf<T>*>(packed);
     const std::int64_t step = packed_factor_size<T>(1, cols);
     const auto multiply_all = [&] {
-        multiply_in_grid<T, false>(f, 0, parts_of(depth, block_depth), [&](std::int64_t block, std::int64_t panel) {
-            const std::int64_t k = block * block_depth;
-            return panels + k * step +
-                   std::min(block_depth, depth - k) * panel * TileShape<T>::cols * TileShape<T>::parts;
-        });
+        const std::int64_t blocks = parts_of(depth, block_depth);
+        for (std::int64_t first = 0; first < blocks; first += most_blocks) {
+            multiply_laid_out<T, false>(
+                f, first, std::min(most_blocks, blocks - first), [&](std::int64_t block, std::int64_t panel) {
+                    const std::int64_t k = block * block_depth;
+                    return panels + k * step +
+                           std::min(block_depth, depth - k) * panel * TileShape<T>::cols * TileShape<T>::parts;
+                });
+        }
     };
     if (!accumulate || depth <= block_depth) {
         multiply_all();
