@@ -422,7 +422,7 @@ ORNIK_IN_PLACE V erf(V x) {
     const V exponent = polynomial(a, -0.0003201380497F, 1.130233435F, 0.6318260516F, 0.1100800829F, -0.02642113601F,
                                   0.004759596293F, -0.0005968056257F, 4.605804269e-5F, -1.637151415e-6F);
     const V far = -expm1_moderate(-exponent);
-    return with_sign(selected(bits_if(a < 1.0F), near, far), x);
+    return with_sign(a < 1.0F ? near : far, x);
 }
 
 /// 2^y for y in -1000 .. 1000: the whole part joins the exponent of the rest's power. 2^-39.

@@ -37,7 +37,10 @@ ORNIK_IN_PLACE Parts root(Parts z) {
 }
 /// Whether root() serves for 1 - z and 1 + z.
 ORNIK_IN_PLACE bool is_moderate(Parts z) {
-    return within(z, 0x1p900) & at_least({1.0 - z.re, z.im}, 0x1p-900) & at_least({1.0 + z.re, z.im}, 0x1p-900);
+    const bool small = within(z, 0x1p900);
+    const bool below = at_least({1.0 - z.re, z.im}, 0x1p-900);
+    const bool above = at_least({1.0 + z.re, z.im}, 0x1p-900);
+    return small & below & above;
 }
 
 struct Exp {
@@ -76,7 +79,9 @@ struct Acosh {
 };
 struct Atanh {
     ORNIK_IN_PLACE static bool takes(Parts z) {
-        return within(z, 0x1p59) & at_least({1.0 - std::fabs(z.re), z.im}, 0x1p-300);
+        const bool small = within(z, 0x1p59);
+        const bool apart = at_least({1.0 - std::fabs(z.re), z.im}, 0x1p-300);
+        return small & apart;
     }
     ORNIK_IN_PLACE static Parts value(Parts z) {
         const double x = std::fabs(z.re);
