@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "block_rows.h"
 #include "conv_lane_kernel.h"
 #include "conv_lane_weights.h"
 #include "conv_order.h"
@@ -34,6 +35,7 @@ class BlockSum {
           layout_(layout),
           weights_(weights),
           cuts_(sum.target_channels, panel, part_count() * plan_.tiles(), samples_ * positions()) {
+        offsets_.reserve(static_cast<std::size_t>(block_channels_) * plan_.taps.size());
         for (std::int64_t c = 0; c < block_channels_; ++c) {
             for (const std::int64_t tap : plan_.taps) {
                 offsets_.push_back(FromPlanes ? c * plan_.plane + tap
@@ -95,7 +97,7 @@ class BlockSum {
         const std::int64_t most = most_tile_positions(sum);
         if (unstaged) {
             const ConvPass row = pass.as_one_row();
-            StagePlan plan(row, balanced_tile(row, sum, most, lane_positions), SlotLayout::shared);
+            StagePlan plan(row, balanced_piece(row, sum, most), SlotLayout::shared);
             plan.plane = row.source_plane();
             return plan;
         }
@@ -113,6 +115,26 @@ class BlockSum {
             const std::int64_t time = time_of(pass, sum, tile);
             if (20 * time < 19 * least) {
                 best = tile;
+                least = time;
+            }
+        }
+        return best;
+    }
+
+    // The same of a row, in equal pieces: as many for every thread where threads are likely to have written what they
+    // are to read.
+    static TileShape balanced_piece(const ConvPass& pass, const ConvSum& sum, std::int64_t most) {
+        const std::int64_t length = pass.cols.positions;
+        const std::int64_t unit = are_parted_by_rows(sum.batch, length) ? parallel_workers() : 1;
+        const auto piece = [&](std::int64_t pieces) { return TileShape{1, (length + pieces - 1) / pieces}; };
+        std::int64_t pieces = round_up((length + most - 1) / most, unit);
+        TileShape best = piece(pieces);
+        std::int64_t least = time_of(pass, sum, best);
+        const std::int64_t last = std::min(pieces + 4 * unit, length / lane_positions);
+        for (pieces += unit; pieces <= last; pieces += unit) {
+            const std::int64_t time = time_of(pass, sum, piece(pieces));
+            if (20 * time < 19 * least) {
+                best = piece(pieces);
                 least = time;
             }
         }

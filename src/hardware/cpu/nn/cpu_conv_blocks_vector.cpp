@@ -10,7 +10,8 @@ template <typename T, bool FromPlanes>
 void sum_all(const ConvPass& pass, const ConvSum& sum, const T* source, const T* laid_out, const ConvEnds<T>& ends,
              T* target) {
     const LaneWeights<T> layout = lane_weights<T>(sum, nullptr);
-    const std::vector<BlockSum<T, FromPlanes>> sums(1, {pass, sum, source, layout, laid_out, ends, target});
+    std::vector<BlockSum<T, FromPlanes>> sums;
+    sums.emplace_back(pass, sum, source, layout, laid_out, ends, target);
     run_sums<T>(sums);
 }
 
