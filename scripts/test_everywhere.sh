@@ -45,11 +45,16 @@ build_digests() {
 
 has() { grep -q -w -- "$1" /proc/cpuinfo; }
 
+# qemu 7.2 takes the vector register 4, where a gather has its addresses, for none at all, and reads from address 0.
+without_gathers=-mtune-ctrl=^use_gather,^use_gather_2parts,^use_gather_4parts
+
 # run_emulated LEVEL PROCESSOR
 run_emulated() {
+    local tree=x86-64-$1 flags=
+    [ "$1" = v3 ] && tree=$tree-emulated flags=$without_gathers
     install_missing qemu-user
-    build_digests "x86-64-$1" "-DORNIK_ARCH=x86-64-$1"
-    qemu-x86_64 -cpu "$2" "$root/build/x86-64-$1/tests/digests" --check "$list" "${short[@]}"
+    build_digests "$tree" "-DORNIK_ARCH=x86-64-$1" "-DCMAKE_CXX_FLAGS=$flags"
+    qemu-x86_64 -cpu "$2" "$root/build/$tree/tests/digests" --check "$list" "${short[@]}"
 }
 
 # An instruction set runs here where the processor has it, and on qemu's best one otherwise; qemu has no AVX-512.
