@@ -25,6 +25,8 @@ class ORNIK_API FusedPart {
     virtual Carried pass(const Carried& x, bool asked_for_blocks) = 0;
     /// Does it gain by images in blocks? Parts that are asked before they pass lay their weights out.
     virtual bool takes_blocks() = 0;
+    /// May images that come together pass one by one, on threads of their own? Not where something is recorded.
+    virtual bool takes_images_apart() = 0;
 };
 
 /// A convolution or linear map with a normalization folded in and an end.
@@ -54,6 +56,7 @@ class ORNIK_API FusedLayer : public Module, public FusedPart {
     /// The end of forward(x) + residual, which may be null.
     Carried pass(const Carried& x, const Carried* residual, bool asked_for_blocks);
     bool takes_blocks() override;
+    bool takes_images_apart() override;
 
   protected:
     std::string type_name() const override { return "Fused"; }
@@ -75,6 +78,7 @@ class ORNIK_API FusedPool : public Module, public FusedPart {
     KTensor forward(const KTensor& x) override { return plain_->forward(x); }
     Carried pass(const Carried& x, bool asked_for_blocks) override;
     bool takes_blocks() override { return true; }
+    bool takes_images_apart() override { return true; }
 
   protected:
     std::string type_name() const override;
@@ -88,15 +92,20 @@ class ORNIK_API FusedPool : public Module, public FusedPart {
     nn::PoolParameters parameters_;
 };
 
-/// Parts in a row.
+/// Parts in a row. Where there are images for all threads, each takes its own through those that allow it.
 class ORNIK_API FusedChain : public Sequential, public FusedPart {
   public:
     KTensor forward(const KTensor& x) override { return pass(Carried(x), false).tensor(); }
     Carried pass(const Carried& x, bool asked_for_blocks) override;
     bool takes_blocks() override;
+    bool takes_images_apart() override;
 
   protected:
     std::string type_name() const override { return "Sequential"; }
+
+  private:
+    Carried pass(std::size_t begin, std::size_t end, const Carried& x, bool asked_for_blocks);
+    std::optional<KTensor> pass_apart(std::size_t begin, std::size_t end, const KTensor& images);
 };
 
 /// end(last(first(x)) + shortcut(x)); the sum, and the end where the layer has it, inside the last layer. First,
@@ -112,6 +121,7 @@ class ORNIK_API FusedResidual : public Module, public FusedPart {
     KTensor forward(const KTensor& x, const KTensor& added);
     Carried pass(const Carried& x, bool asked_for_blocks) override;
     bool takes_blocks() override;
+    bool takes_images_apart() override;
 
   private:
     Carried pass(const Carried& x, const Carried& added, bool asked_for_blocks);

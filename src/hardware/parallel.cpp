@@ -12,6 +12,7 @@
 #include "hardware/fork.h"
 #include "hardware/system_limits.h"
 #include "hardware/thread_config.h"
+#include "hardware/workers.h"
 #include "utils/error.h"
 
 namespace ornik {
@@ -73,28 +74,30 @@ int usable_processors() {
     return count;
 }
 
+int parallel_workers() {
+    const bool are_there = omp_in_parallel() == 0 && !workers_are_lost.load(std::memory_order_relaxed);
+    return are_there ? std::min(omp_get_max_threads(), usable_processors()) : 1;
+}
+
 void detail::parallel_ranges(std::int64_t n, std::int64_t unit, std::int64_t grain, RangeFunction run, void* context) {
     if (n <= 0) {
         return;
     }
-    if (n < grain || n <= unit || omp_in_parallel() != 0 || workers_are_lost.load(std::memory_order_relaxed)) {
+    const std::int64_t units = n / unit;  // A part of a unit at the end belongs to the last block.
+    const auto workers =
+        static_cast<int>(n < grain || n <= unit ? 1 : std::min<std::int64_t>(units, parallel_workers()));
+    if (workers <= 1) {
         run(context, 0, n);
         return;
     }
     // A cap keeps block * units below within 64 bits; no machine has more threads.
     const std::int64_t blocks = std::min(omp_get_max_threads(), 1 << 16);
-    const std::int64_t units = n / unit;  // A part of a unit at the end belongs to the last block.
-    const int workers = static_cast<int>(std::min<std::int64_t>({blocks, units, usable_processors()}));
-    if (workers <= 1) {
-        run(context, 0, n);
-        return;
-    }
     [[maybe_unused]] static const bool told = [] {
         call_in_forked_children([] { workers_are_lost.store(true, std::memory_order_relaxed); });
         return true;
     }();
     const auto unit_begin = [&](std::int64_t worker) { return worker * blocks / workers * units / blocks; };
-    const std::int64_t pieces = std::clamp<std::int64_t>(n / workers / std::max(grain, unit), 1, most_pieces);
+    const std::int64_t pieces = std::clamp<std::int64_t>(n / workers / std::max(grain / 2, unit), 1, most_pieces);
     std::vector<Share> shares(static_cast<std::size_t>(workers));
     FirstError error;
     const auto run_piece = [&](int worker, std::int64_t piece) {

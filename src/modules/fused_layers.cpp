@@ -1,12 +1,18 @@
 // fused_layers.cpp: layers that end with what used to follow them, and how images go from one to the next.
 #include "modules/fused_layers.h"
 
+#include <algorithm>
 #include <typeinfo>
+#include <vector>
 
+#include "hardware/parallel.h"
+#include "hardware/workers.h"
 #include "ktensor/arithmetic.h"
 #include "ktensor/autograd.h"
 #include "ktensor/elements.h"
 #include "ktensor/impl.h"
+#include "ktensor/indexing.h"
+#include "ktensor/joins.h"
 #include "ktensor/shapes.h"
 #include "modules/pooling_layers.h"
 
@@ -26,10 +32,21 @@ bool takes_blocks(Module& module) {
     return part != nullptr && part->takes_blocks();
 }
 
+bool takes_images_apart(Module& module) {
+    auto* const part = dynamic_cast<FusedPart*>(&module);
+    return part != nullptr && part->takes_images_apart();
+}
+
 // What is recorded stays in planes: no layer has to be laid out for it.
 bool is_recorded(const Carried& x) {
     const KTensor past = x.with_past();
     return past.defined() && grad_enabled() && past.wants_grad();
+}
+
+bool may_go_apart(const Carried& x) {
+    const KTensor images = x.with_past();
+    const int workers = parallel_workers();
+    return workers > 1 && images.defined() && images.ndim() == 4 && images.size(0) >= workers && !is_recorded(x);
 }
 
 }  // namespace
@@ -125,6 +142,11 @@ bool FusedLayer::takes_blocks() {
     return parts_.convolution && prepared_.takes_blocks(parts_.weight, parts_.bias, *parts_.convolution);
 }
 
+bool FusedLayer::takes_images_apart() {
+    const auto is_recorded = [](const KTensor& t) { return t.defined() && t.wants_grad() && grad_enabled(); };
+    return !is_training() && takes_blocks() && !is_recorded(parts_.weight) && !is_recorded(parts_.bias);
+}
+
 // ---- Pools ----
 
 FusedPool::FusedPool(Shared plain, Blocked blocked, const nn::PoolParameters& parameters)
@@ -176,15 +198,59 @@ Carried FusedPool::pass(const Carried& x, bool /*asked_for_blocks*/) {
 // ---- Chains and residuals ----
 
 Carried FusedChain::pass(const Carried& x, bool asked_for_blocks) {
+    return pass(0, parts().size(), x, asked_for_blocks);
+}
+
+Carried FusedChain::pass(std::size_t begin, std::size_t end, const Carried& x, bool asked_for_blocks) {
     Carried y = x;
     const Parts& list = parts();
-    for (std::size_t i = 0; i < list.size(); ++i) {
-        const bool is_last = i + 1 == list.size();
+    for (std::size_t i = begin; i < end; ++i) {
+        std::size_t apart = i;
+        while (apart < end && may_go_apart(y) && ornik::detail::takes_images_apart(*list[apart].second)) {
+            ++apart;
+        }
+        if (apart > i + 1 && !(apart == end && asked_for_blocks)) {
+            if (const std::optional<KTensor> images = pass_apart(i, apart, y.with_past())) {
+                y = Carried(*images);
+                i = apart - 1;
+                continue;
+            }
+        }
         const bool asked =
-            is_last ? asked_for_blocks : !is_recorded(y) && ornik::detail::takes_blocks(*list[i + 1].second);
+            i + 1 == end ? asked_for_blocks : !is_recorded(y) && ornik::detail::takes_blocks(*list[i + 1].second);
         y = pass_through(*list[i].second, y, asked);
     }
     return y;
+}
+
+// Every thread takes images through the parts, one at a time: what a part leaves is near when the next one reads it,
+// and none waits for other threads. Images too few for all threads are shared by them, as ever. Nothing where one is
+// refused: the parts say why, of all of them.
+std::optional<KTensor> FusedChain::pass_apart(std::size_t begin, std::size_t end, const KTensor& images) {
+    const std::int64_t count = images.size(0);
+    const std::int64_t apart = count - count % parallel_workers();
+    const auto passed = [&](std::int64_t first, std::int64_t size) {
+        return pass(begin, end, Carried(narrow(images, 0, first, size)), false).tensor();
+    };
+    return unless_refused([&]() -> std::optional<KTensor> {
+        std::vector<KTensor> results(static_cast<std::size_t>(apart));
+        parallel_for(apart, 1, 1, [&](std::int64_t first, std::int64_t last) {
+            const NoGrad values_alone;
+            for (std::int64_t i = first; i < last; ++i) {
+                results[static_cast<std::size_t>(i)] = passed(i, 1);
+            }
+        });
+        if (apart < count) {
+            results.push_back(passed(apart, count - apart));
+        }
+        return concat(results);
+    });
+}
+
+bool FusedChain::takes_images_apart() {
+    const Parts& list = parts();
+    return std::all_of(list.begin(), list.end(),
+                       [](const auto& part) { return ornik::detail::takes_images_apart(*part.second); });
 }
 
 bool FusedChain::takes_blocks() { return !parts().empty() && ornik::detail::takes_blocks(*parts().front().second); }
@@ -222,6 +288,11 @@ Carried FusedResidual::pass(const Carried& x, const Carried& added, bool asked_f
 
 KTensor FusedResidual::forward(const KTensor& x, const KTensor& added) {
     return pass(Carried(x), Carried(added), false).tensor();
+}
+
+bool FusedResidual::takes_images_apart() {
+    const auto allows = [](const Shared& part) { return !part || ornik::detail::takes_images_apart(*part); };
+    return !activation_ && allows(first_) && allows(last_) && allows(shortcut_);
 }
 
 bool FusedResidual::takes_blocks() { return first_ ? ornik::detail::takes_blocks(*first_) : last_->takes_blocks(); }

@@ -67,6 +67,7 @@ TEST(BlockedImages, ConvolutionsHaveTheBitsOfPlanes) {
         {{1, 1, 3, 2}, {16, 1, 3, 3}, square(1, 2)},
         {{2, 48, 19, 17}, {48, 1, 3, 3}, square(1, 1, 48)},
         {{2, 30, 18, 20}, {30, 1, 3, 3}, square(2, 1, 30)},
+        {{1, 40, 37, 31}, {40, 1, 3, 3}, square(1, 1, 40)},
         {{1, 29, 9, 6}, {29, 1, 5, 2}, {.padding = {{{3, 2}, {1, 0}}}, .dilation = {2, 1}, .groups = 29}},
         {{1, 16, 2, 1}, {16, 1, 7, 7}, square(3, 5, 16)},
         {{3, 32, 4, 30}, {32, 1, 1, 1}, square(1, 1, 32)},
@@ -85,7 +86,7 @@ TEST(BlockedImages, PoolsHaveTheBitsOfPlanes) {
         {{3, 3}, {2, 2}, {1, 1}}, {{2, 3}, {1, 3}, {0, 2}}, {{7, 7}, {1, 1}, {3, 3}}, {{1, 1}, {2, 3}, {0, 0}}};
     const double special[] = {NAN, -HUGE_VAL, 0.0, -0.0, 1.0};
     for (const std::int64_t type : dtypes) {
-        for (const Dims& shape : {Dims{2, 35, 9, 8}, Dims{1, 16, 30, 41}, Dims{3, 1, 7, 70}, Dims{0, 5, 7, 7}}) {
+        for (const Dims& shape : {Dims{1, 35, 41, 29}, Dims{1, 16, 30, 41}, Dims{3, 1, 7, 70}, Dims{0, 5, 7, 7}}) {
             const TensorPtr x = random_tensor(shape, type, 4);
             for (std::int64_t i = 0; i < x->Size(); i += 3) {
                 const double value = special[static_cast<std::size_t>(i % 5)];

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "block_rows.h"
 #include "conv_ends.h"
 #include "conv_pass.h"
 #include "hardware/cpu/vector_chain.h"
@@ -145,8 +146,8 @@ class BlockDepth {
     BlockDepth(const ConvPass& pass, std::int64_t batch, std::int64_t groups, const T* source, const T* weights,
                const ConvEnds<T>& ends, T* target)
         : pass_(pass),
-          images_(batch * groups),
           groups_(groups),
+          rows_(batch, groups, pass.rows.positions, pass.cols.positions),
           source_(source),
           weights_(weights),
           ends_(ends),
@@ -178,23 +179,18 @@ class BlockDepth {
     }
 
     void run() const {
-        const std::int64_t rows = pass_.rows.positions;
+        const Scratch<T> zeros(pass_.cols.source * width);
+        std::fill_n(zeros.get(), pass_.cols.source * width, T(0));
         const std::int64_t work = pass_.cols.positions * pass_.taps() * width;
-        parallel_for(images_ * rows, 1, std::max<std::int64_t>(2, conv_grain / work),
+        parallel_for(rows_.count(), 1, std::max<std::int64_t>(2, conv_grain / work),
                      [&](std::int64_t begin, std::int64_t end) {
-                         const Scratch<T> zeros(pass_.cols.source * width);
-                         std::fill_n(zeros.get(), pass_.cols.source * width, T(0));
                          std::vector<const T*> near(pass_.rows.taps.size());
                          std::vector<const T*> taps(static_cast<std::size_t>(pass_.taps()));
-                         std::int64_t image = begin / rows;
-                         std::int64_t y = begin % rows;
-                         for (std::int64_t i = begin; i < end; ++i) {
-                             run_row(image, y, zeros.get(), near, taps);
-                             if (++y == rows) {
-                                 y = 0;
-                                 ++image;
+                         rows_.visit(begin, end, [&](std::int64_t image, std::int64_t y, std::int64_t last) {
+                             for (; y < last; ++y) {
+                                 run_row(image, y, zeros.get(), near, taps);
                              }
-                         }
+                         });
                      });
     }
 
@@ -272,8 +268,8 @@ class BlockDepth {
     }
 
     const ConvPass& pass_;
-    std::int64_t images_;  // of a vector of channels
-    std::int64_t groups_;
+    std::int64_t groups_;  // of channels: each has images of a vector
+    BlockRows rows_;
     const T* source_;
     const T* weights_;
     ConvEnds<T> ends_;

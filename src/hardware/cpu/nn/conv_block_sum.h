@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "block_rows.h"
 #include "conv_lane_kernel.h"
 #include "conv_lane_weights.h"
 #include "conv_order.h"
@@ -34,6 +35,7 @@ class BlockSum {
           layout_(layout),
           weights_(weights),
           cuts_(sum.target_channels, panel, part_count() * plan_.tiles(), samples_ * positions()) {
+        offsets_.reserve(static_cast<std::size_t>(block_channels_) * plan_.taps.size());
         for (std::int64_t c = 0; c < block_channels_; ++c) {
             for (const std::int64_t tap : plan_.taps) {
                 offsets_.push_back(FromPlanes ? c * plan_.plane + tap
@@ -95,7 +97,7 @@ class BlockSum {
         const std::int64_t most = most_tile_positions(sum);
         if (unstaged) {
             const ConvPass row = pass.as_one_row();
-            StagePlan plan(row, balanced_tile(row, sum, most, lane_positions), SlotLayout::shared);
+            StagePlan plan(row, balanced_piece(row, sum, most), SlotLayout::shared);
             plan.plane = row.source_plane();
             return plan;
         }
@@ -113,6 +115,26 @@ class BlockSum {
             const std::int64_t time = time_of(pass, sum, tile);
             if (20 * time < 19 * least) {
                 best = tile;
+                least = time;
+            }
+        }
+        return best;
+    }
+
+    // The same of a row, in equal pieces: as many for every thread where threads are likely to have written what they
+    // are to read.
+    static TileShape balanced_piece(const ConvPass& pass, const ConvSum& sum, std::int64_t most) {
+        const std::int64_t length = pass.cols.positions;
+        const std::int64_t unit = are_parted_by_rows(sum.batch, length) ? parallel_workers() : 1;
+        const auto piece = [&](std::int64_t pieces) { return TileShape{1, (length + pieces - 1) / pieces}; };
+        std::int64_t pieces = round_up((length + most - 1) / most, unit);
+        TileShape best = piece(pieces);
+        std::int64_t least = time_of(pass, sum, best);
+        const std::int64_t last = std::min(pieces + 4 * unit, length / lane_positions);
+        for (pieces += unit; pieces <= last; pieces += unit) {
+            const std::int64_t time = time_of(pass, sum, piece(pieces));
+            if (20 * time < 19 * least) {
+                best = piece(pieces);
                 least = time;
             }
         }
@@ -137,7 +159,7 @@ class BlockSum {
 
     // In a source of blocks, the channel is the first of a group or lies in the first one.
     const T* source_of(std::int64_t sample, std::int64_t channel) const {
-        const std::int64_t groups = round_up(sum_.source_channels, width) / width;
+        const std::int64_t groups = lane_groups<T>(sum_.source_channels);
         return FromPlanes ? source_ + (sample * sum_.source_channels + channel) * plan_.pass.source_plane()
                           : source_ + ((sample * groups + channel / width) * plan_.pass.source_plane()) * width +
                                 channel % width;
@@ -149,7 +171,7 @@ class BlockSum {
         if constexpr (FromPlanes) {
             stage_planes(plan_, tile, source, channels, slots);
         } else {
-            stage_vectors(tile, source, round_up(channels, width) / width, slots);
+            stage_vectors(tile, source, lane_groups<T>(channels), slots);
         }
     }
 
@@ -177,7 +199,7 @@ class BlockSum {
 
     void add_block(const Tile& tile, const T* slots, std::int64_t sample, std::int64_t target, std::int64_t lanes,
                    bool last, LaneChain<T>& chain) const {
-        const std::int64_t groups = round_up(sum_.target_channels, width) / width;
+        const std::int64_t groups = lane_groups<T>(sum_.target_channels);
         const std::int64_t place =
             ((sample * groups + target / width) * target_plane() + tile.row * plan_.pass.cols.positions + tile.col) *
             width;

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <algorithm>
+#include <memory>
 #include <vector>
 
 #include "conv_order.h"
@@ -71,12 +72,23 @@ struct TargetCuts {
     }
 };
 
+/// Memory of a worker, null for no elements: all threads wait for each other at the pool.
+template <typename T>
+class Room {
+  public:
+    explicit Room(std::int64_t count) : memory_(count > 0 ? std::make_unique<Scratch<T>>(count) : nullptr) {}
+    T* get() const { return memory_ ? memory_->get() : nullptr; }
+
+  private:
+    std::unique_ptr<Scratch<T>> memory_;
+};
+
 template <typename T>
 struct Workspace {
     explicit Workspace(const WorkspaceSize& size) : slots(size.slots), local(size.local), weights(size.weights) {}
-    Scratch<T> slots;
-    Scratch<T> local;
-    Scratch<T> weights;
+    Room<T> slots;
+    Room<T> local;
+    Room<T> weights;
 };
 
 /// One element of `sums` per pass, with part_count() (a group of one sample or several), tiles(), cuts() (of the target

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "block_rows.h"
 #include "conv_ends.h"
 #include "hardware/cpu/dispatch.h"
 #include "hardware/cpu/nn/cpu_blocks.h"
@@ -28,11 +29,14 @@ Range window(const PoolAxis& axis, std::int64_t output) {
 template <typename Row>
 void for_each_row(const PoolPlan& plan, const Row& row) {
     const std::int64_t taps = std::min(plan.rows.kernel, plan.rows.in) * std::max(plan.cols.in, plan.cols.out);
-    parallel_for(plan.planes * plan.rows.out, 1, std::max<std::int64_t>(2, taps_grain / taps),
+    const BlockRows rows(1, plan.planes, plan.rows.out, plan.cols.out);
+    parallel_for(rows.count(), 1, std::max<std::int64_t>(2, taps_grain / taps),
                  [&](std::int64_t begin, std::int64_t end) {
-                     for (std::int64_t i = begin; i < end; ++i) {
-                         row(i / plan.rows.out, i % plan.rows.out);
-                     }
+                     rows.visit(begin, end, [&](std::int64_t group, std::int64_t y, std::int64_t last) {
+                         for (; y < last; ++y) {
+                             row(group, y);
+                         }
+                     });
                  });
 }
 

@@ -10,7 +10,8 @@ template <typename T, bool FromPlanes>
 void sum_all(const ConvPass& pass, const ConvSum& sum, const T* source, const T* laid_out, const ConvEnds<T>& ends,
              T* target) {
     const LaneWeights<T> layout = lane_weights<T>(sum, nullptr);
-    const std::vector<BlockSum<T, FromPlanes>> sums(1, {pass, sum, source, layout, laid_out, ends, target});
+    std::vector<BlockSum<T, FromPlanes>> sums;
+    sums.emplace_back(pass, sum, source, layout, laid_out, ends, target);
     run_sums<T>(sums);
 }
 
@@ -36,8 +37,7 @@ template <typename T>
 void run_block_sum(const ConvPass& pass, const ConvSum& sum, const T* source, bool from_planes, const T* laid_out,
                    const ConvEnds<T>& ends, T* target) {
     if (block_kernel<T>(sum) == BlockKernel::each) {
-        const std::int64_t groups = round_up(sum.groups, lane_width<T>) / lane_width<T>;
-        BlockDepth<T>(pass, sum.batch, groups, source, laid_out, ends, target).run();
+        BlockDepth<T>(pass, sum.batch, lane_groups<T>(sum.groups), source, laid_out, ends, target).run();
     } else if (from_planes) {
         sum_all<T, true>(pass, sum, source, laid_out, ends, target);
     } else {
