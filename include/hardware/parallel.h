@@ -6,7 +6,7 @@
 //     members (the team size, 4 unless configured otherwise). The cut depends on n, the unit and the
 //     team size alone.
 //   * Workers: at most as many threads as there are processors that this process may use run the
-//     blocks. A worker takes its share in a few pieces, each no smaller than the grain, and then what is
+//     blocks. A worker takes its share in a few pieces, none below half the grain, and then what is
 //     left of the others': a processor that the machine lends to somebody else for a while does not hold
 //     up the rest. The calling thread runs everything itself, in order, when n is below the grain or when
 //     it is already inside a parallel region.

@@ -97,7 +97,7 @@ void detail::parallel_ranges(std::int64_t n, std::int64_t unit, std::int64_t gra
         return true;
     }();
     const auto unit_begin = [&](std::int64_t worker) { return worker * blocks / workers * units / blocks; };
-    const std::int64_t pieces = std::clamp<std::int64_t>(n / workers / std::max(grain, unit), 1, most_pieces);
+    const std::int64_t pieces = std::clamp<std::int64_t>(n / workers / std::max(grain / 2, unit), 1, most_pieces);
     std::vector<Share> shares(static_cast<std::size_t>(workers));
     FirstError error;
     const auto run_piece = [&](int worker, std::int64_t piece) {

@@ -159,7 +159,7 @@ class BlockSum {
 
     // In a source of blocks, the channel is the first of a group or lies in the first one.
     const T* source_of(std::int64_t sample, std::int64_t channel) const {
-        const std::int64_t groups = round_up(sum_.source_channels, width) / width;
+        const std::int64_t groups = lane_groups<T>(sum_.source_channels);
         return FromPlanes ? source_ + (sample * sum_.source_channels + channel) * plan_.pass.source_plane()
                           : source_ + ((sample * groups + channel / width) * plan_.pass.source_plane()) * width +
                                 channel % width;
@@ -171,7 +171,7 @@ class BlockSum {
         if constexpr (FromPlanes) {
             stage_planes(plan_, tile, source, channels, slots);
         } else {
-            stage_vectors(tile, source, round_up(channels, width) / width, slots);
+            stage_vectors(tile, source, lane_groups<T>(channels), slots);
         }
     }
 
@@ -199,7 +199,7 @@ class BlockSum {
 
     void add_block(const Tile& tile, const T* slots, std::int64_t sample, std::int64_t target, std::int64_t lanes,
                    bool last, LaneChain<T>& chain) const {
-        const std::int64_t groups = round_up(sum_.target_channels, width) / width;
+        const std::int64_t groups = lane_groups<T>(sum_.target_channels);
         const std::int64_t place =
             ((sample * groups + target / width) * target_plane() + tile.row * plan_.pass.cols.positions + tile.col) *
             width;

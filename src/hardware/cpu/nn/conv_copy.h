@@ -12,7 +12,7 @@ namespace {
 /// to[i] = change(from[i]) for vectors of `from`: whole ones, of which the last two may overlap, or smaller ones.
 /// Neither reads nor writes beyond `count` elements; `from` and `to` do not overlap.
 template <typename T, int Bytes = vec::vector_bytes, typename Change>
-void copy_row(const T* from, std::int64_t count, T* to, const Change& change) {
+ORNIK_EXPAND void copy_row(const T* from, std::int64_t count, T* to, const Change& change) {
     using V = vec::Vector<T, Bytes>;
     constexpr std::int64_t width = vec::lanes<T, Bytes>;
     if (count >= width) {

@@ -7,12 +7,10 @@
 #include <algorithm>
 #include <vector>
 
-#include "conv_stage.h"
+#include "conv_lane_kernel.h"
 #include "conv_transpose.h"
-#include "conv_weight_blocks.h"
-#include "cpu_conv_kernels.h"
+#include "conv_weight_operands.h"
 #include "hardware/cpu/vector_chain.h"
-#include "hardware/parallel.h"
 
 namespace ornik::device::cpu {
 namespace {
@@ -21,41 +19,31 @@ template <typename T>
 class GroupWeight {
   public:
     GroupWeight(const ConvPass& pass, const ConvGeometry& geometry, const T* image, const T* grid)
-        : geometry_(geometry),
-          image_(image),
-          grid_(grid),
-          blocks_(pass, geometry),
-          plan_(pass, blocks_.tile, SlotLayout::shared),
-          taps_(pass.taps()),
-          vectors_((geometry.groups + lanes - 1) / lanes) {
-        for (std::int64_t i = 0; i < lanes; ++i) {
-            planes_.push_back(i * plan_.plane);
-            channels_.push_back(i * pass.target_plane());
-        }
-    }
+        : in_(pass, geometry, image, grid),
+          vectors_(lane_groups<T>(geometry.groups)),
+          planes_(places(lanes, in_.plan.plane)),
+          channels_(places(lanes, pass.target_plane())) {}
 
     void run(T* weight) const {
-        const Scratch<T> totals(blocks_.chunks * chunk_totals());
-        const std::int64_t items = blocks_.chunks * vectors_;
-        const std::int64_t work = geometry_.batch * plan_.pass.target_plane() * geometry_.groups * taps_ / items;
-        parallel_for(items, 1, std::max<std::int64_t>(2, conv_grain / std::max<std::int64_t>(1, work)),
-                     [&](std::int64_t begin, std::int64_t end) {
-                         const Scratch<T> slots(lanes * plan_.plane);
-                         const Scratch<T> values(blocks_.samples * plan_.plane * lanes);
-                         const Scratch<T> gradients(blocks_.positions() * lanes);
-                         for (std::int64_t item = begin; item < end; ++item) {
-                             run_item(item / vectors_, item % vectors_, slots.get(), values.get(), gradients.get(),
-                                      totals.get());
-                         }
-                     });
-        for (std::int64_t g = 0; g < geometry_.groups; ++g) {
-            for (std::int64_t t = 0; t < taps_; ++t) {
-                const T* total = totals.get() + (g / lanes * taps_ + t) * lanes + g % lanes;
+        const Scratch<T> totals(in_.blocks.chunks * chunk_totals());
+        in_.run_items(in_.blocks.chunks * vectors_, in_.geometry.groups * in_.taps,
+                      [&](std::int64_t begin, std::int64_t end) {
+                          const Scratch<T> slots(lanes * in_.plan.plane);
+                          const Scratch<T> values(in_.blocks.samples * in_.plan.plane * lanes);
+                          const Scratch<T> gradients(in_.blocks.positions() * lanes);
+                          for (std::int64_t item = begin; item < end; ++item) {
+                              run_item(item / vectors_, item % vectors_, slots.get(), values.get(), gradients.get(),
+                                       totals.get());
+                          }
+                      });
+        for (std::int64_t g = 0; g < in_.geometry.groups; ++g) {
+            for (std::int64_t t = 0; t < in_.taps; ++t) {
+                const T* total = totals.get() + (g / lanes * in_.taps + t) * lanes + g % lanes;
                 T sum = *total;
-                for (std::int64_t chunk = 1; chunk < blocks_.chunks; ++chunk) {
+                for (std::int64_t chunk = 1; chunk < in_.blocks.chunks; ++chunk) {
                     sum += total[chunk * chunk_totals()];
                 }
-                weight[g * taps_ + t] = sum;
+                weight[g * in_.taps + t] = sum;
             }
         }
     }
@@ -64,34 +52,32 @@ class GroupWeight {
     static constexpr std::int64_t lanes = vec::lanes<T>;
     static constexpr int taps_together = 9;
 
-    std::int64_t chunk_totals() const { return vectors_ * taps_ * lanes; }
+    std::int64_t chunk_totals() const { return vectors_ * in_.taps * lanes; }
 
     void run_item(std::int64_t chunk, std::int64_t vector, T* slots, T* values, T* gradients, T* totals) const {
         const std::int64_t group = vector * lanes;
-        const std::int64_t count = std::min(lanes, geometry_.groups - group);
-        T* out = totals + chunk * chunk_totals() + vector * taps_ * lanes;
+        const std::int64_t count = std::min(lanes, in_.geometry.groups - group);
+        T* out = totals + chunk * chunk_totals() + vector * in_.taps * lanes;
         std::vector<std::int64_t> steps;
-        for (std::int64_t unit = blocks_.first(chunk); unit < blocks_.first(chunk + 1); ++unit) {
-            const Tile tile(plan_, unit % plan_.tiles());
-            const std::int64_t sample = unit / plan_.tiles() * blocks_.samples;
-            const std::int64_t samples = std::min(blocks_.samples, geometry_.batch - sample);
+        for (std::int64_t unit = in_.blocks.first(chunk); unit < in_.blocks.first(chunk + 1); ++unit) {
+            const auto [tile, sample, samples] = in_.unit(unit);
             steps.clear();
             for (std::int64_t s = 0; s < samples; ++s) {
-                const std::int64_t channel = (sample + s) * geometry_.groups + group;
-                stage_planes(plan_, tile, image_ + channel * plan_.pass.source_plane(), count, slots);
-                turn_rows(slots, planes_.data(), count, lanes, plan_.plane, values + s * plan_.plane * lanes, lanes);
-                turn_rows(grid_ + channel * plan_.pass.target_plane() + tile.row * plan_.pass.cols.positions + tile.col,
-                          channels_.data(), count, lanes, tile.positions(), gradients + s * tile.positions() * lanes,
+                const std::int64_t channel = (sample + s) * in_.geometry.groups + group;
+                stage_planes(in_.plan, tile, in_.image + channel * in_.plan.pass.source_plane(), count, slots);
+                turn_rows(slots, planes_.data(), count, lanes, in_.plan.plane, values + s * in_.plan.plane * lanes,
                           lanes);
+                turn_rows(in_.grid_at(tile, channel), channels_.data(), count, lanes, tile.positions(),
+                          gradients + s * tile.positions() * lanes, lanes);
                 for (std::int64_t r = 0; r < tile.rows; ++r) {
                     for (std::int64_t x = 0; x < tile.cols; ++x) {
-                        steps.push_back((s * plan_.plane + r * plan_.slot_row + x) * lanes);
+                        steps.push_back((s * in_.plan.plane + r * in_.plan.slot_row + x) * lanes);
                     }
                 }
             }
-            for (std::int64_t t = 0; t < taps_; t += taps_together) {
-                add<taps_together>(std::min<std::int64_t>(taps_together, taps_ - t), plan_.taps.data() + t, values,
-                                   gradients, steps, unit == blocks_.first(chunk), out + t * lanes);
+            for (std::int64_t t = 0; t < in_.taps; t += taps_together) {
+                add<taps_together>(std::min<std::int64_t>(taps_together, in_.taps - t), in_.plan.taps.data() + t,
+                                   values, gradients, steps, unit == in_.blocks.first(chunk), out + t * lanes);
             }
         }
     }
@@ -138,12 +124,7 @@ class GroupWeight {
         });
     }
 
-    const ConvGeometry& geometry_;
-    const T* image_;
-    const T* grid_;
-    WeightBlocks blocks_;
-    StagePlan plan_;
-    std::int64_t taps_;
+    WeightOperands<T> in_;
     std::int64_t vectors_;
     std::vector<std::int64_t> planes_;
     std::vector<std::int64_t> channels_;

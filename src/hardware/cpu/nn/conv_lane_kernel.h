@@ -15,6 +15,11 @@ namespace {
 
 template <typename T>
 constexpr int lane_width = vec::lanes<T>;
+/// Vectors that hold so many channels.
+template <typename T>
+constexpr std::int64_t lane_groups(std::int64_t channels) {
+    return (channels + lane_width<T> - 1) / lane_width<T>;
+}
 constexpr int lane_vectors = 2;  // of a panel
 /// Positions that go together: their sums, two weights and a source value fill the registers.
 constexpr int lane_positions = vec::vector_registers == 32 ? 14 : 6;

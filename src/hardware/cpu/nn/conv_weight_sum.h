@@ -12,11 +12,8 @@
 
 #include "conv_lane_kernel.h"
 #include "conv_order.h"
-#include "conv_stage.h"
 #include "conv_transpose.h"
-#include "conv_weight_blocks.h"
-#include "cpu_conv_kernels.h"
-#include "hardware/parallel.h"
+#include "conv_weight_operands.h"
 
 namespace ornik::device::cpu {
 namespace {
@@ -25,49 +22,35 @@ template <typename T>
 class WeightSum {
   public:
     WeightSum(const ConvPass& pass, const ConvGeometry& geometry, const T* image, const T* grid)
-        : geometry_(geometry),
-          image_(image),
-          grid_(grid),
-          blocks_(pass, geometry),
-          plan_(pass, blocks_.tile, SlotLayout::shared),
-          taps_(pass.taps()) {
+        : in_(pass, geometry, image, grid), channels_(places(geometry.grid_channels, pass.target_plane())) {
         choose_roles();
         unstaged_ = by_tap() && pass.is_pointwise();
         const std::int64_t panels = (lanes_ + panel - 1) / panel;
-        const std::int64_t tasks = blocks_.chunks * geometry.groups * value_cuts();
+        const std::int64_t tasks = in_.blocks.chunks * geometry.groups * value_cuts();
         const std::int64_t wanted = (4 * usable_processors() + tasks - 1) / tasks;
         const std::int64_t cuts = std::min(panels, std::max(wanted, (panels * panel + most_lanes - 1) / most_lanes));
         cut_lanes_ = (panels + cuts - 1) / cuts * panel;
-        for (std::int64_t e = 0; e < geometry.image_channels * taps_; ++e) {
-            elements_.push_back(e / taps_ * plan_.plane + plan_.taps[static_cast<std::size_t>(e % taps_)]);
+        for (std::int64_t e = 0; e < geometry.image_channels * in_.taps; ++e) {
+            elements_.push_back(e / in_.taps * in_.plan.plane + in_.plan.taps[static_cast<std::size_t>(e % in_.taps)]);
         }
-        for (std::int64_t o = 0; o < geometry.grid_channels; ++o) {
-            channels_.push_back(o * pass.target_plane());
-        }
-        for (std::int64_t c = 0; c < geometry.image_channels; ++c) {
-            planes_.push_back(c * (unstaged_ ? pass.source_plane() : plan_.plane));
-        }
+        planes_ = places(geometry.image_channels, unstaged_ ? pass.source_plane() : in_.plan.plane);
     }
 
     void run(T* weight) const {
-        const Scratch<T> totals(blocks_.chunks * geometry_.groups * group_totals());
+        const Scratch<T> totals(in_.blocks.chunks * in_.geometry.groups * group_totals());
         const std::int64_t lane_cuts = (lanes_ + cut_lanes_ - 1) / cut_lanes_;
-        const std::int64_t items = blocks_.chunks * geometry_.groups * lane_cuts * value_cuts();
-        const std::int64_t work =
-            geometry_.batch * plan_.pass.target_plane() * group_totals() * geometry_.groups / items;
-        parallel_for(items, 1, std::max<std::int64_t>(2, conv_grain / std::max<std::int64_t>(1, work)),
-                     [&](std::int64_t begin, std::int64_t end) {
-                         Buffers buffers(*this);
-                         for (std::int64_t item = begin; item < end; ++item) {
-                             const std::int64_t part = item / (lane_cuts * value_cuts());
-                             const std::int64_t lane = item / value_cuts() % lane_cuts * cut_lanes_;
-                             const std::int64_t value = item % value_cuts() * most_values;
-                             run_item(part / geometry_.groups, part % geometry_.groups,
-                                      {lane, std::min(lane + cut_lanes_, lanes_)},
-                                      {value, by_tap() ? std::min(value + most_values, values_) : values_}, buffers,
-                                      totals.get());
-                         }
-                     });
+        const std::int64_t items = in_.blocks.chunks * in_.geometry.groups * lane_cuts * value_cuts();
+        in_.run_items(items, group_totals() * in_.geometry.groups, [&](std::int64_t begin, std::int64_t end) {
+            Buffers buffers(*this);
+            for (std::int64_t item = begin; item < end; ++item) {
+                const std::int64_t part = item / (lane_cuts * value_cuts());
+                const std::int64_t lane = item / value_cuts() % lane_cuts * cut_lanes_;
+                const std::int64_t value = item % value_cuts() * most_values;
+                run_item(part / in_.geometry.groups, part % in_.geometry.groups,
+                         {lane, std::min(lane + cut_lanes_, lanes_)},
+                         {value, by_tap() ? std::min(value + most_values, values_) : values_}, buffers, totals.get());
+            }
+        });
         gather(totals.get(), weight);
     }
 
@@ -85,10 +68,10 @@ class WeightSum {
     // What a worker needs: the lanes' panels, what is broadcast, and the planes that either comes from.
     struct Buffers {
         explicit Buffers(const WeightSum& sum)
-            : slots((sum.by_tap() ? std::min(sum.values_, most_values) : sum.geometry_.image_channels) *
-                    sum.plan_.plane),
-              lanes(sum.blocks_.positions() * sum.cut_lanes_),
-              values(sum.blocks_.samples * sum.sample_values()) {}
+            : slots((sum.by_tap() ? std::min(sum.values_, most_values) : sum.in_.geometry.image_channels) *
+                    sum.in_.plan.plane),
+              lanes(sum.in_.blocks.positions() * sum.cut_lanes_),
+              values(sum.in_.blocks.samples * sum.sample_values()) {}
         Scratch<T> slots;
         Scratch<T> lanes;
         Scratch<T> values;
@@ -103,21 +86,21 @@ class WeightSum {
     }
 
     void choose_roles() {
-        const std::int64_t elements = geometry_.image_channels * taps_;
+        const std::int64_t elements = in_.geometry.image_channels * in_.taps;
         const double turning = 0.5 * static_cast<double>(elements);
-        const double costs[] = {cost(geometry_.grid_channels, geometry_.image_channels, taps_),
-                                cost(geometry_.grid_channels, elements, 1) + turning,
-                                cost(elements, geometry_.grid_channels, 1) + turning};
+        const double costs[] = {cost(in_.geometry.grid_channels, in_.geometry.image_channels, in_.taps),
+                                cost(in_.geometry.grid_channels, elements, 1) + turning,
+                                cost(elements, in_.geometry.grid_channels, 1) + turning};
         roles_ = static_cast<Roles>(std::min_element(std::begin(costs), std::end(costs)) - std::begin(costs));
-        lanes_ = roles_ == Roles::elements_by_grid ? elements : geometry_.grid_channels;
-        values_ = roles_ == Roles::channels_by_tap    ? geometry_.image_channels
+        lanes_ = roles_ == Roles::elements_by_grid ? elements : in_.geometry.grid_channels;
+        values_ = roles_ == Roles::channels_by_tap    ? in_.geometry.image_channels
                   : roles_ == Roles::grid_by_elements ? elements
-                                                      : geometry_.grid_channels;
+                                                      : in_.geometry.grid_channels;
     }
 
     bool by_tap() const { return roles_ == Roles::channels_by_tap; }
     std::int64_t value_cuts() const { return by_tap() ? (values_ + most_values - 1) / most_values : 1; }
-    std::int64_t rows() const { return by_tap() ? values_ * taps_ : values_; }  // of totals, in every panel
+    std::int64_t rows() const { return by_tap() ? values_ * in_.taps : values_; }  // of totals, in every panel
     std::int64_t group_totals() const { return round_up(lanes_, lane_width<T>) * rows(); }
     std::int64_t width_at(std::int64_t lane) const { return std::min(panel, round_up(lanes_, lane_width<T>) - lane); }
     // Of one position, or slot.
@@ -125,21 +108,19 @@ class WeightSum {
         return round_up(by_tap() ? std::min(values_, most_values) : values_, lane_width<T>);
     }
     std::int64_t sample_values() const {
-        return (by_tap() ? plan_.plane : plan_.tile.rows * plan_.tile.cols) * value_pitch();
+        return (by_tap() ? in_.plan.plane : in_.plan.tile.rows * in_.plan.tile.cols) * value_pitch();
     }
 
     void run_item(std::int64_t chunk, std::int64_t group, Range lanes, Range values, Buffers& buffers,
                   T* totals) const {
-        const Range units = {blocks_.first(chunk), blocks_.first(chunk + 1)};
-        T* out = totals + (chunk * geometry_.groups + group) * group_totals();
+        const Range units = {in_.blocks.first(chunk), in_.blocks.first(chunk + 1)};
+        T* out = totals + (chunk * in_.geometry.groups + group) * group_totals();
         for (std::int64_t unit = units.begin; unit < units.end; ++unit) {
-            const Tile tile(plan_, unit % plan_.tiles());
-            const std::int64_t sample = unit / plan_.tiles() * blocks_.samples;
-            const std::int64_t samples = std::min(blocks_.samples, geometry_.batch - sample);
+            const auto [tile, sample, samples] = in_.unit(unit);
             const std::int64_t steps = samples * tile.positions();
             buffers.steps.clear();
             for (std::int64_t s = 0; s < samples; ++s) {
-                stage(tile, (sample + s) * geometry_.groups + group, s, steps, lanes, values, buffers);
+                stage(tile, (sample + s) * in_.geometry.groups + group, s, steps, lanes, values, buffers);
             }
             for (std::int64_t lane = lanes.begin; lane < lanes.end; lane += panel) {
                 const std::int64_t width = width_at(lane);
@@ -157,11 +138,11 @@ class WeightSum {
                     run_lane_chains(chain, width, values.size());
                     continue;
                 }
-                chain.out += values.begin * taps_ * width;
-                chain.out_stride = taps_ * width;
+                chain.out += values.begin * in_.taps * width;
+                chain.out_stride = in_.taps * width;
                 T* const first = chain.out;
-                for (std::size_t tap = 0; tap < plan_.taps.size(); ++tap) {
-                    chain.slots = buffers.values.get() + plan_.taps[tap] * value_pitch();
+                for (std::size_t tap = 0; tap < in_.plan.taps.size(); ++tap) {
+                    chain.slots = buffers.values.get() + in_.plan.taps[tap] * value_pitch();
                     chain.out = first + static_cast<std::int64_t>(tap) * width;
                     run_lane_chains(chain, width, values.size());
                 }
@@ -173,18 +154,18 @@ class WeightSum {
     void stage(const Tile& tile, std::int64_t part, std::int64_t s, std::int64_t steps, Range lanes, Range values,
                Buffers& buffers) const {
         const std::int64_t pitch = value_pitch();
-        const T* gradients = grid_ + part * geometry_.grid_channels * plan_.pass.target_plane() +
-                             tile.row * plan_.pass.cols.positions + tile.col;
+        const T* gradients = in_.grid_at(tile, part * in_.geometry.grid_channels);
         T* sample = buffers.values.get() + s * sample_values();
-        const Range channels = by_tap() ? values : Range{0, geometry_.image_channels};
-        const T* image = image_ + (part * geometry_.image_channels + channels.begin) * plan_.pass.source_plane();
+        const Range channels = by_tap() ? values : Range{0, in_.geometry.image_channels};
+        const T* image =
+            in_.image + (part * in_.geometry.image_channels + channels.begin) * in_.plan.pass.source_plane();
         if (!unstaged_) {
-            stage_planes(plan_, tile, image, channels.size(), buffers.slots.get());
+            stage_planes(in_.plan, tile, image, channels.size(), buffers.slots.get());
         }
         if (by_tap()) {
-            const std::int64_t place = tile.row * plan_.pass.cols.positions + tile.col;
+            const std::int64_t place = tile.row * in_.plan.pass.cols.positions + tile.col;
             turn_rows(unstaged_ ? image + place : buffers.slots.get(), planes_.data(), channels.size(),
-                      round_up(channels.size(), lane_width<T>), unstaged_ ? tile.positions() : plan_.plane, sample,
+                      round_up(channels.size(), lane_width<T>), unstaged_ ? tile.positions() : in_.plan.plane, sample,
                       pitch);
         } else if (roles_ == Roles::elements_by_grid) {
             turn_rows(gradients, channels_.data(), values_, pitch, tile.positions(), sample, pitch);
@@ -204,7 +185,7 @@ class WeightSum {
         const std::int64_t first = s * sample_values();
         for (std::int64_t r = 0; r < tile.rows; ++r) {
             for (std::int64_t x = 0; x < tile.cols; ++x) {
-                buffers.steps.push_back(first + (by_tap() ? r * plan_.slot_row + x : r * tile.cols + x) * pitch);
+                buffers.steps.push_back(first + (by_tap() ? r * in_.plan.slot_row + x : r * tile.cols + x) * pitch);
             }
         }
     }
@@ -213,7 +194,8 @@ class WeightSum {
     void turn_tile(const Tile& tile, const std::int64_t* elements, std::int64_t count, const T* slots, T* to,
                    std::int64_t pitch) const {
         for (std::int64_t r = 0; r < tile.rows; ++r) {
-            turn_rows(slots + r * plan_.slot_row, elements, count, pitch, tile.cols, to + r * tile.cols * pitch, pitch);
+            turn_rows(slots + r * in_.plan.slot_row, elements, count, pitch, tile.cols, to + r * tile.cols * pitch,
+                      pitch);
         }
     }
 
@@ -222,13 +204,13 @@ class WeightSum {
     void gather(T* totals, T* weight) const {
         const std::int64_t panels = (lanes_ + panel - 1) / panel;
         const std::int64_t grain = std::max<std::int64_t>(2, conv_grain / (rows() * panel));
-        parallel_for(geometry_.groups * panels, 1, grain, [&](std::int64_t begin, std::int64_t end) {
+        parallel_for(in_.geometry.groups * panels, 1, grain, [&](std::int64_t begin, std::int64_t end) {
             for (std::int64_t item = begin; item < end; ++item) {
                 const std::int64_t lane = item % panels * panel;
                 const std::int64_t width = width_at(lane);
                 T* total = totals + item / panels * group_totals() + lane * rows();
-                for (std::int64_t chunk = 1; chunk < blocks_.chunks; ++chunk) {
-                    const T* added = total + chunk * geometry_.groups * group_totals();
+                for (std::int64_t chunk = 1; chunk < in_.blocks.chunks; ++chunk) {
+                    const T* added = total + chunk * in_.geometry.groups * group_totals();
                     for (std::int64_t i = 0; i < rows() * width; ++i) {
                         total[i] += added[i];
                     }
@@ -246,7 +228,7 @@ class WeightSum {
                     weight[place(group, o, lane + i)] = total[o * width + i];
                 }
             }
-        } else if (geometry_.image_first) {
+        } else if (in_.geometry.image_first) {
             for (std::int64_t e = 0; e < rows(); ++e) {
                 for (std::int64_t i = 0; i < count; ++i) {
                     weight[place(group, lane + i, e)] = total[e * width + i];
@@ -262,18 +244,13 @@ class WeightSum {
     }
 
     std::int64_t place(std::int64_t group, std::int64_t o, std::int64_t e) const {
-        const std::int64_t c = e / taps_;
+        const std::int64_t c = e / in_.taps;
         const std::int64_t pair =
-            geometry_.image_first ? c * geometry_.grid_channels + o : o * geometry_.image_channels + c;
-        return (group * geometry_.image_channels * geometry_.grid_channels + pair) * taps_ + e % taps_;
+            in_.geometry.image_first ? c * in_.geometry.grid_channels + o : o * in_.geometry.image_channels + c;
+        return (group * in_.geometry.image_channels * in_.geometry.grid_channels + pair) * in_.taps + e % in_.taps;
     }
 
-    const ConvGeometry& geometry_;
-    const T* image_;
-    const T* grid_;
-    WeightBlocks blocks_;
-    StagePlan plan_;
-    std::int64_t taps_;
+    WeightOperands<T> in_;
     Roles roles_;
     std::int64_t lanes_;   // of a group
     std::int64_t values_;  // of a group that are broadcast, per tap where these go one by one

@@ -37,8 +37,7 @@ template <typename T>
 void run_block_sum(const ConvPass& pass, const ConvSum& sum, const T* source, bool from_planes, const T* laid_out,
                    const ConvEnds<T>& ends, T* target) {
     if (block_kernel<T>(sum) == BlockKernel::each) {
-        const std::int64_t groups = round_up(sum.groups, lane_width<T>) / lane_width<T>;
-        BlockDepth<T>(pass, sum.batch, groups, source, laid_out, ends, target).run();
+        BlockDepth<T>(pass, sum.batch, lane_groups<T>(sum.groups), source, laid_out, ends, target).run();
     } else if (from_planes) {
         sum_all<T, true>(pass, sum, source, laid_out, ends, target);
     } else {

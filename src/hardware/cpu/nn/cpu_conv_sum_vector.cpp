@@ -51,22 +51,44 @@ template <typename T>
 void run_products(const ConvPass& pass, const ConvSum& sum, const T* source, const T* weight, const ConvEnds<T>& ends,
                   T* target) {
     const std::int64_t plane = pass.source_plane();
-    ProductPlan plan{};
-    plan.batch = 1;
-    plan.rows = sum.target_channels;
-    plan.cols = plane;
-    plan.depth = sum.source_channels;
-    for (std::int64_t part = 0; part < sum.batch * sum.groups; ++part) {
+    const auto multiply = [&](std::int64_t part, std::int64_t begin, std::int64_t end) {
         const std::int64_t group = part % sum.groups;
-        const std::int64_t first = part * sum.target_channels * plane;
+        const std::int64_t first = part * sum.target_channels * plane + begin;
+        ProductPlan plan{};
+        plan.batch = 1;
+        plan.rows = sum.target_channels;
+        plan.cols = end - begin;
+        plan.depth = sum.source_channels;
+        plan.place_b.row_step = plane;
+        plan.place_c.row_step = plane;
         ProductEnds after;
         after.row_bias = ends.bias == nullptr ? nullptr : ends.bias + group * sum.target_channels;
         after.residual = ends.residual == nullptr ? nullptr : ends.residual + first;
         after.residual_row = plane;
         after.row = ends.row;
         product(std::is_same_v<T, float> ? dtype::float32 : dtype::float64, plan, weight + group * sum.group_stride,
-                source + part * sum.source_channels * plane, target + first, &after);
+                source + part * sum.source_channels * plane + begin, target + first, &after);
+    };
+    const std::int64_t parts = sum.batch * sum.groups;
+    if (parts < 2 * usable_processors()) {
+        for (std::int64_t part = 0; part < parts; ++part) {
+            multiply(part, 0, plane);
+        }
+        return;
     }
+    // All parts at once, a worker taking pieces of their rows.
+    constexpr std::int64_t unit = 64;
+    const std::int64_t units = (plane + unit - 1) / unit;
+    const std::int64_t work = sum.target_channels * sum.source_channels * unit;
+    parallel_for(parts * units, 1, std::max<std::int64_t>(2, conv_grain / work),
+                 [&](std::int64_t at, std::int64_t end) {
+                     while (at < end) {
+                         const std::int64_t part = at / units;
+                         const std::int64_t last = std::min(end, (part + 1) * units);
+                         multiply(part, (at - part * units) * unit, std::min(plane, (last - part * units) * unit));
+                         at = last;
+                     }
+                 });
 }
 
 }  // namespace

@@ -42,24 +42,35 @@ struct Factors {
     std::int64_t panel_cols(std::int64_t panel) const {
         return std::min<std::int64_t>(TileShape<T>::cols, cols - panel * TileShape<T>::cols);
     }
-    // What comes after the sums, in a part of C.
-    void finish(std::int64_t row, std::int64_t row_count, std::int64_t col, std::int64_t col_count) const;
+    // The rows' bias, where tiles add it to the sums of the block of depth that ends at `last_step`.
+    const T* bias_in_tiles(std::int64_t last_step) const {
+        return TileShape<T>::parts == 1 && ends != nullptr && last_step == depth ? static_cast<const T*>(ends->row_bias)
+                                                                                 : nullptr;
+    }
+    // What comes after the sums, in a part of C; without what tiles have added.
+    void finish(std::int64_t row, std::int64_t row_count, std::int64_t col, std::int64_t col_count,
+                const T* added = nullptr) const;
     TileEnd end(std::int64_t first_step) const { return first_step > 0 || add ? TileEnd::add : TileEnd::store; }
 };
 
 template <typename T>
-void Factors<T>::finish(std::int64_t row, std::int64_t row_count, std::int64_t col, std::int64_t col_count) const {
+void Factors<T>::finish(std::int64_t row, std::int64_t row_count, std::int64_t col, std::int64_t col_count,
+                        const T* added) const {
     if (ends == nullptr) {
         return;
     }
     const T* bias = static_cast<const T*>(ends->bias);
+    const T* row_bias = added == ends->row_bias ? nullptr : static_cast<const T*>(ends->row_bias);
+    if (bias == nullptr && row_bias == nullptr && ends->residual == nullptr && ends->row == nullptr) {
+        return;
+    }
     for (std::int64_t i = row; i < row + row_count; ++i) {
         T* to = c + i * c_row + col;
         if (bias != nullptr) {
             std::transform(to, to + col_count, bias + col, to, [](T sum, T x) { return sum + x; });
         }
-        if (ends->row_bias != nullptr) {
-            const T x = static_cast<const T*>(ends->row_bias)[i];
+        if (row_bias != nullptr) {
+            const T x = row_bias[i];
             std::transform(to, to + col_count, to, [x](T sum) { return sum + x; });
         }
         if (ends->residual != nullptr) {
@@ -83,6 +94,9 @@ void copy_sums(const T* from, std::int64_t from_row, std::int64_t rows, std::int
         } else {
             const T* old = to.old + i * to.old_row;
             std::transform(old, old + cols, from, out, [](T x, T sum) { return x + sum; });
+        }
+        if (to.row_bias != nullptr) {
+            std::transform(out, out + cols, out, [x = to.row_bias[i]](T sum) { return sum + x; });
         }
     }
 }

@@ -20,11 +20,17 @@ struct Strips {
     std::int64_t begin;
     std::int64_t rows;
     std::int64_t count;
+    std::int64_t least;   // rows of a strip
+    std::int64_t larger;  // strips that have one more
 
     Strips(std::int64_t first, std::int64_t last)
-        : begin(first), rows(last - first), count(parts_of(rows, TileShape<T>::rows)) {}
-    std::int64_t first(std::int64_t strip) const { return begin + rows * strip / count; }
-    std::int64_t height(std::int64_t strip) const { return first(strip + 1) - first(strip); }
+        : begin(first),
+          rows(last - first),
+          count(parts_of(rows, TileShape<T>::rows)),
+          least(rows / count),
+          larger(rows % count) {}
+    std::int64_t first(std::int64_t strip) const { return begin + strip * least + std::min(strip, larger); }
+    std::int64_t height(std::int64_t strip) const { return least + (strip < larger ? 1 : 0); }
 };
 
 // Memory for panels: on the stack while that is enough.
@@ -92,7 +98,8 @@ struct PanelOperands {
     std::int64_t b_step;
     TileTarget<T> to;
     TileEnd end;
-    Ahead* ahead;  // or null
+    Ahead* ahead;                   // or null
+    RealOf<T>* laid_out = nullptr;  // where the first tile lays B out for the others, or null
 };
 
 template <typename T, bool Swapped>
@@ -102,10 +109,24 @@ void panel_times_strips(const Factors<T>& f, const Strips<T>& strips, const Pane
         const std::int64_t height = strips.height(s);
         const std::int64_t below = row - strips.begin;
         const TileTarget<T> to{in.to.out + below * in.to.out_row, in.to.out_row, in.to.old + below * in.to.old_row,
-                               in.to.old_row};
+                               in.to.old_row, in.to.row_bias == nullptr ? nullptr : in.to.row_bias + row};
         if (in.packed != nullptr) {
-            const TileOperands<T> tile{
-                in.packed + strip_place(strips, s, in.depth), 1, height, in.b, in.b_step, in.depth, in.ahead};
+            const T* const packed = in.packed + strip_place(strips, s, in.depth);
+            if constexpr (TileShape<T>::parts == 1) {
+                if (in.laid_out != nullptr && s == 0) {
+                    copying_tile_function<T>(height)(
+                        {packed, 1, height, in.b, in.b_step, in.depth, in.ahead, in.laid_out}, to, in.end);
+                    continue;
+                }
+            }
+            const bool copied = in.laid_out != nullptr;
+            const TileOperands<T> tile{packed,
+                                       1,
+                                       height,
+                                       copied ? in.laid_out : in.b,
+                                       copied ? panel_row<T>(TileShape<T>::cols) : in.b_step,
+                                       in.depth,
+                                       in.ahead};
             tile_at<T, Swapped, true>(tile, height, f.panel_cols(in.panel), to, in.end);
         } else {
             const Strided<T> a = f.a.from(row, in.k);
@@ -159,7 +180,8 @@ void pack_blocks(const Factors<T>& f, std::int64_t first, std::int64_t count, Re
 // Blocks of A and of panels that stay in the second level of cache, beside the sums that wait for them.
 constexpr std::int64_t near_bytes_of_a = std::int64_t{vec::vector_bytes == 64 ? 320 : 160} << 10;
 constexpr std::int64_t panels_together = 8;
-constexpr std::int64_t most_blocks = 8;  // of depth, that are laid out at once
+constexpr std::int64_t many_panels = 16;  // make up for the packing of A
+constexpr std::int64_t most_blocks = 8;   // of depth, that are laid out at once
 
 // Takes all rows through some blocks of depth, whose panels begin at panel_at(block, panel): tiles of C in a grid.
 // Between blocks the sums of a few panels wait side by side, where they crowd nothing.
@@ -209,22 +231,24 @@ void multiply_laid_out(const Factors<T>& f, std::int64_t first, std::int64_t cou
                         const std::int64_t bytes = next == nullptr ? 0 : depth * Shape::cols * sizeof(T);
                         const char* from = reinterpret_cast<const char*>(next);
                         Ahead ahead{{from}, {from + bytes}, parts_of(bytes, 64 * strips.rows)};
-                        panel_times_strips<T, Swapped>(f, strips,
-                                                       {pack ? packed.get() + block * packed_size : nullptr,
-                                                        k,
-                                                        depth,
-                                                        p,
-                                                        panel_at(first + block, p),
-                                                        panel_row<T>(f.panel_cols(p)),
-                                                        {out.out, out.out_row, old.out, old.out_row},
-                                                        f.end(k),
-                                                        &ahead});
+                        panel_times_strips<T, Swapped>(
+                            f, strips,
+                            {pack ? packed.get() + block * packed_size : nullptr,
+                             k,
+                             depth,
+                             p,
+                             panel_at(first + block, p),
+                             panel_row<T>(f.panel_cols(p)),
+                             {out.out, out.out_row, old.out, old.out_row, f.bias_in_tiles(k + depth)},
+                             f.end(k),
+                             &ahead});
                     }
                 }
             }
             if (first + count == parts_of(f.depth, block_depth)) {
                 const std::int64_t col = first_panel * Shape::cols;
-                f.finish(strips.begin, strips.rows, col, std::min(f.cols, last_panel * Shape::cols) - col);
+                f.finish(strips.begin, strips.rows, col, std::min(f.cols, last_panel * Shape::cols) - col,
+                         f.bias_in_tiles(f.depth));
             }
         }
     });
@@ -250,6 +274,24 @@ void multiply_by_rows(const Factors<T>& f) {
     }
 }
 
+// The rows of B that make a block of a panel.
+template <typename T>
+Ahead rows_ahead(const Factors<T>& f, std::int64_t panel, std::int64_t k) {
+    constexpr std::int64_t bytes = TileShape<T>::cols * sizeof(T);
+    constexpr std::int64_t places[] = {0, bytes / 2, bytes - 1};
+    Ahead ahead{};
+    if (f.b.col == 1 && panel < f.panels()) {
+        const std::int64_t rows = std::min(block_depth, f.depth - k);
+        ahead.step = f.b.row * static_cast<std::int64_t>(sizeof(T));
+        ahead.lines = parts_of(rows, f.rows);
+        for (int m = 0; m < 3; ++m) {
+            ahead.at[m] = reinterpret_cast<const char*>(f.b.from(k, panel * TileShape<T>::cols).data) + places[m];
+            ahead.end[m] = ahead.at[m] + rows * ahead.step;
+        }
+    }
+    return ahead;
+}
+
 // Few rows: every worker takes some columns, and lays their panels out for itself where it can not read them in place.
 template <typename T, bool Swapped>
 void multiply_by_cols(const Factors<T>& f) {
@@ -257,7 +299,7 @@ void multiply_by_cols(const Factors<T>& f) {
     const std::int64_t panels = f.panels();
     const Strips<T> strips(0, f.rows);
     const std::int64_t grain = std::max<std::int64_t>(2, grain_work / std::max<std::int64_t>(1, f.work() / panels));
-    const bool pack = panels > 2 && is_crowding(f.a);
+    const bool pack = panels > 2 && (is_crowding(f.a) || panels >= many_panels);
     const bool in_place = TileShape<T>::parts == 1 && f.b.col == 1 && (strips.count <= 2 || !is_far(f.b));
     const std::int64_t block_size = strips_size(strips, block_depth);
     std::optional<Scratch<T>> packed;
@@ -280,38 +322,48 @@ void multiply_by_cols(const Factors<T>& f) {
         large ? std::clamp<std::int64_t>(panels / (2 * usable_processors()), 1, panels_together) : 1;
     parallel_for(panels, together, grain, [&](std::int64_t begin, std::int64_t end) {
         PanelMemory<R> memory;
-        const auto multiply_panel = [&](std::int64_t p, std::int64_t k) {
+        const auto multiply_panel = [&](std::int64_t p, std::int64_t k, Ahead next) {
             const std::int64_t cols = f.panel_cols(p);
             const std::int64_t row = panel_row<T>(cols);
             const std::int64_t depth = std::min(block_depth, f.depth - k);
             const Strided<T> b = f.b.from(k, p * TileShape<T>::cols);
-            const bool here = in_place && cols == row;
-            const R* panel = reinterpret_cast<const R*>(b.data);
-            if (!here) {
-                R* to = memory.take(depth * row);
-                pack_panel(b, depth, cols, to);
-                panel = to;
+            T* const c = f.c + p * TileShape<T>::cols;
+            PanelOperands<T> in{pack ? packed->get() + k / block_depth * block_size : nullptr,
+                                k,
+                                depth,
+                                p,
+                                reinterpret_cast<const R*>(b.data),
+                                b.row,
+                                {c, f.c_row, c, f.c_row, f.bias_in_tiles(k + depth)},
+                                f.end(k),
+                                f.next != nullptr ? f.next : &next};
+            if (!in_place || cols < row) {
+                R* const to = memory.take(depth * row);
+                if (TileShape<T>::parts == 1 && pack && f.b.col == 1 && cols == TileShape<T>::cols) {
+                    in.laid_out = to;
+                } else {
+                    pack_panel(b, depth, cols, to);
+                    in.b = to;
+                    in.b_step = row;
+                }
             }
-            panel_times_strips<T, Swapped>(f, strips,
-                                           {pack ? packed->get() + k / block_depth * block_size : nullptr,
-                                            k,
-                                            depth,
-                                            p,
-                                            panel,
-                                            here ? b.row : row,
-                                            {f.c + p * TileShape<T>::cols, f.c_row},
-                                            f.end(k),
-                                            f.next});
+            panel_times_strips<T, Swapped>(f, strips, in);
         };
         for (std::int64_t group = begin; group < end; group += together) {
             const std::int64_t group_end = std::min(group + together, end);
             for (std::int64_t k = 0; k < f.depth; k += block_depth) {
+                const bool last = k + block_depth >= f.depth;
                 for (std::int64_t p = group; p < group_end; ++p) {
-                    multiply_panel(p, k);
+                    const bool goes_on = p + 1 < group_end;
+                    multiply_panel(p, k,
+                                   in_place  ? Ahead{}
+                                   : goes_on ? rows_ahead(f, p + 1, k)
+                                   : last    ? rows_ahead(f, group_end, 0)
+                                             : rows_ahead(f, group, k + block_depth));
                 }
             }
             const std::int64_t col = group * TileShape<T>::cols;
-            f.finish(0, f.rows, col, std::min(f.cols, group_end * TileShape<T>::cols) - col);
+            f.finish(0, f.rows, col, std::min(f.cols, group_end * TileShape<T>::cols) - col, f.bias_in_tiles(f.depth));
         }
     });
 }

@@ -45,10 +45,11 @@ struct Ahead {
     const char* at[3];
     const char* end[3];
     std::int64_t lines;  // of each, at a time
+    std::int64_t step = 64;
 
     void fetch() {
         for (int m = 0; m < 3; ++m) {
-            for (std::int64_t n = 0; n < lines && at[m] < end[m]; ++n, at[m] += 64) {
+            for (std::int64_t n = 0; n < lines && at[m] < end[m]; ++n, at[m] += step) {
                 vec::prefetch_near(at[m]);
             }
         }
@@ -65,7 +66,8 @@ struct TileOperands {
     const RealOf<T>* b;
     std::int64_t b_step;
     std::int64_t depth;
-    Ahead* ahead = nullptr;  // or null; a tile fetches as often as it has rows
+    Ahead* ahead = nullptr;         // or null; a tile fetches as often as it has rows
+    RealOf<T>* laid_out = nullptr;  // where a tile that Copies lays out the panel
 };
 
 /// Where the sums go, row by row, and what they are added to or begin with: the same place or another.
@@ -75,6 +77,7 @@ struct TileTarget {
     std::int64_t out_row;
     const T* old = out;
     std::int64_t old_row = out_row;
+    const T* row_bias = nullptr;  // added at last, an element for each row, or null; for real numbers
 };
 /// What becomes of the sums: stored, added to what is old, or begun with it.
 enum class TileEnd { store, add, resume };
@@ -99,7 +102,8 @@ ORNIK_EXPAND void put_sums(const V& sums, TileEnd end, const R* old, R* out) {
 
 /// Rows x Vectors of a tile; complex sums interleaved as std::complex. `Swapped`: A holds the
 /// right factor's elements, which decides the order of a complex product's terms. `Packed`: a_row is 1, a_step Rows.
-template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
+/// `Copies`: on its way the tile lays out B's rows, one after the other.
+template <typename T, bool Swapped, bool Packed, int Rows, int Vectors, bool Copies = false>
 [[gnu::noinline]] void sum_tile(const TileOperands<T>& in, const TileTarget<T>& to, TileEnd end) {
     using R = RealOf<T>;
     using V = Vector<R>;
@@ -132,6 +136,7 @@ template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
         const std::int64_t step = in.a_step * static_cast<std::int64_t>(sizeof(T));
         ORNIK_UNROLLED for (int g = 0; g < groups; ++g) { a[g] = reinterpret_cast<const char*>(in.a) + 3 * g * row; }
         const R* b = in.b;
+        [[maybe_unused]] R* laid_out = in.laid_out;
         // Panels go on where hardware looks no further: on the next page. Streams of a few steps it knows better.
         const std::int64_t ahead = in.depth > steps_ahead ? steps_ahead * in.b_step : 0;
         // The places of the sums come near one row after the other: all at once they would hold up the operands.
@@ -153,7 +158,16 @@ template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
                 ORNIK_UNROLLED for (std::size_t at = 0; at < sizeof(V[across]); at += 64) {
                     vec::prefetch(reinterpret_cast<const char*>(b + ahead) + at);
                 }
-                ORNIK_UNROLLED for (int v = 0; v < across; ++v) { x[v] = way.factor(load<V>(b + v * width)); }
+                ORNIK_UNROLLED for (int v = 0; v < across; ++v) {
+                    const V reals = load<V>(b + v * width);
+                    x[v] = way.factor(reals);
+                    if constexpr (Copies) {
+                        vec::store(reals, laid_out + v * width);
+                    }
+                }
+                if constexpr (Copies) {
+                    laid_out += across * width;
+                }
                 ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
                     const R* y = reinterpret_cast<const R*>(Packed ? a[0] + i * static_cast<std::int64_t>(sizeof(T))
                                                                    : a[i / 3 % groups] + i % 3 * row);
@@ -179,6 +193,7 @@ template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
         if (!way.vouches_for(sums)) {
             return false;
         }
+        [[maybe_unused]] const T* const bias = to.row_bias;
         ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
             R* at = out + i * out_row;
             const R* from = old + i * old_row;
@@ -190,7 +205,9 @@ template <typename T, bool Swapped, bool Packed, int Rows, int Vectors>
                     put_sums(zipped(re, im, 0, every), end, from + 2 * v * width, at + 2 * v * width);
                     put_sums(zipped(re, im, 1, every), end, from + (2 * v + 1) * width, at + (2 * v + 1) * width);
                 } else {
-                    put_sums(way.value(sums[i][v]), end, from + v * width, at + v * width);
+                    const V sum = way.value(sums[i][v]);
+                    const V whole = end == TileEnd::add ? load<V>(from + v * width) + sum : sum;
+                    vec::store(bias == nullptr ? whole : whole + bias[i], at + v * width);
                 }
             }
         }
@@ -211,6 +228,17 @@ SumTile<T> tile_function(std::int64_t rows, std::int64_t vectors) {
     }
     (std::make_integer_sequence<int, Shape::rows>{});
     return functions[vectors == 1 ? 0 : 1][static_cast<std::size_t>(rows - 1)];
+}
+
+/// sum_tile of `rows` packed rows and a whole panel of real numbers, which it lays out.
+template <typename T>
+SumTile<T> copying_tile_function(std::int64_t rows) {
+    using Shape = TileShape<T>;
+    constexpr auto functions = []<int... I>(std::integer_sequence<int, I...> /*heights*/) {
+        return std::array<SumTile<T>, sizeof...(I)>{sum_tile<T, false, true, I + 1, Shape::vectors, true>...};
+    }
+    (std::make_integer_sequence<int, Shape::rows>{});
+    return functions[static_cast<std::size_t>(rows - 1)];
 }
 
 }  // namespace ornik::device::cpu
