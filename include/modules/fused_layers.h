@@ -81,7 +81,7 @@ class ORNIK_API FusedPool : public Module, public FusedPart {
     bool takes_images_apart() override { return true; }
 
   protected:
-    std::string type_name() const override;
+    std::string type_name() const override { return plain_->kind(); }
 
   private:
     using Blocked = Carried (*)(const nn::BlockedImage& x, const nn::PoolParameters& parameters);

@@ -85,6 +85,9 @@ class ORNIK_API Module {
     /// The modules one floor below, in the order of their registration.
     using Parts = std::vector<std::pair<std::string, std::shared_ptr<Module>>>;
     [[nodiscard]] const Parts& parts() const { return parts_; }
+    /// What to_string() shows of this module: the class, and what stands between the parentheses.
+    [[nodiscard]] std::string kind() const { return type_name(); }
+    [[nodiscard]] const std::string& arguments() const { return arguments_; }
     /// This module and those below, one a line, each with its arguments: "Linear(in=784, out=128, bias=true)".
     [[nodiscard]] std::string to_string() const;
 
@@ -110,7 +113,6 @@ class ORNIK_API Module {
         return Part<M>(std::move(shared));
     }
     void add_part(const std::string& name, std::shared_ptr<Module> part);
-    /// What to_string() shows: the class, and what stands between the parentheses.
     [[nodiscard]] virtual std::string type_name() const;
     void set_arguments(std::string arguments) { arguments_ = std::move(arguments); }
 

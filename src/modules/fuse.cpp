@@ -136,8 +136,7 @@ Shared fuse(Module& module) {
     });
     Shared result = module.fused();
     if (!result) {
-        const std::string text = module.to_string();
-        fail(where("ornik::fuse"), "fuse(): ", text.substr(0, text.find('(')),
+        fail(where("ornik::fuse"), "fuse(): ", module.kind(),
              " does not say what it is made of; Sequential and Residual do, other modules by overriding fused().");
     }
     return result;

@@ -151,9 +151,7 @@ bool FusedLayer::takes_images_apart() {
 
 FusedPool::FusedPool(Shared plain, Blocked blocked, const nn::PoolParameters& parameters)
     : plain_(std::move(plain)), blocked_(blocked), parameters_(parameters) {
-    const std::string text = plain_->to_string();
-    const std::size_t open = text.find('(') + 1;
-    set_arguments(text.substr(open, text.size() - open - 1));
+    set_arguments(plain_->arguments());
     eval();
 }
 
@@ -178,11 +176,6 @@ std::shared_ptr<FusedPool> FusedPool::of(const Shared& module) {
         });
     }
     return nullptr;
-}
-
-std::string FusedPool::type_name() const {
-    const std::string text = plain_->to_string();
-    return text.substr(0, text.find('('));
 }
 
 Carried FusedPool::pass(const Carried& x, bool /*asked_for_blocks*/) {

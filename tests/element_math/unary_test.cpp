@@ -278,6 +278,37 @@ TEST(Unary, GradientsOfTinyNumbers) {
     }
 }
 
+// Rows are computed many elements together, and otherwise where some are out of the common.
+TEST(Unary, AnElementsResultDependsOnNoOther) {
+    std::vector<CLD> elements;
+    for (const LD size :
+         {0.01L, 0.4L, 1.0L, 2.9L, 3.1L, 20.0L, 79.0L, 81.0L, 1e3L, 1e6L, 1e-30L, 1e37L, 0.0L, 1 / 0.0L}) {
+        for (int i = 0; i < 13; ++i) {
+            elements.emplace_back(size * std::cos(1.0L * i), size * std::sin(1.0L * i));
+        }
+    }
+    const auto n = static_cast<std::int64_t>(elements.size());
+    for_each_operation([&](Unary operation, const Row& row, const UnaryReference&) {
+        for (const std::int64_t dtype : {dtype::float32, dtype::float64, dtype::complex64, dtype::complex128}) {
+            if (!operations::accepts(row, dtype)) {
+                continue;
+            }
+            const TensorPtr together((make_wide(dtype, {n}, elements).get()->*front_of(operation).fresh)());
+            const std::vector<CLD> got = wide_values(together.get());
+            for (std::int64_t i = 0; i < n; ++i) {
+                const TensorPtr one((make_wide(dtype, {1}, {elements[i]}).get()->*front_of(operation).fresh)());
+                const CLD alone = wide_values(one.get())[0];
+                const auto same = [](LD a, LD b) {
+                    return (a == b && std::signbit(a) == std::signbit(b)) || (std::isnan(a) && std::isnan(b));
+                };
+                ASSERT_TRUE(same(got[i].real(), alone.real()) && same(got[i].imag(), alone.imag()))
+                    << row.name << " of " << name_of_dtype(dtype) << ' ' << elements[i] << ": " << got[i] << ", alone "
+                    << alone;
+            }
+        }
+    });
+}
+
 // ---- Overlaps, special complex values ----
 
 TEST(Unary, AnOutputThatOverlapsItsInput) {

@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 
 #if defined(__SSE2__)
 #include <immintrin.h>
@@ -387,6 +388,157 @@ ORNIK_EXPAND V fused_minus(V a, V b, V c) {
     }
 #endif
     return fused(-a, b, c);
+}
+/// a b - c, rounded once.
+template <typename V>
+ORNIK_EXPAND V fused_less(V a, V b, V c) {
+#if defined(__FMA__)
+    if constexpr (sizeof(V) == 64) {
+#if defined(__AVX512F__)
+        if constexpr (sizeof(a[0]) == sizeof(float)) {
+            return (V)_mm512_fmsub_ps((__m512)a, (__m512)b, (__m512)c);
+        } else {
+            return (V)_mm512_fmsub_pd((__m512d)a, (__m512d)b, (__m512d)c);
+        }
+#endif
+    } else if constexpr (sizeof(V) == 32) {
+        if constexpr (sizeof(a[0]) == sizeof(float)) {
+            return (V)_mm256_fmsub_ps((__m256)a, (__m256)b, (__m256)c);
+        } else {
+            return (V)_mm256_fmsub_pd((__m256d)a, (__m256d)b, (__m256d)c);
+        }
+    }
+#endif
+    return fused(a, b, -c);
+}
+
+// ---- Functions of elements: one number or many side by side, with the same bits ----
+
+/// One float, or as many as the processor takes together.
+template <typename V>
+concept Singles = std::is_same_v<V, float> || std::is_same_v<V, Vector<float>>;
+
+/// The bits of floats. Comparisons of vectors give all of them or none.
+template <typename V>
+using Bits = std::conditional_t<sizeof(V) == sizeof(float), std::uint32_t, Vector<std::uint32_t, sizeof(V)>>;
+template <Singles V>
+ORNIK_EXPAND Bits<V> bits_of(V v) {
+    return std::bit_cast<Bits<V>>(v);
+}
+template <Singles V>
+ORNIK_EXPAND V from_bits(Bits<V> bits) {
+    return std::bit_cast<V>(bits);
+}
+
+// Intrinsics of 512 bits are the masked ones: GCC 12 takes what the others leave open for a mistake of their caller.
+
+/// a > b ? a : b, for each.
+template <Singles V>
+ORNIK_EXPAND V larger(V a, V b) {
+#if defined(__AVX512F__)
+    if constexpr (sizeof(V) == 64) {
+        return (V)_mm512_maskz_max_ps(0xffff, (__m512)a, (__m512)b);
+    }
+#endif
+#if defined(__AVX__)
+    if constexpr (sizeof(V) == 32) {
+        return (V)_mm256_max_ps((__m256)a, (__m256)b);
+    }
+#endif
+#if defined(__SSE2__)
+    if constexpr (sizeof(V) == 16) {
+        return (V)_mm_max_ps((__m128)a, (__m128)b);
+    }
+#endif
+    return a > b ? a : b;
+}
+/// a < b ? a : b, for each.
+template <Singles V>
+ORNIK_EXPAND V smaller(V a, V b) {
+#if defined(__AVX512F__)
+    if constexpr (sizeof(V) == 64) {
+        return (V)_mm512_maskz_min_ps(0xffff, (__m512)a, (__m512)b);
+    }
+#endif
+#if defined(__AVX__)
+    if constexpr (sizeof(V) == 32) {
+        return (V)_mm256_min_ps((__m256)a, (__m256)b);
+    }
+#endif
+#if defined(__SSE2__)
+    if constexpr (sizeof(V) == 16) {
+        return (V)_mm_min_ps((__m128)a, (__m128)b);
+    }
+#endif
+    return a < b ? a : b;
+}
+
+/// x 2^k, rounded once, for a whole k from -254 to 254; the low bits of `biased` are k + 254.
+template <Singles V>
+ORNIK_EXPAND V scaled(V x, [[maybe_unused]] V k, [[maybe_unused]] Bits<V> biased) {
+#if defined(__AVX512F__)
+    if constexpr (sizeof(V) == 64) {
+        return (V)_mm512_maskz_scalef_ps(0xffff, (__m512)x, (__m512)k);
+    }
+#endif
+    // Two factors, the exponents of which are the halves.
+    const Bits<V> half = biased >> 1;
+    return x * from_bits<V>(half << 23) * from_bits<V>((biased - half) << 23);
+}
+
+/// table[i] of eight, where the low three bits are i.
+template <Singles V>
+ORNIK_EXPAND V looked_up(const float (&table)[8], Bits<V> bits) {
+#if defined(__AVX512DQ__)
+    if constexpr (sizeof(V) == 64) {
+        const __m512 twice = _mm512_maskz_broadcast_f32x8(0xffff, _mm256_loadu_ps(table));
+        return (V)_mm512_maskz_permutexvar_ps(0xffff, (__m512i)bits, twice);
+    }
+#endif
+#if defined(__AVX2__)
+    if constexpr (sizeof(V) == 32) {
+        return (V)_mm256_permutevar8x32_ps(_mm256_loadu_ps(table), (__m256i)bits);
+    }
+#endif
+    if constexpr (sizeof(V) == sizeof(float)) {
+        return table[bits & 7];
+    } else {
+        V values;
+        for (unsigned i = 0; i < sizeof(V) / sizeof(float); ++i) {
+            values[i] = table[bits[i] & 7];
+        }
+        return values;
+    }
+}
+
+/// Whether one of them is at least as large.
+template <typename B>
+ORNIK_EXPAND bool any_from(B numbers, std::uint32_t least) {
+    if constexpr (sizeof(B) == sizeof(least)) {
+        return numbers >= least;
+    } else {
+#if defined(__AVX512F__)
+        if constexpr (sizeof(B) == 64) {
+            return _mm512_cmpge_epu32_mask((__m512i)numbers, _mm512_set1_epi32(static_cast<int>(least))) != 0;
+        }
+#endif
+        const auto found = numbers >= least;
+#if defined(__AVX__)
+        if constexpr (sizeof(B) == 32) {
+            return _mm256_movemask_ps((__m256)found) != 0;
+        }
+#endif
+#if defined(__SSE2__)
+        if constexpr (sizeof(B) == 16) {
+            return _mm_movemask_ps((__m128)found) != 0;
+        }
+#endif
+        std::uint32_t any = 0;
+        for (unsigned i = 0; i < sizeof(B) / sizeof(least); ++i) {
+            any |= static_cast<std::uint32_t>(found[i]);
+        }
+        return any != 0;
+    }
 }
 
 }  // namespace ornik::device::cpu::vec

@@ -3,6 +3,8 @@
 // The same bits as elementary.h and elementary_double.h give to rows, from one file with the instruction.
 #pragma once
 
+#include <cstdint>
+
 namespace ornik::elementary::called {
 
 float exp(float x);
@@ -26,5 +28,15 @@ double cosh(double x);
 double asinh(double x);
 double atan2(double y, double x);
 double hypot(double x, double y);
+
+// Functions of n complex numbers, whose real and imaginary parts become those of the results. False, and nothing done,
+// where one of them is better looked at on its own: infinite, NaN, very large, or next to a singularity.
+bool exp_parts(std::int64_t n, double* re, double* im);
+bool asin_parts(std::int64_t n, double* re, double* im);
+bool acos_parts(std::int64_t n, double* re, double* im);
+bool atan_parts(std::int64_t n, double* re, double* im);
+bool asinh_parts(std::int64_t n, double* re, double* im);
+bool acosh_parts(std::int64_t n, double* re, double* im);
+bool atanh_parts(std::int64_t n, double* re, double* im);
 
 }  // namespace ornik::elementary::called

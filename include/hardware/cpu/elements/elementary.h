@@ -59,26 +59,101 @@ ORNIK_IN_PLACE double fused(double a, double b, double c) {
 }
 #endif
 
-/// c0 + c1 x + c2 x^2 + ...
-template <typename T>
-ORNIK_IN_PLACE T polynomial(T /*x*/, T c) {
-    return c;
+// Functions of single precision take one number or a vector of them (Singles).
+using device::cpu::vec::Bits;
+using device::cpu::vec::bits_of;
+using device::cpu::vec::from_bits;
+using device::cpu::vec::larger;
+using device::cpu::vec::looked_up;
+using device::cpu::vec::Singles;
+using device::cpu::vec::smaller;
+
+template <typename V>
+concept SingleVector = Singles<V> && !std::is_same_v<V, float>;
+
+template <SingleVector V>
+ORNIK_IN_PLACE V fused(V a, V b, V c) {
+    return device::cpu::vec::fused(a, b, c);
 }
-template <typename T, typename... Ts>
-ORNIK_IN_PLACE T polynomial(T x, T c0, Ts... rest) {
-    return fused(x, polynomial(x, rest...), c0);
+/// c - a b, rounded once.
+template <typename V>
+ORNIK_IN_PLACE V fused_minus(V a, V b, V c) {
+    if constexpr (SingleVector<V>) {
+        return device::cpu::vec::fused_minus(a, b, c);
+    } else {
+        return fused(-a, b, c);
+    }
+}
+/// a b - c, rounded once.
+template <Singles V>
+ORNIK_IN_PLACE V fused_less(V a, V b, V c) {
+    if constexpr (SingleVector<V>) {
+        return device::cpu::vec::fused_less(a, b, c);
+    } else {
+        return fused(a, b, -c);
+    }
+}
+/// The number, as often as there are lanes.
+template <typename V, typename T>
+ORNIK_IN_PLACE V all(T x) {
+    if constexpr (std::is_same_v<V, T>) {
+        return x;
+    } else {
+        return device::cpu::vec::broadcast<V>(x);
+    }
+}
+
+/// c0 + c1 x + c2 x^2 + ...
+template <typename V, typename T>
+ORNIK_IN_PLACE V polynomial(V /*x*/, T c) {
+    return all<V>(c);
+}
+template <typename V, typename T, typename... Ts>
+ORNIK_IN_PLACE V polynomial(V x, T c0, Ts... rest) {
+    return fused(x, polynomial(x, rest...), all<V>(c0));
 }
 
 /// NaN passes.
-template <typename T>
-ORNIK_IN_PLACE T clamped(T x, T low, T high) {
-    const T above = x < low ? low : x;
+ORNIK_IN_PLACE double clamped(double x, double low, double high) {
+    const double above = x < low ? low : x;
     return above > high ? high : above;
+}
+template <Singles V>
+ORNIK_IN_PLACE V clamped(V x, float low, float high) {
+    return smaller(all<V>(high), larger(all<V>(low), x));
+}
+
+/// All bits or none of each; branches would keep the compiler from vector code where much depends on them.
+ORNIK_IN_PLACE std::uint32_t bits_if(bool condition) { return condition ? ~std::uint32_t{0} : 0; }
+template <typename Condition>
+ORNIK_IN_PLACE auto bits_if(const Condition& condition) requires(!std::is_same_v<Condition, bool>) {
+    return std::bit_cast<Bits<Condition>>(condition);
+}
+template <Singles V>
+ORNIK_IN_PLACE V selected(Bits<V> bits, V a, V b) {
+    return from_bits<V>((bits_of(a) & bits) | (bits_of(b) & ~bits));
+}
+template <Singles V>
+ORNIK_IN_PLACE V magnitude(V x) {
+    if constexpr (std::is_same_v<V, float>) {
+        return std::fabs(x);
+    } else {
+        return from_bits<V>(bits_of(x) & 0x7fffffffU);
+    }
+}
+template <Singles V>
+ORNIK_IN_PLACE V with_sign(V size, V sign) {
+    if constexpr (std::is_same_v<V, float>) {
+        return std::copysign(size, sign);
+    } else {
+        return from_bits<V>((bits_of(size) & 0x7fffffffU) | (bits_of(sign) & 0x80000000U));
+    }
 }
 
 /// 2^k for an integer k in the exponent range.
-ORNIK_IN_PLACE float power_of_two(std::int32_t k) {
-    return std::bit_cast<float>(static_cast<std::uint32_t>(k + 127) << 23);
+template <Singles V>
+ORNIK_IN_PLACE V power_of_two(Bits<V> k) {
+    return from_bits<V>((k + 127U) << 23);
 }
 
 // Adding and subtracting this rounds to a whole number, which also appears in the low bits of the sum.
@@ -94,7 +169,8 @@ inline constexpr double ln2_low64 = 0x1.a39ef35793c76p-33;
 // ---- Exponentials: x = k ln 2 + r, |r| <= ln 2 / 2 ----
 
 /// (e^r - 1 - r) / r^2; 2^-32.
-ORNIK_IN_PLACE float exp_tail(float r) {
+template <Singles V>
+ORNIK_IN_PLACE V exp_tail(V r) {
     return polynomial(r, 0.5F, 0.1666666668F, 0.04166646499F, 0.008333310933F, 0.001393364269F, 0.0001989098271F);
 }
 /// 2^-62.
@@ -105,15 +181,22 @@ ORNIK_IN_PLACE double exp_tail(double r) {
                       2.0914680780540265278e-9);
 }
 
+template <Singles V>
 struct Reduced32 {
-    std::int32_t k;
-    float r;
+    Bits<V> k;
+    V r;
 };
-ORNIK_IN_PLACE Reduced32 by_ln2(float x) {
-    const float shifted = fused(x, 1.44269504F, whole32);
-    const float k = shifted - whole32;
-    const float r = fused(-k, ln2_low32, fused(-k, ln2_high32, x));
-    return {std::bit_cast<std::int32_t>(shifted) - std::bit_cast<std::int32_t>(whole32), r};
+template <Singles V>
+ORNIK_IN_PLACE Reduced32<V> by_ln2(V x) {
+    const V shifted = fused(x, all<V>(1.44269504F), all<V>(whole32));
+    const V k = shifted - whole32;
+    const V r = fused_minus(k, all<V>(ln2_low32), fused_minus(k, all<V>(ln2_high32), x));
+    return {bits_of(shifted) - bits_of(whole32), r};
+}
+/// e^r
+template <Singles V>
+ORNIK_IN_PLACE V exp_near(V r) {
+    return fused(r * r, exp_tail(r), r) + 1.0F;
 }
 
 struct Reduced64 {
@@ -131,17 +214,14 @@ ORNIK_IN_PLACE double power_of_two(double k) {
     return std::bit_cast<double>(low_bits << 52);
 }
 
-ORNIK_IN_PLACE float exp(float x) {
-    // Beyond the bounds the result is 0 or infinite; between them two factors reach the subnormal range. Their biased
-    // exponents are the halves of k + 254, which the low bits of the sum hold.
-    const float c = clamped(x, -104.0F, 89.0F);
-    const float shifted = fused(c, 1.44269504F, whole32 + 254.0F);
-    const float k = shifted - (whole32 + 254.0F);
-    const float r = fused(-k, ln2_low32, fused(-k, ln2_high32, c));
-    const float mantissa = fused(r * r, exp_tail(r), r) + 1.0F;
-    const auto bits = std::bit_cast<std::uint32_t>(shifted);
-    const std::uint32_t half = bits >> 1;
-    return mantissa * std::bit_cast<float>(half << 23) * std::bit_cast<float>((bits - half) << 23);
+template <Singles V>
+ORNIK_IN_PLACE V exp(V x) {
+    // Beyond the bounds the result is 0 or infinite; between them it may be subnormal.
+    const V c = clamped(x, -104.0F, 89.0F);
+    const V shifted = fused(c, all<V>(1.44269504F), all<V>(whole32 + 254.0F));
+    const V k = shifted - (whole32 + 254.0F);
+    const V r = fused_minus(k, all<V>(ln2_low32), fused_minus(k, all<V>(ln2_high32), c));
+    return device::cpu::vec::scaled(exp_near(r), k, bits_of(shifted));
 }
 
 ORNIK_IN_PLACE double exp(double x) {
@@ -155,38 +235,45 @@ ORNIK_IN_PLACE double exp(double x) {
 /// multiplying by 2^-scale, reaches the subnormal range.
 template <typename T>
 inline constexpr int power_scale = sizeof(T) == 4 ? 24 : 54;
-ORNIK_IN_PLACE float scaled_power(float x) {
-    const auto [k, r] = by_ln2(x < -104.0F ? -104.0F : x);
-    return (fused(r * r, exp_tail(r), r) + 1.0F) * power_of_two(k + power_scale<float>);
+template <Singles V>
+ORNIK_IN_PLACE V scaled_power(V x) {
+    const auto [k, r] = by_ln2(larger(all<V>(-104.0F), x));
+    return exp_near(r) * power_of_two<V>(k + static_cast<std::uint32_t>(power_scale<float>));
 }
 ORNIK_IN_PLACE double scaled_power(double x) {
     const auto [k, r] = by_ln2(x < -746.0 ? -746.0 : x);
     return (fused(r * r, exp_tail(r), r) + 1.0) * power_of_two(k + double{power_scale<double>});
 }
 
+/// e^x of an x from -708 to 709.
+ORNIK_IN_PLACE double power_in_range(double x) {
+    const auto [k, r] = by_ln2(x);
+    return (fused(r * r, exp_tail(r), r) + 1.0) * power_of_two(k);
+}
+
 /// e^x of an x that is not above 0, or 0 where that is next to nothing.
 ORNIK_IN_PLACE float power_or_nothing(float x) {
-    const auto [k, r] = by_ln2(x < -87.0F ? -87.0F : x);
-    const float power = (fused(r * r, exp_tail(r), r) + 1.0F) * power_of_two(k);
+    const auto [k, r] = by_ln2(larger(-87.0F, x));
+    const float power = exp_near(r) * power_of_two<float>(k);
     return x < -87.0F ? 0.0F : power;
 }
 ORNIK_IN_PLACE double power_or_nothing(double x) {
-    const auto [k, r] = by_ln2(x < -708.0 ? -708.0 : x);
-    const double power = (fused(r * r, exp_tail(r), r) + 1.0) * power_of_two(k);
+    const double power = power_in_range(x < -708.0 ? -708.0 : x);
     return x < -708.0 ? 0.0 : power;
 }
 
 /// 1 / (1 + e^-x) = 2^-30 / (2^-30 + 2^-30 e^-x): one factor then covers all exponents.
-ORNIK_IN_PLACE float sigmoid(float x) {
+template <Singles V>
+ORNIK_IN_PLACE V sigmoid(V x) {
     const auto [k, r] = by_ln2(clamped(-x, -25.0F, 104.0F));
-    const float mantissa = fused(r * r, exp_tail(r), r) + 1.0F;
-    return 0x1p-30F / fused(mantissa, power_of_two(k - 30), 0x1p-30F);
+    return 0x1p-30F / fused(exp_near(r), power_of_two<V>(k - 30U), all<V>(0x1p-30F));
 }
 
 /// x in -86 .. 0 for float, -700 .. 700 for double.
-ORNIK_IN_PLACE float expm1_moderate(float x) {
+template <Singles V>
+ORNIK_IN_PLACE V expm1_moderate(V x) {
     const auto [k, r] = by_ln2(x);
-    const float scale = power_of_two(k);
+    const V scale = power_of_two<V>(k);
     return fused(scale, fused(r * r, exp_tail(r), r), scale - 1.0F);
 }
 ORNIK_IN_PLACE double expm1_moderate(double x) {
@@ -215,15 +302,14 @@ ORNIK_IN_PLACE float log(float x) {
     return x > 0.0F ? positive : (x == 0.0F ? -INFINITY : NAN);
 }
 
-ORNIK_IN_PLACE double log(double x) {
-    const bool tiny = x < 0x1p-1022;
-    const double normal = tiny ? x * 0x1p54 : x;
+/// Of a normal positive number, as one that was scaled by 2^(bias - 1023).
+ORNIK_IN_PLACE double log_of_normal(double normal, double bias) {
     constexpr std::uint64_t root_half = 0x3fe6a09e667f3bcd;
     constexpr std::uint64_t mantissa_bits = 0x000fffffffffffff;
     // Biased by 1023 * 2^52, so that a logical shift does.
     const std::uint64_t shifted = std::bit_cast<std::uint64_t>(normal) + (0x3ff0000000000000 - root_half);
     const double biased = std::bit_cast<double>((shifted >> 52) | 0x4330000000000000) - 0x1p52;
-    const double k = biased - (tiny ? 1023.0 + 54.0 : 1023.0);
+    const double k = biased - bias;
     const double f = std::bit_cast<double>((shifted & mantissa_bits) + root_half) - 1.0;
     const double s = f / (2.0 + f);
     const double z = s * s;
@@ -233,7 +319,12 @@ ORNIK_IN_PLACE double log(double x) {
                                        0.13268714792342885109, 0.13087236196706833707);
     const double half_square = 0.5 * f * f;
     const double small = half_square - fused(s, half_square + tail, k * ln2_low64);
-    const double result = fused(k, ln2_high64, f - small);
+    return fused(k, ln2_high64, f - small);
+}
+
+ORNIK_IN_PLACE double log(double x) {
+    const bool tiny = x < 0x1p-1022;
+    const double result = log_of_normal(tiny ? x * 0x1p54 : x, tiny ? 1023.0 + 54.0 : 1023.0);
     const double positive = x < HUGE_VAL ? result : x;
     return x > 0.0 ? positive : (x == 0.0 ? -HUGE_VAL : NAN);
 }
@@ -318,19 +409,20 @@ ORNIK_IN_PLACE double atan_approx(double x) {
 
 // ---- The error function ----
 
-ORNIK_IN_PLACE float erf(float x) {
-    const float a = clamped(std::fabs(x), 0.0F, 4.0F);
-    const float z = a * a;
+template <Singles V>
+ORNIK_IN_PLACE V erf(V x) {
+    const V a = clamped(magnitude(x), 0.0F, 4.0F);
+    const V z = a * a;
     // erf(a) / a - 1 in z up to 1; 2^-35.
-    const float near = fused(a,
-                             polynomial(z, 0.1283791671F, -0.3761263847F, 0.112837825F, -0.02686543073F,
-                                        0.005221031808F, -0.0008484080405F, 0.0001126595902F, -9.667044567e-6F),
-                             a);
+    const V near = fused(a,
+                         polynomial(z, 0.1283791671F, -0.3761263847F, 0.112837825F, -0.02686543073F, 0.005221031808F,
+                                    -0.0008484080405F, 0.0001126595902F, -9.667044567e-6F),
+                         a);
     // -log(erfc(a)) in a from 1 to 4; 2^-31.
-    const float exponent = polynomial(a, -0.0003201380497F, 1.130233435F, 0.6318260516F, 0.1100800829F, -0.02642113601F,
-                                      0.004759596293F, -0.0005968056257F, 4.605804269e-5F, -1.637151415e-6F);
-    const float far = -expm1_moderate(-exponent);
-    return std::copysign(a < 1.0F ? near : far, x);
+    const V exponent = polynomial(a, -0.0003201380497F, 1.130233435F, 0.6318260516F, 0.1100800829F, -0.02642113601F,
+                                  0.004759596293F, -0.0005968056257F, 4.605804269e-5F, -1.637151415e-6F);
+    const V far = -expm1_moderate(-exponent);
+    return with_sign(a < 1.0F ? near : far, x);
 }
 
 /// 2^y for y in -1000 .. 1000: the whole part joins the exponent of the rest's power. 2^-39.
@@ -346,37 +438,34 @@ ORNIK_IN_PLACE double power_of_two_approx(double y) {
                                  (std::bit_cast<std::uint64_t>(shifted) << 52));
 }
 
-/// All bits or none; branches would keep the compiler from vector code where much depends on them.
-ORNIK_IN_PLACE std::uint32_t bits_if(bool condition) { return condition ? ~std::uint32_t{0} : 0; }
-ORNIK_IN_PLACE float selected(std::uint32_t bits, float a, float b) {
-    return std::bit_cast<float>((std::bit_cast<std::uint32_t>(a) & bits) | (std::bit_cast<std::uint32_t>(b) & ~bits));
-}
-
 /// (F(x) - 1/2) / x of the normal distribution function F, for x nearer to 0 than the limit.
 inline constexpr float normal_near_limit = 3.0F;
-ORNIK_IN_PLACE float normal_near(float x) {
-    const float z = x * x;
+template <Singles V>
+ORNIK_IN_PLACE V normal_near(V x) {
+    const V z = x * x;
     // 2^-28 of the distribution up to 1, 2^-26 up to 3. The common factor is one whose rounded products do best.
-    const float above = polynomial(z, 1.24609947F, 0.0601129271F, 0.00976137072F, -2.29170764e-05F, 1.47722926e-06F);
-    const float below = polynomial(z, 3.12350798F, 0.671267331F, 0.0582534708F, 0.00217139255F);
+    const V above = polynomial(z, 1.24609947F, 0.0601129271F, 0.00976137072F, -2.29170764e-05F, 1.47722926e-06F);
+    const V below = polynomial(z, 3.12350798F, 0.671267331F, 0.0582534708F, 0.00217139255F);
     return above / below;
 }
 
 /// The normal distribution function at x. Nearer to 0 than the limit it is 1/2 + x near; beyond, `tail` is what is
 /// missing to 1, or to 0 on the other side, and nothing from 5.5 on.
+template <Singles V>
 struct NormalParts {
-    std::uint32_t far;  ///< as bits
-    float near;
-    float tail;
+    Bits<V> far;
+    V near;
+    V tail;
 };
-ORNIK_IN_PLACE NormalParts normal_parts(float x) {
-    const float a = std::fabs(x);
-    const float t = a - 4.0F;
-    const float beyond =
+template <Singles V>
+ORNIK_IN_PLACE NormalParts<V> normal_parts(V x) {
+    const V a = magnitude(x);
+    const V t = a - 4.0F;
+    const V beyond =
         polynomial(t, 3.167571335e-5F, -0.000133893114F, 0.0002675305209F, -0.0003339059821F,  // 2^-26
                    0.0002904067506F, -0.0001838246734F, 8.249885903e-5F, -2.319020016e-5F, 2.981397941e-6F);
-    const float positive = beyond < 0.0F ? 0.0F : beyond;
-    return {bits_if(a >= normal_near_limit), normal_near(x), selected(bits_if(a < 5.5F), positive, 0.0F)};
+    const V positive = larger(all<V>(0.0F), beyond);
+    return {bits_if(a >= normal_near_limit), normal_near(x), selected(bits_if(a < 5.5F), positive, V{})};
 }
 
 }  // namespace ornik::elementary

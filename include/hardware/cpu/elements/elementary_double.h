@@ -320,22 +320,20 @@ ORNIK_IN_PLACE double sin_near(double x) { return negated_if(sign_bit(x), sin_tu
 ORNIK_IN_PLACE double cos_near(double x) { return sin_turned(turned_near(std::fabs(x)), 1); }
 ORNIK_IN_PLACE double tan_near(double x) { return negated_if(sign_bit(x), tan_turned(turned_near(std::fabs(x)))); }
 
-/// Of any x.
+/// Of any finite x.
+inline Turned turned(double x) { return x > circular_limit<double> ? turned_far(x) : turned_near(x); }
 template <typename Function>
-ORNIK_IN_PLACE double by_distance(double x, const Function& function) {
-    if (!(x < HUGE_VAL)) {
-        return NAN;
-    }
-    return function(x > circular_limit<double> ? turned_far(x) : turned_near(x));
+ORNIK_IN_PLACE double if_finite(double x, const Function& function) {
+    return x < HUGE_VAL ? function(turned(x)) : NAN;
 }
 inline double sin(double x) {
-    return negated_if(sign_bit(x), by_distance(std::fabs(x), [](const Turned& t) { return sin_turned(t, 0); }));
+    return negated_if(sign_bit(x), if_finite(std::fabs(x), [](const Turned& t) { return sin_turned(t, 0); }));
 }
 inline double cos(double x) {
-    return by_distance(std::fabs(x), [](const Turned& t) { return sin_turned(t, 1); });
+    return if_finite(std::fabs(x), [](const Turned& t) { return sin_turned(t, 1); });
 }
 inline double tan(double x) {
-    return negated_if(sign_bit(x), by_distance(std::fabs(x), [](const Turned& t) { return tan_turned(t); }));
+    return negated_if(sign_bit(x), if_finite(std::fabs(x), [](const Turned& t) { return tan_turned(t); }));
 }
 
 /// Angles of tangents of 0 to 8 eighths.

@@ -22,6 +22,14 @@ namespace {
 ORNIK_OPERATIONS_HERE(ORNIK_BINARY_FUNCTION)
 }  // namespace
 
+template <>
+struct Surely<pow_function, float> {
+    static constexpr bool known = true;
+    ORNIK_IN_PLACE static float value(float x, float y, int& unsure) {
+        return real_functions::pow_surely(x, y, unsure);
+    }
+};
+
 ElementKernel real_kernel(operations::Binary operation) {
     switch (operation) {
 #define ORNIK_CASE(name, ...)      \

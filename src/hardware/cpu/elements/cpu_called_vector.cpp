@@ -18,7 +18,7 @@ called::SineCosine called::sin_and_cos(double x) {
     if (!(a < HUGE_VAL)) {
         return {NAN, NAN};
     }
-    const Turned t = a > circular_limit<double> ? turned_far(a) : turned_near(a);
+    const Turned t = turned(a);
     return {negated_if(sign_bit(x), sin_turned(t, 0)), sin_turned(t, 1)};
 }
 double called::sinh(double x) { return elementary::sinh(x); }

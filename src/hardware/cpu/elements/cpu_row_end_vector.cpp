@@ -33,8 +33,9 @@ ORNIK_ROW_END(hardswish, x* cut(x + T(3), T(0), T(6)) / T(6))
 
 }  // namespace
 
-template <>
-struct NearZero<silu_end, float> : real_functions::SiluNear {};
+ORNIK_IN_VECTORS(sigmoid_end)
+ORNIK_IN_VECTORS(silu_end)
+ORNIK_IN_VECTORS(gelu_end)
 template <>
 struct NearZero<gelu_end, float> : real_functions::GeluNear {};
 
@@ -43,8 +44,8 @@ namespace {
 template <typename End, typename T>
 void run_row(void* elements, std::int64_t count) {
     T* const x = static_cast<T*>(elements);
-    if constexpr (NearZero<End, T>::differs) {
-        run_by_nearness<End>(count, x, x);
+    if constexpr (InVectors<End, T>::better) {
+        run_in_vectors<End>(count, x, x);
         return;
     }
     const End end{};

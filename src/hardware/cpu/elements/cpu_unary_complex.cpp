@@ -1,4 +1,6 @@
 // cpu_unary_complex.cpp: unary operations on complex elements, and their gradients.
+#include <algorithm>
+
 #include "complex_functions.h"
 #include "row_kernels.h"
 #include "slopes.h"
@@ -34,6 +36,53 @@ ORNIK_OPERATIONS_HERE(ORNIK_UNARY_FUNCTION)
         }                                                                       \
     };
 ORNIK_WIDE_OPERATIONS(ORNIK_WIDE_FUNCTION)
+
+// ---- Those of which many are faster together, their parts apart ----
+
+template <typename Function>
+struct Parts {
+    static constexpr bool known = false;
+};
+#define ORNIK_PARTS(name)                                                  \
+    template <>                                                            \
+    struct Parts<name##_function> {                                        \
+        static constexpr bool known = true;                                \
+        static constexpr auto* compute = elementary::called::name##_parts; \
+    };
+ORNIK_PARTS(exp)
+ORNIK_PARTS(asin)
+ORNIK_PARTS(acos)
+ORNIK_PARTS(atan)
+ORNIK_PARTS(asinh)
+ORNIK_PARTS(acosh)
+ORNIK_PARTS(atanh)
+
+template <typename Function>
+void wide_kernel(const MultiTensorIterationHelper& elements, std::int64_t dtype) {
+    if constexpr (!Parts<Function>::known) {
+        unary_kernel<Function, ComplexTypes>(elements, dtype);
+    } else {
+        dispatch(ComplexTypes{}, dtype, [&]<typename T>() {
+            elements.run_rows<TypeList<T>, TypeList<T>>([](std::int64_t n, T* out, const T* in) {
+                using Part = decltype(T::real);
+                constexpr std::int64_t block = 64;
+                double re[block];
+                double im[block];
+                for (std::int64_t first = 0; first < n; first += block, in += block, out += block) {
+                    const std::int64_t count = std::min(block, n - first);
+                    for (std::int64_t i = 0; i < count; ++i) {
+                        re[i] = static_cast<double>(in[i].real);
+                        im[i] = static_cast<double>(in[i].imag);
+                    }
+                    const bool together = Parts<Function>::compute(count, re, im);
+                    for (std::int64_t i = 0; i < count; ++i) {
+                        out[i] = together ? T{static_cast<Part>(re[i]), static_cast<Part>(im[i])} : Function{}(in[i]);
+                    }
+                }
+            });
+        });
+    }
+}
 
 // ---- Gradients: (x, y, grad), the latter two real where the operation gives a part ----
 
@@ -103,7 +152,10 @@ ElementKernel complex_kernel(operations::Unary operation) {
     case operations::Unary::name: \
         return unary_kernel<name##_function, ComplexTypes>;
         ORNIK_OPERATIONS_HERE(ORNIK_CASE)
-        ORNIK_WIDE_OPERATIONS(ORNIK_CASE)
+#define ORNIK_WIDE_CASE(name, ...) \
+    case operations::Unary::name:  \
+        return wide_kernel<name##_function>;
+        ORNIK_WIDE_OPERATIONS(ORNIK_WIDE_CASE)
         default:
             return nullptr;
     }

@@ -27,6 +27,16 @@ void grad_kernel(const MultiTensorIterationHelper& elements, std::int64_t dtype)
 
 }  // namespace
 
+ORNIK_IN_VECTORS(silu_grad)
+ORNIK_IN_VECTORS(gelu_grad)
+template <>
+struct NearZero<gelu_grad, float> : real_functions::GeluSlopeNear {
+    template <elementary::Singles V>
+    ORNIK_IN_PLACE static V value(V x, V /*y*/, V grad) {
+        return grad * GeluSlopeNear::value(x);
+    }
+};
+
 template <std::floating_point T>
 struct BeyondLimit<sin_grad, T> {
     static constexpr bool needed = true;

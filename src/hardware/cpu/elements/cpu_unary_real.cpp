@@ -31,10 +31,12 @@ ORNIK_BEYOND_LIMIT(sin)
 ORNIK_BEYOND_LIMIT(cos)
 ORNIK_BEYOND_LIMIT(tan)
 
+ORNIK_IN_VECTORS(exp_function)
+ORNIK_IN_VECTORS(sigmoid_function)
+ORNIK_IN_VECTORS(silu_function)
+ORNIK_IN_VECTORS(gelu_function)
 template <>
 struct NearZero<gelu_function, float> : real_functions::GeluNear {};
-template <>
-struct NearZero<silu_function, float> : real_functions::SiluNear {};
 
 ElementKernel real_kernel(operations::Unary operation) {
     switch (operation) {

@@ -12,17 +12,21 @@
 namespace ornik::real_functions {
 
 using elementary::fused;
+using elementary::Singles;
 
 // ---- Exponentials and logarithms ----
 
-ORNIK_IN_PLACE float exp(float x) { return elementary::exp(x); }
+template <Singles V>
+ORNIK_IN_PLACE V exp(V x) {
+    return elementary::exp(x);
+}
 ORNIK_IN_PLACE double exp(double x) { return elementary::exp(x); }
 ORNIK_IN_PLACE float exp2(float x) {
-    return static_cast<float>(elementary::exp(elementary::clamped<double>(x, -1000, 1000) * 0.69314718055994531));
+    return static_cast<float>(elementary::exp(elementary::clamped(double{x}, -1000, 1000) * 0.69314718055994531));
 }
 ORNIK_IN_PLACE double exp2(double x) { return elementary::exp2(x); }
 ORNIK_IN_PLACE float expm1(float x) {
-    return std::copysign(static_cast<float>(elementary::expm1_moderate(elementary::clamped<double>(x, -100, 100))), x);
+    return std::copysign(static_cast<float>(elementary::expm1_moderate(elementary::clamped(double{x}, -100, 100))), x);
 }
 ORNIK_IN_PLACE double expm1(double x) { return elementary::expm1(x); }
 ORNIK_IN_PLACE float log(float x) { return elementary::log(x); }
@@ -75,18 +79,19 @@ ORNIK_IN_PLACE float atan(float x) { return static_cast<float>(elementary::atan_
 ORNIK_IN_PLACE double atan(double x) { return elementary::atan(x); }
 
 ORNIK_IN_PLACE float sinh(float x) {
-    const double e = elementary::expm1_moderate(elementary::clamped<double>(std::fabs(x), 0, 100));
+    const double e = elementary::expm1_moderate(elementary::clamped(double{std::fabs(x)}, 0, 100));
     return std::copysign(static_cast<float>(0.5 * (e + e / (e + 1.0))), x);
 }
 ORNIK_IN_PLACE double sinh(double x) { return elementary::sinh(x); }
 ORNIK_IN_PLACE float cosh(float x) {
-    const double e = elementary::exp(elementary::clamped<double>(x, -100, 100));
+    const double e = elementary::exp(elementary::clamped(double{x}, -100, 100));
     return static_cast<float>(0.5 * (e + 1.0 / e));
 }
 ORNIK_IN_PLACE double cosh(double x) { return elementary::cosh(x); }
-ORNIK_IN_PLACE float tanh(float x) {
-    const float e = elementary::expm1_moderate(-2.0F * elementary::clamped(std::fabs(x), 0.0F, 40.0F));
-    return std::copysign(e / (2.0F + e), x);
+template <Singles V>
+ORNIK_IN_PLACE V tanh(V x) {
+    const V e = elementary::expm1_moderate(-2.0F * elementary::clamped(elementary::magnitude(x), 0.0F, 40.0F));
+    return elementary::with_sign(e / (2.0F + e), x);
 }
 ORNIK_IN_PLACE double tanh(double x) { return elementary::tanh(x); }
 
@@ -110,7 +115,10 @@ ORNIK_IN_PLACE double atanh(double x) { return elementary::atanh(x); }
 
 // ---- Functions of neural networks ----
 
-ORNIK_IN_PLACE float sigmoid(float x) { return elementary::sigmoid(x); }
+template <Singles V>
+ORNIK_IN_PLACE V sigmoid(V x) {
+    return elementary::sigmoid(x);
+}
 ORNIK_IN_PLACE double sigmoid(double x) {
     const double e = exp(-std::fabs(x));
     return (x < 0.0 ? e : 1.0) / (1.0 + e);
@@ -125,53 +133,67 @@ template <std::floating_point T>
 ORNIK_IN_PLACE T logsigmoid(T x) {
     return -softplus(-x);
 }
-/// x sigmoid(x) = x / (1 + e^-x) of an x nearer to 0 than the limit: in pairs of numbers to 2^-30, before it is
+/// x sigmoid(x) = x / (1 + e^-x) of an x nearer to 0 than the limit: in pairs of numbers to 2^-31, before it is
 /// rounded.
-ORNIK_IN_PLACE float silu_near(float x) {
+inline constexpr float silu_limit = 80.0F;
+template <Singles V>
+ORNIK_IN_PLACE V silu_near(V x) {
     using namespace elementary;
-    // -x = k ln 2 + r + r_low; the low bits of the sum are k's biased exponent.
-    const float shifted = fused(x, -1.44269504F, whole32 + 127.0F);
-    const float k = shifted - (whole32 + 127.0F);
-    const float high = fused(-k, ln2_high32, -x);
-    const float r = fused(-k, ln2_low32, high);
-    const float r_low = fused(-k, ln2_low32, high - r);
-    // e^r = 1 + (r + r^2 / 2) + r^3 / 6 + ...; what a rounded square, cube, sum or sixth lacks is added to the rest.
-    constexpr float sixth = 0.166666672F;
-    const float square = r * r;
-    const float cube = square * r;
-    const float near = fused(square, 0.5F, r);
-    const float near_low = fused(square, 0.5F, r - near);
-    const float lost =
-        fused(fused(square, r, -cube), sixth, fused(fused(r, r, -square), 0.5F, fused(r_low, near, r_low + near_low)));
-    // (e^r - 1 - r - r^2 / 2) / r^3 - sixth; 2^-35 of e^r.
-    const float tail = polynomial(r, -4.9670538e-9F, 0.04166666667F, 0.008333320759F, 0.001388887632F, 0.0001988291202F,
-                                  2.484322186e-05F);
-    const float rest = fused(cube, sixth, fused(cube, tail, lost));
-    const float growth = near + rest;
-    const float mantissa = 1.0F + growth;
-    const float mantissa_low = (growth - (mantissa - 1.0F)) + (rest - (growth - near));
-    const float scale = std::bit_cast<float>(std::bit_cast<std::uint32_t>(shifted) << 23);
-    // 1 + e^-x, whichever of the two is more.
-    const float power = mantissa * scale;
-    const float below = 1.0F + power;
-    const float added = below - 1.0F;
-    const float below_low = fused(mantissa_low, scale, (1.0F - (below - added)) + (power - added));
-    const float inverse = 1.0F / below;
-    const float quotient = x * inverse;
-    const float missing = fused(-quotient, below_low, fused(-quotient, below, x));
-    return std::copysign(fused(missing, inverse, quotient), x);
+    // Powers of 2^(1/8) of 23 digits, so that 1 more is exact where they are not below 1, and the logarithm of what
+    // they lack.
+    static constexpr float powers[] = {0x1p+0F,        0x1.172b84p+0F, 0x1.306fe0p+0F, 0x1.4bfdacp+0F,
+                                       0x1.6a09e8p+0F, 0x1.8ace54p+0F, 0x1.ae89f8p+0F, 0x1.d5818cp+0F};
+    static constexpr float lacking[] = {0.0F,
+                                        -0x1.9c0c22p-27F,
+                                        0x1.125002p-25F,
+                                        0x1.05b3acp-24F,
+                                        -0x1.20888ep-24F,
+                                        0x1.67a1cap-28F,
+                                        0x1.e26f00p-25F,
+                                        0x1.f9b2d8p-25F};
+    // x = -k ln 2 + high - low in eighths of k, which the low bits of the sum count; high is exact.
+    constexpr float eighths = 0x1.8p20F;
+    const V shifted = fused(x, all<V>(-1.44269504F), all<V>(eighths));
+    const V k = shifted - eighths;
+    const Bits<V> count = bits_of(shifted);
+    const V high = fused(k, all<V>(0x1.62e43p-1F), x);
+    const V low = fused(k, all<V>(0x1.05c61p-29F), looked_up<V>(lacking, count));
+    // e^-r = 1 - high + rest; 2^-32.
+    const V r = high - low;
+    const V rest = fused(r * r, polynomial(r, 0.5F, -0x1.555c96p-3F, 0x1.555a2cp-5F), low);
+    // 1 + e^-x = sum - power high + ...
+    const V power = from_bits<V>(bits_of(looked_up<V>(powers, count)) + ((count >> 3) << 23));
+    const V most = larger(all<V>(1.0F), power);
+    const V least = smaller(all<V>(1.0F), power);
+    const V sum = most + least;
+    const V lost = least - (sum - most);
+    const V below = fused(power, rest - high, sum);
+    const V below_low = fused_minus(power, high, sum - below) + fused(power, rest, lost);
+    const V inverse = 1.0F / below;
+    const V quotient = x * inverse;
+    const V excess = fused(quotient, below_low, fused_less(quotient, below, x));
+    return fused_minus(excess, inverse, quotient);
 }
-/// What row kernels know of such functions (NearZero, row_kernels.h).
-struct SiluNear {
-    static constexpr bool differs = true;
-    static constexpr float limit = 48.0F;
-    ORNIK_IN_PLACE static float value(float x) { return silu_near(x); }
-};
-ORNIK_IN_PLACE float silu(float x) {
+/// Of any x.
+inline float silu_far(float x) {
     const double d = elementary::clamped(x, -200.0F, 200.0F);
     const double power = elementary::power_of_two_approx(d * -1.4426950408889634);
-    const float far = static_cast<float>(double{elementary::clamped(x, -200.0F, INFINITY)} / (1.0 + power));
-    return elementary::selected(elementary::bits_if(std::fabs(x) >= SiluNear::limit), far, silu_near(x));
+    return static_cast<float>(double{elementary::clamped(x, -200.0F, INFINITY)} / (1.0 + power));
+}
+template <Singles V>
+ORNIK_IN_PLACE V silu(V x) {
+    V y = silu_near(x);
+    constexpr auto limit = std::bit_cast<std::uint32_t>(silu_limit);
+    if (device::cpu::vec::any_from(elementary::bits_of(elementary::magnitude(x)), limit)) [[unlikely]] {
+        if constexpr (std::is_same_v<V, float>) {
+            return silu_far(x);
+        } else {
+            for (unsigned i = 0; i < sizeof(V) / sizeof(float); ++i) {
+                y[i] = std::fabs(x[i]) < silu_limit ? y[i] : silu_far(x[i]);
+            }
+        }
+    }
+    return y;
 }
 ORNIK_IN_PLACE double silu(double x) {
     // Two factors, so that none is subnormal before the result is.
@@ -182,20 +204,21 @@ ORNIK_IN_PLACE double silu(double x) {
 }
 /// x (1 + erf(x / sqrt(2))) / 2. In single precision the relative error is bounded for x above -1/2 alone: below, the
 /// error is at most 2^-23 |x|.
-ORNIK_IN_PLACE float gelu(float x) {
-    using elementary::selected;
-    const auto [far, near, tail] = elementary::normal_parts(x);
-    const float a = elementary::clamped(std::fabs(x), 0.0F, 6.0F);
-    const float positive = x < 0.0F ? 0.0F : x;
-    const float value = fused(selected(far, -a, x * x), selected(far, tail, near), selected(far, positive, 0.5F * x));
-    return std::copysign(value, x);
+template <Singles V>
+ORNIK_IN_PLACE V gelu(V x) {
+    using namespace elementary;
+    const auto [far, near, tail] = normal_parts(x);
+    const V a = clamped(magnitude(x), 0.0F, 6.0F);
+    const V positive = larger(all<V>(0.0F), x);
+    return with_sign(fused(selected(far, -a, x * x), selected(far, tail, near), selected(far, positive, 0.5F * x)), x);
 }
-/// The same of an x nearer to 0.
+/// The same of an x nearer to 0: what row kernels know of such functions (NearZero, row_kernels.h).
 struct GeluNear {
     static constexpr bool differs = true;
     static constexpr float limit = elementary::normal_near_limit;
-    ORNIK_IN_PLACE static float value(float x) {
-        return std::copysign(fused(x * x, elementary::normal_near(x), 0.5F * x), x);
+    template <Singles V>
+    ORNIK_IN_PLACE static V value(V x) {
+        return elementary::with_sign(fused(x * x, elementary::normal_near(x), 0.5F * x), x);
     }
 };
 inline double gelu(double x) {
@@ -211,31 +234,50 @@ inline double gelu(double x) {
     return 0.5 * d * (tail - tail * steep);
 }
 /// Derivative of silu, sigmoid(x) (1 + x sigmoid(-x)); its clamped argument keeps infinities from meeting zeros.
-ORNIK_IN_PLACE float silu_slope(float x) {
-    const float d = elementary::clamped(x, -800.0F, 800.0F);
-    const float power = elementary::exp(-std::fabs(d));
-    const float above = 1.0F / (1.0F + power);  // sigmoid(|d|)
-    const float below = power * above;
-    const std::uint32_t negative = elementary::bits_if(d < 0.0F);
-    return elementary::selected(negative, below, above) * fused(d, elementary::selected(negative, above, below), 1.0F);
+template <Singles V>
+ORNIK_IN_PLACE V silu_slope(V x) {
+    using namespace elementary;
+    const V d = clamped(x, -800.0F, 800.0F);
+    const V power = elementary::exp(-magnitude(d));
+    const V above = 1.0F / (1.0F + power);  // sigmoid(|d|)
+    const V below = power * above;
+    const Bits<V> negative = bits_if(d < 0.0F);
+    return selected(negative, below, above) * fused(d, selected(negative, above, below), all<V>(1.0F));
 }
 ORNIK_IN_PLACE double silu_slope(double x) {
     const double d = elementary::clamped(x, -800.0, 800.0);
     return sigmoid(d) * (1.0 + d * sigmoid(-d));
 }
 /// Derivative of gelu: the normal distribution and x times its density.
-ORNIK_IN_PLACE float gelu_slope(float x) {
-    const float d = elementary::clamped(x, -12.0F, 12.0F);
-    const auto [far, near, tail] = elementary::normal_parts(d);
-    const float density = elementary::scaled_power(-0.5F * d * d) * (0.39894228F * 0x1p-24F);
-    const float beyond = d < 0.0F ? tail : 1.0F - tail;
-    return fused(d, density, elementary::selected(far, beyond, fused(d, near, 0.5F)));
+template <Singles V>
+ORNIK_IN_PLACE V gelu_slope(V x) {
+    using namespace elementary;
+    const V d = clamped(x, -12.0F, 12.0F);
+    const auto [far, near, tail] = normal_parts(d);
+    const V density = scaled_power(-0.5F * d * d) * (0.39894228F * 0x1p-24F);
+    const V beyond = selected(bits_if(d < 0.0F), tail, 1.0F - tail);
+    return fused(d, density, selected(far, beyond, fused(d, near, all<V>(0.5F))));
 }
+/// The same of an x nearer to 0.
+struct GeluSlopeNear {
+    static constexpr bool differs = true;
+    static constexpr float limit = elementary::normal_near_limit;
+    template <Singles V>
+    ORNIK_IN_PLACE static V value(V x) {
+        using namespace elementary;
+        const auto [k, r] = by_ln2(-0.5F * x * x);
+        const V density = exp_near(r) * power_of_two<V>(k) * 0.39894228F;
+        return fused(x, density, fused(x, normal_near(x), all<V>(0.5F)));
+    }
+};
 ORNIK_IN_PLACE double gelu_slope(double x) {
     const double d = elementary::clamped(x, -50.0, 50.0);
     return 0.5 * elementary::erfc(d * -0.70710678118654752) + 0.39894228040143268 * d * exp(-0.5 * d * d);
 }
-ORNIK_IN_PLACE float erf(float x) { return elementary::erf(x); }
+template <Singles V>
+ORNIK_IN_PLACE V erf(V x) {
+    return elementary::erf(x);
+}
 ORNIK_IN_PLACE double erf(double x) { return elementary::erf(x); }
 
 // ---- Signs, parts and tests ----
@@ -313,6 +355,16 @@ ORNIK_IN_PLACE bool logical_not(T x) {
 template <std::floating_point T>
 ORNIK_IN_PLACE T pow(T x, T y) {
     return static_cast<T>(elementary::pow(double{x}, double{y}));
+}
+/// The power of single-precision numbers in single steps, to 2^-44; `unsure` is set where that does not tell what pow()
+/// is.
+ORNIK_IN_PLACE float pow_surely(float x, float y, int& unsure) {
+    const double exponent = elementary::log_of_normal(double{x}, 1023.0) * double{y};
+    const double power = elementary::power_in_range(elementary::clamped(exponent, -200.0, 200.0));
+    const auto low = static_cast<float>(power * (1.0 - 0x1p-43));
+    const auto high = static_cast<float>(power * (1.0 + 0x1p-43));
+    unsure |= static_cast<int>(!((x > 0.0F) & (x < INFINITY) & (low == high)));
+    return low;
 }
 template <std::floating_point T>
 ORNIK_IN_PLACE T atan2(T y, T x) {

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <algorithm>
+#include <bit>
+#include <cstring>
 
 #include "hardware/cpu/dispatch.h"
 #include "hardware/cpu/elements/cpu_elements.h"
@@ -16,34 +18,90 @@ struct BeyondLimit {
     static constexpr bool needed = false;
 };
 
-/// Function objects that are simpler nearer to 0 than a limit specialise this with the limit and a function `value` of
-/// the same bits.
+/// Function objects that do better with vectors written out than with those that compilers make of loops specialise
+/// this.
+template <typename Function, typename T>
+struct InVectors {
+    static constexpr bool better = false;
+};
+/// Those that are simpler nearer to 0 than a limit specialise this, too, with the limit and a function `value` of the
+/// same bits.
 template <typename Function, typename T>
 struct NearZero {
     static constexpr bool differs = false;
 };
 
-/// out[i] = Function()(in[i]), by the simpler function for blocks that lie near 0.
-template <typename Function, typename T>
-void run_by_nearness(std::int64_t n, T* out, const T* in) {
-    constexpr std::int64_t block = 128;
+/// out[i] = Function()(first[i], rest[i]...), in vectors.
+template <typename Function, typename... Rest>
+void run_in_vectors(std::int64_t n, float* out, const float* first, const Rest*... rest) {
+    using V = vec::Vector<float>;
+    constexpr std::int64_t width = vec::lanes<float>;
     const Function function{};
-    for (std::int64_t first = 0; first < n; first += block, in += block, out += block) {
-        const std::int64_t count = std::min(block, n - first);
-        int any = 0;
-        for (std::int64_t i = 0; i < count; ++i) {
-            any |= static_cast<int>(std::fabs(in[i]) >= NearZero<Function, T>::limit);
+    std::int64_t i = 0;
+    if constexpr (NearZero<Function, float>::differs) {
+        using Near = NearZero<Function, float>;
+        constexpr int together = 4;
+        for (; i + together * width <= n; i += together * width) {
+            vec::Bits<V> most{};
+            ORNIK_UNROLLED
+            for (int v = 0; v < together; ++v) {
+                const auto size = vec::bits_of(elementary::magnitude(vec::load<V>(first + i + v * width)));
+                most = most > size ? most : size;
+            }
+            if (vec::any_from(most, std::bit_cast<std::uint32_t>(Near::limit))) {
+                ORNIK_UNROLLED
+                for (std::int64_t at = i; at < i + together * width; at += width) {
+                    vec::store(function(vec::load<V>(first + at), vec::load<V>(rest + at)...), out + at);
+                }
+            } else {
+                ORNIK_UNROLLED
+                for (std::int64_t at = i; at < i + together * width; at += width) {
+                    vec::store(Near::value(vec::load<V>(first + at), vec::load<V>(rest + at)...), out + at);
+                }
+            }
         }
-        if (any != 0) {
-            ORNIK_INDEPENDENT_ITERATIONS
-            for (std::int64_t i = 0; i < count; ++i) {
-                out[i] = function(in[i]);
-            }
-        } else {
-            ORNIK_INDEPENDENT_ITERATIONS
-            for (std::int64_t i = 0; i < count; ++i) {
-                out[i] = NearZero<Function, T>::value(in[i]);
-            }
+    }
+    for (; i + width <= n; i += width) {
+        vec::store(function(vec::load<V>(first + i), vec::load<V>(rest + i)...), out + i);
+    }
+    if (i < n) {
+        const auto bytes = static_cast<std::size_t>(n - i) * sizeof(float);
+        const auto last = [&](const float* from) {
+            V x{};
+            std::memcpy(&x, from + i, bytes);
+            return x;
+        };
+        const V values = function(last(first), last(rest)...);
+        std::memcpy(out + i, &values, bytes);
+    }
+}
+
+/// Function objects that mostly have a shorter way to the same bits specialise this with a function `value`, which sets
+/// its last argument where that can not tell.
+template <typename Function, typename T>
+struct Surely {
+    static constexpr bool known = false;
+};
+
+/// out[i] = Function()(in[i]...), the shorter way.
+template <typename Function, typename Out, typename... In>
+void run_surely(std::int64_t n, Out* out, const In*... in) {
+    constexpr std::int64_t block = 128;
+    Out values[block];
+    const Function function{};
+    for (std::int64_t first = 0; first < n; first += block) {
+        const std::int64_t count = std::min(block, n - first);
+        int unsure = 0;
+        for (std::int64_t i = 0; i < count; ++i) {
+            values[i] = Surely<Function, Out>::value(in[first + i]..., unsure);
+        }
+        if (unsure == 0) {
+            std::copy_n(values, count, out + first);
+            continue;
+        }
+        ORNIK_INDEPENDENT_ITERATIONS
+        for (std::int64_t i = first; i < first + count; ++i) {
+            out[i] = function(in[i]...);
         }
     }
 }
@@ -54,8 +112,12 @@ void run_function_rows(const MultiTensorIterationHelper& elements) {
     using Beyond = BeyondLimit<Function, First>;
     elements.run_rows<TypeList<Out>, TypeList<First, Rest...>>([](std::int64_t n, Out* out, const First* first,
                                                                   const Rest*... rest) {
-        if constexpr (NearZero<Function, First>::differs) {
-            run_by_nearness<Function>(n, out, first, rest...);
+        if constexpr (InVectors<Function, First>::better) {
+            run_in_vectors<Function>(n, out, first, rest...);
+            return;
+        }
+        if constexpr (Surely<Function, First>::known) {
+            run_surely<Function>(n, out, first, rest...);
             return;
         }
         const Function function{};
@@ -92,6 +154,12 @@ void binary_kernel(const MultiTensorIterationHelper& elements, std::int64_t dtyp
 }
 
 }  // namespace ornik::device::cpu
+
+#define ORNIK_IN_VECTORS(function)           \
+    template <>                              \
+    struct InVectors<function, float> {      \
+        static constexpr bool better = true; \
+    };
 
 // Function objects and table rows of the operations in a list: functions stand in FUNCTIONS.
 #define ORNIK_UNARY_FUNCTION(name, ...)             \

@@ -1,5 +1,8 @@
 #include "hardware/cpu/nn/cpu_softmax.h"
 
+#include <algorithm>
+#include <type_traits>
+
 #include "../axis/cpu_axis_runs.h"
 #include "descriptors/element_load.h"
 #include "hardware/cpu/dispatch.h"
@@ -12,12 +15,15 @@ namespace {
 constexpr std::int64_t exponential_cost = 4;
 constexpr std::int64_t short_row = 4096;  // bytes
 
-// Brings near what mostly follows a short row: hardware has no time to notice. Longer ones it knows by itself.
-void fetch_next_row(const char* input, const char* other, const char* output, std::int64_t bytes) {
+constexpr std::int64_t lead = 2048;  // bytes that pass while memory answers
+
+// Brings near what mostly follows short rows: hardware has no time to notice. Longer ones it knows by itself.
+void fetch_next_rows(const char* input, const char* other, const char* output, std::int64_t bytes) {
     if (bytes > short_row) {
         return;
     }
-    for (std::int64_t at = bytes; at < 2 * bytes; at += 64) {
+    const std::int64_t first = std::max(bytes, lead);
+    for (std::int64_t at = first; at < first + bytes; at += 64) {
         vec::prefetch(input + at);
         if (other != input) {
             vec::prefetch(other + at);
@@ -43,7 +49,7 @@ void for_each_row(const Tensor* first, const Tensor* second, Tensor* out, int ax
     dispatch(FloatTypes{}, first->Dtype(), [&]<typename T>() {
         runs.for_each(exponential_cost, [&](char* const* run) {
             char* const* others = second != nullptr ? run + 1 : run;
-            fetch_next_row(run[0], others[0], others[1], n * static_cast<std::int64_t>(sizeof(T)));
+            fetch_next_rows(run[0], others[0], others[1], n * static_cast<std::int64_t>(sizeof(T)));
             row(as<const T>(run[0]), as<const T>(others[0]), as<T>(others[1]), n);
         });
     });
@@ -81,8 +87,15 @@ void log_softmax(const Tensor* in, Tensor* out, int axis) {
 void log_softmax_grad(const Tensor* y, const Tensor* g, Tensor* out, int axis) {
     for_each_row(y, g, out, axis, []<typename T>(const T* output, const T* gradient, T* result, std::int64_t n) {
         const T sum = row::sum(gradient, n);
+        std::int64_t i = 0;
+        if constexpr (std::is_same_v<T, float>) {
+            using V = vec::Vector<float>;
+            for (; i + vec::lanes<float> <= n; i += vec::lanes<float>) {
+                vec::store(vec::load<V>(gradient + i) - elementary::exp(vec::load<V>(output + i)) * sum, result + i);
+            }
+        }
         ORNIK_INDEPENDENT_ITERATIONS
-        for (std::int64_t i = 0; i < n; ++i) {
+        for (; i < n; ++i) {
             result[i] = gradient[i] - elementary::exp(output[i]) * sum;
         }
     });
