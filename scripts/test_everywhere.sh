@@ -45,11 +45,17 @@ build_digests() {
 
 has() { grep -q -w -- "$1" /proc/cpuinfo; }
 
+# What compilers make of loops by themselves stops qemu 7.2: it takes the vector register 4, where a gather has its
+# addresses, for none at all, and reads what a masked load is not to read. The kernels' own vectors stay.
+emulated_flags=-fno-tree-loop-vectorize
+
 # run_emulated LEVEL PROCESSOR
 run_emulated() {
+    local tree=x86-64-$1 flags=
+    [ "$1" = v3 ] && tree=$tree-emulated flags=$emulated_flags
     install_missing qemu-user
-    build_digests "x86-64-$1" "-DORNIK_ARCH=x86-64-$1"
-    qemu-x86_64 -cpu "$2" "$root/build/x86-64-$1/tests/digests" --check "$list" "${short[@]}"
+    build_digests "$tree" "-DORNIK_ARCH=x86-64-$1" "-DCMAKE_CXX_FLAGS=$flags"
+    qemu-x86_64 -cpu "$2" "$root/build/$tree/tests/digests" --check "$list" "${short[@]}"
 }
 
 # An instruction set runs here where the processor has it, and on qemu's best one otherwise; qemu has no AVX-512.

@@ -8,6 +8,9 @@
 
 #include "failing_allocation.h"
 #include "hostile/calls.h"
+#include "layers/functional/blocked_image.h"
+#include "layers/functional/prepared_convolution.h"
+#include "layers/functional/prepared_linear.h"
 
 #if defined(__GNUC__) && !defined(__clang__)
 // Once a pair is inlined, the compiler takes malloc's memory for that of its own operator new.
@@ -65,6 +68,21 @@ namespace {
 using device::AllocatorConfig;
 using device::PoolKind;
 
+// Layers prepared for inference: their weights are made and lost with each call.
+void run_prepared_layers(World& world, std::int64_t type) {
+    const auto image = [&](Dims shape) { return world.keep(TensorPtr(Tensor::full(shape, 0.5F, 0, type))); };
+    Tensor* const input = image({2, 24, 9, 9});
+    const nn::PreparedConvolution dense(image({24, 24, 3, 3}), image({24}), {.padding = {{{1, 1}, {1, 1}}}});
+    const nn::PreparedConvolution depthwise(image({24, 1, 3, 3}), nullptr, {.groups = 24});
+    const nn::PreparedLinear linear(image({5, 24}), image({5}));
+    world.take(depthwise(dense(input, nn::LayerEnd::gelu, input).get()).release());
+    const nn::BlockedImage blocks = dense.blocked(input, nn::LayerEnd::relu);
+    const nn::BlockedImage sum = depthwise.blocked(dense.blocked(blocks, nn::LayerEnd::none, &blocks));
+    const TensorPtr means = nn::global_average(nn::max_pool(sum, {.kernel = {2, 2}, .stride = {2, 2}}));
+    const TensorPtr rows(means->view({2, 24}));
+    world.take(linear(rows.get(), nn::LinearEnd::silu).release());
+}
+
 // The public functions with their good arguments, and some with operands that are worth a region.
 std::vector<CallRow> catalogue() {
     std::vector<CallRow> rows;
@@ -88,6 +106,9 @@ std::vector<CallRow> catalogue() {
     add_large("large reduction", [](Tensor*, Tensor* twin) { return sum(twin, {0}); });
     add_large("large softmax", [](Tensor*, Tensor* twin) { return softmax(twin, 0); });
     add_large("large product", [](Tensor* big, Tensor* twin) { return matmul(big, twin); });
+    rows.push_back({"prepared layers", "", [](World& world) { run_prepared_layers(world, dtype::float32); }});
+    rows.push_back(
+        {"prepared layers of float64", "", [](World& world) { run_prepared_layers(world, dtype::float64); }});
     return rows;
 }
 

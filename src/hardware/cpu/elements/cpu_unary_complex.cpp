@@ -39,12 +39,16 @@ ORNIK_WIDE_OPERATIONS(ORNIK_WIDE_FUNCTION)
 
 // ---- Those of which many are faster together, their parts apart ----
 
-using PartsFunction = bool (*)(std::int64_t n, double* re, double* im);
 template <typename Function>
-constexpr PartsFunction parts_of = nullptr;
-#define ORNIK_PARTS(name) \
-    template <>           \
-    constexpr PartsFunction parts_of<name##_function> = elementary::called::name##_parts;
+struct Parts {
+    static constexpr bool known = false;
+};
+#define ORNIK_PARTS(name)                                                  \
+    template <>                                                            \
+    struct Parts<name##_function> {                                        \
+        static constexpr bool known = true;                                \
+        static constexpr auto* compute = elementary::called::name##_parts; \
+    };
 ORNIK_PARTS(exp)
 ORNIK_PARTS(asin)
 ORNIK_PARTS(acos)
@@ -55,7 +59,7 @@ ORNIK_PARTS(atanh)
 
 template <typename Function>
 void wide_kernel(const MultiTensorIterationHelper& elements, std::int64_t dtype) {
-    if constexpr (parts_of<Function> == nullptr) {
+    if constexpr (!Parts<Function>::known) {
         unary_kernel<Function, ComplexTypes>(elements, dtype);
     } else {
         dispatch(ComplexTypes{}, dtype, [&]<typename T>() {
@@ -70,7 +74,7 @@ void wide_kernel(const MultiTensorIterationHelper& elements, std::int64_t dtype)
                         re[i] = static_cast<double>(in[i].real);
                         im[i] = static_cast<double>(in[i].imag);
                     }
-                    const bool together = parts_of<Function>(count, re, im);
+                    const bool together = Parts<Function>::compute(count, re, im);
                     for (std::int64_t i = 0; i < count; ++i) {
                         out[i] = together ? T{static_cast<Part>(re[i]), static_cast<Part>(im[i])} : Function{}(in[i]);
                     }

@@ -1,9 +1,10 @@
 // conv_lane_sum.h: sums over taps and source channels with target channels side by side. Internal; for *_vector.cpp
 // alone.
 //
-// A tile's part of the source is staged for a block of channels at a time; then every panel of target channels adds the
-// block to its totals, which wait in the cache, a position's channels side by side. They are turned into planes at the
-// end. Strides, edges and narrow rows are the staging's business: the sums do not know of them.
+// A tile's part of the source is staged for a block of channels at a time, or beforehand where many cuts of the target
+// channels read it; then every panel of target channels adds the block to its totals, which wait in the cache, a
+// position's channels side by side. They are turned into planes at the end. Strides, edges and narrow rows are the
+// staging's business: the sums do not know of them.
 #pragma once
 
 #include <algorithm>
@@ -57,6 +58,9 @@ class LaneSum {
             weights_.write(laid_out_->get());
             prepared_ = laid_out_->get();
         }
+        if (!unstaged_ && cuts_.cuts >= many_cuts && staged_count() * staged_size() <= most_staged) {
+            stage_all();
+        }
     }
 
     std::int64_t part_count() const { return sum_.groups * sets_; }
@@ -65,7 +69,8 @@ class LaneSum {
     WorkspaceSize size() const {
         const std::int64_t totals =
             weights_.blocks() > 1 ? samples_ * positions() * cuts_.channels : most_written() * panel;
-        return {unstaged_ ? 0 : samples_ * sample_slots(), totals + (in_place_ ? 0 : most_written() * lane_width<T>),
+        return {unstaged_ || staged_ ? 0 : samples_ * sample_slots(),
+                totals + (in_place_ ? 0 : most_written() * lane_width<T>),
                 prepared_ != nullptr ? 0 : weights_.largest_panel(),
                 samples_ * positions() * cuts_.channels * sum_.source_channels * plan_.pass.taps()};
     }
@@ -82,7 +87,7 @@ class LaneSum {
                 source_ + ((first_sample * sum_.groups + group) * sum_.source_channels + block * block_channels_) *
                               plan_.pass.source_plane();
             const std::int64_t sample_step = sum_.groups * sum_.source_channels * plan_.pass.source_plane();
-            for (std::int64_t s = 0; s < samples && !unstaged_; ++s) {
+            for (std::int64_t s = 0; s < samples && !unstaged_ && !staged_; ++s) {
                 stage_planes(plan_, tile, planes + s * sample_step, weights_.channels_of(block),
                              workspace.slots.get() + s * sample_slots());
             }
@@ -103,9 +108,11 @@ class LaneSum {
                                 ahead,
                                 ahead == weights ? 0 : lane_share(weights_.width_at(target), samples * chains(tile))};
                 for (std::int64_t s = 0; s < samples; ++s) {
-                    const T* slots =
-                        unstaged_ ? planes + s * sample_step + tile.col : workspace.slots.get() + s * sample_slots();
-                    add_block(tile, slots, s, (first_sample + s) * sum_.groups + group, out, workspace);
+                    const std::int64_t sample = (first_sample + s) * sum_.groups + group;
+                    const T* slots = unstaged_ ? planes + s * sample_step + tile.col
+                                     : staged_ ? staged_->get() + staged_at(sample, index, block)
+                                               : workspace.slots.get() + s * sample_slots();
+                    add_block(tile, slots, s, sample, out, workspace);
                 }
             }
         }
@@ -113,7 +120,9 @@ class LaneSum {
 
   private:
     static constexpr std::int64_t panel = lane_vectors * lane_width<T>;
-    static constexpr std::int64_t least_positions = 5;                     // that keep the processor busy
+    static constexpr std::int64_t least_positions = 5;  // that keep the processor busy
+    static constexpr std::int64_t many_cuts = 4;
+    static constexpr std::int64_t most_staged = (std::int64_t{2} << 20) / static_cast<std::int64_t>(sizeof(T));
     static constexpr std::int64_t written_positions = 8 * lane_positions;  // together, while they are near
 
     // Target channels of one block.
@@ -146,6 +155,26 @@ class LaneSum {
 
     std::int64_t positions() const { return plan_.tile.rows * plan_.tile.cols; }
     std::int64_t sample_slots() const { return block_channels_ * plan_.plane; }
+    // Of a sample, tile and block, with room for what is written too far.
+    std::int64_t staged_size() const { return sample_slots() + line; }
+    std::int64_t staged_count() const { return sum_.batch * sum_.groups * plan_.tiles() * weights_.blocks(); }
+    std::int64_t staged_at(std::int64_t sample, std::int64_t tile, std::int64_t block) const {
+        return ((sample * plan_.tiles() + tile) * weights_.blocks() + block) * staged_size();
+    }
+    void stage_all() {
+        staged_ = std::make_unique<Scratch<T>>(staged_count() * staged_size());
+        const std::int64_t grain = std::max<std::int64_t>(2, conv_grain / 4 / staged_size());
+        parallel_for(staged_count(), 1, grain, [&](std::int64_t begin, std::int64_t end) {
+            for (std::int64_t item = begin; item < end; ++item) {
+                const std::int64_t block = item % weights_.blocks();
+                const std::int64_t tile = item / weights_.blocks() % plan_.tiles();
+                const std::int64_t sample = item / weights_.blocks() / plan_.tiles();
+                const std::int64_t channel = sample * sum_.source_channels + block * block_channels_;
+                stage_planes(plan_, Tile(plan_, tile), source_ + channel * plan_.pass.source_plane(),
+                             weights_.channels_of(block), staged_->get() + item * staged_size());
+            }
+        });
+    }
     // About the chains of a panel and sample.
     std::int64_t chains(const Tile& tile) const {
         const PositionRuns runs(plan_, tile);
@@ -257,6 +286,7 @@ class LaneSum {
     LaneWeights<T> weights_;
     const T* prepared_;                     // The weights, laid out, or null.
     std::unique_ptr<Scratch<T>> laid_out_;  // Here, where several tiles need them.
+    std::unique_ptr<Scratch<T>> staged_;    // The source of all tiles, or null.
     TargetCuts cuts_;
     std::vector<std::int64_t> offsets_;  // per step of a block
 };
