@@ -226,7 +226,7 @@ TEST(Bits, AreThoseOfThePromisedOrder) {
                 expect_promised_bits<T>(plan, flags * 4, {1, 7});
             }
         }
-        // Long rows of B, which the first tiles lay out for the others, and rows of A that crowd a cache.
+        // Long rows of B, which the first tiles lay out for the others.
         expect_promised_bits<T>({1, 43, 1024, 528, false, false, false}, 0, {1, 7});
     });
 }
