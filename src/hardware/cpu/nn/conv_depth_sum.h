@@ -45,7 +45,7 @@ class DepthSum {
                                 [](const PassAxis::Tap& a, const PassAxis::Tap& b) { return a.offset < b.offset; });
         least_ = least->offset;
         most_ = most->offset;
-        short_rows_ = vectors_of_row() <= short_vectors && pass.rows.source * row_ <= most_staged;
+        short_rows_ = has_forms && vectors_of_row() <= short_vectors && pass.rows.source * row_ <= most_staged;
         const std::int64_t staged = short_rows_ ? pass.rows.source : most_ - least_ + 1 + pass.rows.step;
         ring_ = static_cast<std::int64_t>(std::bit_ceil(static_cast<std::uint64_t>(staged)));
         const std::int64_t step = pass.cols.step;
@@ -76,16 +76,20 @@ class DepthSum {
                          // The last row holds zeros.
                          const Scratch<T> rows((ring_ + 1) * row_);
                          std::fill_n(rows.get(), (ring_ + 1) * row_, T(0));
-                         if (pass_.rows.taps.size() == 3 && pass_.cols.taps.size() == 3) {
-                             run_planes<3, 3>(begin, end, rows.get());
-                         } else {
-                             run_planes<0, 0>(begin, end, rows.get());
+                         if constexpr (has_forms) {
+                             if (pass_.rows.taps.size() == 3 && pass_.cols.taps.size() == 3) {
+                                 run_planes<3, 3>(begin, end, rows.get());
+                                 return;
+                             }
                          }
+                         run_planes<0, 0>(begin, end, rows.get());
                      });
     }
 
   private:
     using V = vec::Vector<T>;
+    // Where steps take many instructions, code for each case is large, and what it spares is little.
+    static constexpr bool has_forms = ORNIK_FUSES != 0;
     static constexpr std::int64_t width = vec::lanes<T>;
     static constexpr std::int64_t most_positions = 2048;
     static constexpr std::int64_t together = 4;       // vectors of a row, or short rows
@@ -132,12 +136,14 @@ class DepthSum {
     void run_plane(std::int64_t from, std::int64_t to, T bias, T* rows, const T** near, const Taps& taps) const {
         const T* source = source_ + from * pass_.source_plane();
         const std::int64_t plane = pass_.target_plane();
-        if (short_rows_) {
-            for (std::int64_t row = 0; row < pass_.rows.source; ++row) {
-                stage(source + row * pass_.cols.source, rows + row * row_);
+        if constexpr (has_forms) {
+            if (short_rows_) {
+                for (std::int64_t row = 0; row < pass_.rows.source; ++row) {
+                    stage(source + row * pass_.cols.source, rows + row * row_);
+                }
+                run_short_rows<Rows, Cols>(taps, bias, to * plane, (to + 1) * plane);
+                return;
             }
-            run_short_rows<Rows, Cols>(taps, bias, to * plane, (to + 1) * plane);
-            return;
         }
         std::int64_t staged = 0;  // rows of the source
         for (std::int64_t y = 0; y < pass_.rows.positions; ++y) {
