@@ -36,6 +36,7 @@ struct DepthChain {
     std::int64_t trail;
     const T* weights;
     T* out;
+    std::int64_t out_step;  // elements from one position to the next
     LaneEnds<T> ends;
 };
 
@@ -99,10 +100,10 @@ template <typename T, int Cols, int Step, int Positions>
         for (int q = 0; q < Positions; ++q) {
             totals[0][q] = steps.value(sums[0][q]);
         }
-        end_lanes(in.ends, totals, 0, width);
+        end_lanes(in.ends, totals, 0, in.out_step);
         ORNIK_UNROLLED
         for (int q = 0; q < Positions; ++q) {
-            vec::store(totals[0][q], in.out + q * width);
+            vec::store(totals[0][q], in.out + q * in.out_step);
         }
         return true;
     });
@@ -223,6 +224,7 @@ class BlockDepth {
                             0,
                             weights_ + group * pass_.taps() * width,
                             target_ + place,
+                            width,
                             {ends_.bias == nullptr ? nullptr : ends_.bias + group * width,
                              ends_.residual == nullptr ? nullptr : ends_.residual + place, ends_.clip}};
         for (std::int64_t x = 0; x < inside_; ++x) {
@@ -262,7 +264,8 @@ class BlockDepth {
                 taps[static_cast<std::size_t>(i * cols + j)] = outside ? zeros : chain.rows[i] + at * width;
             }
         }
-        const DepthChain<T> edge{taps.data(), pass_.taps(), &none, 1, 0, 0, 0, 0, chain.weights, chain.out, chain.ends};
+        const DepthChain<T> edge{taps.data(), pass_.taps(),  &none,     1,     0,         0, 0,
+                                 0,           chain.weights, chain.out, width, chain.ends};
         depth_chain<T, 0, 0, 1>(edge);
         pass(chain, 1);
     }
