@@ -27,6 +27,7 @@ class DepthLanes {
         }
         const std::int64_t planes = sum.batch * sum.groups;
         return sum.source_channels == 1 && 4 * planes >= 3 * round_up(planes, width) &&
+               (passes.size() > 1 || width >= least_lanes || passes[0].cols.positions <= short_vectors * width) &&
                computed == passes[0].target_plane() &&
                std::max(passes[0].cols.source, passes[0].cols.target) <= most_cols;
     }
@@ -51,9 +52,10 @@ class DepthLanes {
         std::int64_t last_col = source_cols_ - 1;
         for (const Form& form : forms_) {
             const PassAxis& cols = form.pass.cols;
-            const auto [least, most] = std::minmax_element(form.offsets.begin(), form.offsets.end());
-            first_col_ = std::min(first_col_, *least);
-            last_col = std::max(last_col, (cols.positions - 1) * cols.step + *most);
+            for (const PassAxis::Tap& tap : cols.taps) {
+                first_col_ = std::min(first_col_, tap.offset);
+                last_col = std::max(last_col, (cols.positions - 1) * cols.step + tap.offset);
+            }
         }
         std::int64_t window_rows = 0;
         for (std::int64_t tile = 0; tile < rows_; tile += tile_rows_) {
@@ -78,11 +80,16 @@ class DepthLanes {
   private:
     static constexpr std::int64_t width = vec::lanes<T>;
     static constexpr std::int64_t most_cols = 2048;
+    // Rows that are summed where they lie need one pass, and are quicker where they are long and few lanes are turned.
+    static constexpr std::int64_t least_lanes = 16;
+    static constexpr std::int64_t short_vectors = 4;
     static constexpr std::int64_t most_positions = 256;  // of a tile
 
+    // Positions go the way in which a row's taps do.
     struct Form {
         const ConvPass& pass;
-        std::vector<std::int64_t> offsets;  // per column of the pass
+        std::int64_t direction;
+        std::vector<std::int64_t> offsets;  // per column of the pass, that way
         std::vector<std::int64_t> kernels;  // position in the kernel, per tap
         const DepthChains<T>* chains;
     };
@@ -103,16 +110,17 @@ class DepthLanes {
     };
 
     static Form form_of(const ConvPass& pass) {
-        Form form{pass, {}, {}, nullptr};
-        for (const PassAxis::Tap& col : pass.cols.taps) {
-            form.offsets.push_back(col.offset);
+        const std::vector<PassAxis::Tap>& taps = pass.cols.taps;
+        Form form{pass, taps.back().offset < taps.front().offset ? -1 : 1, {}, {}, nullptr};
+        for (const PassAxis::Tap& col : taps) {
+            form.offsets.push_back(form.direction * col.offset);
         }
         for (const PassAxis::Tap& row : pass.rows.taps) {
-            for (const PassAxis::Tap& col : pass.cols.taps) {
+            for (const PassAxis::Tap& col : taps) {
                 form.kernels.push_back(row.kernel * pass.kernel_cols + col.kernel);
             }
         }
-        const auto cols = static_cast<std::int64_t>(form.offsets.size());
+        const auto cols = static_cast<std::int64_t>(taps.size());
         form.chains = &depth_chains<T>(cols, cols > 1 ? form.offsets[1] - form.offsets[0] : 1, pass.cols.step);
         return form;
     }
@@ -184,7 +192,8 @@ class DepthLanes {
         chain.col_count = static_cast<std::int64_t>(form.offsets.size());
         chain.step = cols.step;
         chain.weights = worker.weights.get();
-        chain.out_step = cols.stride * width;
+        chain.along = form.direction * width;
+        chain.out_step = cols.stride * chain.along;
         chain.ends.bias = ends_.bias == nullptr ? nullptr : worker.bias.data();
         chain.ends.clip = ends_.residual == nullptr ? ends_.clip : ConvClip::none;
         const auto [begin, end] = rows_in(rows, tile);
@@ -193,8 +202,11 @@ class DepthLanes {
                 const std::int64_t row = y * rows.step + rows.taps[i].offset - first;
                 worker.near[i] = worker.window.get() + row * window_.pitch() - first_col_ * width;
             }
-            chain.first = 0;
-            chain.out = worker.totals.get() + ((rows.first + y * rows.stride - tile) * cols_ + cols.first) * width;
+            const std::int64_t first_position = form.direction > 0 ? 0 : cols.positions - 1;
+            chain.first = form.direction * first_position * cols.step;
+            chain.out =
+                worker.totals.get() +
+                ((rows.first + y * rows.stride - tile) * cols_ + cols.first + first_position * cols.stride) * width;
             std::int64_t left = cols.positions;
             for (std::int64_t pieces = (left + depth_positions - 1) / depth_positions; pieces > 0; --pieces) {
                 const std::int64_t positions = left / pieces;
