@@ -181,8 +181,8 @@ void check(const Shape& s, unsigned seed) {
 
 TEST(ConvolutionOrder, EveryKernelKeepsIt) {
     // Channels that fill vectors and that do not, on one side and on both; several blocks of channels, tiles, cuts
-    // and samples of a tile; strides whose taps share slots and whose taps do not; narrow rows; planes of one column. Of
-    // channels kept apart, planes of many tiles, of rows and of columns.
+    // and samples of a tile; strides whose taps share slots and whose taps do not; narrow rows; planes of one column.
+    // Of channels kept apart, planes of many tiles, of rows and of columns.
     const Axis three{14, 3, 1, 1, 1}, seven{7, 3, 1, 1, 1}, one{9, 1, 1, 0, 1};
     std::vector<Shape> shapes = {
         {1, 1, 70, 37, three, {15, 3, 1, 1, 1}},
