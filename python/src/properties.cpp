@@ -41,8 +41,8 @@ PyObject* is_leaf(const KTensor& t) { return PyBool_FromLong(t.is_leaf() ? 1 : 0
 PyObject* gradient_of(const KTensor& t) { return wrap(t.grad()); }
 
 PyObject* operation_of(const KTensor& t) {
-    const autograd::Node* node = t.impl()->node.get();
-    return node == nullptr ? Py_NewRef(Py_None) : PyUnicode_FromString(node->name());
+    const autograd::Past past = t.impl()->past.now();  // Others may write to the tensor without Python's lock.
+    return past.node ? PyUnicode_FromString(past.node->name()) : Py_NewRef(Py_None);
 }
 
 int set_wants_grad(PyObject* self, PyObject* value, void*) noexcept {
