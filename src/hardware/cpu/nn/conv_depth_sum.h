@@ -45,7 +45,7 @@ class DepthSum {
                                 [](const PassAxis::Tap& a, const PassAxis::Tap& b) { return a.offset < b.offset; });
         least_ = least->offset;
         most_ = most->offset;
-        short_rows_ = has_forms && vectors_of_row() <= short_vectors && pass.rows.source * row_ <= most_staged;
+        short_rows_ = vec::has_forms && vectors_of_row() <= short_vectors && pass.rows.source * row_ <= most_staged;
         const std::int64_t staged = short_rows_ ? pass.rows.source : most_ - least_ + 1 + pass.rows.step;
         ring_ = static_cast<std::int64_t>(std::bit_ceil(static_cast<std::uint64_t>(staged)));
         const std::int64_t step = pass.cols.step;
@@ -76,7 +76,7 @@ class DepthSum {
                          // The last row holds zeros.
                          const Scratch<T> rows((ring_ + 1) * row_);
                          std::fill_n(rows.get(), (ring_ + 1) * row_, T(0));
-                         if constexpr (has_forms) {
+                         if constexpr (vec::has_forms) {
                              if (pass_.rows.taps.size() == 3 && pass_.cols.taps.size() == 3) {
                                  run_planes<3, 3>(begin, end, rows.get());
                                  return;
@@ -88,8 +88,6 @@ class DepthSum {
 
   private:
     using V = vec::Vector<T>;
-    // Where steps take many instructions, code for each case is large, and what it spares is little.
-    static constexpr bool has_forms = ORNIK_FUSES != 0;
     static constexpr std::int64_t width = vec::lanes<T>;
     static constexpr std::int64_t most_positions = 2048;
     static constexpr std::int64_t together = 4;       // vectors of a row, or short rows
@@ -136,7 +134,7 @@ class DepthSum {
     void run_plane(std::int64_t from, std::int64_t to, T bias, T* rows, const T** near, const Taps& taps) const {
         const T* source = source_ + from * pass_.source_plane();
         const std::int64_t plane = pass_.target_plane();
-        if constexpr (has_forms) {
+        if constexpr (vec::has_forms) {
             if (short_rows_) {
                 for (std::int64_t row = 0; row < pass_.rows.source; ++row) {
                     stage(source + row * pass_.cols.source, rows + row * row_);
