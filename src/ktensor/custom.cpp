@@ -230,7 +230,7 @@ namespace {
 
 void visit_list(const MadeOnce<HookList>& hooks, FunctionVisitor& visitor) {
     if (const HookList* list = hooks.get()) {
-        for (const HookList::Entry& entry : list->entries()) {
+        for (const HookList::Entry& entry : list->unguarded()) {
             visitor.hook(*entry.hook);
         }
     }
@@ -281,6 +281,11 @@ void visit_functions(const KTensor& tensor, FunctionVisitor& visitor) {
             }
         }
     }
+}
+
+std::string operation_of(const KTensor& tensor) {
+    const Past past = tensor.impl()->past.now();
+    return past.node ? past.node->name() : "";
 }
 
 void replace_past(KTensor& target, const KTensor& y) {
