@@ -123,23 +123,22 @@ constexpr DepthChains<T> depth_chains_of(std::integer_sequence<int, Position...>
 
 /// Those for a number of columns that are `dilation` apart.
 template <typename T>
-const DepthChains<T>& depth_chains([[maybe_unused]] std::int64_t cols, [[maybe_unused]] std::int64_t dilation,
-                                   [[maybe_unused]] std::int64_t step) {
+const DepthChains<T>& depth_chains(std::int64_t cols, std::int64_t dilation, std::int64_t step) {
     constexpr auto positions = std::make_integer_sequence<int, depth_positions>();
     static constexpr auto any = depth_chains_of<T, 0, 0>(positions);
-#if ORNIK_FUSES
-    static constexpr auto three = depth_chains_of<T, 3, 1>(positions);
-    static constexpr auto three_apart = depth_chains_of<T, 3, 2>(positions);
-    static constexpr auto five = depth_chains_of<T, 5, 1>(positions);
-    static constexpr auto five_apart = depth_chains_of<T, 5, 2>(positions);
-    if (dilation == 1 && step <= 2 && cols == 3) {
-        return step == 1 ? three : three_apart;
+    if constexpr (vec::has_forms) {
+        static constexpr auto three = depth_chains_of<T, 3, 1>(positions);
+        static constexpr auto three_apart = depth_chains_of<T, 3, 2>(positions);
+        static constexpr auto five = depth_chains_of<T, 5, 1>(positions);
+        static constexpr auto five_apart = depth_chains_of<T, 5, 2>(positions);
+        if (dilation == 1 && step <= 2 && cols == 3) {
+            return step == 1 ? three : three_apart;
+        }
+        if (dilation == 1 && step <= 2 && cols == 5) {
+            return step == 1 ? five : five_apart;
+        }
     }
-    if (dilation == 1 && step <= 2 && cols == 5) {
-        return step == 1 ? five : five_apart;
-    }
-#endif
-    return any;  // Where steps take many instructions, code for each case is large, and what it spares is little.
+    return any;
 }
 
 template <typename T>

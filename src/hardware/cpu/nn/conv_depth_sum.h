@@ -74,7 +74,7 @@ class DepthSum {
                          // The last row holds zeros.
                          const Scratch<T> rows((ring_ + 1) * row_);
                          std::fill_n(rows.get(), (ring_ + 1) * row_, T(0));
-                         if constexpr (has_forms) {
+                         if constexpr (vec::has_forms) {
                              if (pass_.rows.taps.size() == 3 && pass_.cols.taps.size() == 3) {
                                  run_planes<3, 3>(begin, end, rows.get());
                                  return;
@@ -86,8 +86,6 @@ class DepthSum {
 
   private:
     using V = vec::Vector<T>;
-    // Where steps take many instructions, code for each case is large, and what it spares is little.
-    static constexpr bool has_forms = ORNIK_FUSES != 0;
     static constexpr std::int64_t width = vec::lanes<T>;
     static constexpr std::int64_t most_positions = 2048;
     static constexpr std::int64_t together = 4;  // vectors of a row
