@@ -110,8 +110,8 @@ ORNIK_EXPAND void prefetch_for_writing([[maybe_unused]] const T* at) {
 #define ORNIK_FUSES 0
 #endif
 
-/// Are there kernels for special cases? Where a fused step takes many instructions, code for each case is large, and what
-/// it spares is little.
+/// Are there kernels for special cases? Where a fused step takes many instructions, code for each case is large, and
+/// what it spares is little.
 inline constexpr bool has_forms = ORNIK_FUSES != 0;
 
 // Without the instruction, loops that GCC vectorises call functions on whole vectors (cpu_fused_vector.cpp).
