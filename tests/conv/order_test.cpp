@@ -233,5 +233,63 @@ TEST(ConvolutionOrder, EveryKernelKeepsIt) {
     ConfigSetNumThreads(4);
 }
 
+// Rows at an edge, whose products with what lies beyond it may go unmade, show no difference: numbers whose products
+// are below the least one leave zeros of either sign, and infinite weights make NaN of the edge's zeros.
+template <typename T>
+void check_edges(const Shape& s) {
+    const std::int64_t dtype = sizeof(T) == sizeof(float) ? dtype::float32 : dtype::float64;
+    const TensorPtr image = random_tensor({s.batch, s.image_channels, s.rows.image, s.cols.image}, dtype, 1);
+    const TensorPtr weight = random_tensor({s.grid_channels, s.image_channels, s.rows.kernel, s.cols.kernel}, dtype, 2);
+    nn::ConvParameters p;
+    p.padding = {{{s.rows.padding, s.rows.padding}, {s.cols.padding, s.cols.padding}}};
+    const T tiny = std::sqrt(std::numeric_limits<T>::denorm_min());
+    auto* pixels = static_cast<T*>(image->getRawData());
+    auto* weights = static_cast<T*>(weight->getRawData());
+    const auto expect_all = [&](const char* what) {
+        const Values<T> expected = sums(s, true, values_of<T>(image), values_of<T>(weight), {});
+        const auto differs = [&](const std::unique_ptr<Tensor>& actual) {
+            const Values<T> values = values_of<T>(actual.get());
+            std::size_t at = 0;
+            while (at < expected.size() &&
+                   (std::isnan(expected[at])
+                        ? std::isnan(values[at])
+                        : std::signbit(expected[at]) == std::signbit(values[at]) && expected[at] == values[at])) {
+                ++at;
+            }
+            return at < expected.size();
+        };
+        EXPECT_FALSE(differs(nn::convolution(image.get(), weight.get(), nullptr, p))) << what;
+        const nn::PreparedConvolution layer(weight.get(), nullptr, p);
+        EXPECT_FALSE(differs(layer(image.get()))) << what << ", prepared";
+        if (layer.takes_blocks()) {
+            EXPECT_FALSE(differs(layer.blocked(image.get()).planes())) << what << ", from planes to blocks";
+            EXPECT_FALSE(differs(layer.blocked(nn::BlockedImage(image.get())).planes())) << what << ", in blocks";
+        }
+    };
+    expect_all("ordinary numbers");
+    std::mt19937 random(3);
+    for (std::int64_t i = 0; i < image->Size(); ++i) {
+        pixels[i] *= tiny;
+    }
+    for (std::int64_t i = 0; i < weight->Size(); ++i) {
+        weights[i] *= random() % 4 == 0 ? tiny * T(8) : tiny;
+    }
+    expect_all("products of about the least number");
+    weights[4] = std::numeric_limits<T>::infinity();
+    weights[weight->Size() - 5] = std::numeric_limits<T>::quiet_NaN();
+    expect_all("infinite weights");
+}
+
+TEST(ConvolutionOrder, EdgesThatAreLeftOutDoNotShow) {
+    const Axis seven{7, 3, 1, 1, 1}, wide{14, 3, 1, 1, 1};
+    for (const Shape& s : {Shape{3, 1, 40, 64, seven, seven}, Shape{1, 1, 33, 40, seven, wide},
+                           Shape{1, 1, 20, 32, {5, 5, 1, 2, 1}, {30, 3, 1, 1, 1}},
+                           Shape{2, 1, 6, 32, {2, 5, 1, 3, 1}, {9, 3, 1, 1, 1}}}) {
+        SCOPED_TRACE(testing::Message() << s);
+        check_edges<float>(s);
+        check_edges<double>(s);
+    }
+}
+
 }  // namespace
 }  // namespace ornik::test

@@ -87,6 +87,7 @@ class FixedConvWeight {
     struct Laid;
     struct ForBlocks;
     std::unique_ptr<Laid> laid_;
+    bool finite_ = false;            // what is laid out: neither infinite nor NaN
     std::unique_ptr<Tensor> plain_;  // where kernels read it as it is
     std::unique_ptr<ForBlocks> for_blocks_;
 };

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "block_rows.h"
+#include "conv_edge_rows.h"
 #include "conv_lane_kernel.h"
 #include "conv_lane_weights.h"
 #include "conv_order.h"
@@ -34,15 +35,8 @@ class BlockSum {
           stage_channels_(FromPlanes ? block_channels_ : round_up(block_channels_, width)),
           layout_(layout),
           weights_(weights),
-          cuts_(sum.target_channels, panel, part_count() * plan_.tiles(), samples_ * positions()) {
-        offsets_.reserve(static_cast<std::size_t>(block_channels_) * plan_.taps.size());
-        for (std::int64_t c = 0; c < block_channels_; ++c) {
-            for (const std::int64_t tap : plan_.taps) {
-                offsets_.push_back(FromPlanes ? c * plan_.plane + tap
-                                              : (c / width * plan_.plane + tap) * width + c % width);
-            }
-        }
-    }
+          cuts_(sum.target_channels, panel, part_count() * plan_.tiles(), samples_ * positions()),
+          edges_(plan_, offsets()) {}
 
     std::int64_t part_count() const { return (sum_.batch + samples_ - 1) / samples_; }
     std::int64_t tiles() const { return plan_.tiles(); }
@@ -71,17 +65,20 @@ class BlockSum {
                 const std::int64_t lanes = layout_.width_at(target);
                 const T* weights = weights_ + layout_.place(0, block, target);
                 const T* ahead = weights_ + layout_.place_after(0, block, target, first, end);
-                const bool last = block + 1 == layout_.blocks();
-                LaneChain<T> chain{nullptr,    offsets_.data(),
-                                   weights,    layout_.steps_of(block),
-                                   block == 0, nullptr,
-                                   width,      target_plane() * width,
-                                   ahead,      ahead == weights ? 0 : lane_share(lanes, chains)};
+                LaneChain<T> chain{nullptr,
+                                   edges_.all(layout_.channels_of(block)),
+                                   weights,
+                                   block == 0,
+                                   nullptr,
+                                   width,
+                                   target_plane() * width,
+                                   ahead,
+                                   ahead == weights ? 0 : lane_share(lanes, chains)};
                 for (std::int64_t s = begin_sample; s < end_sample; ++s) {
                     const T* slots = unstaged_ ? source_of(s, channel) + tile.col * width
                                                : workspace.slots.get() + (s - begin_sample) * sample_slots() +
                                                      (FromPlanes ? 0 : channel % stage_channels_);
-                    add_block(tile, slots, s, target, lanes, last, chain);
+                    add_block(tile, slots, s, target, lanes, block, chain);
                 }
             }
         }
@@ -153,6 +150,18 @@ class BlockSum {
         return rounds * cuts.channels / panel * (2 * samples * lane_pieces(size) + 1);
     }
 
+    // Per step of a block.
+    std::vector<std::int64_t> offsets() const {
+        std::vector<std::int64_t> result;
+        for (std::int64_t c = 0; c < block_channels_; ++c) {
+            for (const std::int64_t tap : plan_.taps) {
+                result.push_back(FromPlanes ? c * plan_.plane + tap
+                                            : (c / width * plan_.plane + tap) * width + c % width);
+            }
+        }
+        return result;
+    }
+
     std::int64_t positions() const { return plan_.tile.rows * plan_.tile.cols; }
     std::int64_t sample_slots() const { return round_up(stage_channels_ * plan_.plane, 64); }
     std::int64_t target_plane() const { return plan_.pass.target_plane(); }
@@ -198,7 +207,8 @@ class BlockSum {
     }
 
     void add_block(const Tile& tile, const T* slots, std::int64_t sample, std::int64_t target, std::int64_t lanes,
-                   bool last, LaneChain<T>& chain) const {
+                   std::int64_t block, LaneChain<T>& chain) const {
+        const bool last = block + 1 == layout_.blocks();
         const std::int64_t groups = lane_groups<T>(sum_.target_channels);
         const std::int64_t place =
             ((sample * groups + target / width) * target_plane() + tile.row * plan_.pass.cols.positions + tile.col) *
@@ -208,11 +218,7 @@ class BlockSum {
             chain.ends = {ends_.bias == nullptr ? nullptr : ends_.bias + target,
                           ends_.residual == nullptr ? nullptr : ends_.residual + place, ends_.clip};
         }
-        const PositionRuns runs(plan_, tile);
-        for (std::int64_t r = 0; r < runs.rows; ++r) {
-            chain.slots = slots + r * plan_.slot_row * slot;
-            run_lane_chains<T, slot>(chain, lanes, runs.cols);
-        }
+        run_edge_rows<T, slot>(chain, plan_, tile, edges_, layout_.channels_of(block), sum_.finite, slots, lanes);
         if (last && ends_.row != nullptr && ends_.clip == ConvClip::none) {
             for (std::int64_t v = 0; v < lanes; v += width) {
                 ends_.row(target_ + place + v * target_plane(), tile.positions() * width);
@@ -232,7 +238,7 @@ class BlockSum {
     const LaneWeights<T>& layout_;
     const T* weights_;
     TargetCuts cuts_;
-    std::vector<std::int64_t> offsets_;  // per step of a block
+    EdgeRows edges_;
 };
 
 }  // namespace

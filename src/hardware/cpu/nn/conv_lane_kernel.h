@@ -29,16 +29,25 @@ constexpr std::int64_t lane_pieces(std::int64_t positions) { return (positions +
 /// The weights of a step, spread over so many chains.
 constexpr std::int64_t lane_share(std::int64_t width, std::int64_t chains) { return (width + chains - 1) / chains; }
 
+/// Steps over the taps of some channels: runs of them, behind each of which so many weights are left out.
+struct LaneSteps {
+    const std::int64_t* offsets;  // of the slots, per step
+    std::int64_t count;
+    std::int64_t first;  // weights left out before the first step
+    std::int64_t run;
+    std::int64_t gap;
+};
+inline LaneSteps all_steps(const std::int64_t* offsets, std::int64_t count) { return {offsets, count, 0, count, 0}; }
+
 /// One chain: for position q, vector v and lane i of `width`, that of `Vectors` vectors,
-///     sum = sum over k < steps of weights[k * width + v * lanes + i] * slots[offsets[k] + q * Step],
+///     sum = sum over steps k of weights[w(k) * width + v * lanes + i] * slots[offsets[k] + q * Step],
 /// stored to out[v * vector_stride + q * out_stride + i], or added to what is there, and ended. Weights `ahead` are
 /// brought near meanwhile, `ahead_step` of them with every step.
 template <typename T>
 struct LaneChain {
     const T* slots;
-    const std::int64_t* offsets;
+    LaneSteps steps;
     const T* weights;
-    std::int64_t steps;
     bool first;
     T* out;
     std::int64_t out_stride;
@@ -46,6 +55,7 @@ struct LaneChain {
     const T* ahead;
     std::int64_t ahead_step;
     LaneEnds<T> ends{};
+    const LaneSteps* all = nullptr;  // taken by sums of -0, where some are left out
 
     /// Goes on to what is stored so many positions behind.
     void pass(std::int64_t positions) {
@@ -55,6 +65,25 @@ struct LaneChain {
         }
     }
 };
+
+template <typename V, std::size_t Vectors, std::size_t Positions>
+ORNIK_EXPAND bool any_negative_zero(const V (&sums)[Vectors][Positions]) {
+    using Mask = decltype(V{} < V{});
+    const auto sign = (Mask)(-V{});
+    Mask found{};
+    ORNIK_UNROLLED
+    for (std::size_t v = 0; v < Vectors; ++v) {
+        ORNIK_UNROLLED
+        for (std::size_t q = 0; q < Positions; ++q) {
+            found |= (Mask)sums[v][q] == sign;
+        }
+    }
+    bool any = false;
+    for (std::size_t i = 0; i < sizeof(V) / sizeof(found[0]); ++i) {
+        any = any || found[i] != 0;
+    }
+    return any;
+}
 
 template <typename T, int Vectors, int Step, int Positions>
 [[gnu::noinline]] void lane_chain(const LaneChain<T>& in) {
@@ -70,41 +99,58 @@ template <typename T, int Vectors, int Step, int Positions>
                 sums[v][q] = steps.from(V{});
             }
         }
-        const T* weights = in.weights;
+        const T* weights = in.weights + in.steps.first * width;
         const T* const slots = in.slots;
         const T* ahead = in.ahead;
         const std::int64_t ahead_step = in.ahead_step;
-        const std::int64_t* const end = in.offsets + in.steps;
-        for (const std::int64_t* offset = in.offsets; offset < end; ++offset, weights += width, ahead += ahead_step) {
-            const T* values = slots + *offset;
-            vec::prefetch_near(ahead);
-            typename Steps::Factor weight[Vectors];
-            ORNIK_UNROLLED
-            for (int v = 0; v < Vectors; ++v) {
-                weight[v] = steps.factor(vec::load<V>(weights + v * lane_width<T>));
-            }
-            ORNIK_UNROLLED
-            for (int q = 0; q < Positions; ++q) {
-                const auto value = steps.weight(values[q * Step]);
+        const std::int64_t* offset = in.steps.offsets;
+        const std::int64_t* const end = offset + in.steps.count;
+        for (; offset < end; weights += in.steps.gap * width) {
+            for (const std::int64_t* const stop = offset + in.steps.run; offset < stop;
+                 ++offset, weights += width, ahead += ahead_step) {
+                const T* values = slots + *offset;
+                vec::prefetch_near(ahead);
+                typename Steps::Factor weight[Vectors];
                 ORNIK_UNROLLED
                 for (int v = 0; v < Vectors; ++v) {
-                    steps.add(value, weight[v], sums[v][q]);
+                    weight[v] = steps.factor(vec::load<V>(weights + v * lane_width<T>));
+                }
+                ORNIK_UNROLLED
+                for (int q = 0; q < Positions; ++q) {
+                    const auto value = steps.weight(values[q * Step]);
+                    ORNIK_UNROLLED
+                    for (int v = 0; v < Vectors; ++v) {
+                        steps.add(value, weight[v], sums[v][q]);
+                    }
                 }
             }
         }
         if (!steps.vouches_for(sums)) {
             return false;
         }
-        T* const out = in.out;
         V totals[Vectors][Positions];
+        ORNIK_UNROLLED
+        for (int q = 0; q < Positions; ++q) {
+            ORNIK_UNROLLED
+            for (int v = 0; v < Vectors; ++v) {
+                totals[v][q] = steps.value(sums[v][q]);
+            }
+        }
+        if (in.all != nullptr && any_negative_zero(totals)) {
+            LaneChain<T> whole = in;
+            whole.steps = *in.all;
+            whole.all = nullptr;
+            lane_chain<T, Vectors, Step, Positions>(whole);
+            return true;
+        }
+        T* const out = in.out;
         const bool first = in.first;
         ORNIK_UNROLLED
         for (int q = 0; q < Positions; ++q) {
             ORNIK_UNROLLED
             for (int v = 0; v < Vectors; ++v) {
-                const V sum = steps.value(sums[v][q]);
                 const T* to = out + v * in.vector_stride + q * in.out_stride;
-                totals[v][q] = first ? sum : vec::load<V>(to) + sum;
+                totals[v][q] = first ? totals[v][q] : vec::load<V>(to) + totals[v][q];
             }
         }
         end_lanes(in.ends, totals, in.vector_stride, in.out_stride);
@@ -137,7 +183,7 @@ void run_lane_chains(LaneChain<T>& chain, std::int64_t count) {
         chains[static_cast<std::size_t>(piece - 1)](chain);
         chain.slots += piece * Step;
         chain.pass(piece);
-        chain.ahead += chain.steps * chain.ahead_step;
+        chain.ahead += chain.steps.count * chain.ahead_step;
         count -= piece;
     }
 }

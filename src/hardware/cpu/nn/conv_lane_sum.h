@@ -11,6 +11,7 @@
 #include <memory>
 #include <vector>
 
+#include "conv_edge_rows.h"
 #include "conv_ends.h"
 #include "conv_lane_kernel.h"
 #include "conv_lane_weights.h"
@@ -47,15 +48,11 @@ class LaneSum {
           prepared_(prepared),
           laid_out_(prepared == nullptr && sets_ * plan_.tiles() > 1 ? std::make_unique<Scratch<T>>(weights_.size())
                                                                      : nullptr),
-          cuts_(sum.target_channels, panel, part_count() * plan_.tiles(), samples_ * positions()) {
-        plan_.plane = unstaged_ ? pass.source_plane() : spread(plan_.plane);
-        for (std::int64_t c = 0; c < block_channels_; ++c) {
-            for (const std::int64_t tap : plan_.taps) {
-                offsets_.push_back(c * plan_.plane + tap);
-            }
-        }
+          cuts_(sum.target_channels, panel, part_count() * plan_.tiles(), samples_ * positions()),
+          edges_(plan_, offsets()),
+          finite_(sum.finite) {
         if (laid_out_) {
-            weights_.write(laid_out_->get());
+            finite_ = weights_.write(laid_out_->get());
             prepared_ = laid_out_->get();
         }
         if (!unstaged_ && cuts_.cuts >= many_cuts && staged_count() * staged_size() <= most_staged) {
@@ -92,19 +89,21 @@ class LaneSum {
                              workspace.slots.get() + s * sample_slots());
             }
             for (std::int64_t target = first; target < end; target += panel) {
+                bool finite = finite_;
                 const T* weights = workspace.weights.get();
                 const T* ahead = weights;
                 if (prepared_ != nullptr) {
                     weights = prepared_ + weights_.place(group, block, target);
                     ahead = prepared_ + weights_.place_after(group, block, target, first, end);
                 } else {
-                    weights_.write_panel(group, block, target, workspace.weights.get());
+                    finite = weights_.write_panel(group, block, target, workspace.weights.get());
                 }
                 const Panel out{block,
                                 target,
                                 std::min(target + panel, end) - target,
                                 totals(workspace, target - first),
                                 weights,
+                                finite,
                                 ahead,
                                 ahead == weights ? 0 : lane_share(weights_.width_at(target), samples * chains(tile))};
                 for (std::int64_t s = 0; s < samples; ++s) {
@@ -132,6 +131,7 @@ class LaneSum {
         std::int64_t channels;
         T* totals;
         const T* weights;
+        bool finite;
         const T* ahead;
         std::int64_t ahead_step;
     };
@@ -165,6 +165,18 @@ class LaneSum {
     static std::int64_t spread(std::int64_t plane) { return (round_up(plane, line) / line | 1) * line; }
     // Planes that a large power of two divides meet in few sets of the cache.
     static bool spread_enough(std::int64_t plane) { return plane % (8 * line) != 0; }
+
+    // Per step of a block, once it is known where planes lie.
+    std::vector<std::int64_t> offsets() {
+        plan_.plane = unstaged_ ? plan_.pass.source_plane() : spread(plan_.plane);
+        std::vector<std::int64_t> result;
+        for (std::int64_t c = 0; c < block_channels_; ++c) {
+            for (const std::int64_t tap : plan_.taps) {
+                result.push_back(c * plan_.plane + tap);
+            }
+        }
+        return result;
+    }
 
     std::int64_t positions() const { return plan_.tile.rows * plan_.tile.cols; }
     std::int64_t sample_slots() const { return block_channels_ * plan_.plane; }
@@ -207,17 +219,12 @@ class LaneSum {
     void add_block(const Tile& tile, const T* slots, std::int64_t s, std::int64_t part, const Panel& out,
                    const Workspace<T>& workspace) const {
         const std::int64_t width = weights_.width_at(out.target);
-        LaneChain<T> chain{nullptr,
-                           offsets_.data(),
-                           out.weights,
-                           weights_.steps_of(out.block),
-                           out.block == 0,
-                           nullptr,
-                           width,
-                           lane_width<T>,
-                           out.ahead + s * chains(tile) * weights_.steps_of(out.block) * out.ahead_step,
-                           out.ahead_step,
-                           {}};
+        const std::int64_t channels = weights_.channels_of(out.block);
+        LaneChain<T> chain{nullptr,       edges_.all(channels),
+                           out.weights,   out.block == 0,
+                           nullptr,       width,
+                           lane_width<T>, out.ahead + s * chains(tile) * weights_.steps_of(out.block) * out.ahead_step,
+                           out.ahead_step};
         for (std::int64_t row = 0; row < tile.rows; row += written_rows()) {
             for (std::int64_t col = 0; col < tile.cols; col += written_cols()) {
                 Tile piece = tile;
@@ -229,15 +236,12 @@ class LaneSum {
                 if (weights_.blocks() > 1) {
                     totals += (s * tile.positions() + row * tile.cols + col) * width;
                 }
-                const PositionRuns runs(plan_, piece);
                 chain.out = totals;
                 if (in_place_ && out.block + 1 == weights_.blocks()) {
                     prefetch(piece, part, out);
                 }
-                for (std::int64_t r = 0; r < runs.rows; ++r) {
-                    chain.slots = slots + (row + r) * plan_.slot_row + col;
-                    run_lane_chains(chain, width, runs.cols);
-                }
+                run_edge_rows(chain, plan_, piece, edges_, channels, out.finite, slots + row * plan_.slot_row + col,
+                              width);
                 if (out.block + 1 == weights_.blocks()) {
                     for (std::int64_t v = 0; v < out.channels; v += lane_width<T>) {
                         write(piece, totals + v, width, std::min<std::int64_t>(lane_width<T>, out.channels - v), part,
@@ -301,7 +305,8 @@ class LaneSum {
     std::unique_ptr<Scratch<T>> laid_out_;  // Here, where several tiles need them.
     std::unique_ptr<Scratch<T>> staged_;    // The source of all tiles, or null.
     TargetCuts cuts_;
-    std::vector<std::int64_t> offsets_;  // per step of a block
+    EdgeRows edges_;
+    bool finite_;  // the weights, as far as they are laid out
 };
 
 }  // namespace

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <numeric>
 #include <vector>
@@ -70,7 +71,9 @@ class LaneWeights {
     /// True when a target's weights lie in the order of the steps where they are.
     bool in_order() const { return whole_kernel_ && sum_.source_stride == static_cast<std::int64_t>(kernels_.size()); }
 
-    void write(T* to) const {
+    /// True when none of them is infinite or NaN.
+    bool write(T* to) const {
+        std::atomic<bool> finite = true;
         const std::int64_t panels = (sum_.target_channels + panel_ - 1) / panel_;
         const std::int64_t items = sum_.groups * blocks_ * panels;
         const std::int64_t grain = std::max<std::int64_t>(2, conv_grain / std::max<std::int64_t>(1, largest_panel()));
@@ -79,12 +82,35 @@ class LaneWeights {
                 const std::int64_t group = item / panels / blocks_;
                 const std::int64_t block = item / panels % blocks_;
                 const std::int64_t target = item % panels * panel_;
-                write_panel(group, block, target, to + place(group, block, target));
+                if (!write_panel(group, block, target, to + place(group, block, target))) {
+                    finite = false;
+                }
             }
         });
+        return finite;
     }
 
-    void write_panel(std::int64_t group, std::int64_t block, std::int64_t target, T* to) const {
+    bool write_panel(std::int64_t group, std::int64_t block, std::int64_t target, T* to) const {
+        turn_panel(group, block, target, to);
+        return are_finite(to, width_at(target) * steps_of(block));
+    }
+
+  private:
+    // Products with 0 add up to 0, or to NaN.
+    static bool are_finite(const T* weights, std::int64_t count) {
+        using V = vec::Vector<T>;
+        V zeros{};
+        for (; count >= vec::lanes<T>; count -= vec::lanes<T>, weights += vec::lanes<T>) {
+            zeros += vec::load<V>(weights) * V{};
+        }
+        T zero = T(0);
+        for (std::int64_t i = 0; i < vec::lanes<T>; ++i) {
+            zero += zeros[static_cast<std::size_t>(i)] + (i < count ? weights[i] * T(0) : T(0));
+        }
+        return zero == T(0);
+    }
+
+    void turn_panel(std::int64_t group, std::int64_t block, std::int64_t target, T* to) const {
         const std::int64_t width = width_at(target);
         const std::int64_t channels = channels_of(block);
         const std::int64_t rows = std::min(width, sum_.target_channels - target);
@@ -126,7 +152,6 @@ class LaneWeights {
         }
     }
 
-  private:
     std::int64_t group_size() const {
         return lanes_ * sum_.source_channels * static_cast<std::int64_t>(kernels_.size());
     }

@@ -3,8 +3,9 @@
 // The inner axis of a target's sum is (source channel, kernel row, kernel column), in the order of the weight's
 // memory. It is cut into blocks of whole source channels. A block is one chain of fused multiply-adds that starts from
 // +0; the first block's sum is the total, the others are added to it in order, the bias last. Places beyond the edge
-// of the source count as +0: their products are part of the chain. All kernels keep to this, whatever they hold in
-// their lanes, so that the bits of a result depend on the sizes alone.
+// of the source count as +0: their products are part of the chain (conv_edge_rows.h leaves out those that nothing
+// shows). All kernels keep to this, whatever they hold in their lanes, so that the bits of a result depend on the sizes
+// alone.
 #pragma once
 
 #include <algorithm>

@@ -58,6 +58,19 @@ bool reads_its_own(const PassAxis& axis) {
 
 }  // namespace
 
+std::pair<std::int64_t, std::int64_t> PassAxis::taps_inside(std::int64_t position) const {
+    const auto inside = [&](const Tap& tap) {
+        const std::int64_t at = position * step + tap.offset;
+        return at >= 0 && at < source;
+    };
+    const auto begin = std::find_if(taps.begin(), taps.end(), inside);
+    const auto end = std::find_if_not(begin, taps.end(), inside);
+    if (std::any_of(end, taps.end(), inside)) {
+        return {0, static_cast<std::int64_t>(taps.size())};
+    }
+    return {begin - taps.begin(), end - taps.begin()};
+}
+
 bool ConvPass::fills_target() const { return fills(rows) && fills(cols); }
 bool ConvPass::is_pointwise() const { return reads_its_own(rows) && reads_its_own(cols); }
 

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 #include "hardware/cpu/nn/cpu_conv.h"
@@ -27,6 +28,9 @@ struct PassAxis {
     std::int64_t first;
     std::int64_t stride;
     std::vector<Tap> taps;  // at least one
+
+    /// The taps that meet the source at a position: [first, end), where they are neighbours; otherwise all of them.
+    std::pair<std::int64_t, std::int64_t> taps_inside(std::int64_t position) const;
 };
 
 struct ConvPass {

@@ -125,9 +125,8 @@ class WeightSum {
             for (std::int64_t lane = lanes.begin; lane < lanes.end; lane += panel) {
                 const std::int64_t width = width_at(lane);
                 LaneChain<T> chain{buffers.values.get(),
-                                   buffers.steps.data(),
+                                   all_steps(buffers.steps.data(), steps),
                                    buffers.lanes.get() + (lane - lanes.begin) * steps,
-                                   steps,
                                    unit == units.begin,
                                    out + lane * rows(),
                                    width,

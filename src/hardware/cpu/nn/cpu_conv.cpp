@@ -143,7 +143,7 @@ FixedConvWeight::FixedConvWeight(const ConvGeometry& geometry, const Tensor* wei
             return;
         }
         laid_ = std::make_unique<Laid>(size * static_cast<std::int64_t>(sizeof(T)));
-        lay_out_weights(sum, data<T>(weight), laid_->as<T>());
+        finite_ = lay_out_weights(sum, data<T>(weight), laid_->as<T>());
     });
 }
 
@@ -154,7 +154,8 @@ void FixedConvWeight::to_grid(const ConvGeometry& full, const Tensor* image, con
         return;
     }
     const ConvGeometry geometry = with_long_columns(full);
-    const ConvSum sum = grid_sum(geometry, false);
+    ConvSum sum = grid_sum(geometry, false);
+    sum.finite = finite_;
     with_compute_type(image, [&]<typename T>() {
         const T* laid_out = laid_ ? laid_->as<const T>() : nullptr;
         run_conv_sum<T>({grid_pass(geometry)}, sum, data<T>(image), data<T>(plain_.get()), laid_out,
@@ -188,7 +189,8 @@ bool FixedConvWeight::keeps_channels_apart() const { return for_blocks_ && for_b
 void FixedConvWeight::to_blocks(const ConvGeometry& full, const void* image, bool image_in_planes, const void* residual,
                                 RowEnd activation, void* grid) const {
     const ConvGeometry geometry = with_long_columns(full);
-    const ConvSum sum = grid_sum(geometry, false);
+    ConvSum sum = grid_sum(geometry, false);
+    sum.finite = finite_;
     dispatch(FloatTypes{}, for_blocks_->dtype, [&]<typename T>() {
         const Laid& weights = keeps_channels_apart() ? *for_blocks_->depth : *laid_;
         const T* bias = for_blocks_->bias ? for_blocks_->bias->as<const T>() : nullptr;

@@ -23,6 +23,7 @@ struct ConvSum {
     std::int64_t target_stride;
     std::int64_t source_stride;
     bool conjugate;
+    bool finite = false;  // weights laid out beforehand are neither infinite nor NaN
 };
 
 /// Activations that kernels apply in registers.
@@ -69,8 +70,9 @@ void run_depth_lanes(const std::vector<ConvPass>& passes, const ConvSum& sum, co
 /// The elements that the weights of a grid pass take as its kernel reads them; 0 where it reads them as they are.
 template <typename T>
 std::int64_t laid_out_size(const ConvSum& sum);
+/// True when none of them is infinite or NaN.
 template <typename T>
-void lay_out_weights(const ConvSum& sum, const T* weight, T* to);
+bool lay_out_weights(const ConvSum& sum, const T* weight, T* to);
 
 /// What sums blocked images: of all channels, or of each alone.
 enum class BlockKernel { none, all, each };

@@ -130,17 +130,18 @@ std::int64_t laid_out_size(const ConvSum& sum) {
 }
 
 template <typename T>
-void lay_out_weights(const ConvSum& sum, const T* weight, T* to) {
+bool lay_out_weights(const ConvSum& sum, const T* weight, T* to) {
     if constexpr (parts<T> == 1) {
-        lane_weights(sum, weight).write(to);
+        return lane_weights(sum, weight).write(to);
     }
+    return false;
 }
 
 #define ORNIK_INSTANTIATE_CONV_SUM(T)                                                                      \
     template void run_conv_sum(const std::vector<ConvPass>&, const ConvSum&, const T*, const T*, const T*, \
                                const ConvEnds<T>&, T*);                                                    \
     template std::int64_t laid_out_size<T>(const ConvSum&);                                                \
-    template void lay_out_weights(const ConvSum&, const T*, T*)
+    template bool lay_out_weights(const ConvSum&, const T*, T*)
 
 ORNIK_INSTANTIATE_CONV_SUM(float);
 ORNIK_INSTANTIATE_CONV_SUM(double);
