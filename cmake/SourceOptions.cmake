@@ -80,6 +80,11 @@ endif()
 
 # Most files are small: reading the same headers is more than half of their compilation.
 if(ORNIK_PRECOMPILE)
-  target_precompile_headers(ornik_objects PRIVATE <algorithm> <cmath> <cstring> <limits>
-                                                  ${PROJECT_SOURCE_DIR}/include/descriptors/tensoriterator.h)
+  target_precompile_headers(ornik_objects PRIVATE <algorithm> <cmath> <cstring> <limits> <numeric>
+                                                  ${PROJECT_SOURCE_DIR}/include/descriptors/tensoriterator.h
+                                                  ${PROJECT_SOURCE_DIR}/include/ktensor/record.h)
+  if(CMAKE_CXX_COMPILER_LAUNCHER)
+    # What a cache needs: the names of the headers in what the preprocessor writes, and no time in the file.
+    add_compile_options($<$<CXX_COMPILER_ID:GNU>:-fpch-preprocess> "$<$<CXX_COMPILER_ID:Clang>:SHELL:-Xclang -fno-pch-timestamp>")
+  endif()
 endif()

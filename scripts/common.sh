@@ -27,13 +27,21 @@ install_missing() {
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
 }
 
+# What CMake is told where there is a compiler cache, which sees through compiled headers with these settings.
+compile_options=()
+if command -v ccache >/dev/null 2>&1; then
+    export CCACHE_SLOPPINESS=pch_defines,time_macros
+    compile_options=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DORNIK_PRECOMPILE=ON)
+fi
+
 # build PRESET [CMake arguments...]
 build() {
-    local preset=$1
+    local preset=$1 options=("${compile_options[@]}")
     shift
-    local launcher=()
-    command -v ccache >/dev/null 2>&1 && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
-    (cd "$root" && cmake --preset "$preset" "${launcher[@]}" "$@" && cmake --build --preset "$preset")
+    # The Python package is the same library compiled in another folder: the cache knows it by the same command, which
+    # names no headers of a folder.
+    [ "$preset" = release ] && [ ${#options[@]} -gt 0 ] && options+=(-DORNIK_PRECOMPILE=OFF)
+    (cd "$root" && cmake --preset "$preset" "${options[@]}" "$@" && cmake --build --preset "$preset")
 }
 
 build_packages=(g++ cmake ninja-build)

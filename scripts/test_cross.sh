@@ -26,12 +26,10 @@ targets=()
 for folder in "$@"; do
     if [ "$folder" = digests ]; then targets+=(digests); else targets+=("test_$folder"); fi
 done
-launcher=()
-command -v ccache >/dev/null 2>&1 && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 cd "$root"
 tree=build/$preset-tests
 cmake --preset "$preset" -B "$tree" -DCMAKE_BUILD_TYPE=Debug "-DCMAKE_CXX_FLAGS_DEBUG=${FLAGS:--O1}" \
-    "${launcher[@]}" -DORNIK_BUILD_TESTS=ON "-DORNIK_WERROR=${WERROR:-OFF}"
+    "${compile_options[@]}" -DORNIK_BUILD_TESTS=ON "-DORNIK_WERROR=${WERROR:-OFF}"
 cmake --build "$tree" --target ornik "${targets[@]:-all}"
 only=$(IFS='|' && echo "$*")
 WINEDEBUG=-all ctest --test-dir "$tree" --output-on-failure --no-tests=error -R "^(${only:-.*})(/|$)"

@@ -37,10 +37,8 @@ export OMP_WAIT_POLICY=passive
 build_digests() {
     local tree=$root/build/$1
     shift
-    local launcher=()
-    command -v ccache >/dev/null 2>&1 && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
     (cd "$root" && cmake -S . -B "$tree" -G Ninja -DCMAKE_BUILD_TYPE=Release -DORNIK_BUILD_EXAMPLES=OFF \
-        "${launcher[@]}" "$@" >/dev/null && cmake --build "$tree" --target digests)
+        "${compile_options[@]}" "$@" >/dev/null && cmake --build "$tree" --target digests)
 }
 
 has() { grep -q -w -- "$1" /proc/cpuinfo; }

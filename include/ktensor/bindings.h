@@ -1,6 +1,8 @@
 // bindings.h: what a binding to a language with a collector of cyclic garbage needs. Internal.
 #pragma once
 
+#include <string>
+
 #include "autograd.h"
 #include "ktensor.h"
 
@@ -21,6 +23,10 @@ class FunctionVisitor {
 /// is shown of a tensor that has other handles. Takes no memory and no lock; the caller sees to it that nobody uses
 /// this very handle meanwhile.
 ORNIK_API void visit_functions(const KTensor& tensor, FunctionVisitor& visitor);
+
+/// The name of the operation that a defined tensor came from; empty without one. Others may write to the tensor
+/// meanwhile.
+ORNIK_API std::string operation_of(const KTensor& tensor);
 
 /// After an operation of a program's own that has changed `target`: the past of its output y becomes the target's.
 /// y has the target's elements.

@@ -1,7 +1,7 @@
 // impl.h: what stands behind a KTensor handle. Internal.
 //
 //     KTensor -> Impl -> Data -> Tensor       the elements
-//                     -> Node                 the operation they came from, if it is remembered (node.h)
+//                     -> PastOf -> Node       the operation they came from, if it is remembered (node.h)
 //                     -> GradState            the gradient, of those who ask for one
 //
 // Nodes save Data, never Impl: what is saved leads to no node, so a saved result makes no cycle.
@@ -9,22 +9,18 @@
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <utility>
-#include <vector>
 
 #include "../tensor/tensor.h"
 #include "../utils/object_cache.h"
+#include "hooks.h"
 #include "ktensor.h"
+#include "past.h"
 #include "ref.h"
 
 namespace ornik::autograd {
-
-struct Node;
-void add_count(Node* node) noexcept;
-void drop_count(Node* node) noexcept;
 
 /// Objects that come and go with every operation.
 struct Cached {
@@ -40,35 +36,27 @@ struct Data : Cached {
 };
 inline void destroy(Data* data) noexcept { delete data; }
 
-using Hook = std::function<KTensor(const KTensor&)>;
-
-/// Hooks by number, in the order of their registration.
-struct HookList {
-    std::vector<std::pair<std::int64_t, Hook>> hooks;
-    std::int64_t next = 0;
-};
-
 /// The gradient of a leaf, or of a result that keeps its own.
 struct GradState {
     std::atomic<std::uint32_t> references{1};
     std::mutex lock;  // guards the gradient: graphs of several threads may end in one leaf
     KTensor gradient;
-    HookList hooks;
+    MadeOnce<HookList> hooks;
+    std::atomic<std::int64_t> next_hook{0};  // the number of the tensor's next hook, wherever that is kept
 };
 inline void destroy(GradState* state) noexcept { delete state; }
 
 struct Impl : Cached {
-    explicit Impl(Ref<Data> elements) : data(std::move(elements)) {}
+    Impl(Ref<Data> elements, std::uint32_t writes) : seen(writes), data(std::move(elements)) {}
 
     std::atomic<std::uint32_t> references{1};
-    std::uint32_t output = 0;  // which of the node's outputs this is
-    std::uint32_t seen = 0;    // recorded writes to the storage when this handle's view of it was right
+    std::atomic<std::uint32_t> seen;    // recorded writes to the storage when this handle's view of it was right
+    std::atomic<bool> detached{false};  // asks for values alone: recorded writes through others do not matter
     bool leaf_wants_grad = false;
-    bool detached = false;  // asks for values alone: recorded writes through others do not matter
     bool keeps_grad = false;
     Ref<Data> data;
-    Ref<Node> node;
-    Ref<GradState> state;
+    PastOf past;
+    MadeOnce<GradState> state;
 };
 inline void destroy(Impl* impl) noexcept { delete impl; }
 
@@ -89,6 +77,15 @@ inline std::uint32_t recorded_version_of(const Tensor& tensor) {
     const tensorT::Tensor_storage* storage = tensor.borrow_storage();
     return storage != nullptr ? storage->recorded_version() : 0;
 }
+
+/// Was the memory behind the handle changed by a recorded operation on another, so that its past is wrong?
+inline bool is_stale(const Impl& impl) {
+    return !impl.detached.load(std::memory_order_relaxed) &&
+           impl.seen.load(std::memory_order_relaxed) != recorded_version_of(*impl.data->tensor);
+}
+
+/// A handle of its own on a result, whose past stays when the result's changes; a leaf as it is.
+KTensor with_past_of_now(const KTensor& tensor);
 
 /// Nobody else holds the elements, and every one has a place of its own in row-major order: they may be changed.
 bool is_sole_owner(const KTensor& tensor);

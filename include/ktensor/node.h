@@ -68,12 +68,6 @@ struct Saved {
     std::int32_t of = own;
 };
 
-struct NodeHook {
-    std::uint32_t output;
-    std::int64_t number;
-    Hook hook;
-};
-
 struct Node {
     Node(Op operation, std::size_t edges_made, std::size_t saved_made, std::size_t outputs)
         : op(operation),
@@ -107,7 +101,7 @@ struct Node {
     Node* next = nullptr;            // in the list of nodes to be destroyed
     Edge* edges_ = nullptr;          // behind the object
     Saved* saved_ = nullptr;
-    std::unique_ptr<std::vector<NodeHook>> hooks;
+    MadeOnce<HookList> hooks;
 };
 
 template <typename Function>

@@ -1,28 +1,49 @@
 // past.h: where a tensor came from, read and changed by several threads. Internal.
 //
 // An operation in place gives its target another past while other threads may use the target: what they compute then is
-// open, but the past that they find is whole.
+// open, but the past that they find is whole, and lives as long as they hold it.
 #pragma once
 
-#include <mutex>
+#include <atomic>
+#include <cstdint>
 
-#include "impl.h"
-#include "node.h"
+#include "ref.h"
 
 namespace ornik::autograd {
 
+struct Node;
+void add_count(Node* node) noexcept;
+void drop_count(Node* node) noexcept;
+
 struct Past {
     Ref<Node> node;
-    std::uint32_t output = 0;
+    std::uint32_t output = 0;  // of the node's
 };
 
-/// The lock of a tensor's past: one of a few for all tensors, held for a few instructions.
-std::mutex& past_lock(const Impl& impl) noexcept;
+/// The place of a tensor's past.
+class PastOf {
+  public:
+    PastOf() noexcept = default;
+    PastOf(const PastOf&) = delete;
+    PastOf& operator=(const PastOf&) = delete;
+    ~PastOf() { Ref<Node>::drop(node()); }
 
-Past past_of(const Impl& impl);
-void set_past(Impl& impl, Past past);
+    bool empty() const noexcept { return node_.load(std::memory_order_relaxed) == nullptr; }
+    Past now() const;
+    void replace(Past past);
 
-/// A handle of its own on a result, whose past stays when the result's changes; a leaf as it is.
-KTensor with_past_of_now(const KTensor& tensor);
+    /// The first past of a tensor that no other thread knows yet.
+    void begin(Ref<Node> node, std::uint32_t output) noexcept {
+        output_ = output;
+        node_.store(node.release(), std::memory_order_relaxed);
+    }
+    /// Only of a tensor whose past no other thread replaces.
+    Node* node() const noexcept { return node_.load(std::memory_order_relaxed); }
+    std::uint32_t output() const noexcept { return output_; }
+
+  private:
+    std::atomic<Node*> node_{nullptr};
+    std::uint32_t output_ = 0;
+};
 
 }  // namespace ornik::autograd

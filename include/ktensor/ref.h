@@ -70,4 +70,29 @@ class Ref {
     T* object_ = nullptr;
 };
 
+/// A counted object that the first one to ask for it makes, whichever thread that is.
+template <typename T>
+class MadeOnce {
+  public:
+    MadeOnce() noexcept = default;
+    MadeOnce(const MadeOnce&) = delete;
+    MadeOnce& operator=(const MadeOnce&) = delete;
+    ~MadeOnce() { Ref<T>::drop(object_.load(std::memory_order_relaxed)); }
+
+    /// Null before anybody asked.
+    T* get() const noexcept { return object_.load(std::memory_order_acquire); }
+    T& made() {
+        if (T* there = get()) {
+            return *there;
+        }
+        Ref<T> mine = Ref<T>::adopt(new T);
+        T* there = nullptr;
+        const bool first = object_.compare_exchange_strong(there, mine.get(), std::memory_order_acq_rel);
+        return first ? *mine.release() : *there;
+    }
+
+  private:
+    std::atomic<T*> object_{nullptr};
+};
+
 }  // namespace ornik::autograd

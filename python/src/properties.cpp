@@ -3,8 +3,7 @@
 
 #include "arguments.h"
 #include "errors.h"
-#include "ktensor/impl.h"
-#include "ktensor/node.h"
+#include "ktensor/bindings.h"
 #include "module.h"
 #include "object.h"
 #include "tensor/tensor.h"
@@ -41,8 +40,8 @@ PyObject* is_leaf(const KTensor& t) { return PyBool_FromLong(t.is_leaf() ? 1 : 0
 PyObject* gradient_of(const KTensor& t) { return wrap(t.grad()); }
 
 PyObject* operation_of(const KTensor& t) {
-    const autograd::Node* node = t.impl()->node.get();
-    return node == nullptr ? Py_NewRef(Py_None) : PyUnicode_FromString(node->name());
+    const std::string name = autograd::operation_of(t);
+    return name.empty() ? Py_NewRef(Py_None) : PyUnicode_FromString(name.c_str());
 }
 
 int set_wants_grad(PyObject* self, PyObject* value, void*) noexcept {

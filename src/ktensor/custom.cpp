@@ -104,7 +104,7 @@ std::vector<KTensor> custom(const std::string& name, const std::vector<KTensor>&
     record.finish(pointers, std::span<const Keep>(kept),
                   CustomGradient{name, std::move(backward), kept.size(), outputs.size()});
     for (const KTensor& output : outputs) {
-        if (autograd::Node* node = output.impl()->node.get(); node != nullptr) {
+        if (autograd::Node* node = output.impl()->past.node(); node != nullptr) {
             node->label = static_cast<autograd::NodeOf<CustomGradient>*>(node)->function.name.c_str();
             break;
         }
@@ -228,21 +228,24 @@ namespace autograd {
 
 namespace {
 
-void visit_hooks(const Impl& impl, FunctionVisitor& visitor) {
-    // What keeps a result's gradient is a hook of ours that holds the place of the gradient.
-    if (impl.state && impl.state->references == (impl.keeps_grad ? 2U : 1U)) {
-        for (const auto& [number, hook] : impl.state->hooks.hooks) {
-            visitor.hook(hook);
+void visit_list(const MadeOnce<HookList>& hooks, FunctionVisitor& visitor) {
+    if (const HookList* list = hooks.get()) {
+        for (const HookList::Entry& entry : list->unguarded()) {
+            visitor.hook(*entry.hook);
         }
     }
 }
 
-void visit_node(const Node& node, FunctionVisitor& visitor) {
-    if (node.hooks) {
-        for (const NodeHook& hook : *node.hooks) {
-            visitor.hook(hook.hook);
-        }
+void visit_hooks(const Impl& impl, FunctionVisitor& visitor) {
+    // What keeps a result's gradient is a hook of ours that holds the place of the gradient.
+    const GradState* state = impl.state.get();
+    if (state != nullptr && state->references == (impl.keeps_grad ? 2U : 1U)) {
+        visit_list(state->hooks, visitor);
     }
+}
+
+void visit_node(const Node& node, FunctionVisitor& visitor) {
+    visit_list(node.hooks, visitor);
     if (node.op == Op::custom) {
         visitor.backward(static_cast<const NodeOf<CustomGradient>&>(node).function.backward);
     } else if (node.op == Op::checkpoint) {
@@ -259,7 +262,7 @@ void visit_functions(const KTensor& tensor, FunctionVisitor& visitor) {
     visit_hooks(*tensor.impl(), visitor);
     // Nodes with one owner make a tree: each is met once, and the list of those to come goes through the nodes
     // themselves, as when they are destroyed.
-    Node* next = tensor.impl()->node.get();
+    Node* next = tensor.impl()->past.node();  // One owner: nobody replaces it.
     if (next == nullptr || next->references != 1) {
         return;
     }
@@ -278,6 +281,11 @@ void visit_functions(const KTensor& tensor, FunctionVisitor& visitor) {
             }
         }
     }
+}
+
+std::string operation_of(const KTensor& tensor) {
+    const Past past = tensor.impl()->past.now();
+    return past.node ? past.node->name() : "";
 }
 
 void replace_past(KTensor& target, const KTensor& y) {

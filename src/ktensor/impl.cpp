@@ -12,9 +12,7 @@ void release(Impl* impl) noexcept { Ref<Impl>::drop(impl); }
 
 KTensor make_ktensor(Ref<Data> data) {
     const std::uint32_t seen = recorded_version_of(*data->tensor);
-    auto* impl = new Impl(std::move(data));
-    impl->seen = seen;
-    return KTensor::adopt(impl);
+    return KTensor::adopt(new Impl(std::move(data), seen));
 }
 
 KTensor make_ktensor(std::unique_ptr<Tensor> tensor) {
@@ -26,9 +24,19 @@ KTensor share(const KTensor& x, const Dims& shape, const Dims& strides, std::int
     return make_ktensor(share_storage_tensor(t.getStorage(), shape, strides, t.Dtype(), t.StorageOffset() + offset));
 }
 
+KTensor with_past_of_now(const KTensor& tensor) {
+    Past past = tensor.impl()->past.now();
+    if (!past.node) {
+        return tensor;
+    }
+    KTensor result = make_ktensor(tensor.impl()->data);
+    result.impl()->past.begin(std::move(past.node), past.output);
+    return result;
+}
+
 bool is_sole_owner(const KTensor& tensor) {
     const Impl* impl = tensor.impl();
-    if (impl->references.load(std::memory_order_acquire) != 1 || impl->node ||
+    if (impl->references.load(std::memory_order_acquire) != 1 || !impl->past.empty() ||
         impl->data->references.load(std::memory_order_acquire) != 1) {
         return false;
     }

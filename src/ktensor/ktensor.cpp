@@ -18,14 +18,6 @@ Tensor& elements(const KTensor& t, const char* function) {
     return *t.impl()->data->tensor;
 }
 
-// Made where somebody asks: most tensors have no gradient of their own.
-autograd::GradState& state_of(autograd::Impl& impl) {
-    if (!impl.state) {
-        impl.state = autograd::Ref<autograd::GradState>::adopt(new autograd::GradState);
-    }
-    return *impl.state;
-}
-
 }  // namespace
 
 KTensor::KTensor(std::unique_ptr<Tensor> tensor) {
@@ -56,10 +48,10 @@ std::int64_t KTensor::size(int axis) const {
 
 KTensor& KTensor::requires_grad(bool wanted) & {
     const Tensor& t = elements(*this, "requires_grad");
-    if (impl_->node) {
+    if (const autograd::Past past = impl_->past.now(); past.node) {
         if (!wanted) {
             fail(ErrorKind::state, where("ornik::KTensor::requires_grad"),
-                 "requires_grad(false): this tensor is the result of ", impl_->node->name(),
+                 "requires_grad(false): this tensor is the result of ", past.node->name(),
                  "(); detach() gives one without a past.");
         }
         return *this;
@@ -69,23 +61,26 @@ KTensor& KTensor::requires_grad(bool wanted) & {
              "requires_grad(): floating and complex tensors have gradients, not ", describe(*this), ".");
     }
     if (wanted) {
-        state_of(*impl_);  // Now, by one thread: several may add to it later.
+        impl_->state.made();
     }
     impl_->leaf_wants_grad = wanted;
     return *this;
 }
 
-bool KTensor::wants_grad() const noexcept { return impl_ != nullptr && (impl_->node || impl_->leaf_wants_grad); }
+bool KTensor::wants_grad() const noexcept {
+    return impl_ != nullptr && (!impl_->past.empty() || impl_->leaf_wants_grad);
+}
 
-bool KTensor::is_leaf() const noexcept { return impl_ == nullptr || !impl_->node; }
+bool KTensor::is_leaf() const noexcept { return impl_ == nullptr || impl_->past.empty(); }
 
 KTensor KTensor::grad() const {
     elements(*this, "grad");
-    if (!impl_->state) {
+    autograd::GradState* state = impl_->state.get();
+    if (state == nullptr) {
         return {};
     }
-    const std::scoped_lock guard(impl_->state->lock);
-    return impl_->state->gradient;
+    const std::scoped_lock guard(state->lock);
+    return state->gradient;
 }
 
 void KTensor::set_grad(const KTensor& gradient) {
@@ -94,10 +89,10 @@ void KTensor::set_grad(const KTensor& gradient) {
         fail(where("ornik::KTensor::set_grad"), "set_grad(): a gradient of ", describe(*this), " is no ",
              describe(gradient), ".");
     }
-    if (!gradient.defined() && !impl_->state) {
+    if (!gradient.defined() && impl_->state.get() == nullptr) {
         return;
     }
-    autograd::GradState& state = state_of(*impl_);
+    autograd::GradState& state = impl_->state.made();
     KTensor old;  // Dropped after the lock.
     const std::scoped_lock guard(state.lock);
     old = std::exchange(state.gradient, gradient);
@@ -113,9 +108,8 @@ void KTensor::retain_grad() {
         return;
     }
     impl_->keeps_grad = true;
-    state_of(*impl_);
     // The hook holds the place of the gradient, not the tensor: no cycle.
-    register_hook([state = impl_->state](const KTensor& gradient) {
+    register_hook([state = autograd::Ref<autograd::GradState>::share(&impl_->state.made())](const KTensor& gradient) {
         KTensor old;
         const std::scoped_lock guard(state->lock);
         old = std::exchange(state->gradient, gradient.detach());
@@ -126,7 +120,7 @@ void KTensor::retain_grad() {
 KTensor KTensor::detach() const {
     elements(*this, "detach");
     KTensor result = autograd::make_ktensor(impl_->data);
-    result.impl_->detached = true;
+    result.impl_->detached.store(true, std::memory_order_relaxed);
     return result;
 }
 
@@ -136,28 +130,22 @@ std::int64_t KTensor::register_hook(std::function<KTensor(const KTensor&)> hook)
         fail(ErrorKind::state, where("ornik::KTensor::register_hook"), "register_hook(): ", describe(*this),
              " asks for no gradients.");
     }
-    autograd::GradState& state = state_of(*impl_);
-    const std::int64_t number = state.hooks.next++;
-    if (!impl_->node) {
-        state.hooks.hooks.emplace_back(number, std::move(hook));
-        return number;
-    }
-    if (!impl_->node->hooks) {
-        impl_->node->hooks = std::make_unique<std::vector<autograd::NodeHook>>();
-    }
-    impl_->node->hooks->push_back({impl_->output, number, std::move(hook)});
+    autograd::GradState& state = impl_->state.made();
+    const std::int64_t number = state.next_hook++;
+    const autograd::Past past = impl_->past.now();
+    (past.node ? past.node->hooks : state.hooks).made().add(past.output, number, std::move(hook));
     return number;
 }
 
 void KTensor::remove_hook(std::int64_t number) {
     elements(*this, "remove_hook");
-    if (impl_->state) {
-        std::erase_if(impl_->state->hooks.hooks, [number](const auto& hook) { return hook.first == number; });
+    autograd::GradState* state = impl_->state.get();
+    if (autograd::HookList* hooks = state != nullptr ? state->hooks.get() : nullptr) {
+        hooks->remove(0, number);
     }
-    if (impl_->node && impl_->node->hooks) {
-        std::erase_if(*impl_->node->hooks, [number, this](const autograd::NodeHook& hook) {
-            return hook.number == number && hook.output == impl_->output;
-        });
+    const autograd::Past past = impl_->past.now();
+    if (autograd::HookList* hooks = past.node ? past.node->hooks.get() : nullptr) {
+        hooks->remove(past.output, number);
     }
 }
 

@@ -4,7 +4,6 @@
 #include <algorithm>
 
 #include "ktensor/autograd.h"
-#include "ktensor/past.h"
 #include "ktensor/touched.h"
 #include "utils/error.h"
 
@@ -35,35 +34,6 @@ GradMode::GradMode(bool on) noexcept : before_(enabled) { enabled = on; }
 GradMode::~GradMode() { enabled = before_; }
 
 namespace autograd {
-
-std::mutex& past_lock(const Impl& impl) noexcept {
-    static std::array<std::mutex, 64> locks;
-    return locks[(reinterpret_cast<std::uintptr_t>(&impl) / sizeof(Impl)) % locks.size()];
-}
-
-Past past_of(const Impl& impl) {
-    if (!impl.node) {
-        return {};
-    }
-    const std::scoped_lock guard(past_lock(impl));
-    return {impl.node, impl.output};
-}
-
-void set_past(Impl& impl, Past past) {
-    const std::scoped_lock guard(past_lock(impl));
-    std::swap(impl.node, past.node);  // The old one is dropped after the lock, with the parameter.
-    impl.output = past.output;
-}
-
-KTensor with_past_of_now(const KTensor& tensor) {
-    Past past = past_of(*tensor.impl());
-    if (!past.node) {
-        return tensor;
-    }
-    KTensor result = make_ktensor(tensor.impl()->data);
-    set_past(*result.impl(), std::move(past));
-    return result;
-}
 
 void check_defined(const char* operation, const KTensor& tensor, std::size_t operand) {
     if (!tensor.defined()) {
@@ -108,8 +78,7 @@ void Recorder::check_operand(std::size_t i) {
         }
         return;
     }
-    const Impl& impl = *operand.impl();
-    if (!impl.detached && impl.seen != recorded_version_of(*impl.data->tensor)) {
+    if (is_stale(*operand.impl())) {
         fail(ErrorKind::state, where("ornik::KTensor"), info_of(op_).name, "(): the memory of operand ", i, ", ",
              describe(operand),
              ", was changed in place through another tensor while that was recorded: its gradient would be wrong. Make "
@@ -129,7 +98,7 @@ void Recorder::fill(Node& node, std::span<const Keep> kept) const {
         Edge& edge = node.edges_[i];
         edge.dtype = operand.dtype();
         edge.shape = ShapeNote(operand.shape());
-        if (Past past = past_of(*impl); past.node) {
+        if (Past past = impl->past.now(); past.node) {
             least = std::max(least, past.node->sequence);
             edge.node = std::move(past.node);
             edge.output = past.output;
@@ -152,9 +121,7 @@ void Recorder::connect(Ref<Node> node, std::span<KTensor* const> outputs, std::s
     fill(*node, kept);
     for (std::size_t k = 0; k < outputs.size(); ++k) {
         if (outputs[k]->is_floating() || outputs[k]->is_complex()) {
-            Impl& impl = *outputs[k]->impl();
-            impl.node = node;
-            impl.output = static_cast<std::uint32_t>(k);
+            outputs[k]->impl()->past.begin(node, static_cast<std::uint32_t>(k));
         }
     }
 }
@@ -176,7 +143,8 @@ void check_in_place(const char* operation, const KTensor& target, bool recorded)
 
 KTensor old_value(const KTensor& target) {
     KTensor copy = make_ktensor(copy_of(*target.tensor()));
-    set_past(*copy.impl(), past_of(*target.impl()));
+    Past past = target.impl()->past.now();
+    copy.impl()->past.begin(std::move(past.node), past.output);
     return copy;
 }
 
@@ -192,9 +160,9 @@ void take_over_past(KTensor& target, const KTensor& y) {
     if (tensorT::Tensor_storage* storage = target.tensor()->borrow_storage()) {
         storage->note_recorded_write();
     }
-    impl.seen = recorded_version_of(*target.tensor());
-    impl.detached = false;
-    set_past(impl, past_of(*y.impl()));
+    impl.seen.store(recorded_version_of(*target.tensor()), std::memory_order_relaxed);
+    impl.detached.store(false, std::memory_order_relaxed);
+    impl.past.replace(y.impl()->past.now());
 }
 
 }  // namespace autograd

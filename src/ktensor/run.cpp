@@ -5,7 +5,6 @@
 
 #include "ktensor/arithmetic.h"
 #include "ktensor/backward.h"
-#include "ktensor/past.h"
 #include "ktensor/shapes.h"
 #include "tensor/tensor_math/tensor_arithmetic.h"
 #include "utils/error.h"
@@ -38,8 +37,7 @@ void Run::add_root(const KTensor& root, const KTensor& seed) {
         fail(ErrorKind::state, where("ornik::backward"), caller_, "(): ", describe(root),
              " was not computed from anything that asks for gradients.");
     }
-    const Impl& impl = *root.impl();
-    if (!impl.detached && impl.seen != recorded_version_of(*impl.data->tensor)) {
+    if (is_stale(*root.impl())) {
         fail(ErrorKind::state, where("ornik::backward"), caller_, "(): the memory of ", describe(root),
              " was changed in place through another tensor while that was recorded: its gradient would be wrong.");
     }
@@ -60,7 +58,7 @@ void Run::add_input(const KTensor& input) {
              ", asks for no gradients.");
     }
     const KTensor kept = with_past_of_now(input);
-    inputs_.push_back({Ref<Impl>::share(kept.impl()), bool(kept.impl()->node), {}});
+    inputs_.push_back({Ref<Impl>::share(kept.impl()), !kept.impl()->past.empty(), {}});
 }
 
 KTensor* Run::Visit::gradients() {
@@ -105,7 +103,7 @@ void Run::check(const Node& node) const {
 
 const Run::Input* Run::outside_input(const Edge& edge) const {
     const auto place = std::find_if(inputs_.begin(), inputs_.end(), [&](const Input& input) {
-        return input.is_node && input.impl->node.get() == edge.node.get() && input.impl->output == edge.output;
+        return input.is_node && input.impl->past.node() == edge.node.get() && input.impl->past.output() == edge.output;
     });
     return place == inputs_.end() ? nullptr : &*place;
 }
@@ -121,7 +119,7 @@ bool Run::is_wanted(const Edge& edge) const {
 
 void Run::find_nodes() {
     for (const auto& [root, seed] : roots_) {
-        const Ref<Node>& node = root.impl()->node;
+        const Ref<Node> node = root.impl()->past.now().node;
         if (node && !is_outside(*node) && node->run.load(std::memory_order_acquire) != this) {
             claim(node);
         }
@@ -168,7 +166,7 @@ void Run::find_leaves() {
             if (leaf_positions_.emplace(input.impl.get(), leaves_.size()).second) {
                 leaves_.push_back({input.impl, {}, 0, true});
             }
-        } else if (const Node& node = *input.impl->node; node.run.load(std::memory_order_acquire) == this) {
+        } else if (const Node& node = *input.impl->past.node(); node.run.load(std::memory_order_acquire) == this) {
             visits_[node.position].is_input = true;
         }
     }
@@ -185,7 +183,7 @@ void Run::find_leaves() {
         }
     }
     for (const auto& [root, seed] : roots_) {
-        if (!root.impl()->node) {
+        if (root.impl()->past.empty()) {
             if (Leaf* leaf = leaf_of(Ref<Impl>::share(root.impl()))) {
                 ++leaf->edges_left;
             }
@@ -261,12 +259,12 @@ bool Run::accumulate_part(const Edge& edge, const std::function<void(Tensor* sum
     return true;
 }
 
-KTensor Run::run_hooks(const std::vector<NodeHook>& hooks, std::uint32_t output, KTensor gradient) const {
-    for (const NodeHook& hook : hooks) {
-        if (hook.output != output || !gradient.defined()) {
+KTensor Run::run_hooks(const std::vector<HookList::Entry>& hooks, std::uint32_t output, KTensor gradient) const {
+    for (const HookList::Entry& entry : hooks) {
+        if (entry.output != output || !gradient.defined()) {
             continue;
         }
-        KTensor changed = hook.hook(gradient);
+        KTensor changed = (*entry.hook)(gradient);
         if (!changed.defined()) {
             continue;
         }
@@ -287,16 +285,16 @@ void Run::run_node(Visit& visit) {
     if (std::none_of(gradients.begin(), gradients.end(), [](const KTensor& g) { return g.defined(); })) {
         return;
     }
-    if (node.hooks) {
-        const std::vector<NodeHook> hooks = *node.hooks;  // A hook may register or remove others.
+    if (const HookList* list = node.hooks.get()) {
+        const std::vector<HookList::Entry> hooks = list->entries();
         for (std::uint32_t k = 0; k < node.output_count; ++k) {
             gradients[k] = run_hooks(hooks, k, std::move(gradients[k]));
         }
     }
     if (visit.is_input) {
         for (Input& input : inputs_) {
-            if (input.impl->node.get() == &node) {
-                input.gradient = gradients[input.impl->output];
+            if (input.impl->past.node() == &node) {
+                input.gradient = gradients[input.impl->past.output()];
             }
         }
     }
@@ -315,10 +313,10 @@ void Run::walk() {
     for (auto& [root, seed] : roots_) {
         KTensor start = seed.defined() ? seed : unit_seed(root);
         Impl* impl = root.impl();
-        if (impl->node) {
+        if (Past past = impl->past.now(); past.node) {
             Edge edge;
-            edge.node = impl->node;
-            edge.output = impl->output;
+            edge.node = std::move(past.node);
+            edge.output = past.output;
             accumulate(edge, std::move(start));
         } else if (leaf_positions_.contains(impl)) {
             Edge edge;
@@ -338,13 +336,16 @@ void Run::finish_leaf(Leaf& leaf) {
     if (!gradient.defined()) {
         return;
     }
-    for (const auto& [number, hook] : std::vector(impl.state->hooks.hooks)) {
-        if (KTensor changed = hook(gradient); changed.defined()) {
-            gradient = std::move(changed);
+    GradState& state = impl.state.made();
+    if (const HookList* list = state.hooks.get()) {
+        for (const HookList::Entry& entry : list->entries()) {
+            if (KTensor changed = (*entry.hook)(gradient); changed.defined()) {
+                gradient = std::move(changed);
+            }
         }
     }
-    const std::scoped_lock guard(impl.state->lock);
-    KTensor& total = impl.state->gradient;
+    const std::scoped_lock guard(state.lock);
+    KTensor& total = state.gradient;
     if (total.defined()) {
         if (create_graph_ || total.wants_grad() || !total.is_contiguous()) {
             total = ornik::add(total, gradient);
@@ -381,13 +382,12 @@ KTensor Backward::saved(std::size_t k) const {
         return {};
     }
     KTensor value = make_ktensor(saved.data);
-    value.impl()->detached = true;
+    value.impl()->detached.store(true, std::memory_order_relaxed);
     if (!recorded_ || saved.of == Saved::own) {
         return value;
     }
     if (saved.of < 0) {
-        value.impl()->node = Ref<Node>::share(&node_);
-        value.impl()->output = static_cast<std::uint32_t>(-1 - saved.of);
+        value.impl()->past.begin(Ref<Node>::share(&node_), static_cast<std::uint32_t>(-1 - saved.of));
         return value;
     }
     const Edge& edge = node_.edges()[static_cast<std::size_t>(saved.of)];
@@ -395,8 +395,7 @@ KTensor Backward::saved(std::size_t k) const {
         // Of the leaf itself: its gradient is to arrive there.
         return KTensor::adopt(Ref<Impl>::share(edge.leaf.get()).release());
     }
-    value.impl()->node = edge.node;
-    value.impl()->output = edge.output;
+    value.impl()->past.begin(edge.node, edge.output);
     return value;
 }
 

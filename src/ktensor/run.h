@@ -72,7 +72,7 @@ class Run {
     void find_leaves();
     void check(const Node& node) const;
     void run_node(Visit& visit);
-    KTensor run_hooks(const std::vector<NodeHook>& hooks, std::uint32_t output, KTensor gradient) const;
+    KTensor run_hooks(const std::vector<HookList::Entry>& hooks, std::uint32_t output, KTensor gradient) const;
     void finish_leaf(Leaf& leaf);
     bool is_wanted(const Edge& edge) const;
     bool is_outside(const Node& node) const { return node.sequence <= boundary_; }

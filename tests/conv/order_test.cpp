@@ -182,6 +182,7 @@ void check(const Shape& s, unsigned seed) {
 TEST(ConvolutionOrder, EveryKernelKeepsIt) {
     // Channels that fill vectors and that do not, on one side and on both; several blocks of channels, tiles, cuts
     // and samples of a tile; strides whose taps share slots and whose taps do not; narrow rows; planes of one column.
+    // Of channels kept apart, planes of many tiles, of rows and of columns.
     const Axis three{14, 3, 1, 1, 1}, seven{7, 3, 1, 1, 1}, one{9, 1, 1, 0, 1};
     std::vector<Shape> shapes = {
         {1, 1, 70, 37, three, {15, 3, 1, 1, 1}},
@@ -194,6 +195,10 @@ TEST(ConvolutionOrder, EveryKernelKeepsIt) {
         {1, 1, 3, 32, {30, 7, 2, 3, 1}, {31, 7, 2, 3, 1}},
         {2, 17, 1, 1, three, {33, 3, 1, 1, 1}},
         {2, 5, 1, 2, {12, 3, 2, 1, 1}, {40, 5, 2, 2, 1}},
+        {1, 37, 1, 1, {40, 3, 2, 1, 1}, {31, 3, 2, 1, 1}},
+        {2, 13, 1, 2, {40, 5, 1, 2, 1}, {23, 3, 1, 2, 2}},
+        {1, 20, 1, 1, {5, 3, 1, 1, 1}, {860, 4, 3, 1, 1}},
+        {2, 3, 1, 1, {9, 5, 1, 2, 1}, {50, 3, 2, 1, 1}},
         {2, 1, 5, 2, {200, 5, 3, 2, 1}, {1, 1, 1, 0, 1}},
         {1, 1, 2, 3, {3, 1, 1, 0, 1}, {1500, 4, 1, 0, 1}},
         {1, 1, 2, 20, {20, 19, 1, 9, 1}, {18, 17, 1, 8, 1}},

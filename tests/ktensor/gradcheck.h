@@ -80,8 +80,8 @@ class Check {
                     .requires_grad());
         }
         const KTensor y = call(leaves_);
-        ASSERT_TRUE(y.impl()->node);
-        EXPECT_EQ(info_of(y.impl()->node->op).name, std::string(info_of(row_.op).name));
+        ASSERT_TRUE(y.impl()->past.node());
+        EXPECT_EQ(info_of(y.impl()->past.node()->op).name, std::string(info_of(row_.op).name));
         seed_ = contiguous(random_tensor(y.shape(), -1, 1, y.dtype()));
         const Tensors analytic = grad({y}, leaves_, {seed_});
         compare(

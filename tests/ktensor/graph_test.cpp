@@ -2,6 +2,7 @@
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 #include "gradcheck.h"
@@ -252,6 +253,37 @@ TEST(Threads, SeparateGraphsMayShareLeaves) {
         thread.join();
     }
     EXPECT_EQ(w.grad().to_vector<float>(), Floats({400, 400}));
+}
+
+// Another's operation in place gives the tensor another node each time.
+TEST(Threads, ResultsAreLookedAtWhileTheyChange) {
+    KTensor w = leaf({1, 2});
+    KTensor y = w * 1.0F;
+    std::atomic<bool> done = false;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i) {
+        threads.emplace_back([&, view = y]() mutable {
+            while (!done) {
+                const std::int64_t number = view.register_hook([](const KTensor& g) { return g * 2.0F; });
+                EXPECT_FALSE(view.is_leaf());
+                try {
+                    EXPECT_TRUE(reshape(view, {2, 1}).wants_grad());
+                } catch (const Error& refused) {  // In the middle of a change.
+                    EXPECT_EQ(refused.kind(), ErrorKind::state);
+                }
+                view.remove_hook(number);
+            }
+        });
+    }
+    for (int k = 0; k < 300; ++k) {
+        y += 1.0F;
+    }
+    done = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(y.to_vector<float>(), Floats({301, 302}));
+    EXPECT_FALSE(w.grad().defined());
 }
 
 TEST(Threads, OneGraphIsWalkedByOne) {

@@ -110,6 +110,10 @@ ORNIK_EXPAND void prefetch_for_writing([[maybe_unused]] const T* at) {
 #define ORNIK_FUSES 0
 #endif
 
+/// Are there kernels for special cases? Where a fused step takes many instructions, code for each case is large, and
+/// what it spares is little.
+inline constexpr bool has_forms = ORNIK_FUSES != 0;
+
 // Without the instruction, loops that GCC vectorises call functions on whole vectors (cpu_fused_vector.cpp).
 #if defined(__GNUC__) && !defined(__clang__) && defined(__SSE2__) && !defined(__AVX__) && defined(__ELF__)
 #define ORNIK_VECTOR_CALLS 1
@@ -314,35 +318,34 @@ ORNIK_EXPAND double fused(double a, double b, double c) {
 #endif
 }
 
+// The instruction of x86-64 for vectors a, b and c of any width; nothing where there is none.
+#define ORNIK_FUSED_OF(bytes, prefix, type, instruction)                               \
+    if constexpr (sizeof(V) == (bytes)) {                                              \
+        if constexpr (sizeof(a[0]) == sizeof(float)) {                                 \
+            return (V)prefix##_##instruction##_ps((type)a, (type)b, (type)c);          \
+        } else {                                                                       \
+            return (V)prefix##_##instruction##_pd((type##d)a, (type##d)b, (type##d)c); \
+        }                                                                              \
+    }
+#if defined(__AVX512F__)
+#define ORNIK_FUSED_BY(instruction)                 \
+    ORNIK_FUSED_OF(64, _mm512, __m512, instruction) \
+    ORNIK_FUSED_OF(32, _mm256, __m256, instruction) \
+    ORNIK_FUSED_OF(16, _mm, __m128, instruction)
+#elif defined(__FMA__)
+#define ORNIK_FUSED_BY(instruction)                 \
+    ORNIK_FUSED_OF(32, _mm256, __m256, instruction) \
+    ORNIK_FUSED_OF(16, _mm, __m128, instruction)
+#else
+#define ORNIK_FUSED_BY(instruction)
+#endif
+
 #if defined(__GNUC__)
 template <typename V>
 ORNIK_EXPAND V fused(V a, V b, V c) requires(sizeof(V) > sizeof(double)) {
     [[maybe_unused]] constexpr bool single = sizeof(a[0]) == sizeof(float);
-#if defined(__AVX512F__)
-    if constexpr (sizeof(V) == 64) {
-        if constexpr (single) {
-            return (V)_mm512_fmadd_ps((__m512)a, (__m512)b, (__m512)c);
-        } else {
-            return (V)_mm512_fmadd_pd((__m512d)a, (__m512d)b, (__m512d)c);
-        }
-    }
-#endif
-#if defined(__FMA__)
-    if constexpr (sizeof(V) == 32) {
-        if constexpr (single) {
-            return (V)_mm256_fmadd_ps((__m256)a, (__m256)b, (__m256)c);
-        } else {
-            return (V)_mm256_fmadd_pd((__m256d)a, (__m256d)b, (__m256d)c);
-        }
-    }
-    if constexpr (sizeof(V) == 16) {
-        if constexpr (single) {
-            return (V)_mm_fmadd_ps((__m128)a, (__m128)b, (__m128)c);
-        } else {
-            return (V)_mm_fmadd_pd((__m128d)a, (__m128d)b, (__m128d)c);
-        }
-    }
-#elif ORNIK_FUSES
+    ORNIK_FUSED_BY(fmadd)
+#if ORNIK_FUSES && !defined(__FMA__)
     if constexpr (sizeof(V) == 16) {
         if constexpr (single) {
             return (V)vfmaq_f32((float32x4_t)c, (float32x4_t)a, (float32x4_t)b);
@@ -350,7 +353,7 @@ ORNIK_EXPAND V fused(V a, V b, V c) requires(sizeof(V) > sizeof(double)) {
             return (V)vfmaq_f64((float64x2_t)c, (float64x2_t)a, (float64x2_t)b);
         }
     }
-#elif defined(__SSE2__)
+#elif defined(__SSE2__) && !ORNIK_FUSES
     if constexpr (sizeof(V) == 16) {
         if constexpr (single) {
             return (V)detail::fused_in_double((__m128)a, (__m128)b, (__m128)c);
@@ -366,51 +369,21 @@ ORNIK_EXPAND V fused(V a, V b, V c) requires(sizeof(V) > sizeof(double)) {
 }
 #endif
 
-/// c - a b, rounded once.
+/// c - a b, rounded once. Left to itself, the compiler would rather negate an operand.
 template <typename V>
 ORNIK_EXPAND V fused_minus(V a, V b, V c) {
-#if defined(__FMA__)
-    // The compiler would rather negate an operand.
-    if constexpr (sizeof(V) == 64) {
-#if defined(__AVX512F__)
-        if constexpr (sizeof(a[0]) == sizeof(float)) {
-            return (V)_mm512_fnmadd_ps((__m512)a, (__m512)b, (__m512)c);
-        } else {
-            return (V)_mm512_fnmadd_pd((__m512d)a, (__m512d)b, (__m512d)c);
-        }
-#endif
-    } else if constexpr (sizeof(V) == 32) {
-        if constexpr (sizeof(a[0]) == sizeof(float)) {
-            return (V)_mm256_fnmadd_ps((__m256)a, (__m256)b, (__m256)c);
-        } else {
-            return (V)_mm256_fnmadd_pd((__m256d)a, (__m256d)b, (__m256d)c);
-        }
-    }
-#endif
+    ORNIK_FUSED_BY(fnmadd)
     return fused(-a, b, c);
 }
 /// a b - c, rounded once.
 template <typename V>
 ORNIK_EXPAND V fused_less(V a, V b, V c) {
-#if defined(__FMA__)
-    if constexpr (sizeof(V) == 64) {
-#if defined(__AVX512F__)
-        if constexpr (sizeof(a[0]) == sizeof(float)) {
-            return (V)_mm512_fmsub_ps((__m512)a, (__m512)b, (__m512)c);
-        } else {
-            return (V)_mm512_fmsub_pd((__m512d)a, (__m512d)b, (__m512d)c);
-        }
-#endif
-    } else if constexpr (sizeof(V) == 32) {
-        if constexpr (sizeof(a[0]) == sizeof(float)) {
-            return (V)_mm256_fmsub_ps((__m256)a, (__m256)b, (__m256)c);
-        } else {
-            return (V)_mm256_fmsub_pd((__m256d)a, (__m256d)b, (__m256d)c);
-        }
-    }
-#endif
+    ORNIK_FUSED_BY(fmsub)
     return fused(a, b, -c);
 }
+
+#undef ORNIK_FUSED_BY
+#undef ORNIK_FUSED_OF
 
 // ---- Functions of elements: one number or many side by side, with the same bits ----
 

@@ -40,7 +40,7 @@ void run_in_vectors(std::int64_t n, float* out, const float* first, const Rest*.
     std::int64_t i = 0;
     if constexpr (NearZero<Function, float>::differs) {
         using Near = NearZero<Function, float>;
-        constexpr int together = ORNIK_FUSES != 0 ? 4 : 1;  // Fused steps of many instructions make long code.
+        constexpr int together = vec::has_forms ? 4 : 1;
         for (; i + together * width <= n; i += together * width) {
             vec::Bits<V> most{};
             ORNIK_UNROLLED

@@ -22,8 +22,8 @@ namespace {
 
 /// For positions q, side by side, sum over rows i and columns j, in order, of
 ///     weights[i * cols + j] * rows[i][q * step + offsets[j]]
-/// where all but `rows` counts vectors; ended and stored. Of the values that neighbouring columns meet, the first
-/// `lead` and the last `trail` lie beyond the edge.
+/// where all but `rows` counts vectors, which lie in the rows `along` elements apart; ended and stored. Of the values
+/// that neighbouring columns meet, the first `lead` and the last `trail` lie beyond the edge.
 template <typename T>
 struct DepthChain {
     const T* const* rows;
@@ -32,10 +32,12 @@ struct DepthChain {
     std::int64_t col_count;
     std::int64_t step;
     std::int64_t first;  // added to all offsets
+    std::int64_t along;
     std::int64_t lead;
     std::int64_t trail;
     const T* weights;
     T* out;
+    std::int64_t out_step;  // elements from one position to the next
     LaneEnds<T> ends;
 };
 
@@ -55,12 +57,13 @@ template <typename T, int Cols, int Step, int Positions>
             sums[0][q] = steps.from(V{});
         }
         const T* weights = in.weights;
+        const std::int64_t along = in.along;
         [[maybe_unused]] const std::int64_t lead = in.lead;
         [[maybe_unused]] const std::int64_t trail = in.trail;
         for (std::int64_t i = 0; i < in.row_count; ++i) {
             if constexpr (Cols > 0) {
                 constexpr int count = (Positions - 1) * Step + Cols;
-                const T* const row = in.rows[i] + (in.first + in.offsets[0]) * width;
+                const T* at = in.rows[i] + (in.first + in.offsets[0]) * along;
                 typename Steps::Factor weight[Cols];
                 ORNIK_UNROLLED
                 for (int j = 0; j < Cols; ++j) {
@@ -69,9 +72,9 @@ template <typename T, int Cols, int Step, int Positions>
                 weights += Cols * width;
                 // Every value is read once; each position meets its columns in order.
                 ORNIK_UNROLLED
-                for (int k = 0; k < count; ++k) {
+                for (int k = 0; k < count; ++k, at += along) {
                     const bool outside = (k < Cols - 1 && k < lead) || (count - k < Cols && count - k <= trail);
-                    const auto value = steps.factor(outside ? V{} : vec::load<V>(row + k * width));
+                    const auto value = steps.factor(outside ? V{} : vec::load<V>(at));
                     ORNIK_UNROLLED
                     for (int j = 0; j < Cols; ++j) {
                         const int q = (k - j) / Step;
@@ -82,11 +85,11 @@ template <typename T, int Cols, int Step, int Positions>
                 }
             } else {
                 for (std::int64_t j = 0; j < in.col_count; ++j, weights += width) {
-                    const T* const row = in.rows[i] + (in.first + in.offsets[j]) * width;
+                    const T* const row = in.rows[i] + (in.first + in.offsets[j]) * along;
                     const auto weight = steps.weight(vec::load<V>(weights));
                     ORNIK_UNROLLED
                     for (int q = 0; q < Positions; ++q) {
-                        steps.add(weight, steps.factor(vec::load<V>(row + q * in.step * width)), sums[0][q]);
+                        steps.add(weight, steps.factor(vec::load<V>(row + q * in.step * along)), sums[0][q]);
                     }
                 }
             }
@@ -99,10 +102,10 @@ template <typename T, int Cols, int Step, int Positions>
         for (int q = 0; q < Positions; ++q) {
             totals[0][q] = steps.value(sums[0][q]);
         }
-        end_lanes(in.ends, totals, 0, width);
+        end_lanes(in.ends, totals, 0, in.out_step);
         ORNIK_UNROLLED
         for (int q = 0; q < Positions; ++q) {
-            vec::store(totals[0][q], in.out + q * width);
+            vec::store(totals[0][q], in.out + q * in.out_step);
         }
         return true;
     });
@@ -120,23 +123,22 @@ constexpr DepthChains<T> depth_chains_of(std::integer_sequence<int, Position...>
 
 /// Those for a number of columns that are `dilation` apart.
 template <typename T>
-const DepthChains<T>& depth_chains([[maybe_unused]] std::int64_t cols, [[maybe_unused]] std::int64_t dilation,
-                                   [[maybe_unused]] std::int64_t step) {
+const DepthChains<T>& depth_chains(std::int64_t cols, std::int64_t dilation, std::int64_t step) {
     constexpr auto positions = std::make_integer_sequence<int, depth_positions>();
     static constexpr auto any = depth_chains_of<T, 0, 0>(positions);
-#if ORNIK_FUSES
-    static constexpr auto three = depth_chains_of<T, 3, 1>(positions);
-    static constexpr auto three_apart = depth_chains_of<T, 3, 2>(positions);
-    static constexpr auto five = depth_chains_of<T, 5, 1>(positions);
-    static constexpr auto five_apart = depth_chains_of<T, 5, 2>(positions);
-    if (dilation == 1 && step <= 2 && cols == 3) {
-        return step == 1 ? three : three_apart;
+    if constexpr (vec::has_forms) {
+        static constexpr auto three = depth_chains_of<T, 3, 1>(positions);
+        static constexpr auto three_apart = depth_chains_of<T, 3, 2>(positions);
+        static constexpr auto five = depth_chains_of<T, 5, 1>(positions);
+        static constexpr auto five_apart = depth_chains_of<T, 5, 2>(positions);
+        if (dilation == 1 && step <= 2 && cols == 3) {
+            return step == 1 ? three : three_apart;
+        }
+        if (dilation == 1 && step <= 2 && cols == 5) {
+            return step == 1 ? five : five_apart;
+        }
     }
-    if (dilation == 1 && step <= 2 && cols == 5) {
-        return step == 1 ? five : five_apart;
-    }
-#endif
-    return any;  // Where steps take many instructions, code for each case is large, and what it spares is little.
+    return any;
 }
 
 template <typename T>
@@ -219,10 +221,12 @@ class BlockDepth {
                             static_cast<std::int64_t>(offsets_.size()),
                             pass_.cols.step,
                             0,
+                            width,
                             0,
                             0,
                             weights_ + group * pass_.taps() * width,
                             target_ + place,
+                            width,
                             {ends_.bias == nullptr ? nullptr : ends_.bias + group * width,
                              ends_.residual == nullptr ? nullptr : ends_.residual + place, ends_.clip}};
         for (std::int64_t x = 0; x < inside_; ++x) {
@@ -262,7 +266,12 @@ class BlockDepth {
                 taps[static_cast<std::size_t>(i * cols + j)] = outside ? zeros : chain.rows[i] + at * width;
             }
         }
-        const DepthChain<T> edge{taps.data(), pass_.taps(), &none, 1, 0, 0, 0, 0, chain.weights, chain.out, chain.ends};
+        DepthChain<T> edge = chain;
+        edge.rows = taps.data();
+        edge.row_count = pass_.taps();
+        edge.offsets = &none;
+        edge.col_count = 1;
+        edge.first = 0;
         depth_chain<T, 0, 0, 1>(edge);
         pass(chain, 1);
     }

@@ -141,7 +141,7 @@ class BlockSum {
         return best;
     }
 
-    // Of the busiest processor, about, in half chains; a panel that is new to the nearest cache counts as one.
+    // Of the busiest worker, about, in half chains; a panel that is new to the nearest cache counts as one.
     static std::int64_t time_of(const ConvPass& pass, const ConvSum& sum, const TileShape& tile) {
         const std::int64_t size = tile.rows * tile.cols;
         const std::int64_t tiles =
@@ -149,7 +149,7 @@ class BlockSum {
         const std::int64_t samples = tile_samples(sum, tiles, size);
         const std::int64_t parts = (sum.batch + samples - 1) / samples * tiles;
         const TargetCuts cuts(sum.target_channels, panel, parts, samples * size);
-        const std::int64_t rounds = (parts * cuts.cuts + usable_processors() - 1) / usable_processors();
+        const std::int64_t rounds = (parts * cuts.cuts + parallel_workers() - 1) / parallel_workers();
         return rounds * cuts.channels / panel * (2 * samples * lane_pieces(size) + 1);
     }
 

@@ -2,8 +2,7 @@
 // alone.
 //
 // Rows of the source are staged one by one, with the zeros at their edges, into a ring of as many as a row of results
-// reads, or of all there are where planes are small: all that is touched stays in the first level of cache. Lanes are
-// neighbouring positions. Of short rows several go together: a chain alone would wait for itself.
+// reads: all that is touched stays in the first level of cache. Lanes are neighbouring positions.
 #pragma once
 
 #include <algorithm>
@@ -45,9 +44,8 @@ class DepthSum {
                                 [](const PassAxis::Tap& a, const PassAxis::Tap& b) { return a.offset < b.offset; });
         least_ = least->offset;
         most_ = most->offset;
-        short_rows_ = has_forms && vectors_of_row() <= short_vectors && pass.rows.source * row_ <= most_staged;
-        const std::int64_t staged = short_rows_ ? pass.rows.source : most_ - least_ + 1 + pass.rows.step;
-        ring_ = static_cast<std::int64_t>(std::bit_ceil(static_cast<std::uint64_t>(staged)));
+        ring_ =
+            static_cast<std::int64_t>(std::bit_ceil(static_cast<std::uint64_t>(most_ - least_ + 1 + pass.rows.step)));
         const std::int64_t step = pass.cols.step;
         for (std::size_t run = 0; run < cols_.sources.size(); ++run) {
             const std::int64_t from = cols_.sources[run];
@@ -76,7 +74,7 @@ class DepthSum {
                          // The last row holds zeros.
                          const Scratch<T> rows((ring_ + 1) * row_);
                          std::fill_n(rows.get(), (ring_ + 1) * row_, T(0));
-                         if constexpr (has_forms) {
+                         if constexpr (vec::has_forms) {
                              if (pass_.rows.taps.size() == 3 && pass_.cols.taps.size() == 3) {
                                  run_planes<3, 3>(begin, end, rows.get());
                                  return;
@@ -88,18 +86,11 @@ class DepthSum {
 
   private:
     using V = vec::Vector<T>;
-    // Where steps take many instructions, code for each case is large, and what it spares is little.
-    static constexpr bool has_forms = ORNIK_FUSES != 0;
     static constexpr std::int64_t width = vec::lanes<T>;
     static constexpr std::int64_t most_positions = 2048;
-    static constexpr std::int64_t together = 4;       // vectors of a row, or short rows
-    static constexpr std::int64_t short_vectors = 2;  // of a short row, at most
-    static constexpr std::int64_t most_staged = 16384 / static_cast<std::int64_t>(sizeof(T));
+    static constexpr std::int64_t together = 4;  // vectors of a row
 
-    std::int64_t vectors_of_row() const { return (pass_.cols.positions + width - 1) / width; }
-
-    // Staged rows that a row of results reads, those of the next row behind them, and places in them, in the order of
-    // the chain.
+    // Staged rows that a row of results reads, and places in them, in the order of the chain.
     struct Taps {
         std::int64_t row_count;
         std::int64_t col_count;
@@ -113,10 +104,7 @@ class DepthSum {
     void run_planes(std::int64_t begin, std::int64_t end, T* rows) const {
         std::vector<T> weights(kernels_.size());
         const std::size_t row_taps = pass_.rows.taps.size();
-        std::vector<const T*> near(row_taps * static_cast<std::size_t>(short_rows_ ? pass_.rows.positions : 1));
-        for (std::int64_t y = 0; y < pass_.rows.positions && short_rows_; ++y) {
-            find_rows(y, rows, near.data() + static_cast<std::size_t>(y) * row_taps);
-        }
+        std::vector<const T*> near(row_taps);
         const Taps taps{static_cast<std::int64_t>(row_taps), static_cast<std::int64_t>(col_slots_.size()), near.data(),
                         col_slots_.data(), weights.data()};
         for (std::int64_t plane = begin; plane < end; ++plane) {
@@ -136,15 +124,6 @@ class DepthSum {
     void run_plane(std::int64_t from, std::int64_t to, T bias, T* rows, const T** near, const Taps& taps) const {
         const T* source = source_ + from * pass_.source_plane();
         const std::int64_t plane = pass_.target_plane();
-        if constexpr (has_forms) {
-            if (short_rows_) {
-                for (std::int64_t row = 0; row < pass_.rows.source; ++row) {
-                    stage(source + row * pass_.cols.source, rows + row * row_);
-                }
-                run_short_rows<Rows, Cols>(taps, bias, to * plane, (to + 1) * plane);
-                return;
-            }
-        }
         std::int64_t staged = 0;  // rows of the source
         for (std::int64_t y = 0; y < pass_.rows.positions; ++y) {
             const std::int64_t first = y * pass_.rows.step;
@@ -184,39 +163,6 @@ class DepthSum {
         }
     }
 
-    // All rows of a plane, of one vector or two.
-    template <int Rows, int Cols>
-    void run_short_rows(Taps taps, T bias, std::int64_t at, std::int64_t end) const {
-        const std::int64_t cols = pass_.cols.positions;
-        std::int64_t count = pass_.rows.positions;
-        const std::int64_t last = std::max<std::int64_t>(0, cols - width);
-        const bool one = vectors_of_row() == 1;
-        // A vector may reach into the next row, which is written afterwards, not beyond the plane.
-        const std::int64_t reach = std::max(cols, width);
-        while (count >= 2 && at + cols + reach <= end) {
-            const bool many = count >= together && at + (together - 1) * cols + reach <= end;
-            if (many && one) {
-                run_vectors<Rows, Cols, together, 1>(taps, 0, last, bias, at);
-            } else if (many) {
-                run_vectors<Rows, Cols, together, short_vectors>(taps, 0, last, bias, at);
-            } else if (one) {
-                run_vectors<Rows, Cols, 2, 1>(taps, 0, last, bias, at);
-            } else {
-                run_vectors<Rows, Cols, 2, short_vectors>(taps, 0, last, bias, at);
-            }
-            const std::int64_t done = many ? together : 2;
-            if (ends_.clip == ConvClip::none && ends_.row != nullptr) {
-                ends_.row(target_ + at, done * cols);
-            }
-            count -= done;
-            at += done * cols;
-            taps.rows += done * taps.row_count;
-        }
-        for (; count > 0; --count, at += cols, taps.rows += taps.row_count) {
-            run_row<Rows, Cols>(taps, bias, at, end);
-        }
-    }
-
     // The places of the target from `at` on; its plane ends at `end`.
     template <int Rows, int Cols>
     void run_row(const Taps& taps, T bias, std::int64_t at, std::int64_t end) const {
@@ -229,21 +175,21 @@ class DepthSum {
                 const std::int64_t x = v * width;
                 switch (std::min(together, vectors - v)) {
                     case 1:
-                        run_vectors<Rows, Cols, 1, 1>(taps, x, last, bias, at);
+                        run_vectors<Rows, Cols, 1>(taps, x, last, bias, at);
                         break;
                     case 2:
-                        run_vectors<Rows, Cols, 1, 2>(taps, x, last, bias, at);
+                        run_vectors<Rows, Cols, 2>(taps, x, last, bias, at);
                         break;
                     case 3:
-                        run_vectors<Rows, Cols, 1, 3>(taps, x, last, bias, at);
+                        run_vectors<Rows, Cols, 3>(taps, x, last, bias, at);
                         break;
                     default:
-                        run_vectors<Rows, Cols, 1, together>(taps, x, last, bias, at);
+                        run_vectors<Rows, Cols, together>(taps, x, last, bias, at);
                 }
             }
         } else {
             V sums[1];
-            sum_taps<Rows, Cols, 1, 1>(taps, 0, 0, sums);
+            sum_taps<Rows, Cols, 1>(taps, 0, 0, sums);
             T results[width] = {};
             ConvEnds<T> ends = ends_;
             if (ends_.residual != nullptr) {
@@ -258,28 +204,26 @@ class DepthSum {
         }
     }
 
-    // Of so many rows, and vectors of each.
-    template <int Rows, int Cols, int Count, int Vectors>
-    ORNIK_EXPAND static void sum_taps(const Taps& taps, std::int64_t x, std::int64_t last,
-                                      V (&results)[Count * Vectors]) {
+    // Of so many vectors.
+    template <int Rows, int Cols, int Vectors>
+    ORNIK_EXPAND static void sum_taps(const Taps& taps, std::int64_t x, std::int64_t last, V (&results)[Vectors]) {
         std::int64_t starts[Vectors];
         ORNIK_UNROLLED
         for (int v = 0; v < Vectors; ++v) {
             starts[v] = std::min(x + v * width, last);
         }
         vec::run_chains<T>([&](auto steps) ORNIK_EXPANDED {
-            typename decltype(steps)::Sum sums[Count * Vectors];
+            typename decltype(steps)::Sum sums[Vectors];
             ORNIK_UNROLLED
-            for (int s = 0; s < Count * Vectors; ++s) {
+            for (int s = 0; s < Vectors; ++s) {
                 sums[s] = steps.from(V{});
             }
             const T* weights = taps.weights;
-            const auto add = [&](const T* const* row, std::int64_t row_count, std::int64_t col) ORNIK_EXPANDED {
+            const auto add = [&](const T* row, std::int64_t col) ORNIK_EXPANDED {
                 const auto weight = steps.weight(*weights++);
                 ORNIK_UNROLLED
-                for (int s = 0; s < Count * Vectors; ++s) {
-                    const T* slots = row[s / Vectors * row_count] + col + starts[s % Vectors];
-                    steps.add(weight, steps.factor(vec::load<V>(slots)), sums[s]);
+                for (int s = 0; s < Vectors; ++s) {
+                    steps.add(weight, steps.factor(vec::load<V>(row + col + starts[s])), sums[s]);
                 }
             };
             if constexpr (Rows > 0) {
@@ -287,13 +231,13 @@ class DepthSum {
                 for (int i = 0; i < Rows; ++i) {
                     ORNIK_UNROLLED
                     for (int j = 0; j < Cols; ++j) {
-                        add(taps.rows + i, Rows, taps.cols[j]);
+                        add(taps.rows[i], taps.cols[j]);
                     }
                 }
             } else {
                 for (std::int64_t i = 0; i < taps.row_count; ++i) {
                     for (std::int64_t j = 0; j < taps.col_count; ++j) {
-                        add(taps.rows + i, taps.row_count, taps.cols[j]);
+                        add(taps.rows[i], taps.cols[j]);
                     }
                 }
             }
@@ -301,22 +245,21 @@ class DepthSum {
                 return false;
             }
             ORNIK_UNROLLED
-            for (int s = 0; s < Count * Vectors; ++s) {
+            for (int s = 0; s < Vectors; ++s) {
                 results[s] = steps.value(sums[s]);
             }
             return true;
         });
     }
 
-    template <int Rows, int Cols, int Count, int Vectors>
+    template <int Rows, int Cols, int Vectors>
     [[gnu::noinline]] void run_vectors(const Taps& taps, std::int64_t x, std::int64_t last, T bias,
                                        std::int64_t at) const {
-        V sums[Count * Vectors];
-        sum_taps<Rows, Cols, Count, Vectors>(taps, x, last, sums);
+        V sums[Vectors];
+        sum_taps<Rows, Cols, Vectors>(taps, x, last, sums);
         ORNIK_UNROLLED
-        for (int s = 0; s < Count * Vectors; ++s) {
-            const std::int64_t place =
-                at + s / Vectors * pass_.cols.positions + std::min(x + s % Vectors * width, last);
+        for (int s = 0; s < Vectors; ++s) {
+            const std::int64_t place = at + std::min(x + s * width, last);
             vec::store(ended(ends_, sums[s], bias, place), target_ + place);
         }
     }
@@ -338,8 +281,7 @@ class DepthSum {
     std::int64_t row_;  // slots of a source row
     std::int64_t least_ = 0;
     std::int64_t most_ = 0;
-    std::int64_t ring_ = 1;    // source rows that are staged at a time, a power of two
-    bool short_rows_ = false;  // that go together, all of the source staged
+    std::int64_t ring_ = 1;  // source rows that are staged at a time, a power of two
     std::vector<Span> spans_;
     std::vector<std::int64_t> col_slots_;  // in a staged row, per tap
     std::vector<std::int64_t> kernels_;    // position in the kernel, per tap

@@ -142,9 +142,22 @@ class LaneSum {
             const ConvPass row = pass.as_one_row();
             return {row, choose_tile(row, most, lane_positions), SlotLayout::shared};
         }
-        const TileShape tile = choose_tile(pass, most, 1);
+        const TileShape tile = shared_out(pass, sum, choose_tile(pass, most, 1));
         const bool narrow = tile.rows > 1 && tile.cols / lane_pieces(tile.cols) < least_positions;
         return {pass, tile, narrow ? SlotLayout::linear : SlotLayout::shared};
+    }
+
+    // Tiles of fewer rows where a few more of them part evenly between the workers.
+    static TileShape shared_out(const ConvPass& pass, const ConvSum& sum, TileShape tile) {
+        const std::int64_t rows = pass.rows.positions;
+        const std::int64_t tiles = (rows + tile.rows - 1) / tile.rows;
+        for (std::int64_t more = tiles; more > 1 && 4 * more <= 5 * tiles; ++more) {
+            if (sum.batch * sum.groups * more % parallel_workers() == 0) {
+                tile.rows = (rows + more - 1) / more;
+                break;
+            }
+        }
+        return tile;
     }
 
     static constexpr std::int64_t line = 64 / static_cast<std::int64_t>(sizeof(T));

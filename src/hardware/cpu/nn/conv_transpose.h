@@ -9,37 +9,44 @@
 namespace ornik::device::cpu {
 namespace {
 
-/// to[k * pitch + i] = from[rows[i] + k] for i < count and 0 for count <= i < padded, k < length; `padded` makes whole
+/// to[place(k) + i] = from[rows[i] + k] for i < count and 0 for count <= i < padded, k < length; `padded` makes whole
 /// vectors. Reads and writes nothing else.
-template <typename T, int Bytes = vec::vector_bytes>
-void turn_rows(const T* from, const std::int64_t* rows, std::int64_t count, std::int64_t padded, std::int64_t length,
-               T* to, std::int64_t pitch) {
+template <typename T, int Bytes = vec::vector_bytes, typename Place>
+void turn_rows_to(const T* from, const std::int64_t* rows, std::int64_t count, std::int64_t padded, std::int64_t length,
+                  T* to, const Place& place) {
     using V = vec::Vector<T, Bytes>;
     constexpr std::int64_t width = vec::lanes<T, Bytes>;
     if constexpr (Bytes > 16) {
         if (length < width) {
-            return turn_rows<T, Bytes / 2>(from, rows, count, padded, length, to, pitch);
+            return turn_rows_to<T, Bytes / 2>(from, rows, count, padded, length, to, place);
         }
     }
     for (std::int64_t first = 0; first < padded; first += width) {
         const std::int64_t present = std::clamp<std::int64_t>(count - first, 0, width);
         for (std::int64_t k = 0; k < length && length < width; ++k) {
             for (std::int64_t i = 0; i < width; ++i) {
-                to[k * pitch + first + i] = i < present ? from[rows[first + i] + k] : T(0);
+                to[place(k) + first + i] = i < present ? from[rows[first + i] + k] : T(0);
             }
         }
         for (std::int64_t k = 0; k < length && length >= width; k += width) {
-            const std::int64_t place = std::min(k, length - width);  // The last square overlaps the one before it.
+            const std::int64_t begin = std::min(k, length - width);  // The last square overlaps the one before it.
             V square[width];
             for (std::int64_t i = 0; i < width; ++i) {
-                square[i] = i < present ? vec::load<V>(from + rows[first + i] + place) : V{};
+                square[i] = i < present ? vec::load<V>(from + rows[first + i] + begin) : V{};
             }
             vec::transpose_square(square);
             for (std::int64_t i = 0; i < width; ++i) {
-                vec::store(square[i], to + (place + i) * pitch + first);
+                vec::store(square[i], to + place(begin + i) + first);
             }
         }
     }
+}
+
+/// Places `pitch` apart.
+template <typename T>
+void turn_rows(const T* from, const std::int64_t* rows, std::int64_t count, std::int64_t padded, std::int64_t length,
+               T* to, std::int64_t pitch) {
+    turn_rows_to(from, rows, count, padded, length, to, [pitch](std::int64_t k) { return k * pitch; });
 }
 
 /// to[i * stride + k] = change(from[k * pitch + i], i, k) for i < count, at most a vector, and k < length. Reads whole

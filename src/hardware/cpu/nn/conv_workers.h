@@ -12,6 +12,7 @@
 #include "conv_stage.h"
 #include "cpu_conv_kernels.h"
 #include "hardware/parallel.h"
+#include "hardware/workers.h"
 
 namespace ornik::device::cpu {
 
@@ -41,8 +42,9 @@ inline std::int64_t tile_samples(const ConvSum& sum, std::int64_t tiles, std::in
     return tiles > 1 ? 1 : std::clamp<std::int64_t>(most_blocked_positions / positions, 1, sum.batch);
 }
 
-/// The target channels' panels in cuts that are computed on their own. The bits do not depend on them: there are
-/// enough for all processors, and as many as keep a cut's totals in the second level of cache.
+/// The target channels' panels in cuts that are computed on their own, each from what it stages of the source. The bits
+/// do not depend on them: there are enough for all workers, and as many as keep a cut's totals in the second level of
+/// cache.
 struct TargetCuts {
     static constexpr std::int64_t most_totals = 1 << 16;
 
@@ -52,23 +54,24 @@ struct TargetCuts {
     TargetCuts(std::int64_t target_channels, std::int64_t panel, std::int64_t tiles, std::int64_t positions) {
         const std::int64_t panels = (target_channels + panel - 1) / panel;
         const std::int64_t most = std::max<std::int64_t>(1, most_totals / (positions * panel));
-        const std::int64_t wanted = (4 * usable_processors() + tiles - 1) / tiles;
+        const std::int64_t workers = parallel_workers();
+        const std::int64_t wanted = workers == 1 ? 1 : (4 * workers + tiles - 1) / tiles;
         cuts = std::min(panels, std::max(wanted, (panels + most - 1) / most));
-        // Of the cuts with as many panels or fewer, those that the busiest processor ends with first.
+        // Of the cuts with as many panels or fewer, those that the busiest worker ends with first.
         const std::int64_t largest = (panels + cuts - 1) / cuts;
         std::int64_t best = largest;
         for (std::int64_t size = largest - 1; size > 0; --size) {
-            best = busiest(tiles, panels, size) < busiest(tiles, panels, best) ? size : best;
+            best = busiest(workers, tiles, panels, size) < busiest(workers, tiles, panels, best) ? size : best;
         }
         channels = best * panel;
         cuts = (target_channels + channels - 1) / channels;
     }
 
   private:
-    // Panels that one processor has to do.
-    static std::int64_t busiest(std::int64_t tiles, std::int64_t panels, std::int64_t size) {
+    // Panels that one worker has to do.
+    static std::int64_t busiest(std::int64_t workers, std::int64_t tiles, std::int64_t panels, std::int64_t size) {
         const std::int64_t items = tiles * ((panels + size - 1) / size);
-        return (items + usable_processors() - 1) / usable_processors() * size;
+        return (items + workers - 1) / workers * size;
     }
 };
 

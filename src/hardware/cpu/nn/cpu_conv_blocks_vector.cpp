@@ -1,6 +1,7 @@
-// cpu_conv_blocks_vector.cpp: convolutions of blocked images.
+// cpu_conv_blocks_vector.cpp: convolutions of blocked images, and of planes whose channels stay apart as such.
 #include "conv_block_depth.h"
 #include "conv_block_sum.h"
+#include "conv_depth_lanes.h"
 
 namespace ornik::device::cpu {
 
@@ -61,6 +62,17 @@ void lay_out_depth_weights(const ConvSum& sum, const T* weight, T* to) {
     }
 }
 
+template <typename T>
+bool suits_depth_lanes(const std::vector<ConvPass>& passes, const ConvSum& sum) {
+    return DepthLanes<T>::suits(passes, sum);
+}
+
+template <typename T>
+void run_depth_lanes(const std::vector<ConvPass>& passes, const ConvSum& sum, const T* source, const T* weight,
+                     const ConvEnds<T>& ends, T* target) {
+    DepthLanes<T>(passes, sum, source, weight, ends, target).run();
+}
+
 template BlockKernel block_kernel<std::complex<float>>(const ConvSum&);
 template BlockKernel block_kernel<std::complex<double>>(const ConvSum&);
 
@@ -68,6 +80,9 @@ template BlockKernel block_kernel<std::complex<double>>(const ConvSum&);
     template BlockKernel block_kernel<T>(const ConvSum&);                                                           \
     template void run_block_sum(const ConvPass&, const ConvSum&, const T*, bool, const T*, const ConvEnds<T>&, T*); \
     template std::int64_t depth_weights_size<T>(const ConvSum&);                                                    \
+    template bool suits_depth_lanes<T>(const std::vector<ConvPass>&, const ConvSum&);                               \
+    template void run_depth_lanes(const std::vector<ConvPass>&, const ConvSum&, const T*, const T*,                 \
+                                  const ConvEnds<T>&, T*);                                                          \
     template void lay_out_depth_weights(const ConvSum&, const T*, T*)
 
 ORNIK_INSTANTIATE_BLOCKS(float);

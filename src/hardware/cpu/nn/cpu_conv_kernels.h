@@ -59,6 +59,13 @@ template <typename T>
 void run_conv_sum(const std::vector<ConvPass>& passes, const ConvSum& sum, const T* source, const T* weight,
                   const T* laid_out, const ConvEnds<T>& ends, T* target);
 
+/// Sums over taps alone with channels side by side: whether passes are for them, and all of them.
+template <typename T>
+bool suits_depth_lanes(const std::vector<ConvPass>& passes, const ConvSum& sum);
+template <typename T>
+void run_depth_lanes(const std::vector<ConvPass>& passes, const ConvSum& sum, const T* source, const T* weight,
+                     const ConvEnds<T>& ends, T* target);
+
 /// The elements that the weights of a grid pass take as its kernel reads them; 0 where it reads them as they are.
 template <typename T>
 std::int64_t laid_out_size(const ConvSum& sum);

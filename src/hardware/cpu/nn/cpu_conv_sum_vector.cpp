@@ -101,6 +101,8 @@ void run_conv_sum(const std::vector<ConvPass>& passes, const ConvSum& sum, const
             run_products(passes[0], sum, source, weight, ends, target);
         } else if (LaneSum<T>::suits(sum)) {
             run_passes<LaneSum<T>>(passes, sum, source, weight, laid_out, ends, target);
+        } else if (suits_depth_lanes<T>(passes, sum)) {
+            run_depth_lanes(passes, sum, source, weight, ends, target);
         } else if (DepthSum<T>::suits(passes, sum)) {
             DepthSum<T>(passes[0], sum, source, weight, ends, target).run();
         } else {

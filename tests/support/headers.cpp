@@ -1,0 +1,1 @@
+// headers.cpp: nothing of its own; the headers that most tests include are compiled for it, and used by them.
