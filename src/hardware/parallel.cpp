@@ -3,6 +3,7 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <exception>
 #include <mutex>
@@ -98,7 +99,10 @@ void detail::parallel_ranges(std::int64_t n, std::int64_t unit, std::int64_t gra
     }();
     const auto unit_begin = [&](std::int64_t worker) { return worker * blocks / workers * units / blocks; };
     const std::int64_t pieces = std::clamp<std::int64_t>(n / workers / std::max(grain / 2, unit), 1, most_pieces);
-    std::vector<Share> shares(static_cast<std::size_t>(workers));
+    // Room for few on the stack: a region may be shorter than the way to memory for it.
+    std::array<Share, 8> few;
+    std::vector<Share> many(static_cast<std::size_t>(workers) > few.size() ? static_cast<std::size_t>(workers) : 0);
+    Share* const shares = many.empty() ? few.data() : many.data();
     FirstError error;
     const auto run_piece = [&](int worker, std::int64_t piece) {
         const std::int64_t first = unit_begin(worker);
@@ -121,7 +125,7 @@ void detail::parallel_ranges(std::int64_t n, std::int64_t unit, std::int64_t gra
         // others find.
         for (int turn = 0; turn < workers; ++turn) {
             const int worker = (omp_get_thread_num() + turn) % workers;
-            Share& share = shares[static_cast<std::size_t>(worker)];
+            Share& share = shares[worker];
             for (std::int64_t piece = share.taken++; piece < pieces; piece = share.taken++) {
                 run_piece(worker, piece);
             }

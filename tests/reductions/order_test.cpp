@@ -1,4 +1,5 @@
 // Along one axis: running sums and products, softmax, and everything about sorted order.
+#include <cstring>
 #include <numeric>
 
 #include "hardware/cpu/elements/cpu_exp.h"
@@ -119,6 +120,30 @@ TEST(AlongAnAxis, Gradients) {
             const TensorPtr y(row.apply(x.get(), axis));
             expect_central_differences([&](Tensor* t) { return row.apply(t, axis); }, x, g,
                                        TensorPtr(row.gradient(g.get(), x.get(), y.get(), axis)), row.name);
+        }
+    }
+}
+
+TEST(AlongAnAxis, ManyRowsHaveTheBitsOfFew) {
+    // Together more than caches hold; rows that begin anywhere in a cache line.
+    constexpr std::int64_t count = 6400, n = 1001, few = 3;
+    const TensorPtr x = make<float>({count, n}, std::vector<float>(count * n, 0.25F));
+    float* const first = static_cast<float*>(x->getRawData());
+    for (std::int64_t i = 0; i < count * n; ++i) {
+        first[i] = static_cast<float>(i * 7919 % 1009) / 1009.0F;
+    }
+    const auto bytes = static_cast<std::size_t>(few * n) * sizeof(float);
+    for (const Row& row : {rows[2], rows[3]}) {
+        const TensorPtr y(row.apply(x.get(), 1));
+        const TensorPtr g(row.gradient(x.get(), x.get(), y.get(), 1));
+        for (const std::int64_t at : {std::int64_t{0}, count / 2 - 1, count - few}) {
+            const TensorPtr part = make<float>({few, n}, std::vector<float>(first + at * n, first + (at + few) * n));
+            const TensorPtr alone(row.apply(part.get(), 1));
+            const TensorPtr gradient(row.gradient(part.get(), part.get(), alone.get(), 1));
+            EXPECT_EQ(std::memcmp(static_cast<float*>(y->getRawData()) + at * n, alone->getRawData(), bytes), 0)
+                << row.name << at;
+            EXPECT_EQ(std::memcmp(static_cast<float*>(g->getRawData()) + at * n, gradient->getRawData(), bytes), 0)
+                << row.name << at;
         }
     }
 }

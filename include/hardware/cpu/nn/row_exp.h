@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <limits>
 #include <type_traits>
+#include <utility>
 
 #include "../elements/elementary.h"
 #include "../vector_types.h"
@@ -61,6 +62,23 @@ inline T joined(const T* lane, const Join& join) {
 template <typename T>
 inline T sum_of_lanes(const T* sum) {
     return joined<lanes<T>>(sum, [](auto& a, const auto& b) { a += b; });
+}
+/// A vector's lower half plus the upper one.
+template <typename V, std::size_t... I>
+inline auto sum_of_halves(V v, std::index_sequence<I...> /*lanes of a half*/) {
+    return __builtin_shufflevector(v, v, I...) + __builtin_shufflevector(v, v, (I + sizeof...(I))...);
+}
+/// The same of lanes in registers.
+template <typename T, int Bytes>
+inline T sum_of_lanes(vec::Vector<T, Bytes> sum) {
+    if constexpr (Bytes > 16) {
+        constexpr std::make_index_sequence<Bytes / 2 / sizeof(T)> half{};
+        return sum_of_lanes<T, Bytes / 2>(sum_of_halves(sum, half));
+    } else {
+        T lane[Bytes / sizeof(T)];
+        vec::store(sum, lane);
+        return joined<Bytes / sizeof(T)>(lane, [](auto& a, const auto& b) { a += b; });
+    }
 }
 
 /// add(first, count, sums) adds terms of count entries to the lanes; the sum of all of them.
@@ -165,24 +183,52 @@ inline void softmax(const T* x, std::int64_t n, T shift, T* out) {
     });
 }
 
+/// The sum of term(i, V{}), the terms of a row from i on as a V, an element or several.
+template <typename T, typename Term>
+inline T sum_of_terms(std::int64_t n, const Term& term) {
+    using V = vec::Vector<T>;
+    constexpr std::int64_t width = vec::lanes<T>;
+    constexpr std::int64_t vectors = lanes<T> / width;
+    const auto part = [&](std::int64_t begin, std::int64_t end) {
+        V sum[vectors] = {};
+        std::int64_t i = begin;
+        for (; i + lanes<T> <= end; i += lanes<T>) {
+            ORNIK_UNROLLED for (std::int64_t v = 0; v < vectors; ++v) { sum[v] += term(i + v * width, V{}); }
+        }
+        if (i < end) {
+            T lane[lanes<T>];
+            ORNIK_UNROLLED for (std::int64_t v = 0; v < vectors; ++v) { vec::store(sum[v], lane + v * width); }
+            for (std::int64_t l = 0; l < end - i; ++l) {
+                lane[l] += term(i + l, T{});
+            }
+            return sum_of_lanes(lane);
+        }
+        ORNIK_UNROLLED for (std::int64_t half = vectors / 2; half > 0; half /= 2) {
+            ORNIK_UNROLLED for (std::int64_t v = 0; v < half; ++v) { sum[v] += sum[v + half]; }
+        }
+        return sum_of_lanes<T, vec::vector_bytes>(sum[0]);
+    };
+    if (n <= chunk) {
+        return part(0, n);
+    }
+    double total = 0;
+    for (std::int64_t begin = 0; begin < n; begin += chunk) {
+        total += static_cast<double>(part(begin, std::min(n, begin + chunk)));
+    }
+    return static_cast<T>(total);
+}
+
 /// The sum of a[i] b[i].
 template <typename T>
 inline T dot(const T* a, const T* b, std::int64_t n) {
-    return sum_of_blocks<T>(n, [&](std::int64_t first, auto count, T* sum) {
-        for (std::int64_t l = 0; l < count; ++l) {
-            sum[l] += a[first + l] * b[first + l];
-        }
-    });
+    return sum_of_terms<T>(
+        n, [=]<typename V>(std::int64_t i, V /*kind*/) { return vec::load<V>(a + i) * vec::load<V>(b + i); });
 }
 
 /// The sum of a[i].
 template <typename T>
 inline T sum(const T* a, std::int64_t n) {
-    return sum_of_blocks<T>(n, [&](std::int64_t first, auto count, T* sums) {
-        for (std::int64_t l = 0; l < count; ++l) {
-            sums[l] += a[first + l];
-        }
-    });
+    return sum_of_terms<T>(n, [=]<typename V>(std::int64_t i, V /*kind*/) { return vec::load<V>(a + i); });
 }
 
 }  // namespace ornik::device::cpu::row

@@ -3,10 +3,10 @@
 #include <utility>
 
 #include "descriptors/tensoriterator.h"
-#include "hardware/block_copy.h"
 #include "hardware/cpu/dispatch.h"
 #include "hardware/cpu/nn/cpu_normalization.h"
 #include "row_sums.h"
+#include "row_writer.h"
 
 namespace ornik::device::cpu {
 
@@ -17,41 +17,16 @@ double reciprocal_deviation(T variance, double eps) {
     return 1 / std::sqrt(static_cast<double>(variance) + eps);
 }
 
-// The rows of an output, for one thread. Those of one that no cache can hold are written past the caches.
 template <typename T>
-class RowWriter {
-  public:
-    RowWriter(Tensor* out, std::int64_t cols)
-        : data_(static_cast<T*>(out->getRawData())),
-          cols_(cols),
-          buffer_(out->Size() * out->itemsize() >= streaming_bytes ? static_cast<std::size_t>(cols) : 0) {}
-    ~RowWriter() {
-        if (!buffer_.empty()) {
-            finish_streams();
-        }
-    }
-    RowWriter(const RowWriter&) = delete;
-    RowWriter& operator=(const RowWriter&) = delete;
-
-    /// Where to put row i before done(i).
-    T* row(std::int64_t i) { return buffer_.empty() ? data_ + i * cols_ : buffer_.data(); }
-    void done(std::int64_t i) {
-        if (!buffer_.empty()) {
-            stream_block(data_ + i * cols_, buffer_.data(), cols_ * static_cast<std::int64_t>(sizeof(T)));
-        }
-    }
-
-  private:
-    T* data_;
-    std::int64_t cols_;
-    std::vector<T> buffer_;
-};
+RowWriter<T> writer_of(Tensor* out, std::int64_t cols) {
+    return {static_cast<T*>(out->getRawData()), cols, out->Size() * out->itemsize() >= streaming_bytes};
+}
 
 // Calls row(i, place of row i in `out`) for every row, in parallel.
 template <typename T, typename Row>
 void for_each_row(Tensor* out, std::int64_t cols, const Row& row) {
     parallel_for(out->Size() / cols, 1, grain_of_items(cols), [&](std::int64_t begin, std::int64_t end) {
-        RowWriter<T> writer(out, cols);
+        RowWriter<T> writer = writer_of<T>(out, cols);
         for (std::int64_t i = begin; i < end; ++i) {
             row(i, writer.row(i));
             writer.done(i);
@@ -135,7 +110,7 @@ class LayerNormGradients {
         std::array<std::vector<double>, 2> partial;
         partial.fill(std::vector<double>(static_cast<std::size_t>(chunks * cols_)));
         parallel_for(chunks, 1, 2, [&](std::int64_t begin, std::int64_t end) {
-            RowWriter<T> writer(out, cols_);
+            RowWriter<T> writer = writer_of<T>(out, cols_);
             std::vector<T> gamma_sums(static_cast<std::size_t>(cols_)), beta_sums(gamma_sums.size());
             for (std::int64_t chunk = begin; chunk < end; ++chunk) {
                 std::fill(gamma_sums.begin(), gamma_sums.end(), T(0));

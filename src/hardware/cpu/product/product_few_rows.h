@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::int64_t block_depth = product_block;
 // Multiplications worth a second thread, and bytes of panels that are laid out at once.
-constexpr std::int64_t grain_work = 3 << 17;
+constexpr std::int64_t grain_work = 1 << 18;
 constexpr std::int64_t panels_bytes = std::int64_t{8} << 20;
 
 constexpr std::int64_t parts_of(std::int64_t n, std::int64_t size) { return (n + size - 1) / size; }
