@@ -186,9 +186,17 @@ void pack_blocks(const Factors<T>& f, std::int64_t first, std::int64_t count, Re
 // Blocks of A and of panels that stay in the second level of cache, beside the sums that wait for them.
 constexpr std::int64_t near_bytes_of_a = std::int64_t{vec::vector_bytes == 64 ? 320 : 160} << 10;
 constexpr std::int64_t panels_together = 8;
-constexpr std::int64_t many_panels = 16;  // make up for the packing of A,
-constexpr std::int64_t many_strips = 5;   // and those for the wait until all is packed
-constexpr std::int64_t most_blocks = 8;   // of depth, that are laid out at once
+constexpr std::int64_t most_blocks = 8;  // of depth, that are laid out at once
+
+// Do tiles read B best where it lies? Rows of whole vectors that are not quite far from each other can be read again
+// and again where vectors are long: there a panel's layout costs more than the way through its pages.
+template <typename T>
+bool is_read_in_place(const Strided<T>& b, std::int64_t strips) {
+    constexpr bool is_long = vec::vector_bytes == 64;
+    const std::int64_t row = b.row * static_cast<std::int64_t>(sizeof(T));
+    return TileShape<T>::parts == 1 && b.col == 1 &&
+           (strips <= 2 || !is_far(b) || (is_long && row <= 4096 && row % vec::vector_bytes == 0));
+}
 
 // Takes all rows through some blocks of depth, whose panels begin at panel_at(block, panel): tiles of C in a grid.
 // Between blocks the sums of a few panels wait side by side, where they crowd nothing.
@@ -305,9 +313,9 @@ void multiply_by_cols(const Factors<T>& f) {
     using R = RealOf<T>;
     const std::int64_t panels = f.panels();
     const Strips<T> strips(0, f.rows);
-    const std::int64_t grain = std::max<std::int64_t>(2, grain_work / std::max<std::int64_t>(1, f.work() / panels));
-    const bool pack = panels > 2 && (is_crowding(f.a) || (panels >= many_panels && strips.count >= many_strips));
-    const bool in_place = TileShape<T>::parts == 1 && f.b.col == 1 && (strips.count <= 2 || !is_far(f.b));
+    // What one worker packs for all is slow to reach the others: A is read as it lies where that goes.
+    const bool pack = panels > 2 && is_crowding(f.a);
+    const bool in_place = is_read_in_place(f.b, strips.count);
     const std::int64_t block_size = strips_size(strips, block_depth);
     std::optional<Scratch<T>> packed;
     if (pack) {
@@ -325,9 +333,11 @@ void multiply_by_cols(const Factors<T>& f) {
     }
     // Where A is more than stays near, a block of it meets several panels.
     const bool large = f.rows * f.depth * static_cast<std::int64_t>(sizeof(T)) > 2 * near_bytes_of_a;
-    const std::int64_t together =
-        large ? std::clamp<std::int64_t>(panels / (2 * usable_processors()), 1, panels_together) : 1;
-    parallel_for(panels, together, grain, [&](std::int64_t begin, std::int64_t end) {
+    const std::int64_t workers = usable_processors();
+    const std::int64_t together = large ? std::clamp<std::int64_t>(panels / (2 * workers), 1, panels_together) : 1;
+    const std::int64_t groups = std::min(panels, parts_of(parts_of(panels, together), workers) * workers);
+    const std::int64_t grain = std::max<std::int64_t>(2, grain_work / std::max<std::int64_t>(1, f.work() / groups));
+    parallel_for(groups, 1, grain, [&](std::int64_t begin, std::int64_t end) {
         PanelMemory<R> memory;
         const auto multiply_panel = [&](std::int64_t p, std::int64_t k, Ahead next) {
             const std::int64_t cols = f.panel_cols(p);
@@ -356,21 +366,22 @@ void multiply_by_cols(const Factors<T>& f) {
             }
             panel_times_strips<T, Swapped>(f, strips, in);
         };
-        for (std::int64_t group = begin; group < end; group += together) {
-            const std::int64_t group_end = std::min(group + together, end);
+        for (std::int64_t group = begin; group < end; ++group) {
+            const std::int64_t first = panels * group / groups;
+            const std::int64_t behind = panels * (group + 1) / groups;
             for (std::int64_t k = 0; k < f.depth; k += block_depth) {
                 const bool last = k + block_depth >= f.depth;
-                for (std::int64_t p = group; p < group_end; ++p) {
-                    const bool goes_on = p + 1 < group_end;
+                for (std::int64_t p = first; p < behind; ++p) {
+                    const bool goes_on = p + 1 < behind;
                     multiply_panel(p, k,
                                    in_place  ? Ahead{}
                                    : goes_on ? rows_ahead(f, p + 1, k)
-                                   : last    ? rows_ahead(f, group_end, 0)
-                                             : rows_ahead(f, group, k + block_depth));
+                                   : last    ? rows_ahead(f, behind, 0)
+                                             : rows_ahead(f, first, k + block_depth));
                 }
             }
-            const std::int64_t col = group * TileShape<T>::cols;
-            f.finish(0, f.rows, col, std::min(f.cols, group_end * TileShape<T>::cols) - col, f.bias_in_tiles(f.depth));
+            const std::int64_t col = first * TileShape<T>::cols;
+            f.finish(0, f.rows, col, std::min(f.cols, behind * TileShape<T>::cols) - col, f.bias_in_tiles(f.depth));
         }
     });
 }
