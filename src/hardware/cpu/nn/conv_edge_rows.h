@@ -1,9 +1,9 @@
-// conv_edge_rows.h: rows of positions that reach beyond the source's first or last row. Internal; for *_vector.cpp
-// alone.
+// conv_edge_rows.h: rows of positions that reach beyond the source's edges. Internal; for *_vector.cpp alone.
 //
 // What they find there counts as +0, and its products belong to the chain (conv_order.h). With finite weights these are
-// zeros, and adding a zero changes nothing but a sum of -0: such steps are left out, a tenth of all where planes have
-// seven rows, and a chain whose sum is -0 in the end, which takes a product below the least number, is run once more
+// zeros, and adding a zero changes nothing but a sum of -0. Such steps are left out: by all positions of a row above
+// the source or below it, by the first or the last one beside it. That is nearly a fifth of all where planes have seven
+// rows and columns. A chain whose sum is -0 in the end, which takes a product below the least number, is run once more
 // with all of them.
 #pragma once
 
@@ -18,7 +18,7 @@
 namespace ornik::device::cpu {
 namespace {
 
-/// Do chains know of the ends of their rows? There are enough positions in a chain, then, for most of a row.
+/// Do chains know of the ends of their rows? Those of few positions have too few rows to themselves.
 constexpr bool has_row_ends = vec::has_forms && lane_positions >= 2 * least_row;
 
 class EdgeRows {
@@ -26,28 +26,21 @@ class EdgeRows {
     /// `offsets` are those of a block's steps, a channel's taps side by side.
     EdgeRows(const StagePlan& plan, std::vector<std::int64_t> offsets)
         : taps_(plan.pass.taps()), kinds_{{0, taps_, std::move(offsets), {}}} {
-        const PassAxis& rows = plan.pass.rows;
-        const PassAxis& cols = plan.pass.cols;
         if (has_row_ends) {
-            for (std::size_t i = 0; i < kinds_[0].offsets.size(); ++i) {
-                const PassAxis::Tap& tap = cols.taps[i % cols.taps.size()];
-                kinds_[0].beyond.push_back(
-                    static_cast<std::uint8_t>((cols.is_inside(tap, 0) ? no_end : left_end) |
-                                              (cols.is_inside(tap, cols.positions - 1) ? no_end : right_end)));
-                ends_ |= kinds_[0].beyond.back();
-            }
+            note_ends(plan.pass.cols);
         }
-        const auto width = static_cast<std::int64_t>(cols.taps.size());
+        const PassAxis& rows = plan.pass.rows;
+        const auto cols = static_cast<std::int64_t>(plan.pass.cols.taps.size());
         for (std::int64_t row = 0; row < rows.positions; ++row) {
             const auto [first, end] = rows.taps_inside(row);
-            rows_.push_back(kind_of(first * width, (end - first) * width));
+            rows_.push_back(kind_of(first * cols, (end - first) * cols));
         }
     }
 
     /// Of the first channels of a block.
     LaneSteps all(std::int64_t channels) const { return steps_of(0, channels); }
     LaneSteps steps(std::int64_t row, std::int64_t channels) const { return steps_of(kind(row), channels); }
-    /// Those of a tile's rows where some steps find nothing.
+    /// Those of a tile's rows, out of rows of so many positions, that lie beyond the source for some steps.
     unsigned ends(const Tile& tile, std::int64_t positions) const {
         return ends_ & ((tile.col == 0 ? left_end : no_end) | (tile.col + tile.cols == positions ? right_end : no_end));
     }
@@ -65,8 +58,19 @@ class EdgeRows {
         std::int64_t first;  // of a channel's taps
         std::int64_t count;
         std::vector<std::int64_t> offsets;
-        std::vector<std::uint8_t> beyond;  // of the ends of rows, per step
+        std::vector<std::uint8_t> beyond;  // which ends of rows are, per step
     };
+
+    void note_ends(const PassAxis& cols) {
+        Kind& all = kinds_[0];
+        for (std::size_t step = 0; step < all.offsets.size(); ++step) {
+            const PassAxis::Tap& tap = cols.taps[step % cols.taps.size()];
+            const unsigned beyond = (cols.is_inside(tap, 0) ? no_end : left_end) |
+                                    (cols.is_inside(tap, cols.positions - 1) ? no_end : right_end);
+            all.beyond.push_back(static_cast<std::uint8_t>(beyond));
+            ends_ |= beyond;
+        }
+    }
 
     std::size_t kind(std::int64_t row) const { return rows_[static_cast<std::size_t>(row)]; }
 
@@ -107,9 +111,9 @@ class EdgeRows {
     std::vector<std::size_t> rows_;  // the kind of each
 };
 
-/// Runs the chains of whole rows that follow each other, two at a time.
+/// Runs the chains of rows of the least length that follow each other, two at a time.
 template <typename T, int Step>
-void run_joined_rows(LaneChain<T>& chain, std::int64_t rows, unsigned row_ends) {
+void run_row_pairs(LaneChain<T>& chain, std::int64_t rows, unsigned row_ends) {
     constexpr int pair = 2 * least_row;
     for (; rows > 1; rows -= 2) {
         chain.row_ends = row_ends;
@@ -124,9 +128,10 @@ void run_joined_rows(LaneChain<T>& chain, std::int64_t rows, unsigned row_ends) 
 template <typename T, int Step = 1>
 void run_edge_rows(LaneChain<T>& chain, const StagePlan& plan, const Tile& tile, const EdgeRows& edges,
                    std::int64_t channels, bool finite, const T* slots, std::int64_t width) {
-    const bool joined = PositionRuns(plan, tile).rows == 1;
     const LaneSteps all = edges.all(channels);
     const unsigned row_ends = finite && width > lane_width<T> ? edges.ends(tile, plan.pass.cols.positions) : no_end;
+    // Rows that have ends stay apart where they are long enough.
+    const bool joined = PositionRuns(plan, tile).rows == 1 && (row_ends == no_end || tile.cols <= least_row);
     for (std::int64_t row = 0; row < tile.rows;) {
         std::int64_t end = row + 1;
         if (joined) {
@@ -137,7 +142,7 @@ void run_edge_rows(LaneChain<T>& chain, const StagePlan& plan, const Tile& tile,
         chain.slots = slots + row * plan.slot_row * Step;
         if constexpr (has_row_ends) {
             if (row_ends != no_end && tile.cols == least_row) {
-                run_joined_rows<T, Step>(chain, end - row, row_ends);
+                run_row_pairs<T, Step>(chain, end - row, row_ends);
             } else {
                 run_lane_chains<T, Step, true>(chain, width, (end - row) * tile.cols,
                                                end - row == 1 ? row_ends : no_end);
