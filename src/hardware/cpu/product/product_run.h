@@ -121,6 +121,38 @@ void multiply_by_cols(const Factors<T>& f) {
     });
 }
 
+template <typename T>
+const void* from_element(const void* elements, std::int64_t first) {
+    return elements == nullptr ? nullptr : static_cast<const T*>(elements) + first;
+}
+
+// More rows than columns: every worker takes some rows. Strips are a finer measure than few panels, and what is packed
+// of A is nobody else's.
+template <typename T, bool Swapped>
+void multiply_rows_apart(const Factors<T>& f) {
+    const std::int64_t workers = usable_processors();
+    const std::int64_t tasks = workers * std::clamp<std::int64_t>(f.rows / (workers * 128), 1, 4);
+    const std::int64_t grain = std::max<std::int64_t>(2, grain_work * tasks / f.work());
+    parallel_for(tasks, 1, grain, [&](std::int64_t begin, std::int64_t end) {
+        const std::int64_t first = f.rows * begin / tasks;
+        Factors<T> part = f;
+        part.a = f.a.from(first, 0);
+        part.c += first * f.c_row;
+        part.rows = f.rows * end / tasks - first;
+        if (part.rows < 1) {
+            return;
+        }
+        ProductEnds ends;
+        if (f.ends != nullptr) {
+            ends = *f.ends;
+            ends.residual = from_element<T>(ends.residual, first * ends.residual_row);
+            ends.row_bias = from_element<T>(ends.row_bias, first);
+            part.ends = &ends;
+        }
+        multiply_by_cols<T, Swapped>(part);
+    });
+}
+
 template <typename T, bool Swapped>
 void multiply(const Factors<T>& f) {
     if constexpr (TileShape<T>::parts == 1) {
@@ -137,6 +169,10 @@ void multiply(const Factors<T>& f) {
     constexpr std::int64_t most_rows = 2 * near_bytes_of_a / (block_depth * sizeof(T));
     if (f.rows > most_rows || (f.rows > f.cols && f.panels() < 2 * usable_processors())) {
         multiply_by_rows<T, Swapped>(f);
+    } else if (f.rows >= f.cols && f.work() >= grain_work &&
+               (f.panels() < 3 * usable_processors() || is_crowding(f.a)) &&
+               is_read_in_place(f.b, parts_of(f.rows, TileShape<T>::rows))) {
+        multiply_rows_apart<T, Swapped>(f);
     } else {
         multiply_by_cols<T, Swapped>(f);
     }
