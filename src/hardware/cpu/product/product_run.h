@@ -44,7 +44,7 @@ Ahead rows_ahead(const Factors<T>& f, std::int64_t panel, std::int64_t k) {
 
 // Few rows: every worker takes some columns, and lays their panels out for itself where it can not read them in place.
 template <typename T, bool Swapped>
-void multiply_by_cols(const Factors<T>& f) {
+[[gnu::noinline]] void multiply_by_cols(const Factors<T>& f) {
     using R = RealOf<T>;
     const std::int64_t panels = f.panels();
     const Strips<T> strips(0, f.rows);
