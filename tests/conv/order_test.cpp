@@ -233,7 +233,7 @@ TEST(ConvolutionOrder, EveryKernelKeepsIt) {
     ConfigSetNumThreads(4);
 }
 
-// Rows at an edge, whose products with what lies beyond it may go unmade, show no difference: numbers whose products
+// Places at an edge, whose products with what lies beyond it may go unmade, show no difference: numbers whose products
 // are below the least one leave zeros of either sign, and infinite weights make NaN of the edge's zeros.
 template <typename T>
 void check_edges(const Shape& s) {
@@ -275,16 +275,25 @@ void check_edges(const Shape& s) {
         weights[i] *= random() % 4 == 0 ? tiny * T(8) : tiny;
     }
     expect_all("products of about the least number");
-    weights[4] = std::numeric_limits<T>::infinity();
-    weights[weight->Size() - 5] = std::numeric_limits<T>::quiet_NaN();
+    // Of a channel each: those that meet the first row and column, the last ones, and the middle of either.
+    const std::int64_t row = s.cols.kernel, last = s.kernel() - 1, each = s.image_channels * s.kernel();
+    weights[0] = std::numeric_limits<T>::infinity();
+    weights[each + last] = std::numeric_limits<T>::quiet_NaN();
+    weights[2 * each + s.rows.kernel / 2 * row] = std::numeric_limits<T>::infinity();
+    weights[weight->Size() - 1 - s.rows.kernel / 2 * row] = -std::numeric_limits<T>::infinity();
     expect_all("infinite weights");
 }
 
 TEST(ConvolutionOrder, EdgesThatAreLeftOutDoNotShow) {
+    // Rows of one chain, of halves and of more pieces, and in several tiles; two rows to a chain; kernels that reach
+    // beyond by more than one place, and far.
     const Axis seven{7, 3, 1, 1, 1}, wide{14, 3, 1, 1, 1};
-    for (const Shape& s : {Shape{3, 1, 40, 64, seven, seven}, Shape{1, 1, 33, 40, seven, wide},
-                           Shape{1, 1, 20, 32, {5, 5, 1, 2, 1}, {30, 3, 1, 1, 1}},
-                           Shape{2, 1, 6, 32, {2, 5, 1, 3, 1}, {9, 3, 1, 1, 1}}}) {
+    for (const Shape& s :
+         {Shape{3, 1, 40, 64, seven, seven}, Shape{1, 1, 33, 40, seven, wide}, Shape{1, 1, 40, 32, wide, wide},
+          Shape{2, 1, 9, 32, seven, {28, 3, 1, 1, 1}}, Shape{1, 1, 20, 32, {5, 5, 1, 2, 1}, {30, 3, 1, 1, 1}},
+          Shape{1, 1, 17, 33, {7, 5, 1, 2, 1}, {7, 5, 1, 2, 1}}, Shape{2, 1, 6, 32, {2, 5, 1, 3, 1}, {9, 3, 1, 1, 1}},
+          Shape{1, 1, 5, 32, {4, 1, 1, 2, 1}, {9, 5, 1, 6, 1}},
+          Shape{1, 1, 3, 64, {2, 3, 1, 1, 1}, {1100, 3, 1, 1, 1}}}) {
         SCOPED_TRACE(testing::Message() << s);
         check_edges<float>(s);
         check_edges<double>(s);

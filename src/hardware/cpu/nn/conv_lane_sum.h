@@ -40,7 +40,7 @@ class LaneSum {
           target_(target),
           in_place_(pass.fills_target()),
           plan_(plan_for(pass, sum)),
-          unstaged_(pass.is_pointwise() && in_place_ && plan_.tiles() == 1 && spread_enough(pass.source_plane())),
+          unstaged_(is_unstaged(pass, plan_)),
           samples_(tile_samples(sum, plan_.tiles(), positions())),
           sets_((sum.batch + samples_ - 1) / samples_),
           block_channels_(conv_block_channels(sum.source_channels, sum.kernel_elements)),
@@ -136,7 +136,18 @@ class LaneSum {
         std::int64_t ahead_step;
     };
 
+    // A small source is read where it is.
+    static bool is_unstaged(const ConvPass& pass, const StagePlan& plan) {
+        return pass.is_pointwise() && pass.fills_target() && plan.tiles() == 1 && spread_enough(pass.source_plane());
+    }
+
     static StagePlan plan_for(const ConvPass& pass, const ConvSum& sum) {
+        StagePlan plan = tiled_plan(pass, sum);
+        plan.plane = is_unstaged(pass, plan) ? pass.source_plane() : spread(plan.plane);
+        return plan;
+    }
+
+    static StagePlan tiled_plan(const ConvPass& pass, const ConvSum& sum) {
         const std::int64_t most = most_tile_positions(sum);
         if (pass.is_pointwise() && pass.fills_target()) {
             const ConvPass row = pass.as_one_row();
@@ -166,9 +177,8 @@ class LaneSum {
     // Planes that a large power of two divides meet in few sets of the cache.
     static bool spread_enough(std::int64_t plane) { return plane % (8 * line) != 0; }
 
-    // Per step of a block, once it is known where planes lie.
-    std::vector<std::int64_t> offsets() {
-        plan_.plane = unstaged_ ? plan_.pass.source_plane() : spread(plan_.plane);
+    // Per step of a block.
+    std::vector<std::int64_t> offsets() const {
         std::vector<std::int64_t> result;
         for (std::int64_t c = 0; c < block_channels_; ++c) {
             for (const std::int64_t tap : plan_.taps) {
@@ -296,7 +306,7 @@ class LaneSum {
     T* target_;
     bool in_place_;
     StagePlan plan_;
-    bool unstaged_;         // A small source is read where it is.
+    bool unstaged_;
     std::int64_t samples_;  // of a tile
     std::int64_t sets_;     // of samples
     std::int64_t block_channels_;

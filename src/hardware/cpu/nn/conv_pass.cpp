@@ -59,10 +59,7 @@ bool reads_its_own(const PassAxis& axis) {
 }  // namespace
 
 std::pair<std::int64_t, std::int64_t> PassAxis::taps_inside(std::int64_t position) const {
-    const auto inside = [&](const Tap& tap) {
-        const std::int64_t at = position * step + tap.offset;
-        return at >= 0 && at < source;
-    };
+    const auto inside = [&](const Tap& tap) { return is_inside(tap, position); };
     const auto begin = std::find_if(taps.begin(), taps.end(), inside);
     const auto end = std::find_if_not(begin, taps.end(), inside);
     if (std::any_of(end, taps.end(), inside)) {

@@ -29,6 +29,10 @@ struct PassAxis {
     std::int64_t stride;
     std::vector<Tap> taps;  // at least one
 
+    bool is_inside(const Tap& tap, std::int64_t position) const {
+        const std::int64_t at = position * step + tap.offset;
+        return at >= 0 && at < source;
+    }
     /// The taps that meet the source at a position: [first, end), where they are neighbours; otherwise all of them.
     std::pair<std::int64_t, std::int64_t> taps_inside(std::int64_t position) const;
 };

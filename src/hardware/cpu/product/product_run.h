@@ -8,277 +8,20 @@
 #include <optional>
 #include <tuple>
 
-#include "product_few_rows.h"
+#include "product_laid_out.h"
 
 namespace ornik::device::cpu {
 
 namespace {
 
-// Rows [begin, end) in the fewest strips of a tile's height, as even as they can be.
+// Do tiles read B best where it lies? Rows of whole vectors that are not quite far from each other can be read again
+// and again where vectors are long: there a panel's layout costs more than the way through its pages.
 template <typename T>
-struct Strips {
-    std::int64_t begin;
-    std::int64_t rows;
-    std::int64_t count;
-    std::int64_t least;   // rows of a strip
-    std::int64_t larger;  // strips that have one more
-
-    Strips(std::int64_t first, std::int64_t last)
-        : begin(first),
-          rows(last - first),
-          count(parts_of(rows, TileShape<T>::rows)),
-          least(rows / count),
-          larger(rows % count) {}
-    std::int64_t first(std::int64_t strip) const { return begin + strip * least + std::min(strip, larger); }
-    std::int64_t height(std::int64_t strip) const { return least + (strip < larger ? 1 : 0); }
-};
-
-// Memory for panels: on the stack while that is enough.
-template <typename R>
-class PanelMemory {
-  public:
-    R* take(std::int64_t count) {
-        if (count <= near) {
-            return here_;
-        }
-        if (count > count_) {
-            far_.emplace(count);
-            count_ = count;
-        }
-        return far_->get();
-    }
-
-  private:
-    static constexpr std::int64_t near = 8192 / sizeof(R);
-    alignas(64) R here_[near + Scratch<R>::beyond / sizeof(R)];
-    std::optional<Scratch<R>> far_;
-    std::int64_t count_ = 0;
-};
-
-// A tile of `cols` columns.
-template <typename T, bool Swapped, bool Packed>
-void tile_at(const TileOperands<T>& in, std::int64_t rows, std::int64_t cols, const TileTarget<T>& to, TileEnd end) {
-    using Shape = TileShape<T>;
-    constexpr std::int64_t width = lanes<RealOf<T>>;
-    const std::int64_t vectors = cols > width ? Shape::vectors : 1;
-    const SumTile<T> sum = tile_function<T, Swapped, Packed>(rows, vectors);
-    if (cols == vectors * width) {
-        sum(in, to, end);
-        return;
-    }
-    alignas(64) T whole[Shape::rows * Shape::cols];
-    sum(in, {whole, Shape::cols}, TileEnd::store);
-    copy_sums(whole, Shape::cols, rows, cols, to, end);
-}
-
-// The packed strips of a block of A lie one after the other, each with room for the last vector.
-template <typename T>
-std::int64_t strip_place(const Strips<T>& strips, std::int64_t strip, std::int64_t depth) {
-    return (strips.first(strip) - strips.begin) * depth + strip * lanes<RealOf<T>>;
-}
-template <typename T>
-std::int64_t strips_size(const Strips<T>& strips, std::int64_t depth) {
-    return strips.rows * depth + strips.count * lanes<RealOf<T>>;
-}
-
-template <typename T>
-void pack_strip(const Factors<T>& f, const Strips<T>& strips, std::int64_t strip, std::int64_t k, std::int64_t depth,
-                T* to) {
-    pack_rows(f.a.from(strips.first(strip), k), strips.height(strip), depth, to + strip_place(strips, strip, depth));
-}
-
-// What a panel's tiles read, and where the sums of the first row go.
-template <typename T>
-struct PanelOperands {
-    const T* packed;  // strips of A, or null
-    std::int64_t k;
-    std::int64_t depth;
-    std::int64_t panel;
-    const RealOf<T>* b;
-    std::int64_t b_step;
-    TileTarget<T> to;
-    TileEnd end;
-    Ahead* ahead;                   // or null
-    RealOf<T>* laid_out = nullptr;  // where the first tile lays B out for the others, or null
-};
-
-template <typename T, bool Swapped>
-void panel_times_strips(const Factors<T>& f, const Strips<T>& strips, const PanelOperands<T>& in) {
-    for (std::int64_t s = 0; s < strips.count; ++s) {
-        const std::int64_t row = strips.first(s);
-        const std::int64_t height = strips.height(s);
-        const std::int64_t below = row - strips.begin;
-        const TileTarget<T> to{in.to.out + below * in.to.out_row, in.to.out_row, in.to.old + below * in.to.old_row,
-                               in.to.old_row, in.to.row_bias == nullptr ? nullptr : in.to.row_bias + row};
-        const bool is_laid_out = in.laid_out != nullptr && s > 0;
-        TileOperands<T> tile{nullptr,
-                             1,
-                             height,
-                             is_laid_out ? in.laid_out : in.b,
-                             is_laid_out ? panel_row<T>(TileShape<T>::cols) : in.b_step,
-                             in.depth,
-                             in.ahead,
-                             in.laid_out};
-        if (in.packed != nullptr) {
-            tile.a = in.packed + strip_place(strips, s, in.depth);
-        } else {
-            const Strided<T> a = f.a.from(row, in.k);
-            tile.a = a.data;
-            tile.a_row = a.row;
-            tile.a_step = a.col;
-        }
-        if constexpr (TileShape<T>::parts == 1) {
-            if (in.laid_out != nullptr && s == 0) {
-                (in.packed != nullptr ? copying_tile_function<T, true>(height)
-                                      : copying_tile_function<T, false>(height))(tile, to, in.end);
-                continue;
-            }
-        }
-        if (in.packed != nullptr) {
-            tile_at<T, Swapped, true>(tile, height, f.panel_cols(in.panel), to, in.end);
-        } else {
-            tile_at<T, Swapped, false>(tile, height, f.panel_cols(in.panel), to, in.end);
-        }
-    }
-}
-
-// Lays out all panels of some blocks of depth.
-template <typename T>
-void pack_blocks(const Factors<T>& f, std::int64_t first, std::int64_t count, RealOf<T>* to, std::int64_t panel_size) {
-    constexpr std::int64_t cols = TileShape<T>::cols;
-    const std::int64_t panels = f.panels();
-    const std::int64_t whole = f.cols / cols;
-    const std::int64_t depth = std::min(count * block_depth, f.depth - first * block_depth);
-    if constexpr (TileShape<T>::parts == 1) {
-        if (f.b.col == 1) {
-            // Along the rows of B, so many panels at a time that all their pages are known.
-            constexpr std::int64_t rows_at_once = 16;
-            constexpr std::int64_t panels_at_once = 32;
-            parallel_for(parts_of(depth, rows_at_once), 1, 2, [&](std::int64_t begin, std::int64_t end) {
-                for (std::int64_t k = begin * rows_at_once; k < std::min(depth, end * rows_at_once);
-                     k += rows_at_once) {
-                    const std::int64_t rows = std::min(rows_at_once, depth - k);
-                    const Strided<T> b = f.b.from(first * block_depth + k, 0);
-                    T* block = to + k / block_depth * panels * panel_size;
-                    for (std::int64_t p = 0; p < whole; p += panels_at_once) {
-                        pack_along(b.from(0, p * cols), rows, std::min(panels_at_once, whole - p),
-                                   block + p * panel_size + k % block_depth * cols, panel_size);
-                    }
-                    if (whole < panels) {
-                        const std::int64_t rest = f.panel_cols(whole);
-                        pack_panel(b.from(0, whole * cols), rows, rest,
-                                   block + whole * panel_size + k % block_depth * panel_row<T>(rest));
-                    }
-                }
-            });
-            return;
-        }
-    }
-    parallel_for(count * panels, 1, 2, [&](std::int64_t begin, std::int64_t end) {
-        for (std::int64_t item = begin; item < end; ++item) {
-            const std::int64_t k = item / panels * block_depth;
-            pack_panel(f.b.from(first * block_depth + k, item % panels * cols), std::min(block_depth, depth - k),
-                       f.panel_cols(item % panels), to + item * panel_size);
-        }
-    });
-}
-
-// Blocks of A and of panels that stay in the second level of cache, beside the sums that wait for them.
-constexpr std::int64_t near_bytes_of_a = std::int64_t{vec::vector_bytes == 64 ? 320 : 160} << 10;
-constexpr std::int64_t panels_together = 8;
-constexpr std::int64_t many_panels = 16;  // make up for the packing of A,
-constexpr std::int64_t many_strips = 5;   // and those for the wait until all is packed
-constexpr std::int64_t most_blocks = 8;   // of depth, that are laid out at once
-
-// Takes all rows through some blocks of depth, whose panels begin at panel_at(block, panel): tiles of C in a grid.
-// Between blocks the sums of a few panels wait side by side, where they crowd nothing.
-template <typename T, bool Swapped, typename PanelAt>
-void multiply_laid_out(const Factors<T>& f, std::int64_t first, std::int64_t count, const PanelAt& panel_at) {
-    using Shape = TileShape<T>;
-    const std::int64_t workers = usable_processors();
-    const std::int64_t panels = f.panels();
-    // Equal shares for all workers, several for each.
-    constexpr std::int64_t most_rows = near_bytes_of_a / (block_depth * sizeof(T));
-    const std::int64_t row_tasks =
-        std::min(parts_of(f.rows, 4 * Shape::rows), parts_of(parts_of(f.rows, most_rows), 2 * workers) * 2 * workers);
-    const std::int64_t col_tasks = std::clamp<std::int64_t>(panels / 4, 1, parts_of(2 * workers, row_tasks));
-    const bool pack = panels > 2 && is_crowding(f.a);
-    const std::int64_t grain = std::max<std::int64_t>(2, grain_work * row_tasks * col_tasks / f.work());
-    parallel_for(row_tasks * col_tasks, 1, grain, [&](std::int64_t begin, std::int64_t end) {
-        const std::int64_t rows = parts_of(f.rows, row_tasks);
-        const std::int64_t packed_size = strips_size(Strips<T>(0, rows), block_depth);
-        const std::int64_t waiting_size = rows * Shape::cols;
-        const Scratch<T> packed(pack ? count * packed_size : 0);
-        const Scratch<T> waiting(count > 1 ? panels_together * waiting_size : 0);
-        for (std::int64_t task = begin; task < end; ++task) {
-            const std::int64_t row_task = task / col_tasks;
-            const std::int64_t first_panel = panels * (task % col_tasks) / col_tasks;
-            const std::int64_t last_panel = panels * (task % col_tasks + 1) / col_tasks;
-            const Strips<T> strips(f.rows * row_task / row_tasks, f.rows * (row_task + 1) / row_tasks);
-            for (std::int64_t block = 0; pack && block < count; ++block) {
-                const std::int64_t k = (first + block) * block_depth;
-                for (std::int64_t s = 0; s < strips.count; ++s) {
-                    pack_strip(f, strips, s, k, std::min(block_depth, f.depth - k), packed.get() + block * packed_size);
-                }
-            }
-            for (std::int64_t group = first_panel; group < last_panel; group += panels_together) {
-                const std::int64_t group_end = std::min(group + panels_together, last_panel);
-                for (std::int64_t block = 0; block < count; ++block) {
-                    const std::int64_t k = (first + block) * block_depth;
-                    const std::int64_t depth = std::min(block_depth, f.depth - k);
-                    for (std::int64_t p = group; p < group_end; ++p) {
-                        const TileTarget<T> c{f.c + strips.begin * f.c_row + p * Shape::cols, f.c_row};
-                        const TileTarget<T> aside{waiting.get() + (p - group) * waiting_size, Shape::cols};
-                        const TileTarget<T>& out = block + 1 < count ? aside : c;
-                        const TileTarget<T>& old = block > 0 ? aside : c;
-                        const bool more = p + 1 < group_end;
-                        const RealOf<T>* next = more                ? panel_at(first + block, p + 1)
-                                                : block + 1 < count ? panel_at(first + block + 1, group)
-                                                                    : nullptr;
-                        const std::int64_t bytes = next == nullptr ? 0 : depth * Shape::cols * sizeof(T);
-                        const char* from = reinterpret_cast<const char*>(next);
-                        Ahead ahead{{from}, {from + bytes}, parts_of(bytes, 64 * strips.rows)};
-                        panel_times_strips<T, Swapped>(
-                            f, strips,
-                            {pack ? packed.get() + block * packed_size : nullptr,
-                             k,
-                             depth,
-                             p,
-                             panel_at(first + block, p),
-                             panel_row<T>(f.panel_cols(p)),
-                             {out.out, out.out_row, old.out, old.out_row, f.bias_in_tiles(k + depth)},
-                             f.end(k),
-                             &ahead});
-                    }
-                }
-            }
-            if (first + count == parts_of(f.depth, block_depth)) {
-                const std::int64_t col = first_panel * Shape::cols;
-                f.finish(strips.begin, strips.rows, col, std::min(f.cols, last_panel * Shape::cols) - col,
-                         f.bias_in_tiles(f.depth));
-            }
-        }
-    });
-}
-
-// Many rows: all panels of some blocks of depth are laid out first.
-template <typename T, bool Swapped>
-void multiply_by_rows(const Factors<T>& f) {
-    using R = RealOf<T>;
-    // Neighbouring panels do not crowd the same places of a cache.
-    constexpr std::int64_t panel_size = TileShape<T>::cols * TileShape<T>::parts * block_depth + 64 / sizeof(R);
-    const std::int64_t panels = f.panels();
-    const std::int64_t blocks = parts_of(f.depth, block_depth);
-    const std::int64_t pass = std::clamp<std::int64_t>(
-        panels_bytes / (panels * panel_size * static_cast<std::int64_t>(sizeof(R))), 1, std::min(most_blocks, blocks));
-    const Scratch<R> memory(pass * panels * panel_size);
-    for (std::int64_t first = 0; first < blocks; first += pass) {
-        const std::int64_t count = std::min(pass, blocks - first);
-        pack_blocks(f, first, count, memory.get(), panel_size);
-        multiply_laid_out<T, Swapped>(f, first, count, [&](std::int64_t block, std::int64_t panel) {
-            return memory.get() + ((block - first) * panels + panel) * panel_size;
-        });
-    }
+bool is_read_in_place(const Strided<T>& b, std::int64_t strips) {
+    constexpr bool is_long = vec::vector_bytes == 64;
+    const std::int64_t row = b.row * static_cast<std::int64_t>(sizeof(T));
+    return TileShape<T>::parts == 1 && b.col == 1 &&
+           (strips <= 2 || !is_far(b) || (is_long && row <= 4096 && row % vec::vector_bytes == 0));
 }
 
 // The rows of B that make a block of a panel.
@@ -305,9 +48,9 @@ void multiply_by_cols(const Factors<T>& f) {
     using R = RealOf<T>;
     const std::int64_t panels = f.panels();
     const Strips<T> strips(0, f.rows);
-    const std::int64_t grain = std::max<std::int64_t>(2, grain_work / std::max<std::int64_t>(1, f.work() / panels));
-    const bool pack = panels > 2 && (is_crowding(f.a) || (panels >= many_panels && strips.count >= many_strips));
-    const bool in_place = TileShape<T>::parts == 1 && f.b.col == 1 && (strips.count <= 2 || !is_far(f.b));
+    // What one worker packs for all is slow to reach the others: A is read as it lies where that goes.
+    const bool pack = panels > 2 && is_crowding(f.a);
+    const bool in_place = is_read_in_place(f.b, strips.count);
     const std::int64_t block_size = strips_size(strips, block_depth);
     std::optional<Scratch<T>> packed;
     if (pack) {
@@ -325,9 +68,11 @@ void multiply_by_cols(const Factors<T>& f) {
     }
     // Where A is more than stays near, a block of it meets several panels.
     const bool large = f.rows * f.depth * static_cast<std::int64_t>(sizeof(T)) > 2 * near_bytes_of_a;
-    const std::int64_t together =
-        large ? std::clamp<std::int64_t>(panels / (2 * usable_processors()), 1, panels_together) : 1;
-    parallel_for(panels, together, grain, [&](std::int64_t begin, std::int64_t end) {
+    const std::int64_t workers = usable_processors();
+    const std::int64_t together = large ? std::clamp<std::int64_t>(panels / (2 * workers), 1, panels_together) : 1;
+    const std::int64_t groups = std::min(panels, parts_of(parts_of(panels, together), workers) * workers);
+    const std::int64_t grain = std::max<std::int64_t>(2, grain_work / std::max<std::int64_t>(1, f.work() / groups));
+    parallel_for(groups, 1, grain, [&](std::int64_t begin, std::int64_t end) {
         PanelMemory<R> memory;
         const auto multiply_panel = [&](std::int64_t p, std::int64_t k, Ahead next) {
             const std::int64_t cols = f.panel_cols(p);
@@ -356,21 +101,22 @@ void multiply_by_cols(const Factors<T>& f) {
             }
             panel_times_strips<T, Swapped>(f, strips, in);
         };
-        for (std::int64_t group = begin; group < end; group += together) {
-            const std::int64_t group_end = std::min(group + together, end);
+        for (std::int64_t group = begin; group < end; ++group) {
+            const std::int64_t first = panels * group / groups;
+            const std::int64_t behind = panels * (group + 1) / groups;
             for (std::int64_t k = 0; k < f.depth; k += block_depth) {
                 const bool last = k + block_depth >= f.depth;
-                for (std::int64_t p = group; p < group_end; ++p) {
-                    const bool goes_on = p + 1 < group_end;
+                for (std::int64_t p = first; p < behind; ++p) {
+                    const bool goes_on = p + 1 < behind;
                     multiply_panel(p, k,
                                    in_place  ? Ahead{}
                                    : goes_on ? rows_ahead(f, p + 1, k)
-                                   : last    ? rows_ahead(f, group_end, 0)
-                                             : rows_ahead(f, group, k + block_depth));
+                                   : last    ? rows_ahead(f, behind, 0)
+                                             : rows_ahead(f, first, k + block_depth));
                 }
             }
-            const std::int64_t col = group * TileShape<T>::cols;
-            f.finish(0, f.rows, col, std::min(f.cols, group_end * TileShape<T>::cols) - col, f.bias_in_tiles(f.depth));
+            const std::int64_t col = first * TileShape<T>::cols;
+            f.finish(0, f.rows, col, std::min(f.cols, behind * TileShape<T>::cols) - col, f.bias_in_tiles(f.depth));
         }
     });
 }

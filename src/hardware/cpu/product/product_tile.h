@@ -193,21 +193,39 @@ template <typename T, bool Swapped, bool Packed, int Rows, int Vectors, bool Cop
         if (!way.vouches_for(sums)) {
             return false;
         }
-        [[maybe_unused]] const T* const bias = to.row_bias;
-        ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
-            R* at = out + i * out_row;
-            const R* from = old + i * old_row;
-            ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
-                if constexpr (parts == 2) {
-                    constexpr std::make_index_sequence<static_cast<std::size_t>(width)> every{};
+        if constexpr (parts == 2) {
+            constexpr std::make_index_sequence<static_cast<std::size_t>(width)> every{};
+            ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
+                R* at = out + i * out_row;
+                const R* from = old + i * old_row;
+                ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
                     const V re = way.value(sums[i][v]);
                     const V im = way.value(sums[i][Vectors + v]);
                     put_sums(zipped(re, im, 0, every), end, from + 2 * v * width, at + 2 * v * width);
                     put_sums(zipped(re, im, 1, every), end, from + (2 * v + 1) * width, at + (2 * v + 1) * width);
-                } else {
-                    const V sum = way.value(sums[i][v]);
-                    const V whole = end == TileEnd::add ? load<V>(from + v * width) + sum : sum;
-                    vec::store(bias == nullptr ? whole : whole + bias[i], at + v * width);
+                }
+            }
+        } else {
+            // What becomes of the sums is asked once, not for each of them.
+            V whole[Rows][Vectors];
+            ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
+                ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) { whole[i][v] = way.value(sums[i][v]); }
+            }
+            if (end == TileEnd::add) {
+                ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
+                    ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
+                        whole[i][v] = load<V>(old + i * old_row + v * width) + whole[i][v];
+                    }
+                }
+            }
+            if (to.row_bias != nullptr) {
+                ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
+                    ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) { whole[i][v] = whole[i][v] + to.row_bias[i]; }
+                }
+            }
+            ORNIK_UNROLLED for (int i = 0; i < Rows; ++i) {
+                ORNIK_UNROLLED for (int v = 0; v < Vectors; ++v) {
+                    vec::store(whole[i][v], out + i * out_row + v * width);
                 }
             }
         }
