@@ -96,6 +96,9 @@ class LaneWeights {
     }
 
   private:
+    static constexpr std::int64_t channels_ahead = 4;  // whose kernels are brought near
+    static constexpr std::int64_t line = 64 / static_cast<std::int64_t>(sizeof(T));
+
     // Products with 0 add up to 0, or to NaN.
     static bool are_finite(const T* weights, std::int64_t count) {
         using V = vec::Vector<T>;
@@ -136,8 +139,13 @@ class LaneWeights {
             turn(from, channels * taps, to);
             return;
         }
+        // Kernels of neighbouring targets lie side by side, or each by itself.
+        const std::int64_t near = sum_.target_stride == sum_.kernel_elements ? line : sum_.target_stride;
         for (std::int64_t c = 0; c < channels; ++c, to += taps * width) {
             const T* kernel = from + c * sum_.source_stride;
+            for (std::int64_t at = 0; at < rows * sum_.target_stride; at += near) {
+                vec::prefetch(kernel + channels_ahead * sum_.source_stride + at);
+            }
             if (whole_kernel_ && taps > 1) {
                 turn(kernel, taps, to);
                 continue;
