@@ -129,7 +129,7 @@ class WeightSum {
                 stage(tile, (sample + s) * in_.geometry.groups + group, s, steps, lanes, values, buffers);
             }
             if (by_tap()) {
-                note_taps(tile, samples, buffers.taps);
+                note_taps(tile, samples, buffers);
             }
             for (std::int64_t lane = lanes.begin; lane < lanes.end; lane += panel) {
                 const std::int64_t width = width_at(lane);
@@ -167,28 +167,30 @@ class WeightSum {
     }
 
     // Of all taps. Runs of steps are of one length: rows of several samples are left out where whole ones are taken.
-    void note_taps(const Tile& tile, std::int64_t samples, std::vector<TapSteps>& taps) const {
+    void note_taps(const Tile& tile, std::int64_t samples, Buffers& buffers) const {
         const PassAxis& rows = in_.plan.pass.rows;
         const PassAxis& cols = in_.plan.pass.cols;
-        taps.clear();
+        buffers.taps.resize(in_.plan.taps.size());
+        auto tap = buffers.taps.begin();
         for (const PassAxis::Tap& row_tap : rows.taps) {
             for (const PassAxis::Tap& col_tap : cols.taps) {
                 const Range across = inside(cols, col_tap, {tile.col, tile.col + tile.cols});
                 const bool whole = across.size() == tile.cols;
                 const Range down = whole || samples == 1 ? inside(rows, row_tap, {tile.row, tile.row + tile.rows})
                                                          : Range{0, tile.rows};
-                TapSteps& tap = taps.emplace_back();
+                const std::int64_t unit = whole ? tile.positions() : tile.cols;
+                const std::int64_t run = whole ? tile.cols * down.size() : across.size();
+                const std::int64_t first = down.begin * tile.cols + across.begin;
+                tap->offsets.clear();
                 for (std::int64_t s = 0; s < samples; ++s) {
-                    for (std::int64_t r = down.begin; r < down.end; ++r) {
-                        for (std::int64_t x = across.begin; x < across.end; ++x) {
-                            tap.offsets.push_back(step_at(s, r, x));
-                        }
+                    const auto from = buffers.steps.begin() + s * tile.positions() + first;
+                    for (std::int64_t at = 0; at < tile.cols * down.size(); at += unit) {
+                        tap->offsets.insert(tap->offsets.end(), from + at, from + at + run);
                     }
                 }
-                const std::int64_t line = whole ? tile.cols * tile.rows : tile.cols;
-                const std::int64_t run = whole ? tile.cols * down.size() : across.size();
-                tap.steps = {tap.offsets.data(), static_cast<std::int64_t>(tap.offsets.size()),
-                             down.begin * tile.cols + across.begin, run, line - run};
+                tap->steps = {tap->offsets.data(), static_cast<std::int64_t>(tap->offsets.size()), first, run,
+                              unit - run};
+                ++tap;
             }
         }
     }
@@ -203,11 +205,6 @@ class WeightSum {
             --result.end;
         }
         return result;
-    }
-
-    // Where a position's value for the first tap lies.
-    std::int64_t step_at(std::int64_t sample, std::int64_t row, std::int64_t col) const {
-        return sample * sample_values() + (row * in_.plan.slot_row + col) * value_pitch();
     }
 
     // The values and lanes of one sample's positions in the block.
@@ -242,10 +239,10 @@ class WeightSum {
                 turn_rows(gradients, channels_.data() + lane, count, width, tile.positions(), to, width);
             }
         }
+        const std::int64_t first = s * sample_values();
         for (std::int64_t r = 0; r < tile.rows; ++r) {
             for (std::int64_t x = 0; x < tile.cols; ++x) {
-                buffers.steps.push_back(by_tap() ? step_at(s, r, x)
-                                                 : s * sample_values() + (r * tile.cols + x) * pitch);
+                buffers.steps.push_back(first + (by_tap() ? r * in_.plan.slot_row + x : r * tile.cols + x) * pitch);
             }
         }
     }
