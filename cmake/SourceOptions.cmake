@@ -78,13 +78,17 @@ if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
   set_source_files_properties(${PROJECT_SOURCE_DIR}/src/tensor/tensor_print.cpp PROPERTIES SKIP_PRECOMPILE_HEADERS ON)
 endif()
 
+# What a cache needs to see through compiled headers: their names in what the preprocessor writes, and no time in the file.
+set(ORNIK_PRECOMPILE_OPTIONS "")
+if(ORNIK_PRECOMPILE AND CMAKE_CXX_COMPILER_LAUNCHER)
+  set(ORNIK_PRECOMPILE_OPTIONS
+      $<$<CXX_COMPILER_ID:GNU>:-fpch-preprocess> "$<$<CXX_COMPILER_ID:Clang>:SHELL:-Xclang -fno-pch-timestamp>")
+endif()
+
 # Most files are small: reading the same headers is more than half of their compilation.
-if(ORNIK_PRECOMPILE)
+if(ORNIK_PRECOMPILE AND NOT ORNIK_PRECOMPILE STREQUAL "TESTS")
+  target_compile_options(ornik_objects PRIVATE ${ORNIK_PRECOMPILE_OPTIONS})
   target_precompile_headers(ornik_objects PRIVATE <algorithm> <cmath> <cstring> <limits> <numeric>
                                                   ${PROJECT_SOURCE_DIR}/include/descriptors/tensoriterator.h
                                                   ${PROJECT_SOURCE_DIR}/include/ktensor/record.h)
-  if(CMAKE_CXX_COMPILER_LAUNCHER)
-    # What a cache needs: the names of the headers in what the preprocessor writes, and no time in the file.
-    add_compile_options($<$<CXX_COMPILER_ID:GNU>:-fpch-preprocess> "$<$<CXX_COMPILER_ID:Clang>:SHELL:-Xclang -fno-pch-timestamp>")
-  endif()
 endif()

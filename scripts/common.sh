@@ -40,7 +40,7 @@ build() {
     shift
     # The Python package is the same library compiled in another folder: the cache knows it by the same command, which
     # names no headers of a folder.
-    [ "$preset" = release ] && [ ${#options[@]} -gt 0 ] && options+=(-DORNIK_PRECOMPILE=OFF)
+    [ "$preset" = release ] && [ ${#options[@]} -gt 0 ] && options+=(-DORNIK_PRECOMPILE=TESTS)
     (cd "$root" && cmake --preset "$preset" "${options[@]}" "$@" && cmake --build --preset "$preset")
 }
 

@@ -3,64 +3,22 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cmath>
-#include <random>
-
 #include "tensors.h"
 
 namespace ornik::test {
 
 using Function = std::function<TensorPtr(Tensor*)>;
 
-inline TensorPtr random_tensor(const Dims& shape, std::int64_t dtype, unsigned seed,
-                               Layout layout = Layout::contiguous) {
-    std::mt19937 random(seed);
-    const TensorPtr pairs = make_empty(shape, dtype::complex128);
-    auto* parts = static_cast<double*>(pairs->getRawData());
-    std::generate_n(parts, 2 * numel_of(shape), [&] { return random() * 0x1p-31 - 1.0; });
-    TensorPtr result = make_empty(shape, dtype, layout);
-    result->copy_from_(pairs.get());
-    return result;
-}
+TensorPtr random_tensor(const Dims& shape, std::int64_t dtype, unsigned seed, Layout layout = Layout::contiguous);
 
 // Real part of sum of conj(weight) * value: a number to take differences of.
-inline double weighted_sum(const Tensor* value, const Tensor* weight) {
-    const auto a = values_of<Complex<double>>(TensorPtr(value->astype(dtype::complex128)));
-    const auto b = values_of<Complex<double>>(TensorPtr(weight->astype(dtype::complex128)));
-    double sum = 0;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        sum += a[i].real * b[i].real + a[i].imag * b[i].imag;
-    }
-    return sum;
-}
+double weighted_sum(const Tensor* value, const Tensor* weight);
 
 // Compares `gradient` of weighted_sum(function(x), weight) with central differences in every real parameter
 // of x, complex ones part by part.
 // `relative` is the part of the tolerance that grows with the gradient.
-inline void expect_gradient(const Function& function, Tensor* x, const Tensor* weight, const Tensor* gradient,
-                            double h = 1e-6, double relative = 0) {
-    ASSERT_NE(gradient, nullptr);
-    ASSERT_EQ(gradient->Shape(), x->Shape());
-    const TensorPtr dense_gradient(gradient->clone());
-    const auto* expected = static_cast<const double*>(dense_gradient->getRawData());
-    const std::int64_t parts = x->isComplexType() ? 2 : 1;
-    auto* values = static_cast<double*>(x->getRawData());
-    std::int64_t i = 0;
-    for_each_offset(x->Shape(), x->Strides(), [&](std::int64_t offset) {
-        for (std::int64_t part = 0; part < parts; ++part, ++i) {
-            double& value = values[offset * parts + part];
-            const double old = value;
-            value = old + h;
-            const double above = weighted_sum(function(x).get(), weight);
-            value = old - h;
-            const double below = weighted_sum(function(x).get(), weight);
-            value = old;
-            EXPECT_NEAR(expected[i], (above - below) / (2 * h), 1e-7 * (1 + relative * std::abs(expected[i])))
-                << "entry " << i;
-        }
-    });
-}
+void expect_gradient(const Function& function, Tensor* x, const Tensor* weight, const Tensor* gradient, double h = 1e-6,
+                     double relative = 0);
 
 // The same for a function that returns a new tensor, as the library does, in either form.
 template <typename Made>

@@ -18,36 +18,15 @@ using Complex = complex_scalar::complex<T>;
 enum class Layout { contiguous, transposed, every_other, offset, reversed };
 inline constexpr Layout all_layouts[] = {Layout::contiguous, Layout::transposed, Layout::every_other, Layout::offset,
                                          Layout::reversed};
-inline std::string name_of(Layout layout) {
-    constexpr const char* names[] = {"contiguous", "transposed", "every_other", "offset", "reversed"};
-    return names[static_cast<int>(layout)];
-}
+std::string name_of(Layout layout);
 
-inline std::int64_t numel_of(const Dims& shape) {
-    std::int64_t numel = 1;
-    for (const std::int64_t extent : shape) {
-        numel *= extent;
-    }
-    return numel;
-}
+std::int64_t numel_of(const Dims& shape);
 
 /// A list as a call, for lambdas: the formatter spreads those with a braced list over three lines.
 inline Dims dims(auto... extents) { return {static_cast<std::int64_t>(extents)...}; }
 
 /// Calls visit(element offset) in row-major order.
-inline void for_each_offset(const Dims& shape, const Dims& strides, const std::function<void(std::int64_t)>& visit) {
-    Dims index(shape.size(), 0);
-    for (std::int64_t i = 0, n = numel_of(shape); i < n; ++i) {
-        std::int64_t offset = 0;
-        for (std::size_t d = 0; d < shape.size(); ++d) {
-            offset += index[d] * strides[d];
-        }
-        visit(offset);
-        for (std::size_t d = shape.size(); d-- > 0 && ++index[d] == shape[d];) {
-            index[d] = 0;
-        }
-    }
-}
+void for_each_offset(const Dims& shape, const Dims& strides, const std::function<void(std::int64_t)>& visit);
 
 template <typename T>
 std::vector<T> values_of(const Tensor* t) {
@@ -62,59 +41,17 @@ std::vector<T> values_of(const TensorPtr& t) {
 }
 
 /// The bytes of all elements in row-major order.
-inline std::string bytes_of(const Tensor* t) {
-    std::string bytes;
-    const char* data = static_cast<const char*>(t->getRawData());
-    for_each_offset(t->Shape(), t->Strides(), [&](std::int64_t at) {
-        bytes.append(data + at * t->itemsize(), static_cast<std::size_t>(t->itemsize()));
-    });
-    return bytes;
-}
+std::string bytes_of(const Tensor* t);
 inline std::string bytes_of(const TensorPtr& t) { return bytes_of(t.get()); }
 
 /// Elements of any real tensor as doubles.
-inline std::vector<double> doubles_of(const Tensor* t) {
-    const TensorPtr wide(t->Size() > 0 ? t->astype(dtype::float64) : nullptr);
-    return wide ? values_of<double>(wide) : std::vector<double>{};
-}
+std::vector<double> doubles_of(const Tensor* t);
 
 /// The row-major positions, in a tensor of the shape, of the elements that one list of indices per axis picks.
-inline std::vector<std::size_t> flat_positions(const std::vector<Dims>& lists, const Dims& shape) {
-    std::vector<std::size_t> flat{0};
-    for (std::size_t k = 0; k < lists.size(); ++k) {
-        std::vector<std::size_t> next;
-        for (const std::size_t base : flat) {
-            for (const std::int64_t i : lists[k]) {
-                next.push_back(base * static_cast<std::size_t>(shape[k]) + static_cast<std::size_t>(i));
-            }
-        }
-        flat = next;
-    }
-    return flat;
-}
+std::vector<std::size_t> flat_positions(const std::vector<Dims>& lists, const Dims& shape);
 
 /// A tensor of the shape with undefined values, laid out as asked.
-inline TensorPtr make_empty(const Dims& shape, std::int64_t dtype, Layout layout = Layout::contiguous) {
-    const std::size_t rank = shape.size();
-    const std::int64_t numel = numel_of(shape);
-    Dims strides(rank, 1);
-    for (std::size_t i = 1; i < rank; ++i) {
-        if (layout == Layout::transposed) {
-            strides[i] = strides[i - 1] * shape[i - 1];
-        } else {
-            strides[rank - 1 - i] = strides[rank - i] * shape[rank - i];
-        }
-    }
-    std::int64_t offset = layout == Layout::offset ? 3 : 0;
-    if (layout == Layout::every_other || layout == Layout::reversed) {
-        for (std::int64_t& stride : strides) {
-            stride *= layout == Layout::reversed ? -1 : 2;
-        }
-        offset = layout == Layout::reversed ? numel - 1 : 1;
-    }
-    const TensorPtr whole(Tensor::empty({2 * numel + 3}, 0, dtype));
-    return TensorPtr(share_storage_tensor(whole->getStorage(), shape, strides, dtype, offset));
-}
+TensorPtr make_empty(const Dims& shape, std::int64_t dtype, Layout layout = Layout::contiguous);
 
 /// The same with the values, in row-major order.
 template <typename T>
@@ -151,3 +88,28 @@ void for_types(TypeList<Ts...>, const Test& test) {
 }
 
 }  // namespace ornik::test
+
+// What most tests use of these is compiled once, in tensors.cpp: half of what they would compile otherwise.
+#define ORNIK_TEST_ELEMENTS(TEMPLATE, T)                                                            \
+    TEMPLATE class std::vector<T>;                                                                  \
+    TEMPLATE std::vector<T> ornik::test::values_of<T>(const ornik::Tensor*);                        \
+    TEMPLATE ornik::test::TensorPtr ornik::test::make<T>(const ornik::Dims&, const std::vector<T>&, \
+                                                         ornik::test::Layout);                      \
+    TEMPLATE std::vector<T> ornik::test::counted<T>(std::int64_t, int);
+#define ORNIK_TEST_TEMPLATES(TEMPLATE)                          \
+    ORNIK_TEST_ELEMENTS(TEMPLATE, bool)                         \
+    ORNIK_TEST_ELEMENTS(TEMPLATE, std::uint8_t)                 \
+    ORNIK_TEST_ELEMENTS(TEMPLATE, std::int8_t)                  \
+    ORNIK_TEST_ELEMENTS(TEMPLATE, std::int16_t)                 \
+    ORNIK_TEST_ELEMENTS(TEMPLATE, std::int32_t)                 \
+    ORNIK_TEST_ELEMENTS(TEMPLATE, std::int64_t)                 \
+    ORNIK_TEST_ELEMENTS(TEMPLATE, float)                        \
+    ORNIK_TEST_ELEMENTS(TEMPLATE, double)                       \
+    ORNIK_TEST_ELEMENTS(TEMPLATE, ornik::test::Complex<float>)  \
+    ORNIK_TEST_ELEMENTS(TEMPLATE, ornik::test::Complex<double>) \
+    TEMPLATE class std::vector<std::string>;                    \
+    TEMPLATE class std::vector<ornik::Dims>;                    \
+    TEMPLATE class std::unique_ptr<ornik::Tensor>;              \
+    TEMPLATE class std::function<void(std::int64_t)>;           \
+    TEMPLATE class std::function<void()>;
+ORNIK_TEST_TEMPLATES(extern template)
