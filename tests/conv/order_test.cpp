@@ -240,13 +240,15 @@ void check_edges(const Shape& s) {
     const std::int64_t dtype = sizeof(T) == sizeof(float) ? dtype::float32 : dtype::float64;
     const TensorPtr image = random_tensor({s.batch, s.image_channels, s.rows.image, s.cols.image}, dtype, 1);
     const TensorPtr weight = random_tensor({s.grid_channels, s.image_channels, s.rows.kernel, s.cols.kernel}, dtype, 2);
+    const TensorPtr grid = random_tensor({s.batch, s.grid_channels, s.rows.grid(), s.cols.grid()}, dtype, 3);
     nn::ConvParameters p;
     p.padding = {{{s.rows.padding, s.rows.padding}, {s.cols.padding, s.cols.padding}}};
     const T tiny = std::sqrt(std::numeric_limits<T>::denorm_min());
     auto* pixels = static_cast<T*>(image->getRawData());
     auto* weights = static_cast<T*>(weight->getRawData());
+    auto* gradients = static_cast<T*>(grid->getRawData());
     const auto expect_all = [&](const char* what) {
-        const Values<T> expected = sums(s, true, values_of<T>(image), values_of<T>(weight), {});
+        Values<T> expected = sums(s, true, values_of<T>(image), values_of<T>(weight), {});
         const auto differs = [&](const std::unique_ptr<Tensor>& actual) {
             const Values<T> values = values_of<T>(actual.get());
             std::size_t at = 0;
@@ -265,6 +267,9 @@ void check_edges(const Shape& s) {
             EXPECT_FALSE(differs(layer.blocked(image.get()).planes())) << what << ", from planes to blocks";
             EXPECT_FALSE(differs(layer.blocked(nn::BlockedImage(image.get())).planes())) << what << ", in blocks";
         }
+        expected = weight_sums(s, values_of<T>(image), values_of<T>(grid));
+        EXPECT_FALSE(differs(nn::convolution_weight_grad(grid.get(), image.get(), weight->Shape(), p)))
+            << what << ", weight gradient";
     };
     expect_all("ordinary numbers");
     std::mt19937 random(3);
@@ -274,6 +279,9 @@ void check_edges(const Shape& s) {
     for (std::int64_t i = 0; i < weight->Size(); ++i) {
         weights[i] *= random() % 4 == 0 ? tiny * T(8) : tiny;
     }
+    for (std::int64_t i = 0; i < grid->Size(); ++i) {
+        gradients[i] *= random() % 4 == 0 ? tiny * T(8) : tiny;
+    }
     expect_all("products of about the least number");
     // Of a channel each: those that meet the first row and column, the last ones, and the middle of either.
     const std::int64_t row = s.cols.kernel, last = s.kernel() - 1, each = s.image_channels * s.kernel();
@@ -281,6 +289,8 @@ void check_edges(const Shape& s) {
     weights[each + last] = std::numeric_limits<T>::quiet_NaN();
     weights[2 * each + s.rows.kernel / 2 * row] = std::numeric_limits<T>::infinity();
     weights[weight->Size() - 1 - s.rows.kernel / 2 * row] = -std::numeric_limits<T>::infinity();
+    gradients[0] = std::numeric_limits<T>::infinity();
+    gradients[grid->Size() - 1] = -std::numeric_limits<T>::infinity();
     expect_all("infinite weights");
 }
 

@@ -203,6 +203,21 @@ template <typename T, int Vectors, int Step, int Positions, int Row>
     });
 }
 
+/// True when none is infinite or NaN: products with 0 add up to 0, then.
+template <typename T>
+bool are_finite(const T* weights, std::int64_t count) {
+    using V = vec::Vector<T>;
+    V zeros{};
+    for (; count >= vec::lanes<T>; count -= vec::lanes<T>, weights += vec::lanes<T>) {
+        zeros += vec::load<V>(weights) * V{};
+    }
+    T zero = T(0);
+    for (std::int64_t i = 0; i < vec::lanes<T>; ++i) {
+        zero += zeros[static_cast<std::size_t>(i)] + (i < count ? weights[i] * T(0) : T(0));
+    }
+    return zero == T(0);
+}
+
 template <typename T>
 using LaneChainFunction = void (*)(const LaneChain<T>&);
 

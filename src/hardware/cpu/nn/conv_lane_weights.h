@@ -99,20 +99,6 @@ class LaneWeights {
     static constexpr std::int64_t channels_ahead = 4;  // whose kernels are brought near
     static constexpr std::int64_t line = 64 / static_cast<std::int64_t>(sizeof(T));
 
-    // Products with 0 add up to 0, or to NaN.
-    static bool are_finite(const T* weights, std::int64_t count) {
-        using V = vec::Vector<T>;
-        V zeros{};
-        for (; count >= vec::lanes<T>; count -= vec::lanes<T>, weights += vec::lanes<T>) {
-            zeros += vec::load<V>(weights) * V{};
-        }
-        T zero = T(0);
-        for (std::int64_t i = 0; i < vec::lanes<T>; ++i) {
-            zero += zeros[static_cast<std::size_t>(i)] + (i < count ? weights[i] * T(0) : T(0));
-        }
-        return zero == T(0);
-    }
-
     void turn_panel(std::int64_t group, std::int64_t block, std::int64_t target, T* to) const {
         const std::int64_t width = width_at(target);
         const std::int64_t channels = channels_of(block);

@@ -65,6 +65,11 @@ class WeightSum {
     static constexpr std::int64_t most_lanes = 128;   // of an item
     static constexpr std::int64_t most_values = 128;  // channels of an item, where they go tap by tap
 
+    // The steps that find the image. The others add zeros, which only a sum of -0 shows (conv_edge_rows.h).
+    struct TapSteps {
+        std::vector<std::int64_t> offsets;
+        LaneSteps steps;
+    };
     // What a worker needs: the lanes' panels, what is broadcast, and the planes that either comes from.
     struct Buffers {
         explicit Buffers(const WeightSum& sum)
@@ -76,6 +81,7 @@ class WeightSum {
         Scratch<T> lanes;
         Scratch<T> values;
         std::vector<std::int64_t> steps;
+        std::vector<TapSteps> taps;  // where they go one by one
     };
 
     // Vectors cycles of a position: chains of few sums wait for themselves.
@@ -122,6 +128,9 @@ class WeightSum {
             for (std::int64_t s = 0; s < samples; ++s) {
                 stage(tile, (sample + s) * in_.geometry.groups + group, s, steps, lanes, values, buffers);
             }
+            if (by_tap()) {
+                note_taps(tile, samples, buffers);
+            }
             for (std::int64_t lane = lanes.begin; lane < lanes.end; lane += panel) {
                 const std::int64_t width = width_at(lane);
                 LaneChain<T> chain{buffers.values.get(),
@@ -137,16 +146,65 @@ class WeightSum {
                     run_lane_chains(chain, width, values.size());
                     continue;
                 }
+                const LaneSteps all = chain.steps;
+                const bool leaves_out = std::any_of(buffers.taps.begin(), buffers.taps.end(),
+                                                    [&](const TapSteps& tap) { return tap.steps.count < steps; }) &&
+                                        are_finite(chain.weights, steps * width);
                 chain.out += values.begin * in_.taps * width;
                 chain.out_stride = in_.taps * width;
                 T* const first = chain.out;
                 for (std::size_t tap = 0; tap < in_.plan.taps.size(); ++tap) {
+                    if (leaves_out) {
+                        chain.steps = buffers.taps[tap].steps;
+                        chain.all = chain.steps.count < steps ? &all : nullptr;
+                    }
                     chain.slots = buffers.values.get() + in_.plan.taps[tap] * value_pitch();
                     chain.out = first + static_cast<std::int64_t>(tap) * width;
                     run_lane_chains(chain, width, values.size());
                 }
             }
         }
+    }
+
+    // Of all taps. Runs of steps are of one length: rows of several samples are left out where whole ones are taken.
+    void note_taps(const Tile& tile, std::int64_t samples, Buffers& buffers) const {
+        const PassAxis& rows = in_.plan.pass.rows;
+        const PassAxis& cols = in_.plan.pass.cols;
+        buffers.taps.resize(in_.plan.taps.size());
+        auto tap = buffers.taps.begin();
+        for (const PassAxis::Tap& row_tap : rows.taps) {
+            for (const PassAxis::Tap& col_tap : cols.taps) {
+                const Range across = inside(cols, col_tap, {tile.col, tile.col + tile.cols});
+                const bool whole = across.size() == tile.cols;
+                const Range down = whole || samples == 1 ? inside(rows, row_tap, {tile.row, tile.row + tile.rows})
+                                                         : Range{0, tile.rows};
+                const std::int64_t unit = whole ? tile.positions() : tile.cols;
+                const std::int64_t run = whole ? tile.cols * down.size() : across.size();
+                const std::int64_t first = down.begin * tile.cols + across.begin;
+                tap->offsets.clear();
+                for (std::int64_t s = 0; s < samples; ++s) {
+                    const auto from = buffers.steps.begin() + s * tile.positions() + first;
+                    for (std::int64_t at = 0; at < tile.cols * down.size(); at += unit) {
+                        tap->offsets.insert(tap->offsets.end(), from + at, from + at + run);
+                    }
+                }
+                tap->steps = {tap->offsets.data(), static_cast<std::int64_t>(tap->offsets.size()), first, run,
+                              unit - run};
+                ++tap;
+            }
+        }
+    }
+
+    // The positions of a tile's range where a tap meets the image, from the first one of the tile on.
+    static Range inside(const PassAxis& axis, const PassAxis::Tap& tap, Range tile) {
+        Range result{0, tile.size()};
+        while (result.size() > 0 && !axis.is_inside(tap, tile.begin + result.begin)) {
+            ++result.begin;
+        }
+        while (result.size() > 0 && !axis.is_inside(tap, tile.begin + result.end - 1)) {
+            --result.end;
+        }
+        return result;
     }
 
     // The values and lanes of one sample's positions in the block.
