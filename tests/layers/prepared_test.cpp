@@ -93,7 +93,8 @@ TEST(PreparedLayers, ConvolutionsHaveTheBitsOfTheSequence) {
 
 TEST(PreparedLayers, LinearMapsHaveTheBitsOfTheSequence) {
     for (const std::int64_t type : dtypes) {
-        for (const Dims& size : {Dims{1, 300, 37}, Dims{20, 40, 70}, Dims{130, 520, 20}, Dims{64, 8, 1}}) {
+        for (const Dims& size :
+             {Dims{1, 300, 37}, Dims{20, 40, 70}, Dims{130, 520, 20}, Dims{260, 1024, 100}, Dims{64, 8, 1}}) {
             const TensorPtr x = random_tensor({size[0], size[1]}, type, 1, Layout::transposed);
             const TensorPtr w = random_tensor({size[2], size[1]}, type, 2), b = random_tensor({size[2]}, type, 3);
             expect_same_bits(
