@@ -56,6 +56,37 @@ class FirstError {
     std::exception_ptr error_;
 };
 
+// What a region's workers share: small, since it comes from the caller's processor to theirs before they can begin.
+struct Cut {
+    detail::RangeFunction run;
+    void* context;
+    std::int64_t n;
+    std::int64_t unit;
+    std::int64_t units;
+    std::int64_t blocks;
+    std::int64_t pieces;  // of a worker's share
+    int workers;
+    FirstError* error;
+
+    std::int64_t unit_begin(int worker) const { return worker * blocks / workers * units / blocks; }
+
+    void run_piece(int worker, std::int64_t piece) const {
+        const std::int64_t first = unit_begin(worker);
+        const std::int64_t count = unit_begin(worker + 1) - first;
+        const std::int64_t begin = (first + piece * count / pieces) * unit;
+        const std::int64_t last = first + (piece + 1) * count / pieces;
+        const std::int64_t end = last == units ? n : last * unit;
+        if (begin == end) {
+            return;
+        }
+        try {
+            run(context, begin, end);
+        } catch (...) {
+            error->keep(begin, std::current_exception());
+        }
+    }
+};
+
 }  // namespace
 
 void ConfigSetNumThreads(int count) {
@@ -97,37 +128,27 @@ void detail::parallel_ranges(std::int64_t n, std::int64_t unit, std::int64_t gra
         call_in_forked_children([] { workers_are_lost.store(true, std::memory_order_relaxed); });
         return true;
     }();
-    const auto unit_begin = [&](std::int64_t worker) { return worker * blocks / workers * units / blocks; };
+    FirstError error;
     const std::int64_t pieces = std::clamp<std::int64_t>(n / workers / std::max(grain / 2, unit), 1, most_pieces);
+    const Cut cut{run, context, n, unit, units, blocks, pieces, workers, &error};
     // Room for few on the stack: a region may be shorter than the way to memory for it.
     std::array<Share, 8> few;
     std::vector<Share> many(static_cast<std::size_t>(workers) > few.size() ? static_cast<std::size_t>(workers) : 0);
     Share* const shares = many.empty() ? few.data() : many.data();
-    FirstError error;
-    const auto run_piece = [&](int worker, std::int64_t piece) {
-        const std::int64_t first = unit_begin(worker);
-        const std::int64_t count = unit_begin(worker + 1) - first;
-        const std::int64_t begin = (first + piece * count / pieces) * unit;
-        const std::int64_t last = first + (piece + 1) * count / pieces;
-        const std::int64_t end = last == units ? n : last * unit;
-        if (begin == end) {
-            return;
-        }
-        try {
-            run(context, begin, end);
-        } catch (...) {
-            error.keep(begin, std::current_exception());
-        }
-    };
-#pragma omp parallel num_threads(workers)
+#pragma omp parallel num_threads(workers) default(none) firstprivate(cut, shares)
     {
-        // A worker's own share first. The runtime may grant fewer threads than asked for: their shares are what the
-        // others find.
-        for (int turn = 0; turn < workers; ++turn) {
-            const int worker = (omp_get_thread_num() + turn) % workers;
-            Share& share = shares[worker];
-            for (std::int64_t piece = share.taken++; piece < pieces; piece = share.taken++) {
-                run_piece(worker, piece);
+        const int own = omp_get_thread_num();
+        if (cut.pieces == 1 && omp_get_num_threads() == cut.workers) {
+            cut.run_piece(own, 0);  // There is nothing that another could take.
+        } else {
+            // A worker's own share first. The runtime may grant fewer threads than asked for: their shares are what the
+            // others find.
+            for (int turn = 0; turn < cut.workers; ++turn) {
+                const int worker = (own + turn) % cut.workers;
+                Share& share = shares[worker];
+                for (std::int64_t piece = share.taken++; piece < cut.pieces; piece = share.taken++) {
+                    cut.run_piece(worker, piece);
+                }
             }
         }
     }
