@@ -1,8 +1,8 @@
 // row_loop.h: the row form of the element-wise engine's inner loop. Internal.
 //
-// A row function gets pieces of contiguous rows, function(n, out..., in...), and loops over them itself:
-// one loop per function, which the compiler turns into vector code. Operands that are not contiguous along
-// the row pass through small buffers, so the function never sees a stride.
+// A row function gets contiguous rows, function(n, out..., in...), and loops over them itself: one loop per
+// function, which the compiler turns into vector code. Operands that are not contiguous along the row pass
+// through small buffers, piece by piece, so the function never sees a stride.
 #pragma once
 
 #include <cstddef>

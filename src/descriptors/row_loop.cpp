@@ -8,8 +8,7 @@ namespace ornik::detail {
 
 namespace {
 
-// Longest piece a function gets: several inputs and outputs of it stay in the first cache.
-constexpr std::int64_t longest = 1024;
+// Longest piece that goes through buffers: those of several inputs and outputs stay in the first cache.
 constexpr std::int64_t staged = 256;
 
 // Storage may hold bytes that are no valid bool: any but zero is true.
@@ -36,7 +35,7 @@ void run_row_loop(const void* bound_rows, char* const* data, const std::int64_t*
         is_staged[i] = stride0[i] != rows.item_sizes[i] || rows.is_bool_input[i];
         any_staged = any_staged || is_staged[i];
     }
-    const std::int64_t piece = any_staged ? staged : longest;
+    const std::int64_t piece = any_staged ? staged : n0;
     const std::int64_t buffer_size = staged * *std::max_element(rows.item_sizes, rows.item_sizes + rows.operands);
     Buffers buffers;
     for (std::int64_t j = 0; j < n1; ++j) {

@@ -76,6 +76,16 @@ void run_in_vectors(std::int64_t n, float* out, const float* first, const Rest*.
     }
 }
 
+/// out[i] = Function()(in[i]...), in a loop that compilers make vectors of.
+template <typename Function, typename Out, typename... In>
+void run_plainly(std::int64_t n, Out* out, const In*... in) {
+    const Function function{};
+    ORNIK_INDEPENDENT_ITERATIONS
+    for (std::int64_t i = 0; i < n; ++i) {
+        out[i] = function(in[i]...);
+    }
+}
+
 /// Function objects that mostly have a shorter way to the same bits specialise this with a function `value`, which sets
 /// its last argument where that can not tell.
 template <typename Function, typename T>
@@ -88,7 +98,6 @@ template <typename Function, typename Out, typename... In>
 void run_surely(std::int64_t n, Out* out, const In*... in) {
     constexpr std::int64_t block = 128;
     Out values[block];
-    const Function function{};
     for (std::int64_t first = 0; first < n; first += block) {
         const std::int64_t count = std::min(block, n - first);
         int unsure = 0;
@@ -99,9 +108,30 @@ void run_surely(std::int64_t n, Out* out, const In*... in) {
             std::copy_n(values, count, out + first);
             continue;
         }
-        ORNIK_INDEPENDENT_ITERATIONS
-        for (std::int64_t i = first; i < first + count; ++i) {
-            out[i] = function(in[i]...);
+        run_plainly<Function>(count, out + first, in + first...);
+    }
+}
+
+/// out[i] = Function()(first[i], rest[i]...), where elements beyond the limit take another way. Blocks stay in the
+/// first cache while they are looked through.
+template <typename Function, typename Out, typename First, typename... Rest>
+void run_up_to_limit(std::int64_t n, Out* out, const First* first, const Rest*... rest) {
+    using Beyond = BeyondLimit<Function, First>;
+    constexpr std::int64_t block = 1024;
+    const auto beyond = [](First x) { return std::fabs(x) > elementary::circular_limit<First>; };
+    const Function function{};
+    for (std::int64_t begin = 0; begin < n; begin += block) {
+        const std::int64_t end = std::min(begin + block, n);
+        int any = 0;
+        for (std::int64_t i = begin; i < end; ++i) {
+            any |= static_cast<int>(beyond(first[i]));
+        }
+        if (any == 0) {
+            run_plainly<Function>(end - begin, out + begin, first + begin, rest + begin...);
+            continue;
+        }
+        for (std::int64_t i = begin; i < end; ++i) {
+            out[i] = beyond(first[i]) ? Beyond::value(first[i], rest[i]...) : function(first[i], rest[i]...);
         }
     }
 }
@@ -109,36 +139,18 @@ void run_surely(std::int64_t n, Out* out, const In*... in) {
 /// out[i] = Function()(in[i]...). Function's call operator has to be ORNIK_IN_PLACE.
 template <typename Function, typename Out, typename First, typename... Rest>
 void run_function_rows(const MultiTensorIterationHelper& elements) {
-    using Beyond = BeyondLimit<Function, First>;
-    elements.run_rows<TypeList<Out>, TypeList<First, Rest...>>([](std::int64_t n, Out* out, const First* first,
-                                                                  const Rest*... rest) {
-        if constexpr (InVectors<Function, First>::better) {
-            run_in_vectors<Function>(n, out, first, rest...);
-            return;
-        }
-        if constexpr (Surely<Function, First>::known) {
-            run_surely<Function>(n, out, first, rest...);
-            return;
-        }
-        const Function function{};
-        if constexpr (Beyond::needed) {
-            const auto beyond = [](First x) { return std::fabs(x) > elementary::circular_limit<First>; };
-            int any = 0;
-            for (std::int64_t i = 0; i < n; ++i) {
-                any |= static_cast<int>(beyond(first[i]));
+    elements.run_rows<TypeList<Out>, TypeList<First, Rest...>>(
+        [](std::int64_t n, Out* out, const First* first, const Rest*... rest) {
+            if constexpr (InVectors<Function, First>::better) {
+                run_in_vectors<Function>(n, out, first, rest...);
+            } else if constexpr (Surely<Function, First>::known) {
+                run_surely<Function>(n, out, first, rest...);
+            } else if constexpr (BeyondLimit<Function, First>::needed) {
+                run_up_to_limit<Function>(n, out, first, rest...);
+            } else {
+                run_plainly<Function>(n, out, first, rest...);
             }
-            if (any != 0) {
-                for (std::int64_t i = 0; i < n; ++i) {
-                    out[i] = beyond(first[i]) ? Beyond::value(first[i], rest[i]...) : function(first[i], rest[i]...);
-                }
-                return;
-            }
-        }
-        ORNIK_INDEPENDENT_ITERATIONS
-        for (std::int64_t i = 0; i < n; ++i) {
-            out[i] = function(first[i], rest[i]...);
-        }
-    });
+        });
 }
 
 template <typename Function, typename Types>
