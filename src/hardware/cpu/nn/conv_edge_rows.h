@@ -18,9 +18,6 @@
 namespace ornik::device::cpu {
 namespace {
 
-/// Do chains know of the ends of their rows? Those of few positions have too few rows to themselves.
-constexpr bool has_row_ends = vec::has_forms && lane_positions >= 2 * least_row;
-
 class EdgeRows {
   public:
     /// `offsets` are those of a block's steps, a channel's taps side by side.

@@ -26,6 +26,8 @@ constexpr int lane_positions = vec::vector_registers == 32 ? 14 : 6;
 
 /// Rows that know of their ends have no fewer positions: a step at an end leaves the processor busy.
 constexpr int least_row = 7;
+/// Do chains know of the ends of their rows? Those of few positions have too few rows to themselves.
+constexpr bool has_row_ends = vec::has_forms && lane_positions >= 2 * least_row;
 
 constexpr std::int64_t lane_pieces(std::int64_t positions) { return (positions + lane_positions - 1) / lane_positions; }
 

@@ -81,7 +81,9 @@ class WeightSum {
         Scratch<T> lanes;
         Scratch<T> values;
         std::vector<std::int64_t> steps;
-        std::vector<TapSteps> taps;  // where they go one by one
+        std::vector<TapSteps> taps;  // where they go one by one, of the tile and samples below
+        std::int64_t noted_tile = -1;
+        std::int64_t noted_samples = 0;
     };
 
     // Vectors cycles of a position: chains of few sums wait for themselves.
@@ -128,7 +130,7 @@ class WeightSum {
             for (std::int64_t s = 0; s < samples; ++s) {
                 stage(tile, (sample + s) * in_.geometry.groups + group, s, steps, lanes, values, buffers);
             }
-            if (by_tap()) {
+            if (by_tap() && (buffers.noted_tile != tile.index || buffers.noted_samples != samples)) {
                 note_taps(tile, samples, buffers);
             }
             for (std::int64_t lane = lanes.begin; lane < lanes.end; lane += panel) {
@@ -193,6 +195,8 @@ class WeightSum {
                 ++tap;
             }
         }
+        buffers.noted_tile = tile.index;
+        buffers.noted_samples = samples;
     }
 
     // The positions of a tile's range where a tap meets the image, from the first one of the tile on.
