@@ -15,6 +15,8 @@ if(ORNIK_LEVELS AND CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
   list(REMOVE_ITEM front_sources ${long_sources})
   set_property(SOURCE ${front_sources} APPEND PROPERTY COMPILE_OPTIONS $<$<CONFIG:Release>:-O2>)
   set_property(SOURCE ${long_sources} APPEND PROPERTY COMPILE_OPTIONS $<$<CONFIG:Release>:-Os>)
+  # Headers compiled for speed are refused there.
+  set_property(SOURCE ${long_sources} PROPERTY SKIP_PRECOMPILE_HEADERS ON)
 endif()
 
 set(level_sources ${other_sources})
