@@ -107,10 +107,10 @@ void stage_planes(const StagePlan& plan, const Tile& tile, const T* source, std:
             T* to = slots + c * plan.plane + span.slot;
             zero_pieces(to, span.begin);
             const T* first = plane + span.source;
+            for (std::int64_t k = 0; k < span.count * step; k += 64 / static_cast<std::int64_t>(sizeof(T))) {
+                vec::prefetch(first + plan.pass.source_plane() + k);
+            }
             if (step == 1) {
-                for (std::int64_t k = 0; k < span.count; k += 64 / static_cast<std::int64_t>(sizeof(T))) {
-                    vec::prefetch(first + plan.pass.source_plane() + k);
-                }
                 copy_row(as_real(first), span.count * parts<T>, as_real(to + span.begin));
             } else if (step == 2 && parts<T> == 1) {
                 copy_every_second(as_real(first), span.count, as_real(to + span.begin));
