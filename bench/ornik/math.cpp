@@ -58,8 +58,26 @@ void element_rows() {
     bench::row("pow/scalar/new", [=] { delete a->pow_scalar(1.5F); });
 }
 
+// Of both factors.
+void product_gradient_row(const std::string& product, const bench::Product& p) {
+    const std::int64_t type = p.float64 ? dtype::float64 : dtype::float32;
+    const TensorPtr a = filled({p.batch, p.rows, p.depth}, 1, type);
+    const TensorPtr b = filled({p.batch, p.depth, p.cols}, 2, type);
+    const TensorPtr g = filled({p.batch, p.rows, p.cols}, 3, type);
+    const TensorPtr a_grad = filled({p.batch, p.rows, p.depth}, 0, type);
+    const TensorPtr b_grad = filled({p.batch, p.depth, p.cols}, 0, type);
+    bench::row(
+        product + "/gradients",
+        [=] {
+            Tensor::bmm(g.get(), 0, b.get(), 1, a_grad.get());
+            Tensor::bmm(a.get(), 1, g.get(), 0, b_grad.get());
+        },
+        0, 2 * p.flops());
+}
+
 void product_rows() {
     for (const std::int64_t n : bench::product_sizes) {
+        product_gradient_row("dot/" + std::to_string(n), {"", 1, n, n, n});
         const TensorPtr a = filled({n, n}, 1);
         const TensorPtr b = filled({n, n}, 2);
         const TensorPtr c = filled({n, n}, 0);
@@ -81,6 +99,7 @@ void product_rows() {
         const TensorPtr c = filled({p.batch, p.rows, p.cols}, 0, type);
         bench::row(
             std::string("product/") + p.name, [=] { Tensor::bmm(a.get(), 0, b.get(), 0, c.get()); }, 0, p.flops());
+        product_gradient_row(std::string("product/") + p.name, p);
     }
 }
 

@@ -42,8 +42,32 @@ void element_rows() {
     bench::row("pow/scalar/new", [=] { at::pow(a, 1.5); });
 }
 
+// Of one matrix by the function for one.
+void multiply(at::Tensor& c, const at::Tensor& a, const at::Tensor& b) {
+    if (c.size(0) > 1) {
+        at::bmm_out(c, a, b);
+    } else {
+        at::Tensor matrix = c[0];
+        at::mm_out(matrix, a[0], b[0]);
+    }
+}
+
+void product_gradient_row(const std::string& product, const bench::Product& p) {
+    const at::ScalarType type = p.float64 ? at::kDouble : at::kFloat;
+    const at::Tensor a = filled({p.batch, p.rows, p.depth}, 1, type);
+    const at::Tensor b = filled({p.batch, p.depth, p.cols}, 2, type);
+    const at::Tensor g = filled({p.batch, p.rows, p.cols}, 3, type);
+    at::Tensor a_grad = filled({p.batch, p.rows, p.depth}, 0, type);
+    at::Tensor b_grad = filled({p.batch, p.depth, p.cols}, 0, type);
+    bench::row(product + "/gradients", [=]() mutable {
+        multiply(a_grad, g, b.transpose(1, 2));
+        multiply(b_grad, a.transpose(1, 2), g);
+    });
+}
+
 void product_rows() {
     for (const std::int64_t n : bench::product_sizes) {
+        product_gradient_row("dot/" + std::to_string(n), {"", 1, n, n, n});
         const at::Tensor a = filled({n, n}, 1);
         const at::Tensor b = filled({n, n}, 2);
         at::Tensor c = filled({n, n}, 0);
@@ -61,15 +85,8 @@ void product_rows() {
         const at::Tensor a = filled({p.batch, p.rows, p.depth}, 1, type);
         const at::Tensor b = filled({p.batch, p.depth, p.cols}, 2, type);
         at::Tensor c = filled({p.batch, p.rows, p.cols}, 0, type);
-        // One matrix by the function for one.
-        bench::row(std::string("product/") + p.name, [=]() mutable {
-            if (c.size(0) > 1) {
-                at::bmm_out(c, a, b);
-            } else {
-                at::Tensor matrix = c[0];
-                at::mm_out(matrix, a[0], b[0]);
-            }
-        });
+        bench::row(std::string("product/") + p.name, [=]() mutable { multiply(c, a, b); });
+        product_gradient_row(std::string("product/") + p.name, p);
     }
 }
 
