@@ -155,7 +155,7 @@ void multiply_rows_apart(const Factors<T>& f) {
 
 // Would some workers have notably more columns than others?
 template <typename T>
-bool has_uneven_shares(const Factors<T>& f) {
+bool parts_unevenly_by_cols(const Factors<T>& f) {
     const std::int64_t workers = usable_processors();
     return f.panels() < 3 * workers && f.cols % (workers * TileShape<T>::cols) != 0;
 }
@@ -176,7 +176,7 @@ void multiply(const Factors<T>& f) {
     constexpr std::int64_t most_rows = 2 * near_bytes_of_a / (block_depth * sizeof(T));
     if (f.rows > most_rows || (f.rows > f.cols && f.panels() < 2 * usable_processors())) {
         multiply_by_rows<T, Swapped>(f);
-    } else if (f.rows >= f.cols && (has_uneven_shares(f) || is_crowding(f.a)) &&
+    } else if (f.rows >= f.cols && f.work() >= grain_work && (parts_unevenly_by_cols(f) || is_crowding(f.a)) &&
                is_read_in_place(f.b, parts_of(f.rows, TileShape<T>::rows))) {
         multiply_rows_apart<T, Swapped>(f);
     } else {
