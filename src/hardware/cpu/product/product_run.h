@@ -174,9 +174,10 @@ void multiply(const Factors<T>& f) {
     }
     // A block of A stays in the second level of cache.
     constexpr std::int64_t most_rows = 2 * near_bytes_of_a / (block_depth * sizeof(T));
-    if (f.rows > most_rows || (f.rows > f.cols && f.panels() < 2 * usable_processors())) {
+    const bool is_shared = f.work() >= grain_work;  // What is not is not cut, and lays out no more than it must.
+    if (f.rows > most_rows || (is_shared && f.rows > f.cols && f.panels() < 2 * usable_processors())) {
         multiply_by_rows<T, Swapped>(f);
-    } else if (f.rows >= f.cols && f.work() >= grain_work && (parts_unevenly_by_cols(f) || is_crowding(f.a)) &&
+    } else if (is_shared && f.rows >= f.cols && (parts_unevenly_by_cols(f) || is_crowding(f.a)) &&
                is_read_in_place(f.b, parts_of(f.rows, TileShape<T>::rows))) {
         multiply_rows_apart<T, Swapped>(f);
     } else {
