@@ -27,10 +27,11 @@ install_missing() {
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
 }
 
-# What CMake is told where there is a compiler cache, which sees through compiled headers with these settings.
+# What CMake is told where there is a compiler cache, which sees through compiled headers with these settings. Without
+# the second it takes those of a header for those of another that differs in comments alone, and the compiler does not.
 compile_options=()
 if command -v ccache >/dev/null 2>&1; then
-    export CCACHE_SLOPPINESS=pch_defines,time_macros
+    export CCACHE_SLOPPINESS=pch_defines,time_macros CCACHE_DEPEND=1
     compile_options=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DORNIK_PRECOMPILE=ON)
 fi
 
