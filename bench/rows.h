@@ -57,6 +57,7 @@ struct Conv {
     int kernel, stride, padding;
     std::int64_t groups;
     bool transposed;
+    bool float64 = false;
     /// Multiplications and additions of the forward pass.
     std::int64_t flops() const {
         const std::int64_t out = (side + 2 * padding - kernel) / stride + 1;
@@ -93,6 +94,16 @@ inline constexpr Conv convolutions[] = {
     {"depthwise/1024/7_b1", 1, 1024, 1024, 7, 3, 1, 1, 1024, false},
     {"depthwise_stride2/64/112_b1", 1, 64, 64, 112, 3, 2, 1, 64, false},
     {"depthwise_stride2/128/56_b1", 1, 128, 128, 56, 3, 2, 1, 128, false},
+    {"float64/3x3/64_64", 32, 64, 64, 32, 3, 1, 1, 1, false, true},
+    {"float64/3x3/128_128/28_b1", 1, 128, 128, 28, 3, 1, 1, 1, false, true},
+    {"float64/3x3/256_256/14_b8", 8, 256, 256, 14, 3, 1, 1, 1, false, true},
+    {"float64/3x3/512_512/7_b8", 8, 512, 512, 7, 3, 1, 1, 1, false, true},
+    {"float64/3x3_stride2/128_128/56_b1", 1, 128, 128, 56, 3, 2, 1, 1, false, true},
+    {"float64/1x1/64_256/56_b1", 1, 64, 256, 56, 1, 1, 0, 1, false, true},
+    {"float64/1x1/1024_256/14_b1", 1, 1024, 256, 14, 1, 1, 0, 1, false, true},
+    {"float64/7x7_stride2/3_64/224_b1", 1, 3, 64, 224, 7, 2, 3, 1, false, true},
+    {"float64/depthwise/128/56_b1", 1, 128, 128, 56, 3, 1, 1, 128, false, true},
+    {"float64/transposed4x4_stride2/64_32", 8, 64, 32, 28, 4, 2, 1, 1, true, true},
 };
 
 /// Inputs of the layer rows: images [N, C, H, W], and rows of features.

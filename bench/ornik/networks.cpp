@@ -20,9 +20,10 @@ void convolution_rows() {
         const std::shared_ptr<ornik::Layer> layer(
             c.transposed ? ornik::_ConvT2D(outputs, kernel, strides, padding, true, groups, ones, zeros, "")
                          : ornik::_Conv2D(outputs, kernel, strides, padding, true, groups, ones, ""));
-        const TensorPtr x = filled({c.batch, c.inputs, c.side, c.side}, 1);
-        const TensorPtr w = filled({c.outputs, c.inputs / c.groups, c.kernel, c.kernel}, 2);
-        const TensorPtr b = filled({c.outputs}, 3);
+        const std::int64_t type = c.float64 ? dtype::float64 : dtype::float32;
+        const TensorPtr x = filled({c.batch, c.inputs, c.side, c.side}, 1, type);
+        const TensorPtr w = filled({c.outputs, c.inputs / c.groups, c.kernel, c.kernel}, 2, type);
+        const TensorPtr b = filled({c.outputs}, 3, type);
         const TensorPtr g(layer->forward_dyn(w.get(), b.get(), x.get()));
         g->fill_(1);
         bench::row(

@@ -18,7 +18,7 @@ void prepared_rows() {
         }
     }
     for (const Conv& c : convolutions) {
-        if (!c.transposed) {
+        if (!c.transposed && !c.float64) {
             nn::ConvParameters parameters;
             parameters.stride = {c.stride, c.stride};
             parameters.padding = {{{c.padding, c.padding}, {c.padding, c.padding}}};

@@ -12,10 +12,11 @@ namespace {
 
 void convolution_rows() {
     for (const bench::Conv& c : bench::convolutions) {
-        const at::Tensor x = filled({c.batch, c.inputs, c.side, c.side}, 1);
-        const at::Tensor w = c.transposed ? filled({c.inputs, c.outputs / c.groups, c.kernel, c.kernel}, 2)
-                                          : filled({c.outputs, c.inputs / c.groups, c.kernel, c.kernel}, 2);
-        const at::Tensor b = filled({c.outputs}, 3);
+        const at::ScalarType type = c.float64 ? at::kDouble : at::kFloat;
+        const at::Tensor x = filled({c.batch, c.inputs, c.side, c.side}, 1, type);
+        const at::Tensor w = c.transposed ? filled({c.inputs, c.outputs / c.groups, c.kernel, c.kernel}, 2, type)
+                                          : filled({c.outputs, c.inputs / c.groups, c.kernel, c.kernel}, 2, type);
+        const at::Tensor b = filled({c.outputs}, 3, type);
         const std::vector<std::int64_t> stride(2, c.stride), padding(2, c.padding), ones(2, 1), zeros(2, 0);
         const auto forward = [=] {
             return at::convolution(x, w, b, stride, padding, ones, c.transposed, zeros, c.groups);
